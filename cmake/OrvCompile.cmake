@@ -1,0 +1,53 @@
+# How everything in this tree is compiled: one language level, one set of warnings, hidden symbols, hardening.
+
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
+
+find_program(ORV_CCACHE ccache)
+if(ORV_CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${ORV_CCACHE})
+endif()
+
+set(THREADS_PREFER_PTHREAD_FLAG ON)
+find_package(Threads REQUIRED)
+
+# Relative source names keep a build folder out of log lines, coverage and debug information.
+add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wcast-align -Woverloaded-virtual
+                    -Wconversion -Wsign-conversion -Wformat=2 -Wimplicit-fallthrough)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  add_compile_options(-Wthread-safety)
+endif()
+if(ORV_WARNINGS_AS_ERRORS)
+  add_compile_options(-Werror)
+endif()
+
+add_compile_options(-fstack-protector-strong)
+if(CMAKE_BUILD_TYPE MATCHES "Rel" AND NOT ORV_SANITIZE)
+  add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+endif()
+add_compile_options(-ffunction-sections -fdata-sections)
+add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack -Wl,--as-needed)
+if(NOT ORV_SANITIZE AND NOT ORV_COVERAGE)
+  add_link_options(-Wl,--gc-sections)
+endif()
+
+if(ORV_SANITIZE)
+  add_compile_options(-fsanitize=${ORV_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${ORV_SANITIZE})
+else()
+  add_link_options(LINKER:--no-undefined)
+endif()
+
+if(ORV_COVERAGE)
+  add_compile_options(--coverage -fprofile-update=atomic)
+  add_link_options(--coverage)
+endif()

@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <memory>
+#include <string>
+
+#pragma GCC visibility push(default)
+namespace CommonUtils::Networking {
+
+/// Commands to the connection manager (ConnMan), which owns the gateway's routes and name servers.
+/// No call waits for the connection manager or for its bus: questions are answered from the last known picture, orders
+/// are accepted and carried out in the background. Callable from any thread; nothing is thrown.
+class ConnmanCommands {
+public:
+    /// The one instance of the process, made on first use.
+    static ConnmanCommands& GetInstance();
+
+    /// The interface of the first service in the connection manager's order, when that service is connected; empty when
+    /// it is not, when there is no service, or while the connection manager is away.
+    std::string GetTopPriorityInterface();
+
+    /// Asks that the service of `interfaceName` comes first, so that it carries the default route. Returns at once.
+    /// Of several requests that have not been carried out yet only the latest counts.
+    /// @return false when it is plain already that the request cannot be carried out now (no connected service on that
+    ///         interface); true when it was accepted or is fulfilled already. True is no promise: the order shows in
+    ///         GetTopPriorityInterface once it has changed.
+    bool SetTopPriorityInterface(const std::string& interfaceName);
+
+    /// Sets the name servers of the interface's service. Empty strings are left out; two empty strings give the servers
+    /// back to what the network offers. Returns at once, of several requests for one interface the latest counts.
+    /// @return false when it is plain already that the request cannot be carried out now, true otherwise.
+    bool SetDnsConfiguration(const std::string& interfaceName, const std::string& first, const std::string& second);
+
+    ConnmanCommands(const ConnmanCommands&) = delete;
+    ConnmanCommands& operator=(const ConnmanCommands&) = delete;
+
+    /// The working part, defined by the implementation.
+    class Worker;
+
+private:
+    ConnmanCommands();
+    ~ConnmanCommands();
+
+    std::unique_ptr<Worker> worker;
+};
+
+} // namespace CommonUtils::Networking
+#pragma GCC visibility pop

@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <memory>
+#include <string>
+
+#pragma GCC visibility push(default)
+namespace QUILMQTT {
+
+/// One connection to the gateway's local MQTT broker; a class that wants messages derives from it.
+///
+/// Threads: every operation may be called from any thread, from inside the callbacks too. The callbacks run on the
+/// connection's own delivery thread, one at a time and in the order of arrival, and never while an internal lock is
+/// held. A callback that takes its time delays the callbacks of this connection, not those of another.
+///
+/// Offline: nothing is queued. A command that could arrive minutes late is worse than one refused, so a publication
+/// without a connection returns a non-zero status at once and is never sent later.
+///
+/// Reconnection: a connection that was once made and then lost is made again by itself, at growing intervals (0.25 s
+/// doubling to 4 s, with jitter). Then, in this order: the subscriptions are made again; what the broker may have
+/// forgotten is published again, namely the last payload of every retained topic that this object has published and the
+/// last message that it published on its will's topic; then OnConnect is called.
+///
+/// Destruction: a class that overrides a callback calls StopDelivery() first thing in its destructor, otherwise a
+/// message may be delivered into an object whose members are gone. Destruction with an open connection drops it without
+/// a good-bye, so that the broker publishes the last will. An object may be destroyed inside its own callback.
+class QueueOwner {
+public:
+    /// Makes an unconnected client. No network activity, no thread.
+    /// @param clientId how the broker knows this client. The configured client-id suffix is appended, so that several
+    ///                 applications on one gateway do not throw each other off the broker.
+    explicit QueueOwner(const std::string& clientId);
+    virtual ~QueueOwner();
+    QueueOwner(const QueueOwner&) = delete;
+    QueueOwner& operator=(const QueueOwner&) = delete;
+
+    /// A message has arrived on a subscribed filter. Both strings may hold any bytes. Does nothing by default.
+    virtual void OnPublish(const std::string& topic, const std::string& message);
+
+    /// The connection stands, for the first time or again, subscriptions and retained state included.
+    /// Does nothing by default.
+    virtual void OnConnect();
+
+    /// A publication made with `assured` has been acknowledged by the broker. Does nothing by default.
+    virtual void OnDeliveryCompleted(const std::string& topic);
+
+    /// Connects to the configured broker and waits for its answer, at most 3 s.
+    /// A second call while connected says good-bye and connects anew; without a will in the first form, with the new
+    /// will in the second. Subscriptions made before are forgotten with the old connection.
+    /// @return true when the broker has accepted the connection. After false nothing is retried: call again.
+    bool Connect();
+
+    /// @param willTopic, willMessage, willRetained  what the broker publishes when the connection ends without Disconnect()
+    bool Connect(const std::string& willTopic, const std::string& willMessage, bool willRetained);
+
+    /// Asks for the messages that match `filter`. Does not wait for the broker.
+    /// @return true when the request went out; false without a connection or for a malformed filter or qos.
+    bool Subscribe(const std::string& filter, int qos);
+
+    /// Publishes a message. Does not wait: neither for the broker nor for room in the socket.
+    /// @param assured true for at-least-once delivery (QoS 1), false for at most once (QoS 0)
+    /// @return 0 when the message was handed to the connection, otherwise a status that says why not: nothing was sent.
+    int PublishMessage(const std::string& topic, const std::string& payload, bool assured);
+
+    /// The same, and the broker keeps the message for those who subscribe later.
+    int PublishRetainedMessage(const std::string& topic, const std::string& payload, bool assured);
+
+    /// Says good-bye (the last will stays silent) and closes the connection, within 1 s also when the broker is mute.
+    /// What was published before is sent first. No callback begins after it has returned.
+    /// @return true when there was a connection to close.
+    bool Disconnect();
+
+protected:
+    /// After it returns no OnPublish runs or will run, until the next Connect(). Callable on the delivery thread too,
+    /// where the callback under way is the last one. Not a Disconnect: the connection stays as it is.
+    void StopDelivery() noexcept;
+
+private:
+    class Core;
+    std::shared_ptr<Core> core;
+};
+
+} // namespace QUILMQTT
+#pragma GCC visibility pop
