@@ -18,6 +18,15 @@ endif()
 set(THREADS_PREFER_PTHREAD_FLAG ON)
 find_package(Threads REQUIRED)
 
+# 32-bit processors have no 64-bit atomics of their own; there they come from a library.
+include(CheckCXXSourceCompiles)
+check_cxx_source_compiles("#include <atomic>
+std::atomic<unsigned long long> value;
+int main() { return static_cast<int>(value++); }" ORV_HAS_ATOMIC64)
+if(NOT ORV_HAS_ATOMIC64)
+  string(APPEND CMAKE_CXX_STANDARD_LIBRARIES " -Wl,--push-state,--as-needed -latomic -Wl,--pop-state")
+endif()
+
 # Relative source names keep a build folder out of log lines, coverage and debug information.
 add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
 
