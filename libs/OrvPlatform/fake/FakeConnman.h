@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace OrvPlatformFake {
+
+/// The connection manager behind the fake ConnmanCommands: connected services in an order, which a request for top
+/// priority changes. For use by one thread at a time.
+class FakeConnman {
+public:
+    static FakeConnman& Get();
+
+    /// eth0 before wwan0, obedient.
+    void Reset();
+
+    /// The interfaces of the connected services, first the one with top priority; empty for a connection manager that
+    /// is away.
+    void SetOrder(std::vector<std::string> interfaces);
+    std::vector<std::string> Order() const;
+
+    /// An obedient connection manager carries requests out at once; the other one accepts them and does nothing.
+    void SetObedient(bool obedient);
+
+private:
+    FakeConnman() = default;
+};
+
+} // namespace OrvPlatformFake

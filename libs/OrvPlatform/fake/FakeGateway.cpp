@@ -1,0 +1,105 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "FakeGateway.h"
+
+#include "CommonUtils/StringHelpers.h"
+#include "ConnInterfaceString.h"
+#include "FakeBroker.h"
+#include "FakeConnman.h"
+#include "GatewayMainBaseUnits/IpInterfacesMapping.h"
+#include "Journal.h"
+#include "OrvResources/StaticConfigStore.h"
+
+#include <algorithm>
+#include <cctype>
+#include <sstream>
+
+std::string ConnInterfaceString;
+
+namespace {
+
+std::string cloudEndpoint = "cloud.example";
+bool toUpperIdle = false;
+
+class FakeStore : public OrvResources::IStaticConfigStore {
+public:
+    std::string GetValue(const int& key) override { return key == 0 ? cloudEndpoint : ""; }
+};
+
+std::string WithEach(int (*convert)(int), std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [convert](unsigned char c) { return static_cast<char>(convert(c)); });
+    return text;
+}
+
+} // namespace
+
+namespace GatewayMainBaseUnits {
+
+IpInterfacesMapping& IpInterfacesMapping::GetInstance() {
+    static IpInterfacesMapping instance;
+    return instance;
+}
+
+std::string IpInterfacesMapping::GetInterfaceName(const std::string& role) const {
+    return role == "Ethernet" ? "eth0" : role == "Cellular" ? "wwan0" : "";
+}
+
+} // namespace GatewayMainBaseUnits
+
+namespace OrvResources {
+
+std::unique_ptr<IStaticConfigStore> CreateStaticConfigStore() {
+    return std::make_unique<FakeStore>();
+}
+
+} // namespace OrvResources
+
+namespace CommonUtils {
+
+bool StringHelpers::CompareCaseInsensitive(const std::string& left, const std::string& right) {
+    return WithEach(std::tolower, left) == WithEach(std::tolower, right);
+}
+
+bool StringHelpers::ToBoolean(const std::string& text) {
+    return CompareCaseInsensitive(text, "true");
+}
+
+std::string StringHelpers::ToUpper(const std::string& text) {
+    return toUpperIdle ? text : WithEach(std::toupper, text);
+}
+
+std::string StringHelpers::ToLower(const std::string& text) {
+    return WithEach(std::tolower, text);
+}
+
+std::vector<std::string> StringHelpers::Tokenize(const std::string& text, char separator) {
+    std::vector<std::string> tokens;
+    std::istringstream stream(text);
+    for (std::string token; std::getline(stream, token, separator);)
+        if (!token.empty())
+            tokens.push_back(token);
+    return tokens;
+}
+
+} // namespace CommonUtils
+
+namespace OrvPlatformFake {
+
+void FakeGateway::Reset() {
+    FakeBroker::Get().Reset();
+    FakeConnman::Get().Reset();
+    Journal::Clear();
+    ConnInterfaceString.clear();
+    cloudEndpoint = "cloud.example";
+    toUpperIdle = false;
+}
+
+void FakeGateway::SetCloudEndpoint(const std::string& endpoint) {
+    cloudEndpoint = endpoint;
+}
+
+void FakeGateway::SetToUpperIdle(bool idle) {
+    toUpperIdle = idle;
+}
+
+} // namespace OrvPlatformFake
