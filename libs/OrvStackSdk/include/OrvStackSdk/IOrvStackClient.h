@@ -15,8 +15,8 @@ namespace OrvStackSdk {
 /// Order: SetHandler, Init, Start, then Tick periodically and any requests, then Stop, DeInit, and the release of the
 /// last pointer. The order is not enforced: requests are passed on in any state.
 ///
-/// Threads: the client has no thread of its own. All calls are expected on one thread of the application, or from inside
-/// a callback. EventUpdateRequest, Tick and CloudReconnectNeeded are safe from any thread.
+/// Threads: the client has no thread of its own. All calls are expected on one thread of the application, or from
+/// inside a callback. EventUpdateRequest, Tick and CloudReconnectNeeded are safe from any thread.
 ///
 /// Blocking: Init waits for the broker, at most 3 s, and DeInit at most 1 s. Nothing else waits.
 ///
@@ -59,7 +59,8 @@ public:
     /// Reports a connectivity event. LEDs, status messages, status files and the route supervision follow from it.
     virtual void EventUpdateRequest(const OrvEvent& event) = 0;
 
-    /// True once after each switch of the WAN route: the application then connects to the cloud anew. Ask after each tick.
+    /// True once after each switch of the WAN route: the application then connects to the cloud anew. Ask after each
+    /// tick.
     virtual bool CloudReconnectNeeded() = 0;
 
     /// Asks every application to prepare for shutdown; they answer through OnFeatureShutdownReadinessIndication.

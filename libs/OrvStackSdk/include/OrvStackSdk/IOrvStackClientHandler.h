@@ -19,8 +19,8 @@ class ORVSTACKSDK_EXPORT IOrvStackClientHandler {
 public:
     virtual ~IOrvStackClientHandler() = default;
 
-    /// The answer to Init: ACK when the broker was reached, NACK when not (call Init again to retry). It comes before the
-    /// subscriptions are made.
+    /// The answer to Init: ACK when the broker was reached, NACK when not (call Init again to retry). It comes before
+    /// the subscriptions are made.
     virtual void OnInitConfirmation(const Confirmation& confirmation) = 0;
 
     /// This application is ordered to do something. RELOAD does not come while the application is BOOTING: the client
