@@ -1,0 +1,244 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "OrvRoute.h"
+
+#include "OrvTopics.h"
+
+#include <atomic>
+#include <stdexcept>
+#include <utility>
+
+namespace OrvStackSdk {
+
+namespace {
+
+using CommonUtils::Networking::ConnmanCommands;
+using GatewayMainBaseUnits::IpInterfacesMapping;
+using std::chrono::seconds;
+
+constexpr seconds CELL_SWITCH_DELAY{10};
+constexpr seconds CELL_POKE_TIMEOUT{20};
+constexpr seconds TOP_INTERFACE_TIMEOUT{3};
+constexpr seconds ETH_POKE_GRACE{2};
+constexpr seconds ETH_SETTLE_DELAY{5};
+
+constexpr int POKE_ENDPOINT_KEY = 0;
+constexpr int CRITICAL = 5;
+constexpr bool ASSURED = true;
+constexpr const char* CANNOT_CONNECT = "OrvRoute cannot connect to MQTT broker.";
+
+// Keeps the cloud-connected line to one per episode, for all routes of the process.
+std::atomic<bool> cloudConnectionReported{false};
+
+} // namespace
+
+OrvRoute::OrvRoute(Now clock)
+    : QueueOwner("OrvRoute"),
+      ethernetInterface(IpInterfacesMapping::GetInstance().GetInterfaceName("Ethernet")),
+      cellularInterface(IpInterfacesMapping::GetInstance().GetInterfaceName("Cellular")),
+      logger("OrvRoute", 0),
+      now(std::move(clock)) {
+    pokeUrl = "https://" + OrvResources::CreateStaticConfigStore()->GetValue(POKE_ENDPOINT_KEY);
+    ConnmanCommands::GetInstance().SetTopPriorityInterface(ethernetInterface);
+    if (!Connect()) {
+        quillogger::LogWrapper::Log(CRITICAL, false, "libs/OrvStackSdk/src/OrvRoute", 37,
+                                    "OrvStackSdk::OrvRoute::OrvRoute()", CANNOT_CONNECT);
+        throw std::runtime_error(CANNOT_CONNECT);
+    }
+}
+
+OrvRoute::~OrvRoute() {
+    StopDelivery();
+    Disconnect();
+}
+
+void OrvRoute::UpdateRoute(bool cloudIsConnected, bool ethernetHasIp, bool cellularHasIp) {
+    const std::lock_guard<std::mutex> lock(routeMutex);
+    cloudConnected = cloudIsConnected;
+    ethernetIpUp = ethernetHasIp;
+    cellularIpUp = cellularHasIp;
+    if (!cloudConnected)
+        cloudLostSinceSwitch = true;
+
+    const bool cellularChosen = state == RouteState::SWITCHING_TO_CELLULAR || state == RouteState::CELLULAR_ACTIVE;
+    ConnmanCommands::GetInstance().SetTopPriorityInterface(cellularChosen ? cellularInterface : ethernetInterface);
+}
+
+bool OrvRoute::CloudReconnectNeeded() {
+    const std::lock_guard<std::mutex> lock(routeMutex);
+    return std::exchange(reconnectNeeded, false);
+}
+
+void OrvRoute::Tick() {
+    const std::lock_guard<std::mutex> lock(routeMutex);
+    const bool pokeSucceeded = pokeRunning && DoPoke();
+    state = Step(pokeSucceeded);
+}
+
+OrvRoute::RouteState OrvRoute::Step(bool pokeSucceeded) {
+    switch (state) {
+    case RouteState::ETHERNET_ACTIVE:
+        return EthernetActive();
+    case RouteState::ETHERNET_LOST_DELAY:
+        return EthernetLostDelay();
+    case RouteState::POKING_CELLULAR:
+        return PokingCellular(pokeSucceeded);
+    case RouteState::SWITCHING_TO_CELLULAR:
+        return SwitchingToCellular();
+    case RouteState::CELLULAR_ACTIVE:
+        return CellularActive(pokeSucceeded);
+    case RouteState::SWITCHING_TO_ETHERNET:
+        return SwitchingToEthernet();
+    case RouteState::ETHERNET_SETTLE_DELAY:
+        return EthernetSettleDelay();
+    }
+    return state;
+}
+
+OrvRoute::RouteState OrvRoute::EthernetActive() {
+    if (!cloudConnected) {
+        Stamp();
+        logger.Debug("Tick") << "eth cloud lost, start delay to cell";
+        cloudConnectionReported = false;
+        return RouteState::ETHERNET_LOST_DELAY;
+    }
+    ReportCloudConnectedWith("Ethernet");
+    return RouteState::ETHERNET_ACTIVE;
+}
+
+OrvRoute::RouteState OrvRoute::EthernetLostDelay() {
+    if (cloudConnected && !ethernetIpUp && cellularIpUp) {
+        PublishDns(Words::DNS_INHIBIT);
+        logger.Debug("Tick") << "cell cloud reconnected by itself";
+        return RouteState::CELLULAR_ACTIVE;
+    }
+    if (cloudConnected) {
+        logger.Debug("Tick") << "eth cloud reconnected by itself";
+        return RouteState::ETHERNET_ACTIVE;
+    }
+    if (!ElapsedAtLeast(CELL_SWITCH_DELAY) || !cellularIpUp || pokeRunning)
+        return RouteState::ETHERNET_LOST_DELAY;
+    StartPoke(cellularInterface);
+    PublishDns(Words::DNS_INHIBIT);
+    logger.Debug("Tick") << "Started Poke to cell if " << pokeInterface;
+    return RouteState::POKING_CELLULAR;
+}
+
+OrvRoute::RouteState OrvRoute::PokingCellular(bool pokeSucceeded) {
+    if (pokeRunning && pokeSucceeded) {
+        ConnmanCommands::GetInstance().SetTopPriorityInterface(cellularInterface);
+        pokeRunning = false;
+        Stamp();
+        logger.Debug("Tick") << "poke success, route to Cell";
+        return RouteState::SWITCHING_TO_CELLULAR;
+    }
+    if (!cloudConnected && cellularIpUp && !ElapsedAtLeast(CELL_POKE_TIMEOUT))
+        return RouteState::POKING_CELLULAR;
+    if (pokeRunning) {
+        pokeRunning = false;
+        CleanPoke();
+        PublishDns(Words::DNS_PERMIT);
+    }
+    logger.Debug("Tick") << "poke cell aborted";
+    return RouteState::ETHERNET_ACTIVE;
+}
+
+OrvRoute::RouteState OrvRoute::SwitchingToCellular() {
+    if (ConnmanCommands::GetInstance().GetTopPriorityInterface() == cellularInterface) {
+        // No stamp: the grace time of the Ethernet poke counts from the start of that poke.
+        reconnectNeeded = true;
+        logger.Debug("Tick") << "route is Cell, reconnecting";
+        ReportCloudConnectedWith("Cellular");
+        return RouteState::CELLULAR_ACTIVE;
+    }
+    if (!ElapsedAtLeast(TOP_INTERFACE_TIMEOUT))
+        return RouteState::SWITCHING_TO_CELLULAR;
+    PublishDns(Words::DNS_PERMIT);
+    ConnmanCommands::GetInstance().SetTopPriorityInterface(ethernetInterface);
+    logger.Error() << "Failed to set " << cellularInterface << " as top interface, restarting SM";
+    return RouteState::ETHERNET_ACTIVE;
+}
+
+OrvRoute::RouteState OrvRoute::CellularActive(bool pokeSucceeded) {
+    if (ethernetIpUp && !pokeRunning) {
+        StartPoke(ethernetInterface);
+        dnsInhibited = true;
+        logger.Debug("Tick") << "Started Poke eth if " << pokeInterface;
+    }
+    if (!pokeRunning)
+        return RouteState::CELLULAR_ACTIVE;
+    // The poke's handles stay: when Ethernet's address returns, the attempt goes on where it was.
+    if (!ethernetIpUp && ElapsedAtLeast(ETH_POKE_GRACE))
+        pokeRunning = false;
+    MirrorCellularOnDnsTopic();
+    if (!pokeRunning || !pokeSucceeded)
+        return RouteState::CELLULAR_ACTIVE;
+
+    ConnmanCommands::GetInstance().SetDnsConfiguration(cellularInterface, "0.0.0.0", "");
+    PublishDns(Words::DNS_PERMIT);
+    pokeRunning = false;
+    ConnmanCommands::GetInstance().SetTopPriorityInterface(ethernetInterface);
+    Stamp();
+    logger.Debug("Tick") << "poke success, route to ETH";
+    cloudConnectionReported = false;
+    return RouteState::SWITCHING_TO_ETHERNET;
+}
+
+OrvRoute::RouteState OrvRoute::SwitchingToEthernet() {
+    if (ConnmanCommands::GetInstance().GetTopPriorityInterface() == ethernetInterface) {
+        reconnectNeeded = true;
+        cloudLostSinceSwitch = false;
+        Stamp();
+        logger.Debug("Tick") << "route is eth, reconnecting";
+        return RouteState::ETHERNET_SETTLE_DELAY;
+    }
+    if (!ElapsedAtLeast(TOP_INTERFACE_TIMEOUT))
+        return RouteState::SWITCHING_TO_ETHERNET;
+    ConnmanCommands::GetInstance().SetTopPriorityInterface(ethernetInterface);
+    ConnmanCommands::GetInstance().SetDnsConfiguration(cellularInterface, "", "");
+    logger.Error() << "Failed to set " << ethernetInterface << " as top interface, restarting SM";
+    return RouteState::ETHERNET_ACTIVE;
+}
+
+OrvRoute::RouteState OrvRoute::EthernetSettleDelay() {
+    // A cloud seen lost after the switch has let go of the old path: no need to wait longer.
+    if (!cloudLostSinceSwitch && !ElapsedAtLeast(ETH_SETTLE_DELAY))
+        return RouteState::ETHERNET_SETTLE_DELAY;
+    ConnmanCommands::GetInstance().SetDnsConfiguration(cellularInterface, "", "");
+    logger.Debug("Tick") << "cell to eth delay done";
+    return RouteState::ETHERNET_ACTIVE;
+}
+
+void OrvRoute::StartPoke(const std::string& interfaceName) {
+    pokeRunning = true;
+    pokeInterface = interfaceName;
+    Stamp();
+}
+
+void OrvRoute::MirrorCellularOnDnsTopic() {
+    if (cellularIpUp == dnsInhibited)
+        return;
+    PublishDns(cellularIpUp ? Words::DNS_INHIBIT : Words::DNS_PERMIT);
+    dnsInhibited = cellularIpUp;
+}
+
+void OrvRoute::ReportCloudConnectedWith(const char* path) {
+    if (cloudConnectionReported)
+        return;
+    ConnInterfaceString = path;
+    logger.Debug("Tick") << " Cloud connected with " << ConnInterfaceString << " interface";
+    cloudConnectionReported = true;
+}
+
+void OrvRoute::PublishDns(const char* word) {
+    PublishRetainedMessage(Topics::INHIBIT_DNS, word, ASSURED);
+}
+
+void OrvRoute::Stamp() {
+    stateSince = now();
+}
+
+bool OrvRoute::ElapsedAtLeast(Clock::duration delay) const {
+    return now() - stateSince >= delay;
+}
+
+} // namespace OrvStackSdk

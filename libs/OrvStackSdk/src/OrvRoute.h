@@ -1,0 +1,96 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "Platform.h"
+
+#include <chrono>
+#include <cstdint>
+#include <curl/curl.h>
+#include <functional>
+#include <mutex>
+#include <string>
+
+namespace OrvStackSdk {
+
+/// Supervises which WAN interface carries the default route. Ethernet is preferred; Cellular takes over when the cloud
+/// is lost on Ethernet and a TLS connection over Cellular has proved that the cloud side is reachable there, and
+/// Ethernet gets the route back the same way. docs/route.md has the diagram.
+///
+/// Threads: every public operation may be called from any thread; each holds one mutex for its whole duration. A caller
+/// that holds a lock of its own takes that one first: the route calls back into nobody.
+/// Blocking: construction waits for the broker, at most 3 s. Nothing else waits for anything.
+class OrvRoute : public QUILMQTT::QueueOwner {
+public:
+    using Clock = std::chrono::steady_clock;
+    using Now = std::function<Clock::time_point()>;
+
+    /// Makes Ethernet the top-priority interface and connects to the broker.
+    /// @param now the monotonic clock that all delays are measured with
+    /// @throws std::runtime_error when the broker cannot be reached
+    explicit OrvRoute(Now now = &Clock::now);
+    ~OrvRoute() override;
+
+    /// Takes over the connectivity picture and re-asserts the present choice of interface with the connection manager.
+    void UpdateRoute(bool cloudIsConnected, bool ethernetHasIp, bool cellularHasIp);
+
+    /// Moves the state machine one step. All progress happens here.
+    void Tick();
+
+    /// True once after each completed switch.
+    bool CloudReconnectNeeded();
+
+private:
+    enum class RouteState : std::uint32_t {
+        ETHERNET_ACTIVE = 0,
+        ETHERNET_LOST_DELAY = 1,
+        POKING_CELLULAR = 2,
+        SWITCHING_TO_CELLULAR = 3,
+        CELLULAR_ACTIVE = 4,
+        SWITCHING_TO_ETHERNET = 5,
+        ETHERNET_SETTLE_DELAY = 6
+    };
+
+    // One step of each state. They run with the mutex held and return the next state.
+    RouteState EthernetActive();
+    RouteState EthernetLostDelay();
+    RouteState PokingCellular(bool pokeSucceeded);
+    RouteState SwitchingToCellular();
+    RouteState CellularActive(bool pokeSucceeded);
+    RouteState SwitchingToEthernet();
+    RouteState EthernetSettleDelay();
+    RouteState Step(bool pokeSucceeded);
+
+    void StartPoke(const std::string& interfaceName);
+    void MirrorCellularOnDnsTopic();
+    void ReportCloudConnectedWith(const char* path);
+    void PublishDns(const char* word);
+    void Stamp();
+    bool ElapsedAtLeast(Clock::duration delay) const;
+
+    // The poke, in OrvRoutePoke.cpp: one TLS connection attempt bound to pokeInterface, driven one step a call.
+    bool SetupPoke();
+    bool DoPoke(); // true only when the attempt has ended with success in this call
+    bool ReadPokeResult();
+    void CleanPoke();
+
+    RouteState state = RouteState::ETHERNET_ACTIVE;
+    Clock::time_point stateSince;
+    bool cloudConnected = false;
+    bool ethernetIpUp = false;
+    bool cellularIpUp = false;
+    bool pokeRunning = false;
+    bool reconnectNeeded = false;
+    bool cloudLostSinceSwitch = true;
+    bool dnsInhibited = true;
+    CURL* easyHandle = nullptr;
+    CURLM* multiHandle = nullptr; // null exactly when no poke is set up
+    std::mutex routeMutex;        // guards all that changes
+    const std::string ethernetInterface;
+    const std::string cellularInterface;
+    std::string pokeInterface;
+    std::string pokeUrl;
+    CommonUtils::Logger logger;
+    const Now now;
+};
+
+} // namespace OrvStackSdk
