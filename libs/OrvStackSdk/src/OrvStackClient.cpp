@@ -1,0 +1,222 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "OrvStackClient.h"
+
+#include "OrvSessionMqtt.h"
+#include "OrvStackSdk/OrvStackSdk.h"
+
+#include <utility>
+
+namespace OrvStackSdk {
+
+namespace {
+
+constexpr int TRACE = 0;
+
+} // namespace
+
+std::shared_ptr<IOrvStackClient> CreateClient() {
+    quillogger::LogWrapper::Log(TRACE, false, "OrvStackClient", 30,
+                                "std::shared_ptr<OrvStackSdk::IOrvStackClient> OrvStackSdk::CreateClient()",
+                                "OrvStackSdk::CreateClient()");
+    const auto session = std::make_shared<OrvSessionMqtt>();
+    const auto client = std::make_shared<OrvStackClient>(session);
+    session->SetHandler(std::weak_ptr<IOrvSessionHandler>(client));
+    return client;
+}
+
+OrvStackClient::OrvStackClient(std::shared_ptr<IOrvSession> theSession)
+    : session(std::move(theSession)),
+      route(std::make_shared<OrvRoute>()),
+      statusHandler(std::make_unique<OrvStatusHandler>(session, route)),
+      logger("OrvStackClient", 0) {
+    logger.Trace("OrvStackClient");
+}
+
+OrvStackClient::~OrvStackClient() {
+    logger.Trace("~OrvStackClient");
+}
+
+void OrvStackClient::SetHandler(std::weak_ptr<IOrvStackClientHandler> newHandler) {
+    logger.Trace("SetHandler");
+    handler = std::move(newHandler);
+}
+
+void OrvStackClient::Init(const std::string& name) {
+    logger.Trace("Init") << "(appName=" << name << ")";
+    appName = name;
+    initialised = true;
+    session->InitRequest(name);
+}
+
+void OrvStackClient::DeInit() {
+    logger.Trace("DeInit");
+    Stop();
+    session->DeInitRequest();
+    initialised = false;
+}
+
+void OrvStackClient::Start() {
+    logger.Trace("Start");
+    running = true;
+    AppStatusRequest(AppStatus::AVAILABLE);
+    AppStatusRequest(AppStatus::BOOTING);
+}
+
+void OrvStackClient::Stop() {
+    logger.Trace("Stop");
+    running = false;
+}
+
+void OrvStackClient::Tick(std::chrono::milliseconds) {
+    route->Tick();
+}
+
+void OrvStackClient::AppStatusRequest(const AppStatus& status) {
+    logger.Trace("AppStatusRequest") << "(status=" << status << ")";
+    appStatus = status;
+    if (status == AppStatus::SUPPORTED)
+        session->FeatureSupportedRequest(appName, true);
+    else if (status == AppStatus::AVAILABLE)
+        session->FeatureAvailableRequest(appName, true);
+    else
+        session->FeatureInitRequest(appName, status);
+}
+
+void OrvStackClient::AppActionRequest(const std::string& app, const AppAction& action) {
+    logger.Trace("AppActionRequest") << "(App=" << app << ", AppAction=" << action << ")";
+    session->FeatureInitRequest(app, action);
+}
+
+void OrvStackClient::EventUpdateRequest(const OrvEvent& event) {
+    logger.Trace("EventUpdateRequest") << "(event=" << event << ")";
+    statusHandler->SetEvent(event);
+    if (event == OrvEvent::CLOUD_CONNECTED)
+        session->StatusEntConRequest(true);
+    else if (event == OrvEvent::CLOUD_DISCONNECTED)
+        session->StatusEntConRequest(false);
+}
+
+bool OrvStackClient::CloudReconnectNeeded() {
+    return route->CloudReconnectNeeded();
+}
+
+void OrvStackClient::RequestShutdown() {
+    session->FeaturePrepareForShutdownRequest();
+}
+
+void OrvStackClient::PanelCommandRequest(const std::string& command, int value) {
+    session->PanelCommandRequest(command, value);
+}
+
+void OrvStackClient::SendConnectionStatus(const std::string& status) {
+    session->SendConnectionStatus(status);
+}
+
+bool OrvStackClient::IsOwn(const std::string& app) const {
+    return CommonUtils::StringHelpers::CompareCaseInsensitive(app, appName);
+}
+
+void OrvStackClient::OnInitConfirmation(const Confirmation& confirmation) {
+    const auto receiver = handler.lock();
+    if (!receiver)
+        return;
+    logger.Trace("OnInitConfirmation") << "(confirmation=" << confirmation << ")"
+                                       << ": Calling OnInitConfirmation(" << confirmation << ")...";
+    receiver->OnInitConfirmation(confirmation);
+}
+
+// Availability, support and states are told about other applications only, actions about the own one only. The session
+// raises all of them for the own application only; so of these nothing but actions reaches the application.
+
+void OrvStackClient::OnFeatureAvailableIndication(const std::string& app, bool available) {
+    const auto receiver = handler.lock();
+    if (!receiver || IsOwn(app) || !available)
+        return;
+    logger.Trace("OnFeatureAvailableIndication")
+        << "(App=" << app << ", available=True)"
+        << ": Calling OnAppStatusIndication(" << AppStatus::AVAILABLE << ")...";
+    receiver->OnAppStatusIndication(app, AppStatus::AVAILABLE);
+}
+
+void OrvStackClient::OnFeatureSupportedIndication(const std::string& app, bool supported) {
+    const auto receiver = handler.lock();
+    if (!receiver || IsOwn(app) || !supported)
+        return;
+    logger.Trace("OnFeatureSupportedIndication")
+        << "(App=" << app << ", supported=True)"
+        << ": Calling OnAppStatusIndication(" << AppStatus::SUPPORTED << ")...";
+    receiver->OnAppStatusIndication(app, AppStatus::SUPPORTED);
+}
+
+void OrvStackClient::OnFeatureInitIndication(const std::string& app, const AppStatus& status) {
+    if (IsOwn(app))
+        return;
+    const auto receiver = handler.lock();
+    if (!receiver)
+        return;
+    logger.Trace("OnFeatureInitIndication") << "(App=" << app << ", initState=" << status << ")"
+                                            << ": Calling OnAppStatusIndication(" << status << ")...";
+    receiver->OnAppStatusIndication(app, status);
+}
+
+void OrvStackClient::OnFeatureInitIndication(const std::string& app, const AppAction& action) {
+    if (!IsOwn(app))
+        return;
+    if (appStatus == AppStatus::BOOTING && action == AppAction::RELOAD) {
+        logger.Trace("OnFeatureInitIndication")
+            << "(App=" << app << ", initState=" << action << ")"
+            << ": Rejecting RELOAD request. This application is already in state BOOTING";
+        AppStatusRequest(AppStatus::BOOTING);
+        return;
+    }
+    const auto receiver = handler.lock();
+    if (!receiver)
+        return;
+    logger.Trace("OnFeatureInitIndication") << "(App=" << app << ", initState=" << action << ")"
+                                            << ": Calling OnAppActionIndication(" << action << ")...";
+    receiver->OnAppActionIndication(action);
+}
+
+void OrvStackClient::OnDeviceProbeIndication(const std::string& guid) {
+    const auto receiver = handler.lock();
+    if (!receiver)
+        return;
+    logger.Trace("OnDeviceProbeIndication") << "(guid=" << guid << ")"
+                                            << ": Calling OnDeviceProbeIndication(" << guid << ")...";
+    receiver->OnDeviceProbeIndication(guid);
+}
+
+void OrvStackClient::OnDeviceConnectionStatusIndication(bool online) {
+    const auto receiver = handler.lock();
+    if (!receiver)
+        return;
+    logger.Trace("OnDeviceConnectionStatusIndication")
+        << "(online=" << online << ")"
+        << ": Calling OnDeviceOnlineStatusIndication(" << online << ")...";
+    receiver->OnDeviceOnlineStatusIndication(online);
+}
+
+void OrvStackClient::OnDeviceCellularStatusIndication(const CellularStatus& status, const std::string& value) {
+    const auto receiver = handler.lock();
+    if (!receiver)
+        return;
+    logger.Trace("OnDeviceCellularStatusIndication")
+        << "(status=" << status << ", value=" << value << ")"
+        << ": Calling OnDeviceCellularStatusIndication(" << status << ", " << value << ")...";
+    receiver->OnDeviceCellularStatusIndication(status, value);
+}
+
+void OrvStackClient::OnAppsControlEventIndication(const std::string&, const std::string&) {}
+
+void OrvStackClient::OnFeaturePrepareForShutdownIndication(const std::string&, const std::string&) {}
+
+void OrvStackClient::OnFeatureShutdownReadinessIndication(const std::string& app, bool ready) {
+    const auto receiver = handler.lock();
+    if (!receiver)
+        return;
+    logger.Trace("OnFeatureShutdownReadinessIndication") << "(App=" << app << ", ready=" << ready << ")"
+                                                         << ": Calling OnFeatureShutdownReadinessIndication()...";
+    receiver->OnFeatureShutdownReadinessIndication(app, ready);
+}
+
+} // namespace OrvStackSdk
