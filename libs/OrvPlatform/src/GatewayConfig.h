@@ -49,8 +49,8 @@ struct GatewayConfig {
     } connman;
 };
 
-/// The settings of this process, read once on first use. A broken file is reported on stderr with file, line and remedy,
-/// and the defaults stand in for what could not be read. Callable from any thread; never throws.
+/// The settings of this process, read once on first use. A broken file is reported on stderr with file, line and
+/// remedy, and the defaults stand in for what could not be read. Callable from any thread; never throws.
 const GatewayConfig& Config();
 
 } // namespace OrvPlatform
