@@ -1,10 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "LogLevels.h"
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace OrvPlatform {
 
@@ -35,9 +39,10 @@ struct GatewayConfig {
 
     struct Log {
         LogSink sink = LogSink::STDERR;
-        int level = 2; // 0 trace ... 5 critical, 6 off
+        LogLevels levels;
         std::string file;
         std::size_t fileMaxBytes = 1024 * 1024;
+        /// All files together, the current one included.
         std::size_t fileCount = 3;
     } log;
 
@@ -49,8 +54,37 @@ struct GatewayConfig {
     } connman;
 };
 
-/// The settings of this process, read once on first use. A broken file is reported on stderr with file, line and
-/// remedy, and the defaults stand in for what could not be read. Callable from any thread; never throws.
+/// What a configuration text says, and what is wrong with it.
+struct ParsedConfig {
+    GatewayConfig config;
+    /// One line of text each: name, line, value, what is valid, what stays in force. Empty: all is well.
+    std::vector<std::string> problems;
+};
+
+/// Reads settings from `text`. A pure function. What cannot be read leaves the default in force and is reported.
+/// @param name what the text is called in reports, usually the file's path
+ParsedConfig ParseGatewayConfig(std::string_view text, const std::string& name);
+
+/// A configuration as it was found on the system.
+struct LoadedConfig : ParsedConfig {
+    /// What is worth knowing but no fault, e.g. which file was read.
+    std::vector<std::string> notes;
+};
+
+/// Reads the file at `path`. A file that cannot be read is a problem, except that a missing one is none when
+/// `mayBeMissing`.
+LoadedConfig ReadGatewayConfig(const std::string& path, bool mayBeMissing);
+
+/// The file that the environment names, or the default one, with ORV_LOG_LEVEL applied; read once on first use and
+/// never destroyed. Reports nothing.
+const LoadedConfig& LoadedGatewayConfig();
+
+/// Every setting in the form of the configuration file, one line of text each, section lines included.
+std::string ShowGatewayConfig(const GatewayConfig& config);
+
+/// The settings of this process, read once on first use. What is wrong with them is reported once, on stderr and in the
+/// log, and the defaults stand in for what could not be read. Callable from any thread, also during static destruction;
+/// never throws.
 const GatewayConfig& Config();
 
 } // namespace OrvPlatform

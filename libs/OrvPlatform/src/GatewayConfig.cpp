@@ -1,0 +1,109 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "GatewayConfig.h"
+
+#include "LogChannel.h"
+#include "LogEscape.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace OrvPlatform {
+
+namespace {
+
+constexpr const char* defaultPath = "/etc/orv/gateway.ini";
+constexpr std::size_t maxFileBytes = 4 * 1024 * 1024;
+
+class Descriptor {
+public:
+    explicit Descriptor(int opened) : number(opened) {}
+    ~Descriptor() {
+        if (number >= 0)
+            ::close(number);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    const int number;
+};
+
+/// @return 0, or the errno that says why the file cannot be read
+int ReadAll(int file, std::string& text) {
+    struct stat status = {};
+    if (::fstat(file, &status) != 0)
+        return errno;
+    if (S_ISDIR(status.st_mode))
+        return EISDIR;
+    char piece[4096];
+    while (text.size() <= maxFileBytes) {
+        const ssize_t count = ::read(file, piece, sizeof piece);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            return errno;
+        if (count == 0)
+            return 0;
+        text.append(piece, static_cast<std::size_t>(count));
+    }
+    return EFBIG;
+}
+
+void ApplyEnvironment(LoadedConfig& loaded) {
+    const char* list = ::secure_getenv("ORV_LOG_LEVEL");
+    if (list == nullptr || *list == '\0')
+        return;
+    for (const std::string& item : ApplyLogLevels(list, loaded.config.log.levels))
+        loaded.problems.push_back("ORV_LOG_LEVEL: \"" + Escaped(item) +
+                                  "\" is no level, ignored; valid: " + validLogLevels);
+}
+
+LoadedConfig Load() {
+    const char* named = ::secure_getenv("ORV_GATEWAY_CONFIG");
+    const bool byName = named != nullptr && *named != '\0';
+    LoadedConfig loaded = ReadGatewayConfig(byName ? named : defaultPath, !byName);
+    ApplyEnvironment(loaded);
+    return loaded;
+}
+
+} // namespace
+
+LoadedConfig ReadGatewayConfig(const std::string& path, bool mayBeMissing) {
+    LoadedConfig loaded;
+    const std::string shownPath = Escaped(path);
+    // Non-blocking, so that a FIFO in the file's place cannot stop the gateway.
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (file.number < 0 && errno == ENOENT && mayBeMissing) {
+        loaded.notes.push_back(shownPath + " does not exist; the defaults are in force");
+        return loaded;
+    }
+    std::string text;
+    const int error = file.number < 0 ? errno : ReadAll(file.number, text);
+    if (error != 0) {
+        loaded.problems.push_back(
+            shownPath + ": cannot be read (" + ErrorText(error) +
+            "); the defaults are in force. Name a readable file in ORV_GATEWAY_CONFIG, or unset it "
+            "to use " +
+            defaultPath);
+        return loaded;
+    }
+    static_cast<ParsedConfig&>(loaded) = ParseGatewayConfig(text, path);
+    loaded.notes.push_back("Settings read from " + shownPath);
+    return loaded;
+}
+
+const LoadedConfig& LoadedGatewayConfig() {
+    // Never destroyed: static objects of other files may log, and so ask, in their destructors.
+    static const auto& loaded = *new LoadedConfig(Load());
+    return loaded;
+}
+
+const GatewayConfig& Config() {
+    ProcessLog(); // reports what is wrong with the settings
+    return LoadedGatewayConfig().config;
+}
+
+} // namespace OrvPlatform

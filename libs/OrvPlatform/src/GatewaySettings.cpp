@@ -1,0 +1,258 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "GatewaySettings.h"
+
+#include "CommonUtils/StringHelpers.h"
+
+#include <algorithm>
+#include <charconv>
+#include <numeric>
+
+namespace OrvPlatform {
+
+namespace {
+
+constexpr const char* letters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
+constexpr const char* digits = "0123456789";
+
+bool HasOnly(std::string_view text, const std::string& allowed) {
+    return text.find_first_not_of(allowed) == std::string_view::npos;
+}
+
+bool IsHost(std::string_view text) {
+    constexpr std::size_t longestName = 253;
+    return !text.empty() && text.size() <= longestName && HasOnly(text, std::string(letters) + digits + "-._:%");
+}
+
+/// @return false, and `number` unchanged, unless `text` is a decimal number from `least` to `most`
+template <typename T>
+bool ReadNumber(const std::string& text, T least, T most, T& number) {
+    T value{};
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, value);
+    if (error != std::errc() || stop != end || value < least || value > most)
+        return false;
+    number = value;
+    return true;
+}
+
+bool ReadInterface(const std::string& text, std::string& name) {
+    constexpr std::size_t longestName = 15; // IFNAMSIZ less the final NUL
+    if (text.empty() || text.size() > longestName || text == "." || text == ".." ||
+        !HasOnly(text, std::string(letters) + digits + "-._@"))
+        return false;
+    name = text;
+    return true;
+}
+
+/// host[:port][/path], without a scheme, because the library puts its own before it.
+bool IsEndpoint(const std::string& text) {
+    const std::size_t slash = std::min(text.find('/'), text.size());
+    const std::string authority = text.substr(0, slash);
+    const std::size_t bracket = authority.find(']');
+    const bool numericSix = !authority.empty() && authority[0] == '[';
+    if (numericSix && bracket == std::string::npos)
+        return false;
+    const std::size_t colon = std::min(authority.find(':', numericSix ? bracket : 0), authority.size());
+    const std::string host = numericSix ? authority.substr(1, bracket - 1) : authority.substr(0, colon);
+    if (!IsHost(host) || (numericSix && colon != bracket + 1))
+        return false;
+    std::uint16_t port = 0;
+    if (colon < authority.size() && !ReadNumber<std::uint16_t>(authority.substr(colon + 1), 1, 65535, port))
+        return false;
+    return HasOnly(text.substr(slash), std::string(letters) + digits + "-._~:/?#[]@!$&'()*+,;=%");
+}
+
+const char* SinkName(LogSink sink) {
+    switch (sink) {
+    case LogSink::STDERR:
+        return "stderr";
+    case LogSink::SYSLOG:
+        return "syslog";
+    case LogSink::FILE:
+        return "file";
+    }
+    return "stderr";
+}
+
+bool ReadSink(const std::string& text, GatewayConfig& config) {
+    const std::string word = CommonUtils::StringHelpers::ToLower(text);
+    for (const LogSink sink : {LogSink::STDERR, LogSink::SYSLOG, LogSink::FILE}) {
+        if (word == SinkName(sink)) {
+            config.log.sink = sink;
+            return true;
+        }
+    }
+    return false;
+}
+
+bool ReadLevels(const std::string& text, GatewayConfig& config) {
+    LogLevels levels = GatewayConfig().log.levels;
+    if (!ApplyLogLevels(text, levels).empty())
+        return false;
+    config.log.levels = levels;
+    return true;
+}
+
+bool ReadTruth(const std::string& text, bool& truth) {
+    const std::string word = CommonUtils::StringHelpers::ToLower(text);
+    const bool no = word == "false" || word == "0" || word == "no" || word == "off";
+    if (!no && !CommonUtils::StringHelpers::ToBoolean(text))
+        return false;
+    truth = !no;
+    return true;
+}
+
+std::vector<Setting> BrokerSettings() {
+    return {
+        {"broker", "host", "a host name or an IP address",
+         [](const std::string& value, GatewayConfig& config) {
+             if (!IsHost(value))
+                 return false;
+             config.broker.host = value;
+             return true;
+         },
+         [](const GatewayConfig& config) { return config.broker.host; }},
+        {"broker", "port", "1 to 65535",
+         [](const std::string& value, GatewayConfig& config) {
+             return ReadNumber<std::uint16_t>(value, 1, 65535, config.broker.port);
+         },
+         [](const GatewayConfig& config) { return std::to_string(config.broker.port); }},
+        {"broker", "client_id_suffix", "up to 32 letters, digits, '-', '_' and '.', or nothing",
+         [](const std::string& value, GatewayConfig& config) {
+             if (value.size() > 32 || !HasOnly(value, std::string(letters) + digits + "-_."))
+                 return false;
+             config.broker.clientIdSuffix = value;
+             return true;
+         },
+         [](const GatewayConfig& config) { return config.broker.clientIdSuffix; }},
+        {"broker", "keep_alive", "5 to 3600 seconds",
+         [](const std::string& value, GatewayConfig& config) {
+             int seconds = 0;
+             if (!ReadNumber(value, 5, 3600, seconds))
+                 return false;
+             config.broker.keepAlive = std::chrono::seconds(seconds);
+             return true;
+         },
+         [](const GatewayConfig& config) { return std::to_string(config.broker.keepAlive.count()); }},
+        {"broker", "max_outstanding_bytes", "1024 to 67108864 bytes",
+         [](const std::string& value, GatewayConfig& config) {
+             return ReadNumber<std::size_t>(value, 1024, 64 * 1024 * 1024, config.broker.maxOutstandingBytes);
+         },
+         [](const GatewayConfig& config) { return std::to_string(config.broker.maxOutstandingBytes); }},
+    };
+}
+
+std::vector<Setting> NetworkSettings() {
+    constexpr const char* interfaceName = "an interface name of 1 to 15 characters, as `ip link` shows it";
+    return {
+        {"interfaces", "ethernet", interfaceName,
+         [](const std::string& value, GatewayConfig& config) {
+             return ReadInterface(value, config.interfaces.ethernet);
+         },
+         [](const GatewayConfig& config) { return config.interfaces.ethernet; }},
+        {"interfaces", "cellular", interfaceName,
+         [](const std::string& value, GatewayConfig& config) {
+             return ReadInterface(value, config.interfaces.cellular);
+         },
+         [](const GatewayConfig& config) { return config.interfaces.cellular; }},
+        {"cloud", "endpoint", "host[:port][/path] without a scheme, or nothing",
+         [](const std::string& value, GatewayConfig& config) {
+             if (!value.empty() && !IsEndpoint(value))
+                 return false;
+             config.cloud.endpoint = value;
+             return true;
+         },
+         [](const GatewayConfig& config) { return config.cloud.endpoint; }},
+        {"connman", "bus_address", "a D-Bus address such as unix:path=/run/dbus/system_bus_socket, or nothing",
+         [](const std::string& value, GatewayConfig& config) {
+             if (!value.empty() && value.find(':') == std::string::npos)
+                 return false;
+             config.connman.busAddress = value;
+             return true;
+         },
+         [](const GatewayConfig& config) { return config.connman.busAddress; }},
+        {"connman", "scripted", "true or false",
+         [](const std::string& value, GatewayConfig& config) { return ReadTruth(value, config.connman.scripted); },
+         [](const GatewayConfig& config) -> std::string { return config.connman.scripted ? "true" : "false"; }},
+    };
+}
+
+std::vector<Setting> LogSettings() {
+    return {
+        {"log", "sink", "stderr, syslog or file", ReadSink,
+         [](const GatewayConfig& config) -> std::string { return SinkName(config.log.sink); }},
+        {"log", "level", validLogLevels, ReadLevels,
+         [](const GatewayConfig& config) { return config.log.levels.Text(); }},
+        {"log", "file", "an absolute path",
+         [](const std::string& value, GatewayConfig& config) {
+             if (value.size() < 2 || value.front() != '/' || value.back() == '/')
+                 return false;
+             config.log.file = value;
+             return true;
+         },
+         [](const GatewayConfig& config) { return config.log.file; }},
+        {"log", "file_max_bytes", "16384 to 1073741824 bytes",
+         [](const std::string& value, GatewayConfig& config) {
+             return ReadNumber<std::size_t>(value, 16384, 1024 * 1024 * 1024, config.log.fileMaxBytes);
+         },
+         [](const GatewayConfig& config) { return std::to_string(config.log.fileMaxBytes); }},
+        {"log", "file_count", "1 to 100",
+         [](const std::string& value, GatewayConfig& config) {
+             return ReadNumber<std::size_t>(value, 1, 100, config.log.fileCount);
+         },
+         [](const GatewayConfig& config) { return std::to_string(config.log.fileCount); }},
+    };
+}
+
+/// How many insertions, removals and exchanges of one character lie between the two.
+std::size_t Distance(std::string_view left, std::string_view right) {
+    std::vector<std::size_t> row(right.size() + 1);
+    std::iota(row.begin(), row.end(), std::size_t{0});
+    for (std::size_t i = 1; i <= left.size(); ++i) {
+        std::size_t diagonal = row[0];
+        row[0] = i;
+        for (std::size_t j = 1; j <= right.size(); ++j) {
+            const std::size_t above = row[j];
+            row[j] = std::min({above + 1, row[j - 1] + 1, diagonal + (left[i - 1] == right[j - 1] ? 0 : 1)});
+            diagonal = above;
+        }
+    }
+    return row[right.size()];
+}
+
+} // namespace
+
+const std::vector<Setting>& Settings() {
+    // Never destroyed, like the configuration itself.
+    static const auto& all = *[] {
+        auto* settings = new std::vector<Setting>(BrokerSettings());
+        for (const auto& part : {NetworkSettings(), LogSettings()})
+            settings->insert(settings->end(), part.begin(), part.end());
+        return settings;
+    }();
+    return all;
+}
+
+std::vector<std::string> SectionNames() {
+    std::vector<std::string> names;
+    for (const Setting& setting : Settings())
+        if (names.empty() || names.back() != setting.section)
+            names.push_back(setting.section);
+    return names;
+}
+
+std::string Nearest(std::string_view word, const std::vector<std::string>& words) {
+    const std::string lower = CommonUtils::StringHelpers::ToLower(std::string(word.substr(0, 64)));
+    std::string nearest;
+    std::size_t least = 3; // further away it is another word
+    for (const std::string& candidate : words) {
+        const std::size_t distance = Distance(lower, candidate);
+        if (distance < least && distance < candidate.size() / 2 + 1) {
+            least = distance;
+            nearest = candidate;
+        }
+    }
+    return nearest;
+}
+
+} // namespace OrvPlatform
