@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "quillogger/LogWrapper.h"
+
+#include "LogChannel.h"
+#include "LogEscape.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace quillogger {
+
+namespace {
+
+std::string_view OrEmpty(const char* text) {
+    return text == nullptr ? std::string_view() : std::string_view(text);
+}
+
+/// "libs/OrvStackSdk/src/OrvRoute.cpp" is the source "OrvRoute", as the logger of that class is called.
+std::string_view SourceName(std::string_view file) {
+    file.remove_prefix(std::min(file.size(), file.rfind('/') + 1));
+    return file.substr(0, file.find('.'));
+}
+
+struct Message {
+    char inPlace[512];
+    std::unique_ptr<char[]> longer;
+    std::string_view text;
+    std::size_t bytes = 0;
+};
+
+void Format(Message& message, const char* format, va_list& arguments) {
+    va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(message.inPlace, sizeof message.inPlace, format, arguments);
+    message.bytes = static_cast<std::size_t>(std::max(length, 0));
+    if (length < 0) {
+        message.text = format;
+        message.bytes = message.text.size();
+    } else if (message.bytes < sizeof message.inPlace) {
+        message.text = {message.inPlace, message.bytes};
+    } else {
+        const std::size_t kept = std::min(message.bytes, OrvPlatform::maxRecordBytes);
+        message.longer = std::make_unique<char[]>(kept + 1);
+        std::vsnprintf(message.longer.get(), kept + 1, format, again);
+        message.text = {message.longer.get(), kept};
+    }
+    va_end(again);
+}
+
+} // namespace
+
+void LogWrapper::Log(int level, bool flag, const char* file, int line, const char* function, const char* format, ...) {
+    const int known = std::clamp(level, 0, 5);
+    const std::string_view source = SourceName(OrEmpty(file));
+    if (known < OrvPlatform::LogThreshold(source, 0))
+        return;
+    Message message;
+    va_list arguments;
+    va_start(arguments, format);
+    Format(message, format == nullptr ? "" : format, arguments);
+    va_end(arguments);
+    const std::string logger = OrvPlatform::Escaped(source) + ":" + std::to_string(line);
+    OrvPlatform::ProcessLog().Write({known, logger, OrEmpty(function), message.text, message.bytes, flag});
+}
+
+} // namespace quillogger
