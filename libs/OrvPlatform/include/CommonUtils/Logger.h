@@ -40,8 +40,8 @@ private:
 };
 
 /// A named source of log records. Cheap to construct; any number may share a name.
-/// Every operation may be called from any thread, also during static destruction. None blocks longer than the sink does,
-/// none throws on account of the sink.
+/// Every operation may be called from any thread, also during static destruction. None blocks longer than the sink
+/// does, none throws on account of the sink.
 class Logger {
 public:
     /// @param level the least severe level that this logger emits: 0 trace, 1 debug, 2 info, 3 warning, 4 error,

@@ -50,7 +50,8 @@ public:
     /// @return true when the broker has accepted the connection. After false nothing is retried: call again.
     bool Connect();
 
-    /// @param willTopic, willMessage, willRetained  what the broker publishes when the connection ends without Disconnect()
+    /// @param willTopic, willMessage, willRetained  what the broker publishes when the connection ends without
+    /// Disconnect()
     bool Connect(const std::string& willTopic, const std::string& willMessage, bool willRetained);
 
     /// Asks for the messages that match `filter`. Does not wait for the broker.
