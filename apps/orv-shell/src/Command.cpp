@@ -1,0 +1,182 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Command.h"
+
+#include "Callback.h"
+#include "CommandError.h"
+#include "Duration.h"
+
+#include <algorithm>
+
+namespace OrvShell {
+
+namespace {
+
+const char* const PANEL_NUMBERS = "Numbers: 1 alarm acknowledge, 2 reset, 3 acknowledge, 4 acknowledge individual,\n"
+                                  "5 date and time, 6 get RC status, 7 get RS status. Another number reaches nobody.";
+const char* const EXPECT_DETAILS =
+    "Waits until the callback has come, and fails when it has not within the time (default 5s). A callback that came\n"
+    "before and was not expected yet counts. Arguments that are left out may be anything.\n"
+    "  expect OnDeviceCellularStatusIndication STRENGTH \"-71 dBm\" within 2s\n"
+    "  expect reconnect within 15s        asks CloudReconnectNeeded after each tick";
+
+std::string Usage(const Command& command) {
+    std::string usage = command.name;
+    for (const Parameter& parameter : command.parameters)
+        usage += std::string(parameter.optional ? " [" : " ") + parameter.name + (parameter.optional ? "]" : "");
+    return usage;
+}
+
+const Command& Find(const std::string& word) {
+    const std::string name = Canonical(Kind::COMMAND, word);
+    return *std::find_if(Commands().begin(), Commands().end(), [&](const Command& c) { return c.name == name; });
+}
+
+Words ExpectationNames() {
+    Words names;
+    for (const CallbackForm& form : CallbackForms())
+        names.push_back(form.name);
+    names.emplace_back(Expectation::RECONNECT);
+    return names;
+}
+
+CallbackForm FormOf(const std::string& word) {
+    if (word == Expectation::RECONNECT)
+        return {word, {}};
+    for (const CallbackForm& form : CallbackForms()) {
+        if (form.name == word)
+            return form;
+    }
+    throw CommandError("no such callback: " + Quote(word) + "; valid are: " + Join(ExpectationNames(), ", "));
+}
+
+Expectation ParseExpectation(Words words) {
+    using namespace std::chrono_literals;
+    Expectation expectation{"", {}, 5s};
+    if (words.size() >= 3 && words[words.size() - 2] == "within") {
+        expectation.limit = ParseDuration(words.back());
+        words.resize(words.size() - 2);
+    }
+    const CallbackForm form = FormOf(words.front());
+    expectation.name = form.name;
+    if (words.size() - 1 > form.arguments.size())
+        throw CommandError("too many arguments: " + form.name + " has " + std::to_string(form.arguments.size()));
+    for (std::size_t i = 1; i < words.size(); ++i)
+        expectation.arguments.push_back(Canonical(form.arguments[i - 1], words[i]));
+    return expectation;
+}
+
+void CheckCount(const Command& command, std::size_t count) {
+    const auto needed = static_cast<std::size_t>(std::count_if(command.parameters.begin(), command.parameters.end(),
+                                                               [](const Parameter& p) { return !p.optional; }));
+    if (count < needed)
+        throw CommandError(std::string(command.parameters[count].name) + " is missing; usage: " + Usage(command));
+    if (count > command.parameters.size() && command.id != CommandId::EXPECT)
+        throw CommandError("too many arguments (text with blanks needs quotes); usage: " + Usage(command));
+}
+
+} // namespace
+
+const std::vector<Command>& Commands() {
+    static const std::vector<Command> commands{
+        {CommandId::ACTION,
+         "action",
+         {{"APP", Kind::TEXT}, {"ACTION", Kind::ACTION}},
+         "orders an application, this one or another, to do something"},
+        {CommandId::CONNECTION_STATUS, "conn-status", {{"TEXT", Kind::TEXT}}, "tells the cellular connection's state"},
+        {CommandId::CREATE, "create", {}, "makes a client; done at the start, needed after release"},
+        {CommandId::DEINIT, "deinit", {}, "stops and leaves the broker with a good-bye"},
+        {CommandId::EVENT, "event", {{"EVENT", Kind::EVENT}}, "reports a connectivity event"},
+        {CommandId::EXPECT,
+         "expect",
+         {{"CALLBACK", Kind::TEXT}, {"ARGUMENT ...", Kind::TEXT, true}, {"within DURATION", Kind::DURATION, true}},
+         "waits for a callback, or for the need to reconnect",
+         EXPECT_DETAILS},
+        {CommandId::HANDLER, "handler", {{"on|off", Kind::SWITCH}}, "sets or takes away the receiver of the callbacks"},
+        {CommandId::HELP, "help", {{"COMMAND", Kind::COMMAND, true}}, "explains the commands, or one of them"},
+        {CommandId::INIT, "init", {{"APP", Kind::TEXT}}, "connects in the name of an application; fails on NACK"},
+        {CommandId::NOTE, "note", {{"TEXT", Kind::TEXT}}, "prints a remark"},
+        {CommandId::PANEL,
+         "panel",
+         {{"TEXT", Kind::TEXT}, {"NUMBER", Kind::NUMBER}},
+         "sends a command to the panel",
+         PANEL_NUMBERS},
+        {CommandId::QUIT, "quit", {}, "stops, says good-bye and ends (so do the end of input and Ctrl-C)"},
+        {CommandId::RECONNECT, "reconnect?", {}, "asks whether to connect to the cloud anew; true once a switch"},
+        {CommandId::RELEASE, "release", {}, "lets the client go without a good-bye: its last will speaks"},
+        {CommandId::SHUTDOWN, "shutdown", {}, "asks every application to prepare for shutdown"},
+        {CommandId::START, "start", {}, "announces the application as available, then as booting"},
+        {CommandId::STATUS, "status", {{"STATUS", Kind::STATUS}}, "reports the application's own status"},
+        {CommandId::STOP, "stop", {}, "notes that the application no longer runs"},
+        {CommandId::TICK, "tick", {{"COUNT", Kind::COUNT, true}}, "ticks at once, beside the ticks of --tick"},
+        {CommandId::WAIT, "wait", {{"DURATION", Kind::DURATION}}, "lets time pass; ticks and callbacks go on"},
+    };
+    return commands;
+}
+
+Words CommandNames() {
+    Words names;
+    for (const Command& command : Commands())
+        names.emplace_back(command.name);
+    return names;
+}
+
+std::optional<Statement> Parse(const std::string& line) {
+    Words words = SplitLine(line);
+    if (words.empty())
+        return std::nullopt;
+    const Command& command = Find(words.front());
+    words.erase(words.begin());
+    CheckCount(command, words.size());
+    if (command.id == CommandId::EXPECT)
+        return Statement{command.id, {}, ParseExpectation(words)};
+    for (std::size_t i = 0; i < words.size(); ++i)
+        words[i] = Canonical(command.parameters[i].kind, words[i]);
+    return Statement{command.id, words, std::nullopt};
+}
+
+std::string HelpText() {
+    std::string text;
+    for (const Command& command : Commands()) {
+        const std::string usage = Usage(command);
+        const bool tooLong = usage.size() > 24;
+        text += "  " + usage + (tooLong ? "\n" + std::string(28, ' ') : std::string(26 - usage.size(), ' '));
+        text += std::string(command.summary) + "\n";
+    }
+    return text + "Words are separated by blanks; text with blanks stands in 'quotes' or \"quotes\"; # starts a comment.\n"
+                  "help COMMAND lists the words that are valid.\n";
+}
+
+std::string HelpText(const std::string& name) {
+    const Command& command = Find(name);
+    std::string text = "  " + Usage(command) + "\n" + command.summary + "\n";
+    for (const Parameter& parameter : command.parameters) {
+        const Words valid = ValidWords(parameter.kind);
+        if (!valid.empty())
+            text += std::string(parameter.name) + ": " + Join(valid, ", ") + "\n";
+    }
+    if (command.id == CommandId::EXPECT)
+        text += "CALLBACK: " + Join(ExpectationNames(), ", ") + "\n";
+    if (*command.details != '\0')
+        text += std::string(command.details) + "\n";
+    return text;
+}
+
+Words NextWords(const Words& before) {
+    if (before.empty())
+        return CommandNames();
+    try {
+        const Command& command = Find(before.front());
+        if (command.id != CommandId::EXPECT)
+            return before.size() <= command.parameters.size() ? ValidWords(command.parameters[before.size() - 1].kind) : Words{};
+        if (before.size() == 1)
+            return ExpectationNames();
+        const CallbackForm form = FormOf(before[1]);
+        Words next = before.size() - 2 < form.arguments.size() ? ValidWords(form.arguments[before.size() - 2]) : Words{};
+        next.emplace_back("within");
+        return next;
+    } catch (const CommandError&) {
+        return {};
+    }
+}
+
+} // namespace OrvShell

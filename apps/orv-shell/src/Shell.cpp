@@ -1,0 +1,165 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Shell.h"
+
+#include "CommandError.h"
+#include "Duration.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <utility>
+
+using namespace OrvStackSdk;
+
+namespace OrvShell {
+
+namespace {
+
+constexpr std::size_t REMEMBERED_CALLBACKS = 1000;
+
+std::string BrokerRemedy() {
+    const char* configured = std::getenv("ORV_GATEWAY_CONFIG"); // NOLINT(concurrency-mt-unsafe): nobody sets it
+    return std::string("is it running, and is its address right in the section [broker] of ") +
+           (configured != nullptr ? configured : "/etc/orv/gateway.ini (ORV_GATEWAY_CONFIG names another file)") + "?";
+}
+
+bool Matches(const Callback& callback, const Expectation& expectation) {
+    return callback.name == expectation.name && expectation.arguments.size() <= callback.arguments.size() &&
+           std::equal(expectation.arguments.begin(), expectation.arguments.end(), callback.arguments.begin());
+}
+
+} // namespace
+
+Shell::Shell(ClientMaker maker, Print printer)
+    : makeClient(std::move(maker)), print(std::move(printer)), callbacks(std::make_shared<CallbackQueue>()) {}
+
+void Shell::Create() {
+    if (client)
+        throw CommandError("there is a client already; release lets it go");
+    try {
+        client = makeClient();
+    } catch (const std::exception& error) {
+        throw CommandError(std::string("no client: the broker cannot be reached (") + error.what() + "); " + BrokerRemedy());
+    }
+    client->SetHandler(callbacks);
+}
+
+void Shell::Execute(const Statement& statement, Clock::time_point now) {
+    const Words& arguments = statement.arguments;
+    switch (statement.id) {
+    case CommandId::ACTION:
+        return Client().AppActionRequest(arguments[0], ActionOf(arguments[1]));
+    case CommandId::CONNECTION_STATUS:
+        return Client().SendConnectionStatus(arguments[0]);
+    case CommandId::CREATE:
+        return Create();
+    case CommandId::DEINIT:
+        initialised = false;
+        return Client().DeInit();
+    case CommandId::EVENT:
+        return Client().EventUpdateRequest(EventOf(arguments[0]));
+    case CommandId::EXPECT:
+        expected = statement.expectation;
+        waitEnd = now + expected->limit;
+        return;
+    case CommandId::HANDLER:
+        if (arguments[0] == "on")
+            return Client().SetHandler(callbacks);
+        return Client().SetHandler({});
+    case CommandId::HELP:
+        return print(arguments.empty() ? HelpText() : HelpText(arguments[0]));
+    case CommandId::INIT:
+        return Init(arguments[0]);
+    case CommandId::NOTE:
+        return print(arguments[0]);
+    case CommandId::PANEL:
+        return Client().PanelCommandRequest(arguments[0], std::stoi(arguments[1]));
+    case CommandId::QUIT:
+        quitRequested = true;
+        return;
+    case CommandId::RECONNECT:
+        return print(Client().CloudReconnectNeeded() ? "true" : "false");
+    case CommandId::RELEASE:
+        Client();
+        initialised = false;
+        return client.reset();
+    case CommandId::SHUTDOWN:
+        return Client().RequestShutdown();
+    case CommandId::START:
+        return Client().Start();
+    case CommandId::STATUS:
+        return Client().AppStatusRequest(StatusOf(arguments[0]));
+    case CommandId::STOP:
+        return Client().Stop();
+    case CommandId::TICK:
+        for (int left = arguments.empty() ? 1 : std::stoi(arguments[0]); left > 0; --left)
+            Client().Tick(std::chrono::milliseconds(0));
+        return;
+    case CommandId::WAIT:
+        waitEnd = now + ParseDuration(arguments[0]);
+        return;
+    }
+}
+
+void Shell::Tick(std::chrono::milliseconds elapsed) {
+    if (client)
+        client->Tick(elapsed);
+}
+
+std::vector<Callback> Shell::TakeCallbacks() {
+    std::vector<Callback> taken = callbacks->Take();
+    unexpected.insert(unexpected.end(), taken.begin(), taken.end());
+    while (unexpected.size() > REMEMBERED_CALLBACKS)
+        unexpected.pop_front();
+    return taken;
+}
+
+void Shell::Advance(Clock::time_point now) {
+    if (!waitEnd)
+        return;
+    if (expected && Fulfilled()) {
+        expected.reset();
+        waitEnd.reset();
+    } else if (now >= *waitEnd) {
+        waitEnd.reset();
+        const std::optional<Expectation> missed = std::exchange(expected, std::nullopt);
+        if (missed)
+            throw CommandError(CallbackText({missed->name, missed->arguments, {}}) + " has not come within " +
+                               DurationText(missed->limit));
+    }
+}
+
+bool Shell::Fulfilled() {
+    if (expected->name == Expectation::RECONNECT)
+        return Client().CloudReconnectNeeded();
+    const auto found = std::find_if(unexpected.begin(), unexpected.end(),
+                                    [this](const Callback& callback) { return Matches(callback, *expected); });
+    if (found == unexpected.end())
+        return false;
+    unexpected.erase(found);
+    return true;
+}
+
+void Shell::Finish() {
+    if (client && initialised) {
+        client->Stop();
+        client->DeInit();
+    }
+    initialised = false;
+    client.reset();
+}
+
+IOrvStackClient& Shell::Client() {
+    if (!client)
+        throw CommandError("there is no client; create makes one");
+    return *client;
+}
+
+void Shell::Init(const std::string& app) {
+    callbacks->TakeConfirmation();
+    Client().Init(app);
+    initialised = callbacks->TakeConfirmation() != Confirmation::NACK;
+    if (!initialised)
+        throw CommandError("NACK: the broker was not reached; " + BrokerRemedy());
+}
+
+} // namespace OrvShell
