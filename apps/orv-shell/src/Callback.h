@@ -31,7 +31,8 @@ struct CallbackForm {
 /// Every callback that the library can make.
 const std::vector<CallbackForm>& CallbackForms();
 
-/// Takes the callbacks on whatever thread they come, for the loop to fetch. Its descriptor is readable while there are any.
+/// Takes the callbacks on whatever thread they come, for the loop to fetch. Its descriptor is readable while there are
+/// any.
 class CallbackQueue : public OrvStackSdk::IOrvStackClientHandler {
 public:
     CallbackQueue();

@@ -142,8 +142,9 @@ std::string HelpText() {
         text += "  " + usage + (tooLong ? "\n" + std::string(28, ' ') : std::string(26 - usage.size(), ' '));
         text += std::string(command.summary) + "\n";
     }
-    return text + "Words are separated by blanks; text with blanks stands in 'quotes' or \"quotes\"; # starts a comment.\n"
-                  "help COMMAND lists the words that are valid.\n";
+    return text +
+           "Words are separated by blanks; text with blanks stands in 'quotes' or \"quotes\"; # starts a comment.\n"
+           "help COMMAND lists the words that are valid.\n";
 }
 
 std::string HelpText(const std::string& name) {
@@ -167,11 +168,13 @@ Words NextWords(const Words& before) {
     try {
         const Command& command = Find(before.front());
         if (command.id != CommandId::EXPECT)
-            return before.size() <= command.parameters.size() ? ValidWords(command.parameters[before.size() - 1].kind) : Words{};
+            return before.size() <= command.parameters.size() ? ValidWords(command.parameters[before.size() - 1].kind)
+                                                              : Words{};
         if (before.size() == 1)
             return ExpectationNames();
         const CallbackForm form = FormOf(before[1]);
-        Words next = before.size() - 2 < form.arguments.size() ? ValidWords(form.arguments[before.size() - 2]) : Words{};
+        Words next =
+            before.size() - 2 < form.arguments.size() ? ValidWords(form.arguments[before.size() - 2]) : Words{};
         next.emplace_back("within");
         return next;
     } catch (const CommandError&) {

@@ -121,7 +121,9 @@ void Loop::Sleep() {
                                    {shell.Waiting() ? -1 : input.Descriptor(), POLLIN, 0}}};
     if (poll(sources.data(), sources.size(), TimeoutToNextDeadline()) <= 0)
         return;
-    interrupted = sources[0].revents != 0;
+    signalfd_siginfo signal{};
+    if (sources[0].revents != 0 && read(signals, &signal, sizeof signal) > 0)
+        interrupted = true;
     if (sources[2].revents != 0)
         input.Read();
 }

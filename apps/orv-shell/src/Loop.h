@@ -19,8 +19,8 @@ public:
     /// @param tickInterval how often to tick; zero for only when told to
     Loop(Shell::ClientMaker maker, Input& input, std::chrono::milliseconds tickInterval);
 
-    /// Runs until the input ends, `quit`, SIGINT, SIGTERM or SIGHUP (which must be blocked in every thread), or, where the input demands
-    /// it, a failed command. Then stops and says good-bye.
+    /// Runs until the input ends, `quit`, SIGINT, SIGTERM or SIGHUP (which must be blocked in every thread), or, where
+    /// the input demands it, a failed command. Then stops and says good-bye.
     /// @return the exit status
     int Run();
 

@@ -38,7 +38,8 @@ void Shell::Create() {
     try {
         client = makeClient();
     } catch (const std::exception& error) {
-        throw CommandError(std::string("no client: the broker cannot be reached (") + error.what() + "); " + BrokerRemedy());
+        throw CommandError(std::string("no client: the broker cannot be reached (") + error.what() + "); " +
+                           BrokerRemedy());
     }
     client->SetHandler(callbacks);
 }

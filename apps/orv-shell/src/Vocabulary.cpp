@@ -107,7 +107,8 @@ std::string Canonical(Kind kind, const std::string& word) {
             return candidate;
     }
     if (!valid.empty())
-        throw CommandError(std::string("no such ") + NameOf(kind) + ": " + Quote(word) + "; valid are: " + Join(valid, ", "));
+        throw CommandError(std::string("no such ") + NameOf(kind) + ": " + Quote(word) +
+                           "; valid are: " + Join(valid, ", "));
     if (kind == Kind::DURATION)
         return DurationText(ParseDuration(word));
     if (kind == Kind::NUMBER)

@@ -8,7 +8,20 @@
 namespace OrvShell {
 
 /// The kinds of words that commands and callbacks are made of.
-enum class Kind { TEXT, STATUS, ACTION, EVENT, CONFIRMATION, CELLULAR, BOOLEAN, SWITCH, NUMBER, COUNT, DURATION, COMMAND };
+enum class Kind {
+    TEXT,
+    STATUS,
+    ACTION,
+    EVENT,
+    CONFIRMATION,
+    CELLULAR,
+    BOOLEAN,
+    SWITCH,
+    NUMBER,
+    COUNT,
+    DURATION,
+    COMMAND
+};
 
 /// All words that are valid for the kind; empty where any text of the right form is.
 Words ValidWords(Kind kind);

@@ -29,12 +29,14 @@ std::optional<int> ParseArguments(int argc, char** argv, Options& options) {
                  "orv-shell");
     std::string tick = "100ms";
     app.add_option("SCENARIO", options.scenario, "File with one command a line; without it, stdin is read");
-    app.add_option("--tick", tick, "How often to tick, e.g. 100ms; 0: only with the command tick")->capture_default_str();
+    app.add_option("--tick", tick, "How often to tick, e.g. 100ms; 0: only with the command tick")
+        ->capture_default_str();
     app.add_flag("--check", options.checkOnly, "Only check that the scenario can be understood");
     app.set_version_flag("--version", "orv-shell " ORV_VERSION);
-    app.footer("\nCommands:\n" + HelpText() +
-               "\nExit status: 0 all is well, 1 a command failed, 2 the arguments or the scenario cannot be understood.\n"
-               "The broker's address stands in /etc/orv/gateway.ini or in the file that ORV_GATEWAY_CONFIG names.");
+    app.footer(
+        "\nCommands:\n" + HelpText() +
+        "\nExit status: 0 all is well, 1 a command failed, 2 the arguments or the scenario cannot be understood.\n"
+        "The broker's address stands in /etc/orv/gateway.ini or in the file that ORV_GATEWAY_CONFIG names.");
     try {
         app.parse(argc, argv);
         options.tick = ParseDuration(tick);

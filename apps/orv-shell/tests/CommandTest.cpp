@@ -44,16 +44,17 @@ TEST(ACommandLine, KeepsTextAsItIs) {
 }
 
 TEST(AnUnknownCommand, IsAnsweredWithTheListOfCommands) {
-    EXPECT_EQ(ErrorOf("stauts ready"),
-              "no such command: stauts; valid are: action, conn-status, create, deinit, event, expect, handler, help, init, "
-              "note, panel, quit, reconnect?, release, shutdown, start, status, stop, tick, wait");
+    EXPECT_EQ(
+        ErrorOf("stauts ready"),
+        "no such command: stauts; valid are: action, conn-status, create, deinit, event, expect, handler, help, init, "
+        "note, panel, quit, reconnect?, release, shutdown, start, status, stop, tick, wait");
 }
 
 TEST(AnUnknownValue, IsAnsweredWithAllValuesOfItsEnumeration) {
-    EXPECT_EQ(ErrorOf("status redy"), "no such application status: redy; valid are: supported, available, booting, ready, "
-                                      "error, noerror, UNSUPPORTED");
-    EXPECT_EQ(ErrorOf("action alarm go"),
-              "no such action: go; valid are: ENABLED, DISABLED, RELOAD, UNSUPPORTED");
+    EXPECT_EQ(ErrorOf("status redy"),
+              "no such application status: redy; valid are: supported, available, booting, ready, "
+              "error, noerror, UNSUPPORTED");
+    EXPECT_EQ(ErrorOf("action alarm go"), "no such action: go; valid are: ENABLED, DISABLED, RELOAD, UNSUPPORTED");
     EXPECT_EQ(ErrorOf("event CLOUD"),
               "no such event: CLOUD; valid are: CLOUD_CONNECTED, CLOUD_DISCONNECTED, PANEL_CLOUD_ENABLED, "
               "PANEL_CLOUD_DISABLED, ETHERNET_DISCONNECTED, ETHERNET_CONNECTED, ETHERNET_IP_GAINED, ETHERNET_IP_LOST, "
@@ -92,10 +93,11 @@ TEST(AnExpectation, MayLeaveOutArgumentsAndLimit) {
 }
 
 TEST(AnExpectation, IsRefusedWhenNoCallbackCanFulfilIt) {
-    EXPECT_EQ(ErrorOf("expect OnReload"),
-              "no such callback: OnReload; valid are: OnInitConfirmation, OnAppActionIndication, OnAppStatusIndication, "
-              "OnDeviceProbeIndication, OnDeviceOnlineStatusIndication, OnDeviceCellularStatusIndication, "
-              "OnFeatureShutdownReadinessIndication, reconnect");
+    EXPECT_EQ(
+        ErrorOf("expect OnReload"),
+        "no such callback: OnReload; valid are: OnInitConfirmation, OnAppActionIndication, OnAppStatusIndication, "
+        "OnDeviceProbeIndication, OnDeviceOnlineStatusIndication, OnDeviceCellularStatusIndication, "
+        "OnFeatureShutdownReadinessIndication, reconnect");
     EXPECT_EQ(ErrorOf("expect OnAppActionIndication RELOAD twice"), "too many arguments: OnAppActionIndication has 1");
     EXPECT_EQ(ErrorOf("expect OnDeviceOnlineStatusIndication up"), "no such word: up; valid are: true, false");
     EXPECT_EQ(ErrorOf("expect"), "CALLBACK is missing; usage: expect CALLBACK [ARGUMENT ...] [within DURATION]");

@@ -36,14 +36,18 @@ public:
     void Start() override { Note("Start"); }
     void Stop() override { Note("Stop"); }
     void Tick(std::chrono::milliseconds) override { ++world.ticks; }
-    void AppStatusRequest(const OrvStackSdk::AppStatus& status) override { Note("AppStatusRequest " + AppStatusText(status)); }
+    void AppStatusRequest(const OrvStackSdk::AppStatus& status) override {
+        Note("AppStatusRequest " + AppStatusText(status));
+    }
     void AppActionRequest(const std::string& name, const OrvStackSdk::AppAction& action) override {
         Note("AppActionRequest " + name + " " + AppActionText(action));
         const auto receiver = handler.lock();
         if (receiver && name == app)
             receiver->OnAppActionIndication(action);
     }
-    void EventUpdateRequest(const OrvStackSdk::OrvEvent& event) override { Note("EventUpdateRequest " + OrvEventText(event)); }
+    void EventUpdateRequest(const OrvStackSdk::OrvEvent& event) override {
+        Note("EventUpdateRequest " + OrvEventText(event));
+    }
     bool CloudReconnectNeeded() override {
         const bool needed = world.reconnectAfterTicks >= 0 && world.ticks >= world.reconnectAfterTicks;
         if (needed)

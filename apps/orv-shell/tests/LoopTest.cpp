@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "Loop.h"
 #include "CommandError.h"
 #include "FakeClient.h"
-#include "Loop.h"
 
 #include <gtest/gtest.h>
 
@@ -23,7 +23,8 @@ namespace {
 
 class ScenarioFile {
 public:
-    explicit ScenarioFile(const std::string& content) : path(testing::TempDir() + "orv-" + std::to_string(getpid()) + ".orv") {
+    explicit ScenarioFile(const std::string& content)
+        : path(testing::TempDir() + "orv-" + std::to_string(getpid()) + ".orv") {
         std::ofstream(path) << content;
     }
     ~ScenarioFile() { std::remove(path.c_str()); }
@@ -137,13 +138,16 @@ TEST_F(AScenario, EndsAtACommandThatFailsAndNamesTheLine) {
 }
 
 TEST_F(AScenario, IsFulfilledByACallbackThatCameBefore) {
-    EXPECT_EQ(Run("init alarm\naction alarm RELOAD\naction alarm ENABLED\nwait 1ms\nexpect OnAppActionIndication ENABLED\n"
-                  "expect OnAppActionIndication\n"),
-              0);
+    EXPECT_EQ(
+        Run("init alarm\naction alarm RELOAD\naction alarm ENABLED\nwait 1ms\nexpect OnAppActionIndication ENABLED\n"
+            "expect OnAppActionIndication\n"),
+        0);
 }
 
 TEST_F(AScenario, NeedsOneCallbackForEachExpectation) {
-    EXPECT_EQ(Run("init alarm\naction alarm RELOAD\nexpect OnAppActionIndication\nexpect OnAppActionIndication within 5ms\n"), 1);
+    EXPECT_EQ(
+        Run("init alarm\naction alarm RELOAD\nexpect OnAppActionIndication\nexpect OnAppActionIndication within 5ms\n"),
+        1);
     EXPECT_EQ(errors, place + ":4: OnAppActionIndication has not come within 5ms\n");
 }
 
@@ -174,8 +178,9 @@ TEST_F(AScenario, FailsWhenTheBrokerDoesNotConfirm) {
     created = true;
     world.brokerReachable = false;
     EXPECT_EQ(Run("init alarm\nstart\n"), 1);
-    EXPECT_EQ(errors, place + ":1: NACK: the broker was not reached; is it running, and is its address right in the section "
-                              "[broker] of /etc/orv/gateway.ini (ORV_GATEWAY_CONFIG names another file)?\n");
+    EXPECT_EQ(errors,
+              place + ":1: NACK: the broker was not reached; is it running, and is its address right in the section "
+                      "[broker] of /etc/orv/gateway.ini (ORV_GATEWAY_CONFIG names another file)?\n");
     EXPECT_EQ(world.calls, (std::vector<std::string>{"SetHandler", "Init alarm", "~"}));
 }
 
@@ -208,14 +213,16 @@ TEST_F(AScenario, IsRefusedAsAWholeWithEveryFaultNamed) {
     } catch (const CommandError& error) {
         message = error.what();
     }
-    EXPECT_EQ(message, file.path + ":2: no such application status: redy; valid are: supported, available, booting, ready, "
-                                   "error, noerror, UNSUPPORTED\n" +
+    EXPECT_EQ(message, file.path +
+                           ":2: no such application status: redy; valid are: supported, available, booting, ready, "
+                           "error, noerror, UNSUPPORTED\n" +
                            file.path + ":4: unfinished text: the closing \" is missing");
 }
 
 TEST_F(AScenario, IsRefusedWhenItCannotBeRead) {
-    for (const auto& [path, reason] : {std::pair<std::string, std::string>{"/nowhere/x.orv", "No such file or directory"},
-                                       {"/tmp", "it is a folder"}}) {
+    for (const auto& [path, reason] :
+         {std::pair<std::string, std::string>{"/nowhere/x.orv", "No such file or directory"},
+          {"/tmp", "it is a folder"}}) {
         try {
             OpenScenario(path);
             ADD_FAILURE() << path;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "Words.h"
 #include "CommandError.h"
 #include "Duration.h"
-#include "Words.h"
 
 #include <gtest/gtest.h>
 
@@ -103,10 +103,11 @@ TEST(ADuration, IsANumberWithAUnit) {
 }
 
 TEST(ADuration, IsRefusedInAnyOtherForm) {
-    for (const char* text : {"", "5", "s", "-1s", "+1s", "1 s", "2x", "1.s", ".5s", "1.2.3s", "1.2345s", "1sec", "24.1h",
-                             "86401s", "99999999999999999999ms"})
-        EXPECT_EQ(DurationError(text), "not a duration: " + Quote(text) +
-                                           "; write a number and a unit (ms, s, m, h), at most 24h, e.g. 100ms or 1.5s");
+    for (const char* text : {"", "5", "s", "-1s", "+1s", "1 s", "2x", "1.s", ".5s", "1.2.3s", "1.2345s", "1sec",
+                             "24.1h", "86401s", "99999999999999999999ms"})
+        EXPECT_EQ(DurationError(text),
+                  "not a duration: " + Quote(text) +
+                      "; write a number and a unit (ms, s, m, h), at most 24h, e.g. 100ms or 1.5s");
 }
 
 TEST(ADuration, IsWrittenAsItIsRead) {
