@@ -18,11 +18,16 @@ enum class LogSink : int { STDERR, SYSLOG, FILE };
 /// The initial values here are the documented defaults.
 struct GatewayConfig {
     struct Broker {
+        /// An IPv4 or IPv6 address or "localhost"; other names are not looked up, so that no name server can delay a
+        /// connect.
         std::string host = "127.0.0.1";
         std::uint16_t port = 1883;
         /// Appended to every client id of this process; see the shipped gateway.ini for why.
         std::string clientIdSuffix;
         std::chrono::seconds keepAlive{5};
+        /// How the applications of this gateway identify themselves to the broker; both empty for an open broker.
+        std::string username;
+        std::string password;
         /// Bytes handed over but not yet taken by the broker; a publication beyond this is refused.
         std::size_t maxOutstandingBytes = 256 * 1024;
     } broker;

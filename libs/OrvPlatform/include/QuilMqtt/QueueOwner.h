@@ -26,6 +26,16 @@ namespace QUILMQTT {
 /// a good-bye, so that the broker publishes the last will. An object may be destroyed inside its own callback.
 class QueueOwner {
 public:
+    /// What a publication returns. Any value but 0 means that nothing was sent and that nothing will be.
+    enum PublishStatus : int {
+        HANDED_OVER = 0,
+        NOT_CONNECTED = 1,     ///< no connection at the moment; it is being made again when it was lost
+        MALFORMED_TOPIC = 2,   ///< empty, with a wildcard or a NUL, not UTF-8, or longer than 65535 bytes
+        PAYLOAD_TOO_LARGE = 3, ///< larger than the configured limit of outstanding bytes can ever admit
+        OUTSTANDING_FULL = 4,  ///< the broker does not keep up, the configured limit of outstanding bytes is reached
+        FAILED = 5             ///< out of memory
+    };
+
     /// Makes an unconnected client. No network activity, no thread.
     /// @param clientId how the broker knows this client. The configured client-id suffix is appended, so that several
     ///                 applications on one gateway do not throw each other off the broker.
@@ -60,7 +70,7 @@ public:
 
     /// Publishes a message. Does not wait: neither for the broker nor for room in the socket.
     /// @param assured true for at-least-once delivery (QoS 1), false for at most once (QoS 0)
-    /// @return 0 when the message was handed to the connection, otherwise a status that says why not: nothing was sent.
+    /// @return 0 when the message was handed to the connection, otherwise a PublishStatus that says why not.
     int PublishMessage(const std::string& topic, const std::string& payload, bool assured);
 
     /// The same, and the broker keeps the message for those who subscribe later.

@@ -1,0 +1,15 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Backoff.h"
+
+#include <algorithm>
+
+namespace OrvPlatform {
+
+std::chrono::milliseconds Backoff::Next() {
+    const auto full = pause;
+    pause = std::min(pause * 2, LIMIT);
+    std::uniform_int_distribution<std::chrono::milliseconds::rep> cut(0, full.count() / 4);
+    return full - std::chrono::milliseconds(cut(random));
+}
+
+} // namespace OrvPlatform

@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <random>
+
+namespace OrvPlatform {
+
+/// The pauses between attempts: each twice the one before up to a limit, each shortened by up to a quarter at random,
+/// so that the clients of a broker that comes back do not all knock at the same moment.
+class Backoff {
+public:
+    static constexpr std::chrono::milliseconds FIRST{250};
+    static constexpr std::chrono::milliseconds LIMIT{4000};
+
+    explicit Backoff(std::uint32_t seed) : random(seed) {}
+
+    /// The pause before the next attempt.
+    std::chrono::milliseconds Next();
+
+    /// The next pause is the first one again.
+    void Reset() { pause = FIRST; }
+
+private:
+    std::minstd_rand random;
+    std::chrono::milliseconds pause = FIRST;
+};
+
+} // namespace OrvPlatform

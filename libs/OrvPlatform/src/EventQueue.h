@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace OrvPlatform {
+
+/// Something to tell the application: a connection, a message, an acknowledged publication.
+struct Event {
+    enum class Kind { CONNECTED, MESSAGE, DELIVERED };
+
+    Kind kind = Kind::CONNECTED;
+    std::string topic;
+    std::string payload;
+};
+
+/// Events in order of arrival. Slots are used again with the memory of their strings, so that a steady flow of messages
+/// allocates nothing.
+class EventQueue {
+public:
+    /// A new last event; both strings hold leftovers.
+    Event& Add() {
+        if (used == slots.size())
+            slots.emplace_back();
+        return slots[used++];
+    }
+
+    /// Takes back what the last Add gave.
+    void DropLast() { --used; }
+
+    void Clear() {
+        for (std::size_t index = 0; index < used; ++index) {
+            LetGoIfLarge(slots[index].topic);
+            LetGoIfLarge(slots[index].payload);
+        }
+        used = 0;
+    }
+
+    bool Empty() const { return used == 0; }
+    std::size_t Size() const { return used; }
+    const Event& operator[](std::size_t index) const { return slots[index]; }
+
+    void Swap(EventQueue& other) noexcept {
+        slots.swap(other.slots);
+        std::swap(used, other.used);
+    }
+
+private:
+    static void LetGoIfLarge(std::string& text) {
+        constexpr std::size_t KEPT = 1024;
+        if (text.capacity() > KEPT)
+            std::string().swap(text);
+    }
+
+    std::vector<Event> slots;
+    std::size_t used = 0;
+};
+
+} // namespace OrvPlatform

@@ -1,0 +1,18 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "EvictionWatch.h"
+
+namespace OrvPlatform {
+
+void EvictionWatch::Accepted(Time now, int attempt) {
+    acceptedAt = now;
+    firstAttempt = attempt == 1;
+    if (!firstAttempt)
+        evictions = 0;
+}
+
+void EvictionWatch::Lost(Time now, bool silently) {
+    const bool evicted = silently && firstAttempt && now - acceptedAt < YOUNG;
+    evictions = evicted ? evictions + 1 : 0;
+}
+
+} // namespace OrvPlatform

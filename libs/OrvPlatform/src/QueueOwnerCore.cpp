@@ -1,0 +1,342 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "QueueOwnerCore.h"
+
+#include <arpa/inet.h>
+#include <mosquitto.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <functional>
+#include <random>
+
+namespace QUILMQTT {
+
+using namespace std::chrono_literals;
+using OrvPlatform::LastWill;
+using OrvPlatform::MosquittoClient;
+using OrvPlatform::MosquittoErrorText;
+using OrvPlatform::MosquittoSettings;
+using OrvPlatform::MutexLock;
+using OrvPlatform::OutstandingPublications;
+
+namespace {
+
+constexpr auto CONNECT_LIMIT = 3s;
+constexpr auto GOOD_BYE_LIMIT = 800ms;
+
+// A name would have to be looked up, and a dead name server holds a look-up for many seconds. Empty for a name.
+std::string BrokerAddress(const std::string& host) {
+    if (host == "localhost")
+        return "127.0.0.1";
+    in6_addr address{};
+    const bool isAddress =
+        inet_pton(AF_INET, host.c_str(), &address) == 1 || inet_pton(AF_INET6, host.c_str(), &address) == 1;
+    return isAddress ? host : std::string();
+}
+
+bool HoldsNul(const std::string& text) {
+    return text.find('\0') != std::string::npos;
+}
+
+int StatusOf(int error) {
+    switch (error) {
+    case MOSQ_ERR_SUCCESS:
+        return QueueOwner::HANDED_OVER;
+    case MOSQ_ERR_NO_CONN:
+        return QueueOwner::NOT_CONNECTED;
+    case MOSQ_ERR_PAYLOAD_SIZE:
+        return QueueOwner::PAYLOAD_TOO_LARGE;
+    case MOSQ_ERR_INVAL:
+    case MOSQ_ERR_MALFORMED_UTF8:
+        return QueueOwner::MALFORMED_TOPIC;
+    default:
+        return QueueOwner::FAILED;
+    }
+}
+
+} // namespace
+
+QueueOwner::Core::Core(QueueOwner& queueOwner, const std::string& id, const OrvPlatform::GatewayConfig::Broker& broker)
+    : settings(broker),
+      clientId(id + broker.clientIdSuffix),
+      place(broker.host + ":" + std::to_string(broker.port)),
+      wakeUp(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+      logger("QueueOwner", 0),
+      owner(&queueOwner),
+      backoff(static_cast<std::uint32_t>(std::hash<std::string>{}(clientId)) ^ std::random_device{}()),
+      outstanding(broker.maxOutstandingBytes) {}
+
+QueueOwner::Core::~Core() {
+    if (wakeUp >= 0)
+        close(wakeUp);
+}
+
+bool QueueOwner::Core::Connect(const std::optional<LastWill>& will) {
+    const Time deadline = std::chrono::steady_clock::now() + CONNECT_LIMIT;
+    MutexLock lock(mutex);
+    const bool wasUp = link == Link::UP;
+    auto former = TakeClient();
+    const unsigned mine = generation;
+    mutex.unlock();
+    if (wasUp)
+        former->SayGoodBye(std::min(deadline, std::chrono::steady_clock::now() + GOOD_BYE_LIMIT));
+    former.reset();
+    mutex.lock();
+
+    // Whoever called Connect or Disconnect meanwhile has the last word.
+    if (generation == mine && owner && Open(will, deadline))
+        AwaitAnswer(deadline);
+    const bool connected = generation == mine && link == Link::UP;
+    if (generation == mine && !connected) {
+        Say(Severity::WARNING, "cannot connect to " + place + ": " + failure);
+        TakeClient().reset();
+    }
+    if (!connected)
+        RetireThread();
+    WriteLog();
+    return connected;
+}
+
+bool QueueOwner::Core::Open(const std::optional<LastWill>& will, Time deadline) {
+    deliveryStopped = false;
+    attempt = 1;
+    attemptEnds = deadline;
+    refusal = refusalSaid = 0;
+    failure = "no answer within 3 s";
+    backoff.Reset();
+    announced.SetWillTopic(will ? will->topic : std::string());
+
+    const std::string address = BrokerAddress(settings.host);
+    if (address.empty()) {
+        failure = "names are not looked up; set [broker] host to an address";
+        return false;
+    }
+    if (HoldsNul(clientId) || (will && HoldsNul(will->topic))) {
+        failure = "client id or will topic holds a NUL";
+        return false;
+    }
+    if (wakeUp < 0) {
+        failure = "no descriptor left when this client was made";
+        return false;
+    }
+    int error = MOSQ_ERR_SUCCESS;
+    client = MosquittoClient::Make(
+        {clientId, address, settings.port, settings.keepAlive, settings.username, settings.password, will}, *this,
+        error);
+    if (!client) {
+        failure = "client id, will or keep-alive refused: " + MosquittoErrorText(error, errno);
+        return false;
+    }
+    error = client->BeginConnect();
+    if (error != MOSQ_ERR_SUCCESS) {
+        failure = MosquittoErrorText(error, errno) + "; is the broker running?";
+        return false;
+    }
+    SetLink(Link::CONNECTING);
+    StartThread();
+    return true;
+}
+
+void QueueOwner::Core::AwaitAnswer(Time deadline) {
+    const unsigned mine = generation;
+    const bool turning = OnDeliveryThread();
+    while (generation == mine && link == Link::CONNECTING && std::chrono::steady_clock::now() < deadline) {
+        if (turning)
+            Turn(deadline);
+        else
+            changed.wait_until(mutex, deadline);
+    }
+}
+
+bool QueueOwner::Core::Disconnect() {
+    MutexLock lock(mutex);
+    const bool wasUp = link == Link::UP;
+    auto former = TakeClient();
+    if (wasUp)
+        Say(Severity::INFO, "disconnecting from " + place);
+    mutex.unlock();
+    if (wasUp)
+        former->SayGoodBye(std::chrono::steady_clock::now() + GOOD_BYE_LIMIT);
+    former.reset();
+    mutex.lock();
+    RetireThread();
+    WriteLog();
+    return wasUp;
+}
+
+bool QueueOwner::Core::Subscribe(const std::string& filter, int qos) {
+    MutexLock lock(mutex);
+    int messageId = 0;
+    if (link != Link::UP || HoldsNul(filter) || client->Subscribe(filter, qos, messageId) != MOSQ_ERR_SUCCESS)
+        return false;
+    unansweredFilters[messageId] = filter;
+    const auto known =
+        std::find_if(filters.begin(), filters.end(), [&](const auto& entry) { return entry.first == filter; });
+    if (known == filters.end())
+        filters.emplace_back(filter, qos);
+    else
+        known->second = qos;
+    client->Write();
+    if (link != Link::UP || client->WantsWrite())
+        Wake();
+    return true;
+}
+
+int QueueOwner::Core::Publish(const std::string& topic, const std::string& payload, bool retained, bool assured) {
+    if (HoldsNul(topic))
+        return MALFORMED_TOPIC;
+    const std::size_t cost = OutstandingPublications::Cost(topic, payload);
+    if (cost > settings.maxOutstandingBytes)
+        return PAYLOAD_TOO_LARGE;
+    MutexLock lock(mutex);
+    if (link != Link::UP)
+        return NOT_CONNECTED;
+    if (!outstanding.Admits(cost)) {
+        RefuseForBytes();
+        return OUTSTANDING_FULL;
+    }
+    const int status = Send(topic, payload, retained, assured);
+    if (status != HANDED_OVER)
+        return status;
+    announced.Note(topic, payload, retained, assured);
+    // Sent from here when the socket has room; otherwise the delivery thread sends it when it has.
+    client->Write();
+    if (link != Link::UP || client->WantsWrite())
+        Wake();
+    return HANDED_OVER;
+}
+
+int QueueOwner::Core::Send(const std::string& topic, const std::string& payload, bool retained, bool assured) {
+    int messageId = 0;
+    const int error = client->Publish(topic, payload, assured, retained, messageId);
+    if (error == MOSQ_ERR_SUCCESS)
+        outstanding.Add(messageId,
+                        {assured ? topic : std::string(), OutstandingPublications::Cost(topic, payload), assured});
+    return StatusOf(error);
+}
+
+// The delivery thread writes the record: a publication must not wait for the log.
+void QueueOwner::Core::RefuseForBytes() {
+    if (refusedForBytes++ != 0)
+        return;
+    Say(Severity::WARNING, "the broker does not keep up: " + std::to_string(outstanding.Bytes()) +
+                               " bytes are outstanding, publications are refused until it takes some; [broker] "
+                               "max_outstanding_bytes is " +
+                               std::to_string(settings.maxOutstandingBytes));
+    Wake();
+}
+
+void QueueOwner::Core::StopDelivery() {
+    MutexLock lock(mutex);
+    deliveryStopped = true;
+    while (delivering && !OnDeliveryThread())
+        changed.wait(mutex);
+}
+
+void QueueOwner::Core::Abandon() {
+    MutexLock lock(mutex);
+    owner = nullptr;
+    deliveryStopped = true;
+    if (link == Link::UP)
+        client->Write(); // what fits; the connection then breaks off, so that the last will speaks
+    TakeClient().reset();
+    ++threadNumber;
+    Wake();
+    std::thread last = std::move(thread);
+    mutex.unlock();
+    if (last.joinable() && last.get_id() == std::this_thread::get_id())
+        last.detach();
+    else if (last.joinable())
+        last.join();
+    mutex.lock();
+    WriteLog();
+}
+
+std::unique_ptr<MosquittoClient> QueueOwner::Core::TakeClient() {
+    ++generation;
+    SetLink(Link::CLOSED);
+    restoreDue = false;
+    inbox.Clear();
+    outstanding.Clear();
+    filters.clear();
+    unansweredFilters.clear();
+    refusedForBytes = 0;
+    Wake();
+    return std::move(client);
+}
+
+bool QueueOwner::Core::OnDeliveryThread() const {
+    return running && threadId == std::this_thread::get_id();
+}
+
+void QueueOwner::Core::StartThread() {
+    if (running) {
+        Wake();
+        return;
+    }
+    if (thread.joinable())
+        thread.join(); // it has left Run, so this does not wait
+    running = true;
+    const unsigned number = ++threadNumber;
+    thread = std::thread([self = shared_from_this(), number] { self->Run(number); });
+    threadId = thread.get_id();
+}
+
+// The thread ends by itself once the connection is given up. It is waited for, unless an application's callback would
+// be waited for with it; then the next StartThread or Abandon does.
+void QueueOwner::Core::RetireThread() {
+    if (link != Link::CLOSED || delivering || OnDeliveryThread())
+        return;
+    ++threadNumber;
+    running = false;
+    Wake();
+    std::thread ending = std::move(thread);
+    mutex.unlock();
+    if (ending.joinable())
+        ending.join();
+    mutex.lock();
+}
+
+void QueueOwner::Core::SetLink(Link next) {
+    link = next;
+    changed.notify_all();
+}
+
+void QueueOwner::Core::Wake() const {
+    const std::uint64_t one = 1;
+    // Full means that it is readable already.
+    [[maybe_unused]] const ssize_t written = write(wakeUp, &one, sizeof one);
+}
+
+void QueueOwner::Core::Say(Severity severity, const std::string& text) {
+    records.emplace_back(severity, text);
+}
+
+void QueueOwner::Core::WriteLog() {
+    if (records.empty())
+        return;
+    std::vector<std::pair<Severity, std::string>> written;
+    written.swap(records);
+    mutex.unlock();
+    for (const auto& [severity, text] : written) {
+        switch (severity) {
+        case Severity::DEBUG:
+            logger.Debug() << clientId << ": " << text;
+            break;
+        case Severity::INFO:
+            logger.Info() << clientId << ": " << text;
+            break;
+        case Severity::WARNING:
+            logger.Warning() << clientId << ": " << text;
+            break;
+        case Severity::ERROR:
+            logger.Error() << clientId << ": " << text;
+            break;
+        }
+    }
+    mutex.lock();
+}
+
+} // namespace QUILMQTT

@@ -1,0 +1,142 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "AnnouncedState.h"
+#include "Backoff.h"
+#include "EventQueue.h"
+#include "EvictionWatch.h"
+#include "GatewayConfig.h"
+#include "MosquittoClient.h"
+#include "OutstandingPublications.h"
+#include "ThreadSafety.h"
+
+#include "CommonUtils/Logger.h"
+#include "QuilMqtt/QueueOwner.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace QUILMQTT {
+
+/// The working part of a QueueOwner. The delivery thread shares it, so that the owner may be deleted in a callback:
+/// what the thread touches after a callback is this, never the owner.
+///
+/// One mutex guards everything. It is never held while waiting, while a callback runs or while a log record is written.
+/// Under it only non-blocking calls are made, so that no caller waits for the broker.
+class QueueOwner::Core final : public std::enable_shared_from_this<Core>, private OrvPlatform::MosquittoEvents {
+public:
+    Core(QueueOwner& owner, const std::string& clientId, const OrvPlatform::GatewayConfig::Broker& settings);
+    ~Core();
+    Core(const Core&) = delete;
+    Core& operator=(const Core&) = delete;
+
+    bool Connect(const std::optional<OrvPlatform::LastWill>& will) ORV_EXCLUDES(mutex);
+    bool Disconnect() ORV_EXCLUDES(mutex);
+    bool Subscribe(const std::string& filter, int qos) ORV_EXCLUDES(mutex);
+    int Publish(const std::string& topic, const std::string& payload, bool retained, bool assured) ORV_EXCLUDES(mutex);
+    void StopDelivery() ORV_EXCLUDES(mutex);
+
+    /// The owner goes: no callback any more, the connection is dropped without a good-bye.
+    void Abandon() ORV_EXCLUDES(mutex);
+
+private:
+    using Time = std::chrono::steady_clock::time_point;
+
+    /// CLOSED --Connect--> CONNECTING --accepted--> UP --lost--> PAUSING --pause over--> RECONNECTING --accepted--> UP
+    /// CONNECTING and RECONNECTING fail to CLOSED and PAUSING; Disconnect leads from anywhere to CLOSED.
+    enum class Link { CLOSED, CONNECTING, UP, PAUSING, RECONNECTING };
+
+    enum class Severity { DEBUG, INFO, WARNING, ERROR };
+
+    // The delivery thread.
+    void Run(unsigned ownThread) ORV_EXCLUDES(mutex);
+    void Turn(Time until) ORV_REQUIRES(mutex);
+    void ServeSocket(int socket, short ready) ORV_REQUIRES(mutex);
+    void Advance() ORV_REQUIRES(mutex);
+    void Restore() ORV_REQUIRES(mutex);
+    void Deliver() ORV_REQUIRES(mutex);
+    void Dispatch(QueueOwner& receiver, const OrvPlatform::Event& event) ORV_EXCLUDES(mutex);
+    Time NextDeadline() const ORV_REQUIRES(mutex);
+
+    // The connection.
+    std::unique_ptr<OrvPlatform::MosquittoClient> TakeClient() ORV_REQUIRES(mutex);
+    bool Open(const std::optional<OrvPlatform::LastWill>& will, Time deadline) ORV_REQUIRES(mutex);
+    void AwaitAnswer(Time deadline) ORV_REQUIRES(mutex);
+    void StartThread() ORV_REQUIRES(mutex);
+    void RetireThread() ORV_REQUIRES(mutex); // releases it meanwhile
+    bool OnDeliveryThread() const ORV_REQUIRES(mutex);
+    void SetLink(Link next) ORV_REQUIRES(mutex);
+    void LoseConnection(int error, int systemError) ORV_REQUIRES(mutex);
+    void FailAttempt(const std::string& reason) ORV_REQUIRES(mutex);
+    int Send(const std::string& topic, const std::string& payload, bool retained, bool assured) ORV_REQUIRES(mutex);
+    void RefuseForBytes() ORV_REQUIRES(mutex);
+    void Wake() const;
+
+    // What MosquittoClient reports; its operations are called under the mutex only.
+    void OnAnswer(int code) noexcept override ORV_REQUIRES(mutex);
+    void OnLost(int error) noexcept override ORV_REQUIRES(mutex);
+    void OnMessage(const char* topic, const void* payload, std::size_t size) noexcept override ORV_REQUIRES(mutex);
+    void OnTaken(int messageId) noexcept override ORV_REQUIRES(mutex);
+    void OnSubscribed(int messageId, bool granted) noexcept override ORV_REQUIRES(mutex);
+
+    // Log records are collected under the mutex and written without it: a sink may block.
+    void Say(Severity severity, const std::string& text) ORV_REQUIRES(mutex);
+    void WriteLog() ORV_REQUIRES(mutex); // releases it meanwhile
+
+    // Fixed at construction.
+    const OrvPlatform::GatewayConfig::Broker settings;
+    const std::string clientId;
+    const std::string place; // host:port, for the log
+    const int wakeUp;        // an eventfd that ends the delivery thread's poll
+
+    CommonUtils::Logger logger;
+
+    mutable OrvPlatform::Mutex mutex;
+    std::condition_variable_any changed; // link or delivering
+
+    QueueOwner* owner ORV_GUARDED_BY(mutex);
+
+    // The delivery thread, from Connect until the connection is given up.
+    std::thread thread ORV_GUARDED_BY(mutex);
+    std::thread::id threadId ORV_GUARDED_BY(mutex);
+    unsigned threadNumber ORV_GUARDED_BY(mutex) = 0; // a thread with another number is to end
+    bool running ORV_GUARDED_BY(mutex) = false;
+    bool delivering ORV_GUARDED_BY(mutex) = false; // a callback is under way
+    bool deliveryStopped ORV_GUARDED_BY(mutex) = false;
+    OrvPlatform::EventQueue inbox ORV_GUARDED_BY(mutex);
+    OrvPlatform::EventQueue outbox ORV_GUARDED_BY(mutex); // being delivered; only the delivery thread changes it
+
+    // The connection.
+    Link link ORV_GUARDED_BY(mutex) = Link::CLOSED;
+    unsigned generation ORV_GUARDED_BY(mutex) = 0; // counts the clients that were taken away
+    std::unique_ptr<OrvPlatform::MosquittoClient> client ORV_GUARDED_BY(mutex);
+    Time attemptEnds ORV_GUARDED_BY(mutex);
+    Time pauseEnds ORV_GUARDED_BY(mutex);
+    Time lostAt ORV_GUARDED_BY(mutex);
+    int attempt ORV_GUARDED_BY(mutex) = 0; // since the connection was lost
+    int refusal ORV_GUARDED_BY(mutex) = 0; // the broker's answer to the latest attempt
+    int refusalSaid ORV_GUARDED_BY(mutex) = 0;
+    bool restoreDue ORV_GUARDED_BY(mutex) = false;
+    bool evictionSaid ORV_GUARDED_BY(mutex) = false;
+    std::string failure ORV_GUARDED_BY(mutex); // why the first attempt failed
+    OrvPlatform::Backoff backoff ORV_GUARDED_BY(mutex);
+    OrvPlatform::EvictionWatch evictions ORV_GUARDED_BY(mutex);
+
+    // What is said to the broker.
+    std::vector<std::pair<std::string, int>> filters ORV_GUARDED_BY(mutex);
+    std::unordered_map<int, std::string> unansweredFilters ORV_GUARDED_BY(mutex);
+    OrvPlatform::AnnouncedState announced ORV_GUARDED_BY(mutex);
+    OrvPlatform::OutstandingPublications outstanding ORV_GUARDED_BY(mutex);
+    unsigned refusedForBytes ORV_GUARDED_BY(mutex) = 0;
+
+    std::vector<std::pair<Severity, std::string>> records ORV_GUARDED_BY(mutex);
+};
+
+} // namespace QUILMQTT

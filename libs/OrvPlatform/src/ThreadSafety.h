@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <mutex>
+
+// Lock annotations that clang checks (-Wthread-safety); nothing for other compilers.
+#if defined(__clang__)
+#define ORV_THREAD_ANNOTATION(x) __attribute__((x))
+#else
+#define ORV_THREAD_ANNOTATION(x)
+#endif
+#define ORV_GUARDED_BY(x) ORV_THREAD_ANNOTATION(guarded_by(x))
+#define ORV_REQUIRES(...) ORV_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
+#define ORV_EXCLUDES(...) ORV_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
+
+namespace OrvPlatform {
+
+/// A std::mutex that clang's analysis knows. Its lower-case members make it fit std::condition_variable_any.
+class ORV_THREAD_ANNOTATION(capability("mutex")) Mutex {
+public:
+    void lock() ORV_THREAD_ANNOTATION(acquire_capability()) { mutex.lock(); }
+    void unlock() ORV_THREAD_ANNOTATION(release_capability()) { mutex.unlock(); }
+
+private:
+    std::mutex mutex;
+};
+
+class ORV_THREAD_ANNOTATION(scoped_lockable) MutexLock {
+public:
+    explicit MutexLock(Mutex& held) ORV_THREAD_ANNOTATION(acquire_capability(held)) : mutex(held) { mutex.lock(); }
+    ~MutexLock() ORV_THREAD_ANNOTATION(release_capability()) { mutex.unlock(); }
+    MutexLock(const MutexLock&) = delete;
+    MutexLock& operator=(const MutexLock&) = delete;
+
+private:
+    Mutex& mutex;
+};
+
+} // namespace OrvPlatform
