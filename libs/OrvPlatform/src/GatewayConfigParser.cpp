@@ -12,6 +12,8 @@ namespace OrvPlatform {
 
 namespace {
 
+constexpr const char* hidden = "(not shown)";
+
 /// Foreign text in a report: escaped, and no longer than a reader can use.
 std::string Quoted(std::string_view text) {
     constexpr std::size_t enough = 80;
@@ -29,12 +31,14 @@ std::string Joined(const std::vector<std::string>& words) {
 
 std::string Hint(std::string_view word, const std::vector<std::string>& words) {
     const std::string nearest = Nearest(word, words);
-    return nearest.empty() ? "" : "; did you mean \"" + nearest + "\"?";
+    return nearest.empty() ? "." : "; did you mean \"" + nearest + "\"?";
 }
 
 std::string InForce(const Setting& setting, const GatewayConfig& config) {
     const std::string value = setting.show(config);
-    return value.empty() ? "it stays unset" : value + " stays in force";
+    if (value.empty())
+        return "it stays unset";
+    return (setting.isSecret ? "the value before" : value) + " stays in force";
 }
 
 std::string_view Trimmed(std::string_view text) {
@@ -148,7 +152,7 @@ private:
         if (!isFirst)
             Report(title + " was set in line " + std::to_string(first->second) + " already; the later value counts");
         if (!setting.read(value, parsed.config))
-            Report(title + " = " + Quoted(value) + " is not valid, " + InForce(setting, parsed.config) +
+            Report(title + " = " + (setting.isSecret ? hidden : Quoted(value)) + " is not valid, " + InForce(setting, parsed.config) +
                    ". Valid: " + setting.valid);
     }
 
@@ -161,10 +165,8 @@ private:
             else if (setting.key == key)
                 elsewhere = "; it belongs in [" + setting.section + "].";
         }
-        std::string hint = elsewhere.empty() ? Hint(key, here) : elsewhere;
-        if (hint.empty())
-            hint = ".";
-        Report("[" + section + "] has no key " + Quoted(key) + ", ignored" + hint + " Valid: " + Joined(here));
+        Report("[" + section + "] has no key " + Quoted(key) + ", ignored" +
+               (elsewhere.empty() ? Hint(key, here) : elsewhere) + " Valid: " + Joined(here));
     }
 
     void CheckTogether() {
@@ -206,7 +208,9 @@ std::string ShowGatewayConfig(const GatewayConfig& config) {
             section = setting.section;
             text += "[" + section + "]\n";
         }
-        text += setting.key + " = " + setting.show(config) + "\n";
+        const std::string value = setting.show(config);
+        text += setting.key + " =" + (value.empty() ? "" : " ") + (setting.isSecret && !value.empty() ? hidden : value) +
+                "\n";
     }
     return text;
 }

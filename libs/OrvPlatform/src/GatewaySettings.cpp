@@ -4,6 +4,7 @@
 #include "CommonUtils/StringHelpers.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <charconv>
 #include <numeric>
 
@@ -23,6 +24,12 @@ bool IsHost(std::string_view text) {
     return !text.empty() && text.size() <= longestName && HasOnly(text, std::string(letters) + digits + "-._:%");
 }
 
+bool IsBrokerHost(const std::string& text) {
+    unsigned char address[sizeof(in6_addr)];
+    return text == "localhost" || ::inet_pton(AF_INET, text.c_str(), address) == 1 ||
+           ::inet_pton(AF_INET6, text.c_str(), address) == 1;
+}
+
 /// @return false, and `number` unchanged, unless `text` is a decimal number from `least` to `most`
 template <typename T>
 bool ReadNumber(const std::string& text, T least, T most, T& number) {
@@ -32,6 +39,14 @@ bool ReadNumber(const std::string& text, T least, T most, T& number) {
     if (error != std::errc() || stop != end || value < least || value > most)
         return false;
     number = value;
+    return true;
+}
+
+bool ReadText(const std::string& text, std::string& kept) {
+    constexpr std::size_t longest = 128;
+    if (text.size() > longest)
+        return false;
+    kept = text;
     return true;
 }
 
@@ -104,9 +119,9 @@ bool ReadTruth(const std::string& text, bool& truth) {
 
 std::vector<Setting> BrokerSettings() {
     return {
-        {"broker", "host", "a host name or an IP address",
+        {"broker", "host", "an IPv4 or IPv6 address or localhost",
          [](const std::string& value, GatewayConfig& config) {
-             if (!IsHost(value))
+             if (!IsBrokerHost(value))
                  return false;
              config.broker.host = value;
              return true;
@@ -117,6 +132,12 @@ std::vector<Setting> BrokerSettings() {
              return ReadNumber<std::uint16_t>(value, 1, 65535, config.broker.port);
          },
          [](const GatewayConfig& config) { return std::to_string(config.broker.port); }},
+        {"broker", "username", "up to 128 bytes, or nothing",
+         [](const std::string& value, GatewayConfig& config) { return ReadText(value, config.broker.username); },
+         [](const GatewayConfig& config) { return config.broker.username; }},
+        {"broker", "password", "up to 128 bytes, or nothing",
+         [](const std::string& value, GatewayConfig& config) { return ReadText(value, config.broker.password); },
+         [](const GatewayConfig& config) { return config.broker.password; }, true},
         {"broker", "client_id_suffix", "up to 32 letters, digits, '-', '_' and '.', or nothing",
          [](const std::string& value, GatewayConfig& config) {
              if (value.size() > 32 || !HasOnly(value, std::string(letters) + digits + "-_."))

@@ -18,6 +18,8 @@ struct Setting {
     bool (*read)(const std::string& value, GatewayConfig& config);
     /// The value as it would stand in the file.
     std::string (*show)(const GatewayConfig& config);
+    /// Its value is never shown, neither in a report nor by ShowGatewayConfig.
+    bool isSecret = false;
 };
 
 /// All of them, in the order of the shipped file.

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <exception>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -51,6 +52,10 @@ void Format(Message& message, const char* format, va_list& arguments) {
     va_end(again);
 }
 
+std::string LoggerName(std::string_view source, int line) {
+    return source.empty() ? "LogWrapper" : OrvPlatform::Escaped(source) + ":" + std::to_string(line);
+}
+
 } // namespace
 
 void LogWrapper::Log(int level, bool flag, const char* file, int line, const char* function, const char* format, ...) {
@@ -58,13 +63,17 @@ void LogWrapper::Log(int level, bool flag, const char* file, int line, const cha
     const std::string_view source = SourceName(OrEmpty(file));
     if (known < OrvPlatform::LogThreshold(source, 0))
         return;
-    Message message;
     va_list arguments;
     va_start(arguments, format);
-    Format(message, format == nullptr ? "" : format, arguments);
+    try {
+        Message message;
+        Format(message, format == nullptr ? "" : format, arguments);
+        const std::string logger = LoggerName(source, line);
+        OrvPlatform::ProcessLog().Write({known, logger, OrEmpty(function), message.text, message.bytes, flag});
+    } catch (const std::exception&) {
+        // No memory: the record is lost, the program is not.
+    }
     va_end(arguments);
-    const std::string logger = OrvPlatform::Escaped(source) + ":" + std::to_string(line);
-    OrvPlatform::ProcessLog().Write({known, logger, OrEmpty(function), message.text, message.bytes, flag});
 }
 
 } // namespace quillogger
