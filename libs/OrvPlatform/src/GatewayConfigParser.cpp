@@ -38,7 +38,7 @@ std::string InForce(const Setting& setting, const GatewayConfig& config) {
     const std::string value = setting.show(config);
     if (value.empty())
         return "it stays unset";
-    return (setting.isSecret ? "the value before" : value) + " stays in force";
+    return (setting.isSecret ? "the value before" : Escaped(value)) + " stays in force";
 }
 
 std::string_view Trimmed(std::string_view text) {
@@ -152,8 +152,8 @@ private:
         if (!isFirst)
             Report(title + " was set in line " + std::to_string(first->second) + " already; the later value counts");
         if (!setting.read(value, parsed.config))
-            Report(title + " = " + (setting.isSecret ? hidden : Quoted(value)) + " is not valid, " + InForce(setting, parsed.config) +
-                   ". Valid: " + setting.valid);
+            Report(title + " = " + (setting.isSecret ? hidden : Quoted(value)) + " is not valid, " +
+                   InForce(setting, parsed.config) + ". Valid: " + setting.valid);
     }
 
     void ReportUnknown(const std::string& key) {
@@ -209,8 +209,8 @@ std::string ShowGatewayConfig(const GatewayConfig& config) {
             text += "[" + section + "]\n";
         }
         const std::string value = setting.show(config);
-        text += setting.key + " =" + (value.empty() ? "" : " ") + (setting.isSecret && !value.empty() ? hidden : value) +
-                "\n";
+        text += setting.key + " =" + (value.empty() ? "" : " ") +
+                (setting.isSecret && !value.empty() ? hidden : value) + "\n";
     }
     return text;
 }

@@ -19,6 +19,10 @@ bool HasOnly(std::string_view text, const std::string& allowed) {
     return text.find_first_not_of(allowed) == std::string_view::npos;
 }
 
+bool HasControl(const std::string& text) {
+    return std::any_of(text.begin(), text.end(), [](char c) { return (c >= 0 && c < 0x20) || c == 0x7f; });
+}
+
 bool IsHost(std::string_view text) {
     constexpr std::size_t longestName = 253;
     return !text.empty() && text.size() <= longestName && HasOnly(text, std::string(letters) + digits + "-._:%");
@@ -44,7 +48,7 @@ bool ReadNumber(const std::string& text, T least, T most, T& number) {
 
 bool ReadText(const std::string& text, std::string& kept) {
     constexpr std::size_t longest = 128;
-    if (text.size() > longest)
+    if (text.size() > longest || HasControl(text))
         return false;
     kept = text;
     return true;
@@ -132,10 +136,10 @@ std::vector<Setting> BrokerSettings() {
              return ReadNumber<std::uint16_t>(value, 1, 65535, config.broker.port);
          },
          [](const GatewayConfig& config) { return std::to_string(config.broker.port); }},
-        {"broker", "username", "up to 128 bytes, or nothing",
+        {"broker", "username", "up to 128 bytes without control characters, or nothing",
          [](const std::string& value, GatewayConfig& config) { return ReadText(value, config.broker.username); },
          [](const GatewayConfig& config) { return config.broker.username; }},
-        {"broker", "password", "up to 128 bytes, or nothing",
+        {"broker", "password", "up to 128 bytes without control characters, or nothing",
          [](const std::string& value, GatewayConfig& config) { return ReadText(value, config.broker.password); },
          [](const GatewayConfig& config) { return config.broker.password; }, true},
         {"broker", "client_id_suffix", "up to 32 letters, digits, '-', '_' and '.', or nothing",
@@ -186,7 +190,7 @@ std::vector<Setting> NetworkSettings() {
          [](const GatewayConfig& config) { return config.cloud.endpoint; }},
         {"connman", "bus_address", "a D-Bus address such as unix:path=/run/dbus/system_bus_socket, or nothing",
          [](const std::string& value, GatewayConfig& config) {
-             if (!value.empty() && value.find(':') == std::string::npos)
+             if (!value.empty() && (value.find(':') == std::string::npos || HasControl(value)))
                  return false;
              config.connman.busAddress = value;
              return true;
@@ -206,7 +210,7 @@ std::vector<Setting> LogSettings() {
          [](const GatewayConfig& config) { return config.log.levels.Text(); }},
         {"log", "file", "an absolute path",
          [](const std::string& value, GatewayConfig& config) {
-             if (value.size() < 2 || value.front() != '/' || value.back() == '/')
+             if (value.size() < 2 || value.front() != '/' || value.back() == '/' || HasControl(value))
                  return false;
              config.log.file = value;
              return true;

@@ -33,7 +33,7 @@ struct Message {
     std::size_t bytes = 0;
 };
 
-void Format(Message& message, const char* format, va_list& arguments) {
+__attribute__((format(printf, 2, 0))) void Format(Message& message, const char* format, va_list& arguments) {
     va_list again;
     va_copy(again, arguments);
     const int length = std::vsnprintf(message.inPlace, sizeof message.inPlace, format, arguments);
@@ -67,7 +67,7 @@ void LogWrapper::Log(int level, bool flag, const char* file, int line, const cha
     va_start(arguments, format);
     try {
         Message message;
-        Format(message, format == nullptr ? "" : format, arguments);
+        Format(message, format == nullptr ? "(no text)" : format, arguments);
         const std::string logger = LoggerName(source, line);
         OrvPlatform::ProcessLog().Write({known, logger, OrEmpty(function), message.text, message.bytes, flag});
     } catch (const std::exception&) {
