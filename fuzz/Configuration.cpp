@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: Apache-2.0
+// The configuration parser: whatever the text, the settings that come out are valid, and what was not is reported in
+// clean lines.
+#include "GatewayConfig.h"
+#include "Require.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <string>
+
+namespace {
+
+using OrvFuzz::Require;
+
+/// "key = value" as "key=value": the shortest form, so that no line grows beyond what the parser takes.
+std::string Compact(const std::string& text) {
+    std::string compact;
+    std::size_t begin = 0;
+    while (begin < text.size()) {
+        const std::size_t end = text.find('\n', begin);
+        std::string line = text.substr(begin, end - begin);
+        const std::size_t equals = line.find(" = ");
+        if (line[0] != '[' && equals != std::string::npos)
+            line.replace(equals, 3, "=");
+        compact += line + "\n";
+        begin = end + 1;
+    }
+    return compact;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    const OrvPlatform::ParsedConfig parsed = OrvPlatform::ParseGatewayConfig(text, "fuzz.ini");
+    for (const std::string& problem : parsed.problems) {
+        Require(OrvFuzz::IsOneCleanLine(problem), "a report is one clean line");
+        Require(problem.compare(0, 9, "fuzz.ini:") == 0, "a report names the file");
+        Require(problem.size() < 2000, "a report is not endless");
+    }
+
+    const std::string shown = OrvPlatform::ShowGatewayConfig(parsed.config);
+    OrvPlatform::ParsedConfig again = OrvPlatform::ParseGatewayConfig(Compact(shown), "fuzz.ini");
+    const auto sameInterface = [](const std::string& problem) {
+        return problem.find("nothing to fail over to") != std::string::npos;
+    };
+    again.problems.erase(std::remove_if(again.problems.begin(), again.problems.end(), sameInterface),
+                         again.problems.end());
+    // The log file is unset by default, which cannot be said in the file.
+    const bool onlyTheFile = parsed.config.log.file.empty() && again.problems.size() == 1 &&
+                             again.problems[0].find("[log] file") != std::string::npos;
+    Require(again.problems.empty() || onlyTheFile, "what was accepted once is accepted again");
+    Require(OrvPlatform::ShowGatewayConfig(again.config) == shown, "settings survive being written and read");
+    return 0;
+}
