@@ -14,7 +14,7 @@ struct PendingRelease {
 };
 
 std::string TextOf(DBusError& error) {
-    const std::string text = error.message ? error.message : "unknown error";
+    std::string text = error.message ? error.message : "unknown error";
     dbus_error_free(&error);
     return text;
 }
