@@ -10,6 +10,13 @@ namespace {
 
 std::vector<std::string> order{"eth0", "wwan0"};
 bool obedient = true;
+std::function<void(const std::string&)> commandHook;
+
+void Begin(const std::string& command) {
+    OrvPlatformFake::Journal::Add(command);
+    if (commandHook)
+        commandHook(command);
+}
 
 } // namespace
 
@@ -30,7 +37,7 @@ std::string ConnmanCommands::GetTopPriorityInterface() {
 }
 
 bool ConnmanCommands::SetTopPriorityInterface(const std::string& interfaceName) {
-    OrvPlatformFake::Journal::Add(OrvPlatformFake::Entry::TopPriority(interfaceName));
+    Begin(OrvPlatformFake::Entry::TopPriority(interfaceName));
     const auto service = std::find(order.begin(), order.end(), interfaceName);
     if (service == order.end())
         return false;
@@ -41,7 +48,7 @@ bool ConnmanCommands::SetTopPriorityInterface(const std::string& interfaceName) 
 
 bool ConnmanCommands::SetDnsConfiguration(const std::string& interfaceName, const std::string& first,
                                           const std::string& second) {
-    OrvPlatformFake::Journal::Add(OrvPlatformFake::Entry::Dns(interfaceName, first, second));
+    Begin(OrvPlatformFake::Entry::Dns(interfaceName, first, second));
     return true;
 }
 
@@ -57,6 +64,7 @@ FakeConnman& FakeConnman::Get() {
 void FakeConnman::Reset() {
     order = {"eth0", "wwan0"};
     obedient = true;
+    commandHook = nullptr;
 }
 
 void FakeConnman::SetOrder(std::vector<std::string> interfaces) {
@@ -69,6 +77,10 @@ std::vector<std::string> FakeConnman::Order() const {
 
 void FakeConnman::SetObedient(bool isObedient) {
     obedient = isObedient;
+}
+
+void FakeConnman::SetCommandHook(std::function<void(const std::string& line)> hook) {
+    commandHook = std::move(hook);
 }
 
 } // namespace OrvPlatformFake

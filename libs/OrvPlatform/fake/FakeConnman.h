@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,10 @@ public:
 
     /// An obedient connection manager carries requests out at once; the other one accepts them and does nothing.
     void SetObedient(bool obedient);
+
+    /// Called at the start of every command, on the calling thread, with the journal's line of it; may throw. Empty for
+    /// none.
+    void SetCommandHook(std::function<void(const std::string& line)> hook);
 
 private:
     FakeConnman() = default;
