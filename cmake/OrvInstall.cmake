@@ -27,4 +27,5 @@ if(ORV_PLATFORM STREQUAL "linux")
   orv_install_package(OrvPlatform TARGETS OrvPlatform OrvPlatformContract COMPONENT platform DEVEL_COMPONENT platform-dev
     PKGCONFIG orvplatform.pc)
   install(DIRECTORY libs/OrvPlatform/include/ DESTINATION ${ORV_CONTRACT_DIR} COMPONENT platform-dev)
+  install(FILES libs/OrvPlatform/config/gateway.ini DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/orv COMPONENT platform)
 endif()
