@@ -1,0 +1,48 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <thread>
+
+/// A network namespace of the test program's own. Nothing that is done in it reaches the machine's network.
+namespace PrivateNetwork {
+
+/// Moves this process into a new network namespace. To be called before there is another thread.
+/// @return false when this machine does not allow it
+inline bool Enter() {
+    return unshare(CLONE_NEWNET) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0;
+}
+
+/// Runs `ip ARGUMENTS`.
+/// @return false when it failed
+inline bool Ip(const std::string& arguments) {
+    return std::system(("ip " + arguments).c_str()) == 0; // NOLINT(concurrency-mt-unsafe): one thread
+}
+
+/// Makes an interface that has a carrier while its other end, named NAME-far, is up.
+inline bool AddInterface(const std::string& name) {
+    return Ip("link add " + name + " type veth peer name " + name + "-far") && Ip("link set " + name + " up") &&
+           Ip("link set " + name + "-far up");
+}
+
+/// Waits until the condition holds.
+/// @return false when it did not within the time
+inline bool Eventually(const std::function<bool()>& condition,
+                       std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+} // namespace PrivateNetwork
