@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "Netlink/Messages.h"
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace OrvSourceRoutes {
+
+/// Marks what this program made: its routes and rules carry this protocol number, and it removes only those.
+/// No number of the kernel's or of a known routing program.
+inline constexpr std::uint8_t kOwnProtocol = 111;
+
+/// Which table belongs to which interface. The rule that leads to it has the same number as priority.
+struct InterfaceTable {
+    std::string interface;
+    std::uint32_t table = 0;
+};
+
+/// What the kernel has at one moment.
+struct Snapshot {
+    std::vector<OrvNetlink::Link> links;
+    std::vector<OrvNetlink::Address> addresses;
+    std::vector<OrvNetlink::Route> routes; // of all tables
+    std::vector<OrvNetlink::Rule> rules;
+};
+
+/// What the kernel should have of this program's entries.
+struct Plan {
+    std::vector<OrvNetlink::Route> routes;
+    std::vector<OrvNetlink::Rule> rules;
+    /// By interface: one line for the log that says what a bound connection finds, and why.
+    std::map<std::string, std::string> reasons;
+};
+
+/// Decides from what the kernel shows. No input and output of its own.
+///
+/// The router of an interface is taken from, in this order:
+/// 1. the main table's default route over the interface (the connection manager gives one to the default service);
+/// 2. any other route of the main table via a router over the interface (it routes the name servers so);
+/// 3. the only route of the main table to a single host of the interface's own network (it routes the router so);
+/// 4. what was taken before, as long as the interface keeps the same address;
+/// 5. an entry of this program from before a crash, when its source is the interface's address.
+/// A point-to-point link needs no router.
+class Planner {
+public:
+    explicit Planner(std::vector<InterfaceTable> interfaceTables) : tables(std::move(interfaceTables)) {}
+
+    Plan Decide(const Snapshot& snapshot);
+
+private:
+    struct Router {
+        OrvNetlink::Address address;
+        OrvNetlink::Ipv4 gateway;
+    };
+
+    void DecideFor(const InterfaceTable& entry, const Snapshot& snapshot, Plan& plan);
+    OrvNetlink::Ipv4 FindGateway(const InterfaceTable& entry, const OrvNetlink::Address& address,
+                                 const Snapshot& snapshot);
+
+    const std::vector<InterfaceTable> tables;
+    std::map<std::string, Router> remembered;
+};
+
+/// What has to be done so that the kernel has the plan's entries and no other of this program's.
+struct Changes {
+    struct Addition {
+        OrvNetlink::Route route;
+        /// An own entry with the same destination stands in the table and is to be replaced in one step.
+        bool replaces = false;
+    };
+    std::vector<Addition> routesToAdd;
+    std::vector<OrvNetlink::Rule> rulesToAdd;
+    std::vector<OrvNetlink::Rule> rulesToRemove;
+    std::vector<OrvNetlink::Route> routesToRemove;
+};
+
+Changes Difference(const Snapshot& snapshot, const Plan& plan);
+
+} // namespace OrvSourceRoutes

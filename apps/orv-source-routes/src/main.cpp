@@ -1,0 +1,112 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Options.h"
+#include "RouteKeeper.h"
+
+#include <CommonUtils/Logger.h>
+#include <GatewayMainBaseUnits/IpInterfacesMapping.h>
+#include <linux/rtnetlink.h>
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <stdexcept>
+
+namespace {
+
+using namespace OrvSourceRoutes;
+
+constexpr char kUsage[] =
+    R"(orv-source-routes [--interface NAME=TABLE]...
+  Keeps a route for connections that are bound to a WAN interface, whichever interface has the default route.
+  --interface NAME=TABLE  an interface and the routing table that is its own; repeat it for each interface.
+                          Without it: the gateway configuration's Ethernet in 1011, Cellular in 1012.
+  --help                  this text
+Runs until SIGTERM or SIGINT and then removes what it made. Needs CAP_NET_ADMIN.
+)";
+constexpr int kRetryMs = 1000;
+
+/// A wrong command line; the text says what to write instead.
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+std::vector<InterfaceTable> ConfiguredTables() {
+    const auto& mapping = GatewayMainBaseUnits::IpInterfacesMapping::GetInstance();
+    return {{mapping.GetInterfaceName("Ethernet"), 1011}, {mapping.GetInterfaceName("Cellular"), 1012}};
+}
+
+std::vector<InterfaceTable> ParseArguments(int argc, char** argv) {
+    std::vector<InterfaceTable> tables;
+    for (int i = 1; i < argc; ++i) {
+        const bool hasValue = i + 1 < argc;
+        if (std::strcmp(argv[i], "--interface") != 0 || !hasValue)
+            throw UsageError(std::string("unexpected '") + argv[i] + "'; see --help");
+        const std::optional<InterfaceTable> entry = ParseInterfaceTable(argv[++i]);
+        if (!entry)
+            throw UsageError(std::string("'") + argv[i] +
+                             "' is not NAME=TABLE with a table from 1 to 252 or 256 to 32765, e.g. eth0=1011");
+        tables.push_back(*entry);
+    }
+    if (tables.empty())
+        tables = ConfiguredTables();
+    const std::string problem = ProblemWith(tables);
+    if (!problem.empty())
+        throw UsageError(problem);
+    return tables;
+}
+
+int OpenSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    const int descriptor = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (descriptor < 0)
+        throw std::system_error(errno, std::generic_category(), "open a descriptor for signals");
+    return descriptor;
+}
+
+void Run(std::vector<InterfaceTable> tables) {
+    const int signals = OpenSignals();
+    // Opened before the first look, so that nothing is missed between the two.
+    OrvNetlink::Socket notifications(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE |
+                                     (1U << (RTNLGRP_IPV4_RULE - 1)));
+    RouteKeeper keeper(std::move(tables));
+    for (;;) {
+        const bool done = keeper.Refresh();
+        pollfd waiting[] = {{signals, POLLIN, 0}, {notifications.Descriptor(), POLLIN, 0}};
+        poll(waiting, 2, done ? -1 : kRetryMs);
+        if (waiting[0].revents != 0)
+            break;
+        // Only a hint: the kernel drops some routes without a word, so the whole state is read anew.
+        static_cast<void>(notifications.ReadNotifications([](const nlmsghdr&) {}));
+    }
+    keeper.Withdraw();
+    close(signals);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    CommonUtils::Logger logger("OrvSourceRoutes", 2);
+    try {
+        if (argc == 2 && std::strcmp(argv[1], "--help") == 0) {
+            std::fputs(kUsage, stdout);
+            return 0;
+        }
+        Run(ParseArguments(argc, argv));
+        logger.Info() << "ended, its routes and rules are removed";
+        return 0;
+    } catch (const UsageError& error) {
+        std::fprintf(stderr, "orv-source-routes: %s\n", error.what());
+        return 2;
+    } catch (const std::exception& error) {
+        logger.Error() << "ends: " << error.what();
+        return 1;
+    }
+}

@@ -1,0 +1,249 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Planner.h"
+
+#include <gtest/gtest.h>
+#include <linux/rtnetlink.h>
+
+namespace OrvSourceRoutes {
+namespace {
+
+using OrvNetlink::Address;
+using OrvNetlink::Ipv4;
+using OrvNetlink::Link;
+using OrvNetlink::Route;
+using OrvNetlink::Rule;
+
+constexpr std::uint8_t kSomebodyElse = RTPROT_BOOT;
+constexpr unsigned kEth = 2;
+constexpr unsigned kCell = 3;
+
+Ipv4 Ip(const char* text) {
+    return *Ipv4::Parse(text);
+}
+
+/// What ConnMan leaves in the kernel with Ethernet as default service and Cellular beside it.
+class AGateway : public testing::Test {
+protected:
+    AGateway() {
+        now.links = {{1, "lo", true, false}, {kEth, "eth0", true, false}, {kCell, "wwan0", true, false}};
+        now.addresses = {{1, Ip("127.0.0.1"), 8, false, false},
+                         {kEth, Ip("10.11.0.179"), 24, false, true},
+                         {kCell, Ip("10.12.0.50"), 24, false, true}};
+        Main(kEth, "0.0.0.0", 0, "10.11.0.1");
+        Main(kEth, "10.11.0.0", 24, "0.0.0.0");
+        Main(kEth, "10.11.0.1", 32, "0.0.0.0");
+        Main(kCell, "10.12.0.0", 24, "0.0.0.0");
+        Main(kCell, "10.12.0.1", 32, "0.0.0.0");
+        Main(kEth, "10.21.0.53", 32, "10.11.0.1");
+        Main(kCell, "10.22.0.53", 32, "10.12.0.1");
+    }
+
+    void Main(unsigned link, const char* destination, unsigned length, const char* gateway) {
+        now.routes.push_back({RT_TABLE_MAIN, kSomebodyElse, link, Ip(destination), length, Ip(gateway), Ipv4{}, 0});
+    }
+    void RemoveRoutesOf(unsigned link) {
+        std::vector<Route> kept;
+        for (const Route& route : now.routes) {
+            if (route.link != link)
+                kept.push_back(route);
+        }
+        now.routes = kept;
+    }
+    void LoseAddressOf(unsigned link) {
+        std::vector<Address> kept;
+        for (const Address& address : now.addresses) {
+            if (address.link != link)
+                kept.push_back(address);
+        }
+        now.addresses = kept;
+    }
+
+    Plan Decide() { return planner.Decide(now); }
+
+    /// The router that the plan gives bound connections of the table; 0.0.0.0 without one.
+    static Ipv4 RouterIn(const Plan& plan, std::uint32_t table) {
+        for (const Route& route : plan.routes) {
+            if (route.table == table && route.IsDefault())
+                return route.gateway;
+        }
+        return Ipv4{};
+    }
+
+    /// Puts the changes into the snapshot, as the kernel would.
+    void Carry(const Changes& changes) {
+        for (const Route& gone : changes.routesToRemove)
+            now.routes.erase(std::find(now.routes.begin(), now.routes.end(), gone));
+        for (const Rule& gone : changes.rulesToRemove)
+            now.rules.erase(std::find(now.rules.begin(), now.rules.end(), gone));
+        for (const Changes::Addition& added : changes.routesToAdd)
+            now.routes.push_back(added.route);
+        for (const Rule& added : changes.rulesToAdd)
+            now.rules.push_back(added);
+    }
+
+    Snapshot now;
+    Planner planner{{{"eth0", 1011}, {"wwan0", 1012}}};
+};
+
+TEST_F(AGateway, GivesEachInterfaceARuleItsNetworkAndADefaultRoute) {
+    const Plan plan = Decide();
+    const std::vector<Route> routes = {{1011, kOwnProtocol, kEth, Ip("10.11.0.0"), 24, Ipv4{}, Ip("10.11.0.179"), 0},
+                                       {1011, kOwnProtocol, kEth, Ipv4{}, 0, Ip("10.11.0.1"), Ip("10.11.0.179"), 0},
+                                       {1012, kOwnProtocol, kCell, Ip("10.12.0.0"), 24, Ipv4{}, Ip("10.12.0.50"), 0},
+                                       {1012, kOwnProtocol, kCell, Ipv4{}, 0, Ip("10.12.0.1"), Ip("10.12.0.50"), 0}};
+    const std::vector<Rule> rules = {{1011, 1011, kOwnProtocol, "eth0"}, {1012, 1012, kOwnProtocol, "wwan0"}};
+    EXPECT_EQ(plan.routes, routes);
+    EXPECT_EQ(plan.rules, rules);
+    EXPECT_EQ(plan.reasons.at("eth0"), "bound connections go via 10.11.0.1 from 10.11.0.179 (table 1011)");
+}
+
+TEST_F(AGateway, LearnsTheRouterFromNameServerRoutesAlone) {
+    RemoveRoutesOf(kCell);
+    Main(kCell, "10.22.0.53", 32, "10.12.0.1");
+    EXPECT_EQ(RouterIn(Decide(), 1012), Ip("10.12.0.1"));
+}
+
+TEST_F(AGateway, LearnsTheRouterFromItsHostRouteAlone) {
+    RemoveRoutesOf(kCell);
+    Main(kCell, "10.12.0.1", 32, "0.0.0.0");
+    EXPECT_EQ(RouterIn(Decide(), 1012), Ip("10.12.0.1"));
+}
+
+TEST_F(AGateway, PrefersTheDefaultRoutesRouterToTheNameServers) {
+    Main(kEth, "10.21.0.54", 32, "10.11.0.9");
+    EXPECT_EQ(RouterIn(Decide(), 1011), Ip("10.11.0.1"));
+}
+
+TEST_F(AGateway, DoesNotGuessAmongSeveralHostsOfItsNetwork) {
+    RemoveRoutesOf(kCell);
+    Main(kCell, "10.12.0.1", 32, "0.0.0.0");
+    Main(kCell, "10.12.0.7", 32, "0.0.0.0");
+    EXPECT_EQ(Decide().reasons.at("wwan0"), "no route for bound connections: its router is not known yet");
+}
+
+TEST_F(AGateway, DoesNotTakeAHostOfAnotherNetworkForTheRouter) {
+    RemoveRoutesOf(kCell);
+    Main(kCell, "192.0.2.1", 32, "0.0.0.0");
+    EXPECT_FALSE(RouterIn(Decide(), 1012));
+}
+
+TEST_F(AGateway, LooksAtTheMainTableOnly) {
+    RemoveRoutesOf(kCell);
+    now.routes.push_back({77, kSomebodyElse, kCell, Ipv4{}, 0, Ip("10.12.0.9"), Ipv4{}, 0});
+    EXPECT_FALSE(RouterIn(Decide(), 1012));
+}
+
+TEST_F(AGateway, RemembersTheRouterWhileTheAddressStays) {
+    Decide();
+    RemoveRoutesOf(kCell);
+    EXPECT_EQ(RouterIn(Decide(), 1012), Ip("10.12.0.1"));
+}
+
+TEST_F(AGateway, RemembersTheRouterWhileTheLinkIsDown) {
+    Decide();
+    RemoveRoutesOf(kCell);
+    now.links[2].running = false;
+    EXPECT_EQ(Decide().reasons.at("wwan0"), "no route for bound connections: the link is down");
+    now.links[2].running = true;
+    EXPECT_EQ(RouterIn(Decide(), 1012), Ip("10.12.0.1"));
+}
+
+TEST_F(AGateway, ForgetsTheRouterWithTheAddress) {
+    Decide();
+    RemoveRoutesOf(kCell);
+    const std::vector<Address> before = now.addresses;
+    LoseAddressOf(kCell);
+    EXPECT_EQ(Decide().reasons.at("wwan0"), "no route for bound connections: the interface has no IPv4 address");
+    now.addresses = before;
+    EXPECT_FALSE(RouterIn(Decide(), 1012));
+}
+
+TEST_F(AGateway, ForgetsTheRouterWithAnotherAddress) {
+    Decide();
+    RemoveRoutesOf(kCell);
+    now.addresses[2].address = Ip("10.99.0.50");
+    EXPECT_FALSE(RouterIn(Decide(), 1012));
+}
+
+TEST_F(AGateway, FollowsTheRouterThatTheMainTableShows) {
+    Decide();
+    RemoveRoutesOf(kCell);
+    Main(kCell, "0.0.0.0", 0, "10.12.0.2");
+    EXPECT_EQ(RouterIn(Decide(), 1012), Ip("10.12.0.2"));
+}
+
+TEST_F(AGateway, TakesARouterFromItsOwnEntriesAfterACrash) {
+    const Plan before = Decide();
+    RemoveRoutesOf(kCell);
+    now.routes.insert(now.routes.end(), before.routes.begin(), before.routes.end());
+    Planner restarted({{"eth0", 1011}, {"wwan0", 1012}});
+    EXPECT_EQ(RouterIn(restarted.Decide(now), 1012), Ip("10.12.0.1"));
+}
+
+TEST_F(AGateway, NeedsNoRouterOnAPointToPointLink) {
+    RemoveRoutesOf(kCell);
+    now.links[2].pointToPoint = true;
+    now.addresses[2].prefixLength = 32;
+    const Plan plan = Decide();
+    const Route direct{1012, kOwnProtocol, kCell, Ipv4{}, 0, Ipv4{}, Ip("10.12.0.50"), 0};
+    EXPECT_EQ(plan.routes.back(), direct);
+    EXPECT_EQ(plan.reasons.at("wwan0"), "bound connections go over the link from 10.12.0.50 (table 1012)");
+}
+
+TEST_F(AGateway, IgnoresLinkLocalAndSecondaryAddresses) {
+    now.addresses[2].global = false;
+    now.addresses.push_back({kCell, Ip("10.12.0.51"), 24, true, true});
+    EXPECT_EQ(Decide().reasons.at("wwan0"), "no route for bound connections: the interface has no IPv4 address");
+}
+
+TEST_F(AGateway, DoesWithoutAnInterfaceThatDoesNotExist) {
+    now.links.pop_back();
+    const Plan plan = Decide();
+    EXPECT_EQ(plan.rules.size(), 1U);
+    EXPECT_EQ(plan.reasons.at("wwan0"), "no route for bound connections: the interface does not exist");
+}
+
+TEST_F(AGateway, ChangesNothingOnceAllStands) {
+    Carry(Difference(now, Decide()));
+    const Changes again = Difference(now, Decide());
+    EXPECT_TRUE(again.routesToAdd.empty() && again.routesToRemove.empty());
+    EXPECT_TRUE(again.rulesToAdd.empty() && again.rulesToRemove.empty());
+}
+
+TEST_F(AGateway, RemovesTheRuleAndTheRoutesWithTheAddress) {
+    Carry(Difference(now, Decide()));
+    LoseAddressOf(kCell);
+    const Changes changes = Difference(now, Decide());
+    const std::vector<Rule> rules = {{1012, 1012, kOwnProtocol, "wwan0"}};
+    EXPECT_EQ(changes.rulesToRemove, rules);
+    EXPECT_EQ(changes.routesToRemove.size(), 2U);
+    EXPECT_TRUE(changes.routesToAdd.empty());
+}
+
+TEST_F(AGateway, ReplacesTheRouterInOneStep) {
+    Carry(Difference(now, Decide()));
+    now.routes[0].gateway = Ip("10.11.0.2");
+    const Changes changes = Difference(now, Decide());
+    ASSERT_EQ(changes.routesToAdd.size(), 1U);
+    EXPECT_TRUE(changes.routesToAdd[0].replaces);
+    EXPECT_EQ(changes.routesToAdd[0].route.gateway, Ip("10.11.0.2"));
+    EXPECT_TRUE(changes.routesToRemove.empty());
+}
+
+TEST_F(AGateway, RemovesWhatItLeftInAnotherTable) {
+    now.rules = {{900, 900, kOwnProtocol, "eth0"}};
+    now.routes.push_back({900, kOwnProtocol, kEth, Ipv4{}, 0, Ip("10.11.0.1"), Ip("10.11.0.179"), 0});
+    const Changes changes = Difference(now, Decide());
+    EXPECT_EQ(changes.rulesToRemove.size(), 1U);
+    EXPECT_EQ(changes.routesToRemove.size(), 1U);
+}
+
+TEST_F(AGateway, LeavesTheEntriesOfOthersAlone) {
+    now.rules = {{5, 1011, kSomebodyElse, "eth0"}};
+    now.routes.push_back({1011, kSomebodyElse, kEth, Ipv4{}, 0, Ip("10.11.0.9"), Ipv4{}, 50});
+    const Changes changes = Difference(now, Plan{});
+    EXPECT_TRUE(changes.rulesToRemove.empty() && changes.routesToRemove.empty());
+}
+
+} // namespace
+} // namespace OrvSourceRoutes

@@ -1,0 +1,167 @@
+// SPDX-License-Identifier: Apache-2.0
+// The program itself, in a network namespace of its own.
+#include "PrivateNetwork.h"
+#include "RouteKeeper.h"
+
+#include <gtest/gtest.h>
+#include <spawn.h>
+
+#include <algorithm>
+#include <csignal>
+
+namespace OrvSourceRoutes {
+namespace {
+
+using PrivateNetwork::Eventually;
+using PrivateNetwork::Ip;
+
+bool ownNetwork = false;
+
+/// Moves the test program away from the machine's network once.
+class InPrivateNetwork : public testing::Environment {
+public:
+    void SetUp() override { ownNetwork = PrivateNetwork::Enter() && Ip("link set lo up"); }
+};
+const auto* const environment = testing::AddGlobalTestEnvironment(new InPrivateNetwork);
+
+/// The program under test as a child process.
+class Program {
+public:
+    Program() {
+        std::string path = ORV_SOURCE_ROUTES;
+        std::string option = "--interface";
+        std::string first = "eth0=1011";
+        std::string second = "wwan0=1012";
+        char* arguments[] = {path.data(), option.data(), first.data(), option.data(), second.data(), nullptr};
+        if (posix_spawn(&pid, path.c_str(), nullptr, nullptr, arguments, environ) != 0)
+            pid = -1;
+    }
+    ~Program() {
+        if (pid > 0)
+            End(SIGKILL);
+    }
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+
+    /// @return the exit status, -1 when a signal ended it
+    int End(int signal) {
+        kill(pid, signal);
+        int status = 0;
+        waitpid(pid, &status, 0);
+        pid = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+private:
+    pid_t pid = -1;
+};
+
+/// True when a connection that is bound to the interface leaves through the router. Without a route of its own the
+/// kernel takes every destination for a neighbour, and the connection fails only after neighbour discovery has.
+bool GoesVia(const std::string& router, const std::string& interface) {
+    return Ip("route get 198.51.100.10 oif " + interface + " | grep -q 'via " + router + " '");
+}
+
+class ANetworkWithTwoWanInterfaces : public testing::Test {
+protected:
+    void SetUp() override {
+        if (!ownNetwork)
+            GTEST_SKIP() << "this machine allows no network namespaces";
+        ASSERT_TRUE(PrivateNetwork::AddInterface("eth0") && PrivateNetwork::AddInterface("wwan0"));
+        ASSERT_TRUE(Ip("addr add 10.11.0.179/24 dev eth0") && Ip("addr add 10.12.0.50/24 dev wwan0"));
+        ASSERT_TRUE(Ip("route add default via 10.11.0.1"));
+        ASSERT_TRUE(Ip("route add 10.12.0.1 dev wwan0 scope link"));
+    }
+    void TearDown() override {
+        for (const char* leave : {"link del eth0", "link del wwan0"})
+            Ip(std::string(leave) + " 2>/dev/null");
+    }
+
+    /// This program's entries in the kernel, routes and rules together.
+    std::size_t OwnEntries() {
+        OrvNetlink::Socket requests;
+        const Snapshot now = ReadSnapshot(requests);
+        const auto own = [](const auto& entry) { return entry.protocol == kOwnProtocol; };
+        return static_cast<std::size_t>(std::count_if(now.routes.begin(), now.routes.end(), own) +
+                                        std::count_if(now.rules.begin(), now.rules.end(), own));
+    }
+    bool EventuallyVia(const std::string& router, const std::string& interface) {
+        return Eventually([&] { return GoesVia(router, interface); });
+    }
+};
+
+TEST_F(ANetworkWithTwoWanInterfaces, HasNoRouteForTheOtherInterfaceByItself) {
+    EXPECT_TRUE(GoesVia("10.11.0.1", "eth0"));
+    EXPECT_FALSE(GoesVia("10.12.0.1", "wwan0"));
+}
+
+TEST_F(ANetworkWithTwoWanInterfaces, HasRoutesForBothWhileTheProgramRuns) {
+    Program program;
+    EXPECT_TRUE(EventuallyVia("10.12.0.1", "wwan0"));
+    EXPECT_TRUE(EventuallyVia("10.11.0.1", "eth0"));
+    EXPECT_TRUE(Eventually([&] { return OwnEntries() == 6; }));
+    EXPECT_EQ(program.End(SIGTERM), 0);
+    EXPECT_EQ(OwnEntries(), 0U);
+    EXPECT_FALSE(GoesVia("10.12.0.1", "wwan0"));
+}
+
+TEST_F(ANetworkWithTwoWanInterfaces, KeepsTheRouteOfTheInterfaceThatLosesTheDefault) {
+    Program program;
+    ASSERT_TRUE(Eventually([&] { return OwnEntries() == 6; }));
+    ASSERT_TRUE(Ip("route del default") && Ip("route add default via 10.12.0.1"));
+    EXPECT_TRUE(EventuallyVia("10.11.0.1", "eth0"));
+}
+
+TEST_F(ANetworkWithTwoWanInterfaces, GivesAnInterfaceThatComesLaterItsRoute) {
+    ASSERT_TRUE(Ip("link del wwan0"));
+    Program program;
+    ASSERT_TRUE(Eventually([&] { return OwnEntries() == 3; }));
+    ASSERT_TRUE(PrivateNetwork::AddInterface("wwan0") && Ip("addr add 10.12.0.77/24 dev wwan0"));
+    ASSERT_TRUE(Ip("route add 10.22.0.53 via 10.12.0.1"));
+    EXPECT_TRUE(EventuallyVia("10.12.0.1", "wwan0"));
+}
+
+TEST_F(ANetworkWithTwoWanInterfaces, TakesTheRouteAwayWithTheAddress) {
+    Program program;
+    ASSERT_TRUE(Eventually([&] { return OwnEntries() == 6; }));
+    ASSERT_TRUE(Ip("addr flush dev wwan0"));
+    EXPECT_TRUE(Eventually([&] { return OwnEntries() == 3; }));
+    ASSERT_TRUE(Ip("addr add 10.12.0.51/24 dev wwan0") && Ip("route add 10.12.0.1 dev wwan0 scope link"));
+    EXPECT_TRUE(EventuallyVia("10.12.0.1", "wwan0"));
+}
+
+TEST_F(ANetworkWithTwoWanInterfaces, GetsTheRouteBackWithTheCarrier) {
+    Program program;
+    ASSERT_TRUE(Eventually([&] { return OwnEntries() == 6; }));
+    ASSERT_TRUE(Ip("link set wwan0-far down"));
+    EXPECT_TRUE(Eventually([&] { return OwnEntries() == 3; }));
+    ASSERT_TRUE(Ip("link set wwan0-far up"));
+    EXPECT_TRUE(Eventually([&] { return OwnEntries() == 6; }));
+}
+
+TEST_F(ANetworkWithTwoWanInterfaces, AdoptsItsOwnEntriesAfterACrash) {
+    {
+        Program crashing;
+        ASSERT_TRUE(Eventually([&] { return OwnEntries() == 6; }));
+        crashing.End(SIGKILL);
+    }
+    ASSERT_TRUE(Ip("route del 10.12.0.1 dev wwan0"));
+    ASSERT_TRUE(Ip("rule add pref 1099 oif eth0 lookup 1099 protocol 111"));
+    Program program;
+    EXPECT_TRUE(Eventually([&] { return OwnEntries() == 6; }));
+    EXPECT_TRUE(GoesVia("10.12.0.1", "wwan0"));
+    EXPECT_EQ(program.End(SIGINT), 0);
+    EXPECT_EQ(OwnEntries(), 0U);
+}
+
+TEST_F(ANetworkWithTwoWanInterfaces, KeepsTheEntriesOfOthers) {
+    ASSERT_TRUE(Ip("rule add pref 1005 oif eth0 lookup 1011") && Ip("route add 192.0.2.0/24 dev eth0 table 1011"));
+    Program program;
+    ASSERT_TRUE(Eventually([&] { return OwnEntries() == 6; }));
+    EXPECT_EQ(program.End(SIGTERM), 0);
+    EXPECT_TRUE(Ip("rule del pref 1005 oif eth0 lookup 1011"));
+    EXPECT_TRUE(Ip("route del 192.0.2.0/24 dev eth0 table 1011"));
+}
+
+} // namespace
+} // namespace OrvSourceRoutes
