@@ -71,7 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Require(taken == text.size() || room - cut.size() < 16, "nothing that fits is left out");
 
     std::string line;
-    OrvPlatform::LogChannel log(std::make_unique<KeepingSink>(line));
+    OrvPlatform::LogChannel log(std::make_shared<KeepingSink>(line));
     log.Write({2, "Fuzz", tag, text});
     Require(IsOneCleanLine(line), "a record is one clean line");
     Require(line.size() <= OrvPlatform::maxRecordBytes + 64, "a record keeps to its size");

@@ -41,7 +41,7 @@ private:
     const int before = errno;
 };
 
-std::unique_ptr<spdlog::sinks::sink> ConfiguredSink(const GatewayConfig::Log& settings) {
+std::shared_ptr<spdlog::sinks::sink> ConfiguredSink(const GatewayConfig::Log& settings) {
     switch (settings.sink) {
     case LogSink::STDERR:
         return MakeStderrSink();
@@ -80,9 +80,7 @@ LogChannel& MakeProcessLog() {
 
 } // namespace
 
-LogChannel::LogChannel(std::unique_ptr<spdlog::sinks::sink> destination) : sink(std::move(destination)) {}
-
-LogChannel::~LogChannel() = default;
+LogChannel::LogChannel(std::shared_ptr<spdlog::sinks::sink> destination) : sink(std::move(destination)) {}
 
 void LogChannel::Write(const LogRecord& record) noexcept {
     const ErrnoKept errnoKept;

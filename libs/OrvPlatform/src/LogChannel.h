@@ -28,8 +28,7 @@ struct LogRecord {
 /// the sink itself, as soon as it works again, how many records are missing.
 class LogChannel {
 public:
-    explicit LogChannel(std::unique_ptr<spdlog::sinks::sink> destination);
-    ~LogChannel();
+    explicit LogChannel(std::shared_ptr<spdlog::sinks::sink> destination);
     LogChannel(const LogChannel&) = delete;
     LogChannel& operator=(const LogChannel&) = delete;
 
@@ -47,7 +46,7 @@ private:
     void TellLoss();
 
     std::mutex mutex;
-    std::unique_ptr<spdlog::sinks::sink> sink;
+    std::shared_ptr<spdlog::sinks::sink> sink;
     std::string line; // reused
     std::size_t lost = 0;
     std::string lossReason;

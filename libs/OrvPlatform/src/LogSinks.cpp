@@ -295,16 +295,16 @@ private:
 
 } // namespace
 
-std::unique_ptr<spdlog::sinks::sink> MakeStderrSink(int descriptor) {
-    return std::make_unique<StderrSink>(descriptor);
+std::shared_ptr<spdlog::sinks::sink> MakeStderrSink(int descriptor) {
+    return std::make_shared<StderrSink>(descriptor);
 }
 
-std::unique_ptr<spdlog::sinks::sink> MakeFileSink(std::string path, std::size_t maxBytes, std::size_t count) {
-    return std::make_unique<FileSink>(std::move(path), maxBytes, count);
+std::shared_ptr<spdlog::sinks::sink> MakeFileSink(std::string path, std::size_t maxBytes, std::size_t count) {
+    return std::make_shared<FileSink>(std::move(path), maxBytes, count);
 }
 
-std::unique_ptr<spdlog::sinks::sink> MakeSyslogSink(std::string socketPath, std::string programName) {
-    return std::make_unique<SyslogSink>(std::move(socketPath), std::move(programName));
+std::shared_ptr<spdlog::sinks::sink> MakeSyslogSink(std::string socketPath, std::string programName) {
+    return std::make_shared<SyslogSink>(std::move(socketPath), std::move(programName));
 }
 
 void WriteToStderr(const std::string& text) noexcept {

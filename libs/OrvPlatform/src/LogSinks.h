@@ -21,14 +21,14 @@ namespace OrvPlatform {
 /// hangs and does not tell when a record is lost.
 
 /// @param descriptor where to write, for tests another than standard error
-std::unique_ptr<spdlog::sinks::sink> MakeStderrSink(int descriptor = 2);
+std::shared_ptr<spdlog::sinks::sink> MakeStderrSink(int descriptor = 2);
 
 /// Appends to the file at `path`. A record that would make it longer than `maxBytes` goes to a fresh file, after the
 /// old ones have been renamed to path.1, path.2 and so on; `count` is the number of files in all.
-std::unique_ptr<spdlog::sinks::sink> MakeFileSink(std::string path, std::size_t maxBytes, std::size_t count);
+std::shared_ptr<spdlog::sinks::sink> MakeFileSink(std::string path, std::size_t maxBytes, std::size_t count);
 
 /// Sends each record as a datagram with the daemon facility; the syslog daemon adds the time.
-std::unique_ptr<spdlog::sinks::sink> MakeSyslogSink(std::string socketPath, std::string programName);
+std::shared_ptr<spdlog::sinks::sink> MakeSyslogSink(std::string socketPath, std::string programName);
 
 /// Writes one line to standard error, without the log. Loses it when that fails.
 void WriteToStderr(const std::string& text) noexcept;

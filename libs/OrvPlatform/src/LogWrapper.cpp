@@ -67,7 +67,7 @@ void LogWrapper::Log(int level, bool flag, const char* file, int line, const cha
     va_start(arguments, format);
     try {
         Message message;
-        Format(message, format == nullptr ? "(no text)" : format, arguments);
+        Format(message, format == nullptr ? "no text" : format, arguments);
         const std::string logger = LoggerName(source, line);
         OrvPlatform::ProcessLog().Write({known, logger, OrEmpty(function), message.text, message.bytes, flag});
     } catch (const std::exception&) {
