@@ -36,6 +36,13 @@ std::optional<int> LevelFrom(const std::string& word) {
     return std::nullopt;
 }
 
+/// A logger's name as it can stand in a list: no blanks, commas or control characters.
+bool IsName(const std::string& text) {
+    constexpr std::size_t longest = 64;
+    return !text.empty() && text.size() <= longest &&
+           std::none_of(text.begin(), text.end(), [](char c) { return (c >= 0 && c <= ' ') || c == 0x7f; });
+}
+
 bool ApplyItem(const std::string& item, LogLevels& levels) {
     const auto equals = item.find('=');
     if (equals == std::string::npos) {
@@ -46,7 +53,7 @@ bool ApplyItem(const std::string& item, LogLevels& levels) {
     }
     const std::string logger = Trim(std::string_view(item).substr(0, equals));
     const auto level = LevelFrom(Trim(std::string_view(item).substr(equals + 1)));
-    if (logger.empty() || !level)
+    if (!IsName(logger) || !level)
         return false;
     const auto known = std::find_if(levels.loggers.begin(), levels.loggers.end(),
                                     [&logger](const auto& entry) { return entry.first == logger; });

@@ -46,6 +46,9 @@ TEST_F(AListOfLevels, LetsTheLaterItemWin) {
 TEST_F(AListOfLevels, NamesWhatItCannotReadAndAppliesTheRest) {
     EXPECT_EQ(ApplyLogLevels("loud,7,-1,=info,A=,A=7,,debug", levels),
               (Words{"loud", "7", "-1", "=info", "A=", "A=7", ""}));
+    EXPECT_EQ(ApplyLogLevels("A b=info", levels), Words{"A b=info"});
+    EXPECT_EQ(ApplyLogLevels("A\x01=info", levels), Words{"A\x01=info"});
+    EXPECT_EQ(ApplyLogLevels(std::string(65, 'x') + "=info", levels).size(), 1U);
     EXPECT_EQ(levels.Text(), "debug");
 }
 

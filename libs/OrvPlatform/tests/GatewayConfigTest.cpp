@@ -1,0 +1,385 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "GatewayConfig.h"
+
+#include "GatewayMainBaseUnits/IpInterfacesMapping.h"
+#include "GatewaySettings.h"
+#include "OrvResources/StaticConfigStore.h"
+#include "support/ChildProcess.h"
+
+#include <cstdio>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+using namespace OrvPlatform;
+using namespace OrvPlatform::Testing;
+using Lines = std::vector<std::string>;
+using namespace std::chrono_literals;
+
+namespace {
+
+ParsedConfig Parse(const std::string& text) {
+    return ParseGatewayConfig(text, "x.ini");
+}
+
+Lines ProblemsOf(const std::string& text) {
+    return Parse(text).problems;
+}
+
+bool BeginsWith(const std::string& text, const std::string& beginning) {
+    return text.compare(0, beginning.size(), beginning) == 0;
+}
+
+TEST(TheShippedFile, HasEveryKeyWithItsDefault) {
+    const std::string text = Content(ORV_SHIPPED_CONFIG);
+    const ParsedConfig parsed = Parse(text);
+    EXPECT_EQ(parsed.problems, Lines{});
+    EXPECT_EQ(ShowGatewayConfig(parsed.config), ShowGatewayConfig(GatewayConfig()));
+    std::size_t at = 0;
+    for (const Setting& setting : Settings()) {
+        const std::size_t found =
+            text.find("\n" + std::string(setting.key == "file" ? "# " : "") + setting.key + " =", at);
+        ASSERT_NE(found, std::string::npos) << setting.section << " " << setting.key;
+        at = found;
+    }
+}
+
+TEST(AConfiguration, MaySetEverything) {
+    const ParsedConfig parsed = Parse("[broker]\nhost = ::1\nport = 8883\nusername = me\npassword = a=b:c\n"
+                                      "client_id_suffix = -two\nkeep_alive = 60\nmax_outstanding_bytes = 1024\n"
+                                      "[interfaces]\nethernet = br-lan\ncellular = ppp0\n"
+                                      "[cloud]\nendpoint = cloud.example.com:8443/ping\n"
+                                      "[connman]\nbus_address = unix:path=/tmp/bus\nscripted = yes\n"
+                                      "[log]\nsink = file\nlevel = debug,OrvRoute=trace\nfile = /tmp/log\n"
+                                      "file_max_bytes = 16384\nfile_count = 1\n");
+    EXPECT_EQ(parsed.problems, Lines{});
+    const GatewayConfig& config = parsed.config;
+    EXPECT_EQ(config.broker.host, "::1");
+    EXPECT_EQ(config.broker.port, 8883);
+    EXPECT_EQ(config.broker.username, "me");
+    EXPECT_EQ(config.broker.password, "a=b:c");
+    EXPECT_EQ(config.broker.clientIdSuffix, "-two");
+    EXPECT_EQ(config.broker.keepAlive, 60s);
+    EXPECT_EQ(config.broker.maxOutstandingBytes, 1024U);
+    EXPECT_EQ(config.interfaces.ethernet, "br-lan");
+    EXPECT_EQ(config.interfaces.cellular, "ppp0");
+    EXPECT_EQ(config.cloud.endpoint, "cloud.example.com:8443/ping");
+    EXPECT_EQ(config.connman.busAddress, "unix:path=/tmp/bus");
+    EXPECT_TRUE(config.connman.scripted);
+    EXPECT_EQ(config.log.sink, LogSink::FILE);
+    EXPECT_EQ(config.log.levels.Text(), "debug,OrvRoute=trace");
+    EXPECT_EQ(config.log.file, "/tmp/log");
+    EXPECT_EQ(config.log.fileMaxBytes, 16384U);
+    EXPECT_EQ(config.log.fileCount, 1U);
+}
+
+TEST(AConfiguration, MayBeEmpty) {
+    for (const char* text : {"", "\n\n", "# nothing\n; nothing\n", "\xef\xbb\xbf", "[broker]\n"}) {
+        EXPECT_EQ(ProblemsOf(text), Lines{}) << text;
+        EXPECT_EQ(ShowGatewayConfig(Parse(text).config), ShowGatewayConfig(GatewayConfig())) << text;
+    }
+}
+
+TEST(AConfiguration, IsReadWhateverWroteIt) {
+    const char* texts[] = {
+        "\xef\xbb\xbf[broker]\nport = 7\n",
+        "[broker]\r\nport = 7\r\n",
+        "[broker]\nport=7",
+        "[broker]\n\t port:7 \n",
+        "  [broker]  \n  port = 7 ; why\n",
+        "\n[broker]\n[log]\n[broker]\nport = 7\n",
+    };
+    for (const char* text : texts) {
+        EXPECT_EQ(ProblemsOf(text), Lines{}) << text;
+        EXPECT_EQ(Parse(text).config.broker.port, 7) << text;
+    }
+}
+
+struct BadValue {
+    const char* name;
+    std::string section;
+    std::string key;
+    std::vector<std::string> values;
+    std::string report; // after the value
+};
+
+class ABadValue : public testing::TestWithParam<BadValue> {};
+
+TEST_P(ABadValue, IsReportedWithLineValueAndWhatIsValidAndTheDefaultStays) {
+    for (const std::string& value : GetParam().values) {
+        const ParsedConfig parsed =
+            Parse("# a comment\n[" + GetParam().section + "]\n" + GetParam().key + " = " + value + "\n");
+        ASSERT_EQ(parsed.problems.size(), 1U) << value;
+        EXPECT_EQ(parsed.problems[0], "x.ini:3: [" + GetParam().section + "] " + GetParam().key + " = \"" + value +
+                                          "\" is not valid, " + GetParam().report);
+        EXPECT_EQ(ShowGatewayConfig(parsed.config), ShowGatewayConfig(GatewayConfig())) << value;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Of, ABadValue,
+    testing::Values(
+        BadValue{"Host",
+                 "broker",
+                 "host",
+                 {"", "gateway.local", "1.2.3", "a b", "[::1]"},
+                 "127.0.0.1 stays in force. Valid: an IPv4 or IPv6 address or localhost"},
+        BadValue{"Port",
+                 "broker",
+                 "port",
+                 {"", "0", "65536", "-1", "+1", "1.0", "0x10", "18 83", "99999999999999999999"},
+                 "1883 stays in force. Valid: 1 to 65535"},
+        BadValue{"Suffix",
+                 "broker",
+                 "client_id_suffix",
+                 {"a b", "a/b", std::string(33, 'x')},
+                 "it stays unset. Valid: up to 32 letters, digits, '-', '_' and '.', or nothing"},
+        BadValue{
+            "KeepAlive", "broker", "keep_alive", {"4", "3601", "5s"}, "5 stays in force. Valid: 5 to 3600 seconds"},
+        BadValue{"Outstanding",
+                 "broker",
+                 "max_outstanding_bytes",
+                 {"1023", "67108865", "1M"},
+                 "262144 stays in force. Valid: 1024 to 67108864 bytes"},
+        BadValue{"Ethernet",
+                 "interfaces",
+                 "ethernet",
+                 {"", ".", "..", "a/b", "eth 0", "sixteencharacter"},
+                 "eth0 stays in force. Valid: an interface name of 1 to 15 characters, as `ip link` shows it"},
+        BadValue{"Cellular",
+                 "interfaces",
+                 "cellular",
+                 {"", "a:b"},
+                 "wwan0 stays in force. Valid: an interface name of 1 to 15 characters, as `ip link` shows it"},
+        BadValue{
+            "Endpoint",
+            "cloud",
+            "endpoint",
+            {"https://cloud", "/path", ":443", "host:", "host:0", "host:65536", "host:x", "ho st", "[::1", "[::1]x"},
+            "it stays unset. Valid: host[:port][/path] without a scheme, or nothing"},
+        BadValue{"Bus",
+                 "connman",
+                 "bus_address",
+                 {"/run/bus"},
+                 "it stays unset. Valid: a D-Bus address such as unix:path=/run/dbus/system_bus_socket, or nothing"},
+        BadValue{"Scripted", "connman", "scripted", {"", "2", "maybe"}, "false stays in force. Valid: true or false"},
+        BadValue{"Sink", "log", "sink", {"", "journal"}, "stderr stays in force. Valid: stderr, syslog or file"},
+        BadValue{"Level",
+                 "log",
+                 "level",
+                 {"", "loud", "info,", "info,x", "info,A=7"},
+                 std::string("info stays in force. Valid: ") + validLogLevels},
+        BadValue{"File", "log", "file", {"", "/", "log", "/var/log/"}, "it stays unset. Valid: an absolute path"},
+        BadValue{"FileBytes",
+                 "log",
+                 "file_max_bytes",
+                 {"16383", "1073741825"},
+                 "1048576 stays in force. Valid: 16384 to 1073741824 bytes"},
+        BadValue{"FileCount", "log", "file_count", {"0", "101"}, "3 stays in force. Valid: 1 to 100"}),
+    [](const auto& instance) { return instance.param.name; });
+
+TEST(AGoodEndpoint, MayHavePortPathAndNumericAddress) {
+    for (const char* endpoint : {"host", "host:1", "host:65535", "host/", "a.b-c_d:443/p/q?r=s&t=%20#u", "192.0.2.1:80",
+                                 "[2001:db8::1]", "[::1]:8443/x:y"})
+        EXPECT_EQ(Parse(std::string("[cloud]\nendpoint=") + endpoint).config.cloud.endpoint, endpoint);
+}
+
+TEST(AnInvisibleCharacter, IsValidInNoText) {
+    for (const char* line : {"[broker]\nusername = a\x01",
+                             "[broker]\nusername = a\x7f"
+                             "b",
+                             "[log]\nfile = /a\x1b", "[connman]\nbus_address = unix:\x02"}) {
+        EXPECT_EQ(ProblemsOf(line).size(), 1U);
+        EXPECT_EQ(ShowGatewayConfig(Parse(line).config), ShowGatewayConfig(GatewayConfig()));
+    }
+}
+
+TEST(ASecret, IsNeverShown) {
+    const ParsedConfig parsed = Parse("[broker]\npassword = s3cret\npassword = s3cret" + std::string(128, 'x'));
+    ASSERT_EQ(parsed.problems.size(), 2U);
+    EXPECT_EQ(parsed.problems[1], "x.ini:3: [broker] password = (not shown) is not valid, the value before stays in "
+                                  "force. Valid: up to 128 bytes without control characters, or nothing");
+    const std::string shown = ShowGatewayConfig(parsed.config);
+    EXPECT_EQ(shown.find("s3cret"), std::string::npos);
+    EXPECT_NE(shown.find("password = (not shown)\n"), std::string::npos);
+}
+
+struct Fault {
+    const char* name;
+    std::string text;
+    Lines problems;
+};
+
+class AFault : public testing::TestWithParam<Fault> {};
+
+TEST_P(AFault, IsReportedWithItsLine) {
+    EXPECT_EQ(ProblemsOf(GetParam().text), GetParam().problems);
+}
+
+constexpr const char* brokerKeys =
+    " Valid: host, port, username, password, client_id_suffix, keep_alive, max_outstanding_bytes";
+
+INSTANTIATE_TEST_SUITE_P(
+    Of, AFault,
+    testing::Values(
+        Fault{"MisspeltKey",
+              "[broker]\nprot = 1\n",
+              {std::string("x.ini:2: [broker] has no key \"prot\", ignored; did you mean \"port\"?") + brokerKeys}},
+        Fault{"UpperCaseKey",
+              "[broker]\nPORT = 1\n",
+              {std::string("x.ini:2: [broker] has no key \"PORT\", ignored; did you mean \"port\"?") + brokerKeys}},
+        Fault{"StrangeKey",
+              "[broker]\ncolour = 1\n",
+              {std::string("x.ini:2: [broker] has no key \"colour\", ignored.") + brokerKeys}},
+        Fault{"KeyOfAnotherSection",
+              "[broker]\nendpoint = x\n",
+              {std::string("x.ini:2: [broker] has no key \"endpoint\", ignored; it belongs in [cloud].") + brokerKeys}},
+        Fault{"MisspeltSection",
+              "[brokr]\nport = 1\nnonsense = 1\n[broker]\nport = 2\n",
+              {"x.ini:1: [brokr] is no section, what it holds is ignored; did you mean \"broker\"? Valid: broker, "
+               "interfaces, cloud, connman, log"}},
+        Fault{"OpenSection",
+              "[broker\nport = 1\n",
+              {"x.ini:1: \"[broker\" has no closing bracket, what follows is ignored up to the next section"}},
+        Fault{"NoSection",
+              "port = 1\n[broker]\n",
+              {"x.ini:1: \"port\" stands before the first section, ignored. Valid sections: broker, interfaces, cloud, "
+               "connman, log"}},
+        Fault{"NoValue",
+              "[broker]\nport\nport = 1\n",
+              {"x.ini:2: \"port\" is neither a section, a comment nor key = value, ignored"}},
+        Fault{"LastLineWithoutValue",
+              "[broker]\nport",
+              {"x.ini:2: \"port\" is neither a section, a comment nor key = value, ignored"}},
+        Fault{"GivenTwice",
+              "[broker]\nport = 1\n\nport = 2\n",
+              {"x.ini:4: [broker] port was set in line 2 already; the later value counts"}},
+        Fault{"NulByte",
+              std::string("[broker]\nport = 1\0\n", 19),
+              {"x.ini:2: \"port = 1\\x00\" holds NUL bytes, the line is ignored; the file must be plain text"}},
+        Fault{"FileWithoutPath",
+              "[log]\nsink = file\n",
+              {"x.ini: [log] sink = file needs a file; stderr stays in force. Set file = /path/of/the/log in [log]"}},
+        Fault{
+            "OneInterface",
+            "[interfaces]\ncellular = eth0\n",
+            {"x.ini: [interfaces] ethernet and cellular are both eth0; without two there is nothing to fail over to"}},
+        Fault{"TerminalEscape",
+              "[broker]\nhost = \x1b[2J\n",
+              {"x.ini:2: [broker] host = \"\\x1b[2J\" is not valid, 127.0.0.1 stays in force. Valid: an IPv4 or IPv6 "
+               "address or localhost"}}),
+    [](const auto& instance) { return instance.param.name; });
+
+TEST(AFaultyConfiguration, KeepsWhatIsRightInIt) {
+    const ParsedConfig parsed = Parse("[broker]\nport = 1\nport = 2\nhost = ?\nkeep_alive = 9\n");
+    EXPECT_EQ(parsed.problems.size(), 2U);
+    EXPECT_EQ(parsed.config.broker.port, 2);
+    EXPECT_EQ(parsed.config.broker.keepAlive, 9s);
+}
+
+TEST(ALongLine, IsReportedNotSplit) {
+    for (const std::size_t length : {std::size_t{199}, std::size_t{1024 * 1024}}) {
+        const std::string line = "host = " + std::string(length - 7, '1');
+        const ParsedConfig parsed = Parse("[broker]\n" + line + "\nport = 7\n");
+        ASSERT_EQ(parsed.problems.size(), 1U);
+        EXPECT_TRUE(BeginsWith(parsed.problems[0], "x.ini:2: \"host = 111")) << parsed.problems[0];
+        EXPECT_NE(parsed.problems[0].find("\" is a line of " + std::to_string(length) +
+                                          " bytes, ignored; at most 198 are valid"),
+                  std::string::npos)
+            << parsed.problems[0];
+        EXPECT_EQ(parsed.config.broker.port, 7);
+    }
+}
+
+TEST(ALongLine, IsReadUpToTheMostBytes) {
+    const std::string endpoint(198 - 9, 'a');
+    EXPECT_EQ(Parse("[cloud]\nendpoint=" + endpoint + "\n").config.cloud.endpoint, endpoint);
+    EXPECT_EQ(ProblemsOf("#" + std::string(1024 * 1024, 'x') + "\n"), Lines{});
+}
+
+class AConfigurationFile : public testing::Test {
+protected:
+    TemporaryFolder folder;
+};
+
+TEST_F(AConfigurationFile, IsRead) {
+    const LoadedConfig loaded = ReadGatewayConfig(folder.Write("x.ini", "[broker]\nport = 7\n"), false);
+    EXPECT_EQ(loaded.problems, Lines{});
+    EXPECT_EQ(loaded.notes, Lines{"Settings read from " + folder.Path("x.ini")});
+    EXPECT_EQ(loaded.config.broker.port, 7);
+}
+
+TEST_F(AConfigurationFile, ThatIsMissingIsAProblemOnlyWhenItWasAskedFor) {
+    const LoadedConfig byDefault = ReadGatewayConfig(folder.Path("x.ini"), true);
+    EXPECT_EQ(byDefault.problems, Lines{});
+    EXPECT_EQ(byDefault.notes, Lines{folder.Path("x.ini") + " does not exist; the defaults are in force"});
+    const LoadedConfig named = ReadGatewayConfig(folder.Path("x.ini"), false);
+    EXPECT_EQ(named.problems, Lines{folder.Path("x.ini") +
+                                    ": cannot be read (No such file or directory); the defaults are in force. Name a "
+                                    "readable file in ORV_GATEWAY_CONFIG, or unset it to use /etc/orv/gateway.ini"});
+}
+
+TEST_F(AConfigurationFile, ThatIsNoneIsAProblem) {
+    for (const bool mayBeMissing : {true, false}) {
+        const LoadedConfig loaded = ReadGatewayConfig(folder.Path(""), mayBeMissing);
+        ASSERT_EQ(loaded.problems.size(), 1U);
+        EXPECT_TRUE(BeginsWith(loaded.problems[0], folder.Path("") + ": cannot be read (Is a directory);"));
+    }
+    const std::string huge = folder.Write("huge.ini", std::string(5 * 1024 * 1024, '\n'));
+    EXPECT_TRUE(BeginsWith(ReadGatewayConfig(huge, false).problems.at(0), huge + ": cannot be read (File too large);"));
+}
+
+TEST_F(AConfigurationFile, ThatIsAPipeDoesNotHoldTheStartUp) {
+    ASSERT_EQ(::mkfifo(folder.Path("x.ini").c_str(), 0600), 0);
+    EXPECT_EQ(ReadGatewayConfig(folder.Path("x.ini"), false).config.broker.port, 1883);
+}
+
+class TheSettingsOfAProcess : public AConfigurationFile {
+protected:
+    static Ended Asked(const std::string& path, const std::function<void()>& body) {
+        return RunInChild({{"ORV_GATEWAY_CONFIG", path}}, body);
+    }
+};
+
+TEST_F(TheSettingsOfAProcess, ComeFromTheFileThatTheEnvironmentNames) {
+    const Ended ended =
+        Asked(folder.Write("x.ini", "[interfaces]\nethernet = a\ncellular = b\n[cloud]\nendpoint = c\n"), [] {
+            const auto& interfaces = GatewayMainBaseUnits::IpInterfacesMapping::GetInstance();
+            const auto store = OrvResources::CreateStaticConfigStore();
+            std::fprintf(stderr, "%s %s %s|%s|%s\n", interfaces.GetInterfaceName("Ethernet").c_str(),
+                         interfaces.GetInterfaceName("Cellular").c_str(), store->GetValue(0).c_str(),
+                         interfaces.GetInterfaceName("ethernet").c_str(), store->GetValue(1).c_str());
+        });
+    EXPECT_EQ(ended.Lines(), Lines{"a b c||"});
+}
+
+TEST_F(TheSettingsOfAProcess, AreTheDefaultsWhereTheFileIsSilent) {
+    const Ended ended = Asked(folder.Write("x.ini", ""), [] {
+        const auto& interfaces = GatewayMainBaseUnits::IpInterfacesMapping::GetInstance();
+        std::fprintf(stderr, "%s %s %s|\n", interfaces.GetInterfaceName("Ethernet").c_str(),
+                     interfaces.GetInterfaceName("Cellular").c_str(),
+                     OrvResources::CreateStaticConfigStore()->GetValue(0).c_str());
+    });
+    EXPECT_EQ(ended.Lines(), Lines{"eth0 wwan0 |"});
+}
+
+TEST_F(TheSettingsOfAProcess, AreReportedOnceWhenTheyAreWrongAlsoWithoutALogger) {
+    const std::string path = folder.Write("x.ini", "[broker]\nport = 0\n");
+    const Ended ended = Asked(path, [] {
+        Config();
+        std::fprintf(stderr, "%d\n", Config().broker.port);
+    });
+    EXPECT_EQ(ended.Lines(),
+              (Lines{"error [GatewayConfig] " + path +
+                         ":2: [broker] port = \"0\" is not valid, 1883 stays in force. Valid: 1 to 65535",
+                     "1883"}));
+}
+
+TEST_F(TheSettingsOfAProcess, AreReportedOnStandardErrorAlsoWhenTheLogIsOff) {
+    const std::string path = folder.Write("x.ini", "[log]\nlevel = off\nsinks = file\n");
+    const Ended ended = Asked(path, [] { Config(); });
+    EXPECT_EQ(ended.Lines(),
+              Lines{path + ":3: [log] has no key \"sinks\", ignored; did you mean \"sink\"? Valid: sink, "
+                           "level, file, file_max_bytes, file_count"});
+}
+
+} // namespace
