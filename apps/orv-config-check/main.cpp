@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: Apache-2.0
+// Tells before a restart what the gateway's applications would say about their configuration file.
+#include "GatewayConfig.h"
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+namespace {
+
+constexpr int faultsFound = 1;
+constexpr int wrongUse = 2;
+
+int Check(const std::string& path, bool quiet) {
+    const OrvPlatform::LoadedConfig loaded = OrvPlatform::ReadGatewayConfig(path, false);
+    for (const std::string& problem : loaded.problems)
+        std::cerr << problem << '\n';
+    if (!quiet)
+        std::cout << OrvPlatform::ShowGatewayConfig(loaded.config);
+    return loaded.problems.empty() ? 0 : faultsFound;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app("Checks a configuration file of the gateway's applications and shows the settings that it puts in "
+                 "force, defaults included. What is wrong goes to standard error.",
+                 "orv-config-check");
+    app.footer("Exit status: 0 all is well, 1 something is wrong with the file, 2 wrong use.");
+    std::string path = "/etc/orv/gateway.ini";
+    bool quiet = false;
+    app.add_option("FILE", path, "the file to check")->capture_default_str();
+    app.add_flag("-q,--quiet", quiet, "only say what is wrong");
+    app.set_version_flag("--version", ORV_VERSION);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : wrongUse;
+    }
+    return Check(path, quiet);
+}
