@@ -5,6 +5,7 @@
 #include "LogEscape.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <exception>
 #include <pthread.h>
@@ -69,13 +70,15 @@ void ReportSettings(LogChannel& log) {
             log.Write({debugLevel, source, {}, note});
 }
 
-LogChannel* forkedLog = nullptr;
+std::atomic<LogChannel*> forkedLog{nullptr};
 
 LogChannel& MakeProcessLog() {
-    forkedLog = new LogChannel(ConfiguredSink(LoadedGatewayConfig().config.log));
-    pthread_atfork([] { forkedLog->BeforeFork(); }, [] { forkedLog->AfterFork(); }, [] { forkedLog->AfterFork(); });
-    ReportSettings(*forkedLog);
-    return *forkedLog;
+    auto& log = *new LogChannel(ConfiguredSink(LoadedGatewayConfig().config.log));
+    forkedLog = &log;
+    constexpr auto release = [] { forkedLog.load()->AfterFork(); };
+    pthread_atfork([] { forkedLog.load()->BeforeFork(); }, release, release);
+    ReportSettings(log);
+    return log;
 }
 
 } // namespace
