@@ -42,6 +42,18 @@ LogObject::~LogObject() {
             OrvPlatformFake::Entry::Log(record->logger, record->level, record->tag, record->text.str()));
 }
 
+LogObject& LogObject::operator<<(const char* text) {
+    if (std::ostream* stream = Stream())
+        *stream << text;
+    return *this;
+}
+
+LogObject& LogObject::operator<<(const std::string& text) {
+    if (std::ostream* stream = Stream())
+        *stream << text;
+    return *this;
+}
+
 std::ostream* LogObject::Stream() noexcept {
     return record ? &record->text : nullptr;
 }

@@ -166,6 +166,18 @@ LogObject::~LogObject() {
     FinishRecord(std::move(record));
 }
 
+LogObject& LogObject::operator<<(const char* text) {
+    if (std::ostream* stream = Stream())
+        *stream << text;
+    return *this;
+}
+
+LogObject& LogObject::operator<<(const std::string& text) {
+    if (std::ostream* stream = Stream())
+        *stream << text;
+    return *this;
+}
+
 std::ostream* LogObject::Stream() noexcept {
     return record ? &record->stream : nullptr;
 }

@@ -2,6 +2,7 @@
 #include "OrvStackSdk/OrvEnums.h"
 
 #include <algorithm>
+#include <memory>
 #include <ostream>
 #include <stdexcept>
 
@@ -12,27 +13,45 @@ namespace {
 template <typename Enum>
 struct Row {
     Enum value;
-    std::string text;
+    const char* word;
 };
 
-const Row<ServiceStatus> serviceStatusTable[] = {
+/// The words of one enumeration as the strings that are handed out. Rows of strings would take a long piece of code to
+/// fill, which runs once.
+class Texts {
+public:
+    template <typename Enum, std::size_t Size>
+    explicit Texts(const Row<Enum> (&rows)[Size]) : texts(new std::string[Size]) {
+        for (std::size_t index = 0; index < Size; ++index)
+            texts[index] = rows[index].word;
+    }
+    const std::string& operator[](std::size_t index) const { return texts[index]; }
+
+private:
+    const std::unique_ptr<std::string[]> texts;
+};
+
+constexpr Row<ServiceStatus> serviceStatusRows[] = {
     {ServiceStatus::SERVICE_OK, "SERVICE_OK"},
     {ServiceStatus::SERVICE_ERROR, "SERVICE_ERROR"},
 };
+const Texts serviceStatusTexts(serviceStatusRows);
 
-const Row<Confirmation> confirmationTable[] = {
+constexpr Row<Confirmation> confirmationRows[] = {
     {Confirmation::ACK, "ACK"},
     {Confirmation::NACK, "NACK"},
 };
+const Texts confirmationTexts(confirmationRows);
 
-const Row<AppAction> appActionTable[] = {
+constexpr Row<AppAction> appActionRows[] = {
     {AppAction::ENABLED, "ENABLED"},
     {AppAction::DISABLED, "DISABLED"},
     {AppAction::RELOAD, "RELOAD"},
     {AppAction::UNSUPPORTED, "UNSUPPORTED"},
 };
+const Texts appActionTexts(appActionRows);
 
-const Row<AppStatus> appStatusTable[] = {
+constexpr Row<AppStatus> appStatusRows[] = {
     {AppStatus::SUPPORTED, "supported"},
     {AppStatus::AVAILABLE, "available"},
     {AppStatus::BOOTING, "booting"},
@@ -42,16 +61,18 @@ const Row<AppStatus> appStatusTable[] = {
     // Upper case, unlike its neighbours: the fallback for unknown texts looks up exactly this word.
     {AppStatus::UNSUPPORTED, "UNSUPPORTED"},
 };
+const Texts appStatusTexts(appStatusRows);
 
-const Row<CellularStatus> cellularStatusTable[] = {
+constexpr Row<CellularStatus> cellularStatusRows[] = {
     {CellularStatus::IMEI, "IMEI"},
     {CellularStatus::ICCID, "ICCID"},
     {CellularStatus::TECHNOLOGY, "TECHNOLOGY"},
     {CellularStatus::PROVIDER, "PROVIDER"},
     {CellularStatus::STRENGTH, "STRENGTH"},
 };
+const Texts cellularStatusTexts(cellularStatusRows);
 
-const Row<PanelCommandStatus> panelCommandStatusTable[] = {
+constexpr Row<PanelCommandStatus> panelCommandStatusRows[] = {
     {PanelCommandStatus::COMMANDNAME, "COMMANDNAME"},
     {PanelCommandStatus::DOALARMSILENCE, "DOALARMSILENCE"},
     {PanelCommandStatus::DORESET, "DORESET"},
@@ -59,8 +80,9 @@ const Row<PanelCommandStatus> panelCommandStatusTable[] = {
     {PanelCommandStatus::DOACKINDIVIDUAL, "DOACKINDIVIDUAL"},
     {PanelCommandStatus::DODATETIME, "DODATETIME"},
 };
+const Texts panelCommandStatusTexts(panelCommandStatusRows);
 
-const Row<OrvEvent> orvEventTable[] = {
+constexpr Row<OrvEvent> orvEventRows[] = {
     {OrvEvent::CLOUD_CONNECTED, "CLOUD_CONNECTED"},
     {OrvEvent::CLOUD_DISCONNECTED, "CLOUD_DISCONNECTED"},
     {OrvEvent::PANEL_CLOUD_ENABLED, "PANEL_CLOUD_ENABLED"},
@@ -75,74 +97,78 @@ const Row<OrvEvent> orvEventTable[] = {
     {OrvEvent::CELLULAR_IP_LOST, "CELLULAR_IP_LOST"},
     {OrvEvent::FAILURE, "FAILURE"},
 };
+const Texts orvEventTexts(orvEventRows);
 
-const Row<ConnectedServicesLedType> ledTypeTable[] = {
+constexpr Row<ConnectedServicesLedType> ledTypeRows[] = {
     {ConnectedServicesLedType::GREEN, "GREEN"},
     {ConnectedServicesLedType::YELLOW, "YELLOW"},
 };
+const Texts ledTypeTexts(ledTypeRows);
 
-const Row<ConnectedServicesLedState> ledStateTable[] = {
+constexpr Row<ConnectedServicesLedState> ledStateRows[] = {
     {ConnectedServicesLedState::ON, "ON"},
     {ConnectedServicesLedState::OFF, "OFF"},
     {ConnectedServicesLedState::BLINK, "BLINK"},
 };
+const Texts ledStateTexts(ledStateRows);
 
 [[noreturn]] void ThrowNotInTable() {
     throw std::out_of_range("_Map_base::at");
 }
 
 template <typename Enum, std::size_t Size>
-const std::string& TextOf(const Row<Enum> (&table)[Size], Enum value) {
+const std::string& TextOf(const Row<Enum> (&rows)[Size], const Texts& texts, Enum value) {
     const auto* row =
-        std::find_if(table, table + Size, [value](const auto& candidate) { return candidate.value == value; });
-    if (row == table + Size)
+        std::find_if(rows, rows + Size, [value](const auto& candidate) { return candidate.value == value; });
+    if (row == rows + Size)
         ThrowNotInTable();
-    return row->text;
+    return texts[static_cast<std::size_t>(row - rows)];
 }
 
 template <typename Enum, std::size_t Size>
-const Enum& ValueOf(const Row<Enum> (&table)[Size], const std::string& text) {
+const Enum& ValueOf(const Row<Enum> (&rows)[Size], const std::string& text) {
+    const Row<Enum>& unsupported = rows[Size - 1]; // the last word of both enumerations that are read
     const auto* row =
-        std::find_if(table, table + Size, [&text](const auto& candidate) { return candidate.text == text; });
-    return row != table + Size ? row->value : ValueOf(table, "UNSUPPORTED");
+        std::find_if(rows, rows + Size, [&text](const auto& candidate) { return text == candidate.word; });
+    return row != rows + Size ? row->value : unsupported.value;
 }
 
 } // namespace
 
 const std::string& ServiceStatusText(ServiceStatus value) {
-    return TextOf(serviceStatusTable, value);
+    return TextOf(serviceStatusRows, serviceStatusTexts, value);
 }
 
 const std::string& ConfirmationText(Confirmation value) {
-    return TextOf(confirmationTable, value);
+    return TextOf(confirmationRows, confirmationTexts, value);
 }
 
 const std::string& AppActionText(AppAction value) {
-    return TextOf(appActionTable, value);
+    return TextOf(appActionRows, appActionTexts, value);
 }
 
 const std::string& AppStatusText(AppStatus value) {
-    return TextOf(appStatusTable, value);
+    return TextOf(appStatusRows, appStatusTexts, value);
 }
 
 const std::string& CellularStatusText(CellularStatus value) {
-    return TextOf(cellularStatusTable, value);
+    return TextOf(cellularStatusRows, cellularStatusTexts, value);
 }
 
 const std::string& PanelCommandStatusText(PanelCommandStatus value) {
-    return TextOf(panelCommandStatusTable, value);
+    return TextOf(panelCommandStatusRows, panelCommandStatusTexts, value);
 }
 
 const std::string& OrvEventText(OrvEvent value) {
-    return TextOf(orvEventTable, value);
+    return TextOf(orvEventRows, orvEventTexts, value);
 }
 
 const std::string& ConnectedServicesLedTypeText(ConnectedServicesLedType value) {
-    return TextOf(ledTypeTable, value);
+    return TextOf(ledTypeRows, ledTypeTexts, value);
 }
 
 const std::string& ConnectedServicesLedStateText(ConnectedServicesLedState value) {
-    return TextOf(ledStateTable, value);
+    return TextOf(ledStateRows, ledStateTexts, value);
 }
 
 std::ostream& operator<<(std::ostream& stream, const ServiceStatus& value) {
@@ -182,11 +208,11 @@ std::ostream& operator<<(std::ostream& stream, const ConnectedServicesLedState& 
 }
 
 const AppAction& AppActionTextToEnum(const std::string& text) {
-    return ValueOf(appActionTable, text);
+    return ValueOf(appActionRows, text);
 }
 
 const AppStatus& AppStatusTextToEnum(const std::string& text) {
-    return ValueOf(appStatusTable, text);
+    return ValueOf(appStatusRows, text);
 }
 
 } // namespace OrvStackSdk

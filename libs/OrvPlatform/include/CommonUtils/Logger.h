@@ -22,6 +22,9 @@ public:
     /// Emits the record. Never throws: a sink that fails loses the record, not the program.
     ~LogObject();
 
+    LogObject& operator<<(const char* text);
+    LogObject& operator<<(const std::string& text);
+
     template <typename T>
     LogObject& operator<<(const T& value) {
         if (std::ostream* stream = Stream())
