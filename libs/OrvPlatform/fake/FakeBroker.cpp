@@ -28,7 +28,7 @@ struct Will {
 };
 
 struct Client {
-    QUILMQTT::QueueOwner* owner;
+    QUILMQTT::QueueOwner* owner; // null once it is gone
     std::string id;
     bool connected = false;
     bool delivering = false;
@@ -105,18 +105,24 @@ struct State {
         return 0;
     }
 
-    /// The next waiting message with one receiver for each delivery of it; nothing when none waits.
-    std::optional<std::pair<Message, std::vector<QUILMQTT::QueueOwner*>>> Next() {
+    /// The next waiting message and who gets it; nothing when none waits.
+    std::optional<std::pair<Message, std::vector<std::shared_ptr<Client>>>> Next() {
         const std::lock_guard<std::mutex> lock(mutex);
         if (waiting.empty())
             return std::nullopt;
         Message message = std::move(waiting.front());
         waiting.pop_front();
-        std::vector<QUILMQTT::QueueOwner*> receivers;
+        std::vector<std::shared_ptr<Client>> receivers;
         for (const auto& client : clients)
             if ((!message.receiver || message.receiver == client) && client->Wants(message.topic))
-                receivers.push_back(client->owner);
+                receivers.push_back(client);
         return std::make_pair(std::move(message), std::move(receivers));
+    }
+
+    /// Null when the client has meanwhile gone, left, or stopped its delivery.
+    QUILMQTT::QueueOwner* ReceiverIn(const Client& client) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        return client.connected && client.delivering ? client.owner : nullptr;
     }
 };
 
@@ -153,6 +159,7 @@ QueueOwner::~QueueOwner() {
     State& broker = Broker();
     const std::lock_guard<std::mutex> lock(broker.mutex);
     broker.Drop(*core);
+    core->owner = nullptr;
     broker.clients.erase(std::remove(broker.clients.begin(), broker.clients.end(), core), broker.clients.end());
 }
 
@@ -248,8 +255,9 @@ void FakeBroker::Inject(const std::string& topic, const std::string& payload, bo
 
 void FakeBroker::Deliver() {
     while (const auto next = Broker().Next())
-        for (auto* receiver : next->second)
-            receiver->OnPublish(next->first.topic, next->first.payload);
+        for (const auto& client : next->second)
+            if (auto* receiver = Broker().ReceiverIn(*client))
+                receiver->OnPublish(next->first.topic, next->first.payload);
 }
 
 void FakeBroker::DropConnection(const std::string& clientId) {

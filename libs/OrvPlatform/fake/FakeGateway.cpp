@@ -5,6 +5,7 @@
 #include "ConnInterfaceString.h"
 #include "FakeBroker.h"
 #include "FakeConnman.h"
+#include "FakeLogger.h"
 #include "GatewayMainBaseUnits/IpInterfacesMapping.h"
 #include "Journal.h"
 #include "OrvResources/StaticConfigStore.h"
@@ -88,6 +89,7 @@ namespace OrvPlatformFake {
 void FakeGateway::Reset() {
     FakeBroker::Get().Reset();
     FakeConnman::Get().Reset();
+    FakeLogger::SetLowestLevel(0);
     Journal::Clear();
     ConnInterfaceString.clear();
     cloudEndpoint = "cloud.example";

@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Loggers that write every record into the journal when it is complete.
+#include "FakeLogger.h"
+
 #include "CommonUtils/Logger.h"
 #include "Journal.h"
 #include "quillogger/LogWrapper.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <sstream>
@@ -24,8 +28,10 @@ struct Logger::Source {
 
 namespace {
 
+std::atomic<int> lowestLevel{0};
+
 LogObject Open(const Logger::Source& source, int level, const char* tag) {
-    if (level < source.level)
+    if (level < std::max<int>(source.level, lowestLevel))
         return LogObject(nullptr);
     return LogObject(std::unique_ptr<LogObject::Record>(new LogObject::Record{source.name, level, tag, {}}));
 }
@@ -84,6 +90,14 @@ LogObject Logger::Error(const char* tag) {
 }
 
 } // namespace CommonUtils
+
+namespace OrvPlatformFake {
+
+void FakeLogger::SetLowestLevel(int level) {
+    CommonUtils::lowestLevel = level;
+}
+
+} // namespace OrvPlatformFake
 
 namespace quillogger {
 

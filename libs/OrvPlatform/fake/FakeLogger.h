@@ -1,0 +1,14 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+namespace OrvPlatformFake {
+
+/// The configuration behind the fake loggers.
+class FakeLogger {
+public:
+    /// Records below this level are off from now on, whatever their logger's own level; 0 lets all through. They format
+    /// nothing. LogWrapper's records are not affected.
+    static void SetLowestLevel(int level);
+};
+
+} // namespace OrvPlatformFake
