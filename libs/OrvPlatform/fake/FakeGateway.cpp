@@ -62,7 +62,10 @@ bool StringHelpers::CompareCaseInsensitive(const std::string& left, const std::s
 }
 
 bool StringHelpers::ToBoolean(const std::string& text) {
-    return CompareCaseInsensitive(text, "true");
+    constexpr const char* blanks = " \t\r\n";
+    const auto begin = std::min(text.find_first_not_of(blanks), text.size());
+    const std::string word = WithEach(std::tolower, text.substr(begin, text.find_last_not_of(blanks) + 1 - begin));
+    return word == "true" || word == "1" || word == "yes" || word == "on";
 }
 
 std::string StringHelpers::ToUpper(const std::string& text) {
