@@ -45,7 +45,9 @@ void OrvStackClient::Init(const std::string& name) {
     logger.Trace("Init") << "(appName=" << name << ")";
     appName = name;
     initialised = true;
-    session->InitRequest(name);
+    // The confirmation may release the last pointer to this client; the session has still to get through its request.
+    const auto heldSession = session;
+    heldSession->InitRequest(name);
 }
 
 void OrvStackClient::DeInit() {
