@@ -1,0 +1,107 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "FakeBroker.h"
+#include "FakeGateway.h"
+#include "OrvStackSdk/OrvStackSdk.h"
+
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <new>
+
+// The sanitizers bring operators of their own, which may not be replaced.
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
+#define ORV_ALLOCATIONS_NOT_COUNTED
+#endif
+#endif
+
+#ifndef ORV_ALLOCATIONS_NOT_COUNTED
+
+namespace {
+
+thread_local std::size_t allocations = 0;
+
+} // namespace
+
+// Not inlined: the compiler would see memory of operator new released by free, and warn.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+    ++allocations;
+    void* memory = std::malloc(size == 0 ? 1 : size);
+    if (memory == nullptr)
+        throw std::bad_alloc();
+    return memory;
+}
+
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+
+namespace {
+
+using OrvPlatformFake::FakeBroker;
+using OrvPlatformFake::FakeGateway;
+using OrvStackSdk::OrvEvent;
+using std::chrono_literals::operator""ms;
+
+struct Cost {
+    std::size_t allocations;
+    std::ptrdiff_t heapGrowth;
+};
+
+bool operator==(const Cost& left, const Cost& right) {
+    return left.allocations == right.allocations && left.heapGrowth == right.heapGrowth;
+}
+
+void PrintTo(const Cost& cost, std::ostream* stream) {
+    *stream << cost.allocations << " allocations, heap grown by " << cost.heapGrowth;
+}
+
+class ASteadyClient : public testing::Test {
+protected:
+    ASteadyClient() {
+        FakeGateway::Reset();
+        client = OrvStackSdk::CreateClient();
+        client->Init("meter");
+        client->Start();
+    }
+
+    /// The state is entered with the first of the ticks, which may say so in the log; the others are counted.
+    Cost CostOfTicks() {
+        client->Tick(100ms);
+        const std::size_t allocationsBefore = allocations;
+        const auto heapBefore = static_cast<std::ptrdiff_t>(mallinfo2().uordblks);
+        for (int tick = 0; tick < 1000; ++tick) {
+            client->Tick(100ms);
+            reconnects += client->CloudReconnectNeeded() ? 1 : 0;
+        }
+        return {allocations - allocationsBefore, static_cast<std::ptrdiff_t>(mallinfo2().uordblks) - heapBefore};
+    }
+
+    std::shared_ptr<OrvStackSdk::IOrvStackClient> client;
+    int reconnects = 0;
+};
+
+TEST_F(ASteadyClient, TicksWithoutTheHeapWhileTheCloudIsConnected) {
+    client->EventUpdateRequest(OrvEvent::CLOUD_CONNECTED);
+    EXPECT_EQ(CostOfTicks(), (Cost{0, 0}));
+}
+
+TEST_F(ASteadyClient, TicksWithoutTheHeapWhileItWaitsForTheCloud) {
+    client->EventUpdateRequest(OrvEvent::CELLULAR_IP_GAINED);
+    EXPECT_EQ(CostOfTicks(), (Cost{0, 0}));
+}
+
+// Without it "no allocation" would prove nothing.
+TEST_F(ASteadyClient, IsSeenToUseTheHeapWhenItDoes) {
+    const std::size_t before = allocations;
+    client->EventUpdateRequest(OrvEvent::CLOUD_CONNECTED);
+    EXPECT_GT(allocations, before);
+}
+
+} // namespace
+
+#endif
