@@ -5,6 +5,12 @@
 
 namespace OrvPlatform {
 
+Backoff::Backoff(std::uint32_t seed) : random(seed) {
+    // The first numbers of neighbouring seeds are neighbours too.
+    constexpr int UNRELATED = 8;
+    random.discard(UNRELATED);
+}
+
 std::chrono::milliseconds Backoff::Next() {
     const auto full = pause;
     pause = std::min(pause * 2, LIMIT);

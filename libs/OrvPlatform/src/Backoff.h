@@ -14,7 +14,7 @@ public:
     static constexpr std::chrono::milliseconds FIRST{250};
     static constexpr std::chrono::milliseconds LIMIT{4000};
 
-    explicit Backoff(std::uint32_t seed) : random(seed) {}
+    explicit Backoff(std::uint32_t seed);
 
     /// The pause before the next attempt.
     std::chrono::milliseconds Next();

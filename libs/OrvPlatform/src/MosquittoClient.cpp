@@ -102,6 +102,8 @@ int MosquittoClient::Configure(const MosquittoSettings& settings) {
     if (!settings.will)
         return MOSQ_ERR_SUCCESS;
     const LastWill& will = *settings.will;
+    if (will.topic.empty() || will.message.size() > UINT16_MAX)
+        return MOSQ_ERR_INVAL;
     return mosquitto_will_set(client, will.topic.c_str(), static_cast<int>(will.message.size()), will.message.data(), 1,
                               will.retained);
 }
@@ -221,7 +223,8 @@ void MosquittoClient::OnSubscribeCallback(mosquitto*, void* self, int messageId,
 std::string MosquittoErrorText(int error, int systemError) {
     switch (error) {
     case MOSQ_ERR_ERRNO:
-        return std::generic_category().message(systemError);
+        return std::generic_category().message(systemError) +
+               (systemError == ECONNREFUSED ? "; is the broker running?" : "");
     case MOSQ_ERR_CONN_LOST:
         return "the broker closed the connection";
     case MOSQ_ERR_KEEPALIVE:

@@ -131,7 +131,7 @@ bool QueueOwner::Core::Open(const std::optional<LastWill>& will, Time deadline) 
     }
     error = client->BeginConnect();
     if (error != MOSQ_ERR_SUCCESS) {
-        failure = MosquittoErrorText(error, errno) + "; is the broker running?";
+        failure = MosquittoErrorText(error, errno);
         return false;
     }
     SetLink(Link::CONNECTING);
@@ -167,9 +167,12 @@ bool QueueOwner::Core::Disconnect() {
 }
 
 bool QueueOwner::Core::Subscribe(const std::string& filter, int qos) {
+    // The client library would send an empty filter, and the broker hang up on it: again after each reconnection.
+    if (filter.empty() || HoldsNul(filter))
+        return false;
     MutexLock lock(mutex);
     int messageId = 0;
-    if (link != Link::UP || HoldsNul(filter) || client->Subscribe(filter, qos, messageId) != MOSQ_ERR_SUCCESS)
+    if (link != Link::UP || client->Subscribe(filter, qos, messageId) != MOSQ_ERR_SUCCESS)
         return false;
     unansweredFilters[messageId] = filter;
     const auto known =

@@ -1,0 +1,216 @@
+// SPDX-License-Identifier: Apache-2.0
+// The small parts of the broker connection, without a broker.
+#include "AnnouncedState.h"
+#include "Backoff.h"
+#include "EventQueue.h"
+#include "EvictionWatch.h"
+#include "OutstandingPublications.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+#include <vector>
+
+namespace OrvPlatform {
+
+using namespace std::chrono_literals;
+
+TEST(ABackoff, DoublesFromAQuarterSecondToFourSecondsAndStaysThere) {
+    Backoff backoff(1);
+    for (const auto full : {250ms, 500ms, 1000ms, 2000ms, 4000ms, 4000ms, 4000ms}) {
+        const auto pause = backoff.Next();
+        EXPECT_LE(pause, full);
+        EXPECT_GE(pause, full * 3 / 4);
+    }
+}
+
+TEST(ABackoff, BeginsAnewAfterAReset) {
+    Backoff backoff(1);
+    for (int attempt = 0; attempt < 10; ++attempt)
+        backoff.Next();
+    backoff.Reset();
+    EXPECT_LE(backoff.Next(), 250ms);
+    EXPECT_GT(backoff.Next(), 250ms);
+}
+
+TEST(ABackoff, DiffersFromOneClientToTheNext) {
+    std::set<std::chrono::milliseconds> pauses;
+    for (std::uint32_t seed = 1; seed <= 20; ++seed)
+        pauses.insert(Backoff(seed).Next());
+    EXPECT_GT(pauses.size(), 5U);
+}
+
+class AnEvictionWatch : public testing::Test {
+protected:
+    void BeEvicted(std::chrono::steady_clock::duration life, int attempt = 1, bool silently = true) {
+        now += 250ms;
+        watch.Accepted(now, attempt);
+        now += life;
+        watch.Lost(now, silently);
+    }
+
+    EvictionWatch watch;
+    EvictionWatch::Time now{};
+};
+
+TEST_F(AnEvictionWatch, SuspectsAnotherClientAfterThreeYoungDeathsInARow) {
+    BeEvicted(2s);
+    BeEvicted(2s);
+    EXPECT_FALSE(watch.Suspects());
+    BeEvicted(9999ms);
+    EXPECT_TRUE(watch.Suspects());
+}
+
+TEST_F(AnEvictionWatch, TakesAConnectionOfTenSecondsForASoundOne) {
+    BeEvicted(2s);
+    BeEvicted(2s);
+    BeEvicted(10s);
+    BeEvicted(2s);
+    EXPECT_FALSE(watch.Suspects());
+}
+
+TEST_F(AnEvictionWatch, KnowsThatABrokerThatWasAwayThrowsNobodyOff) {
+    for (int restart = 0; restart < 10; ++restart)
+        BeEvicted(100ms, 2);
+    EXPECT_FALSE(watch.Suspects());
+}
+
+TEST_F(AnEvictionWatch, KnowsThatABrokenLinkIsNoEviction) {
+    for (int fault = 0; fault < 10; ++fault)
+        BeEvicted(100ms, 1, false);
+    EXPECT_FALSE(watch.Suspects());
+}
+
+TEST_F(AnEvictionWatch, GivesUpItsSuspicionOnceAConnectionLasts) {
+    for (int eviction = 0; eviction < 5; ++eviction)
+        BeEvicted(1s);
+    BeEvicted(60s);
+    EXPECT_FALSE(watch.Suspects());
+}
+
+TEST(OutstandingPublicationsOfAKilobyte, AdmitUpToTheLimitAndNoFurther) {
+    OutstandingPublications outstanding(1000);
+    EXPECT_TRUE(outstanding.Admits(1000));
+    EXPECT_FALSE(outstanding.Admits(1001));
+    outstanding.Add(1, {"a", 600, true});
+    EXPECT_TRUE(outstanding.Admits(400));
+    EXPECT_FALSE(outstanding.Admits(401));
+}
+
+TEST(OutstandingPublicationsOfAKilobyte, MakeRoomAsTheBrokerTakesThem) {
+    OutstandingPublications outstanding(1000);
+    outstanding.Add(1, {"a", 600, true});
+    outstanding.Add(2, {"", 400, false});
+    EXPECT_EQ(outstanding.Take(1)->topic, "a");
+    EXPECT_FALSE(outstanding.Take(1));
+    EXPECT_EQ(outstanding.Bytes(), 400U);
+}
+
+TEST(OutstandingPublicationsOfAKilobyte, LoseWithTheConnectionWhatIsNotAssured) {
+    OutstandingPublications outstanding(1000);
+    outstanding.Add(1, {"a", 600, true});
+    outstanding.Add(2, {"", 400, false});
+    outstanding.DropUnassured();
+    EXPECT_EQ(outstanding.Bytes(), 600U);
+    EXPECT_TRUE(outstanding.Take(1));
+}
+
+TEST(OutstandingPublicationsOfAKilobyte, CountTextAndBookkeeping) {
+    const std::size_t empty = OutstandingPublications::Cost("", "");
+    EXPECT_GT(empty, 0U);
+    EXPECT_EQ(OutstandingPublications::Cost("topic", "payload"), empty + 12);
+}
+
+TEST(OutstandingPublicationsWithoutAByteLimit, NeverRunOutOfMessageIds) {
+    OutstandingPublications outstanding(std::size_t{1} << 30U);
+    for (int id = 1; id <= 60000; ++id)
+        outstanding.Add(id, {"", 1, false});
+    EXPECT_FALSE(outstanding.Admits(1));
+}
+
+class AnAnnouncedState : public testing::Test {
+protected:
+    std::vector<std::string> Announcements() const {
+        std::vector<std::string> lines;
+        for (const Message& message : state.ToAnnounce())
+            lines.push_back(message.topic + "=" + message.payload + (message.retained ? " retained" : "") +
+                            (message.assured ? " assured" : ""));
+        return lines;
+    }
+
+    AnnouncedState state;
+};
+
+using Lines = std::vector<std::string>;
+
+TEST_F(AnAnnouncedState, KeepsTheLastPayloadOfEachRetainedTopicInOrderOfPublication) {
+    state.Note("green", "On", true, false);
+    state.Note("yellow", "Off", true, true);
+    state.Note("green", "Blink", true, false);
+    EXPECT_EQ(Announcements(), (Lines{"yellow=Off retained assured", "green=Blink retained"}));
+}
+
+TEST_F(AnAnnouncedState, ForgetsPlainMessages) {
+    state.Note("command", "reset", false, true);
+    EXPECT_EQ(Announcements(), Lines{});
+}
+
+TEST_F(AnAnnouncedState, ForgetsARetainedTopicThatWasDeleted) {
+    state.Note("green", "On", true, false);
+    state.Note("green", "", true, false);
+    EXPECT_EQ(Announcements(), Lines{});
+}
+
+TEST_F(AnAnnouncedState, KeepsTheLastMessageOnTheWillsTopicWithItsKind) {
+    state.SetWillTopic("available");
+    state.Note("available", "true", false, false);
+    state.Note("available", "maybe", false, true);
+    EXPECT_EQ(Announcements(), Lines{"available=maybe assured"});
+}
+
+TEST_F(AnAnnouncedState, SaysTheWillsTopicOnceWhenItWasRetained) {
+    state.SetWillTopic("available");
+    state.Note("available", "true", true, false);
+    EXPECT_EQ(Announcements(), Lines{"available=true retained"});
+}
+
+TEST_F(AnAnnouncedState, EndsOnTheLastWordOnTheWillsTopic) {
+    state.SetWillTopic("available");
+    state.Note("available", "true", true, false);
+    state.Note("available", "soon", false, false);
+    EXPECT_EQ(Announcements(), (Lines{"available=true retained", "available=soon"}));
+}
+
+TEST_F(AnAnnouncedState, DeletesAgainWhatAWillMayHaveRetained) {
+    state.SetWillTopic("available");
+    state.Note("available", "", true, false);
+    EXPECT_EQ(Announcements(), Lines{"available= retained"});
+}
+
+TEST_F(AnAnnouncedState, ForgetsTheWillsTopicWithTheWill) {
+    state.SetWillTopic("available");
+    state.Note("available", "true", false, false);
+    state.SetWillTopic("");
+    EXPECT_EQ(Announcements(), Lines{});
+}
+
+TEST(AnEventQueue, KeepsOrderOverReuse) {
+    EventQueue queue;
+    for (const char* text : {"first", "second"})
+        queue.Add().payload = text;
+    queue.Clear();
+    EXPECT_TRUE(queue.Empty());
+    queue.Add().payload = "third";
+    ASSERT_EQ(queue.Size(), 1U);
+    EXPECT_EQ(queue[0].payload, "third");
+}
+
+TEST(AnEventQueue, LetsGoOfLargePayloads) {
+    EventQueue queue;
+    queue.Add().payload.assign(1 << 20U, 'x');
+    queue.Clear();
+    EXPECT_LE(queue.Add().payload.capacity(), 1024U);
+}
+
+} // namespace OrvPlatform

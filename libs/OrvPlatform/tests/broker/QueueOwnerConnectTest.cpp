@@ -1,0 +1,235 @@
+// SPDX-License-Identifier: Apache-2.0
+// Connecting: to brokers that are away or misbehave, and the ends of connections.
+#include "BrokerFixture.h"
+
+#include <future>
+
+namespace OrvTest {
+
+class ACallerWithoutABroker : public BrokerTest {
+protected:
+    ACallerWithoutABroker() : BrokerTest(FreePort()) {}
+
+    /// Connects, and checks that it fails within the bound.
+    void ExpectFailure(std::uint16_t port) {
+        BrokerSettings().port = port;
+        TestClient client;
+        bool connected = true;
+        EXPECT_LT(TimeOf([&] { connected = client.Connect("will", "gone", true); }), 3s + SLACK);
+        EXPECT_FALSE(connected);
+        EXPECT_EQ(client.PublishMessage("topic", "payload", true), QUILMQTT::QueueOwner::NOT_CONNECTED);
+        EXPECT_EQ(client.Connects(), 0);
+        EXPECT_FALSE(client.Disconnect());
+    }
+
+    void ExpectFailure(const FakeBrokerServer::Behaviour& behaviour) {
+        FakeBrokerServer server(behaviour);
+        ExpectFailure(server.Port());
+    }
+};
+
+TEST_F(ACallerWithoutABroker, IsToldSoByAClosedPort) {
+    ExpectFailure(FreePort());
+    EXPECT_EQ(Logged("cannot connect to 127.0.0.1:" + std::to_string(BrokerSettings().port) +
+                     ": Connection refused; is the broker running?"),
+              1U);
+}
+
+TEST_F(ACallerWithoutABroker, IsToldSoByARefusal) {
+    ExpectFailure(FakeBrokerServer::Refuse(5));
+    EXPECT_EQ(Logged("refused by the broker: not authorised; set [broker] username and password"), 1U);
+}
+
+TEST_F(ACallerWithoutABroker, IsToldSoByAServerThatIsNoBroker) {
+    ExpectFailure(FakeBrokerServer::SpeakGarbage);
+}
+
+TEST_F(ACallerWithoutABroker, IsToldSoByAServerThatHangsUp) {
+    ExpectFailure(FakeBrokerServer::CloseAtOnce);
+}
+
+TEST_F(ACallerWithoutABroker, IsToldSoWhenNobodyAnswers) {
+    ExpectFailure(FakeBrokerServer::StaySilent);
+    EXPECT_EQ(Logged("no answer within 3 s"), 1U);
+}
+
+TEST_F(ACallerWithoutABroker, IsToldSoByAFullBacklog) {
+    const FullBacklog backlog;
+    ExpectFailure(backlog.Port());
+}
+
+TEST_F(ACallerWithoutABroker, IsToldSoByARefusalOnTheDeliveryThreadToo) {
+    FakeBrokerServer server([](FakeBrokerServer::Session& session) { session.Serve(); });
+    BrokerSettings().port = server.Port();
+    TestClient client;
+    std::promise<bool> second;
+    client.onConnect = [&] {
+        server.Behave(FakeBrokerServer::Refuse(3));
+        second.set_value(client.Connect());
+    };
+    // The callback's call replaces this one, whichever of the two is told first.
+    client.Connect();
+    EXPECT_FALSE(second.get_future().get());
+    EXPECT_EQ(client.PublishMessage("topic", "payload", false), QUILMQTT::QueueOwner::NOT_CONNECTED);
+}
+
+TEST_F(ACallerWithoutABroker, IsNotHeldUpByANameThatWouldHaveToBeLookedUp) {
+    BrokerSettings().host = "broker.example";
+    ExpectFailure(FreePort());
+    EXPECT_EQ(Logged("names are not looked up; set [broker] host to an address"), 1U);
+}
+
+TEST_F(ACallerWithoutABroker, LeavesNoThreadAndNoDescriptorBehind) {
+    FakeBrokerServer refusing(FakeBrokerServer::Refuse(2));
+    const std::uint16_t closed = FreePort();
+    {
+        TestClient warmUp;
+        warmUp.Connect();
+    }
+    TestClient client;
+    const auto before = ProcessFigures::Now();
+    for (int cycle = 0; cycle < 50; ++cycle) {
+        BrokerSettings().port = cycle % 2 == 0 ? closed : refusing.Port();
+        TestClient another;
+        EXPECT_FALSE(another.Connect());
+        EXPECT_FALSE(client.Connect());
+    }
+    EXPECT_TRUE(WaitUntil([&] { return ProcessFigures::Now().descriptors <= before.descriptors; }));
+    EXPECT_TRUE(WaitUntil([&] { return ProcessFigures::Now().threads <= before.threads; }));
+}
+
+TEST_F(ACallerWithoutABroker, SucceedsOnceThereIsOne) {
+    TestClient client;
+    EXPECT_FALSE(client.Connect());
+    FakeBrokerServer server(FakeBrokerServer::Accept);
+    BrokerSettings().port = server.Port();
+    TestClient later;
+    EXPECT_TRUE(later.Connect());
+}
+
+TEST_F(ACallerWithoutABroker, WaitsForAnAnswerThatTakesTwoSeconds) {
+    FakeBrokerServer server(FakeBrokerServer::AcceptAfter(2s));
+    BrokerSettings().port = server.Port();
+    TestClient client;
+    EXPECT_TRUE(client.Connect());
+    EXPECT_EQ(client.PublishMessage("topic", "payload", false), 0);
+}
+
+TEST_F(ACallerWithoutABroker, IsAnsweredWhenAnotherThreadDisconnectsMeanwhile) {
+    FakeBrokerServer server(FakeBrokerServer::StaySilent);
+    BrokerSettings().port = server.Port();
+    TestClient client;
+    auto connecting = std::async(std::launch::async, [&] { return client.Connect(); });
+    ASSERT_TRUE(WaitUntil([&] { return server.Connections() == 1; }));
+    EXPECT_LT(TimeOf([&] { client.Disconnect(); }), 1s + SLACK);
+    EXPECT_FALSE(connecting.get());
+}
+
+TEST_F(ACallerWithoutABroker, IsToldAboutASettingThatTheClientLibraryRefuses) {
+    FakeBrokerServer server(FakeBrokerServer::Accept);
+    BrokerSettings().port = server.Port();
+    TestClient nameless("");
+    EXPECT_FALSE(nameless.Connect());
+    TestClient client;
+    EXPECT_FALSE(client.Connect("will/#", "gone", true));
+    EXPECT_FALSE(client.Connect("", "gone", true));
+    EXPECT_FALSE(client.Connect(std::string("will\0topic", 10), "gone", true));
+    EXPECT_EQ(server.Connections(), 0);
+}
+
+class AClientOfARealBroker : public RealBrokerTest {};
+
+TEST_F(AClientOfARealBroker, MayDisconnectBeforeItConnectsAndTwiceAfterwards) {
+    TestClient client;
+    EXPECT_FALSE(client.Disconnect());
+    ASSERT_TRUE(client.Connect());
+    EXPECT_TRUE(client.Disconnect());
+    EXPECT_FALSE(client.Disconnect());
+    EXPECT_TRUE(client.Connect());
+}
+
+TEST_F(AClientOfARealBroker, IsToldThatItIsConnected) {
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    EXPECT_TRUE(WaitUntil([&] { return client.Connects() == 1; }));
+    EXPECT_TRUE(client.Disconnect());
+    ASSERT_TRUE(client.Connect());
+    EXPECT_TRUE(WaitUntil([&] { return client.Connects() == 2; }));
+}
+
+TEST_F(AClientOfARealBroker, LeavesNothingBehindAfterAHundredConnections) {
+    TestClient client;
+    {
+        TestClient warmUp("warm-up");
+        ASSERT_TRUE(warmUp.Connect());
+    }
+    const auto before = ProcessFigures::Now();
+    for (int cycle = 0; cycle < 100; ++cycle) {
+        ASSERT_TRUE(client.Connect("will", "gone", false));
+        ASSERT_TRUE(client.Disconnect());
+    }
+    EXPECT_TRUE(WaitUntil([&] { return ProcessFigures::Now().descriptors <= before.descriptors; }));
+    EXPECT_TRUE(WaitUntil([&] { return ProcessFigures::Now().threads <= before.threads; }));
+}
+
+TEST_F(AClientOfARealBroker, KeepsItsWillToItselfWhenItDisconnects) {
+    RawClient witness(broker.Port());
+    ASSERT_TRUE(witness.Subscribe("#"));
+    TestClient client;
+    ASSERT_TRUE(client.Connect("will", "gone", false));
+    ASSERT_TRUE(client.Disconnect());
+    ASSERT_TRUE(witness.Publish({"fence", "", 0, false, false, 0}));
+    EXPECT_EQ(witness.NextMessage()->topic, "fence");
+}
+
+TEST_F(AClientOfARealBroker, HasItsWillSpokenWhenItIsDestroyed) {
+    RawClient witness(broker.Port());
+    ASSERT_TRUE(witness.Subscribe("will"));
+    {
+        TestClient client;
+        ASSERT_TRUE(client.Connect("will", "gone", true));
+    }
+    const auto will = witness.NextMessage();
+    ASSERT_TRUE(will);
+    EXPECT_EQ(will->payload, "gone");
+    EXPECT_EQ(Retained("will"), "gone");
+}
+
+TEST_F(AClientOfARealBroker, ChangesItsWillWithASecondConnectAndTheOldOneStaysSilent) {
+    RawClient witness(broker.Port());
+    ASSERT_TRUE(witness.Subscribe("#"));
+    {
+        TestClient client;
+        ASSERT_TRUE(client.Connect("first", "gone", false));
+        ASSERT_TRUE(client.Connect("second", "gone", false));
+    }
+    EXPECT_EQ(witness.NextMessage()->topic, "second");
+}
+
+TEST_F(AClientOfARealBroker, ForgetsItsSubscriptionsWithASecondConnect) {
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    ASSERT_TRUE(client.Subscribe("old", 1));
+    ASSERT_TRUE(client.Connect());
+    client.PublishMessage("old", "x", true);
+    ASSERT_TRUE(IsUpToDate(client));
+    EXPECT_FALSE(client.HasReceived("old", "x"));
+}
+
+TEST_F(AClientOfARealBroker, IsKnownByItsIdAndTheConfiguredSuffix) {
+    FakeBrokerServer server(FakeBrokerServer::Accept);
+    BrokerSettings().port = server.Port();
+    BrokerSettings().clientIdSuffix = "-2";
+    BrokerSettings().username = "user";
+    BrokerSettings().password = "word";
+    TestClient client("ORV_Stack");
+    ASSERT_TRUE(client.Connect());
+    const MqttConnect said = DecodeConnect(server.Packets().at(0));
+    EXPECT_EQ(said.clientId, "ORV_Stack-2");
+    EXPECT_EQ(said.keepAlive, 5);
+    EXPECT_TRUE(said.cleanSession);
+    EXPECT_EQ(said.username, "user");
+    EXPECT_EQ(said.password, "word");
+}
+
+} // namespace OrvTest

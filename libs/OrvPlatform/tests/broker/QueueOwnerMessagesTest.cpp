@@ -1,0 +1,183 @@
+// SPDX-License-Identifier: Apache-2.0
+// Messages: what arrives as it was sent, what is refused, what is never sent later.
+#include "BrokerFixture.h"
+
+#include <csignal>
+
+namespace OrvTest {
+
+using QUILMQTT::QueueOwner;
+
+class AConnectedClient : public RealBrokerTest {
+protected:
+    AConnectedClient() { EXPECT_TRUE(client.Connect()); }
+
+    TestClient client;
+};
+
+TEST_F(AConnectedClient, ReceivesWhatIsPublishedOnItsSubscriptionsInOrder) {
+    ASSERT_TRUE(client.Subscribe("a/#", 1));
+    RawClient other(broker.Port());
+    Messages expected;
+    for (int number = 0; number < 200; ++number) {
+        expected.emplace_back("a/" + std::to_string(number % 3), std::to_string(number));
+        ASSERT_TRUE(other.Publish({expected.back().first, expected.back().second, number % 2, false, false, 0}));
+    }
+    ASSERT_TRUE(WaitUntil([&] { return client.ReceivedCount() >= expected.size(); }));
+    EXPECT_EQ(client.Received(), expected);
+}
+
+TEST_F(AConnectedClient, CarriesAnyBytesInAPayload) {
+    const std::string all = [] {
+        std::string bytes;
+        for (int value = 0; value < 256; ++value)
+            bytes += static_cast<char>(value);
+        return bytes;
+    }();
+    ASSERT_TRUE(client.Subscribe("bytes", 1));
+    EXPECT_EQ(client.PublishMessage("bytes", all, true), 0);
+    EXPECT_EQ(client.PublishMessage("bytes", "", true), 0);
+    EXPECT_EQ(client.PublishMessage("bytes", std::string(200000, '\0'), true), 0);
+    ASSERT_TRUE(WaitUntil([&] { return client.ReceivedCount() == 3; }));
+    EXPECT_EQ(client.Received(), (Messages{{"bytes", all}, {"bytes", ""}, {"bytes", std::string(200000, '\0')}}));
+}
+
+TEST_F(AConnectedClient, PublishesWithTheKindThatWasAskedFor) {
+    RawClient witness(broker.Port());
+    ASSERT_TRUE(witness.Subscribe("kind/#", 1));
+    client.PublishMessage("kind/plain", "1", false);
+    client.PublishRetainedMessage("kind/retained", "2", false);
+    client.PublishRetainedMessage("kind/both", "3", true);
+    EXPECT_EQ(witness.NextMessage(), (MqttMessage{"kind/plain", "1", 0, false, false, 0}));
+    EXPECT_EQ(witness.NextMessage(), (MqttMessage{"kind/retained", "2", 0, false, false, 0}));
+    EXPECT_EQ(witness.NextMessage(), (MqttMessage{"kind/both", "3", 1, false, false, 0}));
+    EXPECT_EQ(RetainedState(broker.Port(), "kind/#"),
+              (std::map<std::string, std::string>{{"kind/both", "3"}, {"kind/retained", "2"}}));
+}
+
+TEST_F(AConnectedClient, IsToldOfTheDeliveryOfAssuredPublicationsOnly) {
+    client.PublishMessage("plain", "x", false);
+    client.PublishMessage("assured", "x", true);
+    ASSERT_TRUE(WaitUntil([&] { return !client.Delivered().empty(); }));
+    EXPECT_EQ(client.Delivered(), std::vector<std::string>{"assured"});
+}
+
+TEST_F(AConnectedClient, KeepsItsConnectionOverHostileTopics) {
+    const std::string nul("a\0b", 3);
+    const std::string notUtf8("a/\xff\xfe");
+    for (const std::string& topic : {std::string(), std::string("+"), std::string("#"), std::string("a/#/b"), nul,
+                                     notUtf8, std::string(65536, 'x')}) {
+        EXPECT_EQ(client.PublishMessage(topic, "x", true), QueueOwner::MALFORMED_TOPIC) << topic.substr(0, 20);
+        EXPECT_EQ(client.PublishRetainedMessage(topic, "x", false), QueueOwner::MALFORMED_TOPIC);
+    }
+    for (const std::string& filter :
+         {std::string(), std::string("a#"), std::string("a/#/b"), nul, notUtf8, std::string(65536, 'x')})
+        EXPECT_FALSE(client.Subscribe(filter, 1)) << filter.substr(0, 20);
+    EXPECT_FALSE(client.Subscribe("a", 3));
+    EXPECT_FALSE(client.Subscribe("a", -1));
+    ASSERT_TRUE(IsUpToDate(client));
+    EXPECT_EQ(client.Connects(), 1);
+}
+
+TEST_F(AConnectedClient, GetsFiftyAssuredPublicationsOutBeforeItDisconnects) {
+    RawClient witness(broker.Port());
+    ASSERT_TRUE(witness.Subscribe("last/#", 1));
+    // Input that nobody reads any more must not cut the output short.
+    ASSERT_TRUE(client.Subscribe("last/#", 1));
+    for (int number = 0; number < 50; ++number)
+        ASSERT_EQ(client.PublishMessage("last/word", std::to_string(number), true), 0);
+    ASSERT_TRUE(client.Disconnect());
+    for (int number = 0; number < 50; ++number) {
+        const auto message = witness.NextMessage();
+        ASSERT_TRUE(message);
+        EXPECT_EQ(message->payload, std::to_string(number));
+    }
+}
+
+TEST_F(AConnectedClient, IsRefusedAfterwardsAndNothingIsSentLater) {
+    RawClient witness(broker.Port());
+    ASSERT_TRUE(witness.Subscribe("late/#", 1));
+    ASSERT_TRUE(client.Disconnect());
+    EXPECT_EQ(client.PublishMessage("late/word", "x", true), QueueOwner::NOT_CONNECTED);
+    EXPECT_EQ(client.PublishRetainedMessage("late/word", "x", true), QueueOwner::NOT_CONNECTED);
+    EXPECT_FALSE(client.Subscribe("late/word", 1));
+    ASSERT_TRUE(client.Connect());
+    client.PublishMessage("late/fence", "", true);
+    EXPECT_EQ(witness.NextMessage()->topic, "late/fence");
+}
+
+TEST_F(AConnectedClient, MakesARetainedTopicDisappearWithAnEmptyPayload) {
+    client.PublishRetainedMessage("led", "On", true);
+    ASSERT_TRUE(IsUpToDate(client));
+    EXPECT_EQ(Retained("led"), "On");
+    client.PublishRetainedMessage("led", "", true);
+    ASSERT_TRUE(IsUpToDate(client));
+    EXPECT_EQ(Retained("led"), "(nothing)");
+}
+
+class AClientOfABrokerThatReadsNothing : public BrokerTest {
+protected:
+    AClientOfABrokerThatReadsNothing() : BrokerTest(0), server(FakeBrokerServer::AcceptAndFreeze) {
+        BrokerSettings().port = server.Port();
+        BrokerSettings().maxOutstandingBytes = 20000;
+    }
+
+    /// Publishes until the first refusal and returns it.
+    static int Fill(TestClient& client, bool assured) {
+        const std::string payload(1000, 'x');
+        for (int number = 0; number < 200000; ++number) {
+            if (const int status = client.PublishMessage("topic", payload, assured); status != 0)
+                return status;
+        }
+        return 0;
+    }
+
+    FakeBrokerServer server;
+};
+
+TEST_F(AClientOfABrokerThatReadsNothing, IsRefusedOnceTheOutstandingBytesAreUsedUp) {
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    EXPECT_EQ(Fill(client, true), QueueOwner::OUTSTANDING_FULL);
+    EXPECT_EQ(client.PublishMessage("topic", std::string(1000, 'x'), true), QueueOwner::OUTSTANDING_FULL);
+    EXPECT_TRUE(WaitUntil([&] { return Logged("the broker does not keep up") == 1; }));
+    EXPECT_TRUE(client.Disconnect());
+}
+
+TEST_F(AClientOfABrokerThatReadsNothing, IsRefusedPlainPublicationsTooOnceTheSocketIsFull) {
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    EXPECT_EQ(Fill(client, false), QueueOwner::OUTSTANDING_FULL);
+}
+
+TEST_F(AClientOfABrokerThatReadsNothing, IsToldAboutAPayloadThatCanNeverFit) {
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    EXPECT_EQ(client.PublishMessage("topic", std::string(20001, 'x'), true), QueueOwner::PAYLOAD_TOO_LARGE);
+}
+
+TEST_F(AClientOfABrokerThatReadsNothing, DisconnectsWithinASecond) {
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    Fill(client, false);
+    EXPECT_LT(TimeOf([&] { EXPECT_TRUE(client.Disconnect()); }), 1s + SLACK);
+}
+
+TEST_F(AClientOfABrokerThatReadsNothing, MakesRoomWhenTheBrokerReadsAgain) {
+    std::atomic<bool> reading{false};
+    FakeBrokerServer slow([&](FakeBrokerServer::Session& session) {
+        session.Read();
+        session.Send(EncodeConnack(0));
+        WaitUntil([&] { return reading.load(); });
+        session.Serve();
+    });
+    BrokerSettings().port = slow.Port();
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    EXPECT_EQ(Fill(client, true), QueueOwner::OUTSTANDING_FULL);
+    reading = true;
+    EXPECT_TRUE(WaitUntil([&] { return client.PublishMessage("topic", "x", true) == 0; }));
+    EXPECT_TRUE(WaitUntil([&] { return Logged("the broker keeps up again") == 1; }));
+}
+
+} // namespace OrvTest

@@ -1,0 +1,290 @@
+// SPDX-License-Identifier: Apache-2.0
+// A broker that goes away and comes back: what is true again by itself.
+#include "BrokerFixture.h"
+
+#include <atomic>
+#include <future>
+#include <thread>
+
+namespace OrvTest {
+
+using QUILMQTT::QueueOwner;
+
+class ABrokerRestart : public RealBrokerTest {
+protected:
+    bool IsBack(TestClient& client, int connects) {
+        return WaitUntil([&] { return client.Connects() == connects; });
+    }
+};
+
+TEST_F(ABrokerRestart, LeavesSubscriptionsInForce) {
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    ASSERT_TRUE(client.Subscribe("a/+", 1));
+    ASSERT_TRUE(client.Subscribe("b", 0));
+    broker.Restart();
+    ASSERT_TRUE(IsBack(client, 2));
+    RawClient other(broker.Port());
+    ASSERT_TRUE(other.Publish({"a/1", "x", 1, false, false, 0}));
+    ASSERT_TRUE(other.Publish({"b", "y", 1, false, false, 0}));
+    EXPECT_TRUE(WaitUntil([&] { return client.HasReceived("a/1", "x") && client.HasReceived("b", "y"); }));
+}
+
+TEST_F(ABrokerRestart, LeavesEveryRetainedTopicWithItsLastPayload) {
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    client.PublishRetainedMessage("led/green", "On", false);
+    client.PublishRetainedMessage("led/yellow", "Off", true);
+    client.PublishRetainedMessage("led/green", "Blink", false);
+    client.PublishRetainedMessage("led/red", "On", false);
+    client.PublishRetainedMessage("led/red", "", false);
+    client.PublishMessage("led/command", "test", true);
+    broker.Restart();
+    EXPECT_TRUE(WaitUntil([&] {
+        return RetainedState(broker.Port(), "led/#") ==
+               std::map<std::string, std::string>{{"led/green", "Blink"}, {"led/yellow", "Off"}};
+    }));
+}
+
+TEST_F(ABrokerRestart, HasTheAvailabilityAnnouncedAgainAsItWas) {
+    TestClient client;
+    ASSERT_TRUE(client.Connect("available", "false", true));
+    client.PublishMessage("available", "true", false);
+    ASSERT_TRUE(IsUpToDate(client));
+    broker.Kill();
+    broker.Start();
+    RawClient witness(broker.Port());
+    ASSERT_TRUE(witness.Subscribe("available"));
+    // The witness may come in before or after the client does: in the latter case the next restart shows it.
+    auto message = witness.NextMessage(1s);
+    if (!message) {
+        broker.Restart();
+        RawClient second(broker.Port());
+        ASSERT_TRUE(second.Subscribe("available"));
+        message = second.NextMessage();
+    }
+    ASSERT_TRUE(message);
+    EXPECT_EQ(message->payload, "true");
+    EXPECT_FALSE(message->retained);
+}
+
+TEST_F(ABrokerRestart, IsFollowedByOnConnectOnlyWhenAllIsRestored) {
+    TestClient client;
+    client.onConnect = [&] {
+        // What OnConnect publishes comes back through a subscription that was made again before.
+        client.PublishMessage("order", "from OnConnect", true);
+    };
+    ASSERT_TRUE(client.Connect());
+    ASSERT_TRUE(client.Subscribe("order", 1));
+    client.PublishRetainedMessage("order", "retained", true);
+    ASSERT_TRUE(IsUpToDate(client));
+    const std::size_t before = client.ReceivedCount();
+    broker.Restart();
+    ASSERT_TRUE(WaitUntil([&] { return client.ReceivedCount() >= before + 2; }));
+    const Messages received = client.Received();
+    EXPECT_EQ(received[before], (std::pair<std::string, std::string>("order", "retained")));
+    EXPECT_EQ(received[before + 1], (std::pair<std::string, std::string>("order", "from OnConnect")));
+}
+
+TEST_F(ABrokerRestart, DoesNotBringBackWhatWasRefusedMeanwhile) {
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    client.PublishRetainedMessage("led", "On", true);
+    ASSERT_TRUE(IsUpToDate(client));
+    broker.Kill();
+    ASSERT_TRUE(WaitUntil([&] { return client.PublishMessage("probe", "", false) == QueueOwner::NOT_CONNECTED; }));
+    EXPECT_EQ(client.PublishRetainedMessage("led", "Off", true), QueueOwner::NOT_CONNECTED);
+    EXPECT_EQ(client.PublishRetainedMessage("other", "x", true), QueueOwner::NOT_CONNECTED);
+    broker.Start();
+    ASSERT_TRUE(IsBack(client, 2));
+    ASSERT_TRUE(IsUpToDate(client));
+    EXPECT_EQ(Retained("led"), "On");
+    EXPECT_EQ(Retained("other"), "(nothing)");
+}
+
+TEST_F(ABrokerRestart, IsNotAnnouncedIntoAConnectionThatTheApplicationMakes) {
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    client.PublishRetainedMessage("led", "On", true);
+    ASSERT_TRUE(IsUpToDate(client));
+    broker.Kill();
+    client.Disconnect();
+    broker.Start();
+    ASSERT_TRUE(client.Connect());
+    ASSERT_TRUE(IsUpToDate(client));
+    EXPECT_EQ(Retained("led"), "(nothing)");
+    // What was published over the former connection is still remembered for the next reconnection.
+    broker.Restart();
+    EXPECT_TRUE(WaitUntil([&] { return Retained("led") == "On"; }));
+}
+
+TEST_F(ABrokerRestart, LeavesTheWillInForce) {
+
+    auto client = std::make_unique<TestClient>();
+    ASSERT_TRUE(client->Connect("will", "gone", false));
+    broker.Restart();
+    ASSERT_TRUE(IsBack(*client, 2));
+    RawClient witness(broker.Port());
+    ASSERT_TRUE(witness.Subscribe("will"));
+    client.reset();
+    EXPECT_EQ(witness.NextMessage()->payload, "gone");
+}
+
+TEST_F(ABrokerRestart, GetsAssuredPublicationsThroughThatWereUnderWay) {
+    // The fake broker takes the publication and goes before it acknowledges it.
+    std::atomic<int> session{0};
+    FakeBrokerServer server([&](FakeBrokerServer::Session& connection) {
+        if (++session > 1)
+            return connection.Serve();
+        connection.Read();
+        connection.Send(EncodeConnack(0));
+        connection.Read();
+    });
+    BrokerSettings().port = server.Port();
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    ASSERT_EQ(client.PublishMessage("command", "x", true), 0);
+    EXPECT_TRUE(WaitUntil([&] { return !client.Delivered().empty(); }));
+    EXPECT_EQ(server.Count(MqttPacket::Type::PUBLISH), 2U);
+}
+
+TEST_F(ABrokerRestart, IsNotHeldUpByADisconnectDuringAHungReconnect) {
+    FakeBrokerServer server(FakeBrokerServer::Accept);
+    BrokerSettings().port = server.Port();
+    std::atomic<bool> drop{false};
+    server.Behave([&](FakeBrokerServer::Session& session) {
+        session.Read();
+        session.Send(EncodeConnack(0));
+        WaitUntil([&] { return drop.load(); });
+    });
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    server.Behave(FakeBrokerServer::StaySilent);
+    drop = true;
+    ASSERT_TRUE(WaitUntil([&] { return server.Connections() == 2; }));
+    EXPECT_LT(TimeOf([&] { client.Disconnect(); }), 1s + SLACK);
+}
+
+TEST_F(ABrokerRestart, IsSurvivedByFourThreadsThatPublish) {
+    TestClient client;
+    ASSERT_TRUE(client.Connect("available", "false", true));
+    client.PublishRetainedMessage("available", "true", true);
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    std::vector<int> last(4, -1);
+    for (std::size_t number = 0; number < 4; ++number) {
+        threads.emplace_back([&, number] {
+            const std::string topic = "state/" + std::to_string(number);
+            for (int value = 0; !stop; ++value) {
+                if (client.PublishRetainedMessage(topic, std::to_string(value), value % 2 == 0) == 0)
+                    last[number] = value;
+                std::this_thread::yield();
+            }
+        });
+    }
+    for (int restart = 0; restart < 5; ++restart) {
+        const int connects = client.Connects();
+        broker.Restart();
+        ASSERT_TRUE(WaitUntil([&] { return client.Connects() > connects; }));
+    }
+    stop = true;
+    for (std::thread& thread : threads)
+        thread.join();
+    ASSERT_TRUE(WaitUntil([&] { return IsUpToDate(client); }));
+    EXPECT_EQ(Retained("available"), "true");
+    for (std::size_t number = 0; number < 4; ++number)
+        EXPECT_EQ(Retained("state/" + std::to_string(number)), std::to_string(last[number]));
+}
+
+TEST_F(ABrokerRestart, OfAFewIsNotTakenForASecondClientWithTheSameId) {
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    for (int restart = 1; restart <= 4; ++restart) {
+        broker.Kill();
+        ASSERT_TRUE(WaitUntil([&] { return Logged("cannot reconnect") >= static_cast<std::size_t>(restart); }));
+        broker.Start();
+        ASSERT_TRUE(IsBack(client, restart + 1));
+    }
+    EXPECT_EQ(Logged("another client uses the same id"), 0U);
+    EXPECT_EQ(Logged("lost the connection"), 4U);
+    EXPECT_EQ(Logged("connected again to"), 4U);
+}
+
+class AFrozenBroker : public RealBrokerTest {};
+
+TEST_F(AFrozenBroker, ThatThawsSoonLosesNothing) {
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    ASSERT_TRUE(client.Subscribe("a", 1));
+    broker.Freeze();
+    for (int number = 0; number < 10; ++number)
+        EXPECT_EQ(client.PublishMessage("a", std::to_string(number), true), 0);
+    broker.Thaw();
+    EXPECT_TRUE(WaitUntil([&] { return client.ReceivedCount() == 10; }));
+    EXPECT_EQ(client.Connects(), 1);
+}
+
+TEST_F(AFrozenBroker, IsNoticedNeverHoldsUpACallAndIsFollowedByTheTruthWhenItThaws) {
+    TestClient client;
+    ASSERT_TRUE(client.Connect("available", "false", true));
+    ASSERT_EQ(client.PublishRetainedMessage("available", "true", false), 0);
+    ASSERT_EQ(client.PublishRetainedMessage("led", "On", false), 0);
+    ASSERT_TRUE(IsUpToDate(client));
+    broker.Freeze();
+    std::chrono::milliseconds longest{0};
+    EXPECT_TRUE(WaitUntil(
+        [&] {
+            int status = 0;
+            longest = std::max(longest, TimeOf([&] { status = client.PublishMessage("a", "x", true); }));
+            return status == QueueOwner::NOT_CONNECTED;
+        },
+        30s));
+    EXPECT_LT(longest, SLACK);
+    EXPECT_LT(TimeOf([&] { client.PublishRetainedMessage("led", "Off", true); }), SLACK);
+    broker.Thaw();
+    ASSERT_TRUE(WaitUntil([&] { return client.Connects() >= 2; }));
+    EXPECT_TRUE(WaitUntil([&] { return Retained("available") == "true" && Retained("led") == "On"; }));
+}
+
+class TwoClientsWithOneId : public RealBrokerTest {};
+
+TEST_F(TwoClientsWithOneId, AreReportedOnceWithTheRemedy) {
+    TestClient first("same");
+    TestClient second("same");
+    ASSERT_TRUE(first.Connect());
+    ASSERT_TRUE(second.Connect());
+    ASSERT_TRUE(WaitUntil([&] { return first.Connects() + second.Connects() >= 10; }, 60s));
+    const std::size_t reports = Logged("another client uses the same id; give each application a [broker] "
+                                       "client_id_suffix of its own");
+    EXPECT_GE(reports, 1U);
+    EXPECT_LE(reports, 2U) << "each of the two says it once";
+}
+
+TEST_F(TwoClientsWithOneId, LiveSideBySideWithDifferentSuffixes) {
+    TestClient first("same");
+    BrokerSettings().clientIdSuffix = "-shell";
+    TestClient second("same");
+    ASSERT_TRUE(first.Connect());
+    ASSERT_TRUE(second.Connect());
+    EXPECT_TRUE(IsUpToDate(first));
+    EXPECT_TRUE(IsUpToDate(second));
+    EXPECT_EQ(first.Connects(), 1);
+}
+
+// The will of the broken connection is spoken when the broker takes the session over, before it accepts the new one.
+TEST_F(AFrozenBroker, ThatStillHoldsTheOldConnectionEndsUpWithTheRightAvailability) {
+    TestClient client;
+    ASSERT_TRUE(client.Connect("available", "false", true));
+    ASSERT_EQ(client.PublishRetainedMessage("available", "true", false), 0);
+    ASSERT_TRUE(IsUpToDate(client));
+    // Another client takes the session over and goes: the client's will is spoken, the client comes back.
+    MqttConnect same;
+    same.clientId = "client";
+    RawClient thief(broker.Port(), same);
+    ASSERT_EQ(thief.Answer(), 0);
+    ASSERT_TRUE(WaitUntil([&] { return client.Connects() == 2; }));
+    ASSERT_TRUE(IsUpToDate(client));
+    EXPECT_EQ(Retained("available"), "true");
+}
+
+} // namespace OrvTest

@@ -1,0 +1,256 @@
+// SPDX-License-Identifier: Apache-2.0
+// Callbacks and threads: what is allowed inside a callback, and when callbacks end.
+#include "BrokerFixture.h"
+
+#include <atomic>
+#include <csignal>
+#include <fcntl.h>
+#include <future>
+#include <memory>
+#include <stdexcept>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace OrvTest {
+
+class ACallback : public RealBrokerTest {
+protected:
+    /// Runs `action` in the OnPublish of a connected client, and waits until it has returned.
+    void RunInCallback(const std::function<void(TestClient&)>& action) {
+        TestClient client;
+        std::promise<void> done;
+        client.onMessage = [&](const std::string& topic, const std::string& message) {
+            if (topic == "go" && message.empty()) {
+                action(client);
+                done.set_value();
+            }
+        };
+        ASSERT_TRUE(client.Connect("will", "gone", false));
+        ASSERT_TRUE(client.Subscribe("go", 1));
+        ASSERT_EQ(client.PublishMessage("go", "", true), 0);
+        ASSERT_EQ(done.get_future().wait_for(PATIENCE), std::future_status::ready);
+        client.StopDelivery();
+    }
+};
+
+TEST_F(ACallback, MayPublishAndSubscribe) {
+    RawClient witness(broker.Port());
+    ASSERT_TRUE(witness.Subscribe("answer", 1));
+    RunInCallback([](TestClient& client) {
+        EXPECT_TRUE(client.Subscribe("other", 1));
+        EXPECT_EQ(client.PublishMessage("answer", "x", true), 0);
+    });
+    EXPECT_TRUE(witness.NextMessage());
+}
+
+TEST_F(ACallback, MayDisconnect) {
+    RunInCallback([](TestClient& client) {
+        EXPECT_TRUE(client.Disconnect());
+        EXPECT_FALSE(client.Disconnect());
+        EXPECT_NE(client.PublishMessage("answer", "x", true), 0);
+    });
+}
+
+TEST_F(ACallback, MayConnectAnew) {
+    RunInCallback([](TestClient& client) {
+        EXPECT_TRUE(client.Connect());
+        EXPECT_EQ(client.PublishMessage("answer", "x", true), 0);
+    });
+}
+
+TEST_F(ACallback, MayDisconnectAndConnectAgain) {
+    RunInCallback([](TestClient& client) {
+        EXPECT_TRUE(client.Disconnect());
+        EXPECT_TRUE(client.Connect("will", "gone", false));
+        EXPECT_TRUE(client.Subscribe("other", 1));
+    });
+}
+
+TEST_F(ACallback, MayStopDelivery) {
+    RunInCallback([](TestClient& client) {
+        client.StopDelivery();
+        client.Subscribe("more", 1);
+        client.PublishMessage("more", "x", true);
+    });
+}
+
+TEST_F(ACallback, MayDeleteTheClient) {
+    const auto before = ProcessFigures::Now();
+    RawClient witness(broker.Port());
+    ASSERT_TRUE(witness.Subscribe("will"));
+    std::atomic<bool> deleted{false};
+    auto client = std::make_unique<TestClient>();
+    client->onMessage = [&](const std::string& topic, const std::string& message) {
+        std::atomic<bool>& reached = deleted;
+        client.reset();
+        reached = topic == "go" && message == "now"; // unlike what was captured, these outlive the client
+    };
+    ASSERT_TRUE(client->Connect("will", "gone", false));
+    ASSERT_TRUE(client->Subscribe("go", 1));
+    for (int number = 0; number < 5; ++number) {
+        RawClient other(broker.Port());
+        ASSERT_TRUE(other.Publish({"go", "now", 1, false, false, 0}));
+    }
+    EXPECT_TRUE(WaitUntil([&] { return deleted.load(); }));
+    EXPECT_TRUE(witness.NextMessage()) << "the last will was not spoken";
+    witness.BreakOff();
+    EXPECT_TRUE(WaitUntil([&] { return ProcessFigures::Now().threads <= before.threads; }));
+    EXPECT_TRUE(WaitUntil([&] { return ProcessFigures::Now().descriptors <= before.descriptors; }));
+}
+
+TEST_F(ACallback, MayBeLeftByAnExceptionAndTheNextOneComes) {
+    TestClient client;
+    client.onMessage = [](const std::string&, const std::string& message) {
+        if (message == "standard")
+            throw std::runtime_error("broken application");
+        if (message == "other")
+            throw 1;
+    };
+    ASSERT_TRUE(client.Connect());
+    ASSERT_TRUE(client.Subscribe("go", 1));
+    for (const char* message : {"standard", "other", "last"})
+        client.PublishMessage("go", message, true);
+    EXPECT_TRUE(WaitUntil([&] { return client.HasReceived("go", "last"); }));
+    EXPECT_EQ(Logged("an exception left the application's callback: broken application"), 1U);
+    EXPECT_EQ(Logged("an exception of unknown type left the application's callback"), 1U);
+}
+
+TEST_F(ACallback, ThatTakesItsTimeDoesNotDelayAnotherClient) {
+    std::promise<void> release;
+    const auto released = release.get_future().share();
+    TestClient slow("slow");
+    slow.onMessage = [released](const std::string&, const std::string&) { released.wait(); };
+    TestClient quick("quick");
+    ASSERT_TRUE(slow.Connect() && slow.Subscribe("go", 1));
+    ASSERT_TRUE(quick.Connect() && quick.Subscribe("go", 1));
+    quick.PublishMessage("go", "x", true);
+    ASSERT_TRUE(WaitUntil([&] { return slow.ReceivedCount() == 1; }));
+    EXPECT_TRUE(IsUpToDate(quick));
+    EXPECT_EQ(slow.PublishMessage("go", "y", true), 0) << "nor its own publications";
+    release.set_value();
+    EXPECT_TRUE(WaitUntil([&] { return slow.HasReceived("go", "y"); }));
+}
+
+TEST_F(ACallback, UnderWayIsTheLastOneOnceStopDeliveryReturns) {
+    TestClient client;
+    std::atomic<int> inside{0};
+    std::atomic<int> calls{0};
+    client.onMessage = [&](const std::string&, const std::string&) {
+        ++inside;
+        ++calls;
+        std::this_thread::yield();
+        --inside;
+    };
+    ASSERT_TRUE(client.Connect());
+    ASSERT_TRUE(client.Subscribe("flood", 0));
+    for (int round = 0; round < 20; ++round) {
+        for (int number = 0; number < 50; ++number)
+            client.PublishMessage("flood", std::to_string(number), false);
+        WaitUntil([&] { return calls > 0; });
+        client.StopDelivery();
+        EXPECT_EQ(inside, 0);
+        const int seen = calls;
+        client.PublishMessage("flood", "after", true);
+        WaitUntil([&] { return calls != seen; }, 5ms);
+        EXPECT_EQ(calls, seen);
+        ASSERT_TRUE(client.Connect());
+        ASSERT_TRUE(client.Subscribe("flood", 0));
+        calls = 0;
+    }
+}
+
+TEST_F(ACallback, DoesNotBeginOnceDisconnectHasReturned) {
+    std::atomic<bool> disconnected{false};
+    std::atomic<int> late{0};
+    std::atomic<int> calls{0};
+    TestClient client;
+    client.onMessage = [&](const std::string&, const std::string&) {
+        if (disconnected)
+            ++late;
+        ++calls;
+    };
+    for (int round = 0; round < 20; ++round) {
+        disconnected = false;
+        calls = 0;
+        ASSERT_TRUE(client.Connect());
+        ASSERT_TRUE(client.Subscribe("flood", 0));
+        for (int number = 0; number < 100; ++number)
+            client.PublishMessage("flood", std::to_string(number), false);
+        ASSERT_TRUE(WaitUntil([&] { return calls > 0; }));
+        ASSERT_TRUE(client.Disconnect());
+        // One that was under way may be between the library and its first line: let it come out.
+        const int seen = calls;
+        WaitUntil([&] { return calls > seen + 1; }, 2ms);
+        EXPECT_LE(calls, seen + 1);
+        disconnected = true;
+    }
+    EXPECT_EQ(late, 0);
+}
+
+TEST_F(ACallback, AndADestructionUnderLoadDoNotMeet) {
+    std::atomic<bool> stop{false};
+    std::thread flood([&] {
+        RawClient other(broker.Port());
+        for (int number = 0; !stop; ++number)
+            other.Publish({"flood", std::to_string(number), number % 50 == 0 ? 1 : 0, false, false, 0});
+    });
+    for (int round = 0; round < 30; ++round) {
+        TestClient client;
+        ASSERT_TRUE(client.Connect("will", "gone", false));
+        ASSERT_TRUE(client.Subscribe("flood", 0));
+        ASSERT_TRUE(WaitUntil([&] { return client.ReceivedCount() > 0; }));
+    }
+    stop = true;
+    flood.join();
+}
+
+TEST_F(ACallback, ComesOnDescriptorsAbove1024Too) {
+    std::vector<Descriptor> occupied;
+    while (occupied.empty() || occupied.back().Get() < 1100)
+        occupied.emplace_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    EXPECT_TRUE(IsUpToDate(client));
+    EXPECT_TRUE(client.Disconnect());
+}
+
+TEST_F(ACallback, NeverRunsInAForkedChildNorDoesItKeepTheConnectionAlive) {
+    RawClient witness(broker.Port());
+    ASSERT_TRUE(witness.Subscribe("will"));
+    auto client = std::make_unique<TestClient>();
+    ASSERT_TRUE(client->Connect("will", "gone", false));
+    const pid_t child = fork();
+    if (child == 0) {
+        execl("/bin/sleep", "sleep", "60", nullptr);
+        _exit(1);
+    }
+    client.reset();
+    EXPECT_TRUE(witness.NextMessage());
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+}
+
+TEST_F(ACallback, IsNotNeededByFourThreadsThatCallEverythingAtOnce) {
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    std::vector<std::thread> threads;
+    for (int number = 0; number < 4; ++number) {
+        threads.emplace_back([&client, number] {
+            for (int round = 0; round < 25; ++round) {
+                client.Subscribe("t/#", 1);
+                client.PublishMessage("t/" + std::to_string(number), "x", round % 2 == 0);
+                if (round % 5 == number)
+                    client.Connect("will", "gone", false);
+                if (round % 7 == number)
+                    client.Disconnect();
+            }
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_TRUE(client.Connect());
+    EXPECT_TRUE(IsUpToDate(client));
+}
+
+} // namespace OrvTest

@@ -1,0 +1,151 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "MosquittoBroker.h"
+
+#include "Sockets.h"
+#include "WaitUntil.h"
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace OrvTest {
+
+namespace {
+
+bool IsProgram(const std::string& path) {
+    return access(path.c_str(), X_OK) == 0;
+}
+
+std::string Variable(const char* name, const std::string& otherwise) {
+    const char* value = getenv(name); // NOLINT(concurrency-mt-unsafe): the tests do not change the environment
+    return value ? value : otherwise;
+}
+
+std::string OnPath(const std::string& name) {
+    std::istringstream folders(Variable("PATH", ""));
+    for (std::string folder; std::getline(folders, folder, ':');) {
+        if (IsProgram(folder + "/" + name))
+            return folder + "/" + name;
+    }
+    return {};
+}
+
+std::string TemporaryFolder() {
+    std::string folder = (std::filesystem::temp_directory_path() / "orv-broker-XXXXXX").string();
+    if (!mkdtemp(folder.data()))
+        throw std::runtime_error("cannot make " + folder);
+    return folder;
+}
+
+// Started as root it would become another user, who may not read its own files here.
+std::string OwnUser() {
+    const passwd* entry = getpwuid(getuid()); // NOLINT(concurrency-mt-unsafe): only the main thread starts brokers
+    return entry ? entry->pw_name : "root";
+}
+
+} // namespace
+
+std::string UnpackedTool(const std::string& path) {
+    for (const std::string& root : {Variable("ORV_TOOLS", ORV_TEST_TOOLS), std::string()}) {
+        if (IsProgram(root + "/" + path))
+            return root + "/" + path;
+    }
+    return {};
+}
+
+std::string MosquittoBroker::Program() {
+    const std::string chosen = Variable("ORV_MOSQUITTO", OnPath("mosquitto"));
+    return chosen.empty() ? UnpackedTool("usr/sbin/mosquitto") : chosen;
+}
+
+MosquittoBroker::MosquittoBroker(const std::string& lines)
+    : folder(TemporaryFolder()), settings(lines), port(FreePort()) {
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        if (TryStart())
+            return;
+        port = FreePort(); // somebody else has taken it meanwhile
+    }
+    std::ostringstream log;
+    log << std::ifstream(folder + "/log").rdbuf();
+    std::filesystem::remove_all(folder);
+    throw std::runtime_error("the broker \"" + Program() + "\" does not start: " + log.str() +
+                             "; script/bootstrap fetches one, ORV_MOSQUITTO names another");
+}
+
+MosquittoBroker::~MosquittoBroker() {
+    Kill();
+    std::error_code ignored;
+    std::filesystem::remove_all(folder, ignored);
+}
+
+void MosquittoBroker::Start() {
+    if (!TryStart())
+        throw std::runtime_error("the broker does not start again on its port");
+}
+
+bool MosquittoBroker::TryStart() {
+    const std::string program = Program();
+    const std::string file = folder + "/mosquitto.conf";
+    std::ofstream(file) << "listener " << port << " 127.0.0.1\nuser " << OwnUser() << "\nset_tcp_nodelay true\n"
+                        << "log_dest file " << folder << "/log\n"
+                        << settings;
+    process = fork();
+    if (process == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        const int nowhere = open("/dev/null", O_RDWR);
+        dup2(nowhere, STDOUT_FILENO);
+        dup2(nowhere, STDERR_FILENO);
+        execl(program.c_str(), program.c_str(), "-c", file.c_str(), nullptr);
+        _exit(127);
+    }
+    bool ended = false;
+    const bool listens = WaitUntil([&] {
+        ended = waitpid(process, nullptr, WNOHANG) == process;
+        return ended || ConnectToLoopback(port);
+    });
+    if (ended)
+        process = 0;
+    return listens && !ended;
+}
+
+void MosquittoBroker::Kill() {
+    End(SIGKILL);
+}
+
+void MosquittoBroker::Stop() {
+    End(SIGTERM);
+}
+
+void MosquittoBroker::Restart() {
+    Kill();
+    Start();
+}
+
+void MosquittoBroker::Freeze() {
+    kill(process, SIGSTOP);
+    int status = 0;
+    waitpid(process, &status, WUNTRACED);
+}
+
+void MosquittoBroker::Thaw() {
+    kill(process, SIGCONT);
+}
+
+void MosquittoBroker::End(int signal) {
+    if (process == 0)
+        return;
+    kill(process, signal);
+    waitpid(process, nullptr, 0);
+    process = 0;
+}
+
+} // namespace OrvTest

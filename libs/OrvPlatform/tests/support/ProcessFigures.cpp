@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ProcessFigures.h"
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+namespace OrvTest {
+
+namespace {
+
+std::size_t Entries(const char* folder) {
+    const std::filesystem::directory_iterator entries(folder);
+    return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+}
+
+} // namespace
+
+ProcessFigures ProcessFigures::Now() {
+    std::size_t all = 0;
+    std::size_t resident = 0;
+    std::ifstream("/proc/self/statm") >> all >> resident;
+    return {Entries("/proc/self/task"), Entries("/proc/self/fd"),
+            resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE))};
+}
+
+} // namespace OrvTest
