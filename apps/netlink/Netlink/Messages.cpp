@@ -71,7 +71,8 @@ nlmsghdr& Begin(void* buffer, std::uint16_t type, std::uint16_t flags) {
 
 std::optional<Link> ReadLink(const nlmsghdr& message) {
     const auto* header = HeaderOf<ifinfomsg>(message, RTM_NEWLINK, RTM_DELLINK);
-    if (header == nullptr || header->ifi_index <= 0)
+    // A bridge tells about its ports with the same message types.
+    if (header == nullptr || header->ifi_family != AF_UNSPEC || header->ifi_index <= 0)
         return std::nullopt;
     const Attributes attributes(message, sizeof(*header));
     Link link;

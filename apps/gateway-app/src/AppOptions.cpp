@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "AppOptions.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <sstream>
+
+namespace GatewayApp {
+
+AppOptions ReadOptions(const std::vector<std::string>& arguments) {
+    AppOptions options;
+    auto tick = static_cast<int>(options.tick.count());
+    CLI::App parser("The reference application of the connected-services stack.", "gateway-app");
+    parser.set_config("--config", "",
+                      "File with the options below as NAME=VALUE lines; read again on RELOAD and SIGHUP");
+    parser.allow_config_extras(CLI::config_extras_mode::error);
+    parser.add_option("--name", options.name, "The application's (feature's) name, one level of a topic")
+        ->check([](const std::string& name) {
+            const bool valid = !name.empty() && name.find_first_of("/+#") == std::string::npos;
+            return valid ? std::string() : "must be one level of a topic, without / + #";
+        })
+        ->capture_default_str();
+    parser.add_option("--cloud-host", options.cloud.host,
+                      "The cloud's broker; without it there is no cloud connection");
+    parser.add_option("--cloud-port", options.cloud.port, "Its port, MQTT over TLS")
+        ->check(CLI::Range(1, 65535))
+        ->capture_default_str();
+    parser.add_option("--cloud-ca", options.cloud.caFile, "File of the CAs to trust; default: the system's");
+    parser.add_option("--cloud-client-id", options.cloud.clientId,
+                      "Client id at the cloud's broker; default: the name");
+    parser.add_option("--tick-ms", tick, "How often the client library is ticked")
+        ->check(CLI::Range(10, 1000))
+        ->capture_default_str();
+    parser.add_option("--transcript", options.transcript, "File to append a JSON line to for everything that happens");
+    parser.footer(
+        "Which interfaces are the WAN, where the gateway's broker is and what is logged: /etc/orv/gateway.ini.\n"
+        "Signals: SIGTERM and SIGINT end it, SIGHUP reads the options anew, SIGUSR1 reports a failure.");
+    try {
+        std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
+        parser.parse(reversed);
+    } catch (const CLI::ParseError& error) {
+        std::ostringstream text;
+        const int status = parser.exit(error, text, text);
+        throw OptionsError{text.str(), status == 0 ? 0 : 2};
+    }
+    options.tick = std::chrono::milliseconds(tick);
+    if (options.cloud.clientId.empty())
+        options.cloud.clientId = options.name;
+    return options;
+}
+
+} // namespace GatewayApp

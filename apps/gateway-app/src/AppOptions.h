@@ -1,0 +1,33 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "CloudDialer.h"
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace GatewayApp {
+
+/// What the application is told on its command line and in its configuration file.
+struct AppOptions {
+    /// The feature's name in the connected-services stack.
+    std::string name = "gateway-app";
+    CloudSettings cloud;
+    std::chrono::milliseconds tick{250};
+    /// See Transcript; empty: none.
+    std::string transcript;
+};
+
+/// The command line, or the file that it names, is not right. The text says what and how to put it right.
+struct OptionsError {
+    std::string text;
+    int exitStatus; // 0 when help was asked for
+};
+
+/// Reads the command line and the configuration file that it names (--config); the command line has the last word.
+/// @param arguments without the program's name
+/// @throws OptionsError
+AppOptions ReadOptions(const std::vector<std::string>& arguments);
+
+} // namespace GatewayApp

@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "DurationHistogram.h"
+
+#include <algorithm>
+
+namespace GatewayApp {
+
+namespace {
+
+constexpr std::chrono::microseconds kFirstBound{16};
+
+} // namespace
+
+void DurationHistogram::Add(std::chrono::nanoseconds duration) {
+    std::size_t index = 0;
+    std::chrono::nanoseconds bound = kFirstBound;
+    while (duration >= bound && index + 1 < kClasses) {
+        bound *= 2;
+        ++index;
+    }
+    ++classes.at(index);
+    ++count;
+    longest = std::max(longest, duration);
+}
+
+std::string DurationHistogram::Json() const {
+    std::string text = "{\"count\":" + std::to_string(count) + ",\"longest_us\":" +
+                       std::to_string(std::chrono::duration_cast<std::chrono::microseconds>(longest).count()) +
+                       ",\"below_us\":{";
+    std::chrono::microseconds bound = kFirstBound;
+    bool first = true;
+    for (std::size_t index = 0; index < kClasses; ++index, bound *= 2) {
+        if (classes.at(index) == 0)
+            continue;
+        const std::string name = index + 1 < kClasses ? std::to_string(bound.count()) : "more";
+        text += (first ? "\"" : ",\"") + name + "\":" + std::to_string(classes.at(index));
+        first = false;
+    }
+    return text + "}}";
+}
+
+} // namespace GatewayApp

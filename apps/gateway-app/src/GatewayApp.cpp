@@ -1,0 +1,278 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "GatewayApp.h"
+
+#include "Callbacks.h"
+
+#include <ConnInterfaceString.h>
+#include <GatewayMainBaseUnits/IpInterfacesMapping.h>
+#include <sys/epoll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+namespace GatewayApp {
+
+using namespace std::chrono_literals;
+using namespace OrvStackSdk;
+
+namespace {
+
+constexpr int kLogInfo = 2;
+
+WanInterfaces ConfiguredInterfaces() {
+    const auto& mapping = GatewayMainBaseUnits::IpInterfacesMapping::GetInstance();
+    return WanInterfaces(mapping.GetInterfaceName("Ethernet"), mapping.GetInterfaceName("Cellular"));
+}
+
+int OpenSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1})
+        sigaddset(&set, signal);
+    const int descriptor = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (descriptor < 0)
+        throw std::system_error(errno, std::generic_category(), "open a descriptor for signals");
+    return descriptor;
+}
+
+/// Does `work` and notes how long it took.
+template <typename Work>
+void Measure(DurationHistogram& durations, Work work) {
+    const auto begin = std::chrono::steady_clock::now();
+    work();
+    durations.Add(std::chrono::steady_clock::now() - begin);
+}
+
+const char* Bool(bool value) {
+    return value ? "true" : "false";
+}
+
+} // namespace
+
+Application::Application(AppOptions appOptions, std::vector<std::string> commandLine)
+    : arguments(std::move(commandLine)),
+      options(std::move(appOptions)),
+      logger("GatewayApp", kLogInfo),
+      transcript(options.transcript),
+      randomness(std::random_device()()),
+      signals(OpenSignals()),
+      mailbox(std::make_shared<Mailbox>()),
+      startTimer(loop, [this] { TryToStart(); }),
+      tickTimer(loop, [this] { Tick(); }),
+      watchdogTimer(loop, [this] { manager.Notify("WATCHDOG=1"); }),
+      startBackOff(500ms, 5s, [this] { return std::generate_canonical<double, 32>(randomness); }),
+      network(loop, ConfiguredInterfaces(),
+              {[this](const WanInterfaces::Events& events) { OnNetworkEvents(events); },
+               [this](const std::string& interface) { OnDefaultRoute(interface); }}),
+      cloud(loop, options.cloud,
+            {[this](const std::string& source) { OnCloudConnected(source); },
+             [this](const std::string& reason) { OnCloudLost(reason); },
+             [this](const std::string& reason, std::chrono::milliseconds delay) { OnCloudFailed(reason, delay); }},
+            [this] { return std::generate_canonical<double, 32>(randomness); }) {
+    callbacks = std::make_shared<Callbacks>(
+        mailbox, Callbacks::Receiver{[this](AppAction action) { OnAction(action); },
+                                     [this](const std::string& line) { logger.Info() << line; }});
+}
+
+Application::~Application() = default;
+
+void Application::Run() {
+    loop.Watch(signals.Number(), EPOLLIN, [this](std::uint32_t) { OnSignal(); });
+    loop.Watch(mailbox->ReadyDescriptor(), EPOLLIN, [this](std::uint32_t) { mailbox->DoAll(); });
+    if (manager.WatchdogPeriod() > 0ms)
+        watchdogTimer.Every(manager.WatchdogPeriod());
+    Note("start", {{"default_route", JsonText(network.DefaultInterface())}});
+    startTimer.Once(0ms);
+    cloud.Reopen("start");
+    // Ready means that it runs and obeys; the gateway's broker may still be on its way up.
+    manager.Notify("READY=1\nSTATUS=connecting to the gateway's broker");
+    loop.Run();
+    manager.Notify("STOPPING=1\nSTATUS=stopping");
+    Stop();
+    loop.Forget(mailbox->ReadyDescriptor());
+    loop.Forget(signals.Number());
+}
+
+bool Application::CreateClient() {
+    try {
+        client = OrvStackSdk::CreateClient();
+    } catch (const std::runtime_error& error) {
+        logger.Warning() << "no client yet: " << error.what();
+        return false;
+    }
+    client->SetHandler(callbacks);
+    return true;
+}
+
+void Application::TryToStart() {
+    // These two calls may wait for the broker, 3 s each; the watchdog's limit allows for it.
+    const bool confirmed = (client || CreateClient()) && (client->Init(options.name), callbacks->Confirmed());
+    if (confirmed)
+        return Started();
+    const std::chrono::milliseconds delay = startBackOff.Next();
+    logger.Warning() << "the gateway's broker does not answer, trying again in " << delay.count() << " ms";
+    Note("broker_unreachable", {{"retry_ms", std::to_string(delay.count())}});
+    startTimer.Once(delay);
+}
+
+void Application::Started() {
+    client->Start();
+    started = true;
+    const bool enabled = !options.cloud.host.empty();
+    Report(enabled ? OrvEvent::PANEL_CLOUD_ENABLED : OrvEvent::PANEL_CLOUD_DISABLED);
+    for (const OrvEvent event : network.Wan().State())
+        Report(event);
+    Report(cloud.Connected() ? OrvEvent::CLOUD_CONNECTED : OrvEvent::CLOUD_DISCONNECTED);
+    client->AppStatusRequest(AppStatus::READY);
+    tickTimer.Every(options.tick);
+    logger.Info() << options.name << " is ready";
+    manager.Notify("STATUS=ready");
+    Note("ready", {});
+}
+
+void Application::Tick() {
+    Measure(tickDurations, [this] { client->Tick(options.tick); });
+    FollowCloudPath();
+    if (client->CloudReconnectNeeded()) {
+        logger.Info() << "the WAN route has changed, connecting to the cloud anew";
+        Note("reconnect", {});
+        cloud.Reopen("the WAN route has changed");
+    }
+}
+
+void Application::FollowCloudPath() {
+    if (cloudPath == ConnInterfaceString)
+        return;
+    cloudPath = ConnInterfaceString;
+    logger.Info() << "the cloud connection is expected over " << cloudPath;
+    Note("path", {});
+}
+
+void Application::Stop() {
+    cloud.Close();
+    tickTimer.Stop();
+    startTimer.Stop();
+    if (client) {
+        client->Stop();
+        client->DeInit();
+        client.reset();
+    }
+    started = false;
+    Note("end", {{"tick", tickDurations.Json()}, {"event_update", eventDurations.Json()}});
+    const auto us = [](std::chrono::nanoseconds time) {
+        return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
+    };
+    logger.Info() << "ended; " << tickDurations.Count() << " ticks, the longest took " << us(tickDurations.Longest())
+                  << " us, " << eventDurations.Count() << " events, the longest took " << us(eventDurations.Longest())
+                  << " us";
+}
+
+void Application::OnSignal() {
+    signalfd_siginfo signal{};
+    while (read(signals.Number(), &signal, sizeof(signal)) == sizeof(signal)) {
+        const int number = static_cast<int>(signal.ssi_signo);
+        Note("signal", {{"number", std::to_string(number)}});
+        if (number == SIGHUP) {
+            Reload();
+        } else if (number == SIGUSR1) {
+            // Stands for the product's own self-test.
+            logger.Error() << "a failure was reported by SIGUSR1";
+            Report(OrvEvent::FAILURE);
+        } else {
+            logger.Info() << "ending on " << (number == SIGINT ? "SIGINT" : "SIGTERM");
+            loop.Leave();
+        }
+    }
+}
+
+void Application::OnNetworkEvents(const WanInterfaces::Events& events) {
+    for (const OrvEvent event : events)
+        Report(event);
+    // The connection cannot outlive its own address; the kernel would find out only seconds later.
+    if (!cloudInterface.empty() && network.Wan().OwnerOf(cloud.Source()) != cloudInterface)
+        cloud.Reopen("its address " + cloud.Source() + " is gone");
+}
+
+void Application::OnDefaultRoute(const std::string& interface) {
+    logger.Info() << (interface.empty() ? "there is no default route" : "the default route is now over " + interface);
+    Note("default_route", {{"interface", JsonText(interface)}});
+    // An attempt keeps the path on which it began.
+    if (!interface.empty() && !cloud.Connected())
+        cloud.Reopen("the default route has changed");
+}
+
+void Application::OnCloudConnected(const std::string& source) {
+    lastCloudFailure.clear();
+    cloudInterface = network.Wan().OwnerOf(source);
+    logger.Info() << "connected to the cloud, from " << source
+                  << (cloudInterface.empty() ? std::string() : " over " + cloudInterface);
+    Note("cloud_connected", {{"source", JsonText(source)}, {"interface", JsonText(cloudInterface)}});
+    Report(OrvEvent::CLOUD_CONNECTED);
+}
+
+void Application::OnCloudLost(const std::string& reason) {
+    cloudInterface.clear();
+    logger.Warning() << "the cloud connection has ended: " << reason;
+    Note("cloud_lost", {{"reason", JsonText(reason)}});
+    Report(OrvEvent::CLOUD_DISCONNECTED);
+}
+
+void Application::OnCloudFailed(const std::string& reason, std::chrono::milliseconds delay) {
+    // Once for each reason: an outage lasts longer than a log.
+    if (reason != lastCloudFailure)
+        logger.Warning() << "no connection to the cloud: " << reason << "; trying again, now in " << delay.count()
+                         << " ms";
+    lastCloudFailure = reason;
+    Note("cloud_failed", {{"reason", JsonText(reason)}, {"retry_ms", std::to_string(delay.count())}});
+}
+
+void Application::OnAction(AppAction action) {
+    logger.Info() << "ordered to: " << action;
+    Note("action", {{"action", JsonText(AppActionText(action))}});
+    if (action == AppAction::RELOAD)
+        Reload();
+}
+
+void Application::Reload() {
+    if (started)
+        client->AppStatusRequest(AppStatus::BOOTING);
+    try {
+        const AppOptions fresh = ReadOptions(arguments);
+        const bool other = fresh.cloud != options.cloud;
+        options.cloud = fresh.cloud;
+        options.tick = fresh.tick;
+        logger.Info() << "options read anew" << (other ? ", the cloud is another one" : "");
+        if (started)
+            tickTimer.Every(options.tick);
+        if (other) {
+            Report(options.cloud.host.empty() ? OrvEvent::PANEL_CLOUD_DISABLED : OrvEvent::PANEL_CLOUD_ENABLED);
+            cloud.Reopen(options.cloud, "other cloud settings");
+        }
+    } catch (const OptionsError& error) {
+        logger.Error() << "options not read, the old ones stay: " << error.text;
+    }
+    Note("reload", {});
+    if (started)
+        client->AppStatusRequest(AppStatus::READY);
+}
+
+void Application::Report(OrvEvent event) {
+    logger.Info() << "event " << event;
+    if (started)
+        Measure(eventDurations, [&] { client->EventUpdateRequest(event); });
+    Note("event", {{"event", JsonText(OrvEventText(event))}, {"reported", Bool(started)}});
+}
+
+void Application::Note(const std::string& what, const Transcript::Fields& fields) {
+    Transcript::Fields all = fields;
+    all.emplace_back("cloud", Bool(cloud.Connected()));
+    all.emplace_back("path", JsonText(ConnInterfaceString));
+    transcript.Write(what, all);
+}
+
+} // namespace GatewayApp

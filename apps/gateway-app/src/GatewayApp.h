@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "AppOptions.h"
+#include "CloudConnection.h"
+#include "DurationHistogram.h"
+#include "EventLoop.h"
+#include "Mailbox.h"
+#include "NetworkWatcher.h"
+#include "ServiceManager.h"
+#include "Transcript.h"
+
+#include <CommonUtils/Logger.h>
+#include <OrvStackSdk/OrvStackSdk.h>
+
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace GatewayApp {
+
+class Callbacks;
+
+/// The application: brings the kernel's news and the cloud connection's state to the client library, ticks it, and
+/// connects to the cloud anew when it says so. Every call of the library is made on the thread that calls Run.
+class Application {
+public:
+    /// @param commandLine without the program's name; read again on a reload
+    /// @throws std::system_error
+    Application(AppOptions appOptions, std::vector<std::string> commandLine);
+    ~Application();
+
+    /// Runs until SIGTERM or SIGINT. Both, and SIGHUP and SIGUSR1, must be blocked in every thread.
+    /// @throws std::system_error
+    void Run();
+
+private:
+    friend class Callbacks;
+
+    // The client library's life
+    void TryToStart();
+    bool CreateClient();
+    void Started();
+    void Tick();
+    void Stop();
+
+    // What comes from outside; all on the loop's thread
+    void OnSignal();
+    void OnNetworkEvents(const WanInterfaces::Events& events);
+    void OnDefaultRoute(const std::string& interface);
+    void OnCloudConnected(const std::string& source);
+    void OnCloudLost(const std::string& reason);
+    void OnCloudFailed(const std::string& reason, std::chrono::milliseconds delay);
+    void OnAction(OrvStackSdk::AppAction action);
+    void Reload();
+
+    void Report(OrvStackSdk::OrvEvent event);
+    void FollowCloudPath();
+    void Note(const std::string& what, const Transcript::Fields& fields);
+
+    // Fixed at construction
+    const std::vector<std::string> arguments;
+    AppOptions options;
+    CommonUtils::Logger logger;
+
+    // The parts, in the order in which they need each other
+    EventLoop loop;
+    ServiceManager manager;
+    Transcript transcript;
+    std::mt19937 randomness;
+    Descriptor signals;
+    std::shared_ptr<Mailbox> mailbox; // shared with the library's thread by way of the callbacks
+    Timer startTimer;
+    Timer tickTimer;
+    Timer watchdogTimer;
+    BackOff startBackOff;
+    NetworkWatcher network;
+    CloudConnection cloud;
+
+    // The client library, and whether it has come so far that events can be reported
+    std::shared_ptr<Callbacks> callbacks;
+    std::shared_ptr<OrvStackSdk::IOrvStackClient> client;
+    bool started = false;
+
+    std::string cloudInterface;   // the WAN interface that the cloud connection runs over; empty: none, or another one
+    std::string lastCloudFailure; // as logged; empty after a success
+    std::string cloudPath;        // ConnInterfaceString as it was last seen
+    DurationHistogram tickDurations;
+    DurationHistogram eventDurations;
+};
+
+} // namespace GatewayApp

@@ -1,0 +1,92 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "NetworkWatcher.h"
+
+#include <linux/rtnetlink.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <optional>
+#include <utility>
+#include <vector>
+
+namespace GatewayApp {
+
+using OrvNetlink::Address;
+using OrvNetlink::Link;
+using OrvNetlink::Route;
+
+NetworkWatcher::NetworkWatcher(EventLoop& eventLoop, WanInterfaces wanInterfaces, Handler newsHandler)
+    : loop(eventLoop),
+      wan(std::move(wanInterfaces)),
+      handler(std::move(newsHandler)),
+      notifications(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE) {
+    ReadAll();
+    defaultInterface = FindDefaultInterface();
+    loop.Watch(notifications.Descriptor(), EPOLLIN, [this](std::uint32_t) { ReadNotifications(); });
+}
+
+NetworkWatcher::~NetworkWatcher() {
+    loop.Forget(notifications.Descriptor());
+}
+
+void NetworkWatcher::ReadNotifications() {
+    WanInterfaces::Events events;
+    const bool complete = notifications.ReadNotifications([&](const nlmsghdr& message) {
+        const WanInterfaces::Events more = Take(message);
+        events.insert(events.end(), more.begin(), more.end());
+    });
+    if (!complete) {
+        const WanInterfaces::Events more = ReadAll();
+        events.insert(events.end(), more.begin(), more.end());
+    }
+    if (!events.empty())
+        handler.onEvents(events);
+    // Asked for rather than followed: the kernel drops routes without a word when a link goes.
+    const std::string now = FindDefaultInterface();
+    if (now != defaultInterface) {
+        defaultInterface = now;
+        handler.onDefaultRoute(now);
+    }
+}
+
+WanInterfaces::Events NetworkWatcher::Take(const nlmsghdr& message) {
+    if (const std::optional<Link> link = OrvNetlink::ReadLink(message))
+        return message.nlmsg_type == RTM_NEWLINK ? wan.LinkSeen(*link) : wan.LinkGone(*link);
+    if (const std::optional<Address> address = OrvNetlink::ReadAddress(message))
+        return message.nlmsg_type == RTM_NEWADDR ? wan.AddressSeen(*address) : wan.AddressGone(*address);
+    return {};
+}
+
+WanInterfaces::Events NetworkWatcher::ReadAll() {
+    std::vector<Link> links;
+    requests.Dump(RTM_GETLINK, AF_UNSPEC, [&](const nlmsghdr& message) {
+        if (std::optional<Link> link = OrvNetlink::ReadLink(message))
+            links.push_back(std::move(*link));
+    });
+    std::vector<Address> addresses;
+    requests.Dump(RTM_GETADDR, AF_INET, [&](const nlmsghdr& message) {
+        if (const std::optional<Address> address = OrvNetlink::ReadAddress(message))
+            addresses.push_back(*address);
+    });
+    return wan.Replace(links, addresses);
+}
+
+std::string NetworkWatcher::FindDefaultInterface() {
+    std::optional<Route> best;
+    requests.Dump(RTM_GETROUTE, AF_INET, [&](const nlmsghdr& message) {
+        const std::optional<Route> route = OrvNetlink::ReadRoute(message);
+        if (route && route->table == RT_TABLE_MAIN && route->IsDefault() && (!best || route->metric < best->metric))
+            best = route;
+    });
+    std::string name;
+    if (best) {
+        requests.Dump(RTM_GETLINK, AF_UNSPEC, [&](const nlmsghdr& message) {
+            const std::optional<Link> link = OrvNetlink::ReadLink(message);
+            if (link && link->index == best->link)
+                name = link->name;
+        });
+    }
+    return name;
+}
+
+} // namespace GatewayApp

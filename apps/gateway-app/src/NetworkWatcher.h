@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "EventLoop.h"
+#include "Netlink/Socket.h"
+#include "WanInterfaces.h"
+
+#include <functional>
+#include <string>
+
+namespace GatewayApp {
+
+/// Follows the kernel's notifications about links, addresses and the default route.
+class NetworkWatcher {
+public:
+    /// What the application does with the news; called on the loop's thread.
+    struct Handler {
+        std::function<void(const WanInterfaces::Events& events)> onEvents;
+        /// @param interface who has the default route now; empty: nobody
+        std::function<void(const std::string& interface)> onDefaultRoute;
+    };
+
+    /// Reads the present state, so that Wan() is true from now on, and calls nobody yet.
+    /// @throws std::system_error
+    NetworkWatcher(EventLoop& eventLoop, WanInterfaces wanInterfaces, Handler newsHandler);
+    ~NetworkWatcher();
+
+    const WanInterfaces& Wan() const { return wan; }
+    const std::string& DefaultInterface() const { return defaultInterface; }
+
+private:
+    void ReadNotifications();
+    WanInterfaces::Events Take(const nlmsghdr& message);
+    WanInterfaces::Events ReadAll();
+    std::string FindDefaultInterface();
+
+    EventLoop& loop;
+    WanInterfaces wan;
+    const Handler handler;
+    OrvNetlink::Socket notifications;
+    OrvNetlink::Socket requests;
+    std::string defaultInterface;
+};
+
+} // namespace GatewayApp

@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <cstdint>
+#include <fstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace GatewayApp {
+
+/// `text` as a JSON string, quotes included. Bytes that are no ASCII become '?'.
+std::string JsonText(const std::string& text);
+
+/// A file of JSON objects, one a line, for programs that follow or judge a run. Without a path nothing is written.
+class Transcript {
+public:
+    /// Names and values; a value is JSON already.
+    using Fields = std::vector<std::pair<std::string, std::string>>;
+
+    /// @param path the file to append to; empty: none
+    /// @throws std::system_error when it cannot be opened
+    explicit Transcript(const std::string& path);
+
+    /// Writes one line: "time" (wall clock, UTC), "monotonic" (seconds of CLOCK_MONOTONIC), "what", and the fields.
+    void Write(const std::string& what, const Fields& fields);
+
+private:
+    std::ofstream file;
+};
+
+} // namespace GatewayApp

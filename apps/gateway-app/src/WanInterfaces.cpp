@@ -1,0 +1,136 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "WanInterfaces.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace GatewayApp {
+
+using OrvNetlink::Address;
+using OrvNetlink::Link;
+using OrvStackSdk::OrvEvent;
+
+WanInterfaces::WanInterfaces(const std::string& ethernet, const std::string& cellular)
+    : interfaces{{ethernet,
+                  OrvEvent::ETHERNET_CONNECTED,
+                  OrvEvent::ETHERNET_DISCONNECTED,
+                  OrvEvent::ETHERNET_IP_GAINED,
+                  OrvEvent::ETHERNET_IP_LOST,
+                  0,
+                  false,
+                  {}},
+                 {cellular,
+                  OrvEvent::CELLULAR_CONNECTED,
+                  OrvEvent::CELLULAR_DISCONNECTED,
+                  OrvEvent::CELLULAR_IP_GAINED,
+                  OrvEvent::CELLULAR_IP_LOST,
+                  0,
+                  false,
+                  {}}} {}
+
+WanInterfaces::Interface* WanInterfaces::ByIndex(unsigned index) {
+    for (Interface& interface : interfaces) {
+        if (index != 0 && interface.index == index)
+            return &interface;
+    }
+    return nullptr;
+}
+
+void WanInterfaces::SetRunning(Interface& interface, bool running, Events& events) {
+    if (interface.running != running)
+        events.push_back(running ? interface.connected : interface.disconnected);
+    interface.running = running;
+}
+
+void WanInterfaces::SetAddresses(Interface& interface, std::vector<Address> addresses, Events& events) {
+    if (interface.addresses.empty() != addresses.empty())
+        events.push_back(addresses.empty() ? interface.lost : interface.gained);
+    interface.addresses = std::move(addresses);
+}
+
+WanInterfaces::Events WanInterfaces::LinkSeen(const Link& link) {
+    Events events;
+    Interface* known = ByIndex(link.index);
+    if (known != nullptr && known->name != link.name)
+        events = LinkGone(link); // renamed
+    for (Interface& interface : interfaces) {
+        if (interface.name != link.name)
+            continue;
+        if (interface.index != link.index)
+            SetAddresses(interface, {}, events);
+        interface.index = link.index;
+        SetRunning(interface, link.running, events);
+    }
+    return events;
+}
+
+WanInterfaces::Events WanInterfaces::LinkGone(const Link& link) {
+    Events events;
+    if (Interface* interface = ByIndex(link.index)) {
+        SetRunning(*interface, false, events);
+        SetAddresses(*interface, {}, events);
+        interface->index = 0;
+    }
+    return events;
+}
+
+WanInterfaces::Events WanInterfaces::AddressSeen(const Address& address) {
+    Events events;
+    Interface* interface = ByIndex(address.link);
+    if (interface == nullptr || !address.global)
+        return events;
+    std::vector<Address> addresses = interface->addresses;
+    if (std::find(addresses.begin(), addresses.end(), address) == addresses.end())
+        addresses.push_back(address);
+    SetAddresses(*interface, std::move(addresses), events);
+    return events;
+}
+
+WanInterfaces::Events WanInterfaces::AddressGone(const Address& address) {
+    Events events;
+    Interface* interface = ByIndex(address.link);
+    if (interface == nullptr)
+        return events;
+    std::vector<Address> addresses = interface->addresses;
+    addresses.erase(std::remove(addresses.begin(), addresses.end(), address), addresses.end());
+    SetAddresses(*interface, std::move(addresses), events);
+    return events;
+}
+
+WanInterfaces::Events WanInterfaces::Replace(const std::vector<Link>& links, const std::vector<Address>& addresses) {
+    Events events;
+    for (Interface& interface : interfaces) {
+        const auto link =
+            std::find_if(links.begin(), links.end(), [&](const Link& one) { return one.name == interface.name; });
+        const bool exists = link != links.end();
+        interface.index = exists ? link->index : 0;
+        SetRunning(interface, exists && link->running, events);
+        std::vector<Address> own;
+        std::copy_if(addresses.begin(), addresses.end(), std::back_inserter(own), [&](const Address& address) {
+            return exists && address.link == interface.index && address.global;
+        });
+        SetAddresses(interface, std::move(own), events);
+    }
+    return events;
+}
+
+WanInterfaces::Events WanInterfaces::State() const {
+    Events events;
+    for (const Interface& interface : interfaces) {
+        events.push_back(interface.running ? interface.connected : interface.disconnected);
+        events.push_back(interface.addresses.empty() ? interface.lost : interface.gained);
+    }
+    return events;
+}
+
+std::string WanInterfaces::OwnerOf(const std::string& address) const {
+    for (const Interface& interface : interfaces) {
+        for (const Address& own : interface.addresses) {
+            if (own.address.Text() == address)
+                return interface.name;
+        }
+    }
+    return {};
+}
+
+} // namespace GatewayApp

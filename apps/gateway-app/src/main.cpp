@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "AppOptions.h"
+#include "CloudDialer.h"
+#include "GatewayApp.h"
+
+#include <CommonUtils/Logger.h>
+#include <curl/curl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+
+namespace {
+
+void BlockSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1})
+        sigaddset(&set, signal);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
+int Run(const std::vector<std::string>& arguments) {
+    const GatewayApp::AppOptions options = GatewayApp::ReadOptions(arguments);
+    GatewayApp::Application application(options, arguments);
+    application.Run();
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    // Before there is another thread: these are inherited by all, and curl's set-up is for one thread.
+    BlockSignals();
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    int status = 1;
+    try {
+        status = Run(std::vector<std::string>(argv + 1, argv + argc));
+    } catch (const GatewayApp::OptionsError& error) {
+        std::fputs(error.text.c_str(), error.exitStatus == 0 ? stdout : stderr);
+        status = error.exitStatus;
+    } catch (const std::exception& error) {
+        CommonUtils::Logger("GatewayApp", 2).Error() << "ends: " << error.what();
+    }
+    if (GatewayApp::CloudDialer::Helpers() != 0) {
+        // A look-up cannot be interrupted, and a thread must not run on while the libraries are torn down.
+        std::fflush(nullptr);
+        _exit(status);
+    }
+    return status;
+}

@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "AppOptions.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+
+namespace GatewayApp {
+namespace {
+
+using namespace std::chrono_literals;
+
+std::string ErrorOf(const std::vector<std::string>& arguments) {
+    try {
+        ReadOptions(arguments);
+    } catch (const OptionsError& error) {
+        return error.text;
+    }
+    return "no error";
+}
+
+TEST(OptionsWithoutArguments, AreTheDefaults) {
+    const AppOptions options = ReadOptions({});
+    EXPECT_EQ(options.name, "gateway-app");
+    EXPECT_EQ(options.cloud.host, "");
+    EXPECT_EQ(options.cloud.port, 8883);
+    EXPECT_EQ(options.cloud.clientId, "gateway-app");
+    EXPECT_EQ(options.tick, 250ms);
+}
+
+TEST(OptionsOnTheCommandLine, AreTaken) {
+    const AppOptions options = ReadOptions({"--name", "heating", "--cloud-host", "cloud.example", "--cloud-port", "443",
+                                            "--cloud-ca", "/ca.pem", "--tick-ms", "100", "--transcript", "/t.json"});
+    EXPECT_EQ(options.name, "heating");
+    const CloudSettings cloud{"cloud.example", 443, "/ca.pem", "heating"};
+    EXPECT_EQ(options.cloud, cloud);
+    EXPECT_EQ(options.tick, 100ms);
+    EXPECT_EQ(options.transcript, "/t.json");
+}
+
+TEST(WrongOptions, AreRefusedByName) {
+    EXPECT_NE(ErrorOf({"--tick-ms", "5"}).find("--tick-ms"), std::string::npos);
+    EXPECT_NE(ErrorOf({"--cloud-port", "0"}).find("--cloud-port"), std::string::npos);
+    EXPECT_NE(ErrorOf({"--name", "a/b"}).find("one level of a topic"), std::string::npos);
+    EXPECT_NE(ErrorOf({"--config", "/does/not/exist.ini"}).find("/does/not/exist.ini"), std::string::npos);
+    EXPECT_NE(ErrorOf({"--no-such-option"}).find("no-such-option"), std::string::npos);
+}
+
+TEST(Help, IsNoFault) {
+    try {
+        ReadOptions({"--help"});
+        FAIL() << "help was not shown";
+    } catch (const OptionsError& error) {
+        EXPECT_EQ(error.exitStatus, 0);
+        EXPECT_NE(error.text.find("--cloud-host"), std::string::npos);
+    }
+}
+
+class OptionsInAFile : public testing::Test {
+protected:
+    OptionsInAFile() { close(mkstemp(path.data())); }
+    ~OptionsInAFile() override { std::remove(path.c_str()); }
+    void Write(const std::string& text) { std::ofstream(path) << text; }
+
+    std::string path = testing::TempDir() + "gateway-app-options-XXXXXX";
+};
+
+TEST_F(OptionsInAFile, AreTakenAndReadAnew) {
+    Write("cloud-host=first.example\ntick-ms=500\n");
+    EXPECT_EQ(ReadOptions({"--config", path}).cloud.host, "first.example");
+    EXPECT_EQ(ReadOptions({"--config", path}).tick, 500ms);
+    Write("cloud-host=second.example\n");
+    EXPECT_EQ(ReadOptions({"--config", path}).cloud.host, "second.example");
+}
+
+TEST_F(OptionsInAFile, YieldToTheCommandLine) {
+    Write("cloud-host=file.example\n");
+    EXPECT_EQ(ReadOptions({"--config", path, "--cloud-host", "line.example"}).cloud.host, "line.example");
+}
+
+TEST_F(OptionsInAFile, AreRefusedWhenUnknown) {
+    Write("cluod-host=file.example\n");
+    EXPECT_NE(ErrorOf({"--config", path}).find("cluod-host"), std::string::npos);
+}
+
+} // namespace
+} // namespace GatewayApp

@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "WanInterfaces.h"
+
+#include <gtest/gtest.h>
+
+namespace GatewayApp {
+namespace {
+
+using OrvNetlink::Address;
+using OrvNetlink::Ipv4;
+using OrvNetlink::Link;
+using OrvStackSdk::OrvEvent;
+using Events = WanInterfaces::Events;
+
+const Link kEthUp{2, "eth0", true, false};
+const Link kEthDown{2, "eth0", false, false};
+const Link kCellUp{3, "wwan0", true, false};
+
+Address Ip(unsigned link, const char* address) {
+    return Address{link, *Ipv4::Parse(address), 24, false, true};
+}
+
+class AGatewayWithEthernet : public testing::Test {
+protected:
+    AGatewayWithEthernet() { wan.Replace({kEthUp}, {Ip(2, "10.11.0.2")}); }
+    WanInterfaces wan{"eth0", "wwan0"};
+};
+
+TEST(AFreshGateway, ReportsEverythingDown) {
+    const Events down = {OrvEvent::ETHERNET_DISCONNECTED, OrvEvent::ETHERNET_IP_LOST, OrvEvent::CELLULAR_DISCONNECTED,
+                         OrvEvent::CELLULAR_IP_LOST};
+    EXPECT_EQ(WanInterfaces("eth0", "wwan0").State(), down);
+}
+
+TEST_F(AGatewayWithEthernet, TellsItsState) {
+    const Events state = {OrvEvent::ETHERNET_CONNECTED, OrvEvent::ETHERNET_IP_GAINED, OrvEvent::CELLULAR_DISCONNECTED,
+                          OrvEvent::CELLULAR_IP_LOST};
+    EXPECT_EQ(wan.State(), state);
+}
+
+TEST_F(AGatewayWithEthernet, TellsTheCableOnceOutAndOnceIn) {
+    EXPECT_EQ(wan.LinkSeen(kEthDown), Events{OrvEvent::ETHERNET_DISCONNECTED});
+    EXPECT_EQ(wan.LinkSeen(kEthDown), Events{});
+    EXPECT_EQ(wan.LinkSeen(kEthUp), Events{OrvEvent::ETHERNET_CONNECTED});
+    EXPECT_EQ(wan.LinkSeen(kEthUp), Events{});
+}
+
+TEST_F(AGatewayWithEthernet, TellsTheFirstAddressAndTheLastOne) {
+    EXPECT_EQ(wan.AddressSeen(Ip(2, "10.11.0.2")), Events{});
+    EXPECT_EQ(wan.AddressSeen(Ip(2, "10.11.0.3")), Events{});
+    EXPECT_EQ(wan.AddressGone(Ip(2, "10.11.0.2")), Events{});
+    EXPECT_EQ(wan.AddressGone(Ip(2, "10.11.0.3")), Events{OrvEvent::ETHERNET_IP_LOST});
+    EXPECT_EQ(wan.AddressGone(Ip(2, "10.11.0.3")), Events{});
+    EXPECT_EQ(wan.AddressSeen(Ip(2, "10.11.0.4")), Events{OrvEvent::ETHERNET_IP_GAINED});
+}
+
+TEST_F(AGatewayWithEthernet, KeepsTheAddressFlagWhenOnlyTheCableIsOut) {
+    wan.LinkSeen(kEthDown);
+    EXPECT_EQ(wan.State().at(1), OrvEvent::ETHERNET_IP_GAINED);
+}
+
+TEST_F(AGatewayWithEthernet, DoesNotTakeALinkLocalAddressForOne) {
+    wan.LinkSeen(kCellUp);
+    Address linkLocal = Ip(3, "169.254.7.7");
+    linkLocal.global = false;
+    EXPECT_EQ(wan.AddressSeen(linkLocal), Events{});
+}
+
+TEST_F(AGatewayWithEthernet, TellsOfAModemThatComesAndGoes) {
+    EXPECT_EQ(wan.LinkSeen(kCellUp), Events{OrvEvent::CELLULAR_CONNECTED});
+    EXPECT_EQ(wan.AddressSeen(Ip(3, "10.12.0.2")), Events{OrvEvent::CELLULAR_IP_GAINED});
+    const Events gone = {OrvEvent::CELLULAR_DISCONNECTED, OrvEvent::CELLULAR_IP_LOST};
+    EXPECT_EQ(wan.LinkGone(kCellUp), gone);
+    EXPECT_EQ(wan.AddressSeen(Ip(3, "10.12.0.2")), Events{});
+    const Link again{7, "wwan0", true, false};
+    EXPECT_EQ(wan.LinkSeen(again), Events{OrvEvent::CELLULAR_CONNECTED});
+    EXPECT_EQ(wan.AddressSeen(Ip(7, "10.12.0.2")), Events{OrvEvent::CELLULAR_IP_GAINED});
+}
+
+TEST_F(AGatewayWithEthernet, LosesAnInterfaceThatIsRenamed) {
+    const Link renamed{2, "lan0", true, false};
+    const Events gone = {OrvEvent::ETHERNET_DISCONNECTED, OrvEvent::ETHERNET_IP_LOST};
+    EXPECT_EQ(wan.LinkSeen(renamed), gone);
+}
+
+TEST_F(AGatewayWithEthernet, IgnoresOtherInterfaces) {
+    EXPECT_EQ(wan.LinkSeen({9, "docker0", true, false}), Events{});
+    EXPECT_EQ(wan.AddressSeen(Ip(9, "172.17.0.1")), Events{});
+    EXPECT_EQ(wan.LinkGone({9, "docker0", false, false}), Events{});
+}
+
+TEST_F(AGatewayWithEthernet, CatchesUpAfterLostNotifications) {
+    const Events events = {OrvEvent::ETHERNET_DISCONNECTED, OrvEvent::ETHERNET_IP_LOST, OrvEvent::CELLULAR_CONNECTED,
+                           OrvEvent::CELLULAR_IP_GAINED};
+    EXPECT_EQ(wan.Replace({kEthDown, kCellUp}, {Ip(3, "10.12.0.2")}), events);
+    EXPECT_EQ(wan.Replace({kEthDown, kCellUp}, {Ip(3, "10.12.0.2")}), Events{});
+}
+
+TEST_F(AGatewayWithEthernet, KnowsWhoseAnAddressIs) {
+    EXPECT_EQ(wan.OwnerOf("10.11.0.2"), "eth0");
+    EXPECT_EQ(wan.OwnerOf("10.11.0.9"), "");
+    EXPECT_EQ(wan.OwnerOf(""), "");
+}
+
+} // namespace
+} // namespace GatewayApp
