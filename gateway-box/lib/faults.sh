@@ -1,0 +1,133 @@
+# shellcheck shell=bash disable=SC2154
+# SPDX-License-Identifier: Apache-2.0
+# What can go wrong, one function a command.
+
+bad_fault() { die "$1: use $2"; }
+
+side_ns() {
+    case ${1-} in
+        eth) echo "$eth_ns" ;;
+        cell) echo "$cell_ns" ;;
+        *) die "which side? use eth or cell" ;;
+    esac
+}
+
+# filter NS NAME CHAIN...: puts a table of packet filters in place, instead of one of that name.
+filter() {
+    ip netns exec "$1" nft -f - <<E
+table inet $2
+delete table inet $2
+table inet $2 {
+$(printf '%s\n' "${@:3}")
+}
+E
+}
+
+unfilter() { ip netns exec "$1" nft delete table inet "$2" 2>/dev/null || true; }
+
+mute_names='chain input { type filter hook input priority 0; udp dport 53 drop; tcp dport 53 drop; }'
+
+# A dead provider: link and address stay, nothing is forwarded, its name server is mute.
+fault_provider() {
+    local ns
+    ns=$(side_ns "${1-}")
+    case ${2-} in
+        dead) filter "$ns" dead 'chain forward { type filter hook forward priority 0; policy drop; }' "$mute_names" ;;
+        back) unfilter "$ns" dead ;;
+        *) bad_fault provider "provider eth|cell dead|back" ;;
+    esac
+}
+
+fault_names() {
+    local ns
+    ns=$(side_ns "${1-}")
+    case ${2-} in
+        mute) filter "$ns" mute "$mute_names" ;;
+        back) unfilter "$ns" mute ;;
+        *) bad_fault names "names eth|cell mute|back" ;;
+    esac
+}
+
+fault_cable() {
+    case ${1-} in
+        out) ip -n "$eth_ns" link set dev lan down ;;
+        in) ip -n "$eth_ns" link set dev lan up ;;
+        *) bad_fault cable "cable out|in" ;;
+    esac
+}
+
+fault_cellular() {
+    case ${1-} in
+        out) bus_call org.ofono /modem box.Control.Bearer boolean:false >/dev/null ;;
+        in) bus_call org.ofono /modem box.Control.Bearer boolean:true >/dev/null ;;
+        *) bad_fault cellular "cellular out|in" ;;
+    esac
+}
+
+fault_cloud() {
+    case ${1-} in
+        down) close_cloud ;;
+        up) open_cloud ;;
+        *) bad_fault cloud "cloud down|up" ;;
+    esac
+}
+
+fault_cloud_tls() {
+    local side
+    for side in ${2:-eth cell}; do
+        side_ns "$side" >/dev/null
+        case ${1-} in
+            refused)
+                filter "$cloud_ns" "refuse_$side" \
+                    "chain input { type filter hook input priority 0; iifname $side tcp dport 443 reject with tcp reset; }"
+                ;;
+            ok | silent | wrong-certificate)
+                unfilter "$cloud_ns" "refuse_$side"
+                echo "$1" >"$state/cloud/answer-$side.new"
+                mv "$state/cloud/answer-$side.new" "$state/cloud/answer-$side"
+                ;;
+            *) bad_fault cloud-tls "cloud-tls ok|refused|silent|wrong-certificate [eth|cell]" ;;
+        esac
+    done
+}
+
+fault_broker() {
+    case ${1-} in
+        stop) end broker KILL ;;
+        start) alive broker || start_broker ;;
+        *) freeze_or_thaw broker "${1-}" "broker stop|start|freeze|thaw" ;;
+    esac
+}
+
+fault_connman() {
+    case ${1-} in
+        stop) end connman ;;
+        start)
+            alive connman && return 0
+            end modem # it comes back as after a boot, when ConnMan does
+            start_modem
+            start_connman
+            ;;
+        *) freeze_or_thaw connman "${1-}" "connman stop|start|freeze|thaw" ;;
+    esac
+}
+
+fault_bus() { freeze_or_thaw bus "${1-}" "bus freeze|thaw"; }
+
+freeze_or_thaw() {
+    local pid
+    pid=$(pid_of "$1") || die "$1 does not run"
+    case $2 in
+        freeze) kill -STOP "$pid" ;;
+        thaw) kill -CONT "$pid" ;;
+        *) bad_fault "$1" "$3" ;;
+    esac
+}
+
+fault_clock() {
+    [[ ${1-} =~ ^[+-]?[0-9]+$ ]] || bad_fault clock "clock SECONDS, an offset such as +3600 or -86400"
+    case $1 in
+        [+-]*) printf '%s\n' "$1" ;;
+        *) printf '+%s\n' "$1" ;;
+    esac >"$state/gateway/run/clock-offset"
+}

@@ -1,0 +1,123 @@
+# shellcheck shell=bash disable=SC2154
+# SPDX-License-Identifier: Apache-2.0
+# The gateway: its own network, /etc, /var, /run and host name; message bus, connection manager, modem, MQTT broker.
+# Nothing in it may set the machine's clock.
+
+forbidden=-sys_time,-sys_module,-sys_boot
+
+on_gateway() { (on_gateway_replacing_this_process "$@"); }
+
+on_gateway_replacing_this_process() {
+    local holder clock=()
+    holder=$(pid_of gateway) || die "no box named $name is up: $0 up"
+    if [ "${ORV_BOX_CLOCK-}" = 1 ]; then
+        clock=(LD_PRELOAD="$(faketime_library)" FAKETIME_TIMESTAMP_FILE=/run/clock-offset FAKETIME_NO_CACHE=1
+            FAKETIME_DONT_FAKE_MONOTONIC=1)
+    fi
+    exec nsenter --target "$holder" --net --mount --uts --wd="$PWD" -- \
+        setpriv --bounding-set="$forbidden" -- env DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket \
+        ORV_GATEWAY_CONFIG=/etc/orv/gateway.ini "${clock[@]}" "$@"
+}
+
+faketime_library() {
+    local library
+    for library in "$tools"/usr/lib/*/faketime/libfaketime.so.1 /usr/lib/*/faketime/libfaketime.so.1; do
+        if [ -e "$library" ]; then
+            echo "$library"
+            return 0
+        fi
+    done
+    die "ORV_BOX_CLOCK=1 needs libfaketime: run $repo/script/bootstrap box"
+}
+
+start_gateway() {
+    make_gateway_files
+    start gateway ip netns exec "$gateway_ns" unshare --mount --uts --propagation private -- \
+        "$here/lib/hold-gateway" "$state/gateway"
+    wait_for 5 test -e "$state/gateway/ready" || die "the gateway's namespaces do not come up, see $state/log/gateway"
+    start_bus
+    start_broker
+    start_modem
+    start_routes
+    start_connman
+    wait_for 10 connect_cellular || die "ConnMan shows no cellular service, see $state/log/connman and $state/log/modem"
+    wait_for 20 both_connected || die "ConnMan does not connect both interfaces, see $state/log/connman"
+}
+
+make_gateway_files() {
+    local root=$state/gateway
+    mkdir -p "$root"/etc "$root"/run/{dbus,connman} "$root"/var/{cache,lib/connman,log,spool,tmp}
+    chmod 1777 "$root/var/tmp"
+    ln -s /run "$root/var/run"
+    cp -a /etc/. "$root/etc"
+    rm -f "$root/etc/resolv.conf"
+    ln -s /run/connman/resolv.conf "$root/etc/resolv.conf"
+    : >"$root/run/connman/resolv.conf"
+    echo +0 >"$root/run/clock-offset"
+    # What connects over TLS trusts the system's bundle.
+    mkdir -p "$root/etc/ssl/certs" "$root/etc/orv"
+    cat "$state/cloud/tls/ca.pem" >>"$root/etc/ssl/certs/ca-certificates.crt"
+    printf '[cloud]\nendpoint = %s\n[log]\nlevel = trace\n' "$cloud_name" >"$root/etc/orv/gateway.ini"
+    cp "$here"/etc/* "$root/etc/orv/"
+}
+
+start_bus() {
+    start bus "$0" exec dbus-daemon --config-file=/etc/orv/bus.conf --nofork --nopidfile
+    wait_for 5 test -S "$bus_socket" || die "the message bus does not start, see $state/log/bus"
+}
+
+start_broker() {
+    start broker "$0" exec "${mosquitto:-$(find_daemon mosquitto)}" -c /etc/orv/mosquitto.conf
+    wait_for 5 listens "$gateway_ns" 1883 || die "the gateway's broker does not start, see $state/log/broker"
+}
+
+# ConnMan takes an interface for a cellular one by the DEVTYPE in its uevent, and has its address from the modem manager.
+start_modem() {
+    local uevent=$state/gateway/run/wwan0.uevent
+    if [ ! -e "$uevent" ]; then
+        printf 'DEVTYPE=wwan\nINTERFACE=wwan0\nIFINDEX=%s\n' \
+            "$(ip -n "$gateway_ns" -o link show wwan0 | cut -d: -f1)" >"$uevent"
+        on_gateway mount --bind /run/wwan0.uevent /sys/class/net/wwan0/uevent
+    fi
+    ip -n "$gateway_ns" link set dev wwan0 up
+    start modem "$0" exec /usr/bin/python3 -u "$here/modem.py" \
+        wwan0 "$cell_net.50" 255.255.255.0 "$cell_net.1" "$cell_names"
+}
+
+start_connman() {
+    start connman "$0" exec "${connmand:-$(find_daemon connmand)}" \
+        --nodaemon --config=/etc/orv/connman.conf --nodnsproxy
+}
+
+start_routes() {
+    local program
+    program=$(routes_program) || return 0
+    start routes "$0" exec "$program"
+}
+
+routes_program() {
+    local program
+    for program in ${ORV_SOURCE_ROUTES:-"$repo"/build/*/bin/orv-source-routes}; do
+        if [ -x "$program" ]; then
+            echo "$program"
+            return 0
+        fi
+    done
+    say "orv-source-routes is not built: connections bound to the interface without the default route will fail"
+    return 1
+}
+
+bus_call() {
+    DBUS_SYSTEM_BUS_ADDRESS=unix:path=$bus_socket timeout 5 dbus-send --system --print-reply=literal --dest="$1" "${@:2}"
+}
+
+# A cellular service connects by itself only after a first connection.
+connect_cellular() {
+    local path
+    bus_call net.connman /net/connman/technology/cellular net.connman.Technology.SetProperty \
+        string:Powered variant:boolean:true >/dev/null 2>&1 || true
+    path=$(report_services | awk '$3 == "cellular" { print $NF }')
+    [ -n "$path" ] && bus_call net.connman "$path" net.connman.Service.Connect
+}
+
+both_connected() { [ "$(report_services | grep -cE ' (ready|online) ')" -ge 2 ]; }

@@ -1,0 +1,58 @@
+# shellcheck shell=bash disable=SC2154
+# SPDX-License-Identifier: Apache-2.0
+# The namespaces, the cables between them, and the two providers.
+
+make_networks() {
+    local ns
+    for ns in "$gateway_ns" "$eth_ns" "$cell_ns" "$cloud_ns"; do
+        ip netns add "$ns"
+        ip -n "$ns" link set lo up
+    done
+    make_cable "$gateway_ns" eth0 "$eth_ns" lan 02:00:00:00:0a:01
+    make_cable "$gateway_ns" wwan0 "$cell_ns" lan 02:00:00:00:0b:01
+    make_cable "$eth_ns" up "$cloud_ns" eth
+    make_cable "$cell_ns" up "$cloud_ns" cell
+    ip -n "$cloud_ns" addr add "$cloud_address/32" dev lo
+    join_cloud eth 10.99.1 "$eth_net"
+    join_cloud cell 10.99.2 "$cell_net"
+    make_provider "$eth_ns" "$eth_net" 10.99.1 "$eth_names"
+    make_provider "$cell_ns" "$cell_net" 10.99.2 "$cell_names"
+}
+
+remove_networks() {
+    local ns
+    for ns in "$gateway_ns" "$eth_ns" "$cell_ns" "$cloud_ns"; do ip netns del "$ns" 2>/dev/null || true; done
+}
+
+# make_cable NS INTERFACE NS INTERFACE [MAC of the first]
+make_cable() {
+    ip link add name "$2" netns "$1" type veth peer name "$4" netns "$3"
+    [ -z "${5-}" ] || ip -n "$1" link set "$2" address "$5"
+}
+
+# join_cloud INTERFACE UPLINK-NET GATEWAY-NET
+join_cloud() {
+    ip -n "$cloud_ns" addr add "$2.2/30" dev "$1"
+    ip -n "$cloud_ns" link set dev "$1" up
+    ip -n "$cloud_ns" route add "$3.0/24" via "$2.1"
+}
+
+# make_provider NS GATEWAY-NET UPLINK-NET NAME-SERVER: a router with DHCP and a name server of its own, which only its
+# own customers reach.
+make_provider() {
+    local ns=$1 net=$2 uplink=$3 names=$4
+    ip -n "$ns" addr add "$names/32" dev lo
+    ip -n "$ns" addr add "$net.1/24" dev lan
+    ip -n "$ns" addr add "$uplink.1/30" dev up
+    # Without this the kernel leaves UDP checksums to the "hardware", and ConnMan's DHCP client drops the answers.
+    ip netns exec "$ns" ethtool -K lan tx off >/dev/null
+    ip -n "$ns" link set dev lan up
+    ip -n "$ns" link set dev up up
+    ip -n "$ns" route add "$cloud_address/32" via "$uplink.2"
+    ip netns exec "$ns" sysctl -qw net.ipv4.ip_forward=1
+    start "names-$ns" ip netns exec "$ns" dnsmasq --keep-in-foreground --conf-file=/dev/null --user=root --pid-file= \
+        --no-resolv --no-hosts --interface=lan --interface=lo --bind-interfaces --dhcp-authoritative --no-ping \
+        --dhcp-range="$net.100,$net.200,255.255.255.0,1h" --dhcp-leasefile="$state/leases-$ns" \
+        --dhcp-option="option:router,$net.1" --dhcp-option="option:dns-server,$names" \
+        --host-record="$cloud_name,$cloud_address" --local=/test/ --log-facility=- --log-queries
+}

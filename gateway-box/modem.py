@@ -1,0 +1,165 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
+"""modem.py INTERFACE ADDRESS NETMASK ROUTER NAME-SERVER
+
+As much of the modem manager's D-Bus interface (org.ofono) as ConnMan needs to see one attached modem whose data
+connection runs over INTERFACE, so that ConnMan has a service of its genuine type "cellular". The bearer is switched with
+
+  dbus-send --system --dest=org.ofono /modem box.Control.Bearer boolean:false
+"""
+import sys
+
+import dbus
+import dbus.lowlevel
+import dbus.mainloop.glib
+import dbus.service
+from gi.repository import GLib
+
+INTERFACE, ADDRESS, NETMASK, ROUTER, NAME_SERVER = sys.argv[1:6]
+OFONO = "org.ofono"
+MODEM = OFONO + ".Modem"
+SIM = OFONO + ".SimManager"
+REGISTRATION = OFONO + ".NetworkRegistration"
+CONNECTIONS = OFONO + ".ConnectionManager"
+CONTEXT = OFONO + ".ConnectionContext"
+MODEM_PATH, CONTEXT_PATH = "/modem", "/modem/context1"
+MODEM_REACTION_MS, CONTEXT_REACTION_MS = 300, 20
+
+
+def dictionary(content):
+    return dbus.Dictionary(content, signature="sv")
+
+
+def texts(*content):
+    return dbus.Array(content, signature="s")
+
+
+class Manager(dbus.service.Object):
+    def __init__(self, bus, modem):
+        super().__init__(bus, "/")
+        self.modem = modem
+
+    @dbus.service.method(OFONO + ".Manager", out_signature="a(oa{sv})")
+    def GetModems(self):
+        return [(dbus.ObjectPath(MODEM_PATH), self.modem.properties[MODEM])]
+
+
+class Context(dbus.service.Object):
+    """The data connection: active or not, and available as long as there is a bearer."""
+
+    def __init__(self, bus):
+        super().__init__(bus, CONTEXT_PATH)
+        self.active = False
+        self.available = True
+
+    def settings(self):
+        if not self.active:
+            return dictionary({})
+        return dictionary({"Interface": INTERFACE, "Method": "static", "Address": ADDRESS, "Netmask": NETMASK,
+                           "Gateway": ROUTER, "DomainNameServers": texts(NAME_SERVER)})
+
+    def set_active(self, active):
+        if active and not self.available:
+            return
+        if active != self.active:
+            self.active = active
+            self.PropertyChanged("Settings", self.settings())
+            self.PropertyChanged("Active", dbus.Boolean(active))
+
+    @dbus.service.method(CONTEXT, out_signature="a{sv}")
+    def GetProperties(self):
+        return dictionary({"Type": "internet", "Active": dbus.Boolean(self.active), "AccessPointName": "box",
+                           "Protocol": "ip", "Settings": self.settings()})
+
+    @dbus.service.method(CONTEXT, in_signature="sv")
+    def SetProperty(self, name, value):
+        if name != "Active":
+            return
+        if value and not self.available:
+            raise dbus.DBusException("there is no bearer", name=OFONO + ".Error.Failed")
+        GLib.timeout_add(CONTEXT_REACTION_MS, self.set_active, bool(value))
+
+    @dbus.service.signal(CONTEXT, signature="sv")
+    def PropertyChanged(self, name, value):
+        pass
+
+
+class Modem(dbus.service.Object):
+    def __init__(self, bus, context):
+        super().__init__(bus, MODEM_PATH)
+        self.bus = bus
+        self.context = context
+        self.properties = {
+            MODEM: dictionary({"Powered": True, "Online": True, "Type": "hardware", "Serial": "350000000000001",
+                               "Interfaces": texts(SIM, REGISTRATION, CONNECTIONS)}),
+            SIM: dictionary({"Present": True, "SubscriberIdentity": "001010000000001"}),
+            REGISTRATION: dictionary({"Status": "registered", "Name": "Box Mobile", "Strength": dbus.Byte(60)}),
+            CONNECTIONS: dictionary({"Attached": True, "Powered": True, "RoamingAllowed": False}),
+        }
+        # One class cannot have a GetProperties for each interface: those beside MODEM are answered here.
+        bus.add_message_filter(self.answer)
+
+    @dbus.service.method(MODEM, out_signature="a{sv}")
+    def GetProperties(self):
+        return self.properties[MODEM]
+
+    @dbus.service.method(MODEM, in_signature="sv")
+    def SetProperty(self, name, value):
+        GLib.timeout_add(MODEM_REACTION_MS, self.switch, name, value)
+
+    @dbus.service.method("box.Control", in_signature="b")
+    def Bearer(self, there):
+        self.context.available = bool(there)
+        if not there:
+            self.context.set_active(False)
+        self.tell(CONNECTIONS, "Attached", dbus.Boolean(there))
+
+    def switch(self, name, value):
+        self.tell(MODEM, name, value)
+        state = self.properties[MODEM]
+        if not state["Powered"]:
+            self.tell(MODEM, "Online", dbus.Boolean(False))
+        if not state["Online"]:
+            self.context.set_active(False)
+        offered = (SIM, REGISTRATION, CONNECTIONS) if state["Online"] else (SIM,) if state["Powered"] else ()
+        self.tell(MODEM, "Interfaces", texts(*offered))
+
+    def tell(self, interface, name, value):
+        if self.properties[interface].get(name) == value:
+            return
+        self.properties[interface][name] = value
+        signal = dbus.lowlevel.SignalMessage(MODEM_PATH, interface, "PropertyChanged")
+        signal.append(name, value, signature="sv")
+        self.bus.send_message(signal)
+
+    def answer(self, _, message):
+        handled, unhandled, method_call = 0, 1, 1
+        interface = message.get_interface()
+        if message.get_type() != method_call or message.get_path() != MODEM_PATH:
+            return unhandled
+        if interface not in (SIM, REGISTRATION, CONNECTIONS):
+            return unhandled
+        reply = dbus.lowlevel.MethodReturnMessage(message)
+        if message.get_member() == "GetProperties":
+            reply.append(self.properties[interface], signature="a{sv}")
+        elif message.get_member() == "GetContexts":
+            reply.append([(dbus.ObjectPath(CONTEXT_PATH), self.context.GetProperties())], signature="a(oa{sv})")
+        elif message.get_member() == "SetProperty":
+            GLib.idle_add(self.tell, interface, *message.get_args_list())
+        else:
+            return unhandled
+        self.bus.send_message(reply)
+        return handled
+
+
+def main():
+    dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
+    bus = dbus.SystemBus()
+    name = dbus.service.BusName(OFONO, bus)
+    modem = Modem(bus, Context(bus))
+    manager = Manager(bus, modem)
+    GLib.MainLoop().run()
+    del name, manager
+
+
+main()
