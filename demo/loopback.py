@@ -1,0 +1,249 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The loopback demo: a private broker, a TLS endpoint and orv-shell on a scenario, and a check of the recorded wire.
+
+Run by script/demo as the first process of private mount and process namespaces: whatever it mounts, writes or starts is
+gone when it ends, however it ends.
+"""
+
+import os
+import signal
+import socket
+import subprocess
+import sys
+import threading
+import time
+
+from endpoint import Endpoint, make_certificates
+from expected_wire import KEPT, STATUS_FILE, differences, wire_differences
+from neighbours import Neighbours
+from transcript import Transcript
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+BUNDLE = "/etc/ssl/certs/ca-certificates.crt"
+STATE = "/var/tmp/orv-demo"
+STATUSES = "/var/tmp/new_enterprise_statuses.csv"
+ERRORS = "/var/tmp/new_enterprise_errors.csv"
+# Loopback stands for both interfaces: one by its name, the other as a source address.
+ETHERNET, CELLULAR = ("lo", "127.0.0.1"), ("127.0.0.2", "127.0.0.2")
+LIMIT = 50
+
+CONFIGURATION = """[broker]
+host = 127.0.0.1
+port = {broker}
+[interfaces]
+ethernet = {ethernet}
+cellular = {cellular}
+[cloud]
+endpoint = 127.0.0.1:{endpoint}
+[connman]
+scripted = true
+[log]
+level = info,OrvRoute=debug
+"""
+
+
+class DemoError(Exception):
+    pass
+
+
+def mount(*arguments):
+    subprocess.run(["mount", *arguments], check=True)
+
+
+def make_private_places(tree):
+    """A /var/tmp of our own; a tree that lies below it stays reachable."""
+    below = os.path.realpath(tree).startswith("/var/tmp/")
+    tree_handle = os.open(tree, os.O_PATH) if below else -1
+    mount("-t", "tmpfs", "-o", "mode=1777", "tmpfs", "/var/tmp")
+    if below:
+        os.makedirs(tree)
+        subprocess.run(["mount", "--bind", f"/proc/self/fd/{tree_handle}", tree], check=True, pass_fds=[tree_handle])
+    os.mkdir(STATE)
+
+
+def trust_the_demo_authority():
+    bundle = os.path.join(STATE, "bundle.crt")
+    with open(bundle, "wb") as out:
+        for part in (BUNDLE, os.path.join(STATE, "ca.crt")):
+            with open(part, "rb") as file:
+                out.write(file.read())
+    mount("--bind", bundle, BUNDLE)
+
+
+def wait_until(condition, seconds, what):
+    end = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > end:
+            raise DemoError(f"{what} within {seconds} s")
+        time.sleep(0.02)
+
+
+def answers(port):
+    with socket.socket() as probe:
+        return probe.connect_ex(("127.0.0.1", port)) == 0
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+class Demo:
+    def __init__(self, shell, mosquitto, transcript):
+        self.shell, self.mosquitto, self.transcript = shell, mosquitto, transcript
+        self.processes = []
+        self.wire = []
+        self.beacons = set()
+
+    def start(self, command, **options):
+        process = subprocess.Popen(command, stdin=subprocess.DEVNULL, **options)
+        self.processes.append(process)
+        return process
+
+    def stop(self):
+        for process in reversed(self.processes):
+            if process.poll() is None:
+                process.terminate()
+                try:
+                    process.wait(3)
+                except subprocess.TimeoutExpired:
+                    process.kill()
+                    process.wait()
+
+    def start_broker(self):
+        path = os.path.join(STATE, "mosquitto.conf")
+        for _ in range(5):  # another program may take the port between the choice and the start
+            port = free_port()
+            with open(path, "w", encoding="ascii") as file:
+                file.write(f"listener {port} 127.0.0.1\nallow_anonymous true\nset_tcp_nodelay true\nuser root\n")
+            with open(os.path.join(STATE, "mosquitto.log"), "wb") as log:
+                broker = self.start([self.mosquitto, "-c", path], stdout=log, stderr=log)
+            wait_until(lambda: broker.poll() is not None or answers(port), 5, "the broker did not answer")
+            if broker.poll() is None:
+                self.transcript.line("demo", f"private broker on 127.0.0.1:{port}")
+                return port
+        with open(os.path.join(STATE, "mosquitto.log"), encoding="utf-8") as log:
+            raise DemoError("the broker does not start:\n" + log.read())
+
+    def record(self, port):
+        command = ["mosquitto_sub", "-h", "127.0.0.1", "-p", str(port), "-V", "mqttv5", "--retain-as-published", "-q", "1",
+                   "-t", "#", "-F", "%q %r %t %p"]
+        recorder = self.start(["stdbuf", "-oL", *command], stdout=subprocess.PIPE, text=True)
+
+        def read():
+            for line in recorder.stdout:
+                qos, retain, rest = line.rstrip("\n").split(" ", 2)
+                topic, _, payload = rest.partition(" ")
+                if topic.startswith("demo/"):
+                    self.beacons.add(topic)
+                    continue
+                self.wire.append(f"qos={qos} retained={retain} {rest}")
+                self.transcript.message(retain == "1", topic, payload)
+
+        threading.Thread(target=read, daemon=True).start()
+
+    def await_beacon(self, neighbours, name):
+        """Until the recorder has seen everything that was published before."""
+
+        def seen():
+            neighbours.publish(f"demo/{name}", "")
+            return f"demo/{name}" in self.beacons
+
+        wait_until(seen, 5, f"the recorder has not seen the mark '{name}'")
+
+    def run_shell(self):
+        shell = self.start([self.shell, "--tick", "100ms", os.path.join(HERE, "loopback.orv")], stdout=subprocess.PIPE,
+                           stderr=subprocess.PIPE, text=True, errors="replace",
+                           env={**os.environ, "ORV_GATEWAY_CONFIG": os.path.join(STATE, "gateway.ini")})
+
+        def read_log():
+            for line in shell.stderr:
+                self.transcript.line("log", line.rstrip("\n"), "dim")
+
+        reader = threading.Thread(target=read_log, daemon=True)
+        reader.start()
+        watchdog = threading.Timer(LIMIT, shell.terminate)
+        watchdog.start()
+        for line in shell.stdout:
+            self.transcript.application(line.rstrip("\n"))
+        status = shell.wait()
+        watchdog.cancel()
+        reader.join(2)
+        return status
+
+    def kept(self, port):
+        command = ["mosquitto_sub", "-h", "127.0.0.1", "-p", str(port), "-t", "#", "--retained-only", "-W", "1", "-F", "%t %p"]
+        return sorted(subprocess.run(command, check=False, capture_output=True, text=True).stdout.splitlines())
+
+    def run(self):
+        begin = int(time.time())
+        make_certificates(STATE)
+        trust_the_demo_authority()
+        endpoint = Endpoint(STATE, lambda text: self.transcript.line("cloud", text))
+        port = self.start_broker()
+        self.record(port)
+        neighbours = Neighbours(port)
+        self.await_beacon(neighbours, "begin")
+        with open(os.path.join(STATE, "gateway.ini"), "w", encoding="ascii") as file:
+            file.write(CONFIGURATION.format(broker=port, endpoint=endpoint.port, ethernet=ETHERNET[0], cellular=CELLULAR[0]))
+        status = self.run_shell()
+        self.await_beacon(neighbours, "end")
+        neighbours.stop()
+        return (
+            ([f"orv-shell ended with exit status {status}"] if status != 0 else [])
+            + wire_differences(self.wire)
+            + differences("what the broker keeps", KEPT, self.kept(port))
+            + differences("who proved itself to the cloud", [CELLULAR[1], ETHERNET[1]], endpoint.handshakes)
+            + self.check_files(begin)
+        )
+
+    def check_files(self, begin):
+        contents = {}
+        for path in (STATUSES, ERRORS):
+            self.transcript.chapter(path)
+            try:
+                with open(path, encoding="utf-8") as file:
+                    contents[path] = file.read()
+            except OSError as error:
+                return [f"{path}: {error.strerror}"]
+            print(contents[path], flush=True)
+        faults = differences(STATUSES, STATUS_FILE.split("\n"), contents[STATUSES].split("\n"))
+        stamp, _, text = contents[ERRORS].partition(",")
+        if not (stamp.isdigit() and begin <= int(stamp) <= time.time() and text == "Fatal Error Detected"):
+            faults.append(f"{ERRORS} is not as it must be")
+        return faults
+
+
+def interrupted(*_):
+    raise KeyboardInterrupt
+
+
+def main(arguments):
+    tree, shell, mosquitto, colour = arguments
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, interrupted)
+    transcript = Transcript(colour == "colour")
+    demo = None
+    try:
+        make_private_places(tree)
+        demo = Demo(shell, mosquitto, transcript)
+        faults = demo.run()
+    except KeyboardInterrupt:
+        print("\ndemo: interrupted", file=sys.stderr)
+        return 130
+    except (DemoError, OSError, subprocess.CalledProcessError) as error:
+        print(f"demo: {error}", file=sys.stderr)
+        return 1
+    finally:
+        if demo:
+            demo.stop()
+    if faults:
+        transcript.chapter(transcript.paint("Not what must be there:", "red"))
+        print("\n".join(faults))
+        return 1
+    transcript.chapter(transcript.paint(f"All {len(demo.wire)} messages on the wire are what must be there, in order.", "green"))
+    return 0
+
+
+sys.exit(main(sys.argv[1:]))
