@@ -35,8 +35,8 @@ int ErrorOf(const nlmsghdr& message) {
 
 } // namespace
 
-void Socket::Close::operator()(mnl_socket* socket) const {
-    mnl_socket_close(socket);
+void Socket::Close::operator()(mnl_socket* opened) const {
+    mnl_socket_close(opened);
 }
 
 Socket::Socket(unsigned groups)
