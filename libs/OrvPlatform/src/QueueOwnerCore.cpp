@@ -144,7 +144,7 @@ void QueueOwner::Core::AwaitAnswer(Time deadline) {
     const bool turning = OnDeliveryThread();
     while (generation == mine && link == Link::CONNECTING && std::chrono::steady_clock::now() < deadline) {
         if (turning)
-            Turn(deadline);
+            Turn();
         else
             changed.wait_until(mutex, deadline);
     }
@@ -234,8 +234,10 @@ void QueueOwner::Core::RefuseForBytes() {
 void QueueOwner::Core::StopDelivery() {
     MutexLock lock(mutex);
     deliveryStopped = true;
+    ++stopsAwaited;
     while (delivering && !OnDeliveryThread())
         changed.wait(mutex);
+    --stopsAwaited;
 }
 
 void QueueOwner::Core::Abandon() {

@@ -57,13 +57,13 @@ private:
 
     // The delivery thread.
     void Run(unsigned ownThread) ORV_EXCLUDES(mutex);
-    void Turn(Time until) ORV_REQUIRES(mutex);
+    void Turn() ORV_REQUIRES(mutex);
     void ServeSocket(int socket, short ready) ORV_REQUIRES(mutex);
-    void Advance() ORV_REQUIRES(mutex);
+    void Advance(Time now) ORV_REQUIRES(mutex);
     void Restore() ORV_REQUIRES(mutex);
     void Deliver() ORV_REQUIRES(mutex);
     void Dispatch(QueueOwner& receiver, const OrvPlatform::Event& event) ORV_EXCLUDES(mutex);
-    Time NextDeadline() const ORV_REQUIRES(mutex);
+    std::chrono::milliseconds PollLimit() const ORV_REQUIRES(mutex);
 
     // The connection.
     std::unique_ptr<OrvPlatform::MosquittoClient> TakeClient() ORV_REQUIRES(mutex);
@@ -110,6 +110,7 @@ private:
     bool running ORV_GUARDED_BY(mutex) = false;
     bool delivering ORV_GUARDED_BY(mutex) = false; // a callback is under way
     bool deliveryStopped ORV_GUARDED_BY(mutex) = false;
+    int stopsAwaited ORV_GUARDED_BY(mutex) = 0; // callers of StopDelivery
     OrvPlatform::EventQueue inbox ORV_GUARDED_BY(mutex);
     OrvPlatform::EventQueue outbox ORV_GUARDED_BY(mutex); // being delivered; only the delivery thread changes it
 
@@ -119,6 +120,7 @@ private:
     std::unique_ptr<OrvPlatform::MosquittoClient> client ORV_GUARDED_BY(mutex);
     Time attemptEnds ORV_GUARDED_BY(mutex);
     Time pauseEnds ORV_GUARDED_BY(mutex);
+    Time keepAliveChecked ORV_GUARDED_BY(mutex);
     Time lostAt ORV_GUARDED_BY(mutex);
     int attempt ORV_GUARDED_BY(mutex) = 0; // since the connection was lost
     int refusal ORV_GUARDED_BY(mutex) = 0; // the broker's answer to the latest attempt

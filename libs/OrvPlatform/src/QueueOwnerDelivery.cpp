@@ -24,7 +24,12 @@ namespace {
 // A broker that is alive answers at once. A frozen one keeps every attempt in its backlog and wades through them when
 // it thaws, so attempts are given time rather than repeated.
 constexpr auto RECONNECT_LIMIT = 10s;
-constexpr auto KEEP_ALIVE_CHECK = 1s;
+constexpr std::chrono::milliseconds KEEP_ALIVE_CHECK = 1s;
+
+std::chrono::milliseconds Until(std::chrono::steady_clock::time_point deadline) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    return std::max(left, std::chrono::milliseconds(0));
+}
 
 std::string Seconds(std::chrono::steady_clock::duration duration) {
     char text[32];
@@ -37,7 +42,7 @@ std::string Seconds(std::chrono::steady_clock::duration duration) {
 void QueueOwner::Core::Run(unsigned ownNumber) {
     MutexLock lock(mutex);
     while (threadNumber == ownNumber && link != Link::CLOSED) {
-        Turn(NextDeadline());
+        Turn();
         WriteLog();
         if (threadNumber == ownNumber)
             Deliver();
@@ -46,32 +51,30 @@ void QueueOwner::Core::Run(unsigned ownNumber) {
         running = false;
 }
 
-QueueOwner::Core::Time QueueOwner::Core::NextDeadline() const {
-    const Time now = std::chrono::steady_clock::now();
+std::chrono::milliseconds QueueOwner::Core::PollLimit() const {
     switch (link) {
     case Link::UP:
-        return now + KEEP_ALIVE_CHECK;
+        return KEEP_ALIVE_CHECK;
     case Link::PAUSING:
-        return pauseEnds;
+        return Until(pauseEnds);
     case Link::CONNECTING:
     case Link::RECONNECTING:
-        return attemptEnds;
+        return Until(attemptEnds);
     case Link::CLOSED:
         break;
     }
-    return now;
+    return 0ms;
 }
 
-void QueueOwner::Core::Turn(Time until) {
+void QueueOwner::Core::Turn() {
     const unsigned seen = generation;
     const int socket = client ? client->Socket() : -1;
     const short wanted = socket >= 0 && client->WantsWrite() ? POLLIN | POLLOUT : POLLIN;
     pollfd waits[] = {{wakeUp, POLLIN, 0}, {socket, wanted, 0}};
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - std::chrono::steady_clock::now());
-    const int timeout = static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
+    const int limit = static_cast<int>(PollLimit().count());
 
     mutex.unlock();
-    poll(waits, 2, timeout);
+    poll(waits, 2, limit);
     mutex.lock();
 
     if (waits[0].revents != 0) {
@@ -82,7 +85,7 @@ void QueueOwner::Core::Turn(Time until) {
     if (seen != generation || !client)
         return;
     ServeSocket(socket, waits[1].revents);
-    Advance();
+    Advance(std::chrono::steady_clock::now());
 }
 
 void QueueOwner::Core::ServeSocket(int socket, short ready) {
@@ -90,15 +93,15 @@ void QueueOwner::Core::ServeSocket(int socket, short ready) {
         client->Read();
     if (socket >= 0 && client->Socket() == socket && (ready & POLLOUT) != 0)
         client->Write();
-    if (link == Link::UP)
-        client->KeepAlive();
     if (restoreDue && link == Link::UP)
         Restore();
 }
 
-void QueueOwner::Core::Advance() {
-    const Time now = std::chrono::steady_clock::now();
-    if (link == Link::RECONNECTING && now >= attemptEnds) {
+void QueueOwner::Core::Advance(Time now) {
+    if (link == Link::UP && now - keepAliveChecked >= KEEP_ALIVE_CHECK) {
+        keepAliveChecked = now;
+        client->KeepAlive();
+    } else if (link == Link::RECONNECTING && now >= attemptEnds) {
         // The socket stays until the next attempt: an answer that comes late is welcome.
         FailAttempt("no answer within 10 s");
     } else if (link == Link::PAUSING && now >= pauseEnds) {
@@ -252,7 +255,8 @@ void QueueOwner::Core::Deliver() {
             Dispatch(receiver, event);
             mutex.lock();
             delivering = false;
-            changed.notify_all();
+            if (stopsAwaited > 0)
+                changed.notify_all();
         }
         outbox.Clear();
     }
