@@ -46,6 +46,12 @@ std::string TemporaryFolder() {
     return folder;
 }
 
+std::string WithWord(std::string text, const std::string& word, const std::string& meaning) {
+    for (std::size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + meaning.size()))
+        text.replace(at, word.size(), meaning);
+    return text;
+}
+
 // Started as root it would become another user, who may not read its own files here.
 std::string OwnUser() {
     const passwd* entry = getpwuid(getuid()); // NOLINT(concurrency-mt-unsafe): only the main thread starts brokers
@@ -95,9 +101,12 @@ void MosquittoBroker::Start() {
 bool MosquittoBroker::TryStart() {
     const std::string program = Program();
     const std::string file = folder + "/mosquitto.conf";
-    std::ofstream(file) << "listener " << port << " 127.0.0.1\nuser " << OwnUser() << "\nset_tcp_nodelay true\n"
-                        << "log_dest file " << folder << "/log\n"
-                        << settings;
+    const bool whole = settings.find("\nlistener ") != std::string::npos;
+    std::string text = "user " + OwnUser() + "\nlog_dest file @FOLDER@/log\n";
+    if (!whole)
+        text += "listener @PORT@ 127.0.0.1\nset_tcp_nodelay true\n";
+    text = WithWord(text + settings, "@PORT@", std::to_string(port));
+    std::ofstream(file) << WithWord(text, "@FOLDER@", folder);
     process = fork();
     if (process == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);

@@ -12,7 +12,8 @@ namespace OrvTest {
 class MosquittoBroker {
 public:
     /// Starts one that lets everybody in. Throws std::runtime_error when there is none to be started.
-    /// @param settings further lines of its configuration
+    /// @param settings further lines of its configuration, or a whole one when they name a listener. The word @PORT@
+    ///                 stands for the port, @FOLDER@ for the folder.
     explicit MosquittoBroker(const std::string& settings = "allow_anonymous true\n");
     ~MosquittoBroker();
     MosquittoBroker(const MosquittoBroker&) = delete;

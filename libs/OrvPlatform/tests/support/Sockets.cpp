@@ -68,9 +68,10 @@ std::uint16_t FreePort() {
     return PortOf(ListenOnLoopback(0, 1));
 }
 
-Descriptor ConnectToLoopback(std::uint16_t port) {
+Descriptor ConnectToLoopback(std::uint16_t port, const char* numeric) {
     Descriptor connection(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const sockaddr_in address = Loopback(port);
+    sockaddr_in address = Loopback(port);
+    inet_pton(AF_INET, numeric, &address.sin_addr);
     const int on = 1;
     setsockopt(connection.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     if (connect(connection.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)

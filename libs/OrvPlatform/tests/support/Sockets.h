@@ -34,8 +34,8 @@ std::uint16_t PortOf(const Descriptor& socket);
 /// A port that was free a moment ago.
 std::uint16_t FreePort();
 
-/// A connection to 127.0.0.1; empty when it is refused.
-Descriptor ConnectToLoopback(std::uint16_t port);
+/// A connection to 127.0.0.1, or another address; empty when it is refused.
+Descriptor ConnectToLoopback(std::uint16_t port, const char* address = "127.0.0.1");
 /// The same without waiting for it to be made.
 Descriptor BeginConnectToLoopback(std::uint16_t port);
 
