@@ -3,6 +3,7 @@
 
 #include "LogChannel.h"
 #include "LogEscape.h"
+#include "OncePerProcess.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -61,6 +62,8 @@ void ApplyEnvironment(LoadedConfig& loaded) {
                                   "\" is no level, ignored; valid: " + validLogLevels);
 }
 
+OncePerProcess<LoadedConfig> loadedConfig;
+
 LoadedConfig Load() {
     const char* named = ::secure_getenv("ORV_GATEWAY_CONFIG");
     const bool byName = named != nullptr && *named != '\0';
@@ -96,9 +99,15 @@ LoadedConfig ReadGatewayConfig(const std::string& path, bool mayBeMissing) {
 }
 
 const LoadedConfig& LoadedGatewayConfig() {
-    // Never destroyed: static objects of other files may log, and so ask, in their destructors.
-    static const auto& loaded = *new LoadedConfig(Load());
-    return loaded;
+    return loadedConfig.Get([] { return new LoadedConfig(Load()); });
+}
+
+void BeforeForkOfGatewayConfig() {
+    loadedConfig.BeforeFork();
+}
+
+void AfterForkOfGatewayConfig() {
+    loadedConfig.AfterFork();
 }
 
 const GatewayConfig& Config() {

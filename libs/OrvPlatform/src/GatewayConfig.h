@@ -84,6 +84,10 @@ LoadedConfig ReadGatewayConfig(const std::string& path, bool mayBeMissing);
 /// never destroyed. Reports nothing.
 const LoadedConfig& LoadedGatewayConfig();
 
+/// Round a fork, so that the child does not find the settings half read. The log calls them.
+void BeforeForkOfGatewayConfig();
+void AfterForkOfGatewayConfig();
+
 /// Every setting in the form of the configuration file, one line of text each, section lines included.
 std::string ShowGatewayConfig(const GatewayConfig& config);
 

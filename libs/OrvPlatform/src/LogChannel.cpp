@@ -3,9 +3,9 @@
 
 #include "GatewayConfig.h"
 #include "LogEscape.h"
+#include "OncePerProcess.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <exception>
 #include <pthread.h>
@@ -70,16 +70,30 @@ void ReportSettings(LogChannel& log) {
             log.Write({debugLevel, source, {}, note});
 }
 
-std::atomic<LogChannel*> forkedLog{nullptr};
+OncePerProcess<LogChannel> processLog;
 
-LogChannel& MakeProcessLog() {
-    auto& log = *new LogChannel(ConfiguredSink(LoadedGatewayConfig().config.log));
-    forkedLog = &log;
-    constexpr auto release = [] { forkedLog.load()->AfterFork(); };
-    pthread_atfork([] { forkedLog.load()->BeforeFork(); }, release, release);
-    ReportSettings(log);
+LogChannel* MakeProcessLog() {
+    auto* log = new LogChannel(ConfiguredSink(LoadedGatewayConfig().config.log));
+    ReportSettings(*log);
     return log;
 }
+
+void BeforeFork() {
+    processLog.BeforeFork();
+    BeforeForkOfGatewayConfig();
+    if (LogChannel* log = processLog.IfMade())
+        log->BeforeFork();
+}
+
+void AfterFork() {
+    if (LogChannel* log = processLog.IfMade())
+        log->AfterFork();
+    AfterForkOfGatewayConfig();
+    processLog.AfterFork();
+}
+
+// At load time, so that no thread can be making the log already.
+[[maybe_unused]] const int forkHandlers = pthread_atfork(BeforeFork, AfterFork, AfterFork);
 
 } // namespace
 
@@ -143,8 +157,7 @@ void LogChannel::TellLoss() {
 }
 
 LogChannel& ProcessLog() {
-    static LogChannel& log = MakeProcessLog();
-    return log;
+    return processLog.Get(MakeProcessLog);
 }
 
 int LogThreshold(std::string_view source, int ownLevel) {

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -56,6 +57,16 @@ TEST_F(ALogFile, HoldsOneLineARecordWithTimeLevelLoggerAndText) {
     EXPECT_TRUE(
         std::regex_match(Content(path), std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z info \[Test\] text\n)")))
         << Content(path);
+}
+
+TEST_F(ALogFile, HasTheTimeInUtcWhateverTheTimeZone) {
+    const std::time_t before = std::time(nullptr);
+    RunInChild({{"TZ", "XYZ-5:30"}}, [this] { Say(*Open(100000, 3), "text"); });
+    const std::time_t after = std::time(nullptr);
+    std::tm shown = {};
+    ASSERT_NE(::strptime(Content(path).c_str(), "%Y-%m-%dT%H:%M:%S.", &shown), nullptr);
+    EXPECT_GE(::timegm(&shown), before);
+    EXPECT_LE(::timegm(&shown), after);
 }
 
 TEST_F(ALogFile, ContinuesWhereTheLastProcessEnded) {
@@ -160,6 +171,18 @@ TEST_F(ALogFileThatCannotBeWritten, SurvivesAFullDisk) {
     });
     EXPECT_EQ(ended.exitStatus, 0);
     EXPECT_EQ(ended.Lines(), Lines{"The log loses records: /dev/full: No space left on device"});
+}
+
+TEST_F(ALogFileThatCannotBeWritten, IsLookedForAgainWithEachRecord) {
+    const std::string link = folder.Path("link");
+    std::filesystem::create_symlink("/dev/full", link);
+    RunInChild({}, [&link] {
+        LogChannel log(MakeFileSink(link, 100000, 3));
+        Say(log, "lost");
+        std::filesystem::remove(link);
+        Say(log, "text");
+    });
+    EXPECT_EQ(LinesIn(link).at(0), "info [Test] text");
 }
 
 TEST_F(ALogFileThatCannotBeWritten, DoesNotGrowWhenItsOldFilesCannotBeRenamed) {

@@ -355,6 +355,27 @@ TEST_F(ALogger, MayBeUsedByAllThreadsAtOnce) {
         ASSERT_TRUE(std::regex_match(line, whole)) << line;
 }
 
+TEST_F(ALogger, WorksInAChildThatIsForkedDuringAnotherThreadsFirstRecord) {
+    for (int attempt = 0; attempt < 30; ++attempt) {
+        const Lines lines = Logged([] {
+            std::thread other([] { Logger("L", 0).Debug() << "first"; });
+            const pid_t child = ::fork();
+            if (child == 0) {
+                ::alarm(20);
+                Logger("L", 0).Info() << "from the child";
+                ::_exit(0);
+            }
+            int status = 0;
+            ::waitpid(child, &status, 0);
+            if (status != 0)
+                Logger("L", 0).Error() << "child ended with " << status;
+            other.join();
+        });
+        for (const std::string& line : lines)
+            ASSERT_NE(line.rfind("error", 0), 0U) << line;
+    }
+}
+
 TEST_F(ALogger, WorksInAForkedChildWhateverTheOtherThreadsWereDoing) {
     const Lines lines = Logged([] {
         Logger log("L", 0);
