@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace OrvPlatform {
@@ -34,11 +33,6 @@ public:
 
 /// @return 0, or the errno that says why the file cannot be read
 int ReadAll(int file, std::string& text) {
-    struct stat status = {};
-    if (::fstat(file, &status) != 0)
-        return errno;
-    if (S_ISDIR(status.st_mode))
-        return EISDIR;
     char piece[4096];
     while (text.size() <= maxFileBytes) {
         const ssize_t count = ::read(file, piece, sizeof piece);
