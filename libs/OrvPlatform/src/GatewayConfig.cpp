@@ -16,7 +16,7 @@ namespace OrvPlatform {
 namespace {
 
 constexpr const char* defaultPath = "/etc/orv/gateway.ini";
-constexpr std::size_t maxFileBytes = 4 * 1024 * 1024;
+constexpr std::size_t maxFileBytes = std::size_t{4} * 1024 * 1024;
 
 class Descriptor {
 public:

@@ -29,7 +29,7 @@ struct GatewayConfig {
         std::string username;
         std::string password;
         /// Bytes handed over but not yet taken by the broker; a publication beyond this is refused.
-        std::size_t maxOutstandingBytes = 256 * 1024;
+        std::size_t maxOutstandingBytes = std::size_t{256} * 1024;
     } broker;
 
     struct Interfaces {
@@ -46,7 +46,7 @@ struct GatewayConfig {
         LogSink sink = LogSink::STDERR;
         LogLevels levels;
         std::string file;
-        std::size_t fileMaxBytes = 1024 * 1024;
+        std::size_t fileMaxBytes = std::size_t{1024} * 1024;
         /// All files together, the current one included.
         std::size_t fileCount = 3;
     } log;

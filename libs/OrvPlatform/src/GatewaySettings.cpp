@@ -161,7 +161,8 @@ std::vector<Setting> BrokerSettings() {
          [](const GatewayConfig& config) { return std::to_string(config.broker.keepAlive.count()); }},
         {"broker", "max_outstanding_bytes", "1024 to 67108864 bytes",
          [](const std::string& value, GatewayConfig& config) {
-             return ReadNumber<std::size_t>(value, 1024, 64 * 1024 * 1024, config.broker.maxOutstandingBytes);
+             return ReadNumber<std::size_t>(value, 1024, std::size_t{64} * 1024 * 1024,
+                                            config.broker.maxOutstandingBytes);
          },
          [](const GatewayConfig& config) { return std::to_string(config.broker.maxOutstandingBytes); }},
     };
@@ -218,7 +219,7 @@ std::vector<Setting> LogSettings() {
          [](const GatewayConfig& config) { return config.log.file; }},
         {"log", "file_max_bytes", "16384 to 1073741824 bytes",
          [](const std::string& value, GatewayConfig& config) {
-             return ReadNumber<std::size_t>(value, 16384, 1024 * 1024 * 1024, config.log.fileMaxBytes);
+             return ReadNumber<std::size_t>(value, 16384, std::size_t{1024} * 1024 * 1024, config.log.fileMaxBytes);
          },
          [](const GatewayConfig& config) { return std::to_string(config.log.fileMaxBytes); }},
         {"log", "file_count", "1 to 100",

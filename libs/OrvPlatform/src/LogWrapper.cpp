@@ -33,9 +33,10 @@ struct Message {
     std::size_t bytes = 0;
 };
 
-__attribute__((format(printf, 2, 0))) void Format(Message& message, const char* format, va_list& arguments) {
+__attribute__((format(printf, 2, 0))) void Format(Message& message, const char* format, va_list arguments) {
     va_list again;
     va_copy(again, arguments);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): an error of the analyzer when it sees several files at once
     const int length = std::vsnprintf(message.inPlace, sizeof message.inPlace, format, arguments);
     message.bytes = static_cast<std::size_t>(std::max(length, 0));
     if (length < 0) {

@@ -19,7 +19,9 @@ public:
     LogObject(const LogObject&) = delete;
     LogObject& operator=(const LogObject&) = delete;
 
-    /// Emits the record. Never throws: a sink that fails loses the record, not the program.
+    /// Emits the record, as one line whatever was streamed into it: control characters and bytes that are not valid
+    /// UTF-8 are escaped, and what goes beyond 8192 bytes is cut. Never throws: a sink that fails loses the record, not
+    /// the program.
     ~LogObject();
 
     LogObject& operator<<(const char* text);
@@ -48,7 +50,8 @@ private:
 class Logger {
 public:
     /// @param level the least severe level that this logger emits: 0 trace, 1 debug, 2 info, 3 warning, 4 error,
-    ///              5 critical. The configuration may demand a higher one, never a lower one.
+    ///              5 critical. The configuration, or ORV_LOG_LEVEL in the environment, may demand a higher one, for
+    ///              all loggers or for this one by its name, never a lower one. Read once, when the logger is made.
     Logger(const std::string& name, int level);
     ~Logger();
     Logger(Logger&& other) noexcept;
