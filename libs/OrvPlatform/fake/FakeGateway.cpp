@@ -11,7 +11,9 @@
 #include "OrvResources/StaticConfigStore.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
+#include <map>
 #include <sstream>
 
 std::string ConnInterfaceString;
@@ -20,9 +22,16 @@ namespace {
 
 std::string cloudEndpoint = "cloud.example";
 bool toUpperIdle = false;
+std::map<std::string, std::string> interfaceNames;
+std::atomic<int> openConfigStores{0};
 
 class FakeStore : public OrvResources::IStaticConfigStore {
 public:
+    FakeStore() { ++openConfigStores; }
+    ~FakeStore() override { --openConfigStores; }
+    FakeStore(const FakeStore&) = delete;
+    FakeStore& operator=(const FakeStore&) = delete;
+
     std::string GetValue(const int& key) override { return key == 0 ? cloudEndpoint : ""; }
 };
 
@@ -42,6 +51,9 @@ IpInterfacesMapping& IpInterfacesMapping::GetInstance() {
 }
 
 std::string IpInterfacesMapping::GetInterfaceName(const std::string& role) const {
+    const auto found = interfaceNames.find(role);
+    if (found != interfaceNames.end())
+        return found->second;
     return role == "Ethernet" ? "eth0" : role == "Cellular" ? "wwan0" : "";
 }
 
@@ -97,10 +109,19 @@ void FakeGateway::Reset() {
     ConnInterfaceString.clear();
     cloudEndpoint = "cloud.example";
     toUpperIdle = false;
+    interfaceNames.clear();
 }
 
 void FakeGateway::SetCloudEndpoint(const std::string& endpoint) {
     cloudEndpoint = endpoint;
+}
+
+void FakeGateway::SetInterfaceName(const std::string& role, const std::string& interfaceName) {
+    interfaceNames[role] = interfaceName;
+}
+
+int FakeGateway::OpenConfigStores() {
+    return openConfigStores;
 }
 
 void FakeGateway::SetToUpperIdle(bool idle) {

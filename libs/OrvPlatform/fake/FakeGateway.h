@@ -6,7 +6,7 @@
 
 namespace OrvPlatformFake {
 
-/// The rest of the gateway: interface names (Ethernet is eth0, Cellular is wwan0), the static configuration, the
+/// The rest of the gateway: interface names (at first Ethernet is eth0, Cellular is wwan0), the static configuration, the
 /// platform's text helpers.
 class FakeGateway {
 public:
@@ -15,6 +15,12 @@ public:
 
     /// The value of key 0 from now on.
     static void SetCloudEndpoint(const std::string& endpoint);
+
+    /// The connection manager's name of the interface in that role ("Ethernet", "Cellular") from now on.
+    static void SetInterfaceName(const std::string& role, const std::string& interfaceName);
+
+    /// Configuration stores that were created and not released.
+    static int OpenConfigStores();
 
     /// A platform whose ToUpper leaves the text as it is.
     static void SetToUpperIdle(bool idle);
