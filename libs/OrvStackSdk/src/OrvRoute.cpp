@@ -37,7 +37,8 @@ OrvRoute::OrvRoute(Now clock)
       cellularInterface(IpInterfacesMapping::GetInstance().GetInterfaceName("Cellular")),
       logger("OrvRoute", 0),
       now(std::move(clock)) {
-    pokeUrl = "https://" + OrvResources::CreateStaticConfigStore()->GetValue(POKE_ENDPOINT_KEY);
+    const auto store = OrvResources::CreateStaticConfigStore();
+    pokeUrl = "https://" + store->GetValue(POKE_ENDPOINT_KEY);
     ConnmanCommands::GetInstance().SetTopPriorityInterface(ethernetInterface);
     if (!Connect()) {
         quillogger::LogWrapper::Log(CRITICAL, false, "libs/OrvStackSdk/src/OrvRoute", 37,
