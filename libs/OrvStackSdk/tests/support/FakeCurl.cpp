@@ -44,7 +44,9 @@ const std::map<int, std::string> OPTION_NAMES = {
     {CURLOPT_TIMEOUT, "TIMEOUT"},
     {CURLOPT_FORBID_REUSE, "FORBID_REUSE"},
     {CURLOPT_FRESH_CONNECT, "FRESH_CONNECT"},
+#if LIBCURL_VERSION_NUM >= 0x075700
     {CURLOPT_QUICK_EXIT, "QUICK_EXIT"},
+#endif
 };
 
 void Note(const std::string& call) {
@@ -211,19 +213,16 @@ int FakeCurl::LiveHandles() {
 }
 
 Entries FakeCurl::SetUpLines(const std::string& url, const std::string& interfaceName) {
-    return {"curl multi_init",
-            "curl easy_init",
-            "curl setopt URL " + url,
-            "curl setopt CONNECT_ONLY 1",
-            "curl setopt NOBODY 1",
-            "curl setopt INTERFACE " + interfaceName,
-            "curl setopt NOSIGNAL 1",
-            "curl setopt FAILONERROR 1",
-            "curl setopt TIMEOUT 15",
-            "curl setopt FORBID_REUSE 1",
+    return {
+        "curl multi_init", "curl easy_init", "curl setopt URL " + url, "curl setopt CONNECT_ONLY 1",
+            "curl setopt NOBODY 1", "curl setopt INTERFACE " + interfaceName, "curl setopt NOSIGNAL 1",
+            "curl setopt FAILONERROR 1", "curl setopt TIMEOUT 15", "curl setopt FORBID_REUSE 1",
             "curl setopt FRESH_CONNECT 1",
+#if LIBCURL_VERSION_NUM >= 0x075700
             "curl setopt QUICK_EXIT 1",
-            "curl add_handle"};
+#endif
+            "curl add_handle"
+    };
 }
 
 Entries FakeCurl::CleanLines() {

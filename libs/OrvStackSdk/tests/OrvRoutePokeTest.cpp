@@ -1,0 +1,212 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "RouteFixture.h"
+
+namespace OrvStackSdk {
+namespace {
+
+using namespace Testing;
+using OrvPlatformFake::Entries;
+using OrvPlatformFake::FakeGateway;
+using OrvPlatformFake::Only;
+
+const Entries PERFORM{"curl perform"};
+const Entries READ{"curl info_read"};
+
+Entries SettingUp(const std::string& interfaceName = "wwan0") {
+    return FakeCurl::SetUpLines("https://cloud.example", interfaceName);
+}
+
+/// A route that has just decided to poke over Cellular.
+class ThePoke : public RouteFixture {
+protected:
+    ThePoke() { StartCellularPoke(); }
+
+    Entries CurlCalls() { return Only(AfterTick(), {"curl"}); }
+
+    /// The next tick ends the attempt with these completion messages; what it does up to a clean-up.
+    Entries AfterMessages(std::vector<FakeCurl::Answer> answers) {
+        FakeCurl::End(std::move(answers));
+        return AfterTick();
+    }
+
+    static FakeCurl::Answer Done(CURLcode result, int left = 0) { return {false, CURLMSG_DONE, result, left}; }
+    static FakeCurl::Answer OfOtherKind(CURLcode result, int left = 0) { return {false, CURLMSG_NONE, result, left}; }
+    static FakeCurl::Answer None(int left) { return {true, CURLMSG_DONE, CURLE_OK, left}; }
+
+    const Entries routeToCell{"connman top wwan0", RouteDebug("poke success, route to Cell")};
+};
+
+TEST_F(ThePoke, IsNotTouchedBeforeTheTickAfterItsStart) {
+    EXPECT_EQ(FakeCurl::LiveHandles(), 0);
+}
+
+TEST_F(ThePoke, IsSetUpWithItsOptionsInOrderAndDrivenOneStep) {
+    EXPECT_EQ(AfterTick(), (Entries{"curl multi_init", "curl easy_init", "curl setopt URL https://cloud.example",
+                                    "curl setopt CONNECT_ONLY 1", "curl setopt NOBODY 1", "curl setopt INTERFACE wwan0",
+                                    "curl setopt NOSIGNAL 1", "curl setopt FAILONERROR 1", "curl setopt TIMEOUT 15",
+                                    "curl setopt FORBID_REUSE 1", "curl setopt FRESH_CONNECT 1",
+                                    "curl setopt QUICK_EXIT 1", "curl add_handle", "curl perform"}));
+    EXPECT_EQ(FakeCurl::LiveHandles(), 2);
+}
+
+TEST_F(ThePoke, GoesOnAStepATickWhileItRuns) {
+    route->Tick();
+    EXPECT_EQ(AfterTick(), PERFORM);
+    EXPECT_EQ(AfterTick(), PERFORM);
+}
+
+TEST_F(ThePoke, SucceedsAndReleasesItsHandles) {
+    route->Tick();
+    FakeCurl::Succeed();
+    EXPECT_EQ(AfterTick(), PERFORM + READ + FakeCurl::CleanLines() + routeToCell);
+    EXPECT_EQ(FakeCurl::LiveHandles(), 0);
+}
+
+TEST_F(ThePoke, LogsAFailureAndStartsAnewOnTheNextTick) {
+    FakeCurl::FailWith(CURLE_COULDNT_CONNECT);
+    EXPECT_EQ(AfterTick(), SettingUp() + PERFORM + READ + Entries{RouteError("poke error 7")} + FakeCurl::CleanLines());
+    EXPECT_EQ(FakeCurl::LiveHandles(), 0);
+    EXPECT_EQ(CurlCalls(), SettingUp() + PERFORM + READ + FakeCurl::CleanLines());
+}
+
+TEST_F(ThePoke, NamesATimeOutByItsNumber) {
+    FakeCurl::FailWith(CURLE_OPERATION_TIMEDOUT);
+    EXPECT_EQ(EffectsOfTick(), Entries{RouteError("poke error 28")});
+}
+
+TEST_F(ThePoke, StaysAsItIsWhenItEndsWithoutAMessage) {
+    route->Tick();
+    EXPECT_EQ(AfterMessages({}), PERFORM + READ);
+    EXPECT_EQ(AfterTick(), PERFORM + READ);
+    EXPECT_EQ(FakeCurl::LiveHandles(), 2);
+    FakeCurl::Succeed();
+    EXPECT_EQ(AfterTick(), PERFORM + READ + FakeCurl::CleanLines() + routeToCell);
+}
+
+TEST_F(ThePoke, TakesAMessageOfAnotherKindForNone) {
+    route->Tick();
+    EXPECT_EQ(AfterMessages({OfOtherKind(CURLE_OK)}), PERFORM + READ);
+    EXPECT_EQ(AfterMessages({OfOtherKind(CURLE_COULDNT_CONNECT)}), PERFORM + READ);
+}
+
+TEST_F(ThePoke, ReadsOnWhileMessagesAreLeft) {
+    route->Tick();
+    EXPECT_EQ(AfterMessages({OfOtherKind(CURLE_OK, 2), None(1), Done(CURLE_OK)}),
+              PERFORM + READ + READ + READ + FakeCurl::CleanLines() + routeToCell);
+}
+
+TEST_F(ThePoke, RemembersASuccessOverLaterMessages) {
+    route->Tick();
+    EXPECT_EQ(AfterMessages({Done(CURLE_OK, 1), OfOtherKind(CURLE_OK)}),
+              PERFORM + READ + READ + FakeCurl::CleanLines() + routeToCell);
+}
+
+TEST_F(ThePoke, CountsASuccessThatAFailureFollows) {
+    route->Tick();
+    EXPECT_EQ(AfterMessages({Done(CURLE_OK, 1), Done(CURLE_RECV_ERROR)}),
+              PERFORM + READ + READ + Entries{RouteError("poke error 56")} + FakeCurl::CleanLines() + routeToCell);
+}
+
+TEST_F(ThePoke, StopsReadingAtAFailure) {
+    route->Tick();
+    EXPECT_EQ(AfterMessages({Done(CURLE_RECV_ERROR, 1), Done(CURLE_OK)}),
+              PERFORM + READ + Entries{RouteError("poke error 56")} + FakeCurl::CleanLines());
+}
+
+TEST_F(ThePoke, ReadsNoMessageWhileItRuns) {
+    FakeCurl::Succeed();
+    FakeCurl::KeepRunning();
+    EXPECT_EQ(AfterTick(), SettingUp() + PERFORM);
+}
+
+TEST_F(ThePoke, IsReleasedWhenItCannotBeDriven) {
+    for (const auto result : {CURLM_INTERNAL_ERROR, CURLM_CALL_MULTI_PERFORM}) {
+        FakeCurl::SetPerformResult(result);
+        EXPECT_EQ(AfterTick(),
+                  SettingUp() + PERFORM + Entries{RouteError("curl multi perform error")} + FakeCurl::CleanLines());
+        EXPECT_EQ(FakeCurl::LiveHandles(), 0);
+    }
+}
+
+TEST_F(ThePoke, ReportsAMultiHandleThatCannotBeMade) {
+    FakeCurl::SetMultiInitFails(true);
+    EXPECT_EQ(AfterTick(), (Entries{"curl multi_init", RouteError("ERROR Setup Poke")}));
+}
+
+TEST_F(ThePoke, ReportsAnEasyHandleThatCannotBeMade) {
+    FakeCurl::SetEasyInitFails(true);
+    const Entries attempt{"curl multi_init", "curl easy_init", "curl multi_cleanup", RouteError("ERROR Setup Poke")};
+    EXPECT_EQ(AfterTick(), attempt);
+    EXPECT_EQ(AfterTick(), attempt);
+    EXPECT_EQ(FakeCurl::LiveHandles(), 0);
+}
+
+TEST_F(ThePoke, ReportsATransferThatCannotBeAdded) {
+    FakeCurl::SetAddHandleResult(CURLM_OUT_OF_MEMORY);
+    const Entries attempt =
+        SettingUp() + Entries{"curl easy_cleanup", "curl multi_cleanup", RouteError("ERROR Setup Poke")};
+    EXPECT_EQ(AfterTick(), attempt);
+    EXPECT_EQ(AfterTick(), attempt);
+    EXPECT_EQ(FakeCurl::LiveHandles(), 0);
+}
+
+TEST_F(ThePoke, TriesAgainAfterAFailedSetUp) {
+    FakeCurl::SetAddHandleResult(CURLM_OUT_OF_MEMORY);
+    route->Tick();
+    FakeCurl::SetAddHandleResult(CURLM_OK);
+    FakeCurl::Succeed();
+    EXPECT_EQ(AfterTick(), SettingUp() + PERFORM + READ + FakeCurl::CleanLines() + routeToCell);
+}
+
+TEST_F(ThePoke, IsAbortedHarmlesslyAfterAFailedSetUp) {
+    FakeCurl::SetEasyInitFails(true);
+    route->Tick();
+    Update(true, false, true);
+    const Entries failedSetUp{"curl multi_init", "curl easy_init", "curl multi_cleanup",
+                              RouteError("ERROR Setup Poke")};
+    const Entries aborted{DnsTopic("permit"), RouteDebug("poke cell aborted")};
+    EXPECT_EQ(AfterTick(), failedSetUp + FakeCurl::IdleCleanLines() + aborted);
+}
+
+TEST_F(ThePoke, IsReleasedOnceWhenItFailsOnTheTickThatAbortsIt) {
+    route->Tick();
+    Update(true, false, true);
+    FakeCurl::FailWith(CURLE_COULDNT_CONNECT);
+    const Entries aborted{DnsTopic("permit"), RouteDebug("poke cell aborted")};
+    EXPECT_EQ(AfterTick(), PERFORM + READ + Entries{RouteError("poke error 7")} + FakeCurl::CleanLines() +
+                               FakeCurl::IdleCleanLines() + aborted);
+}
+
+TEST_F(ThePoke, IsNotReleasedByTheEndOfTheRoute) {
+    route->Tick();
+    OrvPlatformFake::Journal::Clear();
+    route.reset();
+    EXPECT_EQ(OrvPlatformFake::Journal::Take(), (Entries{"stop-delivery OrvRoute", "disconnect OrvRoute"}));
+    EXPECT_EQ(FakeCurl::LiveHandles(), 2);
+}
+
+class ThePokeOverEthernet : public RouteFixture {
+protected:
+    ThePokeOverEthernet() {
+        FakeGateway::SetInterfaceName("Ethernet", "lan1");
+        FakeGateway::SetInterfaceName("Cellular", "ppp7");
+        FakeGateway::SetCloudEndpoint("other.example:8443/path");
+        OrvPlatformFake::FakeConnman::Get().SetOrder({"lan1", "ppp7"});
+        route = std::make_unique<OrvRoute>(time.Now());
+    }
+};
+
+TEST_F(ThePokeOverEthernet, IsBoundToTheInterfaceThatThePlatformNames) {
+    StartCellularPoke();
+    EXPECT_EQ(AfterTick(), FakeCurl::SetUpLines("https://other.example:8443/path", "ppp7") + PERFORM);
+    FakeCurl::Succeed();
+    route->Tick();
+    FakeCurl::KeepRunning();
+    Update(true, true, true);
+    route->Tick();
+    EXPECT_EQ(EffectsOfTick(), Entries{RouteDebug("Started Poke eth if lan1")});
+    EXPECT_EQ(AfterTick(), FakeCurl::SetUpLines("https://other.example:8443/path", "lan1") + PERFORM);
+}
+
+} // namespace
+} // namespace OrvStackSdk
