@@ -1,0 +1,32 @@
+#!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
+# build-all.sh SOURCES OUTPUT: builds the program in every way that a product team might, against the installed packages.
+set -eu
+
+sources=$1
+output=$2
+flags="-Wall -Wextra -Wpedantic -Werror"
+mkdir -p "$output"
+for compiler in g++ clang++; do
+    for standard in 14 20; do
+        build=$(mktemp -d)
+        cmake -S "$sources" -B "$build" -DCMAKE_CXX_COMPILER=$compiler -DCMAKE_CXX_STANDARD=$standard \
+            -DCMAKE_CXX_STANDARD_REQUIRED=ON -DCMAKE_CXX_EXTENSIONS=OFF -DCMAKE_CXX_FLAGS="$flags" >/dev/null
+        cmake --build "$build" >/dev/null
+        mv "$build/meter" "$output/meter-cmake-$compiler-$standard"
+        rm -rf "$build"
+        # shellcheck disable=SC2046,SC2086  # words on purpose
+        $compiler -std=c++$standard $flags $(pkg-config --cflags orvstacksdk) -o "$output/meter-pkgconfig-$compiler-$standard" \
+            "$sources/main.cpp" $(pkg-config --libs orvstacksdk)
+    done
+done
+
+# A version that is not there must be refused, not linked.
+refused=$(mktemp -d)
+sed 's/OrvStackSdk 1.0/OrvStackSdk 2.0/' "$sources/CMakeLists.txt" >"$refused/CMakeLists.txt"
+cp "$sources/main.cpp" "$refused"
+if cmake -S "$refused" -B "$refused/build" >/dev/null 2>&1; then
+    echo "build-all.sh: find_package accepts version 2.0" >&2
+    exit 1
+fi
+rm -rf "$refused"
