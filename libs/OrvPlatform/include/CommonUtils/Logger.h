@@ -14,7 +14,9 @@ namespace CommonUtils {
 /// One record belongs to one thread; records of different threads do not disturb each other.
 class LogObject {
 public:
+    /// The other one is left empty and emits nothing.
     LogObject(LogObject&& other) noexcept;
+    /// The record that was here is emitted; the other one is left empty.
     LogObject& operator=(LogObject&& other) noexcept;
     LogObject(const LogObject&) = delete;
     LogObject& operator=(const LogObject&) = delete;
@@ -24,9 +26,12 @@ public:
     /// the program.
     ~LogObject();
 
+    /// Appends a text.
     LogObject& operator<<(const char* text);
+    /// Appends a text.
     LogObject& operator<<(const std::string& text);
 
+    /// Appends a value.
     template <typename T>
     LogObject& operator<<(const T& value) {
         if (std::ostream* stream = Stream())
@@ -36,6 +41,7 @@ public:
 
     /// A record under construction, defined by the implementation.
     struct Record;
+    /// For the implementation; null for a record that is off.
     explicit LogObject(std::unique_ptr<Record> content) noexcept;
 
 private:
@@ -54,7 +60,9 @@ public:
     ///              all loggers or for this one by its name, never a lower one. Read once, when the logger is made.
     Logger(const std::string& name, int level);
     ~Logger();
+    /// The other one may only be assigned to or destroyed.
     Logger(Logger&& other) noexcept;
+    /// The other one may only be assigned to or destroyed.
     Logger& operator=(Logger&& other) noexcept;
     Logger(const Logger&) = delete;
     Logger& operator=(const Logger&) = delete;
@@ -62,10 +70,10 @@ public:
     /// Opens a record of the level in the name. `tag`, where given, names the operation that reports; it is written
     /// before the text and must outlive the record (a literal does).
     LogObject Trace(const char* tag = nullptr);
-    LogObject Debug(const char* tag = nullptr);
-    LogObject Info(const char* tag = nullptr);
-    LogObject Warning(const char* tag = nullptr);
-    LogObject Error(const char* tag = nullptr);
+    LogObject Debug(const char* tag = nullptr);   ///< Likewise.
+    LogObject Info(const char* tag = nullptr);    ///< Likewise.
+    LogObject Warning(const char* tag = nullptr); ///< Likewise.
+    LogObject Error(const char* tag = nullptr);   ///< Likewise.
 
     /// What a logger keeps, defined by the implementation.
     struct Source;

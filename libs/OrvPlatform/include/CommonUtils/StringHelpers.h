@@ -17,8 +17,8 @@ public:
     /// True for "true", "1", "yes" and "on" in any case, without regard to blanks around them; false for all else.
     static bool ToBoolean(const std::string& text);
 
-    static std::string ToUpper(const std::string& text);
-    static std::string ToLower(const std::string& text);
+    static std::string ToUpper(const std::string& text); ///< a-z become A-Z.
+    static std::string ToLower(const std::string& text); ///< A-Z become a-z.
 
     /// The pieces of `text` between separators, in order. Empty pieces are left out, so that neither a leading, a
     /// doubled nor a trailing separator makes a piece; an empty text gives an empty list.

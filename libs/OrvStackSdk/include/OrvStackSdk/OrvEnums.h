@@ -10,6 +10,7 @@
 /// Numbers and texts never change.
 namespace OrvStackSdk {
 
+/// How a service fares.
 enum class ServiceStatus : int { SERVICE_OK = 0, SERVICE_ERROR = 1 };
 
 /// The answer to IOrvStackClient::Init: ACK when the broker was reached.
@@ -60,14 +61,18 @@ enum class OrvEvent : int {
     FAILURE = 12
 };
 
+/// The two connected-services LEDs.
 enum class ConnectedServicesLedType : int { GREEN = 0, YELLOW = 1 };
 
+/// What a LED shows.
 enum class ConnectedServicesLedState : int { ON = 0, OFF = 1, BLINK = 2 };
 
 /// @name Value to text
 /// The reference stays valid as long as the library is loaded. Callable from any thread.
 /// A value that is no enumerator throws std::out_of_range.
 /// @{
+
+/// The text of the value.
 ORVSTACKSDK_EXPORT const std::string& ServiceStatusText(ServiceStatus value);
 ORVSTACKSDK_EXPORT const std::string& ConfirmationText(Confirmation value);
 ORVSTACKSDK_EXPORT const std::string& AppActionText(AppAction value);
@@ -83,6 +88,8 @@ ORVSTACKSDK_EXPORT const std::string& ConnectedServicesLedStateText(ConnectedSer
 /// Writes the value's text and nothing else. A value that is no enumerator throws std::out_of_range before anything is
 /// written.
 /// @{
+
+/// Writes the text of the value.
 ORVSTACKSDK_EXPORT std::ostream& operator<<(std::ostream& stream, const ServiceStatus& value);
 ORVSTACKSDK_EXPORT std::ostream& operator<<(std::ostream& stream, const Confirmation& value);
 ORVSTACKSDK_EXPORT std::ostream& operator<<(std::ostream& stream, const AppAction& value);
@@ -98,6 +105,8 @@ ORVSTACKSDK_EXPORT std::ostream& operator<<(std::ostream& stream, const Connecte
 /// The whole text is compared byte for byte, case included. An unknown text is UNSUPPORTED; these never fail.
 /// The reference stays valid as long as the library is loaded. Callable from any thread.
 /// @{
+
+/// The value of the text.
 ORVSTACKSDK_EXPORT const AppAction& AppActionTextToEnum(const std::string& text);
 ORVSTACKSDK_EXPORT const AppStatus& AppStatusTextToEnum(const std::string& text);
 /// @}
