@@ -1,0 +1,243 @@
+// SPDX-License-Identifier: Apache-2.0
+// The program itself in a network namespace of its own: two WAN interfaces, the gateway's broker on loopback, and
+// behind the Ethernet interface, in a second namespace, the cloud's broker.
+#include "ChildProcess.h"
+#include "MosquittoBroker.h"
+#include "PrivateNetwork.h"
+
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+
+namespace GatewayApp {
+namespace {
+
+using OrvPlatform::Testing::Content;
+using OrvTest::MosquittoBroker;
+using PrivateNetwork::Eventually;
+using PrivateNetwork::Ip;
+
+bool ownNetwork = false;
+
+class InPrivateNetwork : public testing::Environment {
+public:
+    void SetUp() override { ownNetwork = PrivateNetwork::Enter() && Ip("link set lo up"); }
+};
+const auto* const environment = testing::AddGlobalTestEnvironment(new InPrivateNetwork);
+
+/// A child process, ended with its object and with the test.
+class Child {
+public:
+    explicit Child(std::vector<std::string> words, const std::string& log = "/dev/null") {
+        std::vector<char*> arguments;
+        for (std::string& word : words)
+            arguments.push_back(word.data());
+        arguments.push_back(nullptr);
+        pid = fork();
+        if (pid != 0)
+            return;
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (std::freopen(log.c_str(), "a", stderr) != nullptr)
+            execvp(arguments[0], arguments.data());
+        _exit(127);
+    }
+    ~Child() {
+        if (pid > 0)
+            End(SIGKILL);
+    }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    pid_t Pid() const { return pid; }
+    /// @return the exit status, -1 when a signal ended it
+    int End(int signal) {
+        kill(pid, signal);
+        int status = 0;
+        waitpid(pid, &status, 0);
+        pid = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+private:
+    pid_t pid = -1;
+};
+
+class AGatewayWithACloud : public testing::Test {
+protected:
+    void SetUp() override {
+        if (!ownNetwork || MosquittoBroker::Program().empty())
+            GTEST_SKIP() << "needs network namespaces and mosquitto (script/bootstrap)";
+        gatewayBroker = std::make_unique<MosquittoBroker>();
+        ASSERT_TRUE(PrivateNetwork::AddInterface("eth0") && PrivateNetwork::AddInterface("wwan0"));
+        ASSERT_NO_FATAL_FAILURE(StartCloud());
+        ASSERT_TRUE(Ip("addr add 10.11.0.2/24 dev eth0") && Ip("route add default via 10.11.0.1"));
+        config = folder.Write("gateway.ini", "[broker]\nport = " + std::to_string(gatewayBroker->Port()) +
+                                                 "\n[connman]\nscripted = yes\n");
+        setenv("ORV_GATEWAY_CONFIG", config.c_str(), 1);
+    }
+    void TearDown() override {
+        app.reset();
+        cloud.reset();
+        Ip("link del eth0 2>/dev/null");
+        Ip("link del wwan0 2>/dev/null");
+        if (HasFailure())
+            std::fprintf(stderr, "%s\n%s", Content(folder.Path("app.log")).c_str(), Content(transcript).c_str());
+    }
+
+    /// A broker with TLS at 10.11.0.1 in a namespace of its own, which has the far end of eth0.
+    void StartCloud() {
+        const std::string key = folder.Path("cloud.key");
+        const std::string make = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 -subj "
+                                 "/CN=cloud -addext subjectAltName=IP:10.11.0.1 -keyout " +
+                                 key + " -out " + certificate + " 2>/dev/null && chmod a+r " + key;
+        ASSERT_EQ(std::system(make.c_str()), 0);
+        const std::string file =
+            folder.Write("cloud.conf", "listener 8883 10.11.0.1\nallow_anonymous true\nuser root\ncertfile " +
+                                           certificate + "\nkeyfile " + key + "\n");
+        const std::string script = "ip link set lo up; until ip link set cloud0 up 2>/dev/null; do sleep 0.01; done; "
+                                   "ip addr add 10.11.0.1/24 dev cloud0; exec " +
+                                   MosquittoBroker::Program() + " -c " + file;
+        cloud = std::make_unique<Child>(std::vector<std::string>{"unshare", "-n", "sh", "-c", script});
+        const auto space = [](const std::string& process) {
+            std::error_code ignored;
+            return std::filesystem::read_symlink("/proc/" + process + "/ns/net", ignored);
+        };
+        const std::string pid = std::to_string(cloud->Pid());
+        ASSERT_TRUE(Eventually([&] { return !space(pid).empty() && space(pid) != space("self"); }));
+        ASSERT_TRUE(Ip("link set eth0-far netns " + pid + " name cloud0"));
+    }
+
+    void StartApp() {
+        const std::vector<std::string> words = {ORV_GATEWAY_APP, "--cloud-host", "10.11.0.1", "--cloud-ca", trusted,
+                                                "--transcript",  transcript,     "--tick-ms", "50"};
+        app = std::make_unique<Child>(words, folder.Path("app.log"));
+    }
+    void StartConnectedApp() {
+        StartApp();
+        ASSERT_TRUE(Eventually([&] { return Has("\"event\":\"CLOUD_CONNECTED\"") && Has("\"what\":\"ready\""); }));
+    }
+
+    /// How often the transcript says so.
+    int Count(const std::string& text) const {
+        int count = 0;
+        const std::string all = Content(transcript);
+        for (std::size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1))
+            ++count;
+        return count;
+    }
+    bool Has(const std::string& text) const { return Count(text) > 0; }
+    bool EventuallyHas(const std::string& text, int times = 1) const {
+        return Eventually([&] { return Count(text) >= times; });
+    }
+
+    /// Frames to the cloud go to a neighbour that does not exist; the link stays up.
+    static bool SilencePath() { return Ip("neigh replace 10.11.0.1 lladdr 02:00:00:00:0f:ff dev eth0 nud permanent"); }
+    static bool HealPath() { return Ip("neigh del 10.11.0.1 dev eth0"); }
+
+    const OrvPlatform::Testing::TemporaryFolder folder;
+    const std::string certificate = folder.Path("cloud.pem");
+    std::string trusted = certificate;
+    const std::string transcript = folder.Path("transcript");
+    std::string config;
+    std::unique_ptr<MosquittoBroker> gatewayBroker;
+    std::unique_ptr<Child> cloud;
+    std::unique_ptr<Child> app;
+};
+
+TEST_F(AGatewayWithACloud, ReportsTheStateOfEverythingAtTheStart) {
+    StartConnectedApp();
+    for (const char* event : {"PANEL_CLOUD_ENABLED", "ETHERNET_CONNECTED", "ETHERNET_IP_GAINED", "CELLULAR_CONNECTED",
+                              "CELLULAR_IP_LOST", "CLOUD_CONNECTED"})
+        EXPECT_EQ(Count("\"event\":\"" + std::string(event) + "\",\"reported\":true"), 1) << event;
+    EXPECT_TRUE(Has("\"what\":\"cloud_connected\",\"source\":\"10.11.0.2\",\"interface\":\"eth0\""));
+}
+
+TEST_F(AGatewayWithACloud, ReportsWhatHappensToTheInterfaces) {
+    StartConnectedApp();
+    ASSERT_TRUE(Ip("addr add 10.12.0.2/24 dev wwan0"));
+    EXPECT_TRUE(EventuallyHas("CELLULAR_IP_GAINED"));
+    ASSERT_TRUE(Ip("link set wwan0-far down"));
+    EXPECT_TRUE(EventuallyHas("CELLULAR_DISCONNECTED"));
+    ASSERT_TRUE(Ip("link set wwan0-far up"));
+    EXPECT_TRUE(EventuallyHas("CELLULAR_CONNECTED", 2));
+    ASSERT_TRUE(Ip("addr del 10.12.0.2/24 dev wwan0"));
+    EXPECT_TRUE(EventuallyHas("CELLULAR_IP_LOST", 2));
+}
+
+TEST_F(AGatewayWithACloud, NoticesASilentPathAndComesBack) {
+    StartConnectedApp();
+    const auto begin = std::chrono::steady_clock::now();
+    ASSERT_TRUE(SilencePath());
+    // The protocol's own ping would need more than 10 s.
+    ASSERT_TRUE(Eventually([&] { return Has("\"what\":\"cloud_lost\""); }, std::chrono::seconds(8)));
+    const auto taken = std::chrono::steady_clock::now() - begin;
+    RecordProperty("detection_ms",
+                   static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(taken).count()));
+    ASSERT_TRUE(HealPath());
+    EXPECT_TRUE(Eventually([&] { return Count("\"event\":\"CLOUD_CONNECTED\"") == 2; }, std::chrono::seconds(20)));
+}
+
+TEST_F(AGatewayWithACloud, DropsAConnectionWhoseAddressIsGone) {
+    StartConnectedApp();
+    ASSERT_TRUE(Ip("addr flush dev eth0"));
+    EXPECT_TRUE(EventuallyHas("\"reason\":\"its address 10.11.0.2 is gone\""));
+    ASSERT_TRUE(Ip("addr add 10.11.0.3/24 dev eth0") && Ip("route add default via 10.11.0.1"));
+    EXPECT_TRUE(EventuallyHas("\"source\":\"10.11.0.3\""));
+}
+
+TEST_F(AGatewayWithACloud, DoesNotTrustAStranger) {
+    const std::string other = folder.Path("other.pem");
+    ASSERT_EQ(std::system(("openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=other -keyout /dev/null -out " + other +
+                           " 2>/dev/null")
+                              .c_str()),
+              0);
+    trusted = other;
+    StartApp();
+    EXPECT_TRUE(EventuallyHas("\"what\":\"cloud_failed\"", 2));
+    EXPECT_FALSE(Has("CLOUD_CONNECTED"));
+}
+
+TEST_F(AGatewayWithACloud, WaitsForItsOwnBroker) {
+    gatewayBroker->Kill();
+    StartApp();
+    ASSERT_TRUE(EventuallyHas("\"what\":\"broker_unreachable\""));
+    ASSERT_TRUE(EventuallyHas("\"event\":\"CLOUD_CONNECTED\",\"reported\":false"));
+    gatewayBroker->Start();
+    EXPECT_TRUE(EventuallyHas("\"what\":\"ready\""));
+    EXPECT_TRUE(EventuallyHas("\"event\":\"CLOUD_CONNECTED\",\"reported\":true"));
+}
+
+TEST_F(AGatewayWithACloud, ReloadsWhenItIsOrderedTo) {
+    StartConnectedApp();
+    const std::string publish = "mosquitto_pub -p " + std::to_string(gatewayBroker->Port()) +
+                                " -t /orv/apps_control/features/gateway-app/init -m reload";
+    ASSERT_EQ(std::system(publish.c_str()), 0);
+    EXPECT_TRUE(EventuallyHas("\"action\":\"RELOAD\""));
+    EXPECT_TRUE(EventuallyHas("\"what\":\"reload\""));
+}
+
+TEST_F(AGatewayWithACloud, ReportsAFailureOnRequest) {
+    StartConnectedApp();
+    kill(app->Pid(), SIGUSR1);
+    EXPECT_TRUE(EventuallyHas("\"event\":\"FAILURE\""));
+}
+
+TEST_F(AGatewayWithACloud, EndsInOrder) {
+    StartConnectedApp();
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(app->End(SIGTERM), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+    EXPECT_TRUE(Has("\"event\":\"CLOUD_DISCONNECTED\",\"reported\":true"));
+    EXPECT_TRUE(Has("\"what\":\"end\",\"tick\":{\"count\":"));
+}
+
+} // namespace
+} // namespace GatewayApp
