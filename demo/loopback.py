@@ -221,7 +221,7 @@ def interrupted(*_):
 
 def main(arguments):
     tree, shell, mosquitto, colour = arguments
-    for number in (signal.SIGTERM, signal.SIGHUP):
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, interrupted)
     transcript = Transcript(colour == "colour")
     demo = None
