@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <list>
 #include <map>
+#include <unordered_set>
 
 // A macro of curl.h checks the number of arguments.
 #undef curl_easy_setopt
@@ -32,7 +33,9 @@ struct Script {
 };
 
 Script script;
-std::list<Handle> handles; // never shrinks before Reset, so that a released handle is recognised
+// Never shrinks before Reset, so that a released handle is recognised.
+std::list<Handle> handles;
+std::unordered_set<const void*> known;
 
 const std::map<int, std::string> OPTION_NAMES = {
     {CURLOPT_URL, "URL"},
@@ -55,14 +58,17 @@ void Note(const std::string& call) {
 
 Handle* Make(bool multi) {
     handles.push_back({multi});
+    known.insert(&handles.back());
     return &handles.back();
 }
 
 /// The handle behind the pointer; null, with a line in the journal, when a call must not be made with it.
 Handle* Usable(void* pointer, bool multi, const std::string& call) {
-    for (auto& handle : handles)
-        if (&handle == pointer && handle.multi == multi && handle.alive)
-            return &handle;
+    if (known.count(pointer) != 0) {
+        auto* handle = static_cast<Handle*>(pointer);
+        if (handle->multi == multi && handle->alive)
+            return handle;
+    }
     Note("MISUSE in " + call + ": " + (pointer ? "not a living handle" : "null"));
     return nullptr;
 }
@@ -177,6 +183,7 @@ namespace OrvStackSdk::Testing {
 void FakeCurl::Reset() {
     script = Script{};
     handles.clear();
+    known.clear();
 }
 
 void FakeCurl::KeepRunning() {
