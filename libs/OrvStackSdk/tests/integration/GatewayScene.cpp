@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "GatewayScene.h"
+
+#include <fstream>
+#include <stdlib.h>
+
+namespace OrvTest {
+
+namespace {
+
+const std::string FEATURES = "/orv/apps_control/features/";
+
+std::string WriteSettings(const MosquittoBroker& broker, const std::string& name) {
+    std::string file = broker.Folder() + "/" + name + ".ini";
+    std::ofstream(file) << "[broker]\nport = " << broker.Port() << "\nclient_id_suffix = -" << name
+                        << "\n[connman]\nscripted = true\n[log]\nsink = file\nlevel = trace\nfile = " << broker.Folder()
+                        << "/" << name << ".log\n";
+    return file;
+}
+
+} // namespace
+
+MosquittoBroker& GatewayScene::Broker() {
+    static MosquittoBroker broker;
+    return broker;
+}
+
+std::string GatewayScene::SettingsOfAnother() {
+    return WriteSettings(Broker(), "another");
+}
+
+void GatewayScene::SetUpTestSuite() {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): before the first thread
+    setenv("ORV_GATEWAY_CONFIG", WriteSettings(Broker(), "tested").c_str(), 1);
+}
+
+GatewayScene::GatewayScene() : witness(Broker().Port()), somebody(Broker().Port()) {
+    for (const auto& [topic, payload] : RetainedState(Broker().Port(), "/orv/#"))
+        Publish(topic, "", true);
+    EXPECT_TRUE(witness.Subscribe("/orv/#", 1));
+}
+
+void GatewayScene::Begin(const std::string& name) {
+    client = OrvStackSdk::CreateClient();
+    client->SetHandler(application);
+    client->Init(name);
+    client->Start();
+    client->AppStatusRequest(OrvStackSdk::AppStatus::READY);
+    while (Seen(FEATURES + name + "/init") == "booting") {
+    }
+}
+
+std::string GatewayScene::Seen(const std::string& topic) {
+    const auto message = witness.NextMessageOn(topic);
+    return message ? message->payload : "(nothing)";
+}
+
+std::string GatewayScene::Retained(const std::string& topic) {
+    const auto state = RetainedState(Broker().Port(), topic);
+    const auto found = state.find(topic);
+    return found == state.end() ? "(nothing)" : found->second;
+}
+
+void GatewayScene::Publish(const std::string& topic, const std::string& payload, bool retained) {
+    EXPECT_TRUE(somebody.Publish({topic, payload, 1, retained, false, 0}));
+}
+
+} // namespace OrvTest
