@@ -155,6 +155,10 @@ TEST_F(AMessage, IsShownCutBeyond128CharactersAndPassedOnWhole) {
                   (Entries{SessionTrace("OnPublish", Context("/orv/modem/imei", shown) +
                                                          ": Calling OnDeviceCellularStatusIndication()..."),
                            "indication OnDeviceCellularStatusIndication(IMEI, " + message + ")"}));
+        EXPECT_EQ(WrittenFor("/orv/panel/guid", message),
+                  (Entries{SessionTrace("OnPublish",
+                                        Context("/orv/panel/guid", shown) + ": Calling OnDeviceProbeIndication()..."),
+                           "indication OnDeviceProbeIndication(" + message + ")"}));
         EXPECT_EQ(WrittenFor(FEATURES + "alarm/available", message),
                   (Entries{SessionTrace("OnPublish", Context(FEATURES + "alarm/available", shown) +
                                                          ": Calling OnFeatureAvailableIndication(" + shown + ") ..."),
