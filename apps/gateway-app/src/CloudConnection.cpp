@@ -96,6 +96,10 @@ void CloudConnection::Reopen(const std::string& reason) {
         handler.onLost(reason);
 }
 
+bool CloudConnection::BegunSince(std::chrono::steady_clock::time_point moment) const {
+    return state != State::CLOSED && state != State::WAITING && begun >= moment;
+}
+
 void CloudConnection::Close() {
     const bool was = Connected();
     if (was)
@@ -107,6 +111,7 @@ void CloudConnection::Close() {
 
 void CloudConnection::Dial() {
     state = State::DIALLING;
+    begun = std::chrono::steady_clock::now();
     deadline.Once(kAttemptLimit);
     dialer.Dial(settings, [this](Dialled dialled) { OnDialled(std::move(dialled)); });
 }

@@ -33,6 +33,8 @@ public:
     void Reopen(const std::string& reason);
     /// The same with other settings. Without a host: closes.
     void Reopen(const CloudSettings& cloudSettings, const std::string& reason);
+    /// True when the attempt that is under way, or the connection that it led to, began after that moment.
+    bool BegunSince(std::chrono::steady_clock::time_point moment) const;
     /// Says good-bye to the broker, does not wait for it, and stays closed.
     void Close();
 
@@ -65,6 +67,7 @@ private:
     int socket = -1; // the client's
     std::uint32_t watchedEvents = 0;
     int answer = -1;                             // the broker's to our CONNECT; -1 until it comes
+    std::chrono::steady_clock::time_point begun; // DIALLING, CONNECTING, CONNECTED: the attempt
     std::chrono::steady_clock::time_point since; // CONNECTED
     std::string source;
 };

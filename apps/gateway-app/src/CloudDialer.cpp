@@ -2,13 +2,10 @@
 #include "CloudDialer.h"
 
 #include <mosquitto.h>
-#include <netdb.h>
 #include <sys/epoll.h>
-#include <sys/socket.h>
 
 #include <atomic>
 #include <cerrno>
-#include <cstring>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -21,18 +18,6 @@ constexpr int kMaxHelpers = 4;
 constexpr int kKeepAliveSeconds = 10;
 
 std::atomic<int> helpers{0};
-
-/// Waits for the name servers and keeps nothing of their answer. A name that cannot be resolved, and a call that is no
-/// longer wanted when the answer comes, end here, before the MQTT and TLS libraries are touched.
-std::string FailureToResolve(const CloudSettings& settings) {
-    addrinfo hints{};
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    const int result = getaddrinfo(settings.host.c_str(), nullptr, &hints, &found);
-    if (result == 0)
-        freeaddrinfo(found);
-    return result == 0 ? std::string() : "cannot resolve " + settings.host + ": " + gai_strerror(result);
-}
 
 std::string MosquittoText(int result) {
     return result == MOSQ_ERR_ERRNO ? std::generic_category().message(errno) : mosquitto_strerror(result);
@@ -48,7 +33,10 @@ Dialled Begin(const CloudSettings& settings) {
     if (result != MOSQ_ERR_SUCCESS)
         return {nullptr, "cannot use the CA file '" + settings.caFile + "': " + MosquittoText(result)};
     mosquitto_int_option(handle.get(), MOSQ_OPT_TCP_NODELAY, 1);
+    // "async" is about the connection: the name is resolved here, and this is what takes its time.
     result = mosquitto_connect_async(handle.get(), settings.host.c_str(), settings.port, kKeepAliveSeconds);
+    if (result == MOSQ_ERR_EAI)
+        return {nullptr, "cannot resolve " + settings.host};
     if (result != MOSQ_ERR_SUCCESS)
         return {nullptr, MosquittoText(result)};
     return {std::move(handle), {}};
@@ -60,8 +48,8 @@ struct CloudDialer::Call {
     CloudSettings settings;
     Callback callback; // run on the loop's thread only
     std::shared_ptr<Mailbox> mailbox;
-    std::atomic<bool> wanted{true};
-    Dialled dialled; // the helper's until it posts
+    bool wanted = true; // the loop's thread's
+    Dialled dialled;    // the helper's until it posts
 };
 
 void MosquittoDeleter::operator()(mosquitto* handle) const {
@@ -105,9 +93,7 @@ void CloudDialer::Dial(const CloudSettings& settings, Callback callback) {
     ++helpers;
     try {
         std::thread([call = current, answer] {
-            call->dialled.failure = FailureToResolve(call->settings);
-            if (call->wanted && call->dialled.failure.empty())
-                call->dialled = Begin(call->settings);
+            call->dialled = Begin(call->settings);
             call->mailbox->Post(answer);
             --helpers;
         }).detach();

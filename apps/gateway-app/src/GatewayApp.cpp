@@ -139,9 +139,13 @@ void Application::Tick() {
     Measure(tickDurations, [this] { client->Tick(options.tick); });
     FollowCloudPath();
     if (client->CloudReconnectNeeded()) {
-        logger.Info() << "the WAN route has changed, connecting to the cloud anew";
-        Note("reconnect", {});
-        cloud.Reopen("the WAN route has changed");
+        // What began after the default route had moved is on the new path already.
+        const bool begun = cloud.BegunSince(defaultRouteSince);
+        logger.Info() << "the WAN route has changed, "
+                      << (begun ? "the cloud connection has begun there" : "connecting to the cloud anew");
+        Note("reconnect", {{"begun", Bool(begun)}});
+        if (!begun)
+            cloud.Reopen("the WAN route has changed");
     }
 }
 
@@ -201,6 +205,7 @@ void Application::OnNetworkEvents(const WanInterfaces::Events& events) {
 void Application::OnDefaultRoute(const std::string& interface) {
     logger.Info() << (interface.empty() ? "there is no default route" : "the default route is now over " + interface);
     Note("default_route", {{"interface", JsonText(interface)}});
+    defaultRouteSince = std::chrono::steady_clock::now();
     // An attempt keeps the path on which it began.
     if (!interface.empty() && !cloud.Connected())
         cloud.Reopen("the default route has changed");

@@ -85,7 +85,8 @@ private:
 
     std::string cloudInterface;   // the WAN interface that the cloud connection runs over; empty: none, or another one
     std::string lastCloudFailure; // as logged; empty after a success
-    std::string cloudPath;        // ConnInterfaceString as it was last seen
+    std::chrono::steady_clock::time_point defaultRouteSince; // when it last changed; at first the beginning of time
+    std::string cloudPath;                                   // ConnInterfaceString as it was last seen
     DurationHistogram tickDurations;
     DurationHistogram eventDurations;
 };
