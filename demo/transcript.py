@@ -42,6 +42,8 @@ class Transcript:
         led = topic.rpartition("connected_services_")[2]
         if topic.startswith("/orv/led/") and led in self.leds:
             self.leds[led] = payload
-            lamps = [self.paint(f"{LAMPS.get(state, ' ')} {name} {state:<5}", *([name] if state != "Off" else ["dim"]))
-                     for name, state in self.leds.items() if state]
+            lamps = [self.lamp(name, state) for name, state in self.leds.items() if state]
             self.line("LEDs", "   ".join(lamps))
+
+    def lamp(self, name, state):
+        return self.paint(f"{LAMPS.get(state, ' ')} {name} {state:<5}", *([name] if state != "Off" else ["dim"]))
