@@ -178,6 +178,15 @@ void MosquittoClient::SayGoodBye(Time deadline) {
         CloseOnceBrokerHas(socket, deadline);
 }
 
+void MosquittoClient::BreakOff(Time deadline) {
+    events = nullptr;
+    WriteAll(deadline);
+    const int socket = Socket() >= 0 ? fcntl(Socket(), F_DUPFD_CLOEXEC, 0) : -1;
+    handle.reset();
+    if (socket >= 0)
+        CloseOnceBrokerHas(socket, deadline);
+}
+
 void MosquittoClient::WriteAll(Time deadline) {
     while (Socket() >= 0 && WantsWrite()) {
         pollfd wait{Socket(), POLLOUT, 0};

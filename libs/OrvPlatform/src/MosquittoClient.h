@@ -44,8 +44,8 @@ struct MosquittoSettings {
 };
 
 /// One libmosquitto client without a thread: the caller polls its socket and calls Read, Write and KeepAlive. No
-/// operation blocks except SayGoodBye. Not safe for several threads at a time. Integer results are MOSQ_ERR_ codes, 0
-/// for success.
+/// operation blocks except SayGoodBye and BreakOff. Not safe for several threads at a time. Integer results are
+/// MOSQ_ERR_ codes, 0 for success.
 class MosquittoClient {
 public:
     using Time = std::chrono::steady_clock::time_point;
@@ -73,6 +73,10 @@ public:
     /// Sends what is waiting and a DISCONNECT, and waits until the broker has closed the connection, at the latest
     /// until `deadline`. Reports no more events.
     void SayGoodBye(Time deadline);
+
+    /// The same without a DISCONNECT: what is waiting arrives, then the broker speaks the last will. The last
+    /// operation.
+    void BreakOff(Time deadline);
 
 private:
     struct Destroyer {

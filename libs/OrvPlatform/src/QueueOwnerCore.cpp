@@ -25,6 +25,7 @@ namespace {
 
 constexpr auto CONNECT_LIMIT = 3s;
 constexpr auto GOOD_BYE_LIMIT = 800ms;
+constexpr auto BREAK_OFF_LIMIT = 200ms;
 
 // A name would have to be looked up, and a dead name server holds a look-up for many seconds. Empty for a name.
 std::string BrokerAddress(const std::string& host) {
@@ -244,13 +245,15 @@ void QueueOwner::Core::Abandon() {
     MutexLock lock(mutex);
     owner = nullptr;
     deliveryStopped = true;
-    if (link == Link::UP)
-        client->Write(); // what fits; the connection then breaks off, so that the last will speaks
-    TakeClient().reset();
+    const bool wasUp = link == Link::UP;
+    auto former = TakeClient();
     ++threadNumber;
     Wake();
     std::thread last = std::move(thread);
     mutex.unlock();
+    if (wasUp)
+        former->BreakOff(std::chrono::steady_clock::now() + BREAK_OFF_LIMIT);
+    former.reset();
     if (last.joinable() && last.get_id() == std::this_thread::get_id())
         last.detach();
     else if (last.joinable())

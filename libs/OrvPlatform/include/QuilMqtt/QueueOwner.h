@@ -23,7 +23,9 @@ namespace QUILMQTT {
 ///
 /// Destruction: a class that overrides a callback calls StopDelivery() first thing in its destructor, otherwise a
 /// message may be delivered into an object whose members are gone. Destruction with an open connection drops it without
-/// a good-bye, so that the broker publishes the last will. An object may be destroyed inside its own callback.
+/// a good-bye, so that the broker publishes the last will; what was published before is sent first, for at most 0.2 s. It
+/// waits for a callback that is under way, unless it is itself called there: an object may be destroyed inside its own
+/// callback.
 class QueueOwner {
 public:
     /// What a publication returns. Any value but 0 means that nothing was sent and that nothing will be.

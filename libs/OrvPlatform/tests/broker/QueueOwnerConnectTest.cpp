@@ -195,6 +195,24 @@ TEST_F(AClientOfARealBroker, HasItsWillSpokenWhenItIsDestroyed) {
     EXPECT_EQ(Retained("will"), "gone");
 }
 
+TEST_F(AClientOfARealBroker, GetsItsLastPublicationsOutBeforeItIsDestroyed) {
+    RawClient witness(broker.Port());
+    ASSERT_TRUE(witness.Subscribe("#", 1));
+    for (int round = 0; round < 20; ++round) {
+        {
+            TestClient client;
+            ASSERT_TRUE(client.Connect("will", "gone", false));
+            // Input that nobody reads any more must not cut the output short.
+            ASSERT_TRUE(client.Subscribe("last", 1));
+            for (int number = 0; number < 20; ++number)
+                ASSERT_EQ(client.PublishMessage("last", std::to_string(number), true), 0);
+        }
+        for (int number = 0; number < 20; ++number)
+            EXPECT_EQ(witness.NextMessage()->payload, std::to_string(number));
+        EXPECT_EQ(witness.NextMessage()->payload, "gone");
+    }
+}
+
 TEST_F(AClientOfARealBroker, ChangesItsWillWithASecondConnectAndTheOldOneStaysSilent) {
     RawClient witness(broker.Port());
     ASSERT_TRUE(witness.Subscribe("#"));
