@@ -34,10 +34,21 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
+/// Writes nothing down, so that what is left over at the end is the connection's.
+class Client : public QUILMQTT::QueueOwner {
+public:
+    Client() : QueueOwner("soak") {}
+    ~Client() override { StopDelivery(); }
+
+    void OnConnect() override { ++connects; }
+
+    std::atomic<int> connects{0};
+};
+
 /// Four threads that publish retained state, assured and not, as fast as about a thousand times a second each.
 class Traffic {
 public:
-    explicit Traffic(OrvTest::TestClient& through) : client(through) {
+    explicit Traffic(Client& through) : client(through) {
         for (std::size_t number = 0; number < threads.size(); ++number)
             threads[number] = std::thread([this, number] { Publish(number); });
     }
@@ -68,7 +79,7 @@ private:
         }
     }
 
-    OrvTest::TestClient& client;
+    Client& client;
     std::atomic<bool> stop{false};
     std::array<std::thread, 4> threads;
 };
@@ -78,7 +89,7 @@ class Application {
 public:
     explicit Application(const OrvTest::MosquittoBroker& at) : broker(at) {
         OrvTest::BrokerSettings().port = broker.Port();
-        client = std::make_unique<OrvTest::TestClient>("soak");
+        client = std::make_unique<Client>();
         connected = client->Connect("state/available", "false", true) && client->Subscribe("command/#", 1);
         client->PublishRetainedMessage("state/available", "true", false);
         expected["state/available"] = "true";
@@ -92,7 +103,7 @@ public:
     bool IsRight() const { return OrvTest::RetainedState(broker.Port(), "state/#") == expected; }
 
     const OrvTest::MosquittoBroker& broker;
-    std::unique_ptr<OrvTest::TestClient> client;
+    std::unique_ptr<Client> client;
     bool connected = false;
     std::map<std::string, std::string> expected;
 };
@@ -128,12 +139,12 @@ int Restarts(int count) {
     bool right = application.connected;
 
     const auto restart = [&] {
-        const int connects = application.client->Connects();
+        const int connects = application.client->connects;
         broker.Kill();
         std::this_thread::sleep_for(std::chrono::milliseconds(pause(random)));
         broker.Start();
         const auto begin = Clock::now();
-        const bool back = OrvTest::WaitUntil([&] { return application.client->Connects() > connects; });
+        const bool back = OrvTest::WaitUntil([&] { return application.client->connects > connects; });
         recoveries.push_back(Milliseconds(Clock::now() - begin).count());
         if (!back || !OrvTest::WaitUntil([&] { return application.IsRight(); })) {
             std::printf("not right again after restart %zu\n", recoveries.size());
@@ -180,10 +191,10 @@ int Frozen(std::chrono::seconds duration) {
     const bool noticed = OrvTest::WaitUntil(isLost, duration);
     const auto noticedAfter = Milliseconds(Clock::now() - frozen);
     std::this_thread::sleep_until(frozen + duration);
-    const int connects = application.client->Connects();
+    const int connects = application.client->connects;
     broker.Thaw();
     const auto thawed = Clock::now();
-    right = right && noticed && OrvTest::WaitUntil([&] { return application.client->Connects() > connects; });
+    right = right && noticed && OrvTest::WaitUntil([&] { return application.client->connects > connects; });
     right = right && OrvTest::WaitUntil([&] { return application.IsRight(); });
     const auto rightAfter = Milliseconds(Clock::now() - thawed);
     traffic.Stop();

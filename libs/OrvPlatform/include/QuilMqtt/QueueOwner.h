@@ -11,21 +11,26 @@ namespace QUILMQTT {
 ///
 /// Threads: every operation may be called from any thread, from inside the callbacks too. The callbacks run on the
 /// connection's own delivery thread, one at a time and in the order of arrival, and never while an internal lock is
-/// held. A callback that takes its time delays the callbacks of this connection, not those of another.
+/// held. A callback that takes its time delays the callbacks of this connection, not those of another; one that takes
+/// longer than the configured keep-alive may cost the connection. An exception that leaves a callback is logged and
+/// goes no further.
 ///
 /// Offline: nothing is queued. A command that could arrive minutes late is worse than one refused, so a publication
-/// without a connection returns a non-zero status at once and is never sent later.
+/// without a connection returns a non-zero status at once and is never sent later. What was handed over while connected
+/// with `assured`, and not acknowledged when the connection broke, is sent again with the next connection that is made
+/// by itself.
 ///
 /// Reconnection: a connection that was once made and then lost is made again by itself, at growing intervals (0.25 s
 /// doubling to 4 s, with jitter). Then, in this order: the subscriptions are made again; what the broker may have
 /// forgotten is published again, namely the last payload of every retained topic that this object has published and the
-/// last message that it published on its will's topic; then OnConnect is called.
+/// last message that it published on its will's topic, each as it was; then OnConnect is called. A Connect() by the
+/// application begins afresh: it makes no subscription and announces nothing.
 ///
 /// Destruction: a class that overrides a callback calls StopDelivery() first thing in its destructor, otherwise a
 /// message may be delivered into an object whose members are gone. Destruction with an open connection drops it without
-/// a good-bye, so that the broker publishes the last will; what was published before is sent first, for at most 0.2 s. It
-/// waits for a callback that is under way, unless it is itself called there: an object may be destroyed inside its own
-/// callback.
+/// a good-bye, so that the broker publishes the last will; what was published before is sent first, for at most 0.2 s.
+/// It waits for a callback that is under way, unless it is itself called there: an object may be destroyed inside its
+/// own callback.
 class QueueOwner {
 public:
     /// What a publication returns. Any value but 0 means that nothing was sent and that nothing will be.
@@ -67,7 +72,10 @@ public:
     bool Connect(const std::string& willTopic, const std::string& willMessage, bool willRetained);
 
     /// Asks for the messages that match `filter`. Does not wait for the broker.
-    /// @return true when the request went out; false without a connection or for a malformed filter or qos.
+    /// The subscription lasts until Disconnect() or the next Connect(), over reconnections too. A refusal by the broker
+    /// is logged.
+    /// @param qos 0, 1 or 2: the quality of service up to which messages are wanted
+    /// @return true when the request was handed over; false without a connection or for a malformed filter or qos.
     bool Subscribe(const std::string& filter, int qos);
 
     /// Publishes a message. Does not wait: neither for the broker nor for room in the socket.

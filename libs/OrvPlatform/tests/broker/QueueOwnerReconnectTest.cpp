@@ -131,21 +131,23 @@ TEST_F(ABrokerRestart, LeavesTheWillInForce) {
 }
 
 TEST_F(ABrokerRestart, GetsAssuredPublicationsThroughThatWereUnderWay) {
-    // The fake broker takes the publication and goes before it acknowledges it.
+    // The fake broker takes publications and goes before it acknowledges any. They exceed the client library's window.
     std::atomic<int> session{0};
     FakeBrokerServer server([&](FakeBrokerServer::Session& connection) {
         if (++session > 1)
             return connection.Serve();
         connection.Read();
         connection.Send(EncodeConnack(0));
-        connection.Read();
+        for (int number = 0; number < 50; ++number)
+            connection.Read();
     });
     BrokerSettings().port = server.Port();
     TestClient client;
     ASSERT_TRUE(client.Connect());
-    ASSERT_EQ(client.PublishMessage("command", "x", true), 0);
-    EXPECT_TRUE(WaitUntil([&] { return !client.Delivered().empty(); }));
-    EXPECT_EQ(server.Count(MqttPacket::Type::PUBLISH), 2U);
+    for (int number = 0; number < 50; ++number)
+        ASSERT_EQ(client.PublishMessage("command", std::to_string(number), true), 0);
+    EXPECT_TRUE(WaitUntil([&] { return client.Delivered().size() == 50; }));
+    EXPECT_EQ(server.Count(MqttPacket::Type::PUBLISH), 100U);
 }
 
 TEST_F(ABrokerRestart, IsNotHeldUpByADisconnectDuringAHungReconnect) {
