@@ -116,8 +116,9 @@ protected:
     }
 
     void StartApp() {
-        const std::vector<std::string> words = {ORV_GATEWAY_APP, "--cloud-host", "10.11.0.1", "--cloud-ca", trusted,
-                                                "--transcript",  transcript,     "--tick-ms", "50"};
+        const std::vector<std::string> words = {
+            ORV_GATEWAY_APP, "--cloud-host", "10.11.0.1", "--cloud-port", port, "--cloud-ca",
+            trusted,         "--transcript", transcript,  "--tick-ms",    "50"};
         app = std::make_unique<Child>(words, folder.Path("app.log"));
     }
     void StartConnectedApp() {
@@ -145,6 +146,7 @@ protected:
     const OrvPlatform::Testing::TemporaryFolder folder;
     const std::string certificate = folder.Path("cloud.pem");
     std::string trusted = certificate;
+    std::string port = "8883";
     const std::string transcript = folder.Path("transcript");
     std::string config;
     std::unique_ptr<MosquittoBroker> gatewayBroker;
@@ -203,6 +205,12 @@ TEST_F(AGatewayWithACloud, DoesNotTrustAStranger) {
     StartApp();
     EXPECT_TRUE(EventuallyHas("\"what\":\"cloud_failed\"", 2));
     EXPECT_FALSE(Has("CLOUD_CONNECTED"));
+}
+
+TEST_F(AGatewayWithACloud, TellsWhenTheCloudRefusesItAndGoesOnTrying) {
+    port = "8884";
+    StartApp();
+    EXPECT_TRUE(Eventually([&] { return Count("\"reason\":\"the connection was refused\"") >= 2; }));
 }
 
 TEST_F(AGatewayWithACloud, WaitsForItsOwnBroker) {
