@@ -74,7 +74,15 @@ public:
     }
 
     int Descriptor() const override { return ended ? -1 : STDIN_FILENO; }
-    void Read() override { rl_callback_read_char(); }
+    void Read() override {
+        lineTaken = false;
+        rl_callback_read_char();
+        // The line editor would show the next prompt, and leave the terminal's own mode, only with the next key.
+        if (lineTaken && !ended) {
+            rl_callback_handler_remove();
+            rl_callback_handler_install(prompt.c_str(), TakeLine);
+        }
+    }
 
     std::optional<std::string> Next() override {
         if (lines.empty())
@@ -115,6 +123,7 @@ private:
     }
 
     void Take(const char* line) {
+        lineTaken = true;
         if (line == nullptr) {
             ended = true;
             printf("\n");
@@ -127,6 +136,7 @@ private:
 
     const std::string prompt;
     bool ended = false;
+    bool lineTaken = false;
     std::deque<std::string> lines;
 };
 
