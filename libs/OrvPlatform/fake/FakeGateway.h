@@ -6,8 +6,8 @@
 
 namespace OrvPlatformFake {
 
-/// The rest of the gateway: interface names (at first Ethernet is eth0, Cellular is wwan0), the static configuration, the
-/// platform's text helpers.
+/// The rest of the gateway: interface names (at first Ethernet is eth0, Cellular is wwan0), the static configuration,
+/// the platform's text helpers.
 class FakeGateway {
 public:
     /// Everything as at the start of a program: journal empty, broker and connection manager fresh.
