@@ -105,7 +105,10 @@ CURL* curl_easy_init() {
 
 CURLcode curl_easy_setopt(CURL* easy, CURLoption option, ...) {
     va_list arguments;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wvarargs" // libcurl's signature: the last named parameter is an enumeration
     va_start(arguments, option);
+#pragma GCC diagnostic pop
     const auto name = OPTION_NAMES.find(option);
     const std::string text = name == OPTION_NAMES.end() ? std::to_string(option) : name->second;
     // The options' numbers tell the type of their argument.
