@@ -61,7 +61,10 @@ TEST_F(ALogFile, HoldsOneLineARecordWithTimeLevelLoggerAndText) {
 
 TEST_F(ALogFile, HasTheTimeInUtcWhateverTheTimeZone) {
     const std::time_t before = std::time(nullptr);
-    RunInChild({{"TZ", "XYZ-5:30"}}, [this] { Say(*Open(100000, 3), "text"); });
+    RunInChild({{"TZ", "XYZ-5:30"}}, [this] {
+        ::tzset();
+        Say(*Open(100000, 3), "text");
+    });
     const std::time_t after = std::time(nullptr);
     std::tm shown = {};
     ASSERT_NE(::strptime(Content(path).c_str(), "%Y-%m-%dT%H:%M:%S.", &shown), nullptr);
