@@ -21,7 +21,8 @@ namespace {
 constexpr BackOff::Duration kFirstRetry = 500ms;
 constexpr BackOff::Duration kLongestRetry = 10s;
 constexpr auto kAttemptLimit = 5s;
-constexpr auto kKeepAlivePeriod = 1s;
+constexpr auto kKeepAlivePeriod = 250ms;
+constexpr auto kSilence = 2500ms; // with an ask every second: two of them without an answer
 constexpr auto kLasting = 10s;
 
 void SetOption(int socket, int level, int option, int value) {
@@ -37,6 +38,15 @@ void SetFastLossDetection(int socket) {
     SetOption(socket, IPPROTO_TCP, TCP_KEEPINTVL, 1);
     SetOption(socket, IPPROTO_TCP, TCP_KEEPCNT, 2);
     SetOption(socket, IPPROTO_TCP, TCP_USER_TIMEOUT, userTimeoutMs);
+}
+
+/// How long ago the other end last acknowledged anything. The kernel's own limits count anew when data are sent in the
+/// middle of a silence, and would take both together.
+std::chrono::milliseconds SilentFor(int socket) {
+    tcp_info info{};
+    socklen_t size = sizeof(info);
+    getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size);
+    return std::chrono::milliseconds(info.tcpi_last_ack_recv);
 }
 
 std::string OwnAddress(int socket) {
@@ -73,7 +83,7 @@ CloudConnection::CloudConnection(EventLoop& eventLoop, CloudSettings cloudSettin
       dialer(eventLoop),
       backOff(kFirstRetry, kLongestRetry, std::move(random)),
       deadline(eventLoop, [this] { OnDeadline(); }),
-      keepAlive(eventLoop, [this] { AfterStep(mosquitto_loop_misc(client.get()), 0); }) {
+      keepAlive(eventLoop, [this] { CheckLife(); }) {
     mosquitto_lib_init();
 }
 
@@ -170,6 +180,12 @@ void CloudConnection::AfterStep(int result, int systemError) {
         source = OwnAddress(socket);
         handler.onConnected(source);
     }
+}
+
+void CloudConnection::CheckLife() {
+    if (SilentFor(socket) > kSilence)
+        return End("no sign of life from the cloud");
+    AfterStep(mosquitto_loop_misc(client.get()), 0);
 }
 
 void CloudConnection::OnDeadline() {

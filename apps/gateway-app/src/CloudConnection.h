@@ -49,6 +49,7 @@ private:
     void OnDialled(Dialled dialled);
     void OnSocket(std::uint32_t events);
     void AfterStep(int result, int systemError);
+    void CheckLife();
     void OnDeadline();
     void End(const std::string& reason);
     void Drop();
@@ -60,7 +61,7 @@ private:
     CloudDialer dialer;
     BackOff backOff;
     Timer deadline;  // DIALLING, CONNECTING: the attempt has failed. WAITING: the next attempt.
-    Timer keepAlive; // CONNECTED: the protocol's own timekeeping
+    Timer keepAlive; // CONNECTED: signs of life, and the protocol's own timekeeping
 
     State state = State::CLOSED;
     MosquittoHandle client;
