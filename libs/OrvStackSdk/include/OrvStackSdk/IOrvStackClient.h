@@ -32,6 +32,8 @@ public:
 
     /// Connects to the broker in the name of the application and answers with OnInitConfirmation before it returns.
     /// If the connection ends without DeInit, the broker announces the application as unavailable.
+    /// A further call connects anew, under the name then given. Not while messages arrive: their delivery reads the
+    /// name.
     /// @param appName the application's (feature's) name: one level of a topic, so without "/", "+" and "#"
     virtual void Init(const std::string& appName) = 0;
 

@@ -74,6 +74,8 @@ TEST_F(OnARealBroker, TheWillIsSilentAfterDeInit) {
 
 TEST_F(OnARealBroker, TheWillNamesTheFeatureOfTheLastInit) {
     Begin("alarm");
+    Publish("/orv/panel/guid", "quiet now");
+    EXPECT_TRUE(application->WasTold("guid quiet now")); // the name must not change under a message
     client->Init("door");
     client.reset();
     EXPECT_EQ(Seen(FEATURES + "door/available"), "false");
