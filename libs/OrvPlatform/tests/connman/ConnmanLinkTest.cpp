@@ -1,0 +1,357 @@
+// SPDX-License-Identifier: Apache-2.0
+// Against a real message bus and a scripted connection manager.
+#include "ConnmanLink.h"
+
+#include "Journal.h"
+#include "PrivateBus.h"
+#include "WaitUntil.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <optional>
+#include <sys/wait.h>
+
+namespace OrvTest {
+namespace {
+
+using namespace std::chrono_literals;
+using OrvPlatform::ConnmanLink;
+
+const OrvPlatform::ConnmanLimits FAST{300ms, 300ms, 20ms, 200ms, 2000ms};
+
+class AGateway : public testing::Test {
+protected:
+    AGateway() { OrvPlatformFake::Journal::Clear(); }
+
+    std::size_t Logged(const std::string& text) {
+        const auto news = OrvPlatformFake::Journal::Take();
+        log.insert(log.end(), news.begin(), news.end());
+        const auto holds = [&](const std::string& line) { return line.find(text) != std::string::npos; };
+        return static_cast<std::size_t>(std::count_if(log.begin(), log.end(), holds));
+    }
+
+    bool BecomesTop(const std::string& interfaceName) {
+        return WaitUntil([&] { return link.TopPriorityInterface() == interfaceName; });
+    }
+
+    bool IsLogged(const std::string& text, std::size_t times = 1) {
+        return WaitUntil([&] { return Logged(text) >= times; });
+    }
+
+    PrivateBus bus;
+    ConnmanLink link{bus.Address(), FAST};
+    std::vector<std::string> log;
+};
+
+class AConnectedGateway : public AGateway {
+protected:
+    AConnectedGateway() {
+        connman.emplace(bus, "eth0:online wwan0:ready");
+        EXPECT_TRUE(BecomesTop("eth0"));
+    }
+
+    /// Everything that was asked for has been carried out: an order for the other interface's servers is the fence.
+    std::string CallsUntilNow() {
+        link.SetDnsConfiguration("eth0", {"203.0.113." + std::to_string(++fence)});
+        EXPECT_TRUE(IsLogged("name servers of eth0: 203.0.113." + std::to_string(fence)));
+        std::string calls = connman->Calls();
+        return calls.substr(0, calls.find(";SetProperty eth0") == std::string::npos ? calls.find("SetProperty eth0")
+                                                                                    : calls.find(";SetProperty eth0"));
+    }
+
+    std::optional<FakeConnmanProcess> connman;
+    int fence = 0;
+};
+
+TEST_F(AConnectedGateway, PutsAnInterfaceOnTop) {
+    EXPECT_TRUE(link.SetTopPriorityInterface("wwan0"));
+    EXPECT_TRUE(BecomesTop("wwan0"));
+    EXPECT_EQ(CallsUntilNow(), "MoveBefore wwan0 eth0");
+    EXPECT_EQ(Logged("wwan0 is put on top"), 1U);
+}
+
+TEST_F(AConnectedGateway, AsksNothingWhenTheInterfaceIsOnTopAlready) {
+    for (int i = 0; i < 100; ++i)
+        EXPECT_TRUE(link.SetTopPriorityInterface("eth0"));
+    EXPECT_EQ(CallsUntilNow(), "");
+    EXPECT_EQ(Logged("Warning"), 0U);
+}
+
+TEST_F(AConnectedGateway, FollowsTheConnectionManagersOwnOrder) {
+    connman->Do("services wwan0:ready eth0:ready");
+    EXPECT_TRUE(BecomesTop("wwan0"));
+    connman->Do("state wwan0 failure");
+    EXPECT_TRUE(BecomesTop(""));
+    connman->Do("services eth0:ready");
+    EXPECT_TRUE(BecomesTop("eth0"));
+}
+
+TEST_F(AConnectedGateway, DoesNotFightForAnOrderThatHasBeenCarriedOut) {
+    link.SetTopPriorityInterface("wwan0");
+    ASSERT_TRUE(BecomesTop("wwan0"));
+    CallsUntilNow();
+    connman->Do("services eth0:online wwan0:ready");
+    ASSERT_TRUE(BecomesTop("eth0"));
+    EXPECT_EQ(CallsUntilNow(), "");
+}
+
+TEST_F(AConnectedGateway, CarriesOutOnlyTheLatestOfSeveralOrders) {
+    connman->Freeze();
+    link.SetDnsConfiguration("eth0", {"203.0.113.99"}); // occupies the connection manager
+    for (int i = 0; i < 50; ++i) {
+        link.SetTopPriorityInterface("wwan0");
+        link.SetTopPriorityInterface("eth0");
+        link.SetDnsConfiguration("wwan0", {"198.51.100." + std::to_string(i)});
+        link.SetTopPriorityInterface("wwan0");
+    }
+    connman->Thaw();
+    ASSERT_TRUE(BecomesTop("wwan0"));
+    ASSERT_TRUE(IsLogged("name servers of wwan0: 198.51.100.49"));
+    const std::string calls = connman->Calls();
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), ';'), 2) << calls;
+    EXPECT_EQ(Logged("wwan0 is put on top"), 1U);
+}
+
+TEST_F(AConnectedGateway, ReturnsToTheFirstInterfaceWhenThatWasWantedLast) {
+    link.SetTopPriorityInterface("wwan0");
+    link.SetTopPriorityInterface("eth0");
+    const std::string calls = CallsUntilNow();
+    EXPECT_TRUE(calls.empty() || calls == "MoveBefore wwan0 eth0;MoveBefore eth0 wwan0") << calls;
+    EXPECT_TRUE(BecomesTop("eth0"));
+}
+
+TEST_F(AConnectedGateway, NeverWaitsForAFrozenConnectionManager) {
+    connman->Freeze();
+    link.SetTopPriorityInterface("wwan0");
+    ASSERT_TRUE(IsLogged("is asked to put wwan0 on top and has not answered for 300 ms"));
+    EXPECT_EQ(link.TopPriorityInterface(), "eth0");
+    EXPECT_LT(TimeOf([&] {
+                  for (int i = 0; i < 1000; ++i)
+                      link.SetTopPriorityInterface(i % 2 == 0 ? "wwan0" : "eth0");
+                  link.SetTopPriorityInterface("wwan0");
+              }),
+              1000ms);
+    connman->Thaw();
+    EXPECT_TRUE(BecomesTop("wwan0"));
+    EXPECT_TRUE(IsLogged("the connection manager answers again"));
+    EXPECT_EQ(Logged("has not answered"), 1U);
+}
+
+TEST_F(AConnectedGateway, NeverWaitsForAFrozenBus) {
+    bus.Freeze();
+    EXPECT_LT(TimeOf([&] {
+                  for (int i = 0; i < 1000; ++i)
+                      link.SetTopPriorityInterface("wwan0");
+              }),
+              1000ms);
+    bus.Thaw();
+    EXPECT_TRUE(BecomesTop("wwan0"));
+}
+
+TEST_F(AConnectedGateway, KeepsAnOrderWhileTheServiceIsNotConnectedAndCarriesItOutThen) {
+    connman->Do("state wwan0 idle");
+    ASSERT_TRUE(WaitUntil([&] { return !link.SetTopPriorityInterface("wwan0"); }));
+    ASSERT_TRUE(IsLogged("cannot put wwan0 on top now: its service is not connected, state \"idle\""));
+    for (int i = 0; i < 20; ++i)
+        EXPECT_FALSE(link.SetTopPriorityInterface("wwan0"));
+    EXPECT_EQ(CallsUntilNow(), "");
+    EXPECT_EQ(Logged("cannot put"), 1U);
+    connman->Do("state wwan0 ready");
+    EXPECT_TRUE(BecomesTop("wwan0"));
+}
+
+TEST_F(AConnectedGateway, RefusesAnInterfaceWithoutAService) {
+    EXPECT_FALSE(link.SetTopPriorityInterface("ppp0"));
+    EXPECT_FALSE(link.SetDnsConfiguration("ppp0", {}));
+    EXPECT_FALSE(link.SetTopPriorityInterface(""));
+    EXPECT_TRUE(IsLogged("cannot put ppp0 on top now: there is no service on this interface"));
+    EXPECT_TRUE(IsLogged("cannot set name servers of ppp0 now: there is no service on this interface"));
+    EXPECT_TRUE(IsLogged("names none: check [interfaces]"));
+}
+
+TEST_F(AConnectedGateway, LogsARefusalOnceAndTriesAgainWhenTheServicesChange) {
+    for (const std::string error : {"net.connman.Error.InvalidService", "net.connman.Error.NotSupported"}) {
+        connman->Do("refuse MoveBefore " + error);
+        link.SetTopPriorityInterface("wwan0");
+        ASSERT_TRUE(IsLogged("cannot put wwan0 on top now: " + error));
+        link.SetTopPriorityInterface("wwan0");
+        EXPECT_NE(CallsUntilNow(), "");
+        EXPECT_EQ(Logged(error), 1U);
+    }
+    connman->Do("refuse -");
+    connman->Do("services eth0:ready wwan0:online");
+    EXPECT_TRUE(BecomesTop("wwan0"));
+}
+
+TEST_F(AConnectedGateway, EmptiesAServicesNameServersWithoutGivingItAnUnspecifiedAddress) {
+    EXPECT_TRUE(link.SetDnsConfiguration("wwan0", {"0.0.0.0"}));
+    EXPECT_EQ(CallsUntilNow(), "SetProperty wwan0 Nameservers.Configuration=none");
+    link.SetDnsConfiguration("wwan0", {"0.0.0.0"});
+    EXPECT_EQ(CallsUntilNow(), "");
+    link.SetDnsConfiguration("wwan0", {"0.0.0.0", "198.51.100.1"});
+    EXPECT_EQ(CallsUntilNow(), "SetProperty wwan0 Nameservers.Configuration=198.51.100.1");
+    link.SetDnsConfiguration("wwan0", {"::"});
+    EXPECT_EQ(CallsUntilNow(), "SetProperty wwan0 Nameservers.Configuration=none");
+    link.SetDnsConfiguration("wwan0", {});
+    EXPECT_EQ(CallsUntilNow(), "SetProperty wwan0 Nameservers.Configuration=");
+    link.SetDnsConfiguration("wwan0", {});
+    EXPECT_EQ(CallsUntilNow(), "");
+}
+
+TEST_F(AConnectedGateway, RefusesANameServerThatIsNoAddress) {
+    EXPECT_FALSE(link.SetDnsConfiguration("wwan0", {"dns.example"}));
+    EXPECT_FALSE(link.SetDnsConfiguration("wwan0", {"dns.example"}));
+    EXPECT_TRUE(IsLogged("\"dns.example\" is no IP address"));
+    EXPECT_EQ(CallsUntilNow(), "");
+    EXPECT_EQ(Logged("is no IP address"), 1U);
+}
+
+TEST_F(AConnectedGateway, CarriesOutAnOrderWhenTheConnectionManagerReturns) {
+    connman.reset();
+    ASSERT_TRUE(BecomesTop(""));
+    EXPECT_FALSE(link.SetTopPriorityInterface("wwan0"));
+    EXPECT_FALSE(link.SetDnsConfiguration("wwan0", {"0.0.0.0"}));
+    connman.emplace(bus, "eth0:online wwan0:ready");
+    EXPECT_TRUE(BecomesTop("wwan0"));
+    EXPECT_TRUE(IsLogged("name servers of wwan0: none"));
+    EXPECT_EQ(Logged("net.connman is not on the message bus"), 1U);
+    EXPECT_EQ(Logged("connection manager found: eth0 online, wwan0 ready"), 2U);
+}
+
+TEST_F(AConnectedGateway, KeepsAnOrderThatTheConnectionManagerDiedOver) {
+    connman->Freeze();
+    link.SetTopPriorityInterface("wwan0");
+    ASSERT_TRUE(IsLogged("has not answered"));
+    connman.reset();
+    ASSERT_TRUE(BecomesTop(""));
+    connman.emplace(bus, "eth0:online wwan0:ready");
+    EXPECT_TRUE(BecomesTop("wwan0"));
+    EXPECT_EQ(Logged("cannot put"), 0U);
+}
+
+TEST_F(AConnectedGateway, FindsTheBusAgainAfterItsRestart) {
+    bus.Stop();
+    ASSERT_TRUE(BecomesTop(""));
+    connman.reset();
+    link.SetTopPriorityInterface("wwan0");
+    bus.Start();
+    connman.emplace(bus, "eth0:online wwan0:ready");
+    EXPECT_TRUE(BecomesTop("wwan0"));
+    EXPECT_EQ(Logged("is not reachable"), 1U);
+}
+
+TEST_F(AGateway, AsksAgainWhenTheServicesCannotBeListed) {
+    link.TopPriorityInterface();
+    const FakeConnmanProcess connman(bus, "eth0:online", "refuse GetServices net.connman.Error.Failed");
+    EXPECT_TRUE(IsLogged("does not list its services: net.connman.Error.Failed"));
+    connman.Do("refuse -");
+    EXPECT_TRUE(BecomesTop("eth0"));
+    EXPECT_EQ(Logged("does not list"), 1U);
+}
+
+TEST_F(AConnectedGateway, StopsAnsweringOnceItHasStopped) {
+    link.Stop();
+    EXPECT_EQ(link.TopPriorityInterface(), "");
+    EXPECT_FALSE(link.SetTopPriorityInterface("wwan0"));
+    EXPECT_EQ(connman->Calls(), "");
+}
+
+TEST_F(AConnectedGateway, StopsWhileTheConnectionManagerOwesAnAnswer) {
+    connman->Freeze();
+    link.SetTopPriorityInterface("wwan0");
+    ASSERT_TRUE(IsLogged("has not answered"));
+    EXPECT_LT(TimeOf([&] { link.Stop(); }), 1500ms);
+}
+
+TEST_F(AConnectedGateway, ServesManyThreads) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([this, i] {
+            for (int round = 0; round < 200; ++round) {
+                link.SetTopPriorityInterface((round + i) % 2 == 0 ? "eth0" : "wwan0");
+                link.SetDnsConfiguration("wwan0", {"198.51.100." + std::to_string(round)});
+                link.TopPriorityInterface();
+            }
+        });
+    }
+    connman->Do("services wwan0:ready eth0:online");
+    for (std::thread& thread : threads)
+        thread.join();
+    link.SetTopPriorityInterface("wwan0");
+    EXPECT_TRUE(BecomesTop("wwan0"));
+}
+
+TEST_F(AConnectedGateway, GivesBackTheNameServersThatAnEarlierProcessTookAway) {
+    connman->Do("mute-servers wwan0");
+    ConnmanLink later(bus.Address(), FAST);
+    later.TopPriorityInterface();
+    EXPECT_TRUE(IsLogged("name servers of wwan0: as the network offers"));
+    EXPECT_EQ(connman->Calls(), "SetProperty wwan0 Nameservers.Configuration=");
+}
+
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define ORV_THREADS_AFTER_FORK_ARE_FATAL
+#endif
+#endif
+
+TEST_F(AConnectedGateway, AnswersInAForkedChildToo) {
+#ifdef ORV_THREADS_AFTER_FORK_ARE_FATAL
+    GTEST_SKIP() << "ThreadSanitizer ends a forked child that starts a thread";
+#endif
+    link.BeforeFork();
+    const pid_t child = fork();
+    if (child == 0) {
+        link.AfterForkInChild();
+        const bool works = link.SetTopPriorityInterface("wwan0") && BecomesTop("wwan0");
+        link.Stop();
+        _exit(works ? 0 : 1);
+    }
+    link.AfterForkInParent();
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(BecomesTop("wwan0"));
+}
+
+TEST_F(AGateway, AcceptsAnOrderBeforeItKnowsTheConnectionManager) {
+    EXPECT_TRUE(link.SetTopPriorityInterface("wwan0"));
+    ASSERT_TRUE(IsLogged("net.connman is not on the message bus"));
+    EXPECT_FALSE(link.SetTopPriorityInterface("wwan0"));
+    const FakeConnmanProcess connman(bus, "eth0:ready wwan0:ready");
+    EXPECT_TRUE(BecomesTop("wwan0"));
+}
+
+TEST_F(AGateway, IsNotHeldUpByABusThatIsFrozenFromTheStart) {
+    bus.Freeze();
+    EXPECT_TRUE(link.SetTopPriorityInterface("wwan0"));
+    EXPECT_TRUE(IsLogged("no answer within 300 ms"));
+    EXPECT_FALSE(link.SetTopPriorityInterface("wwan0"));
+    EXPECT_LT(TimeOf([&] { link.Stop(); }), 1500ms);
+}
+
+TEST_F(AGateway, SaysOnceThatThereIsNoBus) {
+    bus.Stop();
+    link.TopPriorityInterface();
+    ASSERT_TRUE(IsLogged("is not reachable"));
+    bus.Start();
+    const FakeConnmanProcess connman(bus, "eth0:ready");
+    EXPECT_TRUE(BecomesTop("eth0"));
+    EXPECT_EQ(Logged("is not reachable"), 1U);
+}
+
+TEST_F(AGateway, StartsNoThreadBeforeItIsAsked) {
+    EXPECT_LT(TimeOf([&] { link.Stop(); }), 100ms);
+    EXPECT_EQ(Logged("message bus"), 0U);
+}
+
+TEST(TheBusAddress, IsTheConfiguredOneFirst) {
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/named", 1); // NOLINT(concurrency-mt-unsafe): no other thread yet
+    EXPECT_EQ(ConnmanLink::BusAddress("unix:path=/configured"), "unix:path=/configured");
+    EXPECT_EQ(ConnmanLink::BusAddress(""), "unix:path=/named");
+    unsetenv("DBUS_SYSTEM_BUS_ADDRESS"); // NOLINT(concurrency-mt-unsafe)
+    EXPECT_EQ(ConnmanLink::BusAddress(""), "unix:path=/run/dbus/system_bus_socket");
+}
+
+} // namespace
+} // namespace OrvTest

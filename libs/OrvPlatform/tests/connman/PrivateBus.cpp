@@ -1,0 +1,152 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "PrivateBus.h"
+
+#include "WaitUntil.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <poll.h>
+#include <stdexcept>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace OrvTest {
+
+namespace {
+
+std::vector<char*> Pointers(std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    for (std::string& text : texts)
+        pointers.push_back(text.data());
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+const char* const BUS_CONFIGURATION =
+    R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <listen>unix:path=%</listen>
+  <policy context="default">
+    <allow user="*"/><allow own="*"/><allow send_destination="*"/><allow receive_sender="*"/>
+  </policy>
+</busconfig>
+)";
+
+} // namespace
+
+Child::Child(const std::vector<std::string>& command, const std::vector<std::string>& environment) {
+    int toChild[2];
+    int fromChild[2];
+    if (pipe2(toChild, O_CLOEXEC) != 0 || pipe2(fromChild, O_CLOEXEC) != 0)
+        throw std::runtime_error("no pipe");
+    std::vector<std::string> words = command;
+    std::vector<std::string> variables = environment;
+    const std::vector<char*> arguments = Pointers(words);
+    const std::vector<char*> variablePointers = Pointers(variables);
+    process = fork();
+    if (process == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        dup2(toChild[0], STDIN_FILENO);
+        dup2(fromChild[1], STDOUT_FILENO);
+        execvpe(arguments[0], arguments.data(), variablePointers.data());
+        _exit(127);
+    }
+    close(toChild[0]);
+    close(fromChild[1]);
+    input = toChild[1];
+    output = fromChild[0];
+}
+
+Child::~Child() {
+    kill(process, SIGKILL);
+    waitpid(process, nullptr, 0);
+    close(input);
+    close(output);
+}
+
+void Child::Signal(int number) const {
+    kill(process, number);
+}
+
+void Child::Write(const std::string& line) const {
+    const std::string text = line + "\n";
+    if (write(input, text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+        throw std::runtime_error("the child does not listen");
+}
+
+std::string Child::ReadLine() const {
+    constexpr int PATIENCE_MS = 20'000;
+    std::string line;
+    for (;;) {
+        pollfd readable{output, POLLIN, 0};
+        char next = 0;
+        if (poll(&readable, 1, PATIENCE_MS) != 1 || read(output, &next, 1) != 1)
+            throw std::runtime_error("the child says nothing; it said \"" + line + "\"");
+        if (next == '\n')
+            return line;
+        line += next;
+    }
+}
+
+PrivateBus::PrivateBus() : folder((std::filesystem::temp_directory_path() / "orv-bus-XXXXXX").string()) {
+    if (!mkdtemp(folder.data()))
+        throw std::runtime_error("cannot make " + folder);
+    std::string configuration = BUS_CONFIGURATION;
+    configuration.replace(configuration.find('%'), 1, folder + "/bus");
+    std::ofstream(folder + "/bus.conf") << configuration;
+    Start();
+}
+
+PrivateBus::~PrivateBus() {
+    Stop();
+    std::error_code ignored;
+    std::filesystem::remove_all(folder, ignored);
+}
+
+void PrivateBus::Start() {
+    std::filesystem::remove(folder + "/bus");
+    daemon = std::make_unique<Child>(std::vector<std::string>{"dbus-daemon", "--config-file=" + folder + "/bus.conf",
+                                                              "--nofork", "--nopidfile", "--print-address=1"},
+                                     std::vector<std::string>{"PATH=/usr/bin:/bin"});
+    daemon->ReadLine();
+}
+
+void PrivateBus::Freeze() const {
+    daemon->Signal(SIGSTOP);
+}
+
+void PrivateBus::Thaw() const {
+    daemon->Signal(SIGCONT);
+}
+
+FakeConnmanProcess::FakeConnmanProcess(const PrivateBus& bus, const std::string& services, const std::string& before)
+    : process({"/usr/bin/python3", "-u", ORV_FAKE_CONNMAN}, {"DBUS_SYSTEM_BUS_ADDRESS=" + bus.Address()}) {
+    Do(before);
+    Do("services " + services);
+}
+
+void FakeConnmanProcess::Do(const std::string& command) const {
+    process.Write(command);
+    if (process.ReadLine() != "ok")
+        throw std::runtime_error("not understood: " + command);
+}
+
+std::string FakeConnmanProcess::Calls() const {
+    process.Write("calls");
+    return process.ReadLine();
+}
+
+void FakeConnmanProcess::Freeze() const {
+    process.Signal(SIGSTOP);
+}
+
+void FakeConnmanProcess::Thaw() const {
+    process.Signal(SIGCONT);
+}
+
+} // namespace OrvTest

@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <memory>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+namespace OrvTest {
+
+/// A child process with its standard input and output in our hands; killed at the end.
+class Child {
+public:
+    Child(const std::vector<std::string>& command, const std::vector<std::string>& environment);
+    ~Child();
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    void Signal(int number) const;
+    void Write(const std::string& line) const;
+    /// One line of its standard output, without the line's end; throws when none comes.
+    std::string ReadLine() const;
+
+private:
+    pid_t process = -1;
+    int input = -1;
+    int output = -1;
+};
+
+/// A message bus of the test's own. It can end and come back at the same address.
+class PrivateBus {
+public:
+    PrivateBus();
+    ~PrivateBus();
+    PrivateBus(const PrivateBus&) = delete;
+    PrivateBus& operator=(const PrivateBus&) = delete;
+
+    void Start();
+    void Stop() { daemon.reset(); }
+    void Freeze() const;
+    void Thaw() const;
+    std::string Address() const { return "unix:path=" + folder + "/bus"; }
+
+private:
+    std::string folder;
+    std::unique_ptr<Child> daemon;
+};
+
+/// A scripted connection manager on that bus; see fake_connman.py for the commands.
+class FakeConnmanProcess {
+public:
+    /// @param services as for the command "services"
+    /// @param before   a command that is given before it comes onto the bus
+    FakeConnmanProcess(const PrivateBus& bus, const std::string& services, const std::string& before = "refuse -");
+
+    void Do(const std::string& command) const;
+    /// What it has been asked for since the last time.
+    std::string Calls() const;
+    void Freeze() const;
+    void Thaw() const;
+
+private:
+    Child process;
+};
+
+} // namespace OrvTest

@@ -1,0 +1,153 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
+"""A scripted connection manager on the system bus that the environment names.
+
+Takes commands on standard input, one a line, and answers each with one line:
+
+  services INTERFACE:STATE[:immutable] ...   the services, in their order; the first such line brings it onto the bus
+  state INTERFACE STATE                      a service's state changes
+  mute-servers INTERFACE                     the network offers no name servers
+  refuse METHOD ERROR                        METHOD (MoveBefore, SetProperty, GetServices) fails; "-" ends it
+  calls                                      what has been asked for since the last time, ";" in between
+"""
+import sys
+
+import dbus
+import dbus.lowlevel
+import dbus.mainloop.glib
+import dbus.service
+from gi.repository import GLib
+
+MANAGER, SERVICE = "net.connman.Manager", "net.connman.Service"
+NOTICE_DELAY_MS = 100  # as ConnMan's
+OFFERED = "192.0.2.53"
+
+
+def path_of(interface):
+    return dbus.ObjectPath("/net/connman/service/" + interface)
+
+
+class Service(dbus.service.Object):
+    def __init__(self, manager, interface, state, immutable):
+        super().__init__(manager.bus, path_of(interface))
+        self.manager, self.interface = manager, interface
+        self.state, self.immutable = state, immutable
+        self.offered, self.configured = [OFFERED], None
+
+    def properties(self):
+        configured = [server for server in self.configured or [] if server != "none"]
+        servers = self.offered if self.configured is None else configured
+        return dbus.Dictionary({
+            "Type": "ethernet", "State": self.state, "Immutable": dbus.Boolean(self.immutable),
+            "Ethernet": dbus.Dictionary({"Interface": self.interface, "MTU": dbus.UInt16(1500)}, signature="sv"),
+            "Nameservers": dbus.Array(servers, signature="s"),
+            "Nameservers.Configuration": dbus.Array(configured, signature="s"),
+        }, signature="sv")
+
+    def tell(self, name):
+        self.PropertyChanged(name, self.properties()[name])
+
+    @dbus.service.signal(SERVICE, signature="sv")
+    def PropertyChanged(self, name, value):
+        pass
+
+    @dbus.service.method(SERVICE, in_signature="o")
+    def MoveBefore(self, target):
+        self.manager.note("MoveBefore", self.interface, target.rsplit("/", 1)[1])
+        order = self.manager.services
+        order.remove(self)
+        order.insert([path_of(other.interface) for other in order].index(target), self)
+        GLib.timeout_add(NOTICE_DELAY_MS, self.manager.tell_order, [])
+
+    @dbus.service.method(SERVICE, in_signature="sv")
+    def SetProperty(self, name, value):
+        self.manager.note("SetProperty", self.interface, name + "=" + ",".join(value))
+        self.configured = [str(server) for server in value] or None
+        self.tell("Nameservers.Configuration")
+        self.tell("Nameservers")
+
+
+class Manager(dbus.service.Object):
+    def __init__(self, bus):
+        super().__init__(bus, "/")
+        self.bus, self.services, self.calls, self.refused, self.name = bus, [], [], {}, None
+
+    def note(self, method, *arguments):
+        self.calls.append(" ".join((method,) + arguments))
+        if method in self.refused:
+            raise dbus.DBusException("refused by the test", name=self.refused[method])
+
+    def tell_order(self, added, removed=()):
+        changed = [(path_of(service.interface),
+                    service.properties() if service in added else dbus.Dictionary({}, signature="sv"))
+                   for service in self.services]
+        self.ServicesChanged(dbus.Array(changed, signature="(oa{sv})"), dbus.Array(removed, signature="o"))
+
+    @dbus.service.signal(MANAGER, signature="a(oa{sv})ao")
+    def ServicesChanged(self, changed, removed):
+        pass
+
+    @dbus.service.method(MANAGER, out_signature="a(oa{sv})")
+    def GetServices(self):
+        if "GetServices" in self.refused:
+            raise dbus.DBusException("refused by the test", name=self.refused["GetServices"])
+        return [(path_of(service.interface), service.properties()) for service in self.services]
+
+    def set_services(self, *wanted):
+        known = {service.interface: service for service in self.services}
+        self.services, added = [], []
+        for text in wanted:
+            interface, state, *flags = text.split(":")
+            service = known.pop(interface, None)
+            if service is None:
+                service = Service(self, interface, state, "immutable" in flags)
+                added.append(service)
+            elif service.state != state:
+                service.state = state
+                service.tell("State")
+            self.services.append(service)
+        for service in known.values():
+            service.remove_from_connection()
+        self.tell_order(added, [path_of(interface) for interface in known])
+
+    def command(self, word, *arguments):
+        if word == "services":
+            self.set_services(*arguments)
+            self.name = self.name or dbus.service.BusName("net.connman", self.bus)
+        elif word == "state":
+            service = self.find(arguments[0])
+            service.state = arguments[1]
+            service.tell("State")
+        elif word == "mute-servers":
+            self.find(arguments[0]).offered = []
+            self.find(arguments[0]).tell("Nameservers")
+        elif word == "refuse":
+            self.refused = {} if arguments[0] == "-" else {arguments[0]: arguments[1]}
+        elif word == "calls":
+            calls, self.calls = self.calls, []
+            return ";".join(calls)
+        return "ok"
+
+    def find(self, interface):
+        return next(service for service in self.services if service.interface == interface)
+
+
+def main():
+    dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
+    bus = dbus.SystemBus()
+    manager = Manager(bus)
+    loop = GLib.MainLoop()
+
+    def read(*_):
+        line = sys.stdin.readline()
+        if not line:
+            loop.quit()
+            return False
+        print(manager.command(*line.split()), flush=True)
+        return True
+
+    GLib.io_add_watch(0, GLib.PRIORITY_DEFAULT, GLib.IO_IN | GLib.IO_HUP, read)
+    loop.run()
+
+
+main()
