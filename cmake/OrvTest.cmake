@@ -21,3 +21,18 @@ function(orv_add_test name)
     set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT})
   endif()
 endfunction()
+
+# orv_runnable(VARIABLE TARGET)
+#   Path of a file that starts the program, for tests that start it themselves: the program or, for another processor, a
+#   script that starts it under the emulator.
+function(orv_runnable variable target)
+  if(NOT CMAKE_CROSSCOMPILING_EMULATOR)
+    set(${variable} $<TARGET_FILE:${target}> PARENT_SCOPE)
+    return()
+  endif()
+  list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " emulator)
+  set(script ${PROJECT_BINARY_DIR}/emulated/${target})
+  file(GENERATE OUTPUT ${script} CONTENT "#!/bin/sh\nexec ${emulator} $<TARGET_FILE:${target}> \"$@\"\n"
+    FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+  set(${variable} ${script} PARENT_SCOPE)
+endfunction()
