@@ -8,7 +8,7 @@ namespace OrvTest {
 
 class ACallerWithoutABroker : public BrokerTest {
 protected:
-    ACallerWithoutABroker() : BrokerTest(FreePort()) {}
+    ACallerWithoutABroker() : BrokerTest(0) { BrokerSettings().port = closed.Number(); }
 
     /// Connects, and checks that it fails within the bound.
     void ExpectFailure(std::uint16_t port) {
@@ -26,10 +26,12 @@ protected:
         FakeBrokerServer server(behaviour);
         ExpectFailure(server.Port());
     }
+
+    const ReservedPort closed;
 };
 
 TEST_F(ACallerWithoutABroker, IsToldSoByAClosedPort) {
-    ExpectFailure(FreePort());
+    ExpectFailure(closed.Number());
     EXPECT_EQ(Logged("cannot connect to 127.0.0.1:" + std::to_string(BrokerSettings().port) +
                      ": Connection refused; is the broker running?"),
               1U);
@@ -75,13 +77,12 @@ TEST_F(ACallerWithoutABroker, IsToldSoByARefusalOnTheDeliveryThreadToo) {
 
 TEST_F(ACallerWithoutABroker, IsNotHeldUpByANameThatWouldHaveToBeLookedUp) {
     BrokerSettings().host = "broker.example";
-    ExpectFailure(FreePort());
+    ExpectFailure(closed.Number());
     EXPECT_EQ(Logged("names are not looked up; set [broker] host to an address"), 1U);
 }
 
 TEST_F(ACallerWithoutABroker, LeavesNoThreadAndNoDescriptorBehind) {
     FakeBrokerServer refusing(FakeBrokerServer::Refuse(2));
-    const std::uint16_t closed = FreePort();
     {
         TestClient warmUp;
         warmUp.Connect();
@@ -89,7 +90,7 @@ TEST_F(ACallerWithoutABroker, LeavesNoThreadAndNoDescriptorBehind) {
     TestClient client;
     const auto before = ProcessFigures::Now();
     for (int cycle = 0; cycle < 50; ++cycle) {
-        BrokerSettings().port = cycle % 2 == 0 ? closed : refusing.Port();
+        BrokerSettings().port = cycle % 2 == 0 ? closed.Number() : refusing.Port();
         TestClient another;
         EXPECT_FALSE(another.Connect());
         EXPECT_FALSE(client.Connect());

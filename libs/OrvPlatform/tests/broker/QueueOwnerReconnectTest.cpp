@@ -2,6 +2,7 @@
 // A broker that goes away and comes back: what is true again by itself.
 #include "BrokerFixture.h"
 
+#include <array>
 #include <atomic>
 #include <future>
 #include <thread>
@@ -173,21 +174,28 @@ TEST_F(ABrokerRestart, IsSurvivedByFourThreadsThatPublish) {
     client.PublishRetainedMessage("available", "true", true);
     std::atomic<bool> stop{false};
     std::vector<std::thread> threads;
-    std::vector<int> last(4, -1);
+    std::array<std::atomic<int>, 4> last{};
     for (std::size_t number = 0; number < 4; ++number) {
         threads.emplace_back([&, number] {
             const std::string topic = "state/" + std::to_string(number);
-            for (int value = 0; !stop; ++value) {
+            for (int value = 1; !stop; ++value) {
                 if (client.PublishRetainedMessage(topic, std::to_string(value), value % 2 == 0) == 0)
                     last[number] = value;
                 std::this_thread::yield();
             }
         });
     }
+    const auto haveAllPublished = [&] {
+        const std::array<int, 4> before{last[0], last[1], last[2], last[3]};
+        return WaitUntil([&] {
+            return std::equal(before.begin(), before.end(), last.begin(), [](int then, int now) { return now > then; });
+        });
+    };
     for (int restart = 0; restart < 5; ++restart) {
+        EXPECT_TRUE(haveAllPublished());
         const int connects = client.Connects();
         broker.Restart();
-        ASSERT_TRUE(WaitUntil([&] { return client.Connects() > connects; }));
+        EXPECT_TRUE(WaitUntil([&] { return client.Connects() > connects; }));
     }
     stop = true;
     for (std::thread& thread : threads)

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MosquittoBroker.h"
 
-#include "Sockets.h"
 #include "WaitUntil.h"
 
 #include <fcntl.h>
@@ -73,13 +72,10 @@ std::string MosquittoBroker::Program() {
     return chosen.empty() ? UnpackedTool("usr/sbin/mosquitto") : chosen;
 }
 
-MosquittoBroker::MosquittoBroker(const std::string& lines)
-    : folder(TemporaryFolder()), settings(lines), port(FreePort()) {
-    for (int attempt = 0; attempt < 5; ++attempt) {
-        if (TryStart())
-            return;
-        port = FreePort(); // somebody else has taken it meanwhile
-    }
+MosquittoBroker::MosquittoBroker(const std::string& lines) : folder(TemporaryFolder()), settings(lines) {
+    if (TryStart())
+        return;
+    Kill();
     std::ostringstream log;
     log << std::ifstream(folder + "/log").rdbuf();
     std::filesystem::remove_all(folder);
@@ -105,7 +101,7 @@ bool MosquittoBroker::TryStart() {
     std::string text = "user " + OwnUser() + "\nlog_dest file @FOLDER@/log\n";
     if (!whole)
         text += "listener @PORT@ 127.0.0.1\nset_tcp_nodelay true\n";
-    text = WithWord(text + settings, "@PORT@", std::to_string(port));
+    text = WithWord(text + settings, "@PORT@", std::to_string(Port()));
     std::ofstream(file) << WithWord(text, "@FOLDER@", folder);
     process = fork();
     if (process == 0) {
@@ -119,7 +115,7 @@ bool MosquittoBroker::TryStart() {
     bool ended = false;
     const bool listens = WaitUntil([&] {
         ended = waitpid(process, nullptr, WNOHANG) == process;
-        return ended || ConnectToLoopback(port);
+        return ended || ConnectToLoopback(Port());
     });
     if (ended)
         process = 0;

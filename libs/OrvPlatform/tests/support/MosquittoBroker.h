@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "Sockets.h"
+
 #include <cstdint>
 #include <string>
 #include <sys/types.h>
@@ -19,7 +21,7 @@ public:
     MosquittoBroker(const MosquittoBroker&) = delete;
     MosquittoBroker& operator=(const MosquittoBroker&) = delete;
 
-    std::uint16_t Port() const { return port; }
+    std::uint16_t Port() const { return port.Number(); }
     /// A folder of its own, removed with the fixture.
     const std::string& Folder() const { return folder; }
 
@@ -42,7 +44,7 @@ private:
 
     const std::string folder;
     const std::string settings;
-    std::uint16_t port;
+    const ReservedPort port;
     pid_t process = 0;
 };
 

@@ -29,6 +29,16 @@ sockaddr_in Loopback(std::uint16_t port) {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
+Descriptor BindToLoopback(std::uint16_t port) {
+    Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const int on = 1;
+    setsockopt(socket.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    const sockaddr_in address = Loopback(port);
+    if (bind(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        Fail("bind");
+    return socket;
+}
+
 } // namespace
 
 Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
@@ -45,12 +55,7 @@ void Descriptor::Close() {
 }
 
 Descriptor ListenOnLoopback(std::uint16_t port, int backlog) {
-    Descriptor listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const int on = 1;
-    setsockopt(listener.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    const sockaddr_in address = Loopback(port);
-    if (bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        Fail("bind");
+    Descriptor listener = BindToLoopback(port);
     if (listen(listener.Get(), backlog) != 0)
         Fail("listen");
     return listener;
@@ -64,9 +69,7 @@ std::uint16_t PortOf(const Descriptor& socket) {
     return ntohs(address.sin_port);
 }
 
-std::uint16_t FreePort() {
-    return PortOf(ListenOnLoopback(0, 1));
-}
+ReservedPort::ReservedPort() : holder(BindToLoopback(0)) {}
 
 Descriptor ConnectToLoopback(std::uint16_t port, const char* numeric) {
     Descriptor connection(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));

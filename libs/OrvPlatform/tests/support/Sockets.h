@@ -31,8 +31,17 @@ private:
 /// A TCP socket that listens on 127.0.0.1; port 0 lets the kernel choose. Throws std::system_error.
 Descriptor ListenOnLoopback(std::uint16_t port, int backlog);
 std::uint16_t PortOf(const Descriptor& socket);
-/// A port that was free a moment ago.
-std::uint16_t FreePort();
+
+/// A port of 127.0.0.1 that nobody else is given while this lives. Connections to it are refused, until a program
+/// listens there that allows the address to be used again (SO_REUSEADDR), as a broker does.
+class ReservedPort {
+public:
+    ReservedPort();
+    std::uint16_t Number() const { return PortOf(holder); }
+
+private:
+    Descriptor holder;
+};
 
 /// A connection to 127.0.0.1, or another address; empty when it is refused.
 Descriptor ConnectToLoopback(std::uint16_t port, const char* address = "127.0.0.1");
