@@ -76,23 +76,31 @@ void OrvRoute::Tick() {
 }
 
 OrvRoute::RouteState OrvRoute::Step(bool pokeSucceeded) {
+    RouteState next = state;
     switch (state) {
     case RouteState::ETHERNET_ACTIVE:
-        return EthernetActive();
+        next = EthernetActive();
+        break;
     case RouteState::ETHERNET_LOST_DELAY:
-        return EthernetLostDelay();
+        next = EthernetLostDelay();
+        break;
     case RouteState::POKING_CELLULAR:
-        return PokingCellular(pokeSucceeded);
+        next = PokingCellular(pokeSucceeded);
+        break;
     case RouteState::SWITCHING_TO_CELLULAR:
-        return SwitchingToCellular();
+        next = SwitchingToCellular();
+        break;
     case RouteState::CELLULAR_ACTIVE:
-        return CellularActive(pokeSucceeded);
+        next = CellularActive(pokeSucceeded);
+        break;
     case RouteState::SWITCHING_TO_ETHERNET:
-        return SwitchingToEthernet();
+        next = SwitchingToEthernet();
+        break;
     case RouteState::ETHERNET_SETTLE_DELAY:
-        return EthernetSettleDelay();
+        next = EthernetSettleDelay();
+        break;
     }
-    return state;
+    return next;
 }
 
 OrvRoute::RouteState OrvRoute::EthernetActive() {
