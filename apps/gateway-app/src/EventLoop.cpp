@@ -78,8 +78,9 @@ void EventLoop::Run() {
         if (count < 0 && errno != EINTR)
             Fail("wait for events");
         for (int i = 0; i < count; ++i) {
-            const epoll_event& event = events.at(static_cast<std::size_t>(i));
-            const auto ticket = tickets.find(event.data.u64);
+            const epoll_event event = events.at(static_cast<std::size_t>(i));
+            const std::uint64_t number = event.data.u64; // a copy: the structure is packed on some processors
+            const auto ticket = tickets.find(number);
             if (ticket == tickets.end())
                 continue; // forgotten by a callback of the same round
             const std::shared_ptr<Callback> callback = watched.at(ticket->second).callback;
