@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "FakeBroker.h"
 #include "FakeGateway.h"
 #include "OrvStackSdk/OrvStackSdk.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <malloc.h>
@@ -42,10 +42,8 @@ thread_local std::size_t allocations = 0;
 
 namespace {
 
-using OrvPlatformFake::FakeBroker;
 using OrvPlatformFake::FakeGateway;
 using OrvStackSdk::OrvEvent;
-using std::chrono_literals::operator""ms;
 
 struct Cost {
     std::size_t allocations;
@@ -71,11 +69,11 @@ protected:
 
     /// The state is entered with the first of the ticks, which may say so in the log; the others are counted.
     Cost CostOfTicks() {
-        client->Tick(100ms);
+        client->Tick(std::chrono::milliseconds(100));
         const std::size_t allocationsBefore = allocations;
         const auto heapBefore = static_cast<std::ptrdiff_t>(mallinfo2().uordblks);
         for (int tick = 0; tick < 1000; ++tick) {
-            client->Tick(100ms);
+            client->Tick(std::chrono::milliseconds(100));
             reconnects += client->CloudReconnectNeeded() ? 1 : 0;
         }
         return {allocations - allocationsBefore, static_cast<std::ptrdiff_t>(mallinfo2().uordblks) - heapBefore};
