@@ -2,13 +2,13 @@
 // Callbacks and threads: what is allowed inside a callback, and when callbacks end.
 #include "BrokerFixture.h"
 
+#include <arpa/inet.h>
 #include <atomic>
-#include <csignal>
 #include <fcntl.h>
 #include <future>
 #include <memory>
 #include <stdexcept>
-#include <sys/wait.h>
+#include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 
@@ -215,20 +215,52 @@ TEST_F(ACallback, ComesOnDescriptorsAbove1024Too) {
     EXPECT_TRUE(client.Disconnect());
 }
 
-TEST_F(ACallback, NeverRunsInAForkedChildNorDoesItKeepTheConnectionAlive) {
-    RawClient witness(broker.Port());
-    ASSERT_TRUE(witness.Subscribe("will"));
-    auto client = std::make_unique<TestClient>();
-    ASSERT_TRUE(client->Connect("will", "gone", false));
-    const pid_t child = fork();
-    if (child == 0) {
-        execl("/bin/sleep", "sleep", "60", nullptr);
-        _exit(1);
+TEST_F(ACallback, IsServedByASocketThatNoOtherProgramInherits) {
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    int connections = 0;
+    for (int descriptor = 0; descriptor < 1024; ++descriptor) {
+        sockaddr_in peer{};
+        socklen_t size = sizeof peer;
+        if (getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &size) != 0 || peer.sin_family != AF_INET ||
+            ntohs(peer.sin_port) != broker.Port())
+            continue;
+        ++connections;
+        EXPECT_NE(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0);
     }
-    client.reset();
-    EXPECT_TRUE(witness.NextMessage());
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
+    EXPECT_EQ(connections, 1);
+}
+
+class ACallbackThatTakesItsTime : public RealBrokerTest {
+protected:
+    /// A client in the first of a hundred callbacks, most of which wait for it.
+    ACallbackThatTakesItsTime() {
+        client.onMessage = [this](const std::string&, const std::string&) { released.wait(); };
+        EXPECT_TRUE(client.Connect() && client.Subscribe("go", 0));
+        for (int number = 0; number < 100; ++number)
+            client.PublishMessage("go", std::to_string(number), false);
+        EXPECT_TRUE(WaitUntil([this] { return client.ReceivedCount() == 1; }));
+    }
+
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    TestClient client;
+};
+
+TEST_F(ACallbackThatTakesItsTime, IsTheLastOneWhenTheClientDisconnectsMeanwhile) {
+    EXPECT_TRUE(client.Disconnect());
+    release.set_value();
+    ASSERT_TRUE(client.Connect());
+    ASSERT_TRUE(IsUpToDate(client));
+    EXPECT_EQ(client.ReceivedCount(), 2U) << "the first message and the mark";
+}
+
+TEST_F(ACallbackThatTakesItsTime, IsTheLastOneAndWaitedForWhenDeliveryIsStopped) {
+    auto stopping = std::async(std::launch::async, [this] { client.StopDelivery(); });
+    EXPECT_EQ(stopping.wait_for(20ms), std::future_status::timeout);
+    release.set_value();
+    stopping.get();
+    EXPECT_EQ(client.ReceivedCount(), 1U);
 }
 
 TEST_F(ACallback, IsNotNeededByFourThreadsThatCallEverythingAtOnce) {
