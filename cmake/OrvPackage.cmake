@@ -74,8 +74,9 @@ if(ORV_PLATFORM STREQUAL "linux")
 endif()
 if(ORV_BUILD_APPS)
   orv_debian_package(tools orv-tools SECTION utils
-    SUMMARY "shell for the connected-services stack of a gateway"
-    DESCRIPTION "orv-shell makes every call of the connected-services client library by hand or\nfrom a scenario file, and prints every callback.")
+    SUMMARY "programs for the connected-services stack of a gateway"
+    DESCRIPTION "orv-shell makes every call of the connected-services client library by hand or\nfrom a scenario file. gateway-app is the reference application.\norv-config-check says what is wrong with a configuration file.\norv-source-routes gives connections that are bound to an interface a route.\nServices are neither enabled nor started."
+    DEPENDS "liborvstacksdk${major} ${same}, liborvplatform${major} ${same}")
 endif()
 
 include(CPack)
