@@ -17,7 +17,6 @@ using namespace std::chrono_literals;
 using OrvPlatform::LastWill;
 using OrvPlatform::MosquittoClient;
 using OrvPlatform::MosquittoErrorText;
-using OrvPlatform::MosquittoSettings;
 using OrvPlatform::MutexLock;
 using OrvPlatform::OutstandingPublications;
 

@@ -15,7 +15,6 @@ namespace QUILMQTT {
 
 using namespace std::chrono_literals;
 using OrvPlatform::Event;
-using OrvPlatform::EventQueue;
 using OrvPlatform::MosquittoErrorText;
 using OrvPlatform::MutexLock;
 
