@@ -111,7 +111,7 @@ wait_for() {
 # Everything that runs in the box's namespaces is the box's, also what was started with "box exec".
 end_all() {
     local process ns pid
-    for process in routes connman modem broker bus; do end "$process" KILL; done
+    for process in routes connman modem broker resolver bus; do end "$process" KILL; done
     for ns in "$gateway_ns" "$eth_ns" "$cell_ns" "$cloud_ns"; do
         for pid in $(ip netns pids "$ns" 2>/dev/null); do kill -KILL "$pid" 2>/dev/null || true; done
     done

@@ -36,6 +36,7 @@ start_gateway() {
         "$here/lib/hold-gateway" "$state/gateway"
     wait_for 5 test -e "$state/gateway/ready" || die "the gateway's namespaces do not come up, see $state/log/gateway"
     start_bus
+    start_resolver
     start_broker
     start_modem
     start_routes
@@ -51,12 +52,13 @@ make_gateway_files() {
     ln -s /run "$root/var/run"
     cp -a /etc/. "$root/etc"
     rm -f "$root/etc/resolv.conf"
-    ln -s /run/connman/resolv.conf "$root/etc/resolv.conf"
+    printf 'nameserver 127.0.0.1\n' >"$root/etc/resolv.conf"
     : >"$root/run/connman/resolv.conf"
     echo +0 >"$root/run/clock-offset"
-    # What connects over TLS trusts the system's bundle.
+    # What connects over TLS trusts the system's bundle. It holds what this gateway needs and no more, because it is
+    # parsed anew for every poke, inside a tick.
     mkdir -p "$root/etc/ssl/certs" "$root/etc/orv"
-    cat "$state/cloud/tls/ca.pem" >>"$root/etc/ssl/certs/ca-certificates.crt"
+    cp "$state/cloud/tls/ca.pem" "$root/etc/ssl/certs/ca-certificates.crt"
     printf '[cloud]\nendpoint = %s\n[log]\nlevel = trace\n' "$cloud_name" >"$root/etc/orv/gateway.ini"
     cp "$here"/etc/* "$root/etc/orv/"
 }
@@ -64,6 +66,15 @@ make_gateway_files() {
 start_bus() {
     start bus "$0" exec dbus-daemon --config-file=/etc/orv/bus.conf --nofork --nopidfile
     wait_for 5 test -S "$bus_socket" || die "the message bus does not start, see $state/log/bus"
+}
+
+# ConnMan lists the name servers of both providers, a dead one first if need be, and the C library asks one after the other,
+# each for a second at least. The forwarder asks all at once and passes on the first answer.
+start_resolver() {
+    start resolver "$0" exec dnsmasq --keep-in-foreground --conf-file=/dev/null --user=root --pid-file= --no-hosts \
+        --listen-address=127.0.0.1 --bind-interfaces --resolv-file=/run/connman/resolv.conf --all-servers --cache-size=0 \
+        --log-facility=-
+    wait_for 5 listens "$gateway_ns" 53 || die "the gateway's name server does not start, see $state/log/resolver"
 }
 
 start_broker() {
