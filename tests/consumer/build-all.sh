@@ -21,6 +21,18 @@ for compiler in g++ clang++; do
     done
 done
 
+# The platform has a package of its own.
+build=$(mktemp -d)
+cp "$sources/platform.cpp" "$build"
+cp "$sources/platform.cmake" "$build/CMakeLists.txt"
+cmake -S "$build" -B "$build/build" -DCMAKE_CXX_FLAGS="$flags" >/dev/null
+cmake --build "$build/build" >/dev/null
+mkdir -p "$output/platform"
+mv "$build/build/platform" "$output/platform/cmake"
+# shellcheck disable=SC2046,SC2086  # words on purpose
+g++ $flags $(pkg-config --cflags orvplatform) -o "$output/platform/pkgconfig" "$sources/platform.cpp" $(pkg-config --libs orvplatform)
+rm -rf "$build"
+
 # A version that is not there must be refused, not linked.
 refused=$(mktemp -d)
 sed 's/OrvStackSdk 1.0/OrvStackSdk 2.0/' "$sources/CMakeLists.txt" >"$refused/CMakeLists.txt"
