@@ -49,7 +49,8 @@ make_provider() {
     ip -n "$ns" link set dev lan up
     ip -n "$ns" link set dev up up
     ip -n "$ns" route add "$cloud_address/32" via "$uplink.2"
-    ip netns exec "$ns" sysctl -qw net.ipv4.ip_forward=1
+    # A provider forwards only its own customers' addresses.
+    ip netns exec "$ns" sysctl -qw net.ipv4.ip_forward=1 net.ipv4.conf.lan.rp_filter=1
     start "names-$ns" ip netns exec "$ns" dnsmasq --keep-in-foreground --conf-file=/dev/null --user=root --pid-file= \
         --no-resolv --no-hosts --interface=lan --interface=lo --bind-interfaces --dhcp-authoritative --no-ping \
         --dhcp-range="$net.100,$net.200,255.255.255.0,1h" --dhcp-leasefile="$state/leases-$ns" \

@@ -96,13 +96,13 @@ class Box:
 class Application:
     """gateway-app on the box, with its log and its transcript."""
 
-    def __init__(self, box, folder):
+    def __init__(self, box, folder, *options):
         self.box = box
         self.log_file = folder / "app.log"
         self.transcript_file = folder / "transcript.jsonl"
         with open(self.log_file, "w", encoding="utf-8") as log:
             self.process = box.start("env", "RES_OPTIONS=timeout:1 attempts:2", program("gateway-app"),
-                                     "--cloud-host", "cloud.box.test", "--transcript", str(self.transcript_file),
+                                     "--cloud-host", "cloud.box.test", "--transcript", str(self.transcript_file), *options,
                                      stdout=log, stderr=log)
 
     def log(self):

@@ -1,0 +1,69 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
+"""measure_fail_over.py [TIMES] [TICK-MS]
+
+Measures fail-overs to Cellular and returns to Ethernet on a gateway box, end to end and phase by phase, and how long the
+library's calls took. Prints milliseconds: median and worst. Asserts nothing.
+"""
+import pathlib
+import statistics
+import sys
+import tempfile
+import time
+
+from gateway import Application, Box, at
+
+FAIL_OVER = (("detection", "cloud lost"), ("delay", "Started Poke to cell"), ("poke", "poke success, route to Cell"),
+             ("connection manager", "route is Cell, reconnecting"), ("reconnect", "connected to the cloud"))
+RETURN = (("poke", "poke success, route to ETH"), ("connection manager", "route is eth, reconnecting"),
+          ("reconnect", "connected to the cloud"))
+WORDS = {"cloud lost": "eth cloud lost, start delay"}
+
+
+def phases(application, steps, begun, since):
+    """Waits for each step in turn and returns the milliseconds that it took, the whole last."""
+    result, before = {}, begun
+    for phase, text in steps:
+        text = WORDS.get(text, text)
+        since = application.wait_for(text, 60, since)
+        line = application.log()[:since].rsplit("\n", 1)[1]
+        now = at(line.split(" ", 1)[0])
+        result[phase] = (now - before) * 1000
+        before = now
+    result["whole"] = (before - begun) * 1000
+    return result, since
+
+
+def report(title, runs):
+    print(f"{title}, {len(runs)} times: median, worst [ms]")
+    for phase in runs[0]:
+        values = [run[phase] for run in runs]
+        print(f"  {phase:20} {statistics.median(values):8.0f} {max(values):8.0f}")
+
+
+def main():
+    times = int(sys.argv[1]) if len(sys.argv) > 1 else 10
+    tick = sys.argv[2] if len(sys.argv) > 2 else "100"
+    overs, returns = [], []
+    with tempfile.TemporaryDirectory() as folder, Box("measure") as box:
+        application = Application(box, pathlib.Path(folder), "--tick-ms", tick)
+        application.wait_for_cloud("eth0", 10)
+        place = application.wait_for("Cloud connected with Ethernet interface", 5)
+        for _ in range(times):
+            begun = time.time()
+            box("provider", "eth", "dead")
+            result, place = phases(application, FAIL_OVER, begun, place)
+            overs.append(result)
+            begun = time.time()
+            box("provider", "eth", "back")
+            result, place = phases(application, RETURN, begun, place)
+            returns.append(result)
+            place = application.wait_for("Cloud connected with Ethernet interface", 10, place)
+        figures = application.stop()
+    report("fail-over to Cellular", overs)
+    report("return to Ethernet", returns)
+    for call in ("tick", "event_update"):
+        print(f"{call}: {figures[call]}")
+
+
+main()
