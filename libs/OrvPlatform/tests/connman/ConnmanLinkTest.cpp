@@ -120,6 +120,29 @@ TEST_F(AConnectedGateway, ReturnsToTheFirstInterfaceWhenThatWasWantedLast) {
     EXPECT_TRUE(BecomesTop("eth0"));
 }
 
+TEST_F(AConnectedGateway, ReturnsToTheFirstInterfaceWhenAnotherOneIsUnderWay) {
+    connman->Freeze();
+    link.SetTopPriorityInterface("wwan0");
+    ASSERT_TRUE(IsLogged("is asked to put wwan0 on top and has not answered"));
+    EXPECT_TRUE(link.SetTopPriorityInterface("eth0"));
+    connman->Thaw();
+    EXPECT_TRUE(IsLogged("eth0 is put on top"));
+    EXPECT_EQ(connman->Calls(), "MoveBefore wwan0 eth0;MoveBefore eth0 wwan0");
+}
+
+TEST_F(AConnectedGateway, KnowsTheNewOrderBeforeTheConnectionManagerTellsIt) {
+    connman->Do("quiet");
+    link.SetTopPriorityInterface("wwan0");
+    EXPECT_TRUE(BecomesTop("wwan0"));
+}
+
+TEST_F(AConnectedGateway, SaysOnceHowLongAnAnswerIsOwed) {
+    connman->Freeze();
+    link.SetTopPriorityInterface("wwan0");
+    ASSERT_TRUE(IsLogged("has not answered for 300 ms"));
+    EXPECT_FALSE(WaitUntil([&] { return Logged("has not answered") > 1; }, 3 * FAST.answer));
+}
+
 TEST_F(AConnectedGateway, NeverWaitsForAFrozenConnectionManager) {
     connman->Freeze();
     link.SetTopPriorityInterface("wwan0");
@@ -332,7 +355,8 @@ TEST_F(AGateway, IsNotHeldUpByABusThatIsFrozenFromTheStart) {
 
 TEST_F(AGateway, SaysOnceThatThereIsNoBus) {
     bus.Stop();
-    link.TopPriorityInterface();
+    const int turnedAway = bus.TurnAway(3, [this] { link.TopPriorityInterface(); });
+    EXPECT_EQ(turnedAway, 3);
     ASSERT_TRUE(IsLogged("is not reachable"));
     bus.Start();
     const FakeConnmanProcess connman(bus, "eth0:ready");

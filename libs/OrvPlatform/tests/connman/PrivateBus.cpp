@@ -11,6 +11,8 @@
 #include <poll.h>
 #include <stdexcept>
 #include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -114,6 +116,24 @@ void PrivateBus::Start() {
                                                               "--nofork", "--nopidfile", "--print-address=1"},
                                      std::vector<std::string>{"PATH=/usr/bin:/bin"});
     daemon->ReadLine();
+}
+
+int PrivateBus::TurnAway(int connections, const std::function<void()>& begin) const {
+    constexpr int PATIENCE_MS = 20'000;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    (folder + "/bus").copy(address.sun_path, sizeof(address.sun_path) - 1);
+    std::filesystem::remove(folder + "/bus");
+    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const auto* general = reinterpret_cast<const sockaddr*>(&address);
+    if (bind(listener, general, sizeof(address)) != 0 || listen(listener, 8) != 0)
+        throw std::runtime_error("cannot listen at " + folder + "/bus");
+    begin();
+    int count = 0;
+    for (pollfd readable{listener, POLLIN, 0}; count < connections && poll(&readable, 1, PATIENCE_MS) == 1; ++count)
+        close(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+    close(listener);
+    return count;
 }
 
 void PrivateBus::Freeze() const {

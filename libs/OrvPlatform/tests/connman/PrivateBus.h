@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <sys/types.h>
@@ -39,6 +40,9 @@ public:
     void Stop() { daemon.reset(); }
     void Freeze() const;
     void Thaw() const;
+    /// In the place of a stopped bus: calls `begin`, then accepts and closes so many connections.
+    /// @return how many came in good time
+    int TurnAway(int connections, const std::function<void()>& begin) const;
     std::string Address() const { return "unix:path=" + folder + "/bus"; }
 
 private:

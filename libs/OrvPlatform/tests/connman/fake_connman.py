@@ -7,6 +7,7 @@ Takes commands on standard input, one a line, and answers each with one line:
   services INTERFACE:STATE[:immutable] ...   the services, in their order; the first such line brings it onto the bus
   state INTERFACE STATE                      a service's state changes
   mute-servers INTERFACE                     the network offers no name servers
+  quiet                                      no more notices of a new order after a move
   refuse METHOD ERROR                        METHOD (MoveBefore, SetProperty, GetServices) fails; "-" ends it
   calls                                      what has been asked for since the last time, ";" in between
 """
@@ -57,7 +58,8 @@ class Service(dbus.service.Object):
         order = self.manager.services
         order.remove(self)
         order.insert([path_of(other.interface) for other in order].index(target), self)
-        GLib.timeout_add(NOTICE_DELAY_MS, self.manager.tell_order, [])
+        if not self.manager.quiet:
+            GLib.timeout_add(NOTICE_DELAY_MS, self.manager.tell_order, [])
 
     @dbus.service.method(SERVICE, in_signature="sv")
     def SetProperty(self, name, value):
@@ -71,6 +73,7 @@ class Manager(dbus.service.Object):
     def __init__(self, bus):
         super().__init__(bus, "/")
         self.bus, self.services, self.calls, self.refused, self.name = bus, [], [], {}, None
+        self.quiet = False
 
     def note(self, method, *arguments):
         self.calls.append(" ".join((method,) + arguments))
@@ -121,6 +124,8 @@ class Manager(dbus.service.Object):
         elif word == "mute-servers":
             self.find(arguments[0]).offered = []
             self.find(arguments[0]).tell("Nameservers")
+        elif word == "quiet":
+            self.quiet = True
         elif word == "refuse":
             self.refused = {} if arguments[0] == "-" else {arguments[0]: arguments[1]}
         elif word == "calls":
