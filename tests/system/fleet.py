@@ -70,9 +70,11 @@ class Observer:
         self.lock = threading.Lock()
         self.messages = []
         self.subscribed = threading.Event()
+        self.lost = threading.Event()
         self.client = mqtt.Client(client_id="observer")
         self.client.on_connect = lambda client, *_: client.subscribe("/orv/#", 1)
         self.client.on_subscribe = lambda *_: self.subscribed.set()
+        self.client.on_disconnect = lambda *_: self.lost.set()
         self.client.on_message = self.note
         self.client.reconnect_delay_set(1, 1)
         self.client.connect("127.0.0.1", port, keepalive=5)
@@ -221,7 +223,10 @@ class Fleet:
         would be lost on an observer who is slower than they are.
         """
         self.observer.subscribed.clear()
+        self.observer.lost.clear()
         self.broker.stop()
+        # A broker that ends in good order still publishes the wills: they must not be taken for news.
+        assert self.observer.lost.wait(PATIENCE)
         for application in self.alive():
             application.process.send_signal(signal.SIGSTOP)
         self.observer.forget()
