@@ -13,18 +13,17 @@ import time
 
 from gateway import Application, Box, at
 
-FAIL_OVER = (("detection", "cloud lost"), ("delay", "Started Poke to cell"), ("poke", "poke success, route to Cell"),
-             ("connection manager", "route is Cell, reconnecting"), ("reconnect", "connected to the cloud"))
-RETURN = (("poke", "poke success, route to ETH"), ("connection manager", "route is eth, reconnecting"),
-          ("reconnect", "connected to the cloud"))
-WORDS = {"cloud lost": "eth cloud lost, start delay"}
+FAIL_OVER = (("detection", "eth cloud lost, start delay"), ("delay", "Started Poke to cell"),
+             ("poke", "poke success, route to Cell"), ("connection manager", "the default route is now over wwan0"),
+             ("reconnect", "connected to the cloud, from"))
+RETURN = (("poke", "poke success, route to ETH"), ("connection manager", "the default route is now over eth0"),
+          ("reconnect", "connected to the cloud, from"))
 
 
 def phases(application, steps, begun, since):
     """Waits for each step in turn and returns the milliseconds that it took, the whole last."""
     result, before = {}, begun
     for phase, text in steps:
-        text = WORDS.get(text, text)
         since = application.wait_for(text, 60, since)
         line = application.log()[:since].rsplit("\n", 1)[1]
         now = at(line.split(" ", 1)[0])
@@ -54,6 +53,7 @@ def main():
             box("provider", "eth", "dead")
             result, place = phases(application, FAIL_OVER, begun, place)
             overs.append(result)
+            place = application.wait_for("Started Poke eth if eth0", 10, place)
             begun = time.time()
             box("provider", "eth", "back")
             result, place = phases(application, RETURN, begun, place)
