@@ -20,7 +20,7 @@ def box():
     """A gateway of its own for each test, all of its parts running."""
     if not can_make_namespaces():
         pytest.skip("this machine does not let us make namespaces: run as root, in a container with --privileged")
-    with Box("t" + os.environ.get("PYTEST_XDIST_WORKER", "gw").removeprefix("gw")) as made:
+    with Box(f"t{os.getpid():x}") as made:
         yield made
 
 

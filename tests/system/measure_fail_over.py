@@ -5,6 +5,7 @@
 Measures fail-overs to Cellular and returns to Ethernet on a gateway box, end to end and phase by phase, and how long the
 library's calls took. Prints milliseconds: median and worst. Asserts nothing.
 """
+import os
 import pathlib
 import statistics
 import sys
@@ -44,7 +45,7 @@ def main():
     times = int(sys.argv[1]) if len(sys.argv) > 1 else 10
     tick = sys.argv[2] if len(sys.argv) > 2 else "100"
     overs, returns = [], []
-    with tempfile.TemporaryDirectory() as folder, Box("measure") as box:
+    with tempfile.TemporaryDirectory() as folder, Box(f"m{os.getpid():x}") as box:
         application = Application(box, pathlib.Path(folder), "--tick-ms", tick)
         application.wait_for_cloud("eth0", 10)
         place = application.wait_for("Cloud connected with Ethernet interface", 5)
