@@ -76,7 +76,7 @@ void OrvRoute::Tick() {
 }
 
 OrvRoute::RouteState OrvRoute::Step(bool pokeSucceeded) {
-    RouteState next = state;
+    RouteState next = state; // NOLINT(clang-analyzer-deadcode.DeadStores): a foreign value would do nothing
     switch (state) {
     case RouteState::ETHERNET_ACTIVE:
         next = EthernetActive();
