@@ -142,10 +142,13 @@ std::vector<Setting> BrokerSettings() {
         {"broker", "password", "up to 128 bytes without control characters, or nothing",
          [](const std::string& value, GatewayConfig& config) { return ReadText(value, config.broker.password); },
          [](const GatewayConfig& config) { return config.broker.password; }, true},
-        {"broker", "client_id_suffix", "up to 32 letters, digits, '-', '_' and '.', or nothing",
+        {"broker", "client_id_suffix", "up to 32 letters, digits, '-', '_', '.', %p and %n, or nothing",
          [](const std::string& value, GatewayConfig& config) {
-             if (value.size() > 32 || !HasOnly(value, std::string(letters) + digits + "-_."))
+             if (value.size() > 32 || !HasOnly(value, std::string(letters) + digits + "-_.%"))
                  return false;
+             for (std::size_t at = 0; (at = value.find('%', at)) != std::string::npos; at += 2)
+                 if (value.compare(at, 2, "%p") != 0 && value.compare(at, 2, "%n") != 0)
+                     return false;
              config.broker.clientIdSuffix = value;
              return true;
          },

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "QueueOwnerCore.h"
 
+#include "ClientIdSuffix.h"
+
 #include <arpa/inet.h>
 #include <mosquitto.h>
 #include <sys/eventfd.h>
@@ -60,7 +62,7 @@ int StatusOf(int error) {
 
 QueueOwner::Core::Core(QueueOwner& queueOwner, const std::string& id, const OrvPlatform::GatewayConfig::Broker& broker)
     : settings(broker),
-      clientId(id + broker.clientIdSuffix),
+      clientId(id + OrvPlatform::ClientIdSuffix(broker.clientIdSuffix, id)),
       place(broker.host + ":" + std::to_string(broker.port)),
       wakeUp(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
       logger("QueueOwner", 0),

@@ -172,8 +172,9 @@ void QueueOwner::Core::LoseConnection(int error, int systemError) {
             "lost the connection to " + place + ": " + MosquittoErrorText(error, systemError) + "; reconnecting");
     } else if (!evictionSaid) {
         evictionSaid = true;
-        Say(Severity::ERROR, "the broker keeps throwing this client off: another client uses the same id; give each "
-                             "application a [broker] client_id_suffix of its own");
+        Say(Severity::ERROR,
+            "the broker keeps throwing this client off: another client uses the same id; give each "
+            "application a [broker] client_id_suffix of its own (with %n in it for several clients in one)");
     }
 }
 

@@ -131,8 +131,8 @@ INSTANTIATE_TEST_SUITE_P(
         BadValue{"Suffix",
                  "broker",
                  "client_id_suffix",
-                 {"a b", "a/b", std::string(33, 'x')},
-                 "it stays unset. Valid: up to 32 letters, digits, '-', '_' and '.', or nothing"},
+                 {"a b", "a/b", "%", "%x", "-%p%", std::string(33, 'x')},
+                 "it stays unset. Valid: up to 32 letters, digits, '-', '_', '.', %p and %n, or nothing"},
         BadValue{
             "KeepAlive", "broker", "keep_alive", {"4", "3601", "5s"}, "5 stays in force. Valid: 5 to 3600 seconds"},
         BadValue{"Outstanding",

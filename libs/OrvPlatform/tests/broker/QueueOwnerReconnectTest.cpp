@@ -257,7 +257,7 @@ TEST_F(TwoClientsWithOneId, AreReportedOnceWithTheRemedy) {
     ASSERT_TRUE(second.Connect());
     ASSERT_TRUE(WaitUntil([&] { return first.Connects() + second.Connects() >= 10; }, 60s));
     const std::size_t reports = Logged("another client uses the same id; give each application a [broker] "
-                                       "client_id_suffix of its own");
+                                       "client_id_suffix of its own (with %n in it for several clients in one)");
     EXPECT_GE(reports, 1U);
     EXPECT_LE(reports, 2U) << "each of the two says it once";
 }
@@ -271,6 +271,20 @@ TEST_F(TwoClientsWithOneId, LiveSideBySideWithDifferentSuffixes) {
     EXPECT_TRUE(IsUpToDate(first));
     EXPECT_TRUE(IsUpToDate(second));
     EXPECT_EQ(first.Connects(), 1);
+}
+
+TEST_F(TwoClientsWithOneId, LiveSideBySideInOneProcessWithANumberedSuffix) {
+    BrokerSettings().clientIdSuffix = "-%p-%n";
+    TestClient first("numbered");
+    TestClient second("numbered");
+    ASSERT_TRUE(first.Connect());
+    ASSERT_TRUE(second.Connect());
+    EXPECT_TRUE(IsUpToDate(first));
+    EXPECT_TRUE(IsUpToDate(second));
+    EXPECT_EQ(first.Connects(), 1);
+    const std::string process = "numbered-" + std::to_string(getpid());
+    EXPECT_EQ(Logged(process + "-1: connected to"), 1U);
+    EXPECT_EQ(Logged(process + "-2: connected to"), 1U);
 }
 
 // The will of the broken connection is spoken when the broker takes the session over, before it accepts the new one.

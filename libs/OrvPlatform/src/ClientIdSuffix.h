@@ -1,0 +1,12 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <string>
+
+namespace OrvPlatform {
+
+/// What is appended to one client's id: the configured suffix with "%p" replaced by the process id and "%n" by the
+/// number of this client among those of the process that were made with the same id, from 1. Callable from any thread.
+std::string ClientIdSuffix(const std::string& configured, const std::string& clientId);
+
+} // namespace OrvPlatform
