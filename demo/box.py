@@ -126,7 +126,7 @@ class BoxDemo:
     def up(self):
         self.box("up")
         self.run.begin = time.monotonic()
-        wire = self.on_gateway("stdbuf", "-oL", "mosquitto_sub", "-V", "mqttv5", "--retain-as-published", "-t", "/orv/#",
+        wire = self.on_gateway("stdbuf", "-oL", "mosquitto_sub", "-h", "127.0.0.1", "-V", "mqttv5", "--retain-as-published", "-t", "/orv/#",
                                "-F", "%r %t %p", stdout=subprocess.PIPE)
         self.follow(wire.stdout, self.on_message)
         routes = self.on_gateway("stdbuf", "-oL", "ip", "-o", "monitor", "route", stdout=subprocess.PIPE)

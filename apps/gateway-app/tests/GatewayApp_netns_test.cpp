@@ -225,7 +225,7 @@ TEST_F(AGatewayWithACloud, WaitsForItsOwnBroker) {
 
 TEST_F(AGatewayWithACloud, ReloadsWhenItIsOrderedTo) {
     StartConnectedApp();
-    const std::string publish = "mosquitto_pub -p " + std::to_string(gatewayBroker->Port()) +
+    const std::string publish = "mosquitto_pub -h 127.0.0.1 -p " + std::to_string(gatewayBroker->Port()) +
                                 " -t /orv/apps_control/features/gateway-app/init -m reload";
     ASSERT_EQ(std::system(publish.c_str()), 0);
     EXPECT_TRUE(EventuallyHas("\"action\":\"RELOAD\""));
