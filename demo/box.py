@@ -126,8 +126,8 @@ class BoxDemo:
     def up(self):
         self.box("up")
         self.run.begin = time.monotonic()
-        wire = self.on_gateway("stdbuf", "-oL", "mosquitto_sub", "-h", "127.0.0.1", "-V", "mqttv5", "--retain-as-published", "-t", "/orv/#",
-                               "-F", "%r %t %p", stdout=subprocess.PIPE)
+        wire = self.on_gateway("stdbuf", "-oL", "mosquitto_sub", "-h", "127.0.0.1", "-V", "mqttv5", "--retain-as-published",
+                               "-t", "/orv/#", "-F", "%r %t %p", stdout=subprocess.PIPE)
         self.follow(wire.stdout, self.on_message)
         routes = self.on_gateway("stdbuf", "-oL", "ip", "-o", "monitor", "route", stdout=subprocess.PIPE)
         self.follow(routes.stdout, lambda _: self.on_route())
@@ -136,7 +136,8 @@ class BoxDemo:
     def start_application(self):
         transcript = os.path.join(self.state, "app.jsonl")
         open(transcript, "w", encoding="utf-8").close()
-        application = self.on_gateway("env", f"ORV_LOG_LEVEL={LOG_LEVEL}", "RES_OPTIONS=timeout:1 attempts:2", self.app, "--name", "demo", "--cloud-host", "cloud.box.test", "--tick-ms", "100",
+        application = self.on_gateway("env", f"ORV_LOG_LEVEL={LOG_LEVEL}", "RES_OPTIONS=timeout:1 attempts:2", self.app,
+                                      "--name", "demo", "--cloud-host", "cloud.box.test", "--tick-ms", "100",
                                       "--transcript", transcript, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
         self.log_reader = self.follow(application.stderr, self.on_log)
         happenings = subprocess.Popen(["tail", "-F", "-n", "+1", transcript], stdout=subprocess.PIPE,
@@ -157,7 +158,8 @@ class BoxDemo:
 
     def on_route(self):
         found = re.search(r"\bdev (\S+)", self.box("exec", "ip", "route", "show", "default", check=False))
-        self.run.note("default route", found.group(1) if found else "none", f"default over {found.group(1) if found else 'nothing'}")
+        interface = found.group(1) if found else "none"
+        self.run.note("default route", interface, f"default over {interface}")
 
     def on_log(self, line):
         self.transcript.line("log", line[25:] if line[:2] == "20" else line, "dim")
@@ -200,8 +202,7 @@ class BoxDemo:
 
         run.show(2)
         run.mark("the application reports a failure")
-        holder = self.application_pid(application)
-        os.kill(holder, signal.SIGUSR1)
+        application.send_signal(signal.SIGUSR1)  # `box exec` has replaced itself by the program
         run.wait("both LEDs blinking", 10, lambda: run.now("green LED") == run.now("yellow LED") == "Blink")
 
         errors = self.on_gateway_disk(ERRORS)
@@ -210,16 +211,11 @@ class BoxDemo:
 
         run.show(1)
         run.mark("the application is told to end")
-        os.kill(holder, signal.SIGTERM)
+        application.send_signal(signal.SIGTERM)
         status = application.wait(10)
         self.log_reader.join(2)
         run.events.append({"t": time.monotonic() - run.begin, "end": True})
         return faults + self.judge(status)
-
-    @staticmethod
-    def application_pid(process):
-        """`box exec` replaces itself by the program, so the process that was started is the program."""
-        return process.pid
 
     def judge(self, status):
         faults = [] if status == 0 else [f"the application ended with exit status {status}"]
