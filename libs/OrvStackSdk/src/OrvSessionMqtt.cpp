@@ -224,7 +224,7 @@ void OrvSessionMqtt::OnPublish(const std::string& topic, const std::string& mess
     const std::string shown = Shown(message);
     const std::string logContext = "(topic=" + topic + ", message=" + shown + ")";
 
-    // Declared last: releasing it may destroy the client and this session with it.
+    // Declared last: releasing it may destroy the client and, with it, this object.
     const auto receiver = handler.lock();
     if (!receiver)
         return;
