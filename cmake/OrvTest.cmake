@@ -10,6 +10,10 @@ function(orv_add_test name)
   target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES} GTest::gtest GTest::gtest_main Threads::Threads)
   # gtest's macros are not written for this one.
   target_compile_options(${name} PRIVATE -Wno-sign-conversion)
+  if(ORV_SANITIZE)
+    # What is tested stays optimised; test code compiles in a third of the time without it.
+    target_compile_options(${name} PRIVATE -O0 -gline-tables-only)
+  endif()
   add_test(NAME ${name} COMMAND ${name})
   if(ARG_LABELS)
     set_tests_properties(${name} PROPERTIES LABELS "${ARG_LABELS}")
