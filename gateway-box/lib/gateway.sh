@@ -14,7 +14,7 @@ on_gateway_replacing_this_process() {
         clock=(LD_PRELOAD="$(faketime_library)" FAKETIME_TIMESTAMP_FILE=/run/clock-offset FAKETIME_NO_CACHE=1
             FAKETIME_DONT_FAKE_MONOTONIC=1)
     fi
-    exec nsenter --target "$holder" --net --mount --uts --wd="$PWD" -- \
+    exec nsenter --target "$holder" --root --net --mount --uts --wd="$PWD" -- \
         setpriv --bounding-set="$forbidden" -- env DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket \
         ORV_GATEWAY_CONFIG=/etc/orv/gateway.ini "${clock[@]}" "$@"
 }
