@@ -13,6 +13,8 @@
 #include "TestClient.h"
 #include "WaitUntil.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -108,9 +110,15 @@ public:
     std::map<std::string, std::string> expected;
 };
 
-void Print(const char* what, const OrvTest::ProcessFigures& figures) {
-    std::printf("%-8s %zu threads, %zu descriptors, %zu KiB resident\n", what, figures.threads, figures.descriptors,
-                figures.residentBytes / 1024);
+struct Figures {
+    OrvTest::ProcessFigures process = OrvTest::ProcessFigures::Now();
+    std::size_t heap = mallinfo2().uordblks; // bytes in use, messages under way included
+};
+
+void Print(const char* what, const Figures& figures) {
+    std::printf("%-8s %zu threads, %zu descriptors, %zu KiB resident, %zu bytes of heap in use\n", what,
+                figures.process.threads, figures.process.descriptors, figures.process.residentBytes / 1024,
+                figures.heap);
 }
 
 double Longest(const Traffic& traffic) {
@@ -156,10 +164,11 @@ int Restarts(int count) {
     for (int warmUp = 0; warmUp < 5; ++warmUp)
         restart();
     recoveries.clear();
-    const auto before = OrvTest::ProcessFigures::Now();
+    recoveries.reserve(static_cast<std::size_t>(count));
+    const auto before = Figures();
     for (int number = 0; number < count; ++number)
         restart();
-    const auto after = OrvTest::ProcessFigures::Now();
+    const auto after = Figures();
     traffic.Stop();
     if (!TrafficIsRight(application, traffic)) {
         std::puts("a last accepted value of the traffic is not what the broker retains");
