@@ -18,20 +18,9 @@ import time
 import timeline
 from transcript import Transcript
 
-# What the route supervision writes when it enters a state.
-STATE_ENTERED = [
-    ("eth cloud lost, start delay to cell", "ETHERNET_LOST_DELAY"),
-    ("eth cloud reconnected by itself", "ETHERNET_ACTIVE"),
-    ("cell cloud reconnected by itself", "CELLULAR_ACTIVE"),
-    ("Started Poke to cell if", "POKING_CELLULAR"),
-    ("poke success, route to Cell", "SWITCHING_TO_CELLULAR"),
-    ("poke cell aborted", "ETHERNET_ACTIVE"),
-    ("route is Cell, reconnecting", "CELLULAR_ACTIVE"),
-    ("poke success, route to ETH", "SWITCHING_TO_ETHERNET"),
-    ("route is eth, reconnecting", "ETHERNET_SETTLE_DELAY"),
-    ("cell to eth delay done", "ETHERNET_ACTIVE"),
-    ("as top interface, restarting SM", "ETHERNET_ACTIVE"),
-]
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "gateway-box"))
+import route_states  # noqa: E402
+
 STATES = ["ETHERNET_ACTIVE", "ETHERNET_LOST_DELAY", "POKING_CELLULAR", "SWITCHING_TO_CELLULAR", "CELLULAR_ACTIVE",
           "SWITCHING_TO_ETHERNET", "ETHERNET_SETTLE_DELAY", "ETHERNET_ACTIVE"]
 STATUS_FILE = "/var/tmp/new_enterprise_statuses.csv"
@@ -163,10 +152,9 @@ class BoxDemo:
 
     def on_log(self, line):
         self.transcript.line("log", line[25:] if line[:2] == "20" else line, "dim")
-        if "[OrvRoute]" in line:
-            for text, state in STATE_ENTERED:
-                if text in line:
-                    self.run.note("route state", state, state, "bold")
+        state = route_states.entered(line)
+        if state:
+            self.run.note("route state", state, state, "bold")
 
     def on_happening(self, line):
         happening = json.loads(line)

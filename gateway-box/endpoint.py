@@ -2,9 +2,10 @@
 # SPDX-License-Identifier: Apache-2.0
 """endpoint.py FOLDER ADDRESS ETHERNET-PREFIX CELLULAR-PREFIX
 
-The cloud's HTTPS endpoint. Writes one line for every connection: time, side, peer and what came of it, so that a test
-can tell from the cloud's side whether a TLS handshake took place. How it answers each side stands in FOLDER/answer-eth
-and FOLDER/answer-cell: ok, silent (accepts and says nothing) or wrong-certificate.
+The cloud's HTTPS endpoint. Writes one line for every connection: when it was taken, side, peer and what came of it, so
+that a test can tell from the cloud's side whether a TLS handshake took place. (The client's end of a handshake comes
+first: its last message ends it, and that one has yet to arrive.) How it answers each side stands in FOLDER/answer-eth and
+FOLDER/answer-cell: ok, silent (accepts and says nothing) or wrong-certificate.
 """
 import datetime
 import pathlib
@@ -25,27 +26,25 @@ def context(certificate):
 contexts = {"ok": context("server"), "wrong-certificate": context("wrong")}
 
 
-def say(side, peer, outcome):
-    now = datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%dT%H:%M:%S.%f")[:-3] + "Z"
-    print(now, side, f"{peer[0]}:{peer[1]}", outcome, flush=True)
+def serve(connection, peer, taken):
+    def say(outcome):
+        print(taken.strftime("%Y-%m-%dT%H:%M:%S.%f")[:-3] + "Z", side, f"{peer[0]}:{peer[1]}", outcome, flush=True)
 
-
-def serve(connection, peer):
     side = "eth" if peer[0].startswith(eth_prefix) else "cell" if peer[0].startswith(cell_prefix) else "other"
     answer = (folder / f"answer-{side}").read_text().strip() if side != "other" else "ok"
     connection.settimeout(60)
     try:
         if answer == "silent":
-            say(side, peer, "silent")
+            say("silent")
             while connection.recv(4096):
                 pass
             return
         with contexts[answer].wrap_socket(connection, server_side=True) as tls:
-            say(side, peer, "handshake")
+            say("handshake")
             if tls.recv(4096):
                 tls.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 3\r\nConnection: close\r\n\r\nok\n")
     except OSError as error:
-        say(side, peer, f"failed: {error}")
+        say(f"failed: {error}")
     finally:
         connection.close()
 
@@ -53,4 +52,5 @@ def serve(connection, peer):
 listener = socket.create_server((address, 443), backlog=64)
 while True:
     accepted, sender = listener.accept()
-    threading.Thread(target=serve, args=(accepted, sender), daemon=True).start()
+    now = datetime.datetime.now(datetime.timezone.utc)
+    threading.Thread(target=serve, args=(accepted, sender, now), daemon=True).start()

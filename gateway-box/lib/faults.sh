@@ -48,13 +48,22 @@ fault_names() {
     esac
 }
 
+# The kernel may tell of a carrier a second later.
 fault_cable() {
     case ${1-} in
-        out) ip -n "$eth_ns" link set dev lan down ;;
-        in) ip -n "$eth_ns" link set dev lan up ;;
+        out)
+            ip -n "$eth_ns" link set dev lan down
+            wait_for 3 not has_carrier eth0 || die "eth0 still has a carrier, see: $0 exec ip link"
+            ;;
+        in)
+            ip -n "$eth_ns" link set dev lan up
+            wait_for 3 has_carrier eth0 || die "eth0 has no carrier, see: $0 exec ip link"
+            ;;
         *) bad_fault cable "cable out|in" ;;
     esac
 }
+
+has_carrier() { ip -n "$gateway_ns" -o link show dev "$1" | grep -q LOWER_UP; }
 
 fault_cellular() {
     case ${1-} in
@@ -89,6 +98,17 @@ fault_cloud_tls() {
             *) bad_fault cloud-tls "cloud-tls ok|refused|silent|wrong-certificate [eth|cell]" ;;
         esac
     done
+}
+
+fault_cloud_mqtt() {
+    case ${1-} in
+        ok) unfilter "$cloud_ns" refuse_mqtt ;;
+        refused)
+            filter "$cloud_ns" refuse_mqtt \
+                'chain input { type filter hook input priority 0; tcp dport 8883 reject with tcp reset; }'
+            ;;
+        *) bad_fault cloud-mqtt "cloud-mqtt ok|refused" ;;
+    esac
 }
 
 fault_broker() {
