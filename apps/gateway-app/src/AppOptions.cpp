@@ -11,6 +11,7 @@ namespace GatewayApp {
 AppOptions ReadOptions(const std::vector<std::string>& arguments) {
     AppOptions options;
     auto tick = static_cast<int>(options.tick.count());
+    auto refresh = static_cast<int>(options.refresh.count());
     CLI::App parser("The reference application of the connected-services stack.", "gateway-app");
     parser.set_config("--config", "",
                       "File with the options below as NAME=VALUE lines; read again on RELOAD and SIGHUP");
@@ -32,6 +33,12 @@ AppOptions ReadOptions(const std::vector<std::string>& arguments) {
     parser.add_option("--tick-ms", tick, "How often the client library is ticked")
         ->check(CLI::Range(10, 1000))
         ->capture_default_str();
+    parser
+        .add_option("--refresh-s", refresh,
+                    "How often the state is reported again without a change, for what the gateway's broker has missed; "
+                    "0: never")
+        ->check(CLI::Range(0, 3600))
+        ->capture_default_str();
     parser.add_option("--transcript", options.transcript, "File to append a JSON line to for everything that happens");
     parser.footer(
         "Which interfaces are the WAN, where the gateway's broker is and what is logged: /etc/orv/gateway.ini.\n"
@@ -45,6 +52,7 @@ AppOptions ReadOptions(const std::vector<std::string>& arguments) {
         throw OptionsError{text.str(), status == 0 ? 0 : 2};
     }
     options.tick = std::chrono::milliseconds(tick);
+    options.refresh = std::chrono::seconds(refresh);
     if (options.cloud.clientId.empty())
         options.cloud.clientId = options.name;
     return options;

@@ -15,6 +15,8 @@ struct AppOptions {
     std::string name = "gateway-app";
     CloudSettings cloud;
     std::chrono::milliseconds tick{250};
+    /// How often the cloud's state is reported again without a change; zero: never.
+    std::chrono::seconds refresh{30};
     /// See Transcript; empty: none.
     std::string transcript;
 };

@@ -1,17 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "DurationHistogram.h"
 
-#include <algorithm>
-
 namespace GatewayApp {
 
 namespace {
 
 constexpr std::chrono::microseconds kFirstBound{16};
 
+std::string Microseconds(std::chrono::nanoseconds time) {
+    return std::to_string(std::chrono::duration_cast<std::chrono::microseconds>(time).count());
+}
+
 } // namespace
 
-void DurationHistogram::Add(std::chrono::nanoseconds duration) {
+void DurationHistogram::Add(std::chrono::nanoseconds duration, std::chrono::nanoseconds processor) {
     std::size_t index = 0;
     std::chrono::nanoseconds bound = kFirstBound;
     while (duration >= bound && index + 1 < kClasses) {
@@ -20,13 +22,15 @@ void DurationHistogram::Add(std::chrono::nanoseconds duration) {
     }
     ++classes.at(index);
     ++count;
-    longest = std::max(longest, duration);
+    if (duration > longest) {
+        longest = duration;
+        processorOfLongest = processor;
+    }
 }
 
 std::string DurationHistogram::Json() const {
-    std::string text = "{\"count\":" + std::to_string(count) + ",\"longest_us\":" +
-                       std::to_string(std::chrono::duration_cast<std::chrono::microseconds>(longest).count()) +
-                       ",\"below_us\":{";
+    std::string text = "{\"count\":" + std::to_string(count) + ",\"longest_us\":" + Microseconds(longest) +
+                       ",\"longest_cpu_us\":" + Microseconds(processorOfLongest) + ",\"below_us\":{";
     std::chrono::microseconds bound = kFirstBound;
     bool first = true;
     for (std::size_t index = 0; index < kClasses; ++index, bound *= 2) {

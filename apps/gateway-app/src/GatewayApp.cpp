@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <ctime>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -40,12 +41,20 @@ int OpenSignals() {
     return descriptor;
 }
 
+std::chrono::nanoseconds ProcessorTime() {
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+}
+
 /// Does `work` and notes how long it took.
 template <typename Work>
 void Measure(DurationHistogram& durations, Work work) {
+    const std::chrono::nanoseconds processor = ProcessorTime();
     const auto begin = std::chrono::steady_clock::now();
     work();
-    durations.Add(std::chrono::steady_clock::now() - begin);
+    const auto end = std::chrono::steady_clock::now();
+    durations.Add(end - begin, ProcessorTime() - processor);
 }
 
 const char* Bool(bool value) {
@@ -64,6 +73,7 @@ Application::Application(AppOptions appOptions, std::vector<std::string> command
       mailbox(std::make_shared<Mailbox>()),
       startTimer(loop, [this] { TryToStart(); }),
       tickTimer(loop, [this] { Tick(); }),
+      refreshTimer(loop, [this] { SendEvent(CloudState()); }),
       watchdogTimer(loop, [this] { manager.Notify("WATCHDOG=1"); }),
       startBackOff(500ms, 5s, [this] { return std::generate_canonical<double, 32>(randomness); }),
       network(loop, ConfiguredInterfaces(),
@@ -127,9 +137,9 @@ void Application::Started() {
     Report(enabled ? OrvEvent::PANEL_CLOUD_ENABLED : OrvEvent::PANEL_CLOUD_DISABLED);
     for (const OrvEvent event : network.Wan().State())
         Report(event);
-    Report(cloud.Connected() ? OrvEvent::CLOUD_CONNECTED : OrvEvent::CLOUD_DISCONNECTED);
+    Report(CloudState());
     client->AppStatusRequest(AppStatus::READY);
-    tickTimer.Every(options.tick);
+    SetTimers();
     logger.Info() << options.name << " is ready";
     manager.Notify("STATUS=ready");
     Note("ready", {});
@@ -160,6 +170,7 @@ void Application::FollowCloudPath() {
 void Application::Stop() {
     cloud.Close();
     tickTimer.Stop();
+    refreshTimer.Stop();
     startTimer.Stop();
     if (client) {
         client->Stop();
@@ -252,8 +263,9 @@ void Application::Reload() {
         options.cloud = fresh.cloud;
         options.tick = fresh.tick;
         logger.Info() << "options read anew" << (other ? ", the cloud is another one" : "");
+        options.refresh = fresh.refresh;
         if (started)
-            tickTimer.Every(options.tick);
+            SetTimers();
         if (other) {
             Report(options.cloud.host.empty() ? OrvEvent::PANEL_CLOUD_DISABLED : OrvEvent::PANEL_CLOUD_ENABLED);
             cloud.Reopen(options.cloud, "other cloud settings");
@@ -269,8 +281,22 @@ void Application::Reload() {
 void Application::Report(OrvEvent event) {
     logger.Info() << "event " << event;
     if (started)
-        Measure(eventDurations, [&] { client->EventUpdateRequest(event); });
+        SendEvent(event);
     Note("event", {{"event", JsonText(OrvEventText(event))}, {"reported", Bool(started)}});
+}
+
+void Application::SendEvent(OrvEvent event) {
+    Measure(eventDurations, [&] { client->EventUpdateRequest(event); });
+}
+
+OrvEvent Application::CloudState() const {
+    return cloud.Connected() ? OrvEvent::CLOUD_CONNECTED : OrvEvent::CLOUD_DISCONNECTED;
+}
+
+void Application::SetTimers() {
+    tickTimer.Every(options.tick);
+    // A message that the gateway's broker was not there to take is sent with the next event only.
+    refreshTimer.Every(options.refresh);
 }
 
 void Application::Note(const std::string& what, const Transcript::Fields& fields) {

@@ -56,6 +56,9 @@ private:
     void Reload();
 
     void Report(OrvStackSdk::OrvEvent event);
+    void SendEvent(OrvStackSdk::OrvEvent event);
+    OrvStackSdk::OrvEvent CloudState() const;
+    void SetTimers();
     void FollowCloudPath();
     void Note(const std::string& what, const Transcript::Fields& fields);
 
@@ -73,6 +76,7 @@ private:
     std::shared_ptr<Mailbox> mailbox; // shared with the library's thread by way of the callbacks
     Timer startTimer;
     Timer tickTimer;
+    Timer refreshTimer;
     Timer watchdogTimer;
     BackOff startBackOff;
     NetworkWatcher network;

@@ -28,20 +28,24 @@ TEST(OptionsWithoutArguments, AreTheDefaults) {
     EXPECT_EQ(options.cloud.port, 8883);
     EXPECT_EQ(options.cloud.clientId, "gateway-app");
     EXPECT_EQ(options.tick, 250ms);
+    EXPECT_EQ(options.refresh, 30s);
 }
 
 TEST(OptionsOnTheCommandLine, AreTaken) {
-    const AppOptions options = ReadOptions({"--name", "heating", "--cloud-host", "cloud.example", "--cloud-port", "443",
-                                            "--cloud-ca", "/ca.pem", "--tick-ms", "100", "--transcript", "/t.json"});
+    const AppOptions options =
+        ReadOptions({"--name", "heating", "--cloud-host", "cloud.example", "--cloud-port", "443", "--cloud-ca",
+                     "/ca.pem", "--tick-ms", "100", "--refresh-s", "0", "--transcript", "/t.json"});
     EXPECT_EQ(options.name, "heating");
     const CloudSettings cloud{"cloud.example", 443, "/ca.pem", "heating"};
     EXPECT_EQ(options.cloud, cloud);
     EXPECT_EQ(options.tick, 100ms);
+    EXPECT_EQ(options.refresh, 0s);
     EXPECT_EQ(options.transcript, "/t.json");
 }
 
 TEST(WrongOptions, AreRefusedByName) {
     EXPECT_NE(ErrorOf({"--tick-ms", "5"}).find("--tick-ms"), std::string::npos);
+    EXPECT_NE(ErrorOf({"--refresh-s", "-1"}).find("--refresh-s"), std::string::npos);
     EXPECT_NE(ErrorOf({"--cloud-port", "0"}).find("--cloud-port"), std::string::npos);
     EXPECT_NE(ErrorOf({"--name", "a/b"}).find("one level of a topic"), std::string::npos);
     EXPECT_NE(ErrorOf({"--config", "/does/not/exist.ini"}).find("/does/not/exist.ini"), std::string::npos);

@@ -117,8 +117,8 @@ protected:
 
     void StartApp() {
         const std::vector<std::string> words = {
-            ORV_GATEWAY_APP, "--cloud-host", "10.11.0.1", "--cloud-port", port, "--cloud-ca",
-            trusted,         "--transcript", transcript,  "--tick-ms",    "50"};
+            ORV_GATEWAY_APP, "--cloud-host", "10.11.0.1", "--cloud-port", port,          "--cloud-ca", trusted,
+            "--transcript",  transcript,     "--tick-ms", "50",           "--refresh-s", "1"};
         app = std::make_unique<Child>(words, folder.Path("app.log"));
     }
     void StartConnectedApp() {
@@ -221,6 +221,21 @@ TEST_F(AGatewayWithACloud, WaitsForItsOwnBroker) {
     gatewayBroker->Start();
     EXPECT_TRUE(EventuallyHas("\"what\":\"ready\""));
     EXPECT_TRUE(EventuallyHas("\"event\":\"CLOUD_CONNECTED\",\"reported\":true"));
+}
+
+TEST_F(AGatewayWithACloud, SaysAgainWhatItsOwnBrokerHasMissed) {
+    StartConnectedApp();
+    const auto led = [this] {
+        const std::string subscribe = "mosquitto_sub -h 127.0.0.1 -p " + std::to_string(gatewayBroker->Port()) +
+                                      " -t /orv/led/connected_services_green -C 1 -W 1 >" + folder.Path("led");
+        return std::system(subscribe.c_str()) == 0 ? Content(folder.Path("led")) : std::string();
+    };
+    ASSERT_TRUE(Eventually([&] { return led() == "On\n"; }));
+    gatewayBroker->Kill();
+    ASSERT_TRUE(Ip("addr flush dev eth0"));
+    ASSERT_TRUE(EventuallyHas("\"event\":\"CLOUD_DISCONNECTED\""));
+    gatewayBroker->Start();
+    EXPECT_TRUE(Eventually([&] { return led() == "Off\n"; }));
 }
 
 TEST_F(AGatewayWithACloud, ReloadsWhenItIsOrderedTo) {
