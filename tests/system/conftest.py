@@ -7,7 +7,12 @@ import sys
 import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
-from gateway import Application, Box, Witness  # noqa: E402
+from calls import Calls  # noqa: E402
+from gateway import Box  # noqa: E402
+from scene import Scene  # noqa: E402
+
+# A call that waited for a broker, the bus or a name server would take 3 s at least.
+WAITED = 2_500_000
 
 
 def can_make_namespaces():
@@ -25,30 +30,37 @@ def box():
 
 
 @pytest.fixture
-def witness(box, tmp_path):
-    return Witness(box, tmp_path)
+def make_scene(box, tmp_path, request):
+    """Starts the application; in the end it is stopped and the scene audited. `clock`: with a wall clock of its own."""
+    made = []
+
+    def make(*options, clock=False):
+        made.append(Scene(box, tmp_path, *options, clock=clock))
+        return made[-1]
+
+    yield make
+    for scene in made:
+        if scene.application.process.poll() is None:
+            figures = scene.application.stop()
+            request.node.user_properties.append(("calls", {call: figures[call] for call in Calls.KINDS}))
+            for call in Calls.KINDS:
+                assert figures[call]["longest_us"] < WAITED
+        scene.audit()
 
 
 @pytest.fixture
-def application(box, witness, tmp_path):
-    """The application, connected to the cloud over Ethernet."""
-    del witness
-    started = Application(box, tmp_path)
-    started.wait_for_cloud("eth0", 10)
-    started.wait_for("Cloud connected with Ethernet interface", 5)
-    yield started
-    if started.process.poll() is None:
-        figures = started.stop()
-        for call in ("tick", "event_update"):
-            print(f"{call}: {figures[call]['count']} calls, the longest {figures[call]['longest_us']} us")
-            # A call that waited for a broker, the bus or a name server would take 3 s at least.
-            assert figures[call]["longest_us"] < 2_500_000
+def scene(make_scene):
+    """The application, connected to the cloud over Ethernet; it reports nothing but changes."""
+    return make_scene("--refresh-s", "0").start()
 
 
-@pytest.fixture
-def application_on_cellular(box, application):
-    """The application after a fail-over: state CELLULAR_ACTIVE, Ethernet's provider dead."""
-    box("provider", "eth", "dead")
-    application.wait_for("route is Cell, reconnecting", 20)
-    application.wait_for_cloud("wwan0", 10)
-    return application
+def pytest_terminal_summary(terminalreporter):
+    calls = Calls()
+    for reports in terminalreporter.stats.values():
+        for report in reports:
+            if getattr(report, "when", None) == "teardown":
+                for name, figures in report.user_properties:
+                    if name == "calls":
+                        calls.add(report.nodeid.split("::")[-1], figures)
+    for line in calls.lines():
+        terminalreporter.write_line(line)

@@ -12,7 +12,8 @@ import sys
 import tempfile
 import time
 
-from gateway import Application, Box, at
+from application import Application
+from gateway import Box, at
 
 FAIL_OVER = (("detection", "eth cloud lost, start delay"), ("delay", "Started Poke to cell"),
              ("poke", "poke success, route to Cell"), ("connection manager", "the default route is now over wwan0"),

@@ -1,27 +1,16 @@
 # SPDX-License-Identifier: Apache-2.0
 """Fail-over to Cellular and the return to Ethernet, seen from all sides."""
+import signal
+
 import pytest
-from gateway import Application, at, wait_until
-
-INHIBIT = "/orv/network/wan/inhibit_dns"
-GREEN = "/orv/led/connected_services_green"
-YELLOW = "/orv/led/connected_services_yellow"
-NO_EXTERNAL = "/orv/apps_control/features/Ent/status/NoExtNet"
+from gateway import SLACK, wait_until
+from wire import GREEN, INHIBIT, NO_NETWORK, YELLOW
 
 
-def assert_on_ethernet(box, application, witness):
-    assert box.default_interfaces() == ["eth0"]
-    assert box.order() == ["eth0", "wwan0"]
-    assert witness.last(INHIBIT) in (None, "permit")
-    assert application.cloud_interface() == "eth0"
-
-
-def test_a_lost_provider_moves_the_cloud_to_cellular_and_back(box, application, witness):
-    assert_on_ethernet(box, application, witness)
-    witness.wait_for(GREEN, "On")
-    witness.wait_for(YELLOW, "Off")
-    assert box.status_file() == {"Enterprise Feature": "Enabled", "Cloud Connection": "Up", "Ethernet": "Up",
-                                 "Cellular": "Up"}
+def test_a_lost_provider_moves_the_cloud_to_cellular_and_back(scene):
+    box, application, witness = scene.box, scene.application, scene.witness
+    scene.settles("eth0", 5)
+    assert witness.payloads(INHIBIT) == []
     assert not box.handshakes("cell")
 
     box("provider", "eth", "dead")
@@ -31,56 +20,42 @@ def test_a_lost_provider_moves_the_cloud_to_cellular_and_back(box, application, 
     assert box.status_file()["Cloud Connection"] == "Down"
     assert box.default_interfaces() == ["eth0"]
     application.wait_for("Started Poke to cell if wwan0", 11)
-    application.wait_for("poke success, route to Cell", 5)
-    application.wait_for("route is Cell, reconnecting", 1)
-    # No unproven switch: the cloud has seen a handshake over Cellular before the route moved.
-    proof, move = box.handshakes("cell")[0], application.times_of("wwan0 is put on top")[0]
-    assert at(proof) <= at(move)
-    application.wait_for_cloud("wwan0", 5)
-    assert box.default_interfaces() == ["wwan0"]
-    assert box.order() == ["wwan0", "eth0"]
-    witness.wait_for(INHIBIT, "inhibit")
-    witness.wait_for(GREEN, "On")
-    assert box.status_file()["Cloud Connection"] == "Up"
+    scene.settles("wwan0", 10)
+    assert application.said("poke success, route to Cell")
 
-    proofs = len(box.handshakes("eth"))
     box("provider", "eth", "back")
     application.wait_for("poke success, route to ETH", 20)
     application.wait_for("route is eth, reconnecting", 1)
-    assert len(box.handshakes("eth")) > proofs
-    application.wait_for_cloud("eth0", 5)
-    place = application.wait_for("cell to eth delay done", 6)
-    application.wait_for("Cloud connected with Ethernet interface", 5, since=place)
-    wait_until(lambda: dict(box.services())["wwan0"] == "10.22.0.53", 5, "Cellular's name servers again")
-    assert_on_ethernet(box, application, witness)
+    application.wait_for("cell to eth delay done", 6)
+    scene.settles("eth0", 10)
     assert witness.payloads(INHIBIT) == ["inhibit", "permit"]
 
 
-def test_a_short_loss_moves_nothing(box, application, witness):
-    box("provider", "eth", "dead")
-    application.wait_for("eth cloud lost, start delay to cell", 4)
-    box("provider", "eth", "back")
-    application.wait_for("eth cloud reconnected by itself", 8)
-    assert_on_ethernet(box, application, witness)
-    assert not box.handshakes("cell")
-    assert not application.said("is put on top")
+def test_a_short_loss_moves_nothing(scene):
+    scene.reach("ETHERNET_LOST_DELAY")
+    scene.box("provider", "eth", "back")
+    scene.application.wait_for("eth cloud reconnected by itself", 8)
+    scene.settles("eth0", 5)
+    assert not scene.box.handshakes("cell")
+    assert not scene.application.said("is put on top")
 
 
-def test_a_cloud_that_comes_back_over_cellular_by_itself_stays_there(box, application, witness):
-    box("provider", "eth", "dead")
-    application.wait_for("eth cloud lost, start delay to cell", 4)
-    box("cable", "out")  # ConnMan takes the other interface by itself
-    box("wait-route", "wwan0", "5")
-    application.wait_for("cell cloud reconnected by itself", 8)
-    witness.wait_for(INHIBIT, "inhibit")
-    assert application.cloud_interface() == "wwan0"
-    assert box.order() == ["wwan0"]
+def test_a_cloud_that_comes_back_over_cellular_by_itself_stays_there(scene):
+    scene.expected_complaints = ("cannot put eth0 on top now",)
+    scene.reach("ETHERNET_LOST_DELAY")
+    scene.box("cable", "out")  # ConnMan takes the other interface by itself
+    scene.connected = {"wwan0"}
+    scene.application.wait_for("cell cloud reconnected by itself", 8)
+    scene.settles("wwan0", 5)
+    assert not scene.application.said("Started Poke")
 
 
 @pytest.mark.parametrize("answer, code", [("refused", 7), ("silent", 28), ("wrong-certificate", 60)])
-def test_without_proof_nothing_is_moved(box, application, witness, answer, code):
+def test_without_proof_nothing_is_moved(scene, answer, code):
+    box, application, witness = scene.box, scene.application, scene.witness
+    scene.expected_complaints = (f"poke error {code}",)
     box("cloud-tls", answer, "cell")
-    box("provider", "eth", "dead")
+    scene.reach("ETHERNET_LOST_DELAY")
     application.wait_for("Started Poke to cell if wwan0", 14)
     witness.wait_for(INHIBIT, "inhibit")
     place = application.wait_for(f"poke error {code}", 16)
@@ -93,40 +68,73 @@ def test_without_proof_nothing_is_moved(box, application, witness, answer, code)
 
     box("cloud-tls", "ok", "cell")
     application.wait_for("route is Cell, reconnecting", 12 + 15, since=place)
-    application.wait_for_cloud("wwan0", 5)
-    assert box.handshakes("cell")
+    scene.settles("wwan0", 5)
 
 
-def test_a_start_with_a_dead_ethernet_provider_ends_on_cellular(box, witness, tmp_path):
+def test_a_start_with_a_dead_ethernet_provider_ends_on_cellular(box, make_scene):
     box("provider", "eth", "dead")
-    application = Application(box, tmp_path)
-    application.wait_for("route is Cell, reconnecting", 20)
-    application.wait_for_cloud("wwan0", 5)
-    assert box.default_interfaces() == ["wwan0"]
-    witness.wait_for(INHIBIT, "inhibit")
-    witness.wait_for(GREEN, "On")
-    application.stop()
+    make_scene().settles("wwan0", 25)
 
 
 @pytest.mark.parametrize("side, interface", [("eth", "eth0"), ("cell", "wwan0")])
-def test_with_both_providers_dead_the_first_one_back_carries_the_cloud(box, application, witness, side, interface):
-    box("provider", "cell", "dead")
+def test_with_both_providers_dead_the_first_one_back_carries_the_cloud(scene, side, interface):
+    scene.expected_complaints = ("poke error 28", "poke error 6")
+    scene.box("provider", "cell", "dead")
+    scene.box("provider", "eth", "dead")
+    scene.application.wait_for("Started Poke to cell if wwan0", 15)
+    scene.application.wait_for("poke cell aborted", 21)
+    assert scene.box.default_interfaces() == ["eth0"]
+    assert scene.witness.last(YELLOW) == "Blink"
+    assert scene.witness.last(NO_NETWORK) == "false"  # there are links and addresses, only nothing behind them
+    scene.box("provider", side, "back")
+    scene.settles(interface, 40)
+
+
+def test_a_cellular_address_lost_while_poking_ethernet_is_mirrored(scene):
+    scene.reach("CELLULAR_ACTIVE")
+    scene.expected_complaints = ("cannot put wwan0 on top now", "poke error 7")
+    scene.box("cellular", "out")
+    scene.witness.wait_for(INHIBIT, "permit", 3)
+    wait_until(lambda: scene.box.status_file()["Cloud Connection"] == "Down", SLACK, "the loss in the status file")
+    scene.box("cellular", "in")
+    scene.witness.wait_for(INHIBIT, "inhibit", 5)
+    scene.settles("wwan0", 20)
+    assert scene.witness.payloads(INHIBIT) == ["inhibit", "permit", "inhibit"]
+
+
+def test_a_failure_is_shown_by_both_leds_and_noted_in_the_error_file(scene):
+    box, witness = scene.box, scene.witness
+    scene.expected_complaints = ("a failure was reported",)
+    assert box.error_file() is None
+    scene.application.process.send_signal(signal.SIGUSR1)
+    witness.wait_for(GREEN, "Blink")
+    witness.wait_for(YELLOW, "Blink")
+    wait_until(lambda: (box.error_file() or "").endswith(",Fatal Error Detected"), SLACK, "the error file")
+    assert box.error_file().split(",")[0].isdigit()
+    kept = witness.kept()
+    assert (kept[GREEN], kept[YELLOW]) == ("Blink", "Blink")
+    # It stays, whatever the route does.
     box("provider", "eth", "dead")
-    application.wait_for("Started Poke to cell if wwan0", 15)
-    application.wait_for("poke cell aborted", 21)
-    assert box.default_interfaces() == ["eth0"]
-    assert witness.last(YELLOW) == "Blink"
-    box("provider", side, "back")
-    application.wait_for_cloud(interface, 40)
-    assert box.default_interfaces() == [interface]
-    witness.wait_for(GREEN, "On")
+    scene.application.wait_for("route is Cell, reconnecting", 20)
+    scene.application.wait_for_cloud("wwan0", 5)
+    assert witness.payloads(GREEN)[-1] == witness.payloads(YELLOW)[-1] == "Blink"
 
 
-def test_a_cellular_address_lost_while_poking_ethernet_is_mirrored(box, application_on_cellular, witness):
-    application_on_cellular.wait_for("Started Poke eth if eth0", 3)
-    witness.wait_for(INHIBIT, "inhibit")
-    box("cellular", "out")
-    witness.wait_for(INHIBIT, "permit", 3)
-    box("cellular", "in")
-    witness.wait_for(INHIBIT, "inhibit", 5)
-    box("wait-route", "wwan0", "10")
+def test_a_clock_put_forward_shortens_no_delay(make_scene):
+    scene = make_scene(clock=True).start()
+    scene.reach("ETHERNET_LOST_DELAY")
+    scene.set_clock("+3600")
+    scene.settles("wwan0", 25)
+    lost, moved = (scene.application.monotonic(what)[-1] for what in ("cloud_lost", "default_route"))
+    assert moved - lost >= 10
+
+
+def test_a_clock_before_the_certificates_begin_proves_nothing(make_scene):
+    scene = make_scene(clock=True).start()
+    scene.expected_complaints = ("poke error 60", "clock")
+    scene.reach("ETHERNET_LOST_DELAY")
+    scene.set_clock("-86400")
+    scene.application.wait_for("poke error 60", 12)
+    assert scene.box.default_interfaces() == ["eth0"]
+    scene.set_clock("+0")
+    scene.settles("wwan0", 25)

@@ -1,0 +1,104 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What must hold on the gateway, whatever has happened to it."""
+from gateway import at
+from wire import AVAILABLE, CLOUD, GREEN, INHIBIT, NO_NETWORK, YELLOW
+
+NAME_SERVERS = {"eth0": "10.21.0.53", "wwan0": "10.22.0.53"}
+CLOCK_GRAIN = 0.001  # both logs have milliseconds
+
+
+def unproven_moves(application, box, clock=0):
+    """Switches of the route that the cloud cannot confirm: no TLS handshake over that path within the attempt.
+
+    `clock`: by how many seconds the application's clock is off.
+    """
+    attempts = {"eth": None, "cell": None}
+    ends = {"poke success, route to Cell": "cell", "poke success, route to ETH": "eth"}
+    begins = {"Started Poke to cell if": "cell", "Started Poke eth if": "eth"}
+    handshakes = {side: [at(time) for time in box.handshakes(side)] for side in attempts}
+    faults = []
+    for line in application.log().splitlines():
+        for text, side in begins.items():
+            if text in line:
+                # One over Ethernet that was stopped goes on with the connection that it had.
+                attempts[side] = attempts[side] or at(line.split(" ", 1)[0]) - clock
+        if "poke cell aborted" in line:
+            attempts["cell"] = None
+        for text, side in ends.items():
+            if text in line:
+                begin, end = attempts[side], at(line.split(" ", 1)[0]) - clock
+                attempts[side] = None
+                if begin is None or not any(begin <= time + CLOCK_GRAIN and time <= end + CLOCK_GRAIN
+                                            for time in handshakes[side]):
+                    faults.append(f"no handshake over {side} since {begin}, only {handshakes[side]}, before: {line}")
+    return faults
+
+
+def orders_without_a_decision(application):
+    """Orders for Cellular that ConnMan has carried out although the supervision did not stand for it."""
+    decisions = {"poke success, route to Cell": True, "cell cloud reconnected by itself": True,
+                 # An order that was under way when the supervision gave up may still be confirmed.
+                 "Failed to set wwan0 as top interface": True,
+                 "poke success, route to ETH": False, "poke cell aborted": False}
+    cellular, faults = False, []
+    for line in application.log().splitlines():
+        for text, meaning in decisions.items():
+            if text in line:
+                cellular = meaning
+        if "wwan0 is put on top" in line and not cellular:
+            faults.append(f"nobody has decided for Cellular: {line}")
+    return faults
+
+
+def inhibits_not_told(application, witness):
+    """The DNS topic's values on the wire against the supervision's steps in the log."""
+    published = {"Started Poke to cell if": "inhibit", "cell cloud reconnected by itself": "inhibit",
+                 "poke cell aborted": "permit", "Failed to set wwan0 as top interface": "permit",
+                 "poke success, route to ETH": "permit"}
+    expected = [value for line in application.log().splitlines() for text, value in published.items() if text in line]
+    seen = witness.payloads(INHIBIT)
+    return [] if seen == expected else [f"on {INHIBIT}: {seen}, but by the log {expected}"]
+
+
+def expected_statuses(application):
+    def is_on(on, off):
+        return application.reported(on, off) == on
+
+    return {"Enterprise Feature": "Enabled" if is_on("PANEL_CLOUD_ENABLED", "PANEL_CLOUD_DISABLED") else "Disabled",
+            "Cloud Connection": "Up" if is_on("CLOUD_CONNECTED", "CLOUD_DISCONNECTED") else "Down",
+            "Ethernet": "Up" if is_on("ETHERNET_CONNECTED", "ETHERNET_DISCONNECTED") else "Down",
+            "Cellular": "Up" if is_on("CELLULAR_CONNECTED", "CELLULAR_DISCONNECTED") else "Down"}
+
+
+def unsettled(scene, interface, state, inhibit):
+    """What is not yet as it must be when the cloud is connected over `interface` and nothing is under way."""
+    box, application = scene.box, scene.application
+    up = [name for name in ("eth0", "wwan0") if name == interface or name in scene.connected]
+    order = [interface] + [name for name in up if name != interface]
+    faults = []
+
+    def compare(what, found, wanted):
+        if found != wanted:
+            faults.append(f"{what}: {found}, but it must be {wanted}")
+        return found == wanted
+
+    # The dear questions only when the cheap ones are answered right.
+    if not (compare("the cloud is connected over", application.cloud_interface(), interface)
+            and compare("route state", application.route_state(), state)):
+        return faults
+    compare("default route", box.default_interfaces(), [interface])
+    compare("ConnMan's order and name servers", box.services(), [(name, NAME_SERVERS[name]) for name in order])
+    compare("what the events say", expected_statuses(application),
+            {"Enterprise Feature": "Enabled", "Cloud Connection": "Up", "Ethernet": "Up" if "eth0" in up else "Down",
+             "Cellular": "Up" if "wwan0" in up else "Down"})
+    compare("status file", box.status_file(), expected_statuses(application))
+    compare("error file", box.error_file(), None)
+    if not faults:
+        kept = {GREEN: "On", YELLOW: "Off", CLOUD: "true", NO_NETWORK: "false"}
+        if inhibit:
+            kept[INHIBIT] = inhibit
+        found = scene.witness.kept()
+        if scene.wire_was_cut and found.get(AVAILABLE) == "false":
+            del found[AVAILABLE]  # the last will of the connection that was cut; the live "true" does not clear it
+        compare("what the broker keeps", found, kept)
+    return faults

@@ -1,0 +1,28 @@
+# SPDX-License-Identifier: Apache-2.0
+"""How long the library's calls took, over several runs of the application."""
+import collections
+
+
+class Calls:
+    KINDS = ("tick", "event_update")
+
+    def __init__(self):
+        self.classes = {kind: collections.Counter() for kind in self.KINDS}
+        self.longest = {kind: [] for kind in self.KINDS}
+
+    def add(self, run, figures):
+        for kind in self.KINDS:
+            self.classes[kind].update({bound: count for bound, count in figures[kind]["below_us"].items()})
+            self.longest[kind].append((figures[kind]["longest_us"], figures[kind].get("longest_cpu_us"), run))
+
+    def lines(self):
+        """A table for people: how many calls took less than so many microseconds, and the three longest."""
+        for kind in self.KINDS:
+            classes = self.classes[kind]
+            if not classes:
+                continue
+            bounds = sorted(classes, key=lambda bound: float("inf") if bound == "more" else int(bound))
+            yield f"{kind}: {sum(classes.values())} calls; by the time below which they stayed [us]:"
+            yield "  " + "  ".join(f"{bound}: {classes[bound]}" for bound in bounds)
+            for longest, on_processor, run in sorted(self.longest[kind], reverse=True)[:3]:
+                yield f"  the longest of {run}: {longest} us, {on_processor} us of it on the processor"

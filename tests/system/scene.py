@@ -1,0 +1,121 @@
+# SPDX-License-Identifier: Apache-2.0
+"""A gateway with the application and a witness, and how to bring its route into each state."""
+import audit
+from application import Application
+from gateway import SLACK, wait_until
+from wire import INHIBIT, Witness
+
+STATES = ["ETHERNET_ACTIVE", "ETHERNET_LOST_DELAY", "POKING_CELLULAR", "SWITCHING_TO_CELLULAR", "CELLULAR_ACTIVE",
+          "SWITCHING_TO_ETHERNET", "ETHERNET_SETTLE_DELAY"]
+
+# Warnings that belong to every run: the echo of the own status, a connection to the cloud that comes and goes, a poke over
+# a path that is dead.
+EVERYDAY = ("Message is not handled", "the cloud connection has ended", "no connection to the cloud", "poke error 28")
+
+
+BY_INTERFACE = object()
+
+
+class Scene:
+    def __init__(self, box, folder, *options, clock=False):
+        self.box = box
+        self.witness = Witness(box, folder)
+        self.application = Application(box, folder, *options, clock=clock)
+        self.connected = {"eth0", "wwan0"}  # what ConnMan must show as connected in the end
+        self.expected_complaints = ()
+        self.wire_was_cut = False
+        self.clock = 0  # how far the application's clock is off, in seconds
+        self.undo = []
+
+    def start(self):
+        self.application.wait_for_cloud("eth0", 10)
+        self.application.wait_for("Cloud connected with Ethernet interface", 5)
+        return self
+
+    def set_clock(self, offset):
+        self.box("clock", offset)
+        self.clock = int(offset)
+
+    def reach(self, state):
+        """Brings the route into a state and holds it there for as long as that is possible; see `release`."""
+        getattr(self, "reach_" + state.lower())()
+
+    def release(self):
+        """Takes back what holds the route in its state. The provider that died to reach it stays dead."""
+        for words in self.undo:
+            self.box(*words)
+        self.undo = []
+
+    def reach_ethernet_active(self):
+        pass
+
+    def reach_ethernet_lost_delay(self):
+        self.box("provider", "eth", "dead")
+        self.application.wait_for("eth cloud lost, start delay to cell", 4)
+
+    def reach_poking_cellular(self):
+        """Every poke fails, for 20 s at most."""
+        self.box("cloud-tls", "refused", "cell")
+        self.undo = [("cloud-tls", "ok", "cell")]
+        self.expected_complaints += ("poke error 7",)
+        self.reach_ethernet_lost_delay()
+        self.application.wait_for("poke error 7", 15)
+
+    def reach_switching_to_cellular(self):
+        """A frozen connection manager holds it there, for 3 s at most."""
+        self.reach_ethernet_lost_delay()
+        self.box("connman", "freeze")
+        self.undo = [("connman", "thaw")]
+        self.application.wait_for("poke success, route to Cell", 15)
+
+    def reach_cellular_active(self):
+        """Ethernet has an address but no provider, so it is poked all the time."""
+        self.reach_ethernet_lost_delay()
+        self.application.wait_for("Started Poke eth if eth0", 20)
+        self.application.wait_for_cloud("wwan0", 5)
+
+    def reach_switching_to_ethernet(self):
+        """A frozen connection manager holds it there, for 3 s at most."""
+        self.reach_cellular_active()
+        self.box("connman", "freeze")
+        self.undo = [("connman", "thaw")]
+        self.box("provider", "eth", "back")
+        self.application.wait_for("poke success, route to ETH", 20)
+
+    def reach_ethernet_settle_delay(self):
+        """Without a cloud connection to lose it lasts 5 s."""
+        self.reach_cellular_active()
+        self.box("cloud-mqtt", "refused")
+        self.undo = [("cloud-mqtt", "ok")]
+        wait_until(lambda: self.application.cloud_interface() is None, 5 + SLACK, "the loss of the cloud connection")
+        self.box("provider", "eth", "back")
+        self.application.wait_for("route is eth, reconnecting", 20)
+
+    def settles(self, interface, seconds, state=None, inhibit=BY_INTERFACE):
+        """Waits until nothing is under way and everything that can be seen of the gateway fits the interface.
+
+        `inhibit` is the DNS topic's value, None for none.
+        """
+        if state is None:
+            state = "ETHERNET_ACTIVE" if interface == "eth0" else "CELLULAR_ACTIVE"
+        if inhibit is BY_INTERFACE:
+            inhibit = "inhibit" if interface == "wwan0" else "permit" if self.witness.payloads(INHIBIT) else None
+        faults = []
+
+        def settled():
+            faults[:] = audit.unsettled(self, interface, state, inhibit)
+            return not faults
+
+        wait_until(settled, seconds + SLACK, lambda: "; ".join(faults) + "\n" + self.application.interesting())
+
+    def audit(self):
+        """What must hold in every scenario, whatever happened in it."""
+        faults = audit.unproven_moves(self.application, self.box, self.clock) + audit.orders_without_a_decision(self.application)
+        faults += [f"published wrongly: {message}" for message in self.witness.wrongly_retained()]
+        # Without the broker nothing is published; Cellular's address is mirrored on the wire without a word in the log.
+        if not self.wire_was_cut and not self.application.said("event CELLULAR_IP_LOST"):
+            faults += audit.inhibits_not_told(self.application, self.witness)
+        allowed = EVERYDAY + tuple(self.expected_complaints)
+        faults += [f"an unexpected word in the log: {line}" for line in self.application.complaints()
+                   if not any(text in line for text in allowed)]
+        assert not faults, "\n".join(faults) + "\n" + self.application.interesting()

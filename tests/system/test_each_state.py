@@ -1,0 +1,83 @@
+# SPDX-License-Identifier: Apache-2.0
+"""A fault in each state of the route: what comes of it, and that everything is right again in the end."""
+import pytest
+from gateway import SLACK, wait_until
+from scene import STATES
+from wire import GREEN, INHIBIT
+
+CONNMAN_AWAY = ("net.connman is not on the message bus", "cannot put", "cannot set name servers", "poke error",
+                "has not answered for 3000 ms", "as top interface, restarting SM")
+BROKER_AWAY = ("lost the connection", "Failed to publish message to MQTT", "cannot connect")
+in_each_state = pytest.mark.parametrize("state", STATES)
+
+# Ethernet's provider is dead in the states before its return has begun.
+ENDS_ON = {state: "eth0" if state in ("ETHERNET_ACTIVE", "SWITCHING_TO_ETHERNET", "ETHERNET_SETTLE_DELAY") else "wwan0"
+           for state in STATES}
+
+
+@in_each_state
+def test_a_restarted_broker_knows_everything_again(make_scene, state):
+    scene = make_scene("--refresh-s", "5").start()
+    scene.reach(state)
+    scene.wire_was_cut = True
+    scene.expected_complaints += BROKER_AWAY
+    seen = len(scene.witness.messages())
+    scene.box("broker", "stop")
+    scene.release()
+    scene.box("broker", "start")
+    wait_until(lambda: GREEN in [topic for topic, _, _ in scene.witness.messages()[seen:]], 5 + SLACK,
+               "the LED on the restarted broker")
+    scene.settles(ENDS_ON[state], 30)
+
+
+@in_each_state
+def test_a_restarted_connection_manager_is_told_again(scene, state):
+    scene.expected_complaints = CONNMAN_AWAY
+    scene.reach(state)
+    scene.box("connman", "stop")
+    wait_until(lambda: scene.box.default_interfaces() == [], 5 + SLACK, "no default route without a connection manager")
+    scene.undo = [words for words in scene.undo if words[0] != "connman"]
+    scene.release()
+    scene.box("connman", "start")
+    scene.settles(ENDS_ON[state], 60)
+
+
+@in_each_state
+def test_a_frozen_connection_manager_delays_a_move_and_no_more(scene, state):
+    scene.expected_complaints = CONNMAN_AWAY
+    scene.reach(state)
+    scene.box("connman", "freeze")
+    before = scene.box.default_interfaces()
+    scene.undo = [words for words in scene.undo if words[0] != "connman"]
+    scene.release()
+    if state == "ETHERNET_ACTIVE":
+        scene.box("provider", "eth", "dead")
+    if state == "CELLULAR_ACTIVE":
+        scene.box("provider", "eth", "back")
+    asked_for = "wwan0" if STATES.index(state) < STATES.index("CELLULAR_ACTIVE") else "eth0"
+    if state == "ETHERNET_SETTLE_DELAY":
+        scene.application.wait_for("cell to eth delay done", 5)
+    else:
+        scene.application.wait_for(f"Failed to set {asked_for} as top interface, restarting SM", 25)
+    assert scene.box.default_interfaces() == before
+    scene.box("connman", "thaw")
+    scene.settles(asked_for, 60)
+
+
+@in_each_state
+def test_a_pulled_cable_leaves_the_cloud_on_cellular(scene, state):
+    scene.expected_complaints = CONNMAN_AWAY
+    scene.reach(state)
+    scene.box("cable", "out")
+    scene.connected = {"wwan0"}
+    scene.release()
+    scene.application.wait_for_cloud("wwan0", 15)
+    scene.witness.wait_for(GREEN, "On")
+    stays = state in ("ETHERNET_LOST_DELAY", "SWITCHING_TO_CELLULAR", "CELLULAR_ACTIVE")
+    inhibit = "inhibit" if stays else None if state == "ETHERNET_ACTIVE" else "permit"
+    scene.settles("wwan0", 15, state="CELLULAR_ACTIVE" if stays else "ETHERNET_ACTIVE", inhibit=inhibit)
+
+    scene.box("provider", "eth", "back")
+    scene.box("cable", "in")
+    scene.connected = {"eth0", "wwan0"}
+    scene.settles("eth0", 60)
