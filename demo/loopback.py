@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The loopback demo: a private broker, a TLS endpoint and orv-shell on a scenario, and a check of the recorded wire.
+"""The loopback demo: a private broker, a fake connection manager, a TLS endpoint and orv-shell on a scenario, and a check
+of the recorded wire.
 
 Run by script/demo as the first process of private mount and process namespaces: whatever it mounts, writes or starts is
 gone when it ends, however it ends.
@@ -19,6 +20,9 @@ from neighbours import Neighbours
 from transcript import Transcript
 
 HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(HERE, "..", "tests", "support", "connman"))
+from connman_stand_in import ConnmanStandIn, StandInError  # noqa: E402
+
 BUNDLE = "/etc/ssl/certs/ca-certificates.crt"
 STATE = "/var/tmp/orv-demo"
 STATUSES = "/var/tmp/new_enterprise_statuses.csv"
@@ -36,7 +40,7 @@ cellular = {cellular}
 [cloud]
 endpoint = 127.0.0.1:{endpoint}
 [connman]
-scripted = true
+bus_address = {bus}
 [log]
 level = info,OrvRoute=debug
 """
@@ -93,6 +97,7 @@ class Demo:
     def __init__(self, shell, mosquitto, transcript):
         self.shell, self.mosquitto, self.transcript = shell, mosquitto, transcript
         self.processes = []
+        self.connman = None
         self.wire = []
         self.beacons = set()
 
@@ -110,6 +115,8 @@ class Demo:
                 except subprocess.TimeoutExpired:
                     process.kill()
                     process.wait()
+        if self.connman:
+            self.connman.close()
 
     def start_broker(self):
         path = os.path.join(STATE, "mosquitto.conf")
@@ -182,11 +189,14 @@ class Demo:
         trust_the_demo_authority()
         endpoint = Endpoint(STATE, lambda text: self.transcript.line("cloud", text))
         port = self.start_broker()
+        self.connman = ConnmanStandIn(os.path.join(STATE, "bus"), f"{ETHERNET[0]}:ready {CELLULAR[0]}:ready")
+        self.transcript.line("demo", f"fake connection manager on {self.connman.address}")
         self.record(port)
         neighbours = Neighbours(port)
         self.await_beacon(neighbours, "begin")
         with open(os.path.join(STATE, "gateway.ini"), "w", encoding="ascii") as file:
-            file.write(CONFIGURATION.format(broker=port, endpoint=endpoint.port, ethernet=ETHERNET[0], cellular=CELLULAR[0]))
+            file.write(CONFIGURATION.format(broker=port, endpoint=endpoint.port, bus=self.connman.address,
+                                            ethernet=ETHERNET[0], cellular=CELLULAR[0]))
         status = self.run_shell()
         self.await_beacon(neighbours, "end")
         neighbours.stop()
@@ -232,7 +242,7 @@ def main(arguments):
     except KeyboardInterrupt:
         print("\ndemo: interrupted", file=sys.stderr)
         return 130
-    except (DemoError, OSError, subprocess.CalledProcessError) as error:
+    except (DemoError, StandInError, OSError, subprocess.CalledProcessError) as error:
         print(f"demo: {error}", file=sys.stderr)
         return 1
     finally:

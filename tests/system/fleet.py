@@ -1,11 +1,13 @@
 # SPDX-License-Identifier: Apache-2.0
-"""A broker, an observer that is none of ours, and any number of applications (orv-shell processes) beside each other."""
+"""A broker, a fake connection manager, an observer that is none of ours, and any number of applications (orv-shell
+processes) beside each other."""
 
 import os
 import re
 import signal
 import socket
 import subprocess
+import sys
 import tempfile
 import threading
 import time
@@ -14,6 +16,9 @@ from pathlib import Path
 import paho.mqtt.client as mqtt
 
 TREE = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(TREE / "tests/support/connman"))
+from connman_stand_in import ConnmanStandIn  # noqa: E402
+
 BUILD = Path(os.environ.get("ORV_BUILD", TREE / "build/release"))
 TOOLS = Path(os.environ.get("ORV_TOOLS", TREE / "build/tools"))
 FEATURES = "/orv/apps_control/features"
@@ -104,11 +109,11 @@ class Observer:
 class Application:
     """One process with one feature, driven line by line."""
 
-    def __init__(self, folder, port, name, suffix):
+    def __init__(self, folder, port, bus, name, suffix):
         self.name = name
         config = Path(folder) / f"{name}.ini"
         config.write_text(
-            f"[broker]\nport = {port}\nclient_id_suffix = {suffix}\n[connman]\nscripted = true\n[log]\nlevel = 3\n")
+            f"[broker]\nport = {port}\nclient_id_suffix = {suffix}\n[connman]\nbus_address = {bus}\n[log]\nlevel = 3\n")
         self.log = open(Path(folder) / f"{name}.log", "ab")
         self.process = subprocess.Popen(
             [str(BUILD / "bin/orv-shell")], env={**os.environ, "ORV_GATEWAY_CONFIG": str(config)}, text=True,
@@ -172,10 +177,12 @@ class Fleet:
     def __init__(self, count, suffix=lambda number: f"-{number}"):
         self.folder = tempfile.TemporaryDirectory(prefix="orv-fleet-")
         self.broker = Broker(self.folder.name)
+        self.connman = ConnmanStandIn(Path(self.folder.name) / "bus", "eth0:ready wwan0:ready")
         self.observer = Observer(self.broker.port)
         self.rounds = 0
         self.applications = [
-            Application(self.folder.name, self.broker.port, f"feature{number}", suffix(number)) for number in range(count)
+            Application(self.folder.name, self.broker.port, self.connman.address, f"feature{number}", suffix(number))
+            for number in range(count)
         ]
         for application in self.applications:
             application.launch()
@@ -184,6 +191,7 @@ class Fleet:
         for application in self.applications:
             application.close()
         self.observer.close()
+        self.connman.close()
         self.broker.close()
         self.folder.cleanup()
 

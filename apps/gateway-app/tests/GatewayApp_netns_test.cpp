@@ -3,6 +3,7 @@
 // behind the Ethernet interface, in a second namespace, the cloud's broker.
 #include "ChildProcess.h"
 #include "MosquittoBroker.h"
+#include "PrivateBus.h"
 #include "PrivateNetwork.h"
 
 #include <gtest/gtest.h>
@@ -76,11 +77,13 @@ protected:
         if (!ownNetwork || MosquittoBroker::Program().empty())
             GTEST_SKIP() << "needs network namespaces and mosquitto (script/bootstrap)";
         gatewayBroker = std::make_unique<MosquittoBroker>();
+        bus = std::make_unique<OrvTest::PrivateBus>();
+        connman = std::make_unique<OrvTest::FakeConnmanProcess>(*bus, "eth0:ready wwan0:ready");
         ASSERT_TRUE(PrivateNetwork::AddInterface("eth0") && PrivateNetwork::AddInterface("wwan0"));
         ASSERT_NO_FATAL_FAILURE(StartCloud());
         ASSERT_TRUE(Ip("addr add 10.11.0.2/24 dev eth0") && Ip("route add default via 10.11.0.1"));
         config = folder.Write("gateway.ini", "[broker]\nport = " + std::to_string(gatewayBroker->Port()) +
-                                                 "\n[connman]\nscripted = yes\n");
+                                                 "\n[connman]\nbus_address = " + bus->Address() + "\n");
         setenv("ORV_GATEWAY_CONFIG", config.c_str(), 1);
     }
     void TearDown() override {
@@ -150,6 +153,8 @@ protected:
     const std::string transcript = folder.Path("transcript");
     std::string config;
     std::unique_ptr<MosquittoBroker> gatewayBroker;
+    std::unique_ptr<OrvTest::PrivateBus> bus;
+    std::unique_ptr<OrvTest::FakeConnmanProcess> connman;
     std::unique_ptr<Child> cloud;
     std::unique_ptr<Child> app;
 };

@@ -2,35 +2,32 @@
 #include "CommonUtils/Networking/ConnmanCommands.h"
 
 #include "ConnmanLink.h"
-#include "ConnmanScripted.h"
 #include "GatewayConfig.h"
 
 #include <pthread.h>
 
 namespace CommonUtils::Networking {
 
+class ConnmanCommands::Worker {
+public:
+    OrvPlatform::ConnmanLink link{OrvPlatform::ConnmanLink::BusAddress(OrvPlatform::Config().connman.busAddress)};
+};
+
 namespace {
 
-ConnmanCommands::Worker* forkedWorker = nullptr;
-
-std::unique_ptr<ConnmanCommands::Worker> MakeWorker() {
-    const OrvPlatform::GatewayConfig::Connman& config = OrvPlatform::Config().connman;
-    if (config.scripted)
-        return std::make_unique<OrvPlatform::ConnmanScripted>();
-    return std::make_unique<OrvPlatform::ConnmanLink>(OrvPlatform::ConnmanLink::BusAddress(config.busAddress));
-}
+OrvPlatform::ConnmanLink* forkedLink = nullptr;
 
 struct StopAtExit {
-    ConnmanCommands::Worker& worker;
-    ~StopAtExit() { worker.Stop(); }
+    OrvPlatform::ConnmanLink& link;
+    ~StopAtExit() { link.Stop(); }
 };
 
 } // namespace
 
-ConnmanCommands::ConnmanCommands() : worker(MakeWorker()) {
-    forkedWorker = worker.get();
-    pthread_atfork([] { forkedWorker->BeforeFork(); }, [] { forkedWorker->AfterForkInParent(); },
-                   [] { forkedWorker->AfterForkInChild(); });
+ConnmanCommands::ConnmanCommands() : worker(std::make_unique<Worker>()) {
+    forkedLink = &worker->link;
+    pthread_atfork([] { forkedLink->BeforeFork(); }, [] { forkedLink->AfterForkInParent(); },
+                   [] { forkedLink->AfterForkInChild(); });
 }
 
 ConnmanCommands::~ConnmanCommands() = default;
@@ -38,16 +35,16 @@ ConnmanCommands::~ConnmanCommands() = default;
 ConnmanCommands& ConnmanCommands::GetInstance() {
     // Never destroyed: other objects with static storage may still ask it while the process ends. Only its thread goes.
     static ConnmanCommands* instance = new ConnmanCommands;
-    static StopAtExit stop{*instance->worker};
+    static StopAtExit stop{instance->worker->link};
     return *instance;
 }
 
 std::string ConnmanCommands::GetTopPriorityInterface() {
-    return worker->TopPriorityInterface();
+    return worker->link.TopPriorityInterface();
 }
 
 bool ConnmanCommands::SetTopPriorityInterface(const std::string& interfaceName) {
-    return worker->SetTopPriorityInterface(interfaceName);
+    return worker->link.SetTopPriorityInterface(interfaceName);
 }
 
 bool ConnmanCommands::SetDnsConfiguration(const std::string& interfaceName, const std::string& first,
@@ -57,7 +54,7 @@ bool ConnmanCommands::SetDnsConfiguration(const std::string& interfaceName, cons
         if (!server.empty())
             servers.push_back(server);
     }
-    return worker->SetDnsConfiguration(interfaceName, servers);
+    return worker->link.SetDnsConfiguration(interfaceName, servers);
 }
 
 } // namespace CommonUtils::Networking

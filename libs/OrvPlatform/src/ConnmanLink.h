@@ -2,30 +2,38 @@
 #pragma once
 
 #include "ConnmanRunner.h"
-#include "ConnmanWorker.h"
 
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
+#include <vector>
 
 namespace OrvPlatform {
 
 /// The real connection manager, as callers see it. A thread of its own, started by the first call, owns the bus
 /// connection and does the work; callers only touch the picture and the orders, under one mutex that is never held
-/// across anything slow.
-class ConnmanLink final : public CommonUtils::Networking::ConnmanCommands::Worker {
+/// across anything slow. Every operation may be called from any thread and returns at once.
+class ConnmanLink {
 public:
     explicit ConnmanLink(const std::string& address, const ConnmanLimits& timeLimits = {});
-    ~ConnmanLink() override;
+    ~ConnmanLink();
+    ConnmanLink(const ConnmanLink&) = delete;
+    ConnmanLink& operator=(const ConnmanLink&) = delete;
 
-    std::string TopPriorityInterface() override;
-    bool SetTopPriorityInterface(const std::string& interfaceName) override;
-    bool SetDnsConfiguration(const std::string& interfaceName, const std::vector<std::string>& servers) override;
+    std::string TopPriorityInterface();
+    bool SetTopPriorityInterface(const std::string& interfaceName);
 
-    void Stop() noexcept override;
-    void BeforeFork() noexcept override;
-    void AfterForkInParent() noexcept override;
-    void AfterForkInChild() noexcept override;
+    /// @param servers as the caller gave them, empty strings left out
+    bool SetDnsConfiguration(const std::string& interfaceName, const std::vector<std::string>& servers);
+
+    /// The process ends: the thread is gone afterwards; later calls do nothing.
+    void Stop() noexcept;
+
+    /// Called around fork(), so that a child that goes on without exec does not inherit a locked lock or a dead thread.
+    void BeforeFork() noexcept;
+    void AfterForkInParent() noexcept;
+    void AfterForkInChild() noexcept;
 
     /// Where the connection manager is found: the configured bus, else the one that the environment names, else the
     /// system's.

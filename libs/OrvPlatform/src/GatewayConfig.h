@@ -54,8 +54,6 @@ struct GatewayConfig {
     struct Connman {
         /// The message bus on which the connection manager is reached; empty for the system bus.
         std::string busAddress;
-        /// True to answer from a scripted stand-in instead of a real connection manager.
-        bool scripted = false;
     } connman;
 };
 

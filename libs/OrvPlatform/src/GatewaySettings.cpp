@@ -112,15 +112,6 @@ bool ReadLevels(const std::string& text, GatewayConfig& config) {
     return true;
 }
 
-bool ReadTruth(const std::string& text, bool& truth) {
-    const std::string word = CommonUtils::StringHelpers::ToLower(text);
-    const bool no = word == "false" || word == "0" || word == "no" || word == "off";
-    if (!no && !CommonUtils::StringHelpers::ToBoolean(text))
-        return false;
-    truth = !no;
-    return true;
-}
-
 std::vector<Setting> BrokerSettings() {
     return {
         {"broker", "host", "an IPv4 or IPv6 address or localhost",
@@ -200,9 +191,6 @@ std::vector<Setting> NetworkSettings() {
              return true;
          },
          [](const GatewayConfig& config) { return config.connman.busAddress; }},
-        {"connman", "scripted", "true or false",
-         [](const std::string& value, GatewayConfig& config) { return ReadTruth(value, config.connman.scripted); },
-         [](const GatewayConfig& config) -> std::string { return config.connman.scripted ? "true" : "false"; }},
     };
 }
 

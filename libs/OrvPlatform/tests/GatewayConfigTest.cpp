@@ -48,7 +48,7 @@ TEST(AConfiguration, MaySetEverything) {
                                       "client_id_suffix = -two\nkeep_alive = 60\nmax_outstanding_bytes = 1024\n"
                                       "[interfaces]\nethernet = br-lan\ncellular = ppp0\n"
                                       "[cloud]\nendpoint = cloud.example.com:8443/ping\n"
-                                      "[connman]\nbus_address = unix:path=/tmp/bus\nscripted = yes\n"
+                                      "[connman]\nbus_address = unix:path=/tmp/bus\n"
                                       "[log]\nsink = file\nlevel = debug,OrvRoute=trace\nfile = /tmp/log\n"
                                       "file_max_bytes = 16384\nfile_count = 1\n");
     EXPECT_EQ(parsed.problems, Lines{});
@@ -64,7 +64,6 @@ TEST(AConfiguration, MaySetEverything) {
     EXPECT_EQ(config.interfaces.cellular, "ppp0");
     EXPECT_EQ(config.cloud.endpoint, "cloud.example.com:8443/ping");
     EXPECT_EQ(config.connman.busAddress, "unix:path=/tmp/bus");
-    EXPECT_TRUE(config.connman.scripted);
     EXPECT_EQ(config.log.sink, LogSink::FILE);
     EXPECT_EQ(config.log.levels.Text(), "debug,OrvRoute=trace");
     EXPECT_EQ(config.log.file, "/tmp/log");
@@ -161,7 +160,6 @@ INSTANTIATE_TEST_SUITE_P(
                  "bus_address",
                  {"/run/bus"},
                  "it stays unset. Valid: a D-Bus address such as unix:path=/run/dbus/system_bus_socket, or nothing"},
-        BadValue{"Scripted", "connman", "scripted", {"", "2", "maybe"}, "false stays in force. Valid: true or false"},
         BadValue{"Sink", "log", "sink", {"", "journal"}, "stderr stays in force. Valid: stderr, syslog or file"},
         BadValue{"Level",
                  "log",
@@ -230,6 +228,9 @@ INSTANTIATE_TEST_SUITE_P(
         Fault{"StrangeKey",
               "[broker]\ncolour = 1\n",
               {std::string("x.ini:2: [broker] has no key \"colour\", ignored.") + brokerKeys}},
+        Fault{"StrangeKeyOfTheConnectionManager",
+              "[connman]\nscripted = true\n",
+              {"x.ini:2: [connman] has no key \"scripted\", ignored. Valid: bus_address"}},
         Fault{"KeyOfAnotherSection",
               "[broker]\nendpoint = x\n",
               {std::string("x.ini:2: [broker] has no key \"endpoint\", ignored; it belongs in [cloud].") + brokerKeys}},

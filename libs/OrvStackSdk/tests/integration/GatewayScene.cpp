@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "GatewayScene.h"
 
+#include "PrivateBus.h"
+
 #include <fstream>
 #include <stdlib.h>
 
@@ -10,28 +12,40 @@ namespace {
 
 const std::string FEATURES = "/orv/apps_control/features/";
 
-std::string WriteSettings(const MosquittoBroker& broker, const std::string& name) {
+/// All that the client of a gateway finds there. Settings are read once in a process, so that all tests share it.
+struct Surroundings {
+    MosquittoBroker broker;
+    PrivateBus bus;
+    FakeConnmanProcess connman{bus, "eth0:ready wwan0:ready"};
+};
+
+Surroundings& Around() {
+    static Surroundings surroundings;
+    return surroundings;
+}
+
+std::string WriteSettings(const std::string& name) {
+    const MosquittoBroker& broker = Around().broker;
     std::string file = broker.Folder() + "/" + name + ".ini";
     std::ofstream(file) << "[broker]\nport = " << broker.Port() << "\nclient_id_suffix = -" << name
-                        << "\n[connman]\nscripted = true\n[log]\nsink = file\nlevel = trace\nfile = " << broker.Folder()
-                        << "/" << name << ".log\n";
+                        << "\n[connman]\nbus_address = " << Around().bus.Address()
+                        << "\n[log]\nsink = file\nlevel = trace\nfile = " << broker.Folder() << "/" << name << ".log\n";
     return file;
 }
 
 } // namespace
 
 MosquittoBroker& GatewayScene::Broker() {
-    static MosquittoBroker broker;
-    return broker;
+    return Around().broker;
 }
 
 std::string GatewayScene::SettingsOfAnother() {
-    return WriteSettings(Broker(), "another");
+    return WriteSettings("another");
 }
 
 void GatewayScene::SetUpTestSuite() {
     // NOLINTNEXTLINE(concurrency-mt-unsafe): before the first thread
-    setenv("ORV_GATEWAY_CONFIG", WriteSettings(Broker(), "tested").c_str(), 1);
+    setenv("ORV_GATEWAY_CONFIG", WriteSettings("tested").c_str(), 1);
 }
 
 GatewayScene::GatewayScene() : witness(Broker().Port()), somebody(Broker().Port()) {

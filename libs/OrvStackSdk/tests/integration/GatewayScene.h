@@ -63,8 +63,9 @@ private:
     std::vector<std::string> lines;
 };
 
-/// The library and the platform as they run on a gateway, against a real broker of our own; the connection manager is
-/// the scripted stand-in. Settings are read once in a process, so that all tests of the program share the broker.
+/// The library and the platform as they run on a gateway, against a real broker and a real message bus of our own; only
+/// the connection manager on it is a fake. Settings are read once in a process, so that all tests of the program share
+/// them.
 class GatewayScene : public ::testing::Test {
 protected:
     static void SetUpTestSuite();

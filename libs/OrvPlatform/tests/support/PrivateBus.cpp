@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/prctl.h>
@@ -28,16 +27,7 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
     return pointers;
 }
 
-const char* const BUS_CONFIGURATION =
-    R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <listen>unix:path=%</listen>
-  <policy context="default">
-    <allow user="*"/><allow own="*"/><allow send_destination="*"/><allow receive_sender="*"/>
-  </policy>
-</busconfig>
-)";
+const std::string STAND_IN = ORV_CONNMAN_STAND_IN;
 
 } // namespace
 
@@ -98,9 +88,6 @@ std::string Child::ReadLine() const {
 PrivateBus::PrivateBus() : folder((std::filesystem::temp_directory_path() / "orv-bus-XXXXXX").string()) {
     if (!mkdtemp(folder.data()))
         throw std::runtime_error("cannot make " + folder);
-    std::string configuration = BUS_CONFIGURATION;
-    configuration.replace(configuration.find('%'), 1, folder + "/bus");
-    std::ofstream(folder + "/bus.conf") << configuration;
     Start();
 }
 
@@ -112,9 +99,11 @@ PrivateBus::~PrivateBus() {
 
 void PrivateBus::Start() {
     std::filesystem::remove(folder + "/bus");
-    daemon = std::make_unique<Child>(std::vector<std::string>{"dbus-daemon", "--config-file=" + folder + "/bus.conf",
-                                                              "--nofork", "--nopidfile", "--print-address=1"},
-                                     std::vector<std::string>{"PATH=/usr/bin:/bin"});
+    const std::vector<std::string> command = {"dbus-daemon",      "--config-file=" + STAND_IN + "/bus.conf",
+                                              "--nofork",         "--nopidfile",
+                                              "--syslog-only",    "--address=" + Address(),
+                                              "--print-address=1"};
+    daemon = std::make_unique<Child>(command, std::vector<std::string>{"PATH=/usr/bin:/bin"});
     daemon->ReadLine();
 }
 
@@ -145,7 +134,7 @@ void PrivateBus::Thaw() const {
 }
 
 FakeConnmanProcess::FakeConnmanProcess(const PrivateBus& bus, const std::string& services, const std::string& before)
-    : process({"/usr/bin/python3", "-u", ORV_FAKE_CONNMAN}, {"DBUS_SYSTEM_BUS_ADDRESS=" + bus.Address()}) {
+    : process({"/usr/bin/python3", "-B", STAND_IN + "/fake_connman.py"}, {"DBUS_SYSTEM_BUS_ADDRESS=" + bus.Address()}) {
     Do(before);
     Do("services " + services);
 }

@@ -11,6 +11,7 @@ Takes commands on standard input, one a line, and answers each with one line:
   refuse METHOD ERROR                        METHOD (MoveBefore, SetProperty, GetServices) fails; "-" ends it
   calls                                      what has been asked for since the last time, ";" in between
 """
+import re
 import sys
 
 import dbus
@@ -25,7 +26,7 @@ OFFERED = "192.0.2.53"
 
 
 def path_of(interface):
-    return dbus.ObjectPath("/net/connman/service/" + interface)
+    return dbus.ObjectPath("/net/connman/service/" + re.sub("[^A-Za-z0-9]", "_", interface))
 
 
 class Service(dbus.service.Object):
@@ -54,10 +55,11 @@ class Service(dbus.service.Object):
 
     @dbus.service.method(SERVICE, in_signature="o")
     def MoveBefore(self, target):
-        self.manager.note("MoveBefore", self.interface, target.rsplit("/", 1)[1])
         order = self.manager.services
+        other = next(service for service in order if path_of(service.interface) == target)
+        self.manager.note("MoveBefore", self.interface, other.interface)
         order.remove(self)
-        order.insert([path_of(other.interface) for other in order].index(target), self)
+        order.insert(order.index(other), self)
         if not self.manager.quiet:
             GLib.timeout_add(NOTICE_DELAY_MS, self.manager.tell_order, [])
 
@@ -145,10 +147,14 @@ def main():
 
     def read(*_):
         line = sys.stdin.readline()
-        if not line:
+        try:
+            answer = manager.command(*line.split()) if line else None
+        except Exception as error:  # the loop would carry on, and whoever gave the command wait
+            sys.exit(f"fake_connman: {line.strip()}: {error!r}")
+        if answer is None:
             loop.quit()
             return False
-        print(manager.command(*line.split()), flush=True)
+        print(answer, flush=True)
         return True
 
     GLib.io_add_watch(0, GLib.PRIORITY_DEFAULT, GLib.IO_IN | GLib.IO_HUP, read)
