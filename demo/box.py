@@ -16,6 +16,7 @@ import threading
 import time
 
 import timeline
+from processes import end_all
 from transcript import Transcript
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "gateway-box"))
@@ -252,14 +253,7 @@ class BoxDemo:
             print(f"                      {picture[:-3]}png")
 
     def stop(self):
-        for process in reversed(self.processes):
-            if process.poll() is None:
-                process.terminate()
-                try:
-                    process.wait(3)
-                except subprocess.TimeoutExpired:
-                    process.kill()
-                    process.wait()
+        end_all(self.processes)
         self.box("down", check=False)
         shutil.rmtree(self.state, ignore_errors=True)
 

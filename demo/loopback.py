@@ -17,6 +17,7 @@ import time
 from endpoint import Endpoint, make_certificates
 from expected_wire import KEPT, STATUS_FILE, differences, wire_differences
 from neighbours import Neighbours
+from processes import end_all
 from transcript import Transcript
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -107,14 +108,7 @@ class Demo:
         return process
 
     def stop(self):
-        for process in reversed(self.processes):
-            if process.poll() is None:
-                process.terminate()
-                try:
-                    process.wait(3)
-                except subprocess.TimeoutExpired:
-                    process.kill()
-                    process.wait()
+        end_all(self.processes)
         if self.connman:
             self.connman.close()
 
