@@ -5,6 +5,7 @@
 #include "LogChannel.h"
 #include "quillogger/LogWrapper.h"
 #include "support/ChildProcess.h"
+#include "support/CountedNew.h"
 
 #include <atomic>
 #include <cstdio>
@@ -12,49 +13,16 @@
 #include <gtest/gtest.h>
 #include <iomanip>
 #include <locale>
-#include <new>
 #include <regex>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
-
-namespace {
-
-thread_local std::size_t allocations = 0;
-
-} // namespace
 
 // A forked child ends without the threads that it does not have.
 extern "C" const char* __tsan_default_options();
 extern "C" const char* __tsan_default_options() { // NOLINT(bugprone-reserved-identifier): ThreadSanitizer's name
     return "report_thread_leaks=0";
 }
-
-// The sanitizers bring operators of their own, which may not be replaced.
-#if defined(__has_feature)
-#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
-#define ORV_ALLOCATIONS_NOT_COUNTED
-#endif
-#endif
-
-#ifndef ORV_ALLOCATIONS_NOT_COUNTED
-// Not inlined: the compiler would see memory of operator new released by free, or the other way round, and warn.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    ++allocations;
-    void* memory = std::malloc(size == 0 ? 1 : size);
-    if (memory == nullptr)
-        throw std::bad_alloc();
-    return memory;
-}
-
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-#endif
 
 namespace {
 
@@ -63,6 +31,7 @@ using CommonUtils::LogObject;
 using OrvPlatform::Testing::Ended;
 using OrvPlatform::Testing::RunInChild;
 using OrvPlatform::Testing::TemporaryFolder;
+using OrvTest::Allocations;
 using quillogger::LogWrapper;
 using Lines = std::vector<std::string>;
 
@@ -277,13 +246,13 @@ TEST_F(ALogger, NeitherFormatsNorAllocatesForARecordThatIsOff) {
                            Logger log("L", 0);
                            int formatted = 0;
                            const std::string longText(1000, 'x');
-                           const std::size_t before = allocations;
+                           const std::size_t before = Allocations();
                            for (int i = 0; i < 100; ++i) {
                                log.Trace("Tag") << "(i=" << i << ", text=" << longText << ")" << Counted{formatted};
                                log.Debug() << Counted{formatted};
                                LogWrapper::Log(0, true, "L.cpp", 1, "f()", "%1000d", i);
                            }
-                           const std::size_t after = allocations;
+                           const std::size_t after = Allocations();
                            log.Info() << "allocations " << after - before << ", formatted " << formatted;
                            log.Info() << Counted{formatted};
                            log.Info() << "formatted " << formatted;
@@ -295,9 +264,9 @@ TEST_F(ALogger, SoonAllocatesNothingForARecordThatIsOnEither) {
     EXPECT_EQ(Logged([] {
                   Logger log("L", 0);
                   log.Info() << std::string(100, 'x');
-                  const std::size_t before = allocations;
+                  const std::size_t before = Allocations();
                   log.Info("Tag") << "text " << 1;
-                  const std::size_t after = allocations;
+                  const std::size_t after = Allocations();
                   log.Info() << after - before;
               }).back(),
               "info [L] 0");
@@ -440,9 +409,9 @@ void LogFormat(const char* format) {
 #ifndef ORV_ALLOCATIONS_NOT_COUNTED
 // A test of the counting itself: without it "no allocation" would prove nothing.
 TEST(TheCountOfAllocations, Counts) {
-    const std::size_t before = allocations;
+    const std::size_t before = Allocations();
     ::operator delete(::operator new(1)); // a new-expression may be optimised away together with its delete
-    EXPECT_EQ(allocations, before + 1);
+    EXPECT_EQ(Allocations(), before + 1);
 }
 #endif
 

@@ -1,49 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "CountedNew.h"
 #include "FakeGateway.h"
 #include "OrvStackSdk/OrvStackSdk.h"
 
 #include <chrono>
-#include <cstdlib>
 #include <gtest/gtest.h>
 #include <malloc.h>
-#include <new>
-
-// The sanitizers bring operators of their own, which may not be replaced.
-#if defined(__has_feature)
-#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
-#define ORV_ALLOCATIONS_NOT_COUNTED
-#endif
-#endif
 
 #ifndef ORV_ALLOCATIONS_NOT_COUNTED
 
 namespace {
 
-thread_local std::size_t allocations = 0;
-
-} // namespace
-
-// Not inlined: the compiler would see memory of operator new released by free, and warn.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    ++allocations;
-    void* memory = std::malloc(size == 0 ? 1 : size);
-    if (memory == nullptr)
-        throw std::bad_alloc();
-    return memory;
-}
-
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
-
-namespace {
-
 using OrvPlatformFake::FakeGateway;
 using OrvStackSdk::OrvEvent;
+using OrvTest::Allocations;
 
 struct Cost {
     std::size_t allocations;
@@ -70,13 +40,13 @@ protected:
     /// The state is entered with the first of the ticks, which may say so in the log; the others are counted.
     Cost CostOfTicks() {
         client->Tick(std::chrono::milliseconds(100));
-        const std::size_t allocationsBefore = allocations;
+        const std::size_t allocationsBefore = Allocations();
         const auto heapBefore = static_cast<std::ptrdiff_t>(mallinfo2().uordblks);
         for (int tick = 0; tick < 1000; ++tick) {
             client->Tick(std::chrono::milliseconds(100));
             reconnects += client->CloudReconnectNeeded() ? 1 : 0;
         }
-        return {allocations - allocationsBefore, static_cast<std::ptrdiff_t>(mallinfo2().uordblks) - heapBefore};
+        return {Allocations() - allocationsBefore, static_cast<std::ptrdiff_t>(mallinfo2().uordblks) - heapBefore};
     }
 
     std::shared_ptr<OrvStackSdk::IOrvStackClient> client;
@@ -95,9 +65,9 @@ TEST_F(ASteadyClient, TicksWithoutTheHeapWhileItWaitsForTheCloud) {
 
 // Without it "no allocation" would prove nothing.
 TEST_F(ASteadyClient, IsSeenToUseTheHeapWhenItDoes) {
-    const std::size_t before = allocations;
+    const std::size_t before = Allocations();
     client->EventUpdateRequest(OrvEvent::CLOUD_CONNECTED);
-    EXPECT_GT(allocations, before);
+    EXPECT_GT(Allocations(), before);
 }
 
 } // namespace
