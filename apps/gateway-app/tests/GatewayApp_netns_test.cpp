@@ -2,15 +2,12 @@
 // The program itself in a network namespace of its own: two WAN interfaces, the gateway's broker on loopback, and
 // behind the Ethernet interface, in a second namespace, the cloud's broker.
 #include "ChildProcess.h"
+#include "ChildProgram.h"
 #include "MosquittoBroker.h"
 #include "PrivateBus.h"
 #include "PrivateNetwork.h"
 
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <csignal>
@@ -23,58 +20,16 @@ namespace {
 
 using OrvPlatform::Testing::Content;
 using OrvTest::MosquittoBroker;
+using PrivateNetwork::ChildProgram;
 using PrivateNetwork::Eventually;
 using PrivateNetwork::Ip;
 
-bool ownNetwork = false;
-
-class InPrivateNetwork : public testing::Environment {
-public:
-    void SetUp() override { ownNetwork = PrivateNetwork::Enter() && Ip("link set lo up"); }
-};
-const auto* const environment = testing::AddGlobalTestEnvironment(new InPrivateNetwork);
-
-/// A child process, ended with its object and with the test.
-class Child {
-public:
-    explicit Child(std::vector<std::string> words, const std::string& log = "/dev/null") {
-        std::vector<char*> arguments;
-        for (std::string& word : words)
-            arguments.push_back(word.data());
-        arguments.push_back(nullptr);
-        pid = fork();
-        if (pid != 0)
-            return;
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (std::freopen(log.c_str(), "a", stderr) != nullptr)
-            execvp(arguments[0], arguments.data());
-        _exit(127);
-    }
-    ~Child() {
-        if (pid > 0)
-            End(SIGKILL);
-    }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-
-    pid_t Pid() const { return pid; }
-    /// @return the exit status, -1 when a signal ended it
-    int End(int signal) {
-        kill(pid, signal);
-        int status = 0;
-        waitpid(pid, &status, 0);
-        pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-private:
-    pid_t pid = -1;
-};
+const auto* const environment = testing::AddGlobalTestEnvironment(new PrivateNetwork::InPrivateNetwork);
 
 class AGatewayWithACloud : public testing::Test {
 protected:
     void SetUp() override {
-        if (!ownNetwork || MosquittoBroker::Program().empty())
+        if (!PrivateNetwork::Entered() || MosquittoBroker::Program().empty())
             GTEST_SKIP() << "needs network namespaces and mosquitto (script/bootstrap)";
         gatewayBroker = std::make_unique<MosquittoBroker>();
         bus = std::make_unique<OrvTest::PrivateBus>();
@@ -108,7 +63,8 @@ protected:
         const std::string script = "ip link set lo up; until ip link set cloud0 up 2>/dev/null; do sleep 0.01; done; "
                                    "ip addr add 10.11.0.1/24 dev cloud0; exec " +
                                    MosquittoBroker::Program() + " -c " + file;
-        cloud = std::make_unique<Child>(std::vector<std::string>{"unshare", "-n", "sh", "-c", script});
+        cloud =
+            std::make_unique<ChildProgram>(std::vector<std::string>{"unshare", "-n", "sh", "-c", script}, "/dev/null");
         const auto space = [](const std::string& process) {
             std::error_code ignored;
             return std::filesystem::read_symlink("/proc/" + process + "/ns/net", ignored);
@@ -122,7 +78,7 @@ protected:
         const std::vector<std::string> words = {
             ORV_GATEWAY_APP, "--cloud-host", "10.11.0.1", "--cloud-port", port,          "--cloud-ca", trusted,
             "--transcript",  transcript,     "--tick-ms", "50",           "--refresh-s", "1"};
-        app = std::make_unique<Child>(words, folder.Path("app.log"));
+        app = std::make_unique<ChildProgram>(words, folder.Path("app.log"));
     }
     void StartConnectedApp() {
         StartApp();
@@ -155,8 +111,8 @@ protected:
     std::unique_ptr<MosquittoBroker> gatewayBroker;
     std::unique_ptr<OrvTest::PrivateBus> bus;
     std::unique_ptr<OrvTest::FakeConnmanProcess> connman;
-    std::unique_ptr<Child> cloud;
-    std::unique_ptr<Child> app;
+    std::unique_ptr<ChildProgram> cloud;
+    std::unique_ptr<ChildProgram> app;
 };
 
 TEST_F(AGatewayWithACloud, ReportsTheStateOfEverythingAtTheStart) {

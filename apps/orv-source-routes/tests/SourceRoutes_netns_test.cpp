@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // The program itself, in a network namespace of its own.
+#include "ChildProgram.h"
 #include "PrivateNetwork.h"
 #include "RouteKeeper.h"
 
 #include <gtest/gtest.h>
-#include <spawn.h>
 
 #include <algorithm>
 #include <csignal>
@@ -15,45 +15,12 @@ namespace {
 using PrivateNetwork::Eventually;
 using PrivateNetwork::Ip;
 
-bool ownNetwork = false;
-
-/// Moves the test program away from the machine's network once.
-class InPrivateNetwork : public testing::Environment {
-public:
-    void SetUp() override { ownNetwork = PrivateNetwork::Enter() && Ip("link set lo up"); }
-};
-const auto* const environment = testing::AddGlobalTestEnvironment(new InPrivateNetwork);
+const auto* const environment = testing::AddGlobalTestEnvironment(new PrivateNetwork::InPrivateNetwork);
 
 /// The program under test as a child process.
-class Program {
+class Program : public PrivateNetwork::ChildProgram {
 public:
-    Program() {
-        std::string path = ORV_SOURCE_ROUTES;
-        std::string option = "--interface";
-        std::string first = "eth0=1011";
-        std::string second = "wwan0=1012";
-        char* arguments[] = {path.data(), option.data(), first.data(), option.data(), second.data(), nullptr};
-        if (posix_spawn(&pid, path.c_str(), nullptr, nullptr, arguments, environ) != 0)
-            pid = -1;
-    }
-    ~Program() {
-        if (pid > 0)
-            End(SIGKILL);
-    }
-    Program(const Program&) = delete;
-    Program& operator=(const Program&) = delete;
-
-    /// @return the exit status, -1 when a signal ended it
-    int End(int signal) {
-        kill(pid, signal);
-        int status = 0;
-        waitpid(pid, &status, 0);
-        pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-private:
-    pid_t pid = -1;
+    Program() : ChildProgram({ORV_SOURCE_ROUTES, "--interface", "eth0=1011", "--interface", "wwan0=1012"}) {}
 };
 
 /// True when a connection that is bound to the interface leaves through the router. Without a route of its own the
@@ -65,7 +32,7 @@ bool GoesVia(const std::string& router, const std::string& interface) {
 class ANetworkWithTwoWanInterfaces : public testing::Test {
 protected:
     void SetUp() override {
-        if (!ownNetwork)
+        if (!PrivateNetwork::Entered())
             GTEST_SKIP() << "this machine allows no network namespaces";
         ASSERT_TRUE(PrivateNetwork::AddInterface("eth0") && PrivateNetwork::AddInterface("wwan0"));
         ASSERT_TRUE(Ip("addr add 10.11.0.179/24 dev eth0") && Ip("addr add 10.12.0.50/24 dev wwan0"));

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -24,6 +25,19 @@ inline bool Enter() {
 /// @return false when it failed
 inline bool Ip(const std::string& arguments) {
     return std::system(("ip " + arguments).c_str()) == 0; // NOLINT(concurrency-mt-unsafe): one thread
+}
+
+/// Moves the test program away from the machine's network before its first test.
+class InPrivateNetwork : public testing::Environment {
+public:
+    void SetUp() override { entered = Enter() && Ip("link set lo up"); }
+
+    static inline bool entered = false;
+};
+
+/// False when this machine does not allow it: there is nothing that the tests may touch then.
+inline bool Entered() {
+    return InPrivateNetwork::entered;
 }
 
 /// Makes an interface that has a carrier while its other end, named NAME-far, is up.
