@@ -10,6 +10,8 @@
 
 #include <gtest/gtest.h>
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace OrvStackSdk::Testing {
 
@@ -22,6 +24,16 @@ inline std::string RouteError(const std::string& text) {
 }
 inline std::string DnsTopic(const std::string& payload) {
     return OrvPlatformFake::Entry::PublishRetained("OrvRoute", "/orv/network/wan/inhibit_dns", payload, true);
+}
+
+inline const std::string TOP_ETHERNET = "connman top eth0";
+inline const std::string TOP_CELLULAR = "connman top wwan0";
+inline const std::string CLEAR_CELLULAR_DNS = R"(connman dns wwan0 "" "")";
+
+/// The connection manager has this order, and keeps it whatever it is asked for.
+inline void ConnmanShows(const std::vector<std::string>& order) {
+    OrvPlatformFake::FakeConnman::Get().SetOrder(order);
+    OrvPlatformFake::FakeConnman::Get().SetObedient(false);
 }
 
 /// Lists of journal lines written one after the other.
