@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""A scripted connection manager on the system bus that the environment names.
+"""A fake connection manager on the system bus that the environment names.
 
 Takes commands on standard input, one a line, and answers each with one line:
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Against a real message bus and a scripted connection manager.
+// Against a real message bus and a fake connection manager.
 #include "ConnmanLink.h"
 
 #include "Journal.h"

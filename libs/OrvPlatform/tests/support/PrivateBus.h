@@ -50,7 +50,7 @@ private:
     std::unique_ptr<Child> daemon;
 };
 
-/// A scripted connection manager on that bus; see fake_connman.py for the commands.
+/// A fake connection manager on that bus; see fake_connman.py for the commands.
 class FakeConnmanProcess {
 public:
     /// @param services as for the command "services"
