@@ -57,11 +57,14 @@ fault_cable() {
             ;;
         in)
             ip -n "$eth_ns" link set dev lan up
-            wait_for 3 has_carrier eth0 || die "eth0 has no carrier, see: $0 exec ip link"
+            wait_for 3 has_carrier_or_is_off eth0 || die "eth0 has no carrier, see: $0 exec ip link"
             ;;
         *) bad_fault cable "cable out|in" ;;
     esac
 }
+
+# ConnMan switches an interface off when it ends.
+has_carrier_or_is_off() { has_carrier "$1" || ! ip -n "$gateway_ns" -o link show dev "$1" | grep -q '[<,]UP[,>]'; }
 
 has_carrier() { ip -n "$gateway_ns" -o link show dev "$1" | grep -q LOWER_UP; }
 

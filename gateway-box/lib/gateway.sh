@@ -93,6 +93,8 @@ start_modem() {
     ip -n "$gateway_ns" link set dev wwan0 up
     start modem "$0" exec /usr/bin/python3 -u "$here/modem.py" \
         wwan0 "$cell_net.50" 255.255.255.0 "$cell_net.1" "$cell_names"
+    wait_for 10 bus_call org.freedesktop.DBus / org.freedesktop.DBus.GetNameOwner string:org.ofono ||
+        die "the modem manager does not start, see $state/log/modem"
 }
 
 start_connman() {
