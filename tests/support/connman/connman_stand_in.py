@@ -35,8 +35,9 @@ class ConnmanStandIn:
             raise
 
     def start(self, command, **options):
+        # A session of their own: an interrupt at the keyboard is for the others, who end these.
         process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *command], stdin=subprocess.PIPE,
-                                   stdout=subprocess.PIPE, text=True, **options)
+                                   stdout=subprocess.PIPE, text=True, start_new_session=True, **options)
         self.processes.append(process)
         return process
 
