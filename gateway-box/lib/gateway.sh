@@ -13,10 +13,20 @@ on_gateway_replacing_this_process() {
     if [ "${ORV_BOX_CLOCK-}" = 1 ]; then
         clock=(LD_PRELOAD="$(faketime_library)" FAKETIME_TIMESTAMP_FILE=/run/clock-offset FAKETIME_NO_CACHE=1
             FAKETIME_DONT_FAKE_MONOTONIC=1)
+        echo "$BASHPID" >>"$state/faketime-pids"
     fi
     exec nsenter --target "$holder" --root --net --mount --uts --wd="$PWD" -- \
         setpriv --bounding-set="$forbidden" -- env DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket \
         ORV_GATEWAY_CONFIG=/etc/orv/gateway.ini "${clock[@]}" "$@"
+}
+
+# libfaketime leaves its shared memory behind, under the pid of the program that made it.
+remove_faketime_traces() {
+    local pid
+    [ -e "$state/faketime-pids" ] || return 0
+    while read -r pid; do
+        rm -f "/dev/shm/faketime_shm_$pid" "/dev/shm/sem.faketime_sem_$pid"
+    done <"$state/faketime-pids"
 }
 
 faketime_library() {
