@@ -3,7 +3,7 @@
 """measure_fail_over.py [TIMES] [TICK-MS]
 
 Measures fail-overs to Cellular and returns to Ethernet on a gateway box, end to end and phase by phase, and how long the
-library's calls took. Prints milliseconds: median and worst. Asserts nothing.
+library's calls took. Prints milliseconds: median and worst. Asserts nothing. With TMPDIR=/dev/shm no disk takes part.
 """
 import os
 import pathlib

@@ -99,12 +99,11 @@ class Scene:
         """
         if state is None:
             state = "ETHERNET_ACTIVE" if interface == "eth0" else "CELLULAR_ACTIVE"
-        if inhibit is BY_INTERFACE:
-            inhibit = "inhibit" if interface == "wwan0" else "permit" if self.witness.payloads(INHIBIT) else None
         faults = []
 
         def settled():
-            faults[:] = audit.unsettled(self, interface, state, inhibit)
+            by_interface = "inhibit" if interface == "wwan0" else "permit" if self.witness.payloads(INHIBIT) else None
+            faults[:] = audit.unsettled(self, interface, state, by_interface if inhibit is BY_INTERFACE else inhibit)
             return not faults
 
         wait_until(settled, seconds + SLACK, lambda: "; ".join(faults) + "\n" + self.application.interesting())
