@@ -18,7 +18,7 @@ struct Event {
 };
 
 /// Events in order of arrival. Slots are used again with the memory of their strings, so that a steady flow of messages
-/// allocates nothing.
+/// allocates nothing; what a burst needed beyond that is let go.
 class EventQueue {
 public:
     /// A new last event; both strings hold leftovers.
@@ -28,15 +28,16 @@ public:
         return slots[used++];
     }
 
-    /// Takes back what the last Add gave.
-    void DropLast() { --used; }
-
     void Clear() {
         for (std::size_t index = 0; index < used; ++index) {
             LetGoIfLarge(slots[index].topic);
             LetGoIfLarge(slots[index].payload);
         }
         used = 0;
+        if (slots.size() > MOST_KEPT) {
+            slots.resize(MOST_KEPT);
+            slots.shrink_to_fit();
+        }
     }
 
     bool Empty() const { return used == 0; }
@@ -47,6 +48,9 @@ public:
         slots.swap(other.slots);
         std::swap(used, other.used);
     }
+
+    /// As many as are read at once as long as no assured publications are under way.
+    static constexpr std::size_t MOST_KEPT = 32;
 
 private:
     static void LetGoIfLarge(std::string& text) {

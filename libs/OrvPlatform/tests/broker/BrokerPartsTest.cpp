@@ -213,4 +213,15 @@ TEST(AnEventQueue, LetsGoOfLargePayloads) {
     EXPECT_LE(queue.Add().payload.capacity(), 1024U);
 }
 
+TEST(AnEventQueue, LetsGoOfTheSlotsThatABurstNeeded) {
+    EventQueue queue;
+    for (int number = 0; number < 1000; ++number)
+        queue.Add().payload = "leftover";
+    queue.Clear();
+    std::size_t used = 0;
+    for (int number = 0; number < 1000; ++number)
+        used += queue.Add().payload == "leftover" ? 1 : 0;
+    EXPECT_EQ(used, EventQueue::MOST_KEPT);
+}
+
 } // namespace OrvPlatform
