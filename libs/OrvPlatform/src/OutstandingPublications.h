@@ -2,9 +2,9 @@
 #pragma once
 
 #include <cstddef>
+#include <map>
 #include <optional>
 #include <string>
-#include <unordered_map>
 
 namespace OrvPlatform {
 
@@ -40,7 +40,8 @@ public:
 private:
     const std::size_t limit;
 
-    std::unordered_map<int, Publication> publications;
+    // A hash table would keep its buckets, once many were outstanding.
+    std::map<int, Publication> publications;
     std::size_t bytes = 0;
 };
 
