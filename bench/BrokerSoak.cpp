@@ -2,10 +2,11 @@
 // The broker connection under faults, with figures.
 //
 //   soak-broker [RESTARTS]    kills and restarts a broker that often (default 100) under traffic from four threads;
-//   after
-//                             each restart everything retained and the availability have to be right again
+//                             after each restart everything retained and the availability have to be right again, and
+//                             at the end no thread, descriptor or byte of heap may be in use that was not at the start
 //   soak-broker --frozen [S]  stops a broker for S seconds (default 30) under the same traffic
-// Ends with status 1 when something was not right again within its patience.
+// Ends with status 1 when something was not right again within its patience, or was left over.
+#include "HeapInUse.h"
 #include "Journal.h"
 #include "MosquittoBroker.h"
 #include "ProcessFigures.h"
@@ -18,11 +19,13 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <random>
 #include <string>
 #include <thread>
@@ -36,6 +39,8 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using Milliseconds = std::chrono::duration<double, std::milli>;
 
+constexpr int WARM_UP = 3; // restarts
+
 /// Writes nothing down, so that what is left over at the end is the connection's.
 class Client : public QUILMQTT::QueueOwner {
 public:
@@ -43,14 +48,30 @@ public:
     ~Client() override { StopDelivery(); }
 
     void OnConnect() override { ++connects; }
+    void OnPublish(const std::string& topic, const std::string&) override {
+        const std::lock_guard<std::mutex> waitWhileHeld(held);
+        ++(topic == "fence" ? fences : received);
+    }
+    void OnDeliveryCompleted(const std::string& topic) override {
+        if (topic == "count")
+            ++acknowledged;
+    }
 
+    std::mutex held;
     std::atomic<int> connects{0};
+    std::atomic<unsigned> fences{0};
+    std::atomic<unsigned> received{0};
+    std::atomic<unsigned> acknowledged{0};
 };
 
-/// Four threads that publish retained state, assured and not, as fast as about a thousand times a second each.
+/// Four threads that publish as fast as about a thousand times a second each: retained state, assured and not, and now
+/// and then an assured message that comes back.
 class Traffic {
 public:
-    explicit Traffic(Client& through) : client(through) {
+    explicit Traffic(Client& through) : client(through) {}
+
+    void Start() {
+        stop = false;
         for (std::size_t number = 0; number < threads.size(); ++number)
             threads[number] = std::thread([this, number] { Publish(number); });
     }
@@ -63,18 +84,24 @@ public:
 
     static std::string Topic(std::size_t number) { return "traffic/" + std::to_string(number); }
 
-    std::array<int, 4> accepted{}; // the last value of each thread, once stopped
+    std::array<int, 4> accepted{};    // the last value of each thread, once stopped
+    std::atomic<unsigned> counted{0}; // the messages that come back
     std::atomic<unsigned> sent{0};
     std::atomic<unsigned> refused{0};
     std::array<Clock::duration, 4> longest{};
 
 private:
     void Publish(std::size_t number) {
-        for (int value = 0; !stop; ++value) {
+        for (int value = accepted[number] + 1; !stop; ++value) {
             const auto begin = Clock::now();
-            const int status = client.PublishRetainedMessage(Topic(number), std::to_string(value), value % 2 == 0);
+            const bool counts = value % 8 == 0;
+            const int status =
+                counts ? client.PublishMessage("count", std::to_string(value), true)
+                       : client.PublishRetainedMessage(Topic(number), std::to_string(value), value % 2 == 0);
             longest[number] = std::max(longest[number], Clock::now() - begin);
-            if (status == 0)
+            if (status == 0 && counts)
+                ++counted;
+            else if (status == 0)
                 accepted[number] = value;
             ++(status == 0 ? sent : refused);
             std::this_thread::sleep_for(1ms);
@@ -92,7 +119,8 @@ public:
     explicit Application(const OrvTest::MosquittoBroker& at) : broker(at) {
         OrvTest::BrokerSettings().port = broker.Port();
         client = std::make_unique<Client>();
-        connected = client->Connect("state/available", "false", true) && client->Subscribe("command/#", 1);
+        connected = client->Connect("state/available", "false", true) && client->Subscribe("count", 1) &&
+                    client->Subscribe("fence", 1);
         client->PublishRetainedMessage("state/available", "true", false);
         expected["state/available"] = "true";
         for (int number = 0; number < 20; ++number) {
@@ -111,14 +139,30 @@ public:
 };
 
 struct Figures {
-    OrvTest::ProcessFigures process = OrvTest::ProcessFigures::Now();
-    std::size_t heap = mallinfo2().uordblks; // bytes in use, messages under way included
+    OrvTest::ProcessFigures process;
+    std::int64_t heap;
 };
 
 void Print(const char* what, const Figures& figures) {
-    std::printf("%-8s %zu threads, %zu descriptors, %zu KiB resident, %zu bytes of heap in use\n", what,
+    std::printf("%-8s %zu threads, %zu descriptors, %zu KiB resident, %lld bytes of heap in use\n", what,
                 figures.process.threads, figures.process.descriptors, figures.process.residentBytes / 1024,
-                figures.heap);
+                static_cast<long long>(figures.heap));
+}
+
+/// What is in use once nothing moves any more: the same for a tenth of a second.
+Figures AtRest() {
+    OrvPlatformFake::Journal::Clear();
+    std::int64_t heap = HeapInUse();
+    auto since = Clock::now();
+    OrvTest::WaitUntil([&] {
+        const std::int64_t seen = heap;
+        heap = HeapInUse();
+        if (heap != seen)
+            since = Clock::now();
+        return Clock::now() - since > 100ms;
+    });
+    malloc_trim(0);
+    return {OrvTest::ProcessFigures::Now(), heap};
 }
 
 double Longest(const Traffic& traffic) {
@@ -137,6 +181,46 @@ bool TrafficIsRight(const Application& application, const Traffic& traffic) {
     });
 }
 
+/// Waits after the end of the traffic until the broker has acknowledged every assured message once, retains the last
+/// value of each thread and has sent back all it will.
+bool IsQuiet(const Application& application, const Traffic& traffic) {
+    Client& client = *application.client;
+    if (!OrvTest::WaitUntil([&] { return client.acknowledged == traffic.counted; })) {
+        std::printf("%u assured messages accepted, %u acknowledged\n", traffic.counted.load(),
+                    client.acknowledged.load());
+        return false;
+    }
+    if (!TrafficIsRight(application, traffic)) {
+        std::puts("a last accepted value of the traffic is not what the broker retains");
+        return false;
+    }
+    const unsigned fences = client.fences;
+    return client.PublishMessage("fence", "", true) == 0 && OrvTest::WaitUntil([&] { return client.fences > fences; });
+}
+
+/// Lets messages pile up behind a callback: more than the 32 whose slots each of the two event queues keeps.
+bool PileUp(const Application& application, Traffic& traffic) {
+    Client& client = *application.client;
+    OrvTest::RawClient witness(application.broker.Port());
+    bool all = witness.Subscribe("count");
+    const std::lock_guard<std::mutex> hold(client.held);
+    for (int number = 0; number < 200; ++number) {
+        all = client.PublishMessage("count", "", true) == 0 && witness.NextMessage() && all;
+        ++traffic.counted;
+    }
+    return all;
+}
+
+bool NothingIsLeftOver(const Figures& before, const Figures& after) {
+    Print("before:", before);
+    Print("after:", after);
+    const bool nothing = after.process.threads <= before.process.threads &&
+                         after.process.descriptors <= before.process.descriptors && after.heap <= before.heap;
+    std::printf("left over: %s; %lld bytes of heap more in use\n", nothing ? "nothing" : "SOMETHING",
+                static_cast<long long>(after.heap - before.heap));
+    return nothing;
+}
+
 int Restarts(int count) {
     OrvTest::MosquittoBroker broker;
     Application application(broker);
@@ -148,6 +232,7 @@ int Restarts(int count) {
 
     const auto restart = [&] {
         const int connects = application.client->connects;
+        right = right && OrvTest::WaitUntil([&, enough = traffic.sent + 500] { return traffic.sent > enough; });
         broker.Kill();
         std::this_thread::sleep_for(std::chrono::milliseconds(pause(random)));
         broker.Start();
@@ -161,35 +246,38 @@ int Restarts(int count) {
         OrvPlatformFake::Journal::Clear();
     };
 
-    for (int warmUp = 0; warmUp < 5; ++warmUp)
+    recoveries.reserve(static_cast<std::size_t>(std::max(count, WARM_UP)));
+    traffic.Start();
+    for (int number = 0; number < WARM_UP; ++number)
         restart();
     recoveries.clear();
-    recoveries.reserve(static_cast<std::size_t>(count));
-    const auto before = Figures();
+    traffic.Stop();
+    right = PileUp(application, traffic) && IsQuiet(application, traffic) && right;
+    const auto before = AtRest();
+
+    traffic.Start();
     for (int number = 0; number < count; ++number)
         restart();
-    const auto after = Figures();
     traffic.Stop();
-    if (!TrafficIsRight(application, traffic)) {
-        std::puts("a last accepted value of the traffic is not what the broker retains");
-        right = false;
-    }
+    right = IsQuiet(application, traffic) && right;
+    const auto after = AtRest();
 
     std::sort(recoveries.begin(), recoveries.end());
     std::printf("%d restarts, broker away for 0 to 1.5 s each; from listening again to restored: median %.0f ms, "
                 "worst %.0f ms\n",
                 count, recoveries[recoveries.size() / 2], recoveries.back());
-    std::printf("%u publications accepted, %u refused, longest call %.1f ms\n", traffic.sent.load(),
-                traffic.refused.load(), Longest(traffic));
-    Print("before:", before);
-    Print("after:", after);
-    return right ? 0 : 1;
+    std::printf("%u publications accepted, %u refused, longest call %.1f ms; %u assured messages, %u acknowledged, %u "
+                "came back\n",
+                traffic.sent.load(), traffic.refused.load(), Longest(traffic), traffic.counted.load(),
+                application.client->acknowledged.load(), application.client->received.load());
+    return NothingIsLeftOver(before, after) && right ? 0 : 1;
 }
 
 int Frozen(std::chrono::seconds duration) {
     OrvTest::MosquittoBroker broker;
     Application application(broker);
     Traffic traffic(*application.client);
+    traffic.Start();
     bool right = application.connected && OrvTest::WaitUntil([&] { return traffic.sent > 1000; });
 
     const auto frozen = Clock::now();
@@ -207,7 +295,7 @@ int Frozen(std::chrono::seconds duration) {
     right = right && OrvTest::WaitUntil([&] { return application.IsRight(); });
     const auto rightAfter = Milliseconds(Clock::now() - thawed);
     traffic.Stop();
-    right = right && TrafficIsRight(application, traffic);
+    right = IsQuiet(application, traffic) && right;
 
     std::printf("frozen for %lld s: loss noticed after %.1f s, all right again %.0f ms after the thaw: %s\n",
                 static_cast<long long>(duration.count()), noticedAfter.count() / 1000, rightAfter.count(),
