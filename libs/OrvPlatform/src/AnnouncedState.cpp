@@ -17,7 +17,7 @@ void AnnouncedState::Note(const std::string& topic, const std::string& payload, 
         retainedTopics.erase(topic);
     else if (retained)
         retainedTopics[topic] = Entry{payload, assured, noted};
-    if (!willTopic.empty() && topic == willTopic)
+    if (topic == willTopic)
         onWillTopic = WillEntry{payload, retained, assured, noted};
 }
 

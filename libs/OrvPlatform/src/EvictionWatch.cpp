@@ -5,13 +5,12 @@ namespace OrvPlatform {
 
 void EvictionWatch::Accepted(Time now, int attempt) {
     acceptedAt = now;
-    firstAttempt = attempt == 1;
-    if (!firstAttempt)
+    if (attempt > 1)
         evictions = 0;
 }
 
 void EvictionWatch::Lost(Time now, bool silently) {
-    const bool evicted = silently && firstAttempt && now - acceptedAt < YOUNG;
+    const bool evicted = silently && now - acceptedAt < YOUNG;
     evictions = evicted ? evictions + 1 : 0;
 }
 

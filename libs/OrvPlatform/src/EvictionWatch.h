@@ -28,7 +28,6 @@ public:
 
 private:
     Time acceptedAt{};
-    bool firstAttempt = false;
     int evictions = 0;
 };
 

@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <mosquitto.h>
-#include <mqtt_protocol.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -78,9 +77,7 @@ MosquittoClient::MosquittoClient(const MosquittoSettings& settings, MosquittoEve
       events(&receiver),
       handle(mosquitto_new(settings.clientId.c_str(), true, this)) {}
 
-MosquittoClient::~MosquittoClient() {
-    events = nullptr;
-}
+MosquittoClient::~MosquittoClient() = default;
 
 int MosquittoClient::Configure(const MosquittoSettings& settings) {
     mosquitto* client = handle.get();
@@ -139,7 +136,7 @@ int MosquittoClient::Read() {
     for (int packet = 0; packet < MOST_PACKETS; ++packet) {
         const int error = mosquitto_loop_read(handle.get(), 1);
         int waiting = 0;
-        if (error != MOSQ_ERR_SUCCESS || Socket() < 0)
+        if (error != MOSQ_ERR_SUCCESS)
             return error;
         if (ioctl(Socket(), FIONREAD, &waiting) != 0 || waiting == 0)
             break;
@@ -161,27 +158,27 @@ int MosquittoClient::Subscribe(const std::string& filter, int qos, int& messageI
 
 int MosquittoClient::Publish(const std::string& topic, const std::string& payload, bool assured, bool retained,
                              int& messageId) {
-    if (payload.size() > MQTT_MAX_PAYLOAD)
-        return MOSQ_ERR_PAYLOAD_SIZE;
     return mosquitto_publish(handle.get(), &messageId, topic.c_str(), static_cast<int>(payload.size()), payload.data(),
                              assured ? 1 : 0, retained);
 }
 
 void MosquittoClient::SayGoodBye(Time deadline) {
+    End(deadline, true);
+}
+
+void MosquittoClient::BreakOff(Time deadline) {
+    End(deadline, false);
+}
+
+void MosquittoClient::End(Time deadline, bool withGoodBye) {
     events = nullptr;
     WriteAll(deadline);
     // The library closes its descriptor the moment the DISCONNECT is written.
     const int socket = Socket() >= 0 ? fcntl(Socket(), F_DUPFD_CLOEXEC, 0) : -1;
-    mosquitto_disconnect(handle.get());
-    WriteAll(deadline);
-    if (socket >= 0)
-        CloseOnceBrokerHas(socket, deadline);
-}
-
-void MosquittoClient::BreakOff(Time deadline) {
-    events = nullptr;
-    WriteAll(deadline);
-    const int socket = Socket() >= 0 ? fcntl(Socket(), F_DUPFD_CLOEXEC, 0) : -1;
+    if (withGoodBye) {
+        mosquitto_disconnect(handle.get());
+        WriteAll(deadline);
+    }
     handle.reset();
     if (socket >= 0)
         CloseOnceBrokerHas(socket, deadline);

@@ -71,7 +71,7 @@ public:
     int Publish(const std::string& topic, const std::string& payload, bool assured, bool retained, int& messageId);
 
     /// Sends what is waiting and a DISCONNECT, and waits until the broker has closed the connection, at the latest
-    /// until `deadline`. Reports no more events.
+    /// until `deadline`. Reports no more events. The last operation.
     void SayGoodBye(Time deadline);
 
     /// The same without a DISCONNECT: what is waiting arrives, then the broker speaks the last will. The last
@@ -86,6 +86,7 @@ private:
     MosquittoClient(const MosquittoSettings& settings, MosquittoEvents& receiver);
     int Configure(const MosquittoSettings& settings);
     int Adopt(int error); // after a connect
+    void End(Time deadline, bool withGoodBye);
     void WriteAll(Time deadline);
 
     static void OnConnectCallback(mosquitto*, void* self, int code) noexcept;

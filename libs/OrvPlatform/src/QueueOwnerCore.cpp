@@ -46,10 +46,6 @@ int StatusOf(int error) {
     switch (error) {
     case MOSQ_ERR_SUCCESS:
         return QueueOwner::HANDED_OVER;
-    case MOSQ_ERR_NO_CONN:
-        return QueueOwner::NOT_CONNECTED;
-    case MOSQ_ERR_PAYLOAD_SIZE:
-        return QueueOwner::PAYLOAD_TOO_LARGE;
     case MOSQ_ERR_INVAL:
     case MOSQ_ERR_MALFORMED_UTF8:
         return QueueOwner::MALFORMED_TOPIC;
@@ -66,7 +62,7 @@ QueueOwner::Core::Core(QueueOwner& queueOwner, const std::string& id, const OrvP
       place(broker.host + ":" + std::to_string(broker.port)),
       wakeUp(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
       logger("QueueOwner", 0),
-      owner(&queueOwner),
+      owner(queueOwner),
       backoff(static_cast<std::uint32_t>(std::hash<std::string>{}(clientId)) ^ std::random_device{}()),
       outstanding(broker.maxOutstandingBytes) {}
 
@@ -88,26 +84,23 @@ bool QueueOwner::Core::Connect(const std::optional<LastWill>& will) {
     mutex.lock();
 
     // Whoever called Connect or Disconnect meanwhile has the last word.
-    if (generation == mine && owner && Open(will, deadline))
+    if (generation == mine && Open(will, deadline))
         AwaitAnswer(deadline);
     const bool connected = generation == mine && link == Link::UP;
     if (generation == mine && !connected) {
         Say(Severity::WARNING, "cannot connect to " + place + ": " + failure);
         TakeClient().reset();
     }
-    if (!connected)
-        RetireThread();
+    RetireThread();
     WriteLog();
     return connected;
 }
 
 bool QueueOwner::Core::Open(const std::optional<LastWill>& will, Time deadline) {
     deliveryStopped = false;
-    attempt = 1;
     attemptEnds = deadline;
     refusal = refusalSaid = 0;
     failure = "no answer within 3 s";
-    backoff.Reset();
     announced.SetWillTopic(will ? will->topic : std::string());
 
     const std::string address = BrokerAddress(settings.host);
@@ -128,7 +121,7 @@ bool QueueOwner::Core::Open(const std::optional<LastWill>& will, Time deadline) 
         {clientId, address, settings.port, settings.keepAlive, settings.username, settings.password, will}, *this,
         error);
     if (!client) {
-        failure = "client id, will or keep-alive refused: " + MosquittoErrorText(error, errno);
+        failure = "client id, user name, will or keep-alive refused: " + MosquittoErrorText(error, errno);
         return false;
     }
     error = client->BeginConnect();
@@ -142,9 +135,8 @@ bool QueueOwner::Core::Open(const std::optional<LastWill>& will, Time deadline) 
 }
 
 void QueueOwner::Core::AwaitAnswer(Time deadline) {
-    const unsigned mine = generation;
     const bool turning = OnDeliveryThread();
-    while (generation == mine && link == Link::CONNECTING && std::chrono::steady_clock::now() < deadline) {
+    while (link == Link::CONNECTING && std::chrono::steady_clock::now() < deadline) {
         if (turning)
             Turn();
         else
@@ -176,16 +168,14 @@ bool QueueOwner::Core::Subscribe(const std::string& filter, int qos) {
     int messageId = 0;
     if (link != Link::UP || client->Subscribe(filter, qos, messageId) != MOSQ_ERR_SUCCESS)
         return false;
-    unansweredFilters[messageId] = filter;
+    const Subscription asked{filter, qos, messageId};
     const auto known =
-        std::find_if(filters.begin(), filters.end(), [&](const auto& entry) { return entry.first == filter; });
-    if (known == filters.end())
-        filters.emplace_back(filter, qos);
+        std::find_if(subscriptions.begin(), subscriptions.end(), [&](const auto& one) { return one.filter == filter; });
+    if (known == subscriptions.end())
+        subscriptions.push_back(asked);
     else
-        known->second = qos;
-    client->Write();
-    if (link != Link::UP || client->WantsWrite())
-        Wake();
+        *known = asked;
+    Flush();
     return true;
 }
 
@@ -206,11 +196,15 @@ int QueueOwner::Core::Publish(const std::string& topic, const std::string& paylo
     if (status != HANDED_OVER)
         return status;
     announced.Note(topic, payload, retained, assured);
-    // Sent from here when the socket has room; otherwise the delivery thread sends it when it has.
-    client->Write();
-    if (link != Link::UP || client->WantsWrite())
-        Wake();
+    Flush();
     return HANDED_OVER;
+}
+
+// Sends from here when the socket has room; otherwise the delivery thread sends when it has.
+void QueueOwner::Core::Flush() {
+    client->Write();
+    if (client->WantsWrite())
+        Wake();
 }
 
 int QueueOwner::Core::Send(const std::string& topic, const std::string& payload, bool retained, bool assured) {
@@ -230,7 +224,6 @@ void QueueOwner::Core::RefuseForBytes() {
                                " bytes are outstanding, publications are refused until it takes some; [broker] "
                                "max_outstanding_bytes is " +
                                std::to_string(settings.maxOutstandingBytes));
-    Wake();
 }
 
 void QueueOwner::Core::StopDelivery() {
@@ -244,12 +237,8 @@ void QueueOwner::Core::StopDelivery() {
 
 void QueueOwner::Core::Abandon() {
     MutexLock lock(mutex);
-    owner = nullptr;
-    deliveryStopped = true;
     const bool wasUp = link == Link::UP;
     auto former = TakeClient();
-    ++threadNumber;
-    Wake();
     std::thread last = std::move(thread);
     mutex.unlock();
     if (wasUp)
@@ -266,11 +255,9 @@ void QueueOwner::Core::Abandon() {
 std::unique_ptr<MosquittoClient> QueueOwner::Core::TakeClient() {
     ++generation;
     SetLink(Link::CLOSED);
-    restoreDue = false;
     inbox.Clear();
     outstanding.Clear();
-    filters.clear();
-    unansweredFilters.clear();
+    subscriptions.clear();
     refusedForBytes = 0;
     Wake();
     return std::move(client);
@@ -281,10 +268,8 @@ bool QueueOwner::Core::OnDeliveryThread() const {
 }
 
 void QueueOwner::Core::StartThread() {
-    if (running) {
-        Wake();
+    if (running)
         return;
-    }
     if (thread.joinable())
         thread.join(); // it has left Run, so this does not wait
     running = true;
@@ -298,9 +283,7 @@ void QueueOwner::Core::StartThread() {
 void QueueOwner::Core::RetireThread() {
     if (link != Link::CLOSED || delivering || OnDeliveryThread())
         return;
-    ++threadNumber;
     running = false;
-    Wake();
     std::thread ending = std::move(thread);
     mutex.unlock();
     if (ending.joinable())

@@ -19,7 +19,6 @@
 #include <optional>
 #include <string>
 #include <thread>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -43,7 +42,7 @@ public:
     int Publish(const std::string& topic, const std::string& payload, bool retained, bool assured) ORV_EXCLUDES(mutex);
     void StopDelivery() ORV_EXCLUDES(mutex);
 
-    /// The owner goes: no callback any more, the connection is dropped without a good-bye.
+    /// The owner goes: no callback begins any more, the connection is dropped without a good-bye.
     void Abandon() ORV_EXCLUDES(mutex);
 
 private:
@@ -58,11 +57,11 @@ private:
     // The delivery thread.
     void Run(unsigned ownThread) ORV_EXCLUDES(mutex);
     void Turn() ORV_REQUIRES(mutex);
-    void ServeSocket(int socket, short ready) ORV_REQUIRES(mutex);
+    void ServeSocket(short ready) ORV_REQUIRES(mutex);
     void Advance(Time now) ORV_REQUIRES(mutex);
     void Restore() ORV_REQUIRES(mutex);
     void Deliver() ORV_REQUIRES(mutex);
-    void Dispatch(QueueOwner& receiver, const OrvPlatform::Event& event) ORV_EXCLUDES(mutex);
+    void Dispatch(const OrvPlatform::Event& event) ORV_EXCLUDES(mutex);
     std::chrono::milliseconds PollLimit() const ORV_REQUIRES(mutex);
 
     // The connection.
@@ -76,6 +75,7 @@ private:
     void LoseConnection(int error, int systemError) ORV_REQUIRES(mutex);
     void FailAttempt(const std::string& reason) ORV_REQUIRES(mutex);
     int Send(const std::string& topic, const std::string& payload, bool retained, bool assured) ORV_REQUIRES(mutex);
+    void Flush() ORV_REQUIRES(mutex);
     void RefuseForBytes() ORV_REQUIRES(mutex);
     void Wake() const;
 
@@ -97,11 +97,10 @@ private:
     const int wakeUp;        // an eventfd that ends the delivery thread's poll
 
     CommonUtils::Logger logger;
+    QueueOwner& owner; // until Abandon
 
     mutable OrvPlatform::Mutex mutex;
     std::condition_variable_any changed; // link or delivering
-
-    QueueOwner* owner ORV_GUARDED_BY(mutex);
 
     // The delivery thread, from Connect until the connection is given up.
     std::thread thread ORV_GUARDED_BY(mutex);
@@ -132,8 +131,12 @@ private:
     OrvPlatform::EvictionWatch evictions ORV_GUARDED_BY(mutex);
 
     // What is said to the broker.
-    std::vector<std::pair<std::string, int>> filters ORV_GUARDED_BY(mutex);
-    std::unordered_map<int, std::string> unansweredFilters ORV_GUARDED_BY(mutex);
+    struct Subscription {
+        std::string filter;
+        int qos;
+        int messageId; // of the latest request; 0 once it is answered
+    };
+    std::vector<Subscription> subscriptions ORV_GUARDED_BY(mutex);
     OrvPlatform::AnnouncedState announced ORV_GUARDED_BY(mutex);
     OrvPlatform::OutstandingPublications outstanding ORV_GUARDED_BY(mutex);
     unsigned refusedForBytes ORV_GUARDED_BY(mutex) = 0;

@@ -67,7 +67,7 @@ std::chrono::milliseconds QueueOwner::Core::PollLimit() const {
 
 void QueueOwner::Core::Turn() {
     const unsigned seen = generation;
-    const int socket = client ? client->Socket() : -1;
+    const int socket = client->Socket();
     const short wanted = socket >= 0 && client->WantsWrite() ? POLLIN | POLLOUT : POLLIN;
     pollfd waits[] = {{wakeUp, POLLIN, 0}, {socket, wanted, 0}};
     const int limit = static_cast<int>(PollLimit().count());
@@ -81,16 +81,16 @@ void QueueOwner::Core::Turn() {
         [[maybe_unused]] const ssize_t drained = read(wakeUp, &count, sizeof count);
     }
     // While the lock was away another thread may have taken this client's place, its descriptor's number even.
-    if (seen != generation || !client)
+    if (seen != generation)
         return;
-    ServeSocket(socket, waits[1].revents);
+    ServeSocket(waits[1].revents);
     Advance(std::chrono::steady_clock::now());
 }
 
-void QueueOwner::Core::ServeSocket(int socket, short ready) {
-    if (socket >= 0 && client->Socket() == socket && (ready & (POLLIN | POLLHUP | POLLERR | POLLNVAL)) != 0)
+void QueueOwner::Core::ServeSocket(short ready) {
+    if ((ready & (POLLIN | POLLHUP | POLLERR | POLLNVAL)) != 0)
         client->Read();
-    if (socket >= 0 && client->Socket() == socket && (ready & POLLOUT) != 0)
+    if ((ready & POLLOUT) != 0)
         client->Write();
     if (restoreDue && link == Link::UP)
         Restore();
@@ -115,7 +115,7 @@ void QueueOwner::Core::Advance(Time now) {
 }
 
 void QueueOwner::Core::OnAnswer(int code) noexcept {
-    if (link == Link::CLOSED || link == Link::UP)
+    if (link == Link::UP)
         return;
     refusal = code;
     if (code != 0)
@@ -158,8 +158,6 @@ void QueueOwner::Core::LoseConnection(int error, int systemError) {
     const Time now = std::chrono::steady_clock::now();
     evictions.Lost(now, error == MOSQ_ERR_CONN_LOST);
     outstanding.DropUnassured();
-    unansweredFilters.clear();
-    restoreDue = false;
     lostAt = now;
     attempt = 0;
     pauseEnds = now + backoff.Next();
@@ -186,15 +184,13 @@ void QueueOwner::Core::FailAttempt(const std::string& reason) {
     Say(news && refusal != 0 ? Severity::WARNING : Severity::DEBUG, "cannot reconnect to " + place + ": " + reason);
 }
 
-// Without releasing the lock: no application's publication slips in, to be overtaken by an older one of the same topic.
+// Without releasing the lock: no application's publication slips in, to
+// be overtaken by an older one of the same topic.
 void QueueOwner::Core::Restore() {
     restoreDue = false;
     refusalSaid = 0;
-    for (const auto& [filter, qos] : filters) {
-        int messageId = 0;
-        if (client->Subscribe(filter, qos, messageId) == MOSQ_ERR_SUCCESS)
-            unansweredFilters[messageId] = filter;
-    }
+    for (auto& subscription : subscriptions)
+        client->Subscribe(subscription.filter, subscription.qos, subscription.messageId);
     const auto messages = announced.ToAnnounce();
     for (const auto& message : messages)
         Send(message.topic, message.payload, message.retained, message.assured);
@@ -204,13 +200,11 @@ void QueueOwner::Core::Restore() {
     inbox.Add().kind = Event::Kind::CONNECTED;
     Say(evictionSaid ? Severity::DEBUG : Severity::INFO,
         "connected again to " + place + " after " + Seconds(std::chrono::steady_clock::now() - lostAt) + "; " +
-            std::to_string(filters.size()) + " subscriptions and " + std::to_string(messages.size()) +
+            std::to_string(subscriptions.size()) + " subscriptions and " + std::to_string(messages.size()) +
             " announcements made again");
 }
 
 void QueueOwner::Core::OnMessage(const char* topic, const void* payload, std::size_t size) noexcept {
-    if (link != Link::UP || deliveryStopped)
-        return;
     Event& event = inbox.Add();
     event.kind = Event::Kind::MESSAGE;
     event.topic.assign(topic);
@@ -224,7 +218,7 @@ void QueueOwner::Core::OnTaken(int messageId) noexcept {
             "the broker keeps up again; " + std::to_string(refusedForBytes) + " publications were refused");
         refusedForBytes = 0;
     }
-    if (!taken || !taken->assured || deliveryStopped)
+    if (!taken || !taken->assured)
         return;
     Event& event = inbox.Add();
     event.kind = Event::Kind::DELIVERED;
@@ -232,13 +226,14 @@ void QueueOwner::Core::OnTaken(int messageId) noexcept {
 }
 
 void QueueOwner::Core::OnSubscribed(int messageId, bool granted) noexcept {
-    const auto found = unansweredFilters.find(messageId);
-    if (found == unansweredFilters.end())
+    const auto found = std::find_if(subscriptions.begin(), subscriptions.end(),
+                                    [&](const auto& one) { return one.messageId == messageId; });
+    if (found == subscriptions.end())
         return;
     if (!granted)
         Say(Severity::WARNING,
-            "the broker refuses the subscription to " + found->second + "; look into its access list");
-    unansweredFilters.erase(found);
+            "the broker refuses the subscription to " + found->filter + "; look into its access list");
+    found->messageId = 0;
 }
 
 void QueueOwner::Core::Deliver() {
@@ -246,13 +241,12 @@ void QueueOwner::Core::Deliver() {
     while (!inbox.Empty() && generation == current) {
         outbox.Swap(inbox);
         for (std::size_t index = 0; index < outbox.Size(); ++index) {
-            if (generation != current || deliveryStopped || !owner)
+            if (generation != current || deliveryStopped)
                 break;
-            QueueOwner& receiver = *owner;
             const Event& event = outbox[index];
             delivering = true;
             mutex.unlock();
-            Dispatch(receiver, event);
+            Dispatch(event);
             mutex.lock();
             delivering = false;
             if (stopsAwaited > 0)
@@ -262,17 +256,17 @@ void QueueOwner::Core::Deliver() {
     }
 }
 
-void QueueOwner::Core::Dispatch(QueueOwner& receiver, const Event& event) {
+void QueueOwner::Core::Dispatch(const Event& event) {
     try {
         switch (event.kind) {
         case Event::Kind::CONNECTED:
-            receiver.OnConnect();
+            owner.OnConnect();
             break;
         case Event::Kind::MESSAGE:
-            receiver.OnPublish(event.topic, event.payload);
+            owner.OnPublish(event.topic, event.payload);
             break;
         case Event::Kind::DELIVERED:
-            receiver.OnDeliveryCompleted(event.topic);
+            owner.OnDeliveryCompleted(event.topic);
             break;
         }
     } catch (const std::exception& exception) {
