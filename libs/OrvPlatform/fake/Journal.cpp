@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <utility>
 
 namespace OrvPlatformFake {
 
@@ -10,6 +11,7 @@ namespace {
 
 std::mutex mutex;
 Entries journal;
+std::function<void(const std::string&)> observer;
 
 constexpr const char* LEVELS[] = {"trace", "debug", "info", "warning", "error", "critical"};
 
@@ -25,6 +27,13 @@ std::string PublishLine(const char* kind, const std::string& client, const std::
 } // namespace
 
 void Journal::Add(const std::string& entry) {
+    std::function<void(const std::string&)> tell;
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        tell = observer;
+    }
+    if (tell)
+        tell(entry);
     const std::lock_guard<std::mutex> lock(mutex);
     journal.push_back(entry);
 }
@@ -38,6 +47,11 @@ Entries Journal::Take() {
 
 void Journal::Clear() {
     Take();
+}
+
+void Journal::Observe(std::function<void(const std::string&)> next) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    observer = std::move(next);
 }
 
 Entries Only(const Entries& entries, const std::vector<std::string>& beginnings) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,9 @@ public:
     /// All entries since the last Take or Clear; the journal is empty afterwards.
     static Entries Take();
     static void Clear();
+
+    /// Calls `observer` with each entry before it is written down, on the thread that adds it; an empty one ends that.
+    static void Observe(std::function<void(const std::string&)> observer);
 };
 
 /// The entries that begin with one of `beginnings`, in their order.

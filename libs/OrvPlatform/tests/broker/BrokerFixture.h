@@ -66,6 +66,18 @@ protected:
         return WaitUntil([&] { return client.HasReceived("mark", mark); });
     }
 
+    /// The payloads of the next messages, `count` of them or fewer when none comes any more.
+    static std::vector<std::string> NextPayloads(RawClient& witness, std::size_t count) {
+        std::vector<std::string> payloads;
+        while (payloads.size() < count) {
+            const auto message = witness.NextMessage();
+            if (!message)
+                break;
+            payloads.push_back(message->payload);
+        }
+        return payloads;
+    }
+
     std::string Retained(const std::string& topic) {
         const auto state = RetainedState(broker.Port(), topic);
         const auto found = state.find(topic);

@@ -2,11 +2,13 @@
 // The small parts of the broker connection, without a broker.
 #include "AnnouncedState.h"
 #include "Backoff.h"
+#include "ClientIdSuffix.h"
 #include "EventQueue.h"
 #include "EvictionWatch.h"
 #include "OutstandingPublications.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <set>
 #include <string>
@@ -76,6 +78,13 @@ TEST_F(AnEvictionWatch, KnowsThatABrokerThatWasAwayThrowsNobodyOff) {
     EXPECT_FALSE(watch.Suspects());
 }
 
+TEST_F(AnEvictionWatch, GivesUpItsSuspicionOnceTheBrokerIsSeenToBeAway) {
+    for (int eviction = 0; eviction < 3; ++eviction)
+        BeEvicted(1s);
+    watch.Accepted(now, 2);
+    EXPECT_FALSE(watch.Suspects());
+}
+
 TEST_F(AnEvictionWatch, KnowsThatABrokenLinkIsNoEviction) {
     for (int fault = 0; fault < 10; ++fault)
         BeEvicted(100ms, 1, false);
@@ -120,6 +129,20 @@ TEST(OutstandingPublicationsOfAKilobyte, CountTextAndBookkeeping) {
     const std::size_t empty = OutstandingPublications::Cost("", "");
     EXPECT_GT(empty, 0U);
     EXPECT_EQ(OutstandingPublications::Cost("topic", "payload"), empty + 12);
+}
+
+TEST(OutstandingPublicationsOfAKilobyte, AreNoneOnceTheyAreCleared) {
+    OutstandingPublications outstanding(1000);
+    outstanding.Add(1, {"a", 600, true});
+    outstanding.Clear();
+    EXPECT_EQ(outstanding.Bytes(), 0U);
+    EXPECT_FALSE(outstanding.Take(1));
+}
+
+TEST(OutstandingPublicationsOfAKilobyte, AdmitNothingBeyondALimitThatAnnouncementsHavePassed) {
+    OutstandingPublications outstanding(1000);
+    outstanding.Add(1, {"a", 1001, true});
+    EXPECT_FALSE(outstanding.Admits(1));
 }
 
 TEST(OutstandingPublicationsWithoutAByteLimit, NeverRunOutOfMessageIds) {
@@ -206,11 +229,25 @@ TEST(AnEventQueue, KeepsOrderOverReuse) {
     EXPECT_EQ(queue[0].payload, "third");
 }
 
-TEST(AnEventQueue, LetsGoOfLargePayloads) {
+TEST(AnEventQueue, LetsGoOfLargeTexts) {
     EventQueue queue;
-    queue.Add().payload.assign(1 << 20U, 'x');
+    Event& large = queue.Add();
+    large.payload.assign(1 << 20U, 'x');
+    large.topic.assign(1 << 15U, 'x');
     queue.Clear();
-    EXPECT_LE(queue.Add().payload.capacity(), 1024U);
+    const Event& next = queue.Add();
+    EXPECT_LE(next.payload.capacity(), 1024U);
+    EXPECT_LE(next.topic.capacity(), 1024U);
+}
+
+TEST(AnEventQueue, ChangesPlacesWithAnother) {
+    EventQueue queue;
+    EventQueue other;
+    queue.Add().payload = "first";
+    queue.Swap(other);
+    EXPECT_TRUE(queue.Empty());
+    ASSERT_EQ(other.Size(), 1U);
+    EXPECT_EQ(other[0].payload, "first");
 }
 
 TEST(AnEventQueue, LetsGoOfTheSlotsThatABurstNeeded) {
@@ -222,6 +259,21 @@ TEST(AnEventQueue, LetsGoOfTheSlotsThatABurstNeeded) {
     for (int number = 0; number < 1000; ++number)
         used += queue.Add().payload == "leftover" ? 1 : 0;
     EXPECT_EQ(used, EventQueue::MOST_KEPT);
+}
+
+TEST(AClientIdSuffix, HasEachPlaceholderReplacedWhereverItStands) {
+    const std::string process = std::to_string(getpid());
+    EXPECT_EQ(ClientIdSuffix("", "plain"), "");
+    EXPECT_EQ(ClientIdSuffix("-%-100%x", "plain"), "-%-100%x");
+    EXPECT_EQ(ClientIdSuffix("%p-%p", "plain"), process + "-" + process);
+    EXPECT_EQ(ClientIdSuffix("%n%n.%p", "twice"), "11." + process);
+}
+
+TEST(AClientIdSuffix, NumbersTheClientsOfEachIdThatAskForIt) {
+    EXPECT_EQ(ClientIdSuffix("-shell", "one"), "-shell");
+    EXPECT_EQ(ClientIdSuffix("-%n", "one"), "-1");
+    EXPECT_EQ(ClientIdSuffix("-%n", "another"), "-1");
+    EXPECT_EQ(ClientIdSuffix("-%n", "one"), "-2");
 }
 
 } // namespace OrvPlatform

@@ -1,8 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 // Connecting: to brokers that are away or misbehave, and the ends of connections.
 #include "BrokerFixture.h"
+#include "NoMoreDescriptors.h"
 
+#include <dlfcn.h>
 #include <future>
+#include <memory>
+
+namespace {
+std::atomic<int> initialisations{0};
+}
+
+// In the place of the client library's.
+extern "C" int mosquitto_lib_init() {
+    ++initialisations;
+    return reinterpret_cast<int (*)()>(dlsym(RTLD_NEXT, "mosquitto_lib_init"))();
+}
 
 namespace OrvTest {
 
@@ -11,9 +24,9 @@ protected:
     ACallerWithoutABroker() : BrokerTest(0) { BrokerSettings().port = closed.Number(); }
 
     /// Connects, and checks that it fails within the bound.
-    void ExpectFailure(std::uint16_t port) {
+    void ExpectFailure(std::uint16_t port, const std::string& clientId = "client") {
         BrokerSettings().port = port;
-        TestClient client;
+        TestClient client(clientId);
         bool connected = true;
         EXPECT_LT(TimeOf([&] { connected = client.Connect("will", "gone", true); }), 3s + SLACK);
         EXPECT_FALSE(connected);
@@ -81,6 +94,52 @@ TEST_F(ACallerWithoutABroker, IsNotHeldUpByANameThatWouldHaveToBeLookedUp) {
     EXPECT_EQ(Logged("names are not looked up; set [broker] host to an address"), 1U);
 }
 
+TEST_F(ACallerWithoutABroker, MayNameItsOwnMachine) {
+    for (const char* host : {"localhost", "::1"}) {
+        BrokerSettings().host = host;
+        ExpectFailure(closed.Number());
+    }
+    EXPECT_EQ(Logged("names are not looked up"), 0U);
+    EXPECT_EQ(Logged("cannot connect to localhost:"), 1U);
+    EXPECT_EQ(Logged("cannot connect to ::1:"), 1U);
+}
+
+TEST_F(ACallerWithoutABroker, IsToldTheReasonOfEachAttemptAnew) {
+    FakeBrokerServer server(FakeBrokerServer::Refuse(5));
+    BrokerSettings().port = server.Port();
+    TestClient client;
+    EXPECT_FALSE(client.Connect());
+    server.Behave(FakeBrokerServer::CloseAtOnce);
+    EXPECT_FALSE(client.Connect());
+    EXPECT_EQ(Logged("refused by the broker: not authorised"), 1U);
+    EXPECT_EQ(Logged("the broker closed the connection"), 1U);
+}
+
+TEST_F(ACallerWithoutABroker, IsToldThatItsIdHoldsANul) {
+    FakeBrokerServer server(FakeBrokerServer::Accept);
+    ExpectFailure(server.Port(), std::string("a\0b", 3));
+    EXPECT_EQ(Logged("client id or will topic holds a NUL"), 1U);
+}
+
+TEST_F(ACallerWithoutABroker, IsToldThatThereWasNoDescriptorLeft) {
+    FakeBrokerServer server(FakeBrokerServer::Accept);
+    BrokerSettings().port = server.Port();
+    auto limit = std::make_unique<NoMoreDescriptors>();
+    TestClient client;
+    limit.reset();
+    EXPECT_FALSE(client.Connect());
+    EXPECT_EQ(Logged("no descriptor left when this client was made"), 1U);
+}
+
+TEST_F(ACallerWithoutABroker, IsToldThatThereIsNoDescriptorLeft) {
+    TestClient client;
+    {
+        const NoMoreDescriptors now;
+        EXPECT_FALSE(client.Connect());
+    }
+    EXPECT_EQ(Logged(": Too many open files"), 1U);
+}
+
 TEST_F(ACallerWithoutABroker, LeavesNoThreadAndNoDescriptorBehind) {
     FakeBrokerServer refusing(FakeBrokerServer::Refuse(2));
     {
@@ -134,8 +193,21 @@ TEST_F(ACallerWithoutABroker, IsToldAboutASettingThatTheClientLibraryRefuses) {
     TestClient client;
     EXPECT_FALSE(client.Connect("will/#", "gone", true));
     EXPECT_FALSE(client.Connect("", "gone", true));
+    EXPECT_FALSE(client.Connect("will", std::string(65536, 'x'), true));
     EXPECT_FALSE(client.Connect(std::string("will\0topic", 10), "gone", true));
+    BrokerSettings().username = "\xff";
+    TestClient unreadable;
+    EXPECT_FALSE(unreadable.Connect());
     EXPECT_EQ(server.Connections(), 0);
+}
+
+TEST_F(ACallerWithoutABroker, HasTheClientLibraryInitialisedOnce) {
+    std::vector<std::future<bool>> callers;
+    for (int number = 0; number < 4; ++number)
+        callers.push_back(std::async(std::launch::async, [] { return TestClient().Connect(); }));
+    for (auto& caller : callers)
+        EXPECT_FALSE(caller.get());
+    EXPECT_EQ(initialisations, 1) << "it seeds rand() and is not safe for two threads";
 }
 
 class AClientOfARealBroker : public RealBrokerTest {};
@@ -147,6 +219,7 @@ TEST_F(AClientOfARealBroker, MayDisconnectBeforeItConnectsAndTwiceAfterwards) {
     EXPECT_TRUE(client.Disconnect());
     EXPECT_FALSE(client.Disconnect());
     EXPECT_TRUE(client.Connect());
+    EXPECT_EQ(Logged("client: disconnecting from 127.0.0.1:" + std::to_string(broker.Port())), 1U);
 }
 
 TEST_F(AClientOfARealBroker, IsToldThatItIsConnected) {
@@ -199,6 +272,11 @@ TEST_F(AClientOfARealBroker, HasItsWillSpokenWhenItIsDestroyed) {
 TEST_F(AClientOfARealBroker, GetsItsLastPublicationsOutBeforeItIsDestroyed) {
     RawClient witness(broker.Port());
     ASSERT_TRUE(witness.Subscribe("#", 1));
+    std::vector<std::string> expected;
+    for (int number = 0; number < 20; ++number)
+        expected.push_back(std::to_string(number));
+    expected.emplace_back("gone");
+    const auto begin = std::chrono::steady_clock::now();
     for (int round = 0; round < 20; ++round) {
         {
             TestClient client;
@@ -208,10 +286,9 @@ TEST_F(AClientOfARealBroker, GetsItsLastPublicationsOutBeforeItIsDestroyed) {
             for (int number = 0; number < 20; ++number)
                 ASSERT_EQ(client.PublishMessage("last", std::to_string(number), true), 0);
         }
-        for (int number = 0; number < 20; ++number)
-            EXPECT_EQ(witness.NextMessage()->payload, std::to_string(number));
-        EXPECT_EQ(witness.NextMessage()->payload, "gone");
+        ASSERT_EQ(NextPayloads(witness, 21), expected);
     }
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 20 * 200ms) << "the broker is told the end, not waited for";
 }
 
 TEST_F(AClientOfARealBroker, ChangesItsWillWithASecondConnectAndTheOldOneStaysSilent) {
@@ -249,6 +326,36 @@ TEST_F(AClientOfARealBroker, IsKnownByItsIdAndTheConfiguredSuffix) {
     EXPECT_TRUE(said.cleanSession);
     EXPECT_EQ(said.username, "user");
     EXPECT_EQ(said.password, "word");
+    EXPECT_FALSE(said.will);
+}
+
+TEST_F(AClientOfARealBroker, IsNumberedAmongThoseOfItsOwnIdOnly) {
+    BrokerSettings().clientIdSuffix = "-%n";
+    TestClient first("first kind");
+    TestClient second("second kind");
+    ASSERT_TRUE(first.Connect() && second.Connect());
+    EXPECT_TRUE(WaitUntil([&] { return Logged("first kind-1: connected to") == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return Logged("second kind-1: connected to") == 1; }));
+}
+
+TEST(AClientWithALastWill, SaysItAsItWasGivenAndForgetsItWithAConnectWithoutOne) {
+    FakeBrokerServer server(FakeBrokerServer::Accept);
+    BrokerSettings() = {};
+    BrokerSettings().port = server.Port();
+    TestClient client;
+    const std::string anyBytes("\0\xff", 2);
+    ASSERT_TRUE(client.Connect("first", anyBytes, false));
+    ASSERT_TRUE(client.Connect("second", "", true));
+    ASSERT_TRUE(client.Connect());
+    std::vector<std::optional<MqttMessage>> wills;
+    for (const MqttPacket& packet : server.Packets()) {
+        if (packet.type == MqttPacket::Type::CONNECT)
+            wills.push_back(DecodeConnect(packet).will);
+    }
+    ASSERT_EQ(wills.size(), 3U);
+    EXPECT_EQ(wills[0], (MqttMessage{"first", anyBytes, 1, false, false, 0}));
+    EXPECT_EQ(wills[1], (MqttMessage{"second", "", 1, true, false, 0}));
+    EXPECT_EQ(wills[2], std::nullopt);
 }
 
 } // namespace OrvTest

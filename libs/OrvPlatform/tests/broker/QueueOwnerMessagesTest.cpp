@@ -2,7 +2,8 @@
 // Messages: what arrives as it was sent, what is refused, what is never sent later.
 #include "BrokerFixture.h"
 
-#include <csignal>
+#include <future>
+#include <memory>
 
 namespace OrvTest {
 
@@ -88,11 +89,10 @@ TEST_F(AConnectedClient, GetsFiftyAssuredPublicationsOutBeforeItDisconnects) {
     for (int number = 0; number < 50; ++number)
         ASSERT_EQ(client.PublishMessage("last/word", std::to_string(number), true), 0);
     ASSERT_TRUE(client.Disconnect());
-    for (int number = 0; number < 50; ++number) {
-        const auto message = witness.NextMessage();
-        ASSERT_TRUE(message);
-        EXPECT_EQ(message->payload, std::to_string(number));
-    }
+    const auto payloads = NextPayloads(witness, 50);
+    ASSERT_EQ(payloads.size(), 50U);
+    for (std::size_t number = 0; number < 50; ++number)
+        EXPECT_EQ(payloads[number], std::to_string(number));
 }
 
 TEST_F(AConnectedClient, IsRefusedAfterwardsAndNothingIsSentLater) {
@@ -114,6 +114,68 @@ TEST_F(AConnectedClient, MakesARetainedTopicDisappearWithAnEmptyPayload) {
     client.PublishRetainedMessage("led", "", true);
     ASSERT_TRUE(IsUpToDate(client));
     EXPECT_EQ(Retained("led"), "(nothing)");
+}
+
+class ASubscription : public BrokerTest {
+protected:
+    /// To a broker that grants what is not called "secret", and hangs up at a publication.
+    ASubscription()
+        : BrokerTest(0), server([](FakeBrokerServer::Session& session) {
+              while (const auto packet = session.Read()) {
+                  if (packet->type == MqttPacket::Type::CONNECT)
+                      session.Send(EncodeConnack(0));
+                  else if (packet->type == MqttPacket::Type::SUBSCRIBE)
+                      session.Send(EncodeSuback(PacketId(*packet), SubscribedFilter(*packet) == "secret" ? 0x80 : 0));
+                  else
+                      return;
+              }
+          }) {
+        BrokerSettings().port = server.Port();
+    }
+
+    /// "filter qos", as the broker has been asked.
+    std::vector<std::string> Asked() const {
+        std::vector<std::string> asked;
+        for (const MqttPacket& packet : server.Packets()) {
+            if (packet.type == MqttPacket::Type::SUBSCRIBE)
+                asked.push_back(SubscribedFilter(packet) + " " + std::to_string(packet.body.back()));
+        }
+        return asked;
+    }
+
+    bool Reconnects(TestClient& client) {
+        return client.PublishMessage("hang up", "", false) == 0 && WaitUntil([&] { return client.Connects() == 2; });
+    }
+
+    FakeBrokerServer server;
+};
+
+TEST_F(ASubscription, IsMadeAgainInOrderOnceAndWithItsLatestQualityOfService) {
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    for (int qos = 0; qos <= 2; ++qos)
+        EXPECT_TRUE(client.Subscribe("b" + std::to_string(qos), qos));
+    EXPECT_TRUE(client.Subscribe("a", 0));
+    EXPECT_TRUE(client.Subscribe("b1", 2));
+    const std::vector<std::string> first{"b0 0", "b1 1", "b2 2", "a 0", "b1 2"};
+    EXPECT_TRUE(WaitUntil([&] { return Asked().size() == first.size(); }));
+    EXPECT_EQ(Asked(), first);
+    ASSERT_TRUE(Reconnects(client));
+    EXPECT_TRUE(WaitUntil([&] { return Asked().size() == first.size() + 4; }));
+    EXPECT_EQ(Asked(),
+              (std::vector<std::string>{"b0 0", "b1 1", "b2 2", "a 0", "b1 2", "b0 0", "b1 2", "b2 2", "a 0"}));
+}
+
+TEST_F(ASubscription, ThatTheBrokerRefusesIsReportedEachTimeItIsMade) {
+    const std::string report = "client: the broker refuses the subscription to secret; look into its access list";
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    EXPECT_TRUE(client.Subscribe("open", 1));
+    EXPECT_TRUE(client.Subscribe("secret", 1));
+    EXPECT_TRUE(WaitUntil([&] { return Logged(report) == 1; }));
+    ASSERT_TRUE(Reconnects(client));
+    EXPECT_TRUE(WaitUntil([&] { return Logged(report) == 2; }));
+    EXPECT_EQ(Logged("the broker refuses"), 2U);
 }
 
 class AClientOfABrokerThatReadsNothing : public BrokerTest {
@@ -154,7 +216,9 @@ TEST_F(AClientOfABrokerThatReadsNothing, IsRefusedPlainPublicationsTooOnceTheSoc
 TEST_F(AClientOfABrokerThatReadsNothing, IsToldAboutAPayloadThatCanNeverFit) {
     TestClient client;
     ASSERT_TRUE(client.Connect());
-    EXPECT_EQ(client.PublishMessage("topic", std::string(20001, 'x'), true), QueueOwner::PAYLOAD_TOO_LARGE);
+    // Topic, payload and 128 bytes of bookkeeping count.
+    EXPECT_EQ(client.PublishMessage("topic", std::string(20000 - 128 - 4, 'x'), true), QueueOwner::PAYLOAD_TOO_LARGE);
+    EXPECT_EQ(client.PublishMessage("topic", std::string(20000 - 128 - 5, 'x'), true), 0);
 }
 
 TEST_F(AClientOfABrokerThatReadsNothing, DisconnectsWithinASecond) {
@@ -162,6 +226,75 @@ TEST_F(AClientOfABrokerThatReadsNothing, DisconnectsWithinASecond) {
     ASSERT_TRUE(client.Connect());
     Fill(client, false);
     EXPECT_LT(TimeOf([&] { EXPECT_TRUE(client.Disconnect()); }), 1s + SLACK);
+}
+
+TEST_F(AClientOfABrokerThatReadsNothing, IsDestroyedWithinAFifthOfASecond) {
+    auto client = std::make_unique<TestClient>();
+    ASSERT_TRUE(client->Connect());
+    Fill(*client, false);
+    EXPECT_LT(TimeOf([&] { client.reset(); }), 200ms + SLACK);
+}
+
+TEST_F(AClientOfABrokerThatReadsNothing, MayFillAFreshConnectionAnew) {
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    ASSERT_EQ(Fill(client, false), QueueOwner::OUTSTANDING_FULL);
+    ASSERT_TRUE(WaitUntil([&] { return Logged("the broker does not keep up") == 1; }));
+    ASSERT_TRUE(client.Disconnect());
+    ASSERT_TRUE(client.Connect());
+    EXPECT_EQ(client.PublishMessage("topic", std::string(15000, 'x'), false), 0);
+    EXPECT_EQ(Fill(client, false), QueueOwner::OUTSTANDING_FULL);
+    EXPECT_TRUE(WaitUntil([&] { return Logged("the broker does not keep up") == 2; }));
+    EXPECT_EQ(Logged("the broker keeps up again"), 0U);
+}
+
+TEST_F(AClientOfABrokerThatReadsNothing, HasRoomAgainOnceTheConnectionWasLostAndRemembersNothingThatWasRefused) {
+    std::atomic<bool> down{false};
+    server.Behave([&](FakeBrokerServer::Session& session) {
+        session.Read();
+        session.Send(EncodeConnack(0));
+        WaitUntil([&] { return down.load(); });
+    });
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    ASSERT_EQ(Fill(client, false), QueueOwner::OUTSTANDING_FULL);
+    EXPECT_EQ(client.PublishRetainedMessage("led", std::string(1000, 'x'), true), QueueOwner::OUTSTANDING_FULL);
+    server.Behave(FakeBrokerServer::Accept);
+    down = true;
+    ASSERT_TRUE(WaitUntil([&] { return client.Connects() == 2; }));
+    EXPECT_EQ(client.PublishMessage("topic", std::string(15000, 'x'), false), 0);
+    EXPECT_EQ(Logged("; 0 subscriptions and 0 announcements made again"), 1U);
+}
+
+TEST_F(AClientOfABrokerThatReadsNothing, LeavesNoRecordUnwrittenWhenItIsDestroyedAtOnce) {
+    auto client = std::make_unique<TestClient>();
+    std::promise<void> destroyed;
+    client->onConnect = [&] {
+        std::promise<void>& done = destroyed; // unlike what was captured, it outlives the client
+        Fill(*client, true);
+        client.reset();
+        done.set_value();
+    };
+    client->Connect();
+    ASSERT_EQ(destroyed.get_future().wait_for(PATIENCE), std::future_status::ready);
+    EXPECT_EQ(Logged("the broker does not keep up"), 1U);
+}
+
+TEST_F(AClientOfABrokerThatReadsNothing, IsSentWhatItPublishedAsSoonAsTheBrokerReads) {
+    FakeBrokerServer reader(FakeBrokerServer::Accept);
+    BrokerSettings().port = reader.Port();
+    BrokerSettings().maxOutstandingBytes = 64U << 20U;
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    const std::string payload(8U << 20U, 'x'); // more than the socket takes at once
+    // A second a round if the delivery thread were not told that there is something to be sent.
+    EXPECT_LT(TimeOf([&] {
+                  for (std::size_t round = 1; round <= 10; ++round) {
+                      EXPECT_EQ(client.PublishMessage("topic", payload, true), 0);
+                      ASSERT_TRUE(WaitUntil([&] { return client.Delivered().size() == round; }));
+                  }
+              }),
+              8s);
 }
 
 TEST_F(AClientOfABrokerThatReadsNothing, MakesRoomWhenTheBrokerReadsAgain) {

@@ -5,6 +5,7 @@
 #include <array>
 #include <atomic>
 #include <future>
+#include <list>
 #include <thread>
 
 namespace OrvTest {
@@ -88,11 +89,44 @@ TEST_F(ABrokerRestart, DoesNotBringBackWhatWasRefusedMeanwhile) {
     ASSERT_TRUE(WaitUntil([&] { return client.PublishMessage("probe", "", false) == QueueOwner::NOT_CONNECTED; }));
     EXPECT_EQ(client.PublishRetainedMessage("led", "Off", true), QueueOwner::NOT_CONNECTED);
     EXPECT_EQ(client.PublishRetainedMessage("other", "x", true), QueueOwner::NOT_CONNECTED);
+    EXPECT_FALSE(client.Subscribe("refused", 1));
     broker.Start();
     ASSERT_TRUE(IsBack(client, 2));
+    client.PublishMessage("refused", "x", true);
     ASSERT_TRUE(IsUpToDate(client));
+    EXPECT_FALSE(client.HasReceived("refused", "x"));
     EXPECT_EQ(Retained("led"), "On");
     EXPECT_EQ(Retained("other"), "(nothing)");
+}
+
+TEST_F(ABrokerRestart, DoesNotBringBackWhatWasRefusedBeforeTheDeliveryThreadNoticed) {
+    std::atomic<bool> down{false};
+    FakeBrokerServer server([&](FakeBrokerServer::Session& session) {
+        session.Read();
+        session.Send(EncodeConnack(0));
+        WaitUntil([&] { return down.load(); });
+    });
+    BrokerSettings().port = server.Port();
+    std::promise<void> release;
+    TestClient client;
+    // Nobody but the publisher can notice the loss meanwhile.
+    client.onConnect = [released = release.get_future().share()] { released.wait(); };
+    ASSERT_TRUE(client.Connect());
+    server.Behave(FakeBrokerServer::Accept);
+    down = true;
+    std::size_t accepted = 0;
+    int status = 0;
+    EXPECT_TRUE(WaitUntil([&] {
+        status = client.PublishMessage("late", "x", true);
+        accepted += status == 0 ? 1 : 0;
+        return status != 0;
+    }));
+    EXPECT_EQ(status, QUILMQTT::QueueOwner::NOT_CONNECTED);
+    release.set_value();
+    EXPECT_TRUE(WaitUntil([&] { return client.Delivered().size() == accepted; }));
+    ASSERT_EQ(client.PublishMessage("end", "", true), 0);
+    EXPECT_TRUE(WaitUntil([&] { return client.Delivered().size() == accepted + 1; }));
+    EXPECT_EQ(server.Count(MqttPacket::Type::PUBLISH), accepted + 1);
 }
 
 TEST_F(ABrokerRestart, IsNotAnnouncedIntoAConnectionThatTheApplicationMakes) {
@@ -112,7 +146,6 @@ TEST_F(ABrokerRestart, IsNotAnnouncedIntoAConnectionThatTheApplicationMakes) {
 }
 
 TEST_F(ABrokerRestart, LeavesTheWillInForce) {
-
     auto client = std::make_unique<TestClient>();
     ASSERT_TRUE(client->Connect("will", "gone", false));
     broker.Restart();
@@ -210,6 +243,24 @@ TEST_F(ABrokerRestart, OfAFewIsNotTakenForASecondClientWithTheSameId) {
     EXPECT_EQ(Logged("another client uses the same id"), 0U);
     EXPECT_EQ(Logged("lost the connection"), 4U);
     EXPECT_EQ(Logged("connected again to"), 4U);
+}
+
+TEST_F(ABrokerRestart, IsNotFollowedByAllClientsAtTheSameMoment) {
+    std::atomic<bool> down{false};
+    FakeBrokerServer server([&](FakeBrokerServer::Session& session) {
+        session.Read();
+        session.Send(EncodeConnack(0));
+        WaitUntil([&] { return down.load(); });
+    });
+    BrokerSettings().port = server.Port();
+    std::list<TestClient> clients;
+    for (int number = 0; number < 12; ++number)
+        ASSERT_TRUE(clients.emplace_back("client " + std::to_string(number)).Connect());
+    server.Behave(FakeBrokerServer::Accept);
+    down = true;
+    ASSERT_TRUE(WaitUntil([&] { return server.Connections() > 12; }));
+    const auto spread = TimeOf([&] { WaitUntil([&] { return server.Connections() == 24; }); });
+    EXPECT_GE(spread, 10ms) << "twelve pauses at random between 187 and 250 ms";
 }
 
 class AFrozenBroker : public RealBrokerTest {};

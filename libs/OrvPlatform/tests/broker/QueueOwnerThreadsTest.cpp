@@ -5,8 +5,10 @@
 #include <arpa/inet.h>
 #include <atomic>
 #include <fcntl.h>
+#include <filesystem>
 #include <future>
 #include <memory>
+#include <netinet/tcp.h>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <thread>
@@ -132,6 +134,25 @@ TEST_F(ACallback, ThatTakesItsTimeDoesNotDelayAnotherClient) {
     EXPECT_TRUE(WaitUntil([&] { return slow.HasReceived("go", "y"); }));
 }
 
+TEST_F(ACallback, ThatTakesItsTimeHoldsUpNothingThatItsClientSays) {
+    FakeBrokerServer server(FakeBrokerServer::Accept);
+    BrokerSettings().port = server.Port();
+    std::promise<void> release;
+    std::atomic<bool> inside{false};
+    TestClient client;
+    client.onConnect = [&, released = release.get_future().share()] {
+        inside = true;
+        released.wait();
+    };
+    ASSERT_TRUE(client.Connect());
+    EXPECT_TRUE(WaitUntil([&] { return inside.load(); }));
+    EXPECT_TRUE(client.Subscribe("a", 1));
+    EXPECT_TRUE(WaitUntil([&] { return server.Count(MqttPacket::Type::SUBSCRIBE) == 1; }));
+    EXPECT_EQ(client.PublishMessage("b", "x", true), 0);
+    EXPECT_TRUE(WaitUntil([&] { return server.Count(MqttPacket::Type::PUBLISH) == 1; }));
+    release.set_value();
+}
+
 TEST_F(ACallback, UnderWayIsTheLastOneOnceStopDeliveryReturns) {
     TestClient client;
     std::atomic<int> inside{0};
@@ -147,7 +168,7 @@ TEST_F(ACallback, UnderWayIsTheLastOneOnceStopDeliveryReturns) {
     for (int round = 0; round < 20; ++round) {
         for (int number = 0; number < 50; ++number)
             client.PublishMessage("flood", std::to_string(number), false);
-        WaitUntil([&] { return calls > 0; });
+        ASSERT_TRUE(WaitUntil([&] { return calls > 0; }));
         client.StopDelivery();
         EXPECT_EQ(inside, 0);
         const int seen = calls;
@@ -188,6 +209,68 @@ TEST_F(ACallback, DoesNotBeginOnceDisconnectHasReturned) {
     EXPECT_EQ(late, 0);
 }
 
+/// Set in a thread, it notes when the thread has ended: a while after the thread's last function has returned.
+struct EndOfThread {
+    ~EndOfThread() {
+        if (ended) {
+            WaitUntil([] { return false; }, 50ms);
+            *ended = true;
+        }
+    }
+
+    std::atomic<bool>* ended = nullptr;
+};
+
+TEST_F(ACallback, RunsOnAThreadThatHasEndedWhenDisconnectReturns) {
+    std::atomic<bool> ended{false};
+    std::atomic<bool> inside{false};
+    TestClient client;
+    client.onConnect = [&] {
+        thread_local EndOfThread end;
+        end.ended = &ended;
+        inside = true;
+    };
+    ASSERT_TRUE(client.Connect());
+    ASSERT_TRUE(WaitUntil([&] { return inside.load(); }));
+    client.StopDelivery(); // a callback that is under way would not be waited for
+    ASSERT_TRUE(client.Disconnect());
+    EXPECT_TRUE(ended);
+}
+
+/// Like a class without a callback of its own worth stopping: its destructor is the base's.
+class PlainClient : public QUILMQTT::QueueOwner {
+public:
+    PlainClient(std::atomic<bool>& begun, std::shared_future<void> end, std::atomic<bool>& ended)
+        : QueueOwner("plain"), inside(begun), released(std::move(end)), left(ended) {}
+
+    void OnConnect() override {
+        std::atomic<bool>& done = left; // the members are gone when it is released
+        const std::shared_future<void> until = released;
+        inside = true;
+        until.wait();
+        done = true;
+    }
+
+private:
+    std::atomic<bool>& inside;
+    const std::shared_future<void> released;
+    std::atomic<bool>& left;
+};
+
+TEST_F(ACallback, UnderWayIsWaitedForByTheDestructorOfTheBase) {
+    std::promise<void> release;
+    std::atomic<bool> inside{false};
+    std::atomic<bool> left{false};
+    auto client = std::make_unique<PlainClient>(inside, release.get_future().share(), left);
+    ASSERT_TRUE(client->Connect());
+    ASSERT_TRUE(WaitUntil([&] { return inside.load(); }));
+    auto destroying = std::async(std::launch::async, [&] { client.reset(); });
+    EXPECT_EQ(destroying.wait_for(300ms), std::future_status::timeout);
+    release.set_value();
+    destroying.get();
+    EXPECT_TRUE(left);
+}
+
 TEST_F(ACallback, AndADestructionUnderLoadDoNotMeet) {
     std::atomic<bool> stop{false};
     std::thread flood([&] {
@@ -215,6 +298,20 @@ TEST_F(ACallback, ComesOnDescriptorsAbove1024Too) {
     EXPECT_TRUE(client.Disconnect());
 }
 
+TEST_F(ACallback, IsAwaitedOnADescriptorThatNoOtherProgramInherits) {
+    TestClient client;
+    int found = 0;
+    for (int descriptor = 0; descriptor < 1024; ++descriptor) {
+        std::error_code none;
+        const auto target = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor), none);
+        if (target != "anon_inode:[eventfd]")
+            continue;
+        ++found;
+        EXPECT_NE(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0);
+    }
+    EXPECT_EQ(found, 1);
+}
+
 TEST_F(ACallback, IsServedByASocketThatNoOtherProgramInherits) {
     TestClient client;
     ASSERT_TRUE(client.Connect());
@@ -227,6 +324,10 @@ TEST_F(ACallback, IsServedByASocketThatNoOtherProgramInherits) {
             continue;
         ++connections;
         EXPECT_NE(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0);
+        int atOnce = 0;
+        socklen_t length = sizeof atOnce;
+        getsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &atOnce, &length);
+        EXPECT_EQ(atOnce, 1) << "small publications in a row would wait for each other's acknowledgement";
     }
     EXPECT_EQ(connections, 1);
 }

@@ -10,6 +10,11 @@
 
 namespace OrvTest {
 
+namespace {
+// Not for ever: a call that waits for it in vain is to fail a test, not to hang it.
+constexpr std::chrono::seconds FROZEN{15};
+} // namespace
+
 std::optional<MqttPacket> FakeBrokerServer::Session::Read() {
     auto packet = ReadPacket(socket.Get(), std::chrono::hours(1));
     if (packet) {
@@ -26,7 +31,9 @@ void FakeBrokerServer::Session::Serve() {
             Send(EncodeConnack(0));
             break;
         case MqttPacket::Type::PUBLISH:
-            if (const auto message = DecodePublish(*packet); message.qos > 0)
+            if (const auto message = DecodePublish(*packet); message.topic == "hang up")
+                return;
+            else if (message.qos > 0)
                 Send(EncodePuback(message.id));
             break;
         case MqttPacket::Type::SUBSCRIBE:
@@ -111,7 +118,11 @@ void FakeBrokerServer::Accept(Session& session) {
 void FakeBrokerServer::AcceptAndFreeze(Session& session) {
     session.Read();
     session.Send(EncodeConnack(0));
-    session.Freeze();
+    session.Freeze(FROZEN);
+}
+
+void FakeBrokerServer::StaySilent(Session& session) {
+    session.Freeze(FROZEN);
 }
 
 void FakeBrokerServer::SpeakGarbage(Session& session) {

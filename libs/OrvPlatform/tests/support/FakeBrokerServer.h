@@ -29,7 +29,7 @@ public:
         /// The next packet; nothing when the client or the server ends.
         std::optional<MqttPacket> Read();
         bool Send(const std::string& bytes) { return WriteWhole(socket.Get(), bytes); }
-        /// Acknowledges as a broker would, until the client goes.
+        /// Acknowledges as a broker would, until the client goes or publishes on the topic "hang up".
         void Serve();
         /// Neither reads nor writes until the server ends.
         void Freeze();
@@ -62,7 +62,7 @@ public:
     static void Accept(Session& session);          // a well-behaved broker that passes nothing on
     static void AcceptAndFreeze(Session& session); // answers the CONNECT and nothing more
     static void CloseAtOnce(Session&) {}
-    static void StaySilent(Session& session) { session.Freeze(); }
+    static void StaySilent(Session& session);
     static void SpeakGarbage(Session& session);
     static Behaviour Refuse(int code);
     static Behaviour AcceptAfter(std::chrono::milliseconds delay);

@@ -1,0 +1,271 @@
+// SPDX-License-Identifier: Apache-2.0
+// Brokers that answer late, wrongly, twice or not at all once a connection has been made: what the client makes of it,
+// and what it says about it.
+#include "BrokerFixture.h"
+#include "NoMoreDescriptors.h"
+
+#include <poll.h>
+
+#include <atomic>
+#include <ctime>
+#include <future>
+
+namespace {
+std::atomic<unsigned> polls{0};
+}
+
+// In the place of the C library's, to count how often a delivery thread wakes up.
+extern "C" int poll(pollfd* descriptors, nfds_t count, int limit) {
+    polls += count == 2 ? 1 : 0;
+    const timespec time{limit / 1000, limit % 1000 * 1000000L};
+    return ppoll(descriptors, count, limit < 0 ? nullptr : &time, nullptr);
+}
+
+namespace OrvTest {
+
+using Session = FakeBrokerServer::Session;
+
+/// A client of a broker that plays one behaviour after the other, the last one from then on. The first connection is
+/// served until Drop().
+class ALostConnection : public BrokerTest {
+protected:
+    explicit ALostConnection(std::vector<FakeBrokerServer::Behaviour> others = {FakeBrokerServer::Accept})
+        : BrokerTest(0), behaviours(std::move(others)) {
+        behaviours.insert(behaviours.begin(), FakeBrokerServer::Accept);
+        place = "127.0.0.1:" + std::to_string(server.Port());
+        client.onConnect = [this] {
+            if (holdOnConnect)
+                released.wait();
+        };
+        EXPECT_TRUE(client.Connect());
+    }
+
+    void Drop() { EXPECT_EQ(client.PublishMessage("hang up", "", false), 0); }
+
+    bool IsConnectedFor(int connects) {
+        return WaitUntil([&] { return client.Connects() == connects; }, 40s);
+    }
+
+    std::size_t LoggedAt(const std::string& level, const std::string& text) {
+        return Logged("log " + level + " QueueOwner \"client: " + text);
+    }
+
+    static void AcceptAndClose(Session& session) {
+        session.Read();
+        session.Send(EncodeConnack(0));
+    }
+
+    static void AcceptAndSpeakGarbage(Session& session) {
+        session.Read();
+        session.Send(EncodeConnack(0) + std::string("\xf0\x00", 2));
+        session.Freeze();
+    }
+
+    /// A client reads the settings when it is made.
+    static std::string IdOnceConfigured(std::uint16_t port) {
+        BrokerSettings().port = port;
+        return "client";
+    }
+
+    std::atomic<bool> holdOnConnect{false};
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    std::atomic<std::size_t> sessions{0};
+    std::vector<FakeBrokerServer::Behaviour> behaviours;
+    FakeBrokerServer server{
+        [this](Session& session) { behaviours[std::min(sessions++, behaviours.size() - 1)](session); }};
+    std::string place;
+    TestClient client{IdOnceConfigured(server.Port())};
+};
+
+TEST_F(ALostConnection, IsTwoLinesInTheLogHoweverItEnds) {
+    ASSERT_TRUE(client.Subscribe("a", 1));
+    EXPECT_EQ(client.PublishRetainedMessage("led", "On", false), 0);
+    EXPECT_NE(client.PublishRetainedMessage("led/+", "On", false), 0);
+    Drop();
+    ASSERT_TRUE(IsConnectedFor(2));
+    EXPECT_EQ(LoggedAt("info", "connected to " + place + "\""), 1U);
+    EXPECT_EQ(
+        LoggedAt("warning", "lost the connection to " + place + ": the broker closed the connection; reconnecting\""),
+        1U);
+    EXPECT_EQ(LoggedAt("info", "connected again to " + place + " after 0."), 1U);
+    EXPECT_EQ(Logged(" s; 1 subscriptions and 1 announcements made again\""), 1U);
+    EXPECT_EQ(Log().size(), 3U);
+}
+
+TEST_F(ALostConnection, IsRestoredBeforeTheApplicationIsToldOfTheNext) {
+    ASSERT_TRUE(client.Subscribe("a", 1));
+    ASSERT_EQ(client.PublishRetainedMessage("led", "On", false), 0);
+    ASSERT_TRUE(IsConnectedFor(1));
+    holdOnConnect = true;
+    Drop();
+    EXPECT_TRUE(WaitUntil([&] { return server.Count(MqttPacket::Type::PUBLISH) == 3; })) << "led, hang up, led again";
+    EXPECT_EQ(server.Count(MqttPacket::Type::SUBSCRIBE), 2U);
+    release.set_value();
+}
+
+class ARefusalAfterALoss : public ALostConnection {
+protected:
+    ARefusalAfterALoss()
+        : ALostConnection({FakeBrokerServer::Refuse(5), FakeBrokerServer::Refuse(5), AcceptAndClose,
+                           FakeBrokerServer::Refuse(5), FakeBrokerServer::CloseAtOnce, FakeBrokerServer::Accept}) {}
+};
+
+TEST_F(ARefusalAfterALoss, IsReportedOnceInEachOutageAndNoOtherFailureIs) {
+    Drop();
+    // Pauses of 0.25, 0.5 and 1 s, a quarter less at most.
+    EXPECT_GE(TimeOf([&] { EXPECT_TRUE(WaitUntil([&] { return server.Connections() == 4; })); }), 1300ms);
+    ASSERT_TRUE(IsConnectedFor(3));
+    const std::string attempt = "cannot reconnect to " + place + ": ";
+    EXPECT_EQ(LoggedAt("warning", attempt + "refused by the broker: not authorised; set [broker] username"), 2U);
+    EXPECT_EQ(LoggedAt("debug", attempt + "refused by the broker"), 1U);
+    EXPECT_EQ(LoggedAt("debug", attempt + "the broker closed the connection"), 1U);
+}
+
+class AProtocolFault : public ALostConnection {
+protected:
+    AProtocolFault()
+        : ALostConnection({AcceptAndSpeakGarbage, AcceptAndSpeakGarbage, AcceptAndSpeakGarbage, AcceptAndSpeakGarbage,
+                           AcceptAndSpeakGarbage, AcceptAndSpeakGarbage, AcceptAndSpeakGarbage, AcceptAndSpeakGarbage,
+                           FakeBrokerServer::Accept}) {}
+};
+
+TEST_F(AProtocolFault, OverAndOverIsNoOtherClientAndDoesNotLengthenThePauses) {
+    Drop();
+    // Nine pauses of 0.25 s at most.
+    EXPECT_LT(TimeOf([&] { EXPECT_TRUE(WaitUntil([&] { return sessions == 10; })); }), 7s);
+    EXPECT_TRUE(WaitUntil([&] { return LoggedAt("warning", "lost the connection") == 9; }));
+    EXPECT_EQ(Logged("the peer does not speak MQTT, is it a broker?"), 8U);
+    EXPECT_EQ(Logged("another client uses the same id"), 0U);
+}
+
+class AFaultRightAfterTheAnswer : public ALostConnection {
+protected:
+    AFaultRightAfterTheAnswer() : ALostConnection({AcceptAndSpeakGarbage, FakeBrokerServer::Accept}) {}
+};
+
+TEST_F(AFaultRightAfterTheAnswer, LeavesNothingToBeAnnouncedTwice) {
+    ASSERT_EQ(client.PublishRetainedMessage("led", "On", true), 0);
+    ASSERT_TRUE(WaitUntil([&] { return client.Delivered().size() == 1; }));
+    Drop();
+    ASSERT_TRUE(IsConnectedFor(2));
+    ASSERT_EQ(client.PublishMessage("end", "", true), 0);
+    ASSERT_TRUE(WaitUntil([&] { return client.Delivered().size() == 3; }));
+    // led and the request to hang up; led again and the end.
+    EXPECT_EQ(server.Count(MqttPacket::Type::PUBLISH), 4U);
+}
+
+class AnotherClientWithTheSameId : public ALostConnection {
+protected:
+    AnotherClientWithTheSameId()
+        : ALostConnection({AcceptAndClose, AcceptAndClose, AcceptAndClose, AcceptAndSpeakGarbage, AcceptAndClose,
+                           AcceptAndClose, AcceptAndClose, FakeBrokerServer::Accept}) {}
+};
+
+TEST_F(AnotherClientWithTheSameId, IsReportedOnceEachTimeItComesAndThePausesGrow) {
+    Drop();
+    // Three pauses of 0.25 s, one of 0.5 and one of 1 s, a quarter less at most.
+    EXPECT_GE(TimeOf([&] { EXPECT_TRUE(WaitUntil([&] { return sessions == 6; })); }), 1650ms);
+    ASSERT_TRUE(WaitUntil([&] { return sessions == 9; }));
+    EXPECT_TRUE(WaitUntil([&] { return Logged("connected again") == 7; }));
+    EXPECT_EQ(LoggedAt("error", "the broker keeps throwing this client off: another client uses the same id; "), 2U);
+    EXPECT_EQ(LoggedAt("warning", "lost the connection to"), 5U) << "those that are not part of a reported pattern";
+    EXPECT_EQ(LoggedAt("info", "connected again to"), 5U);
+}
+
+class ABrokerThatAnswersTwice : public ALostConnection {
+protected:
+    ABrokerThatAnswersTwice()
+        : ALostConnection({[](Session& session) {
+              session.Read();
+              session.Send(EncodeConnack(0) + EncodeConnack(0));
+              session.Serve();
+          }}) {}
+};
+
+TEST_F(ABrokerThatAnswersTwice, HasConnectedOnce) {
+    Drop();
+    ASSERT_TRUE(IsConnectedFor(2));
+    ASSERT_EQ(client.PublishMessage("end", "", true), 0);
+    ASSERT_TRUE(WaitUntil([&] { return client.Delivered().size() == 1; }));
+    EXPECT_EQ(client.Connects(), 2);
+}
+
+class ALateAnswer : public ALostConnection {
+protected:
+    ALateAnswer()
+        : ALostConnection({[this](Session& session) {
+              session.Read();
+              // A later attempt has a longer pause, and so another chance, should this thread be held up.
+              const int own = static_cast<int>(sessions) - 1;
+              WaitUntil([&] { return givenUp >= own; }, 60s);
+              session.Send(EncodeConnack(0));
+              session.Serve();
+          }}) {}
+
+    std::atomic<int> givenUp{0};
+};
+
+TEST_F(ALateAnswer, StillCountsAfterTheTenSecondsThatAnAttemptIsGiven) {
+    Drop();
+    const auto waitForIt = [&] {
+        return WaitUntil(
+            [&] {
+                givenUp =
+                    static_cast<int>(LoggedAt("debug", "cannot reconnect to " + place + ": no answer within 10 s"));
+                return client.Connects() == 2;
+            },
+            40s);
+    };
+    bool connected = false;
+    EXPECT_GE(TimeOf([&] { connected = waitForIt(); }), 10s);
+    ASSERT_TRUE(connected);
+    EXPECT_EQ(server.Connections(), 1 + givenUp) << "it was taken on the connection that was given up";
+}
+
+TEST_F(ALostConnection, IsMadeAgainOnceThereAreDescriptorsAgain) {
+    {
+        const NoMoreDescriptors now;
+        Drop();
+        EXPECT_TRUE(WaitUntil(
+            [&] { return LoggedAt("debug", "cannot reconnect to " + place + ": Too many open files") >= 2; }));
+    }
+    EXPECT_TRUE(IsConnectedFor(2));
+}
+
+/// A delivery thread that has nothing to do.
+class AnIdleThread : public ALostConnection {
+protected:
+    explicit AnIdleThread(FakeBrokerServer::Behaviour afterwards = FakeBrokerServer::StaySilent)
+        : ALostConnection({std::move(afterwards)}) {}
+
+    static unsigned WakeUps() {
+        const unsigned before = polls;
+        WaitUntil([] { return false; }, 300ms);
+        return polls - before;
+    }
+};
+
+TEST_F(AnIdleThread, SleepsWhileTheConnectionStands) {
+    ASSERT_TRUE(IsConnectedFor(1));
+    EXPECT_LE(WakeUps(), 5U);
+}
+
+TEST_F(AnIdleThread, SleepsWhileTheBrokerDoesNotAnswer) {
+    Drop();
+    ASSERT_TRUE(WaitUntil([&] { return sessions == 2; }));
+    EXPECT_LE(WakeUps(), 5U);
+}
+
+class AnIdleThreadBetweenAttempts : public AnIdleThread {
+protected:
+    AnIdleThreadBetweenAttempts() : AnIdleThread(FakeBrokerServer::Refuse(3)) {}
+};
+
+TEST_F(AnIdleThreadBetweenAttempts, Sleeps) {
+    Drop();
+    ASSERT_TRUE(WaitUntil([&] { return sessions == 3; })); // a pause of 0.75 s at least follows
+    EXPECT_LE(WakeUps(), 12U);
+}
+
+} // namespace OrvTest
