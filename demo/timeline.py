@@ -19,10 +19,11 @@ COLOURS = {
     "ETHERNET_ACTIVE": "#4c9f70", "ETHERNET_LOST_DELAY": "#e3b23c", "POKING_CELLULAR": "#e08e45",
     "SWITCHING_TO_CELLULAR": "#c8553d", "CELLULAR_ACTIVE": "#5b7db1", "SWITCHING_TO_ETHERNET": "#8f6bb3",
     "ETHERNET_SETTLE_DELAY": "#8ecae6",
-    "On": "#ffd166", "Off": "#d0d4d9", "Blink": "#f4a259",
+    "Off": "#d0d4d9",
     "inhibit": "#c8553d", "permit": "#4c9f70",
     "Ethernet": "#4c9f70", "Cellular": "#5b7db1", "eth0": "#4c9f70", "wwan0": "#5b7db1", "none": "#d0d4d9",
 }
+LAMPS = {"green LED": {"On": "#63b96c", "Blink": "#b4dfb8"}, "yellow LED": {"On": "#ffc93c", "Blink": "#ffe9a8"}}
 PALETTE = ["#7a9e9f", "#b8b08d", "#a5668b", "#69995d", "#d17a22"]
 LEFT, TOP, LANE_HEIGHT, BAR_HEIGHT, WIDTH = 150, 96, 46, 26, 1280
 
@@ -65,9 +66,10 @@ def tick_step(end):
     return next((step for step in (1, 2, 5, 10, 20, 30, 60, 120, 300, 600) if end / step <= 16), 1800)
 
 
-def colour(value, unknown):
-    if value in COLOURS:
-        return COLOURS[value]
+def colour(lane, value, unknown):
+    known = {**COLOURS, **LAMPS.get(lane, {})}
+    if value in known:
+        return known[value]
     return PALETTE[unknown.setdefault(value, len(unknown)) % len(PALETTE)]
 
 
@@ -96,7 +98,7 @@ def draw(lanes, marks, end):
             width = max(x(stop) - x(begin), 1.5)
             title = html.escape(f"{value}: {begin:.2f} s to {stop:.2f} s")
             out.append(f'<g><title>{title}</title><rect x="{x(begin):.1f}" y="{y}" width="{width:.1f}" '
-                       f'height="{BAR_HEIGHT}" rx="3" fill="{colour(value, unknown)}"/>')
+                       f'height="{BAR_HEIGHT}" rx="3" fill="{colour(name, value, unknown)}"/>')
             if width > 7.2 * len(value):
                 out.append(f'<text x="{x(begin) + 5:.1f}" y="{y + 17}">{html.escape(value)}</text>')
             out.append('</g>')
