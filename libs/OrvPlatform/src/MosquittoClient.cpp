@@ -172,13 +172,11 @@ void MosquittoClient::BreakOff(Time deadline) {
 
 void MosquittoClient::End(Time deadline, bool withGoodBye) {
     events = nullptr;
-    WriteAll(deadline);
     // The library closes its descriptor the moment the DISCONNECT is written.
     const int socket = Socket() >= 0 ? fcntl(Socket(), F_DUPFD_CLOEXEC, 0) : -1;
-    if (withGoodBye) {
+    if (withGoodBye)
         mosquitto_disconnect(handle.get());
-        WriteAll(deadline);
-    }
+    WriteAll(deadline);
     handle.reset();
     if (socket >= 0)
         CloseOnceBrokerHas(socket, deadline);
