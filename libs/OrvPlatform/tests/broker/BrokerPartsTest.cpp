@@ -5,11 +5,14 @@
 #include "ClientIdSuffix.h"
 #include "EventQueue.h"
 #include "EvictionWatch.h"
+#include "MosquittoClient.h"
 #include "OutstandingPublications.h"
 
 #include <gtest/gtest.h>
+#include <mosquitto.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <set>
 #include <string>
 #include <vector>
@@ -274,6 +277,27 @@ TEST(AClientIdSuffix, NumbersTheClientsOfEachIdThatAskForIt) {
     EXPECT_EQ(ClientIdSuffix("-%n", "one"), "-1");
     EXPECT_EQ(ClientIdSuffix("-%n", "another"), "-1");
     EXPECT_EQ(ClientIdSuffix("-%n", "one"), "-2");
+}
+
+TEST(AnErrorText, NamesTheCauseAndWhereItCanTheRemedy) {
+    EXPECT_EQ(MosquittoErrorText(MOSQ_ERR_ERRNO, ECONNREFUSED), "Connection refused; is the broker running?");
+    EXPECT_EQ(MosquittoErrorText(MOSQ_ERR_ERRNO, ENETUNREACH), "Network is unreachable");
+    EXPECT_EQ(MosquittoErrorText(MOSQ_ERR_CONN_LOST, 0), "the broker closed the connection");
+    EXPECT_EQ(MosquittoErrorText(MOSQ_ERR_KEEPALIVE, 0), "the broker does not answer any more");
+    EXPECT_EQ(MosquittoErrorText(MOSQ_ERR_PROTOCOL, 0), "the peer does not speak MQTT, is it a broker?");
+    EXPECT_EQ(MosquittoErrorText(MOSQ_ERR_NOMEM, 0), "Out of memory.");
+}
+
+TEST(ARefusalText, NamesTheCauseAndTheRemedyOfEachCode) {
+    EXPECT_EQ(RefusalText(1), "it does not speak MQTT 3.1.1; use a broker that does");
+    EXPECT_EQ(RefusalText(2),
+              "it does not accept the client id; shorten client_id_suffix or keep to letters and digits");
+    EXPECT_EQ(RefusalText(3), "it is not available; look into its own log");
+    EXPECT_EQ(RefusalText(4), "wrong user name or password; compare [broker] username and password with the broker's "
+                              "password file");
+    EXPECT_EQ(RefusalText(5),
+              "not authorised; set [broker] username and password, and look into the broker's access list");
+    EXPECT_EQ(RefusalText(9), "refusal code 9");
 }
 
 } // namespace OrvPlatform

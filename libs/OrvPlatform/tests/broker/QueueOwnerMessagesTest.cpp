@@ -268,14 +268,17 @@ TEST_F(AClientOfABrokerThatReadsNothing, HasRoomAgainOnceTheConnectionWasLostAnd
 
 TEST_F(AClientOfABrokerThatReadsNothing, LeavesNoRecordUnwrittenWhenItIsDestroyedAtOnce) {
     auto client = std::make_unique<TestClient>();
+    std::promise<void> connected;
     std::promise<void> destroyed;
     client->onConnect = [&] {
         std::promise<void>& done = destroyed; // unlike what was captured, it outlives the client
+        connected.get_future().wait();
         Fill(*client, true);
         client.reset();
         done.set_value();
     };
-    client->Connect();
+    EXPECT_TRUE(client->Connect());
+    connected.set_value();
     ASSERT_EQ(destroyed.get_future().wait_for(PATIENCE), std::future_status::ready);
     EXPECT_EQ(Logged("the broker does not keep up"), 1U);
 }

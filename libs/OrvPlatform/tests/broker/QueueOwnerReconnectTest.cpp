@@ -294,6 +294,7 @@ TEST_F(AFrozenBroker, IsNoticedNeverHoldsUpACallAndIsFollowedByTheTruthWhenItTha
         30s));
     EXPECT_LT(longest, SLACK);
     EXPECT_LT(TimeOf([&] { client.PublishRetainedMessage("led", "Off", true); }), SLACK);
+    EXPECT_TRUE(WaitUntil([&] { return Logged(": the broker does not answer any more; reconnecting") == 1; }));
     broker.Thaw();
     ASSERT_TRUE(WaitUntil([&] { return client.Connects() >= 2; }));
     EXPECT_TRUE(WaitUntil([&] { return Retained("available") == "true" && Retained("led") == "On"; }));

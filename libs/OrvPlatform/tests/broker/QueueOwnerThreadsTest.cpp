@@ -61,6 +61,17 @@ TEST_F(ACallback, MayConnectAnew) {
     });
 }
 
+TEST_F(ACallback, IsToldOfTheConnectionThatItMade) {
+    TestClient client;
+    std::atomic<bool> connected{false};
+    client.onMessage = [&](const std::string&, const std::string&) { connected = client.Connect(); };
+    ASSERT_TRUE(client.Connect());
+    ASSERT_TRUE(client.Subscribe("go", 1));
+    ASSERT_EQ(client.PublishMessage("go", "", true), 0);
+    EXPECT_TRUE(WaitUntil([&] { return client.Connects() == 2; }));
+    EXPECT_TRUE(connected);
+}
+
 TEST_F(ACallback, MayDisconnectAndConnectAgain) {
     RunInCallback([](TestClient& client) {
         EXPECT_TRUE(client.Disconnect());
