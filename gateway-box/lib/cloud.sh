@@ -42,9 +42,11 @@ E
 }
 
 open_cloud() {
-    start cloud-https ip netns exec "$cloud_ns" /usr/bin/python3 -u "$here/endpoint.py" "$state/cloud" \
-        "$cloud_address" "$eth_net." "$cell_net."
-    start cloud-mqtt ip netns exec "$cloud_ns" "${mosquitto:-$(find_daemon mosquitto)}" -c "$state/cloud/mosquitto.conf"
+    alive cloud-https ||
+        start cloud-https ip netns exec "$cloud_ns" /usr/bin/python3 -u "$here/endpoint.py" "$state/cloud" \
+            "$cloud_address" "$eth_net." "$cell_net."
+    alive cloud-mqtt ||
+        start cloud-mqtt ip netns exec "$cloud_ns" "${mosquitto:-$(find_daemon mosquitto)}" -c "$state/cloud/mosquitto.conf"
     wait_for 5 listens "$cloud_ns" 443 || die "the cloud's endpoint does not start, see $state/log/cloud-https"
     wait_for 5 listens "$cloud_ns" 8883 || die "the cloud's broker does not start, see $state/log/cloud-mqtt"
 }

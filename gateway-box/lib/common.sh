@@ -26,12 +26,15 @@ die() {
     exit 1
 }
 
-check_machine() {
+check_caller() {
     [[ $name =~ ^[a-z0-9]{1,8}$ ]] || die "ORV_BOX=$name: a box is named by 1 to 8 small letters and digits"
+    [ "$(id -u)" = 0 ] || die "network namespaces need root: sudo $0 $command"
+}
+
+check_machine() {
     case $(realpath -m "$state")/ in
         /etc/* | /var/* | /run/*) die "ORV_BOX_DIR=$state: the gateway has its own /etc, /var and /run; choose a folder elsewhere" ;;
     esac
-    [ "$(id -u)" = 0 ] || die "network namespaces need root: sudo $0 up"
     unshare --net --mount --uts true 2>/dev/null ||
         die "this machine does not let us make namespaces (a container? start it with --privileged)"
     local tool package
@@ -74,7 +77,10 @@ pid_of() {
 
 alive() { pid_of "$1" >/dev/null; }
 
-need_up() { alive gateway || die "no box named $name is up: $0 up"; }
+need_up() {
+    check_caller
+    alive gateway || die "no box named $name is up: $0 up"
+}
 
 # start NAME COMMAND...: in the background, its output goes to log/NAME.
 start() {

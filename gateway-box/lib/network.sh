@@ -2,6 +2,14 @@
 # SPDX-License-Identifier: Apache-2.0
 # The namespaces, the cables between them, and the two providers.
 
+check_networks() {
+    local ns
+    for ns in "$gateway_ns" "$eth_ns" "$cell_ns" "$cloud_ns"; do
+        [ ! -e "/run/netns/$ns" ] || die "there is a namespace $ns already: choose another name in ORV_BOX, or end" \
+            "what it belongs to (a box of this name whose folder is not $state?): $0 down"
+    done
+}
+
 make_networks() {
     local ns
     for ns in "$gateway_ns" "$eth_ns" "$cell_ns" "$cloud_ns"; do
