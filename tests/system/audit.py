@@ -24,6 +24,8 @@ def unproven_moves(application, box, clock=0):
                 attempts[side] = attempts[side] or at(line.split(" ", 1)[0]) - clock
         if "poke cell aborted" in line:
             attempts["cell"] = None
+        if "poke error" in line:  # the next attempt begins with a connection of its own
+            attempts = {side: begin and at(line.split(" ", 1)[0]) - clock for side, begin in attempts.items()}
         for text, side in ends.items():
             if text in line:
                 begin, end = attempts[side], at(line.split(" ", 1)[0]) - clock

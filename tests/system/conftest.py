@@ -40,11 +40,12 @@ def make_scene(box, tmp_path, request):
 
     yield make
     for scene in made:
-        if scene.application.process.poll() is None:
-            figures = scene.application.stop()
-            request.node.user_properties.append(("calls", {call: figures[call] for call in Calls.KINDS}))
-            for call in Calls.KINDS:
-                assert figures[call]["longest_us"] < WAITED
+        ended = scene.application.process.poll()
+        assert ended is None, f"the application has ended by itself, status {ended}\n{scene.application.interesting()}"
+        figures = scene.application.stop()
+        request.node.user_properties.append(("calls", {call: figures[call] for call in Calls.KINDS}))
+        for call in Calls.KINDS:
+            assert figures[call]["longest_us"] < WAITED
         scene.audit()
 
 

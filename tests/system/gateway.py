@@ -47,7 +47,11 @@ class Box:
 
     def __enter__(self):
         self("down")
-        self("up")
+        try:
+            self("up")
+        except BaseException:
+            self("down")
+            raise
         return self
 
     def __exit__(self, *_):
