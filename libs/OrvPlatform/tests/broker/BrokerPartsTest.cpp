@@ -7,6 +7,7 @@
 #include "EvictionWatch.h"
 #include "MosquittoClient.h"
 #include "OutstandingPublications.h"
+#include "TestClient.h"
 
 #include <gtest/gtest.h>
 #include <mosquitto.h>
@@ -269,14 +270,15 @@ TEST(AClientIdSuffix, HasEachPlaceholderReplacedWhereverItStands) {
     EXPECT_EQ(ClientIdSuffix("", "plain"), "");
     EXPECT_EQ(ClientIdSuffix("-%-100%x", "plain"), "-%-100%x");
     EXPECT_EQ(ClientIdSuffix("%p-%p", "plain"), process + "-" + process);
-    EXPECT_EQ(ClientIdSuffix("%n%n.%p", "twice"), "11." + process);
+    EXPECT_EQ(ClientIdSuffix("%n%n.%p", OrvTest::FreshId("twice")), "11." + process);
 }
 
 TEST(AClientIdSuffix, NumbersTheClientsOfEachIdThatAskForIt) {
-    EXPECT_EQ(ClientIdSuffix("-shell", "one"), "-shell");
-    EXPECT_EQ(ClientIdSuffix("-%n", "one"), "-1");
-    EXPECT_EQ(ClientIdSuffix("-%n", "another"), "-1");
-    EXPECT_EQ(ClientIdSuffix("-%n", "one"), "-2");
+    const std::string one = OrvTest::FreshId("one");
+    EXPECT_EQ(ClientIdSuffix("-shell", one), "-shell");
+    EXPECT_EQ(ClientIdSuffix("-%n", one), "-1");
+    EXPECT_EQ(ClientIdSuffix("-%n", OrvTest::FreshId("another")), "-1");
+    EXPECT_EQ(ClientIdSuffix("-%n", one), "-2");
 }
 
 TEST(AnErrorText, NamesTheCauseAndWhereItCanTheRemedy) {

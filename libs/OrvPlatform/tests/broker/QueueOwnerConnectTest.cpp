@@ -331,11 +331,13 @@ TEST_F(AClientOfARealBroker, IsKnownByItsIdAndTheConfiguredSuffix) {
 
 TEST_F(AClientOfARealBroker, IsNumberedAmongThoseOfItsOwnIdOnly) {
     BrokerSettings().clientIdSuffix = "-%n";
-    TestClient first("first kind");
-    TestClient second("second kind");
+    const std::string oneId = FreshId("one");
+    const std::string otherId = FreshId("other");
+    TestClient first(oneId);
+    TestClient second(otherId);
     ASSERT_TRUE(first.Connect() && second.Connect());
-    EXPECT_TRUE(WaitUntil([&] { return Logged("first kind-1: connected to") == 1; }));
-    EXPECT_TRUE(WaitUntil([&] { return Logged("second kind-1: connected to") == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return Logged(oneId + "-1: connected to") == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return Logged(otherId + "-1: connected to") == 1; }));
 }
 
 TEST(AClientWithALastWill, SaysItAsItWasGivenAndForgetsItWithAConnectWithoutOne) {

@@ -327,14 +327,15 @@ TEST_F(TwoClientsWithOneId, LiveSideBySideWithDifferentSuffixes) {
 
 TEST_F(TwoClientsWithOneId, LiveSideBySideInOneProcessWithANumberedSuffix) {
     BrokerSettings().clientIdSuffix = "-%p-%n";
-    TestClient first("numbered");
-    TestClient second("numbered");
+    const std::string id = FreshId("numbered");
+    TestClient first(id);
+    TestClient second(id);
     ASSERT_TRUE(first.Connect());
     ASSERT_TRUE(second.Connect());
     EXPECT_TRUE(IsUpToDate(first));
     EXPECT_TRUE(IsUpToDate(second));
     EXPECT_EQ(first.Connects(), 1);
-    const std::string process = "numbered-" + std::to_string(getpid());
+    const std::string process = id + "-" + std::to_string(getpid());
     EXPECT_EQ(Logged(process + "-1: connected to"), 1U);
     EXPECT_EQ(Logged(process + "-2: connected to"), 1U);
 }

@@ -2,6 +2,7 @@
 #include "TestClient.h"
 
 #include <algorithm>
+#include <atomic>
 
 namespace OrvTest {
 
@@ -16,6 +17,11 @@ OrvPlatform::GatewayConfig& Settings() {
 
 OrvPlatform::GatewayConfig::Broker& BrokerSettings() {
     return Settings().broker;
+}
+
+std::string FreshId(const std::string& beginning) {
+    static std::atomic<int> number{0};
+    return beginning + std::to_string(++number);
 }
 
 void TestClient::OnPublish(const std::string& topic, const std::string& message) {

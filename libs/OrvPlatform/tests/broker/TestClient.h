@@ -16,6 +16,9 @@ namespace OrvTest {
 /// The settings that a QueueOwner made after the change finds. They stand in for the configuration file.
 OrvPlatform::GatewayConfig::Broker& BrokerSettings();
 
+/// An id that this process has not used yet: clients are numbered per id and process, however often a test is repeated.
+std::string FreshId(const std::string& beginning);
+
 using Messages = std::vector<std::pair<std::string, std::string>>;
 
 /// A client that writes down what it is told.
