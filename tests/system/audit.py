@@ -36,19 +36,28 @@ def unproven_moves(application, box, clock=0):
     return faults
 
 
+DECISIONS = {"wwan0": {"poke success, route to Cell": True, "cell cloud reconnected by itself": True,
+                       # An order that was under way when the supervision gave up may still be confirmed.
+                       "Failed to set wwan0 as top interface": True,
+                       "poke success, route to ETH": False, "poke cell aborted": False},
+             "eth0": {"route is Cell, reconnecting": False, "poke success, route to ETH": True}}
+LOGGED_LATER = 0.5  # an order is on its way before the decision for it is logged
+
+
 def orders_without_a_decision(application):
-    """Orders for Cellular that ConnMan has carried out although the supervision did not stand for it."""
-    decisions = {"poke success, route to Cell": True, "cell cloud reconnected by itself": True,
-                 # An order that was under way when the supervision gave up may still be confirmed.
-                 "Failed to set wwan0 as top interface": True,
-                 "poke success, route to ETH": False, "poke cell aborted": False}
-    cellular, faults = False, []
-    for line in application.log().splitlines():
-        for text, meaning in decisions.items():
-            if text in line:
-                cellular = meaning
-        if "wwan0 is put on top" in line and not cellular:
-            faults.append(f"nobody has decided for Cellular: {line}")
+    """Orders that ConnMan has carried out although the supervision did not stand for that interface."""
+    faults = []
+    for interface, meanings in DECISIONS.items():
+        made, orders = [(float("-inf"), interface == "eth0")], []
+        for line in application.log().splitlines():
+            made += [(at(line.split(" ", 1)[0]), meaning) for text, meaning in meanings.items() if text in line]
+            if f"{interface} is put on top" in line:
+                orders.append((at(line.split(" ", 1)[0]), line))
+        for carried_out, line in orders:
+            before = [meaning for time, meaning in made if time <= carried_out]
+            after = [meaning for time, meaning in made if carried_out < time <= carried_out + LOGGED_LATER]
+            if not before[-1] and True not in after:
+                faults.append(f"nobody has decided for {interface}: {line}")
     return faults
 
 

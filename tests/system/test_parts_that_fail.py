@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The broker, the connection manager, the bus, the name servers and the cable fail."""
+"""The broker, the connection manager, the bus, the name servers, the cable and the cloud itself fail."""
 import time
 
 import pytest
@@ -68,3 +68,15 @@ def test_mute_name_servers_hold_nothing_up(scene):
     scene.witness.wait_for(INHIBIT, "permit")
     scene.box("names", "cell", "back")
     scene.settles("wwan0", 35)
+
+
+def test_a_closed_cloud_moves_nothing(scene):
+    scene.expected_complaints = ("poke error 7",)
+    scene.box("cloud", "down")
+    scene.application.wait_for("Started Poke to cell if wwan0", 15)
+    scene.application.wait_for("poke error 7", 5)
+    scene.application.wait_for("poke cell aborted", 21)
+    assert not scene.application.said("is put on top")
+    assert scene.box.default_interfaces() == ["eth0"]
+    scene.box("cloud", "up")
+    scene.settles("eth0", 15)
