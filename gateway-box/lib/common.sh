@@ -29,6 +29,8 @@ die() {
 check_caller() {
     [[ $name =~ ^[a-z0-9]{1,8}$ ]] || die "ORV_BOX=$name: a box is named by 1 to 8 small letters and digits"
     [ "$(id -u)" = 0 ] || die "network namespaces need root: sudo $0 $command"
+    # Its notes say which processes root ends.
+    [ ! -e "$state" ] || [[ -O $state && ! -L $state ]] || die "$state is not ours: choose another folder in ORV_BOX_DIR"
 }
 
 check_machine() {
