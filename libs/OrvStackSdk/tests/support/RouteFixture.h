@@ -71,7 +71,8 @@ protected:
 
     void Update(bool cloud, bool ethernet, bool cellular) { route->UpdateRoute(cloud, ethernet, cellular); }
 
-    /// @name Ways into the states, all with Cellular up and the cloud lost unless the test says otherwise
+    /// @name Ways into the states, all with Cellular up and the cloud lost unless the test says otherwise. Time passes in
+    /// each state, so that a delay counted from the wrong moment is seen.
     /// @{
     void LoseCloudOnEthernet() {
         Update(false, false, true);
@@ -84,12 +85,14 @@ protected:
     }
     void SwitchToCellular() {
         StartCellularPoke();
+        time.Advance(seconds(4));
         FakeCurl::Succeed();
         route->Tick();
         FakeCurl::KeepRunning();
     }
     void BeOnCellular() {
         SwitchToCellular();
+        time.Advance(seconds(2));
         route->Tick();
         route->CloudReconnectNeeded();
     }
@@ -100,12 +103,14 @@ protected:
     }
     void SwitchToEthernet() {
         StartEthernetPoke();
+        time.Advance(seconds(4));
         FakeCurl::Succeed();
         route->Tick();
         FakeCurl::KeepRunning();
     }
     void SettleOnEthernet() {
         SwitchToEthernet();
+        time.Advance(seconds(2));
         route->Tick();
         route->CloudReconnectNeeded();
     }
