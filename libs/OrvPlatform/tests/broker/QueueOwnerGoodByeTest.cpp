@@ -70,23 +70,6 @@ TEST_F(AClientWithAFullSocket, IsNotDisturbedByItsFormerConnectionWhenItConnects
     EXPECT_EQ(Logged("lost the connection"), 0U);
 }
 
-TEST(AClientOfABrokerThatTalksOnAndOn, DisconnectsWithinASecond) {
-    FakeBrokerServer server([](Session& session) {
-        session.Read();
-        session.Send(EncodeConnack(0));
-        session.Read();
-        const std::string message = Encode(MqttMessage{"talk", std::string(1000, 'x'), 0, false, false, 0});
-        const auto end = std::chrono::steady_clock::now() + 6s;
-        while (std::chrono::steady_clock::now() < end && session.Send(message))
-            ;
-    });
-    BrokerSettings() = {};
-    BrokerSettings().port = server.Port();
-    TestClient client;
-    ASSERT_TRUE(client.Connect());
-    EXPECT_LT(TimeOf([&] { EXPECT_TRUE(client.Disconnect()); }), 1s + SLACK);
-}
-
 /// A client in a second Connect that is held up: the broker takes the good-bye and does not close the connection.
 class ASecondConnectUnderWay : public BrokerTest {
 protected:
