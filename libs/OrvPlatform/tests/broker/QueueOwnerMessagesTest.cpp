@@ -2,6 +2,7 @@
 // Messages: what arrives as it was sent, what is refused, what is never sent later.
 #include "BrokerFixture.h"
 
+#include <atomic>
 #include <future>
 #include <memory>
 
@@ -205,6 +206,42 @@ TEST_F(ASubscription, ThatTheBrokerRefusesIsReportedEachTimeItIsMade) {
     ASSERT_TRUE(Reconnects(client));
     EXPECT_TRUE(WaitUntil([&] { return Logged(report) == 2; }));
     EXPECT_EQ(Logged("the broker refuses"), 2U);
+}
+
+class ABurst : public BrokerTest {
+protected:
+    ABurst() : BrokerTest(0) { BrokerSettings().port = server.Port(); }
+
+    std::atomic<bool> sent{false};
+    /// A thousand messages, and the refusal of the subscription as the end.
+    FakeBrokerServer server{[this](FakeBrokerServer::Session& session) {
+        session.Read();
+        session.Send(EncodeConnack(0));
+        std::string burst;
+        for (int number = 0; number < 1000; ++number)
+            burst += Encode(MqttMessage{"burst", "x", 0, false, false, 0});
+        if (const auto request = session.Read())
+            session.Send(burst + EncodeSuback(PacketId(*request), 0x80));
+        sent = true;
+        session.Serve();
+    }};
+};
+
+TEST_F(ABurst, IsHandedOutBeforeItsEndIsRead) {
+    std::atomic<std::size_t> endsBeforeTheFirst{0};
+    TestClient client;
+    client.onConnect = [&] { WaitUntil([&] { return sent.load(); }); };
+    client.onMessage = [&](const std::string&, const std::string&) {
+        if (client.ReceivedCount() == 1)
+            endsBeforeTheFirst = Logged("the broker refuses the subscription");
+    };
+    ASSERT_TRUE(client.Connect());
+    ASSERT_TRUE(client.Subscribe("burst", 0));
+    ASSERT_TRUE(WaitUntil([&] { return client.ReceivedCount() == 1000; }));
+    ASSERT_EQ(client.PublishMessage("end", "", true), 0);
+    ASSERT_TRUE(WaitUntil([&] { return client.Delivered().size() == 1; }));
+    EXPECT_EQ(endsBeforeTheFirst, 0U);
+    EXPECT_EQ(Logged("the broker refuses the subscription"), 1U);
 }
 
 class AClientOfABrokerThatReadsNothing : public BrokerTest {
