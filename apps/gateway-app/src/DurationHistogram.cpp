@@ -13,7 +13,7 @@ std::string Microseconds(std::chrono::nanoseconds time) {
 
 } // namespace
 
-void DurationHistogram::Add(std::chrono::nanoseconds duration, std::chrono::nanoseconds processor) {
+void DurationHistogram::Add(std::chrono::nanoseconds duration, const Effort& effort) {
     std::size_t index = 0;
     std::chrono::nanoseconds bound = kFirstBound;
     while (duration >= bound && index + 1 < kClasses) {
@@ -24,13 +24,16 @@ void DurationHistogram::Add(std::chrono::nanoseconds duration, std::chrono::nano
     ++count;
     if (duration > longest) {
         longest = duration;
-        processorOfLongest = processor;
+        effortOfLongest = effort;
     }
 }
 
 std::string DurationHistogram::Json() const {
     std::string text = "{\"count\":" + std::to_string(count) + ",\"longest_us\":" + Microseconds(longest) +
-                       ",\"longest_cpu_us\":" + Microseconds(processorOfLongest) + ",\"below_us\":{";
+                       ",\"longest\":{\"cpu_us\":" + Microseconds(effortOfLongest.processor) +
+                       ",\"waits\":" + std::to_string(effortOfLongest.waits) +
+                       ",\"preemptions\":" + std::to_string(effortOfLongest.preemptions) +
+                       ",\"disk_reads\":" + std::to_string(effortOfLongest.diskReads) + "},\"below_us\":{";
     std::chrono::microseconds bound = kFirstBound;
     bool first = true;
     for (std::size_t index = 0; index < kClasses; ++index, bound *= 2) {

@@ -9,16 +9,23 @@
 
 namespace GatewayApp {
 
+/// What a call had of the machine.
+struct Effort {
+    std::chrono::nanoseconds processor{0}; ///< time on a processor; the rest it waited, or others ran
+    std::int64_t waits = 0;                ///< how often it gave the processor up
+    std::int64_t preemptions = 0;          ///< how often the processor was taken away
+    std::int64_t diskReads = 0;            ///< pages of the program that had to be read first
+};
+
 /// How long the calls of one kind took, in classes that double: below 16 us, below 32 us, and so on.
 class DurationHistogram {
 public:
-    /// `processor` is how much of the duration the thread was on a processor; the rest it waited, or others ran.
-    void Add(std::chrono::nanoseconds duration, std::chrono::nanoseconds processor);
+    void Add(std::chrono::nanoseconds duration, const Effort& effort);
 
     std::uint64_t Count() const { return count; }
     std::chrono::nanoseconds Longest() const { return longest; }
-    /// As a JSON object: count, longest_us, longest_cpu_us (the same call's time on a processor), and below_us with a
-    /// count for each class that has one.
+    /// As a JSON object: count, longest_us, longest with that call's effort, and below_us with a count for each class
+    /// that has one.
     std::string Json() const;
 
 private:
@@ -26,7 +33,7 @@ private:
     std::array<std::uint64_t, kClasses> classes{};
     std::uint64_t count = 0;
     std::chrono::nanoseconds longest{0};
-    std::chrono::nanoseconds processorOfLongest{0};
+    Effort effortOfLongest;
 };
 
 } // namespace GatewayApp

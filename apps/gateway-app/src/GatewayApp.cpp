@@ -6,12 +6,12 @@
 #include <ConnInterfaceString.h>
 #include <GatewayMainBaseUnits/IpInterfacesMapping.h>
 #include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
-#include <ctime>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -41,20 +41,26 @@ int OpenSignals() {
     return descriptor;
 }
 
-std::chrono::nanoseconds ProcessorTime() {
-    timespec time{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-    return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+std::chrono::nanoseconds ToDuration(const timeval& time) {
+    return std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec);
+}
+
+Effort EffortSoFar() {
+    rusage usage{};
+    getrusage(RUSAGE_THREAD, &usage);
+    return {ToDuration(usage.ru_utime) + ToDuration(usage.ru_stime), usage.ru_nvcsw, usage.ru_nivcsw, usage.ru_majflt};
 }
 
 /// Does `work` and notes how long it took.
 template <typename Work>
 void Measure(DurationHistogram& durations, Work work) {
-    const std::chrono::nanoseconds processor = ProcessorTime();
+    const Effort before = EffortSoFar();
     const auto begin = std::chrono::steady_clock::now();
     work();
     const auto end = std::chrono::steady_clock::now();
-    durations.Add(end - begin, ProcessorTime() - processor);
+    const Effort after = EffortSoFar();
+    durations.Add(end - begin, {after.processor - before.processor, after.waits - before.waits,
+                                after.preemptions - before.preemptions, after.diskReads - before.diskReads});
 }
 
 const char* Bool(bool value) {
