@@ -24,7 +24,7 @@ report_status() {
 
 report_log() {
     [ $# -gt 0 ] || { (cd "$state/log" && ls); return; }
-    [ -e "$state/log/$1" ] || die "there is no log of $1; there are: $(cd "$state/log" && echo ./*)"
+    [[ $1 != */* && -e $state/log/$1 ]] || die "there is no log of $1; there are: $(cd "$state/log" && echo ./*)"
     cat "$state/log/$1"
 }
 
