@@ -7,30 +7,37 @@ NAME_SERVERS = {"eth0": "10.21.0.53", "wwan0": "10.22.0.53"}
 CLOCK_GRAIN = 0.001  # both logs have milliseconds
 
 
-def unproven_moves(application, box, clock=0):
-    """Switches of the route that the cloud cannot confirm: no TLS handshake over that path within the attempt.
+def true_times(log, clocks):
+    """(time, line) of each line; `clocks`: by how many seconds the application's clock was off, from which place on."""
+    place, remaining, off = 0, list(clocks), 0
+    for line in log.splitlines(keepends=True):
+        while remaining and remaining[0][0] <= place:
+            off = remaining.pop(0)[1]
+        place += len(line)
+        if line[:2] == "20":
+            yield at(line.split(" ", 1)[0]) - off, line.rstrip("\n")
 
-    `clock`: by how many seconds the application's clock is off.
-    """
+
+def unproven_moves(application, box, clocks=()):
+    """Switches of the route that the cloud cannot confirm: no TLS handshake over that path within the attempt."""
     attempts = {"eth": None, "cell": None}
     ends = {"poke success, route to Cell": "cell", "poke success, route to ETH": "eth"}
     begins = {"Started Poke to cell if": "cell", "Started Poke eth if": "eth"}
     handshakes = {side: [at(time) for time in box.handshakes(side)] for side in attempts}
     faults = []
-    for line in application.log().splitlines():
+    for now, line in true_times(application.log(), clocks):
         for text, side in begins.items():
             if text in line:
                 # One over Ethernet that was stopped goes on with the connection that it had.
-                attempts[side] = attempts[side] or at(line.split(" ", 1)[0]) - clock
+                attempts[side] = attempts[side] or now
         if "poke cell aborted" in line:
             attempts["cell"] = None
         if "poke error" in line:  # the next attempt begins with a connection of its own
-            attempts = {side: begin and at(line.split(" ", 1)[0]) - clock for side, begin in attempts.items()}
+            attempts = {side: begin and now for side, begin in attempts.items()}
         for text, side in ends.items():
             if text in line:
-                begin, end = attempts[side], at(line.split(" ", 1)[0]) - clock
-                attempts[side] = None
-                if begin is None or not any(begin <= time + CLOCK_GRAIN and time <= end + CLOCK_GRAIN
+                begin, attempts[side] = attempts[side], None
+                if begin is None or not any(begin <= time + CLOCK_GRAIN and time <= now + CLOCK_GRAIN
                                             for time in handshakes[side]):
                     faults.append(f"no handshake over {side} since {begin}, only {handshakes[side]}, before: {line}")
     return faults
@@ -61,13 +68,22 @@ def orders_without_a_decision(application):
     return faults
 
 
-def inhibits_not_told(application, witness):
-    """The DNS topic's values on the wire against the supervision's steps in the log."""
+def inhibits_not_told(application, witness, wire_cut_at=None):
+    """The DNS topic's values on the wire against the supervision's steps in the log.
+
+    Compared up to the first moment from which they may differ: without the broker nothing is published, and Cellular's
+    address is mirrored on the wire without a word in the log.
+    """
+    log = application.log()
+    limits = [place for place in (wire_cut_at, log.find("event CELLULAR_IP_LOST")) if place not in (None, -1)]
+    known = log[:min(limits)] if limits else log
     published = {"Started Poke to cell if": "inhibit", "cell cloud reconnected by itself": "inhibit",
                  "poke cell aborted": "permit", "Failed to set wwan0 as top interface": "permit",
                  "poke success, route to ETH": "permit"}
-    expected = [value for line in application.log().splitlines() for text, value in published.items() if text in line]
+    expected = [value for line in known.splitlines() for text, value in published.items() if text in line]
     seen = witness.payloads(INHIBIT)
+    if limits:
+        seen = seen[:len(expected)]
     return [] if seen == expected else [f"on {INHIBIT}: {seen}, but by the log {expected}"]
 
 
@@ -109,7 +125,7 @@ def unsettled(scene, interface, state, inhibit):
         if inhibit:
             kept[INHIBIT] = inhibit
         found = scene.witness.kept()
-        if scene.wire_was_cut and found.get(AVAILABLE) == "false":
+        if scene.wire_cut_at is not None and found.get(AVAILABLE) == "false":
             del found[AVAILABLE]  # the last will of the connection that was cut; the live "true" does not clear it
         compare("what the broker keeps", found, kept)
     return faults

@@ -13,7 +13,7 @@ class Calls:
     def add(self, run, figures):
         for kind in self.KINDS:
             self.classes[kind].update({bound: count for bound, count in figures[kind]["below_us"].items()})
-            self.longest[kind].append((figures[kind]["longest_us"], figures[kind].get("longest_cpu_us"), run))
+            self.longest[kind].append((figures[kind]["longest_us"], figures[kind]["longest"], run))
 
     def lines(self):
         """A table for people: how many calls took less than so many microseconds, and the three longest."""
@@ -24,5 +24,6 @@ class Calls:
             bounds = sorted(classes, key=lambda bound: float("inf") if bound == "more" else int(bound))
             yield f"{kind}: {sum(classes.values())} calls; by the time below which they stayed [us]:"
             yield "  " + "  ".join(f"{bound}: {classes[bound]}" for bound in bounds)
-            for longest, on_processor, run in sorted(self.longest[kind], reverse=True)[:3]:
-                yield f"  the longest of {run}: {longest} us, {on_processor} us of it on the processor"
+            for longest, effort, run in sorted(self.longest[kind], key=lambda entry: -entry[0])[:3]:
+                had = ", ".join(f"{name} {value}" for name, value in effort.items())
+                yield f"  the longest of {run}: {longest} us ({had})"

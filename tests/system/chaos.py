@@ -27,6 +27,7 @@ FAULTS = [
     (("cellular", "out"), ("cellular", "in")),
     (("cloud-tls", "refused", "cell"), ("cloud-tls", "ok", "cell")),
     (("cloud-tls", "silent", "eth"), ("cloud-tls", "ok", "eth")),
+    (("cloud", "down"), ("cloud", "up")),
     (("cloud-mqtt", "refused"), ("cloud-mqtt", "ok")),
     (("broker", "stop"), ("broker", "start")),
     (("broker", "freeze"), ("broker", "thaw")),
@@ -70,8 +71,9 @@ def play(seed, calls):
     with tempfile.TemporaryDirectory() as folder, Box(f"c{os.getpid():x}") as box:
         scene = Scene(box, pathlib.Path(folder), "--tick-ms", "100")
         scene.expected_complaints = EXPECTED
-        scene.wire_was_cut = scene.orders_may_be_late = True
+        scene.orders_may_be_late = True
         scene.start()
+        scene.cut_wire()
         strike(box, chance)
         begun = time.monotonic()
         scene.settles("eth0", 180)

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 import os
 import pathlib
+import shutil
 import subprocess
 import sys
 
@@ -21,12 +22,13 @@ def can_make_namespaces():
 
 
 @pytest.fixture
-def box():
-    """A gateway of its own for each test, all of its parts running."""
+def box(tmp_path):
+    """A gateway of its own for each test, all of its parts running; their logs are kept beside the application's."""
     if not can_make_namespaces():
         pytest.skip("this machine does not let us make namespaces: run as root, in a container with --privileged")
     with Box(f"t{os.getpid():x}") as made:
         yield made
+        shutil.copytree(made.folder / "log", tmp_path / "box-log")
 
 
 @pytest.fixture

@@ -25,14 +25,24 @@ class Witness:
             self.process = box.start(*COMMAND, stdout=output, stderr=output)
         wait_until(lambda: "listening" in self.file.read_text(encoding="utf-8"), 10 + SLACK, "the witness's subscription")
 
-    def messages(self, topic=None):
+    def lines(self):
+        return self.file.read_text(encoding="utf-8").splitlines()
+
+    def connections(self):
+        """How often it has connected to the broker."""
+        return self.lines().count("connected")
+
+    def messages(self, topic=None, latest_connection=False):
         """(topic, payload, retained) in their order."""
-        entries = [json.loads(line) for line in self.file.read_text(encoding="utf-8").splitlines() if line[0] == "{"]
+        lines = self.lines()
+        if latest_connection:
+            lines = lines[len(lines) - lines[::-1].index("connected"):]
+        entries = [json.loads(line) for line in lines if line.startswith("{") and line.endswith("}")]
         return [(entry["topic"], entry["payload"], entry["retained"]) for entry in entries
                 if topic in (None, entry["topic"])]
 
-    def payloads(self, topic):
-        return [payload for _, payload, _ in self.messages(topic)]
+    def payloads(self, topic, latest_connection=False):
+        return [payload for _, payload, _ in self.messages(topic, latest_connection)]
 
     def last(self, topic):
         return (self.payloads(topic) or [None])[-1]

@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """An independent client of the gateway's broker, run on the gateway.
 
-witness.py         writes every message as a JSON line, retained as it was published; connects again after a loss
+witness.py         writes every message as a JSON line, retained as it was published, "connected" with each connection and
+                   "listening" when the broker has taken the subscription; connects again after a loss
 witness.py --kept  writes what the broker keeps, one JSON object, and ends
 """
 import json
@@ -21,6 +22,7 @@ def text(message):
 
 def watch():
     def connected(client, *_):
+        print("connected", flush=True)
         client.subscribe("/orv/#", options=AS_PUBLISHED)
 
     def subscribed(*_):
