@@ -71,8 +71,8 @@ protected:
 
     void Update(bool cloud, bool ethernet, bool cellular) { route->UpdateRoute(cloud, ethernet, cellular); }
 
-    /// @name Ways into the states, all with Cellular up and the cloud lost unless the test says otherwise. Time passes in
-    /// each state, so that a delay counted from the wrong moment is seen.
+    /// @name Ways into the states, all with Cellular up and the cloud lost unless the test says otherwise. Time passes
+    /// in each state, so that a delay counted from the wrong moment is seen.
     /// @{
     void LoseCloudOnEthernet() {
         Update(false, false, true);
