@@ -1,11 +1,11 @@
-# orv_add_test(NAME SOURCES ... LIBRARIES ... [LABELS ...] [LOCKS ...] [TIMEOUT s])
-#   One GoogleTest program, run by ctest as one test. LABELS: unit, broker, tls, bus, ... (ctest -L unit).
+# orv_add_test(NAME SOURCES ... LIBRARIES ... [LABELS ...] [LOCKS ...] [TIMEOUT s] [SHARDS n])
+#   One GoogleTest program, run by ctest as one test, or as SHARDS parts of it: for many tests that mostly wait. LABELS: unit, broker, tls, bus, ... (ctest -L unit).
 #   LOCKS: resources that no two tests may use at a time, e.g. var-tmp (the status files have fixed paths).
 
 find_package(GTest REQUIRED)
 
 function(orv_add_test name)
-  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "TIMEOUT" "SOURCES;LIBRARIES;LABELS;LOCKS")
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "TIMEOUT;SHARDS" "SOURCES;LIBRARIES;LABELS;LOCKS")
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES} GTest::gtest GTest::gtest_main Threads::Threads)
   # gtest's macros are not written for this one.
@@ -14,15 +14,27 @@ function(orv_add_test name)
     # What is tested stays optimised; test code compiles in a third of the time without it.
     target_compile_options(${name} PRIVATE -O0 -gline-tables-only)
   endif()
-  add_test(NAME ${name} COMMAND ${name})
+  if(ARG_SHARDS)
+    set(tests "")
+    math(EXPR last "${ARG_SHARDS} - 1")
+    foreach(shard RANGE ${last})
+      add_test(NAME ${name}-${shard} COMMAND ${name})
+      set_tests_properties(${name}-${shard} PROPERTIES
+        ENVIRONMENT "GTEST_TOTAL_SHARDS=${ARG_SHARDS};GTEST_SHARD_INDEX=${shard}")
+      list(APPEND tests ${name}-${shard})
+    endforeach()
+  else()
+    add_test(NAME ${name} COMMAND ${name})
+    set(tests ${name})
+  endif()
   if(ARG_LABELS)
-    set_tests_properties(${name} PROPERTIES LABELS "${ARG_LABELS}")
+    set_tests_properties(${tests} PROPERTIES LABELS "${ARG_LABELS}")
   endif()
   if(ARG_LOCKS)
-    set_tests_properties(${name} PROPERTIES RESOURCE_LOCK "${ARG_LOCKS}")
+    set_tests_properties(${tests} PROPERTIES RESOURCE_LOCK "${ARG_LOCKS}")
   endif()
   if(ARG_TIMEOUT)
-    set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+    set_tests_properties(${tests} PROPERTIES TIMEOUT ${ARG_TIMEOUT})
   endif()
 endfunction()
 
