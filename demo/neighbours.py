@@ -1,6 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 """The application's neighbours on the gateway: apps control, the panel, the modem and two other features."""
 
+import threading
+
 import paho.mqtt.client as mqtt
 
 FEATURES = "/orv/apps_control/features/"
@@ -32,8 +34,12 @@ class Neighbours:
         self.client = mqtt.Client("demo-neighbours")
         self.client.on_connect = lambda client, *_: client.subscribe("/orv/#")
         self.client.on_message = self.answer
+        listening = threading.Event()
+        self.client.on_subscribe = lambda *_: listening.set()
         self.client.connect("127.0.0.1", port)
         self.client.loop_start()
+        if not listening.wait(10):
+            raise OSError("the broker has not taken the neighbours' subscription within 10 s")
 
     def answer(self, client, _userdata, message):
         for topic, payload, retain in self.open.pop((message.topic, message.payload.decode()), []):
