@@ -20,6 +20,8 @@ namespace OrvStackSdk {
 ///
 /// Blocking: Init waits for the broker, at most 3 s, and DeInit at most 1 s. Nothing else waits.
 ///
+/// Release: anywhere, inside a callback too. While a callback runs, the connection ends when that has returned.
+///
 /// Failure: nothing is reported to the caller but through OnInitConfirmation; a publication that fails is logged, not
 /// retried and not queued. A value that is no enumerator may throw std::out_of_range; nothing else is thrown.
 class ORVSTACKSDK_EXPORT IOrvStackClient {

@@ -54,6 +54,11 @@ GatewayScene::GatewayScene() : witness(Broker().Port()), somebody(Broker().Port(
     EXPECT_TRUE(witness.Subscribe("/orv/#", 1));
 }
 
+void GatewayScene::TearDown() {
+    if (client)
+        client->DeInit();
+}
+
 void GatewayScene::Begin(const std::string& name) {
     client = OrvStackSdk::CreateClient();
     client->SetHandler(application);

@@ -72,6 +72,9 @@ protected:
 
     GatewayScene();
 
+    /// Takes leave of the broker: the will of a client that is only released may be spoken as late as in the next test.
+    void TearDown() override;
+
     /// A client of the name, initialised, started and ready, whose announcements the witness has seen and dropped.
     void Begin(const std::string& name);
 
