@@ -14,6 +14,15 @@ using QUILMQTT::QueueOwner;
 
 class ABrokerRestart : public RealBrokerTest {
 protected:
+    /// Serves nobody and hangs up once it is down.
+    static FakeBrokerServer::Behaviour AcceptUntil(std::atomic<bool>& down) {
+        return [&down](FakeBrokerServer::Session& session) {
+            session.Read();
+            session.Send(EncodeConnack(0));
+            WaitUntil([&] { return down.load(); });
+        };
+    }
+
     bool IsBack(TestClient& client, int connects) {
         return WaitUntil([&] { return client.Connects() == connects; });
     }
@@ -101,11 +110,7 @@ TEST_F(ABrokerRestart, DoesNotBringBackWhatWasRefusedMeanwhile) {
 
 TEST_F(ABrokerRestart, DoesNotBringBackWhatWasRefusedBeforeTheDeliveryThreadNoticed) {
     std::atomic<bool> down{false};
-    FakeBrokerServer server([&](FakeBrokerServer::Session& session) {
-        session.Read();
-        session.Send(EncodeConnack(0));
-        WaitUntil([&] { return down.load(); });
-    });
+    FakeBrokerServer server(AcceptUntil(down));
     BrokerSettings().port = server.Port();
     std::promise<void> release;
     TestClient client;
@@ -247,11 +252,7 @@ TEST_F(ABrokerRestart, OfAFewIsNotTakenForASecondClientWithTheSameId) {
 
 TEST_F(ABrokerRestart, IsNotFollowedByAllClientsAtTheSameMoment) {
     std::atomic<bool> down{false};
-    FakeBrokerServer server([&](FakeBrokerServer::Session& session) {
-        session.Read();
-        session.Send(EncodeConnack(0));
-        WaitUntil([&] { return down.load(); });
-    });
+    FakeBrokerServer server(AcceptUntil(down));
     BrokerSettings().port = server.Port();
     std::list<TestClient> clients;
     for (int number = 0; number < 12; ++number)
