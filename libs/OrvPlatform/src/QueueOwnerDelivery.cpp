@@ -184,8 +184,7 @@ void QueueOwner::Core::FailAttempt(const std::string& reason) {
     Say(news && refusal != 0 ? Severity::WARNING : Severity::DEBUG, "cannot reconnect to " + place + ": " + reason);
 }
 
-// Without releasing the lock: no application's publication slips in, to
-// be overtaken by an older one of the same topic.
+// Without releasing the lock: no application's publication slips in, to be overtaken by an older one of the same topic.
 void QueueOwner::Core::Restore() {
     restoreDue = false;
     refusalSaid = 0;
