@@ -71,9 +71,29 @@ def test_without_proof_nothing_is_moved(scene, answer, code):
     scene.settles("wwan0", 5)
 
 
-def test_a_start_with_a_dead_ethernet_provider_ends_on_cellular(box, make_scene):
+def test_a_boot_with_a_dead_ethernet_provider_ends_on_cellular(box, make_scene):
+    box("connman", "stop")
     box("provider", "eth", "dead")
-    make_scene().settles("wwan0", 25)
+    box("connman", "start")
+    scene = make_scene()
+    scene.settles("wwan0", 25)
+    box("provider", "eth", "back")
+    scene.settles("eth0", 30)
+
+
+def test_a_boot_without_an_ethernet_cable_is_on_cellular_until_it_is_plugged_in(box, make_scene):
+    box("connman", "stop")
+    box("cable", "out")
+    box("connman", "start")
+    scene = make_scene()
+    scene.expected_complaints = ("cannot put eth0 on top now",)
+    scene.connected = {"wwan0"}
+    # Nothing was lost, so nothing is switched: the connection manager has only one interface to choose.
+    scene.settles("wwan0", 15, state="ETHERNET_ACTIVE", inhibit=None)
+    assert not scene.application.said("Started Poke")
+    scene.connected = {"eth0", "wwan0"}
+    box("cable", "in")
+    scene.settles("eth0", 20)
 
 
 @pytest.mark.parametrize("side, interface", [("eth", "eth0"), ("cell", "wwan0")])
