@@ -322,6 +322,7 @@ TEST_F(AConnectedGateway, AnswersInAForkedChildToo) {
 #ifdef ORV_THREADS_AFTER_FORK_ARE_FATAL
     GTEST_SKIP() << "ThreadSanitizer ends a forked child that starts a thread";
 #endif
+    ASSERT_TRUE(IsLogged("connection manager found")); // the child must not inherit the journal's locked lock
     link.BeforeFork();
     const pid_t child = fork();
     if (child == 0) {
