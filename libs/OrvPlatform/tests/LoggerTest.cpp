@@ -1,33 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
-// The log of a process is made once, with what the environment says at that time: each test has a child process.
 #include "CommonUtils/Logger.h"
 
 #include "LogChannel.h"
 #include "quillogger/LogWrapper.h"
-#include "support/ChildProcess.h"
 #include "support/CountedNew.h"
+#include "support/LoggerFixture.h"
 
-#include <atomic>
 #include <cstdio>
-#include <cstdlib>
 #include <gtest/gtest.h>
 #include <iomanip>
 #include <locale>
-#include <regex>
-#include <sys/wait.h>
-#include <thread>
-#include <unistd.h>
-
-// A forked child ends without the threads that it does not have.
-extern "C" const char* __tsan_default_options();
-extern "C" const char* __tsan_default_options() { // NOLINT(bugprone-reserved-identifier): ThreadSanitizer's name
-    return "report_thread_leaks=0";
-}
 
 namespace {
 
 using CommonUtils::Logger;
 using CommonUtils::LogObject;
+using OrvPlatform::Testing::ALogger;
 using OrvPlatform::Testing::Ended;
 using OrvPlatform::Testing::RunInChild;
 using OrvPlatform::Testing::TemporaryFolder;
@@ -38,23 +26,6 @@ using Lines = std::vector<std::string>;
 bool EndsWith(const std::string& text, const std::string& end) {
     return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
-
-class ALogger : public testing::Test {
-protected:
-    /// What `body` logs, with a configuration that wants everything.
-    static Lines Logged(const std::function<void()>& body) { return LoggedAt("trace", body); }
-
-    static Lines LoggedAt(const std::string& levels, const std::function<void()>& body) {
-        const TemporaryFolder folder;
-        const std::string config = folder.Write("gateway.ini", "[log]\nlevel = warning\n");
-        const Ended ended = RunInChild({{"ORV_GATEWAY_CONFIG", config}, {"ORV_LOG_LEVEL", levels}}, body);
-        EXPECT_EQ(ended.exitStatus, 0) << "signal " << ended.signal << "\n" << ended.standardError;
-        Lines lines = ended.Lines();
-        if (!lines.empty() && lines[0] == "debug [GatewayConfig] Settings read from " + config)
-            lines.erase(lines.begin());
-        return lines;
-    }
-};
 
 TEST_F(ALogger, WritesLevelNameTagAndText) {
     EXPECT_EQ(Logged([] {
@@ -270,118 +241,6 @@ TEST_F(ALogger, SoonAllocatesNothingForARecordThatIsOnEither) {
                   log.Info() << after - before;
               }).back(),
               "info [L] 0");
-}
-
-struct LogsWhenDestroyed {
-    explicit LogsWhenDestroyed(const char* what) : text(what) {}
-    ~LogsWhenDestroyed() { Logger("Late", 0).Info() << text; }
-    LogsWhenDestroyed(const LogsWhenDestroyed&) = delete;
-    LogsWhenDestroyed& operator=(const LogsWhenDestroyed&) = delete;
-    const char* text;
-};
-
-TEST_F(ALogger, WorksWhileStaticObjectsAreDestroyed) {
-    EXPECT_EQ(Logged([] {
-                  static const LogsWhenDestroyed beforeTheLog("made before the log");
-                  static const Logger logger("Static", 0);
-                  Logger("L", 0).Info() << "in main";
-                  static const LogsWhenDestroyed afterTheLog("made after the log");
-              }),
-              (Lines{"info [L] in main", "info [Late] made after the log", "info [Late] made before the log"}));
-}
-
-TEST_F(ALogger, WorksForTheFirstTimeWhileStaticObjectsAreDestroyed) {
-    EXPECT_EQ(Logged([] { static const LogsWhenDestroyed object("first words"); }), Lines{"info [Late] first words"});
-}
-
-TEST_F(ALogger, WorksWhileAThreadEnds) {
-    EXPECT_EQ(Logged([] {
-                  std::thread([] {
-                      thread_local const LogsWhenDestroyed before("made before the thread's first record");
-                      static_cast<void>(before.text);
-                      Logger("L", 0).Info() << "in the thread";
-                      thread_local const LogsWhenDestroyed after("made after it");
-                      static_cast<void>(after.text);
-                  }).join();
-              }),
-              (Lines{"info [L] in the thread", "info [Late] made after it",
-                     "info [Late] made before the thread's first record"}));
-}
-
-TEST_F(ALogger, MayBeUsedByAllThreadsAtOnce) {
-    const Lines lines = Logged([] {
-        Logger shared("Shared", 0);
-        std::vector<std::thread> threads;
-        for (int thread = 0; thread < 4; ++thread)
-            threads.emplace_back([thread, &shared] {
-                Logger own("Own", 0);
-                for (int i = 0; i < 250; ++i) {
-                    shared.Info() << thread << ' ' << i;
-                    own.Debug("Tag") << thread << ' ' << i;
-                    LogWrapper::Log(3, false, "x/Wrapped.cpp", i, "f()", "%d", thread);
-                }
-            });
-        for (std::thread& thread : threads)
-            thread.join();
-    });
-    EXPECT_EQ(lines.size(), 3000U);
-    const std::regex whole(R"(info \[Shared\] \d \d+|debug \[Own\] Tag: \d \d+|warning \[Wrapped:\d+\] f\(\): \d)");
-    for (const std::string& line : lines)
-        ASSERT_TRUE(std::regex_match(line, whole)) << line;
-}
-
-TEST_F(ALogger, WorksInAChildThatIsForkedDuringAnotherThreadsFirstRecord) {
-    for (int attempt = 0; attempt < 30; ++attempt) {
-        const Lines lines = Logged([] {
-            // Made once by the C++ library, in a way that survives a fork, but not under ThreadSanitizer.
-            std::locale::classic();
-            std::thread other([] { Logger("L", 0).Debug() << "first"; });
-            const pid_t child = ::fork();
-            if (child == 0) {
-                ::alarm(20);
-                Logger("L", 0).Info() << "from the child";
-                ::_exit(0);
-            }
-            int status = 0;
-            ::waitpid(child, &status, 0);
-            if (status != 0)
-                Logger("L", 0).Error() << "child ended with " << status;
-            other.join();
-        });
-        for (const std::string& line : lines)
-            ASSERT_NE(line.rfind("error", 0), 0U) << line;
-    }
-}
-
-TEST_F(ALogger, WorksInAForkedChildWhateverTheOtherThreadsWereDoing) {
-    const Lines lines = Logged([] {
-        Logger log("L", 0);
-        std::atomic<bool> done{false};
-        std::thread other([&log, &done] {
-            while (!done)
-                log.Debug() << "noise";
-        });
-        for (int i = 0; i < 20; ++i) {
-            const pid_t child = ::fork();
-            if (child == 0) {
-                ::alarm(20);
-                log.Info() << "from child " << i;
-                ::_exit(0);
-            }
-            int status = 0;
-            ::waitpid(child, &status, 0);
-            if (status != 0)
-                log.Error() << "child ended with " << status;
-        }
-        done = true;
-        other.join();
-    });
-    int children = 0;
-    for (const std::string& line : lines) {
-        children += line.rfind("info [L] from child ", 0) == 0 ? 1 : 0;
-        EXPECT_NE(line.rfind("error", 0), 0U) << line;
-    }
-    EXPECT_EQ(children, 20);
 }
 
 TEST_F(ALogger, WritesToTheConfiguredFile) {
