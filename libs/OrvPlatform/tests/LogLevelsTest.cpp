@@ -37,6 +37,13 @@ TEST_F(AListOfLevels, SetsSingleLoggersApart) {
     EXPECT_EQ(levels.Text(), "error,OrvRoute=trace,Other=off");
 }
 
+TEST_F(AListOfLevels, TakesALoggersNameOfUpTo64Bytes) {
+    const std::string name(64, 'x');
+    EXPECT_EQ(ApplyLogLevels(name + "=info", levels), Words{});
+    EXPECT_EQ(levels.Of(name), 2);
+    EXPECT_EQ(ApplyLogLevels(name + "x=info", levels).size(), 1U);
+}
+
 TEST_F(AListOfLevels, LetsTheLaterItemWin) {
     ApplyLogLevels("debug,A=info", levels);
     ApplyLogLevels("A=error", levels);
@@ -48,7 +55,8 @@ TEST_F(AListOfLevels, NamesWhatItCannotReadAndAppliesTheRest) {
               (Words{"loud", "7", "-1", "=info", "A=", "A=7", ""}));
     EXPECT_EQ(ApplyLogLevels("A b=info", levels), Words{"A b=info"});
     EXPECT_EQ(ApplyLogLevels("A\x01=info", levels), Words{"A\x01=info"});
-    EXPECT_EQ(ApplyLogLevels(std::string(65, 'x') + "=info", levels).size(), 1U);
+    const std::string withNul("A\0=info", 7);
+    EXPECT_EQ(ApplyLogLevels(withNul, levels), Words{withNul});
     EXPECT_EQ(levels.Text(), "debug");
 }
 
