@@ -7,8 +7,11 @@
 #include "support/ChildProcess.h"
 
 #include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace OrvPlatform;
 using namespace OrvPlatform::Testing;
@@ -334,6 +337,18 @@ TEST_F(AConfigurationFile, ThatIsAPipeDoesNotHoldTheStartUp) {
     EXPECT_EQ(ReadGatewayConfig(folder.Path("x.ini"), false).config.broker.port, 1883);
 }
 
+TEST_F(AConfigurationFile, IsClosedAfterwards) {
+    const std::string path = folder.Write("x.ini", "");
+    const auto nextDescriptor = [] {
+        const int descriptor = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        ::close(descriptor);
+        return descriptor;
+    };
+    const int before = nextDescriptor();
+    ReadGatewayConfig(path, false);
+    EXPECT_EQ(nextDescriptor(), before);
+}
+
 class TheSettingsOfAProcess : public AConfigurationFile {
 protected:
     static Ended Asked(const std::string& path, const std::function<void()>& body) {
@@ -351,6 +366,24 @@ TEST_F(TheSettingsOfAProcess, ComeFromTheFileThatTheEnvironmentNames) {
                          interfaces.GetInterfaceName("ethernet").c_str(), store->GetValue(1).c_str());
         });
     EXPECT_EQ(ended.Lines(), Lines{"a b c||"});
+}
+
+TEST_F(TheSettingsOfAProcess, ComeFromTheGatewaysFileWhenTheEnvironmentNamesNone) {
+    const auto printNotes = [] {
+        const auto& loaded = LoadedGatewayConfig();
+        for (const std::string& text : loaded.notes)
+            std::fprintf(stderr, "%s\n", text.c_str());
+        for (const std::string& text : loaded.problems)
+            std::fprintf(stderr, "%s\n", text.c_str());
+    };
+    const Ended empty = Asked("", printNotes);
+    const Ended unset = Asked("", [&] {
+        ::unsetenv("ORV_GATEWAY_CONFIG");
+        printNotes();
+    });
+    // Whether this machine has such a file or not.
+    EXPECT_NE(empty.standardError.find("/etc/orv/gateway.ini"), std::string::npos) << empty.standardError;
+    EXPECT_EQ(unset.standardError, empty.standardError);
 }
 
 TEST_F(TheSettingsOfAProcess, AreTheDefaultsWhereTheFileIsSilent) {

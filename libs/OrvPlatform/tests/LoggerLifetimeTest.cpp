@@ -21,6 +21,9 @@ namespace {
 
 using CommonUtils::Logger;
 using OrvPlatform::Testing::ALogger;
+using OrvPlatform::Testing::Ended;
+using OrvPlatform::Testing::RunInChild;
+using OrvPlatform::Testing::TemporaryFolder;
 using quillogger::LogWrapper;
 using Lines = std::vector<std::string>;
 
@@ -103,6 +106,33 @@ TEST_F(ALogger, WorksInAChildThatIsForkedDuringAnotherThreadsFirstRecord) {
         for (const std::string& line : lines)
             ASSERT_NE(line.rfind("error", 0), 0U) << line;
     }
+}
+
+TEST_F(ALogger, WorksInAChildThatIsForkedWhileAnotherThreadReadsTheSettings) {
+    const TemporaryFolder folder;
+    std::string longFile;
+    for (int line = 0; line < 100'000; ++line)
+        longFile += "# a comment that takes its time\n";
+    const std::string config = folder.Write("gateway.ini", longFile);
+    const Ended ended = RunInChild({{"ORV_GATEWAY_CONFIG", config}}, [] {
+        std::locale::classic(); // see above
+        std::atomic<bool> begun{false};
+        std::thread other([&begun] {
+            begun = true;
+            Logger("L", 0).Debug() << "first";
+        });
+        while (!begun)
+            std::this_thread::yield();
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::alarm(20);
+            Logger("L", 0).Error() << "from the child";
+            ::_exit(0);
+        }
+        ::waitpid(child, nullptr, 0);
+        other.join();
+    });
+    EXPECT_EQ(ended.Lines(), Lines{"error [L] from the child"});
 }
 
 TEST_F(ALogger, WorksInAForkedChildWhateverTheOtherThreadsWereDoing) {
