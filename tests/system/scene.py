@@ -99,7 +99,7 @@ class Scene:
     def settles(self, interface, seconds, state=None, inhibit=BY_INTERFACE):
         """Waits until nothing is under way and everything that can be seen of the gateway fits the interface.
 
-        `inhibit` is the DNS topic's value, None for none.
+        `inhibit` is the DNS topic's value, None for none. It and `state` may be functions, called each time.
         """
         if state is None:
             state = "ETHERNET_ACTIVE" if interface == "eth0" else "CELLULAR_ACTIVE"
@@ -107,10 +107,25 @@ class Scene:
 
         def settled():
             by_interface = "inhibit" if interface == "wwan0" else "permit" if self.witness.payloads(INHIBIT) else None
-            faults[:] = audit.unsettled(self, interface, state, by_interface if inhibit is BY_INTERFACE else inhibit)
+            wanted_inhibit = by_interface if inhibit is BY_INTERFACE else inhibit() if callable(inhibit) else inhibit
+            wanted_state = state() if callable(state) else state
+            faults[:] = audit.unsettled(self, interface, wanted_state, wanted_inhibit)
             return not faults
 
         wait_until(settled, seconds + SLACK, lambda: "; ".join(faults) + "\n" + self.application.interesting())
+
+    def settles_on_the_only_interface(self, seconds, since, on_cellular=False):
+        """Ethernet was taken away at `since` in the log, and the connection manager had only one interface to choose.
+
+        The route has followed it if a tick saw the cloud lost on Ethernet. If the application was connected again before
+        that, nothing was lost for the route, and it stays where it is.
+        """
+        def follows():
+            return on_cellular or self.application.said("eth cloud lost", since)
+
+        before = "permit" if self.witness.payloads(INHIBIT) else None
+        self.settles("wwan0", seconds, state=lambda: "CELLULAR_ACTIVE" if follows() else "ETHERNET_ACTIVE",
+                     inhibit=lambda: "inhibit" if follows() else before)
 
     def audit(self):
         """What must hold in every scenario, whatever happened in it."""

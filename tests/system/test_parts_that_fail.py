@@ -15,7 +15,7 @@ def test_an_ethernet_that_flaps_for_two_minutes_settles(scene):
         scene.box("cable", "in")
         time.sleep(3)
     scene.witness.wait_for(GREEN, "On", 40)
-    scene.settles("eth0", 40, inhibit=scene.witness.last(INHIBIT))
+    scene.settles("eth0", 40, inhibit=lambda: scene.witness.last(INHIBIT))
 
 
 @pytest.mark.parametrize("seconds", [0, 4])
