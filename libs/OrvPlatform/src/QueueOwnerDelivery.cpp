@@ -76,13 +76,14 @@ void QueueOwner::Core::Turn() {
     poll(waits, 2, limit);
     mutex.lock();
 
+    // While the lock was away another client may have taken this one's place, its descriptor's number even; and another
+    // thread this one's, for which the wake-up may be meant.
+    if (seen != generation)
+        return;
     if (waits[0].revents != 0) {
         std::uint64_t count = 0;
         [[maybe_unused]] const ssize_t drained = read(wakeUp, &count, sizeof count);
     }
-    // While the lock was away another thread may have taken this client's place, its descriptor's number even.
-    if (seen != generation)
-        return;
     ServeSocket(waits[1].revents);
     Advance(std::chrono::steady_clock::now());
 }
