@@ -97,7 +97,7 @@ bool QueueOwner::Core::Connect(const std::optional<LastWill>& will) {
 }
 
 bool QueueOwner::Core::Open(const std::optional<LastWill>& will, Time deadline) {
-    deliveryStopped = false;
+    deliveryStopped = stopsAwaited > 0; // a callback that connects does not undo the stop that waits for it
     attemptEnds = deadline;
     refusal = refusalSaid = 0;
     failure = "no answer within 3 s";

@@ -162,13 +162,13 @@ void QueueOwner::Core::LoseConnection(int error, int systemError) {
     lostAt = now;
     attempt = 0;
     pauseEnds = now + backoff.Next();
+    failure = MosquittoErrorText(error, systemError); // for a Connect that has not yet seen that it was accepted
     SetLink(Link::PAUSING);
     Wake();
 
     if (!evictions.Suspects()) {
         evictionSaid = false;
-        Say(Severity::WARNING,
-            "lost the connection to " + place + ": " + MosquittoErrorText(error, systemError) + "; reconnecting");
+        Say(Severity::WARNING, "lost the connection to " + place + ": " + failure + "; reconnecting");
     } else if (!evictionSaid) {
         evictionSaid = true;
         Say(Severity::ERROR,
@@ -237,8 +237,8 @@ void QueueOwner::Core::OnSubscribed(int messageId, bool granted) noexcept {
 }
 
 void QueueOwner::Core::Deliver() {
-    const unsigned current = generation;
-    while (!inbox.Empty() && generation == current) {
+    while (!inbox.Empty()) {
+        const unsigned current = generation;
         outbox.Swap(inbox);
         for (std::size_t index = 0; index < outbox.Size(); ++index) {
             if (generation != current || deliveryStopped)
