@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <functional>
 #include <random>
+#include <system_error>
 
 namespace QUILMQTT {
 
@@ -130,8 +131,7 @@ bool QueueOwner::Core::Open(const std::optional<LastWill>& will, Time deadline) 
         return false;
     }
     SetLink(Link::CONNECTING);
-    StartThread();
-    return true;
+    return StartThread();
 }
 
 void QueueOwner::Core::AwaitAnswer(Time deadline) {
@@ -267,15 +267,21 @@ bool QueueOwner::Core::OnDeliveryThread() const {
     return running && threadId == std::this_thread::get_id();
 }
 
-void QueueOwner::Core::StartThread() {
+bool QueueOwner::Core::StartThread() {
     if (running)
-        return;
+        return true;
     if (thread.joinable())
         thread.join(); // it has left Run, so this does not wait
-    running = true;
     const unsigned number = ++threadNumber;
-    thread = std::thread([self = shared_from_this(), number] { self->Run(number); });
+    try {
+        thread = std::thread([self = shared_from_this(), number] { self->Run(number); });
+    } catch (const std::system_error& error) {
+        failure = std::string("no thread to be had: ") + error.what();
+        return false;
+    }
+    running = true;
     threadId = thread.get_id();
+    return true;
 }
 
 // The thread ends by itself once the connection is given up. It is waited for, unless an application's callback would

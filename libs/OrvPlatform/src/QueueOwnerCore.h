@@ -55,7 +55,7 @@ private:
     enum class Severity { DEBUG, INFO, WARNING, ERROR };
 
     // The delivery thread.
-    void Run(unsigned ownThread) ORV_EXCLUDES(mutex);
+    void Run(unsigned ownNumber) ORV_EXCLUDES(mutex);
     void Turn() ORV_REQUIRES(mutex);
     void ServeSocket(short ready) ORV_REQUIRES(mutex);
     void Advance(Time now) ORV_REQUIRES(mutex);
@@ -68,7 +68,7 @@ private:
     std::unique_ptr<OrvPlatform::MosquittoClient> TakeClient() ORV_REQUIRES(mutex);
     bool Open(const std::optional<OrvPlatform::LastWill>& will, Time deadline) ORV_REQUIRES(mutex);
     void AwaitAnswer(Time deadline) ORV_REQUIRES(mutex);
-    void StartThread() ORV_REQUIRES(mutex);
+    bool StartThread() ORV_REQUIRES(mutex);
     void RetireThread() ORV_REQUIRES(mutex); // releases it meanwhile
     bool OnDeliveryThread() const ORV_REQUIRES(mutex);
     void SetLink(Link next) ORV_REQUIRES(mutex);

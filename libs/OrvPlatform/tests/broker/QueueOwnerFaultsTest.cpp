@@ -5,10 +5,17 @@
 #include "NoMoreDescriptors.h"
 
 #include <poll.h>
+#include <pthread.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <ctime>
+#include <fstream>
 #include <future>
+#include <iterator>
+#include <limits>
+#include <optional>
+#include <thread>
 
 namespace {
 
@@ -371,6 +378,108 @@ TEST_F(AnIdleThreadBetweenAttempts, Sleeps) {
     Drop();
     ASSERT_TRUE(WaitUntil([&] { return sessions == 3; })); // a pause of 0.75 s at least follows
     EXPECT_LE(WakeUps(), 12U);
+}
+
+class ACallbackThatConnectsAnew : public BrokerTest {
+protected:
+    ACallbackThatConnectsAnew() : BrokerTest(0) {
+        BrokerSettings().port = server.Port();
+        client.emplace();
+        client->onConnect = [this] {
+            if (client->Connects() != 1)
+                return;
+            inside = true;
+            released.wait();
+            again = client->Connect();
+            done = true;
+        };
+        EXPECT_TRUE(client->Connect());
+        EXPECT_TRUE(WaitUntil([&] { return inside.load(); }));
+    }
+
+    static bool IsAsleep(pid_t thread) {
+        std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
+        const std::string text{std::istreambuf_iterator<char>(stat), {}};
+        const auto name = text.rfind(") ");
+        return name != std::string::npos && text.compare(name, 3, ") S") == 0;
+    }
+
+    std::atomic<bool> inside{false};
+    std::atomic<bool> again{false};
+    std::atomic<bool> done{false};
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    FakeBrokerServer server{FakeBrokerServer::Accept};
+    std::optional<TestClient> client;
+};
+
+TEST_F(ACallbackThatConnectsAnew, IsToldOfThatAtOnce) {
+    const LongSleep untilSomethingHappens;
+    release.set_value();
+    EXPECT_TRUE(WaitUntil([&] { return client->Connects() == 2; }));
+    EXPECT_TRUE(again);
+}
+
+TEST_F(ACallbackThatConnectsAnew, DoesNotUndoAStopThatWaitsForIt) {
+    std::atomic<pid_t> waiting{0};
+    std::thread stopper([&] {
+        waiting = gettid();
+        client->StopDelivery();
+    });
+    ASSERT_TRUE(WaitUntil([&] { return waiting != 0 && IsAsleep(waiting); }));
+    release.set_value();
+    stopper.join();
+    EXPECT_TRUE(done);
+    EXPECT_TRUE(client->Disconnect()); // no thread is left afterwards that could call
+    EXPECT_EQ(client->Connects(), 1);
+}
+
+TEST_F(ACallbackThatConnectsAnew, IsToldWhyTheNewConnectionIsGoneAlready) {
+    server.Behave([](Session& session) {
+        session.Read();
+        session.Send(EncodeConnack(0) + std::string("\xf0\x00", 2));
+        session.Freeze();
+    });
+    release.set_value();
+    ASSERT_TRUE(WaitUntil([&] { return done.load(); }));
+    EXPECT_FALSE(again);
+    EXPECT_EQ(Logged("cannot connect to"), 1U);
+    EXPECT_EQ(Logged("no answer"), 0U);
+}
+
+/// While it lives, this process gets no further thread: each would need a stack of half the address space.
+class NoMoreThreads {
+public:
+    NoMoreThreads() {
+        pthread_getattr_default_np(&before);
+        pthread_attr_t greedy;
+        pthread_getattr_default_np(&greedy);
+        pthread_attr_setstacksize(&greedy, std::numeric_limits<std::size_t>::max() / 2 & ~std::size_t{0xffff});
+        pthread_setattr_default_np(&greedy);
+        pthread_attr_destroy(&greedy);
+    }
+    ~NoMoreThreads() {
+        pthread_setattr_default_np(&before);
+        pthread_attr_destroy(&before);
+    }
+    NoMoreThreads(const NoMoreThreads&) = delete;
+    NoMoreThreads& operator=(const NoMoreThreads&) = delete;
+
+private:
+    pthread_attr_t before{};
+};
+
+class AProcessThatGetsNoThread : public RealBrokerTest {};
+
+TEST_F(AProcessThatGetsNoThread, IsToldSoAndConnectsOnceItGetsOne) {
+    TestClient client;
+    {
+        const NoMoreThreads now;
+        EXPECT_FALSE(client.Connect());
+    }
+    EXPECT_EQ(Logged(": no thread to be had: "), 1U);
+    EXPECT_TRUE(client.Connect());
+    EXPECT_TRUE(WaitUntil([&] { return client.Connects() == 1; }));
 }
 
 } // namespace OrvTest
