@@ -16,7 +16,7 @@ import time
 
 from endpoint import Endpoint, make_certificates
 from expected_wire import KEPT, STATUS_FILE, differences, wire_differences
-from neighbours import Neighbours
+from neighbours import Neighbours, kept_by_broker
 from processes import end_all
 from transcript import Transcript
 
@@ -173,10 +173,6 @@ class Demo:
         reader.join(2)
         return status
 
-    def kept(self, port):
-        command = ["mosquitto_sub", "-h", "127.0.0.1", "-p", str(port), "-t", "#", "--retained-only", "-W", "1", "-F", "%t %p"]
-        return sorted(subprocess.run(command, check=False, capture_output=True, text=True).stdout.splitlines())
-
     def run(self):
         begin = int(time.time())
         make_certificates(STATE)
@@ -197,7 +193,7 @@ class Demo:
         return (
             ([f"orv-shell ended with exit status {status}"] if status != 0 else [])
             + wire_differences(self.wire)
-            + differences("what the broker keeps", KEPT, self.kept(port))
+            + differences("what the broker keeps", KEPT, kept_by_broker(port))
             + differences("who proved itself to the cloud", [CELLULAR[1], ETHERNET[1]], endpoint.handshakes)
             + self.check_files(begin)
         )

@@ -1,11 +1,13 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The application's neighbours on the gateway: apps control, the panel, the modem and two other features."""
+"""The application's neighbours on the gateway: apps control, the panel, the modem and two other features; and one who
+comes later."""
 
 import threading
 
 import paho.mqtt.client as mqtt
 
 FEATURES = "/orv/apps_control/features/"
+FENCE = "demo/kept"
 
 # (topic, payload, retained) for each message that is answered; the first such message only.
 ANSWERS = {
@@ -51,3 +53,29 @@ class Neighbours:
     def stop(self):
         self.client.disconnect()
         self.client.loop_stop()
+
+
+def kept_by_broker(port):
+    """What the broker keeps for one who comes later, as lines of topic and payload."""
+    kept = []
+    complete = threading.Event()
+    client = mqtt.Client("demo-newcomer")
+
+    def hear(_client, _userdata, message):
+        if message.topic == FENCE:
+            complete.set()
+        elif message.retain:
+            kept.append(f"{message.topic} {message.payload.decode()}")
+
+    client.on_connect = lambda *_: client.subscribe("#")
+    client.on_subscribe = lambda *_: client.publish(FENCE)  # comes back behind all that was kept
+    client.on_message = hear
+    client.connect("127.0.0.1", port)
+    client.loop_start()
+    try:
+        if not complete.wait(10):
+            raise OSError(f"the broker has not handed over what it keeps within 10 s, only {kept}")
+    finally:
+        client.disconnect()
+        client.loop_stop()
+    return sorted(kept)
