@@ -21,7 +21,7 @@ def retained(topic, payload):
 
 
 # From the application's session and from its neighbours, whose order the scenario fixes by waiting.
-SESSION = [
+BEFORE_THE_MOVES = [
     retained(ENT_CON, "false"),
     plain(ALARM + "available", "true"),
     plain(ALARM + "init", "booting"),
@@ -56,6 +56,8 @@ SESSION = [
     retained(GREEN, "On"),
     retained(NO_EXT_NET, "false"),
     retained(ENT_CON, "true"),
+]
+MOVES = [
     # CLOUD_DISCONNECTED, ETHERNET_IP_LOST
     retained(YELLOW, "Blink"),
     retained(GREEN, "Off"),
@@ -78,6 +80,8 @@ SESSION = [
     retained(GREEN, "On"),
     retained(NO_EXT_NET, "false"),
     retained(ENT_CON, "true"),
+]
+AFTER_THE_MOVES = [
     plain(FEATURES + "prepare_for_shutdown", "preparing"),
     plain(FEATURES + "shutdown_readiness/heating", "ready"),
     plain(FEATURES + "shutdown_readiness/lighting", "busy"),
@@ -94,22 +98,19 @@ ROUTE = [
 ]
 
 # What the broker keeps for those who come later.
-KEPT = sorted(
-    [
-        f"{ENT_CON} true",
-        f"{NO_EXT_NET} false",
-        f"{YELLOW} Blink",
-        f"{GREEN} Blink",
-        f"{INHIBIT_DNS} permit",
-        "/orv/panel/guid PANEL-0042",
-        "/orv/panel/connection_status UP",
-        "/orv/modem/imei 350000000000006",
-        "/orv/modem/sim/iccid 8900000000000000009",
-        "/orv/modem/sim/technology LTE",
-        "/orv/modem/sim/provider Example Mobile",
-        "/orv/modem/sim/strength -71 dBm",
-    ]
-)
+KEPT = [
+    f"{ENT_CON} true",
+    f"{NO_EXT_NET} false",
+    f"{YELLOW} Blink",
+    f"{GREEN} Blink",
+    "/orv/panel/guid PANEL-0042",
+    "/orv/panel/connection_status UP",
+    "/orv/modem/imei 350000000000006",
+    "/orv/modem/sim/iccid 8900000000000000009",
+    "/orv/modem/sim/technology LTE",
+    "/orv/modem/sim/provider Example Mobile",
+    "/orv/modem/sim/strength -71 dBm",
+]
 
 STATUS_FILE = '"Enterprise Feature","Enabled"\n"Cloud Connection","Up"\n"Ethernet","Up"\n"Cellular","Up"'
 
@@ -123,7 +124,13 @@ def differences(name, expected, seen):
     ]
 
 
-def wire_differences(seen):
+def kept(moves):
+    return sorted(KEPT + ([f"{INHIBIT_DNS} permit"] if moves else []))
+
+
+def wire_differences(seen, moves):
+    """`moves`: whether the route was moved away and back."""
     route = [line for line in seen if INHIBIT_DNS in line]
     session = [line for line in seen if INHIBIT_DNS not in line]
-    return differences("the session's wire", SESSION, session) + differences("the route's wire", ROUTE, route)
+    expected = BEFORE_THE_MOVES + (MOVES if moves else []) + AFTER_THE_MOVES
+    return differences("the session's wire", expected, session) + differences("the route's wire", ROUTE if moves else [], route)

@@ -2,20 +2,24 @@
 """The loopback demo: a private broker, a fake connection manager, a TLS endpoint and orv-shell on a scenario, and a check
 of the recorded wire.
 
-Run by script/demo as the first process of private mount and process namespaces: whatever it mounts, writes or starts is
-gone when it ends, however it ends.
+Run by script/demo as the first process of private mount and process namespaces where the machine permits them: whatever it
+mounts, writes or starts is gone when it ends, however it ends. Elsewhere it mounts nothing: the status files are written
+into the machine's own /var/tmp and removed in the end, and the moves of the route are left out, because without a private
+list of authorities nobody trusts the demo's TLS endpoint.
 """
 
 import os
+import shutil
 import signal
 import socket
 import subprocess
 import sys
+import tempfile
 import threading
 import time
 
 from endpoint import Endpoint, make_certificates
-from expected_wire import KEPT, STATUS_FILE, differences, wire_differences
+from expected_wire import STATUS_FILE, differences, kept, wire_differences
 from neighbours import Neighbours, kept_by_broker
 from processes import end_all
 from transcript import Transcript
@@ -25,7 +29,7 @@ sys.path.insert(0, os.path.join(HERE, "..", "tests", "support", "connman"))
 from connman_stand_in import ConnmanStandIn, StandInError  # noqa: E402
 
 BUNDLE = "/etc/ssl/certs/ca-certificates.crt"
-STATE = "/var/tmp/orv-demo"
+SCENARIO = os.path.join(HERE, "loopback.orv")
 STATUSES = "/var/tmp/new_enterprise_statuses.csv"
 ERRORS = "/var/tmp/new_enterprise_errors.csv"
 # Loopback stands for both interfaces: one by its name, the other as a source address.
@@ -51,6 +55,10 @@ class DemoError(Exception):
     pass
 
 
+class Refused(Exception):
+    """The machine does not let the demo run."""
+
+
 def mount(*arguments):
     subprocess.run(["mount", *arguments], check=True)
 
@@ -63,13 +71,25 @@ def make_private_places(tree):
     if below:
         os.makedirs(tree)
         subprocess.run(["mount", "--bind", f"/proc/self/fd/{tree_handle}", tree], check=True, pass_fds=[tree_handle])
-    os.mkdir(STATE)
 
 
-def trust_the_demo_authority():
-    bundle = os.path.join(STATE, "bundle.crt")
+def refuse_to_overwrite():
+    for path in (STATUSES, ERRORS):
+        if os.path.lexists(path):
+            raise Refused(f"{path} exists, and this machine gives the demo no /var/tmp of its own: move the file away, or "
+                          "run the demo where it may make namespaces (as root; in a container started with --privileged)")
+
+
+def remove_status_files():
+    for path in (STATUSES, ERRORS):
+        if os.path.lexists(path):
+            os.remove(path)
+
+
+def trust_the_authority(folder):
+    bundle = os.path.join(folder, "bundle.crt")
     with open(bundle, "wb") as out:
-        for part in (BUNDLE, os.path.join(STATE, "ca.crt")):
+        for part in (BUNDLE, os.path.join(folder, "ca.crt")):
             with open(part, "rb") as file:
                 out.write(file.read())
     mount("--bind", bundle, BUNDLE)
@@ -95,15 +115,16 @@ def free_port():
 
 
 class Demo:
-    def __init__(self, shell, mosquitto, transcript):
-        self.shell, self.mosquitto, self.transcript = shell, mosquitto, transcript
+    def __init__(self, shell, mosquitto, transcript, private):
+        self.shell, self.mosquitto, self.transcript, self.private = shell, mosquitto, transcript, private
+        self.folder = tempfile.mkdtemp(prefix="orv-demo-", dir="/var/tmp" if private else None)
         self.processes = []
         self.connman = None
         self.wire = []
         self.beacons = set()
 
     def start(self, command, **options):
-        process = subprocess.Popen(command, stdin=subprocess.DEVNULL, **options)
+        process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *command], stdin=subprocess.DEVNULL, **options)
         self.processes.append(process)
         return process
 
@@ -111,20 +132,26 @@ class Demo:
         end_all(self.processes)
         if self.connman:
             self.connman.close()
+        shutil.rmtree(self.folder, ignore_errors=True)
+        if not self.private:
+            remove_status_files()
+
+    def file(self, name):
+        return os.path.join(self.folder, name)
 
     def start_broker(self):
-        path = os.path.join(STATE, "mosquitto.conf")
+        path = self.file("mosquitto.conf")
         for _ in range(5):  # another program may take the port between the choice and the start
             port = free_port()
             with open(path, "w", encoding="ascii") as file:
                 file.write(f"listener {port} 127.0.0.1\nallow_anonymous true\nset_tcp_nodelay true\nuser root\n")
-            with open(os.path.join(STATE, "mosquitto.log"), "wb") as log:
+            with open(self.file("mosquitto.log"), "wb") as log:
                 broker = self.start([self.mosquitto, "-c", path], stdout=log, stderr=log)
             wait_until(lambda: broker.poll() is not None or answers(port), 5, "the broker did not answer")
             if broker.poll() is None:
                 self.transcript.line("demo", f"private broker on 127.0.0.1:{port}")
                 return port
-        with open(os.path.join(STATE, "mosquitto.log"), encoding="utf-8") as log:
+        with open(self.file("mosquitto.log"), encoding="utf-8") as log:
             raise DemoError("the broker does not start:\n" + log.read())
 
     def record(self, port):
@@ -153,10 +180,18 @@ class Demo:
 
         wait_until(seen, 5, f"the recorder has not seen the mark '{name}'")
 
+    def scenario(self):
+        if self.private:
+            return SCENARIO
+        path = self.file("loopback.orv")
+        with open(SCENARIO, encoding="utf-8") as whole, open(path, "w", encoding="utf-8") as part:
+            part.write("\n\n".join(block for block in whole.read().split("\n\n") if "expect reconnect" not in block))
+        return path
+
     def run_shell(self):
-        shell = self.start([self.shell, "--tick", "100ms", os.path.join(HERE, "loopback.orv")], stdout=subprocess.PIPE,
+        shell = self.start([self.shell, "--tick", "100ms", self.scenario()], stdout=subprocess.PIPE,
                            stderr=subprocess.PIPE, text=True, errors="replace",
-                           env={**os.environ, "ORV_GATEWAY_CONFIG": os.path.join(STATE, "gateway.ini")})
+                           env={**os.environ, "ORV_GATEWAY_CONFIG": self.file("gateway.ini")})
 
         def read_log():
             for line in shell.stderr:
@@ -175,16 +210,17 @@ class Demo:
 
     def run(self):
         begin = int(time.time())
-        make_certificates(STATE)
-        trust_the_demo_authority()
-        endpoint = Endpoint(STATE, lambda text: self.transcript.line("cloud", text))
+        make_certificates(self.folder)
+        if self.private:
+            trust_the_authority(self.folder)
+        endpoint = Endpoint(self.folder, lambda text: self.transcript.line("cloud", text))
         port = self.start_broker()
-        self.connman = ConnmanStandIn(os.path.join(STATE, "bus"), f"{ETHERNET[0]}:ready {CELLULAR[0]}:ready")
+        self.connman = ConnmanStandIn(self.file("bus"), f"{ETHERNET[0]}:ready {CELLULAR[0]}:ready")
         self.transcript.line("demo", f"fake connection manager on {self.connman.address}")
         self.record(port)
         neighbours = Neighbours(port)
         self.await_beacon(neighbours, "begin")
-        with open(os.path.join(STATE, "gateway.ini"), "w", encoding="ascii") as file:
+        with open(self.file("gateway.ini"), "w", encoding="ascii") as file:
             file.write(CONFIGURATION.format(broker=port, endpoint=endpoint.port, bus=self.connman.address,
                                             ethernet=ETHERNET[0], cellular=CELLULAR[0]))
         status = self.run_shell()
@@ -192,9 +228,10 @@ class Demo:
         neighbours.stop()
         return (
             ([f"orv-shell ended with exit status {status}"] if status != 0 else [])
-            + wire_differences(self.wire)
-            + differences("what the broker keeps", KEPT, kept_by_broker(port))
-            + differences("who proved itself to the cloud", [CELLULAR[1], ETHERNET[1]], endpoint.handshakes)
+            + wire_differences(self.wire, moves=self.private)
+            + differences("what the broker keeps", kept(moves=self.private), kept_by_broker(port))
+            + differences("who proved itself to the cloud", [CELLULAR[1], ETHERNET[1]] if self.private else [],
+                          endpoint.handshakes)
             + self.check_files(begin)
         )
 
@@ -220,18 +257,25 @@ def interrupted(*_):
 
 
 def main(arguments):
-    tree, shell, mosquitto, colour = arguments
+    tree, shell, mosquitto, colour, places = arguments
+    private = places == "private"
     for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, interrupted)
     transcript = Transcript(colour == "colour")
     demo = None
     try:
-        make_private_places(tree)
-        demo = Demo(shell, mosquitto, transcript)
+        if private:
+            make_private_places(tree)
+        else:
+            refuse_to_overwrite()
+        demo = Demo(shell, mosquitto, transcript, private)
         faults = demo.run()
     except KeyboardInterrupt:
         print("\ndemo: interrupted", file=sys.stderr)
         return 130
+    except Refused as reason:
+        print(f"demo: {reason}", file=sys.stderr)
+        return 77
     except (DemoError, StandInError, OSError, subprocess.CalledProcessError) as error:
         print(f"demo: {error}", file=sys.stderr)
         return 1
@@ -243,6 +287,8 @@ def main(arguments):
         print("\n".join(faults))
         return 1
     transcript.chapter(transcript.paint(f"All {len(demo.wire)} messages on the wire are what must be there, in order.", "green"))
+    if not private:
+        print("Left out, because this machine gives no private list of authorities: the moves of the route.")
     return 0
 
 
