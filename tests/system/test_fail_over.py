@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Fail-over to Cellular and the return to Ethernet, seen from all sides."""
 import signal
+import time
 
 import pytest
 from gateway import SLACK, wait_until
@@ -141,6 +142,18 @@ def test_a_failure_is_shown_by_both_leds_and_noted_in_the_error_file(scene):
     assert box.default_interfaces() == ["wwan0"]
     assert box.order() == ["wwan0", "eth0"]
     wait_until(lambda: box.status_file()["Cloud Connection"] == "Up", SLACK, "the connection in the status file")
+
+
+def test_the_time_of_a_failure_stays_although_the_state_is_reported_again(make_scene):
+    scene = make_scene("--refresh-s", "1").start()
+    scene.expected_complaints = ("a failure was reported",)
+    scene.application.process.send_signal(signal.SIGUSR1)
+    wait_until(lambda: (scene.box.error_file() or "").endswith("Detected"), SLACK, "the error file")
+    noted = scene.box.error_file()
+    deadline = time.monotonic() + 3.5  # three repetitions
+    while time.monotonic() < deadline:
+        assert scene.box.error_file() == noted
+        time.sleep(0.1)
 
 
 def test_a_clock_put_forward_shortens_no_delay(make_scene):

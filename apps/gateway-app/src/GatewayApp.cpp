@@ -204,6 +204,8 @@ void Application::OnSignal() {
             // Stands for the product's own self-test.
             logger.Error() << "a failure was reported by SIGUSR1";
             Report(OrvEvent::FAILURE);
+            failed = true;
+            SetTimers();
         } else {
             logger.Info() << "ending on " << (number == SIGINT ? "SIGINT" : "SIGTERM");
             loop.Leave();
@@ -301,8 +303,9 @@ OrvEvent Application::CloudState() const {
 
 void Application::SetTimers() {
     tickTimer.Every(options.tick);
-    // A message that the gateway's broker was not there to take is sent with the next event only.
-    refreshTimer.Every(options.refresh);
+    // A message that the gateway's broker was not there to take is sent with the next event only. After a failure each
+    // event writes the error file anew, with its own time: that is to stay the failure's.
+    refreshTimer.Every(failed ? 0s : options.refresh);
 }
 
 void Application::Note(const std::string& what, const Transcript::Fields& fields) {

@@ -86,6 +86,7 @@ private:
     std::shared_ptr<Callbacks> callbacks;
     std::shared_ptr<OrvStackSdk::IOrvStackClient> client;
     bool started = false;
+    bool failed = false; // FAILURE was reported
 
     std::string cloudInterface;   // the WAN interface that the cloud connection runs over; empty: none, or another one
     std::string lastCloudFailure; // as logged; empty after a success
