@@ -31,6 +31,39 @@ TEST(OptionsWithoutArguments, AreTheDefaults) {
     EXPECT_EQ(options.refresh, 30s);
 }
 
+TEST(TheShippedFile, HasTheDefaults) {
+    const AppOptions shipped = ReadOptions({"--config", ORV_SHIPPED_OPTIONS});
+    const AppOptions defaults = ReadOptions({});
+    EXPECT_EQ(shipped.name, defaults.name);
+    EXPECT_EQ(shipped.cloud, defaults.cloud);
+    EXPECT_EQ(shipped.tick, defaults.tick);
+    EXPECT_EQ(shipped.refresh, defaults.refresh);
+}
+
+TEST(TheShippedFile, ShowsEachDefaultAsALineToTakeTheMarkAwayFrom) {
+    std::ifstream file(ORV_SHIPPED_OPTIONS);
+    const std::string uncommented = testing::TempDir() + "gateway-app-uncommented.ini";
+    std::ofstream out(uncommented);
+    int options = 0;
+    for (std::string line; std::getline(file, line);) {
+        // "cloud-host=" is the way to say none.
+        if (line.rfind("# ", 0) != 0 || line.find('=') == std::string::npos || line.find(' ', 2) != std::string::npos)
+            continue;
+        ++options;
+        if (line.back() != '=')
+            out << line.substr(2) << '\n';
+    }
+    out.close();
+    EXPECT_EQ(options, 7);
+    const AppOptions shown = ReadOptions({"--config", uncommented});
+    const AppOptions defaults = ReadOptions({});
+    EXPECT_EQ(shown.name, defaults.name);
+    EXPECT_EQ(shown.cloud, defaults.cloud);
+    EXPECT_EQ(shown.tick, defaults.tick);
+    EXPECT_EQ(shown.refresh, defaults.refresh);
+    std::remove(uncommented.c_str());
+}
+
 TEST(OptionsOnTheCommandLine, AreTaken) {
     const AppOptions options =
         ReadOptions({"--name", "heating", "--cloud-host", "cloud.example", "--cloud-port", "443", "--cloud-ca",
