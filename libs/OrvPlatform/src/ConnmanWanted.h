@@ -46,8 +46,6 @@ public:
     /// The services have changed, or the connection manager is a new one: refused orders get another chance.
     void Retry();
 
-    void Clear() { orders.clear(); }
-
 private:
     struct Order {
         std::uint64_t id;

@@ -17,7 +17,8 @@ public:
     /// So many in a row are no coincidence.
     static constexpr int SUSPICIOUS = 3;
 
-    /// The broker has accepted a connection at the given attempt since the last one was lost (1 for the first).
+    /// The broker has accepted a connection at the given attempt since the last one was lost (more than 1: the broker
+    /// was away meanwhile).
     void Accepted(Time now, int attempt);
 
     /// The broker has closed the connection; `silently` when it did so without an error.

@@ -75,7 +75,7 @@ MessageBus::Reply MessageBus::Call(DBusMessagePtr message, std::chrono::millisec
     DBusPendingCall* raw = nullptr;
     if (!connection || !message ||
         !dbus_connection_send_with_reply(connection, message.get(), &raw, DBUS_TIMEOUT_INFINITE) || !raw)
-        return {nullptr, "the bus is gone", {}};
+        return {nullptr, "the bus is gone"};
     const std::unique_ptr<DBusPendingCall, PendingRelease> pending(raw);
 
     Clock::time_point until = Clock::now() + limit;
@@ -89,13 +89,13 @@ MessageBus::Reply MessageBus::Call(DBusMessagePtr message, std::chrono::millisec
     DBusMessagePtr answer(dbus_pending_call_get_completed(raw) ? dbus_pending_call_steal_reply(raw) : nullptr);
     if (!answer) {
         dbus_pending_call_cancel(raw);
-        return {nullptr, "the bus is gone", {}};
+        return {nullptr, "the bus is gone"};
     }
     DBusError error = DBUS_ERROR_INIT;
     if (!dbus_set_error_from_message(&error, answer.get()))
-        return {std::move(answer), {}, {}};
+        return {std::move(answer), {}};
     const std::string name = error.name;
-    return {nullptr, name + ": " + TextOf(error), name};
+    return {nullptr, name + ": " + TextOf(error)};
 }
 
 void MessageBus::Wait(Clock::time_point until) {

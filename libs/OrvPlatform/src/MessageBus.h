@@ -44,7 +44,6 @@ public:
     struct Reply {
         DBusMessagePtr message; ///< null when there was an error
         std::string error;      ///< the error's name and text
-        std::string errorName;
     };
 
     /// Sends a method call and waits for its answer. A call cannot be taken back: after `limit`, `onOverdue` is told
