@@ -1,5 +1,6 @@
 # orv_add_test(NAME SOURCES ... LIBRARIES ... [LABELS ...] [LOCKS ...] [TIMEOUT s] [SHARDS n])
-#   One GoogleTest program, run by ctest as one test, or as SHARDS parts of it: for many tests that mostly wait. LABELS: unit, broker, tls, bus, ... (ctest -L unit).
+#   One GoogleTest program, run by ctest as one test, or as SHARDS parts of it: for many tests that mostly wait.
+#   LABELS: unit, broker, tls, bus, ... (ctest -L unit).
 #   LOCKS: resources that no two tests may use at a time, e.g. var-tmp (the status files have fixed paths).
 
 find_package(GTest REQUIRED)

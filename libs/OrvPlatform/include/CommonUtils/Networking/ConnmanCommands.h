@@ -22,13 +22,16 @@ public:
     /// Asks that the service of `interfaceName` comes first, so that it carries the default route. Returns at once.
     /// Of several requests that have not been carried out yet only the latest counts.
     /// @return false when it is plain already that the request cannot be carried out now (no connected service on that
-    ///         interface); true when it was accepted or is fulfilled already. True is no promise: the order shows in
-    ///         GetTopPriorityInterface once it has changed.
+    ///         interface): it is kept and carried out when it can be, unless the name is empty; true when it was
+    ///         accepted or is fulfilled already. True is no promise: the order shows in GetTopPriorityInterface once it
+    ///         has changed.
     bool SetTopPriorityInterface(const std::string& interfaceName);
 
     /// Sets the name servers of the interface's service. Empty strings are left out; two empty strings give the servers
     /// back to what the network offers. Returns at once, of several requests for one interface the latest counts.
-    /// @return false when it is plain already that the request cannot be carried out now, true otherwise.
+    /// @return false when it is plain already that the request cannot be carried out now: it is kept and carried out
+    /// when
+    ///         it can be, unless the name is empty or a server is no address; true otherwise.
     bool SetDnsConfiguration(const std::string& interfaceName, const std::string& first, const std::string& second);
 
     ConnmanCommands(const ConnmanCommands&) = delete;
