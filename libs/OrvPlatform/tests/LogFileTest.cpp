@@ -97,6 +97,15 @@ TEST_F(ALogFile, GoesOnInAFreshFileWhenFullAndLosesNothingMeanwhile) {
     EXPECT_TRUE(std::filesystem::exists(path + ".3"));
 }
 
+TEST_F(ALogFile, IsFilledToTheLastByte) {
+    Say(*Open(1000, 2), "1");
+    const auto log = Open(2 * Content(path).size(), 2);
+    Say(*log, "2");
+    EXPECT_EQ(LinesIn(path), (Lines{"info [Test] 1", "info [Test] 2"}));
+    Say(*log, "3");
+    EXPECT_EQ(LinesIn(path), Lines{"info [Test] 3"});
+}
+
 TEST_F(ALogFile, KeepsNoMoreFilesThanItMay) {
     const auto log = Open(200, 2);
     for (int i = 0; i < 50; ++i)
