@@ -5,9 +5,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace PrivateNetwork {
@@ -23,6 +25,8 @@ public:
             arguments.push_back(word.data());
         arguments.push_back(nullptr);
         pid = fork();
+        if (pid < 0)
+            throw std::system_error(errno, std::generic_category(), "cannot start " + words.front());
         if (pid != 0)
             return;
         prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -30,16 +34,15 @@ public:
             execvp(arguments[0], arguments.data());
         _exit(127);
     }
-    ~ChildProgram() {
-        if (pid > 0)
-            End(SIGKILL);
-    }
+    ~ChildProgram() { End(SIGKILL); }
     ChildProgram(const ChildProgram&) = delete;
     ChildProgram& operator=(const ChildProgram&) = delete;
 
     pid_t Pid() const { return pid; }
-    /// @return the exit status, -1 when a signal ended it
+    /// @return the exit status, -1 when a signal or an earlier call ended it
     int End(int signal) {
+        if (pid <= 0) // -1 would be every process of this user
+            return -1;
         kill(pid, signal);
         int status = 0;
         waitpid(pid, &status, 0);

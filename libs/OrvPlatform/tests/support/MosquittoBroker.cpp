@@ -11,10 +11,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <system_error>
 
 namespace OrvTest {
 
@@ -103,7 +105,10 @@ bool MosquittoBroker::TryStart() {
         text += "listener @PORT@ 127.0.0.1\nset_tcp_nodelay true\n";
     text = WithWord(text + settings, "@PORT@", std::to_string(Port()));
     std::ofstream(file) << WithWord(text, "@FOLDER@", folder);
-    process = fork();
+    const pid_t child = fork();
+    if (child < 0)
+        throw std::system_error(errno, std::generic_category(), "cannot start " + program);
+    process = child;
     if (process == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         const int nowhere = open("/dev/null", O_RDWR);
@@ -136,21 +141,27 @@ void MosquittoBroker::Restart() {
 }
 
 void MosquittoBroker::Freeze() {
-    kill(process, SIGSTOP);
+    Signal(SIGSTOP);
     int status = 0;
     waitpid(process, &status, WUNTRACED);
 }
 
 void MosquittoBroker::Thaw() {
-    kill(process, SIGCONT);
+    Signal(SIGCONT);
 }
 
 void MosquittoBroker::End(int signal) {
     if (process == 0)
         return;
-    kill(process, signal);
+    Signal(signal);
     waitpid(process, nullptr, 0);
     process = 0;
+}
+
+void MosquittoBroker::Signal(int signal) const {
+    if (process <= 0) // 0 would be the whole process group
+        throw std::logic_error("the broker does not run");
+    kill(process, signal);
 }
 
 } // namespace OrvTest

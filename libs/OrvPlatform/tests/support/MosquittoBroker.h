@@ -41,6 +41,7 @@ public:
 private:
     bool TryStart();
     void End(int signal);
+    void Signal(int signal) const;
 
     const std::string folder;
     const std::string settings;

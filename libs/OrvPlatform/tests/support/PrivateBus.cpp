@@ -3,6 +3,7 @@
 
 #include "WaitUntil.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
@@ -13,6 +14,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace OrvTest {
@@ -41,6 +43,8 @@ Child::Child(const std::vector<std::string>& command, const std::vector<std::str
     const std::vector<char*> arguments = Pointers(words);
     const std::vector<char*> variablePointers = Pointers(variables);
     process = fork();
+    if (process < 0)
+        throw std::system_error(errno, std::generic_category(), "cannot start " + command.front());
     if (process == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         dup2(toChild[0], STDIN_FILENO);
