@@ -29,8 +29,12 @@ const auto* const environment = testing::AddGlobalTestEnvironment(new PrivateNet
 class AGatewayWithACloud : public testing::Test {
 protected:
     void SetUp() override {
-        if (!PrivateNetwork::Entered() || MosquittoBroker::Program().empty())
-            GTEST_SKIP() << "needs network namespaces and mosquitto (script/bootstrap)";
+        if (!PrivateNetwork::Entered() || MosquittoBroker::Program().empty()) {
+            const char* const needs = "needs network namespaces and mosquitto (script/bootstrap)";
+            if (PrivateNetwork::Required())
+                FAIL() << needs;
+            GTEST_SKIP() << needs;
+        }
         gatewayBroker = std::make_unique<MosquittoBroker>();
         bus = std::make_unique<OrvTest::PrivateBus>();
         connman = std::make_unique<OrvTest::FakeConnmanProcess>(*bus, "eth0:ready wwan0:ready");

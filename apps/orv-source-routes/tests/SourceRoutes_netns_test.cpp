@@ -32,8 +32,12 @@ bool GoesVia(const std::string& router, const std::string& interface) {
 class ANetworkWithTwoWanInterfaces : public testing::Test {
 protected:
     void SetUp() override {
-        if (!PrivateNetwork::Entered())
-            GTEST_SKIP() << "this machine allows no network namespaces";
+        if (!PrivateNetwork::Entered()) {
+            const char* const reason = "this machine allows no network namespaces";
+            if (PrivateNetwork::Required())
+                FAIL() << reason;
+            GTEST_SKIP() << reason;
+        }
         ASSERT_TRUE(PrivateNetwork::AddInterface("eth0") && PrivateNetwork::AddInterface("wwan0"));
         ASSERT_TRUE(Ip("addr add 10.11.0.179/24 dev eth0") && Ip("addr add 10.12.0.50/24 dev wwan0"));
         ASSERT_TRUE(Ip("route add default via 10.11.0.1"));

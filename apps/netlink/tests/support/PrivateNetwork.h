@@ -40,6 +40,12 @@ inline bool Entered() {
     return InPrivateNetwork::entered;
 }
 
+/// True when a test that needs a namespace must fail rather than be skipped without one (ORV_REQUIRE_NAMESPACES).
+inline bool Required() {
+    const char* value = std::getenv("ORV_REQUIRE_NAMESPACES"); // NOLINT(concurrency-mt-unsafe): one thread
+    return value != nullptr && *value != '\0';
+}
+
 /// Makes an interface that has a carrier while its other end, named NAME-far, is up.
 inline bool AddInterface(const std::string& name) {
     return Ip("link add " + name + " type veth peer name " + name + "-far") && Ip("link set " + name + " up") &&
@@ -49,7 +55,7 @@ inline bool AddInterface(const std::string& name) {
 /// Waits until the condition holds.
 /// @return false when it did not within the time
 inline bool Eventually(const std::function<bool()>& condition,
-                       std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+                       std::chrono::milliseconds limit = std::chrono::seconds(30)) {
     const auto end = std::chrono::steady_clock::now() + limit;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > end)
