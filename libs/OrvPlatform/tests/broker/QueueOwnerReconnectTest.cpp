@@ -6,6 +6,7 @@
 #include <atomic>
 #include <future>
 #include <list>
+#include <mutex>
 #include <thread>
 
 namespace OrvTest {
@@ -240,8 +241,9 @@ TEST_F(ABrokerRestart, OfAFewIsNotTakenForASecondClientWithTheSameId) {
     TestClient client;
     ASSERT_TRUE(client.Connect());
     for (int restart = 1; restart <= 4; ++restart) {
+        const std::size_t failures = Logged("cannot reconnect");
         broker.Kill();
-        ASSERT_TRUE(WaitUntil([&] { return Logged("cannot reconnect") >= static_cast<std::size_t>(restart); }));
+        ASSERT_TRUE(WaitUntil([&] { return Logged("cannot reconnect") > failures; }));
         broker.Start();
         ASSERT_TRUE(IsBack(client, restart + 1));
     }
@@ -251,17 +253,43 @@ TEST_F(ABrokerRestart, OfAFewIsNotTakenForASecondClientWithTheSameId) {
 }
 
 TEST_F(ABrokerRestart, IsNotFollowedByAllClientsAtTheSameMoment) {
-    std::atomic<bool> down{false};
-    FakeBrokerServer server(AcceptUntil(down));
+    std::mutex mutex;
+    std::vector<std::chrono::steady_clock::time_point> begins;
+    std::atomic<int> losses{0};
+    FakeBrokerServer server([&](FakeBrokerServer::Session& session) {
+        const int own = losses;
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            begins.push_back(std::chrono::steady_clock::now());
+        }
+        session.Read();
+        session.Send(EncodeConnack(0));
+        WaitUntil([&] { return losses > own; });
+    });
     BrokerSettings().port = server.Port();
     std::list<TestClient> clients;
     for (int number = 0; number < 12; ++number)
         ASSERT_TRUE(clients.emplace_back("client " + std::to_string(number)).Connect());
+    const auto haveReturnedApart = [&] {
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            begins.clear();
+        }
+        const auto lost = std::chrono::steady_clock::now();
+        ++losses;
+        return WaitUntil([&] {
+                   const std::lock_guard<std::mutex> lock(mutex);
+                   return begins.size() == clients.size();
+               }) &&
+               begins.front() - lost < 245ms && begins.back() - begins.front() >= 20ms;
+    };
+    // Twelve pauses at random between 187 and 250 ms. A machine that stands still for a moment may hide that once.
+    bool apart = false;
+    for (int loss = 0; loss < 3 && !apart; ++loss)
+        apart = haveReturnedApart();
+    EXPECT_TRUE(apart);
     server.Behave(FakeBrokerServer::Accept);
-    down = true;
-    ASSERT_TRUE(WaitUntil([&] { return server.Connections() > 12; }));
-    const auto spread = TimeOf([&] { WaitUntil([&] { return server.Connections() == 24; }); });
-    EXPECT_GE(spread, 10ms) << "twelve pauses at random between 187 and 250 ms";
+    ++losses;
 }
 
 class AFrozenBroker : public RealBrokerTest {};
