@@ -2,6 +2,7 @@
 // Brokers that answer late, wrongly, twice or not at all once a connection has been made: what the client makes of it,
 // and what it says about it.
 #include "BrokerFixture.h"
+#include "HeldPolls.h"
 #include "NoMoreDescriptors.h"
 
 #include <poll.h>
@@ -23,6 +24,8 @@ std::atomic<unsigned> polls{0};
 std::atomic<bool> sleepsLong{false};
 std::atomic<int> longSleepers{0};
 std::atomic<bool> inputNeverPauses{false};
+thread_local short heldEvents = 0;
+thread_local const std::atomic<bool>* heldUntil = nullptr;
 
 /// While it lives, a delivery thread that wants to sleep for a second or less sleeps until something happens.
 struct LongSleep {
@@ -34,8 +37,8 @@ struct LongSleep {
 
 } // namespace
 
-// In the place of the C library's, to count how often a delivery thread wakes up, to let it sleep, and for
-// input that is always there already when the end of a connection waits for it.
+// In the place of the C library's, to count how often a delivery thread wakes up, to let it sleep, to hold up the end
+// of a connection, and for input that is always there already when such an end waits for it.
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized" // the C library declares that poll only writes the descriptors
@@ -46,6 +49,8 @@ extern "C" int poll(pollfd* descriptors, nfds_t count, int limit) {
         descriptors->revents = POLLIN;
         return 1;
     }
+    if (heldUntil && count == 1 && descriptors->events == heldEvents)
+        OrvTest::WaitUntil([] { return heldUntil->load(); });
     if (count != 2)
         return ppoll(descriptors, count, limit < 0 ? nullptr : &time, nullptr);
     ++polls;
@@ -61,6 +66,11 @@ extern "C" int poll(pollfd* descriptors, nfds_t count, int limit) {
 #endif
 
 namespace OrvTest {
+
+void HoldPollsOfThisThread(short events, const std::atomic<bool>& until) {
+    heldEvents = events;
+    heldUntil = &until;
+}
 
 using Session = FakeBrokerServer::Session;
 
@@ -80,6 +90,14 @@ protected:
     }
 
     void Drop() { EXPECT_EQ(client.PublishMessage("hang up", "", false), 0); }
+
+    /// @return how long it takes until this many sessions have begun in all
+    std::chrono::milliseconds DropAndAwait(std::size_t count) {
+        return TimeOf([&] {
+            Drop();
+            EXPECT_TRUE(WaitUntil([&] { return sessions >= count; }));
+        });
+    }
 
     bool IsConnectedFor(int connects) {
         return WaitUntil([&] { return client.Connects() == connects; }, 40s);
@@ -127,7 +145,7 @@ TEST_F(ALostConnection, IsTwoLinesInTheLogHoweverItEnds) {
     EXPECT_EQ(
         LoggedAt("warning", "lost the connection to " + place + ": the broker closed the connection; reconnecting\""),
         1U);
-    EXPECT_EQ(LoggedAt("info", "connected again to " + place + " after 0."), 1U);
+    EXPECT_EQ(LoggedAt("info", "connected again to " + place + " after "), 1U);
     EXPECT_EQ(Logged(" s; 1 subscriptions and 1 announcements made again\""), 1U);
     EXPECT_EQ(Log().size(), 3U);
 }
@@ -150,9 +168,8 @@ protected:
 };
 
 TEST_F(ARefusalAfterALoss, IsReportedOnceInEachOutageAndNoOtherFailureIs) {
-    Drop();
     // Pauses of 0.25, 0.5 and 1 s, a quarter less at most.
-    EXPECT_GE(TimeOf([&] { EXPECT_TRUE(WaitUntil([&] { return server.Connections() == 4; })); }), 1300ms);
+    EXPECT_GE(DropAndAwait(4), 1300ms);
     ASSERT_TRUE(IsConnectedFor(3));
     const std::string attempt = "cannot reconnect to " + place + ": ";
     EXPECT_EQ(LoggedAt("warning", attempt + "refused by the broker: not authorised; set [broker] username"), 2U);
@@ -169,9 +186,12 @@ protected:
 };
 
 TEST_F(AProtocolFault, OverAndOverIsNoOtherClientAndDoesNotLengthenThePauses) {
-    Drop();
-    // Nine pauses of 0.25 s at most.
-    EXPECT_LT(TimeOf([&] { EXPECT_TRUE(WaitUntil([&] { return sessions == 10; })); }), 7s);
+    DropAndAwait(6);
+    auto shortest = TimeOf([&] { EXPECT_TRUE(WaitUntil([&] { return sessions >= 7; })); });
+    for (const std::size_t session : {8U, 9U, 10U})
+        shortest = std::min(shortest, TimeOf([&] { EXPECT_TRUE(WaitUntil([&] { return sessions >= session; })); }));
+    // A pause is 0.25 s at most. One that had grown would be 1.5 s by now.
+    EXPECT_LT(shortest, 1400ms);
     EXPECT_TRUE(WaitUntil([&] { return LoggedAt("warning", "lost the connection") == 9; }));
     EXPECT_EQ(Logged("the peer does not speak MQTT, is it a broker?"), 8U);
     EXPECT_EQ(Logged("another client uses the same id"), 0U);
@@ -201,9 +221,8 @@ protected:
 };
 
 TEST_F(AnotherClientWithTheSameId, IsReportedOnceEachTimeItComesAndThePausesGrow) {
-    Drop();
     // Three pauses of 0.25 s, one of 0.5 and one of 1 s, a quarter less at most.
-    EXPECT_GE(TimeOf([&] { EXPECT_TRUE(WaitUntil([&] { return sessions == 6; })); }), 1650ms);
+    EXPECT_GE(DropAndAwait(6), 1650ms);
     ASSERT_TRUE(WaitUntil([&] { return sessions == 9; }));
     EXPECT_TRUE(WaitUntil([&] { return Logged("connected again") == 7; }));
     EXPECT_EQ(LoggedAt("error", "the broker keeps throwing this client off: another client uses the same id; "), 2U);
@@ -376,7 +395,7 @@ protected:
 
 TEST_F(AnIdleThreadBetweenAttempts, Sleeps) {
     Drop();
-    ASSERT_TRUE(WaitUntil([&] { return sessions == 3; })); // a pause of 0.75 s at least follows
+    ASSERT_TRUE(WaitUntil([&] { return sessions >= 3; })); // a pause of 0.75 s at least follows
     EXPECT_LE(WakeUps(), 12U);
 }
 

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The ends of connections to a broker that is behind: what has been published still arrives, within the bounds.
 #include "BrokerFixture.h"
+#include "HeldPolls.h"
+
+#include <poll.h>
 
 #include <atomic>
 #include <future>
@@ -59,7 +62,10 @@ TEST_F(AClientWithAFullSocket, GetsAllOfItOutBeforeItDisconnects) {
 }
 
 TEST_F(AClientWithAFullSocket, IsNotDisturbedByItsFormerConnectionWhenItConnectsAnew) {
-    auto second = std::async(std::launch::async, [this] { return client->Connect(); });
+    auto second = std::async(std::launch::async, [this] {
+        HoldPollsOfThisThread(POLLOUT, reading);
+        return client->Connect();
+    });
     ASSERT_TRUE(WaitUntil([&] { return client->PublishMessage("probe", "", false) == QueueOwner::NOT_CONNECTED; }));
     server.Behave(FakeBrokerServer::Accept);
     Release();
@@ -70,7 +76,8 @@ TEST_F(AClientWithAFullSocket, IsNotDisturbedByItsFormerConnectionWhenItConnects
     EXPECT_EQ(Logged("lost the connection"), 0U);
 }
 
-/// A client in a second Connect that is held up: the broker takes the good-bye and does not close the connection.
+/// A client that has a second Connect before it, which is held up: the broker takes the good-bye and does not close the
+/// connection.
 class ASecondConnectUnderWay : public BrokerTest {
 protected:
     ASecondConnectUnderWay() : BrokerTest(0) {
@@ -78,8 +85,20 @@ protected:
         client = std::make_unique<TestClient>();
         EXPECT_TRUE(client->Connect());
         server.Behave(FakeBrokerServer::Accept);
-        second = std::async(std::launch::async, [this] { return client->Connect("will", "of the second", false); });
+    }
+
+    /// Returns while it is under way.
+    void BeginSecond() {
+        second = std::async(std::launch::async, [this] {
+            HoldPollsOfThisThread(POLLIN, overtaken);
+            return client->Connect("will", "of the second", false);
+        });
         EXPECT_TRUE(WaitUntil([this] { return server.Count(MqttPacket::Type::DISCONNECT) == 1; }));
+    }
+
+    bool ResultOfSecond() {
+        overtaken = true;
+        return second.get();
     }
 
     FakeBrokerServer server{[](FakeBrokerServer::Session& session) {
@@ -89,25 +108,28 @@ protected:
         session.Freeze();
     }};
     std::unique_ptr<TestClient> client;
+    std::atomic<bool> overtaken{false};
     std::future<bool> second;
 };
 
 TEST_F(ASecondConnectUnderWay, LeavesTheLastWordToAThird) {
+    BeginSecond();
     EXPECT_TRUE(client->Connect("will", "of the third", false));
-    EXPECT_FALSE(second.get());
+    EXPECT_FALSE(ResultOfSecond());
     EXPECT_EQ(client->PublishMessage("topic", "payload", true), 0);
     EXPECT_EQ(server.Connections(), 2);
 }
 
 TEST_F(ASecondConnectUnderWay, LeavesTheLastWordToADisconnect) {
+    BeginSecond();
     EXPECT_FALSE(client->Disconnect()) << "there was no connection any more";
-    EXPECT_FALSE(second.get());
+    EXPECT_FALSE(ResultOfSecond());
     EXPECT_EQ(client->PublishMessage("topic", "payload", true), QUILMQTT::QueueOwner::NOT_CONNECTED);
     EXPECT_EQ(server.Connections(), 1);
 }
 
 TEST_F(ASecondConnectUnderWay, IsNotHeldUpForLongerThanAnyOther) {
-    EXPECT_TRUE(second.get());
+    EXPECT_TRUE(client->Connect("will", "of the second", false));
     EXPECT_EQ(DecodeConnect(server.Packets().back()).will->payload, "of the second");
 }
 
