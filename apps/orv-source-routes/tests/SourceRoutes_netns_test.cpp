@@ -80,7 +80,10 @@ TEST_F(ANetworkWithTwoWanInterfaces, KeepsTheRouteOfTheInterfaceThatLosesTheDefa
     Program program;
     ASSERT_TRUE(Eventually([&] { return OwnEntries() == 6; }));
     ASSERT_TRUE(Ip("route del default") && Ip("route add default via 10.12.0.1"));
-    EXPECT_TRUE(EventuallyVia("10.11.0.1", "eth0"));
+    // Rules are added last: once this one is back, the lost default has been dealt with too.
+    ASSERT_TRUE(Ip("rule del pref 1012"));
+    ASSERT_TRUE(Eventually([] { return Ip("rule show | grep -q ^1012:"); }));
+    EXPECT_TRUE(GoesVia("10.11.0.1", "eth0"));
 }
 
 TEST_F(ANetworkWithTwoWanInterfaces, GivesAnInterfaceThatComesLaterItsRoute) {
