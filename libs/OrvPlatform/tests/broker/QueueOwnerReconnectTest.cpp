@@ -369,13 +369,15 @@ TEST_F(TwoClientsWithOneId, LiveSideBySideInOneProcessWithANumberedSuffix) {
     EXPECT_EQ(Logged(process + "-2: connected to"), 1U);
 }
 
-// The will of the broken connection is spoken when the broker takes the session over, before it accepts the new one.
-TEST_F(AFrozenBroker, ThatStillHoldsTheOldConnectionEndsUpWithTheRightAvailability) {
+class AClientWhoseSessionIsTakenOver : public RealBrokerTest {};
+
+// Its will is spoken when the broker gives the session to the other one.
+TEST_F(AClientWhoseSessionIsTakenOver, EndsUpWithTheRightAvailability) {
     TestClient client;
     ASSERT_TRUE(client.Connect("available", "false", true));
     ASSERT_EQ(client.PublishRetainedMessage("available", "true", false), 0);
     ASSERT_TRUE(IsUpToDate(client));
-    // Another client takes the session over and goes: the client's will is spoken, the client comes back.
+    // The other one goes when the client comes back.
     MqttConnect same;
     same.clientId = "client";
     RawClient thief(broker.Port(), same);

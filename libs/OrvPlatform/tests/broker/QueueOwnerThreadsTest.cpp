@@ -82,11 +82,26 @@ TEST_F(ACallback, MayDisconnectAndConnectAgain) {
 }
 
 TEST_F(ACallback, MayStopDelivery) {
-    RunInCallback([](TestClient& client) {
+    BrokerSettings().maxOutstandingBytes = 1024;
+    std::atomic<bool> stopped{false};
+    TestClient client;
+    client.onMessage = [&](const std::string& topic, const std::string&) {
+        if (topic != "go")
+            return;
         client.StopDelivery();
-        client.Subscribe("more", 1);
-        client.PublishMessage("more", "x", true);
-    });
+        EXPECT_TRUE(client.Subscribe("more", 1));
+        EXPECT_EQ(client.PublishMessage("more", "x", true), 0);
+        stopped = true;
+    };
+    ASSERT_TRUE(client.Connect());
+    ASSERT_TRUE(client.Subscribe("go", 1));
+    ASSERT_EQ(client.PublishMessage("go", "", true), 0);
+    ASSERT_TRUE(WaitUntil([&] { return stopped.load(); }));
+    // There is room for one: the acknowledgement of the one before has been read then, and what came before that.
+    for (int number = 0; number < 3; ++number)
+        EXPECT_TRUE(WaitUntil([&] { return client.PublishMessage("fence", std::string(800, 'x'), true) == 0; }));
+    EXPECT_TRUE(client.Disconnect());
+    EXPECT_FALSE(client.HasReceived("more", "x"));
 }
 
 TEST_F(ACallback, MayDeleteTheClient) {
