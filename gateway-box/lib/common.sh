@@ -90,6 +90,7 @@ start() {
     shift
     setsid "$@" >>"$state/log/$process" 2>&1 </dev/null &
     echo "$! $(started_at $!)" >"$state/pid/$process"
+    disown # bash need not tell how it ended
 }
 
 # end NAME [SIGNAL]

@@ -28,6 +28,14 @@ report_log() {
     cat "$state/log/$1"
 }
 
+# The end of each log that says something: the folder goes away with the box.
+show_logs() {
+    local log
+    for log in "$state"/log/*; do
+        [ ! -s "$log" ] || tail -n 10 "$log" | sed "s/^/box: ${log##*/}: /" >&2
+    done
+}
+
 leads_over() { [[ "$(ip -n "$gateway_ns" route show default)" == *" dev $1"* ]]; }
 
 wait_route() {
