@@ -37,6 +37,8 @@ check_machine() {
     case $(realpath -m "$state")/ in
         /etc/* | /var/* | /run/*) die "ORV_BOX_DIR=$state: the gateway has its own /etc, /var and /run; choose a folder elsewhere" ;;
     esac
+    # 108 characters and no more is what the kernel takes for a socket.
+    [ ${#bus_socket} -le 107 ] || die "ORV_BOX_DIR=$state is $((${#bus_socket} - 107)) characters too long: choose a shorter path"
     unshare --net --mount --uts true 2>/dev/null ||
         die "this machine does not let us make namespaces (a container? start it with --privileged)"
     local tool package
