@@ -111,10 +111,10 @@ not() { ! "$@"; }
 
 # wait_for SECONDS COMMAND...: until the command succeeds.
 wait_for() {
-    local turns=$(($1 * 50))
+    local end=$((${EPOCHREALTIME/[.,]/} + $1 * 1000000))
     shift
     while ! "$@" >/dev/null 2>&1; do
-        [ $((turns--)) -gt 0 ] || return 1
+        [ "${EPOCHREALTIME/[.,]/}" -lt $end ] || return 1
         sleep 0.02
     done
 }

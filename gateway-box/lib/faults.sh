@@ -70,10 +70,15 @@ has_carrier() { ip -n "$gateway_ns" -o link show dev "$1" | grep -q LOWER_UP; }
 
 fault_cellular() {
     case ${1-} in
-        out) bus_call org.ofono /modem box.Control.Bearer boolean:false >/dev/null ;;
-        in) bus_call org.ofono /modem box.Control.Bearer boolean:true >/dev/null ;;
+        out) set_bearer false ;;
+        in) set_bearer true ;;
         *) bad_fault cellular "cellular out|in" ;;
     esac
+}
+
+set_bearer() {
+    bus_call org.ofono /modem box.Control.Bearer "boolean:$1" >/dev/null ||
+        die "the modem does not answer on the bus: thaw a frozen bus first ($0 bus thaw), or see $state/log/modem"
 }
 
 fault_cloud() {

@@ -103,13 +103,16 @@ start_modem() {
     ip -n "$gateway_ns" link set dev wwan0 up
     start modem "$0" exec /usr/bin/python3 -u "$here/modem.py" \
         wwan0 "$cell_net.50" 255.255.255.0 "$cell_net.1" "$cell_names"
-    wait_for 10 bus_call org.freedesktop.DBus / org.freedesktop.DBus.GetNameOwner string:org.ofono ||
+    if ! wait_for 10 on_bus_or_ended modem org.ofono || ! alive modem; then
         die "the modem manager does not start, see $state/log/modem"
+    fi
 }
 
 start_connman() {
     start connman "$0" exec "${connmand:-$(find_daemon connmand)}" \
         --nodaemon --config=/etc/orv/connman.conf --nodnsproxy
+    wait_for 10 on_bus_or_ended connman net.connman || die "ConnMan does not come onto the bus, see $state/log/connman"
+    alive connman || die "ConnMan has ended at once, see $state/log/connman"
 }
 
 start_routes() {
@@ -132,6 +135,11 @@ routes_program() {
 
 bus_call() {
     DBUS_SYSTEM_BUS_ADDRESS=unix:path=$bus_socket timeout 5 dbus-send --system --print-reply=literal --dest="$1" "${@:2}"
+}
+
+# on_bus_or_ended PROCESS NAME
+on_bus_or_ended() {
+    bus_call org.freedesktop.DBus / org.freedesktop.DBus.GetNameOwner "string:$2" || ! alive "$1"
 }
 
 # A cellular service connects by itself only after a first connection.
