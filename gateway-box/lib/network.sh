@@ -10,12 +10,30 @@ check_networks() {
     done
 }
 
+# The first namespace leaves /run/netns mounted on itself. A box that finds it otherwise notes so; the last one unmounts it.
+netns_note=/run/orv-box-netns
+
+add_namespaces() (
+    local ns
+    flock -w 30 9 || die "another box is coming up or going down for 30 s"
+    mountpoint -q /run/netns || { [ -d /run/netns ] && echo found || echo made; } >"$netns_note"
+    for ns in "$gateway_ns" "$eth_ns" "$cell_ns" "$cloud_ns"; do ip netns add "$ns"; done
+) 9</run
+
+remove_namespaces() (
+    local ns
+    flock -w 30 9 || say "another box is coming up or going down for 30 s"
+    for ns in "$gateway_ns" "$eth_ns" "$cell_ns" "$cloud_ns"; do ip netns del "$ns" 2>/dev/null || true; done
+    if [ ! -e "$netns_note" ] || [ -n "$(ls -A /run/netns 2>/dev/null)" ]; then exit 0; fi
+    while mountpoint -q /run/netns; do umount -n /run/netns || exit 0; done
+    [ "$(cat "$netns_note")" = found ] || rmdir /run/netns
+    rm "$netns_note"
+) 9</run
+
 make_networks() {
     local ns
-    for ns in "$gateway_ns" "$eth_ns" "$cell_ns" "$cloud_ns"; do
-        ip netns add "$ns"
-        ip -n "$ns" link set lo up
-    done
+    add_namespaces
+    for ns in "$gateway_ns" "$eth_ns" "$cell_ns" "$cloud_ns"; do ip -n "$ns" link set lo up; done
     make_cable "$gateway_ns" eth0 "$eth_ns" lan 02:00:00:00:0a:01
     make_cable "$gateway_ns" wwan0 "$cell_ns" lan 02:00:00:00:0b:01
     make_cable "$eth_ns" up "$cloud_ns" eth
@@ -25,11 +43,6 @@ make_networks() {
     join_cloud cell 10.99.2 "$cell_net"
     make_provider "$eth_ns" "$eth_net" 10.99.1 "$eth_names"
     make_provider "$cell_ns" "$cell_net" 10.99.2 "$cell_names"
-}
-
-remove_networks() {
-    local ns
-    for ns in "$gateway_ns" "$eth_ns" "$cell_ns" "$cloud_ns"; do ip netns del "$ns" 2>/dev/null || true; done
 }
 
 # make_cable NS INTERFACE NS INTERFACE [MAC of the first]
