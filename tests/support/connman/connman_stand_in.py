@@ -3,7 +3,9 @@
 
 import os
 import subprocess
+import threading
 
+PATIENCE = 10  # seconds for each of the two to start
 HERE = os.path.dirname(os.path.abspath(__file__))
 
 
@@ -43,9 +45,12 @@ class ConnmanStandIn:
 
     @staticmethod
     def hear(process, expected, what):
+        watchdog = threading.Timer(PATIENCE, process.kill)
+        watchdog.start()
         said = process.stdout.readline()
+        watchdog.cancel()
         if not said.startswith(expected):
-            raise StandInError(f"cannot start {what}; script/bootstrap installs what is missing")
+            raise StandInError(f"cannot start {what} within {PATIENCE} s; script/bootstrap installs what is missing")
 
     def close(self):
         for process in reversed(self.processes):
