@@ -2,6 +2,7 @@
 """A broker, a fake connection manager, an observer that is none of ours, and any number of applications (orv-shell
 processes) beside each other."""
 
+import contextlib
 import os
 import re
 import signal
@@ -37,35 +38,45 @@ def until(condition, what, patience=PATIENCE):
         time.sleep(0.02)
 
 
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
 class Broker:
     def __init__(self, folder):
-        with socket.socket() as probe:
-            probe.bind(("127.0.0.1", 0))
-            self.port = probe.getsockname()[1]
         self.config = Path(folder) / "mosquitto.conf"
-        self.config.write_text(f"listener {self.port} 127.0.0.1\nallow_anonymous true\nset_tcp_nodelay true\n")
-        self.log = open(Path(folder) / "mosquitto.log", "ab")
+        self.log = Path(folder) / "mosquitto.log"
         self.process = None
-        self.start()
+        for _ in range(5):  # another program may take the port between the choice and the start
+            self.port = free_port()
+            self.config.write_text(f"listener {self.port} 127.0.0.1\nallow_anonymous true\nset_tcp_nodelay true\n")
+            if self.try_to_start():
+                return
+        raise AssertionError(f"the broker does not start: {self.log.read_text()}")
 
-    def answers(self):
-        with socket.socket() as probe:
-            return probe.connect_ex(("127.0.0.1", self.port)) == 0
+    def try_to_start(self):
+        """Whether it runs: it says so when it listens, where a connection could be to somebody else."""
+        command = [str(TOOLS / "usr/sbin/mosquitto"), "-c", str(self.config)]
+        with open(self.log, "wb") as log:
+            self.process = subprocess.Popen(command, stdout=log, stderr=log)
+        try:
+            until(lambda: self.process.poll() is not None or " running\n" in self.log.read_text(),
+                  "the broker to listen")
+        except BaseException:
+            self.stop()
+            raise
+        return self.process.poll() is None
 
     def start(self):
-        command = [str(TOOLS / "usr/sbin/mosquitto"), "-c", str(self.config)]
-        self.process = subprocess.Popen(command, stdout=self.log, stderr=self.log)
-        until(self.answers, "the broker")
+        assert self.try_to_start(), f"the broker does not start again: {self.log.read_text()}"
 
     def stop(self):
         if self.process:
             self.process.terminate()
             self.process.wait()
             self.process = None
-
-    def close(self):
-        self.stop()
-        self.log.close()
 
 
 class Observer:
@@ -84,7 +95,9 @@ class Observer:
         self.client.reconnect_delay_set(1, 1)
         self.client.connect("127.0.0.1", port, keepalive=5)
         self.client.loop_start()
-        assert self.subscribed.wait(PATIENCE)
+        if not self.subscribed.wait(PATIENCE):
+            self.close()
+            raise AssertionError("the broker has not taken the observer's subscription")
 
     def note(self, _client, _data, message):
         with self.lock:
@@ -175,25 +188,26 @@ class Fleet:
     """So many applications on one broker, each ready."""
 
     def __init__(self, count, suffix=lambda number: f"-{number}"):
-        self.folder = tempfile.TemporaryDirectory(prefix="orv-fleet-")
-        self.broker = Broker(self.folder.name)
-        self.connman = ConnmanStandIn(Path(self.folder.name) / "bus", "eth0:ready wwan0:ready")
-        self.observer = Observer(self.broker.port)
-        self.rounds = 0
-        self.applications = [
-            Application(self.folder.name, self.broker.port, self.connman.address, f"feature{number}", suffix(number))
-            for number in range(count)
-        ]
-        for application in self.applications:
-            application.launch()
+        with contextlib.ExitStack() as parts:
+            folder = parts.enter_context(tempfile.TemporaryDirectory(prefix="orv-fleet-"))
+            self.broker = Broker(folder)
+            parts.callback(self.broker.stop)
+            self.connman = ConnmanStandIn(Path(folder) / "bus", "eth0:ready wwan0:ready")
+            parts.callback(self.connman.close)
+            self.observer = Observer(self.broker.port)
+            parts.callback(self.observer.close)
+            self.rounds = 0
+            self.applications = []
+            for number in range(count):
+                self.applications.append(
+                    Application(folder, self.broker.port, self.connman.address, f"feature{number}", suffix(number)))
+                parts.callback(self.applications[-1].close)
+            for application in self.applications:
+                application.launch()
+            self.parts = parts.pop_all()
 
     def close(self):
-        for application in self.applications:
-            application.close()
-        self.observer.close()
-        self.connman.close()
-        self.broker.close()
-        self.folder.cleanup()
+        self.parts.close()
 
     def alive(self):
         return [application for application in self.applications if application.process.poll() is None]
