@@ -103,11 +103,6 @@ def wait_until(condition, seconds, what):
         time.sleep(0.02)
 
 
-def answers(port):
-    with socket.socket() as probe:
-        return probe.connect_ex(("127.0.0.1", port)) == 0
-
-
 def free_port():
     with socket.socket() as probe:
         probe.bind(("127.0.0.1", 0))
@@ -139,6 +134,10 @@ class Demo:
     def file(self, name):
         return os.path.join(self.folder, name)
 
+    def read(self, name):
+        with open(self.file(name), encoding="utf-8") as file:
+            return file.read()
+
     def start_broker(self):
         path = self.file("mosquitto.conf")
         for _ in range(5):  # another program may take the port between the choice and the start
@@ -147,12 +146,13 @@ class Demo:
                 file.write(f"listener {port} 127.0.0.1\nallow_anonymous true\nset_tcp_nodelay true\nuser root\n")
             with open(self.file("mosquitto.log"), "wb") as log:
                 broker = self.start([self.mosquitto, "-c", path], stdout=log, stderr=log)
-            wait_until(lambda: broker.poll() is not None or answers(port), 5, "the broker did not answer")
+            # It says so when it listens; on the port somebody else could answer.
+            wait_until(lambda: broker.poll() is not None or " running\n" in self.read("mosquitto.log"), 5,
+                       "the broker did not start")
             if broker.poll() is None:
                 self.transcript.line("demo", f"private broker on 127.0.0.1:{port}")
                 return port
-        with open(self.file("mosquitto.log"), encoding="utf-8") as log:
-            raise DemoError("the broker does not start:\n" + log.read())
+        raise DemoError("the broker does not start:\n" + self.read("mosquitto.log"))
 
     def record(self, port):
         command = ["mosquitto_sub", "-h", "127.0.0.1", "-p", str(port), "-V", "mqttv5", "--retain-as-published", "-q", "1",
