@@ -124,6 +124,17 @@ TEST_F(ALogFile, AloneIsEmptiedWhenFull) {
     EXPECT_FALSE(std::filesystem::exists(path + ".1"));
 }
 
+TEST_F(ALogFile, TakesOneDescriptorHoweverOftenItIsFull) {
+    const auto descriptors = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+    const auto before = descriptors();
+    auto log = Open(200, 3);
+    for (int i = 0; i < 50; ++i)
+        Say(*log, std::to_string(i));
+    EXPECT_EQ(descriptors(), before + 1);
+    log.reset();
+    EXPECT_EQ(descriptors(), before);
+}
+
 TEST_F(ALogFile, IsNotInheritedByStartedPrograms) {
     const auto log = Open(100000, 3);
     Say(*log, "text");
