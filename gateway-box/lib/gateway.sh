@@ -104,7 +104,7 @@ start_modem() {
     start modem "$0" exec /usr/bin/python3 -u "$here/modem.py" \
         wwan0 "$cell_net.50" 255.255.255.0 "$cell_net.1" "$cell_names"
     if ! wait_for 10 on_bus_or_ended modem org.ofono || ! alive modem; then
-        die "the modem manager does not start, see $state/log/modem"
+        die "the modem manager does not come onto the bus: thaw a frozen bus first ($0 bus thaw), or see $state/log/modem"
     fi
 }
 
