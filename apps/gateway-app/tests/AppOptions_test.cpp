@@ -31,13 +31,17 @@ TEST(OptionsWithoutArguments, AreTheDefaults) {
     EXPECT_EQ(options.refresh, 30s);
 }
 
+void ExpectDefaults(const AppOptions& options) {
+    const AppOptions defaults = ReadOptions({});
+    EXPECT_EQ(options.name, defaults.name);
+    EXPECT_EQ(options.cloud, defaults.cloud);
+    EXPECT_EQ(options.tick, defaults.tick);
+    EXPECT_EQ(options.refresh, defaults.refresh);
+}
+
 TEST(TheShippedFile, HasTheDefaults) {
     const AppOptions shipped = ReadOptions({"--config", ORV_SHIPPED_OPTIONS});
-    const AppOptions defaults = ReadOptions({});
-    EXPECT_EQ(shipped.name, defaults.name);
-    EXPECT_EQ(shipped.cloud, defaults.cloud);
-    EXPECT_EQ(shipped.tick, defaults.tick);
-    EXPECT_EQ(shipped.refresh, defaults.refresh);
+    ExpectDefaults(shipped);
 }
 
 TEST(TheShippedFile, ShowsEachDefaultAsALineToTakeTheMarkAwayFrom) {
@@ -56,11 +60,7 @@ TEST(TheShippedFile, ShowsEachDefaultAsALineToTakeTheMarkAwayFrom) {
     out.close();
     EXPECT_EQ(options, 7);
     const AppOptions shown = ReadOptions({"--config", uncommented});
-    const AppOptions defaults = ReadOptions({});
-    EXPECT_EQ(shown.name, defaults.name);
-    EXPECT_EQ(shown.cloud, defaults.cloud);
-    EXPECT_EQ(shown.tick, defaults.tick);
-    EXPECT_EQ(shown.refresh, defaults.refresh);
+    ExpectDefaults(shown);
     std::remove(uncommented.c_str());
 }
 
