@@ -144,6 +144,8 @@ void Application::Started() {
     for (const OrvEvent event : network.Wan().State())
         Report(event);
     Report(CloudState());
+    if (failed)
+        Report(OrvEvent::FAILURE);
     client->AppStatusRequest(AppStatus::READY);
     SetTimers();
     logger.Info() << options.name << " is ready";
@@ -203,9 +205,10 @@ void Application::OnSignal() {
         } else if (number == SIGUSR1) {
             // Stands for the product's own self-test.
             logger.Error() << "a failure was reported by SIGUSR1";
-            Report(OrvEvent::FAILURE);
             failed = true;
-            SetTimers();
+            Report(OrvEvent::FAILURE);
+            if (started)
+                SetTimers();
         } else {
             logger.Info() << "ending on " << (number == SIGINT ? "SIGINT" : "SIGTERM");
             loop.Leave();

@@ -188,6 +188,17 @@ TEST_F(AGatewayWithACloud, WaitsForItsOwnBroker) {
     EXPECT_TRUE(EventuallyHas("\"event\":\"CLOUD_CONNECTED\",\"reported\":true"));
 }
 
+TEST_F(AGatewayWithACloud, ReportsAFailureOfTheTimeWithoutItsOwnBroker) {
+    gatewayBroker->Kill();
+    StartApp();
+    ASSERT_TRUE(EventuallyHas("\"what\":\"broker_unreachable\""));
+    kill(app->Pid(), SIGUSR1);
+    ASSERT_TRUE(EventuallyHas("\"event\":\"FAILURE\",\"reported\":false"));
+    gatewayBroker->Start();
+    EXPECT_TRUE(EventuallyHas("\"event\":\"FAILURE\",\"reported\":true"));
+    EXPECT_EQ(app->End(SIGTERM), 0);
+}
+
 TEST_F(AGatewayWithACloud, SaysAgainWhatItsOwnBrokerHasMissed) {
     StartConnectedApp();
     const auto led = [this] {
