@@ -87,8 +87,8 @@ public:
     int PublishRetainedMessage(const std::string& topic, const std::string& payload, bool assured);
 
     /// Says good-bye (the last will stays silent) and closes the connection, within 1 s also when the broker is mute.
-    /// What was published before is sent first. No callback is begun after it has returned; one that
-    /// is under way on the delivery thread is not waited for, unlike by StopDelivery.
+    /// What was published before is sent first. No callback is begun after it has returned; one that is under
+    /// way on the delivery thread is not waited for, unlike by StopDelivery.
     /// @return true when there was a connection to close.
     bool Disconnect();
 

@@ -30,8 +30,7 @@ public:
     /// Sets the name servers of the interface's service. Empty strings are left out; two empty strings give the servers
     /// back to what the network offers. Returns at once, of several requests for one interface the latest counts.
     /// @return false when it is plain already that the request cannot be carried out now: it is kept and carried out
-    /// when
-    ///         it can be, unless the name is empty or a server is no address; true otherwise.
+    ///         when it can be, unless the name is empty or a server is no address; true otherwise.
     bool SetDnsConfiguration(const std::string& interfaceName, const std::string& first, const std::string& second);
 
     ConnmanCommands(const ConnmanCommands&) = delete;
