@@ -369,10 +369,10 @@ TEST_F(AGateway, SaysOnceThatThereIsNoBus) {
 TEST_F(AGateway, StartsNoThreadBeforeItIsAsked) {
     const std::size_t threads = ProcessFigures::Now().threads;
     ConnmanLink other(bus.Address(), FAST);
-    EXPECT_EQ(ProcessFigures::Now().threads, threads);
+    EXPECT_LE(ProcessFigures::Now().threads, threads); // one that was joined before may be seen a moment longer
     other.Stop();
     link.Stop();
-    EXPECT_EQ(ProcessFigures::Now().threads, threads);
+    EXPECT_LE(ProcessFigures::Now().threads, threads);
     EXPECT_EQ(Logged("message bus"), 0U);
 }
 
