@@ -6,6 +6,8 @@ As much of the modem manager's D-Bus interface (org.ofono) as ConnMan needs to s
 connection runs over INTERFACE, so that ConnMan has a service of its genuine type "cellular". The bearer is switched with
 
   dbus-send --system --dest=org.ofono /modem box.Control.Bearer boolean:false
+
+and another address is given to the next data connection with box.Control.Address string:ADDRESS.
 """
 import sys
 
@@ -51,11 +53,12 @@ class Context(dbus.service.Object):
         super().__init__(bus, CONTEXT_PATH)
         self.active = False
         self.available = True
+        self.address = ADDRESS
 
     def settings(self):
         if not self.active:
             return dictionary({})
-        return dictionary({"Interface": INTERFACE, "Method": "static", "Address": ADDRESS, "Netmask": NETMASK,
+        return dictionary({"Interface": INTERFACE, "Method": "static", "Address": self.address, "Netmask": NETMASK,
                            "Gateway": ROUTER, "DomainNameServers": texts(NAME_SERVER)})
 
     def set_active(self, active):
@@ -113,6 +116,10 @@ class Modem(dbus.service.Object):
         if not there:
             self.context.set_active(False)
         self.tell(CONNECTIONS, "Attached", dbus.Boolean(there))
+
+    @dbus.service.method("box.Control", in_signature="s")
+    def Address(self, address):
+        self.context.address = address
 
     def switch(self, name, value):
         self.tell(MODEM, name, value)

@@ -7,8 +7,9 @@ make_certificates() {
     mkdir -p "$tls"
     make_ca "$tls/ca" "Gateway box CA"
     make_ca "$tls/other-ca" "A CA that the gateway does not know"
-    make_certificate "$tls/ca" "$tls/server"
-    make_certificate "$tls/other-ca" "$tls/wrong"
+    make_certificate "$tls/ca" "$tls/server" "$cloud_name" "$cloud_address"
+    make_certificate "$tls/other-ca" "$tls/wrong" "$cloud_name" "$cloud_address"
+    make_certificate "$tls/other-ca" "$tls/portal" "$portal_name" "$eth_net.1"
 }
 
 make_ca() {
@@ -16,11 +17,12 @@ make_ca() {
         -keyout "$1.key" -out "$1.pem" 2>>"$state/log/openssl"
 }
 
+# make_certificate AUTHORITY CERTIFICATE NAME ADDRESS
 make_certificate() {
-    openssl req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj "/CN=$cloud_name" \
+    openssl req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj "/CN=$3" \
         -keyout "$2.key" -out "$2.csr" 2>>"$state/log/openssl"
     openssl x509 -req -in "$2.csr" -CA "$1.pem" -CAkey "$1.key" -CAcreateserial -days 30 \
-        -extfile <(echo "subjectAltName=DNS:$cloud_name,IP:$cloud_address") -out "$2.pem" 2>>"$state/log/openssl"
+        -extfile <(echo "subjectAltName=DNS:$3,IP:$4") -out "$2.pem" 2>>"$state/log/openssl"
 }
 
 start_cloud() {

@@ -13,6 +13,7 @@ cell_ns=$name-cell
 cloud_ns=$name-cloud
 
 cloud_name=cloud.box.test
+portal_name=portal.box.test
 cloud_address=198.51.100.10 # TEST-NET-2
 eth_net=10.11.0             # between gateway and Ethernet provider
 cell_net=10.12.0            # between gateway and cellular provider
@@ -46,6 +47,7 @@ check_machine() {
         command -v "$tool" >/dev/null || die "$tool is missing: run $repo/script/bootstrap box (package $package)"
     done <<'REMEDIES'
 ip iproute2
+tc iproute2
 nft nftables
 ethtool ethtool
 dnsmasq dnsmasq-base

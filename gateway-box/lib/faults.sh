@@ -4,50 +4,6 @@
 
 bad_fault() { die "$1: use $2"; }
 
-side_ns() {
-    case ${1-} in
-        eth) echo "$eth_ns" ;;
-        cell) echo "$cell_ns" ;;
-        *) die "which side? use eth or cell" ;;
-    esac
-}
-
-# filter NS NAME CHAIN...: puts a table of packet filters in place, instead of one of that name.
-filter() {
-    ip netns exec "$1" nft -f - <<E
-table inet $2
-delete table inet $2
-table inet $2 {
-$(printf '%s\n' "${@:3}")
-}
-E
-}
-
-unfilter() { ip netns exec "$1" nft delete table inet "$2" 2>/dev/null || true; }
-
-mute_names='chain input { type filter hook input priority 0; udp dport 53 drop; tcp dport 53 drop; }'
-
-# A dead provider: link and address stay, nothing is forwarded, its name server is mute.
-fault_provider() {
-    local ns
-    ns=$(side_ns "${1-}")
-    case ${2-} in
-        dead) filter "$ns" dead 'chain forward { type filter hook forward priority 0; policy drop; }' "$mute_names" ;;
-        back) unfilter "$ns" dead ;;
-        *) bad_fault provider "provider eth|cell dead|back" ;;
-    esac
-}
-
-fault_names() {
-    local ns
-    ns=$(side_ns "${1-}")
-    case ${2-} in
-        mute) filter "$ns" mute "$mute_names" ;;
-        back) unfilter "$ns" mute ;;
-        *) bad_fault names "names eth|cell mute|back" ;;
-    esac
-}
-
 # The kernel may tell of a carrier a second later.
 fault_cable() {
     case ${1-} in
@@ -72,13 +28,40 @@ fault_cellular() {
     case ${1-} in
         out) set_bearer false ;;
         in) set_bearer true ;;
-        *) bad_fault cellular "cellular out|in" ;;
+        gone) take_modem_away ;;
+        reset)
+            take_modem_away
+            bring_modem_back
+            ;;
+        *) bad_fault cellular "cellular out|in|gone|reset" ;;
     esac
 }
 
+# The interface is gone before anybody is told, as when a modem's firmware crashes. Its other end keeps what it is set to.
+take_modem_away() {
+    bus_call org.ofono /modem org.freedesktop.DBus.Peer.Ping >/dev/null || die "$modem_mute"
+    not has_modem || ip -n "$gateway_ns" link set dev wwan0 netns "$cell_ns"
+    set_bearer false
+}
+
+bring_modem_back() {
+    local last paused
+    last=$(cat "$state/cellular-address")
+    echo "$cell_net.$((50 + (${last##*.} - 49) % 50))" >"$state/cellular-address"
+    bus_call org.ofono /modem box.Control.Address "string:$(cat "$state/cellular-address")" >/dev/null || die "$modem_mute"
+    # ConnMan asks what an interface is as soon as it appears.
+    paused=$(pid_of connman) && [[ $(ps -o stat= -p "$paused") != T* ]] && kill -STOP "$paused" || paused=
+    ip -n "$cell_ns" link set dev wwan0 netns "$gateway_ns"
+    name_modem
+    ip -n "$gateway_ns" link set dev wwan0 up
+    [ -z "$paused" ] || kill -CONT "$paused"
+    set_bearer true
+}
+
+modem_mute="the modem does not answer on the bus: thaw a frozen bus first ($0 bus thaw), or see $state/log/modem"
+
 set_bearer() {
-    bus_call org.ofono /modem box.Control.Bearer "boolean:$1" >/dev/null ||
-        die "the modem does not answer on the bus: thaw a frozen bus first ($0 bus thaw), or see $state/log/modem"
+    bus_call org.ofono /modem box.Control.Bearer "boolean:$1" >/dev/null || die "$modem_mute"
 }
 
 fault_cloud() {
@@ -158,4 +141,17 @@ fault_clock() {
         [+-]*) printf '%s\n' "$1" ;;
         *) printf '+%s\n' "$1" ;;
     esac >"$state/gateway/run/clock-offset"
+}
+
+# Writes to the gateway's /var/tmp fail; what lies there can be read. An overlay keeps what a program does to the files
+# meanwhile, such as emptying one, and `ok` carries it over.
+fault_var_tmp() {
+    case ${1-} in
+        full | read-only)
+            fault_var_tmp ok
+            on_gateway "$here/lib/spoil-var-tmp" "$1" || die "this machine's kernel lacks tmpfs or overlay"
+            ;;
+        ok) on_gateway "$here/lib/spoil-var-tmp" ok ;;
+        *) bad_fault var-tmp "var-tmp full|read-only|ok" ;;
+    esac
 }

@@ -93,16 +93,24 @@ start_broker() {
 }
 
 # ConnMan takes an interface for a cellular one by the DEVTYPE in its uevent, and has its address from the modem manager.
-start_modem() {
+name_modem() {
     local uevent=$state/gateway/run/wwan0.uevent
-    if [ ! -e "$uevent" ]; then
-        printf 'DEVTYPE=wwan\nINTERFACE=wwan0\nIFINDEX=%s\n' \
-            "$(ip -n "$gateway_ns" -o link show wwan0 | cut -d: -f1)" >"$uevent"
-        on_gateway mount --bind /run/wwan0.uevent /sys/class/net/wwan0/uevent
+    printf 'DEVTYPE=wwan\nINTERFACE=wwan0\nIFINDEX=%s\n' \
+        "$(ip -n "$gateway_ns" -o link show wwan0 | cut -d: -f1)" >"$uevent"
+    on_gateway mountpoint -q /sys/class/net/wwan0/uevent ||
+        on_gateway mount -n --bind /run/wwan0.uevent /sys/class/net/wwan0/uevent
+}
+
+has_modem() { ip -n "$gateway_ns" link show dev wwan0 >/dev/null 2>&1; }
+
+start_modem() {
+    if has_modem; then
+        name_modem
+        ip -n "$gateway_ns" link set dev wwan0 up
     fi
-    ip -n "$gateway_ns" link set dev wwan0 up
+    [ -e "$state/cellular-address" ] || echo "$cell_net.50" >"$state/cellular-address"
     start modem "$0" exec /usr/bin/python3 -u "$here/modem.py" \
-        wwan0 "$cell_net.50" 255.255.255.0 "$cell_net.1" "$cell_names"
+        wwan0 "$(cat "$state/cellular-address")" 255.255.255.0 "$cell_net.1" "$cell_names"
     if ! wait_for 10 on_bus_or_ended modem org.ofono || ! alive modem; then
         die "the modem manager does not come onto the bus: thaw a frozen bus first ($0 bus thaw), or see $state/log/modem"
     fi

@@ -41,8 +41,8 @@ make_networks() {
     ip -n "$cloud_ns" addr add "$cloud_address/32" dev lo
     join_cloud eth 10.99.1 "$eth_net"
     join_cloud cell 10.99.2 "$cell_net"
-    make_provider "$eth_ns" "$eth_net" 10.99.1 "$eth_names"
-    make_provider "$cell_ns" "$cell_net" 10.99.2 "$cell_names"
+    make_provider eth "$eth_ns" "$eth_net" 10.99.1 "$eth_names"
+    make_provider cell "$cell_ns" "$cell_net" 10.99.2 "$cell_names"
 }
 
 # make_cable NS INTERFACE NS INTERFACE [MAC of the first]
@@ -58,10 +58,10 @@ join_cloud() {
     ip -n "$cloud_ns" route add "$3.0/24" via "$2.1"
 }
 
-# make_provider NS GATEWAY-NET UPLINK-NET NAME-SERVER: a router with DHCP and a name server of its own, which only its
-# own customers reach.
+# make_provider SIDE NS GATEWAY-NET UPLINK-NET NAME-SERVER: a router with DHCP and a name server of its own, which only
+# its own customers reach.
 make_provider() {
-    local ns=$1 net=$2 uplink=$3 names=$4
+    local ns=$2 net=$3 uplink=$4 names=$5
     ip -n "$ns" addr add "$names/32" dev lo
     ip -n "$ns" addr add "$net.1/24" dev lan
     ip -n "$ns" addr add "$uplink.1/30" dev up
@@ -72,9 +72,26 @@ make_provider() {
     ip -n "$ns" route add "$cloud_address/32" via "$uplink.2"
     # A provider forwards only its own customers' addresses.
     ip netns exec "$ns" sysctl -qw net.ipv4.ip_forward=1 net.ipv4.conf.lan.rp_filter=1
-    start "names-$ns" ip netns exec "$ns" dnsmasq --keep-in-foreground --conf-file=/dev/null --user=root --pid-file= \
+    start_names "$1"
+}
+
+# start_names SIDE [ADDRESS [NAME]]: a provider's DHCP and name server; with an address it lies, about one name or all.
+start_names() {
+    local ns net names answers
+    ns=$(side_ns "$1")
+    case $1 in
+        eth) net=$eth_net names=$eth_names ;;
+        cell) net=$cell_net names=$cell_names ;;
+    esac
+    answers=(--local=/test/ --host-record="$cloud_name,$cloud_address")
+    [ $# -ne 2 ] || answers=(--address="/#/$2")
+    # A record would be told before the lie.
+    [ "${3-}" != "$cloud_name" ] || answers=(--local=/test/)
+    [ $# -ne 3 ] || answers+=(--address="/$3/$2")
+    start "names-$1" ip netns exec "$ns" dnsmasq --keep-in-foreground --conf-file=/dev/null --user=root --pid-file= \
         --no-resolv --no-hosts --interface=lan --interface=lo --bind-interfaces --dhcp-authoritative --no-ping \
         --dhcp-range="$net.100,$net.200,255.255.255.0,1h" --dhcp-leasefile="$state/leases-$ns" \
         --dhcp-option="option:router,$net.1" --dhcp-option="option:dns-server,$names" \
-        --host-record="$cloud_name,$cloud_address" --local=/test/ --log-facility=- --log-queries
+        "${answers[@]}" --log-facility=- --log-queries
+    wait_for 5 listens "$ns" 53 || die "the name server of $1 does not start, see $state/log/names-$1"
 }

@@ -98,7 +98,8 @@ class Box:
 
     def file(self, path):
         """The text of a file on the gateway; None when it is not there."""
-        on_machine = self.folder / "gateway" / path.lstrip("/")
+        holder = (self.folder / "pid/gateway").read_text(encoding="ascii").split()[0]
+        on_machine = pathlib.Path(f"/proc/{holder}/root", path.lstrip("/"))
         return on_machine.read_text(encoding="utf-8") if on_machine.exists() else None
 
     def status_file(self):

@@ -1,0 +1,208 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The box's faults are what they are called, and are gone when they are taken back."""
+import subprocess
+import time
+
+import pytest
+from gateway import SLACK, wait_until
+
+CLOUD = "https://cloud.box.test/"
+SIDES = [("eth", "eth0"), ("cell", "wwan0")]
+on_each_side = pytest.mark.parametrize("side, interface", SIDES)
+
+# Asks a name server 300 times without waiting, and counts the answers.
+ASK_300_TIMES = """
+import socket, sys, time
+asking = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+asking.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 20)
+asking.connect((sys.argv[1], 53))
+for number in range(300):
+    asking.send(number.to_bytes(2, "big") + bytes.fromhex("01000001000000000000") + b"\\5cloud\\3box\\4test\\0\\0\\1\\0\\1")
+    time.sleep(0.001)
+asking.settimeout(2)
+answers = 0
+try:
+    while asking.recv(512):
+        answers += 1
+except OSError:
+    print(answers)
+"""
+SEND_20_KB = """
+import socket, sys
+socket.create_connection((sys.argv[2], 4000), source_address=(sys.argv[1], 0)).sendall(bytes(20000))
+"""
+SWALLOW = """
+import socket
+taken, _ = socket.create_server(("", 4000)).accept()
+while taken.recv(4096): pass
+"""
+
+
+def fetch(box, interface, url=CLOUD):
+    """Fetches a page through an interface; returns (curl's exit status, body)."""
+    done = subprocess.run(box.command("exec", "curl", "--silent", "--show-error", "--max-time", "10", "--interface",
+                                      f"if!{interface}", url),
+                          env=box.environment, text=True, capture_output=True, check=False)
+    return done.returncode, done.stdout
+
+
+def addresses_of(box, name):
+    done = box("exec", "getent", "ahostsv4", name, must_succeed=False)
+    return {line.split()[0] for line in done.splitlines()}
+
+
+def address_of(box, interface):
+    words = box("exec", "ip", "-4", "-o", "address", "show", "dev", interface, "scope", "global", must_succeed=False).split()
+    return words[words.index("inet") + 1] if "inet" in words else None
+
+
+def carries(box, interface):
+    return lambda: fetch(box, interface) == (0, "ok\n")
+
+
+def queries(box, side):
+    return box("log", f"names-{side}").count("query[A] cloud.box.test")
+
+
+@pytest.mark.parametrize("side, server", [("eth", "10.21.0.53"), ("cell", "10.22.0.53")])
+def test_loss_takes_its_share_in_either_direction(box, side, server):
+    def ask():
+        before = queries(box, side)
+        answered = int(box("exec", "/usr/bin/python3", "-c", ASK_300_TIMES, server))
+        return queries(box, side) - before, answered
+
+    assert ask() == (300, 300)
+    box("loss", side, "50")
+    arrived, answered = ask()
+    assert 75 < arrived < 225
+    assert arrived / 4 < answered < arrived * 3 / 4
+    box("loss", side, "off")
+    assert ask() == (300, 300)
+
+
+def test_a_loss_is_a_whole_number_of_per_cent(box):
+    for wrong in ("100", "0", "-1", "08", "2.5", "", "all"):
+        with pytest.raises(AssertionError, match="loss: use loss eth|cell PERCENT|off"):
+            box("loss", "eth", wrong)
+
+
+@on_each_side
+def test_a_narrow_provider_takes_its_time(box, side, interface):
+    name = box.environment["ORV_BOX"]
+    gateway, cloud = (f"{name}-gw", address_of(box, interface).split("/")[0]), (f"{name}-cloud", "198.51.100.10")
+
+    def seconds(source, target):
+        taking = subprocess.Popen(["ip", "netns", "exec", target[0], "/usr/bin/python3", "-c", SWALLOW])
+        wait_until(lambda: subprocess.run(["ip", "netns", "exec", target[0], "ss", "-Hltn", "sport = :4000"], check=True,
+                                          capture_output=True).stdout, SLACK, "someone who takes it")
+        begun = time.monotonic()
+        subprocess.run(["ip", "netns", "exec", source[0], "/usr/bin/python3", "-c", SEND_20_KB, source[1], target[1]],
+                       check=True, timeout=60)
+        taking.wait(60)
+        return time.monotonic() - begun
+
+    box("exec", "ip", "route", "replace", "198.51.100.10", "via", "10.11.0.1" if side == "eth" else "10.12.0.1")
+    box("bandwidth", side, "100")
+    least = (20000 - 4096 - 1500) * 8 / 100e3  # what the shaper lets through at once comes off
+    assert seconds(gateway, cloud) > least
+    assert seconds(cloud, gateway) > least
+    box("bandwidth", side, "off")
+    for device in ("lan", "up"):
+        assert "tbf" not in subprocess.run(["tc", "-n", f"{box.environment['ORV_BOX']}-{side}", "qdisc", "show",
+                                            "dev", device], check=True, capture_output=True, text=True).stdout
+
+
+@on_each_side
+def test_a_name_server_lies_about_every_name(box, side, interface):
+    box("names", "cell" if side == "eth" else "eth", "mute")
+    box("names", side, "lie", "192.0.2.7")
+    for name in ("cloud.box.test", "somewhere.else.example", interface):
+        assert addresses_of(box, name) == {"192.0.2.7"}
+    box("names", side, "back")
+    assert addresses_of(box, "cloud.box.test") == {"198.51.100.10"}
+    assert addresses_of(box, interface) == set()
+
+
+def test_a_name_server_lies_about_one_name(box):
+    box("names", "eth", "lie", "0.0.0.0", "eth0")
+    assert addresses_of(box, "eth0") == {"0.0.0.0"}
+    assert addresses_of(box, "cloud.box.test") == {"198.51.100.10"}
+    box("names", "cell", "mute")
+    box("names", "eth", "lie", "192.0.2.7", "cloud.box.test")
+    assert addresses_of(box, "eth0") == set()
+    assert addresses_of(box, "cloud.box.test") == {"192.0.2.7"}
+    box("names", "eth", "back")
+    assert addresses_of(box, "cloud.box.test") == {"198.51.100.10"}
+
+
+@on_each_side
+def test_a_captive_portal_answers_for_the_cloud(box, side, interface):
+    not_certified = 60
+    box("portal", side, "on")
+    assert fetch(box, interface)[0] == not_certified
+    assert fetch(box, interface, "https://cloud.box.test:8883/")[0] == not_certified
+    assert "Location: https://portal.box.test/" in box("exec", "curl", "-sSI", "--interface", interface,
+                                                        "http://cloud.box.test/")
+    assert [line.split()[1] for line in box("log", f"portal-{side}").splitlines()] == ["443", "8883", "80"]
+    assert box.handshakes(side) == []
+    assert fetch(box, "wwan0" if side == "eth" else "eth0") == (0, "ok\n")
+    box("portal", side, "off")
+    assert fetch(box, interface) == (0, "ok\n")
+
+
+def test_a_captive_portal_ends_what_is_connected(scene):
+    scene.expected_complaints = ("poke error 60",)
+    scene.box("portal", "eth", "on")
+    scene.application.wait_for("eth cloud lost, start delay to cell", 10)
+    scene.box("portal", "eth", "off")
+    scene.settles("eth0", 30)
+
+
+def test_the_end_of_a_lease_leaves_the_link(box):
+    box("lease", "eth", "end")
+    assert address_of(box, "eth0") is None
+    assert box.default_interfaces() == []
+    assert "LOWER_UP" in box("exec", "ip", "link", "show", "eth0")
+    box("lease", "eth", "back")
+    wait_until(lambda: box.default_interfaces() == ["eth0"], SLACK, "Ethernet's default route")
+    wait_until(carries(box, "eth0"), SLACK, "the cloud over Ethernet")
+    assert box.order() == ["eth0", "wwan0"]
+
+
+def test_a_modem_that_is_reset_comes_back_with_another_address(box):
+    assert address_of(box, "wwan0") == "10.12.0.50/24"
+    box("cellular", "gone")
+    assert "wwan0" not in box("exec", "ip", "link")
+    wait_until(lambda: box.order() == ["eth0"], SLACK, "no service of the modem's")
+    for address in ("10.12.0.51/24", "10.12.0.52/24"):
+        box("cellular", "reset")
+        wait_until(lambda: address_of(box, "wwan0") == address, SLACK, f"{address} on wwan0")  # pylint: disable=cell-var-from-loop
+        wait_until(carries(box, "wwan0"), SLACK, "the cloud over Cellular")
+    assert [line.split()[2] for line in box("services").splitlines()] == ["ethernet", "cellular"]
+    # A restarted connection manager finds it as it is.
+    box("connman", "stop")
+    box("connman", "start")
+    wait_until(lambda: address_of(box, "wwan0") == "10.12.0.52/24", SLACK, "10.12.0.52 on wwan0")
+
+
+def test_a_full_var_tmp_empties_what_is_written(box):
+    write = "cd /var/tmp; cat kept; echo new >kept; echo new >another; rm removed; :"
+    box("exec", "sh", "-c", "cd /var/tmp && echo old >kept && echo old >removed")
+    box("var-tmp", "full")
+    assert box("exec", "sh", "-c", write) == "old\n"
+    for _ in range(2):
+        assert [box.file(f"/var/tmp/{name}") for name in ("kept", "another", "removed")] == ["", "", None]
+        box("var-tmp", "ok")
+    box("exec", "sh", "-c", write)
+    assert box.file("/var/tmp/kept") == "new\n"
+
+
+def test_a_read_only_var_tmp_stays_as_it_is(box):
+    box("exec", "sh", "-c", "cd /var/tmp && echo old >kept")
+    box("var-tmp", "full")
+    box("var-tmp", "read-only")
+    box("exec", "sh", "-c", "cd /var/tmp; echo new >kept; echo new >another; :")
+    assert [box.file(f"/var/tmp/{name}") for name in ("kept", "another")] == ["old\n", None]
+    box("var-tmp", "ok")
+    box("exec", "sh", "-c", "cd /var/tmp; echo new >kept")
+    assert box.file("/var/tmp/kept") == "new\n"
