@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """gateway-app on the box."""
 import json
+import re
 import sys
 
 from gateway import ROOT, SLACK, program, wait_until
@@ -38,6 +39,11 @@ class Application:
         wait_until(lambda: self.said(text, since), seconds + SLACK,
                    lambda: f'"{text}" in the log\n{self.interesting()}')
         return self.log().index(text, since) + len(text)
+
+    def wait_for_session(self, seconds):
+        """Waits until the session with the broker has been made again."""
+        wait_until(lambda: re.search(r"ORV_Stack\S*: connected again", self.log()), seconds + SLACK,
+                   lambda: f"the session in the log\n{self.interesting()}")
 
     def times_of(self, text, since=0):
         """The times of the log lines that hold `text`."""

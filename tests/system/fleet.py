@@ -122,11 +122,8 @@ class Observer:
 class Application:
     """One process with one feature, driven line by line."""
 
-    def __init__(self, folder, port, bus, name, suffix):
+    def __init__(self, folder, config, name):
         self.name = name
-        config = Path(folder) / f"{name}.ini"
-        config.write_text(
-            f"[broker]\nport = {port}\nclient_id_suffix = {suffix}\n[connman]\nbus_address = {bus}\n[log]\nlevel = 3\n")
         self.log = open(Path(folder) / f"{name}.log", "ab")
         self.process = subprocess.Popen(
             [str(BUILD / "bin/orv-shell")], env={**os.environ, "ORV_GATEWAY_CONFIG": str(config)}, text=True,
@@ -185,9 +182,10 @@ class Application:
 
 
 class Fleet:
-    """So many applications on one broker, each ready."""
+    """So many applications on one broker, each ready. All have the same file of settings, which says no more than where
+    broker and connection manager are."""
 
-    def __init__(self, count, suffix=lambda number: f"-{number}"):
+    def __init__(self, count):
         with contextlib.ExitStack() as parts:
             folder = parts.enter_context(tempfile.TemporaryDirectory(prefix="orv-fleet-"))
             self.broker = Broker(folder)
@@ -198,9 +196,11 @@ class Fleet:
             parts.callback(self.observer.close)
             self.rounds = 0
             self.applications = []
+            config = Path(folder) / "gateway.ini"
+            config.write_text(
+                f"[broker]\nport = {self.broker.port}\n[connman]\nbus_address = {self.connman.address}\n[log]\nlevel = 3\n")
             for number in range(count):
-                self.applications.append(
-                    Application(folder, self.broker.port, self.connman.address, f"feature{number}", suffix(number)))
+                self.applications.append(Application(folder, config, f"feature{number}"))
                 parts.callback(self.applications[-1].close)
             for application in self.applications:
                 application.launch()

@@ -39,7 +39,7 @@ def test_a_frozen_broker_does_not_stop_the_fail_over(scene):
     scene.application.wait_for_cloud("wwan0", 5)
     scene.box("broker", "thaw")
     # What was refused meanwhile is not sent later; what comes next is right again.
-    scene.application.wait_for("ORV_Stack: connected again", 15)
+    scene.application.wait_for_session(15)
     scene.box("provider", "eth", "back")
     scene.application.wait_for("route is eth, reconnecting", 20)
     scene.witness.wait_for(INHIBIT, "permit", 10)

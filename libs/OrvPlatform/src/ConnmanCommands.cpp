@@ -4,13 +4,26 @@
 #include "ConnmanLink.h"
 #include "GatewayConfig.h"
 
+#include "CommonUtils/Logger.h"
+
 #include <pthread.h>
 
 namespace CommonUtils::Networking {
 
 class ConnmanCommands::Worker {
 public:
+    bool IsLeftToTheController(const char* order) {
+        if (isController)
+            return false;
+        logger.Debug() << order << " is left to the gateway's controller, nothing is asked for";
+        return true;
+    }
+
     OrvPlatform::ConnmanLink link{OrvPlatform::ConnmanLink::BusAddress(OrvPlatform::Config().connman.busAddress)};
+
+private:
+    const bool isController = OrvPlatform::Config().IsController();
+    CommonUtils::Logger logger{"ConnmanCommands", 0};
 };
 
 namespace {
@@ -44,11 +57,15 @@ std::string ConnmanCommands::GetTopPriorityInterface() {
 }
 
 bool ConnmanCommands::SetTopPriorityInterface(const std::string& interfaceName) {
+    if (worker->IsLeftToTheController("the order of the interfaces"))
+        return true;
     return worker->link.SetTopPriorityInterface(interfaceName);
 }
 
 bool ConnmanCommands::SetDnsConfiguration(const std::string& interfaceName, const std::string& first,
                                           const std::string& second) {
+    if (worker->IsLeftToTheController("the choice of name servers"))
+        return true;
     std::vector<std::string> servers;
     for (const std::string& server : {first, second}) {
         if (!server.empty())

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "GatewayConfig.h"
 
+#include "GatewaySettings.h"
 #include "LogChannel.h"
 #include "LogEscape.h"
 #include "OncePerProcess.h"
+#include "ProgramName.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -47,13 +49,38 @@ int ReadAll(int file, std::string& text) {
     return EFBIG;
 }
 
-void ApplyEnvironment(LoadedConfig& loaded) {
+void ApplyLogLevelVariable(LoadedConfig& loaded) {
     const char* list = ::secure_getenv("ORV_LOG_LEVEL");
     if (list == nullptr || *list == '\0')
         return;
     for (const std::string& item : ApplyLogLevels(list, loaded.config.log.levels))
         loaded.problems.push_back("ORV_LOG_LEVEL: \"" + Escaped(item) +
                                   "\" is no level, ignored; valid: " + validLogLevels);
+}
+
+/// A variable in the place of a setting. One that is set and empty counts: it is the empty value.
+void ApplyVariable(const char* variable, const char* section, const char* key, LoadedConfig& loaded) {
+    const char* value = ::secure_getenv(variable);
+    const Setting* setting = FindSetting(section, key);
+    if (value != nullptr && !setting->read(value, loaded.config))
+        loaded.problems.push_back(variable + (": \"" + Escaped(value)) +
+                                  "\" is not valid, ignored. Valid: " + setting->valid);
+}
+
+void ApplyEnvironment(LoadedConfig& loaded) {
+    ApplyLogLevelVariable(loaded);
+    ApplyVariable("ORV_CLIENT_ID_SUFFIX", "broker", "client_id_suffix", loaded);
+    ApplyVariable("ORV_GATEWAY_CONTROLLER", "gateway", "controller", loaded);
+}
+
+void NoteRole(LoadedConfig& loaded) {
+    const GatewayConfig& config = loaded.config;
+    if (!config.IsController())
+        loaded.notices.push_back("[gateway] controller is " + Escaped(config.gateway.controller) +
+                                 ": what this "
+                                 "program, " +
+                                 Escaped(config.program) +
+                                 ", orders from the connection manager or publishes for the whole gateway is dropped");
 }
 
 OncePerProcess<LoadedConfig> loadedConfig;
@@ -63,6 +90,8 @@ LoadedConfig Load() {
     const bool byName = named != nullptr && *named != '\0';
     LoadedConfig loaded = ReadGatewayConfig(byName ? named : defaultPath, !byName);
     ApplyEnvironment(loaded);
+    loaded.config.program = ProgramName();
+    NoteRole(loaded);
     return loaded;
 }
 

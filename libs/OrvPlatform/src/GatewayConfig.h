@@ -22,8 +22,8 @@ struct GatewayConfig {
         /// connect.
         std::string host = "127.0.0.1";
         std::uint16_t port = 1883;
-        /// Appended to every client id of this process; see the shipped gateway.ini for why.
-        std::string clientIdSuffix;
+        /// Appended to every client id of this process; see ClientIdSuffix.h for what the placeholders stand for.
+        std::string clientIdSuffix = "-%a-%p-%n";
         std::chrono::seconds keepAlive{5};
         /// How the applications of this gateway identify themselves to the broker; both empty for an open broker.
         std::string username;
@@ -55,6 +55,21 @@ struct GatewayConfig {
         /// The message bus on which the connection manager is reached; empty for the system bus.
         std::string busAddress;
     } connman;
+
+    struct Gateway {
+        /// The program that alone may order the connection manager about and publish on the gateway's topics; empty for
+        /// no such program.
+        std::string controller;
+        /// Filters of the topics on which an application speaks for the whole gateway.
+        std::vector<std::string> topics{"/orv/led/+", "/orv/apps_control/features/Ent/status/+",
+                                        "/orv/network/wan/inhibit_dns"};
+    } gateway;
+
+    /// What this process runs, see ProgramName(). No setting.
+    std::string program;
+
+    /// Whether this process may speak for the gateway.
+    bool IsController() const { return gateway.controller.empty() || gateway.controller == program; }
 };
 
 /// What a configuration text says, and what is wrong with it.
@@ -70,16 +85,17 @@ ParsedConfig ParseGatewayConfig(std::string_view text, const std::string& name);
 
 /// A configuration as it was found on the system.
 struct LoadedConfig : ParsedConfig {
-    /// What is worth knowing but no fault, e.g. which file was read.
-    std::vector<std::string> notes;
+    /// What is worth knowing but no fault.
+    std::vector<std::string> notes;   // for a log at level debug, e.g. which file was read
+    std::vector<std::string> notices; // at level info: what this program may not do
 };
 
 /// Reads the file at `path`. A file that cannot be read is a problem, except that a missing one is none when
 /// `mayBeMissing`.
 LoadedConfig ReadGatewayConfig(const std::string& path, bool mayBeMissing);
 
-/// The file that the environment names, or the default one, with ORV_LOG_LEVEL applied; read once on first use and
-/// never destroyed. Reports nothing.
+/// The file that the environment names, or the default one, with ORV_LOG_LEVEL, ORV_CLIENT_ID_SUFFIX and
+/// ORV_GATEWAY_CONTROLLER applied; read once on first use and never destroyed. Reports nothing.
 const LoadedConfig& LoadedGatewayConfig();
 
 /// Round a fork, so that the child does not find the settings half read. The log calls them.

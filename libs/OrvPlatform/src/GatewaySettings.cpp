@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <charconv>
+#include <climits>
 #include <numeric>
 
 namespace OrvPlatform {
@@ -112,6 +113,39 @@ bool ReadLevels(const std::string& text, GatewayConfig& config) {
     return true;
 }
 
+bool IsFilter(const std::string& text) {
+    if (text.empty() || HasControl(text))
+        return false;
+    std::size_t begin = 0;
+    for (std::size_t end = 0; end < text.size(); begin = end + 1) {
+        end = std::min(text.find('/', begin), text.size());
+        const std::string level = text.substr(begin, end - begin);
+        const bool isLast = end == text.size();
+        if (level.find_first_of("+#") != std::string::npos && level != "+" && !(level == "#" && isLast))
+            return false;
+    }
+    return true;
+}
+
+bool ReadFilters(const std::string& text, std::vector<std::string>& kept) {
+    std::vector<std::string> filters;
+    for (const std::string& part : CommonUtils::StringHelpers::Tokenize(text, ',')) {
+        const std::size_t first = part.find_first_not_of(' ');
+        filters.push_back(first == std::string::npos ? "" : part.substr(first, part.find_last_not_of(' ') - first + 1));
+    }
+    if (!std::all_of(filters.begin(), filters.end(), IsFilter))
+        return false;
+    kept = filters;
+    return true;
+}
+
+std::string JoinedFilters(const std::vector<std::string>& filters) {
+    std::string list;
+    for (const std::string& filter : filters)
+        list += (list.empty() ? "" : ",") + filter;
+    return list;
+}
+
 std::vector<Setting> BrokerSettings() {
     return {
         {"broker", "host", "an IPv4 or IPv6 address or localhost",
@@ -133,12 +167,12 @@ std::vector<Setting> BrokerSettings() {
         {"broker", "password", "up to 128 bytes without control characters, or nothing",
          [](const std::string& value, GatewayConfig& config) { return ReadText(value, config.broker.password); },
          [](const GatewayConfig& config) { return config.broker.password; }, true},
-        {"broker", "client_id_suffix", "up to 32 letters, digits, '-', '_', '.', %p and %n, or nothing",
+        {"broker", "client_id_suffix", "up to 32 letters, digits, '-', '_', '.', %a, %p and %n, or nothing",
          [](const std::string& value, GatewayConfig& config) {
              if (value.size() > 32 || !HasOnly(value, std::string(letters) + digits + "-_.%"))
                  return false;
              for (std::size_t at = 0; (at = value.find('%', at)) != std::string::npos; at += 2)
-                 if (value.compare(at, 2, "%p") != 0 && value.compare(at, 2, "%n") != 0)
+                 if (at + 1 == value.size() || std::string_view("apn").find(value[at + 1]) == std::string_view::npos)
                      return false;
              config.broker.clientIdSuffix = value;
              return true;
@@ -194,6 +228,22 @@ std::vector<Setting> NetworkSettings() {
     };
 }
 
+std::vector<Setting> GatewaySettings() {
+    return {
+        {"gateway", "controller", "the file name of a program, without its folder, or nothing",
+         [](const std::string& value, GatewayConfig& config) {
+             if (value.size() > NAME_MAX || value.find('/') != std::string::npos || HasControl(value))
+                 return false;
+             config.gateway.controller = value;
+             return true;
+         },
+         [](const GatewayConfig& config) { return config.gateway.controller; }},
+        {"gateway", "topics", "topic filters, separated by commas, or nothing",
+         [](const std::string& value, GatewayConfig& config) { return ReadFilters(value, config.gateway.topics); },
+         [](const GatewayConfig& config) { return JoinedFilters(config.gateway.topics); }},
+    };
+}
+
 std::vector<Setting> LogSettings() {
     return {
         {"log", "sink", "stderr, syslog or file", ReadSink,
@@ -243,11 +293,18 @@ const std::vector<Setting>& Settings() {
     // Never destroyed, like the configuration itself.
     static const auto& all = *[] {
         auto* settings = new std::vector<Setting>(BrokerSettings());
-        for (const auto& part : {NetworkSettings(), LogSettings()})
+        for (const auto& part : {NetworkSettings(), GatewaySettings(), LogSettings()})
             settings->insert(settings->end(), part.begin(), part.end());
         return settings;
     }();
     return all;
+}
+
+const Setting* FindSetting(std::string_view section, std::string_view key) {
+    for (const Setting& setting : Settings())
+        if (setting.section == section && setting.key == key)
+            return &setting;
+    return nullptr;
 }
 
 std::vector<std::string> SectionNames() {

@@ -25,6 +25,9 @@ struct Setting {
 /// All of them, in the order of the shipped file.
 const std::vector<Setting>& Settings();
 
+/// The one of them with that key; null when there is none.
+const Setting* FindSetting(std::string_view section, std::string_view key);
+
 /// The settings' section names, each once.
 std::vector<std::string> SectionNames();
 

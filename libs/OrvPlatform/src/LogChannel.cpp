@@ -16,6 +16,7 @@ namespace OrvPlatform {
 namespace {
 
 constexpr int debugLevel = 1;
+constexpr int infoLevel = 2;
 constexpr int warningLevel = 3;
 constexpr int errorLevel = 4;
 
@@ -65,6 +66,9 @@ void ReportSettings(LogChannel& log) {
         if (!logShowsErrors || loaded.config.log.sink != LogSink::STDERR)
             WriteToStderr(Escaped(problem));
     }
+    if (threshold <= infoLevel)
+        for (const std::string& notice : loaded.notices)
+            log.Write({infoLevel, source, {}, notice});
     if (threshold <= debugLevel)
         for (const std::string& note : loaded.notes)
             log.Write({debugLevel, source, {}, note});

@@ -7,7 +7,7 @@
 namespace QUILMQTT {
 
 QueueOwner::QueueOwner(const std::string& clientId)
-    : core(std::make_shared<Core>(*this, clientId, OrvPlatform::Config().broker)) {}
+    : core(std::make_shared<Core>(*this, clientId, OrvPlatform::Config())) {}
 
 QueueOwner::~QueueOwner() {
     core->Abandon();

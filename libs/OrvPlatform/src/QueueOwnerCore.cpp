@@ -2,6 +2,7 @@
 #include "QueueOwnerCore.h"
 
 #include "ClientIdSuffix.h"
+#include "TopicFilter.h"
 
 #include <arpa/inet.h>
 #include <mosquitto.h>
@@ -57,15 +58,16 @@ int StatusOf(int error) {
 
 } // namespace
 
-QueueOwner::Core::Core(QueueOwner& queueOwner, const std::string& id, const OrvPlatform::GatewayConfig::Broker& broker)
-    : settings(broker),
-      clientId(id + OrvPlatform::ClientIdSuffix(broker.clientIdSuffix, id)),
-      place(broker.host + ":" + std::to_string(broker.port)),
+QueueOwner::Core::Core(QueueOwner& queueOwner, const std::string& id, const OrvPlatform::GatewayConfig& config)
+    : settings(config.broker),
+      clientId(id + OrvPlatform::ClientIdSuffix(settings.clientIdSuffix, id, config.program)),
+      place(settings.host + ":" + std::to_string(settings.port)),
+      foreignTopics(config.IsController() ? std::vector<std::string>() : config.gateway.topics),
       wakeUp(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
       logger("QueueOwner", 0),
       owner(queueOwner),
       backoff(static_cast<std::uint32_t>(std::hash<std::string>{}(clientId)) ^ std::random_device{}()),
-      outstanding(broker.maxOutstandingBytes) {}
+      outstanding(settings.maxOutstandingBytes) {}
 
 QueueOwner::Core::~Core() {
     if (wakeUp >= 0)
@@ -73,6 +75,8 @@ QueueOwner::Core::~Core() {
 }
 
 bool QueueOwner::Core::Connect(const std::optional<LastWill>& will) {
+    if (will && IsLeftToTheController(will->topic))
+        return Connect(std::nullopt);
     const Time deadline = std::chrono::steady_clock::now() + CONNECT_LIMIT;
     MutexLock lock(mutex);
     const bool wasUp = link == Link::UP;
@@ -182,6 +186,8 @@ bool QueueOwner::Core::Subscribe(const std::string& filter, int qos) {
 int QueueOwner::Core::Publish(const std::string& topic, const std::string& payload, bool retained, bool assured) {
     if (HoldsNul(topic))
         return MALFORMED_TOPIC;
+    if (IsLeftToTheController(topic))
+        return HANDED_OVER;
     const std::size_t cost = OutstandingPublications::Cost(topic, payload);
     if (cost > settings.maxOutstandingBytes)
         return PAYLOAD_TOO_LARGE;
@@ -198,6 +204,13 @@ int QueueOwner::Core::Publish(const std::string& topic, const std::string& paylo
     announced.Note(topic, payload, retained, assured);
     Flush();
     return HANDED_OVER;
+}
+
+bool QueueOwner::Core::IsLeftToTheController(const std::string& topic) {
+    if (!OrvPlatform::MatchesAny(foreignTopics, topic))
+        return false;
+    logger.Debug() << clientId << ": " << topic << " is left to the gateway's controller, nothing is published";
+    return true;
 }
 
 // Sends from here when the socket has room; otherwise the delivery thread sends when it has.

@@ -31,7 +31,7 @@ namespace QUILMQTT {
 /// Under it only non-blocking calls are made, so that no caller waits for the broker.
 class QueueOwner::Core final : public std::enable_shared_from_this<Core>, private OrvPlatform::MosquittoEvents {
 public:
-    Core(QueueOwner& owner, const std::string& clientId, const OrvPlatform::GatewayConfig::Broker& settings);
+    Core(QueueOwner& owner, const std::string& clientId, const OrvPlatform::GatewayConfig& config);
     ~Core();
     Core(const Core&) = delete;
     Core& operator=(const Core&) = delete;
@@ -75,6 +75,7 @@ private:
     void LoseConnection(int error, int systemError) ORV_REQUIRES(mutex);
     void FailAttempt(const std::string& reason) ORV_REQUIRES(mutex);
     int Send(const std::string& topic, const std::string& payload, bool retained, bool assured) ORV_REQUIRES(mutex);
+    bool IsLeftToTheController(const std::string& topic);
     void Flush() ORV_REQUIRES(mutex);
     void RefuseForBytes() ORV_REQUIRES(mutex);
     void Wake() const;
@@ -94,7 +95,9 @@ private:
     const OrvPlatform::GatewayConfig::Broker settings;
     const std::string clientId;
     const std::string place; // host:port, for the log
-    const int wakeUp;        // an eventfd that ends the delivery thread's poll
+    /// Filters of the topics that are left to another program.
+    const std::vector<std::string> foreignTopics;
+    const int wakeUp; // an eventfd that ends the delivery thread's poll
 
     CommonUtils::Logger logger;
     QueueOwner& owner; // until Abandon

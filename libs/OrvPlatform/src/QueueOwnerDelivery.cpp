@@ -172,8 +172,8 @@ void QueueOwner::Core::LoseConnection(int error, int systemError) {
     } else if (!evictionSaid) {
         evictionSaid = true;
         Say(Severity::ERROR,
-            "the broker keeps throwing this client off: another client uses the same id; give each "
-            "application a [broker] client_id_suffix of its own (with %n in it for several clients in one)");
+            "the broker keeps throwing this client off: another client uses the same id; leave [broker] "
+            "client_id_suffix out, or put %p and %n into it");
     }
 }
 

@@ -4,12 +4,15 @@
 #include "GatewayMainBaseUnits/IpInterfacesMapping.h"
 #include "GatewaySettings.h"
 #include "OrvResources/StaticConfigStore.h"
+#include "ProgramName.h"
 #include "support/ChildProcess.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -52,6 +55,7 @@ TEST(AConfiguration, MaySetEverything) {
                                       "[interfaces]\nethernet = br-lan\ncellular = ppp0\n"
                                       "[cloud]\nendpoint = cloud.example.com:8443/ping\n"
                                       "[connman]\nbus_address = unix:path=/tmp/bus\n"
+                                      "[gateway]\ncontroller = gateway-app\ntopics = /led/+ , /dns/#\n"
                                       "[log]\nsink = file\nlevel = debug,OrvRoute=trace\nfile = /tmp/log\n"
                                       "file_max_bytes = 16384\nfile_count = 1\n");
     EXPECT_EQ(parsed.problems, Lines{});
@@ -67,6 +71,8 @@ TEST(AConfiguration, MaySetEverything) {
     EXPECT_EQ(config.interfaces.cellular, "ppp0");
     EXPECT_EQ(config.cloud.endpoint, "cloud.example.com:8443/ping");
     EXPECT_EQ(config.connman.busAddress, "unix:path=/tmp/bus");
+    EXPECT_EQ(config.gateway.controller, "gateway-app");
+    EXPECT_EQ(config.gateway.topics, (Lines{"/led/+", "/dns/#"}));
     EXPECT_EQ(config.log.sink, LogSink::FILE);
     EXPECT_EQ(config.log.levels.Text(), "debug,OrvRoute=trace");
     EXPECT_EQ(config.log.file, "/tmp/log");
@@ -134,7 +140,8 @@ INSTANTIATE_TEST_SUITE_P(
                  "broker",
                  "client_id_suffix",
                  {"a b", "a/b", "%", "%x", "-%p%", std::string(33, 'x')},
-                 "it stays unset. Valid: up to 32 letters, digits, '-', '_', '.', %p and %n, or nothing"},
+                 "-%a-%p-%n stays in force. Valid: up to 32 letters, digits, '-', '_', '.', %a, %p and %n, or "
+                 "nothing"},
         BadValue{
             "KeepAlive", "broker", "keep_alive", {"4", "3601", "5s"}, "5 stays in force. Valid: 5 to 3600 seconds"},
         BadValue{"Outstanding",
@@ -163,6 +170,17 @@ INSTANTIATE_TEST_SUITE_P(
                  "bus_address",
                  {"/run/bus"},
                  "it stays unset. Valid: a D-Bus address such as unix:path=/run/dbus/system_bus_socket, or nothing"},
+        BadValue{"Controller",
+                 "gateway",
+                 "controller",
+                 {"/usr/bin/gateway-app", "bin/gateway-app"},
+                 "it stays unset. Valid: the file name of a program, without its folder, or nothing"},
+        BadValue{"Topics",
+                 "gateway",
+                 "topics",
+                 {"a+", "#/a", "a,b#", "a, ,b"},
+                 "/orv/led/+,/orv/apps_control/features/Ent/status/+,/orv/network/wan/inhibit_dns stays in force. "
+                 "Valid: topic filters, separated by commas, or nothing"},
         BadValue{"Sink", "log", "sink", {"", "journal"}, "stderr stays in force. Valid: stderr, syslog or file"},
         BadValue{"Level",
                  "log",
@@ -240,14 +258,14 @@ INSTANTIATE_TEST_SUITE_P(
         Fault{"MisspeltSection",
               "[brokr]\nport = 1\nnonsense = 1\n[broker]\nport = 2\n",
               {"x.ini:1: [brokr] is no section, what it holds is ignored; did you mean \"broker\"? Valid: broker, "
-               "interfaces, cloud, connman, log"}},
+               "interfaces, cloud, connman, gateway, log"}},
         Fault{"OpenSection",
               "[broker\nport = 1\n",
               {"x.ini:1: \"[broker\" has no closing bracket, what follows is ignored up to the next section"}},
         Fault{"NoSection",
               "port = 1\n[broker]\n",
               {"x.ini:1: \"port\" stands before the first section, ignored. Valid sections: broker, interfaces, cloud, "
-               "connman, log"}},
+               "connman, gateway, log"}},
         Fault{"NoValue",
               "[broker]\nport\nport = 1\n",
               {"x.ini:2: \"port\" is neither a section, a comment nor key = value, ignored"}},
@@ -394,6 +412,60 @@ TEST_F(TheSettingsOfAProcess, AreTheDefaultsWhereTheFileIsSilent) {
                      OrvResources::CreateStaticConfigStore()->GetValue(0).c_str());
     });
     EXPECT_EQ(ended.Lines(), Lines{"eth0 wwan0 |"});
+}
+
+class TheEnvironment : public AConfigurationFile {
+protected:
+    /// What a process with these variables says of its suffix and controller, and of what is wrong with them.
+    Lines Made(const std::string& variable, const std::string& value) const {
+        const std::string path =
+            folder.Write("x.ini", "[broker]\nclient_id_suffix = -file\n[gateway]\ncontroller = file\n");
+        return RunInChild({{"ORV_GATEWAY_CONFIG", path}, {variable, value}},
+                          [] {
+                              const auto& config = Config();
+                              std::fprintf(stderr, "%s %s\n", config.broker.clientIdSuffix.c_str(),
+                                           config.gateway.controller.c_str());
+                          })
+            .Lines();
+    }
+
+    const std::string notice =
+        "info [GatewayConfig] [gateway] controller is file: what this program, "
+        "orv-platform-config-tests, orders from the connection manager or publishes for the whole "
+        "gateway is dropped";
+};
+
+TEST_F(TheEnvironment, HasTheLastWordOnSuffixAndController) {
+    EXPECT_EQ(Made("ORV_CLIENT_ID_SUFFIX", "-mine"), (Lines{notice, "-mine file"}));
+    EXPECT_EQ(Made("ORV_GATEWAY_CONTROLLER", "orv-platform-config-tests"), Lines{"-file orv-platform-config-tests"});
+}
+
+TEST_F(TheEnvironment, MayTakeSuffixAndControllerAway) {
+    EXPECT_EQ(Made("ORV_CLIENT_ID_SUFFIX", ""), (Lines{notice, " file"}));
+    EXPECT_EQ(Made("ORV_GATEWAY_CONTROLLER", ""), Lines{"-file "});
+}
+
+TEST_F(TheEnvironment, IsReportedWhereItIsWrongAndTheFileCounts) {
+    EXPECT_EQ(Made("ORV_CLIENT_ID_SUFFIX", "a b"),
+              (Lines{"error [GatewayConfig] ORV_CLIENT_ID_SUFFIX: \"a b\" is not valid, ignored. Valid: up to 32 "
+                     "letters, digits, '-', '_', '.', %a, %p and %n, or nothing",
+                     notice, "-file file"}));
+}
+
+TEST(TheNameOfTheProgram, IsThatOfItsFileWhateverItIsCalled) {
+    const Ended ended = RunInChild({}, [] {
+        char otherName[] = "other";
+        program_invocation_short_name = otherName;
+        ::prctl(PR_SET_NAME, otherName);
+        std::fprintf(stderr, "%s\n", ProgramName().c_str());
+    });
+    EXPECT_EQ(ended.Lines(), Lines{"orv-platform-config-tests"});
+}
+
+TEST(TheNameOfTheProgram, OutlivesTheReplacementOfItsFile) {
+    EXPECT_EQ(ProgramNameOf("/usr/bin/gateway-app (deleted)"), "gateway-app");
+    EXPECT_EQ(ProgramNameOf("/usr/bin/ (deleted)"), " (deleted)");
+    EXPECT_EQ(ProgramNameOf("gateway-app"), "gateway-app");
 }
 
 TEST_F(TheSettingsOfAProcess, AreReportedOnceWhenTheyAreWrongAlsoWithoutALogger) {

@@ -54,10 +54,25 @@ TEST(AGoodText, MayHoldBlanksAndAnyVisibleCharacter) {
 }
 
 TEST(AGoodSuffix, MayNumberTheProcessTheClientOrBoth) {
-    for (const char* suffix : {"%p", "%n", "%p%n", "-%n.%p_x"})
+    for (const char* suffix : {"", "%a", "%p", "%n", "%p%n", "-%n.%p_%ax"})
         EXPECT_TRUE(Takes("broker", "client_id_suffix", suffix)) << suffix;
-    for (const char* suffix : {"%x", "%", "%%", "x%", "%px%", "%P"})
+    for (const char* suffix : {"%x", "%", "%%", "x%", "%px%", "%P", "%a%"})
         EXPECT_FALSE(Takes("broker", "client_id_suffix", suffix)) << suffix;
+}
+
+TEST(AControllersName, IsThatOfAFile) {
+    for (const char* name : {"gateway-app", "a b", "x.sh", "\xc3\xa4"})
+        EXPECT_TRUE(Takes("gateway", "controller", name)) << name;
+    EXPECT_TRUE(Takes("gateway", "controller", std::string(255, 'x')));
+    for (const std::string& name : {std::string("/x"), std::string("a\x1b"), std::string(256, 'x')})
+        EXPECT_FALSE(Takes("gateway", "controller", name)) << name;
+}
+
+TEST(AListOfTopics, HoldsFiltersAsForASubscription) {
+    for (const char* list : {"", "a", "#", "+", "/", "/a/+/b", "a/#", "+/+/#", "a,b", " a , b ", "a b"})
+        EXPECT_TRUE(Takes("gateway", "topics", list)) << list;
+    for (const char* list : {"a+", "+a", "a#", "#/a", "a/#/b", "a, ", "a\x01", "a/b+/c"})
+        EXPECT_FALSE(Takes("gateway", "topics", list)) << list;
 }
 
 TEST(ASuggestion, IsTheNearestWord) {

@@ -34,6 +34,8 @@ namespace QUILMQTT {
 class QueueOwner {
 public:
     /// What a publication returns. Any value but 0 means that nothing was sent and that nothing will be.
+    /// Where the settings name another program as the gateway's controller, a publication on one of the gateway's
+    /// topics is dropped and returns 0 all the same.
     enum PublishStatus : int {
         HANDED_OVER = 0,
         NOT_CONNECTED = 1,     ///< no connection at the moment; it is being made again when it was lost

@@ -8,6 +8,7 @@
 #include "MosquittoClient.h"
 #include "OutstandingPublications.h"
 #include "TestClient.h"
+#include "TopicFilter.h"
 
 #include <gtest/gtest.h>
 #include <mosquitto.h>
@@ -267,18 +268,33 @@ TEST(AnEventQueue, LetsGoOfTheSlotsThatABurstNeeded) {
 
 TEST(AClientIdSuffix, HasEachPlaceholderReplacedWhereverItStands) {
     const std::string process = std::to_string(getpid());
-    EXPECT_EQ(ClientIdSuffix("", "plain"), "");
-    EXPECT_EQ(ClientIdSuffix("-%-100%x", "plain"), "-%-100%x");
-    EXPECT_EQ(ClientIdSuffix("%p-%p", "plain"), process + "-" + process);
-    EXPECT_EQ(ClientIdSuffix("%n%n.%p", OrvTest::FreshId("twice")), "11." + process);
+    EXPECT_EQ(ClientIdSuffix("", "plain", "meter"), "");
+    EXPECT_EQ(ClientIdSuffix("-%-100%x", "plain", "meter"), "-%-100%x");
+    EXPECT_EQ(ClientIdSuffix("%p-%p", "plain", "meter"), process + "-" + process);
+    EXPECT_EQ(ClientIdSuffix("%a-%a", "plain", "meter"), "meter-meter");
+    EXPECT_EQ(ClientIdSuffix("%n%n.%p", OrvTest::FreshId("twice"), "meter"), "11." + process);
+}
+
+TEST(AClientIdSuffix, NamesTheProgramInCharactersThatEveryBrokerTakes) {
+    EXPECT_EQ(ClientIdSuffix("%a", "plain", "a b/c#%p\xc3\xa4.-_9"), "a_b_c__p__.-_9");
+    EXPECT_EQ(ClientIdSuffix("%a", "plain", std::string(33, 'x')), std::string(32, 'x'));
 }
 
 TEST(AClientIdSuffix, NumbersTheClientsOfEachIdThatAskForIt) {
     const std::string one = OrvTest::FreshId("one");
-    EXPECT_EQ(ClientIdSuffix("-shell", one), "-shell");
-    EXPECT_EQ(ClientIdSuffix("-%n", one), "-1");
-    EXPECT_EQ(ClientIdSuffix("-%n", OrvTest::FreshId("another")), "-1");
-    EXPECT_EQ(ClientIdSuffix("-%n", one), "-2");
+    EXPECT_EQ(ClientIdSuffix("-shell", one, "meter"), "-shell");
+    EXPECT_EQ(ClientIdSuffix("-%n", one, "meter"), "-1");
+    EXPECT_EQ(ClientIdSuffix("-%n", OrvTest::FreshId("another"), "meter"), "-1");
+    EXPECT_EQ(ClientIdSuffix("-%n", one, "meter"), "-2");
+}
+
+TEST(ATopicFilter, MatchesAsASubscriptionWould) {
+    const std::vector<std::string> filters{"/orv/led/+", "/orv/network/#", "/exact"};
+    for (const char* topic : {"/orv/led/green", "/orv/network", "/orv/network/wan/inhibit_dns", "/exact"})
+        EXPECT_TRUE(MatchesAny(filters, topic)) << topic;
+    for (const char* topic : {"", "/orv/led", "/orv/led/a/b", "/orv/networks", "/exact/", "exact", "/orv/led/+"})
+        EXPECT_FALSE(MatchesAny(filters, topic)) << topic;
+    EXPECT_FALSE(MatchesAny({}, "/exact"));
 }
 
 TEST(AnErrorText, NamesTheCauseAndWhereItCanTheRemedy) {

@@ -337,8 +337,8 @@ TEST_F(TwoClientsWithOneId, AreReportedOnceWithTheRemedy) {
     ASSERT_TRUE(first.Connect());
     ASSERT_TRUE(second.Connect());
     ASSERT_TRUE(WaitUntil([&] { return first.Connects() + second.Connects() >= 10; }, 60s));
-    const std::size_t reports = Logged("another client uses the same id; give each application a [broker] "
-                                       "client_id_suffix of its own (with %n in it for several clients in one)");
+    const std::size_t reports = Logged("another client uses the same id; leave [broker] client_id_suffix "
+                                       "out, or put %p and %n into it");
     EXPECT_GE(reports, 1U);
     EXPECT_LE(reports, 2U) << "each of the two says it once";
 }

@@ -6,17 +6,13 @@
 
 namespace OrvTest {
 
-namespace {
-
-OrvPlatform::GatewayConfig& Settings() {
+OrvPlatform::GatewayConfig& GatewaySettings() {
     static OrvPlatform::GatewayConfig settings;
     return settings;
 }
 
-} // namespace
-
 OrvPlatform::GatewayConfig::Broker& BrokerSettings() {
-    return Settings().broker;
+    return GatewaySettings().broker;
 }
 
 std::string FreshId(const std::string& beginning) {
@@ -70,5 +66,5 @@ std::vector<std::string> TestClient::Delivered() const {
 } // namespace OrvTest
 
 const OrvPlatform::GatewayConfig& OrvPlatform::Config() {
-    return OrvTest::Settings();
+    return OrvTest::GatewaySettings();
 }

@@ -27,7 +27,7 @@ Surroundings& Around() {
 std::string WriteSettings(const std::string& name) {
     const MosquittoBroker& broker = Around().broker;
     std::string file = broker.Folder() + "/" + name + ".ini";
-    std::ofstream(file) << "[broker]\nport = " << broker.Port() << "\nclient_id_suffix = -" << name
+    std::ofstream(file) << "[broker]\nport = " << broker.Port()
                         << "\n[connman]\nbus_address = " << Around().bus.Address()
                         << "\n[log]\nsink = file\nlevel = trace\nfile = " << broker.Folder() << "/" << name << ".log\n";
     return file;

@@ -85,7 +85,7 @@ protected:
     void Publish(const std::string& topic, const std::string& payload, bool retained = false);
 
     static MosquittoBroker& Broker();
-    /// The path of settings for another process: its client ids are its own.
+    /// The path of settings for another process: the same but for the log file.
     static std::string SettingsOfAnother();
 
     RawClient witness;

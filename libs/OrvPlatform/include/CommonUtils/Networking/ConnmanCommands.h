@@ -9,7 +9,8 @@ namespace CommonUtils::Networking {
 
 /// Commands to the connection manager (ConnMan), which owns the gateway's routes and name servers.
 /// No call waits for the connection manager or for its bus: questions are answered from the last known picture, orders
-/// are accepted and carried out in the background. Callable from any thread; nothing is thrown.
+/// are accepted and carried out in the background. Where the settings name another program as the gateway's controller,
+/// orders are dropped and return true. Callable from any thread; nothing is thrown.
 class ConnmanCommands {
 public:
     /// The one instance of the process, made on first use.
