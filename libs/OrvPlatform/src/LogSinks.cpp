@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "LogSinks.h"
 
+#include "LogWrites.h"
+
 #include <cerrno>
-#include <csignal>
 #include <cstring>
+#include <exception>
 #include <fcntl.h>
 #include <spdlog/details/null_mutex.h>
 #include <spdlog/pattern_formatter.h>
@@ -14,6 +16,7 @@
 #include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
+#include <utility>
 
 namespace OrvPlatform {
 
@@ -33,57 +36,6 @@ std::unique_ptr<spdlog::formatter> LayoutWithTime() {
 
 [[noreturn]] void Fail(const std::string& what, int error) {
     throw spdlog::spdlog_ex(what + ": " + ErrorText(error));
-}
-
-/// While it lives, SIGPIPE and SIGXFSZ cannot reach this thread; those that its writes caused are taken back.
-class WriteSignalsHeld {
-public:
-    WriteSignalsHeld() noexcept {
-        sigemptyset(&held);
-        sigaddset(&held, SIGPIPE);
-        sigaddset(&held, SIGXFSZ);
-        pthread_sigmask(SIG_BLOCK, &held, &before);
-    }
-    ~WriteSignalsHeld() {
-        if (caused != 0 && sigismember(&before, caused) == 0) {
-            sigset_t set;
-            sigemptyset(&set);
-            sigaddset(&set, caused);
-            constexpr timespec atOnce{};
-            sigtimedwait(&set, nullptr, &atOnce);
-        }
-        pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    }
-    WriteSignalsHeld(const WriteSignalsHeld&) = delete;
-    WriteSignalsHeld& operator=(const WriteSignalsHeld&) = delete;
-
-    void Failed(int error) noexcept { caused = error == EPIPE ? SIGPIPE : error == EFBIG ? SIGXFSZ : 0; }
-
-private:
-    sigset_t held{};
-    sigset_t before{};
-    int caused = 0;
-};
-
-struct Written {
-    std::size_t bytes = 0;
-    int error = 0;
-};
-
-Written WriteAll(int file, std::string_view text) noexcept {
-    WriteSignalsHeld signals;
-    Written written;
-    while (written.bytes < text.size()) {
-        const ssize_t count = ::write(file, text.data() + written.bytes, text.size() - written.bytes);
-        if (count > 0) {
-            written.bytes += static_cast<std::size_t>(count);
-        } else if (count == 0 || errno != EINTR) {
-            written.error = count == 0 ? EIO : errno;
-            signals.Failed(written.error);
-            break;
-        }
-    }
-    return written;
 }
 
 /// Remembers when a failed write left the beginning of a line behind, so that the next record does not continue it.
@@ -117,15 +69,59 @@ protected:
     void sink_it_(const log_msg& message) override {
         spdlog::memory_buf_t line;
         formatter_->format(message, line);
-        const Written written = writer.Write(descriptor, line);
-        if (written.error != 0)
-            Fail("standard error", written.error);
+        const bool lastIsWhole = FinishLast();
+        const Written written = WriteWithoutWaiting(descriptor, {line.data(), line.size()});
+        if (written.error == EAGAIN && written.bytes > 0)
+            unfinished = {{line.data() + written.bytes, line.size() - written.bytes}, Target(), ::getpid()};
+        else if (written.error != 0) {
+            if (written.bytes > 0)
+                unfinished = {"\n", Target(), ::getpid()};
+            FailToWrite(written.error);
+        }
+        if (!lastIsWhole)
+            throw spdlog::spdlog_ex("standard error was replaced in the middle of a record");
     }
     void flush_() override {}
 
 private:
+    /// What is still to come of the last record, or of its line when it was lost on the way.
+    struct Unfinished {
+        std::string rest;
+        std::pair<dev_t, ino_t> target{};
+        pid_t process = 0; // a child that was forked in between leaves it to its parent
+    };
+
+    /// @return false when it never will be, because its beginning went elsewhere
+    bool FinishLast() {
+        if (unfinished.rest.empty())
+            return true;
+        const bool isMine = unfinished.process == ::getpid();
+        if (!isMine || unfinished.target != Target()) {
+            const bool wasLostAlready = unfinished.rest == "\n";
+            unfinished.rest.clear();
+            return !isMine || wasLostAlready;
+        }
+        const Written written = WriteWithoutWaiting(descriptor, unfinished.rest);
+        unfinished.rest.erase(0, written.bytes);
+        if (written.error != 0)
+            FailToWrite(written.error);
+        return true;
+    }
+
+    std::pair<dev_t, ino_t> Target() const {
+        struct stat status = {};
+        ::fstat(descriptor, &status);
+        return {status.st_dev, status.st_ino};
+    }
+
+    [[noreturn]] static void FailToWrite(int error) {
+        if (error == EAGAIN)
+            throw spdlog::spdlog_ex("standard error: its reader does not keep up");
+        Fail("standard error", error);
+    }
+
     const int descriptor;
-    LineWriter writer;
+    Unfinished unfinished;
 };
 
 class FileSink final : public LineSink {
@@ -308,8 +304,11 @@ std::shared_ptr<spdlog::sinks::sink> MakeSyslogSink(std::string socketPath, std:
 }
 
 void WriteToStderr(const std::string& text) noexcept {
-    WriteAll(STDERR_FILENO, text);
-    WriteAll(STDERR_FILENO, "\n");
+    try {
+        WriteWithoutWaiting(STDERR_FILENO, text + '\n');
+    } catch (const std::exception&) {
+        // No memory: it is lost.
+    }
 }
 
 std::string ErrorText(int error) {
