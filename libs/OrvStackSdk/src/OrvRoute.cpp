@@ -106,7 +106,7 @@ OrvRoute::RouteState OrvRoute::Step(bool pokeSucceeded) {
 OrvRoute::RouteState OrvRoute::EthernetActive() {
     if (!cloudConnected) {
         Stamp();
-        logger.Debug("Tick") << "eth cloud lost, start delay to cell";
+        Note("eth cloud lost, start delay to cell");
         cloudConnectionReported = false;
         return RouteState::ETHERNET_LOST_DELAY;
     }
@@ -117,11 +117,11 @@ OrvRoute::RouteState OrvRoute::EthernetActive() {
 OrvRoute::RouteState OrvRoute::EthernetLostDelay() {
     if (cloudConnected && !ethernetIpUp && cellularIpUp) {
         PublishDns(Words::DNS_INHIBIT);
-        logger.Debug("Tick") << "cell cloud reconnected by itself";
+        Note("cell cloud reconnected by itself");
         return RouteState::CELLULAR_ACTIVE;
     }
     if (cloudConnected) {
-        logger.Debug("Tick") << "eth cloud reconnected by itself";
+        Note("eth cloud reconnected by itself");
         return RouteState::ETHERNET_ACTIVE;
     }
     if (!ElapsedAtLeast(CELL_SWITCH_DELAY) || !cellularIpUp || pokeRunning)
@@ -137,7 +137,7 @@ OrvRoute::RouteState OrvRoute::PokingCellular(bool pokeSucceeded) {
         ConnmanCommands::GetInstance().SetTopPriorityInterface(cellularInterface);
         pokeRunning = false;
         Stamp();
-        logger.Debug("Tick") << "poke success, route to Cell";
+        Note("poke success, route to Cell");
         return RouteState::SWITCHING_TO_CELLULAR;
     }
     if (!cloudConnected && cellularIpUp && !ElapsedAtLeast(CELL_POKE_TIMEOUT))
@@ -147,7 +147,7 @@ OrvRoute::RouteState OrvRoute::PokingCellular(bool pokeSucceeded) {
         CleanPoke();
         PublishDns(Words::DNS_PERMIT);
     }
-    logger.Debug("Tick") << "poke cell aborted";
+    Note("poke cell aborted");
     return RouteState::ETHERNET_ACTIVE;
 }
 
@@ -155,7 +155,7 @@ OrvRoute::RouteState OrvRoute::SwitchingToCellular() {
     if (ConnmanCommands::GetInstance().GetTopPriorityInterface() == cellularInterface) {
         // No stamp: the grace time of the Ethernet poke counts from the start of that poke.
         reconnectNeeded = true;
-        logger.Debug("Tick") << "route is Cell, reconnecting";
+        Note("route is Cell, reconnecting");
         ReportCloudConnectedWith("Cellular");
         return RouteState::CELLULAR_ACTIVE;
     }
@@ -182,12 +182,12 @@ OrvRoute::RouteState OrvRoute::CellularActive(bool pokeSucceeded) {
     if (!pokeRunning || !pokeSucceeded)
         return RouteState::CELLULAR_ACTIVE;
 
-    ConnmanCommands::GetInstance().SetDnsConfiguration(cellularInterface, "0.0.0.0", "");
+    SetCellularNameServer("0.0.0.0");
     PublishDns(Words::DNS_PERMIT);
     pokeRunning = false;
     ConnmanCommands::GetInstance().SetTopPriorityInterface(ethernetInterface);
     Stamp();
-    logger.Debug("Tick") << "poke success, route to ETH";
+    Note("poke success, route to ETH");
     cloudConnectionReported = false;
     return RouteState::SWITCHING_TO_ETHERNET;
 }
@@ -197,13 +197,13 @@ OrvRoute::RouteState OrvRoute::SwitchingToEthernet() {
         reconnectNeeded = true;
         cloudLostSinceSwitch = false;
         Stamp();
-        logger.Debug("Tick") << "route is eth, reconnecting";
+        Note("route is eth, reconnecting");
         return RouteState::ETHERNET_SETTLE_DELAY;
     }
     if (!ElapsedAtLeast(TOP_INTERFACE_TIMEOUT))
         return RouteState::SWITCHING_TO_ETHERNET;
     ConnmanCommands::GetInstance().SetTopPriorityInterface(ethernetInterface);
-    ConnmanCommands::GetInstance().SetDnsConfiguration(cellularInterface, "", "");
+    SetCellularNameServer("");
     logger.Error() << "Failed to set " << ethernetInterface << " as top interface, restarting SM";
     return RouteState::ETHERNET_ACTIVE;
 }
@@ -212,8 +212,8 @@ OrvRoute::RouteState OrvRoute::EthernetSettleDelay() {
     // A cloud seen lost after the switch has let go of the old path: no need to wait longer.
     if (!cloudLostSinceSwitch && !ElapsedAtLeast(ETH_SETTLE_DELAY))
         return RouteState::ETHERNET_SETTLE_DELAY;
-    ConnmanCommands::GetInstance().SetDnsConfiguration(cellularInterface, "", "");
-    logger.Debug("Tick") << "cell to eth delay done";
+    SetCellularNameServer("");
+    Note("cell to eth delay done");
     return RouteState::ETHERNET_ACTIVE;
 }
 
@@ -221,6 +221,14 @@ void OrvRoute::StartPoke(const std::string& interfaceName) {
     pokeRunning = true;
     pokeInterface = interfaceName;
     Stamp();
+}
+
+void OrvRoute::SetCellularNameServer(const char* address) {
+    ConnmanCommands::GetInstance().SetDnsConfiguration(cellularInterface, address, "");
+}
+
+void OrvRoute::Note(const char* text) {
+    logger.Debug("Tick") << text;
 }
 
 void OrvRoute::MirrorCellularOnDnsTopic() {

@@ -18,16 +18,20 @@ namespace OrvStackSdk {
 ///
 /// Threads: every public operation may be called from any thread; each holds one mutex for its whole duration. A caller
 /// that holds a lock of its own takes that one first: the route calls back into nobody.
-/// Blocking: construction waits for the broker, at most 3 s. Nothing else waits for anything.
+/// Blocking: construction waits for the broker at most 3 s, destruction at most 1 s. Nothing else waits for anything.
 class OrvRoute : public QUILMQTT::QueueOwner {
 public:
     using Clock = std::chrono::steady_clock;
     using Now = std::function<Clock::time_point()>;
+    /// Instead of &Clock::now itself, whose type would put a long name into the library.
+    struct RealTime {
+        Clock::time_point operator()() const { return Clock::now(); }
+    };
 
     /// Makes Ethernet the top-priority interface and connects to the broker.
     /// @param now the monotonic clock that all delays are measured with
     /// @throws std::runtime_error when the broker cannot be reached
-    explicit OrvRoute(Now now = &Clock::now);
+    explicit OrvRoute(Now now = RealTime());
     ~OrvRoute() override;
 
     /// Takes over the connectivity picture and re-asserts the present choice of interface with the connection manager.
@@ -61,7 +65,9 @@ private:
     RouteState Step(bool pokeSucceeded);
 
     void StartPoke(const std::string& interfaceName);
+    void SetCellularNameServer(const char* address);
     void MirrorCellularOnDnsTopic();
+    void Note(const char* text);
     void ReportCloudConnectedWith(const char* path);
     void PublishDns(const char* word);
     void Stamp();

@@ -20,10 +20,13 @@ class OrvStatusHandler {
 public:
     using Clock = std::chrono::system_clock;
     using Now = std::function<Clock::time_point()>;
+    struct RealTime {
+        Clock::time_point operator()() const { return Clock::now(); }
+    };
 
     /// Writes the status file, so that it exists from the start. Neither LEDs nor status are sent.
     /// @param now the wall clock of the error file
-    OrvStatusHandler(std::shared_ptr<IOrvSession> session, std::shared_ptr<OrvRoute> route, Now now = &Clock::now);
+    OrvStatusHandler(std::shared_ptr<IOrvSession> session, std::shared_ptr<OrvRoute> route, Now now = RealTime());
 
     /// Takes one event and evaluates all outputs anew, as one unit. Callable from any thread.
     void SetEvent(const OrvEvent& event);
