@@ -2,11 +2,27 @@
 // The poke: proof that the cloud side is reachable over one interface, by a TLS connection that requests nothing.
 #include "OrvRoute.h"
 
+#include <cerrno>
+#include <net/if.h>
+#include <sys/socket.h>
+
 namespace OrvStackSdk {
 
 namespace {
 
 constexpr long POKE_TIMEOUT_SECONDS = 15;
+
+// Where the kernel refuses the interface, libcurl would bind to its address instead, and to nothing at all where the
+// name is empty or too long: such a connection may leave by any interface and proves nothing. A missing interface is
+// left to libcurl to report.
+extern "C" int HoldToInterface(void* pokeInterface, curl_socket_t descriptor, curlsocktype) noexcept {
+    const auto& name = *static_cast<const std::string*>(pokeInterface);
+    const auto length = static_cast<socklen_t>(name.size());
+    const bool held =
+        length != 0 && length < IFNAMSIZ &&
+        (setsockopt(descriptor, SOL_SOCKET, SO_BINDTODEVICE, name.c_str(), length) == 0 || errno == ENODEV);
+    return held ? CURL_SOCKOPT_OK : CURL_SOCKOPT_ERROR;
+}
 
 } // namespace
 
@@ -23,7 +39,7 @@ bool OrvRoute::SetupPoke() {
     curl_easy_setopt(easyHandle, CURLOPT_URL, pokeUrl.c_str());
     curl_easy_setopt(easyHandle, CURLOPT_CONNECT_ONLY, 1L);
     curl_easy_setopt(easyHandle, CURLOPT_NOBODY, 1L);
-    curl_easy_setopt(easyHandle, CURLOPT_INTERFACE, pokeInterface.c_str());
+    curl_easy_setopt(easyHandle, CURLOPT_INTERFACE, ("if!" + pokeInterface).c_str());
     curl_easy_setopt(easyHandle, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easyHandle, CURLOPT_FAILONERROR, 1L);
     curl_easy_setopt(easyHandle, CURLOPT_TIMEOUT, POKE_TIMEOUT_SECONDS);
@@ -33,6 +49,8 @@ bool OrvRoute::SetupPoke() {
     // Otherwise the clean-up waits for a name look-up under way, for many seconds when the name servers are mute.
     curl_easy_setopt(easyHandle, CURLOPT_QUICK_EXIT, 1L);
 #endif
+    curl_easy_setopt(easyHandle, CURLOPT_SOCKOPTFUNCTION, &HoldToInterface);
+    curl_easy_setopt(easyHandle, CURLOPT_SOCKOPTDATA, &pokeInterface);
     if (curl_multi_add_handle(multiHandle, easyHandle) == CURLM_OK)
         return true;
     curl_easy_cleanup(easyHandle);

@@ -41,11 +41,13 @@ TEST_F(ThePoke, IsNotTouchedBeforeTheTickAfterItsStart) {
 }
 
 TEST_F(ThePoke, IsSetUpWithItsOptionsInOrderAndDrivenOneStep) {
-    EXPECT_EQ(AfterTick(), (Entries{"curl multi_init", "curl easy_init", "curl setopt URL https://cloud.example",
-                                    "curl setopt CONNECT_ONLY 1", "curl setopt NOBODY 1", "curl setopt INTERFACE wwan0",
-                                    "curl setopt NOSIGNAL 1", "curl setopt FAILONERROR 1", "curl setopt TIMEOUT 15",
-                                    "curl setopt FORBID_REUSE 1", "curl setopt FRESH_CONNECT 1",
-                                    "curl setopt QUICK_EXIT 1", "curl add_handle", "curl perform"}));
+    EXPECT_EQ(
+        AfterTick(),
+        (Entries{"curl multi_init", "curl easy_init", "curl setopt URL https://cloud.example",
+                 "curl setopt CONNECT_ONLY 1", "curl setopt NOBODY 1", "curl setopt INTERFACE if!wwan0",
+                 "curl setopt NOSIGNAL 1", "curl setopt FAILONERROR 1", "curl setopt TIMEOUT 15",
+                 "curl setopt FORBID_REUSE 1", "curl setopt FRESH_CONNECT 1", "curl setopt QUICK_EXIT 1",
+                 "curl setopt SOCKOPTFUNCTION set", "curl setopt SOCKOPTDATA set", "curl add_handle", "curl perform"}));
     EXPECT_EQ(FakeCurl::LiveHandles(), 2);
 }
 

@@ -50,6 +50,8 @@ const std::map<int, std::string> OPTION_NAMES = {
 #if LIBCURL_VERSION_NUM >= 0x075700
     {CURLOPT_QUICK_EXIT, "QUICK_EXIT"},
 #endif
+    {CURLOPT_SOCKOPTFUNCTION, "SOCKOPTFUNCTION"},
+    {CURLOPT_SOCKOPTDATA, "SOCKOPTDATA"},
 };
 
 void Note(const std::string& call) {
@@ -112,10 +114,13 @@ CURLcode curl_easy_setopt(CURL* easy, CURLoption option, ...) {
     const auto name = OPTION_NAMES.find(option);
     const std::string text = name == OPTION_NAMES.end() ? std::to_string(option) : name->second;
     // The options' numbers tell the type of their argument.
-    if (option < CURLOPTTYPE_OBJECTPOINT)
+    if (option < CURLOPTTYPE_OBJECTPOINT) {
         SetOption(easy, text, std::to_string(va_arg(arguments, long)));
-    else
-        SetOption(easy, text, va_arg(arguments, const char*));
+    } else {
+        const auto* value = va_arg(arguments, const char*);
+        const bool isText = option < CURLOPTTYPE_FUNCTIONPOINT && option != CURLOPT_SOCKOPTDATA;
+        SetOption(easy, text, value ? isText ? value : "set" : "null");
+    }
     va_end(arguments);
     return CURLE_OK;
 }
@@ -225,13 +230,13 @@ int FakeCurl::LiveHandles() {
 Entries FakeCurl::SetUpLines(const std::string& url, const std::string& interfaceName) {
     return {
         "curl multi_init", "curl easy_init", "curl setopt URL " + url, "curl setopt CONNECT_ONLY 1",
-            "curl setopt NOBODY 1", "curl setopt INTERFACE " + interfaceName, "curl setopt NOSIGNAL 1",
+            "curl setopt NOBODY 1", "curl setopt INTERFACE if!" + interfaceName, "curl setopt NOSIGNAL 1",
             "curl setopt FAILONERROR 1", "curl setopt TIMEOUT 15", "curl setopt FORBID_REUSE 1",
             "curl setopt FRESH_CONNECT 1",
 #if LIBCURL_VERSION_NUM >= 0x075700
             "curl setopt QUICK_EXIT 1",
 #endif
-            "curl add_handle"
+            "curl setopt SOCKOPTFUNCTION set", "curl setopt SOCKOPTDATA set", "curl add_handle"
     };
 }
 
