@@ -46,18 +46,27 @@ std::string JsonText(const std::string& text) {
 Transcript::Transcript(const std::string& path) {
     if (path.empty())
         return;
-    file.open(path, std::ios::app);
+    file.reset(std::fopen(path.c_str(), "ae"));
     if (!file)
         throw std::system_error(errno, std::generic_category(), "open the transcript '" + path + "'");
+    std::setvbuf(file.get(), nullptr, _IONBF, 0);
 }
 
 void Transcript::Write(const std::string& what, const Fields& fields) {
-    if (!file.is_open())
+    if (!file)
         return;
-    file << "{\"time\":\"" << WallClock() << "\",\"monotonic\":" << Monotonic() << ",\"what\":" << JsonText(what);
+    std::string line = torn ? "\n" : "";
+    line += "{\"time\":\"" + WallClock() + "\",\"monotonic\":" + Monotonic() + ",\"what\":" + JsonText(what);
     for (const auto& [name, value] : fields)
-        file << ',' << JsonText(name) << ':' << value;
-    file << '}' << std::endl; // whoever follows the file wants the line now
+        line += ',' + JsonText(name) + ':' + value;
+    if (lost != 0)
+        line += ",\"lost_before\":" + std::to_string(lost);
+    line += "}\n";
+    const std::size_t written = std::fwrite(line.data(), 1, line.size(), file.get());
+    std::clearerr(file.get());
+    if (written > 0)
+        torn = written < line.size();
+    lost = written == line.size() ? 0 : lost + 1;
 }
 
 } // namespace GatewayApp

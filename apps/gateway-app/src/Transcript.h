@@ -2,7 +2,8 @@
 #pragma once
 
 #include <cstdint>
-#include <fstream>
+#include <cstdio>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -23,10 +24,17 @@ public:
     explicit Transcript(const std::string& path);
 
     /// Writes one line: "time" (wall clock, UTC), "monotonic" (seconds of CLOCK_MONOTONIC), "what", and the fields.
+    /// Lines that could not be written are lost; the next one that can be has their number as "lost_before".
     void Write(const std::string& what, const Fields& fields);
 
 private:
-    std::ofstream file;
+    struct Close {
+        void operator()(std::FILE* opened) const { std::fclose(opened); }
+    };
+
+    std::unique_ptr<std::FILE, Close> file; // without a buffer: a line that was refused is not tried again
+    std::uint64_t lost = 0;
+    bool torn = false; // the file ends in the middle of a line
 };
 
 } // namespace GatewayApp

@@ -2,11 +2,16 @@
 #include "Transcript.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
+#include <fstream>
 #include <sstream>
+#include <string>
 #include <system_error>
+#include <vector>
 
 namespace GatewayApp {
 namespace {
@@ -31,6 +36,48 @@ TEST(ATranscript, HasALineForEachHappening) {
     const std::string end = ",\"what\":\"event\",\"event\":\"CLOUD_CONNECTED\",\"cloud\":true}\n";
     ASSERT_GT(line.size(), end.size());
     EXPECT_EQ(line.substr(line.size() - end.size()), end);
+}
+
+/// While it lives, no file can grow beyond so many bytes: a full disk.
+class AFullDisk {
+public:
+    explicit AFullDisk(rlim_t size) : handler(std::signal(SIGXFSZ, SIG_IGN)) {
+        getrlimit(RLIMIT_FSIZE, &before);
+        const rlimit limit{size, before.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~AFullDisk() {
+        setrlimit(RLIMIT_FSIZE, &before);
+        std::signal(SIGXFSZ, handler);
+    }
+
+private:
+    void (*handler)(int);
+    rlimit before{};
+};
+
+TEST(ATranscript, GoesOnWhenTheDiskHasRoomAgain) {
+    std::string path = testing::TempDir() + "transcript-XXXXXX";
+    close(mkstemp(path.data()));
+    Transcript transcript(path);
+    transcript.Write("before", {});
+    {
+        const AFullDisk disk(100); // a line has more than 50 characters
+        transcript.Write("torn", {});
+        transcript.Write("lost", {});
+    }
+    transcript.Write("after", {});
+    transcript.Write("later", {});
+    std::ifstream file(path);
+    std::vector<std::string> whole;
+    for (std::string line; std::getline(file, line);) {
+        if (!line.empty() && line.back() == '}')
+            whole.push_back(line.substr(line.find(",\"what\"")));
+    }
+    std::remove(path.c_str());
+    const std::vector<std::string> expected = {R"(,"what":"before"})", R"(,"what":"after","lost_before":2})",
+                                               R"(,"what":"later"})"};
+    EXPECT_EQ(whole, expected);
 }
 
 TEST(ATranscript, IsRefusedWhereItCannotBeWritten) {
