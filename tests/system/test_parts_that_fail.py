@@ -80,3 +80,18 @@ def test_a_closed_cloud_moves_nothing(scene):
     assert scene.box.default_interfaces() == ["eth0"]
     scene.box("cloud", "up")
     scene.settles("eth0", 15)
+
+
+def test_a_lease_that_ends_costs_no_more_than_a_dead_provider(scene):
+    """The connection manager goes on with the interface that has lost its address: there is no default route at all."""
+    scene.expected_complaints = ("poke error 6", "poke error 7")
+    scene.box("lease", "eth", "end")
+    assert scene.box.default_interfaces() == []
+    scene.connected = {"eth0", "wwan0"}
+    scene.application.wait_for("Started Poke to cell if wwan0", 15)
+    place = scene.application.mark()
+    scene.application.wait_for("poke success, route to Cell", 20)
+    assert not scene.application.said("poke error 28", place)
+    scene.application.wait_for_cloud("wwan0", 5)
+    scene.box("lease", "eth", "back")
+    scene.settles("eth0", 30)

@@ -35,7 +35,7 @@ void NetworkWatcher::ReadNotifications() {
         const WanInterfaces::Events more = Take(message);
         events.insert(events.end(), more.begin(), more.end());
     });
-    if (!complete) {
+    if (!complete || missedSome) {
         const WanInterfaces::Events more = ReadAll();
         events.insert(events.end(), more.begin(), more.end());
     }
@@ -59,34 +59,34 @@ WanInterfaces::Events NetworkWatcher::Take(const nlmsghdr& message) {
 
 WanInterfaces::Events NetworkWatcher::ReadAll() {
     std::vector<Link> links;
-    requests.Dump(RTM_GETLINK, AF_UNSPEC, [&](const nlmsghdr& message) {
+    std::vector<Address> addresses;
+    const bool whole = requests.Dump(RTM_GETLINK, AF_UNSPEC, [&](const nlmsghdr& message) {
         if (std::optional<Link> link = OrvNetlink::ReadLink(message))
             links.push_back(std::move(*link));
-    });
-    std::vector<Address> addresses;
-    requests.Dump(RTM_GETADDR, AF_INET, [&](const nlmsghdr& message) {
+    }) && requests.Dump(RTM_GETADDR, AF_INET, [&](const nlmsghdr& message) {
         if (const std::optional<Address> address = OrvNetlink::ReadAddress(message))
             addresses.push_back(*address);
     });
-    return wan.Replace(links, addresses);
+    missedSome = !whole; // what changes all the time brings the next notification
+    return whole ? wan.Replace(links, addresses) : WanInterfaces::Events{};
 }
 
 std::string NetworkWatcher::FindDefaultInterface() {
     std::optional<Route> best;
-    requests.Dump(RTM_GETROUTE, AF_INET, [&](const nlmsghdr& message) {
+    bool whole = requests.Dump(RTM_GETROUTE, AF_INET, [&](const nlmsghdr& message) {
         const std::optional<Route> route = OrvNetlink::ReadRoute(message);
         if (route && route->table == RT_TABLE_MAIN && route->IsDefault() && (!best || route->metric < best->metric))
             best = route;
     });
     std::string name;
     if (best) {
-        requests.Dump(RTM_GETLINK, AF_UNSPEC, [&](const nlmsghdr& message) {
+        whole = whole && requests.Dump(RTM_GETLINK, AF_UNSPEC, [&](const nlmsghdr& message) {
             const std::optional<Link> link = OrvNetlink::ReadLink(message);
             if (link && link->index == best->link)
                 name = link->name;
         });
     }
-    return name;
+    return whole ? name : defaultInterface;
 }
 
 } // namespace GatewayApp

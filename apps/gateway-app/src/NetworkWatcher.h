@@ -39,6 +39,7 @@ private:
     const Handler handler;
     OrvNetlink::Socket notifications;
     OrvNetlink::Socket requests;
+    bool missedSome = false; // notifications; everything has to be read
     std::string defaultInterface;
 };
 

@@ -122,17 +122,19 @@ std::optional<Route> ReadRoute(const nlmsghdr& message) {
 
 std::optional<Rule> ReadRule(const nlmsghdr& message) {
     const auto* header = HeaderOf<fib_rule_hdr>(message, RTM_NEWRULE, RTM_DELRULE);
-    if (header == nullptr || header->family != AF_INET || header->action != FR_ACT_TO_TBL || header->src_len != 0 ||
-        header->dst_len != 0)
+    if (header == nullptr || header->family != AF_INET || header->action != FR_ACT_TO_TBL || header->dst_len != 0)
         return std::nullopt;
     const Attributes attributes(message, sizeof(*header));
-    if (!attributes.Has(FRA_OIFNAME))
+    const bool forAnInterface = attributes.Has(FRA_OIFNAME) && header->src_len == 0;
+    const bool forAnAddress = !attributes.Has(FRA_OIFNAME) && header->src_len == 32;
+    if (!forAnInterface && !forAnAddress)
         return std::nullopt;
     Rule rule;
     rule.priority = attributes.Number(FRA_PRIORITY);
     rule.table = attributes.Number(FRA_TABLE, header->table);
     rule.protocol = attributes.Byte(FRA_PROTOCOL);
     rule.interface = attributes.Text(FRA_OIFNAME);
+    rule.source = attributes.Ip(FRA_SRC);
     return rule;
 }
 
@@ -165,10 +167,14 @@ nlmsghdr& WriteRule(void* buffer, std::uint16_t type, std::uint16_t flags, const
     auto& header = *static_cast<fib_rule_hdr*>(mnl_nlmsg_put_extra_header(&message, sizeof(fib_rule_hdr)));
     header.family = AF_INET;
     header.action = FR_ACT_TO_TBL;
+    header.src_len = rule.source ? 32 : 0;
     mnl_attr_put_u32(&message, FRA_TABLE, rule.table);
     mnl_attr_put_u32(&message, FRA_PRIORITY, rule.priority);
     mnl_attr_put_u8(&message, FRA_PROTOCOL, rule.protocol);
-    mnl_attr_put_strz(&message, FRA_OIFNAME, rule.interface.c_str());
+    if (!rule.interface.empty())
+        mnl_attr_put_strz(&message, FRA_OIFNAME, rule.interface.c_str());
+    if (rule.source)
+        mnl_attr_put_u32(&message, FRA_SRC, rule.source.networkOrder);
     return message;
 }
 

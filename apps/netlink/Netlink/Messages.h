@@ -56,16 +56,19 @@ struct Route {
     }
 };
 
-/// An IPv4 rule of the form "oif INTERFACE lookup TABLE".
+/// An IPv4 rule of the form "oif INTERFACE lookup TABLE" or "from ADDRESS lookup TABLE".
 struct Rule {
     std::uint32_t priority = 0;
     std::uint32_t table = 0;
     std::uint8_t protocol = 0;
+    /// Empty in a rule for an address.
     std::string interface;
+    /// 0.0.0.0 in a rule for an interface.
+    Ipv4 source;
 
     bool operator==(const Rule& other) const {
         return priority == other.priority && table == other.table && protocol == other.protocol &&
-               interface == other.interface;
+               interface == other.interface && source == other.source;
     }
 };
 

@@ -66,19 +66,20 @@ bool Socket::ReadNotifications(const Receiver& receiver) {
     }
 }
 
-void Socket::Dump(std::uint16_t type, std::uint8_t family, const Receiver& receiver) {
-    std::vector<std::vector<char>> messages;
+bool Socket::Dump(std::uint16_t type, std::uint8_t family, const Receiver& receiver) {
     for (int attempt = 0; attempt < kDumpAttempts; ++attempt) {
-        messages.clear();
+        std::vector<std::vector<char>> messages;
         const bool consistent = DumpOnce(type, family, [&messages](const nlmsghdr& message) {
             const auto* bytes = static_cast<const char*>(static_cast<const void*>(&message));
             messages.emplace_back(bytes, bytes + message.nlmsg_len);
         });
-        if (consistent)
-            break;
+        if (!consistent)
+            continue;
+        for (const std::vector<char>& message : messages)
+            receiver(*static_cast<const nlmsghdr*>(static_cast<const void*>(message.data())));
+        return true;
     }
-    for (const std::vector<char>& message : messages)
-        receiver(*static_cast<const nlmsghdr*>(static_cast<const void*>(message.data())));
+    return false;
 }
 
 bool Socket::DumpOnce(std::uint16_t type, std::uint8_t family, const Receiver& receiver) {

@@ -32,8 +32,10 @@ public:
 
     /// Asks for everything of one kind (RTM_GETLINK, ...) of the family and waits for the kernel's answer, which needs
     /// no network and comes at once. Only for a socket without groups.
+    /// @return false when it has changed during each of five attempts: nothing is handed over then. Whoever listens to
+    ///         notifications has one waiting and may ask again
     /// @throws std::system_error
-    void Dump(std::uint16_t type, std::uint8_t family, const Receiver& receiver);
+    [[nodiscard]] bool Dump(std::uint16_t type, std::uint8_t family, const Receiver& receiver);
 
     /// Sends a request and waits for the kernel's verdict, which comes at once. Only for a socket without groups.
     /// @throws std::system_error when there is no verdict

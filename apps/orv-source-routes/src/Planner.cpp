@@ -26,28 +26,53 @@ bool Contains(const Container& container, const Value& value) {
     return std::find(container.begin(), container.end(), value) != container.end();
 }
 
-/// The router that the main table shows for the interface of `address`; 0.0.0.0 when it shows none.
-Ipv4 GatewayInMainTable(const std::vector<Route>& routes, const Address& address) {
-    Ipv4 viaAnyRoute;
-    Ipv4 host;
-    bool manyHosts = false;
+/// What the main table shows of an interface's routers.
+struct Seen {
+    Ipv4 ofDefault;
+    std::vector<Ipv4> neighbours; // with a host route of their own
+    std::vector<Ipv4> ofHosts;    // routers of host routes
+    std::vector<Ipv4> ofNetworks; // routers of other routes
+
+    bool LeadsSomewhere(const Ipv4& router) const { return Contains(ofHosts, router) || Contains(ofNetworks, router); }
+};
+
+Seen SeenInMainTable(const std::vector<Route>& routes, const Address& address) {
+    Seen seen;
+    const auto note = [](std::vector<Ipv4>& routers, const Ipv4& router) {
+        if (!Contains(routers, router))
+            routers.push_back(router);
+    };
     for (const Route& route : routes) {
         if (route.table != RT_TABLE_MAIN || route.link != address.link)
             continue;
-        if (route.gateway && route.IsDefault())
-            return route.gateway;
-        if (route.gateway)
-            viaAnyRoute = route.gateway;
-        const bool ownHost =
-            !route.gateway && route.prefixLength == 32 && route.destination != address.address &&
+        const bool toHost = route.prefixLength == 32;
+        const bool inOwnNetwork =
             route.destination.Network(address.prefixLength) == address.address.Network(address.prefixLength);
-        manyHosts = manyHosts || (ownHost && host);
-        if (ownHost)
-            host = route.destination;
+        if (route.gateway && route.IsDefault() && !seen.ofDefault)
+            seen.ofDefault = route.gateway;
+        else if (route.gateway && !route.IsDefault())
+            note(toHost ? seen.ofHosts : seen.ofNetworks, route.gateway);
+        else if (!route.gateway && toHost && inOwnNetwork && route.destination != address.address)
+            note(seen.neighbours, route.destination);
     }
-    if (viaAnyRoute || manyHosts)
-        return viaAnyRoute;
-    return host;
+    return seen;
+}
+
+/// The router of the interface, as far as the connection manager's own routes say; 0.0.0.0 when they do not.
+Ipv4 CertainRouter(const Seen& seen) {
+    if (seen.ofDefault)
+        return seen.ofDefault;
+    if (seen.neighbours.size() == 1)
+        return seen.neighbours.front();
+    const auto leads = [&seen](const Ipv4& router) { return seen.LeadsSomewhere(router); };
+    const bool one = std::count_if(seen.neighbours.begin(), seen.neighbours.end(), leads) == 1;
+    return one ? *Find(seen.neighbours, leads) : Ipv4{};
+}
+
+/// A router that other routes go via, if there is only one; 0.0.0.0 otherwise.
+Ipv4 LikelyRouter(const Seen& seen) {
+    const std::vector<Ipv4>& routers = seen.ofHosts.empty() ? seen.ofNetworks : seen.ofHosts;
+    return routers.size() == 1 ? routers.front() : Ipv4{};
 }
 
 bool SamePlace(const Route& one, const Route& other) {
@@ -96,24 +121,26 @@ void Planner::DecideFor(const InterfaceTable& entry, const Snapshot& snapshot, P
     route.prefixLength = 0;
     route.gateway = gateway;
     plan.routes.push_back(route);
-    plan.rules.push_back(Rule{entry.table, entry.table, kOwnProtocol, entry.interface});
+    plan.rules.push_back(Rule{entry.table, entry.table, kOwnProtocol, entry.interface, Ipv4{}});
+    plan.rules.push_back(Rule{kBehindMain, entry.table, kOwnProtocol, {}, address->address});
     reason = "bound connections go " + (gateway ? "via " + gateway.Text() : std::string("over the link")) + " from " +
              address->address.Text() + " (table " + std::to_string(entry.table) + ")";
 }
 
 Ipv4 Planner::FindGateway(const InterfaceTable& entry, const Address& address, const Snapshot& snapshot) {
     Router& router = remembered[entry.interface];
-    if (!(router.address == address))
-        router = Router{address, Ipv4{}};
-    if (const Ipv4 shown = GatewayInMainTable(snapshot.routes, address)) {
-        router.gateway = shown;
-    } else if (!router.gateway) {
+    if (!(router.address == address)) {
         const Route* left = Find(snapshot.routes, [&](const Route& route) {
             return route.protocol == kOwnProtocol && route.table == entry.table && route.IsDefault() &&
                    route.link == address.link && route.source == address.address;
         });
-        router.gateway = left == nullptr ? Ipv4{} : left->gateway;
+        router = Router{address, left == nullptr ? Ipv4{} : left->gateway, false};
     }
+    const Seen seen = SeenInMainTable(snapshot.routes, address);
+    if (const Ipv4 certain = CertainRouter(seen))
+        router = Router{address, certain, false};
+    else if (const Ipv4 likely = LikelyRouter(seen); likely && (!router.gateway || router.guessed))
+        router = Router{address, likely, true};
     return router.gateway;
 }
 

@@ -15,6 +15,10 @@ namespace OrvSourceRoutes {
 /// No number of the kernel's or of a known routing program.
 inline constexpr std::uint8_t kOwnProtocol = 111;
 
+/// The priority of the rules for addresses: they are asked when neither the main table nor the default table has a
+/// route.
+inline constexpr std::uint32_t kBehindMain = 32768;
+
 /// Which table belongs to which interface. The rule that leads to it has the same number as priority.
 struct InterfaceTable {
     std::string interface;
@@ -39,12 +43,12 @@ struct Plan {
 
 /// Decides from what the kernel shows. No input and output of its own.
 ///
-/// The router of an interface is taken from, in this order:
-/// 1. the main table's default route over the interface (the connection manager gives one to the default service);
-/// 2. any other route of the main table via a router over the interface (it routes the name servers so);
-/// 3. the only route of the main table to a single host of the interface's own network (it routes the router so);
-/// 4. what was taken before, as long as the interface keeps the same address;
-/// 5. an entry of this program from before a crash, when its source is the interface's address.
+/// The router of an interface is taken from the main table, in this order:
+/// 1. its default route over the interface (the connection manager gives one to the default service);
+/// 2. its only host route to a neighbour (it routes the router so), or the one of several that other routes go via;
+/// 3. the only router of other routes, of host routes first (it routes the name servers so).
+/// What 1. and 2. say is remembered as long as the interface keeps its address, and counts for more than 3.; so does an
+/// entry of this program from before a crash, when its source is the interface's address.
 /// A point-to-point link needs no router.
 class Planner {
 public:
@@ -56,6 +60,8 @@ private:
     struct Router {
         OrvNetlink::Address address;
         OrvNetlink::Ipv4 gateway;
+        /// It may be the router of some other network as well.
+        bool guessed = false;
     };
 
     void DecideFor(const InterfaceTable& entry, const Snapshot& snapshot, Plan& plan);

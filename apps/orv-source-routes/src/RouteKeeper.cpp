@@ -17,14 +17,13 @@ namespace {
 
 constexpr int kLogInfo = 2;
 
+/// @return false when the kernel's state changes all the time
 template <typename Item, typename Read>
-std::vector<Item> DumpOf(OrvNetlink::Socket& requests, std::uint16_t type, Read read) {
-    std::vector<Item> items;
-    requests.Dump(type, AF_INET, [&](const nlmsghdr& message) {
+bool Fill(std::vector<Item>& items, OrvNetlink::Socket& requests, std::uint16_t type, Read read) {
+    return requests.Dump(type, AF_INET, [&](const nlmsghdr& message) {
         if (std::optional<Item> item = read(message))
             items.push_back(std::move(*item));
     });
-    return items;
 }
 
 std::string Describe(const Route& route) {
@@ -35,7 +34,8 @@ std::string Describe(const Route& route) {
 }
 
 std::string Describe(const Rule& rule) {
-    return "rule oif " + rule.interface + " lookup " + std::to_string(rule.table);
+    const std::string what = rule.interface.empty() ? "from " + rule.source.Text() : "oif " + rule.interface;
+    return "rule " + what + " lookup " + std::to_string(rule.table);
 }
 
 /// The kernel's setting; 0 when there is none.
@@ -47,68 +47,78 @@ int ReversePathFilter(const std::string& interface) {
 
 } // namespace
 
-Snapshot ReadSnapshot(OrvNetlink::Socket& requests) {
+std::optional<Snapshot> ReadSnapshot(OrvNetlink::Socket& requests) {
     Snapshot snapshot;
-    snapshot.links = DumpOf<OrvNetlink::Link>(requests, RTM_GETLINK, OrvNetlink::ReadLink);
-    snapshot.addresses = DumpOf<OrvNetlink::Address>(requests, RTM_GETADDR, OrvNetlink::ReadAddress);
-    snapshot.routes = DumpOf<Route>(requests, RTM_GETROUTE, OrvNetlink::ReadRoute);
-    snapshot.rules = DumpOf<Rule>(requests, RTM_GETRULE, OrvNetlink::ReadRule);
-    return snapshot;
+    const bool whole = Fill(snapshot.links, requests, RTM_GETLINK, OrvNetlink::ReadLink) &&
+                       Fill(snapshot.addresses, requests, RTM_GETADDR, OrvNetlink::ReadAddress) &&
+                       Fill(snapshot.routes, requests, RTM_GETROUTE, OrvNetlink::ReadRoute) &&
+                       Fill(snapshot.rules, requests, RTM_GETRULE, OrvNetlink::ReadRule);
+    return whole ? std::optional<Snapshot>(std::move(snapshot)) : std::nullopt;
 }
 
 RouteKeeper::RouteKeeper(std::vector<InterfaceTable> tables)
     : planner(std::move(tables)), logger("OrvSourceRoutes", kLogInfo) {}
 
 bool RouteKeeper::Refresh() {
-    const Snapshot snapshot = ReadSnapshot(requests);
-    const Plan plan = planner.Decide(snapshot);
-    const bool done = Apply(Difference(snapshot, plan));
-    if (done) {
-        lastFailure.clear();
+    const std::optional<Snapshot> snapshot = ReadSnapshot(requests);
+    if (!snapshot)
+        return Tell({"cannot see the kernel's links, addresses, routes and rules: they change all the time"});
+    const Plan plan = planner.Decide(*snapshot);
+    const bool done = Tell(Apply(Difference(*snapshot, plan)));
+    if (done)
         Report(plan);
-    }
     return done;
 }
 
-void RouteKeeper::Withdraw() {
-    Apply(Difference(ReadSnapshot(requests), Plan{}));
+bool RouteKeeper::Withdraw() {
+    const std::optional<Snapshot> snapshot = ReadSnapshot(requests);
+    return snapshot && Tell(Apply(Difference(*snapshot, Plan{})));
 }
 
-bool RouteKeeper::Apply(const Changes& changes) {
+RouteKeeper::Failures RouteKeeper::Apply(const Changes& changes) {
     alignas(nlmsghdr) char room[OrvNetlink::kMessageRoom];
-    bool done = true;
+    Failures found;
     // A rule stands only while its table is filled.
     for (const Rule& rule : changes.rulesToRemove)
-        done &= Carry(OrvNetlink::WriteRule(room, RTM_DELRULE, 0, rule), "remove " + Describe(rule), ENOENT);
+        found.insert(Carry(OrvNetlink::WriteRule(room, RTM_DELRULE, 0, rule), "remove " + Describe(rule), ENOENT));
     for (const Route& route : changes.routesToRemove)
-        done &= Carry(OrvNetlink::WriteRoute(room, RTM_DELROUTE, 0, route), "remove " + Describe(route), ESRCH);
+        found.insert(Carry(OrvNetlink::WriteRoute(room, RTM_DELROUTE, 0, route), "remove " + Describe(route), ESRCH));
     for (const Changes::Addition& addition : changes.routesToAdd) {
         const std::uint16_t how = addition.replaces ? NLM_F_REPLACE : NLM_F_EXCL;
         const std::uint16_t flags = static_cast<std::uint16_t>(NLM_F_CREATE | how);
-        done &= Carry(OrvNetlink::WriteRoute(room, RTM_NEWROUTE, flags, addition.route),
-                      "add " + Describe(addition.route), 0);
+        found.insert(Carry(OrvNetlink::WriteRoute(room, RTM_NEWROUTE, flags, addition.route),
+                           "add " + Describe(addition.route), 0));
     }
     for (const Rule& rule : changes.rulesToAdd)
-        done &= Carry(OrvNetlink::WriteRule(room, RTM_NEWRULE, NLM_F_CREATE | NLM_F_EXCL, rule),
-                      "add " + Describe(rule), 0);
-    return done;
+        found.insert(Carry(OrvNetlink::WriteRule(room, RTM_NEWRULE, NLM_F_CREATE | NLM_F_EXCL, rule),
+                           "add " + Describe(rule), 0));
+    found.erase(std::string());
+    return found;
 }
 
-bool RouteKeeper::Carry(nlmsghdr& message, const std::string& what, int harmless) {
+/// @return what went wrong; empty when nothing did
+std::string RouteKeeper::Carry(nlmsghdr& message, const std::string& what, int harmless) {
     const std::error_code verdict = requests.Request(message);
     if (!verdict || verdict.value() == harmless)
-        return true;
+        return {};
     if (verdict.value() == EPERM)
         throw std::system_error(verdict, "cannot " + what + " (run it as root or with CAP_NET_ADMIN)");
-    const std::string failure = "cannot " + what + ": " + verdict.message();
-    if (failure != lastFailure) {
-        lastFailure = failure;
-        logger.Warning() << failure
-                         << (verdict.value() == EEXIST ? "; another program's entry stands there, give the interface "
-                                                         "another table with --interface NAME=TABLE"
-                                                       : "; trying again");
+    return "cannot " + what + ": " + verdict.message() +
+           (verdict.value() == EEXIST ? "; another program's entry stands there, give the interface another table with "
+                                        "--interface NAME=TABLE"
+                                      : "; trying again");
+}
+
+/// @return true when there are none
+bool RouteKeeper::Tell(Failures found) {
+    for (const std::string& failure : found) {
+        if (failures.count(failure) == 0)
+            logger.Warning() << failure;
     }
-    return false;
+    if (found.empty() && !failures.empty())
+        reported.clear(); // so that the log says how it is now
+    failures = std::move(found);
+    return failures.empty();
 }
 
 void RouteKeeper::Report(const Plan& plan) {

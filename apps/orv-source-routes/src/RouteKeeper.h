@@ -7,14 +7,16 @@
 #include <CommonUtils/Logger.h>
 
 #include <map>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 namespace OrvSourceRoutes {
 
-/// Everything that the kernel has now of what the planner looks at.
+/// Everything that the kernel has now of what the planner looks at; nothing when it changes all the time.
 /// @throws std::system_error
-Snapshot ReadSnapshot(OrvNetlink::Socket& requests);
+std::optional<Snapshot> ReadSnapshot(OrvNetlink::Socket& requests);
 
 /// Brings the kernel's rules and routes in line with the plan. One thread.
 class RouteKeeper {
@@ -27,18 +29,22 @@ public:
     bool Refresh();
 
     /// Removes everything that this program made.
-    void Withdraw();
+    /// @return false when it could not be removed, or the kernel's state changes too fast to be seen
+    bool Withdraw();
 
 private:
-    bool Apply(const Changes& changes);
-    bool Carry(nlmsghdr& message, const std::string& what, int harmless);
+    using Failures = std::set<std::string>;
+
+    Failures Apply(const Changes& changes);
+    std::string Carry(nlmsghdr& message, const std::string& what, int harmless);
+    bool Tell(Failures found);
     void Report(const Plan& plan);
     void CheckReversePathFilter(const std::string& interface);
 
     OrvNetlink::Socket requests;
     Planner planner;
     std::map<std::string, std::string> reported;
-    std::string lastFailure;
+    Failures failures; // of the last attempt: each is told once
     CommonUtils::Logger logger;
 };
 

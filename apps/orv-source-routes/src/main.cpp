@@ -71,7 +71,8 @@ int OpenSignals() {
     return descriptor;
 }
 
-void Run(std::vector<InterfaceTable> tables) {
+/// @return false when something of its own may be left in the kernel
+bool Run(std::vector<InterfaceTable> tables) {
     const int signals = OpenSignals();
     // Opened before the first look, so that nothing is missed between the two.
     OrvNetlink::Socket notifications(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE |
@@ -86,8 +87,9 @@ void Run(std::vector<InterfaceTable> tables) {
         // Only a hint: the kernel drops some routes without a word, so the whole state is read anew.
         static_cast<void>(notifications.ReadNotifications([](const nlmsghdr&) {}));
     }
-    keeper.Withdraw();
+    const bool gone = keeper.Withdraw();
     close(signals);
+    return gone;
 }
 
 } // namespace
@@ -99,9 +101,12 @@ int main(int argc, char** argv) {
             std::fputs(kUsage, stdout);
             return 0;
         }
-        Run(ParseArguments(argc, argv));
-        logger.Info() << "ended, its routes and rules are removed";
-        return 0;
+        const bool gone = Run(ParseArguments(argc, argv));
+        if (gone)
+            logger.Info() << "ended, its routes and rules are removed";
+        else
+            logger.Warning() << "ended, but some of its routes and rules may be left; see ip rule";
+        return gone ? 0 : 1;
     } catch (const UsageError& error) {
         std::fprintf(stderr, "orv-source-routes: %s\n", error.what());
         return 2;

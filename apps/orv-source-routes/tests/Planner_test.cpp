@@ -85,13 +85,16 @@ protected:
     Planner planner{{{"eth0", 1011}, {"wwan0", 1012}}};
 };
 
-TEST_F(AGateway, GivesEachInterfaceARuleItsNetworkAndADefaultRoute) {
+TEST_F(AGateway, GivesEachInterfaceItsRulesItsNetworkAndADefaultRoute) {
     const Plan plan = Decide();
     const std::vector<Route> routes = {{1011, kOwnProtocol, kEth, Ip("10.11.0.0"), 24, Ipv4{}, Ip("10.11.0.179"), 0},
                                        {1011, kOwnProtocol, kEth, Ipv4{}, 0, Ip("10.11.0.1"), Ip("10.11.0.179"), 0},
                                        {1012, kOwnProtocol, kCell, Ip("10.12.0.0"), 24, Ipv4{}, Ip("10.12.0.50"), 0},
                                        {1012, kOwnProtocol, kCell, Ipv4{}, 0, Ip("10.12.0.1"), Ip("10.12.0.50"), 0}};
-    const std::vector<Rule> rules = {{1011, 1011, kOwnProtocol, "eth0"}, {1012, 1012, kOwnProtocol, "wwan0"}};
+    const std::vector<Rule> rules = {{1011, 1011, kOwnProtocol, "eth0", Ipv4{}},
+                                     {kBehindMain, 1011, kOwnProtocol, "", Ip("10.11.0.179")},
+                                     {1012, 1012, kOwnProtocol, "wwan0", Ipv4{}},
+                                     {kBehindMain, 1012, kOwnProtocol, "", Ip("10.12.0.50")}};
     EXPECT_EQ(plan.routes, routes);
     EXPECT_EQ(plan.rules, rules);
     EXPECT_EQ(plan.reasons.at("eth0"), "bound connections go via 10.11.0.1 from 10.11.0.179 (table 1011)");
@@ -112,6 +115,59 @@ TEST_F(AGateway, LearnsTheRouterFromItsHostRouteAlone) {
 TEST_F(AGateway, PrefersTheDefaultRoutesRouterToTheNameServers) {
     Main(kEth, "10.21.0.54", 32, "10.11.0.9");
     EXPECT_EQ(RouterIn(Decide(), 1011), Ip("10.11.0.1"));
+}
+
+TEST_F(AGateway, TakesNoRouterOfOtherNetworksForItsOwnOnceItHasLostTheDefault) {
+    Decide();
+    RemoveRoutesOf(kEth);
+    Main(kEth, "10.11.0.0", 24, "0.0.0.0");
+    Main(kEth, "192.168.50.0", 24, "10.11.0.77");
+    EXPECT_EQ(RouterIn(Decide(), 1011), Ip("10.11.0.1"));
+    Main(kEth, "10.11.0.1", 32, "0.0.0.0");
+    EXPECT_EQ(RouterIn(Decide(), 1011), Ip("10.11.0.1"));
+    Planner restarted({{"eth0", 1011}, {"wwan0", 1012}});
+    EXPECT_EQ(RouterIn(restarted.Decide(now), 1011), Ip("10.11.0.1"));
+}
+
+TEST_F(AGateway, TakesTheRouterThatHasAHostRouteAmongThoseThatLeadSomewhere) {
+    RemoveRoutesOf(kCell);
+    for (const char* neighbour : {"10.12.0.1", "10.12.0.7"})
+        Main(kCell, neighbour, 32, "0.0.0.0");
+    Main(kCell, "192.168.50.0", 24, "10.12.0.77");
+    Main(kCell, "10.22.0.53", 32, "10.12.0.1");
+    Main(kCell, "192.168.51.0", 24, "10.12.0.78");
+    EXPECT_EQ(RouterIn(Decide(), 1012), Ip("10.12.0.1"));
+}
+
+TEST_F(AGateway, PrefersTheRouterOfNameServersToOneOfNetworks) {
+    RemoveRoutesOf(kCell);
+    Main(kCell, "10.22.0.53", 32, "10.12.0.1");
+    Main(kCell, "192.168.50.0", 24, "10.12.0.77");
+    EXPECT_EQ(RouterIn(Decide(), 1012), Ip("10.12.0.1"));
+}
+
+TEST_F(AGateway, DoesNotGuessAmongSeveralRouters) {
+    RemoveRoutesOf(kCell);
+    Main(kCell, "192.168.51.0", 24, "10.12.0.78");
+    Main(kCell, "192.168.50.0", 24, "10.12.0.77");
+    EXPECT_EQ(Decide().reasons.at("wwan0"), "no route for bound connections: its router is not known yet");
+}
+
+TEST_F(AGateway, FollowsARouterThatChangesWithoutTheDefault) {
+    Decide();
+    RemoveRoutesOf(kCell);
+    Main(kCell, "10.12.0.2", 32, "0.0.0.0");
+    Main(kCell, "10.22.0.53", 32, "10.12.0.2");
+    EXPECT_EQ(RouterIn(Decide(), 1012), Ip("10.12.0.2"));
+}
+
+TEST_F(AGateway, ReplacesAGuessByTheNextOne) {
+    RemoveRoutesOf(kCell);
+    Main(kCell, "192.168.50.0", 24, "10.12.0.77");
+    EXPECT_EQ(RouterIn(Decide(), 1012), Ip("10.12.0.77"));
+    RemoveRoutesOf(kCell);
+    Main(kCell, "10.22.0.53", 32, "10.12.0.1");
+    EXPECT_EQ(RouterIn(Decide(), 1012), Ip("10.12.0.1"));
 }
 
 TEST_F(AGateway, DoesNotGuessAmongSeveralHostsOfItsNetwork) {
@@ -199,7 +255,7 @@ TEST_F(AGateway, IgnoresLinkLocalAndSecondaryAddresses) {
 TEST_F(AGateway, DoesWithoutAnInterfaceThatDoesNotExist) {
     now.links.pop_back();
     const Plan plan = Decide();
-    EXPECT_EQ(plan.rules.size(), 1U);
+    EXPECT_EQ(plan.rules.size(), 2U);
     EXPECT_EQ(plan.reasons.at("wwan0"), "no route for bound connections: the interface does not exist");
 }
 
@@ -210,14 +266,23 @@ TEST_F(AGateway, ChangesNothingOnceAllStands) {
     EXPECT_TRUE(again.rulesToAdd.empty() && again.rulesToRemove.empty());
 }
 
-TEST_F(AGateway, RemovesTheRuleAndTheRoutesWithTheAddress) {
+TEST_F(AGateway, RemovesTheRulesAndTheRoutesWithTheAddress) {
     Carry(Difference(now, Decide()));
     LoseAddressOf(kCell);
     const Changes changes = Difference(now, Decide());
-    const std::vector<Rule> rules = {{1012, 1012, kOwnProtocol, "wwan0"}};
+    const std::vector<Rule> rules = {{1012, 1012, kOwnProtocol, "wwan0", Ipv4{}},
+                                     {kBehindMain, 1012, kOwnProtocol, "", Ip("10.12.0.50")}};
     EXPECT_EQ(changes.rulesToRemove, rules);
     EXPECT_EQ(changes.routesToRemove.size(), 2U);
     EXPECT_TRUE(changes.routesToAdd.empty());
+}
+
+TEST_F(AGateway, ExchangesTheRuleForTheAddressWithTheAddress) {
+    Carry(Difference(now, Decide()));
+    now.addresses[2].address = Ip("10.12.0.51");
+    const Changes changes = Difference(now, Decide());
+    EXPECT_EQ(changes.rulesToRemove, (std::vector<Rule>{{kBehindMain, 1012, kOwnProtocol, "", Ip("10.12.0.50")}}));
+    EXPECT_EQ(changes.rulesToAdd, (std::vector<Rule>{{kBehindMain, 1012, kOwnProtocol, "", Ip("10.12.0.51")}}));
 }
 
 TEST_F(AGateway, ReplacesTheRouterInOneStep) {
@@ -231,7 +296,7 @@ TEST_F(AGateway, ReplacesTheRouterInOneStep) {
 }
 
 TEST_F(AGateway, RemovesWhatItLeftInAnotherTable) {
-    now.rules = {{900, 900, kOwnProtocol, "eth0"}};
+    now.rules = {{900, 900, kOwnProtocol, "eth0", Ipv4{}}};
     now.routes.push_back({900, kOwnProtocol, kEth, Ipv4{}, 0, Ip("10.11.0.1"), Ip("10.11.0.179"), 0});
     const Changes changes = Difference(now, Decide());
     EXPECT_EQ(changes.rulesToRemove.size(), 1U);
@@ -239,7 +304,7 @@ TEST_F(AGateway, RemovesWhatItLeftInAnotherTable) {
 }
 
 TEST_F(AGateway, LeavesTheEntriesOfOthersAlone) {
-    now.rules = {{5, 1011, kSomebodyElse, "eth0"}};
+    now.rules = {{5, 1011, kSomebodyElse, "eth0", Ipv4{}}, {32768, 1011, kSomebodyElse, "", Ip("10.11.0.179")}};
     now.routes.push_back({1011, kSomebodyElse, kEth, Ipv4{}, 0, Ip("10.11.0.9"), Ipv4{}, 50});
     const Changes changes = Difference(now, Plan{});
     EXPECT_TRUE(changes.rulesToRemove.empty() && changes.routesToRemove.empty());
