@@ -10,10 +10,14 @@ namespace {
 constexpr int faultsFound = 1;
 constexpr int wrongUse = 2;
 
-int Check(const std::string& path, bool quiet) {
-    const OrvPlatform::LoadedConfig loaded = OrvPlatform::ReadGatewayConfig(path, false);
-    for (const std::string& problem : loaded.problems)
-        std::cerr << problem << '\n';
+int Check(const std::string& path, bool mayBeMissing, bool quiet) {
+    const OrvPlatform::LoadedConfig loaded = OrvPlatform::ReadGatewayConfig(path, mayBeMissing);
+    for (const auto& texts : {loaded.problems, loaded.warnings})
+        for (const std::string& text : texts)
+            std::cerr << text << '\n';
+    if (!quiet)
+        for (const std::string& note : loaded.notes)
+            std::cout << "# " << note << '\n';
     if (!quiet)
         std::cout << OrvPlatform::ShowGatewayConfig(loaded.config);
     return loaded.problems.empty() ? 0 : faultsFound;
@@ -23,12 +27,14 @@ int Check(const std::string& path, bool quiet) {
 
 int main(int argc, char** argv) {
     CLI::App app("Checks a configuration file of the gateway's applications and shows the settings that it puts in "
-                 "force, defaults included. What is wrong goes to standard error.",
+                 "force, defaults included. What is wrong goes to standard error, and a warning where users of the "
+                 "machine may read or change the file and should not.",
                  "orv-config-check");
     app.footer("Exit status: 0 all is well, 1 something is wrong with the file, 2 wrong use.");
     std::string path = "/etc/orv/gateway.ini";
     bool quiet = false;
-    app.add_option("FILE", path, "the file to check")->capture_default_str();
+    const auto* file =
+        app.add_option("FILE", path, "the file to check; the default one may be missing")->capture_default_str();
     app.add_flag("-q,--quiet", quiet, "only say what is wrong");
     app.set_version_flag("--version", ORV_VERSION);
     try {
@@ -36,5 +42,5 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : wrongUse;
     }
-    return Check(path, quiet);
+    return Check(path, file->count() == 0, quiet);
 }

@@ -26,6 +26,12 @@ says() { # out|err TEXT
         exit 1
     }
 }
+never_says() { # out|err TEXT
+    ! grep -qF -- "$2" "$folder/$1" || {
+        echo "in $1: $2" >&2
+        exit 1
+    }
+}
 is_silent() {
     [ ! -s "$folder/$1" ] || {
         echo "$1 is not empty:" >&2
@@ -47,6 +53,23 @@ says out "password = (not shown)"
 expect 1 --quiet "$folder/faulty.ini"
 is_silent out
 
+chmod 644 "$folder/faulty.ini"
+expect 1 --quiet "$folder/faulty.ini"
+says err "$folder/faulty.ini holds a password, and every user of this machine may read it; chmod 640"
+chmod 600 "$folder/faulty.ini"
+expect 1 --quiet "$folder/faulty.ini"
+never_says err "holds a password"
+printf '[broker]\npassword s3cret\n' >"$folder/secret.ini"
+expect 1 "$folder/secret.ini"
+never_says out s3cret
+never_says err s3cret
+
+# The gateway's own file may be missing, one that is named may not.
+[ -e /etc/orv/gateway.ini ] || {
+    expect 0
+    is_silent err
+    says out "# /etc/orv/gateway.ini does not exist; the defaults are in force"
+}
 expect 1 "$folder/missing.ini"
 says err "$folder/missing.ini: cannot be read (No such file or directory)"
 

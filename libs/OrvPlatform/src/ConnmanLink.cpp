@@ -159,7 +159,7 @@ void ConnmanLink::AfterForkInChild() noexcept {
 std::string ConnmanLink::BusAddress(const std::string& configured) {
     if (!configured.empty())
         return configured;
-    const char* named = std::getenv("DBUS_SYSTEM_BUS_ADDRESS"); // NOLINT(concurrency-mt-unsafe): nobody sets it
+    const char* named = ::secure_getenv("DBUS_SYSTEM_BUS_ADDRESS");
     return named && *named ? named : "unix:path=/run/dbus/system_bus_socket";
 }
 

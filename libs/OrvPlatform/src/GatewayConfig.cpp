@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace OrvPlatform {
@@ -18,7 +19,7 @@ namespace OrvPlatform {
 namespace {
 
 constexpr const char* defaultPath = "/etc/orv/gateway.ini";
-constexpr std::size_t maxFileBytes = std::size_t{4} * 1024 * 1024;
+constexpr std::size_t maxFileBytes = std::size_t{1024} * 1024;
 
 class Descriptor {
 public:
@@ -47,6 +48,17 @@ int ReadAll(int file, std::string& text) {
         text.append(piece, static_cast<std::size_t>(count));
     }
     return EFBIG;
+}
+
+void WarnOfMode(int file, const std::string& shownPath, LoadedConfig& loaded) {
+    struct stat status {};
+    if (::fstat(file, &status) != 0)
+        return;
+    if ((status.st_mode & S_IROTH) != 0 && !loaded.config.broker.password.empty())
+        loaded.warnings.push_back(shownPath + " holds a password, and every user of this machine may read it; chmod "
+                                              "640 with the applications' group, or chmod 600");
+    if ((status.st_mode & S_IWOTH) != 0)
+        loaded.warnings.push_back(shownPath + " may be changed by every user of this machine; chmod o-w");
 }
 
 void ApplyLogLevelVariable(LoadedConfig& loaded) {
@@ -117,6 +129,7 @@ LoadedConfig ReadGatewayConfig(const std::string& path, bool mayBeMissing) {
         return loaded;
     }
     static_cast<ParsedConfig&>(loaded) = ParseGatewayConfig(text, path);
+    WarnOfMode(file.number, shownPath, loaded);
     loaded.notes.push_back("Settings read from " + shownPath);
     return loaded;
 }

@@ -86,8 +86,9 @@ ParsedConfig ParseGatewayConfig(std::string_view text, const std::string& name);
 /// A configuration as it was found on the system.
 struct LoadedConfig : ParsedConfig {
     /// What is worth knowing but no fault.
-    std::vector<std::string> notes;   // for a log at level debug, e.g. which file was read
-    std::vector<std::string> notices; // at level info: what this program may not do
+    std::vector<std::string> warnings; // who may read or change the file and should not
+    std::vector<std::string> notices;  // for a log at level info: what this program may not do
+    std::vector<std::string> notes;    // at level debug, e.g. which file was read
 };
 
 /// Reads the file at `path`. A file that cannot be read is a problem, except that a missing one is none when

@@ -22,6 +22,12 @@ std::string Quoted(std::string_view text) {
     return quoted + (whole ? "\"" : "...\"");
 }
 
+/// A value as a report may show it: a password that slipped onto this line, alone or behind the value, must not.
+std::string Shown(const std::string& value, const Setting& setting) {
+    const bool isOneWord = value.find_first_of(" \t") == std::string::npos;
+    return value.empty() || (setting.showing == Setting::Showing::ALWAYS && isOneWord) ? Quoted(value) : hidden;
+}
+
 std::string Joined(const std::vector<std::string>& words) {
     std::string list;
     for (const std::string& word : words)
@@ -38,7 +44,7 @@ std::string InForce(const Setting& setting, const GatewayConfig& config) {
     const std::string value = setting.show(config);
     if (value.empty())
         return "it stays unset";
-    return (setting.isSecret ? "the value before" : Escaped(value)) + " stays in force";
+    return (setting.showing == Setting::Showing::NEVER ? "the value before" : Escaped(value)) + " stays in force";
 }
 
 std::string_view Trimmed(std::string_view text) {
@@ -70,6 +76,7 @@ public:
                 return 1;
             },
             this);
+        TellUnlisted();
         CheckTogether();
         return std::move(parsed);
     }
@@ -100,9 +107,9 @@ private:
             return false;
         const std::size_t longest = size - 2;
         if (content.find('\0') != std::string_view::npos)
-            Report(Quoted(content) + " holds NUL bytes, the line is ignored; the file must be plain text");
+            Report("the line holds NUL bytes and is ignored; the file must be plain text");
         else if (content.size() > longest)
-            Report(Quoted(content) + " is a line of " + std::to_string(content.size()) + " bytes, ignored; at most " +
+            Report("the line has " + std::to_string(content.size()) + " bytes and is ignored; at most " +
                    std::to_string(longest) + " are valid");
         else if (content.front() == '[')
             OpenSection(content);
@@ -118,16 +125,18 @@ private:
         skipping = end == std::string_view::npos || std::find(known.begin(), known.end(), named) == known.end();
         section = named;
         if (end == std::string_view::npos)
-            Report(Quoted(content) + " has no closing bracket, what follows is ignored up to the next section");
+            Report("a section without its closing bracket; what follows is ignored up to the next section");
         else if (skipping)
-            Report("[" + Escaped(named) + "] is no section, what it holds is ignored" + Hint(named, known) +
-                   " Valid: " + Joined(known));
+            Report(Nearest(named, known).empty()
+                       ? "there is no such section, what it holds is ignored. Valid: " + Joined(known)
+                       : "[" + Escaped(named) + "] is no section, what it holds is ignored" + Hint(named, known) +
+                             " Valid: " + Joined(known));
     }
 
     /// A line that the parser was given and took for no setting.
     void ReportUnanswered() {
         if (!unanswered.empty())
-            Report(Quoted(unanswered) + " is neither a section, a comment nor key = value, ignored");
+            Report("the line is neither a section, a comment nor key = value, ignored");
         unanswered = {};
     }
 
@@ -136,14 +145,13 @@ private:
         if (skipping)
             return;
         if (section.empty()) {
-            Report(Quoted(key) +
-                   " stands before the first section, ignored. Valid sections: " + Joined(SectionNames()));
+            Report("a setting before the first section, ignored. Valid sections: " + Joined(SectionNames()));
             return;
         }
-        for (const Setting& setting : Settings())
-            if (setting.section == section && setting.key == key)
-                return Assign(setting, value);
-        ReportUnknown(key);
+        if (const Setting* setting = FindSetting(section, key))
+            Assign(*setting, value);
+        else
+            ReportUnknown(key);
     }
 
     void Assign(const Setting& setting, const std::string& value) {
@@ -152,10 +160,11 @@ private:
         if (!isFirst)
             Report(title + " was set in line " + std::to_string(first->second) + " already; the later value counts");
         if (!setting.read(value, parsed.config))
-            Report(title + " = " + (setting.isSecret ? hidden : Quoted(value)) + " is not valid, " +
-                   InForce(setting, parsed.config) + ". Valid: " + setting.valid);
+            Report(title + " = " + Shown(value, setting) + " is not valid, " + InForce(setting, parsed.config) +
+                   ". Valid: " + setting.valid);
     }
 
+    /// Only a key that is known or near one is named: another may be part of a password that went astray.
     void ReportUnknown(const std::string& key) {
         std::vector<std::string> here;
         std::string elsewhere;
@@ -165,7 +174,8 @@ private:
             else if (setting.key == key)
                 elsewhere = "; it belongs in [" + setting.section + "].";
         }
-        Report("[" + section + "] has no key " + Quoted(key) + ", ignored" +
+        const bool isNear = !elsewhere.empty() || !Nearest(key, here).empty();
+        Report("[" + section + "] has no " + (isNear ? "key " + Quoted(key) : "such key") + ", ignored" +
                (elsewhere.empty() ? Hint(key, here) : elsewhere) + " Valid: " + Joined(here));
     }
 
@@ -181,7 +191,18 @@ private:
                                       config.interfaces.ethernet + "; without two there is nothing to fail over to");
     }
 
-    void Report(const std::string& what) { parsed.problems.push_back(name + ":" + std::to_string(line) + ": " + what); }
+    void Report(const std::string& what) {
+        constexpr std::size_t enough = 50;
+        if (parsed.problems.size() < enough)
+            parsed.problems.push_back(name + ":" + std::to_string(line) + ": " + what);
+        else
+            ++unlisted;
+    }
+
+    void TellUnlisted() {
+        if (unlisted != 0)
+            parsed.problems.push_back(name + ": " + std::to_string(unlisted) + " more faults are not listed");
+    }
 
     std::string_view rest;
     const std::string name;
@@ -191,6 +212,7 @@ private:
     bool skipping = false;
     std::string_view unanswered;
     std::map<const Setting*, std::size_t> firstLines;
+    std::size_t unlisted = 0; // faults beyond those that are reported
     ParsedConfig parsed;
 };
 
@@ -210,7 +232,7 @@ std::string ShowGatewayConfig(const GatewayConfig& config) {
         }
         const std::string value = setting.show(config);
         text += setting.key + " =" + (value.empty() ? "" : " ") +
-                (setting.isSecret && !value.empty() ? hidden : value) + "\n";
+                (setting.showing == Setting::Showing::NEVER && !value.empty() ? hidden : value) + "\n";
     }
     return text;
 }

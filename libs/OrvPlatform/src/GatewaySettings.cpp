@@ -147,6 +147,7 @@ std::string JoinedFilters(const std::vector<std::string>& filters) {
 }
 
 std::vector<Setting> BrokerSettings() {
+    constexpr auto whenValid = Setting::Showing::WHEN_VALID; // the section has a password in it
     return {
         {"broker", "host", "an IPv4 or IPv6 address or localhost",
          [](const std::string& value, GatewayConfig& config) {
@@ -155,18 +156,18 @@ std::vector<Setting> BrokerSettings() {
              config.broker.host = value;
              return true;
          },
-         [](const GatewayConfig& config) { return config.broker.host; }},
+         [](const GatewayConfig& config) { return config.broker.host; }, whenValid},
         {"broker", "port", "1 to 65535",
          [](const std::string& value, GatewayConfig& config) {
              return ReadNumber<std::uint16_t>(value, 1, 65535, config.broker.port);
          },
-         [](const GatewayConfig& config) { return std::to_string(config.broker.port); }},
+         [](const GatewayConfig& config) { return std::to_string(config.broker.port); }, whenValid},
         {"broker", "username", "up to 128 bytes without control characters, or nothing",
          [](const std::string& value, GatewayConfig& config) { return ReadText(value, config.broker.username); },
-         [](const GatewayConfig& config) { return config.broker.username; }},
+         [](const GatewayConfig& config) { return config.broker.username; }, whenValid},
         {"broker", "password", "up to 128 bytes without control characters, or nothing",
          [](const std::string& value, GatewayConfig& config) { return ReadText(value, config.broker.password); },
-         [](const GatewayConfig& config) { return config.broker.password; }, true},
+         [](const GatewayConfig& config) { return config.broker.password; }, Setting::Showing::NEVER},
         {"broker", "client_id_suffix", "up to 32 letters, digits, '-', '_', '.', %a, %p and %n, or nothing",
          [](const std::string& value, GatewayConfig& config) {
              if (value.size() > 32 || !HasOnly(value, std::string(letters) + digits + "-_.%"))
@@ -177,7 +178,7 @@ std::vector<Setting> BrokerSettings() {
              config.broker.clientIdSuffix = value;
              return true;
          },
-         [](const GatewayConfig& config) { return config.broker.clientIdSuffix; }},
+         [](const GatewayConfig& config) { return config.broker.clientIdSuffix; }, whenValid},
         {"broker", "keep_alive", "5 to 3600 seconds",
          [](const std::string& value, GatewayConfig& config) {
              int seconds = 0;
@@ -186,13 +187,13 @@ std::vector<Setting> BrokerSettings() {
              config.broker.keepAlive = std::chrono::seconds(seconds);
              return true;
          },
-         [](const GatewayConfig& config) { return std::to_string(config.broker.keepAlive.count()); }},
+         [](const GatewayConfig& config) { return std::to_string(config.broker.keepAlive.count()); }, whenValid},
         {"broker", "max_outstanding_bytes", "1024 to 67108864 bytes",
          [](const std::string& value, GatewayConfig& config) {
              return ReadNumber<std::size_t>(value, 1024, std::size_t{64} * 1024 * 1024,
                                             config.broker.maxOutstandingBytes);
          },
-         [](const GatewayConfig& config) { return std::to_string(config.broker.maxOutstandingBytes); }},
+         [](const GatewayConfig& config) { return std::to_string(config.broker.maxOutstandingBytes); }, whenValid},
     };
 }
 
@@ -216,7 +217,7 @@ std::vector<Setting> NetworkSettings() {
              config.cloud.endpoint = value;
              return true;
          },
-         [](const GatewayConfig& config) { return config.cloud.endpoint; }},
+         [](const GatewayConfig& config) { return config.cloud.endpoint; }, Setting::Showing::WHEN_VALID},
         {"connman", "bus_address", "a D-Bus address such as unix:path=/run/dbus/system_bus_socket, or nothing",
          [](const std::string& value, GatewayConfig& config) {
              if (!value.empty() && (value.find(':') == std::string::npos || HasControl(value)))

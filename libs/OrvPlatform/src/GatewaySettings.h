@@ -18,8 +18,11 @@ struct Setting {
     bool (*read)(const std::string& value, GatewayConfig& config);
     /// The value as it would stand in the file.
     std::string (*show)(const GatewayConfig& config);
-    /// Its value is never shown, neither in a report nor by ShowGatewayConfig.
-    bool isSecret = false;
+    enum class Showing {
+        ALWAYS,
+        WHEN_VALID, ///< a value that is not valid may be, or hold, a password that was meant for another line
+        NEVER       ///< a secret: neither in a report nor by ShowGatewayConfig
+    } showing = Showing::ALWAYS;
 };
 
 /// All of them, in the order of the shipped file.

@@ -66,12 +66,14 @@ void ReportSettings(LogChannel& log) {
         if (!logShowsErrors || loaded.config.log.sink != LogSink::STDERR)
             WriteToStderr(Escaped(problem));
     }
-    if (threshold <= infoLevel)
-        for (const std::string& notice : loaded.notices)
-            log.Write({infoLevel, source, {}, notice});
-    if (threshold <= debugLevel)
-        for (const std::string& note : loaded.notes)
-            log.Write({debugLevel, source, {}, note});
+    const auto tell = [&](int level, const std::vector<std::string>& texts) {
+        for (const std::string& text : texts)
+            if (threshold <= level)
+                log.Write({level, source, {}, text});
+    };
+    tell(warningLevel, loaded.warnings);
+    tell(infoLevel, loaded.notices);
+    tell(debugLevel, loaded.notes);
 }
 
 OncePerProcess<LogChannel> processLog;

@@ -111,7 +111,7 @@ TEST_F(ALogger, WorksInAChildThatIsForkedDuringAnotherThreadsFirstRecord) {
 TEST_F(ALogger, WorksInAChildThatIsForkedWhileAnotherThreadReadsTheSettings) {
     const TemporaryFolder folder;
     std::string longFile;
-    for (int line = 0; line < 100'000; ++line)
+    for (int line = 0; line < 30'000; ++line)
         longFile += "# a comment that takes its time\n";
     const std::string config = folder.Write("gateway.ini", longFile);
     const Ended ended = RunInChild({{"ORV_GATEWAY_CONFIG", config}}, [] {
