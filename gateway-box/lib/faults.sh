@@ -12,10 +12,12 @@ fault_cable() {
             wait_for 3 not has_carrier eth0 || die "eth0 still has a carrier, see: $0 exec ip link"
             ;;
         in)
+            has_interface eth0 || ip -n "$eth_ns" link set dev eth0 netns "$gateway_ns" up
             ip -n "$eth_ns" link set dev lan up
             wait_for 3 has_carrier_or_is_off eth0 || die "eth0 has no carrier, see: $0 exec ip link"
             ;;
-        *) bad_fault cable "cable out|in" ;;
+        gone) ! has_interface eth0 || ip -n "$gateway_ns" link set dev eth0 netns "$eth_ns" ;;
+        *) bad_fault cable "cable out|gone|in" ;;
     esac
 }
 
@@ -40,7 +42,7 @@ fault_cellular() {
 # The interface is gone before anybody is told, as when a modem's firmware crashes. Its other end keeps what it is set to.
 take_modem_away() {
     bus_call org.ofono /modem org.freedesktop.DBus.Peer.Ping >/dev/null || die "$modem_mute"
-    not has_modem || ip -n "$gateway_ns" link set dev wwan0 netns "$cell_ns"
+    not has_interface wwan0 || ip -n "$gateway_ns" link set dev wwan0 netns "$cell_ns"
     set_bearer false
 }
 
@@ -153,5 +155,12 @@ fault_var_tmp() {
             ;;
         ok) on_gateway "$here/lib/spoil-var-tmp" ok ;;
         *) bad_fault var-tmp "var-tmp full|read-only|ok" ;;
+    esac
+}
+
+fault_authorities() {
+    case ${1-} in
+        one | full | bundle) write_authorities "$1" ;;
+        *) bad_fault authorities "authorities one|full|bundle" ;;
     esac
 }

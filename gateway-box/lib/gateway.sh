@@ -65,12 +65,30 @@ make_gateway_files() {
     printf 'nameserver 127.0.0.1\n' >"$root/etc/resolv.conf"
     : >"$root/run/connman/resolv.conf"
     echo +0 >"$root/run/clock-offset"
-    # What connects over TLS trusts the system's bundle. It holds what this gateway needs and no more, because it is
-    # parsed anew for every poke, inside a tick.
-    mkdir -p "$root/etc/ssl/certs" "$root/etc/orv"
-    cp "$state/cloud/tls/ca.pem" "$root/etc/ssl/certs/ca-certificates.crt"
+    mkdir -p "$root/etc/orv"
+    write_authorities one
     printf '[cloud]\nendpoint = %s\n[log]\nlevel = trace\n' "$cloud_name" >"$root/etc/orv/gateway.ini"
     cp "$here"/etc/* "$root/etc/orv/"
+}
+
+# write_authorities one|full|bundle: what connects over TLS trusts the system's authorities, a folder of files named by hash
+# and all of them in one file. Few are enough for a gateway, and quicker to read.
+write_authorities() {
+    local certs=$state/gateway/etc/ssl/certs bundle=/etc/ssl/certs/ca-certificates.crt
+    rm -rf "$certs.new"
+    mkdir -p "$certs.new"
+    if [ "$1" != one ]; then
+        [ -s "$bundle" ] || die "this machine has no list of authorities: apt-get install ca-certificates"
+        [ "$1" = bundle ] || cp -a /etc/ssl/certs/. "$certs.new"
+        cp --remove-destination "$bundle" "$certs.new"
+    fi
+    cat "$state/cloud/tls/ca.pem" >>"$certs.new/ca-certificates.crt"
+    if [ "$1" != bundle ]; then
+        cp "$state/cloud/tls/ca.pem" "$certs.new/gateway-box-ca.pem"
+        ln -s gateway-box-ca.pem "$certs.new/$(openssl x509 -noout -hash -in "$state/cloud/tls/ca.pem").0"
+    fi
+    rm -rf "$certs"
+    mv "$certs.new" "$certs"
 }
 
 start_bus() {
@@ -101,10 +119,10 @@ name_modem() {
         on_gateway mount -n --bind /run/wwan0.uevent /sys/class/net/wwan0/uevent
 }
 
-has_modem() { ip -n "$gateway_ns" link show dev wwan0 >/dev/null 2>&1; }
+has_interface() { ip -n "$gateway_ns" link show dev "$1" >/dev/null 2>&1; }
 
 start_modem() {
-    if has_modem; then
+    if has_interface wwan0; then
         name_modem
         ip -n "$gateway_ns" link set dev wwan0 up
     fi

@@ -206,3 +206,29 @@ def test_a_read_only_var_tmp_stays_as_it_is(box):
     box("var-tmp", "ok")
     box("exec", "sh", "-c", "cd /var/tmp; echo new >kept")
     assert box.file("/var/tmp/kept") == "new\n"
+
+
+@pytest.mark.parametrize("kind, known, folder", [("one", 1, True), ("full", 100, True), ("bundle", 100, False)])
+def test_the_cloud_is_trusted_among_few_authorities_and_many(box, kind, known, folder):
+    connect = ("import socket, ssl; trust = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT); trust.load_verify_locations({}); "
+               "trust.wrap_socket(socket.create_connection(('cloud.box.test', 443)), server_hostname='cloud.box.test')")
+
+    def connects(trusted):
+        command = box.command("exec", "/usr/bin/python3", "-c", connect.format(trusted))
+        return subprocess.run(command, env=box.environment, capture_output=True, check=False).returncode == 0
+
+    box("authorities", kind)
+    assert box.file("/etc/ssl/certs/ca-certificates.crt").count("BEGIN") >= known
+    assert connects("cafile='/etc/ssl/certs/ca-certificates.crt'")
+    assert connects("capath='/etc/ssl/certs'") == folder
+    box("authorities", "one")
+    assert box.file("/etc/ssl/certs/ca-certificates.crt").count("BEGIN") == 1
+
+
+def test_an_ethernet_adapter_that_is_pulled_comes_back(box):
+    box("cable", "gone")
+    assert "eth0" not in box("exec", "ip", "link")
+    wait_until(lambda: box.order() == ["wwan0"], SLACK, "no service of Ethernet's")
+    box("cable", "in")
+    wait_until(carries(box, "eth0"), SLACK, "the cloud over Ethernet")
+    wait_until(lambda: box.order() == ["eth0", "wwan0"], SLACK, "Ethernet on top again")
