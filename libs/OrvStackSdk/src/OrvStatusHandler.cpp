@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "OrvStatusHandler.h"
 
-#include <fstream>
+#include "StatusFile.h"
+
+#include <cstdio>
 #include <utility>
 
 namespace OrvStackSdk {
@@ -14,7 +16,7 @@ constexpr const char* STATUS_FILE = "/var/tmp/new_enterprise_statuses.csv";
 constexpr const char* ERROR_FILE = "/var/tmp/new_enterprise_errors.csv";
 
 const char* UpOrDown(bool up) {
-    return up ? R"("Up")" : R"("Down")";
+    return up ? "Up" : "Down";
 }
 
 } // namespace
@@ -123,19 +125,26 @@ void OrvStatusHandler::ProcessEntConStatus() {
 }
 
 void OrvStatusHandler::WriteCSVStatus() const {
-    std::ofstream file(STATUS_FILE);
-    file << R"("Enterprise Feature",)" << (panelCloudEnabled ? R"("Enabled")" : R"("Disabled")") << '\n'
-         << R"("Cloud Connection",)" << UpOrDown(cloudConnected) << '\n'
-         << R"("Ethernet",)" << UpOrDown(ethernetLinkUp) << '\n'
-         << R"("Cellular",)" << UpOrDown(cellularLinkUp);
+    char text[128];
+    const int length = std::snprintf(text, sizeof text,
+                                     "\"Enterprise Feature\",\"%s\"\n"
+                                     "\"Cloud Connection\",\"%s\"\n"
+                                     "\"Ethernet\",\"%s\"\n"
+                                     "\"Cellular\",\"%s\"",
+                                     panelCloudEnabled ? "Enabled" : "Disabled", UpOrDown(cloudConnected),
+                                     UpOrDown(ethernetLinkUp), UpOrDown(cellularLinkUp));
+    StatusFile(STATUS_FILE).Write(text, static_cast<std::size_t>(length));
 }
 
 void OrvStatusHandler::WriteCSVError() const {
     if (!failureDetected)
         return;
-    std::ofstream file(ERROR_FILE);
+    const StatusFile file(ERROR_FILE);
     const auto sinceEpoch = std::chrono::duration_cast<std::chrono::nanoseconds>(now().time_since_epoch());
-    file << std::to_string(sinceEpoch.count() / 1000000000) << ",Fatal Error Detected";
+    char text[64];
+    const int length = std::snprintf(text, sizeof text, "%lld,Fatal Error Detected",
+                                     static_cast<long long>(sinceEpoch.count() / 1000000000));
+    file.Write(text, static_cast<std::size_t>(length));
 }
 
 } // namespace OrvStackSdk

@@ -14,8 +14,8 @@ namespace OrvStackSdk {
 
 /// Turns connectivity events into LEDs, the external-network status, the route supervision's flags and two CSV files
 /// for other processes of the gateway: "/var/tmp/new_enterprise_statuses.csv" and, after a failure,
-/// "/var/tmp/new_enterprise_errors.csv". Both are written whole, never read, never deleted; a disk that is full or not
-/// there loses them silently.
+/// "/var/tmp/new_enterprise_errors.csv". Both are written whole and never read; a disk that is full or not there loses
+/// them silently, and what somebody else has put in their places is replaced.
 class OrvStatusHandler {
 public:
     using Clock = std::chrono::system_clock;

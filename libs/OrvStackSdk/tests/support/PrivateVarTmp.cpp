@@ -12,12 +12,13 @@
 namespace OrvStackSdk::Testing {
 namespace {
 
+bool privateMounts = false;
+
 class PrivateVarTmp : public ::testing::Environment {
 public:
     void SetUp() override {
-        const bool privateMounts = unshare(CLONE_NEWNS) == 0 &&
-                                   mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                                   mount("tmpfs", "/var/tmp", "tmpfs", 0, "mode=1777") == 0;
+        privateMounts = unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                        mount("tmpfs", "/var/tmp", "tmpfs", 0, "mode=1777,size=1m") == 0;
         if (privateMounts)
             return;
         kept = {Keep(STATUS_FILE), Keep(ERROR_FILE)};
@@ -52,4 +53,9 @@ private:
 const auto* const environment = ::testing::AddGlobalTestEnvironment(new PrivateVarTmp);
 
 } // namespace
+
+bool VarTmpIsPrivate() {
+    return privateMounts;
+}
+
 } // namespace OrvStackSdk::Testing

@@ -31,6 +31,9 @@ inline void RemoveFile(const std::string& path) {
     std::filesystem::remove_all(path);
 }
 
+/// Whether /var/tmp is the test program's own, a small file system that may be filled, hidden or made read-only.
+bool VarTmpIsPrivate();
+
 inline void RemoveStatusFiles() {
     RemoveFile(STATUS_FILE);
     RemoveFile(ERROR_FILE);

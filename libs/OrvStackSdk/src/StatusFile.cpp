@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "StatusFile.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace OrvStackSdk {
+
+namespace {
+
+// Somebody may be putting things there faster than we remove them.
+constexpr int ATTEMPTS = 10;
+
+bool IsOurs(const struct stat& file) {
+    return S_ISREG(file.st_mode) && file.st_nlink == 1 && file.st_uid == geteuid();
+}
+
+/// Whether the name under which the file was opened has gone since then. Asked after the names were counted, it tells
+/// which one was left: another client that removes a planted name must not make the file behind it look like ours.
+bool HasLostItsName(int opened) {
+    char link[32];
+    std::snprintf(link, sizeof link, "/proc/self/fd/%d", opened);
+    char name[PATH_MAX];
+    const ssize_t length = readlink(link, name, sizeof name);
+    return length > 0 && name[length - 1] == ')'; // "... (deleted)"
+}
+
+int OpenOurs(const char* path) {
+    for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
+        // Without O_NONBLOCK a FIFO, or the lease that somebody holds on a file, would keep us waiting.
+        const int opened = open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
+        struct stat file;
+        const bool known = (opened != -1 ? fstat(opened, &file) : lstat(path, &file)) == 0;
+        if (known && IsOurs(file) && (opened == -1 || !HasLostItsName(opened)))
+            return opened; // -1 when it is ours and cannot be opened for another reason
+        if (opened != -1)
+            close(opened);
+        if (known && unlink(path) != 0 && errno != ENOENT)
+            break;
+    }
+    return -1;
+}
+
+} // namespace
+
+StatusFile::StatusFile(const char* path) noexcept : descriptor(OpenOurs(path)) {
+    [[maybe_unused]] const int emptied = ftruncate(descriptor, 0);
+}
+
+StatusFile::~StatusFile() {
+    if (descriptor != -1)
+        close(descriptor);
+}
+
+void StatusFile::Write(const char* text, std::size_t length) const noexcept {
+    while (length != 0) {
+        const ssize_t written = write(descriptor, text, length);
+        if (written > 0) {
+            text += written;
+            length -= static_cast<std::size_t>(written);
+        } else if (written == 0 || errno != EINTR) {
+            return;
+        }
+    }
+}
+
+} // namespace OrvStackSdk
