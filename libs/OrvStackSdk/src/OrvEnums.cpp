@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "OrvStackSdk/OrvEnums.h"
 
-#include <algorithm>
-#include <memory>
+#include <iterator>
 #include <ostream>
 #include <stdexcept>
 
@@ -10,165 +9,160 @@ namespace OrvStackSdk {
 
 namespace {
 
-template <typename Enum>
-struct Row {
-    Enum value;
-    const char* word;
+/// The words of all enumerations, each in the order of its values. One list, because nine would take nine pieces of
+/// code to make strings of.
+constexpr const char* WORDS[] = {
+    // ServiceStatus
+    "SERVICE_OK",
+    "SERVICE_ERROR",
+    // Confirmation
+    "ACK",
+    "NACK",
+    // AppAction
+    "ENABLED",
+    "DISABLED",
+    "RELOAD",
+    "UNSUPPORTED",
+    // AppStatus: the last one is upper case, unlike its neighbours
+    "supported",
+    "available",
+    "booting",
+    "ready",
+    "error",
+    "noerror",
+    "UNSUPPORTED",
+    // CellularStatus
+    "IMEI",
+    "ICCID",
+    "TECHNOLOGY",
+    "PROVIDER",
+    "STRENGTH",
+    // PanelCommandStatus
+    "COMMANDNAME",
+    "DOALARMSILENCE",
+    "DORESET",
+    "DOACK",
+    "DOACKINDIVIDUAL",
+    "DODATETIME",
+    // OrvEvent
+    "CLOUD_CONNECTED",
+    "CLOUD_DISCONNECTED",
+    "PANEL_CLOUD_ENABLED",
+    "PANEL_CLOUD_DISABLED",
+    "ETHERNET_DISCONNECTED",
+    "ETHERNET_CONNECTED",
+    "ETHERNET_IP_GAINED",
+    "ETHERNET_IP_LOST",
+    "CELLULAR_DISCONNECTED",
+    "CELLULAR_CONNECTED",
+    "CELLULAR_IP_GAINED",
+    "CELLULAR_IP_LOST",
+    "FAILURE",
+    // ConnectedServicesLedType
+    "GREEN",
+    "YELLOW",
+    // ConnectedServicesLedState
+    "ON",
+    "OFF",
+    "BLINK",
 };
 
-/// The words of one enumeration as the strings that are handed out. Rows of strings would take a long piece of code to
-/// fill, which runs once.
-class Texts {
-public:
-    template <typename Enum, std::size_t Size>
-    explicit Texts(const Row<Enum> (&rows)[Size]) : texts(new std::string[Size]) {
-        for (std::size_t index = 0; index < Size; ++index)
-            texts[index] = rows[index].word;
+/// Where the words of an enumeration stand, and how many they are.
+struct Range {
+    std::size_t first;
+    std::size_t size;
+};
+
+constexpr Range After(Range previous, std::size_t size) {
+    return {previous.first + previous.size, size};
+}
+
+constexpr Range SERVICE_STATUS{0, 2};
+constexpr Range CONFIRMATION = After(SERVICE_STATUS, 2);
+constexpr Range APP_ACTION = After(CONFIRMATION, 4);
+constexpr Range APP_STATUS = After(APP_ACTION, 7);
+constexpr Range CELLULAR_STATUS = After(APP_STATUS, 5);
+constexpr Range PANEL_COMMAND_STATUS = After(CELLULAR_STATUS, 6);
+constexpr Range ORV_EVENT = After(PANEL_COMMAND_STATUS, 13);
+constexpr Range LED_TYPE = After(ORV_EVENT, 2);
+constexpr Range LED_STATE = After(LED_TYPE, 3);
+static_assert(LED_STATE.first + LED_STATE.size == std::size(WORDS), "a word too many or too few");
+
+// What the conversions from text refer to, in the order of the values.
+constexpr AppAction APP_ACTIONS[] = {AppAction::ENABLED, AppAction::DISABLED, AppAction::RELOAD,
+                                     AppAction::UNSUPPORTED};
+constexpr AppStatus APP_STATUSES[] = {AppStatus::SUPPORTED,  AppStatus::AVAILABLE, AppStatus::BOOTING,
+                                      AppStatus::READY,      AppStatus::ERROR,     AppStatus::NOERROR,
+                                      AppStatus::UNSUPPORTED};
+
+/// The words as the strings that are handed out.
+struct Texts {
+    Texts() {
+        for (std::size_t index = 0; index < std::size(WORDS); ++index)
+            strings[index] = WORDS[index];
     }
-    const std::string& operator[](std::size_t index) const { return texts[index]; }
-
-private:
-    const std::unique_ptr<std::string[]> texts;
+    std::string strings[std::size(WORDS)];
 };
 
-constexpr Row<ServiceStatus> serviceStatusRows[] = {
-    {ServiceStatus::SERVICE_OK, "SERVICE_OK"},
-    {ServiceStatus::SERVICE_ERROR, "SERVICE_ERROR"},
-};
-const Texts serviceStatusTexts(serviceStatusRows);
+const Texts texts;
 
-constexpr Row<Confirmation> confirmationRows[] = {
-    {Confirmation::ACK, "ACK"},
-    {Confirmation::NACK, "NACK"},
-};
-const Texts confirmationTexts(confirmationRows);
-
-constexpr Row<AppAction> appActionRows[] = {
-    {AppAction::ENABLED, "ENABLED"},
-    {AppAction::DISABLED, "DISABLED"},
-    {AppAction::RELOAD, "RELOAD"},
-    {AppAction::UNSUPPORTED, "UNSUPPORTED"},
-};
-const Texts appActionTexts(appActionRows);
-
-constexpr Row<AppStatus> appStatusRows[] = {
-    {AppStatus::SUPPORTED, "supported"},
-    {AppStatus::AVAILABLE, "available"},
-    {AppStatus::BOOTING, "booting"},
-    {AppStatus::READY, "ready"},
-    {AppStatus::ERROR, "error"},
-    {AppStatus::NOERROR, "noerror"},
-    // Upper case, unlike its neighbours: the fallback for unknown texts looks up exactly this word.
-    {AppStatus::UNSUPPORTED, "UNSUPPORTED"},
-};
-const Texts appStatusTexts(appStatusRows);
-
-constexpr Row<CellularStatus> cellularStatusRows[] = {
-    {CellularStatus::IMEI, "IMEI"},
-    {CellularStatus::ICCID, "ICCID"},
-    {CellularStatus::TECHNOLOGY, "TECHNOLOGY"},
-    {CellularStatus::PROVIDER, "PROVIDER"},
-    {CellularStatus::STRENGTH, "STRENGTH"},
-};
-const Texts cellularStatusTexts(cellularStatusRows);
-
-constexpr Row<PanelCommandStatus> panelCommandStatusRows[] = {
-    {PanelCommandStatus::COMMANDNAME, "COMMANDNAME"},
-    {PanelCommandStatus::DOALARMSILENCE, "DOALARMSILENCE"},
-    {PanelCommandStatus::DORESET, "DORESET"},
-    {PanelCommandStatus::DOACK, "DOACK"},
-    {PanelCommandStatus::DOACKINDIVIDUAL, "DOACKINDIVIDUAL"},
-    {PanelCommandStatus::DODATETIME, "DODATETIME"},
-};
-const Texts panelCommandStatusTexts(panelCommandStatusRows);
-
-constexpr Row<OrvEvent> orvEventRows[] = {
-    {OrvEvent::CLOUD_CONNECTED, "CLOUD_CONNECTED"},
-    {OrvEvent::CLOUD_DISCONNECTED, "CLOUD_DISCONNECTED"},
-    {OrvEvent::PANEL_CLOUD_ENABLED, "PANEL_CLOUD_ENABLED"},
-    {OrvEvent::PANEL_CLOUD_DISABLED, "PANEL_CLOUD_DISABLED"},
-    {OrvEvent::ETHERNET_DISCONNECTED, "ETHERNET_DISCONNECTED"},
-    {OrvEvent::ETHERNET_CONNECTED, "ETHERNET_CONNECTED"},
-    {OrvEvent::ETHERNET_IP_GAINED, "ETHERNET_IP_GAINED"},
-    {OrvEvent::ETHERNET_IP_LOST, "ETHERNET_IP_LOST"},
-    {OrvEvent::CELLULAR_DISCONNECTED, "CELLULAR_DISCONNECTED"},
-    {OrvEvent::CELLULAR_CONNECTED, "CELLULAR_CONNECTED"},
-    {OrvEvent::CELLULAR_IP_GAINED, "CELLULAR_IP_GAINED"},
-    {OrvEvent::CELLULAR_IP_LOST, "CELLULAR_IP_LOST"},
-    {OrvEvent::FAILURE, "FAILURE"},
-};
-const Texts orvEventTexts(orvEventRows);
-
-constexpr Row<ConnectedServicesLedType> ledTypeRows[] = {
-    {ConnectedServicesLedType::GREEN, "GREEN"},
-    {ConnectedServicesLedType::YELLOW, "YELLOW"},
-};
-const Texts ledTypeTexts(ledTypeRows);
-
-constexpr Row<ConnectedServicesLedState> ledStateRows[] = {
-    {ConnectedServicesLedState::ON, "ON"},
-    {ConnectedServicesLedState::OFF, "OFF"},
-    {ConnectedServicesLedState::BLINK, "BLINK"},
-};
-const Texts ledStateTexts(ledStateRows);
-
-[[noreturn]] void ThrowNotInTable() {
-    throw std::out_of_range("_Map_base::at");
+const std::string& TextOf(Range range, int value) {
+    const auto index = static_cast<std::size_t>(value);
+    if (index >= range.size)
+        throw std::out_of_range("_Map_base::at");
+    return texts.strings[range.first + index];
 }
 
-template <typename Enum, std::size_t Size>
-const std::string& TextOf(const Row<Enum> (&rows)[Size], const Texts& texts, Enum value) {
-    const auto* row =
-        std::find_if(rows, rows + Size, [value](const auto& candidate) { return candidate.value == value; });
-    if (row == rows + Size)
-        ThrowNotInTable();
-    return texts[static_cast<std::size_t>(row - rows)];
+template <typename Enum>
+const std::string& TextOf(Range range, Enum value) {
+    return TextOf(range, static_cast<int>(value));
 }
 
-template <typename Enum, std::size_t Size>
-const Enum& ValueOf(const Row<Enum> (&rows)[Size], const std::string& text) {
-    const Row<Enum>& unsupported = rows[Size - 1]; // the last word of both enumerations that are read
-    const auto* row =
-        std::find_if(rows, rows + Size, [&text](const auto& candidate) { return text == candidate.word; });
-    return row != rows + Size ? row->value : unsupported.value;
+/// The place of the word in its enumeration. What is none is taken for the last one, in both enumerations that are
+/// read.
+std::size_t PlaceOf(Range range, const std::string& text) {
+    std::size_t index = 0;
+    while (index < range.size - 1 && text != WORDS[range.first + index])
+        ++index;
+    return index;
 }
 
 } // namespace
 
 const std::string& ServiceStatusText(ServiceStatus value) {
-    return TextOf(serviceStatusRows, serviceStatusTexts, value);
+    return TextOf(SERVICE_STATUS, value);
 }
 
 const std::string& ConfirmationText(Confirmation value) {
-    return TextOf(confirmationRows, confirmationTexts, value);
+    return TextOf(CONFIRMATION, value);
 }
 
 const std::string& AppActionText(AppAction value) {
-    return TextOf(appActionRows, appActionTexts, value);
+    return TextOf(APP_ACTION, value);
 }
 
 const std::string& AppStatusText(AppStatus value) {
-    return TextOf(appStatusRows, appStatusTexts, value);
+    return TextOf(APP_STATUS, value);
 }
 
 const std::string& CellularStatusText(CellularStatus value) {
-    return TextOf(cellularStatusRows, cellularStatusTexts, value);
+    return TextOf(CELLULAR_STATUS, value);
 }
 
 const std::string& PanelCommandStatusText(PanelCommandStatus value) {
-    return TextOf(panelCommandStatusRows, panelCommandStatusTexts, value);
+    return TextOf(PANEL_COMMAND_STATUS, value);
 }
 
 const std::string& OrvEventText(OrvEvent value) {
-    return TextOf(orvEventRows, orvEventTexts, value);
+    return TextOf(ORV_EVENT, value);
 }
 
 const std::string& ConnectedServicesLedTypeText(ConnectedServicesLedType value) {
-    return TextOf(ledTypeRows, ledTypeTexts, value);
+    return TextOf(LED_TYPE, value);
 }
 
 const std::string& ConnectedServicesLedStateText(ConnectedServicesLedState value) {
-    return TextOf(ledStateRows, ledStateTexts, value);
+    return TextOf(LED_STATE, value);
 }
 
 std::ostream& operator<<(std::ostream& stream, const ServiceStatus& value) {
@@ -208,11 +202,11 @@ std::ostream& operator<<(std::ostream& stream, const ConnectedServicesLedState& 
 }
 
 const AppAction& AppActionTextToEnum(const std::string& text) {
-    return ValueOf(appActionRows, text);
+    return APP_ACTIONS[PlaceOf(APP_ACTION, text)];
 }
 
 const AppStatus& AppStatusTextToEnum(const std::string& text) {
-    return ValueOf(appStatusRows, text);
+    return APP_STATUSES[PlaceOf(APP_STATUS, text)];
 }
 
 } // namespace OrvStackSdk
