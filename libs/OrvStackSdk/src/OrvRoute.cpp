@@ -2,6 +2,7 @@
 #include "OrvRoute.h"
 
 #include "OrvTopics.h"
+#include "StopDelivery.h"
 
 #include <atomic>
 #include <stdexcept>
@@ -48,7 +49,7 @@ OrvRoute::OrvRoute(Now clock)
 }
 
 OrvRoute::~OrvRoute() {
-    StopDelivery();
+    Delivery<>::Stop(*this);
     Disconnect();
 }
 

@@ -2,6 +2,7 @@
 #include "OrvSessionMqtt.h"
 
 #include "OrvTopics.h"
+#include "StopDelivery.h"
 
 namespace OrvStackSdk {
 
@@ -84,7 +85,7 @@ OrvSessionMqtt::OrvSessionMqtt() : QueueOwner("ORV_Stack"), logger("OrvSessionMq
 
 OrvSessionMqtt::~OrvSessionMqtt() {
     // A message must not find the members half gone.
-    StopDelivery();
+    Delivery<>::Stop(*this);
     logger.Trace("~OrvSessionMqtt");
 }
 

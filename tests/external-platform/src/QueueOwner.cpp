@@ -25,7 +25,7 @@ QueueOwner::QueueOwner(const std::string& clientId) : id(clientId) {
 }
 
 QueueOwner::~QueueOwner() {
-    StopDelivery();
+    Forget();
 }
 
 void QueueOwner::OnPublish(const std::string&, const std::string&) {}
@@ -74,9 +74,16 @@ bool QueueOwner::Disconnect() {
     return was;
 }
 
-void QueueOwner::StopDelivery() noexcept {
+void QueueOwner::Forget() {
     auto& owners = Owners();
     owners.erase(std::remove(owners.begin(), owners.end(), this), owners.end());
 }
+
+#if MAKER_STOPS_DELIVERY
+void QueueOwner::StopDelivery() noexcept {
+    std::printf("stop-delivery %s\n", id.c_str());
+    Forget();
+}
+#endif
 
 } // namespace QUILMQTT

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "QuilMqtt/Kind.h"
+
 #include <string>
 #include <vector>
 
@@ -21,10 +23,14 @@ public:
     int PublishRetainedMessage(const std::string& topic, const std::string& payload, bool assured);
     bool Disconnect();
 
+#if MAKER_STOPS_DELIVERY
 protected:
     void StopDelivery() noexcept;
+#endif
 
 private:
+    void Forget();
+
     std::string id;
     std::vector<std::string> filters;
     bool connected = false;
