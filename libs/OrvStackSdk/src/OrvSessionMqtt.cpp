@@ -4,13 +4,17 @@
 #include "OrvTopics.h"
 #include "StopDelivery.h"
 
+#include <algorithm>
+#include <ostream>
+#include <string_view>
+
 namespace OrvStackSdk {
 
 namespace {
 
 constexpr int SUBSCRIPTION_QOS = 1;
 constexpr bool NOT_ASSURED = false;
-constexpr std::size_t SHOWN_MESSAGE_LENGTH = 128;
+constexpr std::streamsize SHOWN_MESSAGE_LENGTH = 128;
 constexpr const char* PUBLISH_FAILED = "Failed to publish message to MQTT";
 
 constexpr const char* FILTERS[] = {
@@ -20,7 +24,7 @@ constexpr const char* FILTERS[] = {
 };
 
 struct CellularTopic {
-    const char* topic;
+    std::string_view topic;
     CellularStatus status;
 };
 
@@ -73,8 +77,37 @@ const char* PanelCommandTopic(int value) {
     }
 }
 
-std::string Shown(const std::string& message) {
-    return message.size() > SHOWN_MESSAGE_LENGTH ? message.substr(0, SHOWN_MESSAGE_LENGTH) + "..." : message;
+// The following two are written into a record piece by piece, so that nothing is composed for a record that is off.
+
+/// A message as records show it: not more than its beginning.
+struct Shown {
+    const std::string& message;
+};
+
+std::ostream& operator<<(std::ostream& stream, const Shown& shown) {
+    const auto length = static_cast<std::streamsize>(shown.message.size());
+    stream.write(shown.message.data(), std::min(length, SHOWN_MESSAGE_LENGTH));
+    return length > SHOWN_MESSAGE_LENGTH ? stream << "..." : stream;
+}
+
+/// What every record about a message begins with.
+struct LogContext {
+    const std::string& topic;
+    const std::string& message;
+};
+
+std::ostream& operator<<(std::ostream& stream, const LogContext& context) {
+    return stream << "(topic=" << context.topic << ", message=" << Shown{context.message} << ")";
+}
+
+/// What stands behind the feature's name in a topic of that feature; nothing for any other topic.
+std::string_view BehindFeature(std::string_view topic, std::string_view feature) {
+    for (const std::string_view piece : {std::string_view(Topics::FEATURES), feature}) {
+        if (topic.compare(0, piece.size(), piece) != 0)
+            return {};
+        topic.remove_prefix(piece.size());
+    }
+    return topic;
 }
 
 } // namespace
@@ -106,14 +139,13 @@ void OrvSessionMqtt::InitRequest(const std::string& featureName) {
     // The confirmation comes before the subscriptions: no indication can overtake it.
     if (const auto receiver = handler.lock()) {
         const Confirmation confirmation = connected ? Confirmation::ACK : Confirmation::NACK;
-        logger.Trace("InitRequest") << "(featureName=" << featureName << ")"
-                                    << ": Calling OnInitConfirmation(" << confirmation << ") ...";
+        logger.Trace("InitRequest") << "(featureName=" << featureName << "): Calling OnInitConfirmation("
+                                    << ConfirmationText(confirmation) << ") ...";
         receiver->OnInitConfirmation(confirmation);
     }
 
     if (!connected) {
-        logger.Error() << "(featureName=" << featureName << ")"
-                       << ": Connection to MQTT broker failed.";
+        logger.Error() << "(featureName=" << featureName << "): Connection to MQTT broker failed.";
         return;
     }
     for (const char* filter : FILTERS)
@@ -131,163 +163,159 @@ void OrvSessionMqtt::SetHandler(std::weak_ptr<IOrvSessionHandler> newHandler) {
     handler = std::move(newHandler);
 }
 
+void OrvSessionMqtt::WarnOf(int publishStatus, const char* failure) {
+    if (publishStatus != 0)
+        logger.Warning() << failure;
+}
+
 void OrvSessionMqtt::FeatureAvailableRequest(const std::string& app, bool available) {
-    const char* word = Words::OfBool(available);
+    const std::string word = Words::OfBool(available);
     logger.Trace("FeatureAvailableRequest") << "(App=" << app << ", available=" << word << ")";
-    if (PublishMessage(Topics::OfFeature(app, Topics::AVAILABLE), word, NOT_ASSURED) != 0)
-        logger.Warning() << PUBLISH_FAILED;
+    WarnOf(PublishMessage(Topics::OfFeature(app, Topics::AVAILABLE), word, NOT_ASSURED), PUBLISH_FAILED);
 }
 
 void OrvSessionMqtt::FeatureSupportedRequest(const std::string& app, bool supported) {
-    const char* word = Words::OfBool(supported);
+    const std::string word = Words::OfBool(supported);
     logger.Trace("FeatureSupportedRequest") << "(App=" << app << ", supported=" << word << ")";
-    if (PublishMessage(Topics::OfFeature(app, Topics::SUPPORTED), word, NOT_ASSURED) != 0)
-        logger.Warning() << PUBLISH_FAILED;
+    WarnOf(PublishMessage(Topics::OfFeature(app, Topics::SUPPORTED), word, NOT_ASSURED), PUBLISH_FAILED);
 }
 
+// A value that is no enumerator has no text: asking for the text first lets it end here, whatever is logged, before a
+// record is begun or anything is published.
+
 void OrvSessionMqtt::FeatureInitRequest(const std::string& app, const AppStatus& status) {
-    switch (status) {
-    case AppStatus::BOOTING:
-    case AppStatus::READY:
-    case AppStatus::ERROR:
-    case AppStatus::NOERROR:
-        logger.Trace("FeatureInitRequest") << "(App=" << app << ", initState=" << status << ")";
-        PublishMessage(Topics::OfFeature(app, Topics::INIT), AppStatusText(status), NOT_ASSURED);
+    const std::string& text = AppStatusText(status);
+    if (status < AppStatus::BOOTING || status > AppStatus::NOERROR) {
+        logger.Warning() << "(App=" << app << ", initState=" << text << "): initState not handled";
         return;
-    case AppStatus::SUPPORTED:
-    case AppStatus::AVAILABLE:
-    case AppStatus::UNSUPPORTED:
-        break;
     }
-    logger.Warning() << "(App=" << app << ", initState=" << status << "): initState not handled";
+    logger.Trace("FeatureInitRequest") << "(App=" << app << ", initState=" << text << ")";
+    PublishMessage(Topics::OfFeature(app, Topics::INIT), text, NOT_ASSURED);
 }
 
 void OrvSessionMqtt::FeatureInitRequest(const std::string& app, const AppAction& action) {
-    switch (action) {
-    case AppAction::ENABLED:
-    case AppAction::DISABLED:
-    case AppAction::RELOAD:
-        logger.Trace("FeatureInitRequest") << "(App=" << app << ", action=" << action << ")";
-        PublishMessage(Topics::OfFeature(app, Topics::INIT), CommonUtils::StringHelpers::ToLower(AppActionText(action)),
-                       NOT_ASSURED);
+    const std::string& text = AppActionText(action);
+    if (action > AppAction::RELOAD) {
+        logger.Warning() << "(App=" << app << ", action=" << text << "): action not handled";
         return;
-    case AppAction::UNSUPPORTED:
-        break;
     }
-    logger.Warning() << "(App=" << app << ", action=" << action << "): action not handled";
+    logger.Trace("FeatureInitRequest") << "(App=" << app << ", action=" << text << ")";
+    PublishMessage(Topics::OfFeature(app, Topics::INIT), CommonUtils::StringHelpers::ToLower(text), NOT_ASSURED);
 }
 
 void OrvSessionMqtt::AppsControlEventRequest(const std::string&, const std::string&) {}
 
 void OrvSessionMqtt::FeaturePrepareForShutdownRequest() {
     logger.Trace("FeaturePrepareForShutdownRequest") << "(ShutdownRequest=" << Words::PREPARING << ")";
-    if (PublishMessage(Topics::PREPARE_FOR_SHUTDOWN, Words::PREPARING, NOT_ASSURED) != 0)
-        logger.Warning() << PUBLISH_FAILED;
+    WarnOf(PublishMessage(Topics::PREPARE_FOR_SHUTDOWN, Words::PREPARING, NOT_ASSURED), PUBLISH_FAILED);
 }
 
 void OrvSessionMqtt::FeatureShutdownReadinessRequest(const std::string&, const std::string&) {}
 
 bool OrvSessionMqtt::LedUpdateRequest(const ConnectedServicesLedType& led, const ConnectedServicesLedState& state) {
-    logger.Trace("LedUpdateRequest") << "(Led=" << led << ", State=" << state << ")";
-    const char* topic = LedTopic(led);
-    const char* word = LedWord(state);
+    const std::string& ledText = ConnectedServicesLedTypeText(led);
+    const std::string& stateText = ConnectedServicesLedStateText(state);
+    logger.Trace("LedUpdateRequest") << "(Led=" << ledText << ", State=" << stateText << ")";
+    const std::string topic = LedTopic(led);
+    const std::string word = LedWord(state);
     logger.Trace("LedUpdateRequest") << "(Led=" << topic << ", State=" << word << ")";
     return PublishRetainedMessage(topic, word, NOT_ASSURED) != 0;
 }
 
 void OrvSessionMqtt::StatusEntConRequest(bool connected) {
     logger.Trace("StatusEntConRequest") << "(EntCon=" << connected << ")";
-    if (PublishRetainedMessage(Topics::ENTERPRISE_CONNECTED, Words::OfBool(connected), NOT_ASSURED) != 0)
-        logger.Warning() << PUBLISH_FAILED;
+    WarnOf(PublishRetainedMessage(Topics::ENTERPRISE_CONNECTED, Words::OfBool(connected), NOT_ASSURED), PUBLISH_FAILED);
 }
 
 void OrvSessionMqtt::StatusExtNetRequest(bool reachable) {
     // The topic tells the absence of the external network.
     const bool absent = !reachable;
     logger.Trace("StatusExtNetRequest") << "(NoExtNet=" << absent << ")";
-    if (PublishRetainedMessage(Topics::NO_EXTERNAL_NETWORK, Words::OfBool(absent), NOT_ASSURED) != 0)
-        logger.Warning() << PUBLISH_FAILED;
+    WarnOf(PublishRetainedMessage(Topics::NO_EXTERNAL_NETWORK, Words::OfBool(absent), NOT_ASSURED), PUBLISH_FAILED);
 }
 
 void OrvSessionMqtt::PanelCommandRequest(const std::string& command, int value) {
     logger.Trace("PanelCommandRequest") << "(command=" << command << ")";
-    // The failure text names another class on purpose: log filters in the field look for it.
-    if (PublishMessage(PanelCommandTopic(value), command, NOT_ASSURED) != 0)
-        logger.Warning() << "KelboSessionMqtt::CommandReset(): Failed to publish message to MQTT";
+    // The failure's text names another class and one command for all of them. It is fixed like every other text.
+    WarnOf(PublishMessage(PanelCommandTopic(value), command, NOT_ASSURED),
+           "KelboSessionMqtt::CommandReset(): Failed to publish message to MQTT");
 }
 
 void OrvSessionMqtt::SendConnectionStatus(const std::string& status) {
-    if (PublishMessage(Topics::SIM_CONNECTION_STATUS, status, NOT_ASSURED) != 0)
-        logger.Warning() << "Failed to publish message to MQTT for cellular";
+    WarnOf(PublishMessage(Topics::SIM_CONNECTION_STATUS, status, NOT_ASSURED),
+           "Failed to publish message to MQTT for cellular");
 }
 
 void OrvSessionMqtt::OnPublish(const std::string& topic, const std::string& message) {
-    const std::string shown = Shown(message);
-    const std::string logContext = "(topic=" + topic + ", message=" + shown + ")";
-
-    // Declared last: releasing it may destroy the client and, with it, this object.
+    // Releasing it may destroy the client and, with it, this object: nothing but the return comes after that.
     const auto receiver = handler.lock();
-    if (!receiver)
-        return;
+    if (receiver)
+        Dispatch(*receiver, topic, message);
+}
 
-    if (topic == Topics::OfFeature(feature, Topics::INIT)) {
-        OnInitMessage(*receiver, message, logContext);
+void OrvSessionMqtt::Dispatch(IOrvSessionHandler& receiver, const std::string& topic, const std::string& message) {
+    const LogContext context{topic, message};
+    const auto trace = [this, &context](const char* text) { logger.Trace("OnPublish") << context << text; };
+
+    const std::string_view ownSuffix = BehindFeature(topic, feature);
+    if (ownSuffix == Topics::INIT) {
+        OnInitMessage(receiver, topic, message);
         return;
     }
-    if (topic == Topics::OfFeature(feature, Topics::AVAILABLE)) {
-        logger.Trace("OnPublish") << logContext << ": Calling OnFeatureAvailableIndication(" << shown << ") ...";
-        receiver->OnFeatureAvailableIndication(feature, CommonUtils::StringHelpers::ToBoolean(message));
+    if (ownSuffix == Topics::AVAILABLE) {
+        logger.Trace("OnPublish") << context << ": Calling OnFeatureAvailableIndication(" << Shown{message} << ") ...";
+        receiver.OnFeatureAvailableIndication(feature, CommonUtils::StringHelpers::ToBoolean(message));
         return;
     }
-    if (topic == Topics::OfFeature(feature, Topics::SUPPORTED)) {
-        logger.Trace("OnPublish") << logContext << ": Calling OnFeatureSupportedIndication(" << shown << ") ...";
-        receiver->OnFeatureSupportedIndication(feature, CommonUtils::StringHelpers::ToBoolean(message));
+    if (ownSuffix == Topics::SUPPORTED) {
+        logger.Trace("OnPublish") << context << ": Calling OnFeatureSupportedIndication(" << Shown{message} << ") ...";
+        receiver.OnFeatureSupportedIndication(feature, CommonUtils::StringHelpers::ToBoolean(message));
         return;
     }
-    if (topic == Topics::PANEL_GUID) {
-        logger.Trace("OnPublish") << logContext << ": Calling OnDeviceProbeIndication()...";
-        receiver->OnDeviceProbeIndication(message);
+    if (topic == std::string_view(Topics::PANEL_GUID)) {
+        trace(": Calling OnDeviceProbeIndication()...");
+        receiver.OnDeviceProbeIndication(message);
         return;
     }
-    if (topic == Topics::PANEL_CONNECTION_STATUS) {
-        logger.Trace("OnPublish") << logContext << ": Calling OnDeviceConnectionStatusIndication()...";
-        receiver->OnDeviceConnectionStatusIndication(message == Words::PANEL_UP);
+    if (topic == std::string_view(Topics::PANEL_CONNECTION_STATUS)) {
+        trace(": Calling OnDeviceConnectionStatusIndication()...");
+        receiver.OnDeviceConnectionStatusIndication(message == Words::PANEL_UP);
         return;
     }
     for (const auto& cellular : CELLULAR_TOPICS) {
         if (topic == cellular.topic) {
-            logger.Trace("OnPublish") << logContext << ": Calling OnDeviceCellularStatusIndication()...";
-            receiver->OnDeviceCellularStatusIndication(cellular.status, message);
+            trace(": Calling OnDeviceCellularStatusIndication()...");
+            receiver.OnDeviceCellularStatusIndication(cellular.status, message);
             return;
         }
     }
     if (topic.find(Topics::SHUTDOWN_READINESS) != std::string::npos) {
-        logger.Trace("OnPublish") << logContext << ": Calling OnFeatureShutdownReadinessIndication()...";
-        receiver->OnFeatureShutdownReadinessIndication(CommonUtils::StringHelpers::Tokenize(topic, '/').back(),
-                                                       message == Words::SHUTDOWN_READY);
+        trace(": Calling OnFeatureShutdownReadinessIndication()...");
+        receiver.OnFeatureShutdownReadinessIndication(CommonUtils::StringHelpers::Tokenize(topic, '/').back(),
+                                                      message == Words::SHUTDOWN_READY);
         return;
     }
-    logger.Trace("OnPublish") << logContext << ": Message not handled";
+    trace(": Message not handled");
 }
 
-void OrvSessionMqtt::OnInitMessage(IOrvSessionHandler& receiver, const std::string& message,
-                                   const std::string& logContext) {
+void OrvSessionMqtt::OnInitMessage(IOrvSessionHandler& receiver, const std::string& topic, const std::string& message) {
+    const LogContext context{topic, message};
     const std::string word = CommonUtils::StringHelpers::ToUpper(message);
 
     // Status texts are lower case, so that of an upper-cased word none is found: a status that comes in is not acted
     // upon, the own announcements that the broker echoes included.
     const AppStatus status = AppStatusTextToEnum(word);
     if (status != AppStatus::UNSUPPORTED) {
-        logger.Trace("OnPublish") << logContext << ": Calling OnFeatureInitIndication(" << status << ")...";
+        logger.Trace("OnPublish") << context << ": Calling OnFeatureInitIndication(" << AppStatusText(status) << ")...";
         receiver.OnFeatureInitIndication(feature, status);
         return;
     }
     const AppAction action = AppActionTextToEnum(word);
     if (action == AppAction::UNSUPPORTED) {
-        logger.Warning() << logContext << ": Message is not handled";
+        logger.Warning() << context << ": Message is not handled";
         return;
     }
-    logger.Trace("OnPublish") << logContext << ": Calling OnFeatureInitIndication(" << action << ")...";
+    logger.Trace("OnPublish") << context << ": Calling OnFeatureInitIndication(" << AppActionText(action) << ")...";
     receiver.OnFeatureInitIndication(feature, action);
 }
 

@@ -41,7 +41,9 @@ public:
     void OnPublish(const std::string& topic, const std::string& message) override;
 
 private:
-    void OnInitMessage(IOrvSessionHandler& receiver, const std::string& message, const std::string& logContext);
+    void WarnOf(int publishStatus, const char* failure);
+    void Dispatch(IOrvSessionHandler& receiver, const std::string& topic, const std::string& message);
+    void OnInitMessage(IOrvSessionHandler& receiver, const std::string& topic, const std::string& message);
 
     std::weak_ptr<IOrvSessionHandler> handler;
     std::string feature;

@@ -73,8 +73,12 @@ void OrvStackClient::Tick(std::chrono::milliseconds) {
     route->Tick();
 }
 
+// A value that is no enumerator has no text: asking for the text first lets it end here, whether the trace is on or
+// off, before a record is begun or anything is forwarded.
+
 void OrvStackClient::AppStatusRequest(const AppStatus& status) {
-    logger.Trace("AppStatusRequest") << "(status=" << status << ")";
+    const std::string& text = AppStatusText(status);
+    logger.Trace("AppStatusRequest") << "(status=" << text << ")";
     appStatus = status;
     if (status == AppStatus::SUPPORTED)
         session->FeatureSupportedRequest(appName, true);
@@ -85,12 +89,14 @@ void OrvStackClient::AppStatusRequest(const AppStatus& status) {
 }
 
 void OrvStackClient::AppActionRequest(const std::string& app, const AppAction& action) {
-    logger.Trace("AppActionRequest") << "(App=" << app << ", AppAction=" << action << ")";
+    const std::string& text = AppActionText(action);
+    logger.Trace("AppActionRequest") << "(App=" << app << ", AppAction=" << text << ")";
     session->FeatureInitRequest(app, action);
 }
 
 void OrvStackClient::EventUpdateRequest(const OrvEvent& event) {
-    logger.Trace("EventUpdateRequest") << "(event=" << event << ")";
+    const std::string& text = OrvEventText(event);
+    logger.Trace("EventUpdateRequest") << "(event=" << text << ")";
     statusHandler->SetEvent(event);
     if (event == OrvEvent::CLOUD_CONNECTED)
         session->StatusEntConRequest(true);
@@ -122,8 +128,9 @@ void OrvStackClient::OnInitConfirmation(const Confirmation& confirmation) {
     const auto receiver = handler.lock();
     if (!receiver)
         return;
-    logger.Trace("OnInitConfirmation") << "(confirmation=" << confirmation << ")"
-                                       << ": Calling OnInitConfirmation(" << confirmation << ")...";
+    const std::string& text = ConfirmationText(confirmation);
+    logger.Trace("OnInitConfirmation") << "(confirmation=" << text << "): Calling OnInitConfirmation(" << text
+                                       << ")...";
     receiver->OnInitConfirmation(confirmation);
 }
 
@@ -135,8 +142,8 @@ void OrvStackClient::OnFeatureAvailableIndication(const std::string& app, bool a
     if (!receiver || IsOwn(app) || !available)
         return;
     logger.Trace("OnFeatureAvailableIndication")
-        << "(App=" << app << ", available=True)"
-        << ": Calling OnAppStatusIndication(" << AppStatus::AVAILABLE << ")...";
+        << "(App=" << app << ", available=True): Calling OnAppStatusIndication(" << AppStatusText(AppStatus::AVAILABLE)
+        << ")...";
     receiver->OnAppStatusIndication(app, AppStatus::AVAILABLE);
 }
 
@@ -145,8 +152,8 @@ void OrvStackClient::OnFeatureSupportedIndication(const std::string& app, bool s
     if (!receiver || IsOwn(app) || !supported)
         return;
     logger.Trace("OnFeatureSupportedIndication")
-        << "(App=" << app << ", supported=True)"
-        << ": Calling OnAppStatusIndication(" << AppStatus::SUPPORTED << ")...";
+        << "(App=" << app << ", supported=True): Calling OnAppStatusIndication(" << AppStatusText(AppStatus::SUPPORTED)
+        << ")...";
     receiver->OnAppStatusIndication(app, AppStatus::SUPPORTED);
 }
 
@@ -156,8 +163,9 @@ void OrvStackClient::OnFeatureInitIndication(const std::string& app, const AppSt
     const auto receiver = handler.lock();
     if (!receiver)
         return;
-    logger.Trace("OnFeatureInitIndication") << "(App=" << app << ", initState=" << status << ")"
-                                            << ": Calling OnAppStatusIndication(" << status << ")...";
+    const std::string& text = AppStatusText(status);
+    logger.Trace("OnFeatureInitIndication")
+        << "(App=" << app << ", initState=" << text << "): Calling OnAppStatusIndication(" << text << ")...";
     receiver->OnAppStatusIndication(app, status);
 }
 
@@ -166,16 +174,17 @@ void OrvStackClient::OnFeatureInitIndication(const std::string& app, const AppAc
         return;
     if (appStatus == AppStatus::BOOTING && action == AppAction::RELOAD) {
         logger.Trace("OnFeatureInitIndication")
-            << "(App=" << app << ", initState=" << action << ")"
-            << ": Rejecting RELOAD request. This application is already in state BOOTING";
+            << "(App=" << app << ", initState=" << AppActionText(action)
+            << "): Rejecting RELOAD request. This application is already in state BOOTING";
         AppStatusRequest(AppStatus::BOOTING);
         return;
     }
     const auto receiver = handler.lock();
     if (!receiver)
         return;
-    logger.Trace("OnFeatureInitIndication") << "(App=" << app << ", initState=" << action << ")"
-                                            << ": Calling OnAppActionIndication(" << action << ")...";
+    const std::string& text = AppActionText(action);
+    logger.Trace("OnFeatureInitIndication")
+        << "(App=" << app << ", initState=" << text << "): Calling OnAppActionIndication(" << text << ")...";
     receiver->OnAppActionIndication(action);
 }
 
@@ -183,8 +192,8 @@ void OrvStackClient::OnDeviceProbeIndication(const std::string& guid) {
     const auto receiver = handler.lock();
     if (!receiver)
         return;
-    logger.Trace("OnDeviceProbeIndication") << "(guid=" << guid << ")"
-                                            << ": Calling OnDeviceProbeIndication(" << guid << ")...";
+    logger.Trace("OnDeviceProbeIndication")
+        << "(guid=" << guid << "): Calling OnDeviceProbeIndication(" << guid << ")...";
     receiver->OnDeviceProbeIndication(guid);
 }
 
@@ -193,8 +202,7 @@ void OrvStackClient::OnDeviceConnectionStatusIndication(bool online) {
     if (!receiver)
         return;
     logger.Trace("OnDeviceConnectionStatusIndication")
-        << "(online=" << online << ")"
-        << ": Calling OnDeviceOnlineStatusIndication(" << online << ")...";
+        << "(online=" << online << "): Calling OnDeviceOnlineStatusIndication(" << online << ")...";
     receiver->OnDeviceOnlineStatusIndication(online);
 }
 
@@ -202,9 +210,10 @@ void OrvStackClient::OnDeviceCellularStatusIndication(const CellularStatus& stat
     const auto receiver = handler.lock();
     if (!receiver)
         return;
+    const std::string& text = CellularStatusText(status);
     logger.Trace("OnDeviceCellularStatusIndication")
-        << "(status=" << status << ", value=" << value << ")"
-        << ": Calling OnDeviceCellularStatusIndication(" << status << ", " << value << ")...";
+        << "(status=" << text << ", value=" << value << "): Calling OnDeviceCellularStatusIndication(" << text << ", "
+        << value << ")...";
     receiver->OnDeviceCellularStatusIndication(status, value);
 }
 
@@ -216,8 +225,8 @@ void OrvStackClient::OnFeatureShutdownReadinessIndication(const std::string& app
     const auto receiver = handler.lock();
     if (!receiver)
         return;
-    logger.Trace("OnFeatureShutdownReadinessIndication") << "(App=" << app << ", ready=" << ready << ")"
-                                                         << ": Calling OnFeatureShutdownReadinessIndication()...";
+    logger.Trace("OnFeatureShutdownReadinessIndication")
+        << "(App=" << app << ", ready=" << ready << "): Calling OnFeatureShutdownReadinessIndication()...";
     receiver->OnFeatureShutdownReadinessIndication(app, ready);
 }
 

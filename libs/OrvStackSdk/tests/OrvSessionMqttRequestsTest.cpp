@@ -79,14 +79,20 @@ TEST_F(ARequest, RefusesTheUnsupportedAction) {
                   {SessionWarning("(App=alarm, action=UNSUPPORTED): action not handled")});
 }
 
-TEST_F(ARequest, ThrowsForValuesWithoutAText) {
-    EXPECT_THROW(session->FeatureInitRequest("alarm", AppStatus{7}), std::out_of_range);
-    EXPECT_THROW(session->FeatureInitRequest("alarm", AppAction{4}), std::out_of_range);
-    EXPECT_THROW(session->LedUpdateRequest(ConnectedServicesLedType{2}, ConnectedServicesLedState::ON),
-                 std::out_of_range);
-    EXPECT_THROW(session->LedUpdateRequest(ConnectedServicesLedType::GREEN, ConnectedServicesLedState{3}),
-                 std::out_of_range);
-    EXPECT_EQ(Only(Journal::Take(), {"publish"}), Entries{});
+TEST_F(ARequest, EndsWithAValueWithoutATextWhateverIsLogged) {
+    for (const int lowestLevel : {0, 2, 5}) {
+        OrvPlatformFake::FakeLogger::SetLowestLevel(lowestLevel);
+        EXPECT_THROW(session->FeatureInitRequest("alarm", AppStatus{7}), std::out_of_range);
+        EXPECT_THROW(session->FeatureInitRequest("alarm", AppStatus{-1}), std::out_of_range);
+        EXPECT_THROW(session->FeatureInitRequest("alarm", AppAction{4}), std::out_of_range);
+        EXPECT_THROW(session->FeatureInitRequest("alarm", AppAction{-1}), std::out_of_range);
+        EXPECT_THROW(session->LedUpdateRequest(ConnectedServicesLedType{2}, ConnectedServicesLedState::ON),
+                     std::out_of_range);
+        EXPECT_THROW(session->LedUpdateRequest(ConnectedServicesLedType::GREEN, ConnectedServicesLedState{3}),
+                     std::out_of_range);
+    }
+    // Neither a publication nor the beginning of a record.
+    EXPECT_EQ(Journal::Take(), Entries{});
 }
 
 TEST_F(ARequest, AsksEveryoneToPrepareForShutdown) {
@@ -201,19 +207,15 @@ protected:
     ARequestWithTracesOff() { OrvPlatformFake::FakeLogger::SetLowestLevel(2); }
 };
 
-TEST_F(ARequestWithTracesOff, PublishesAnUnknownLedOnNoTopic) {
+TEST_F(ARequestWithTracesOff, IsPublishedAllTheSame) {
     EXPECT_EQ(Written([&] {
-                  EXPECT_TRUE(session->LedUpdateRequest(ConnectedServicesLedType{2}, ConnectedServicesLedState::ON));
+                  session->FeatureInitRequest("alarm", AppStatus::READY);
+                  session->FeatureInitRequest("alarm", AppAction::RELOAD);
+                  session->LedUpdateRequest(ConnectedServicesLedType::YELLOW, ConnectedServicesLedState::BLINK);
               }),
-              (Entries{SessionPublishRetained("", "On")}));
-}
-
-TEST_F(ARequestWithTracesOff, PublishesAnUnknownLedStateAsNothing) {
-    EXPECT_EQ(Written([&] {
-                  EXPECT_FALSE(
-                      session->LedUpdateRequest(ConnectedServicesLedType::GREEN, ConnectedServicesLedState{3}));
-              }),
-              (Entries{SessionPublishRetained("/orv/led/connected_services_green", "")}));
+              (Entries{SessionPublish("/orv/apps_control/features/alarm/init", "ready"),
+                       SessionPublish("/orv/apps_control/features/alarm/init", "reload"),
+                       SessionPublishRetained("/orv/led/connected_services_yellow", "Blink")}));
 }
 
 /// Nothing checks for a connection; the broker client's answer decides.

@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ClientScene.h"
+#include "FakeLogger.h"
+
+#include <stdexcept>
 
 using namespace OrvStackSdk;
 using namespace OrvStackSdk::Testing;
@@ -160,6 +163,28 @@ TEST_F(AnIndication, DoesNotKeepTheApplicationAlive) {
 }
 
 /// An application that is still booting has nothing to reload.
+TEST_F(AnIndication, EndsWithAValueWithoutATextWhateverIsLogged) {
+    for (const int lowestLevel : {0, 2}) {
+        OrvPlatformFake::FakeLogger::SetLowestLevel(lowestLevel);
+        EXPECT_THROW(client->OnInitConfirmation(Confirmation{2}), std::out_of_range);
+        EXPECT_THROW(client->OnFeatureInitIndication("other", AppStatus{7}), std::out_of_range);
+        EXPECT_THROW(client->OnFeatureInitIndication("myapp", AppAction{4}), std::out_of_range);
+        EXPECT_THROW(client->OnDeviceCellularStatusIndication(CellularStatus{5}, "1"), std::out_of_range);
+    }
+    // Neither a callback nor the beginning of a record.
+    EXPECT_EQ(Journal::Take(), Entries{});
+}
+
+TEST_F(AnIndication, WithAValueWithoutATextIsDroppedLikeAnyOther) {
+    ExpectDropped([&] { client->OnFeatureInitIndication("myapp", AppStatus{7}); });
+    ExpectDropped([&] { client->OnFeatureInitIndication("other", AppAction{4}); });
+    handler.reset();
+    ExpectDropped([&] {
+        client->OnInitConfirmation(Confirmation{2});
+        client->OnDeviceCellularStatusIndication(CellularStatus{5}, "1");
+    });
+}
+
 class AReloadOrder : public AnIndication {
 protected:
     const Entries refusal{

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ClientScene.h"
+#include "FakeLogger.h"
 
 #include <chrono>
 #include <stdexcept>
@@ -144,11 +145,15 @@ TEST_F(AClient, ForwardsRequestsAfterItsEndToo) {
               (Entries{"request FeatureAvailableRequest(myapp, true)", "request FeatureInitRequest(myapp, status 2)"}));
 }
 
-TEST_F(AClient, LetsNoValueWithoutATextThrough) {
-    EXPECT_THROW(client->AppStatusRequest(AppStatus{7}), std::out_of_range);
-    EXPECT_THROW(client->AppActionRequest("other", AppAction{4}), std::out_of_range);
-    EXPECT_THROW(client->EventUpdateRequest(OrvEvent{13}), std::out_of_range);
-    EXPECT_EQ(Only(Journal::Take(), {"request", "connman"}), Entries{});
+TEST_F(AClient, LetsNoValueWithoutATextThroughWhateverIsLogged) {
+    for (const int lowestLevel : {0, 2, 5}) {
+        OrvPlatformFake::FakeLogger::SetLowestLevel(lowestLevel);
+        EXPECT_THROW(client->AppStatusRequest(AppStatus{7}), std::out_of_range);
+        EXPECT_THROW(client->AppActionRequest("other", AppAction{4}), std::out_of_range);
+        EXPECT_THROW(client->EventUpdateRequest(OrvEvent{13}), std::out_of_range);
+    }
+    // Neither a request nor the beginning of a record.
+    EXPECT_EQ(Journal::Take(), Entries{});
 }
 
 TEST_F(AClient, KeepsItsStatusWhenTheNewOneHasNoText) {
