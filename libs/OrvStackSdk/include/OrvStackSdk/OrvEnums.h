@@ -6,6 +6,25 @@
 #include <iosfwd>
 #include <string>
 
+// Words that system headers (<resolv.h>, <arpa/ftp.h>, <linux/atmmpc.h>) and firmware take for macros. The macros are
+// back at the end of this header; code that names such an enumerator undefines its macro, but for NOERROR.
+#pragma push_macro("ACK")
+#pragma push_macro("DISABLED")
+#pragma push_macro("ENABLED")
+#pragma push_macro("ERROR")
+#pragma push_macro("NOERROR")
+#pragma push_macro("OFF")
+#pragma push_macro("ON")
+#pragma push_macro("RELOAD")
+#undef ACK
+#undef DISABLED
+#undef ENABLED
+#undef ERROR
+#undef NOERROR
+#undef OFF
+#undef ON
+#undef RELOAD
+
 /// The words of the connected-services stack. Each value has one fixed text, which log lines show and messages carry.
 /// Numbers and texts never change.
 namespace OrvStackSdk {
@@ -20,6 +39,8 @@ enum class Confirmation : int { ACK = 0, NACK = 1 };
 enum class AppAction : int { ENABLED = 0, DISABLED = 1, RELOAD = 2, UNSUPPORTED = 3 };
 
 /// What an application tells about itself. Texts are lower case but for "UNSUPPORTED".
+/// ns_r_noerror is no value of its own: it is what <resolv.h> makes of the word NOERROR, so that AppStatus::NOERROR can
+/// be written beside that header too.
 enum class AppStatus : int {
     SUPPORTED = 0,
     AVAILABLE = 1,
@@ -27,13 +48,15 @@ enum class AppStatus : int {
     READY = 3,
     ERROR = 4,
     NOERROR = 5,
-    UNSUPPORTED = 6
+    UNSUPPORTED = 6,
+    ns_r_noerror = NOERROR
 };
 
 /// The kind of a modem or SIM item; the item's value travels beside it as text.
 enum class CellularStatus : int { IMEI = 0, ICCID = 1, TECHNOLOGY = 2, PROVIDER = 3, STRENGTH = 4 };
 
-/// Panel commands by number, as IOrvStackClient::PanelCommandRequest takes it.
+/// Panel commands. 1 to 5 are numbers that IOrvStackClient::PanelCommandRequest takes, DOALARMSILENCE for the alarm
+/// acknowledge; its numbers 6 and 7 have no enumerator here. COMMANDNAME is no command.
 enum class PanelCommandStatus : int {
     COMMANDNAME = 0,
     DOALARMSILENCE = 1,
@@ -112,3 +135,12 @@ ORVSTACKSDK_EXPORT const AppStatus& AppStatusTextToEnum(const std::string& text)
 /// @}
 
 } // namespace OrvStackSdk
+
+#pragma pop_macro("ACK")
+#pragma pop_macro("DISABLED")
+#pragma pop_macro("ENABLED")
+#pragma pop_macro("ERROR")
+#pragma pop_macro("NOERROR")
+#pragma pop_macro("OFF")
+#pragma pop_macro("ON")
+#pragma pop_macro("RELOAD")
