@@ -22,8 +22,9 @@ namespace OrvStackSdk {
 ///
 /// Release: anywhere, inside a callback too. While a callback runs, the connection ends when that has returned.
 ///
-/// Failure: nothing is reported to the caller but through OnInitConfirmation; a publication that fails is logged, not
-/// retried and not queued. A value that is no enumerator may throw std::out_of_range; nothing else is thrown.
+/// Failure: nothing is reported to the caller but through OnInitConfirmation. A publication that fails is not queued.
+/// It is logged, unless it was a state, an action or a LED; a LED is sent again with the next event, the others are not
+/// retried. A value that is no enumerator throws std::out_of_range, and nothing is done; nothing else is thrown.
 class ORVSTACKSDK_EXPORT IOrvStackClient {
 public:
     virtual ~IOrvStackClient() = default;
@@ -36,7 +37,12 @@ public:
     /// If the connection ends without DeInit, the broker announces the application as unavailable.
     /// A further call connects anew, under the name then given. Not while messages arrive: their delivery reads the
     /// name.
-    /// @param appName the application's (feature's) name: one level of a topic, so without "/", "+" and "#"
+    /// @param appName the application's (feature's) name, one level of its topics: UTF-8, not empty, without "/", "+",
+    /// "#"
+    ///                and NUL. It is not checked: with "+", "#", a NUL or what is not UTF-8 no connection is made
+    ///                (NACK); with a "/", or empty, the topics are other ones than the stack expects.
+    ///                "shutdown_readiness" is taken: that application's topics would be read as the readiness of
+    ///                others.
     virtual void Init(const std::string& appName) = 0;
 
     /// Stops and leaves the broker with a good-bye: what the broker says about the application stays as it was last.

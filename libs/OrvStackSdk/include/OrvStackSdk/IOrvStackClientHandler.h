@@ -27,8 +27,8 @@ public:
     /// refuses it and announces BOOTING again.
     virtual void OnAppActionIndication(const AppAction& action) = 0;
 
-    /// Another application's status. Kept for the interface's sake: the session listens to its own application's topics
-    /// only, so in this system it is not called.
+    /// Another application's status. Kept for the interface's sake, in this system it is not called: the session tells
+    /// the client of its own application's status only, and the client passes on only that of others.
     virtual void OnAppStatusIndication(const std::string& app, const AppStatus& status) = 0;
 
     /// The panel has named itself.
