@@ -27,6 +27,8 @@ private:
 };
 
 bool IsAddress(const std::string& text) {
+    if (text.find('\0') != std::string::npos)
+        return false;
     unsigned char buffer[sizeof(in6_addr)];
     return inet_pton(AF_INET, text.c_str(), buffer) == 1 || inet_pton(AF_INET6, text.c_str(), buffer) == 1;
 }
@@ -142,18 +144,24 @@ void ConnmanLink::Stop() noexcept {
 }
 
 void ConnmanLink::BeforeFork() noexcept {
+    // Connecting to a bus whose backlog is full can hold the library; the fork must come about all the same.
+    hasLibrary = LibdbusMutex().try_lock_for(limits.fork);
     shared->mutex.lock();
 }
 
 void ConnmanLink::AfterForkInParent() noexcept {
     shared->mutex.unlock();
+    if (hasLibrary)
+        LibdbusMutex().unlock();
 }
 
 void ConnmanLink::AfterForkInChild() noexcept {
+    if (hasLibrary)
+        LibdbusMutex().unlock();
     parentsShared = std::move(shared);
     parentsThread = thread.release();
     shared = std::make_shared<ConnmanShared>();
-    shared->stopping = parentsShared->stopping;
+    shared->stopping = parentsShared->stopping || !hasLibrary;
 }
 
 std::string ConnmanLink::BusAddress(const std::string& configured) {

@@ -31,6 +31,7 @@ public:
     void Stop() noexcept;
 
     /// Called around fork(), so that a child that goes on without exec does not inherit a locked lock or a dead thread.
+    /// Where the thread does not come out of libdbus in time, the child's calls do nothing.
     void BeforeFork() noexcept;
     void AfterForkInParent() noexcept;
     void AfterForkInChild() noexcept;
@@ -47,6 +48,7 @@ private:
     const ConnmanLimits limits;
     std::shared_ptr<ConnmanShared> shared; ///< outlives this object where the thread does not end in time
     std::unique_ptr<std::thread> thread;
+    bool hasLibrary = false; ///< BeforeFork holds LibdbusMutex
 
     // What a forked child got from its parent and must not touch.
     std::shared_ptr<ConnmanShared> parentsShared;

@@ -5,8 +5,6 @@
 
 #include <algorithm>
 #include <pthread.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 namespace OrvPlatform {
 
@@ -22,30 +20,6 @@ std::string Listed(const std::vector<std::string>& servers) {
 }
 
 } // namespace
-
-ConnmanShared::ConnmanShared() : wakeDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
-
-ConnmanShared::~ConnmanShared() {
-    close(wakeDescriptor);
-}
-
-void ConnmanShared::Wake() const noexcept {
-    eventfd_write(wakeDescriptor, 1);
-}
-
-void ConnmanShared::NoteOnce(const std::string& text) {
-    constexpr std::size_t ENOUGH = 32;
-    if (noted.size() < ENOUGH && noted.insert(text).second) {
-        notes.push_back(text);
-        Wake();
-    }
-}
-
-void ConnmanShared::End() {
-    const std::lock_guard<std::mutex> lock(mutex);
-    ended = true;
-    hasEnded.notify_all();
-}
 
 ConnmanRunner::ConnmanRunner(std::shared_ptr<ConnmanShared> state, std::string address, const ConnmanLimits& timeLimits)
     : shared(std::move(state)),
@@ -64,30 +38,63 @@ void ConnmanRunner::Run() {
         try {
             GoOn();
         } catch (const std::exception& exception) {
-            bus.Close();
-            BusFailed(exception.what());
+            Fail(exception.what());
         }
+    }
+}
+
+void ConnmanRunner::Fail(const char* reason) noexcept {
+    bus.Close();
+    connected = false;
+    nextTry = Clock::now() + limits.longestRetry;
+    try {
+        BusFailed(reason);
+    } catch (const std::exception&) {
+        owner.clear(); // no memory to say so; the next try comes all the same
     }
 }
 
 void ConnmanRunner::GoOn() {
     LogNotes();
     if (!bus.IsOpen()) {
-        if (!owner.empty())
-            BusFailed("connection lost");
+        if (connected)
+            BusLost();
         if (Clock::now() < nextTry)
             bus.Wait(nextTry);
         else
             Connect();
         return;
     }
-    if (stale && !owner.empty() && Clock::now() >= nextTry)
-        Refresh(nullptr);
+    bus.HandleArrived();
+    if (bus.IsOpen() && Clock::now() >= NextWake()) {
+        AskAgain();
+        return; // what has arrived behind the answers comes first
+    }
     const ConnmanStep step = NextStep();
     if (step.kind != ConnmanStep::Kind::NONE)
         CarryOut(step);
     else if (bus.IsOpen())
-        bus.Wait(stale && !owner.empty() ? nextTry : Clock::time_point::max());
+        bus.Wait(NextWake());
+}
+
+ConnmanRunner::Clock::time_point ConnmanRunner::NextWake() const {
+    const Clock::time_point forDoubt = doubted ? nextDoubt : Clock::time_point::max();
+    return owner.empty() || stale ? std::min(nextTry, forDoubt) : forDoubt;
+}
+
+void ConnmanRunner::AskAgain() {
+    if (owner.empty() || (doubted && Clock::now() >= nextDoubt)) {
+        doubted = false;
+        nextDoubt = Clock::now() + limits.longestRetry;
+        const std::string failure = FindOwner();
+        if (!failure.empty() && !IsStopping()) {
+            bus.Close();
+            connected = false;
+            BusFailed(failure);
+        }
+    }
+    if (bus.IsOpen() && !owner.empty() && stale && Clock::now() >= nextTry)
+        Refresh(nullptr);
 }
 
 void ConnmanRunner::Connect() {
@@ -96,7 +103,9 @@ void ConnmanRunner::Connect() {
         failure = Introduce();
     if (IsStopping())
         return;
-    if (!failure.empty()) {
+    connected = failure.empty();
+    connectedSince = Clock::now();
+    if (!connected) {
         bus.Close();
         BusFailed(failure);
     }
@@ -110,36 +119,49 @@ std::string ConnmanRunner::Introduce() {
         "type='signal'," + sender + "interface='" + ConnmanMessages::MANAGER + "',member='ServicesChanged'",
         "type='signal'," + sender + "interface='" + ConnmanMessages::SERVICE + "',member='PropertyChanged'",
     };
-    bool overdue = false;
-    const auto onOverdue = [&] { overdue = true; };
     for (const std::string& rule : rules) {
-        const MessageBus::Reply reply = bus.Call(ConnmanMessages::AddMatch(rule), limits.greeting, onOverdue);
+        const MessageBus::Reply reply = bus.Ask(ConnmanMessages::AddMatch(rule), limits.greeting);
         if (!reply.message)
             return reply.error;
     }
-    const MessageBus::Reply reply = bus.Call(ConnmanMessages::GetNameOwner(), limits.greeting, onOverdue);
-    if (!bus.IsOpen())
+    return FindOwner();
+}
+
+/// @return empty when it is known who the connection manager is, or that there is none; otherwise why the bus is of no
+/// use
+std::string ConnmanRunner::FindOwner() {
+    const MessageBus::Reply reply = bus.Ask(ConnmanMessages::GetNameOwner(), limits.greeting);
+    if (!reply.message && !reply.isOwnerless)
         return reply.error;
-    retryDelay = limits.firstRetry;
-    OwnerIs(reply.message ? ConnmanMessages::ReadOwner(*reply.message) : std::string());
+    const std::string name = reply.message ? ConnmanMessages::ReadOwner(*reply.message) : std::string();
+    if (reply.message && name.empty())
+        return std::string("it names no owner of ") + ConnmanMessages::NAME;
+    OwnerIs(name);
     return {};
 }
 
+void ConnmanRunner::BusLost() {
+    connected = false;
+    if (Clock::now() - connectedSince > limits.longestRetry)
+        retryDelay = limits.firstRetry;
+    BusFailed("connection lost");
+}
+
 void ConnmanRunner::BusFailed(const std::string& reason) {
-    Away(Loss::BUS, "the message bus at " + busAddress + " is not reachable (" + reason + "); orders wait until it is");
     nextTry = Clock::now() + NextRetry();
+    Away(Loss::BUS, "the message bus at " + busAddress + " is not reachable (" + reason + "); orders wait until it is");
 }
 
 void ConnmanRunner::OwnerIs(const std::string& name) {
     if (name.empty()) {
+        nextTry = Clock::now() + NextRetry();
         Away(Loss::MANAGER, std::string(ConnmanMessages::NAME) + " is not on the message bus; orders wait until it is");
         return;
     }
+    greeted = greeted && owner == name;
     owner = name;
     stale = true;
-    greeted = false;
     nextTry = Clock::now();
-    retryDelay = limits.firstRetry;
 }
 
 void ConnmanRunner::Away(Loss loss, const std::string& text) {
@@ -161,34 +183,53 @@ void ConnmanRunner::Report(Loss loss, const std::string& text) {
 
 void ConnmanRunner::Refresh(const ConnmanStep* accomplished) {
     const std::string askedOwner = owner;
-    const MessageBus::Reply reply = Ask(ConnmanMessages::GetServices(), "list the services");
-    std::string summary;
-    {
-        const std::lock_guard<std::mutex> lock(shared->mutex);
-        if (accomplished)
-            shared->wanted.Done(*accomplished);
-        if (!reply.message) {
-            stale = true;
-        } else if (owner == askedOwner) {
-            shared->services.Replace(ConnmanMessages::ReadServices(*reply.message));
-            shared->picture = ConnmanShared::Picture::KNOWN;
-            shared->wanted.Retry();
-            stale = false;
-            ForgetLeftovers();
-            summary = Summary();
-        }
-    }
-    if (stale) {
+    MessageBus::Reply reply = Call(ConnmanMessages::GetServices(owner), "list the services");
+    if (owner != askedOwner)
+        reply.message.reset();
+    if (!TakeOver(reply, accomplished)) {
         nextTry = Clock::now() + NextRetry();
-        if (bus.IsOpen() && owner == askedOwner && !owner.empty() && !IsStopping())
-            Report(Loss::LIST, "the connection manager does not list its services: " + reply.error);
+        if (bus.IsOpen() && owner == askedOwner && !owner.empty() && !IsStopping() &&
+            !HasGoneUnheard(reply, askedOwner))
+            Report(Loss::LIST, "the connection manager does not list its services: " +
+                                   (reply.message ? "its answer is of an unknown form" : reply.error));
         return;
     }
     if (!greeted)
-        logger.Info() << "connection manager found: " << summary;
+        logger.Info() << "connection manager found: " << Summary();
     greeted = true;
     reported = Loss::NONE;
     retryDelay = limits.firstRetry;
+}
+
+bool ConnmanRunner::TakeOver(const MessageBus::Reply& reply, const ConnmanStep* accomplished) {
+    const auto list = reply.message ? ConnmanMessages::ReadServices(*reply.message) : std::nullopt;
+    ConnmanServices next = shared->services;
+    if (list)
+        next.Replace(*list);
+    const std::lock_guard<std::mutex> lock(shared->mutex);
+    if (accomplished)
+        shared->wanted.Done(*accomplished);
+    stale = !list;
+    if (stale)
+        return false;
+    shared->services.Swap(next);
+    shared->picture = ConnmanShared::Picture::KNOWN;
+    shared->wanted.Retry();
+    ForgetLeftovers();
+    return true;
+}
+
+/// The bus said so in its answer to a call, and not before.
+bool ConnmanRunner::HasGoneUnheard(const MessageBus::Reply& reply, const std::string& askedOwner) {
+    if (!reply.isOwnerless || owner != askedOwner)
+        return false;
+    owner.clear();
+    stale = true;
+    nextTry = Clock::now() + NextRetry();
+    const std::lock_guard<std::mutex> lock(shared->mutex);
+    shared->picture = ConnmanShared::Picture::AWAY;
+    shared->services.Clear();
+    return true;
 }
 
 // A process that ended between "no servers" and "the network's servers again" would leave the interface without name
@@ -209,9 +250,9 @@ void ConnmanRunner::CarryOut(const ConnmanStep& step) {
     const std::string what =
         isMove ? "put " + step.interfaceName + " on top" : "set name servers of " + step.interfaceName;
     const std::string askedOwner = owner;
-    const MessageBus::Reply reply = Ask(isMove ? ConnmanMessages::MoveBefore(step.path, step.before)
-                                               : ConnmanMessages::SetConfiguredServers(step.path, step.servers),
-                                        what);
+    const MessageBus::Reply reply = Call(isMove ? ConnmanMessages::MoveBefore(owner, step.path, step.before)
+                                                : ConnmanMessages::SetConfiguredServers(owner, step.path, step.servers),
+                                         what);
     if (reply.message && isMove) {
         logger.Info() << step.interfaceName << " is put on top";
         Refresh(&step);
@@ -220,7 +261,7 @@ void ConnmanRunner::CarryOut(const ConnmanStep& step) {
         const std::lock_guard<std::mutex> lock(shared->mutex);
         shared->services.NoteWritten(step.path, step.servers);
         shared->wanted.Done(step);
-    } else if (bus.IsOpen() && owner == askedOwner && !owner.empty()) {
+    } else if (bus.IsOpen() && owner == askedOwner && !IsStopping() && !HasGoneUnheard(reply, askedOwner)) {
         std::string remark;
         {
             const std::lock_guard<std::mutex> lock(shared->mutex);
@@ -231,7 +272,7 @@ void ConnmanRunner::CarryOut(const ConnmanStep& step) {
     }
 }
 
-MessageBus::Reply ConnmanRunner::Ask(DBusMessagePtr message, const std::string& what) {
+MessageBus::Reply ConnmanRunner::Call(DBusMessagePtr message, const std::string& what) {
     const Clock::time_point start = Clock::now();
     bool overdue = false;
     MessageBus::Reply reply = bus.Call(std::move(message), limits.answer, [&] {
@@ -270,24 +311,55 @@ void ConnmanRunner::LogNotes() {
 }
 
 void ConnmanRunner::HandleSignal(DBusMessage& signal) {
-    if (dbus_message_is_signal(&signal, DBUS_INTERFACE_DBUS, "NameOwnerChanged")) {
-        OwnerIs(ConnmanMessages::ReadNewOwner(signal));
+    if (dbus_message_has_sender(&signal, DBUS_SERVICE_DBUS)) {
+        if (const std::optional<std::string> name = ConnmanMessages::ReadNewOwner(signal)) {
+            retryDelay = limits.firstRetry;
+            OwnerIs(*name);
+        }
+    } else if (owner.empty()) {
         return;
+    } else if (!dbus_message_has_sender(&signal, owner.c_str())) {
+        Doubt(signal);
+    } else if (stale) {
+        return; // the list that will be asked for knows all that comes before it
+    } else if (ConnmanMessages::IsServicesChanged(signal)) {
+        HandleServicesChanged(signal);
+    } else if (ConnmanMessages::IsPropertyChanged(signal)) {
+        HandlePropertyChanged(signal);
     }
-    // While the list is asked for, the answer will know all that the signals before it tell.
-    if (owner.empty() || stale || !dbus_message_has_sender(&signal, owner.c_str()))
+}
+
+void ConnmanRunner::HandleServicesChanged(DBusMessage& signal) {
+    const std::optional<ConnmanMessages::ServicesChanged> changed = ConnmanMessages::ReadServicesChanged(signal);
+    ConnmanServices next = shared->services;
+    stale = !changed || !next.Reorder(changed->ordered, changed->removed);
+    if (!changed)
         return;
     const std::lock_guard<std::mutex> lock(shared->mutex);
-    if (dbus_message_is_signal(&signal, ConnmanMessages::MANAGER, "ServicesChanged")) {
-        const ConnmanMessages::ServicesChanged changed = ConnmanMessages::ReadServicesChanged(signal);
-        stale = !shared->services.Reorder(changed.ordered, changed.removed);
+    shared->services.Swap(next);
+    shared->wanted.Retry();
+}
+
+void ConnmanRunner::HandlePropertyChanged(DBusMessage& signal) {
+    const std::optional<ConnmanServiceNews> news = ConnmanMessages::ReadPropertyChanged(signal);
+    if (!news)
+        return;
+    const std::lock_guard<std::mutex> lock(shared->mutex);
+    shared->services.Update(*news);
+    if (news->state || news->immutable)
         shared->wanted.Retry();
-    } else if (dbus_message_is_signal(&signal, ConnmanMessages::SERVICE, "PropertyChanged")) {
-        const ConnmanServiceNews news = ConnmanMessages::ReadPropertyChanged(signal);
-        shared->services.Update(news);
-        if (news.state || news.immutable)
-            shared->wanted.Retry();
-    }
+}
+
+// Whoever pretends to be the connection manager may also have filled the bus's queue, so that true signals were lost.
+void ConnmanRunner::Doubt(DBusMessage& signal) {
+    doubted = true;
+    if (strangerReported)
+        return;
+    strangerReported = true;
+    const char* interface = dbus_message_get_interface(&signal);
+    logger.Warning() << "a signal " << (interface ? interface : "") << "." << dbus_message_get_member(&signal)
+                     << " from " << dbus_message_get_sender(&signal)
+                     << ", which is not the connection manager, is ignored; so will be all others, without a word";
 }
 
 std::chrono::milliseconds ConnmanRunner::NextRetry() {

@@ -2,17 +2,12 @@
 #pragma once
 
 #include "CommonUtils/Logger.h"
-#include "ConnmanServices.h"
-#include "ConnmanWanted.h"
+#include "ConnmanShared.h"
 #include "MessageBus.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
-#include <set>
 #include <string>
-#include <vector>
 
 namespace OrvPlatform {
 
@@ -22,34 +17,7 @@ struct ConnmanLimits {
     std::chrono::milliseconds firstRetry{250};     ///< of what failed; doubles ...
     std::chrono::milliseconds longestRetry{10000}; ///< ... up to this
     std::chrono::milliseconds stop{500};           ///< for the thread to end when the process does
-};
-
-/// What the callers and the thread share. `mutex` guards everything; it is held only for as long as it takes to look or
-/// to note.
-struct ConnmanShared {
-    /// UNKNOWN: not asked yet; AWAY: there is no connection manager; KNOWN: `services` is its picture.
-    enum class Picture { UNKNOWN, AWAY, KNOWN };
-
-    ConnmanShared();
-    ~ConnmanShared();
-    ConnmanShared(const ConnmanShared&) = delete;
-    ConnmanShared& operator=(const ConnmanShared&) = delete;
-
-    void Wake() const noexcept;
-    /// Has the thread log `text`, the first time only.
-    void NoteOnce(const std::string& text);
-    void End();
-
-    std::mutex mutex;
-    std::condition_variable hasEnded;
-    Picture picture = Picture::UNKNOWN;
-    ConnmanServices services;
-    ConnmanWanted wanted;
-    std::set<std::string> noted;
-    std::vector<std::string> notes;
-    bool stopping = false;
-    bool ended = false;
-    const int wakeDescriptor;
+    std::chrono::milliseconds fork{500};           ///< for the thread to come out of libdbus when the process forks
 };
 
 /// The thread that owns the bus connection: keeps the picture and carries out the orders, one call at a time.
@@ -66,20 +34,30 @@ private:
     /// What is missing; each is logged when it sets in, not again while it lasts.
     enum class Loss { NONE, BUS, MANAGER, LIST };
 
+    void Fail(const char* reason) noexcept;
     void GoOn();
     void Connect();
     std::string Introduce();
+    std::string FindOwner();
+    void AskAgain();
+    Clock::time_point NextWake() const;
+    void BusLost();
     void BusFailed(const std::string& reason);
     void OwnerIs(const std::string& name);
     void Away(Loss loss, const std::string& text);
     void Report(Loss loss, const std::string& text);
     void Refresh(const ConnmanStep* accomplished);
+    bool TakeOver(const MessageBus::Reply& reply, const ConnmanStep* accomplished);
+    bool HasGoneUnheard(const MessageBus::Reply& reply, const std::string& askedOwner);
     void ForgetLeftovers();
     void CarryOut(const ConnmanStep& step);
-    MessageBus::Reply Ask(DBusMessagePtr message, const std::string& what);
+    MessageBus::Reply Call(DBusMessagePtr message, const std::string& what);
     ConnmanStep NextStep();
     void LogNotes();
     void HandleSignal(DBusMessage& signal);
+    void HandleServicesChanged(DBusMessage& signal);
+    void HandlePropertyChanged(DBusMessage& signal);
+    void Doubt(DBusMessage& signal);
     std::chrono::milliseconds NextRetry();
     bool IsStopping() const;
     std::string Summary() const;
@@ -94,8 +72,14 @@ private:
     bool stale = true;    ///< the list of services must be asked for
     bool greeted = false; ///< the connection manager's presence has been logged
     bool leftoversDone = false;
+    bool doubted =
+        false; ///< somebody else's signals have come: ask again who the connection manager is, and what it has
+    bool strangerReported = false;
+    bool connected = false; ///< the bus has been open
     Loss reported = Loss::NONE;
-    Clock::time_point nextTry;
+    Clock::time_point nextTry;   ///< of what failed
+    Clock::time_point nextDoubt; ///< strangers cannot have more questions asked than one in a while
+    Clock::time_point connectedSince;
     std::chrono::milliseconds retryDelay;
 };
 

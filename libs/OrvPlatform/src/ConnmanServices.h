@@ -55,6 +55,7 @@ public:
     void NoteWritten(const std::string& path, const std::vector<std::string>& written);
 
     void Clear() { services.clear(); }
+    void Swap(ConnmanServices& other) noexcept { services.swap(other.services); }
 
     /// The interface of the first service if that is connected, otherwise empty.
     std::string TopInterface() const;

@@ -6,20 +6,31 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <mutex>
+#include <poll.h>
 #include <string>
 #include <vector>
 
 namespace OrvPlatform {
 
+/// Held around every function of libdbus that takes one of libdbus's own locks: making, releasing, sending and
+/// receiving messages, opening and closing. Who holds it too during fork() leaves the child a libdbus whose locks are
+/// free. It is held across no wait except connecting's, and nothing else is locked under it.
+std::timed_mutex& LibdbusMutex();
+
 struct DBusMessageRelease {
-    void operator()(DBusMessage* message) const { dbus_message_unref(message); }
+    void operator()(DBusMessage* message) const;
 };
 using DBusMessagePtr = std::unique_ptr<DBusMessage, DBusMessageRelease>;
 
 /// A private connection to a D-Bus message bus, for one thread that does nothing else.
 ///
-/// libdbus's own waiting calls ignore their time-outs when the bus is frozen; here everything, the greeting included,
-/// is sent as a pending call and waited for in one poll loop that a descriptor of the owner's can interrupt.
+/// libdbus's own waiting calls ignore their time-outs when the bus is frozen, and its dispatcher handles signals before
+/// an answer that came first. Here messages are taken from the connection one by one and handled in the order in which
+/// they arrived; all waiting is done in one poll loop that a descriptor of the owner's can interrupt.
+///
+/// Any local user can send any message to any connection. The bus vouches for the sender's name only: an answer counts
+/// if it comes from whom was asked, and signals carry their sender for the handler to check. Calls are not answered.
 class MessageBus {
 public:
     using Clock = std::chrono::steady_clock;
@@ -38,17 +49,27 @@ public:
     void Close();
     bool IsOpen() const { return connection != nullptr; }
 
-    /// Who gets the signals; called inside Wait and Call.
+    /// Who gets the signals; called inside HandleArrived, Wait, Ask and Call.
     void OnSignal(SignalHandler handler) { signalHandler = std::move(handler); }
 
     struct Reply {
-        DBusMessagePtr message; ///< null when there was an error
-        std::string error;      ///< the error's name and text
+        DBusMessagePtr message;   ///< null when there was an error
+        std::string error;        ///< the error's name and text
+        bool isOwnerless = false; ///< the bus says that nobody has the name that was called, or not any more
     };
 
+    /// Sends a method call to the bus itself and waits for the answer until `limit`. Without one the connection is of
+    /// no use any more.
+    Reply Ask(DBusMessagePtr message, std::chrono::milliseconds limit);
+
     /// Sends a method call and waits for its answer. A call cannot be taken back: after `limit`, `onOverdue` is told
-    /// once and the wait goes on until the answer comes, the callee or the bus goes away, or the owner cancels.
+    /// once and the wait goes on until the answer comes, the callee or the bus goes away, or the owner cancels. What
+    /// arrived behind the answer is not handled yet.
     Reply Call(DBusMessagePtr message, std::chrono::milliseconds limit, const std::function<void()>& onOverdue);
+
+    /// Handles what has been received and not handled yet. Closes itself when the bus is gone.
+    /// @return whether there was anything
+    bool HandleArrived();
 
     /// Waits for traffic, handles it, and returns; at the latest at `until`. Closes itself when the bus is gone.
     void Wait(Clock::time_point until);
@@ -57,16 +78,22 @@ private:
     static dbus_bool_t AddWatch(DBusWatch* watch, void* self) noexcept;
     static void RemoveWatch(DBusWatch* watch, void* self) noexcept;
     static void WatchToggled(DBusWatch*, void*) noexcept {}
-    static DBusHandlerResult Filter(DBusConnection*, DBusMessage* message, void* self) noexcept;
 
+    DBusMessagePtr Next();
+    void Deliver(DBusMessage& message) const;
+    dbus_uint32_t Send(DBusMessage& message);
+    Reply Exchange(const DBusMessagePtr& message, std::chrono::milliseconds limit,
+                   const std::function<bool()>& goesOnWhenOverdue);
+    void Poll(Clock::time_point until);
     bool IsWatched(DBusWatch* watch) const;
-    static void HandleReady(DBusWatch* watch, short events);
 
     int wakeDescriptor;
     std::function<bool()> cancelled;
     SignalHandler signalHandler;
     DBusConnection* connection = nullptr;
     std::vector<DBusWatch*> watches;
+    std::vector<DBusWatch*> polled; ///< for Poll, kept for their room
+    std::vector<pollfd> descriptors;
 };
 
 } // namespace OrvPlatform

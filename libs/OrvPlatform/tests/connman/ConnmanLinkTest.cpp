@@ -1,15 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Against a real message bus and a fake connection manager.
-#include "ConnmanLink.h"
-
-#include "Journal.h"
-#include "PrivateBus.h"
+#include "ConnmanFixture.h"
 #include "ProcessFigures.h"
-#include "WaitUntil.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>
-#include <optional>
 #include <sys/wait.h>
 
 namespace OrvTest {
@@ -17,52 +12,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using OrvPlatform::ConnmanLink;
-
-const OrvPlatform::ConnmanLimits FAST{300ms, 300ms, 20ms, 200ms, 2000ms};
-
-class AGateway : public testing::Test {
-protected:
-    AGateway() { OrvPlatformFake::Journal::Clear(); }
-
-    std::size_t Logged(const std::string& text) {
-        const auto news = OrvPlatformFake::Journal::Take();
-        log.insert(log.end(), news.begin(), news.end());
-        const auto holds = [&](const std::string& line) { return line.find(text) != std::string::npos; };
-        return static_cast<std::size_t>(std::count_if(log.begin(), log.end(), holds));
-    }
-
-    bool BecomesTop(const std::string& interfaceName) {
-        return WaitUntil([&] { return link.TopPriorityInterface() == interfaceName; });
-    }
-
-    bool IsLogged(const std::string& text, std::size_t times = 1) {
-        return WaitUntil([&] { return Logged(text) >= times; });
-    }
-
-    PrivateBus bus;
-    ConnmanLink link{bus.Address(), FAST};
-    std::vector<std::string> log;
-};
-
-class AConnectedGateway : public AGateway {
-protected:
-    AConnectedGateway() {
-        connman.emplace(bus, "eth0:online wwan0:ready");
-        EXPECT_TRUE(BecomesTop("eth0"));
-    }
-
-    /// Everything that was asked for has been carried out: an order for the other interface's servers is the fence.
-    std::string CallsUntilNow() {
-        link.SetDnsConfiguration("eth0", {"203.0.113." + std::to_string(++fence)});
-        EXPECT_TRUE(IsLogged("name servers of eth0: 203.0.113." + std::to_string(fence)));
-        std::string calls = connman->Calls();
-        return calls.substr(0, calls.find(";SetProperty eth0") == std::string::npos ? calls.find("SetProperty eth0")
-                                                                                    : calls.find(";SetProperty eth0"));
-    }
-
-    std::optional<FakeConnmanProcess> connman;
-    int fence = 0;
-};
 
 TEST_F(AConnectedGateway, PutsAnInterfaceOnTop) {
     EXPECT_TRUE(link.SetTopPriorityInterface("wwan0"));

@@ -92,6 +92,7 @@ std::string Child::ReadLine() const {
 PrivateBus::PrivateBus() : folder((std::filesystem::temp_directory_path() / "orv-bus-XXXXXX").string()) {
     if (!mkdtemp(folder.data()))
         throw std::runtime_error("cannot make " + folder);
+    std::filesystem::permissions(folder, std::filesystem::perms(0711)); // other users come to the bus, too
     Start();
 }
 
@@ -152,6 +153,19 @@ void FakeConnmanProcess::Do(const std::string& command) const {
 std::string FakeConnmanProcess::Calls() const {
     process.Write("calls");
     return process.ReadLine();
+}
+
+HostilePeer::HostilePeer(const PrivateBus& bus)
+    : process({"/usr/bin/python3", "-B", STAND_IN + "/hostile_peer.py", std::to_string(getpid())},
+              {"DBUS_SYSTEM_BUS_ADDRESS=" + bus.Address()}) {
+    if (process.ReadLine() != "ready")
+        throw std::runtime_error("the hostile peer does not start");
+}
+
+void HostilePeer::Do(const std::string& command) const {
+    process.Write(command);
+    if (process.ReadLine() != "ok")
+        throw std::runtime_error("not understood: " + command);
 }
 
 void FakeConnmanProcess::Freeze() const {

@@ -67,4 +67,15 @@ private:
     Child process;
 };
 
+/// Another user's program on that bus, which means harm to this process; see hostile_peer.py for the commands.
+class HostilePeer {
+public:
+    explicit HostilePeer(const PrivateBus& bus);
+
+    void Do(const std::string& command) const;
+
+private:
+    Child process;
+};
+
 } // namespace OrvTest
