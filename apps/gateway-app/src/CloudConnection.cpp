@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "CloudConnection.h"
 
+#include "SignsOfLife.h"
+
 #include <fcntl.h>
 #include <mosquitto.h>
 #include <netdb.h>
-#include <netinet/tcp.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
@@ -22,32 +23,7 @@ constexpr BackOff::Duration kFirstRetry = 500ms;
 constexpr BackOff::Duration kLongestRetry = 10s;
 constexpr auto kAttemptLimit = 5s;
 constexpr auto kKeepAlivePeriod = 250ms;
-constexpr auto kSilence = 2500ms; // with an ask every second: two of them without an answer
 constexpr auto kLasting = 10s;
-
-void SetOption(int socket, int level, int option, int value) {
-    setsockopt(socket, level, option, &value, sizeof(value));
-}
-
-/// A silent path ends the connection: when idle, after 1 s of silence the kernel asks every second and takes two asks
-/// without an answer as the end; with data under way, 2 s without an acknowledgement are the end.
-void SetFastLossDetection(int socket) {
-    constexpr int userTimeoutMs = 2000;
-    SetOption(socket, SOL_SOCKET, SO_KEEPALIVE, 1);
-    SetOption(socket, IPPROTO_TCP, TCP_KEEPIDLE, 1);
-    SetOption(socket, IPPROTO_TCP, TCP_KEEPINTVL, 1);
-    SetOption(socket, IPPROTO_TCP, TCP_KEEPCNT, 2);
-    SetOption(socket, IPPROTO_TCP, TCP_USER_TIMEOUT, userTimeoutMs);
-}
-
-/// How long ago the other end last acknowledged anything. The kernel's own limits count anew when data are sent in the
-/// middle of a silence, and would take both together.
-std::chrono::milliseconds SilentFor(int socket) {
-    tcp_info info{};
-    socklen_t size = sizeof(info);
-    getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size);
-    return std::chrono::milliseconds(info.tcpi_last_ack_recv);
-}
 
 std::string OwnAddress(int socket) {
     sockaddr_storage address{};

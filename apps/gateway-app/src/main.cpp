@@ -2,6 +2,7 @@
 #include "AppOptions.h"
 #include "CloudDialer.h"
 #include "GatewayApp.h"
+#include "PathProver.h"
 
 #include <CommonUtils/Logger.h>
 #include <curl/curl.h>
@@ -44,7 +45,7 @@ int main(int argc, char** argv) {
     } catch (const std::exception& error) {
         CommonUtils::Logger("GatewayApp", 2).Error() << "ends: " << error.what();
     }
-    if (GatewayApp::CloudDialer::Helpers() != 0) {
+    if (GatewayApp::CloudDialer::Helpers() + GatewayApp::PathProver::Helpers() != 0) {
         // A look-up cannot be interrupted, and a thread must not run on while the libraries are torn down.
         std::fflush(nullptr);
         _exit(status);

@@ -1,0 +1,147 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "PathProver.h"
+
+#include "SignsOfLife.h"
+
+#include <curl/curl.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+namespace GatewayApp {
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr long kConnectMs = 5000;
+constexpr auto kLook = 250ms;
+
+std::atomic<int> helpers{0};
+
+struct EasyDeleter {
+    void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
+};
+using Easy = std::unique_ptr<CURL, EasyDeleter>;
+
+bool HasEnded(int socket) {
+    char byte = 0;
+    const ssize_t size = recv(socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    return size == 0 || (size < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR);
+}
+
+} // namespace
+
+struct PathProver::Attempt {
+    CloudSettings settings;
+    std::string interface;
+    std::chrono::seconds hold;
+    Callback callback;
+    std::atomic<bool> wanted{true};
+    Result result; // the helper's until it posts
+
+    Result Run() const;
+    std::string Hold(CURL* handle) const;
+    static int Progress(void* self, curl_off_t, curl_off_t, curl_off_t, curl_off_t) noexcept {
+        return static_cast<const Attempt*>(self)->wanted ? 0 : 1;
+    }
+};
+
+PathProver::Result PathProver::Attempt::Run() const {
+    const Easy easy(curl_easy_init());
+    if (!easy)
+        return {false, "out of memory", false};
+    CURL* const handle = easy.get();
+    const bool plain = settings.host.find(':') == std::string::npos; // no IPv6 address
+    const std::string url =
+        "https://" + (plain ? settings.host : "[" + settings.host + "]") + ":" + std::to_string(settings.port);
+    const std::string device = "if!" + interface; // an interface and nothing else, whatever the name servers say
+    char text[CURL_ERROR_SIZE] = {};
+    curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(handle, CURLOPT_CONNECT_ONLY, 1L);
+    curl_easy_setopt(handle, CURLOPT_INTERFACE, device.c_str());
+    curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(handle, CURLOPT_NOPROXY, "*");
+    curl_easy_setopt(handle, CURLOPT_SSL_ENABLE_ALPN, 0L);
+    curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, kConnectMs);
+    curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, kConnectMs);
+    curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, text);
+    curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, &Attempt::Progress);
+    curl_easy_setopt(handle, CURLOPT_XFERINFODATA, this);
+    if (!settings.caFile.empty())
+        curl_easy_setopt(handle, CURLOPT_CAINFO, settings.caFile.c_str());
+    const CURLcode code = curl_easy_perform(handle);
+    if (code != CURLE_OK)
+        return {false, text[0] != '\0' ? text : curl_easy_strerror(code), false};
+    const std::string failure = Hold(handle);
+    return {failure.empty(), failure, true};
+}
+
+/// Watches the connection by the measure of the application's own.
+std::string PathProver::Attempt::Hold(CURL* handle) const {
+    curl_socket_t socket = CURL_SOCKET_BAD;
+    if (curl_easy_getinfo(handle, CURLINFO_ACTIVESOCKET, &socket) != CURLE_OK || socket == CURL_SOCKET_BAD)
+        return "the connection ended at once";
+    SetFastLossDetection(socket);
+    const auto end = std::chrono::steady_clock::now() + hold;
+    while (wanted && std::chrono::steady_clock::now() < end) {
+        if (SilentFor(socket) > kSilence)
+            return "no sign of life";
+        if (HasEnded(socket))
+            return "the connection has ended";
+        std::this_thread::sleep_for(kLook);
+    }
+    return {};
+}
+
+PathProver::PathProver(EventLoop& eventLoop) : loop(eventLoop), mailbox(std::make_shared<Mailbox>()) {
+    loop.Watch(mailbox->ReadyDescriptor(), EPOLLIN, [this](std::uint32_t) { mailbox->DoAll(); });
+}
+
+PathProver::~PathProver() {
+    Stop();
+    loop.Forget(mailbox->ReadyDescriptor());
+}
+
+void PathProver::Stop() {
+    if (current)
+        current->wanted = false;
+    current = nullptr;
+}
+
+int PathProver::Helpers() {
+    return helpers;
+}
+
+void PathProver::Begin(const CloudSettings& settings, const std::string& interface, std::chrono::seconds hold,
+                       Callback callback) {
+    Stop();
+    current = std::make_shared<Attempt>();
+    current->settings = settings;
+    current->interface = interface;
+    current->hold = hold;
+    current->callback = std::move(callback);
+    const auto answer = [attempt = current] {
+        if (attempt->wanted.exchange(false))
+            attempt->callback(attempt->result);
+    };
+    ++helpers;
+    try {
+        std::thread([attempt = current, box = mailbox, answer] {
+            attempt->result = attempt->Run();
+            box->Post(answer);
+            --helpers;
+        }).detach();
+    } catch (const std::system_error& error) {
+        --helpers;
+        current->result = {false, std::string("cannot start a thread: ") + error.what(), false};
+        mailbox->Post(answer);
+    }
+}
+
+} // namespace GatewayApp

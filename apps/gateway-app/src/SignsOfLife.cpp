@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "SignsOfLife.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+namespace GatewayApp {
+
+namespace {
+
+void SetOption(int socket, int level, int option, int value) {
+    setsockopt(socket, level, option, &value, sizeof(value));
+}
+
+} // namespace
+
+void SetFastLossDetection(int socket) {
+    constexpr int userTimeoutMs = 2000;
+    SetOption(socket, SOL_SOCKET, SO_KEEPALIVE, 1);
+    SetOption(socket, IPPROTO_TCP, TCP_KEEPIDLE, 1);
+    SetOption(socket, IPPROTO_TCP, TCP_KEEPINTVL, 1);
+    SetOption(socket, IPPROTO_TCP, TCP_KEEPCNT, 2);
+    SetOption(socket, IPPROTO_TCP, TCP_USER_TIMEOUT, userTimeoutMs);
+}
+
+std::chrono::milliseconds SilentFor(int socket) {
+    tcp_info info{};
+    socklen_t size = sizeof(info);
+    getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size);
+    return std::chrono::milliseconds(info.tcpi_last_ack_recv);
+}
+
+} // namespace GatewayApp

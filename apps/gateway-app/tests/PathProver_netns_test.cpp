@@ -1,0 +1,117 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "PathProver.h"
+
+#include "AGatewayWithACloud.h"
+
+#include <optional>
+
+namespace GatewayApp {
+namespace {
+
+using namespace std::chrono_literals;
+
+class AProof : public AGatewayWithACloud {
+protected:
+    void TearDown() override {
+        if (PrivateNetwork::Entered() && bus) {
+            EXPECT_TRUE(Eventually([] { return PathProver::Helpers() == 0; }));
+        }
+        AGatewayWithACloud::TearDown();
+    }
+    /// Tries the interface and returns what came of it.
+    PathProver::Result Of(const std::string& interface, std::chrono::seconds hold, std::function<void()> meanwhile = {}) {
+        EventLoop loop;
+        PathProver prover(loop);
+        std::optional<PathProver::Result> result;
+        Timer limit(loop, [&] { loop.Leave(); });
+        Timer moment(loop, [&] { meanwhile(); });
+        limit.Once(20s);
+        if (meanwhile)
+            moment.Once(1s);
+        CloudSettings settings;
+        settings.host = "10.11.0.1";
+        settings.caFile = trusted;
+        prover.Begin(settings, interface, hold, [&](const PathProver::Result& ended) {
+            result = ended;
+            loop.Leave();
+        });
+        loop.Run();
+        return result.value_or(PathProver::Result{false, "no result", false});
+    }
+    /// Until the cloud's broker listens.
+    bool CloudIsThere() {
+        return Eventually([] { return std::system("bash -c 'exec 3<>/dev/tcp/10.11.0.1/8883' 2>/dev/null") == 0; });
+    }
+};
+
+TEST_F(AProof, IsGoodOverAnInterfaceThatReachesTheCloud) {
+    ASSERT_TRUE(CloudIsThere());
+    const PathProver::Result result = Of("eth0", 0s);
+    EXPECT_TRUE(result.good) << result.failure;
+}
+
+TEST_F(AProof, IsGoodWhenTheConnectionLivesForTheWholeTime) {
+    ASSERT_TRUE(CloudIsThere());
+    const auto begin = std::chrono::steady_clock::now();
+    const PathProver::Result result = Of("eth0", 4s);
+    EXPECT_TRUE(result.good) << result.failure;
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 4s);
+}
+
+TEST_F(AProof, FailsOverAnInterfaceThatDoesNotReachTheCloudAlthoughTheOtherOneDoes) {
+    ASSERT_TRUE(CloudIsThere());
+    ASSERT_TRUE(Ip("addr add 10.12.0.2/24 dev wwan0"));
+    const PathProver::Result result = Of("wwan0", 0s);
+    EXPECT_FALSE(result.good);
+    EXPECT_FALSE(result.connected);
+}
+
+TEST_F(AProof, FailsOverAnInterfaceThatDoesNotExist) {
+    ASSERT_TRUE(CloudIsThere());
+    EXPECT_FALSE(Of("wwan9", 0s).good);
+}
+
+TEST_F(AProof, FailsWhenThePathFallsSilent) {
+    ASSERT_TRUE(CloudIsThere());
+    const PathProver::Result result = Of("eth0", 15s, [] { SilencePath(); });
+    EXPECT_FALSE(result.good);
+    EXPECT_TRUE(result.connected);
+    HealPath();
+}
+
+TEST_F(AProof, FailsWhenTheBrokerEndsTheConnection) {
+    ASSERT_TRUE(CloudIsThere());
+    const PathProver::Result result = Of("eth0", 15s, [this] { cloud.reset(); });
+    EXPECT_FALSE(result.good);
+}
+
+TEST_F(AProof, FailsWithAStranger) {
+    ASSERT_TRUE(CloudIsThere());
+    const std::string other = folder.Path("other.pem");
+    ASSERT_EQ(std::system(("openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=other -keyout /dev/null -out " + other +
+                           " 2>/dev/null")
+                              .c_str()),
+              0);
+    trusted = other;
+    const PathProver::Result result = Of("eth0", 0s);
+    EXPECT_FALSE(result.good);
+    EXPECT_FALSE(result.failure.empty());
+}
+
+TEST_F(AProof, IsForgottenWhenItIsNotWantedAnyMore) {
+    ASSERT_TRUE(CloudIsThere());
+    EventLoop loop;
+    bool called = false;
+    {
+        PathProver prover(loop);
+        CloudSettings settings;
+        settings.host = "10.11.0.1";
+        settings.caFile = trusted;
+        prover.Begin(settings, "eth0", 60s, [&](const PathProver::Result&) { called = true; });
+    }
+    EXPECT_TRUE(Eventually([] { return PathProver::Helpers() == 0; }));
+    EXPECT_FALSE(called);
+}
+
+} // namespace
+} // namespace GatewayApp
