@@ -30,8 +30,11 @@ AppOptions ReadOptions(const std::vector<std::string>& arguments) {
     parser.add_option("--cloud-ca", options.cloud.caFile, "File of the CAs to trust; default: the system's");
     parser.add_option("--cloud-client-id", options.cloud.clientId,
                       "Client id at the cloud's broker; default: the name");
-    parser.add_option("--tick-ms", tick, "How often the client library is ticked")
-        ->check(CLI::Range(10, 1000))
+    parser
+        .add_option("--tick-ms", tick, "The client library is ticked so often, whatever happens; 0: by the situation")
+        ->check(CLI::Validator(
+            [](const std::string& text) { return text == "0" ? std::string() : CLI::Range(10, 1000)(text); },
+            "0 or 10 to 1000"))
         ->capture_default_str();
     parser
         .add_option("--refresh-s", refresh,

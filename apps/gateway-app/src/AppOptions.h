@@ -14,7 +14,8 @@ struct AppOptions {
     /// The feature's name in the connected-services stack.
     std::string name = "gateway-app";
     CloudSettings cloud;
-    std::chrono::milliseconds tick{250};
+    /// The time between ticks; zero: by the situation, see TickRhythm.
+    std::chrono::milliseconds tick{0};
     /// How often the cloud's state is reported again without a change; zero: never.
     std::chrono::seconds refresh{30};
     /// See Transcript; empty: none.

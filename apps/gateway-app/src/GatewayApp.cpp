@@ -3,6 +3,7 @@
 
 #include "Callbacks.h"
 
+#include <CommonUtils/Networking/ConnmanCommands.h>
 #include <ConnInterfaceString.h>
 #include <GatewayMainBaseUnits/IpInterfacesMapping.h>
 #include <sys/epoll.h>
@@ -20,14 +21,18 @@ namespace GatewayApp {
 
 using namespace std::chrono_literals;
 using namespace OrvStackSdk;
+using CommonUtils::Networking::ConnmanCommands;
 
 namespace {
 
 constexpr int kLogInfo = 2;
 
+std::string InterfaceName(const char* path) {
+    return GatewayMainBaseUnits::IpInterfacesMapping::GetInstance().GetInterfaceName(path);
+}
+
 WanInterfaces ConfiguredInterfaces() {
-    const auto& mapping = GatewayMainBaseUnits::IpInterfacesMapping::GetInstance();
-    return WanInterfaces(mapping.GetInterfaceName("Ethernet"), mapping.GetInterfaceName("Cellular"));
+    return WanInterfaces(InterfaceName("Ethernet"), InterfaceName("Cellular"));
 }
 
 int OpenSignals() {
@@ -63,6 +68,10 @@ void Measure(DurationHistogram& durations, Work work) {
                                 after.preemptions - before.preemptions, after.diskReads - before.diskReads});
 }
 
+std::chrono::steady_clock::time_point Now() {
+    return std::chrono::steady_clock::now();
+}
+
 const char* Bool(bool value) {
     return value ? "true" : "false";
 }
@@ -89,7 +98,9 @@ Application::Application(AppOptions appOptions, std::vector<std::string> command
             {[this](const std::string& source) { OnCloudConnected(source); },
              [this](const std::string& reason) { OnCloudLost(reason); },
              [this](const std::string& reason, std::chrono::milliseconds delay) { OnCloudFailed(reason, delay); }},
-            [this] { return std::generate_canonical<double, 32>(randomness); }) {
+            [this] { return std::generate_canonical<double, 32>(randomness); }),
+      ethernetGuard(loop, InterfaceName("Ethernet"), options.cloud, [this](OrvEvent event) { Report(event); }),
+      rhythm(options.tick) {
     callbacks = std::make_shared<Callbacks>(
         mailbox, Callbacks::Receiver{[this](AppAction action) { OnAction(action); },
                                      [this](const std::string& line) { logger.Info() << line; }});
@@ -139,6 +150,7 @@ void Application::TryToStart() {
 void Application::Started() {
     client->Start();
     started = true;
+    ethernetGuard.InterfacesAre(network.Wan());
     const bool enabled = !options.cloud.host.empty();
     Report(enabled ? OrvEvent::PANEL_CLOUD_ENABLED : OrvEvent::PANEL_CLOUD_DISABLED);
     for (const OrvEvent event : network.Wan().State())
@@ -149,22 +161,34 @@ void Application::Started() {
     client->AppStatusRequest(AppStatus::READY);
     SetTimers();
     logger.Info() << options.name << " is ready";
-    manager.Notify("STATUS=ready");
+    ShowStatus();
     Note("ready", {});
 }
 
 void Application::Tick() {
     Measure(tickDurations, [this] { client->Tick(options.tick); });
+    rhythm.Ticked(Now());
+    nextTick = {};
     FollowCloudPath();
-    if (client->CloudReconnectNeeded()) {
-        // What began after the default route had moved is on the new path already.
-        const bool begun = cloud.BegunSince(defaultRouteSince);
-        logger.Info() << "the WAN route has changed, "
-                      << (begun ? "the cloud connection has begun there" : "connecting to the cloud anew");
-        Note("reconnect", {{"begun", Bool(begun)}});
-        if (!begun)
-            cloud.Reopen("the WAN route has changed");
-    }
+    if (client->CloudReconnectNeeded())
+        OnRouteMoved();
+    SetTickTimer();
+}
+
+void Application::OnRouteMoved() {
+    // In this moment, before the next tick, the library sees the order that it has waited for.
+    const bool toCellular = ConnmanCommands::GetInstance().GetTopPriorityInterface() == InterfaceName("Cellular");
+    rhythm.RouteHasMoved(toCellular, Now());
+    // Before the next tick, which would begin a poke over Ethernet.
+    ethernetGuard.RouteHasMoved(toCellular);
+    // What began after the default route had moved is on the new path already.
+    const bool begun = cloud.BegunSince(defaultRouteSince);
+    logger.Info() << "the WAN route has changed, "
+                  << (begun ? "the cloud connection has begun there" : "connecting to the cloud anew");
+    Note("reconnect", {{"begun", Bool(begun)}});
+    if (!begun)
+        cloud.Reopen("the WAN route has changed");
+    ShowStatus();
 }
 
 void Application::FollowCloudPath() {
@@ -217,8 +241,13 @@ void Application::OnSignal() {
 }
 
 void Application::OnNetworkEvents(const WanInterfaces::Events& events) {
-    for (const OrvEvent event : events)
-        Report(event);
+    ethernetGuard.InterfacesAre(network.Wan());
+    for (const OrvEvent event : events) {
+        if (ethernetGuard.KeepsBack(event))
+            KeepBack(event);
+        else
+            Report(event);
+    }
     // The connection cannot outlive its own address; the kernel would find out only seconds later.
     if (!cloudInterface.empty() && network.Wan().OwnerOf(cloud.Source()) != cloudInterface)
         cloud.Reopen("its address " + cloud.Source() + " is gone");
@@ -227,7 +256,9 @@ void Application::OnNetworkEvents(const WanInterfaces::Events& events) {
 void Application::OnDefaultRoute(const std::string& interface) {
     logger.Info() << (interface.empty() ? "there is no default route" : "the default route is now over " + interface);
     Note("default_route", {{"interface", JsonText(interface)}});
-    defaultRouteSince = std::chrono::steady_clock::now();
+    defaultRouteSince = Now();
+    rhythm.RouteMoves(defaultRouteSince);
+    SetTickTimer();
     // An attempt keeps the path on which it began.
     if (!interface.empty() && !cloud.Connected())
         cloud.Reopen("the default route has changed");
@@ -239,14 +270,20 @@ void Application::OnCloudConnected(const std::string& source) {
     logger.Info() << "connected to the cloud, from " << source
                   << (cloudInterface.empty() ? std::string() : " over " + cloudInterface);
     Note("cloud_connected", {{"source", JsonText(source)}, {"interface", JsonText(cloudInterface)}});
+    ethernetGuard.CloudIs(true);
     Report(OrvEvent::CLOUD_CONNECTED);
+    cloudSince = WallClock();
+    ShowStatus();
 }
 
 void Application::OnCloudLost(const std::string& reason) {
     cloudInterface.clear();
     logger.Warning() << "the cloud connection has ended: " << reason;
     Note("cloud_lost", {{"reason", JsonText(reason)}});
+    ethernetGuard.CloudIs(false);
     Report(OrvEvent::CLOUD_DISCONNECTED);
+    cloudSince = WallClock();
+    ShowStatus();
 }
 
 void Application::OnCloudFailed(const std::string& reason, std::chrono::milliseconds delay) {
@@ -255,6 +292,8 @@ void Application::OnCloudFailed(const std::string& reason, std::chrono::millisec
         logger.Warning() << "no connection to the cloud: " << reason << "; trying again, now in " << delay.count()
                          << " ms";
     lastCloudFailure = reason;
+    if (reason.rfind("the broker refused", 0) == 0)
+        ethernetGuard.CloudRefused();
     Note("cloud_failed", {{"reason", JsonText(reason)}, {"retry_ms", std::to_string(delay.count())}});
 }
 
@@ -272,6 +311,9 @@ void Application::Reload() {
         const AppOptions fresh = ReadOptions(arguments);
         const bool other = fresh.cloud != options.cloud;
         options.cloud = fresh.cloud;
+        ethernetGuard.SettingsAre(fresh.cloud);
+        if (options.tick != fresh.tick)
+            rhythm.SetFixed(fresh.tick);
         options.tick = fresh.tick;
         logger.Info() << "options read anew" << (other ? ", the cloud is another one" : "");
         options.refresh = fresh.refresh;
@@ -296,8 +338,15 @@ void Application::Report(OrvEvent event) {
     Note("event", {{"event", JsonText(OrvEventText(event))}, {"reported", Bool(started)}});
 }
 
+void Application::KeepBack(OrvEvent event) {
+    logger.Info() << "event " << event << ", not reported: Ethernet is on probation";
+    Note("event", {{"event", JsonText(OrvEventText(event))}, {"reported", "false"}});
+}
+
 void Application::SendEvent(OrvEvent event) {
     Measure(eventDurations, [&] { client->EventUpdateRequest(event); });
+    rhythm.Reported(event, Now());
+    SetTickTimer();
 }
 
 OrvEvent Application::CloudState() const {
@@ -305,10 +354,33 @@ OrvEvent Application::CloudState() const {
 }
 
 void Application::SetTimers() {
-    tickTimer.Every(options.tick);
+    SetTickTimer();
     // A message that the gateway's broker was not there to take is sent with the next event only. After a failure each
     // event writes the error file anew, with its own time: that is to stay the failure's.
     refreshTimer.Every(failed ? 0s : options.refresh);
+}
+
+/// The time of the next tick is brought forward when there is reason to, never put off.
+void Application::SetTickTimer() {
+    if (!started)
+        return;
+    const auto now = Now();
+    const std::chrono::milliseconds delay = rhythm.Next(now);
+    if (nextTick != std::chrono::steady_clock::time_point() && nextTick <= now + delay)
+        return;
+    nextTick = now + delay;
+    tickTimer.Once(delay);
+}
+
+void Application::ShowStatus() {
+    std::string status = "no cloud connection";
+    if (cloud.Connected())
+        status = "cloud over " + (cloudInterface.empty() ? "another interface" : cloudInterface);
+    if (!cloudSince.empty())
+        status += " since " + cloudSince;
+    if (ethernetGuard.OnProbation())
+        status += ", Ethernet on probation";
+    manager.Notify("STATUS=" + status);
 }
 
 void Application::Note(const std::string& what, const Transcript::Fields& fields) {

@@ -4,10 +4,12 @@
 #include "AppOptions.h"
 #include "CloudConnection.h"
 #include "DurationHistogram.h"
+#include "EthernetGuard.h"
 #include "EventLoop.h"
 #include "Mailbox.h"
 #include "NetworkWatcher.h"
 #include "ServiceManager.h"
+#include "TickRhythm.h"
 #include "Transcript.h"
 
 #include <CommonUtils/Logger.h>
@@ -56,10 +58,14 @@ private:
     void Reload();
 
     void Report(OrvStackSdk::OrvEvent event);
+    void KeepBack(OrvStackSdk::OrvEvent event);
     void SendEvent(OrvStackSdk::OrvEvent event);
     OrvStackSdk::OrvEvent CloudState() const;
     void SetTimers();
+    void SetTickTimer();
     void FollowCloudPath();
+    void OnRouteMoved();
+    void ShowStatus();
     void Note(const std::string& what, const Transcript::Fields& fields);
 
     // Fixed at construction
@@ -81,6 +87,8 @@ private:
     BackOff startBackOff;
     NetworkWatcher network;
     CloudConnection cloud;
+    EthernetGuard ethernetGuard;
+    TickRhythm rhythm;
 
     // The client library, and whether it has come so far that events can be reported
     std::shared_ptr<Callbacks> callbacks;
@@ -89,9 +97,11 @@ private:
     bool failed = false; // FAILURE was reported
 
     std::string cloudInterface;   // the WAN interface that the cloud connection runs over; empty: none, or another one
+    std::string cloudSince;       // when the cloud connection last began or ended, for people
     std::string lastCloudFailure; // as logged; empty after a success
     std::chrono::steady_clock::time_point defaultRouteSince; // when it last changed; at first the beginning of time
-    std::string cloudPath;                                   // ConnInterfaceString as it was last seen
+    std::chrono::steady_clock::time_point nextTick;
+    std::string cloudPath; // ConnInterfaceString as it was last seen
     DurationHistogram tickDurations;
     DurationHistogram eventDurations;
 };

@@ -4,10 +4,9 @@
 #include "SignsOfLife.h"
 
 #include <curl/curl.h>
+#include <poll.h>
 #include <sys/epoll.h>
-#include <sys/socket.h>
 
-#include <cerrno>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -19,7 +18,7 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr long kConnectMs = 5000;
-constexpr auto kLook = 250ms;
+constexpr int kLookMs = 250;
 
 std::atomic<int> helpers{0};
 
@@ -27,12 +26,6 @@ struct EasyDeleter {
     void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
 };
 using Easy = std::unique_ptr<CURL, EasyDeleter>;
-
-bool HasEnded(int socket) {
-    char byte = 0;
-    const ssize_t size = recv(socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
-    return size == 0 || (size < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR);
-}
 
 } // namespace
 
@@ -92,9 +85,9 @@ std::string PathProver::Attempt::Hold(CURL* handle) const {
     while (wanted && std::chrono::steady_clock::now() < end) {
         if (SilentFor(socket) > kSilence)
             return "no sign of life";
-        if (HasEnded(socket))
+        pollfd ended{socket, POLLRDHUP, 0};
+        if (poll(&ended, 1, kLookMs) > 0)
             return "the connection has ended";
-        std::this_thread::sleep_for(kLook);
     }
     return {};
 }

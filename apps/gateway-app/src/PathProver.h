@@ -20,7 +20,7 @@ class PathProver {
 public:
     struct Result {
         bool good = false;
-        std::string failure; ///< what went wrong
+        std::string failure;    ///< what went wrong
         bool connected = false; ///< the connection had been made before it failed
     };
     using Callback = std::function<void(const Result& result)>;
@@ -31,7 +31,8 @@ public:
 
     /// Begins; `callback` is called once, unless another call of Begin or Stop comes first.
     /// @param hold for how long the connection must live
-    void Begin(const CloudSettings& settings, const std::string& interface, std::chrono::seconds hold, Callback callback);
+    void Begin(const CloudSettings& settings, const std::string& interface, std::chrono::seconds hold,
+               Callback callback);
     void Stop();
 
     /// How many helper threads there are in the process: one ends within a second after Stop, but for a look-up, which

@@ -10,17 +10,6 @@ namespace GatewayApp {
 
 namespace {
 
-std::string WallClock() {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    tm parts{};
-    gmtime_r(&now.tv_sec, &parts);
-    char text[40];
-    const std::size_t size = std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S", &parts);
-    std::snprintf(text + size, sizeof(text) - size, ".%03dZ", static_cast<int>(now.tv_nsec / 1000000));
-    return text;
-}
-
 std::string Monotonic() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
@@ -31,6 +20,17 @@ std::string Monotonic() {
 }
 
 } // namespace
+
+std::string WallClock() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm parts{};
+    gmtime_r(&now.tv_sec, &parts);
+    char text[40];
+    const std::size_t size = std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S", &parts);
+    std::snprintf(text + size, sizeof(text) - size, ".%03dZ", static_cast<int>(now.tv_nsec / 1000000));
+    return text;
+}
 
 std::string JsonText(const std::string& text) {
     std::string json = "\"";

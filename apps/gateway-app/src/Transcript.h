@@ -13,6 +13,9 @@ namespace GatewayApp {
 /// `text` as a JSON string, quotes included. Bytes that are no ASCII become '?'.
 std::string JsonText(const std::string& text);
 
+/// The present time, UTC, with milliseconds.
+std::string WallClock();
+
 /// A file of JSON objects, one a line, for programs that follow or judge a run. Without a path nothing is written.
 class Transcript {
 public:

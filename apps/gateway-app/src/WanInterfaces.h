@@ -5,6 +5,7 @@
 
 #include <OrvStackSdk/OrvEnums.h>
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,7 @@ namespace GatewayApp {
 class WanInterfaces {
 public:
     using Events = std::vector<OrvStackSdk::OrvEvent>;
+    enum class Path : int { ETHERNET, CELLULAR };
 
     WanInterfaces(const std::string& ethernet, const std::string& cellular);
 
@@ -33,6 +35,10 @@ public:
     /// The present state as four events, what is down included.
     Events State() const;
 
+    bool HasAddress(Path path) const { return !Of(path).addresses.empty(); }
+    /// Link and address.
+    bool Usable(Path path) const { return Of(path).running && HasAddress(path); }
+
     /// The interface that has the address; empty when none of the two has.
     std::string OwnerOf(const std::string& address) const;
 
@@ -45,6 +51,7 @@ private:
         std::vector<OrvNetlink::Address> addresses;
     };
 
+    const Interface& Of(Path path) const { return interfaces[static_cast<std::size_t>(path)]; }
     Interface* ByIndex(unsigned index);
     static void SetRunning(Interface& interface, bool running, Events& events);
     static void SetAddresses(Interface& interface, std::vector<OrvNetlink::Address> addresses, Events& events);

@@ -27,7 +27,7 @@ TEST(OptionsWithoutArguments, AreTheDefaults) {
     EXPECT_EQ(options.cloud.host, "");
     EXPECT_EQ(options.cloud.port, 8883);
     EXPECT_EQ(options.cloud.clientId, "gateway-app");
-    EXPECT_EQ(options.tick, 250ms);
+    EXPECT_EQ(options.tick, 0ms);
     EXPECT_EQ(options.refresh, 30s);
 }
 

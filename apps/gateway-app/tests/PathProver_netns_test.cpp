@@ -19,7 +19,8 @@ protected:
         AGatewayWithACloud::TearDown();
     }
     /// Tries the interface and returns what came of it.
-    PathProver::Result Of(const std::string& interface, std::chrono::seconds hold, std::function<void()> meanwhile = {}) {
+    PathProver::Result Of(const std::string& interface, std::chrono::seconds hold,
+                          std::function<void()> meanwhile = {}) {
         EventLoop loop;
         PathProver prover(loop);
         std::optional<PathProver::Result> result;

@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "EthernetProbation.h"
+#include "EventLoop.h"
+#include "PathProver.h"
+#include "WanInterfaces.h"
+
+#include <CommonUtils/Logger.h>
+
+#include <functional>
+#include <string>
+
+namespace GatewayApp {
+
+/// Carries out what EthernetProbation decides: tries the proofs, reports Ethernet's address as lost and as gained
+/// again, and says so in the log. One thread.
+class EthernetGuard {
+public:
+    /// Brings an event to the client library; called inside the operations below, and from the loop.
+    using Report = std::function<void(OrvStackSdk::OrvEvent event)>;
+
+    EthernetGuard(EventLoop& eventLoop, std::string ethernetInterface, CloudSettings cloudSettings, Report reportEvent);
+    ~EthernetGuard();
+
+    /// @name What has happened
+    /// @{
+    /// To be told before the events that follow from it are reported: Ethernet must be seen again before Cellular is
+    /// seen lost, or the gateway would look cut off for a moment.
+    void InterfacesAre(const WanInterfaces& wan);
+    void RouteHasMoved(bool toCellular);
+    void CloudIs(bool connected);
+    void CloudRefused();
+    void SettingsAre(const CloudSettings& cloudSettings);
+    /// @}
+
+    /// The event is about Ethernet's address, which is reported as lost now whatever it is.
+    bool KeepsBack(OrvStackSdk::OrvEvent event) const;
+    bool OnProbation() const { return probation.Active(); }
+
+private:
+    void Look();
+    void AfterChange(bool wasActive);
+    void OnProof(const PathProver::Result& result);
+    void Lifted();
+
+    const std::string interface;
+    const Report report;
+    CommonUtils::Logger logger;
+    CloudSettings settings;
+    EthernetProbation probation;
+    PathProver prover;
+    Timer timer;
+    bool hasAddress = false;
+    bool connectedSinceMove = false;
+    bool brokerNamed = false;
+};
+
+} // namespace GatewayApp

@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <chrono>
+#include <optional>
+
+namespace GatewayApp {
+
+/// Decides when Ethernet has to prove itself before it may carry the route again, so that an Ethernet that is only half
+/// dead does not pull the route to and fro. While it is on probation its address is to be reported as lost.
+///
+/// The first return is free. A second move to Cellular within ten minutes begins a probation of one minute, and each
+/// further one a longer probation. It ends
+///  - when Ethernet has proved itself: several connections to the cloud in a row, spread over the probation;
+///  - when Cellular has no address or link any more, at once: any path is better;
+///  - when Cellular does not reach the cloud for some seconds and Ethernet does, by one proof;
+///  - when the cloud has been away for a quarter of an hour, whatever the proofs say.
+///
+/// Events and time in, decisions out: no socket, no clock, no lock. One thread.
+class EthernetProbation {
+public:
+    using Clock = std::chrono::steady_clock;
+    using Time = Clock::time_point;
+    enum class End : int { NONE, PROVED, CELLULAR_LOST, CLOUD_LOST, CLOUD_LOST_FOR_LONG, MOVED };
+
+    /// A connection to the cloud over Ethernet that is to be tried.
+    struct Proof {
+        /// For how long it must show signs of life.
+        std::chrono::seconds hold;
+    };
+
+    /// @name What has happened
+    /// @{
+    /// The route has moved to Cellular. @return true when a probation begins
+    bool MovedToCellular(Time now);
+    /// Not to be expected on probation; it ends one.
+    void MovedToEthernet(Time now);
+    void CloudIs(bool connected, Time now);
+    /// The cloud's broker has answered over Cellular and refused: the path is good, another one would not help.
+    void CloudRefused() { refused = true; }
+    /// Link and address. Unusable ends a probation.
+    void CellularIs(bool usable, Time now);
+    void EthernetIs(bool usable, Time now);
+    /// A proof has ended.
+    void Proved(bool good, Time now);
+    /// Time has passed.
+    void Passed(Time now);
+    /// @}
+
+    /// Ethernet's address is to be reported as lost.
+    bool Active() const { return active; }
+    /// Why the last probation has ended; NONE while there is one, and before the first.
+    End Ended() const { return ended; }
+    /// For how long Ethernet has to prove itself at least.
+    std::chrono::seconds Length() const;
+
+    /// The proof that is due. Asked for, it counts as begun and must be answered by Proved.
+    std::optional<Proof> Due(Time now);
+    /// When to ask for a proof, and call Passed, again; none without a probation or while a proof is under way.
+    std::optional<Time> NextLook() const;
+
+private:
+    void Lift(End reason, Time now);
+    void BeginSeries(Time now);
+    bool CloudAwayFor(Clock::duration time, Time now) const;
+    bool CellularFails(Time now) const;
+    Clock::duration Patience() const;
+
+    bool active = false;
+    End ended = End::NONE;
+    bool cellularUsable = false;
+    bool ethernetUsable = false;
+    bool proving = false;
+    bool refused = false;
+    std::optional<Time> cloudAwaySince = Time();
+    std::optional<Time> counted; // the last move to Cellular, or the end of the probation that followed it
+    unsigned level = 0;          // how many probations this series has had before
+    unsigned good = 0;           // proofs in a row
+    Time nextProof;
+    Time nextWithoutCloud; // the same while the cloud is away on Cellular
+};
+
+} // namespace GatewayApp

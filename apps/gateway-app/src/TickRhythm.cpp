@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "TickRhythm.h"
+
+#include <algorithm>
+
+namespace GatewayApp {
+
+using namespace std::chrono_literals;
+
+namespace {
+
+// The client library's, see docs/route.md.
+constexpr auto kDelay = 10s; // from the loss of the cloud to the poke over Cellular
+constexpr auto kRound = 20s; // how long Cellular is poked before it starts over
+constexpr auto kSettle = 5s; // from the return to Ethernet until a cloud that did not connect counts as lost
+
+constexpr auto kQuick = 40ms;
+constexpr auto kNormal = 250ms;
+constexpr auto kAfterQuick = 750ms; // with the quick ones no more ticks in a round than 80, one each 250 ms
+constexpr auto kSlow = 1000ms;
+constexpr auto kQuickPoke = 2200ms;
+constexpr auto kQuickLoss = 120ms; // the library needs up to two ticks to see a loss
+constexpr auto kQuickMove = 1s;
+constexpr auto kPatience = 3min; // on Cellular, until the poke over Ethernet is driven slowly
+
+std::chrono::milliseconds RoundUp(TickRhythm::Clock::duration time) {
+    return std::chrono::ceil<std::chrono::milliseconds>(time);
+}
+
+} // namespace
+
+void TickRhythm::Reported(OrvStackSdk::OrvEvent event, Time now) {
+    using OrvStackSdk::OrvEvent;
+    if (event == OrvEvent::CLOUD_CONNECTED || event == OrvEvent::CLOUD_DISCONNECTED)
+        CloudIs(event == OrvEvent::CLOUD_CONNECTED, now);
+    if (event == OrvEvent::CELLULAR_IP_LOST)
+        cellularSince.reset();
+    if (event == OrvEvent::CELLULAR_IP_GAINED && !cellularSince)
+        cellularSince = now;
+    // On Cellular the library pokes Ethernet from now on.
+    if (event == OrvEvent::ETHERNET_IP_GAINED && onCellularSince) {
+        onCellularSince = now;
+        quickUntil = now + kQuickMove;
+    }
+}
+
+void TickRhythm::CloudIs(bool isConnected, Time now) {
+    if (connected && !isConnected)
+        quickUntil = now + kQuickLoss;
+    connected = isConnected;
+    if (connected)
+        lost.reset();
+}
+
+void TickRhythm::RouteMoves(Time now) {
+    quickUntil = now + kQuickMove;
+}
+
+void TickRhythm::RouteHasMoved(bool toCellular, Time now) {
+    quickUntil.reset();
+    onCellularSince.reset();
+    lost.reset();
+    if (toCellular)
+        onCellularSince = now;
+    else if (!connected)
+        lost = now + kSettle;
+}
+
+void TickRhythm::Ticked(Time now) {
+    if (!connected && !onCellularSince && !lost)
+        lost = now;
+}
+
+std::chrono::milliseconds TickRhythm::Next(Time now) const {
+    if (fixed > 0ms)
+        return fixed;
+    if (quickUntil && now < *quickUntil)
+        return kQuick;
+    if (lost)
+        return WithoutCloud(now);
+    if (onCellularSince && now - *onCellularSince >= kPatience)
+        return kSlow;
+    return kNormal;
+}
+
+/// When the library's first poke over Cellular begins; none while Cellular has no address.
+std::optional<TickRhythm::Time> TickRhythm::PokeBegins() const {
+    if (!cellularSince)
+        return std::nullopt;
+    return std::max(*lost + kDelay, *cellularSince);
+}
+
+std::chrono::milliseconds TickRhythm::WithoutCloud(Time now) const {
+    if (now < *lost)
+        return std::min(kNormal, RoundUp(*lost - now) + 1ms);
+    if (now < *lost + kQuickLoss)
+        return kQuick;
+    const std::optional<Time> poke = PokeBegins();
+    if (!poke)
+        return now - *lost < kDelay + kRound ? kNormal : kSlow;
+    if (now < *poke)
+        return std::min(kNormal, RoundUp(*poke - now) + 1ms);
+    if (now < *poke + kQuickPoke)
+        return kQuick;
+    return now < *poke + kRound ? kAfterQuick : kSlow;
+}
+
+} // namespace GatewayApp

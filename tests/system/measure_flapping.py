@@ -1,0 +1,88 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
+"""measure_flapping.py [SECONDS [FAULT...]]
+
+How often the WAN route moves under a fault that lasts, and for which part of the time the cloud is connected: gateway-app
+on a gateway box for SECONDS (180) a fault. Counts ticks, pokes that failed, log lines, and bytes on Cellular, too. Prints
+a line for each fault, asserts nothing.
+"""
+import os
+import pathlib
+import sys
+import tempfile
+import time
+
+from application import Application
+from gateway import Box
+
+
+def flapping_provider(box, seconds):
+    end = time.monotonic() + seconds
+    while time.monotonic() < end:
+        for state in ("dead", "back"):
+            box("provider", "eth", state)
+            time.sleep(15)  # the fault's own rhythm
+
+
+FAULTS = {
+    "healthy": lambda box: None,
+    "loss-20": lambda box: box("loss", "eth", "20"),
+    "loss-40": lambda box: box("loss", "eth", "40"),
+    "broker-down": lambda box: box("cloud-mqtt", "refused"),
+    "provider-dead": lambda box: box("provider", "eth", "dead"),
+    "portal-on-cellular": lambda box: (box("portal", "cell", "on"), box("provider", "eth", "dead")),
+    "portal-on-ethernet": lambda box: box("portal", "eth", "on"),
+    "flapping-provider": None,
+}
+
+
+def bytes_on(box, interface):
+    counters = ("rx_bytes", "tx_bytes")
+    return sum(int(box("exec", "cat", f"/sys/class/net/{interface}/statistics/{name}")) for name in counters)
+
+
+def up_for(entries, begin, end):
+    """For how long between the two the cloud was connected."""
+    total, since = 0.0, begin
+    for entry in entries:
+        if entry["what"] == "cloud_connected":
+            since = max(begin, entry["monotonic"])
+        elif entry["what"] == "cloud_lost":
+            if since is not None:
+                total += max(0.0, min(end, entry["monotonic"]) - since)
+            since = None
+    return total + (max(0.0, end - since) if since is not None else 0.0)
+
+
+def measure(fault, seconds):
+    with tempfile.TemporaryDirectory() as folder, Box(f"f{os.getpid():x}") as box:
+        application = Application(box, pathlib.Path(folder))
+        application.wait_for_cloud("eth0", 10)
+        application.wait_for("Cloud connected with Ethernet interface", 5)
+        place, cellular, begin = application.mark(), bytes_on(box, "wwan0"), time.monotonic()
+        if fault == "flapping-provider":
+            flapping_provider(box, seconds)
+        else:
+            FAULTS[fault](box)
+            time.sleep(seconds)
+        end, log = time.monotonic(), application.log()[place:]
+        cellular = bytes_on(box, "wwan0") - cellular
+        up = up_for(application.transcript(), begin, end)
+        ticks = application.stop()["tick"]["count"]
+        if os.environ.get("ORV_KEEP_LOG"):
+            pathlib.Path(os.environ["ORV_KEEP_LOG"]).write_text(application.log(), encoding="utf-8")
+    lines = [line for line in log.splitlines() if " trace " not in line]
+    switches = sum(", reconnecting" in line for line in lines)
+    failed = sum("poke error" in line for line in lines)
+    print(f"{fault:20} {switches:8} {100 * up / (end - begin):7.1f} {failed:7} {len(lines):6} {cellular:9} {ticks:6}",
+          flush=True)
+
+
+def main():
+    seconds = float(sys.argv[1]) if len(sys.argv) > 1 else 180
+    print(f"{'fault':20} switches    up % pokes/failed lines  cell-bytes ticks, in {seconds:.0f} s")
+    for fault in sys.argv[2:] or FAULTS:
+        measure(fault, seconds)
+
+
+main()
