@@ -83,6 +83,17 @@ class Application:
         entries = [entry for entry in self.transcript() if entry["what"] in ("cloud_connected", "cloud_lost")]
         return entries[-1].get("interface") if entries and entries[-1]["what"] == "cloud_connected" else None
 
+    def connected_for(self, begin, end):
+        """For how many seconds between the two, by a clock that does not jump, the cloud was connected."""
+        total, since = 0.0, None
+        for entry in self.transcript():
+            if entry["what"] == "cloud_connected":
+                since = max(begin, entry["monotonic"])
+            elif entry["what"] == "cloud_lost" and since is not None:
+                total += max(0.0, min(end, entry["monotonic"]) - since)
+                since = None
+        return total + (max(0.0, end - since) if since is not None else 0.0)
+
     def wait_for_cloud(self, interface, seconds):
         wait_until(lambda: self.cloud_interface() == interface, seconds + SLACK,
                    lambda: f"cloud connected over {interface}\n{self.interesting()}")

@@ -41,19 +41,6 @@ def bytes_on(box, interface):
     return sum(int(box("exec", "cat", f"/sys/class/net/{interface}/statistics/{name}")) for name in counters)
 
 
-def up_for(entries, begin, end):
-    """For how long between the two the cloud was connected."""
-    total, since = 0.0, begin
-    for entry in entries:
-        if entry["what"] == "cloud_connected":
-            since = max(begin, entry["monotonic"])
-        elif entry["what"] == "cloud_lost":
-            if since is not None:
-                total += max(0.0, min(end, entry["monotonic"]) - since)
-            since = None
-    return total + (max(0.0, end - since) if since is not None else 0.0)
-
-
 def measure(fault, seconds):
     with tempfile.TemporaryDirectory() as folder, Box(f"f{os.getpid():x}") as box:
         application = Application(box, pathlib.Path(folder))
@@ -67,7 +54,7 @@ def measure(fault, seconds):
             time.sleep(seconds)
         end, log = time.monotonic(), application.log()[place:]
         cellular = bytes_on(box, "wwan0") - cellular
-        up = up_for(application.transcript(), begin, end)
+        up = application.connected_for(begin, end)
         ticks = application.stop()["tick"]["count"]
         if os.environ.get("ORV_KEEP_LOG"):
             pathlib.Path(os.environ["ORV_KEEP_LOG"]).write_text(application.log(), encoding="utf-8")

@@ -1,10 +1,11 @@
 # SPDX-License-Identifier: Apache-2.0
 """An Ethernet that is only half dead: the route does not follow it to and fro."""
+import time
+
 import pytest
-from gateway import SLACK, wait_until
 from wire import GREEN, NO_NETWORK, YELLOW
 
-MOVED = "the WAN route has changed"
+MOVED = "the WAN route has changed,"
 ON_PROBATION = "Ethernet is on probation"
 EXPECTED = (ON_PROBATION, "answers over neither interface")
 
@@ -52,7 +53,7 @@ def test_a_lost_cellular_ends_the_probation_at_once(scene_on_probation):
     scene.box("cloud-mqtt", "ok")
     scene.application.wait_for_cloud("wwan0", 15)
     scene.box("cellular", "out")
-    scene.expected_complaints += ("cannot put", "poke error 7")
+    scene.expected_complaints += ("cannot put", "cannot set name servers", "poke error 7")
     scene.application.wait_for("Ethernet's probation is over: Cellular is lost", 2)
     scene.connected = {"eth0"}
     scene.application.wait_for_cloud("eth0", 15)
@@ -72,13 +73,11 @@ def test_a_cellular_that_does_not_reach_the_cloud_ends_the_probation(scene_on_pr
     scene.settles("eth0", 15)
 
 
-def test_an_ethernet_that_loses_a_fifth_of_its_packets_does_not_carry_the_cloud_for_long(make_scene):
-    scene = make_scene().start()
-    scene.expected_complaints = EXPECTED + ("poke error", "Message is not handled")
+def test_an_ethernet_that_loses_a_fifth_of_its_packets_keeps_the_cloud(scene):
     scene.box("loss", "eth", "20")
-    scene.application.wait_for(ON_PROBATION, 240)
-    scene.application.wait_for_cloud("wwan0", 15)
-    place, before = scene.application.mark(), moves(scene)
-    wait_until(lambda: scene.application.said("proof over eth0", place), 60 + SLACK, "a proof over Ethernet")
-    assert moves(scene) == before
-    assert scene.application.cloud_interface() == "wwan0"
+    begun = time.monotonic()
+    time.sleep(60)  # part of the fault: how long it lasts
+    ended = time.monotonic()
+    assert moves(scene) == 0
+    assert scene.application.connected_for(begun, ended) > 0.9 * (ended - begun)
+    scene.box("loss", "eth", "off")

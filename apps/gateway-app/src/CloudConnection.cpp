@@ -22,7 +22,6 @@ namespace {
 constexpr BackOff::Duration kFirstRetry = 500ms;
 constexpr BackOff::Duration kLongestRetry = 10s;
 constexpr auto kAttemptLimit = 5s;
-constexpr auto kKeepAlivePeriod = 250ms;
 constexpr auto kLasting = 10s;
 
 std::string OwnAddress(int socket) {
@@ -152,7 +151,7 @@ void CloudConnection::AfterStep(int result, int systemError) {
         state = State::CONNECTED;
         deadline.Stop();
         since = std::chrono::steady_clock::now();
-        keepAlive.Every(kKeepAlivePeriod);
+        keepAlive.Once(AskAgain(socket));
         source = OwnAddress(socket);
         handler.onConnected(source);
     }
@@ -161,6 +160,7 @@ void CloudConnection::AfterStep(int result, int systemError) {
 void CloudConnection::CheckLife() {
     if (SilentFor(socket) > kSilence)
         return End("no sign of life from the cloud");
+    keepAlive.Once(AskAgain(socket));
     AfterStep(mosquitto_loop_misc(client.get()), 0);
 }
 

@@ -18,7 +18,6 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr long kConnectMs = 5000;
-constexpr int kLookMs = 250;
 
 std::atomic<int> helpers{0};
 
@@ -86,7 +85,7 @@ std::string PathProver::Attempt::Hold(CURL* handle) const {
         if (SilentFor(socket) > kSilence)
             return "no sign of life";
         pollfd ended{socket, POLLRDHUP, 0};
-        if (poll(&ended, 1, kLookMs) > 0)
+        if (poll(&ended, 1, static_cast<int>(AskAgain(socket).count())) > 0)
             return "the connection has ended";
     }
     return {};

@@ -9,6 +9,10 @@ namespace GatewayApp {
 
 namespace {
 
+constexpr std::chrono::milliseconds kAnswerTime{1100}; // the kernel asks after 1 s
+constexpr std::chrono::milliseconds kUsualPace{250};
+constexpr std::chrono::milliseconds kQuickPace{100};
+
 void SetOption(int socket, int level, int option, int value) {
     setsockopt(socket, level, option, &value, sizeof(value));
 }
@@ -29,6 +33,14 @@ std::chrono::milliseconds SilentFor(int socket) {
     socklen_t size = sizeof(info);
     getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size);
     return std::chrono::milliseconds(info.tcpi_last_ack_recv);
+}
+
+std::chrono::milliseconds AskAgain(int socket) {
+    if (SilentFor(socket) < kAnswerTime)
+        return kUsualPace;
+    // Set anew, the time of idleness is found to be over, and the kernel asks.
+    SetOption(socket, IPPROTO_TCP, TCP_KEEPIDLE, 1);
+    return kQuickPace;
 }
 
 } // namespace GatewayApp
