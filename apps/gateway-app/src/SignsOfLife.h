@@ -8,8 +8,8 @@ namespace GatewayApp {
 /// After so long without an acknowledgement a path counts as dead.
 constexpr std::chrono::milliseconds kSilence{2500};
 
-/// Lets the kernel end the connection when its path is silent: an idle one is asked for a sign of life every second, and
-/// 2 s without an acknowledgement are the end, whether data are under way or not.
+/// Lets the kernel end the connection when its path is silent: an idle one is asked for a sign of life every second,
+/// and 2 s without an acknowledgement are the end, whether data are under way or not.
 void SetFastLossDetection(int socket);
 
 /// How long ago the other end last acknowledged anything. The kernel's own limits count anew when data are sent in the
