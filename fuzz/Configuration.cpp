@@ -47,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     // Wherever a line with a password stands, and however it lacks its equals sign, it is in no report.
     const std::string secret = "Zq7-not-in-the-corpus";
-    for (const std::string astray : {"\npassword " + secret, "\n" + secret + "==", "\nhost = " + secret}) {
+    for (const std::string& astray : {"\npassword " + secret, "\n" + secret + "==", "\nhost = " + secret}) {
         for (const std::string& problem : OrvPlatform::ParseGatewayConfig(text + astray, "fuzz.ini").problems)
             Require(problem.find(secret) == std::string::npos, "a report holds no password");
     }

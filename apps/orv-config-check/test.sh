@@ -47,7 +47,7 @@ says out "port = 1883"
 
 printf '[broker]\nprot = 1\nport = 7\npassword = s3cret\n' >"$folder/faulty.ini"
 expect 1 "$folder/faulty.ini"
-says err "$folder/faulty.ini:2: [broker] has no key \"prot\", ignored; did you mean \"port\"?"
+says err "$folder/faulty.ini:2: [broker] has no such key, ignored; did you mean \"port\"?"
 says out "port = 7"
 says out "password = (not shown)"
 expect 1 --quiet "$folder/faulty.ini"

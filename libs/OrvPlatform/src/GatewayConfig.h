@@ -22,6 +22,8 @@ struct GatewayConfig {
         /// connect.
         std::string host = "127.0.0.1";
         std::uint16_t port = 1883;
+        /// The path of the broker's unix socket, in the place of host and port; empty for those.
+        std::string socket;
         /// Appended to every client id of this process; see ClientIdSuffix.h for what the placeholders stand for.
         std::string clientIdSuffix = "-%a-%p-%n";
         std::chrono::seconds keepAlive{5};

@@ -127,10 +127,8 @@ private:
         if (end == std::string_view::npos)
             Report("a section without its closing bracket; what follows is ignored up to the next section");
         else if (skipping)
-            Report(Nearest(named, known).empty()
-                       ? "there is no such section, what it holds is ignored. Valid: " + Joined(known)
-                       : "[" + Escaped(named) + "] is no section, what it holds is ignored" + Hint(named, known) +
-                             " Valid: " + Joined(known));
+            Report("there is no such section, what it holds is ignored" + Hint(named, known) +
+                   " Valid: " + Joined(known));
     }
 
     /// A line that the parser was given and took for no setting.
@@ -164,19 +162,18 @@ private:
                    ". Valid: " + setting.valid);
     }
 
-    /// Only a key that is known or near one is named: another may be part of a password that went astray.
+    /// An unknown key is not named: it may be part of a password that went astray.
     void ReportUnknown(const std::string& key) {
         std::vector<std::string> here;
-        std::string elsewhere;
+        std::string where;
         for (const Setting& setting : Settings()) {
             if (setting.section == section)
                 here.push_back(setting.key);
             else if (setting.key == key)
-                elsewhere = "; it belongs in [" + setting.section + "].";
+                where = "; " + key + " belongs in [" + setting.section + "].";
         }
-        const bool isNear = !elsewhere.empty() || !Nearest(key, here).empty();
-        Report("[" + section + "] has no " + (isNear ? "key " + Quoted(key) : "such key") + ", ignored" +
-               (elsewhere.empty() ? Hint(key, here) : elsewhere) + " Valid: " + Joined(here));
+        Report("[" + section + "] has no such key, ignored" + (where.empty() ? Hint(key, here) : where) +
+               " Valid: " + Joined(here));
     }
 
     void CheckTogether() {
@@ -186,6 +183,12 @@ private:
             parsed.problems.push_back(name + ": [log] sink = file needs a file; stderr stays in force. Set file = "
                                              "/path/of/the/log in [log]");
         }
+        const GatewayConfig defaults;
+        if (!config.broker.socket.empty() &&
+            (config.broker.host != defaults.broker.host || config.broker.port != defaults.broker.port))
+            parsed.problems.push_back(name + ": [broker] socket is set: " + config.broker.host + " port " +
+                                      std::to_string(config.broker.port) +
+                                      " is not used; leave host and port out, or leave socket empty");
         if (config.interfaces.ethernet == config.interfaces.cellular)
             parsed.problems.push_back(name + ": [interfaces] ethernet and cellular are both " +
                                       config.interfaces.ethernet + "; without two there is nothing to fail over to");

@@ -8,6 +8,7 @@
 #include <charconv>
 #include <climits>
 #include <numeric>
+#include <sys/un.h>
 
 namespace OrvPlatform {
 
@@ -22,6 +23,10 @@ bool HasOnly(std::string_view text, const std::string& allowed) {
 
 bool HasControl(const std::string& text) {
     return std::any_of(text.begin(), text.end(), [](char c) { return (c >= 0 && c < 0x20) || c == 0x7f; });
+}
+
+bool IsFilePath(const std::string& text) {
+    return text.size() >= 2 && text.front() == '/' && text.back() != '/' && !HasControl(text);
 }
 
 bool IsHost(std::string_view text) {
@@ -162,6 +167,15 @@ std::vector<Setting> BrokerSettings() {
              return ReadNumber<std::uint16_t>(value, 1, 65535, config.broker.port);
          },
          [](const GatewayConfig& config) { return std::to_string(config.broker.port); }, whenValid},
+        {"broker", "socket", "an absolute path of at most 107 bytes, or nothing",
+         [](const std::string& value, GatewayConfig& config) {
+             constexpr std::size_t longest = sizeof(sockaddr_un::sun_path) - 1;
+             if (!value.empty() && (!IsFilePath(value) || value.size() > longest))
+                 return false;
+             config.broker.socket = value;
+             return true;
+         },
+         [](const GatewayConfig& config) { return config.broker.socket; }, whenValid},
         {"broker", "username", "up to 128 bytes without control characters, or nothing",
          [](const std::string& value, GatewayConfig& config) { return ReadText(value, config.broker.username); },
          [](const GatewayConfig& config) { return config.broker.username; }, whenValid},
@@ -253,7 +267,7 @@ std::vector<Setting> LogSettings() {
          [](const GatewayConfig& config) { return config.log.levels.Text(); }},
         {"log", "file", "an absolute path",
          [](const std::string& value, GatewayConfig& config) {
-             if (value.size() < 2 || value.front() != '/' || value.back() == '/' || HasControl(value))
+             if (!IsFilePath(value))
                  return false;
              config.log.file = value;
              return true;

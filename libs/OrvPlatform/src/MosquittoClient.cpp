@@ -224,11 +224,30 @@ void MosquittoClient::OnSubscribeCallback(mosquitto*, void* self, int messageId,
         events->OnSubscribed(messageId, count > 0 && granted[0] < REFUSED);
 }
 
+namespace {
+
+/// What to do about a connection that was not made.
+std::string RemedyFor(int systemError) {
+    switch (systemError) {
+    case ECONNREFUSED:
+        return "; is the broker running?";
+    case ENOENT: // of a unix socket, as the next two
+        return "; is the broker running, and does it listen there?";
+    case EACCES:
+        return "; let this program's user or group into the socket's folder and at the socket";
+    case EAGAIN:
+        return "; the broker takes no connections, does it hang?";
+    default:
+        return {};
+    }
+}
+
+} // namespace
+
 std::string MosquittoErrorText(int error, int systemError) {
     switch (error) {
     case MOSQ_ERR_ERRNO:
-        return std::generic_category().message(systemError) +
-               (systemError == ECONNREFUSED ? "; is the broker running?" : "");
+        return std::generic_category().message(systemError) + RemedyFor(systemError);
     case MOSQ_ERR_CONN_LOST:
         return "the broker closed the connection";
     case MOSQ_ERR_KEEPALIVE:

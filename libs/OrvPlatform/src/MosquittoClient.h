@@ -35,8 +35,8 @@ struct LastWill {
 
 struct MosquittoSettings {
     std::string clientId;
-    std::string host; // an address, not a name
-    std::uint16_t port;
+    std::string host;   // an address, not a name; or the path of a unix socket
+    std::uint16_t port; // 0 for a unix socket
     std::chrono::seconds keepAlive;
     std::string username; // empty for none
     std::string password;

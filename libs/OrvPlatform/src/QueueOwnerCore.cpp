@@ -31,7 +31,10 @@ constexpr auto GOOD_BYE_LIMIT = 800ms;
 constexpr auto BREAK_OFF_LIMIT = 200ms;
 
 // A name would have to be looked up, and a dead name server holds a look-up for many seconds. Empty for a name.
-std::string BrokerAddress(const std::string& host) {
+std::string BrokerAddress(const OrvPlatform::GatewayConfig::Broker& settings) {
+    const std::string& host = settings.host;
+    if (!settings.socket.empty())
+        return settings.socket;
     if (host == "localhost")
         return "127.0.0.1";
     in6_addr address{};
@@ -61,7 +64,7 @@ int StatusOf(int error) {
 QueueOwner::Core::Core(QueueOwner& queueOwner, const std::string& id, const OrvPlatform::GatewayConfig& config)
     : settings(config.broker),
       clientId(id + OrvPlatform::ClientIdSuffix(settings.clientIdSuffix, id, config.program)),
-      place(settings.host + ":" + std::to_string(settings.port)),
+      place(settings.socket.empty() ? settings.host + ":" + std::to_string(settings.port) : settings.socket),
       foreignTopics(config.IsController() ? std::vector<std::string>() : config.gateway.topics),
       wakeUp(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
       logger("QueueOwner", 0),
@@ -108,7 +111,7 @@ bool QueueOwner::Core::Open(const std::optional<LastWill>& will, Time deadline) 
     failure = "no answer within 3 s";
     announced.SetWillTopic(will ? will->topic : std::string());
 
-    const std::string address = BrokerAddress(settings.host);
+    const std::string address = BrokerAddress(settings);
     if (address.empty()) {
         failure = "names are not looked up; set [broker] host to an address";
         return false;
@@ -122,9 +125,9 @@ bool QueueOwner::Core::Open(const std::optional<LastWill>& will, Time deadline) 
         return false;
     }
     int error = MOSQ_ERR_SUCCESS;
+    const std::uint16_t port = settings.socket.empty() ? settings.port : 0;
     client = MosquittoClient::Make(
-        {clientId, address, settings.port, settings.keepAlive, settings.username, settings.password, will}, *this,
-        error);
+        {clientId, address, port, settings.keepAlive, settings.username, settings.password, will}, *this, error);
     if (!client) {
         failure = "client id, user name, will or keep-alive refused: " + MosquittoErrorText(error, errno);
         return false;

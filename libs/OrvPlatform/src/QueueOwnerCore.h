@@ -94,7 +94,7 @@ private:
     // Fixed at construction.
     const OrvPlatform::GatewayConfig::Broker settings;
     const std::string clientId;
-    const std::string place; // host:port, for the log
+    const std::string place; // host:port or the socket, for the log
     /// Filters of the topics that are left to another program.
     const std::vector<std::string> foreignTopics;
     const int wakeUp; // an eventfd that ends the delivery thread's poll

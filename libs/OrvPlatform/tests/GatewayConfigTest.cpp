@@ -50,7 +50,7 @@ TEST(TheShippedFile, HasEveryKeyWithItsDefault) {
 }
 
 TEST(AConfiguration, MaySetEverything) {
-    const ParsedConfig parsed = Parse("[broker]\nhost = ::1\nport = 8883\nusername = me\npassword = a=b:c\n"
+    const ParsedConfig parsed = Parse("[broker]\nhost = ::1\nport = 8883\nsocket =\nusername = me\npassword = a=b:c\n"
                                       "client_id_suffix = -two\nkeep_alive = 60\nmax_outstanding_bytes = 1024\n"
                                       "[interfaces]\nethernet = br-lan\ncellular = ppp0\n"
                                       "[cloud]\nendpoint = cloud.example.com:8443/ping\n"
@@ -142,6 +142,12 @@ INSTANTIATE_TEST_SUITE_P(
                  {"", "0", "65536", "-1", "+1", "1.0", "0x10", "18 83", "99999999999999999999"},
                  "1883 stays in force. Valid: 1 to 65535",
                  true},
+        BadValue{"Socket",
+                 "broker",
+                 "socket",
+                 {"mqtt.sock", "/", "/run/", "/" + std::string(107, 'x')},
+                 "it stays unset. Valid: an absolute path of at most 107 bytes, or nothing",
+                 true},
         BadValue{"Suffix",
                  "broker",
                  "client_id_suffix",
@@ -208,6 +214,24 @@ INSTANTIATE_TEST_SUITE_P(
                  "1048576 stays in force. Valid: 16384 to 1073741824 bytes"},
         BadValue{"FileCount", "log", "file_count", {"0", "101"}, "3 stays in force. Valid: 1 to 100"}),
     [](const auto& instance) { return instance.param.name; });
+
+TEST(AUnixSocket, TakesThePlaceOfHostAndPort) {
+    const ParsedConfig parsed = Parse("[broker]\nhost = 127.0.0.1\nport = 1883\nsocket = /run/orv-broker/mqtt.sock\n");
+    EXPECT_EQ(parsed.problems, Lines{});
+    EXPECT_EQ(parsed.config.broker.socket, "/run/orv-broker/mqtt.sock");
+    const std::string longest = "/" + std::string(106, 'x');
+    EXPECT_EQ(Parse("[broker]\nsocket = " + longest + "\n").config.broker.socket, longest);
+}
+
+TEST(AUnixSocket, IsReportedWhereHostOrPortSayOtherwise) {
+    for (const std::string line : {"host = 192.0.2.1\n", "port = 8883\n"}) {
+        const ParsedConfig parsed = Parse("[broker]\nsocket = /run/orv-broker/mqtt.sock\n" + line);
+        const std::string place = line == "port = 8883\n" ? "127.0.0.1 port 8883" : "192.0.2.1 port 1883";
+        EXPECT_EQ(parsed.problems, Lines{"x.ini: [broker] socket is set: " + place +
+                                         " is not used; leave host and port out, or leave socket empty"});
+        EXPECT_EQ(parsed.config.broker.socket, "/run/orv-broker/mqtt.sock");
+    }
+}
 
 TEST(AGoodEndpoint, MayHavePortPathAndNumericAddress) {
     for (const char* endpoint : {"host", "host:1", "host:65535", "host/", "a.b-c_d:443/p/q?r=s&t=%20#u", "192.0.2.1:80",
@@ -300,17 +324,17 @@ TEST_P(AFault, IsReportedWithItsLine) {
 }
 
 constexpr const char* brokerKeys =
-    " Valid: host, port, username, password, client_id_suffix, keep_alive, max_outstanding_bytes";
+    " Valid: host, port, socket, username, password, client_id_suffix, keep_alive, max_outstanding_bytes";
 
 INSTANTIATE_TEST_SUITE_P(
     Of, AFault,
     testing::Values(
         Fault{"MisspeltKey",
               "[broker]\nprot = 1\n",
-              {std::string("x.ini:2: [broker] has no key \"prot\", ignored; did you mean \"port\"?") + brokerKeys}},
+              {std::string("x.ini:2: [broker] has no such key, ignored; did you mean \"port\"?") + brokerKeys}},
         Fault{"UpperCaseKey",
               "[broker]\nPORT = 1\n",
-              {std::string("x.ini:2: [broker] has no key \"PORT\", ignored; did you mean \"port\"?") + brokerKeys}},
+              {std::string("x.ini:2: [broker] has no such key, ignored; did you mean \"port\"?") + brokerKeys}},
         Fault{"StrangeKey",
               "[broker]\ncolour = 1\n",
               {std::string("x.ini:2: [broker] has no such key, ignored.") + brokerKeys}},
@@ -319,10 +343,10 @@ INSTANTIATE_TEST_SUITE_P(
               {"x.ini:2: [connman] has no such key, ignored. Valid: bus_address"}},
         Fault{"KeyOfAnotherSection",
               "[broker]\nendpoint = x\n",
-              {std::string("x.ini:2: [broker] has no key \"endpoint\", ignored; it belongs in [cloud].") + brokerKeys}},
+              {std::string("x.ini:2: [broker] has no such key, ignored; endpoint belongs in [cloud].") + brokerKeys}},
         Fault{"MisspeltSection",
               "[brokr]\nport = 1\nnonsense = 1\n[broker]\nport = 2\n",
-              {"x.ini:1: [brokr] is no section, what it holds is ignored; did you mean \"broker\"? Valid: broker, "
+              {"x.ini:1: there is no such section, what it holds is ignored; did you mean \"broker\"? Valid: broker, "
                "interfaces, cloud, connman, gateway, log"}},
         Fault{
             "StrangeSection",
@@ -591,9 +615,8 @@ TEST_F(TheSettingsOfAProcess, AreReportedOnceWhenTheyAreWrongAlsoWithoutALogger)
 TEST_F(TheSettingsOfAProcess, AreReportedOnStandardErrorAlsoWhenTheLogIsOff) {
     const std::string path = folder.Write("x.ini", "[log]\nlevel = off\nsinks = file\n");
     const Ended ended = Asked(path, [] { Config(); });
-    EXPECT_EQ(ended.Lines(),
-              Lines{path + ":3: [log] has no key \"sinks\", ignored; did you mean \"sink\"? Valid: sink, "
-                           "level, file, file_max_bytes, file_count"});
+    EXPECT_EQ(ended.Lines(), Lines{path + ":3: [log] has no such key, ignored; did you mean \"sink\"? Valid: sink, "
+                                          "level, file, file_max_bytes, file_count"});
 }
 
 } // namespace

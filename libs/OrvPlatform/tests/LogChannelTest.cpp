@@ -29,9 +29,9 @@ protected:
 };
 
 TEST_F(TheReportOfTheSettings, IsPartOfALogThatShowsErrors) {
-    const std::string problem =
-        path + ":3: [log] has no key \"files\", ignored; did you mean \"file\"? Valid: sink, level, file, "
-               "file_max_bytes, file_count";
+    const std::string problem = path +
+                                ":3: [log] has no such key, ignored; did you mean \"file\"? Valid: sink, level, file, "
+                                "file_max_bytes, file_count";
     EXPECT_EQ(At("error", "files = x\n"), Lines{"error [GatewayConfig] " + problem});
     EXPECT_EQ(At("critical", "files = x\n"), Lines{problem});
 }

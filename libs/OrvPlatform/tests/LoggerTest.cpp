@@ -248,7 +248,7 @@ TEST_F(ALogger, WritesToTheConfiguredFile) {
     const std::string config = folder.Write("gateway.ini", "[log]\nsink = file\nfile = " + folder.Path("log") +
                                                                "\nlevel = trace\nfile_counts = 1\n");
     const Ended ended = RunInChild({{"ORV_GATEWAY_CONFIG", config}}, [] { Logger("L", 0).Trace() << "text"; });
-    const std::string problem = config + ":5: [log] has no key \"file_counts\", ignored; did you mean \"file_count\"? "
+    const std::string problem = config + ":5: [log] has no such key, ignored; did you mean \"file_count\"? "
                                          "Valid: sink, level, file, file_max_bytes, file_count";
     EXPECT_EQ(ended.Lines(), Lines{problem});
     Lines lines;

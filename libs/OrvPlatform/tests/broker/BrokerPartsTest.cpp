@@ -299,6 +299,12 @@ TEST(ATopicFilter, MatchesAsASubscriptionWould) {
 
 TEST(AnErrorText, NamesTheCauseAndWhereItCanTheRemedy) {
     EXPECT_EQ(MosquittoErrorText(MOSQ_ERR_ERRNO, ECONNREFUSED), "Connection refused; is the broker running?");
+    EXPECT_EQ(MosquittoErrorText(MOSQ_ERR_ERRNO, ENOENT),
+              "No such file or directory; is the broker running, and does it listen there?");
+    EXPECT_EQ(MosquittoErrorText(MOSQ_ERR_ERRNO, EACCES),
+              "Permission denied; let this program's user or group into the socket's folder and at the socket");
+    EXPECT_EQ(MosquittoErrorText(MOSQ_ERR_ERRNO, EAGAIN),
+              "Resource temporarily unavailable; the broker takes no connections, does it hang?");
     EXPECT_EQ(MosquittoErrorText(MOSQ_ERR_ERRNO, ENETUNREACH), "Network is unreachable");
     EXPECT_EQ(MosquittoErrorText(MOSQ_ERR_CONN_LOST, 0), "the broker closed the connection");
     EXPECT_EQ(MosquittoErrorText(MOSQ_ERR_KEEPALIVE, 0), "the broker does not answer any more");

@@ -66,6 +66,7 @@ private:
 struct GatewayBrokerHolder {
     Passwords passwords;
     MosquittoBroker broker{Shipped({
+        {"# listener 0 /run/orv-broker/mqtt.sock", "listener 0 @FOLDER@/mqtt.sock"},
         {"listener 1883 127.0.0.1", "listener @PORT@ 127.0.0.1"},
         {"password_file /etc/mosquitto/orv.passwd", "password_file " + passwords.path},
         {"acl_file /etc/mosquitto/orv.acl", "acl_file " ORV_SHIPPED_CONFIG "/acl"},
@@ -140,6 +141,15 @@ TEST_F(AGatewaysBroker, LetsNobodyInWithoutAName) {
 TEST_F(AGatewaysBroker, ListensOnLoopbackOnly) {
     EXPECT_TRUE(ConnectToLoopback(broker.Port()));
     EXPECT_FALSE(ConnectToLoopback(broker.Port(), "127.0.0.2"));
+}
+
+TEST_F(AGatewaysBroker, LetsAnApplicationInByItsSocketWithNameAndPasswordOnly) {
+    BrokerSettings().socket = broker.Folder() + "/mqtt.sock";
+    TestClient application("ORV_Stack");
+    EXPECT_TRUE(application.Connect());
+    BrokerSettings().password = "wrong";
+    TestClient stranger("ORV_Stack");
+    EXPECT_FALSE(stranger.Connect());
 }
 
 TEST_F(AGatewaysBroker, TellsAnApplicationWhatPanelAndModemSay) {
