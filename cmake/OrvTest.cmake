@@ -1,12 +1,15 @@
-# orv_add_test(NAME SOURCES ... LIBRARIES ... [LABELS ...] [LOCKS ...] [TIMEOUT s] [SHARDS n])
-#   One GoogleTest program, run by ctest as one test, or as SHARDS parts of it: for many tests that mostly wait.
+# orv_add_test(NAME SOURCES ... LIBRARIES ... [LABELS ...] [LOCKS ...] [TIMEOUT s] [WRAPPER command...])
+#   One GoogleTest program. ctest knows each of its tests by its own name and runs each in a process of its own.
 #   LABELS: unit, broker, tls, bus, ... (ctest -L unit).
 #   LOCKS: resources that no two tests may use at a time, e.g. var-tmp (the status files have fixed paths).
+#   TIMEOUT: of each test (default: 60 s).
+#   WRAPPER: the command that starts the program, for tests that need surroundings of their own.
 
 find_package(GTest REQUIRED)
+include(GoogleTest)
 
 function(orv_add_test name)
-  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "TIMEOUT;SHARDS" "SOURCES;LIBRARIES;LABELS;LOCKS")
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "TIMEOUT" "SOURCES;LIBRARIES;LABELS;LOCKS;WRAPPER")
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES} GTest::gtest GTest::gtest_main Threads::Threads)
   # gtest's macros are not written for this one.
@@ -15,28 +18,28 @@ function(orv_add_test name)
     # What is tested stays optimised; test code compiles in a third of the time without it.
     target_compile_options(${name} PRIVATE -O0 -gline-tables-only)
   endif()
-  if(ARG_SHARDS)
-    set(tests "")
-    math(EXPR last "${ARG_SHARDS} - 1")
-    foreach(shard RANGE ${last})
-      add_test(NAME ${name}-${shard} COMMAND ${name})
-      set_tests_properties(${name}-${shard} PROPERTIES
-        ENVIRONMENT "GTEST_TOTAL_SHARDS=${ARG_SHARDS};GTEST_SHARD_INDEX=${shard}")
-      list(APPEND tests ${name}-${shard})
-    endforeach()
-  else()
-    add_test(NAME ${name} COMMAND ${name})
-    set(tests ${name})
+  if(ARG_WRAPPER)
+    # The property that ctest asks for a command to put before the program.
+    set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR "${ARG_WRAPPER};${CMAKE_CROSSCOMPILING_EMULATOR}")
   endif()
-  if(ARG_LABELS)
-    set_tests_properties(${tests} PROPERTIES LABELS "${ARG_LABELS}")
-  endif()
+  # Asked for their tests when ctest runs, not when they are built: a program for another processor is slow to ask.
+  gtest_discover_tests(${name} TEST_LIST ${name}_names DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60)
+  set(properties PROCESSORS 1)
+  foreach(property LABELS TIMEOUT)
+    if(ARG_${property})
+      string(APPEND properties " ${property} \"${ARG_${property}}\"")
+    endif()
+  endforeach()
   if(ARG_LOCKS)
-    set_tests_properties(${tests} PROPERTIES RESOURCE_LOCK "${ARG_LOCKS}")
+    string(APPEND properties " RESOURCE_LOCK \"${ARG_LOCKS}\"")
   endif()
-  if(ARG_TIMEOUT)
-    set_tests_properties(${tests} PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+  if(ARG_WRAPPER)
+    string(APPEND properties " SKIP_RETURN_CODE 77")
   endif()
+  # A list, such as two labels, does not survive gtest_discover_tests' own PROPERTIES.
+  set(file ${CMAKE_CURRENT_BINARY_DIR}/${name}-properties.cmake)
+  file(WRITE ${file} "if(${name}_names)\n  set_tests_properties(\${${name}_names} PROPERTIES ${properties})\nendif()\n")
+  set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${file})
 endfunction()
 
 # orv_runnable(VARIABLE TARGET)
