@@ -8,6 +8,7 @@ from gateway import SLACK, wait_until
 from wire import GREEN, INHIBIT, NO_NETWORK, YELLOW
 
 
+@pytest.mark.short
 def test_a_lost_provider_moves_the_cloud_to_cellular_and_back(scene):
     box, application, witness = scene.box, scene.application, scene.witness
     scene.settles("eth0", 5)
@@ -83,6 +84,7 @@ def test_a_boot_with_a_dead_ethernet_provider_ends_on_cellular(box, make_scene):
     scene.settles("eth0", 30)
 
 
+@pytest.mark.short
 def test_a_boot_without_an_ethernet_cable_is_on_cellular_until_it_is_plugged_in(box, make_scene):
     box("connman", "stop")
     box("cable", "out")

@@ -57,6 +57,7 @@ def test_a_frozen_bus_holds_nothing_up(scene):
     scene.settles("wwan0", 40)
 
 
+@pytest.mark.short
 def test_mute_name_servers_hold_nothing_up(scene):
     scene.expected_complaints = ("poke error 28", "poke error 6")
     scene.box("names", "eth", "mute")

@@ -1,0 +1,54 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Reads what ctest and pytest write about their tests (JUnit XML)."""
+
+from __future__ import annotations
+
+import dataclasses
+import pathlib
+import xml.etree.ElementTree as ElementTree
+
+
+@dataclasses.dataclass(frozen=True)
+class Test:
+    name: str
+    seconds: float
+    verdict: str  # passed, failed or skipped
+    output: str = ""
+
+
+def _verdict(case: ElementTree.Element) -> tuple[str, str]:
+    for kind in ("failure", "error"):
+        found = case.find(kind)
+        if found is not None:
+            said = (found.text or "") or found.get("message", "")
+            return "failed", said + (case.findtext("system-out") or "")
+    skipped = case.find("skipped")
+    if skipped is not None or case.get("status") in ("notrun", "disabled"):
+        return "skipped", "" if skipped is None else skipped.get("message", "")
+    return "passed", ""
+
+
+def read(folder: pathlib.Path) -> list[Test]:
+    """All tests of the reports in a folder. A report that cannot be read counts as one failed test."""
+    tests: list[Test] = []
+    for file in sorted(folder.glob("*.xml")):
+        try:
+            cases = list(ElementTree.parse(file).iter("testcase"))
+        except ElementTree.ParseError as error:
+            tests.append(Test(f"the report {file.name}", 0.0, "failed", f"cannot be read: {error}"))
+            continue
+        for case in cases:
+            verdict, output = _verdict(case)
+            # ctest repeats a test's name as its class.
+            owner, name = case.get("classname", ""), case.get("name", "")
+            full = name if owner in ("", name) else f"{owner}.{name}"
+            tests.append(Test(full, float(case.get("time") or 0), verdict, output))
+    return tests
+
+
+def count(tests: list[Test], verdict: str) -> int:
+    return sum(1 for test in tests if test.verdict == verdict)
+
+
+def slowest(tests: list[Test], how_many: int) -> list[Test]:
+    return sorted(tests, key=lambda test: test.seconds, reverse=True)[:how_many]

@@ -1,0 +1,113 @@
+# SPDX-License-Identifier: Apache-2.0
+import os
+import pathlib
+import subprocess
+
+import plan
+import pytest
+import reports
+import run
+
+CTEST = """<testsuite name="Linux" tests="3">
+  <testcase name="A.Passes" classname="A.Passes" time="0.5" status="run"><system-out>fine</system-out></testcase>
+  <testcase name="A.Fails" classname="A.Fails" time="2" status="fail"><failure message=""/>
+    <system-out>expected 1, was 2</system-out></testcase>
+  <testcase name="A.IsSkipped" classname="A.IsSkipped" time="0" status="notrun"><skipped message="no namespaces"/></testcase>
+</testsuite>"""
+
+PYTEST = """<testsuites><testsuite><testcase classname="test_box" name="test_up" time="1.5"/>
+<testcase classname="test_box" name="test_down" time="0.1"><error message="boom">in the fixture</error></testcase>
+</testsuite></testsuites>"""
+
+
+@pytest.fixture
+def folder(tmp_path: pathlib.Path) -> pathlib.Path:
+    (tmp_path / "ctest.xml").write_text(CTEST)
+    (tmp_path / "pytest.xml").write_text(PYTEST)
+    return tmp_path
+
+
+def test_reports_of_both_kinds_are_counted(folder):
+    tests = reports.read(folder)
+    assert [reports.count(tests, what) for what in ("passed", "failed", "skipped")] == [2, 2, 1]
+
+
+def test_a_failure_brings_what_the_test_said(folder):
+    said = {test.name: test.output for test in reports.read(folder) if test.verdict == "failed"}
+    assert "expected 1, was 2" in said["A.Fails"]
+    assert "in the fixture" in said["test_box.test_down"]
+
+
+def test_a_report_that_breaks_off_counts_as_a_failure(tmp_path):
+    (tmp_path / "ctest.xml").write_text(CTEST[:100])
+    assert [test.verdict for test in reports.read(tmp_path)] == ["failed"]
+
+
+def test_the_slowest_come_first(folder):
+    assert [test.name for test in reports.slowest(reports.read(folder), 2)] == ["A.Fails", "test_box.test_up"]
+
+
+def test_an_unknown_step_is_named_beside_those_there_are():
+    with pytest.raises(KeyError, match="no such step: nonsense; there are: all, .*lint"):
+        plan.named(["nonsense"])
+
+
+def test_each_step_is_a_command_of_the_script_folder():
+    for group in plan.SHORT + plan.ALL:
+        for step in group:
+            command = run.TREE / "script" / step.name.split()[0]
+            assert os.access(command, os.X_OK), step.name
+
+
+def test_logs_of_different_steps_do_not_overwrite_each_other():
+    names = [step.file_name for group in plan.ALL for step in group]
+    assert len(set(names)) == len(names)
+
+
+@pytest.fixture
+def tree(tmp_path, monkeypatch):
+    """A tree with scripts of our own."""
+    (tmp_path / "script").mkdir()
+    monkeypatch.setattr(run, "TREE", tmp_path)
+    monkeypatch.setattr(run, "LOGS", tmp_path / "logs")
+    monkeypatch.setattr(run, "REPORTS", tmp_path / "reports")
+    (tmp_path / "logs").mkdir()
+
+    def add(name, text):
+        script = tmp_path / "script" / name
+        script.write_text("#!/bin/sh\n" + text)
+        script.chmod(0o755)
+        return plan.Step(name)
+
+    return add
+
+
+def test_a_step_that_exits_with_an_error_fails_the_run(tree, capsys):
+    runs = run.run_group((tree("good", "true"), tree("bad", "echo the reason; exit 3")))
+    assert [one.verdict for one in runs] == ["ok", "FAILED"]
+    assert run.summary(runs, 1) == 1
+    assert "the reason" in capsys.readouterr().out
+
+
+def test_a_failed_test_fails_a_step_that_exits_well(tree):
+    runs = run.run_group((tree("sly", f"cat >$ORV_REPORTS/x.xml <<'E'\n{CTEST}\nE\n"),))
+    assert [one.verdict for one in runs] == ["FAILED"]
+
+
+def test_a_run_without_any_test_fails(tree, capsys):
+    assert run.summary(run.run_group((tree("good", "true"),)), 1) == 1
+    assert capsys.readouterr().out.endswith("no test ran\n0 passed, 1 failed\n")
+
+
+def test_what_may_not_run_here_is_skipped_only_where_that_is_allowed(tree, monkeypatch):
+    step = tree("box", "echo not run: no namespaces; exit 77")
+    monkeypatch.setenv("ORV_REQUIRE_NAMESPACES", "1")
+    assert run.run_group((step,))[0].verdict == "FAILED"
+    monkeypatch.setenv("ORV_REQUIRE_NAMESPACES", "")
+    assert run.run_group((step,))[0].verdict == "skipped"
+
+
+def test_script_test_says_what_it_can_do():
+    tree = pathlib.Path(__file__).resolve().parents[2]
+    said = subprocess.run([tree / "script/test", "--help"], capture_output=True, text=True, check=True).stdout
+    assert said.startswith("test [all | STEP...]")
