@@ -2,9 +2,11 @@
 #include "StatusHandlerFixture.h"
 
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <limits>
 #include <sys/mount.h>
+#include <sys/resource.h>
 
 namespace OrvStackSdk {
 namespace {
@@ -221,6 +223,19 @@ TEST_F(FilesThatCannotBeWritten, AreLostSilentlyWhenAFolderStandsInTheWay) {
     std::filesystem::create_directory(STATUS_FILE);
     std::filesystem::create_directory(ERROR_FILE);
     ExpectSilence();
+    ExpectRecovery();
+}
+
+TEST_F(FilesThatCannotBeWritten, AreCutSilentlyWhereTheProcessMayNotWriteMore) {
+    rlimit before{};
+    getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit little{20, before.rlim_max};
+    const auto signalBefore = std::signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &little);
+    ExpectSilence();
+    setrlimit(RLIMIT_FSIZE, &before);
+    std::signal(SIGXFSZ, signalBefore);
+    EXPECT_EQ(ContentOf(STATUS_FILE), ALL_DOWN.substr(0, 20));
     ExpectRecovery();
 }
 
