@@ -242,6 +242,8 @@ TEST_F(AStatusFileOfItsOwn, IsSeenEmptyOrWhole) {
 }
 
 TEST_F(AStatusFileOfItsOwn, IsKeptWhenThereIsNoDescriptorToWriteItWith) {
+    // The sanitizers need descriptors for what they have not seen before.
+    Send(OrvEvent::ETHERNET_DISCONNECTED);
     rlimit before{};
     getrlimit(RLIMIT_NOFILE, &before);
     const rlimit none{0, before.rlim_max};
