@@ -18,6 +18,8 @@ struct AppOptions {
     std::chrono::milliseconds tick{0};
     /// How often the cloud's state is reported again without a change; zero: never.
     std::chrono::seconds refresh{30};
+    /// See InstanceLock; empty: none.
+    std::string lock = "/run/gateway-app/lock";
     /// See Transcript; empty: none.
     std::string transcript;
 };

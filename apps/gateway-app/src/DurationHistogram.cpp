@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "DurationHistogram.h"
 
+#include <sys/resource.h>
+
 namespace GatewayApp {
 
 namespace {
@@ -12,6 +14,15 @@ std::string Microseconds(std::chrono::nanoseconds time) {
 }
 
 } // namespace
+
+Effort EffortSoFar() {
+    rusage usage{};
+    getrusage(RUSAGE_THREAD, &usage);
+    const auto duration = [](const timeval& time) {
+        return std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec);
+    };
+    return {duration(usage.ru_utime) + duration(usage.ru_stime), usage.ru_nvcsw, usage.ru_nivcsw, usage.ru_majflt};
+}
 
 void DurationHistogram::Add(std::chrono::nanoseconds duration, const Effort& effort) {
     std::size_t index = 0;

@@ -17,9 +17,23 @@ struct Effort {
     std::int64_t diskReads = 0;            ///< pages of the program that had to be read first
 };
 
+/// The calling thread's, since its beginning.
+Effort EffortSoFar();
+
 /// How long the calls of one kind took, in classes that double: below 16 us, below 32 us, and so on.
 class DurationHistogram {
 public:
+    /// Does `work` and notes how long it took.
+    template <typename Work>
+    void Measure(Work work) {
+        const Effort before = EffortSoFar();
+        const auto begin = std::chrono::steady_clock::now();
+        work();
+        const auto end = std::chrono::steady_clock::now();
+        const Effort after = EffortSoFar();
+        Add(end - begin, {after.processor - before.processor, after.waits - before.waits,
+                          after.preemptions - before.preemptions, after.diskReads - before.diskReads});
+    }
     void Add(std::chrono::nanoseconds duration, const Effort& effort);
 
     std::uint64_t Count() const { return count; }

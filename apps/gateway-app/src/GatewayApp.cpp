@@ -6,8 +6,8 @@
 #include <CommonUtils/Networking/ConnmanCommands.h>
 #include <ConnInterfaceString.h>
 #include <GatewayMainBaseUnits/IpInterfacesMapping.h>
+#include <OrvResources/StaticConfigStore.h>
 #include <sys/epoll.h>
-#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -26,6 +26,8 @@ using CommonUtils::Networking::ConnmanCommands;
 namespace {
 
 constexpr int kLogInfo = 2;
+constexpr int kEndpoint = 0;
+constexpr const char* kStatusFile = "/var/tmp/new_enterprise_statuses.csv";
 
 std::string InterfaceName(const char* path) {
     return GatewayMainBaseUnits::IpInterfacesMapping::GetInstance().GetInterfaceName(path);
@@ -46,28 +48,6 @@ int OpenSignals() {
     return descriptor;
 }
 
-std::chrono::nanoseconds ToDuration(const timeval& time) {
-    return std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec);
-}
-
-Effort EffortSoFar() {
-    rusage usage{};
-    getrusage(RUSAGE_THREAD, &usage);
-    return {ToDuration(usage.ru_utime) + ToDuration(usage.ru_stime), usage.ru_nvcsw, usage.ru_nivcsw, usage.ru_majflt};
-}
-
-/// Does `work` and notes how long it took.
-template <typename Work>
-void Measure(DurationHistogram& durations, Work work) {
-    const Effort before = EffortSoFar();
-    const auto begin = std::chrono::steady_clock::now();
-    work();
-    const auto end = std::chrono::steady_clock::now();
-    const Effort after = EffortSoFar();
-    durations.Add(end - begin, {after.processor - before.processor, after.waits - before.waits,
-                                after.preemptions - before.preemptions, after.diskReads - before.diskReads});
-}
-
 std::chrono::steady_clock::time_point Now() {
     return std::chrono::steady_clock::now();
 }
@@ -81,6 +61,7 @@ const char* Bool(bool value) {
 Application::Application(AppOptions appOptions, std::vector<std::string> commandLine)
     : arguments(std::move(commandLine)),
       options(std::move(appOptions)),
+      lock(options.lock),
       logger("GatewayApp", kLogInfo),
       transcript(options.transcript),
       randomness(std::random_device()()),
@@ -101,6 +82,7 @@ Application::Application(AppOptions appOptions, std::vector<std::string> command
             [this] { return std::generate_canonical<double, 32>(randomness); }),
       ethernetGuard(loop, InterfaceName("Ethernet"), options.cloud, [this](OrvEvent event) { Report(event); }),
       rhythm(options.tick) {
+    WatchStatusFile();
     callbacks = std::make_shared<Callbacks>(
         mailbox, Callbacks::Receiver{[this](AppAction action) { OnAction(action); },
                                      [this](const std::string& line) { logger.Info() << line; }});
@@ -108,7 +90,33 @@ Application::Application(AppOptions appOptions, std::vector<std::string> command
 
 Application::~Application() = default;
 
+void Application::WatchStatusFile() {
+    try {
+        statusFile = std::make_unique<StatusFileWatch>(loop, kStatusFile, [this] { PutStatusFileRight(); });
+    } catch (const std::system_error& error) {
+        logger.Warning() << "what other programs write into " << kStatusFile << " stays: " << error.what();
+    }
+}
+
+void Application::PutStatusFileRight() {
+    if (!statusFileForeign)
+        logger.Info() << kStatusFile << " was written or removed by another program, another client of the library it "
+                      << "may be; it is put right, now and from now on";
+    statusFileForeign = true;
+    if (statusFile->Quarrels() && !statusFileQuarrel) {
+        statusFileQuarrel = true;
+        logger.Warning() << kStatusFile << " is written by another program again and again; it is put right every five "
+                         << "seconds only. Who does it: fuser " << kStatusFile << ", or auditctl -w " << kStatusFile;
+    }
+    SendEvent(CloudState()); // every event has the library write the file
+}
+
 void Application::Run() {
+    if (!lock.Missing().empty())
+        logger.Warning() << lock.Missing() << ": a second gateway-app on this gateway would not be noticed";
+    if (OrvResources::CreateStaticConfigStore()->GetValue(kEndpoint).empty())
+        logger.Warning() << "the WAN route will never move: gateway.ini names no endpoint to prove a path with. Set "
+                            "endpoint = HOST in [cloud], and start the application anew";
     loop.Watch(signals.Number(), EPOLLIN, [this](std::uint32_t) { OnSignal(); });
     loop.Watch(mailbox->ReadyDescriptor(), EPOLLIN, [this](std::uint32_t) { mailbox->DoAll(); });
     if (manager.WatchdogPeriod() > 0ms)
@@ -159,6 +167,8 @@ void Application::Started() {
     if (failed)
         Report(OrvEvent::FAILURE);
     client->AppStatusRequest(AppStatus::READY);
+    if (statusFile)
+        statusFile->SetActive(true);
     SetTimers();
     logger.Info() << options.name << " is ready";
     ShowStatus();
@@ -166,7 +176,7 @@ void Application::Started() {
 }
 
 void Application::Tick() {
-    Measure(tickDurations, [this] { client->Tick(options.tick); });
+    tickDurations.Measure([this] { client->Tick(options.tick); });
     rhythm.Ticked(Now());
     nextTick = {};
     FollowCloudPath();
@@ -201,6 +211,7 @@ void Application::FollowCloudPath() {
 
 void Application::Stop() {
     cloud.Close();
+    statusFile.reset();
     tickTimer.Stop();
     refreshTimer.Stop();
     startTimer.Stop();
@@ -344,8 +355,10 @@ void Application::KeepBack(OrvEvent event) {
 }
 
 void Application::SendEvent(OrvEvent event) {
-    Measure(eventDurations, [&] { client->EventUpdateRequest(event); });
+    eventDurations.Measure([&] { client->EventUpdateRequest(event); });
     rhythm.Reported(event, Now());
+    if (statusFile)
+        statusFile->Reported(event);
     SetTickTimer();
 }
 

@@ -6,9 +6,11 @@
 #include "DurationHistogram.h"
 #include "EthernetGuard.h"
 #include "EventLoop.h"
+#include "InstanceLock.h"
 #include "Mailbox.h"
 #include "NetworkWatcher.h"
 #include "ServiceManager.h"
+#include "StatusFile.h"
 #include "TickRhythm.h"
 #include "Transcript.h"
 
@@ -30,6 +32,7 @@ class Application {
 public:
     /// @param commandLine without the program's name; read again on a reload
     /// @throws std::system_error
+    /// @throws AnotherInstance
     Application(AppOptions appOptions, std::vector<std::string> commandLine);
     ~Application();
 
@@ -66,11 +69,14 @@ private:
     void FollowCloudPath();
     void OnRouteMoved();
     void ShowStatus();
+    void WatchStatusFile();
+    void PutStatusFileRight();
     void Note(const std::string& what, const Transcript::Fields& fields);
 
     // Fixed at construction
     const std::vector<std::string> arguments;
     AppOptions options;
+    const InstanceLock lock;
     CommonUtils::Logger logger;
 
     // The parts, in the order in which they need each other
@@ -89,12 +95,15 @@ private:
     CloudConnection cloud;
     EthernetGuard ethernetGuard;
     TickRhythm rhythm;
+    std::unique_ptr<StatusFileWatch> statusFile; // none when its folder cannot be watched
 
     // The client library, and whether it has come so far that events can be reported
     std::shared_ptr<Callbacks> callbacks;
     std::shared_ptr<OrvStackSdk::IOrvStackClient> client;
     bool started = false;
-    bool failed = false; // FAILURE was reported
+    bool failed = false;            // FAILURE was reported
+    bool statusFileForeign = false; // said already
+    bool statusFileQuarrel = false;
 
     std::string cloudInterface;   // the WAN interface that the cloud connection runs over; empty: none, or another one
     std::string cloudSince;       // when the cloud connection last began or ended, for people

@@ -6,6 +6,7 @@
 
 #include <CommonUtils/Logger.h>
 #include <curl/curl.h>
+#include <sysexits.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -13,6 +14,9 @@
 #include <exception>
 
 namespace {
+
+// The unit file knows it: starting anew would not help.
+constexpr int kAnotherInstance = EX_TEMPFAIL;
 
 void BlockSignals() {
     sigset_t set;
@@ -42,6 +46,9 @@ int main(int argc, char** argv) {
     } catch (const GatewayApp::OptionsError& error) {
         std::fputs(error.text.c_str(), error.exitStatus == 0 ? stdout : stderr);
         status = error.exitStatus;
+    } catch (const GatewayApp::AnotherInstance& error) {
+        CommonUtils::Logger("GatewayApp", 2).Error() << "ends: " << error.what();
+        status = kAnotherInstance;
     } catch (const std::exception& error) {
         CommonUtils::Logger("GatewayApp", 2).Error() << "ends: " << error.what();
     }

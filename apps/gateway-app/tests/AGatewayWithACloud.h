@@ -77,12 +77,12 @@ protected:
         ASSERT_TRUE(Ip("link set eth0-far netns " + pid + " name cloud0"));
     }
 
-    void StartApp() {
-        const std::vector<std::string> words = {
-            ORV_GATEWAY_APP, "--cloud-host", "10.11.0.1", "--cloud-port", port,          "--cloud-ca", trusted,
-            "--transcript",  transcript,     "--tick-ms", "50",           "--refresh-s", "1"};
-        app = std::make_unique<ChildProgram>(words, folder.Path("app.log"));
+    std::vector<std::string> AppWords() const {
+        return {ORV_GATEWAY_APP,    "--cloud-host", "10.11.0.1", "--cloud-port", port,          "--cloud-ca", trusted,
+                "--transcript",     transcript,     "--tick-ms", "50",           "--refresh-s", "1",          "--lock",
+                folder.Path("lock")};
     }
+    void StartApp() { app = std::make_unique<ChildProgram>(AppWords(), folder.Path("app.log")); }
     void StartConnectedApp() {
         StartApp();
         ASSERT_TRUE(Eventually([&] { return Has("\"event\":\"CLOUD_CONNECTED\"") && Has("\"what\":\"ready\""); }));

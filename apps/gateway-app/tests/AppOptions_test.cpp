@@ -29,6 +29,7 @@ TEST(OptionsWithoutArguments, AreTheDefaults) {
     EXPECT_EQ(options.cloud.clientId, "gateway-app");
     EXPECT_EQ(options.tick, 0ms);
     EXPECT_EQ(options.refresh, 30s);
+    EXPECT_EQ(options.lock, "/run/gateway-app/lock");
 }
 
 void ExpectDefaults(const AppOptions& options) {
@@ -37,6 +38,7 @@ void ExpectDefaults(const AppOptions& options) {
     EXPECT_EQ(options.cloud, defaults.cloud);
     EXPECT_EQ(options.tick, defaults.tick);
     EXPECT_EQ(options.refresh, defaults.refresh);
+    EXPECT_EQ(options.lock, defaults.lock);
 }
 
 TEST(TheShippedFile, HasTheDefaults) {
@@ -58,7 +60,7 @@ TEST(TheShippedFile, ShowsEachDefaultAsALineToTakeTheMarkAwayFrom) {
             out << line.substr(2) << '\n';
     }
     out.close();
-    EXPECT_EQ(options, 7);
+    EXPECT_EQ(options, 8);
     const AppOptions shown = ReadOptions({"--config", uncommented});
     ExpectDefaults(shown);
     std::remove(uncommented.c_str());
@@ -67,13 +69,14 @@ TEST(TheShippedFile, ShowsEachDefaultAsALineToTakeTheMarkAwayFrom) {
 TEST(OptionsOnTheCommandLine, AreTaken) {
     const AppOptions options =
         ReadOptions({"--name", "heating", "--cloud-host", "cloud.example", "--cloud-port", "443", "--cloud-ca",
-                     "/ca.pem", "--tick-ms", "100", "--refresh-s", "0", "--transcript", "/t.json"});
+                     "/ca.pem", "--tick-ms", "100", "--refresh-s", "0", "--transcript", "/t.json", "--lock", ""});
     EXPECT_EQ(options.name, "heating");
     const CloudSettings cloud{"cloud.example", 443, "/ca.pem", "heating"};
     EXPECT_EQ(options.cloud, cloud);
     EXPECT_EQ(options.tick, 100ms);
     EXPECT_EQ(options.refresh, 0s);
     EXPECT_EQ(options.transcript, "/t.json");
+    EXPECT_EQ(options.lock, "");
 }
 
 TEST(WrongOptions, AreRefusedByName) {

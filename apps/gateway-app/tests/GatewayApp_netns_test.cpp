@@ -118,6 +118,35 @@ TEST_F(AGatewayWithACloud, ReportsAFailureOnRequest) {
     EXPECT_TRUE(EventuallyHas("\"event\":\"FAILURE\""));
 }
 
+TEST_F(AGatewayWithACloud, PutsTheStatusFileRightWithinASecond) {
+    StartConnectedApp();
+    const std::string file = "/var/tmp/new_enterprise_statuses.csv";
+    const auto right = [&file] { return Content(file).find("\"Cloud Connection\",\"Up\"") != std::string::npos; };
+    ASSERT_TRUE(Eventually(right));
+    // What another client of the library writes when it is made.
+    std::ofstream(file) << "\"Enterprise Feature\",\"Disabled\"\n\"Cloud Connection\",\"Down\"\n\"Ethernet\",\"Down\"\n"
+                           "\"Cellular\",\"Down\"";
+    EXPECT_TRUE(Eventually(right, std::chrono::seconds(1)));
+    ASSERT_TRUE(std::filesystem::remove(file));
+    EXPECT_TRUE(Eventually(right, std::chrono::seconds(1)));
+}
+
+TEST_F(AGatewayWithACloud, IsToldWhenItIsTheSecond) {
+    StartConnectedApp();
+    ChildProgram second(AppWords(), folder.Path("second.log"));
+    EXPECT_EQ(second.End(0), 75);
+    EXPECT_NE(Content(folder.Path("second.log")).find("another gateway-app runs on this gateway already, process"),
+              std::string::npos);
+}
+
+TEST_F(AGatewayWithACloud, SaysThatWithoutAnEndpointNoRouteMoves) {
+    StartApp();
+    EXPECT_TRUE(Eventually([this] {
+        return Content(folder.Path("app.log")).find("the WAN route will never move: gateway.ini names no endpoint") !=
+               std::string::npos;
+    }));
+}
+
 TEST_F(AGatewayWithACloud, EndsInOrder) {
     StartConnectedApp();
     const int losses = Count("\"event\":\"CLOUD_DISCONNECTED\",\"reported\":true");

@@ -1,0 +1,144 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "StatusFile.h"
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+#include <utility>
+
+namespace GatewayApp {
+
+using namespace std::chrono_literals;
+using OrvStackSdk::OrvEvent;
+
+namespace {
+
+constexpr int kFullLimit = 60;
+constexpr auto kRefill = 5s;
+constexpr auto kShortly = 100ms; // the other program may not have finished
+
+std::string Line(const char* name, const char* value) {
+    return std::string("\"") + name + "\",\"" + value + '"';
+}
+
+const char* UpOrDown(bool up) {
+    return up ? "Up" : "Down";
+}
+
+std::pair<std::string, std::string> FolderAndName(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    return {path.substr(0, slash), path.substr(slash + 1)};
+}
+
+} // namespace
+
+void StatusFileContent::Reported(OrvEvent event) {
+    const auto follow = [event](bool& flag, OrvEvent on, OrvEvent off) {
+        if (event == on || event == off)
+            flag = event == on;
+    };
+    follow(enabled, OrvEvent::PANEL_CLOUD_ENABLED, OrvEvent::PANEL_CLOUD_DISABLED);
+    follow(cloud, OrvEvent::CLOUD_CONNECTED, OrvEvent::CLOUD_DISCONNECTED);
+    follow(ethernet, OrvEvent::ETHERNET_CONNECTED, OrvEvent::ETHERNET_DISCONNECTED);
+    follow(cellular, OrvEvent::CELLULAR_CONNECTED, OrvEvent::CELLULAR_DISCONNECTED);
+}
+
+std::string StatusFileContent::Text() const {
+    return Line("Enterprise Feature", enabled ? "Enabled" : "Disabled") + '\n' +
+           Line("Cloud Connection", UpOrDown(cloud)) + '\n' + Line("Ethernet", UpOrDown(ethernet)) + '\n' +
+           Line("Cellular", UpOrDown(cellular));
+}
+
+std::chrono::milliseconds RepairLimit::Wait(Time now) {
+    Refill(now);
+    if (left > 0)
+        return kShortly;
+    return std::max<std::chrono::milliseconds>(kShortly,
+                                               std::chrono::ceil<std::chrono::milliseconds>(refilled + kRefill - now));
+}
+
+void RepairLimit::Refill(Time now) {
+    const auto times = (now - refilled) / kRefill;
+    if (times <= 0)
+        return;
+    left = static_cast<int>(std::min<decltype(times)>(left + times, kFullLimit));
+    refilled = left == kFullLimit ? now : refilled + times * kRefill;
+}
+
+StatusFileWatch::StatusFileWatch(EventLoop& eventLoop, std::string path, std::function<void()> putRight)
+    : loop(eventLoop),
+      file(std::move(path)),
+      repair(std::move(putRight)),
+      notifications(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)),
+      timer(eventLoop, [this] { Look(); }) {
+    const std::string folder = FolderAndName(file).first;
+    // The folder and not the file, which may be removed, or replaced by another one.
+    if (inotify_add_watch(notifications.Number(), folder.c_str(),
+                          IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE) < 0)
+        throw std::system_error(errno, std::generic_category(), "watch " + folder);
+    loop.Watch(notifications.Number(), EPOLLIN, [this](std::uint32_t) { OnChange(); });
+}
+
+StatusFileWatch::~StatusFileWatch() {
+    loop.Forget(notifications.Number());
+}
+
+void StatusFileWatch::SetActive(bool isActive) {
+    active = isActive;
+    if (active)
+        LookLater();
+}
+
+void StatusFileWatch::OnChange() {
+    const std::string name = FolderAndName(file).second;
+    alignas(inotify_event) std::array<char, 4096> buffer{};
+    bool ours = false;
+    ssize_t size = 0;
+    while ((size = read(notifications.Number(), buffer.data(), buffer.size())) > 0) {
+        for (ssize_t at = 0; at < size;) {
+            inotify_event event{};
+            std::memcpy(&event, buffer.data() + at, sizeof(event));
+            const char* const changed = buffer.data() + at + sizeof(event);
+            ours = ours || (event.mask & IN_Q_OVERFLOW) != 0 || (event.len > 0 && name == changed);
+            at += static_cast<ssize_t>(sizeof(event) + event.len);
+        }
+    }
+    if (ours)
+        LookLater();
+}
+
+void StatusFileWatch::LookLater() {
+    if (!active || waiting || IsRight())
+        return;
+    waiting = true;
+    timer.Once(limit.Wait(std::chrono::steady_clock::now()));
+}
+
+void StatusFileWatch::Look() {
+    waiting = false;
+    if (!active || IsRight())
+        return;
+    limit.Used();
+    repair();
+}
+
+bool StatusFileWatch::IsRight() const {
+    const Descriptor descriptor(open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat state {};
+    if (descriptor.Number() < 0 || fstat(descriptor.Number(), &state) != 0 || !S_ISREG(state.st_mode))
+        return false;
+    const std::string wanted = content.Text();
+    std::string found(wanted.size() + 1, '\0');
+    const ssize_t size = read(descriptor.Number(), found.data(), found.size());
+    return size == static_cast<ssize_t>(wanted.size()) && found.compare(0, wanted.size(), wanted) == 0;
+}
+
+} // namespace GatewayApp

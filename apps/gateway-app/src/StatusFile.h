@@ -1,0 +1,81 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "EventLoop.h"
+
+#include <OrvStackSdk/OrvEnums.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+
+namespace GatewayApp {
+
+/// What the client library's status file must hold, by the events that were reported to the library.
+class StatusFileContent {
+public:
+    void Reported(OrvStackSdk::OrvEvent event);
+    std::string Text() const;
+
+private:
+    bool enabled = false;
+    bool cloud = false;
+    bool ethernet = false;
+    bool cellular = false;
+};
+
+/// How soon the file may be put right again, so that two programs that both do it end up in a slow quarrel and not in a
+/// fast one: at once for sixty times, then every five seconds; unused times come back at the same pace.
+class RepairLimit {
+public:
+    using Time = std::chrono::steady_clock::time_point;
+
+    /// How long to wait from now.
+    std::chrono::milliseconds Wait(Time now);
+    /// It was put right.
+    void Used() { --left; }
+    /// The sixty are used up.
+    bool Reached() const { return left <= 0; }
+
+private:
+    void Refill(Time now);
+
+    int left = 60;
+    Time refilled;
+};
+
+/// Notices within a second that another program has written or removed the status file: every client of the library
+/// that is made on the gateway writes "all is down" into it. One thread.
+class StatusFileWatch {
+public:
+    /// @param path the file; its folder must exist
+    /// @param putRight has the library write the file anew
+    /// @throws std::system_error when the folder cannot be watched
+    StatusFileWatch(EventLoop& eventLoop, std::string path, std::function<void()> putRight);
+    ~StatusFileWatch();
+
+    /// To be told of every event that is reported to the library.
+    void Reported(OrvStackSdk::OrvEvent event) { content.Reported(event); }
+    /// Whether there is a client that the file speaks for; before, nothing is put right.
+    void SetActive(bool isActive);
+    /// The library is slowed down because another program writes the file again and again.
+    bool Quarrels() const { return limit.Reached(); }
+
+private:
+    void OnChange();
+    void LookLater();
+    void Look();
+    bool IsRight() const;
+
+    EventLoop& loop;
+    const std::string file;
+    const std::function<void()> repair;
+    StatusFileContent content;
+    RepairLimit limit;
+    Descriptor notifications;
+    Timer timer;
+    bool active = false;
+    bool waiting = false;
+};
+
+} // namespace GatewayApp

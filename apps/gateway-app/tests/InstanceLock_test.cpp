@@ -1,0 +1,90 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "InstanceLock.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+namespace GatewayApp {
+namespace {
+
+class TheLock : public testing::Test {
+protected:
+    ~TheLock() override { std::filesystem::remove_all(folder); }
+    static std::string MakeFolder() {
+        std::string made = testing::TempDir() + "orv-lock-XXXXXX";
+        return mkdtemp(made.data());
+    }
+    std::string ErrorOfASecond() const {
+        try {
+            const InstanceLock second(path);
+            return "no error" + second.Missing();
+        } catch (const AnotherInstance& error) {
+            return error.what();
+        }
+    }
+
+    const std::string folder = MakeFolder();
+    const std::string path = folder + "/run/lock";
+};
+
+TEST_F(TheLock, IsHadByTheFirst) {
+    const InstanceLock first(path);
+    EXPECT_EQ(first.Missing(), "");
+}
+
+TEST_F(TheLock, TellsTheSecondThatItIsTheSecondAndWhoIsTheFirst) {
+    const InstanceLock first(path);
+    const std::string error = ErrorOfASecond();
+    EXPECT_NE(error.find("another gateway-app runs on this gateway already, process " + std::to_string(getpid())),
+              std::string::npos)
+        << error;
+    EXPECT_NE(error.find("systemctl stop gateway-app"), std::string::npos);
+}
+
+TEST_F(TheLock, IsFreeAgainWhenTheFirstHasEnded) {
+    { const InstanceLock first(path); }
+    EXPECT_EQ(ErrorOfASecond(), "no error");
+}
+
+TEST_F(TheLock, IsFreeAgainWhenTheFirstWasKilled) {
+    const pid_t child = fork();
+    if (child == 0) {
+        const InstanceLock first(path);
+        abort();
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(ErrorOfASecond(), "no error");
+}
+
+TEST_F(TheLock, CanBeOpenedByItsOwnerOnly) {
+    const InstanceLock first(path);
+    struct stat state {};
+    ASSERT_EQ(stat(path.c_str(), &state), 0);
+    EXPECT_EQ(state.st_mode & 0777U, 0600U);
+}
+
+TEST_F(TheLock, IsDoneWithoutWhereItsFolderCannotBeMade) {
+    const InstanceLock lock("/proc/no/lock");
+    EXPECT_NE(lock.Missing().find("cannot make the lock /proc/no/lock"), std::string::npos);
+}
+
+TEST_F(TheLock, IsNotTakenThroughALink) {
+    std::filesystem::create_directory(folder + "/run");
+    std::filesystem::create_symlink("/dev/null", path);
+    EXPECT_NE(ErrorOfASecond().find("cannot open the lock"), std::string::npos);
+}
+
+TEST_F(TheLock, IsNotWantedWithoutAName) {
+    const InstanceLock first("");
+    EXPECT_EQ(first.Missing(), "");
+}
+
+} // namespace
+} // namespace GatewayApp

@@ -1,0 +1,169 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "StatusFile.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+namespace GatewayApp {
+namespace {
+
+using namespace std::chrono_literals;
+using OrvStackSdk::OrvEvent;
+
+constexpr const char* kDown = "\"Enterprise Feature\",\"Disabled\"\n\"Cloud Connection\",\"Down\"\n"
+                              "\"Ethernet\",\"Down\"\n\"Cellular\",\"Down\"";
+
+TEST(TheStatusFilesContent, IsAllDownAtFirst) {
+    EXPECT_EQ(StatusFileContent().Text(), kDown);
+}
+
+TEST(TheStatusFilesContent, FollowsTheEvents) {
+    StatusFileContent content;
+    for (const OrvEvent event :
+         {OrvEvent::PANEL_CLOUD_ENABLED, OrvEvent::CLOUD_CONNECTED, OrvEvent::ETHERNET_CONNECTED,
+          OrvEvent::CELLULAR_CONNECTED, OrvEvent::CELLULAR_DISCONNECTED, OrvEvent::ETHERNET_IP_LOST, OrvEvent::FAILURE})
+        content.Reported(event);
+    EXPECT_EQ(content.Text(), "\"Enterprise Feature\",\"Enabled\"\n\"Cloud Connection\",\"Up\"\n"
+                              "\"Ethernet\",\"Up\"\n\"Cellular\",\"Down\"");
+}
+
+class TheLimit : public testing::Test {
+protected:
+    RepairLimit limit;
+    RepairLimit::Time now = RepairLimit::Time() + 1h;
+};
+
+TEST_F(TheLimit, AllowsSixtyTimesAtOnceAndThenOneEveryFiveSeconds) {
+    for (int i = 0; i < 60; ++i) {
+        EXPECT_EQ(limit.Wait(now), 100ms);
+        EXPECT_FALSE(limit.Reached());
+        limit.Used();
+    }
+    EXPECT_TRUE(limit.Reached());
+    EXPECT_EQ(limit.Wait(now), 5s);
+    now += 5s;
+    EXPECT_EQ(limit.Wait(now), 100ms);
+    limit.Used();
+    EXPECT_EQ(limit.Wait(now), 5s);
+}
+
+TEST_F(TheLimit, IsForgivenWithTime) {
+    limit.Wait(now);
+    for (int i = 0; i < 60; ++i)
+        limit.Used();
+    now += 5min;
+    for (int i = 0; i < 60; ++i) {
+        EXPECT_EQ(limit.Wait(now), 100ms);
+        limit.Used();
+    }
+    EXPECT_EQ(limit.Wait(now), 5s);
+}
+
+/// A status file in a folder of its own, and a library that writes it when told.
+class AStatusFile : public testing::Test {
+protected:
+    AStatusFile() : watch(loop, file, [this] { Repair(); }) { Write(kDown); }
+    ~AStatusFile() override {
+        std::remove(file.c_str());
+        rmdir(folder.c_str());
+    }
+    static std::string MakeFolder() {
+        std::string path = testing::TempDir() + "orv-status-XXXXXX";
+        return mkdtemp(path.data());
+    }
+    void Write(const std::string& text) const { std::ofstream(file) << text; }
+    void Repair() {
+        ++repairs;
+        Write(kDown);
+        if (repairs >= leaveAfter)
+            loop.Leave();
+    }
+    std::string Content() const {
+        std::ostringstream text;
+        text << std::ifstream(file).rdbuf();
+        return text.str();
+    }
+    void RunFor(std::chrono::milliseconds time) {
+        Timer limit(loop, [this] { loop.Leave(); });
+        limit.Once(time);
+        loop.Run();
+    }
+
+    const std::string folder = MakeFolder();
+    const std::string file = folder + "/status.csv";
+    EventLoop loop;
+    int repairs = 0;
+    int leaveAfter = 1;
+    StatusFileWatch watch;
+};
+
+TEST_F(AStatusFile, IsPutRightWhenAnotherProgramHasWrittenIt) {
+    watch.SetActive(true);
+    Write("something else");
+    RunFor(10s);
+    EXPECT_EQ(repairs, 1);
+    EXPECT_EQ(Content(), kDown);
+}
+
+TEST_F(AStatusFile, IsPutRightWhenItIsLongerThanItMustBe) {
+    watch.SetActive(true);
+    Write(std::string(kDown) + "\n");
+    RunFor(10s);
+    EXPECT_EQ(repairs, 1);
+}
+
+TEST_F(AStatusFile, IsMadeAnewWhenItWasRemoved) {
+    watch.SetActive(true);
+    std::remove(file.c_str());
+    RunFor(10s);
+    EXPECT_EQ(Content(), kDown);
+}
+
+TEST_F(AStatusFile, IsMadeAnewWhenItWasReplaced) {
+    watch.SetActive(true);
+    std::ofstream(folder + "/other") << "something else";
+    std::rename((folder + "/other").c_str(), file.c_str());
+    RunFor(10s);
+    EXPECT_EQ(Content(), kDown);
+}
+
+TEST_F(AStatusFile, IsPutRightEachTime) {
+    watch.SetActive(true);
+    for (leaveAfter = 1; leaveAfter <= 3; ++leaveAfter) {
+        Write("something else");
+        RunFor(10s);
+        EXPECT_EQ(repairs, leaveAfter);
+    }
+}
+
+TEST_F(AStatusFile, IsLeftAloneWhenItIsRight) {
+    watch.SetActive(true);
+    Write(kDown);
+    RunFor(500ms);
+    EXPECT_EQ(repairs, 0);
+}
+
+TEST_F(AStatusFile, IsLeftAloneBeforeThereIsAClient) {
+    Write("something else");
+    RunFor(500ms);
+    EXPECT_EQ(repairs, 0);
+    watch.SetActive(true);
+    RunFor(10s);
+    EXPECT_EQ(repairs, 1);
+}
+
+TEST_F(AStatusFile, IsCheckedAgainstWhatWasReported) {
+    watch.SetActive(true);
+    watch.Reported(OrvEvent::CLOUD_CONNECTED);
+    Write(kDown);
+    RunFor(10s);
+    EXPECT_EQ(repairs, 1);
+}
+
+} // namespace
+} // namespace GatewayApp
