@@ -77,7 +77,7 @@ if(ORV_BUILD_APPS)
     SUMMARY "programs for the connected-services stack of a gateway"
     DESCRIPTION "orv-shell makes every call of the connected-services client library by hand or\nfrom a scenario file. gateway-app is the reference application.\norv-config-check says what is wrong with a configuration file.\norv-source-routes gives connections that are bound to an interface a route.\nServices are neither enabled nor started."
     DEPENDS "liborvstacksdk${major} ${same}, liborvplatform${major} ${same}"
-    CONTROL ${PROJECT_SOURCE_DIR}/cmake/package/tools/conffiles)
+    CONTROL ${PROJECT_SOURCE_DIR}/cmake/package/tools/conffiles ${PROJECT_SOURCE_DIR}/cmake/package/tools/postinst)
 endif()
 
 include(CPack)
