@@ -2,10 +2,10 @@
 """The loopback demo: a private broker, a fake connection manager, a TLS endpoint and orv-shell on a scenario, and a check
 of the recorded wire.
 
-Run by script/demo as the first process of private mount and process namespaces where the machine permits them: whatever it
-mounts, writes or starts is gone when it ends, however it ends. Elsewhere it mounts nothing: the status files are written
-into the machine's own /var/tmp and removed in the end, and the moves of the route are left out, because without a private
-list of authorities nobody trusts the demo's TLS endpoint.
+Run by script/demo as the first process of private mount, network and process namespaces where the machine permits them:
+whatever it mounts, writes or starts is gone when it ends, however it ends. Elsewhere it mounts nothing: the status files are
+written into the machine's own /var/tmp and removed in the end, and the moves of the route are left out, because without
+private interfaces and a private list of authorities no poke can succeed.
 """
 
 import os
@@ -28,12 +28,11 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "tests", "support", "connman"))
 from connman_stand_in import ConnmanStandIn, StandInError  # noqa: E402
 
-BUNDLE = "/etc/ssl/certs/ca-certificates.crt"
+ANCHORS = "/etc/ssl/certs"
 SCENARIO = os.path.join(HERE, "loopback.orv")
 STATUSES = "/var/tmp/new_enterprise_statuses.csv"
 ERRORS = "/var/tmp/new_enterprise_errors.csv"
-# Loopback stands for both interfaces: one by its name, the other as a source address.
-ETHERNET, CELLULAR = ("lo", "127.0.0.1"), ("127.0.0.2", "127.0.0.2")
+ETHERNET, CELLULAR = "eth-demo", "wwan-demo"
 LIMIT = 50
 
 CONFIGURATION = """[broker]
@@ -73,6 +72,12 @@ def make_private_places(tree):
         subprocess.run(["mount", "--bind", f"/proc/self/fd/{tree_handle}", tree], check=True, pass_fds=[tree_handle])
 
 
+def make_private_interfaces():
+    """A loopback interface of our own, which stands for both interfaces: the poke is bound to it by either name."""
+    subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+    subprocess.run(["ip", "link", "property", "add", "dev", "lo", "altname", ETHERNET, "altname", CELLULAR], check=True)
+
+
 def refuse_to_overwrite():
     for path in (STATUSES, ERRORS):
         if os.path.lexists(path):
@@ -87,12 +92,16 @@ def remove_status_files():
 
 
 def trust_the_authority(folder):
-    bundle = os.path.join(folder, "bundle.crt")
-    with open(bundle, "wb") as out:
-        for part in (BUNDLE, os.path.join(folder, "ca.crt")):
-            with open(part, "rb") as file:
-                out.write(file.read())
-    mount("--bind", bundle, BUNDLE)
+    """As update-ca-certificates does: one more in the system's bundle and among the hashed certificates beside it."""
+    anchors = os.path.join(folder, "anchors")
+    shutil.copytree(ANCHORS, anchors, symlinks=True)
+    authority = os.path.join(folder, "ca.crt")
+    with open(os.path.join(anchors, "ca-certificates.crt"), "ab") as bundle, open(authority, "rb") as file:
+        bundle.write(file.read())
+    name = subprocess.run(["openssl", "x509", "-noout", "-subject_hash", "-in", authority], check=True,
+                          capture_output=True, text=True).stdout.strip()
+    shutil.copy(authority, os.path.join(anchors, f"{name}.0"))
+    mount("--bind", anchors, ANCHORS)
 
 
 def wait_until(condition, seconds, what):
@@ -215,14 +224,14 @@ class Demo:
             trust_the_authority(self.folder)
         endpoint = Endpoint(self.folder, lambda text: self.transcript.line("cloud", text))
         port = self.start_broker()
-        self.connman = ConnmanStandIn(self.file("bus"), f"{ETHERNET[0]}:ready {CELLULAR[0]}:ready")
+        self.connman = ConnmanStandIn(self.file("bus"), f"{ETHERNET}:ready {CELLULAR}:ready")
         self.transcript.line("demo", f"fake connection manager on {self.connman.address}")
         self.record(port)
         neighbours = Neighbours(port)
         self.await_beacon(neighbours, "begin")
         with open(self.file("gateway.ini"), "w", encoding="ascii") as file:
             file.write(CONFIGURATION.format(broker=port, endpoint=endpoint.port, bus=self.connman.address,
-                                            ethernet=ETHERNET[0], cellular=CELLULAR[0]))
+                                            ethernet=ETHERNET, cellular=CELLULAR))
         status = self.run_shell()
         self.await_beacon(neighbours, "end")
         neighbours.stop()
@@ -230,7 +239,7 @@ class Demo:
             ([f"orv-shell ended with exit status {status}"] if status != 0 else [])
             + wire_differences(self.wire, moves=self.private)
             + differences("what the broker keeps", kept(moves=self.private), kept_by_broker(port))
-            + differences("who proved itself to the cloud", [CELLULAR[1], ETHERNET[1]] if self.private else [],
+            + differences("who proved itself to the cloud", ["127.0.0.1"] * 2 if self.private else [],
                           endpoint.handshakes)
             + self.check_files(begin)
         )
@@ -266,6 +275,7 @@ def main(arguments):
     try:
         if private:
             make_private_places(tree)
+            make_private_interfaces()
         else:
             refuse_to_overwrite()
         demo = Demo(shell, mosquitto, transcript, private)
@@ -288,7 +298,7 @@ def main(arguments):
         return 1
     transcript.chapter(transcript.paint(f"All {len(demo.wire)} messages on the wire are what must be there, in order.", "green"))
     if not private:
-        print("Left out, because this machine gives no private list of authorities: the moves of the route.")
+        print("Left out, because this machine gives no private interfaces and list of authorities: the moves of the route.")
     return 0
 
 
