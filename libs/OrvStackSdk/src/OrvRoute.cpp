@@ -221,6 +221,7 @@ OrvRoute::RouteState OrvRoute::EthernetSettleDelay() {
 void OrvRoute::StartPoke(const std::string& interfaceName) {
     pokeRunning = true;
     pokeInterface = interfaceName;
+    untrusted = 0;
     Stamp();
 }
 

@@ -94,6 +94,7 @@ private:
     const std::string ethernetInterface;
     const std::string cellularInterface;
     std::string pokeInterface;
+    unsigned untrusted = 0; // failures of this poke for lack of a trust anchor; after the first the bundle is read
     std::string pokeUrl;
     CommonUtils::Logger logger;
     const Now now;

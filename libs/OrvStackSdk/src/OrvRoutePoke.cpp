@@ -3,14 +3,20 @@
 #include "OrvRoute.h"
 
 #include <cerrno>
+#include <glob.h>
 #include <net/if.h>
+#include <string_view>
 #include <sys/socket.h>
+
+// Weak: a stand-in for libcurl may offer the nine calls of a transfer only.
+#pragma weak curl_version_info
 
 namespace OrvStackSdk {
 
 namespace {
 
 constexpr long POKE_TIMEOUT_SECONDS = 15;
+constexpr unsigned ATTEMPTS_PER_BUNDLE = 32;
 
 // Where the kernel refuses the interface, libcurl would bind to its address instead, and to nothing at all where the
 // name is empty or too long: such a connection may leave by any interface and proves nothing. A missing interface is
@@ -24,9 +30,34 @@ extern "C" int HoldToInterface(void* pokeInterface, curl_socket_t descriptor, cu
     return held ? CURL_SOCKOPT_OK : CURL_SOCKOPT_ERROR;
 }
 
+// Whether OpenSSL finds an authority in libcurl's folder by its hash. The bundle, libcurl's first choice, is parsed
+// whole for each connection, inside one tick.
+bool AuthoritiesAreHashed() {
+#if LIBCURL_VERSION_NUM >= 0x074600
+    if (!curl_version_info)
+        return false;
+    const curl_version_info_data* libcurl = curl_version_info(CURLVERSION_NOW);
+    if (libcurl->age < CURLVERSION_SEVENTH || !libcurl->capath || !libcurl->ssl_version ||
+        std::string_view(libcurl->ssl_version).substr(0, 8) != "OpenSSL/")
+        return false;
+    std::string pattern(libcurl->capath);
+    pattern += "/????????.0";
+    glob_t certificates;
+    const bool found = glob(pattern.c_str(), GLOB_NOSORT, nullptr, &certificates) == 0;
+    if (found)
+        globfree(&certificates);
+    return found;
+#else
+    return false;
+#endif
+}
+
 } // namespace
 
 bool OrvRoute::SetupPoke() {
+    // What may throw comes before the handles.
+    const std::string device = "if!" + pokeInterface;
+    const bool folderAlone = untrusted % ATTEMPTS_PER_BUNDLE != 1 && AuthoritiesAreHashed();
     multiHandle = curl_multi_init();
     if (!multiHandle)
         return false;
@@ -39,7 +70,7 @@ bool OrvRoute::SetupPoke() {
     curl_easy_setopt(easyHandle, CURLOPT_URL, pokeUrl.c_str());
     curl_easy_setopt(easyHandle, CURLOPT_CONNECT_ONLY, 1L);
     curl_easy_setopt(easyHandle, CURLOPT_NOBODY, 1L);
-    curl_easy_setopt(easyHandle, CURLOPT_INTERFACE, ("if!" + pokeInterface).c_str());
+    curl_easy_setopt(easyHandle, CURLOPT_INTERFACE, device.c_str());
     curl_easy_setopt(easyHandle, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easyHandle, CURLOPT_FAILONERROR, 1L);
     curl_easy_setopt(easyHandle, CURLOPT_TIMEOUT, POKE_TIMEOUT_SECONDS);
@@ -51,6 +82,8 @@ bool OrvRoute::SetupPoke() {
 #endif
     curl_easy_setopt(easyHandle, CURLOPT_SOCKOPTFUNCTION, &HoldToInterface);
     curl_easy_setopt(easyHandle, CURLOPT_SOCKOPTDATA, &pokeInterface);
+    if (folderAlone)
+        curl_easy_setopt(easyHandle, CURLOPT_CAINFO, nullptr);
     if (curl_multi_add_handle(multiHandle, easyHandle) == CURLM_OK)
         return true;
     curl_easy_cleanup(easyHandle);
@@ -86,7 +119,10 @@ bool OrvRoute::ReadPokeResult() {
                 success = true;
             } else {
                 failed = true;
-                logger.Error() << "poke error " << static_cast<int>(message->data.result);
+                const CURLcode result = message->data.result;
+                if (result == CURLE_PEER_FAILED_VERIFICATION || result == CURLE_SSL_CACERT_BADFILE)
+                    ++untrusted;
+                logger.Error() << "poke error " << static_cast<int>(result);
             }
         }
     } while (!failed && left != 0);

@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "RouteFixture.h"
 
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
 namespace OrvStackSdk {
 namespace {
 
@@ -185,6 +189,90 @@ TEST_F(ThePoke, IsNotReleasedByTheEndOfTheRoute) {
     route.reset();
     EXPECT_EQ(OrvPlatformFake::Journal::Take(), (Entries{"stop-delivery OrvRoute", "disconnect OrvRoute"}));
     EXPECT_EQ(FakeCurl::LiveHandles(), 2);
+}
+
+/// A poke over Cellular where libcurl runs on OpenSSL, with a folder of trust anchors.
+class ThePokeOnOpenSsl : public RouteFixture {
+protected:
+    ThePokeOnOpenSsl() {
+        Add("ca-certificates.crt");
+        FakeCurl::SetTrust("OpenSSL/3.0.9", folder);
+        StartCellularPoke();
+    }
+    ~ThePokeOnOpenSsl() override { std::filesystem::remove_all(folder); }
+
+    void Add(const std::string& name) { std::ofstream(folder + "/" + name).put('\n'); }
+
+    /// The set-up of the next attempt, which fails with `result`.
+    Entries SetUpThatEndsWith(CURLcode result) {
+        FakeCurl::FailWith(result);
+        return Only(AfterTick(), {"curl setopt", "curl MISUSE"});
+    }
+
+    static Entries Options(FakeCurl::Anchors anchors) {
+        return Only(FakeCurl::SetUpLines("https://cloud.example", "wwan0", anchors), {"curl setopt"});
+    }
+
+    const Entries fromFolder = Options(FakeCurl::Anchors::FOLDER);
+    const Entries fromBundle = Options(FakeCurl::Anchors::BUNDLE);
+    std::string folder = MakeFolder();
+
+private:
+    static std::string MakeFolder() {
+        std::string name = testing::TempDir() + "/anchors-XXXXXX";
+        return mkdtemp(name.data());
+    }
+};
+
+TEST_F(ThePokeOnOpenSsl, TakesItsTrustAnchorsFromAFolderOfHashedCertificatesAlone) {
+    Add("0a1b2c3d.0");
+    EXPECT_EQ(fromFolder.back(), "curl setopt CAINFO null");
+    EXPECT_EQ(SetUpThatEndsWith(CURLE_COULDNT_CONNECT), fromFolder);
+    EXPECT_EQ(SetUpThatEndsWith(CURLE_COULDNT_CONNECT), fromFolder);
+}
+
+TEST_F(ThePokeOnOpenSsl, TakesTheBundleWhereNothingIsHashed) {
+    Add("Some_Authority.pem");
+    Add("0a1b2c3d.r0");
+    EXPECT_EQ(SetUpThatEndsWith(CURLE_COULDNT_CONNECT), fromBundle);
+    FakeCurl::SetTrust("OpenSSL/3.0.9", folder + "/missing");
+    EXPECT_EQ(SetUpThatEndsWith(CURLE_COULDNT_CONNECT), fromBundle);
+    FakeCurl::SetTrust("OpenSSL/3.0.9", "");
+    EXPECT_EQ(SetUpThatEndsWith(CURLE_COULDNT_CONNECT), fromBundle);
+}
+
+TEST_F(ThePokeOnOpenSsl, TakesTheBundleWithAnyOtherTlsLibrary) {
+    Add("0a1b2c3d.0");
+    for (const auto* library : {"", "GnuTLS/3.7.9", "mbedTLS/2.28.3", "(OpenSSL/3.0.9) GnuTLS/3.7.9"}) {
+        FakeCurl::SetTrust(library, folder);
+        EXPECT_EQ(SetUpThatEndsWith(CURLE_COULDNT_CONNECT), fromBundle) << library;
+    }
+}
+
+TEST_F(ThePokeOnOpenSsl, TriesTheBundleOnceTheFolderHasNotSufficed) {
+    Add("0a1b2c3d.0");
+    EXPECT_EQ(SetUpThatEndsWith(CURLE_PEER_FAILED_VERIFICATION), fromFolder);
+    EXPECT_EQ(SetUpThatEndsWith(CURLE_COULDNT_CONNECT), fromBundle);
+    EXPECT_EQ(SetUpThatEndsWith(CURLE_OPERATION_TIMEDOUT), fromBundle);
+}
+
+TEST_F(ThePokeOnOpenSsl, GoesBackToTheFolderWhenTheBundleDoesNotSufficeEither) {
+    Add("0a1b2c3d.0");
+    for (const auto ofTheBundle : {CURLE_PEER_FAILED_VERIFICATION, CURLE_SSL_CACERT_BADFILE}) {
+        EXPECT_EQ(SetUpThatEndsWith(CURLE_PEER_FAILED_VERIFICATION), fromFolder);
+        EXPECT_EQ(SetUpThatEndsWith(ofTheBundle), fromBundle);
+        for (int attempt = 0; attempt < 30; ++attempt)
+            EXPECT_EQ(SetUpThatEndsWith(CURLE_PEER_FAILED_VERIFICATION), fromFolder) << attempt;
+    }
+}
+
+TEST_F(ThePokeOnOpenSsl, BeginsWithTheFolderAnew) {
+    Add("0a1b2c3d.0");
+    EXPECT_EQ(SetUpThatEndsWith(CURLE_PEER_FAILED_VERIFICATION), fromFolder);
+    Update(true, false, true);
+    EXPECT_EQ(SetUpThatEndsWith(CURLE_COULDNT_CONNECT), fromBundle);
+    StartCellularPoke();
+    EXPECT_EQ(SetUpThatEndsWith(CURLE_COULDNT_CONNECT), fromFolder);
 }
 
 class ThePokeOverEthernet : public RouteFixture {

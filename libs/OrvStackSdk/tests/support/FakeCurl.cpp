@@ -30,6 +30,8 @@ struct Script {
     std::vector<FakeCurl::Answer> answers;
     std::size_t nextAnswer = 0;
     CURLMsg message{};
+    std::string tlsLibrary = "GnuTLS/3.7.9";
+    std::string anchorFolder;
 };
 
 Script script;
@@ -52,6 +54,7 @@ const std::map<int, std::string> OPTION_NAMES = {
 #endif
     {CURLOPT_SOCKOPTFUNCTION, "SOCKOPTFUNCTION"},
     {CURLOPT_SOCKOPTDATA, "SOCKOPTDATA"},
+    {CURLOPT_CAINFO, "CAINFO"},
 };
 
 void Note(const std::string& call) {
@@ -94,6 +97,14 @@ void SetOption(CURL* easy, const std::string& option, const std::string& value) 
 } // namespace
 
 extern "C" {
+
+curl_version_info_data* curl_version_info(CURLversion) {
+    static curl_version_info_data info{};
+    info.age = CURLVERSION_NOW;
+    info.ssl_version = script.tlsLibrary.empty() ? nullptr : script.tlsLibrary.c_str();
+    info.capath = script.anchorFolder.empty() ? nullptr : script.anchorFolder.c_str();
+    return &info;
+}
 
 CURLM* curl_multi_init() {
     Note("multi_init");
@@ -220,6 +231,11 @@ void FakeCurl::SetAddHandleResult(CURLMcode result) {
     script.addHandleResult = result;
 }
 
+void FakeCurl::SetTrust(const std::string& tlsLibrary, const std::string& folder) {
+    script.tlsLibrary = tlsLibrary;
+    script.anchorFolder = folder;
+}
+
 int FakeCurl::LiveHandles() {
     int count = 0;
     for (const auto& handle : handles)
@@ -227,8 +243,8 @@ int FakeCurl::LiveHandles() {
     return count;
 }
 
-Entries FakeCurl::SetUpLines(const std::string& url, const std::string& interfaceName) {
-    return {
+Entries FakeCurl::SetUpLines(const std::string& url, const std::string& interfaceName, Anchors anchors) {
+    Entries lines {
         "curl multi_init", "curl easy_init", "curl setopt URL " + url, "curl setopt CONNECT_ONLY 1",
             "curl setopt NOBODY 1", "curl setopt INTERFACE if!" + interfaceName, "curl setopt NOSIGNAL 1",
             "curl setopt FAILONERROR 1", "curl setopt TIMEOUT 15", "curl setopt FORBID_REUSE 1",
@@ -236,8 +252,12 @@ Entries FakeCurl::SetUpLines(const std::string& url, const std::string& interfac
 #if LIBCURL_VERSION_NUM >= 0x075700
             "curl setopt QUICK_EXIT 1",
 #endif
-            "curl setopt SOCKOPTFUNCTION set", "curl setopt SOCKOPTDATA set", "curl add_handle"
+            "curl setopt SOCKOPTFUNCTION set", "curl setopt SOCKOPTDATA set"
     };
+    if (anchors == Anchors::FOLDER)
+        lines.emplace_back("curl setopt CAINFO null");
+    lines.emplace_back("curl add_handle");
+    return lines;
 }
 
 Entries FakeCurl::CleanLines() {
