@@ -70,7 +70,7 @@ void CheckCount(const Command& command, std::size_t count) {
                                                                [](const Parameter& p) { return !p.optional; }));
     if (count < needed)
         throw CommandError(std::string(command.parameters[count].name) + " is missing; usage: " + Usage(command));
-    if (count > command.parameters.size() && command.id != CommandId::EXPECT)
+    if (count > command.parameters.size() && command.id != CommandId::EXPECT && command.id != CommandId::NOTE)
         throw CommandError("too many arguments (text with blanks needs quotes); usage: " + Usage(command));
 }
 
@@ -94,13 +94,17 @@ const std::vector<Command>& Commands() {
         {CommandId::HANDLER, "handler", {{"on|off", Kind::SWITCH}}, "sets or takes away the receiver of the callbacks"},
         {CommandId::HELP, "help", {{"COMMAND", Kind::COMMAND, true}}, "explains the commands, or one of them"},
         {CommandId::INIT, "init", {{"APP", Kind::TEXT}}, "connects in the name of an application; fails on NACK"},
-        {CommandId::NOTE, "note", {{"TEXT", Kind::TEXT}}, "prints a remark"},
+        {CommandId::NOTE, "note", {{"TEXT ...", Kind::TEXT}}, "prints a remark"},
         {CommandId::PANEL,
          "panel",
          {{"TEXT", Kind::TEXT}, {"NUMBER", Kind::NUMBER}},
          "sends a command to the panel",
          PANEL_NUMBERS},
-        {CommandId::QUIT, "quit", {}, "stops, says good-bye and ends (so do the end of input and Ctrl-C)"},
+        {CommandId::QUIT,
+         "quit",
+         {},
+         "stops, says good-bye and ends (so do the end of input and Ctrl-C; where something\n                          "
+         "  is typed, Ctrl-C drops the line)"},
         {CommandId::RECONNECT, "reconnect?", {}, "asks whether to connect to the cloud anew; true once a switch"},
         {CommandId::RELEASE, "release", {}, "lets the client go without a good-bye: its last will speaks"},
         {CommandId::SHUTDOWN, "shutdown", {}, "asks every application to prepare for shutdown"},
@@ -129,6 +133,8 @@ std::optional<Statement> Parse(const std::string& line) {
     CheckCount(command, words.size());
     if (command.id == CommandId::EXPECT)
         return Statement{command.id, {}, ParseExpectation(words)};
+    if (command.id == CommandId::NOTE)
+        words = {Join(words, " ")};
     for (std::size_t i = 0; i < words.size(); ++i)
         words[i] = Canonical(command.parameters[i].kind, words[i]);
     return Statement{command.id, words, std::nullopt};

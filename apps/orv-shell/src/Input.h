@@ -29,6 +29,14 @@ public:
     virtual bool StopsAtFailure() const = 0;
     /// Prints a line of text, without tearing a line that is being edited.
     virtual void Show(const std::string& text) = 0;
+
+    /// What to poll for log lines that would tear the line being edited, or -1 when they go their own way.
+    virtual int LogDescriptor() const { return -1; }
+    /// Prints the log lines that have come.
+    virtual void ShowLog() {}
+    /// Drops the line that is being edited.
+    /// @return false when nothing has been typed
+    virtual bool CancelLine() { return false; }
 };
 
 /// A scenario file, read and checked as a whole.
@@ -38,7 +46,9 @@ std::unique_ptr<Input> OpenScenario(const std::string& path);
 /// Lines from a descriptor that is not a terminal.
 std::unique_ptr<Input> OpenStream(int descriptor);
 
-/// A person at the terminal on stdin and stdout, with line editing, history and completion. One at a time.
-std::unique_ptr<Input> OpenKeyboard(const std::string& prompt);
+/// A person at the terminal on stdin and stdout, with line editing, history and completion. One at a time. Where
+/// standard error is a terminal too, what is written to it meanwhile (the log) appears above the line being edited.
+/// @param historyFile where the lines are kept between sessions; empty for nowhere
+std::unique_ptr<Input> OpenKeyboard(const std::string& prompt, const std::string& historyFile);
 
 } // namespace OrvShell

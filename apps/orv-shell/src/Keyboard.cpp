@@ -2,11 +2,13 @@
 #include "Input.h"
 
 #include "Command.h"
+#include "DivertedStandardError.h"
 #include "Words.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include <editline/readline.h>
 #include <sys/ioctl.h>
@@ -58,18 +60,27 @@ char** Complete(const char* typed, int /*start*/, int /*end*/) noexcept {
 
 class Keyboard : public Input {
 public:
-    explicit Keyboard(const std::string& text) : prompt(text) {
+    Keyboard(const std::string& text, std::string history) : prompt(text), historyFile(std::move(history)) {
         current = this;
         rl_catch_signals = 0;
         rl_attempted_completion_function = Complete;
         static char breaks[] = " \t";
         rl_completer_word_break_characters = breaks;
         using_history();
+        constexpr int linesKept = 500;
+        stifle_history(linesKept);
+        if (!historyFile.empty())
+            read_history(historyFile.c_str());
         rl_callback_handler_install(prompt.c_str(), TakeLine);
     }
 
     ~Keyboard() override {
         rl_callback_handler_remove();
+        if (!ended)
+            printf("\r\x1b[J"); // the prompt of a line that nobody will type
+        fflush(stdout);
+        if (!historyFile.empty())
+            write_history(historyFile.c_str());
         current = nullptr;
     }
 
@@ -78,10 +89,8 @@ public:
         lineTaken = false;
         rl_callback_read_char();
         // The line editor would show the next prompt, and leave the terminal's own mode, only with the next key.
-        if (lineTaken && !ended) {
-            rl_callback_handler_remove();
-            rl_callback_handler_install(prompt.c_str(), TakeLine);
-        }
+        if (lineTaken && !ended)
+            BeginLine();
     }
 
     std::optional<std::string> Next() override {
@@ -95,6 +104,20 @@ public:
     bool AtEnd() const override { return ended && lines.empty(); }
     std::string Place() const override { return {}; }
     bool StopsAtFailure() const override { return false; }
+
+    int LogDescriptor() const override { return log.Descriptor(); }
+    void ShowLog() override {
+        for (const std::string& line : log.Lines())
+            Show(line);
+    }
+
+    bool CancelLine() override {
+        if (ended || rl_end == 0)
+            return false;
+        printf("^C\n");
+        BeginLine();
+        return true;
+    }
 
     void Show(const std::string& text) override {
         if (ended) {
@@ -111,6 +134,12 @@ public:
     }
 
 private:
+    void BeginLine() {
+        rl_callback_handler_remove();
+        rl_callback_handler_install(prompt.c_str(), TakeLine);
+        rl_point = rl_end = 0; // otherwise the last line's until the next key
+    }
+
     static std::size_t Columns() {
         winsize size{};
         return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
@@ -134,7 +163,9 @@ private:
             add_history(line);
     }
 
+    DivertedStandardError log;
     const std::string prompt;
+    const std::string historyFile;
     bool ended = false;
     bool lineTaken = false;
     std::deque<std::string> lines;
@@ -142,8 +173,8 @@ private:
 
 } // namespace
 
-std::unique_ptr<Input> OpenKeyboard(const std::string& prompt) {
-    return std::make_unique<Keyboard>(prompt);
+std::unique_ptr<Input> OpenKeyboard(const std::string& prompt, const std::string& historyFile) {
+    return std::make_unique<Keyboard>(prompt, historyFile);
 }
 
 } // namespace OrvShell

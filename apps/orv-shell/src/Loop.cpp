@@ -2,6 +2,7 @@
 #include "Loop.h"
 
 #include "CommandError.h"
+#include "Words.h"
 
 #include <algorithm>
 #include <array>
@@ -27,12 +28,12 @@ using std::chrono::system_clock;
 std::string TimeStamp(system_clock::time_point time) {
     const std::time_t seconds = system_clock::to_time_t(time);
     const auto fraction = std::chrono::duration_cast<milliseconds>(time.time_since_epoch()).count() % 1000;
-    std::tm local{};
-    localtime_r(&seconds, &local);
+    std::tm utc{}; // as in the log
+    gmtime_r(&seconds, &utc);
     std::array<char, 32> text{};
-    const std::size_t length = std::strftime(text.data(), text.size(), "%H:%M:%S", &local);
+    const std::size_t length = std::strftime(text.data(), text.size(), "%H:%M:%S", &utc);
     const std::string digits = std::to_string(1000 + fraction).substr(1);
-    return std::string(text.data(), length) + '.' + digits;
+    return std::string(text.data(), length) + '.' + digits + 'Z';
 }
 
 sigset_t EndingSignals() {
@@ -67,6 +68,7 @@ int Loop::Run() {
         ShowCallbacks();
         shell.Finish();
         ShowCallbacks();
+        input.ShowLog();
     }
     close(signals);
     if (interrupted && input.StopsAtFailure())
@@ -110,20 +112,23 @@ bool Loop::ExecuteNext() {
     if (!statement)
         return true;
     if (input.StopsAtFailure() && statement->id != CommandId::NOTE)
-        input.Show(TimeStamp(system_clock::now()) + " > " + line->substr(line->find_first_not_of(" \t")));
+        input.Show(TimeStamp(system_clock::now()) + " > " + Printable(line->substr(line->find_first_not_of(" \t"))));
     shell.Execute(*statement, Shell::Clock::now());
     return true;
 }
 
 void Loop::Sleep() {
-    std::array<pollfd, 3> sources{{{signals, POLLIN, 0},
+    std::array<pollfd, 4> sources{{{signals, POLLIN, 0},
                                    {shell.CallbackDescriptor(), POLLIN, 0},
-                                   {shell.Waiting() ? -1 : input.Descriptor(), POLLIN, 0}}};
+                                   {shell.Waiting() ? -1 : input.Descriptor(), POLLIN, 0},
+                                   {input.LogDescriptor(), POLLIN, 0}}};
     if (poll(sources.data(), sources.size(), TimeoutToNextDeadline()) <= 0)
         return;
     signalfd_siginfo signal{};
+    if (sources[3].revents != 0)
+        input.ShowLog();
     if (sources[0].revents != 0 && read(signals, &signal, sizeof signal) > 0)
-        interrupted = true;
+        interrupted = signal.ssi_signo != SIGINT || !input.CancelLine();
     if (sources[2].revents != 0)
         input.Read();
 }
@@ -157,6 +162,7 @@ void Loop::ShowCallbacks() {
 
 void Loop::Fail(const std::string& message) {
     failed = true;
+    input.ShowLog(); // the reasons
     const std::string text = input.Place() + message;
     if (input.StopsAtFailure())
         std::cerr << text << std::endl;

@@ -22,6 +22,23 @@ std::string BrokerRemedy() {
            (configured != nullptr ? configured : "/etc/orv/gateway.ini (ORV_GATEWAY_CONFIG names another file)") + "?";
 }
 
+bool NoTopicMayHold(const std::string& app) {
+    return app.find_first_of(std::string("#+\0", 3)) != std::string::npos;
+}
+
+/// What the library does with it without a word: it takes every name, and puts it into its topics as it is.
+std::string ProblemWithName(const std::string& app) {
+    if (NoTopicMayHold(app))
+        return "no topic may hold #, + or a NUL, so the connection, which has its last will in such a topic, is "
+               "refused";
+    if (app.empty())
+        return "it has no letter, so its topics have an empty level (.../features//init), shared by all that do the "
+               "same";
+    if (app.find('/') != std::string::npos)
+        return "with its / it takes two levels of a topic; who expects one (.../features/+/init) does not see it";
+    return {};
+}
+
 bool Matches(const Callback& callback, const Expectation& expectation) {
     return callback.name == expectation.name && expectation.arguments.size() <= callback.arguments.size() &&
            std::equal(expectation.arguments.begin(), expectation.arguments.end(), callback.arguments.begin());
@@ -156,11 +173,15 @@ IOrvStackClient& Shell::Client() {
 }
 
 void Shell::Init(const std::string& app) {
+    const std::string problem = ProblemWithName(app);
+    if (!problem.empty())
+        print("warning: " + Quote(app) + " is no good name for an application: " + problem);
     callbacks->TakeConfirmation();
     Client().Init(app);
     initialised = callbacks->TakeConfirmation() != Confirmation::NACK;
     if (!initialised)
-        throw CommandError("NACK: the broker was not reached; " + BrokerRemedy());
+        throw CommandError(NoTopicMayHold(app) ? "NACK: the name is refused"
+                                               : "NACK: the broker was not reached; " + BrokerRemedy());
 }
 
 } // namespace OrvShell

@@ -17,6 +17,10 @@ Words SplitLine(const std::string& line);
 /// The text as one word that SplitLine turns back into it: bare where that is possible, otherwise in double quotes.
 std::string Quote(const std::string& text);
 
+/// The text as one line that steers no terminal: control characters (C1 too), line separators, characters that change
+/// the direction of writing, and bytes that are not valid UTF-8 as \xHH.
+std::string Printable(const std::string& text);
+
 std::string Join(const Words& words, const std::string& separator);
 
 } // namespace OrvShell

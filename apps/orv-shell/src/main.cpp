@@ -8,6 +8,7 @@
 #include <CLI/CLI.hpp>
 #include <curl/curl.h>
 
+#include <cstdlib>
 #include <iostream>
 
 #include <unistd.h>
@@ -51,11 +52,16 @@ std::optional<int> ParseArguments(int argc, char** argv, Options& options) {
     return std::nullopt;
 }
 
+std::string HistoryFile() {
+    const char* home = std::getenv("HOME"); // NOLINT(concurrency-mt-unsafe): nobody sets it
+    return home == nullptr || *home != '/' ? std::string() : std::string(home) + "/.orv_shell_history";
+}
+
 std::unique_ptr<Input> OpenInput(const Options& options) {
     if (!options.scenario.empty())
         return OpenScenario(options.scenario);
     if (isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0)
-        return OpenKeyboard("orv> ");
+        return OpenKeyboard("orv> ", HistoryFile());
     return OpenStream(STDIN_FILENO);
 }
 

@@ -43,6 +43,12 @@ TEST(ACommandLine, KeepsTextAsItIs) {
     EXPECT_EQ(ArgumentsOf("panel \"Zone 3, \\\"hall\\\"\" 3"), (Words{"Zone 3, \"hall\"", "3"}));
 }
 
+TEST(ANote, NeedsNoQuotes) {
+    EXPECT_EQ(ArgumentsOf("note hello  world # not this"), Words{"hello world"});
+    EXPECT_EQ(ArgumentsOf("note 'hello  world' again"), Words{"hello  world again"});
+    EXPECT_EQ(ErrorOf("note"), "TEXT ... is missing; usage: note TEXT ...");
+}
+
 TEST(AnUnknownCommand, IsAnsweredWithTheListOfCommands) {
     EXPECT_EQ(
         ErrorOf("stauts ready"),

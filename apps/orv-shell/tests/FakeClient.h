@@ -4,6 +4,7 @@
 #include <OrvStackSdk/IOrvStackClient.h>
 #include <OrvStackSdk/IOrvStackClientHandler.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,7 @@ struct FakeWorld {
     std::vector<std::string> calls;
     int ticks = 0;
     bool brokerReachable = true;
+    std::function<void()> onTick = [] {};
     int reconnectAfterTicks = -1; // CloudReconnectNeeded is true once, when so many ticks have been
 };
 
@@ -35,7 +37,10 @@ public:
     void DeInit() override { Note("DeInit"); }
     void Start() override { Note("Start"); }
     void Stop() override { Note("Stop"); }
-    void Tick(std::chrono::milliseconds) override { ++world.ticks; }
+    void Tick(std::chrono::milliseconds) override {
+        ++world.ticks;
+        world.onTick();
+    }
     void AppStatusRequest(const OrvStackSdk::AppStatus& status) override {
         Note("AppStatusRequest " + AppStatusText(status));
     }

@@ -7,7 +7,10 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <ctime>
 #include <fstream>
+#include <set>
 #include <stdexcept>
 
 #include <unistd.h>
@@ -34,12 +37,12 @@ public:
     const std::string path;
 };
 
-// Without the stamp "HH:MM:SS.mmm " of each line that has one.
+// Without the stamp "HH:MM:SS.mmmZ " of each line that has one.
 std::string WithoutTimes(const std::string& transcript) {
     std::string result;
     std::istringstream lines(transcript);
     for (std::string line; std::getline(lines, line);)
-        result += (line.size() > 13 && line[8] == '.' ? line.substr(13) : line) + "\n";
+        result += (line.size() > 14 && line[8] == '.' ? line.substr(14) : line) + "\n";
     return result;
 }
 
@@ -62,7 +65,8 @@ protected:
             return std::make_shared<FakeClient>(world);
         };
         const int status = Loop(maker, input, tick).Run();
-        transcript = WithoutTimes(GetCapturedStdout());
+        stamped = GetCapturedStdout();
+        transcript = WithoutTimes(stamped);
         errors = GetCapturedStderr();
         return status;
     }
@@ -70,7 +74,7 @@ protected:
     FakeWorld world;
     bool created = false;
     std::chrono::milliseconds tick{1};
-    std::string place, transcript, errors;
+    std::string place, stamped, transcript, errors;
 };
 
 } // namespace
@@ -107,6 +111,58 @@ TEST_F(AScenario, ShowsCommandsAndCallbacksInOrder) {
     EXPECT_EQ(Run("init alarm # hello\naction alarm RELOAD\nwait 1ms\nnote done\n"), 0);
     EXPECT_EQ(transcript, "> init alarm # hello\n< OnInitConfirmation ACK\n> action alarm RELOAD\n"
                           "< OnAppActionIndication RELOAD\n> wait 1ms\ndone\n");
+}
+
+TEST_F(AScenario, IsWarnedOfANameThatIsNoGoodInATopic) {
+    const auto warning = [this](const std::string& name) {
+        EXPECT_EQ(Run("init " + name + "\n"), 0);
+        EXPECT_EQ(world.calls.at(1), "Init " + SplitLine(name).at(0)) << "the library decides";
+        world.calls.clear();
+        const std::size_t begin = transcript.find("warning: ");
+        return begin == std::string::npos ? "none" : transcript.substr(begin, transcript.find('\n', begin) - begin);
+    };
+    const std::string refused = " is no good name for an application: no topic may hold #, + or a NUL, so the "
+                                "connection, which has its last will in such a topic, is refused";
+    EXPECT_EQ(warning("'#'"), "warning: \"#\"" + refused);
+    EXPECT_EQ(warning("a+b"), "warning: a+b" + refused);
+    EXPECT_EQ(warning("\"a\\0\""), "warning: \"a\\x00\"" + refused);
+    EXPECT_EQ(warning("''"),
+              "warning: \"\" is no good name for an application: it has no letter, so its topics have an "
+              "empty level (.../features//init), shared by all that do the same");
+    EXPECT_EQ(warning("a/b"),
+              "warning: a/b is no good name for an application: with its / it takes two levels of a topic; "
+              "who expects one (.../features/+/init) does not see it");
+    EXPECT_EQ(warning("alarm"), "none");
+    EXPECT_EQ(warning("\xc3\xbcr"), "none");
+}
+
+TEST_F(AScenario, BlamesANameThatNoTopicMayHold) {
+    created = true;
+    world.brokerReachable = false;
+    EXPECT_EQ(Run("init '#'\n"), 1);
+    EXPECT_EQ(errors, place + ":1: NACK: the name is refused\n");
+}
+
+TEST_F(AScenario, StampsItsLinesInUtcAsTheLogDoes) {
+    setenv("TZ", "XXX-11:11", 1);
+    tzset();
+    const std::time_t before = std::time(nullptr);
+    Run("stop\n");
+    const std::time_t after = std::time(nullptr);
+    unsetenv("TZ");
+    tzset();
+    const std::string stamp = stamped.substr(0, 13);
+    std::set<std::string> possible;
+    for (std::time_t now = before; now <= after; ++now)
+        possible.insert(std::to_string(100 + now / 3600 % 24).substr(1) + ":" +
+                        std::to_string(100 + now / 60 % 60).substr(1) + ":" + std::to_string(100 + now % 60).substr(1));
+    EXPECT_EQ(possible.count(stamp.substr(0, 8)), 1U) << stamp;
+    EXPECT_EQ(stamp.back(), 'Z');
+}
+
+TEST_F(AScenario, ShowsItsLinesWithoutWhatSteersATerminal) {
+    Run("conn-status '\x1b[2J\xc2\x9b'\n");
+    EXPECT_EQ(transcript, "> conn-status '\\x1b[2J\\xc2\\x9b'\n");
 }
 
 TEST_F(AScenario, SaysGoodByeWhenItEndsConnected) {

@@ -83,6 +83,25 @@ TEST(AQuotedWord, ShowsControlCharactersAsEscapes) {
     EXPECT_EQ(Quote("\x1b[31m\n\"\\"), R"("\x1b[31m\n\"\\")");
 }
 
+TEST(AQuotedWord, ShowsEverythingElseThatSteersATerminalAsEscapesToo) {
+    EXPECT_EQ(Quote("\xc2\x9b 31m"), R"("\xc2\x9b 31m")");         // C1: begins a control sequence
+    EXPECT_EQ(Quote("\x9b 31m"), R"("\x9b 31m")");                 // the same where the terminal is not in UTF-8
+    EXPECT_EQ(Quote("\xe2\x80\xae gpj"), R"("\xe2\x80\xae gpj")"); // writes from right to left
+    EXPECT_EQ(Quote("\xe2\x80\xa8"), R"("\xe2\x80\xa8")");         // line separator
+    EXPECT_EQ(Quote("\xef\xbb\xbf"), R"("\xef\xbb\xbf")");         // byte order mark
+    EXPECT_EQ(Quote("\xc0\x80 \xed\xa0\x80 \xf5"), R"("\xc0\x80 \xed\xa0\x80 \xf5")");
+    EXPECT_EQ(Quote("\xe2\x82"), R"("\xe2\x82")"); // cut off
+}
+
+TEST(AQuotedWord, ShowsForeignLettersAsTheyAre) {
+    EXPECT_EQ(Quote("T\xc3\xbcr \xe2\x82\xac \xf0\x9f\x94\xa5"), "\"T\xc3\xbcr \xe2\x82\xac \xf0\x9f\x94\xa5\"");
+}
+
+TEST(APrintableLine, HasNoEscapesButForWhatSteersATerminal) {
+    EXPECT_EQ(Printable("note \"a \\ b\"\t'c'"), "note \"a \\ b\"\t'c'");
+    EXPECT_EQ(Printable("note \x1b[2J\xc2\x9b\r"), R"(note \x1b[2J\xc2\x9b\x0d)");
+}
+
 TEST(AQuotedWord, IsReadBackAsItWas) {
     std::string everyByte;
     for (int byte = 0; byte < 256; ++byte)
