@@ -47,7 +47,9 @@ protected:
         std::ofstream(path) << "[broker]\nport = " << broker.Port() << "\n[connman]\nbus_address = " << bus.Address()
                             << "\n[log]\nlevel = info,ConnmanCommands=debug\n" + more;
         environment["ORV_GATEWAY_CONFIG"] = path;
-        return RunInChild(environment, application);
+        const Ended ended = RunInChild(environment, application);
+        EXPECT_EQ(ended.exitStatus, 0) << ended.standardError;
+        return ended;
     }
 
     /// Orders wwan0 to the top and its name servers away, and speaks for the gateway. Lasts until that has been done,
@@ -132,17 +134,21 @@ TEST_F(AGatewayWithOneFile, LetsTheControllerActAndEverybodyWhereThereIsNone) {
 
 TEST_F(AGatewayWithOneFile, KeepsAnyNumberOfClientsApartAndNamesTheirProgramInTheBrokersLog) {
     const auto stay = [&] {
+        // Another process of the same program, which connects while the clients of this one are connected.
+        int go[2] = {-1, -1};
+        EXPECT_EQ(pipe(go), 0);
+        const pid_t other = fork();
+        if (other == 0) {
+            char word = 0;
+            AnApplication more[2];
+            const bool both = read(go[0], &word, 1) == 1 && more[0].Connect() && more[1].Connect();
+            _exit(both ? 0 : 1);
+        }
         AnApplication clients[3];
         bool connected = true;
         for (AnApplication& client : clients)
             connected = client.Connect() && connected;
-        // Another process of the same program, while these are connected.
-        const pid_t other = fork();
-        if (other == 0) {
-            AnApplication more[2];
-            const bool both = more[0].Connect() && more[1].Connect();
-            _exit(both ? 0 : 1);
-        }
+        connected = write(go[1], "!", 1) == 1 && connected;
         int status = -1;
         waitpid(other, &status, 0);
         for (AnApplication& client : clients)
