@@ -3,7 +3,6 @@
 
 #include "Callbacks.h"
 
-#include <CommonUtils/Networking/ConnmanCommands.h>
 #include <ConnInterfaceString.h>
 #include <GatewayMainBaseUnits/IpInterfacesMapping.h>
 #include <OrvResources/StaticConfigStore.h>
@@ -21,13 +20,11 @@ namespace GatewayApp {
 
 using namespace std::chrono_literals;
 using namespace OrvStackSdk;
-using CommonUtils::Networking::ConnmanCommands;
 
 namespace {
 
 constexpr int kLogInfo = 2;
 constexpr int kEndpoint = 0;
-constexpr const char* kStatusFile = "/var/tmp/new_enterprise_statuses.csv";
 
 std::string InterfaceName(const char* path) {
     return GatewayMainBaseUnits::IpInterfacesMapping::GetInstance().GetInterfaceName(path);
@@ -50,10 +47,6 @@ int OpenSignals() {
 
 std::chrono::steady_clock::time_point Now() {
     return std::chrono::steady_clock::now();
-}
-
-const char* Bool(bool value) {
-    return value ? "true" : "false";
 }
 
 } // namespace
@@ -89,27 +82,6 @@ Application::Application(AppOptions appOptions, std::vector<std::string> command
 }
 
 Application::~Application() = default;
-
-void Application::WatchStatusFile() {
-    try {
-        statusFile = std::make_unique<StatusFileWatch>(loop, kStatusFile, [this] { PutStatusFileRight(); });
-    } catch (const std::system_error& error) {
-        logger.Warning() << "what other programs write into " << kStatusFile << " stays: " << error.what();
-    }
-}
-
-void Application::PutStatusFileRight() {
-    if (!statusFileForeign)
-        logger.Info() << kStatusFile << " was written or removed by another program, another client of the library it "
-                      << "may be; it is put right, now and from now on";
-    statusFileForeign = true;
-    if (statusFile->Quarrels() && !statusFileQuarrel) {
-        statusFileQuarrel = true;
-        logger.Warning() << kStatusFile << " is written by another program again and again; it is put right every five "
-                         << "seconds only. Who does it: fuser " << kStatusFile << ", or auditctl -w " << kStatusFile;
-    }
-    SendEvent(CloudState()); // every event has the library write the file
-}
 
 void Application::Run() {
     if (!lock.Missing().empty())
@@ -182,31 +154,8 @@ void Application::Tick() {
     FollowCloudPath();
     if (client->CloudReconnectNeeded())
         OnRouteMoved();
+    CheckDefaultRoute();
     SetTickTimer();
-}
-
-void Application::OnRouteMoved() {
-    // In this moment, before the next tick, the library sees the order that it has waited for.
-    const bool toCellular = ConnmanCommands::GetInstance().GetTopPriorityInterface() == InterfaceName("Cellular");
-    rhythm.RouteHasMoved(toCellular, Now());
-    // Before the next tick, which would begin a poke over Ethernet.
-    ethernetGuard.RouteHasMoved(toCellular);
-    // What began after the default route had moved is on the new path already.
-    const bool begun = cloud.BegunSince(defaultRouteSince);
-    logger.Info() << "the WAN route has changed, "
-                  << (begun ? "the cloud connection has begun there" : "connecting to the cloud anew");
-    Note("reconnect", {{"begun", Bool(begun)}});
-    if (!begun)
-        cloud.Reopen("the WAN route has changed");
-    ShowStatus();
-}
-
-void Application::FollowCloudPath() {
-    if (cloudPath == ConnInterfaceString)
-        return;
-    cloudPath = ConnInterfaceString;
-    logger.Info() << "the cloud connection is expected over " << cloudPath;
-    Note("path", {});
 }
 
 void Application::Stop() {
@@ -346,7 +295,7 @@ void Application::Report(OrvEvent event) {
     logger.Info() << "event " << event;
     if (started)
         SendEvent(event);
-    Note("event", {{"event", JsonText(OrvEventText(event))}, {"reported", Bool(started)}});
+    Note("event", {{"event", JsonText(OrvEventText(event))}, {"reported", JsonBool(started)}});
 }
 
 void Application::KeepBack(OrvEvent event) {
@@ -398,7 +347,7 @@ void Application::ShowStatus() {
 
 void Application::Note(const std::string& what, const Transcript::Fields& fields) {
     Transcript::Fields all = fields;
-    all.emplace_back("cloud", Bool(cloud.Connected()));
+    all.emplace_back("cloud", JsonBool(cloud.Connected()));
     all.emplace_back("path", JsonText(ConnInterfaceString));
     transcript.Write(what, all);
 }

@@ -9,6 +9,7 @@
 #include "InstanceLock.h"
 #include "Mailbox.h"
 #include "NetworkWatcher.h"
+#include "RouteContradiction.h"
 #include "ServiceManager.h"
 #include "StatusFile.h"
 #include "TickRhythm.h"
@@ -68,6 +69,7 @@ private:
     void SetTickTimer();
     void FollowCloudPath();
     void OnRouteMoved();
+    void CheckDefaultRoute();
     void ShowStatus();
     void WatchStatusFile();
     void PutStatusFileRight();
@@ -95,6 +97,7 @@ private:
     CloudConnection cloud;
     EthernetGuard ethernetGuard;
     TickRhythm rhythm;
+    RouteContradiction contradiction;
     std::unique_ptr<StatusFileWatch> statusFile; // none when its folder cannot be watched
 
     // The client library, and whether it has come so far that events can be reported

@@ -16,6 +16,10 @@ std::string JsonText(const std::string& text);
 /// The present time, UTC, with milliseconds.
 std::string WallClock();
 
+inline const char* JsonBool(bool value) {
+    return value ? "true" : "false";
+}
+
 /// A file of JSON objects, one a line, for programs that follow or judge a run. Without a path nothing is written.
 class Transcript {
 public:

@@ -1,0 +1,95 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the application does when the route moves, and when other programs touch the default route or the status file.
+#include "GatewayApp.h"
+
+#include <CommonUtils/Networking/ConnmanCommands.h>
+#include <ConnInterfaceString.h>
+#include <GatewayMainBaseUnits/IpInterfacesMapping.h>
+
+#include <system_error>
+
+namespace GatewayApp {
+
+using CommonUtils::Networking::ConnmanCommands;
+
+namespace {
+
+constexpr const char* kStatusFile = "/var/tmp/new_enterprise_statuses.csv";
+
+std::string InterfaceName(const char* path) {
+    return GatewayMainBaseUnits::IpInterfacesMapping::GetInstance().GetInterfaceName(path);
+}
+
+std::chrono::steady_clock::time_point Now() {
+    return std::chrono::steady_clock::now();
+}
+
+} // namespace
+
+void Application::OnRouteMoved() {
+    // In this moment, before the next tick, the library sees the order that it has waited for.
+    const bool toCellular = ConnmanCommands::GetInstance().GetTopPriorityInterface() == InterfaceName("Cellular");
+    rhythm.RouteHasMoved(toCellular, Now());
+    // Before the next tick, which would begin a poke over Ethernet.
+    ethernetGuard.RouteHasMoved(toCellular);
+    // What began after the default route had moved is on the new path already.
+    const bool begun = cloud.BegunSince(defaultRouteSince);
+    logger.Info() << "the WAN route has changed, "
+                  << (begun ? "the cloud connection has begun there" : "connecting to the cloud anew");
+    Note("reconnect", {{"begun", JsonBool(begun)}});
+    if (!begun)
+        cloud.Reopen("the WAN route has changed");
+    ShowStatus();
+}
+
+void Application::FollowCloudPath() {
+    if (cloudPath == ConnInterfaceString)
+        return;
+    cloudPath = ConnInterfaceString;
+    logger.Info() << "the cloud connection is expected over " << cloudPath;
+    Note("path", {});
+}
+
+void Application::CheckDefaultRoute() {
+    auto& connman = ConnmanCommands::GetInstance();
+    const std::string& kernel = network.DefaultInterface();
+    const std::string top = connman.GetTopPriorityInterface();
+    const RouteContradiction::Step step = contradiction.Observe(kernel, top, Now());
+    const std::string& wanted = contradiction.WanTop();
+    if (step == RouteContradiction::Step::CHANGE_ORDER) {
+        logger.Warning() << "the default route leads over " << kernel << ", but ConnMan has " << top
+                         << " on top: another program has replaced it. ConnMan is asked to set it anew; keep other "
+                         << "programs from setting default routes (ip monitor route shows when it happens)";
+        const std::string ethernet = InterfaceName("Ethernet");
+        connman.SetTopPriorityInterface(top == ethernet ? InterfaceName("Cellular") : ethernet);
+    } else if (step == RouteContradiction::Step::RESTORE_ORDER) {
+        connman.SetTopPriorityInterface(wanted);
+    } else if (step == RouteContradiction::Step::GIVE_UP) {
+        logger.Error() << "the default route still leads over " << kernel << " and not over " << wanted
+                       << ": remove the foreign one (ip route show default, ip route del default dev " << kernel
+                       << "), or start ConnMan anew";
+    }
+}
+
+void Application::WatchStatusFile() {
+    try {
+        statusFile = std::make_unique<StatusFileWatch>(loop, kStatusFile, [this] { PutStatusFileRight(); });
+    } catch (const std::system_error& error) {
+        logger.Warning() << "what other programs write into " << kStatusFile << " stays: " << error.what();
+    }
+}
+
+void Application::PutStatusFileRight() {
+    if (!statusFileForeign)
+        logger.Info() << kStatusFile << " was written or removed by another program, another client of the library it "
+                      << "may be; it is put right, now and from now on";
+    statusFileForeign = true;
+    if (statusFile->Quarrels() && !statusFileQuarrel) {
+        statusFileQuarrel = true;
+        logger.Warning() << kStatusFile << " is written by another program again and again; it is put right every five "
+                         << "seconds only. Who does it: fuser " << kStatusFile << ", or auditctl -w " << kStatusFile;
+    }
+    SendEvent(CloudState()); // every event has the library write the file
+}
+
+} // namespace GatewayApp
