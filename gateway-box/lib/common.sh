@@ -41,7 +41,7 @@ check_machine() {
     # 108 characters and no more is what the kernel takes for a socket.
     [ ${#bus_socket} -le 107 ] || die "ORV_BOX_DIR=$state is $((${#bus_socket} - 107)) characters too long: choose a shorter path"
     unshare --net --mount --uts true 2>/dev/null ||
-        die "this machine does not let us make namespaces (a container? start it with --privileged)"
+        die "this machine does not let us make namespaces (a container? start it with --privileged; a chroot? first mount its root on itself)"
     local tool package
     while read -r tool package; do
         command -v "$tool" >/dev/null || die "$tool is missing: run $repo/script/bootstrap box (package $package)"

@@ -8,14 +8,15 @@ forbidden=-sys_time,-sys_module,-sys_boot
 on_gateway() { (on_gateway_replacing_this_process "$@"); }
 
 on_gateway_replacing_this_process() {
-    local holder clock=()
+    local holder place=/ clock=()
     holder=$(pid_of gateway) || die "no box named $name is up: $0 up"
+    [ ! -d "/proc/$holder/root$PWD" ] || place=$PWD
     if [ "${ORV_BOX_CLOCK-}" = 1 ]; then
         clock=(LD_PRELOAD="$(faketime_library)" FAKETIME_TIMESTAMP_FILE=/run/clock-offset FAKETIME_NO_CACHE=1
             FAKETIME_DONT_FAKE_MONOTONIC=1)
         echo "$BASHPID" >>"$state/faketime-pids"
     fi
-    exec nsenter --target "$holder" --root --net --mount --uts --wd="$PWD" -- \
+    exec nsenter --target "$holder" --root --net --mount --uts --wdns="$place" -- \
         setpriv --bounding-set="$forbidden" -- env DBUS_SYSTEM_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket \
         ORV_GATEWAY_CONFIG=/etc/orv/gateway.ini "${clock[@]}" "$@"
 }

@@ -51,7 +51,8 @@ permits_namespaces() { # for tests: as root or as anybody
 need_boxes() {
     [ "$(id -u)" = 0 ] || skip "network namespaces need root"
     unshare --net --mount --uts true 2>/dev/null ||
-        skip "this machine does not let us make namespaces (a container? start it with --privileged)"
+        skip "this machine does not let us make namespaces (a container? start it with --privileged; a" \
+        "chroot? first mount its root on itself)"
 }
 
 # quietly LOG COMMAND...: what it prints is shown only if it fails.

@@ -64,6 +64,15 @@ def queries(box, side):
     return box("log", f"names-{side}").count("query[A] cloud.box.test")
 
 
+def test_a_command_on_the_gateway_begins_in_the_gateways_folder(box):
+    def run(folder, *words):
+        return subprocess.run(box.command("exec", *words), env=box.environment, cwd=folder, text=True, capture_output=True,
+                              check=True).stdout
+
+    assert "cloud.box.test" in run("/etc", "cat", "orv/gateway.ini")
+    assert run("/run/netns", "pwd") == "/\n"  # the gateway has no such folder
+
+
 @pytest.mark.parametrize("side, server", [("eth", "10.21.0.53"), ("cell", "10.22.0.53")])
 def test_loss_takes_its_share_in_either_direction(box, side, server):
     def ask():

@@ -12,7 +12,7 @@ import time
 
 import pytest
 
-from conftest import can_make_namespaces
+from conftest import NO_NAMESPACES, can_make_namespaces
 from gateway import ROOT, program, wait_until
 
 NAME = f"n{os.getpid():x}"
@@ -38,7 +38,8 @@ class Machine:
         return self.processes[-1]
 
     def inside(self, *command):
-        return ["nsenter", "--target", str(self.holder.pid), "--mount", *command]
+        # Entering a mount namespace leads to its root; ours may be another (chroot).
+        return ["nsenter", "--target", str(self.holder.pid), "--mount", "--root", "--wdns=/", *command]
 
     def run(self, *command, **environment):
         return subprocess.run(self.inside(*command), env={**self.environment, **environment}, capture_output=True,
@@ -81,7 +82,7 @@ class Machine:
 @pytest.fixture
 def machine():
     if not can_make_namespaces():
-        pytest.skip("this machine does not let us make namespaces: run as root, in a container with --privileged")
+        pytest.skip(NO_NAMESPACES)
     made = Machine()
     yield made
     made.close()
