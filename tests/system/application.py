@@ -13,16 +13,17 @@ import route_states  # noqa: E402
 class Application:
     """gateway-app on the box, with its log and its transcript."""
 
-    def __init__(self, box, folder, *options, clock=False):
+    def __init__(self, box, folder, *options, clock=False, output=None):
         self.box = box
         self.log_file = folder / "app.log"
         self.transcript_file = folder / "transcript.jsonl"
         environment = {"ORV_BOX_CLOCK": "1"} if clock else {}  # its own wall clock, see `box clock`
         with open(self.log_file, "w", encoding="utf-8") as log:
+            output = log if output is None else output
             # Several gateways share this machine; how long a call lasts is to tell of the call, not of the other gateways.
             self.process = box.start("nice", "-n", "-15", "env", "RES_OPTIONS=timeout:1 attempts:2", program("gateway-app"),
                                      "--cloud-host", "cloud.box.test", "--transcript", str(self.transcript_file), *options,
-                                     stdout=log, stderr=log, **environment)
+                                     stdout=output, stderr=output, **environment)
 
     def log(self):
         return self.log_file.read_text(encoding="utf-8")

@@ -124,7 +124,7 @@ def unsettled(scene, interface, state, inhibit):
         kept = {GREEN: "On", YELLOW: "Off", CLOUD: "true", NO_NETWORK: "false"}
         if inhibit:
             kept[INHIBIT] = inhibit
-        found = scene.witness.kept()
+        found = {topic: payload for topic, payload in scene.witness.kept().items() if not scene.is_a_neighbours(topic)}
         if scene.wire_cut_at is not None and found.get(AVAILABLE) == "false":
             del found[AVAILABLE]  # the last will of the connection that was cut; the live "true" does not clear it
         compare("what the broker keeps", found, kept)

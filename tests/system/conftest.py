@@ -12,8 +12,13 @@ from calls import Calls  # noqa: E402
 from gateway import Box  # noqa: E402
 from scene import Scene  # noqa: E402
 
-# A call that waited for a broker, the bus or a name server would take 3 s at least.
-WAITED = 2_500_000
+# A call that waits gives the processor up by itself; it may do that for a moment where two threads share a lock. One that
+# does not is as long as the machine is slow, or as long as others have the processor.
+LONGEST_PAUSE_US = 100_000
+# No call may be as long as the shortest wait for a broker, the bus or a name server.
+LONGEST_US = 2_500_000
+NO_NAMESPACES = ("this machine does not let us make namespaces: run as root, in a container with --privileged, in a chroot "
+                 "with its root mounted on itself")
 
 
 def can_make_namespaces():
@@ -25,14 +30,27 @@ def can_make_namespaces():
 def box(tmp_path):
     """A gateway of its own for each test, all of its parts running; their logs are kept beside the application's."""
     if not can_make_namespaces():
-        pytest.skip("this machine does not let us make namespaces: run as root, in a container with --privileged")
+        pytest.skip(NO_NAMESPACES)
     with Box(f"t{os.getpid():x}") as made:
         yield made
         shutil.copytree(made.folder / "log", tmp_path / "box-log")
 
 
 @pytest.fixture
-def make_scene(box, tmp_path, request):
+def judge_calls(request):
+    """Takes the figures of a run that has ended, into the table at the end, too."""
+    def judge(figures):
+        request.node.user_properties.append(("calls", {call: figures[call] for call in Calls.KINDS}))
+        for call in Calls.KINDS:
+            longest, effort = figures[call]["longest_us"], figures[call]["longest"]
+            paused = longest - effort["cpu_us"] if effort["waits"] else 0
+            assert longest < LONGEST_US and paused < LONGEST_PAUSE_US, f"{call} has waited: {longest} us, {effort}"
+
+    return judge
+
+
+@pytest.fixture
+def make_scene(box, tmp_path, judge_calls):
     """Starts the application; in the end it is stopped and the scene audited. `clock`: with a wall clock of its own."""
     made = []
 
@@ -44,10 +62,7 @@ def make_scene(box, tmp_path, request):
     for scene in made:
         ended = scene.application.process.poll()
         assert ended is None, f"the application has ended by itself, status {ended}\n{scene.application.interesting()}"
-        figures = scene.application.stop()
-        request.node.user_properties.append(("calls", {call: figures[call] for call in Calls.KINDS}))
-        for call in Calls.KINDS:
-            assert figures[call]["longest_us"] < WAITED
+        judge_calls(scene.application.stop())
         scene.audit()
 
 

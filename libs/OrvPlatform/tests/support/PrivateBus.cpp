@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/prctl.h>
@@ -90,20 +89,10 @@ std::string Child::ReadLine() const {
     }
 }
 
-PrivateBus::PrivateBus(const std::vector<std::string>& policies)
-    : folder((std::filesystem::temp_directory_path() / "orv-bus-XXXXXX").string()),
-      configuration(STAND_IN + "/bus.conf") {
+PrivateBus::PrivateBus() : folder((std::filesystem::temp_directory_path() / "orv-bus-XXXXXX").string()) {
     if (!mkdtemp(folder.data()))
         throw std::runtime_error("cannot make " + folder);
     std::filesystem::permissions(folder, std::filesystem::perms(0711)); // other users come to the bus, too
-    if (!policies.empty()) {
-        configuration = folder + "/bus.conf";
-        std::ofstream file(configuration);
-        file << "<busconfig><include>" << STAND_IN << "/system-bus.conf</include>";
-        for (const std::string& policy : policies)
-            file << "<include>" << policy << "</include>";
-        file << "</busconfig>\n";
-    }
     Start();
 }
 
@@ -115,9 +104,10 @@ PrivateBus::~PrivateBus() {
 
 void PrivateBus::Start() {
     std::filesystem::remove(folder + "/bus");
-    const std::vector<std::string> command = {
-        "dbus-daemon",   "--config-file=" + configuration, "--nofork",         "--nopidfile",
-        "--syslog-only", "--address=" + Address(),         "--print-address=1"};
+    const std::vector<std::string> command = {"dbus-daemon",      "--config-file=" + STAND_IN + "/bus.conf",
+                                              "--nofork",         "--nopidfile",
+                                              "--syslog-only",    "--address=" + Address(),
+                                              "--print-address=1"};
     daemon = std::make_unique<Child>(command, std::vector<std::string>{"PATH=/usr/bin:/bin"});
     daemon->ReadLine();
 }
@@ -173,13 +163,9 @@ HostilePeer::HostilePeer(const PrivateBus& bus)
 }
 
 void HostilePeer::Do(const std::string& command) const {
-    if (Try(command) != "ok")
-        throw std::runtime_error("not understood: " + command);
-}
-
-std::string HostilePeer::Try(const std::string& command) const {
     process.Write(command);
-    return process.ReadLine();
+    if (process.ReadLine() != "ok")
+        throw std::runtime_error("not understood: " + command);
 }
 
 void FakeConnmanProcess::Freeze() const {

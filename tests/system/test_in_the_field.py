@@ -1,0 +1,217 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What gateways meet in the field: none of it may hold up a tick, be taken for a proof, or leave an untruth behind."""
+import fcntl
+import os
+import subprocess
+import time
+
+import pytest
+from application import Application
+from gateway import HERE, SLACK, program, wait_until
+from wire import GREEN
+
+
+def put_setting(box, text):
+    """Adds to the gateway's configuration; to be called before a program that is to know of it."""
+    with open(box.folder / "gateway/etc/orv/gateway.ini", "a", encoding="utf-8") as file:
+        file.write(text)
+
+
+@pytest.mark.parametrize("kind", ["full", "bundle"])
+def test_a_full_list_of_authorities_moves_the_cloud_as_a_short_one(box, scene, kind):
+    box("authorities", kind)
+    box("provider", "eth", "dead")
+    scene.application.wait_for("route is Cell, reconnecting", 20)
+    scene.settles("wwan0", 5)
+    box("provider", "eth", "back")
+    scene.settles("eth0", 20)
+
+
+@pytest.fixture
+def quick_scene(make_scene):
+    """With ticks that are quick enough for several attempts of a poke within the grace of a lost address."""
+    return make_scene("--refresh-s", "0", "--tick-ms", "100").start()
+
+
+GRACE_S = 2  # for so long after its start a poke over Ethernet goes on without an address
+
+
+def pull_ethernet_while_it_is_poked(scene):
+    """Returns the place in the log at which Ethernet's interface was gone."""
+    box, application = scene.box, scene.application
+    scene.expected_complaints = ("poke error 7", "poke error 45", "cannot put eth0 on top now", "Invalid service")
+    scene.reach("CELLULAR_ACTIVE")
+    poking_since = time.monotonic()
+    # An attempt that fails at once is followed by one that begins with the look at its interface.
+    box("cloud-tls", "refused", "eth")
+    box("provider", "eth", "back")
+    application.wait_for("poke error 7", 20)
+    wait_until(lambda: time.monotonic() - poking_since > GRACE_S, SLACK, "the end of the grace")
+    box("lease", "eth", "end")
+    wait_until(lambda: application.reported("ETHERNET_IP_GAINED", "ETHERNET_IP_LOST") == "ETHERNET_IP_LOST", SLACK,
+               "the loss of the address")
+    place = application.mark()
+    wait_until(lambda: time.monotonic() - poking_since > 2 * GRACE_S, SLACK, "the poke's end")
+    box("lease", "eth", "back")
+    application.wait_for("Started Poke eth if eth0", 10, place)
+    place = application.mark()
+    box("cable", "gone")
+    scene.connected = {"wwan0"}
+    return place
+
+
+def mute_questions_for_eth0(box, side):
+    """The provider's name server answers everything else."""
+    question = 64 + 96  # bits: behind the headers of UDP and DNS
+    subprocess.run(["ip", "netns", "exec", f"{box.environment['ORV_BOX']}-{side}", "nft",
+                    "table inet mute_eth0 { chain input { type filter hook input priority 0;"
+                    f" udp dport 53 @th,{question},40 0x0465746830 drop; }}; }}"], check=True)
+
+
+def test_a_poke_over_a_missing_interface_fails_at_once_although_nobody_answers_for_its_name(quick_scene):
+    scene = quick_scene
+    for side in ("eth", "cell"):
+        mute_questions_for_eth0(scene.box, side)
+    place = pull_ethernet_while_it_is_poked(scene)
+    scene.application.wait_for("poke error 45", GRACE_S, place)
+    scene.settles("wwan0", 5)
+
+
+def test_a_name_server_that_knows_the_interfaces_name_makes_no_proof(quick_scene):
+    scene = quick_scene
+    scene.box("names", "cell", "lie", "0.0.0.0", "eth0")
+    place = pull_ethernet_while_it_is_poked(scene)
+    scene.application.wait_for("poke error 45", GRACE_S, place)
+    scene.settles("wwan0", 5)
+    assert not scene.application.said("poke success, route to ETH", place)
+
+
+@pytest.mark.parametrize("address", ["0.0.0.0", "10.11.0.1", "198.51.100.99"])
+def test_a_lie_about_the_cloud_proves_nothing(scene, address):
+    """Both name servers say so, one of them with nobody there."""
+    scene.expected_complaints = ("poke error 7", "poke error 28", "no connection to the cloud")
+    for side in ("eth", "cell"):
+        scene.box("names", side, "lie", address)
+    scene.box("provider", "eth", "dead")
+    scene.application.wait_for("Started Poke to cell if wwan0", 15)
+    scene.application.wait_for("poke cell aborted", 25)
+    assert not scene.application.said("is put on top")
+    scene.box("names", "cell", "back")
+    scene.settles("wwan0", 40)
+
+
+def test_a_portal_on_cellular_is_no_cloud(scene):
+    scene.expected_complaints = ("poke error 60",)
+    scene.box("portal", "cell", "on")
+    scene.box("provider", "eth", "dead")
+    scene.application.wait_for("poke error 60", 15)
+    scene.application.wait_for("poke cell aborted", 25)
+    assert scene.box.default_interfaces() == ["eth0"]
+    scene.box("portal", "cell", "off")
+    scene.settles("wwan0", 40)
+
+
+@pytest.mark.parametrize("state", ["ETHERNET_ACTIVE", "ETHERNET_LOST_DELAY", "CELLULAR_ACTIVE"])
+def test_a_modem_that_is_reset_is_used_again(scene, state):
+    scene.expected_complaints = ("cannot put wwan0 on top now", "poke error 7", "poke error 45", "poke error 6")
+    scene.reach(state)
+    scene.box("cellular", "reset")
+    if state == "ETHERNET_ACTIVE":
+        scene.box("provider", "eth", "dead")
+    scene.settles("wwan0", 40)
+    assert scene.box("services").splitlines()[0].split()[3] == "10.12.0.51"
+
+
+class ApplicationWhoseLogNobodyReads(Application):
+    """Its standard error is a pipe, and as small as pipes are."""
+
+    F_SETPIPE_SZ, SMALLEST = 1031, 4096
+
+    def __init__(self, box, folder, *options):
+        self.reading, writing = os.pipe()
+        fcntl.fcntl(writing, self.F_SETPIPE_SZ, self.SMALLEST)
+        super().__init__(box, folder, *options, output=writing)
+        os.close(writing)
+
+    def read_the_log(self):
+        with open(self.log_file, "wb") as log:
+            self.reader = subprocess.Popen(["cat"], stdin=self.reading, stdout=log)
+        os.close(self.reading)
+
+
+def test_a_frozen_reader_of_the_log_holds_nothing_up(box, tmp_path, request):
+    application = ApplicationWhoseLogNobodyReads(box, tmp_path, "--refresh-s", "0")
+    application.wait_for_cloud("eth0", 10)
+    box("provider", "eth", "dead")
+    application.wait_for_cloud("wwan0", 20)
+    box("provider", "eth", "back")
+    application.wait_for_cloud("eth0", 20)
+    application.read_the_log()
+    box("provider", "eth", "dead")
+    application.wait_for("records were lost", 20)
+    application.wait_for_cloud("wwan0", 20)
+    figures = application.stop()
+    application.reader.wait(SLACK)
+    request.getfixturevalue("judge_calls")(figures)
+
+
+def test_a_hostile_neighbour_on_the_bus_changes_nothing(box, scene, tmp_path):
+    scene.expected_complaints = ("which is not the connection manager, is ignored",)
+    with open(tmp_path / "neighbour.log", "w", encoding="utf-8") as log:
+        box.start("/usr/bin/python3", "-u", str(HERE / "hostile_neighbour.py"), stdout=log, stderr=log)
+        wait_until(lambda: "at work" in (tmp_path / "neighbour.log").read_text(encoding="utf-8"), SLACK, "its first round")
+    place = scene.application.mark()
+    box("provider", "eth", "dead")
+    scene.application.wait_for("route is Cell, reconnecting", 20)
+    scene.settles("wwan0", 5)
+    box("provider", "eth", "back")
+    scene.settles("eth0", 20)
+    assert "not on the message bus" not in scene.application.log()[place:]
+    assert box.processes[-1].poll() is None, (tmp_path / "neighbour.log").read_text(encoding="utf-8")
+
+
+NEIGHBOUR = """
+init neighbour
+start
+event PANEL_CLOUD_ENABLED
+event ETHERNET_CONNECTED
+event CLOUD_DISCONNECTED
+status ready
+wait 300ms
+"""
+
+
+def test_a_neighbour_that_crashes_all_the_time_does_not_pull_the_route_back(box, make_scene, tmp_path):
+    put_setting(box, "[gateway]\ncontroller = gateway-app\n")
+    scene = make_scene("--refresh-s", "0").start()
+    scene.neighbours = ("neighbour",)
+    script = tmp_path / "neighbour.orv"
+    script.write_text(NEIGHBOUR, encoding="utf-8")
+    crashing = f"while :; do timeout -s KILL 1 {program('orv-shell')} {script}; done"
+    with open(tmp_path / "neighbour.log", "w", encoding="utf-8") as log:
+        neighbour = box.start("sh", "-c", crashing, stdout=log, stderr=log)
+    available = "/orv/apps_control/features/neighbour/available"
+    scene.witness.wait_for(available, "true", 5)
+    scene.reach("CELLULAR_ACTIVE")
+    greens, starts = len(scene.witness.payloads(GREEN)), scene.witness.payloads(available).count("true")
+    wait_until(lambda: scene.witness.payloads(available).count("true") > starts + 5, 30, "five more starts of the neighbour")
+    assert box.default_interfaces() == ["wwan0"]
+    assert scene.application.route_state() == "CELLULAR_ACTIVE"
+    assert not scene.application.said("poke success, route to ETH")
+    assert scene.witness.payloads(GREEN)[greens:] in ([], ["On"])
+    neighbour.kill()
+    scene.settles("wwan0", 20)
+    box("provider", "eth", "back")
+    scene.settles("eth0", 20)
+
+
+@pytest.mark.parametrize("kind", ["full", "read-only"])
+def test_a_var_tmp_that_takes_nothing_costs_the_files_and_no_more(scene, kind):
+    scene.box("var-tmp", kind)
+    scene.box("provider", "eth", "dead")
+    scene.application.wait_for("route is Cell, reconnecting", 20)
+    scene.application.wait_for_cloud("wwan0", 5)
+    scene.witness.wait_for(GREEN, "On", 5)
+    scene.box("var-tmp", "ok")
+    scene.box("provider", "eth", "back")
+    scene.settles("eth0", 20)
