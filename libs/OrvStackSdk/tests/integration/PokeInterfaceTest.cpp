@@ -107,21 +107,32 @@ TEST_F(ThePokeOnRealSockets, FailsAtOnceWhenItsInterfaceVanishesBeforeTheConnect
 }
 
 /// Names that libcurl or the kernel would take for something else than the interface of that name.
-class ThePokeOverANameOfNoInterface : public ThePokeOnRealSockets, public ::testing::WithParamInterface<std::string> {};
+const std::map<std::string, std::string> NAMES_OF_NO_INTERFACE{
+    {"Empty", ""},
+    {"Address", "127.0.0.1"},
+    {"Host", "localhost"},
+    {"AddressWithPrefix", "host!127.0.0.1"},
+    {"InterfaceWithPrefix", "if!lo"},
+    {"InterfaceAndMore", "lo!"},
+    {"TooLongForLibcurl", std::string(300, 'w')},
+};
+
+class ThePokeOverANameOfNoInterface : public ThePokeOnRealSockets,
+                                      public ::testing::WithParamInterface<std::pair<const std::string, std::string>> {
+};
 
 TEST_P(ThePokeOverANameOfNoInterface, ProvesNothing) {
     const TlsServer server("good");
     ASSERT_TRUE(server.IsReadyWithin(10s));
-    FakeGateway::SetInterfaceName("Cellular", GetParam());
+    FakeGateway::SetInterfaceName("Cellular", GetParam().second);
     PokeOverCellular(ENDPOINT);
     const auto log = LogWithin(15s);
     EXPECT_TRUE(log == Entries{PokeError(42)} || log == Entries{PokeError(45)}) << ::testing::PrintToString(log);
     Abort();
 }
 
-INSTANTIATE_TEST_SUITE_P(, ThePokeOverANameOfNoInterface,
-                         ::testing::Values("", "127.0.0.1", "localhost", "host!127.0.0.1", "if!lo", "lo!",
-                                           std::string(300, 'w')));
+INSTANTIATE_TEST_SUITE_P(, ThePokeOverANameOfNoInterface, ::testing::ValuesIn(NAMES_OF_NO_INTERFACE),
+                         [](const auto& name) { return name.param.first; });
 
 TEST_F(ThePokeOnRealSockets, DoesNotTakeALongNameForAnInterfaceWhoseNameIsItsBeginning) {
     const TlsServer server("good");

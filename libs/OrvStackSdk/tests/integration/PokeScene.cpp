@@ -23,6 +23,7 @@ constexpr std::size_t DNS_HEADER = 12;
 
 bool Spawn(std::vector<std::string> words, pid_t& pid) {
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (auto& word : words)
         arguments.push_back(word.data());
     arguments.push_back(nullptr);
@@ -115,7 +116,7 @@ void NameServer::Serve() {
                                          reinterpret_cast<sockaddr*>(&question.from), &size);
             std::size_t at = DNS_HEADER;
             while (length > 0 && at < static_cast<std::size_t>(length) && buffer[at] != 0) {
-                const auto label = static_cast<std::size_t>(buffer[at]);
+                const auto label = static_cast<unsigned char>(buffer[at]);
                 question.name += (question.name.empty() ? "" : ".") + std::string(&buffer[at + 1], label);
                 at += label + 1;
             }
@@ -214,7 +215,7 @@ Entries ThePokeOnRealSockets::LogWithin(std::chrono::seconds limit) {
     const auto deadline = RealClock::now() + limit;
     while (RealClock::now() < deadline) {
         Tick();
-        const auto log = Only(Journal::Take(), {"log"});
+        auto log = Only(Journal::Take(), {"log"});
         if (!log.empty())
             return log;
         std::this_thread::sleep_for(5ms);
