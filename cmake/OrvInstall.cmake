@@ -29,5 +29,6 @@ if(ORV_PLATFORM STREQUAL "linux")
   install(DIRECTORY libs/OrvPlatform/include/ DESTINATION ${ORV_CONTRACT_DIR} COMPONENT platform-dev)
   install(FILES libs/OrvPlatform/config/gateway.ini DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/orv COMPONENT platform)
   install(FILES libs/OrvPlatform/config/mosquitto.conf libs/OrvPlatform/config/acl
+    libs/OrvPlatform/config/connman-policy.conf
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/liborvplatform${PROJECT_VERSION_MAJOR}/examples COMPONENT platform)
 endif()

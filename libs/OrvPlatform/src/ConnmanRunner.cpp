@@ -316,17 +316,17 @@ void ConnmanRunner::HandleSignal(DBusMessage& signal) {
             retryDelay = limits.firstRetry;
             OwnerIs(*name);
         }
-    } else if (owner.empty()) {
         return;
-    } else if (!dbus_message_has_sender(&signal, owner.c_str())) {
-        Doubt(signal);
-    } else if (stale) {
-        return; // the list that will be asked for knows all that comes before it
-    } else if (ConnmanMessages::IsServicesChanged(signal)) {
-        HandleServicesChanged(signal);
-    } else if (ConnmanMessages::IsPropertyChanged(signal)) {
-        HandlePropertyChanged(signal);
     }
+    if (!owner.empty() && !dbus_message_has_sender(&signal, owner.c_str()))
+        Doubt(signal);
+    // While stale, the list that will be asked for knows all that comes before it.
+    else if (owner.empty() || stale)
+        return;
+    else if (ConnmanMessages::IsServicesChanged(signal))
+        HandleServicesChanged(signal);
+    else if (ConnmanMessages::IsPropertyChanged(signal))
+        HandlePropertyChanged(signal);
 }
 
 void ConnmanRunner::HandleServicesChanged(DBusMessage& signal) {

@@ -4,13 +4,14 @@
 
 Sends process PID what any local user can send it over the system bus that the environment names: messages straight to
 its connections, past their match rules. Started by root it becomes the user nobody first. Says "ready", then takes
-commands on standard input, one a line, and answers each with "ok":
+commands on standard input, one a line, and answers each with one line, "ok" or the name of an error:
 
   forge    one of every kind of forged message
   seize    pretends to have become the connection manager
   reign    tells, as that, of services with nonsense for paths
   flood    forged messages without end, until the next command
   stop     nothing any more
+  reorder  orders the connection manager to put wwan0 before eth0
 """
 import os
 import sys
@@ -117,6 +118,13 @@ class Peer:
         self.bus.flush()
         return True
 
+    def reorder(self):
+        try:
+            self.bus.call_blocking("net.connman", WWAN, SERVICE, "MoveBefore", "o", (dbus.ObjectPath(ETH),))
+        except dbus.DBusException as error:
+            return error.get_dbus_name()
+        return "ok"
+
     def command(self, word):
         if self.flooding:
             GLib.source_remove(self.flooding)
@@ -130,6 +138,8 @@ class Peer:
         elif word == "flood":
             self.flood()
             self.flooding = GLib.idle_add(self.flood)
+        elif word == "reorder":
+            return self.reorder()
         elif word != "stop":
             return "what?"
         self.bus.flush()

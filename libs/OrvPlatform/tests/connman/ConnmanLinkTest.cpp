@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 namespace OrvTest {
 namespace {
@@ -93,30 +92,22 @@ TEST_F(AConnectedGateway, SaysOnceHowLongAnAnswerIsOwed) {
     EXPECT_FALSE(WaitUntil([&] { return Logged("has not answered") > 1; }, 3 * FAST.answer));
 }
 
-TEST_F(AConnectedGateway, NeverWaitsForAFrozenConnectionManager) {
+TEST_F(AConnectedGateway, CarriesOutTheLastOrderWhenAFrozenConnectionManagerThaws) {
     connman->Freeze();
     link.SetTopPriorityInterface("wwan0");
     ASSERT_TRUE(IsLogged("is asked to put wwan0 on top and has not answered for 300 ms"));
     EXPECT_EQ(link.TopPriorityInterface(), "eth0");
-    EXPECT_LT(TimeOf([&] {
-                  for (int i = 0; i < 1000; ++i)
-                      link.SetTopPriorityInterface(i % 2 == 0 ? "wwan0" : "eth0");
-                  link.SetTopPriorityInterface("wwan0");
-              }),
-              1000ms);
-    EXPECT_EQ(Logged("has not answered"), 1U);
+    link.SetTopPriorityInterface("eth0");
+    link.SetTopPriorityInterface("wwan0");
     connman->Thaw();
     EXPECT_TRUE(BecomesTop("wwan0"));
     EXPECT_TRUE(IsLogged("the connection manager answers again"));
+    EXPECT_EQ(Logged("has not answered"), 1U);
 }
 
-TEST_F(AConnectedGateway, NeverWaitsForAFrozenBus) {
+TEST_F(AConnectedGateway, CarriesOutAnOrderWhenAFrozenBusThaws) {
     bus.Freeze();
-    EXPECT_LT(TimeOf([&] {
-                  for (int i = 0; i < 1000; ++i)
-                      link.SetTopPriorityInterface("wwan0");
-              }),
-              1000ms);
+    link.SetTopPriorityInterface("wwan0");
     bus.Thaw();
     EXPECT_TRUE(BecomesTop("wwan0"));
 }
@@ -229,13 +220,6 @@ TEST_F(AConnectedGateway, StopsAnsweringOnceItHasStopped) {
     EXPECT_EQ(connman->Calls(), "");
 }
 
-TEST_F(AConnectedGateway, StopsWhileTheConnectionManagerOwesAnAnswer) {
-    connman->Freeze();
-    link.SetTopPriorityInterface("wwan0");
-    ASSERT_TRUE(IsLogged("has not answered"));
-    EXPECT_LT(TimeOf([&] { link.Stop(); }), 1500ms);
-}
-
 TEST_F(AConnectedGateway, ServesManyThreads) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
@@ -262,32 +246,6 @@ TEST_F(AConnectedGateway, GivesBackTheNameServersThatAnEarlierProcessTookAway) {
     EXPECT_EQ(connman->Calls(), "SetProperty wwan0 Nameservers.Configuration=");
 }
 
-#if defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define ORV_THREADS_AFTER_FORK_ARE_FATAL
-#endif
-#endif
-
-TEST_F(AConnectedGateway, AnswersInAForkedChildToo) {
-#ifdef ORV_THREADS_AFTER_FORK_ARE_FATAL
-    GTEST_SKIP() << "ThreadSanitizer ends a forked child that starts a thread";
-#endif
-    ASSERT_TRUE(IsLogged("connection manager found")); // the child must not inherit the journal's locked lock
-    link.BeforeFork();
-    const pid_t child = fork();
-    if (child == 0) {
-        link.AfterForkInChild();
-        const bool works = link.SetTopPriorityInterface("wwan0") && BecomesTop("wwan0");
-        link.Stop();
-        _exit(works ? 0 : 1);
-    }
-    link.AfterForkInParent();
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
-    EXPECT_TRUE(BecomesTop("wwan0"));
-}
-
 TEST_F(AGateway, AcceptsAnOrderBeforeItKnowsTheConnectionManager) {
     EXPECT_TRUE(link.SetTopPriorityInterface("wwan0"));
     ASSERT_TRUE(IsLogged("net.connman is not on the message bus"));
@@ -296,12 +254,11 @@ TEST_F(AGateway, AcceptsAnOrderBeforeItKnowsTheConnectionManager) {
     EXPECT_TRUE(BecomesTop("wwan0"));
 }
 
-TEST_F(AGateway, IsNotHeldUpByABusThatIsFrozenFromTheStart) {
+TEST_F(AGateway, SaysThatTheBusIsFrozenFromTheStart) {
     bus.Freeze();
     EXPECT_TRUE(link.SetTopPriorityInterface("wwan0"));
     EXPECT_TRUE(IsLogged("no answer within 300 ms"));
     EXPECT_FALSE(link.SetTopPriorityInterface("wwan0"));
-    EXPECT_LT(TimeOf([&] { link.Stop(); }), 1500ms);
 }
 
 TEST_F(AGateway, SaysOnceThatThereIsNoBus) {

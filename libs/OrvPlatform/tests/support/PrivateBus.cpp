@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/prctl.h>
@@ -89,10 +90,20 @@ std::string Child::ReadLine() const {
     }
 }
 
-PrivateBus::PrivateBus() : folder((std::filesystem::temp_directory_path() / "orv-bus-XXXXXX").string()) {
+PrivateBus::PrivateBus(const std::vector<std::string>& policies)
+    : folder((std::filesystem::temp_directory_path() / "orv-bus-XXXXXX").string()),
+      configuration(STAND_IN + "/bus.conf") {
     if (!mkdtemp(folder.data()))
         throw std::runtime_error("cannot make " + folder);
     std::filesystem::permissions(folder, std::filesystem::perms(0711)); // other users come to the bus, too
+    if (!policies.empty()) {
+        configuration = folder + "/bus.conf";
+        std::ofstream file(configuration);
+        file << "<busconfig><include>" << STAND_IN << "/system-bus.conf</include>";
+        for (const std::string& policy : policies)
+            file << "<include>" << policy << "</include>";
+        file << "</busconfig>\n";
+    }
     Start();
 }
 
@@ -104,10 +115,9 @@ PrivateBus::~PrivateBus() {
 
 void PrivateBus::Start() {
     std::filesystem::remove(folder + "/bus");
-    const std::vector<std::string> command = {"dbus-daemon",      "--config-file=" + STAND_IN + "/bus.conf",
-                                              "--nofork",         "--nopidfile",
-                                              "--syslog-only",    "--address=" + Address(),
-                                              "--print-address=1"};
+    const std::vector<std::string> command = {
+        "dbus-daemon",   "--config-file=" + configuration, "--nofork",         "--nopidfile",
+        "--syslog-only", "--address=" + Address(),         "--print-address=1"};
     daemon = std::make_unique<Child>(command, std::vector<std::string>{"PATH=/usr/bin:/bin"});
     daemon->ReadLine();
 }
@@ -163,9 +173,13 @@ HostilePeer::HostilePeer(const PrivateBus& bus)
 }
 
 void HostilePeer::Do(const std::string& command) const {
-    process.Write(command);
-    if (process.ReadLine() != "ok")
+    if (Try(command) != "ok")
         throw std::runtime_error("not understood: " + command);
+}
+
+std::string HostilePeer::Try(const std::string& command) const {
+    process.Write(command);
+    return process.ReadLine();
 }
 
 void FakeConnmanProcess::Freeze() const {

@@ -31,7 +31,9 @@ private:
 /// A message bus of the test's own. It can end and come back at the same address.
 class PrivateBus {
 public:
-    PrivateBus();
+    /// @param policies busconfig files that are read on top of the system bus's policy; none for a bus that lets
+    ///                 everybody do everything
+    explicit PrivateBus(const std::vector<std::string>& policies = {});
     ~PrivateBus();
     PrivateBus(const PrivateBus&) = delete;
     PrivateBus& operator=(const PrivateBus&) = delete;
@@ -47,6 +49,7 @@ public:
 
 private:
     std::string folder;
+    std::string configuration;
     std::unique_ptr<Child> daemon;
 };
 
@@ -73,6 +76,8 @@ public:
     explicit HostilePeer(const PrivateBus& bus);
 
     void Do(const std::string& command) const;
+    /// @return what it answers
+    std::string Try(const std::string& command) const;
 
 private:
     Child process;

@@ -18,7 +18,8 @@ namespace OrvStackSdk {
 /// Threads: the client has no thread of its own. All calls are expected on one thread of the application, or from
 /// inside a callback. EventUpdateRequest, Tick and CloudReconnectNeeded are safe from any thread.
 ///
-/// Blocking: Init waits for the broker, at most 3 s, and DeInit and the release at most 1 s each. Nothing else waits.
+/// Blocking: Init waits for the broker, at most 3 s, and DeInit and the release at most 1 s each. Nothing else waits,
+/// but for the disk that takes the status files in EventUpdateRequest.
 ///
 /// Release: anywhere, inside a callback too. While a callback runs, the connection ends when that has returned.
 ///
