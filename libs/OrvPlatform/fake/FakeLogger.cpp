@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
+#include <new>
 #include <sstream>
 
 namespace CommonUtils {
@@ -43,9 +44,13 @@ LogObject::LogObject(LogObject&&) noexcept = default;
 LogObject& LogObject::operator=(LogObject&&) noexcept = default;
 
 LogObject::~LogObject() {
-    if (record)
-        OrvPlatformFake::Journal::Add(
-            OrvPlatformFake::Entry::Log(record->logger, record->level, record->tag, record->text.str()));
+    try {
+        if (record)
+            OrvPlatformFake::Journal::Add(
+                OrvPlatformFake::Entry::Log(record->logger, record->level, record->tag, record->text.str()));
+    } catch (const std::bad_alloc&) {
+        // The record is lost, as the contract says.
+    }
 }
 
 LogObject& LogObject::operator<<(const char* text) {

@@ -16,4 +16,10 @@ namespace OrvTest {
 /// operators of the whole program; where ORV_ALLOCATIONS_NOT_COUNTED is defined it does not, and the answer is 0.
 std::size_t Allocations();
 
+/// From now on this thread's `number`th call of operator new fails, counted from 1, and no other; 0 for none.
+void FailAllocation(int number);
+
+/// Whether the one that was to fail has come.
+bool HasFailedAllocation();
+
 } // namespace OrvTest

@@ -78,10 +78,9 @@ MosquittoBroker::MosquittoBroker(const std::string& lines) : folder(TemporaryFol
     if (TryStart())
         return;
     Kill();
-    std::ostringstream log;
-    log << std::ifstream(folder + "/log").rdbuf();
+    const std::string log = Log();
     std::filesystem::remove_all(folder);
-    throw std::runtime_error("the broker \"" + Program() + "\" does not start: " + log.str() +
+    throw std::runtime_error("the broker \"" + Program() + "\" does not start: " + log +
                              "; script/bootstrap fetches one, ORV_MOSQUITTO names another");
 }
 
@@ -89,6 +88,12 @@ MosquittoBroker::~MosquittoBroker() {
     Kill();
     std::error_code ignored;
     std::filesystem::remove_all(folder, ignored);
+}
+
+std::string MosquittoBroker::Log() const {
+    std::ostringstream log;
+    log << std::ifstream(folder + "/log").rdbuf();
+    return log.str();
 }
 
 void MosquittoBroker::Start() {

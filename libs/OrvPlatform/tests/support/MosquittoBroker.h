@@ -24,6 +24,8 @@ public:
     std::uint16_t Port() const { return port.Number(); }
     /// A folder of its own, removed with the fixture.
     const std::string& Folder() const { return folder; }
+    /// What it has logged.
+    std::string Log() const;
 
     /// Returns when it listens.
     void Start();
