@@ -35,7 +35,7 @@ FAULTS = [
     (("connman", "freeze"), ("connman", "thaw")),
     (("bus", "freeze"), ("bus", "thaw")),
 ]
-EXPECTED = ("lost the connection", "cannot connect", "Failed to publish message", "does not keep up", "cannot reconnect",
+EXPECTED = ("lost the connection", "was refused: not connected", "cannot connect", "Failed to publish message", "does not keep up", "cannot reconnect",
             "not on the message bus", "cannot put", "cannot set name servers", "poke error", "has not answered",
             "as top interface, restarting SM", "message bus")
 # One process cannot be stopped and frozen at once, and what runs the cellular modem needs the bus.

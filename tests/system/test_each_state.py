@@ -5,7 +5,7 @@ from gateway import SLACK, wait_until
 from scene import STATES
 from wire import GREEN, INHIBIT
 
-BROKER_AWAY = ("lost the connection", "Failed to publish message to MQTT", "cannot connect")
+BROKER_AWAY = ("lost the connection", "was refused: not connected", "Failed to publish message to MQTT", "cannot connect")
 CONNMAN_FROZEN = ("has not answered for 3000 ms", "as top interface, restarting SM")
 NOT_CONNECTED = ("there is no service on this interface", "its service is not connected", "Invalid service")
 # Without addresses a poke finds neither the name (6) nor a way (7).

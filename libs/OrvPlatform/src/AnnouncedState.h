@@ -1,54 +1,72 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include <cstdint>
+#include <cstddef>
+#include <list>
 #include <map>
-#include <optional>
 #include <string>
-#include <vector>
+#include <string_view>
 
 namespace OrvPlatform {
 
-/// A message as it is handed to the broker.
-struct Message {
-    std::string topic;
-    std::string payload;
-    bool retained;
-    bool assured;
-};
-
-/// What this client has told the world and what a broker that restarted, or that published the last will, no longer
-/// tells: the last payload of every retained topic, and the last message on the will's topic.
-/// Grows with the number of different retained topics, not with the number of publications.
+/// What this client has last been asked to tell the world, on every retained topic and on its will's topic. A broker
+/// that restarted, that published the last will, or that was away when the client was asked, does not tell it. Grows
+/// with the number of different retained topics, up to a limit, not with the number of publications.
 class AnnouncedState {
 public:
-    /// A new connection with this last will; empty for none. What was said on an earlier will's topic is forgotten.
-    void SetWillTopic(const std::string& topic);
-
-    /// The client has published this. A retained message without payload deletes what the broker retains: forgotten.
-    void Note(const std::string& topic, const std::string& payload, bool retained, bool assured);
-
-    /// Everything to be said again, oldest first, each message once.
-    std::vector<Message> ToAnnounce() const;
-
-private:
-    struct Entry {
-        std::string payload;
-        bool assured;
-        std::uint64_t order;
-    };
-
-    struct WillEntry {
-        std::string payload;
+    struct Announcement {
+        std::string topic;
+        std::string payload; // of a retained topic, empty: the broker is to retain nothing
         bool retained;
         bool assured;
-        std::uint64_t order;
+        bool owed; // has not been handed to a connection yet
     };
 
-    std::map<std::string, Entry> retainedTopics;
+    /// @param byteLimit what the topics and payloads of the retained messages may take, with some bookkeeping each
+    explicit AnnouncedState(std::size_t byteLimit) : limit(byteLimit) {}
+    AnnouncedState(const AnnouncedState&) = delete;
+    AnnouncedState& operator=(const AnnouncedState&) = delete;
+
+    /// The application connects, with a last will on this topic; empty for none. What was said on an earlier will's
+    /// topic is forgotten, and nothing is owed to this connection.
+    void BeginAfresh(const std::string& topic);
+
+    enum class Noted {
+        NOT_STATE,     // a plain message on any other topic than the will's: never announced
+        REMEMBERED,    // announced after a reconnection, and owed until it was sent
+        NO_ROOM,       // beyond the limit: nothing is announced on that topic
+        OUT_OF_MEMORY, // likewise
+    };
+
+    /// The client has been asked to publish this; whether it can is another matter. Whatever becomes of it, what was
+    /// asked earlier on the same topic is not announced any more.
+    Noted Note(const std::string& topic, const std::string& payload, bool retained, bool assured) noexcept;
+
+    /// What was noted last and is remembered has been handed to a connection.
+    void LatestWasSent() { announcements.back().owed = false; }
+
+    /// In the order in which they were asked for.
+    std::list<Announcement>& All() { return announcements; }
+    const std::list<Announcement>& All() const { return announcements; }
+
+private:
+    using Announcements = std::list<Announcement>;
+    using Place = Announcements::iterator;
+
+    Place Replaced(Place known, const Announcement& latest);
+    Noted NoteRetained(const Announcement& latest);
+    Noted NotePlain(const Announcement& latest);
+    bool HasRoomFor(const Announcement& latest);
+    void ForgetRetained(std::string_view topic);
+    void ForgetPlain();
+
+    const std::size_t limit;
+
+    Announcements announcements;
+    std::map<std::string_view, Place> retainedTopics; // the keys are the topics of the announcements
+    std::size_t bytes = 0;                            // of the retained ones
     std::string willTopic;
-    std::optional<WillEntry> onWillTopic;
-    std::uint64_t noted = 0;
+    Place onWillTopic = announcements.end(); // the plain message on it that came after any retained one
 };
 
 } // namespace OrvPlatform

@@ -21,12 +21,14 @@ struct Event {
 /// allocates nothing; what a burst needed beyond that is let go.
 class EventQueue {
 public:
-    /// A new last event; both strings hold leftovers.
-    Event& Add() {
+    /// An event to be filled, which Push() makes the last one; both strings hold leftovers. One that is not pushed,
+    /// because there was no memory to fill it, does not count.
+    Event& Next() {
         if (used == slots.size())
             slots.emplace_back();
-        return slots[used++];
+        return slots[used];
     }
+    void Push() { ++used; }
 
     void Clear() {
         for (std::size_t index = 0; index < used; ++index) {

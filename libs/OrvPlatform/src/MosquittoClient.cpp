@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "MosquittoClient.h"
 
+#include "MqttText.h"
+
 #include <fcntl.h>
 #include <mosquitto.h>
 #include <poll.h>
@@ -75,6 +77,7 @@ MosquittoClient::MosquittoClient(const MosquittoSettings& settings, MosquittoEve
       port(settings.port),
       keepAlive(settings.keepAlive),
       events(&receiver),
+      pairsOfOthers(FindPairedSockets()),
       handle(mosquitto_new(settings.clientId.c_str(), true, this)) {}
 
 MosquittoClient::~MosquittoClient() = default;
@@ -99,14 +102,19 @@ int MosquittoClient::Configure(const MosquittoSettings& settings) {
     if (!settings.will)
         return MOSQ_ERR_SUCCESS;
     const LastWill& will = *settings.will;
-    if (will.topic.empty() || will.message.size() > UINT16_MAX)
-        return MOSQ_ERR_INVAL;
     return mosquitto_will_set(client, will.topic.c_str(), static_cast<int>(will.message.size()), will.message.data(), 1,
                               will.retained);
 }
 
 int MosquittoClient::BeginConnect() {
-    return Adopt(mosquitto_connect_async(handle.get(), host.c_str(), port, static_cast<int>(keepAlive.count())));
+    const int error = mosquitto_connect_async(handle.get(), host.c_str(), port, static_cast<int>(keepAlive.count()));
+    const int systemError = errno;
+    // The library has made a pair of sockets to wake a thread of its own. It has none here, so the bytes that it writes
+    // with each packet stay unread, until they fill the pair's buffer: 200 KB of the kernel's memory.
+    RestrainUnreadPair(pairsOfOthers, Socket());
+    PairedSockets().swap(pairsOfOthers);
+    errno = systemError;
+    return Adopt(error);
 }
 
 int MosquittoClient::BeginReconnect() {
@@ -243,6 +251,23 @@ std::string RemedyFor(int systemError) {
 }
 
 } // namespace
+
+std::string FaultIn(const MosquittoSettings& settings) {
+    const auto about = [](const std::string& what, const std::string& text, const char* fault) {
+        return what + " \"" + Shortened(text) + "\" " + fault;
+    };
+    if (const char* fault = FaultOfText(settings.clientId))
+        return about("the client id", settings.clientId, fault);
+    if (const char* fault = settings.username.empty() ? nullptr : FaultOfText(settings.username))
+        return about("[broker] username", settings.username, fault);
+    if (!settings.will)
+        return {};
+    if (const char* fault = FaultOfTopic(settings.will->topic))
+        return about("the last will's topic", settings.will->topic, fault);
+    if (settings.will->message.size() > UINT16_MAX)
+        return "the last will's message is longer than 65535 bytes";
+    return {};
+}
 
 std::string MosquittoErrorText(int error, int systemError) {
     switch (error) {

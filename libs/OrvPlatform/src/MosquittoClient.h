@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "SocketPair.h"
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -50,7 +52,7 @@ class MosquittoClient {
 public:
     using Time = std::chrono::steady_clock::time_point;
 
-    /// @return null when the settings are refused; `error` then says why
+    /// @return null when the library refuses settings in which FaultIn() finds no fault; `error` then says why
     static std::unique_ptr<MosquittoClient> Make(const MosquittoSettings& settings, MosquittoEvents& events,
                                                  int& error);
     ~MosquittoClient(); // closes without a good-bye
@@ -100,8 +102,12 @@ private:
     const std::chrono::seconds keepAlive;
 
     MosquittoEvents* events;
+    PairedSockets pairsOfOthers; // before the library made one
     std::unique_ptr<mosquitto, Destroyer> handle;
 };
+
+/// What MQTT has against these settings, in words that name the setting; empty when it has nothing.
+std::string FaultIn(const MosquittoSettings& settings);
 
 /// A MOSQ_ERR_ code in words; where it stands for a system error, `systemError` (an errno) in words.
 std::string MosquittoErrorText(int error, int systemError);

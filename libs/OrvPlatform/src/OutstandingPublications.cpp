@@ -19,9 +19,16 @@ bool OutstandingPublications::Admits(std::size_t cost) const {
     return bytes <= limit && cost <= limit - bytes && publications.size() < MOST_MESSAGES;
 }
 
-void OutstandingPublications::Add(int messageId, Publication publication) {
-    bytes += publication.bytes;
-    publications[messageId] = std::move(publication);
+OutstandingPublications::Prepared OutstandingPublications::Prepare(Publication publication) {
+    std::map<int, Publication> one;
+    one.emplace(0, std::move(publication));
+    return one.extract(one.begin());
+}
+
+void OutstandingPublications::Add(int messageId, Prepared prepared) noexcept {
+    bytes += prepared.mapped().bytes;
+    prepared.key() = messageId;
+    publications.insert(std::move(prepared));
 }
 
 std::optional<OutstandingPublications::Publication> OutstandingPublications::Take(int messageId) {

@@ -26,7 +26,12 @@ public:
     /// Whether a publication of that cost fits in.
     bool Admits(std::size_t cost) const;
 
-    void Add(int messageId, Publication publication);
+    /// A publication with the memory that Add() needs, taken before it is handed to the connection: afterwards nothing
+    /// may fail.
+    using Prepared = std::map<int, Publication>::node_type;
+    static Prepared Prepare(Publication publication);
+
+    void Add(int messageId, Prepared prepared) noexcept;
 
     /// The broker has taken it.
     std::optional<Publication> Take(int messageId);

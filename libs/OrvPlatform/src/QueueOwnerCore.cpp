@@ -2,6 +2,7 @@
 #include "QueueOwnerCore.h"
 
 #include "ClientIdSuffix.h"
+#include "MqttText.h"
 #include "TopicFilter.h"
 
 #include <arpa/inet.h>
@@ -14,6 +15,7 @@
 #include <functional>
 #include <random>
 #include <system_error>
+#include <utility>
 
 namespace QUILMQTT {
 
@@ -22,7 +24,6 @@ using OrvPlatform::LastWill;
 using OrvPlatform::MosquittoClient;
 using OrvPlatform::MosquittoErrorText;
 using OrvPlatform::MutexLock;
-using OrvPlatform::OutstandingPublications;
 
 namespace {
 
@@ -43,22 +44,6 @@ std::string BrokerAddress(const OrvPlatform::GatewayConfig::Broker& settings) {
     return isAddress ? host : std::string();
 }
 
-bool HoldsNul(const std::string& text) {
-    return text.find('\0') != std::string::npos;
-}
-
-int StatusOf(int error) {
-    switch (error) {
-    case MOSQ_ERR_SUCCESS:
-        return QueueOwner::HANDED_OVER;
-    case MOSQ_ERR_INVAL:
-    case MOSQ_ERR_MALFORMED_UTF8:
-        return QueueOwner::MALFORMED_TOPIC;
-    default:
-        return QueueOwner::FAILED;
-    }
-}
-
 } // namespace
 
 QueueOwner::Core::Core(QueueOwner& queueOwner, const std::string& id, const OrvPlatform::GatewayConfig& config)
@@ -67,9 +52,12 @@ QueueOwner::Core::Core(QueueOwner& queueOwner, const std::string& id, const OrvP
       place(settings.socket.empty() ? settings.host + ":" + std::to_string(settings.port) : settings.socket),
       foreignTopics(config.IsController() ? std::vector<std::string>() : config.gateway.topics),
       wakeUp(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+      process(getpid()),
       logger("QueueOwner", 0),
       owner(queueOwner),
       backoff(static_cast<std::uint32_t>(std::hash<std::string>{}(clientId)) ^ std::random_device{}()),
+      silence(settings.keepAlive),
+      announced(settings.maxOutstandingBytes),
       outstanding(settings.maxOutstandingBytes) {}
 
 QueueOwner::Core::~Core() {
@@ -78,6 +66,12 @@ QueueOwner::Core::~Core() {
 }
 
 bool QueueOwner::Core::Connect(const std::optional<LastWill>& will) {
+    if (IsInherited()) {
+        Write(Severity::WARNING, "cannot connect to " + place +
+                                     ": this object was made before a fork and belongs to the parent process; make "
+                                     "another one");
+        return false;
+    }
     if (will && IsLeftToTheController(will->topic))
         return Connect(std::nullopt);
     const Time deadline = std::chrono::steady_clock::now() + CONNECT_LIMIT;
@@ -92,11 +86,13 @@ bool QueueOwner::Core::Connect(const std::optional<LastWill>& will) {
     mutex.lock();
 
     // Whoever called Connect or Disconnect meanwhile has the last word.
-    if (generation == mine && Open(will, deadline))
+    if (generation == mine && TryOpen(will, deadline))
         AwaitAnswer(deadline);
     const bool connected = generation == mine && link == Link::UP;
     if (generation == mine && !connected) {
-        Say(Severity::WARNING, "cannot connect to " + place + ": " + failure);
+        Say(Severity::WARNING, [this]() ORV_REQUIRES(mutex) {
+            return "cannot connect to " + place + ": " + (failure.empty() ? "out of memory" : failure);
+        });
         TakeClient().reset();
     }
     RetireThread();
@@ -104,20 +100,32 @@ bool QueueOwner::Core::Connect(const std::optional<LastWill>& will) {
     return connected;
 }
 
+bool QueueOwner::Core::TryOpen(const std::optional<LastWill>& will, Time deadline) noexcept {
+    try {
+        return Open(will, deadline);
+    } catch (const std::bad_alloc&) {
+        failure.clear();
+        return false;
+    }
+}
+
 bool QueueOwner::Core::Open(const std::optional<LastWill>& will, Time deadline) {
     deliveryStopped = stopsAwaited > 0; // a callback that connects does not undo the stop that waits for it
     attemptEnds = deadline;
     refusal = refusalSaid = 0;
     failure = "no answer within 3 s";
-    announced.SetWillTopic(will ? will->topic : std::string());
+    announced.BeginAfresh(will ? will->topic : std::string());
 
     const std::string address = BrokerAddress(settings);
     if (address.empty()) {
         failure = "names are not looked up; set [broker] host to an address";
         return false;
     }
-    if (HoldsNul(clientId) || (will && HoldsNul(will->topic))) {
-        failure = "client id or will topic holds a NUL";
+    const std::uint16_t port = settings.socket.empty() ? settings.port : 0;
+    const OrvPlatform::MosquittoSettings wanted{clientId,          address,           port, settings.keepAlive,
+                                                settings.username, settings.password, will};
+    if (const std::string fault = OrvPlatform::FaultIn(wanted); !fault.empty()) {
+        failure = fault;
         return false;
     }
     if (wakeUp < 0) {
@@ -125,11 +133,9 @@ bool QueueOwner::Core::Open(const std::optional<LastWill>& will, Time deadline) 
         return false;
     }
     int error = MOSQ_ERR_SUCCESS;
-    const std::uint16_t port = settings.socket.empty() ? settings.port : 0;
-    client = MosquittoClient::Make(
-        {clientId, address, port, settings.keepAlive, settings.username, settings.password, will}, *this, error);
+    client = MosquittoClient::Make(wanted, *this, error);
     if (!client) {
-        failure = "client id, user name, will or keep-alive refused: " + MosquittoErrorText(error, errno);
+        failure = "the client library refuses the settings: " + MosquittoErrorText(error, errno);
         return false;
     }
     error = client->BeginConnect();
@@ -141,22 +147,28 @@ bool QueueOwner::Core::Open(const std::optional<LastWill>& will, Time deadline) 
     return StartThread();
 }
 
+// A delivery thread that is in a callback, or held up by the log, is not waited for: this one does its work meanwhile.
 void QueueOwner::Core::AwaitAnswer(Time deadline) {
-    const bool turning = OnDeliveryThread();
+    ++answersAwaited;
     while (link == Link::CONNECTING && std::chrono::steady_clock::now() < deadline) {
-        if (turning)
+        if (OnDeliveryThread())
             Turn();
+        else if (!serving)
+            TurnAside(deadline);
         else
             changed.wait_until(mutex, deadline);
     }
+    --answersAwaited;
 }
 
 bool QueueOwner::Core::Disconnect() {
+    if (IsInherited())
+        return false;
     MutexLock lock(mutex);
     const bool wasUp = link == Link::UP;
     auto former = TakeClient();
     if (wasUp)
-        Say(Severity::INFO, "disconnecting from " + place);
+        Say(Severity::INFO, [this] { return "disconnecting from " + place; });
     mutex.unlock();
     if (wasUp)
         former->SayGoodBye(std::chrono::steady_clock::now() + GOOD_BYE_LIMIT);
@@ -169,44 +181,28 @@ bool QueueOwner::Core::Disconnect() {
 
 bool QueueOwner::Core::Subscribe(const std::string& filter, int qos) {
     // The client library would send an empty filter, and the broker hang up on it: again after each reconnection.
-    if (filter.empty() || HoldsNul(filter))
+    if (IsInherited() || OrvPlatform::FaultOfText(filter) != nullptr)
         return false;
     MutexLock lock(mutex);
-    int messageId = 0;
-    if (link != Link::UP || client->Subscribe(filter, qos, messageId) != MOSQ_ERR_SUCCESS)
+    if (link != Link::UP)
         return false;
-    const Subscription asked{filter, qos, messageId};
+    Subscription asked;
+    try {
+        asked = {filter, qos, 0};
+        subscriptions.reserve(subscriptions.size() + 1);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    if (client->Subscribe(filter, qos, asked.messageId) != MOSQ_ERR_SUCCESS)
+        return false;
     const auto known =
         std::find_if(subscriptions.begin(), subscriptions.end(), [&](const auto& one) { return one.filter == filter; });
     if (known == subscriptions.end())
-        subscriptions.push_back(asked);
+        subscriptions.push_back(std::move(asked));
     else
-        *known = asked;
+        *known = std::move(asked);
     Flush();
     return true;
-}
-
-int QueueOwner::Core::Publish(const std::string& topic, const std::string& payload, bool retained, bool assured) {
-    if (HoldsNul(topic))
-        return MALFORMED_TOPIC;
-    if (IsLeftToTheController(topic))
-        return HANDED_OVER;
-    const std::size_t cost = OutstandingPublications::Cost(topic, payload);
-    if (cost > settings.maxOutstandingBytes)
-        return PAYLOAD_TOO_LARGE;
-    MutexLock lock(mutex);
-    if (link != Link::UP)
-        return NOT_CONNECTED;
-    if (!outstanding.Admits(cost)) {
-        RefuseForBytes();
-        return OUTSTANDING_FULL;
-    }
-    const int status = Send(topic, payload, retained, assured);
-    if (status != HANDED_OVER)
-        return status;
-    announced.Note(topic, payload, retained, assured);
-    Flush();
-    return HANDED_OVER;
 }
 
 bool QueueOwner::Core::IsLeftToTheController(const std::string& topic) {
@@ -216,33 +212,9 @@ bool QueueOwner::Core::IsLeftToTheController(const std::string& topic) {
     return true;
 }
 
-// Sends from here when the socket has room; otherwise the delivery thread sends when it has.
-void QueueOwner::Core::Flush() {
-    client->Write();
-    if (client->WantsWrite())
-        Wake();
-}
-
-int QueueOwner::Core::Send(const std::string& topic, const std::string& payload, bool retained, bool assured) {
-    int messageId = 0;
-    const int error = client->Publish(topic, payload, assured, retained, messageId);
-    if (error == MOSQ_ERR_SUCCESS)
-        outstanding.Add(messageId,
-                        {assured ? topic : std::string(), OutstandingPublications::Cost(topic, payload), assured});
-    return StatusOf(error);
-}
-
-// The delivery thread writes the record: a publication must not wait for the log.
-void QueueOwner::Core::RefuseForBytes() {
-    if (refusedForBytes++ != 0)
-        return;
-    Say(Severity::WARNING, "the broker does not keep up: " + std::to_string(outstanding.Bytes()) +
-                               " bytes are outstanding, publications are refused until it takes some; [broker] "
-                               "max_outstanding_bytes is " +
-                               std::to_string(settings.maxOutstandingBytes));
-}
-
 void QueueOwner::Core::StopDelivery() {
+    if (IsInherited())
+        return;
     MutexLock lock(mutex);
     deliveryStopped = true;
     ++stopsAwaited;
@@ -252,6 +224,10 @@ void QueueOwner::Core::StopDelivery() {
 }
 
 void QueueOwner::Core::Abandon() {
+    if (IsInherited()) {
+        Keep();
+        return;
+    }
     MutexLock lock(mutex);
     const bool wasUp = link == Link::UP;
     auto former = TakeClient();
@@ -268,6 +244,16 @@ void QueueOwner::Core::Abandon() {
     WriteLog();
 }
 
+bool QueueOwner::Core::IsInherited() const noexcept {
+    return getpid() != process;
+}
+
+void QueueOwner::Core::Keep() {
+    // Reachable, so that a leak checker has nothing to say.
+    static auto& inherited = *new std::vector<std::shared_ptr<Core>>;
+    inherited.push_back(shared_from_this());
+}
+
 std::unique_ptr<MosquittoClient> QueueOwner::Core::TakeClient() {
     ++generation;
     SetLink(Link::CLOSED);
@@ -275,6 +261,7 @@ std::unique_ptr<MosquittoClient> QueueOwner::Core::TakeClient() {
     outstanding.Clear();
     subscriptions.clear();
     refusedForBytes = 0;
+    keepsUpAgain = false;
     Wake();
     return std::move(client);
 }
@@ -295,7 +282,7 @@ bool QueueOwner::Core::StartThread() {
         failure = std::string("no thread to be had: ") + error.what();
         return false;
     }
-    running = true;
+    running = serving = true;
     threadId = thread.get_id();
     return true;
 }
@@ -313,28 +300,30 @@ void QueueOwner::Core::RetireThread() {
     mutex.lock();
 }
 
-void QueueOwner::Core::SetLink(Link next) {
+void QueueOwner::Core::SetLink(Link next) noexcept {
     link = next;
     changed.notify_all();
 }
 
-void QueueOwner::Core::Wake() const {
+void QueueOwner::Core::Wake() const noexcept {
     const std::uint64_t one = 1;
     // Full means that it is readable already.
     [[maybe_unused]] const ssize_t written = write(wakeUp, &one, sizeof one);
 }
 
-void QueueOwner::Core::Say(Severity severity, const std::string& text) {
-    records.emplace_back(severity, text);
-}
-
-void QueueOwner::Core::WriteLog() {
+void QueueOwner::Core::WriteLog() noexcept {
     if (records.empty())
         return;
     std::vector<std::pair<Severity, std::string>> written;
     written.swap(records);
     mutex.unlock();
-    for (const auto& [severity, text] : written) {
+    for (const auto& [severity, text] : written)
+        Write(severity, text);
+    mutex.lock();
+}
+
+void QueueOwner::Core::Write(Severity severity, const std::string& text) noexcept {
+    try {
         switch (severity) {
         case Severity::DEBUG:
             logger.Debug() << clientId << ": " << text;
@@ -349,8 +338,9 @@ void QueueOwner::Core::WriteLog() {
             logger.Error() << clientId << ": " << text;
             break;
         }
+    } catch (const std::bad_alloc&) {
+        // Nothing is left to say it with.
     }
-    mutex.lock();
 }
 
 } // namespace QUILMQTT

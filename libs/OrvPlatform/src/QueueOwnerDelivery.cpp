@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the delivery thread does: it moves bytes, keeps the connection up and calls the application.
+#include "MqttText.h"
 #include "QueueOwnerCore.h"
 
 #include <mosquitto.h>
@@ -10,6 +11,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <exception>
+#include <utility>
 
 namespace QUILMQTT {
 
@@ -30,22 +32,47 @@ std::chrono::milliseconds Until(std::chrono::steady_clock::time_point deadline) 
     return std::max(left, std::chrono::milliseconds(0));
 }
 
-std::string Seconds(std::chrono::steady_clock::duration duration) {
+// What holds up a callback for less cannot have cost a connection.
+constexpr auto SLOW_CALLBACK = 1s;
+
+// How soon a thread that serves another's connection sees that it was given up meanwhile.
+constexpr std::chrono::milliseconds ASIDE = 20ms;
+
+std::string NameOf(const Event& event) {
+    switch (event.kind) {
+    case Event::Kind::CONNECTED:
+        return "the application's OnConnect";
+    case Event::Kind::MESSAGE:
+        return "the application's callback for " + OrvPlatform::Shortened(event.topic);
+    case Event::Kind::DELIVERED:
+        return "the application's OnDeliveryCompleted for " + OrvPlatform::Shortened(event.topic);
+    }
+    return {};
+}
+
+} // namespace
+
+std::string QueueOwner::Core::Seconds(std::chrono::steady_clock::duration duration) {
     char text[32];
     std::snprintf(text, sizeof text, "%.1f s", std::chrono::duration<double>(duration).count());
     return text;
 }
 
-} // namespace
-
-void QueueOwner::Core::Run(unsigned ownNumber) {
+void QueueOwner::Core::Run(unsigned ownNumber) noexcept {
     MutexLock lock(mutex);
     while (threadNumber == ownNumber && link != Link::CLOSED) {
+        serving = true;
         Turn();
+        serving = false;
+        if (answersAwaited > 0)
+            changed.notify_all();
         WriteLog();
         if (threadNumber == ownNumber)
             Deliver();
     }
+    if (threadNumber != ownNumber)
+        return;
+    WriteLog();
     if (threadNumber == ownNumber)
         running = false;
 }
@@ -65,7 +92,7 @@ std::chrono::milliseconds QueueOwner::Core::PollLimit() const {
     return 0ms;
 }
 
-void QueueOwner::Core::Turn() {
+void QueueOwner::Core::Turn() noexcept {
     const unsigned seen = generation;
     const int socket = client->Socket();
     const short wanted = socket >= 0 && client->WantsWrite() ? POLLIN | POLLOUT : POLLIN;
@@ -88,30 +115,74 @@ void QueueOwner::Core::Turn() {
     Advance(std::chrono::steady_clock::now());
 }
 
-void QueueOwner::Core::ServeSocket(short ready) {
+// The same by another thread, for a delivery thread that does something else. The wake-up stays the delivery thread's.
+void QueueOwner::Core::TurnAside(Time deadline) noexcept {
+    const unsigned seen = generation;
+    const int socket = client->Socket();
+    const short wanted = socket >= 0 && client->WantsWrite() ? POLLIN | POLLOUT : POLLIN;
+    pollfd wait{socket, wanted, 0};
+    const int limit = static_cast<int>(std::min(ASIDE, Until(deadline)).count());
+
+    mutex.unlock();
+    poll(&wait, 1, limit);
+    mutex.lock();
+
+    if (seen == generation)
+        ServeSocket(wait.revents);
+}
+
+void QueueOwner::Core::ServeSocket(short ready) noexcept {
     if ((ready & (POLLIN | POLLHUP | POLLERR | POLLNVAL)) != 0)
         client->Read();
     if ((ready & POLLOUT) != 0)
         client->Write();
-    if (restoreDue && link == Link::UP)
+    if (dropped != 0)
+        SayWhatWasDropped();
+    if (link != Link::UP)
+        return;
+    if (restoreDue)
         Restore();
+    else if (keepsUpAgain)
+        KeepUpAgain();
 }
 
-void QueueOwner::Core::Advance(Time now) {
+void QueueOwner::Core::Advance(Time now) noexcept {
+    if (link == Link::UP)
+        silence.Served(now);
     if (link == Link::UP && now - keepAliveChecked >= KEEP_ALIVE_CHECK) {
         keepAliveChecked = now;
+        SendOwed();
         client->KeepAlive();
     } else if (link == Link::RECONNECTING && now >= attemptEnds) {
         // The socket stays until the next attempt: an answer that comes late is welcome.
-        FailAttempt("no answer within 10 s");
+        FailAttempt([] { return std::string("no answer within 10 s"); });
     } else if (link == Link::PAUSING && now >= pauseEnds) {
         ++attempt;
         refusal = 0;
         attemptEnds = now + RECONNECT_LIMIT;
         SetLink(Link::RECONNECTING);
         const int error = client->BeginReconnect();
+        const int systemError = errno;
         if (error != MOSQ_ERR_SUCCESS)
-            FailAttempt(MosquittoErrorText(error, errno));
+            FailAttempt([&] { return MosquittoErrorText(error, systemError); });
+    }
+}
+
+void QueueOwner::Core::SayWhatWasDropped() noexcept {
+    const bool isSaid = Say(Severity::ERROR, [this]() ORV_REQUIRES(mutex) {
+        return "out of memory: " + std::to_string(dropped) +
+               " messages or acknowledgements did not reach the application";
+    });
+    if (isSaid)
+        dropped = 0;
+}
+
+void QueueOwner::Core::QueueEvent(Event::Kind kind) noexcept {
+    try {
+        inbox.Next().kind = kind;
+        inbox.Push();
+    } catch (const std::bad_alloc&) {
+        ++dropped;
     }
 }
 
@@ -127,20 +198,28 @@ void QueueOwner::Core::OnAnswer(int code) noexcept {
     if (!evictions.Suspects())
         backoff.Reset();
     SetLink(Link::UP);
+    silence.Begin(now);
+    refusalsSaid = 0;
     restoreDue = again;
-    if (!again) {
-        inbox.Add().kind = Event::Kind::CONNECTED;
-        Say(Severity::INFO, "connected to " + place);
-    }
+    if (again)
+        return;
+    QueueEvent(Event::Kind::CONNECTED);
+    const unsigned refused = std::exchange(refusedOffline, 0);
+    Say(Severity::INFO, [&] {
+        return "connected to " + place +
+               (refused == 0 ? "" : "; " + std::to_string(refused) + " publications had been refused before");
+    });
 }
 
 void QueueOwner::Core::OnLost(int error) noexcept {
     const int systemError = errno;
-    const std::string reason = refusal != 0 ? "refused by the broker: " + OrvPlatform::RefusalText(refusal)
-                                            : MosquittoErrorText(error, systemError);
+    const auto reason = [&]() ORV_REQUIRES(mutex) {
+        return refusal != 0 ? "refused by the broker: " + OrvPlatform::RefusalText(refusal)
+                            : MosquittoErrorText(error, systemError);
+    };
     switch (link) {
     case Link::CONNECTING:
-        failure = reason;
+        Explain(reason);
         SetLink(Link::CLOSED);
         break;
     case Link::UP:
@@ -155,74 +234,65 @@ void QueueOwner::Core::OnLost(int error) noexcept {
     }
 }
 
-void QueueOwner::Core::LoseConnection(int error, int systemError) {
+void QueueOwner::Core::LoseConnection(int error, int systemError) noexcept {
     const Time now = std::chrono::steady_clock::now();
-    evictions.Lost(now, error == MOSQ_ERR_CONN_LOST);
+    const auto silent = silence.BeforeLoss(now);
+    // A broker that has heard nothing ends the connection in the same way as one that prefers another client.
+    evictions.Lost(now, error == MOSQ_ERR_CONN_LOST && silent == silent.zero());
     outstanding.DropUnassured();
     lostAt = now;
     attempt = 0;
     pauseEnds = now + backoff.Next();
-    failure = MosquittoErrorText(error, systemError); // for a Connect that has not yet seen that it was accepted
+    // Also for a Connect that has not yet seen that it was accepted.
+    Explain([&]() ORV_REQUIRES(mutex) {
+        return MosquittoErrorText(error, systemError) + (silent == silent.zero() ? "" : WhatHeldUs(silent, now));
+    });
     SetLink(Link::PAUSING);
     Wake();
 
     if (!evictions.Suspects()) {
         evictionSaid = false;
-        Say(Severity::WARNING, "lost the connection to " + place + ": " + failure + "; reconnecting");
+        Say(Severity::WARNING, [this]() ORV_REQUIRES(mutex) {
+            return "lost the connection to " + place + ": " + failure + "; reconnecting";
+        });
     } else if (!evictionSaid) {
-        evictionSaid = true;
-        Say(Severity::ERROR,
-            "the broker keeps throwing this client off: another client uses the same id; leave [broker] "
-            "client_id_suffix out, or put %p and %n into it");
+        evictionSaid = Say(Severity::ERROR, [] {
+            return std::string(
+                "the broker keeps throwing this client off: another client uses the same id; leave [broker] "
+                "client_id_suffix out, or put %p and %n into it");
+        });
     }
 }
 
-void QueueOwner::Core::FailAttempt(const std::string& reason) {
+std::string QueueOwner::Core::WhatHeldUs(OrvPlatform::SilenceWatch::Duration silent, Time now) const {
+    std::string text = "; this client had been silent for " + Seconds(silent);
+    if (underWay != nullptr)
+        text += ", held up by " + NameOf(*underWay) + ", which has not returned yet";
+    else if (now - slowCallbackEnded <= silent + OrvPlatform::SilenceWatch::UNFORGIVEN && !slowCallback.empty())
+        text += ", held up by " + slowCallback;
+    return text;
+}
+
+template <typename Reason>
+void QueueOwner::Core::FailAttempt(Reason reason) noexcept {
     pauseEnds = std::chrono::steady_clock::now() + backoff.Next();
     SetLink(Link::PAUSING);
     const bool news = refusal != refusalSaid;
     refusalSaid = refusal;
-    Say(news && refusal != 0 ? Severity::WARNING : Severity::DEBUG, "cannot reconnect to " + place + ": " + reason);
-}
-
-// Without releasing the lock: no application's publication slips in, to be overtaken by an older one of the same topic.
-void QueueOwner::Core::Restore() {
-    restoreDue = false;
-    refusalSaid = 0;
-    for (auto& subscription : subscriptions)
-        client->Subscribe(subscription.filter, subscription.qos, subscription.messageId);
-    const auto messages = announced.ToAnnounce();
-    for (const auto& message : messages)
-        Send(message.topic, message.payload, message.retained, message.assured);
-    client->Write();
-    if (link != Link::UP)
-        return;
-    inbox.Add().kind = Event::Kind::CONNECTED;
-    Say(evictionSaid ? Severity::DEBUG : Severity::INFO,
-        "connected again to " + place + " after " + Seconds(std::chrono::steady_clock::now() - lostAt) + "; " +
-            std::to_string(subscriptions.size()) + " subscriptions and " + std::to_string(messages.size()) +
-            " announcements made again");
+    Say(news && refusal != 0 ? Severity::WARNING : Severity::DEBUG,
+        [&]() ORV_REQUIRES(mutex) { return "cannot reconnect to " + place + ": " + reason(); });
 }
 
 void QueueOwner::Core::OnMessage(const char* topic, const void* payload, std::size_t size) noexcept {
-    Event& event = inbox.Add();
-    event.kind = Event::Kind::MESSAGE;
-    event.topic.assign(topic);
-    event.payload.assign(static_cast<const char*>(payload), size);
-}
-
-void QueueOwner::Core::OnTaken(int messageId) noexcept {
-    auto taken = outstanding.Take(messageId);
-    if (refusedForBytes != 0 && outstanding.Bytes() <= settings.maxOutstandingBytes / 2) {
-        Say(Severity::INFO,
-            "the broker keeps up again; " + std::to_string(refusedForBytes) + " publications were refused");
-        refusedForBytes = 0;
+    try {
+        Event& event = inbox.Next();
+        event.kind = Event::Kind::MESSAGE;
+        event.topic.assign(topic);
+        event.payload.assign(static_cast<const char*>(payload), size);
+        inbox.Push();
+    } catch (const std::bad_alloc&) {
+        ++dropped;
     }
-    if (!taken || !taken->assured)
-        return;
-    Event& event = inbox.Add();
-    event.kind = Event::Kind::DELIVERED;
-    event.topic = std::move(taken->topic);
 }
 
 void QueueOwner::Core::OnSubscribed(int messageId, bool granted) noexcept {
@@ -232,23 +302,29 @@ void QueueOwner::Core::OnSubscribed(int messageId, bool granted) noexcept {
         return;
     if (!granted)
         Say(Severity::WARNING,
-            "the broker refuses the subscription to " + found->filter + "; look into its access list");
+            [&] { return "the broker refuses the subscription to " + found->filter + "; look into its access list"; });
     found->messageId = 0;
 }
 
-void QueueOwner::Core::Deliver() {
+void QueueOwner::Core::Deliver() noexcept {
     while (!inbox.Empty()) {
         const unsigned current = generation;
+        Time begun = std::chrono::steady_clock::now();
         outbox.Swap(inbox);
         for (std::size_t index = 0; index < outbox.Size(); ++index) {
             if (generation != current || deliveryStopped)
                 break;
             const Event& event = outbox[index];
             delivering = true;
+            underWay = &event;
             mutex.unlock();
             Dispatch(event);
+            const Time ended = std::chrono::steady_clock::now();
             mutex.lock();
             delivering = false;
+            underWay = nullptr;
+            NoteCallback(event, begun, ended);
+            begun = ended;
             if (stopsAwaited > 0)
                 changed.notify_all();
         }
@@ -256,7 +332,18 @@ void QueueOwner::Core::Deliver() {
     }
 }
 
-void QueueOwner::Core::Dispatch(const Event& event) {
+void QueueOwner::Core::NoteCallback(const Event& event, Time begun, Time ended) noexcept {
+    if (ended - begun < SLOW_CALLBACK)
+        return;
+    try {
+        slowCallback = NameOf(event) + ", which took " + Seconds(ended - begun);
+    } catch (const std::bad_alloc&) {
+        slowCallback.clear();
+    }
+    slowCallbackEnded = ended;
+}
+
+void QueueOwner::Core::Dispatch(const Event& event) noexcept {
     try {
         switch (event.kind) {
         case Event::Kind::CONNECTED:
@@ -270,9 +357,20 @@ void QueueOwner::Core::Dispatch(const Event& event) {
             break;
         }
     } catch (const std::exception& exception) {
-        logger.Error() << clientId << ": an exception left the application's callback: " << exception.what();
+        WriteException(exception.what());
     } catch (...) {
-        logger.Error() << clientId << ": an exception of unknown type left the application's callback";
+        WriteException(nullptr);
+    }
+}
+
+void QueueOwner::Core::WriteException(const char* what) noexcept {
+    try {
+        if (what != nullptr)
+            logger.Error() << clientId << ": an exception left the application's callback: " << what;
+        else
+            logger.Error() << clientId << ": an exception of unknown type left the application's callback";
+    } catch (const std::bad_alloc&) {
+        // Nothing is left to say it with.
     }
 }
 

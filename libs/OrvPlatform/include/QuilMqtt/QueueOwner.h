@@ -16,15 +16,22 @@ namespace QUILMQTT {
 /// goes no further.
 ///
 /// Offline: nothing is queued. A command that could arrive minutes late is worse than one refused, so a publication
-/// without a connection returns a non-zero status at once and is never sent later. What was handed over while connected
-/// with `assured`, and not acknowledged when the connection broke, is sent again with the next connection that is made
-/// by itself.
+/// without a connection returns a non-zero status at once. What was handed over while connected with `assured`, and not
+/// acknowledged when the connection broke, is sent again with the next connection that is made by itself.
+///
+/// State is another matter: a retained message, or any message on the will's topic, supersedes what was said on its
+/// topic before, whether it could be sent or not. So that nothing superseded comes back as the truth, this object
+/// remembers what it was last asked to publish on each of these topics; a malformed or too large publication does not
+/// count. The memory is bounded by the configured limit of outstanding bytes.
 ///
 /// Reconnection: a connection that was once made and then lost is made again by itself, at growing intervals (0.25 s
-/// doubling to 4 s, with jitter). Then, in this order: the subscriptions are made again; what the broker may have
-/// forgotten is published again, namely the last payload of every retained topic that this object has published and the
-/// last message that it published on its will's topic, each as it was; then OnConnect is called. A Connect() by the
-/// application begins afresh: it makes no subscription and announces nothing.
+/// doubling to 4 s, with jitter). Then, in this order: the subscriptions are made again; the remembered state is
+/// published, each message as it was asked for; then OnConnect is called. State that is refused while there is a
+/// connection is published as soon as there is room. A Connect() by the application begins afresh: it makes no
+/// subscription and announces nothing.
+///
+/// Fork: an object belongs to the process that made it. In a child every operation is refused, and its destruction
+/// leaves the parent's connection alone.
 ///
 /// Destruction: a class that overrides a callback calls StopDelivery() first thing in its destructor, otherwise a
 /// message may be delivered into an object whose members are gone. Destruction with an open connection drops it without
@@ -33,7 +40,8 @@ namespace QUILMQTT {
 /// own callback.
 class QueueOwner {
 public:
-    /// What a publication returns. Any value but 0 means that nothing was sent and that nothing will be.
+    /// What a publication returns. Any value but 0 means that nothing was sent. A command is never sent later; state is
+    /// (see above).
     /// Where the settings name another program as the gateway's controller, a publication on one of the gateway's
     /// topics is dropped and returns 0 all the same.
     enum PublishStatus : int {
@@ -63,9 +71,9 @@ public:
     /// A publication made with `assured` has been acknowledged by the broker. Does nothing by default.
     virtual void OnDeliveryCompleted(const std::string& topic);
 
-    /// Connects to the configured broker and waits for its answer, at most 3 s.
-    /// A second call while connected says good-bye and connects anew; without a will in the first form, with the new
-    /// will in the second. Subscriptions made before are forgotten with the old connection.
+    /// Connects to the configured broker and waits for its answer, at most 3 s. A callback that is under way meanwhile
+    /// does not hold it up. A second call while connected says good-bye and connects anew; without a will in the first
+    /// form, with the new will in the second. Subscriptions made before are forgotten with the old connection.
     /// @return true when the broker has accepted the connection. After false nothing is retried: call again.
     bool Connect();
 

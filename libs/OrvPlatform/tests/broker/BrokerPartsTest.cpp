@@ -3,10 +3,13 @@
 #include "AnnouncedState.h"
 #include "Backoff.h"
 #include "ClientIdSuffix.h"
+#include "CountedNew.h"
 #include "EventQueue.h"
 #include "EvictionWatch.h"
 #include "MosquittoClient.h"
+#include "MqttText.h"
 #include "OutstandingPublications.h"
+#include "SilenceWatch.h"
 #include "TestClient.h"
 #include "TopicFilter.h"
 
@@ -17,6 +20,7 @@
 #include <cerrno>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace OrvPlatform {
@@ -107,15 +111,15 @@ TEST(OutstandingPublicationsOfAKilobyte, AdmitUpToTheLimitAndNoFurther) {
     OutstandingPublications outstanding(1000);
     EXPECT_TRUE(outstanding.Admits(1000));
     EXPECT_FALSE(outstanding.Admits(1001));
-    outstanding.Add(1, {"a", 600, true});
+    outstanding.Add(1, OutstandingPublications::Prepare({"a", 600, true}));
     EXPECT_TRUE(outstanding.Admits(400));
     EXPECT_FALSE(outstanding.Admits(401));
 }
 
 TEST(OutstandingPublicationsOfAKilobyte, MakeRoomAsTheBrokerTakesThem) {
     OutstandingPublications outstanding(1000);
-    outstanding.Add(1, {"a", 600, true});
-    outstanding.Add(2, {"", 400, false});
+    outstanding.Add(1, OutstandingPublications::Prepare({"a", 600, true}));
+    outstanding.Add(2, OutstandingPublications::Prepare({"", 400, false}));
     EXPECT_EQ(outstanding.Take(1)->topic, "a");
     EXPECT_FALSE(outstanding.Take(1));
     EXPECT_EQ(outstanding.Bytes(), 400U);
@@ -123,8 +127,8 @@ TEST(OutstandingPublicationsOfAKilobyte, MakeRoomAsTheBrokerTakesThem) {
 
 TEST(OutstandingPublicationsOfAKilobyte, LoseWithTheConnectionWhatIsNotAssured) {
     OutstandingPublications outstanding(1000);
-    outstanding.Add(1, {"a", 600, true});
-    outstanding.Add(2, {"", 400, false});
+    outstanding.Add(1, OutstandingPublications::Prepare({"a", 600, true}));
+    outstanding.Add(2, OutstandingPublications::Prepare({"", 400, false}));
     outstanding.DropUnassured();
     EXPECT_EQ(outstanding.Bytes(), 600U);
     EXPECT_TRUE(outstanding.Take(1));
@@ -138,7 +142,7 @@ TEST(OutstandingPublicationsOfAKilobyte, CountTextAndBookkeeping) {
 
 TEST(OutstandingPublicationsOfAKilobyte, AreNoneOnceTheyAreCleared) {
     OutstandingPublications outstanding(1000);
-    outstanding.Add(1, {"a", 600, true});
+    outstanding.Add(1, OutstandingPublications::Prepare({"a", 600, true}));
     outstanding.Clear();
     EXPECT_EQ(outstanding.Bytes(), 0U);
     EXPECT_FALSE(outstanding.Take(1));
@@ -146,101 +150,245 @@ TEST(OutstandingPublicationsOfAKilobyte, AreNoneOnceTheyAreCleared) {
 
 TEST(OutstandingPublicationsOfAKilobyte, AdmitNothingBeyondALimitThatAnnouncementsHavePassed) {
     OutstandingPublications outstanding(1000);
-    outstanding.Add(1, {"a", 1001, true});
+    outstanding.Add(1, OutstandingPublications::Prepare({"a", 1001, true}));
     EXPECT_FALSE(outstanding.Admits(1));
 }
 
 TEST(OutstandingPublicationsWithoutAByteLimit, NeverRunOutOfMessageIds) {
     OutstandingPublications outstanding(std::size_t{1} << 30U);
     for (int id = 1; id <= 60000; ++id)
-        outstanding.Add(id, {"", 1, false});
+        outstanding.Add(id, OutstandingPublications::Prepare({"", 1, false}));
     EXPECT_FALSE(outstanding.Admits(1));
 }
 
 class AnAnnouncedState : public testing::Test {
 protected:
+    static constexpr std::size_t LIMIT = 1000;
+
     std::vector<std::string> Announcements() const {
         std::vector<std::string> lines;
-        for (const Message& message : state.ToAnnounce())
-            lines.push_back(message.topic + "=" + message.payload + (message.retained ? " retained" : "") +
-                            (message.assured ? " assured" : ""));
+        for (const auto& one : state.All())
+            lines.push_back(one.topic + "=" + one.payload + (one.retained ? " retained" : "") +
+                            (one.assured ? " assured" : "") + (one.owed ? " owed" : ""));
         return lines;
     }
 
-    AnnouncedState state;
+    void Send(const std::string& topic, const std::string& payload, bool retained, bool assured) {
+        if (state.Note(topic, payload, retained, assured) == AnnouncedState::Noted::REMEMBERED)
+            state.LatestWasSent();
+    }
+
+    void Refuse(const std::string& topic, const std::string& payload, bool retained, bool assured) {
+        state.Note(topic, payload, retained, assured);
+    }
+
+    AnnouncedState state{LIMIT};
 };
 
 using Lines = std::vector<std::string>;
 
 TEST_F(AnAnnouncedState, KeepsTheLastPayloadOfEachRetainedTopicInOrderOfPublication) {
-    state.Note("green", "On", true, false);
-    state.Note("yellow", "Off", true, true);
-    state.Note("green", "Blink", true, false);
+    Send("green", "On", true, false);
+    Send("yellow", "Off", true, true);
+    Send("green", "Blink", true, false);
     EXPECT_EQ(Announcements(), (Lines{"yellow=Off retained assured", "green=Blink retained"}));
 }
 
+TEST_F(AnAnnouncedState, KeepsWhatWasAskedLastWhetherItWasSentOrNot) {
+    Send("green", "On", true, true);
+    Refuse("green", "Off", true, false);
+    Refuse("yellow", "On", true, false);
+    EXPECT_EQ(Announcements(), (Lines{"green=Off retained owed", "yellow=On retained owed"}));
+    Send("green", "Blink", true, false);
+    EXPECT_EQ(Announcements(), (Lines{"yellow=On retained owed", "green=Blink retained"}));
+}
+
 TEST_F(AnAnnouncedState, ForgetsPlainMessages) {
-    state.Note("command", "reset", false, true);
+    Send("command", "reset", false, true);
+    Refuse("command", "reset", false, true);
+    EXPECT_EQ(state.Note("command", "reset", false, true), AnnouncedState::Noted::NOT_STATE);
     EXPECT_EQ(Announcements(), Lines{});
 }
 
-TEST_F(AnAnnouncedState, ForgetsARetainedTopicThatWasDeleted) {
-    state.Note("green", "On", true, false);
-    state.Note("green", "", true, false);
-    EXPECT_EQ(Announcements(), Lines{});
+TEST_F(AnAnnouncedState, DeletesARetainedTopicAgainThatWasDeleted) {
+    Send("green", "On", true, false);
+    Send("green", "", true, false);
+    EXPECT_EQ(Announcements(), Lines{"green= retained"});
 }
 
 TEST_F(AnAnnouncedState, KeepsTheLastMessageOnTheWillsTopicWithItsKind) {
-    state.SetWillTopic("available");
-    state.Note("available", "true", false, false);
-    state.Note("available", "maybe", false, true);
-    EXPECT_EQ(Announcements(), Lines{"available=maybe assured"});
+    state.BeginAfresh("available");
+    Send("available", "true", false, false);
+    Refuse("available", "maybe", false, true);
+    EXPECT_EQ(Announcements(), Lines{"available=maybe assured owed"});
 }
 
 TEST_F(AnAnnouncedState, SaysTheWillsTopicOnceWhenItWasRetained) {
-    state.SetWillTopic("available");
-    state.Note("available", "true", true, false);
+    state.BeginAfresh("available");
+    Send("available", "soon", false, false);
+    Send("available", "true", true, false);
     EXPECT_EQ(Announcements(), Lines{"available=true retained"});
 }
 
 TEST_F(AnAnnouncedState, EndsOnTheLastWordOnTheWillsTopic) {
-    state.SetWillTopic("available");
-    state.Note("available", "true", true, false);
-    state.Note("available", "soon", false, false);
+    state.BeginAfresh("available");
+    Send("available", "true", true, false);
+    Send("available", "soon", false, false);
     EXPECT_EQ(Announcements(), (Lines{"available=true retained", "available=soon"}));
 }
 
 TEST_F(AnAnnouncedState, DeletesAgainWhatAWillMayHaveRetained) {
-    state.SetWillTopic("available");
-    state.Note("available", "", true, false);
+    state.BeginAfresh("available");
+    Send("available", "", true, false);
     EXPECT_EQ(Announcements(), Lines{"available= retained"});
 }
 
 TEST_F(AnAnnouncedState, ForgetsTheWillsTopicWithTheWill) {
-    state.SetWillTopic("available");
-    state.Note("available", "true", false, false);
-    state.SetWillTopic("");
-    EXPECT_EQ(Announcements(), Lines{});
+    state.BeginAfresh("available");
+    Send("available", "true", false, false);
+    Send("green", "On", true, false);
+    state.BeginAfresh("");
+    Send("available", "true", false, false);
+    EXPECT_EQ(Announcements(), Lines{"green=On retained"});
+}
+
+TEST_F(AnAnnouncedState, OwesNothingToAConnectionThatTheApplicationMakes) {
+    Refuse("green", "On", true, false);
+    state.BeginAfresh("");
+    EXPECT_EQ(Announcements(), Lines{"green=On retained"});
+}
+
+class AFullAnnouncedState : public AnAnnouncedState {
+protected:
+    // Topic, payload and 128 bytes of bookkeeping count.
+    static constexpr std::size_t MOST = LIMIT / 2 - 128 - 1;
+
+    AFullAnnouncedState() {
+        Send("a", std::string(MOST, 'x'), true, false);
+        Send("b", std::string(MOST, 'x'), true, false);
+    }
+
+    Lines Topics() const {
+        Lines topics;
+        for (const auto& one : state.All())
+            topics.push_back(one.topic);
+        return topics;
+    }
+};
+
+TEST_F(AFullAnnouncedState, TakesNoFurtherTopicAndGoesOnWithThoseThatItHas) {
+    EXPECT_EQ(state.Note("c", "", true, false), AnnouncedState::Noted::NO_ROOM);
+    EXPECT_EQ(state.Note("a", std::string(MOST, 'y'), true, false), AnnouncedState::Noted::REMEMBERED);
+    EXPECT_EQ(Topics(), (Lines{"b", "a"}));
+}
+
+TEST_F(AFullAnnouncedState, AnnouncesNothingRatherThanWhatIsSuperseded) {
+    EXPECT_EQ(state.Note("a", std::string(MOST + 1, 'y'), true, false), AnnouncedState::Noted::NO_ROOM);
+    EXPECT_EQ(Topics(), Lines{"b"});
+    EXPECT_EQ(state.Note("c", std::string(MOST, 'y'), true, false), AnnouncedState::Noted::REMEMBERED);
+    EXPECT_EQ(Topics(), (Lines{"b", "c"}));
+}
+
+TEST_F(AFullAnnouncedState, MakesRoomWithDeletionsThatWereHandedOver) {
+    Send("a", "", true, false);
+    Refuse("b", "", true, false);
+    EXPECT_EQ(state.Note("c", std::string(LIMIT - 2 * 128 - 2, 'x'), true, false), AnnouncedState::Noted::REMEMBERED);
+    EXPECT_EQ(Topics(), (Lines{"b", "c"}));
+}
+
+TEST_F(AFullAnnouncedState, StillTakesTheLastWordOnTheWillsTopic) {
+    state.BeginAfresh("available");
+    EXPECT_EQ(state.Note("available", "true", false, false), AnnouncedState::Noted::REMEMBERED);
+    EXPECT_EQ(Topics(), (Lines{"a", "b", "available"}));
+}
+
+#ifndef ORV_ALLOCATIONS_NOT_COUNTED
+TEST(AnAnnouncedStateWithoutMemory, AnnouncesNothingRatherThanWhatIsSuperseded) {
+    const std::string topic(100, 'a');
+    const std::string payload(100, 'x');
+    for (const bool retained : {true, false}) {
+        for (const bool known : {true, false}) {
+            auto noted = AnnouncedState::Noted::OUT_OF_MEMORY;
+            for (int allocation = 1; noted == AnnouncedState::Noted::OUT_OF_MEMORY; ++allocation) {
+                AnnouncedState state(1000);
+                state.BeginAfresh(topic);
+                if (known)
+                    state.Note(topic, "superseded", retained, true);
+                OrvTest::FailAllocation(allocation);
+                noted = state.Note(topic, payload, retained, true);
+                EXPECT_EQ(OrvTest::HasFailedAllocation(), noted == AnnouncedState::Noted::OUT_OF_MEMORY);
+                OrvTest::FailAllocation(0);
+                EXPECT_EQ(state.All().size(), noted == AnnouncedState::Noted::OUT_OF_MEMORY ? 0U : 1U);
+                EXPECT_TRUE(state.All().empty() || state.All().front().payload == payload);
+                EXPECT_TRUE(allocation > 1 || noted == AnnouncedState::Noted::OUT_OF_MEMORY);
+            }
+        }
+    }
+}
+#endif
+
+class ASilenceWatch : public testing::Test {
+protected:
+    ASilenceWatch() { watch.Begin(now); }
+
+    void ServeAfter(std::chrono::milliseconds pause) {
+        now += pause;
+        watch.Served(now);
+    }
+
+    std::chrono::steady_clock::duration LossAfter(std::chrono::milliseconds pause) {
+        now += pause;
+        return watch.BeforeLoss(now);
+    }
+
+    SilenceWatch watch{4s};
+    SilenceWatch::Time now{1000s};
+};
+
+TEST_F(ASilenceWatch, CountsFromOneAndAHalfTimesTheKeepAliveOn) {
+    ServeAfter(1s);
+    EXPECT_EQ(LossAfter(5999ms), 0ms);
+    EXPECT_EQ(LossAfter(1ms), 6s);
+}
+
+TEST_F(ASilenceWatch, RemembersForAMomentASilenceThatEndedTooLate) {
+    ServeAfter(7s);
+    ServeAfter(10ms);
+    EXPECT_EQ(LossAfter(1989ms), 7s);
+    EXPECT_EQ(LossAfter(1ms), 0s) << "the broker has forgiven it";
+}
+
+TEST_F(ASilenceWatch, BeginsAnewWithEachConnection) {
+    ServeAfter(7s);
+    now += 3600s;
+    watch.Begin(now);
+    EXPECT_EQ(LossAfter(1s), 0s);
+}
+
+void Push(EventQueue& queue, const std::string& payload) {
+    queue.Next().payload = payload;
+    queue.Push();
 }
 
 TEST(AnEventQueue, KeepsOrderOverReuse) {
     EventQueue queue;
     for (const char* text : {"first", "second"})
-        queue.Add().payload = text;
+        Push(queue, text);
     queue.Clear();
     EXPECT_TRUE(queue.Empty());
-    queue.Add().payload = "third";
+    Push(queue, "third");
     ASSERT_EQ(queue.Size(), 1U);
     EXPECT_EQ(queue[0].payload, "third");
 }
 
 TEST(AnEventQueue, LetsGoOfLargeTexts) {
     EventQueue queue;
-    Event& large = queue.Add();
+    Event& large = queue.Next();
     large.payload.assign(1 << 20U, 'x');
     large.topic.assign(1 << 15U, 'x');
+    queue.Push();
     queue.Clear();
-    const Event& next = queue.Add();
+    const Event& next = queue.Next();
     EXPECT_LE(next.payload.capacity(), 1024U);
     EXPECT_LE(next.topic.capacity(), 1024U);
 }
@@ -248,7 +396,7 @@ TEST(AnEventQueue, LetsGoOfLargeTexts) {
 TEST(AnEventQueue, ChangesPlacesWithAnother) {
     EventQueue queue;
     EventQueue other;
-    queue.Add().payload = "first";
+    Push(queue, "first");
     queue.Swap(other);
     EXPECT_TRUE(queue.Empty());
     ASSERT_EQ(other.Size(), 1U);
@@ -258,12 +406,42 @@ TEST(AnEventQueue, ChangesPlacesWithAnother) {
 TEST(AnEventQueue, LetsGoOfTheSlotsThatABurstNeeded) {
     EventQueue queue;
     for (int number = 0; number < 1000; ++number)
-        queue.Add().payload = "leftover";
+        Push(queue, "leftover");
     queue.Clear();
     std::size_t used = 0;
-    for (int number = 0; number < 1000; ++number)
-        used += queue.Add().payload == "leftover" ? 1 : 0;
+    for (int number = 0; number < 1000; ++number) {
+        used += queue.Next().payload == "leftover" ? 1 : 0;
+        queue.Push();
+    }
     EXPECT_EQ(used, EventQueue::MOST_KEPT);
+}
+
+TEST(AnEventQueue, DoesNotCountAnEventThatWasNotPushed) {
+    EventQueue queue;
+    queue.Next().payload = "half";
+    EXPECT_TRUE(queue.Empty());
+    Push(queue, "whole");
+    ASSERT_EQ(queue.Size(), 1U);
+    EXPECT_EQ(queue[0].payload, "whole");
+}
+
+TEST(ATextForTheBroker, IsNamedWithItsFault) {
+    for (const auto& [text, fault] :
+         std::vector<std::pair<std::string, std::string>>{{"", "is empty"},
+                                                          {std::string(65536, 'x'), "is longer than 65535 bytes"},
+                                                          {std::string("a\0b", 3), "holds a control character"},
+                                                          {"a\nb", "holds a control character"},
+                                                          {"a\x7f", "holds a control character"},
+                                                          {"a\xff", "is not UTF-8 text"},
+                                                          {"a\xc2\x85", "is not UTF-8 text"},
+                                                          {"a/+", "holds a wildcard (+ or #)"},
+                                                          {"#", "holds a wildcard (+ or #)"}}) {
+        const char* found = FaultOfTopic(text);
+        EXPECT_STREQ(found, fault.c_str()) << text.substr(0, 20);
+    }
+    for (const char* topic : {"a", "/", "//", "a//b", "\xc3\xa4"})
+        EXPECT_EQ(FaultOfTopic(topic), nullptr) << topic;
+    EXPECT_EQ(FaultOfText("a/+/#"), nullptr);
 }
 
 TEST(AClientIdSuffix, HasEachPlaceholderReplacedWhereverItStands) {

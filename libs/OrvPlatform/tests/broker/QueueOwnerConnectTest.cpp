@@ -118,7 +118,8 @@ TEST_F(ACallerWithoutABroker, IsToldTheReasonOfEachAttemptAnew) {
 TEST_F(ACallerWithoutABroker, IsToldThatItsIdHoldsANul) {
     FakeBrokerServer server(FakeBrokerServer::Accept);
     ExpectFailure(server.Port(), std::string("a\0b", 3));
-    EXPECT_EQ(Logged("client id or will topic holds a NUL"), 1U);
+    EXPECT_EQ(Logged(": the client id \"a"), 1U);
+    EXPECT_EQ(Logged("\" holds a control character"), 1U);
 }
 
 TEST_F(ACallerWithoutABroker, IsToldThatThereWasNoDescriptorLeft) {
@@ -185,20 +186,55 @@ TEST_F(ACallerWithoutABroker, IsAnsweredWhenAnotherThreadDisconnectsMeanwhile) {
     EXPECT_FALSE(connecting.get());
 }
 
-TEST_F(ACallerWithoutABroker, IsToldAboutASettingThatTheClientLibraryRefuses) {
-    FakeBrokerServer server(FakeBrokerServer::Accept);
-    BrokerSettings().port = server.Port();
-    TestClient nameless("");
-    EXPECT_FALSE(nameless.Connect());
-    TestClient client;
-    EXPECT_FALSE(client.Connect("will/#", "gone", true));
-    EXPECT_FALSE(client.Connect("", "gone", true));
-    EXPECT_FALSE(client.Connect("will", std::string(65536, 'x'), true));
-    EXPECT_FALSE(client.Connect(std::string("will\0topic", 10), "gone", true));
+class AConnectThatIsImpossible : public BrokerTest {
+protected:
+    AConnectThatIsImpossible() : BrokerTest(0) { BrokerSettings().port = server.Port(); }
+
+    /// Checks that nothing but this is said of the attempt.
+    void ExpectReason(const std::string& reason, const std::string& willTopic = "will",
+                      const std::string& willMessage = "gone", const std::string& clientId = "client") {
+        TestClient client(clientId);
+        const std::size_t before = Log().size();
+        EXPECT_FALSE(client.Connect(willTopic, willMessage, true));
+        ASSERT_EQ(Log().size(), before + 1);
+        EXPECT_EQ(Log().back(), "log warning QueueOwner \"" + clientId + ": cannot connect to 127.0.0.1:" +
+                                    std::to_string(server.Port()) + ": " + reason + "\"");
+        EXPECT_EQ(server.Connections(), 0);
+    }
+
+    FakeBrokerServer server{FakeBrokerServer::Accept};
+};
+
+TEST_F(AConnectThatIsImpossible, NamesAWillsTopicWithAWildcard) {
+    ExpectReason("the last will's topic \"features/#/available\" holds a wildcard (+ or #)", "features/#/available");
+    ExpectReason("the last will's topic \"+\" holds a wildcard (+ or #)", "+");
+}
+
+TEST_F(AConnectThatIsImpossible, NamesAWillsTopicThatIsNoText) {
+    ExpectReason("the last will's topic \"\" is empty", "");
+    ExpectReason("the last will's topic \"a\nb\" holds a control character", "a\nb");
+    ExpectReason("the last will's topic \"a\xff\" is not UTF-8 text", "a\xff");
+    ExpectReason("the last will's topic \"" + std::string(128, 'x') + "...\" is longer than 65535 bytes",
+                 std::string(65536, 'x'));
+}
+
+TEST_F(AConnectThatIsImpossible, NamesAWillsMessageThatIsTooLong) {
+    ExpectReason("the last will's message is longer than 65535 bytes", "will", std::string(65536, 'x'));
+}
+
+TEST_F(AConnectThatIsImpossible, NamesAClientIdThatIsNone) {
+    ExpectReason("the client id \"\" is empty", "will", "gone", "");
+}
+
+TEST_F(AConnectThatIsImpossible, NamesAUserNameThatIsNone) {
     BrokerSettings().username = "\xff";
-    TestClient unreadable;
-    EXPECT_FALSE(unreadable.Connect());
-    EXPECT_EQ(server.Connections(), 0);
+    ExpectReason("[broker] username \"\xff\" is not UTF-8 text");
+}
+
+TEST_F(AConnectThatIsImpossible, IsNotMadeOneByAWillsTopicWithAnEmptyLevel) {
+    TestClient client;
+    EXPECT_TRUE(client.Connect("features//available", "gone", true));
+    EXPECT_EQ(Logged("cannot connect"), 0U);
 }
 
 TEST_F(ACallerWithoutABroker, HasTheClientLibraryInitialisedOnce) {
