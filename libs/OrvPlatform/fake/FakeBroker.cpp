@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "FakeBroker.h"
 
+#include "AnnouncedState.h"
 #include "Journal.h"
 #include "QuilMqtt/QueueOwner.h"
 
@@ -18,8 +19,8 @@ using OrvPlatformFake::FakeBroker;
 using OrvPlatformFake::Journal;
 namespace Entry = OrvPlatformFake::Entry;
 
-constexpr int INVALID_TOPIC = 3;
-constexpr int NO_CONNECTION = 4;
+// More than any test keeps: what the limit does is the real one's matter.
+constexpr std::size_t MOST_STATE = 1024 * 1024;
 
 struct Will {
     std::string topic;
@@ -34,6 +35,8 @@ struct Client {
     bool delivering = false;
     std::optional<Will> will;
     std::vector<std::string> filters;
+    bool dropped = false; // and would be made again by itself
+    OrvPlatform::AnnouncedState announced{MOST_STATE};
 
     bool Wants(const std::string& topic) const {
         return connected && delivering && std::any_of(filters.begin(), filters.end(), [&](const std::string& filter) {
@@ -70,7 +73,9 @@ struct State {
         client.filters.clear();
         client.connected = reachable;
         client.delivering = reachable;
+        client.dropped = false;
         client.will = std::move(will);
+        client.announced.BeginAfresh(client.will ? client.will->topic : "");
         Journal::Add(client.will ? Entry::ConnectWithWill(client.id, client.will->topic, client.will->message,
                                                           client.will->retained, client.connected)
                                  : Entry::Connect(client.id, client.connected));
@@ -82,11 +87,42 @@ struct State {
             Journal::Add(Entry::Will(client.id, client.will->topic, client.will->message));
             Accept(client.will->topic, client.will->message, client.will->retained);
         }
-        client.connected = false;
-        client.filters.clear();
+        client.dropped = std::exchange(client.connected, false);
     }
 
-    int Publish(const Client& client, const std::string& topic, const std::string& payload, bool retain) {
+    /// Everything, or what has not been taken yet.
+    void Announce(Client& client, bool everything) {
+        for (auto& announcement : client.announced.All()) {
+            if (everything || announcement.owed)
+                Accept(announcement.topic, announcement.payload, announcement.retained);
+            announcement.owed = false;
+        }
+    }
+
+    void Subscribe(const std::shared_ptr<Client>& client, const std::string& filter) {
+        // As real brokers do: a retained message comes once for every subscription that matches it.
+        for (const auto& [topic, payload] : retained)
+            if (FakeBroker::Matches(filter, topic))
+                waiting.push_back({client, topic, payload});
+    }
+
+    QUILMQTT::QueueOwner* Restore(const std::string& clientId) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        for (const auto& client : clients) {
+            if (client->id != clientId || !client->dropped)
+                continue;
+            client->dropped = false;
+            client->connected = true;
+            for (const auto& filter : client->filters)
+                Subscribe(client, filter);
+            Announce(*client, true);
+            return client->delivering ? client->owner : nullptr;
+        }
+        return nullptr;
+    }
+
+    int Publish(Client& client, const std::string& topic, const std::string& payload, bool retain, bool assured) {
+        using QUILMQTT::QueueOwner;
         std::function<void(const std::string&)> hook;
         {
             const std::lock_guard<std::mutex> lock(mutex);
@@ -95,14 +131,17 @@ struct State {
         if (hook)
             hook(topic);
         const std::lock_guard<std::mutex> lock(mutex);
+        if (topic.empty() || topic.find_first_of("+#") != std::string::npos)
+            return QueueOwner::MALFORMED_TOPIC;
+        const auto noted = client.announced.Note(topic, payload, retain, assured);
         if (publishStatus != 0)
             return publishStatus;
         if (!client.connected)
-            return NO_CONNECTION;
-        if (topic.empty() || topic.find_first_of("+#") != std::string::npos)
-            return INVALID_TOPIC;
+            return QueueOwner::NOT_CONNECTED;
+        if (noted == OrvPlatform::AnnouncedState::Noted::REMEMBERED)
+            client.announced.LatestWasSent();
         Accept(topic, payload, retain);
-        return 0;
+        return QueueOwner::HANDED_OVER;
     }
 
     /// The next waiting message and who gets it; nothing when none waits.
@@ -184,27 +223,25 @@ bool QueueOwner::Subscribe(const std::string& filter, int qos) {
     if (!core->connected)
         return false;
     core->filters.push_back(filter);
-    // As real brokers do: a retained message comes once for every subscription that matches it.
-    for (const auto& [topic, payload] : broker.retained)
-        if (FakeBroker::Matches(filter, topic))
-            broker.waiting.push_back({core, topic, payload});
+    broker.Subscribe(core, filter);
     return true;
 }
 
 int QueueOwner::PublishMessage(const std::string& topic, const std::string& payload, bool assured) {
     Journal::Add(Entry::Publish(core->id, topic, payload, assured));
-    return Broker().Publish(*core, topic, payload, false);
+    return Broker().Publish(*core, topic, payload, false, assured);
 }
 
 int QueueOwner::PublishRetainedMessage(const std::string& topic, const std::string& payload, bool assured) {
     Journal::Add(Entry::PublishRetained(core->id, topic, payload, assured));
-    return Broker().Publish(*core, topic, payload, true);
+    return Broker().Publish(*core, topic, payload, true, assured);
 }
 
 bool QueueOwner::Disconnect() {
     const std::lock_guard<std::mutex> lock(Broker().mutex);
     Journal::Add(Entry::Disconnect(core->id));
     core->filters.clear();
+    core->dropped = false;
     return std::exchange(core->connected, false);
 }
 
@@ -239,8 +276,12 @@ void FakeBroker::SetReachable(bool reachable) {
 }
 
 void FakeBroker::SetPublishStatus(int status) {
-    const std::lock_guard<std::mutex> lock(Broker().mutex);
-    Broker().publishStatus = status;
+    State& broker = Broker();
+    const std::lock_guard<std::mutex> lock(broker.mutex);
+    broker.publishStatus = status;
+    for (const auto& client : broker.clients)
+        if (status == 0 && client->connected)
+            broker.Announce(*client, false);
 }
 
 void FakeBroker::SetPublishHook(std::function<void(const std::string& topic)> hook) {
@@ -266,6 +307,11 @@ void FakeBroker::DropConnection(const std::string& clientId) {
     for (const auto& client : broker.clients)
         if (client->id == clientId)
             broker.Drop(*client);
+}
+
+void FakeBroker::RestoreConnection(const std::string& clientId) {
+    if (auto* owner = Broker().Restore(clientId))
+        owner->OnConnect();
 }
 
 bool FakeBroker::HasRetained(const std::string& topic) {

@@ -18,7 +18,8 @@ public:
     /// Whether connections are accepted from now on.
     void SetReachable(bool reachable);
 
-    /// What every publication returns from now on; 0 lets them through.
+    /// What every publication returns from now on; 0 lets them through, and with them the state that was refused while
+    /// the client was connected.
     void SetPublishStatus(int status);
 
     /// Called at the start of every publication, on the publishing thread; empty for none.
@@ -32,6 +33,10 @@ public:
 
     /// The connection of that client ends without a good-bye: its last will is published.
     void DropConnection(const std::string& clientId);
+
+    /// A connection that has ended so is made again by itself: first the subscriptions, then what was last asked for on
+    /// each retained topic and on the will's topic, taken or refused; then OnConnect, on the calling thread.
+    void RestoreConnection(const std::string& clientId);
 
     bool HasRetained(const std::string& topic);
     std::string Retained(const std::string& topic);

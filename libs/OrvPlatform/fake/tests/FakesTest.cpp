@@ -27,8 +27,10 @@ public:
         if (then)
             then();
     }
+    void OnConnect() override { ++connects; }
     using QueueOwner::StopDelivery;
 
+    int connects = 0;
     Entries received;
     std::function<void()> then;
 };
@@ -112,6 +114,51 @@ TEST_F(TheFakeBroker, TakesNothingFromAClientThatIsNotConnected) {
     client.Disconnect();
     EXPECT_NE(client.PublishMessage("/a", "b", false), 0);
     EXPECT_FALSE(client.Subscribe("/a", 0));
+}
+
+TEST_F(TheFakeBroker, RestoresWhatWasLastAskedForWhetherItWasTakenOrNot) {
+    Client witness("witness");
+    witness.Connect();
+    witness.Subscribe("/#", 0);
+    client.Subscribe("/wanted", 0);
+    client.PublishRetainedMessage("/dns", "inhibit", true);
+    client.PublishMessage("/will", "here", false);
+    client.PublishMessage("/command", "1", false);
+    broker.DropConnection("client");
+    EXPECT_EQ(client.PublishRetainedMessage("/dns", "permit", true), Client::NOT_CONNECTED);
+    EXPECT_EQ(client.PublishMessage("/command", "2", false), Client::NOT_CONNECTED);
+    EXPECT_EQ(client.PublishRetainedMessage("/dns/#", "inhibit", true), Client::MALFORMED_TOPIC);
+    broker.Deliver();
+    witness.received.clear();
+    EXPECT_EQ(broker.Retained("/dns"), "inhibit");
+    broker.RestoreConnection("client");
+    EXPECT_EQ(client.connects, 1);
+    broker.Inject("/wanted", "x");
+    broker.Deliver();
+    EXPECT_EQ(broker.Retained("/dns"), "permit");
+    EXPECT_EQ(witness.received, (Entries{"/will here", "/dns permit", "/wanted x"}));
+    EXPECT_EQ(client.received, (Entries{"/wanted x"}));
+}
+
+TEST_F(TheFakeBroker, RestoresNoConnectionThatWasEndedWithAGoodBye) {
+    client.Disconnect();
+    client.PublishRetainedMessage("/a", "refused", false);
+    broker.RestoreConnection("client");
+    EXPECT_FALSE(broker.IsConnected("client"));
+    EXPECT_EQ(client.connects, 0);
+    client.Connect();
+    EXPECT_FALSE(broker.HasRetained("/a")) << "nothing is announced into a connection that the application makes";
+}
+
+TEST_F(TheFakeBroker, TakesTheStateThatItHasRefusedOnceItTakesPublicationsAgain) {
+    broker.SetPublishStatus(Client::OUTSTANDING_FULL);
+    EXPECT_EQ(client.PublishRetainedMessage("/a", "kept", false), Client::OUTSTANDING_FULL);
+    EXPECT_EQ(client.PublishMessage("/b", "lost", false), Client::OUTSTANDING_FULL);
+    client.Subscribe("/#", 0);
+    broker.SetPublishStatus(0);
+    broker.Deliver();
+    EXPECT_EQ(client.received, (Entries{"/a kept"}));
+    EXPECT_EQ(broker.Retained("/a"), "kept");
 }
 
 TEST_F(TheFakeBroker, RefusesTopicsThatNoBrokerTakes) {
