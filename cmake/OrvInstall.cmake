@@ -5,6 +5,9 @@ include(CMakePackageConfigHelpers)
 set(ORV_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake)
 set(ORV_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 set(ORV_CONTRACT_DIR ${CMAKE_INSTALL_INCLUDEDIR}/orv-platform)
+# From the pkg-config files up to the prefix, wherever that is when they are read.
+file(RELATIVE_PATH ORV_PKGCONFIG_TO_PREFIX /prefix/${ORV_PKGCONFIG_DIR} /prefix)
+string(REGEX REPLACE "/$" "" ORV_PKGCONFIG_TO_PREFIX ${ORV_PKGCONFIG_TO_PREFIX})
 
 # orv_install_package(NAME TARGETS ... COMPONENT ... DEVEL_COMPONENT ... PKGCONFIG template)
 function(orv_install_package name)
@@ -12,6 +15,8 @@ function(orv_install_package name)
   install(TARGETS ${ARG_TARGETS} EXPORT ${name}Targets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${ARG_COMPONENT} NAMELINK_COMPONENT ${ARG_DEVEL_COMPONENT})
   install(EXPORT ${name}Targets NAMESPACE ${name}:: DESTINATION ${ORV_CMAKE_DIR}/${name} COMPONENT ${ARG_DEVEL_COMPONENT})
+  # The same package in the build folder, for projects that do not want to install.
+  export(EXPORT ${name}Targets NAMESPACE ${name}:: FILE ${PROJECT_BINARY_DIR}/${name}Targets.cmake)
   configure_file(cmake/package/Config.cmake.in ${name}Config.cmake @ONLY)
   write_basic_package_version_file(${name}ConfigVersion.cmake COMPATIBILITY SameMajorVersion)
   configure_file(cmake/package/${ARG_PKGCONFIG}.in ${ARG_PKGCONFIG} @ONLY)
@@ -27,8 +32,14 @@ if(ORV_PLATFORM STREQUAL "linux")
   orv_install_package(OrvPlatform TARGETS OrvPlatform OrvPlatformContract COMPONENT platform DEVEL_COMPONENT platform-dev
     PKGCONFIG orvplatform.pc)
   install(DIRECTORY libs/OrvPlatform/include/ DESTINATION ${ORV_CONTRACT_DIR} COMPONENT platform-dev)
-  install(FILES libs/OrvPlatform/config/gateway.ini DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/orv COMPONENT platform)
+  install(FILES libs/OrvPlatform/config/gateway.ini DESTINATION ${ORV_SYSCONF_DIR}/orv COMPONENT platform)
   install(FILES libs/OrvPlatform/config/mosquitto.conf libs/OrvPlatform/config/acl
     libs/OrvPlatform/config/connman-policy.conf
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/liborvplatform${PROJECT_VERSION_MAJOR}/examples COMPONENT platform)
+endif()
+
+if(ORV_BUILD_TESTS AND ORV_BUILD_APPS AND ORV_PLATFORM STREQUAL "linux" AND NOT ORV_SANITIZE AND NOT CMAKE_CROSSCOMPILING)
+  add_test(NAME InstalledElsewhere
+    COMMAND ${PROJECT_SOURCE_DIR}/tests/consumer/elsewhere.sh ${PROJECT_BINARY_DIR} ${CMAKE_CXX_COMPILER})
+  set_tests_properties(InstalledElsewhere PROPERTIES LABELS binary TIMEOUT 300)
 endif()

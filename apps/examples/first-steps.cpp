@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <OrvStackSdk/OrvStackSdk.h>
 
-#include <curl/curl.h>
-
 #include <iostream>
 
 #include <poll.h>
@@ -18,7 +16,6 @@ class Printer : public OrvStackSdk::IOrvStackClientHandler {
 };
 
 int main() try {
-    curl_global_init(CURL_GLOBAL_DEFAULT);
     const auto printer = std::make_shared<Printer>();
     const auto client = OrvStackSdk::CreateClient();
     client->SetHandler(printer);

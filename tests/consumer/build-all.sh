@@ -21,6 +21,19 @@ for compiler in g++ clang++; do
     done
 done
 
+# README's program, by CMake and as README tells.
+build=$(mktemp -d)
+"$sources/readme-program.sh" "$sources/README.md" >"$build/mine.cpp"
+cp "$build/mine.cpp" "$build/first-steps.cpp"
+cp "$sources/readme.cmake" "$build/CMakeLists.txt"
+cmake -S "$build" -B "$build/build" -DCMAKE_CXX_STANDARD=17 -DCMAKE_CXX_FLAGS="$flags" >/dev/null
+cmake --build "$build/build" >/dev/null
+mkdir -p "$output/readme"
+mv "$build/build/first-steps" "$output/readme/cmake"
+told=$(grep -F 'pkg-config --cflags --libs orvstacksdk' "$sources/README.md" | sed 's/^ *//')
+(cd "$build" && eval "$told" && mv mine "$output/readme/told")
+rm -rf "$build"
+
 # The platform has a package of its own.
 build=$(mktemp -d)
 cp "$sources/platform.cpp" "$build"
