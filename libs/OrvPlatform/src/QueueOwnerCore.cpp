@@ -320,6 +320,7 @@ void QueueOwner::Core::WriteLog() noexcept {
     for (const auto& [severity, text] : written)
         Write(severity, text);
     mutex.lock();
+    lookedAtClock = std::chrono::steady_clock::now();
 }
 
 void QueueOwner::Core::Write(Severity severity, const std::string& text) noexcept {

@@ -165,6 +165,7 @@ private:
     OrvPlatform::EventQueue inbox ORV_GUARDED_BY(mutex);
     OrvPlatform::EventQueue outbox ORV_GUARDED_BY(mutex); // being delivered; only the delivery thread changes it
     const OrvPlatform::Event* underWay ORV_GUARDED_BY(mutex) = nullptr;
+    Time lookedAtClock ORV_GUARDED_BY(mutex); // when a callback that comes next begins, near enough
     Time slowCallbackEnded ORV_GUARDED_BY(mutex);
     std::string slowCallback ORV_GUARDED_BY(mutex); // the latest one that took long, in words
     unsigned dropped ORV_GUARDED_BY(mutex) = 0;     // events for which there was no memory

@@ -105,8 +105,10 @@ void QueueOwner::Core::Turn() noexcept {
 
     // While the lock was away another client may have taken this one's place, its descriptor's number even; and another
     // thread this one's, for which the wake-up may be meant.
-    if (seen != generation)
+    if (seen != generation) {
+        lookedAtClock = std::chrono::steady_clock::now();
         return;
+    }
     if (waits[0].revents != 0) {
         std::uint64_t count = 0;
         [[maybe_unused]] const ssize_t drained = read(wakeUp, &count, sizeof count);
@@ -147,6 +149,7 @@ void QueueOwner::Core::ServeSocket(short ready) noexcept {
 }
 
 void QueueOwner::Core::Advance(Time now) noexcept {
+    lookedAtClock = now;
     if (link == Link::UP)
         silence.Served(now);
     if (link == Link::UP && now - keepAliveChecked >= KEEP_ALIVE_CHECK) {
@@ -309,7 +312,7 @@ void QueueOwner::Core::OnSubscribed(int messageId, bool granted) noexcept {
 void QueueOwner::Core::Deliver() noexcept {
     while (!inbox.Empty()) {
         const unsigned current = generation;
-        Time begun = std::chrono::steady_clock::now();
+        Time begun = lookedAtClock;
         outbox.Swap(inbox);
         for (std::size_t index = 0; index < outbox.Size(); ++index) {
             if (generation != current || deliveryStopped)
@@ -324,7 +327,7 @@ void QueueOwner::Core::Deliver() noexcept {
             delivering = false;
             underWay = nullptr;
             NoteCallback(event, begun, ended);
-            begun = ended;
+            begun = lookedAtClock = ended;
             if (stopsAwaited > 0)
                 changed.notify_all();
         }
