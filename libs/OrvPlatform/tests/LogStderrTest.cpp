@@ -89,14 +89,23 @@ Lines NextLines(int reader, std::size_t count) {
     return LogLines(text);
 }
 
-/// Descriptors that nothing can be opened beside, so that the sink must make do with the one it has.
-void UseUpDescriptors() {
-    rlimit limit{};
-    ::getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = 3;
-    ::setrlimit(RLIMIT_NOFILE, &limit);
-    ASSERT_EQ(::open("/dev/null", O_RDONLY | O_CLOEXEC), -1);
-}
+/// While it lives, the process can open nothing more, so that the sink must make do with the descriptor it has.
+class NoDescriptorToSpare {
+public:
+    NoDescriptorToSpare() {
+        ::getrlimit(RLIMIT_NOFILE, &before);
+        rlimit few = before;
+        few.rlim_cur = 3;
+        ::setrlimit(RLIMIT_NOFILE, &few);
+        EXPECT_EQ(::open("/dev/null", O_RDONLY | O_CLOEXEC), -1);
+    }
+    ~NoDescriptorToSpare() { ::setrlimit(RLIMIT_NOFILE, &before); }
+    NoDescriptorToSpare(const NoDescriptorToSpare&) = delete;
+    NoDescriptorToSpare& operator=(const NoDescriptorToSpare&) = delete;
+
+private:
+    rlimit before{};
+};
 
 class StandardErrorOf : public testing::TestWithParam<Channel> {
 protected:
@@ -189,10 +198,12 @@ TEST_P(StandardErrorOf, ThatNobodyReadsIsNotWaitedForWithLongRecords) {
 TEST_P(StandardErrorOf, ThatNobodyReadsIsNotWaitedForWithoutAFreeDescriptor) {
     Run([this] {
         LogChannel log(MakeStderrSink(writer));
-        UseUpDescriptors();
-        Say(log, "first");
-        EXPECT_EQ(NextLines(reader, 1), Lines{"info [Test] first"});
-        SayTooMuch(log, 100);
+        {
+            const NoDescriptorToSpare tight;
+            Say(log, "first");
+            EXPECT_EQ(NextLines(reader, 1), Lines{"info [Test] first"});
+            SayTooMuch(log, 100);
+        }
         ExpectWholeRecordsAndTheCountOfTheOthers(log, 100);
     });
 }
