@@ -44,6 +44,12 @@ expect 0 "$shipped"
 is_silent err
 says out "[broker]"
 says out "port = 1883"
+says out "# [cloud] endpoint is empty: the WAN route will never move"
+expect 0 --quiet "$shipped"
+is_silent out
+printf '[cloud]\nendpoint = cloud.example.com\n' >"$folder/with-endpoint.ini"
+expect 0 "$folder/with-endpoint.ini"
+never_says out "endpoint is empty"
 
 printf '[broker]\nprot = 1\nport = 7\npassword = s3cret\n' >"$folder/faulty.ini"
 expect 1 "$folder/faulty.ini"
