@@ -19,8 +19,9 @@ int Check(const std::string& path, bool mayBeMissing, bool quiet) {
         for (const std::string& note : loaded.notes)
             std::cout << "# " << note << '\n';
     if (!quiet && loaded.config.cloud.endpoint.empty())
-        std::cout << "# [cloud] endpoint is empty: the WAN route will never move, neither to Cellular nor back; set it to "
-                     "the cloud's host\n";
+        std::cout
+            << "# [cloud] endpoint is empty: the WAN route will never move, neither to Cellular nor back; set it to "
+               "the cloud's host\n";
     if (!quiet)
         std::cout << OrvPlatform::ShowGatewayConfig(loaded.config);
     return loaded.problems.empty() ? 0 : faultsFound;

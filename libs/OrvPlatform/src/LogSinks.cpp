@@ -4,6 +4,7 @@
 #include "LogWrites.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <fcntl.h>
@@ -61,6 +62,25 @@ private:
     bool midLine = false;
 };
 
+int Severity(spdlog::level::level_enum level) {
+    switch (level) {
+    case spdlog::level::trace:
+    case spdlog::level::debug:
+        return LOG_DEBUG;
+    case spdlog::level::info:
+        return LOG_INFO;
+    case spdlog::level::warn:
+        return LOG_WARNING;
+    case spdlog::level::err:
+        return LOG_ERR;
+    case spdlog::level::critical:
+    case spdlog::level::off:
+    case spdlog::level::n_levels:
+        return LOG_CRIT;
+    }
+    return LOG_CRIT;
+}
+
 class StderrSink final : public LineSink {
 public:
     explicit StderrSink(int opened) : LineSink(LayoutWithTime()), descriptor(opened) {}
@@ -68,6 +88,8 @@ public:
 protected:
     void sink_it_(const log_msg& message) override {
         spdlog::memory_buf_t line;
+        if (IsJournal())
+            AppendPriority(message.level, line);
         formatter_->format(message, line);
         const bool lastIsWhole = FinishLast();
         const Written written = WriteWithoutWaiting(descriptor, {line.data(), line.size()});
@@ -108,6 +130,25 @@ private:
         return true;
     }
 
+    /// The journal takes a line's priority from "<N>" before it. JOURNAL_STREAM names the stream that leads there, and
+    /// stays set when standard error is led elsewhere.
+    bool IsJournal() const {
+        if (journal.empty())
+            return false;
+        const auto [device, inode] = Target();
+        return journal == std::to_string(device) + ":" + std::to_string(inode);
+    }
+
+    static void AppendPriority(spdlog::level::level_enum level, spdlog::memory_buf_t& line) {
+        const char prefix[] = {'<', static_cast<char>('0' + Severity(level)), '>'};
+        line.append(prefix, prefix + sizeof prefix);
+    }
+
+    static std::string JournalStream() {
+        const char* const stream = ::secure_getenv("JOURNAL_STREAM"); // NOLINT(concurrency-mt-unsafe): read once
+        return stream == nullptr ? std::string() : stream;
+    }
+
     std::pair<dev_t, ino_t> Target() const {
         struct stat status = {};
         ::fstat(descriptor, &status);
@@ -121,6 +162,7 @@ private:
     }
 
     const int descriptor;
+    const std::string journal = JournalStream();
     Unfinished unfinished;
 };
 
@@ -208,25 +250,6 @@ private:
     std::size_t size = 0;
     LineWriter writer;
 };
-
-int Severity(spdlog::level::level_enum level) {
-    switch (level) {
-    case spdlog::level::trace:
-    case spdlog::level::debug:
-        return LOG_DEBUG;
-    case spdlog::level::info:
-        return LOG_INFO;
-    case spdlog::level::warn:
-        return LOG_WARNING;
-    case spdlog::level::err:
-        return LOG_ERR;
-    case spdlog::level::critical:
-    case spdlog::level::off:
-    case spdlog::level::n_levels:
-        return LOG_CRIT;
-    }
-    return LOG_CRIT;
-}
 
 class SyslogSink final : public LineSink {
 public:

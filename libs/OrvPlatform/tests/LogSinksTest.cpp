@@ -4,12 +4,14 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <map>
 #include <regex>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <thread>
 #include <unistd.h>
@@ -35,6 +37,46 @@ TEST_F(StandardError, TakesWholeLines) {
     char buffer[200] = {};
     const auto count = ::read(ends[0], buffer, sizeof buffer);
     EXPECT_EQ(WithoutTime(std::string(buffer, static_cast<std::size_t>(count))), "info [Test] text\n");
+}
+
+class StandardErrorToTheJournal : public StandardError {
+protected:
+    /// As the service manager sets it for what it starts.
+    static void NameJournal(int descriptor) {
+        struct stat status = {};
+        ASSERT_EQ(::fstat(descriptor, &status), 0);
+        const std::string stream = std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+        ::setenv("JOURNAL_STREAM", stream.c_str(), 1);
+    }
+    ~StandardErrorToTheJournal() override { ::unsetenv("JOURNAL_STREAM"); }
+    std::string Received() const {
+        char buffer[1000] = {};
+        const auto count = ::read(ends[0], buffer, sizeof buffer);
+        return std::string(buffer, count > 0 ? static_cast<std::size_t>(count) : 0);
+    }
+};
+
+TEST_F(StandardErrorToTheJournal, HasEachLinesPriorityBeforeIt) {
+    NameJournal(ends[1]);
+    LogChannel log(MakeStderrSink(ends[1]));
+    const char* const priorities[] = {"<7>", "<7>", "<6>", "<4>", "<3>", "<2>"};
+    for (int level = 0; level <= 5; ++level) {
+        log.Write({level, "Test", "", "text"});
+        const std::string line = Received();
+        EXPECT_EQ(line.substr(0, 3), priorities[level]) << line;
+        EXPECT_EQ(line.substr(3, 2), "20") << line; // the time follows
+    }
+}
+
+TEST_F(StandardErrorToTheJournal, IsPlainWhenItWasLedElsewhere) {
+    int other[2] = {-1, -1};
+    ASSERT_EQ(::pipe2(other, O_CLOEXEC), 0);
+    NameJournal(other[1]);
+    LogChannel log(MakeStderrSink(ends[1]));
+    Say(log, "text");
+    EXPECT_EQ(WithoutTime(Received()), "info [Test] text\n");
+    ::close(other[0]);
+    ::close(other[1]);
 }
 
 class StandardErrorWithoutAReader : public StandardError {
