@@ -68,8 +68,8 @@ def make_scene(box, tmp_path, judge_calls):
 
 @pytest.fixture
 def scene(make_scene):
-    """The application, connected to the cloud over Ethernet; it reports nothing but changes."""
-    return make_scene("--refresh-s", "0").start()
+    """The application, connected to the cloud over Ethernet."""
+    return make_scene().start()
 
 
 def pytest_terminal_summary(terminalreporter):

@@ -18,8 +18,7 @@ ENDS_ON = {state: "eth0" if state in ("ETHERNET_ACTIVE", "SWITCHING_TO_ETHERNET"
 
 
 @in_each_state
-def test_a_restarted_broker_knows_everything_again(make_scene, state):
-    scene = make_scene("--refresh-s", "5").start()
+def test_a_restarted_broker_knows_everything_again(scene, state):
     scene.reach(state)
     scene.cut_wire()
     scene.expected_complaints += BROKER_AWAY + CONNMAN_FROZEN

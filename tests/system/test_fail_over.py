@@ -146,18 +146,6 @@ def test_a_failure_is_shown_by_both_leds_and_noted_in_the_error_file(scene):
     wait_until(lambda: box.status_file()["Cloud Connection"] == "Up", SLACK, "the connection in the status file")
 
 
-def test_the_time_of_a_failure_stays_although_the_state_is_reported_again(make_scene):
-    scene = make_scene("--refresh-s", "1").start()
-    scene.expected_complaints = ("a failure was reported",)
-    scene.application.process.send_signal(signal.SIGUSR1)
-    wait_until(lambda: (scene.box.error_file() or "").endswith("Detected"), SLACK, "the error file")
-    noted = scene.box.error_file()
-    deadline = time.monotonic() + 3.5  # three repetitions
-    while time.monotonic() < deadline:
-        assert scene.box.error_file() == noted
-        time.sleep(0.1)
-
-
 def test_a_clock_put_forward_shortens_no_delay(make_scene):
     scene = make_scene(clock=True).start()
     scene.reach("ETHERNET_LOST_DELAY")

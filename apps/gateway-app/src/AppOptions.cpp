@@ -11,7 +11,6 @@ namespace GatewayApp {
 AppOptions ReadOptions(const std::vector<std::string>& arguments) {
     AppOptions options;
     auto tick = static_cast<int>(options.tick.count());
-    auto refresh = static_cast<int>(options.refresh.count());
     CLI::App parser("The reference application of the connected-services stack.", "gateway-app");
     parser.set_config("--config", "",
                       "File with the options below as NAME=VALUE lines; read again on RELOAD and SIGHUP");
@@ -37,12 +36,6 @@ AppOptions ReadOptions(const std::vector<std::string>& arguments) {
             "0 or 10 to 1000"))
         ->capture_default_str();
     parser
-        .add_option("--refresh-s", refresh,
-                    "How often the state is reported again without a change, for what the gateway's broker has missed; "
-                    "0: never")
-        ->check(CLI::Range(0, 3600))
-        ->capture_default_str();
-    parser
         .add_option("--lock", options.lock,
                     "File that only one gateway-app on the gateway can lock: two would move the route against each "
                     "other; empty: none")
@@ -60,7 +53,6 @@ AppOptions ReadOptions(const std::vector<std::string>& arguments) {
         throw OptionsError{text.str(), status == 0 ? 0 : 2};
     }
     options.tick = std::chrono::milliseconds(tick);
-    options.refresh = std::chrono::seconds(refresh);
     if (options.cloud.clientId.empty())
         options.cloud.clientId = options.name;
     return options;

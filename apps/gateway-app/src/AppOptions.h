@@ -16,8 +16,6 @@ struct AppOptions {
     CloudSettings cloud;
     /// The time between ticks; zero: by the situation, see TickRhythm.
     std::chrono::milliseconds tick{0};
-    /// How often the cloud's state is reported again without a change; zero: never.
-    std::chrono::seconds refresh{30};
     /// See InstanceLock; empty: none.
     std::string lock = "/run/gateway-app/lock";
     /// See Transcript; empty: none.

@@ -62,7 +62,6 @@ Application::Application(AppOptions appOptions, std::vector<std::string> command
       mailbox(std::make_shared<Mailbox>()),
       startTimer(loop, [this] { TryToStart(); }),
       tickTimer(loop, [this] { Tick(); }),
-      refreshTimer(loop, [this] { SendEvent(CloudState()); }),
       watchdogTimer(loop, [this] { manager.Notify("WATCHDOG=1"); }),
       startBackOff(500ms, 5s, [this] { return std::generate_canonical<double, 32>(randomness); }),
       network(loop, ConfiguredInterfaces(),
@@ -141,7 +140,7 @@ void Application::Started() {
     client->AppStatusRequest(AppStatus::READY);
     if (statusFile)
         statusFile->SetActive(true);
-    SetTimers();
+    SetTickTimer();
     logger.Info() << options.name << " is ready";
     ShowStatus();
     Note("ready", {});
@@ -162,7 +161,6 @@ void Application::Stop() {
     cloud.Close();
     statusFile.reset();
     tickTimer.Stop();
-    refreshTimer.Stop();
     startTimer.Stop();
     if (client) {
         client->Stop();
@@ -191,8 +189,6 @@ void Application::OnSignal() {
             logger.Error() << "a failure was reported by SIGUSR1";
             failed = true;
             Report(OrvEvent::FAILURE);
-            if (started)
-                SetTimers();
         } else {
             logger.Info() << "ending on " << (number == SIGINT ? "SIGINT" : "SIGTERM");
             loop.Leave();
@@ -276,9 +272,7 @@ void Application::Reload() {
             rhythm.SetFixed(fresh.tick);
         options.tick = fresh.tick;
         logger.Info() << "options read anew" << (other ? ", the cloud is another one" : "");
-        options.refresh = fresh.refresh;
-        if (started)
-            SetTimers();
+        SetTickTimer();
         if (other) {
             Report(options.cloud.host.empty() ? OrvEvent::PANEL_CLOUD_DISABLED : OrvEvent::PANEL_CLOUD_ENABLED);
             cloud.Reopen(options.cloud, "other cloud settings");
@@ -313,13 +307,6 @@ void Application::SendEvent(OrvEvent event) {
 
 OrvEvent Application::CloudState() const {
     return cloud.Connected() ? OrvEvent::CLOUD_CONNECTED : OrvEvent::CLOUD_DISCONNECTED;
-}
-
-void Application::SetTimers() {
-    SetTickTimer();
-    // A message that the gateway's broker was not there to take is sent with the next event only. After a failure each
-    // event writes the error file anew, with its own time: that is to stay the failure's.
-    refreshTimer.Every(failed ? 0s : options.refresh);
 }
 
 /// The time of the next tick is brought forward when there is reason to, never put off.

@@ -65,7 +65,6 @@ private:
     void KeepBack(OrvStackSdk::OrvEvent event);
     void SendEvent(OrvStackSdk::OrvEvent event);
     OrvStackSdk::OrvEvent CloudState() const;
-    void SetTimers();
     void SetTickTimer();
     void FollowCloudPath();
     void OnRouteMoved();
@@ -90,7 +89,6 @@ private:
     std::shared_ptr<Mailbox> mailbox; // shared with the library's thread by way of the callbacks
     Timer startTimer;
     Timer tickTimer;
-    Timer refreshTimer;
     Timer watchdogTimer;
     BackOff startBackOff;
     NetworkWatcher network;

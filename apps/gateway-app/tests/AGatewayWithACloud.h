@@ -78,9 +78,8 @@ protected:
     }
 
     std::vector<std::string> AppWords() const {
-        return {ORV_GATEWAY_APP,    "--cloud-host", "10.11.0.1", "--cloud-port", port,          "--cloud-ca", trusted,
-                "--transcript",     transcript,     "--tick-ms", "50",           "--refresh-s", "1",          "--lock",
-                folder.Path("lock")};
+        return {ORV_GATEWAY_APP, "--cloud-host", "10.11.0.1", "--cloud-port", port,     "--cloud-ca",       trusted,
+                "--transcript",  transcript,     "--tick-ms", "50",           "--lock", folder.Path("lock")};
     }
     void StartApp() { app = std::make_unique<ChildProgram>(AppWords(), folder.Path("app.log")); }
     void StartConnectedApp() {

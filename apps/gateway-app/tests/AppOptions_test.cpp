@@ -28,7 +28,6 @@ TEST(OptionsWithoutArguments, AreTheDefaults) {
     EXPECT_EQ(options.cloud.port, 8883);
     EXPECT_EQ(options.cloud.clientId, "gateway-app");
     EXPECT_EQ(options.tick, 0ms);
-    EXPECT_EQ(options.refresh, 30s);
     EXPECT_EQ(options.lock, "/run/gateway-app/lock");
 }
 
@@ -37,7 +36,6 @@ void ExpectDefaults(const AppOptions& options) {
     EXPECT_EQ(options.name, defaults.name);
     EXPECT_EQ(options.cloud, defaults.cloud);
     EXPECT_EQ(options.tick, defaults.tick);
-    EXPECT_EQ(options.refresh, defaults.refresh);
     EXPECT_EQ(options.lock, defaults.lock);
 }
 
@@ -60,7 +58,7 @@ TEST(TheShippedFile, ShowsEachDefaultAsALineToTakeTheMarkAwayFrom) {
             out << line.substr(2) << '\n';
     }
     out.close();
-    EXPECT_EQ(options, 8);
+    EXPECT_EQ(options, 7);
     const AppOptions shown = ReadOptions({"--config", uncommented});
     ExpectDefaults(shown);
     std::remove(uncommented.c_str());
@@ -69,19 +67,17 @@ TEST(TheShippedFile, ShowsEachDefaultAsALineToTakeTheMarkAwayFrom) {
 TEST(OptionsOnTheCommandLine, AreTaken) {
     const AppOptions options =
         ReadOptions({"--name", "heating", "--cloud-host", "cloud.example", "--cloud-port", "443", "--cloud-ca",
-                     "/ca.pem", "--tick-ms", "100", "--refresh-s", "0", "--transcript", "/t.json", "--lock", ""});
+                     "/ca.pem", "--tick-ms", "100", "--transcript", "/t.json", "--lock", ""});
     EXPECT_EQ(options.name, "heating");
     const CloudSettings cloud{"cloud.example", 443, "/ca.pem", "heating"};
     EXPECT_EQ(options.cloud, cloud);
     EXPECT_EQ(options.tick, 100ms);
-    EXPECT_EQ(options.refresh, 0s);
     EXPECT_EQ(options.transcript, "/t.json");
     EXPECT_EQ(options.lock, "");
 }
 
 TEST(WrongOptions, AreRefusedByName) {
     EXPECT_NE(ErrorOf({"--tick-ms", "5"}).find("--tick-ms"), std::string::npos);
-    EXPECT_NE(ErrorOf({"--refresh-s", "-1"}).find("--refresh-s"), std::string::npos);
     EXPECT_NE(ErrorOf({"--cloud-port", "0"}).find("--cloud-port"), std::string::npos);
     EXPECT_NE(ErrorOf({"--name", "a/b"}).find("one level of a topic"), std::string::npos);
     EXPECT_NE(ErrorOf({"--config", "/does/not/exist.ini"}).find("/does/not/exist.ini"), std::string::npos);

@@ -87,7 +87,7 @@ TEST_F(AGatewayWithACloud, ReportsAFailureOfTheTimeWithoutItsOwnBroker) {
     EXPECT_EQ(app->End(SIGTERM), 0);
 }
 
-TEST_F(AGatewayWithACloud, SaysAgainWhatItsOwnBrokerHasMissed) {
+TEST_F(AGatewayWithACloud, HasItsBrokerToldWhatItHasMissed) {
     StartConnectedApp();
     const auto led = [this] {
         const std::string subscribe = "mosquitto_sub -h 127.0.0.1 -p " + std::to_string(gatewayBroker->Port()) +
