@@ -8,7 +8,7 @@ import time
 import pytest
 from application import Application
 from gateway import HERE, SLACK, program, wait_until
-from wire import GREEN
+from wire import GREEN, INHIBIT
 
 
 def put_setting(box, text):
@@ -203,6 +203,24 @@ def test_a_neighbour_that_crashes_all_the_time_does_not_pull_the_route_back(box,
     scene.settles("wwan0", 20)
     box("provider", "eth", "back")
     scene.settles("eth0", 20)
+
+
+def test_what_was_refused_without_a_broker_is_what_is_announced_with_the_next_one(scene):
+    scene.expected_complaints = ("lost the connection", "Failed to publish message to MQTT", "cannot connect", "was refused")
+    scene.reach("CELLULAR_ACTIVE")
+    scene.witness.wait_for(INHIBIT, "inhibit")
+    scene.cut_wire()
+    scene.box("broker", "stop")
+    scene.box("provider", "eth", "back")
+    scene.application.wait_for("poke success, route to ETH", 20)
+    scene.application.wait_for("cell to eth delay done", 20)
+    connections = scene.witness.connections()
+    scene.box("broker", "start")
+    wait_until(lambda: scene.witness.connections() > connections and scene.witness.payloads(INHIBIT, latest_connection=True),
+               10 + SLACK, "the DNS topic on the restarted broker")
+    scene.settles("eth0", 10)
+    assert scene.witness.payloads(INHIBIT, latest_connection=True)[-1] == "permit"
+    assert "inhibit" not in scene.witness.payloads(INHIBIT, latest_connection=True)
 
 
 @pytest.mark.parametrize("kind", ["full", "read-only"])
