@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The configuration parser: whatever the text, the settings that come out are valid, and what was not is reported in
 // clean lines.
-#include "GatewayConfig.h"
 #include "Require.h"
+#include "config/GatewayConfig.h"
 
 #include <algorithm>
 #include <cstdint>

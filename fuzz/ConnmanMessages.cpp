@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The connection manager's messages: whatever comes reads as something sound or as nothing, and what is made of it for
 // libdbus, which ends the process over a malformed path, is well formed.
-#include "ConnmanMessages.h"
-#include "ConnmanWanted.h"
+#include "connman/ConnmanMessages.h"
 #include "Require.h"
+#include "connman/ConnmanWanted.h"
 
 #include <algorithm>
 #include <array>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The log's escaping: one clean line whatever comes in, from which the bytes can be had back; also when it is cut.
-#include "LogChannel.h"
-#include "LogEscape.h"
 #include "Require.h"
+#include "log/LogChannel.h"
+#include "log/LogEscape.h"
 
 #include <cstdint>
 #include <fuzzer/FuzzedDataProvider.h>

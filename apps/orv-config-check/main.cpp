@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Tells before a restart what the gateway's applications would say about their configuration file.
-#include "GatewayConfig.h"
+#include "config/GatewayConfig.h"
 
 #include <CLI/CLI.hpp>
 #include <iostream>

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "FakeBroker.h"
 
-#include "AnnouncedState.h"
 #include "Journal.h"
 #include "QuilMqtt/QueueOwner.h"
+#include "broker/AnnouncedState.h"
 
 #include <algorithm>
 #include <deque>

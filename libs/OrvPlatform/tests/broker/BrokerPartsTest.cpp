@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 // The small parts of the broker connection, without a broker.
-#include "AnnouncedState.h"
-#include "Backoff.h"
-#include "ClientIdSuffix.h"
 #include "CountedNew.h"
-#include "EventQueue.h"
-#include "EvictionWatch.h"
-#include "MosquittoClient.h"
-#include "MqttText.h"
-#include "OutstandingPublications.h"
-#include "SilenceWatch.h"
 #include "TestClient.h"
-#include "TopicFilter.h"
+#include "base/Backoff.h"
+#include "broker/AnnouncedState.h"
+#include "broker/ClientIdSuffix.h"
+#include "broker/EventQueue.h"
+#include "broker/EvictionWatch.h"
+#include "broker/MosquittoClient.h"
+#include "broker/MqttText.h"
+#include "broker/OutstandingPublications.h"
+#include "broker/SilenceWatch.h"
+#include "broker/TopicFilter.h"
 
 #include <gtest/gtest.h>
 #include <mosquitto.h>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "GatewayConfig.h"
 #include "QuilMqtt/QueueOwner.h"
+#include "config/GatewayConfig.h"
 
 #include <cstddef>
 #include <functional>

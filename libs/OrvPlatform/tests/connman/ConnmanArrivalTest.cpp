@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What arrives is handled in the order in which it arrives, however it is cut into reads.
-#include "ConnmanLink.h"
+#include "connman/ConnmanLink.h"
 
 #include "LogWatch.h"
 #include "ScriptedBus.h"

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "ConnmanLink.h"
 #include "LogWatch.h"
 #include "PrivateBus.h"
+#include "connman/ConnmanLink.h"
 
 #include <gtest/gtest.h>
 #include <optional>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // A child that goes on without exec has its parent's locks and none of its threads.
 #include "ConnmanFixture.h"
-#include "MessageBus.h"
 #include "ScriptedBus.h"
+#include "connman/MessageBus.h"
 
 #include <sys/wait.h>
 #include <unistd.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // No call waits for the connection manager or for the bus. The limits here are so long that who waits for one is seen.
-#include "ConnmanLink.h"
+#include "connman/ConnmanLink.h"
 
 #include "LogWatch.h"
 #include "ScriptedBus.h"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ConnmanWanted.h"
+#include "connman/ConnmanWanted.h"
 
 #include <gtest/gtest.h>
 

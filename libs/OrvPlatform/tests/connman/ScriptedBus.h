@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "MessageBus.h"
+#include "connman/MessageBus.h"
 
 #include <string>
 #include <utility>

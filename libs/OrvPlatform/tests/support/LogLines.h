@@ -2,7 +2,7 @@
 #pragma once
 
 #include "ChildProcess.h"
-#include "LogChannel.h"
+#include "log/LogChannel.h"
 
 #include <string>
 #include <vector>

@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "base/Backoff.h"
+
+#include <algorithm>
+
+namespace OrvPlatform {
+
+Backoff::Backoff(std::uint32_t seed) : random(seed) {
+    // The first numbers of neighbouring seeds are neighbours too.
+    constexpr int UNRELATED = 8;
+    random.discard(UNRELATED);
+}
+
+std::chrono::milliseconds Backoff::Next() {
+    const auto full = pause;
+    pause = std::min(pause * 2, LIMIT);
+    std::uniform_int_distribution<std::chrono::milliseconds::rep> cut(0, full.count() / 4);
+    return full - std::chrono::milliseconds(cut(random));
+}
+
+} // namespace OrvPlatform

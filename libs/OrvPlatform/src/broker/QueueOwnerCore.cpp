@@ -1,0 +1,347 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "broker/QueueOwnerCore.h"
+
+#include "broker/ClientIdSuffix.h"
+#include "broker/MqttText.h"
+#include "broker/TopicFilter.h"
+
+#include <arpa/inet.h>
+#include <mosquitto.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <functional>
+#include <random>
+#include <system_error>
+#include <utility>
+
+namespace QUILMQTT {
+
+using namespace std::chrono_literals;
+using OrvPlatform::LastWill;
+using OrvPlatform::MosquittoClient;
+using OrvPlatform::MosquittoErrorText;
+using OrvPlatform::MutexLock;
+
+namespace {
+
+constexpr auto CONNECT_LIMIT = 3s;
+constexpr auto GOOD_BYE_LIMIT = 800ms;
+constexpr auto BREAK_OFF_LIMIT = 200ms;
+
+// A name would have to be looked up, and a dead name server holds a look-up for many seconds. Empty for a name.
+std::string BrokerAddress(const OrvPlatform::GatewayConfig::Broker& settings) {
+    const std::string& host = settings.host;
+    if (!settings.socket.empty())
+        return settings.socket;
+    if (host == "localhost")
+        return "127.0.0.1";
+    in6_addr address{};
+    const bool isAddress =
+        inet_pton(AF_INET, host.c_str(), &address) == 1 || inet_pton(AF_INET6, host.c_str(), &address) == 1;
+    return isAddress ? host : std::string();
+}
+
+} // namespace
+
+QueueOwner::Core::Core(QueueOwner& queueOwner, const std::string& id, const OrvPlatform::GatewayConfig& config)
+    : settings(config.broker),
+      clientId(id + OrvPlatform::ClientIdSuffix(settings.clientIdSuffix, id, config.program)),
+      place(settings.socket.empty() ? settings.host + ":" + std::to_string(settings.port) : settings.socket),
+      foreignTopics(config.IsController() ? std::vector<std::string>() : config.gateway.topics),
+      wakeUp(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+      process(getpid()),
+      logger("QueueOwner", 0),
+      owner(queueOwner),
+      backoff(static_cast<std::uint32_t>(std::hash<std::string>{}(clientId)) ^ std::random_device{}()),
+      silence(settings.keepAlive),
+      announced(settings.maxOutstandingBytes),
+      outstanding(settings.maxOutstandingBytes) {}
+
+QueueOwner::Core::~Core() {
+    if (wakeUp >= 0)
+        close(wakeUp);
+}
+
+bool QueueOwner::Core::Connect(const std::optional<LastWill>& will) {
+    if (IsInherited()) {
+        Write(Severity::WARNING, "cannot connect to " + place +
+                                     ": this object was made before a fork and belongs to the parent process; make "
+                                     "another one");
+        return false;
+    }
+    if (will && IsLeftToTheController(will->topic))
+        return Connect(std::nullopt);
+    const Time deadline = std::chrono::steady_clock::now() + CONNECT_LIMIT;
+    MutexLock lock(mutex);
+    const bool wasUp = link == Link::UP;
+    auto former = TakeClient();
+    const unsigned mine = generation;
+    mutex.unlock();
+    if (wasUp)
+        former->SayGoodBye(std::min(deadline, std::chrono::steady_clock::now() + GOOD_BYE_LIMIT));
+    former.reset();
+    mutex.lock();
+
+    // Whoever called Connect or Disconnect meanwhile has the last word.
+    if (generation == mine && TryOpen(will, deadline))
+        AwaitAnswer(deadline);
+    const bool connected = generation == mine && link == Link::UP;
+    if (generation == mine && !connected) {
+        Say(Severity::WARNING, [this]() ORV_REQUIRES(mutex) {
+            return "cannot connect to " + place + ": " + (failure.empty() ? "out of memory" : failure);
+        });
+        TakeClient().reset();
+    }
+    RetireThread();
+    WriteLog();
+    return connected;
+}
+
+bool QueueOwner::Core::TryOpen(const std::optional<LastWill>& will, Time deadline) noexcept {
+    try {
+        return Open(will, deadline);
+    } catch (const std::bad_alloc&) {
+        failure.clear();
+        return false;
+    }
+}
+
+bool QueueOwner::Core::Open(const std::optional<LastWill>& will, Time deadline) {
+    deliveryStopped = stopsAwaited > 0; // a callback that connects does not undo the stop that waits for it
+    attemptEnds = deadline;
+    refusal = refusalSaid = 0;
+    failure = "no answer within 3 s";
+    announced.BeginAfresh(will ? will->topic : std::string());
+
+    const std::string address = BrokerAddress(settings);
+    if (address.empty()) {
+        failure = "names are not looked up; set [broker] host to an address";
+        return false;
+    }
+    const std::uint16_t port = settings.socket.empty() ? settings.port : 0;
+    const OrvPlatform::MosquittoSettings wanted{clientId,          address,           port, settings.keepAlive,
+                                                settings.username, settings.password, will};
+    if (const std::string fault = OrvPlatform::FaultIn(wanted); !fault.empty()) {
+        failure = fault;
+        return false;
+    }
+    if (wakeUp < 0) {
+        failure = "no descriptor left when this client was made";
+        return false;
+    }
+    int error = MOSQ_ERR_SUCCESS;
+    client = MosquittoClient::Make(wanted, *this, error);
+    if (!client) {
+        failure = "the client library refuses the settings: " + MosquittoErrorText(error, errno);
+        return false;
+    }
+    error = client->BeginConnect();
+    if (error != MOSQ_ERR_SUCCESS) {
+        failure = MosquittoErrorText(error, errno);
+        return false;
+    }
+    SetLink(Link::CONNECTING);
+    return StartThread();
+}
+
+// A delivery thread that is in a callback, or held up by the log, is not waited for: this one does its work meanwhile.
+void QueueOwner::Core::AwaitAnswer(Time deadline) {
+    ++answersAwaited;
+    while (link == Link::CONNECTING && std::chrono::steady_clock::now() < deadline) {
+        if (OnDeliveryThread())
+            Turn();
+        else if (!serving)
+            TurnAside(deadline);
+        else
+            changed.wait_until(mutex, deadline);
+    }
+    --answersAwaited;
+}
+
+bool QueueOwner::Core::Disconnect() {
+    if (IsInherited())
+        return false;
+    MutexLock lock(mutex);
+    const bool wasUp = link == Link::UP;
+    auto former = TakeClient();
+    if (wasUp)
+        Say(Severity::INFO, [this] { return "disconnecting from " + place; });
+    mutex.unlock();
+    if (wasUp)
+        former->SayGoodBye(std::chrono::steady_clock::now() + GOOD_BYE_LIMIT);
+    former.reset();
+    mutex.lock();
+    RetireThread();
+    WriteLog();
+    return wasUp;
+}
+
+bool QueueOwner::Core::Subscribe(const std::string& filter, int qos) {
+    // The client library would send an empty filter, and the broker hang up on it: again after each reconnection.
+    if (IsInherited() || OrvPlatform::FaultOfText(filter) != nullptr)
+        return false;
+    MutexLock lock(mutex);
+    if (link != Link::UP)
+        return false;
+    Subscription asked;
+    try {
+        asked = {filter, qos, 0};
+        subscriptions.reserve(subscriptions.size() + 1);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    if (client->Subscribe(filter, qos, asked.messageId) != MOSQ_ERR_SUCCESS)
+        return false;
+    const auto known =
+        std::find_if(subscriptions.begin(), subscriptions.end(), [&](const auto& one) { return one.filter == filter; });
+    if (known == subscriptions.end())
+        subscriptions.push_back(std::move(asked));
+    else
+        *known = std::move(asked);
+    Flush();
+    return true;
+}
+
+bool QueueOwner::Core::IsLeftToTheController(const std::string& topic) {
+    if (!OrvPlatform::MatchesAny(foreignTopics, topic))
+        return false;
+    logger.Debug() << clientId << ": " << topic << " is left to the gateway's controller, nothing is published";
+    return true;
+}
+
+void QueueOwner::Core::StopDelivery() {
+    if (IsInherited())
+        return;
+    MutexLock lock(mutex);
+    deliveryStopped = true;
+    ++stopsAwaited;
+    while (delivering && !OnDeliveryThread())
+        changed.wait(mutex);
+    --stopsAwaited;
+}
+
+void QueueOwner::Core::Abandon() {
+    if (IsInherited()) {
+        Keep();
+        return;
+    }
+    MutexLock lock(mutex);
+    const bool wasUp = link == Link::UP;
+    auto former = TakeClient();
+    std::thread last = std::move(thread);
+    mutex.unlock();
+    if (wasUp)
+        former->BreakOff(std::chrono::steady_clock::now() + BREAK_OFF_LIMIT);
+    former.reset();
+    if (last.joinable() && last.get_id() == std::this_thread::get_id())
+        last.detach();
+    else if (last.joinable())
+        last.join();
+    mutex.lock();
+    WriteLog();
+}
+
+bool QueueOwner::Core::IsInherited() const noexcept {
+    return getpid() != process;
+}
+
+void QueueOwner::Core::Keep() {
+    // Reachable, so that a leak checker has nothing to say.
+    static auto& inherited = *new std::vector<std::shared_ptr<Core>>;
+    inherited.push_back(shared_from_this());
+}
+
+std::unique_ptr<MosquittoClient> QueueOwner::Core::TakeClient() {
+    ++generation;
+    SetLink(Link::CLOSED);
+    inbox.Clear();
+    outstanding.Clear();
+    subscriptions.clear();
+    refusedForBytes = 0;
+    keepsUpAgain = false;
+    Wake();
+    return std::move(client);
+}
+
+bool QueueOwner::Core::OnDeliveryThread() const {
+    return running && threadId == std::this_thread::get_id();
+}
+
+bool QueueOwner::Core::StartThread() {
+    if (running)
+        return true;
+    if (thread.joinable())
+        thread.join(); // it has left Run, so this does not wait
+    const unsigned number = ++threadNumber;
+    try {
+        thread = std::thread([self = shared_from_this(), number] { self->Run(number); });
+    } catch (const std::system_error& error) {
+        failure = std::string("no thread to be had: ") + error.what();
+        return false;
+    }
+    running = serving = true;
+    threadId = thread.get_id();
+    return true;
+}
+
+// The thread ends by itself once the connection is given up. It is waited for, unless an application's callback would
+// be waited for with it; then the next StartThread or Abandon does.
+void QueueOwner::Core::RetireThread() {
+    if (link != Link::CLOSED || delivering || OnDeliveryThread())
+        return;
+    running = false;
+    std::thread ending = std::move(thread);
+    mutex.unlock();
+    if (ending.joinable())
+        ending.join();
+    mutex.lock();
+}
+
+void QueueOwner::Core::SetLink(Link next) noexcept {
+    link = next;
+    changed.notify_all();
+}
+
+void QueueOwner::Core::Wake() const noexcept {
+    const std::uint64_t one = 1;
+    // Full means that it is readable already.
+    [[maybe_unused]] const ssize_t written = write(wakeUp, &one, sizeof one);
+}
+
+void QueueOwner::Core::WriteLog() noexcept {
+    if (records.empty())
+        return;
+    std::vector<std::pair<Severity, std::string>> written;
+    written.swap(records);
+    mutex.unlock();
+    for (const auto& [severity, text] : written)
+        Write(severity, text);
+    mutex.lock();
+    lookedAtClock = std::chrono::steady_clock::now();
+}
+
+void QueueOwner::Core::Write(Severity severity, const std::string& text) noexcept {
+    try {
+        switch (severity) {
+        case Severity::DEBUG:
+            logger.Debug() << clientId << ": " << text;
+            break;
+        case Severity::INFO:
+            logger.Info() << clientId << ": " << text;
+            break;
+        case Severity::WARNING:
+            logger.Warning() << clientId << ": " << text;
+            break;
+        case Severity::ERROR:
+            logger.Error() << clientId << ": " << text;
+            break;
+        }
+    } catch (const std::bad_alloc&) {
+        // Nothing is left to say it with.
+    }
+}
+
+} // namespace QUILMQTT

@@ -1,0 +1,209 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "base/Backoff.h"
+#include "base/ThreadSafety.h"
+#include "broker/AnnouncedState.h"
+#include "broker/EventQueue.h"
+#include "broker/EvictionWatch.h"
+#include "broker/MosquittoClient.h"
+#include "broker/OutstandingPublications.h"
+#include "broker/SilenceWatch.h"
+#include "config/GatewayConfig.h"
+
+#include "CommonUtils/Logger.h"
+#include "QuilMqtt/QueueOwner.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <new>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace QUILMQTT {
+
+/// The working part of a QueueOwner. The delivery thread shares it, so that the owner may be deleted in a callback:
+/// what the thread touches after a callback is this, never the owner.
+///
+/// One mutex guards everything. It is never held while waiting, while a callback runs or while a log record is written.
+/// Under it only non-blocking calls are made, so that no caller waits for the broker.
+///
+/// Want of memory costs what could not be kept, a message or a record, and never the thread or the connection: what the
+/// delivery thread runs is noexcept.
+///
+/// A forked child has a copy of this, and neither the thread nor a say about the connection, whose socket it shares
+/// with its parent: it touches nothing here, not even the mutex, which may be held for ever.
+class QueueOwner::Core final : public std::enable_shared_from_this<Core>, private OrvPlatform::MosquittoEvents {
+public:
+    Core(QueueOwner& owner, const std::string& clientId, const OrvPlatform::GatewayConfig& config);
+    ~Core();
+    Core(const Core&) = delete;
+    Core& operator=(const Core&) = delete;
+
+    bool Connect(const std::optional<OrvPlatform::LastWill>& will) ORV_EXCLUDES(mutex);
+    bool Disconnect() ORV_EXCLUDES(mutex);
+    bool Subscribe(const std::string& filter, int qos) ORV_EXCLUDES(mutex);
+    int Publish(const std::string& topic, const std::string& payload, bool retained, bool assured) ORV_EXCLUDES(mutex);
+    void StopDelivery() ORV_EXCLUDES(mutex);
+
+    /// The owner goes: no callback begins any more, the connection is dropped without a good-bye.
+    void Abandon() ORV_EXCLUDES(mutex);
+
+private:
+    using Time = std::chrono::steady_clock::time_point;
+
+    /// CLOSED --Connect--> CONNECTING --accepted--> UP --lost--> PAUSING --pause over--> RECONNECTING --accepted--> UP
+    /// CONNECTING and RECONNECTING fail to CLOSED and PAUSING; Disconnect leads from anywhere to CLOSED.
+    enum class Link { CLOSED, CONNECTING, UP, PAUSING, RECONNECTING };
+
+    enum class Severity { DEBUG, INFO, WARNING, ERROR };
+
+    // The delivery thread.
+    void Run(unsigned ownNumber) noexcept ORV_EXCLUDES(mutex);
+    void Turn() noexcept ORV_REQUIRES(mutex);
+    void TurnAside(Time deadline) noexcept ORV_REQUIRES(mutex);
+    void ServeSocket(short ready) noexcept ORV_REQUIRES(mutex);
+    void Advance(Time now) noexcept ORV_REQUIRES(mutex);
+    void Restore() noexcept ORV_REQUIRES(mutex);
+    unsigned SendOwed() noexcept ORV_REQUIRES(mutex);
+    void KeepUpAgain() noexcept ORV_REQUIRES(mutex);
+    void Deliver() noexcept ORV_REQUIRES(mutex);
+    void NoteCallback(const OrvPlatform::Event& event, Time begun, Time ended) noexcept ORV_REQUIRES(mutex);
+    void Dispatch(const OrvPlatform::Event& event) noexcept ORV_EXCLUDES(mutex);
+    void WriteException(const char* what) noexcept;
+    std::chrono::milliseconds PollLimit() const ORV_REQUIRES(mutex);
+
+    // The connection.
+    std::unique_ptr<OrvPlatform::MosquittoClient> TakeClient() ORV_REQUIRES(mutex);
+    bool Open(const std::optional<OrvPlatform::LastWill>& will, Time deadline) ORV_REQUIRES(mutex);
+    bool TryOpen(const std::optional<OrvPlatform::LastWill>& will, Time deadline) noexcept ORV_REQUIRES(mutex);
+    void AwaitAnswer(Time deadline) ORV_REQUIRES(mutex);
+    bool StartThread() ORV_REQUIRES(mutex);
+    void RetireThread() ORV_REQUIRES(mutex); // releases it meanwhile
+    bool OnDeliveryThread() const ORV_REQUIRES(mutex);
+    void SetLink(Link next) noexcept ORV_REQUIRES(mutex);
+    void LoseConnection(int error, int systemError) noexcept ORV_REQUIRES(mutex);
+    std::string WhatHeldUs(OrvPlatform::SilenceWatch::Duration silent, Time now) const ORV_REQUIRES(mutex);
+    template <typename Reason>
+    void Explain(Reason reason) noexcept ORV_REQUIRES(mutex) {
+        try {
+            failure = reason();
+        } catch (const std::bad_alloc&) {
+            failure.clear();
+        }
+    }
+    template <typename Reason>
+    void FailAttempt(Reason reason) noexcept ORV_REQUIRES(mutex);
+    int TryPublish(const std::string& topic, const std::string& payload, bool retained, bool assured) noexcept
+        ORV_REQUIRES(mutex);
+    int Send(const std::string& topic, const std::string& payload, bool retained, bool assured) noexcept
+        ORV_REQUIRES(mutex);
+    bool IsLeftToTheController(const std::string& topic);
+    void Flush() noexcept ORV_REQUIRES(mutex);
+    void NoteRefusal(int status, const std::string& topic, std::size_t size) noexcept ORV_REQUIRES(mutex);
+    void QueueEvent(OrvPlatform::Event::Kind kind) noexcept ORV_REQUIRES(mutex);
+    void Wake() const noexcept;
+    static std::string Seconds(std::chrono::steady_clock::duration duration);
+
+    /// In a child of the process that made this.
+    bool IsInherited() const noexcept;
+    /// For as long as the process lives: a destructor would touch what is not this process's.
+    void Keep();
+
+    // What MosquittoClient reports; its operations are called under the mutex only.
+    void OnAnswer(int code) noexcept override ORV_REQUIRES(mutex);
+    void OnLost(int error) noexcept override ORV_REQUIRES(mutex);
+    void OnMessage(const char* topic, const void* payload, std::size_t size) noexcept override ORV_REQUIRES(mutex);
+    void OnTaken(int messageId) noexcept override ORV_REQUIRES(mutex);
+    void OnSubscribed(int messageId, bool granted) noexcept override ORV_REQUIRES(mutex);
+
+    // Log records are collected under the mutex and written without it: a sink may block.
+    template <typename Text>
+    bool Say(Severity severity, Text text) noexcept ORV_REQUIRES(mutex) {
+        try {
+            records.emplace_back(severity, text());
+            return true;
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+    }
+    void SayWhatWasDropped() noexcept ORV_REQUIRES(mutex);
+    void WriteLog() noexcept ORV_REQUIRES(mutex); // releases it meanwhile
+    void Write(Severity severity, const std::string& text) noexcept;
+
+    // Fixed at construction.
+    const OrvPlatform::GatewayConfig::Broker settings;
+    const std::string clientId;
+    const std::string place; // host:port or the socket, for the log
+    /// Filters of the topics that are left to another program.
+    const std::vector<std::string> foreignTopics;
+    const int wakeUp;    // an eventfd that ends the delivery thread's poll
+    const pid_t process; // that made this
+
+    CommonUtils::Logger logger;
+    QueueOwner& owner; // until Abandon
+
+    mutable OrvPlatform::Mutex mutex;
+    std::condition_variable_any changed; // link or delivering
+
+    // The delivery thread, from Connect until the connection is given up.
+    std::thread thread ORV_GUARDED_BY(mutex);
+    std::thread::id threadId ORV_GUARDED_BY(mutex);
+    unsigned threadNumber ORV_GUARDED_BY(mutex) = 0; // a thread with another number is to end
+    bool running ORV_GUARDED_BY(mutex) = false;
+    bool serving ORV_GUARDED_BY(mutex) = false;    // it serves the connection, rather than a callback or the log
+    int answersAwaited ORV_GUARDED_BY(mutex) = 0;  // callers of Connect
+    bool delivering ORV_GUARDED_BY(mutex) = false; // a callback is under way
+    bool deliveryStopped ORV_GUARDED_BY(mutex) = false;
+    int stopsAwaited ORV_GUARDED_BY(mutex) = 0; // callers of StopDelivery
+    OrvPlatform::EventQueue inbox ORV_GUARDED_BY(mutex);
+    OrvPlatform::EventQueue outbox ORV_GUARDED_BY(mutex); // being delivered; only the delivery thread changes it
+    const OrvPlatform::Event* underWay ORV_GUARDED_BY(mutex) = nullptr;
+    Time lookedAtClock ORV_GUARDED_BY(mutex); // when a callback that comes next begins, near enough
+    Time slowCallbackEnded ORV_GUARDED_BY(mutex);
+    std::string slowCallback ORV_GUARDED_BY(mutex); // the latest one that took long, in words
+    unsigned dropped ORV_GUARDED_BY(mutex) = 0;     // events for which there was no memory
+
+    // The connection.
+    Link link ORV_GUARDED_BY(mutex) = Link::CLOSED;
+    unsigned generation ORV_GUARDED_BY(mutex) = 0; // counts the clients that were taken away
+    std::unique_ptr<OrvPlatform::MosquittoClient> client ORV_GUARDED_BY(mutex);
+    Time attemptEnds ORV_GUARDED_BY(mutex);
+    Time pauseEnds ORV_GUARDED_BY(mutex);
+    Time keepAliveChecked ORV_GUARDED_BY(mutex);
+    Time lostAt ORV_GUARDED_BY(mutex);
+    int attempt ORV_GUARDED_BY(mutex) = 0; // since the connection was lost
+    int refusal ORV_GUARDED_BY(mutex) = 0; // the broker's answer to the latest attempt
+    int refusalSaid ORV_GUARDED_BY(mutex) = 0;
+    bool restoreDue ORV_GUARDED_BY(mutex) = false;
+    bool evictionSaid ORV_GUARDED_BY(mutex) = false;
+    std::string failure ORV_GUARDED_BY(mutex); // why the first attempt failed
+    OrvPlatform::Backoff backoff ORV_GUARDED_BY(mutex);
+    OrvPlatform::EvictionWatch evictions ORV_GUARDED_BY(mutex);
+    OrvPlatform::SilenceWatch silence ORV_GUARDED_BY(mutex);
+
+    // What is said to the broker.
+    struct Subscription {
+        std::string filter;
+        int qos;
+        int messageId; // of the latest request; 0 once it is answered
+    };
+    std::vector<Subscription> subscriptions ORV_GUARDED_BY(mutex);
+    OrvPlatform::AnnouncedState announced ORV_GUARDED_BY(mutex);
+    OrvPlatform::OutstandingPublications outstanding ORV_GUARDED_BY(mutex);
+    unsigned refusedForBytes ORV_GUARDED_BY(mutex) = 0; // since the broker has not kept up
+    unsigned refusedOffline ORV_GUARDED_BY(mutex) = 0;  // since there was a connection
+    unsigned refusalsSaid ORV_GUARDED_BY(mutex) = 0;    // since then, a bit for each status
+    bool keepsUpAgain ORV_GUARDED_BY(mutex) = false;
+    bool forgettingSaid ORV_GUARDED_BY(mutex) = false;
+
+    std::vector<std::pair<Severity, std::string>> records ORV_GUARDED_BY(mutex);
+};
+
+} // namespace QUILMQTT

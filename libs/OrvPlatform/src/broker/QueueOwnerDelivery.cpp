@@ -1,0 +1,380 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the delivery thread does: it moves bytes, keeps the connection up and calls the application.
+#include "broker/MqttText.h"
+#include "broker/QueueOwnerCore.h"
+
+#include <mosquitto.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <exception>
+#include <utility>
+
+namespace QUILMQTT {
+
+using namespace std::chrono_literals;
+using OrvPlatform::Event;
+using OrvPlatform::MosquittoErrorText;
+using OrvPlatform::MutexLock;
+
+namespace {
+
+// A broker that is alive answers at once. A frozen one keeps every attempt in its backlog and wades through them when
+// it thaws, so attempts are given time rather than repeated.
+constexpr auto RECONNECT_LIMIT = 10s;
+constexpr std::chrono::milliseconds KEEP_ALIVE_CHECK = 1s;
+
+std::chrono::milliseconds Until(std::chrono::steady_clock::time_point deadline) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    return std::max(left, std::chrono::milliseconds(0));
+}
+
+// What holds up a callback for less cannot have cost a connection.
+constexpr auto SLOW_CALLBACK = 1s;
+
+// How soon a thread that serves another's connection sees that it was given up meanwhile.
+constexpr std::chrono::milliseconds ASIDE = 20ms;
+
+std::string NameOf(const Event& event) {
+    switch (event.kind) {
+    case Event::Kind::CONNECTED:
+        return "the application's OnConnect";
+    case Event::Kind::MESSAGE:
+        return "the application's callback for " + OrvPlatform::Shortened(event.topic);
+    case Event::Kind::DELIVERED:
+        return "the application's OnDeliveryCompleted for " + OrvPlatform::Shortened(event.topic);
+    }
+    return {};
+}
+
+} // namespace
+
+std::string QueueOwner::Core::Seconds(std::chrono::steady_clock::duration duration) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f s", std::chrono::duration<double>(duration).count());
+    return text;
+}
+
+void QueueOwner::Core::Run(unsigned ownNumber) noexcept {
+    MutexLock lock(mutex);
+    while (threadNumber == ownNumber && link != Link::CLOSED) {
+        serving = true;
+        Turn();
+        serving = false;
+        if (answersAwaited > 0)
+            changed.notify_all();
+        WriteLog();
+        if (threadNumber == ownNumber)
+            Deliver();
+    }
+    if (threadNumber != ownNumber)
+        return;
+    WriteLog();
+    if (threadNumber == ownNumber)
+        running = false;
+}
+
+std::chrono::milliseconds QueueOwner::Core::PollLimit() const {
+    switch (link) {
+    case Link::UP:
+        return KEEP_ALIVE_CHECK;
+    case Link::PAUSING:
+        return Until(pauseEnds);
+    case Link::CONNECTING:
+    case Link::RECONNECTING:
+        return Until(attemptEnds);
+    case Link::CLOSED:
+        break;
+    }
+    return 0ms;
+}
+
+void QueueOwner::Core::Turn() noexcept {
+    const unsigned seen = generation;
+    const int socket = client->Socket();
+    const short wanted = socket >= 0 && client->WantsWrite() ? POLLIN | POLLOUT : POLLIN;
+    pollfd waits[] = {{wakeUp, POLLIN, 0}, {socket, wanted, 0}};
+    const int limit = static_cast<int>(PollLimit().count());
+
+    mutex.unlock();
+    poll(waits, 2, limit);
+    mutex.lock();
+
+    // While the lock was away another client may have taken this one's place, its descriptor's number even; and another
+    // thread this one's, for which the wake-up may be meant.
+    if (seen != generation) {
+        lookedAtClock = std::chrono::steady_clock::now();
+        return;
+    }
+    if (waits[0].revents != 0) {
+        std::uint64_t count = 0;
+        [[maybe_unused]] const ssize_t drained = read(wakeUp, &count, sizeof count);
+    }
+    ServeSocket(waits[1].revents);
+    Advance(std::chrono::steady_clock::now());
+}
+
+// The same by another thread, for a delivery thread that does something else. The wake-up stays the delivery thread's.
+void QueueOwner::Core::TurnAside(Time deadline) noexcept {
+    const unsigned seen = generation;
+    const int socket = client->Socket();
+    const short wanted = socket >= 0 && client->WantsWrite() ? POLLIN | POLLOUT : POLLIN;
+    pollfd wait{socket, wanted, 0};
+    const int limit = static_cast<int>(std::min(ASIDE, Until(deadline)).count());
+
+    mutex.unlock();
+    poll(&wait, 1, limit);
+    mutex.lock();
+
+    if (seen == generation)
+        ServeSocket(wait.revents);
+}
+
+void QueueOwner::Core::ServeSocket(short ready) noexcept {
+    if ((ready & (POLLIN | POLLHUP | POLLERR | POLLNVAL)) != 0)
+        client->Read();
+    if ((ready & POLLOUT) != 0)
+        client->Write();
+    if (dropped != 0)
+        SayWhatWasDropped();
+    if (link != Link::UP)
+        return;
+    if (restoreDue)
+        Restore();
+    else if (keepsUpAgain)
+        KeepUpAgain();
+}
+
+void QueueOwner::Core::Advance(Time now) noexcept {
+    lookedAtClock = now;
+    if (link == Link::UP)
+        silence.Served(now);
+    if (link == Link::UP && now - keepAliveChecked >= KEEP_ALIVE_CHECK) {
+        keepAliveChecked = now;
+        SendOwed();
+        client->KeepAlive();
+    } else if (link == Link::RECONNECTING && now >= attemptEnds) {
+        // The socket stays until the next attempt: an answer that comes late is welcome.
+        FailAttempt([] { return std::string("no answer within 10 s"); });
+    } else if (link == Link::PAUSING && now >= pauseEnds) {
+        ++attempt;
+        refusal = 0;
+        attemptEnds = now + RECONNECT_LIMIT;
+        SetLink(Link::RECONNECTING);
+        const int error = client->BeginReconnect();
+        const int systemError = errno;
+        if (error != MOSQ_ERR_SUCCESS)
+            FailAttempt([&] { return MosquittoErrorText(error, systemError); });
+    }
+}
+
+void QueueOwner::Core::SayWhatWasDropped() noexcept {
+    const bool isSaid = Say(Severity::ERROR, [this]() ORV_REQUIRES(mutex) {
+        return "out of memory: " + std::to_string(dropped) +
+               " messages or acknowledgements did not reach the application";
+    });
+    if (isSaid)
+        dropped = 0;
+}
+
+void QueueOwner::Core::QueueEvent(Event::Kind kind) noexcept {
+    try {
+        inbox.Next().kind = kind;
+        inbox.Push();
+    } catch (const std::bad_alloc&) {
+        ++dropped;
+    }
+}
+
+void QueueOwner::Core::OnAnswer(int code) noexcept {
+    if (link == Link::UP)
+        return;
+    refusal = code;
+    if (code != 0)
+        return; // OnLost follows
+    const bool again = link != Link::CONNECTING;
+    const Time now = std::chrono::steady_clock::now();
+    evictions.Accepted(now, attempt);
+    if (!evictions.Suspects())
+        backoff.Reset();
+    SetLink(Link::UP);
+    silence.Begin(now);
+    refusalsSaid = 0;
+    restoreDue = again;
+    if (again)
+        return;
+    QueueEvent(Event::Kind::CONNECTED);
+    const unsigned refused = std::exchange(refusedOffline, 0);
+    Say(Severity::INFO, [&] {
+        return "connected to " + place +
+               (refused == 0 ? "" : "; " + std::to_string(refused) + " publications had been refused before");
+    });
+}
+
+void QueueOwner::Core::OnLost(int error) noexcept {
+    const int systemError = errno;
+    const auto reason = [&]() ORV_REQUIRES(mutex) {
+        return refusal != 0 ? "refused by the broker: " + OrvPlatform::RefusalText(refusal)
+                            : MosquittoErrorText(error, systemError);
+    };
+    switch (link) {
+    case Link::CONNECTING:
+        Explain(reason);
+        SetLink(Link::CLOSED);
+        break;
+    case Link::UP:
+        LoseConnection(error, systemError);
+        break;
+    case Link::RECONNECTING:
+        FailAttempt(reason);
+        break;
+    case Link::PAUSING: // the socket of a late answer
+    case Link::CLOSED:
+        break;
+    }
+}
+
+void QueueOwner::Core::LoseConnection(int error, int systemError) noexcept {
+    const Time now = std::chrono::steady_clock::now();
+    const auto silent = silence.BeforeLoss(now);
+    // A broker that has heard nothing ends the connection in the same way as one that prefers another client.
+    evictions.Lost(now, error == MOSQ_ERR_CONN_LOST && silent == silent.zero());
+    outstanding.DropUnassured();
+    lostAt = now;
+    attempt = 0;
+    pauseEnds = now + backoff.Next();
+    // Also for a Connect that has not yet seen that it was accepted.
+    Explain([&]() ORV_REQUIRES(mutex) {
+        return MosquittoErrorText(error, systemError) + (silent == silent.zero() ? "" : WhatHeldUs(silent, now));
+    });
+    SetLink(Link::PAUSING);
+    Wake();
+
+    if (!evictions.Suspects()) {
+        evictionSaid = false;
+        Say(Severity::WARNING, [this]() ORV_REQUIRES(mutex) {
+            return "lost the connection to " + place + ": " + failure + "; reconnecting";
+        });
+    } else if (!evictionSaid) {
+        evictionSaid = Say(Severity::ERROR, [] {
+            return std::string(
+                "the broker keeps throwing this client off: another client uses the same id; leave [broker] "
+                "client_id_suffix out, or put %p and %n into it");
+        });
+    }
+}
+
+std::string QueueOwner::Core::WhatHeldUs(OrvPlatform::SilenceWatch::Duration silent, Time now) const {
+    std::string text = "; this client had been silent for " + Seconds(silent);
+    if (underWay != nullptr)
+        text += ", held up by " + NameOf(*underWay) + ", which has not returned yet";
+    else if (now - slowCallbackEnded <= silent + OrvPlatform::SilenceWatch::UNFORGIVEN && !slowCallback.empty())
+        text += ", held up by " + slowCallback;
+    return text;
+}
+
+template <typename Reason>
+void QueueOwner::Core::FailAttempt(Reason reason) noexcept {
+    pauseEnds = std::chrono::steady_clock::now() + backoff.Next();
+    SetLink(Link::PAUSING);
+    const bool news = refusal != refusalSaid;
+    refusalSaid = refusal;
+    Say(news && refusal != 0 ? Severity::WARNING : Severity::DEBUG,
+        [&]() ORV_REQUIRES(mutex) { return "cannot reconnect to " + place + ": " + reason(); });
+}
+
+void QueueOwner::Core::OnMessage(const char* topic, const void* payload, std::size_t size) noexcept {
+    try {
+        Event& event = inbox.Next();
+        event.kind = Event::Kind::MESSAGE;
+        event.topic.assign(topic);
+        event.payload.assign(static_cast<const char*>(payload), size);
+        inbox.Push();
+    } catch (const std::bad_alloc&) {
+        ++dropped;
+    }
+}
+
+void QueueOwner::Core::OnSubscribed(int messageId, bool granted) noexcept {
+    const auto found = std::find_if(subscriptions.begin(), subscriptions.end(),
+                                    [&](const auto& one) { return one.messageId == messageId; });
+    if (found == subscriptions.end())
+        return;
+    if (!granted)
+        Say(Severity::WARNING,
+            [&] { return "the broker refuses the subscription to " + found->filter + "; look into its access list"; });
+    found->messageId = 0;
+}
+
+void QueueOwner::Core::Deliver() noexcept {
+    while (!inbox.Empty()) {
+        const unsigned current = generation;
+        Time begun = lookedAtClock;
+        outbox.Swap(inbox);
+        for (std::size_t index = 0; index < outbox.Size(); ++index) {
+            if (generation != current || deliveryStopped)
+                break;
+            const Event& event = outbox[index];
+            delivering = true;
+            underWay = &event;
+            mutex.unlock();
+            Dispatch(event);
+            const Time ended = std::chrono::steady_clock::now();
+            mutex.lock();
+            delivering = false;
+            underWay = nullptr;
+            NoteCallback(event, begun, ended);
+            begun = lookedAtClock = ended;
+            if (stopsAwaited > 0)
+                changed.notify_all();
+        }
+        outbox.Clear();
+    }
+}
+
+void QueueOwner::Core::NoteCallback(const Event& event, Time begun, Time ended) noexcept {
+    if (ended - begun < SLOW_CALLBACK)
+        return;
+    try {
+        slowCallback = NameOf(event) + ", which took " + Seconds(ended - begun);
+    } catch (const std::bad_alloc&) {
+        slowCallback.clear();
+    }
+    slowCallbackEnded = ended;
+}
+
+void QueueOwner::Core::Dispatch(const Event& event) noexcept {
+    try {
+        switch (event.kind) {
+        case Event::Kind::CONNECTED:
+            owner.OnConnect();
+            break;
+        case Event::Kind::MESSAGE:
+            owner.OnPublish(event.topic, event.payload);
+            break;
+        case Event::Kind::DELIVERED:
+            owner.OnDeliveryCompleted(event.topic);
+            break;
+        }
+    } catch (const std::exception& exception) {
+        WriteException(exception.what());
+    } catch (...) {
+        WriteException(nullptr);
+    }
+}
+
+void QueueOwner::Core::WriteException(const char* what) noexcept {
+    try {
+        if (what != nullptr)
+            logger.Error() << clientId << ": an exception left the application's callback: " << what;
+        else
+            logger.Error() << clientId << ": an exception of unknown type left the application's callback";
+    } catch (const std::bad_alloc&) {
+        // Nothing is left to say it with.
+    }
+}
+
+} // namespace QUILMQTT

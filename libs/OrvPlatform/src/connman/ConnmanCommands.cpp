@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "CommonUtils/Networking/ConnmanCommands.h"
+
+#include "config/GatewayConfig.h"
+#include "connman/ConnmanLink.h"
+
+#include "CommonUtils/Logger.h"
+
+#include <pthread.h>
+
+namespace CommonUtils::Networking {
+
+class ConnmanCommands::Worker {
+public:
+    bool IsLeftToTheController(const char* order) {
+        if (isController)
+            return false;
+        logger.Debug() << order << " is left to the gateway's controller, nothing is asked for";
+        return true;
+    }
+
+    OrvPlatform::ConnmanLink link{OrvPlatform::ConnmanLink::BusAddress(OrvPlatform::Config().connman.busAddress)};
+
+private:
+    const bool isController = OrvPlatform::Config().IsController();
+    CommonUtils::Logger logger{"ConnmanCommands", 0};
+};
+
+namespace {
+
+OrvPlatform::ConnmanLink* forkedLink = nullptr;
+
+struct StopAtExit {
+    OrvPlatform::ConnmanLink& link;
+    ~StopAtExit() { link.Stop(); }
+};
+
+} // namespace
+
+ConnmanCommands::ConnmanCommands() : worker(std::make_unique<Worker>()) {
+    forkedLink = &worker->link;
+    pthread_atfork([] { forkedLink->BeforeFork(); }, [] { forkedLink->AfterForkInParent(); },
+                   [] { forkedLink->AfterForkInChild(); });
+}
+
+ConnmanCommands::~ConnmanCommands() = default;
+
+ConnmanCommands& ConnmanCommands::GetInstance() {
+    // Never destroyed: other objects with static storage may still ask it while the process ends. Only its thread goes.
+    static ConnmanCommands* instance = new ConnmanCommands;
+    static StopAtExit stop{instance->worker->link};
+    return *instance;
+}
+
+std::string ConnmanCommands::GetTopPriorityInterface() {
+    return worker->link.TopPriorityInterface();
+}
+
+bool ConnmanCommands::SetTopPriorityInterface(const std::string& interfaceName) {
+    if (worker->IsLeftToTheController("the order of the interfaces"))
+        return true;
+    return worker->link.SetTopPriorityInterface(interfaceName);
+}
+
+bool ConnmanCommands::SetDnsConfiguration(const std::string& interfaceName, const std::string& first,
+                                          const std::string& second) {
+    if (worker->IsLeftToTheController("the choice of name servers"))
+        return true;
+    std::vector<std::string> servers;
+    for (const std::string& server : {first, second}) {
+        if (!server.empty())
+            servers.push_back(server);
+    }
+    return worker->link.SetDnsConfiguration(interfaceName, servers);
+}
+
+} // namespace CommonUtils::Networking

@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "connman/ConnmanRunner.h"
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace OrvPlatform {
+
+/// The real connection manager, as callers see it. A thread of its own, started by the first call, owns the bus
+/// connection and does the work; callers only touch the picture and the orders, under one mutex that is never held
+/// across anything slow. Every operation may be called from any thread and returns at once.
+class ConnmanLink {
+public:
+    explicit ConnmanLink(const std::string& address, const ConnmanLimits& timeLimits = {});
+    ~ConnmanLink();
+    ConnmanLink(const ConnmanLink&) = delete;
+    ConnmanLink& operator=(const ConnmanLink&) = delete;
+
+    std::string TopPriorityInterface();
+    bool SetTopPriorityInterface(const std::string& interfaceName);
+
+    /// @param servers as the caller gave them, empty strings left out
+    bool SetDnsConfiguration(const std::string& interfaceName, const std::vector<std::string>& servers);
+
+    /// The process ends: the thread is gone afterwards; later calls do nothing.
+    void Stop() noexcept;
+
+    /// Called around fork(), so that a child that goes on without exec does not inherit a locked lock or a dead thread.
+    /// Where the thread does not come out of libdbus in time, the child's calls do nothing.
+    void BeforeFork() noexcept;
+    void AfterForkInParent() noexcept;
+    void AfterForkInChild() noexcept;
+
+    /// Where the connection manager is found: the configured bus, else the one that the environment names, else the
+    /// system's.
+    static std::string BusAddress(const std::string& configured);
+
+private:
+    bool IsRunning();
+    bool CanCarryOutNow(const std::string& interfaceName, bool mustBeConnected) const;
+
+    const std::string busAddress;
+    const ConnmanLimits limits;
+    std::shared_ptr<ConnmanShared> shared; ///< outlives this object where the thread does not end in time
+    std::unique_ptr<std::thread> thread;
+    bool hasLibrary = false; ///< BeforeFork holds LibdbusMutex
+
+    // What a forked child got from its parent and must not touch.
+    std::shared_ptr<ConnmanShared> parentsShared;
+    std::thread* parentsThread = nullptr;
+};
+
+} // namespace OrvPlatform

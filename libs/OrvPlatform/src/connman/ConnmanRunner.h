@@ -1,0 +1,86 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "CommonUtils/Logger.h"
+#include "connman/ConnmanShared.h"
+#include "connman/MessageBus.h"
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+namespace OrvPlatform {
+
+struct ConnmanLimits {
+    std::chrono::milliseconds greeting{3000};      ///< for the bus to accept a connection
+    std::chrono::milliseconds answer{3000};        ///< after which a silent connection manager is reported
+    std::chrono::milliseconds firstRetry{250};     ///< of what failed; doubles ...
+    std::chrono::milliseconds longestRetry{10000}; ///< ... up to this
+    std::chrono::milliseconds stop{500};           ///< for the thread to end when the process does
+    std::chrono::milliseconds fork{500};           ///< for the thread to come out of libdbus when the process forks
+};
+
+/// The thread that owns the bus connection: keeps the picture and carries out the orders, one call at a time.
+class ConnmanRunner {
+public:
+    ConnmanRunner(std::shared_ptr<ConnmanShared> state, std::string address, const ConnmanLimits& timeLimits);
+
+    /// Returns when the shared state says `stopping`.
+    void Run();
+
+private:
+    using Clock = MessageBus::Clock;
+
+    /// What is missing; each is logged when it sets in, not again while it lasts.
+    enum class Loss { NONE, BUS, MANAGER, LIST };
+
+    void Fail(const char* reason) noexcept;
+    void GoOn();
+    void Connect();
+    std::string Introduce();
+    std::string FindOwner();
+    void AskAgain();
+    Clock::time_point NextWake() const;
+    void BusLost();
+    void BusFailed(const std::string& reason);
+    void OwnerIs(const std::string& name);
+    void Away(Loss loss, const std::string& text);
+    void Report(Loss loss, const std::string& text);
+    void Refresh(const ConnmanStep* accomplished);
+    bool TakeOver(const MessageBus::Reply& reply, const ConnmanStep* accomplished);
+    bool HasGoneUnheard(const MessageBus::Reply& reply, const std::string& askedOwner);
+    void ForgetLeftovers();
+    void CarryOut(const ConnmanStep& step);
+    MessageBus::Reply Call(DBusMessagePtr message, const std::string& what);
+    ConnmanStep NextStep();
+    void LogNotes();
+    void HandleSignal(DBusMessage& signal);
+    void HandleServicesChanged(DBusMessage& signal);
+    void HandlePropertyChanged(DBusMessage& signal);
+    void Doubt(DBusMessage& signal);
+    std::chrono::milliseconds NextRetry();
+    bool IsStopping() const;
+    std::string Summary() const;
+
+    const std::shared_ptr<ConnmanShared> shared;
+    const std::string busAddress;
+    const ConnmanLimits limits;
+    CommonUtils::Logger logger;
+    MessageBus bus;
+
+    std::string owner;    ///< the connection manager's unique name on the bus; empty when it is away
+    bool stale = true;    ///< the list of services must be asked for
+    bool greeted = false; ///< the connection manager's presence has been logged
+    bool leftoversDone = false;
+    bool doubted =
+        false; ///< somebody else's signals have come: ask again who the connection manager is, and what it has
+    bool strangerReported = false;
+    bool connected = false; ///< the bus has been open
+    Loss reported = Loss::NONE;
+    Clock::time_point nextTry;   ///< of what failed
+    Clock::time_point nextDoubt; ///< strangers cannot have more questions asked than one in a while
+    Clock::time_point connectedSince;
+    std::chrono::milliseconds retryDelay;
+};
+
+} // namespace OrvPlatform

@@ -1,0 +1,221 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "CommonUtils/Logger.h"
+
+#include "log/LogChannel.h"
+#include "log/LogEscape.h"
+
+#include <algorithm>
+#include <array>
+#include <locale>
+#include <streambuf>
+#include <utility>
+
+namespace CommonUtils {
+
+namespace {
+
+/// Keeps the first bytes of what is streamed and counts the rest.
+class BoundedText final : public std::streambuf {
+public:
+    const std::string& Kept() const { return kept; }
+    std::size_t Bytes() const { return bytes; }
+
+    void Clear() {
+        constexpr std::size_t worthKeeping = 1024;
+        if (kept.capacity() > worthKeeping)
+            std::string().swap(kept);
+        kept.clear();
+        bytes = 0;
+    }
+
+protected:
+    std::streamsize xsputn(const char* text, std::streamsize count) override {
+        const auto wanted = static_cast<std::size_t>(count);
+        kept.append(text, std::min(wanted, OrvPlatform::maxRecordBytes - kept.size()));
+        bytes += wanted;
+        return count;
+    }
+
+    int_type overflow(int_type c) override {
+        if (traits_type::eq_int_type(c, traits_type::eof()))
+            return traits_type::not_eof(c);
+        const char byte = traits_type::to_char_type(c);
+        xsputn(&byte, 1);
+        return c;
+    }
+
+private:
+    std::string kept;
+    std::size_t bytes = 0;
+};
+
+} // namespace
+
+struct LogObject::Record {
+    Record() : stream(&text), pristine(nullptr) {
+        pristine.imbue(std::locale::classic());
+        stream.imbue(std::locale::classic());
+    }
+
+    void Open(const std::string& source, int recordLevel, const char* recordTag) {
+        logger = source;
+        level = recordLevel;
+        tag = recordTag == nullptr ? std::string_view() : std::string_view(recordTag);
+    }
+
+    void Emit() const noexcept {
+        OrvPlatform::ProcessLog().Write({level, logger, tag, text.Kept(), text.Bytes(), false});
+    }
+
+    /// Whatever the last record's values did to the stream, the next one finds default flags.
+    void Reset() {
+        text.Clear();
+        stream.copyfmt(pristine);
+        stream.clear();
+    }
+
+    std::string logger;
+    int level = 0;
+    std::string_view tag;
+    BoundedText text;
+    std::ostream stream;
+    std::ios pristine;
+};
+
+namespace {
+
+using Record = LogObject::Record;
+
+/// Records that one thread has used and will use again: making a stream costs more than a short record does.
+/// Two, because a value being streamed may log itself.
+class SpareRecords {
+public:
+    SpareRecords() noexcept = default;
+    ~SpareRecords();
+    SpareRecords(const SpareRecords&) = delete;
+    SpareRecords& operator=(const SpareRecords&) = delete;
+
+    std::unique_ptr<Record> Take() noexcept {
+        for (auto& spare : spares)
+            if (spare)
+                return std::move(spare);
+        return nullptr;
+    }
+
+    void Keep(std::unique_ptr<Record> record) {
+        for (auto& spare : spares) {
+            if (!spare) {
+                record->Reset();
+                spare = std::move(record);
+                return;
+            }
+        }
+    }
+
+private:
+    std::array<std::unique_ptr<Record>, 2> spares;
+};
+
+// Has no destructor, so it can still be asked when the spares of an ending thread are gone.
+thread_local bool sparesAreGone = false;
+
+SpareRecords::~SpareRecords() {
+    sparesAreGone = true;
+}
+
+SpareRecords* ThisThreadsSpares() {
+    if (sparesAreGone)
+        return nullptr;
+    thread_local SpareRecords spares;
+    return &spares;
+}
+
+std::unique_ptr<Record> OpenRecord(const std::string& logger, int level, const char* tag) {
+    std::unique_ptr<Record> record;
+    if (SpareRecords* spares = ThisThreadsSpares())
+        record = spares->Take();
+    if (!record)
+        record = std::make_unique<Record>();
+    record->Open(logger, level, tag);
+    return record;
+}
+
+void FinishRecord(std::unique_ptr<Record> record) noexcept {
+    if (!record)
+        return;
+    record->Emit();
+    if (SpareRecords* spares = ThisThreadsSpares())
+        spares->Keep(std::move(record));
+}
+
+} // namespace
+
+LogObject::LogObject(std::unique_ptr<Record> content) noexcept : record(std::move(content)) {}
+
+LogObject::LogObject(LogObject&& other) noexcept = default;
+
+LogObject& LogObject::operator=(LogObject&& other) noexcept {
+    if (this != &other) {
+        FinishRecord(std::move(record));
+        record = std::move(other.record);
+    }
+    return *this;
+}
+
+LogObject::~LogObject() {
+    FinishRecord(std::move(record));
+}
+
+LogObject& LogObject::operator<<(const char* text) {
+    if (std::ostream* stream = Stream())
+        *stream << text;
+    return *this;
+}
+
+LogObject& LogObject::operator<<(const std::string& text) {
+    if (std::ostream* stream = Stream())
+        *stream << text;
+    return *this;
+}
+
+std::ostream* LogObject::Stream() noexcept {
+    return record ? &record->stream : nullptr;
+}
+
+struct Logger::Source {
+    std::string name;
+    int threshold;
+
+    LogObject Open(int level, const char* tag) const {
+        return LogObject(level < threshold ? nullptr : OpenRecord(name, level, tag));
+    }
+};
+
+Logger::Logger(const std::string& name, int level)
+    : source(std::make_unique<Source>(Source{OrvPlatform::Escaped(name), OrvPlatform::LogThreshold(name, level)})) {}
+
+Logger::~Logger() = default;
+Logger::Logger(Logger&& other) noexcept = default;
+Logger& Logger::operator=(Logger&& other) noexcept = default;
+
+LogObject Logger::Trace(const char* tag) {
+    return source->Open(0, tag);
+}
+
+LogObject Logger::Debug(const char* tag) {
+    return source->Open(1, tag);
+}
+
+LogObject Logger::Info(const char* tag) {
+    return source->Open(2, tag);
+}
+
+LogObject Logger::Warning(const char* tag) {
+    return source->Open(3, tag);
+}
+
+LogObject Logger::Error(const char* tag) {
+    return source->Open(4, tag);
+}
+
+} // namespace CommonUtils
