@@ -30,7 +30,7 @@ def test_a_full_list_of_authorities_moves_the_cloud_as_a_short_one(box, scene, k
 @pytest.fixture
 def quick_scene(make_scene):
     """With ticks that are quick enough for several attempts of a poke within the grace of a lost address."""
-    return make_scene("--refresh-s", "0", "--tick-ms", "100").start()
+    return make_scene("--tick-ms", "100").start()
 
 
 GRACE_S = 2  # for so long after its start a poke over Ethernet goes on without an address
@@ -140,7 +140,7 @@ class ApplicationWhoseLogNobodyReads(Application):
 
 
 def test_a_frozen_reader_of_the_log_holds_nothing_up(box, tmp_path, request):
-    application = ApplicationWhoseLogNobodyReads(box, tmp_path, "--refresh-s", "0")
+    application = ApplicationWhoseLogNobodyReads(box, tmp_path)
     application.wait_for_cloud("eth0", 10)
     box("provider", "eth", "dead")
     application.wait_for_cloud("wwan0", 20)
@@ -183,7 +183,7 @@ wait 300ms
 
 def test_a_neighbour_that_crashes_all_the_time_does_not_pull_the_route_back(box, make_scene, tmp_path):
     put_setting(box, "[gateway]\ncontroller = gateway-app\n")
-    scene = make_scene("--refresh-s", "0").start()
+    scene = make_scene().start()
     scene.neighbours = ("neighbour",)
     script = tmp_path / "neighbour.orv"
     script.write_text(NEIGHBOUR, encoding="utf-8")
