@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
 #include <functional>
 #include <sys/resource.h>
@@ -116,6 +117,16 @@ TEST_F(APlaceThatIsTaken, ByASocketIsFreed) {
         const int bound = bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address);
         close(listener);
         return bound;
+    });
+    WriteBothFiles();
+    ExpectFilesOfOurOwn();
+}
+
+// A 32-bit processor with 32-bit times could not look at it.
+TEST_F(APlaceThatIsTaken, ByALinkWithADateBeyond2038IsFreed) {
+    Plant([](const char* path) {
+        const std::string date = std::string("touch -h -d 2040-01-01 ") + path;
+        return symlink(PRECIOUS, path) + std::system(date.c_str()); // NOLINT(concurrency-mt-unsafe)
     });
     WriteBothFiles();
     ExpectFilesOfOurOwn();

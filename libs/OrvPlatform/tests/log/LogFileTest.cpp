@@ -2,6 +2,7 @@
 #include "support/LogLines.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
@@ -54,6 +55,14 @@ TEST_F(ALogFile, HasTheTimeInUtcWhateverTheTimeZone) {
 
 TEST_F(ALogFile, ContinuesWhereTheLastProcessEnded) {
     Say(*Open(100000, 3), "first");
+    Say(*Open(100000, 3), "second");
+    EXPECT_EQ(LinesIn(path), (Lines{"info [Test] first", "info [Test] second"}));
+}
+
+// A 32-bit processor with 32-bit times could not look at it.
+TEST_F(ALogFile, MayHaveADateBeyond2038) {
+    Say(*Open(100000, 3), "first");
+    ASSERT_EQ(std::system(("touch -d 2040-01-01 " + path).c_str()), 0); // NOLINT(concurrency-mt-unsafe)
     Say(*Open(100000, 3), "second");
     EXPECT_EQ(LinesIn(path), (Lines{"info [Test] first", "info [Test] second"}));
 }

@@ -384,6 +384,18 @@ TEST_F(ARecordThatASocketHasCutOff, IsFinishedByTheProcessThatBeganIt) {
     EXPECT_EQ(Drain(reader).front(), 'x');
 }
 
+// A 32-bit processor with 32-bit times could not look at it.
+TEST(StandardErrorInAFile, MayHaveADateBeyond2038) {
+    const TemporaryFolder folder;
+    const std::string path = folder.Path("out");
+    const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    ASSERT_EQ(std::system(("touch -d 2040-01-01 " + path).c_str()), 0); // NOLINT(concurrency-mt-unsafe)
+    LogChannel log(MakeStderrSink(file));
+    Say(log, "text");
+    ::close(file);
+    EXPECT_EQ(LinesIn(path), Lines{"info [Test] text"});
+}
+
 TEST(StandardErrorOnAFullDisk, CostsTheRecordsOnly) {
     const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
     const Ended ended = RunInChild({}, [full] {
