@@ -38,10 +38,9 @@ public:
     /// If the connection ends without DeInit, the broker announces the application as unavailable.
     /// A further call connects anew, under the name then given. Not while messages arrive: their delivery reads the
     /// name.
-    /// @param appName the application's (feature's) name, one level of its topics: UTF-8, not empty, without "/", "+",
-    /// "#"
-    ///                and NUL. It is not checked: with "+", "#", a NUL or what is not UTF-8 no connection is made
-    ///                (NACK); with a "/", or empty, the topics are other ones than the stack expects.
+    /// @param appName the application's (feature's) name, one level of its topics: UTF-8, not empty, and without NUL,
+    ///                "/", "+" and "#". It is not checked: with "+", "#", a NUL or what is not UTF-8 no connection is
+    ///                made (NACK); with a "/", or empty, the topics are other ones than the stack expects.
     ///                "shutdown_readiness" is taken: that application's topics would be read as the readiness of
     ///                others.
     virtual void Init(const std::string& appName) = 0;
