@@ -249,6 +249,12 @@ TEST_F(ThePokeOnOpenSsl, TakesTheBundleWithAnyOtherTlsLibrary) {
     }
 }
 
+TEST_F(ThePokeOnOpenSsl, TakesTheBundleWithALibcurlThatDoesNotTellItsFolderYet) {
+    Add("0a1b2c3d.0");
+    FakeCurl::SetVersionInfoAge(CURLVERSION_SIXTH);
+    EXPECT_EQ(SetUpThatEndsWith(CURLE_COULDNT_CONNECT), fromBundle);
+}
+
 TEST_F(ThePokeOnOpenSsl, TriesTheBundleOnceTheFolderHasNotSufficed) {
     Add("0a1b2c3d.0");
     EXPECT_EQ(SetUpThatEndsWith(CURLE_PEER_FAILED_VERIFICATION), fromFolder);

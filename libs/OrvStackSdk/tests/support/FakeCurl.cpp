@@ -32,6 +32,7 @@ struct Script {
     CURLMsg message{};
     std::string tlsLibrary = "GnuTLS/3.7.9";
     std::string anchorFolder;
+    CURLversion versionInfoAge = CURLVERSION_NOW;
 };
 
 Script script;
@@ -100,7 +101,7 @@ extern "C" {
 
 curl_version_info_data* curl_version_info(CURLversion) {
     static curl_version_info_data info{};
-    info.age = CURLVERSION_NOW;
+    info.age = script.versionInfoAge;
     info.ssl_version = script.tlsLibrary.empty() ? nullptr : script.tlsLibrary.c_str();
     info.capath = script.anchorFolder.empty() ? nullptr : script.anchorFolder.c_str();
     return &info;
@@ -229,6 +230,10 @@ void FakeCurl::SetEasyInitFails(bool fails) {
 
 void FakeCurl::SetAddHandleResult(CURLMcode result) {
     script.addHandleResult = result;
+}
+
+void FakeCurl::SetVersionInfoAge(CURLversion age) {
+    script.versionInfoAge = age;
 }
 
 void FakeCurl::SetTrust(const std::string& tlsLibrary, const std::string& folder) {

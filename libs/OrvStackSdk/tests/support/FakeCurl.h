@@ -40,6 +40,8 @@ public:
     static void SetMultiInitFails(bool fails);
     static void SetEasyInitFails(bool fails);
     static void SetAddHandleResult(CURLMcode result);
+    /// Which fields curl_version_info fills in: an older libcurl fills in fewer.
+    static void SetVersionInfoAge(CURLversion age);
     /// What curl_version_info tells: the TLS library as "OpenSSL/3.0.9", and the default folder of trust anchors.
     static void SetTrust(const std::string& tlsLibrary, const std::string& folder);
     /// @}
