@@ -42,7 +42,8 @@ PairedSockets FindPairedSockets() {
     while (const dirent* entry = folder ? readdir(folder.get()) : nullptr) {
         const int descriptor = static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
         struct stat status {};
-        if (IsPaired(descriptor) && fstat(descriptor, &status) == 0)
+        // By its name: another thread's descriptor may be closed at this moment.
+        if (IsPaired(descriptor) && fstatat(dirfd(folder.get()), entry->d_name, &status, 0) == 0)
             found.emplace_back(descriptor, status.st_ino);
     }
     return found;
