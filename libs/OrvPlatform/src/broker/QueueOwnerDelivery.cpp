@@ -60,7 +60,16 @@ std::string QueueOwner::Core::Seconds(std::chrono::steady_clock::duration durati
 
 void QueueOwner::Core::Run(unsigned ownNumber) noexcept {
     MutexLock lock(mutex);
-    while (threadNumber == ownNumber && link != Link::CLOSED) {
+    while (threadNumber == ownNumber) {
+        if (link == Link::CLOSED) {
+            // Not while the log is away: a Connect meanwhile counts on this thread.
+            if (records.empty()) {
+                running = false;
+                return;
+            }
+            WriteLog();
+            continue;
+        }
         serving = true;
         Turn();
         serving = false;
@@ -70,11 +79,6 @@ void QueueOwner::Core::Run(unsigned ownNumber) noexcept {
         if (threadNumber == ownNumber)
             Deliver();
     }
-    if (threadNumber != ownNumber)
-        return;
-    WriteLog();
-    if (threadNumber == ownNumber)
-        running = false;
 }
 
 std::chrono::milliseconds QueueOwner::Core::PollLimit() const {

@@ -81,6 +81,31 @@ TEST_F(ACallback, MayDisconnectAndConnectAgain) {
     });
 }
 
+TEST_F(ACallback, MayDisconnectWhileAnotherThreadConnectsAndTheLogIsSlow) {
+    std::promise<void> release;
+    std::atomic<bool> inLog{false};
+    OrvPlatformFake::Journal::Observe([&, released = release.get_future().share()](const std::string& entry) {
+        if (entry.find("was refused: not connected") != std::string::npos) {
+            inLog = true;
+            released.wait();
+        }
+    });
+    TestClient client;
+    client.onMessage = [&](const std::string& topic, const std::string&) {
+        if (topic == "go") {
+            client.Disconnect();
+            client.PublishMessage("late", "x", false);
+        }
+    };
+    ASSERT_TRUE(client.Connect() && client.Subscribe("go", 1));
+    ASSERT_EQ(client.PublishMessage("go", "", true), 0);
+    ASSERT_TRUE(WaitUntil([&] { return inLog.load(); }));
+    EXPECT_TRUE(client.Connect());
+    release.set_value();
+    EXPECT_TRUE(IsUpToDate(client)) << "nobody serves the new connection";
+    OrvPlatformFake::Journal::Observe({});
+}
+
 TEST_F(ACallback, MayStopDelivery) {
     BrokerSettings().maxOutstandingBytes = 1024;
     std::atomic<bool> stopped{false};
