@@ -26,9 +26,11 @@ OutstandingPublications::Prepared OutstandingPublications::Prepare(Publication p
 }
 
 void OutstandingPublications::Add(int messageId, Prepared prepared) noexcept {
-    bytes += prepared.mapped().bytes;
+    const std::size_t added = prepared.mapped().bytes;
     prepared.key() = messageId;
-    publications.insert(std::move(prepared));
+    // The ids begin anew after 65535: one whose first publication was never taken is not counted twice.
+    if (publications.insert(std::move(prepared)).inserted)
+        bytes += added;
 }
 
 std::optional<OutstandingPublications::Publication> OutstandingPublications::Take(int messageId) {

@@ -125,6 +125,15 @@ TEST(OutstandingPublicationsOfAKilobyte, MakeRoomAsTheBrokerTakesThem) {
     EXPECT_EQ(outstanding.Bytes(), 400U);
 }
 
+TEST(OutstandingPublicationsOfAKilobyte, CountNothingForEverWhenAnIdIsUsedAgainBeforeItIsTaken) {
+    OutstandingPublications outstanding(1000);
+    outstanding.Add(1, OutstandingPublications::Prepare({"a", 600, true}));
+    outstanding.Add(1, OutstandingPublications::Prepare({"", 300, false}));
+    outstanding.Take(1);
+    outstanding.Take(1);
+    EXPECT_EQ(outstanding.Bytes(), 0U);
+}
+
 TEST(OutstandingPublicationsOfAKilobyte, LoseWithTheConnectionWhatIsNotAssured) {
     OutstandingPublications outstanding(1000);
     outstanding.Add(1, OutstandingPublications::Prepare({"a", 600, true}));
