@@ -1,19 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "broker/ClientIdSuffix.h"
 
+#include "broker/ProcessLock.h"
+
 #include <unistd.h>
 
 #include <map>
-#include <mutex>
 
 namespace OrvPlatform {
 
 namespace {
 
 unsigned NextNumber(const std::string& clientId) {
-    static std::mutex mutex;
+    const ProcessLock lock;
     static std::map<std::string, unsigned> numbers;
-    const std::lock_guard<std::mutex> lock(mutex);
     return ++numbers[clientId];
 }
 

@@ -2,6 +2,8 @@
 #include "broker/MosquittoClient.h"
 
 #include "broker/MqttText.h"
+#include "broker/ProcessLock.h"
+#include "broker/SocketPair.h"
 
 #include <fcntl.h>
 #include <mosquitto.h>
@@ -12,7 +14,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <mutex>
 #include <system_error>
 
 namespace OrvPlatform {
@@ -31,8 +32,11 @@ enum ConnackCode : int {
 // The library seeds rand() and is not safe for two threads here; it is never cleaned up, as another part of the process
 // may be using it too.
 void InitialiseLibrary() {
-    static std::once_flag once;
-    std::call_once(once, [] { mosquitto_lib_init(); });
+    const ProcessLock lock;
+    static bool isInitialised = false;
+    if (!isInitialised)
+        mosquitto_lib_init();
+    isInitialised = true;
 }
 
 int MillisecondsUntil(MosquittoClient::Time deadline) {
@@ -73,12 +77,17 @@ std::unique_ptr<MosquittoClient> MosquittoClient::Make(const MosquittoSettings& 
 }
 
 MosquittoClient::MosquittoClient(const MosquittoSettings& settings, MosquittoEvents& receiver)
-    : host(settings.host),
-      port(settings.port),
-      keepAlive(settings.keepAlive),
-      events(&receiver),
-      pairsOfOthers(FindPairedSockets()),
-      handle(mosquitto_new(settings.clientId.c_str(), true, this)) {}
+    : host(settings.host), port(settings.port), keepAlive(settings.keepAlive), events(&receiver) {
+    // The library makes a pair of sockets to wake a thread of its own. It has none here, so the bytes that it writes
+    // with each packet stay unread, until they fill the pair's buffer: 200 KB of the kernel's memory.
+    // Clients that are made at the same moment would take each other's pairs for an application's.
+    const ProcessLock lock;
+    const PairedSockets before = FindPairedSockets();
+    handle.reset(mosquitto_new(settings.clientId.c_str(), true, this));
+    const int systemError = errno;
+    RestrainUnreadPair(before);
+    errno = systemError;
+}
 
 MosquittoClient::~MosquittoClient() = default;
 
@@ -107,17 +116,12 @@ int MosquittoClient::Configure(const MosquittoSettings& settings) {
 }
 
 int MosquittoClient::BeginConnect() {
-    const int error = mosquitto_connect_async(handle.get(), host.c_str(), port, static_cast<int>(keepAlive.count()));
-    const int systemError = errno;
-    // The library has made a pair of sockets to wake a thread of its own. It has none here, so the bytes that it writes
-    // with each packet stay unread, until they fill the pair's buffer: 200 KB of the kernel's memory.
-    RestrainUnreadPair(pairsOfOthers, Socket());
-    PairedSockets().swap(pairsOfOthers);
-    errno = systemError;
-    return Adopt(error);
+    const ProcessLock lock; // no child is made before the socket is closed on exec
+    return Adopt(mosquitto_connect_async(handle.get(), host.c_str(), port, static_cast<int>(keepAlive.count())));
 }
 
 int MosquittoClient::BeginReconnect() {
+    const ProcessLock lock;
     return Adopt(mosquitto_reconnect_async(handle.get()));
 }
 

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "broker/SocketPair.h"
-
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -102,7 +100,6 @@ private:
     const std::chrono::seconds keepAlive;
 
     MosquittoEvents* events;
-    PairedSockets pairsOfOthers; // before the library made one
     std::unique_ptr<mosquitto, Destroyer> handle;
 };
 

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <functional>
 #include <random>
@@ -205,10 +206,14 @@ bool QueueOwner::Core::Subscribe(const std::string& filter, int qos) {
     return true;
 }
 
-bool QueueOwner::Core::IsLeftToTheController(const std::string& topic) {
+bool QueueOwner::Core::IsLeftToTheController(const std::string& topic) noexcept {
     if (!OrvPlatform::MatchesAny(foreignTopics, topic))
         return false;
-    logger.Debug() << clientId << ": " << topic << " is left to the gateway's controller, nothing is published";
+    try {
+        logger.Debug() << clientId << ": " << topic << " is left to the gateway's controller, nothing is published";
+    } catch (const std::bad_alloc&) {
+        // Nothing is left to say it with.
+    }
     return true;
 }
 
@@ -248,10 +253,14 @@ bool QueueOwner::Core::IsInherited() const noexcept {
     return getpid() != process;
 }
 
-void QueueOwner::Core::Keep() {
-    // Reachable, so that a leak checker has nothing to say.
-    static auto& inherited = *new std::vector<std::shared_ptr<Core>>;
-    inherited.push_back(shared_from_this());
+void QueueOwner::Core::Keep() noexcept {
+    // A list, so that a leak checker has nothing to say. Made of its members: there may be no memory, and several
+    // threads may come at the same time.
+    static std::atomic<Core*> lastKept{nullptr};
+    kept = shared_from_this();
+    keptBefore = lastKept.load();
+    while (!lastKept.compare_exchange_weak(keptBefore, this)) {
+    }
 }
 
 std::unique_ptr<MosquittoClient> QueueOwner::Core::TakeClient() {

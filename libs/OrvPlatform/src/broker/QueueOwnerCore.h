@@ -104,7 +104,7 @@ private:
         ORV_REQUIRES(mutex);
     int Send(const std::string& topic, const std::string& payload, bool retained, bool assured) noexcept
         ORV_REQUIRES(mutex);
-    bool IsLeftToTheController(const std::string& topic);
+    bool IsLeftToTheController(const std::string& topic) noexcept;
     void Flush() noexcept ORV_REQUIRES(mutex);
     void NoteRefusal(int status, const std::string& topic, std::size_t size) noexcept ORV_REQUIRES(mutex);
     void QueueEvent(OrvPlatform::Event::Kind kind) noexcept ORV_REQUIRES(mutex);
@@ -114,7 +114,7 @@ private:
     /// In a child of the process that made this.
     bool IsInherited() const noexcept;
     /// For as long as the process lives: a destructor would touch what is not this process's.
-    void Keep();
+    void Keep() noexcept;
 
     // What MosquittoClient reports; its operations are called under the mutex only.
     void OnAnswer(int code) noexcept override ORV_REQUIRES(mutex);
@@ -143,8 +143,10 @@ private:
     const std::string place; // host:port or the socket, for the log
     /// Filters of the topics that are left to another program.
     const std::vector<std::string> foreignTopics;
-    const int wakeUp;    // an eventfd that ends the delivery thread's poll
-    const pid_t process; // that made this
+    const int wakeUp;           // an eventfd that ends the delivery thread's poll
+    const pid_t process;        // that made this
+    std::shared_ptr<Core> kept; // itself and the one that was kept before, in a forked child
+    Core* keptBefore = nullptr;
 
     CommonUtils::Logger logger;
     QueueOwner& owner; // until Abandon

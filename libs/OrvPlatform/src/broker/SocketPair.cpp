@@ -49,14 +49,12 @@ PairedSockets FindPairedSockets() {
     return found;
 }
 
-bool RestrainUnreadPair(const PairedSockets& before, int connection) {
+bool RestrainUnreadPair(const PairedSockets& before) {
     PairedSockets made = FindPairedSockets();
-    made.erase(std::remove_if(made.begin(), made.end(),
-                              [&](const auto& one) {
-                                  return one.first == connection ||
-                                         std::find(before.begin(), before.end(), one) != before.end();
-                              }),
-               made.end());
+    made.erase(
+        std::remove_if(made.begin(), made.end(),
+                       [&](const auto& one) { return std::find(before.begin(), before.end(), one) != before.end(); }),
+        made.end());
     if (made.size() != 2)
         return false;
     for (const auto& [descriptor, inode] : made) {

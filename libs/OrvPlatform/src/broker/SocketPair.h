@@ -13,11 +13,11 @@ namespace OrvPlatform {
 using PairedSockets = std::vector<std::pair<int, ino_t>>;
 PairedSockets FindPairedSockets();
 
-/// Of those that are there now and were not before, and are not `connection`: when these are two, they are a pair of
-/// which nothing is known but that somebody may write to it and nobody reads it. They are closed on exec, and hold no
-/// more unread bytes than the least that the kernel allows. With more, another thread has made sockets of its own at
-/// the same moment: nothing is done.
+/// Of those that are there now and were not before: when these are two, they are a pair of which nothing is known but
+/// that somebody may write to it and nobody reads it. They are closed on exec, and hold no more unread bytes than the
+/// least that the kernel allows. With more, another thread has made sockets of its own at the same moment: nothing is
+/// done.
 /// @return whether there was such a pair
-bool RestrainUnreadPair(const PairedSockets& before, int connection);
+bool RestrainUnreadPair(const PairedSockets& before);
 
 } // namespace OrvPlatform

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // What a process shares with its children: nothing that they can spoil, and nothing that they inherit by exec.
 #include "BrokerFixture.h"
+#include "CountedNew.h"
+#include "broker/ClientIdSuffix.h"
 
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -143,6 +145,31 @@ TEST_F(AForkedChild, HangsOnNoLockThatWasHeldWhenItWasMade) {
     ExpectUndisturbed();
 }
 
+#ifndef ORV_ALLOCATIONS_NOT_COUNTED
+TEST_F(AForkedChild, ThatDestroysAClientNeedsNoMemoryForIt) {
+    EXPECT_EQ(InChild([this] {
+                  for (int allocation = 1; client != nullptr; allocation = 0) {
+                      FailAllocation(allocation);
+                      client.reset();
+                  }
+                  return 7;
+              }),
+              7);
+}
+#endif
+
+TEST_F(AForkedChild, MayNumberItsClientsThoughItsParentDoesSoAtThatMoment) {
+    std::atomic<bool> stop{false};
+    std::thread parent([&] {
+        while (!stop)
+            OrvPlatform::ClientIdSuffix("%n", "numbered", "program");
+    });
+    for (int child = 0; child < 200 && !HasFailure(); ++child)
+        EXPECT_EQ(InChild([] { return OrvPlatform::ClientIdSuffix("%n", "child", "program") == "1" ? 7 : 1; }), 7);
+    stop = true;
+    parent.join();
+}
+
 class AConnection : public RealBrokerTest {
 protected:
     static std::set<int> Descriptors() {
@@ -179,6 +206,30 @@ TEST_F(AConnection, HasNoDescriptorThatAnotherProgramInherits) {
     ASSERT_TRUE(WaitUntil([&] { return client->Connects() == 2; }));
     for (const int descriptor : own)
         EXPECT_NE(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0) << descriptor;
+}
+
+TEST_F(AConnection, HasNoSuchDescriptorThoughOthersAreMadeAtTheSameTime) {
+    constexpr int AT_ONCE = 6;
+    const auto before = Descriptors();
+    for (int round = 0; round < 10 && !HasFailure(); ++round) {
+        std::vector<std::unique_ptr<TestClient>> clients;
+        for (int number = 0; number < AT_ONCE; ++number)
+            clients.push_back(std::make_unique<TestClient>("client" + std::to_string(number)));
+        std::atomic<int> ready{0};
+        std::vector<std::thread> threads;
+        for (auto& one : clients)
+            threads.emplace_back([&] {
+                for (++ready; ready < AT_ONCE;) {
+                }
+                EXPECT_TRUE(one->Connect());
+            });
+        for (auto& thread : threads)
+            thread.join();
+        for (const int descriptor : Descriptors())
+            if (before.count(descriptor) == 0) {
+                EXPECT_NE(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0) << descriptor;
+            }
+    }
 }
 
 TEST_F(AConnection, TakesNoMoreOfTheKernelsMemoryTheMoreItPublishes) {

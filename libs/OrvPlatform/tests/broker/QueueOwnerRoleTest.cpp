@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What a client may publish where one program alone speaks for the gateway.
 #include "BrokerFixture.h"
+#include "CountedNew.h"
 
 namespace OrvTest {
 
@@ -45,6 +46,22 @@ TEST_F(AProgramBesideTheController, BelievesItWithoutAConnectionToo) {
     EXPECT_EQ(client.PublishRetainedMessage(LED, "On", false), 0);
     EXPECT_EQ(client.PublishRetainedMessage(OWN, "true", false), QueueOwner::NOT_CONNECTED);
 }
+
+#ifndef ORV_ALLOCATIONS_NOT_COUNTED
+TEST_F(AProgramBesideTheController, BelievesItWhenThereIsNoMemoryToSayOtherwise) {
+    TestClient client;
+    const std::string topic = LED;
+    const std::string payload = "On";
+    int failures = 0;
+    for (int allocation = 1; allocation <= 10; ++allocation) {
+        FailAllocation(allocation);
+        EXPECT_NO_THROW(EXPECT_EQ(client.PublishRetainedMessage(topic, payload, false), 0)) << allocation;
+        failures += HasFailedAllocation() ? 1 : 0;
+        FailAllocation(0);
+    }
+    EXPECT_GT(failures, 0);
+}
+#endif
 
 TEST_F(AProgramBesideTheController, AnnouncesNothingOfItAfterAReconnection) {
     TestClient client;
