@@ -18,6 +18,10 @@ function(orv_add_test name)
     # What is tested stays optimised; test code compiles in a third of the time without it.
     target_compile_options(${name} PRIVATE -O0 -gline-tables-only)
   endif()
+  if(CMAKE_CROSSCOMPILING_EMULATOR OR ORV_SANITIZE MATCHES thread)
+    # Neither ThreadSanitizer nor qemu's user emulation lets a forked child start threads.
+    target_compile_definitions(${name} PRIVATE ORV_NO_THREADS_AFTER_FORK)
+  endif()
   if(ARG_WRAPPER)
     # The property that ctest asks for a command to put before the program.
     set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR "${ARG_WRAPPER};${CMAKE_CROSSCOMPILING_EMULATOR}")

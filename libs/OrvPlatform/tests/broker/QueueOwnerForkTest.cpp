@@ -19,12 +19,6 @@
 #include <set>
 #include <thread>
 
-#if defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define ORV_NO_THREADS_AFTER_FORK
-#endif
-#endif
-
 namespace OrvTest {
 
 using QUILMQTT::QueueOwner;
