@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "CommonUtils/StringHelpers.h"
 
+#include "base/Text.h"
+
 #include <algorithm>
 
 namespace CommonUtils {
@@ -15,14 +17,6 @@ char Lower(char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
-std::string Trim(const std::string& text) {
-    constexpr const char* blanks = " \t\r\n";
-    const auto first = text.find_first_not_of(blanks);
-    if (first == std::string::npos)
-        return {};
-    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
-}
-
 } // namespace
 
 bool StringHelpers::CompareCaseInsensitive(const std::string& left, const std::string& right) {
@@ -31,7 +25,7 @@ bool StringHelpers::CompareCaseInsensitive(const std::string& left, const std::s
 }
 
 bool StringHelpers::ToBoolean(const std::string& text) {
-    const std::string word = ToLower(Trim(text));
+    const std::string word = ToLower(std::string(OrvPlatform::Trimmed(text, " \t\r\n")));
     return word == "true" || word == "1" || word == "yes" || word == "on";
 }
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "broker/MosquittoClient.h"
 
+#include "base/Deadline.h"
+
 #include "broker/MqttText.h"
 #include "broker/ProcessLock.h"
 #include "broker/SocketPair.h"
@@ -39,18 +41,13 @@ void InitialiseLibrary() {
     isInitialised = true;
 }
 
-int MillisecondsUntil(MosquittoClient::Time deadline) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
-}
-
 // A close with unread input resets the connection, and the broker then loses what was sent last: the DISCONNECT too.
 void CloseOnceBrokerHas(int socket, MosquittoClient::Time deadline) {
     shutdown(socket, SHUT_WR);
     char waste[4096];
     pollfd wait{socket, POLLIN, 0};
     for (;;) {
-        const int ready = poll(&wait, 1, MillisecondsUntil(deadline));
+        const int ready = poll(&wait, 1, PollTimeout(deadline));
         if (ready < 0 && errno == EINTR)
             continue;
         if (ready <= 0)
@@ -58,7 +55,7 @@ void CloseOnceBrokerHas(int socket, MosquittoClient::Time deadline) {
         const ssize_t count = recv(socket, waste, sizeof waste, MSG_DONTWAIT);
         if (count == 0 || (count < 0 && errno != EINTR && errno != EAGAIN))
             break;
-        if (MillisecondsUntil(deadline) == 0)
+        if (PollTimeout(deadline) == 0)
             break;
     }
     close(socket);
@@ -197,7 +194,7 @@ void MosquittoClient::End(Time deadline, bool withGoodBye) {
 void MosquittoClient::WriteAll(Time deadline) {
     while (Socket() >= 0 && WantsWrite()) {
         pollfd wait{Socket(), POLLOUT, 0};
-        const int ready = poll(&wait, 1, MillisecondsUntil(deadline));
+        const int ready = poll(&wait, 1, PollTimeout(deadline));
         if (ready < 0 && errno == EINTR)
             continue;
         if (ready <= 0 || Write() != MOSQ_ERR_SUCCESS)

@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "broker/QueueOwnerCore.h"
 
+#include "base/IpAddress.h"
 #include "broker/ClientIdSuffix.h"
 #include "broker/MqttText.h"
 #include "broker/TopicFilter.h"
 
-#include <arpa/inet.h>
 #include <mosquitto.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -39,10 +38,7 @@ std::string BrokerAddress(const OrvPlatform::GatewayConfig::Broker& settings) {
         return settings.socket;
     if (host == "localhost")
         return "127.0.0.1";
-    in6_addr address{};
-    const bool isAddress =
-        inet_pton(AF_INET, host.c_str(), &address) == 1 || inet_pton(AF_INET6, host.c_str(), &address) == 1;
-    return isAddress ? host : std::string();
+    return OrvPlatform::IsIpAddress(host) ? host : std::string();
 }
 
 } // namespace
@@ -52,19 +48,17 @@ QueueOwner::Core::Core(QueueOwner& queueOwner, const std::string& id, const OrvP
       clientId(id + OrvPlatform::ClientIdSuffix(settings.clientIdSuffix, id, config.program)),
       place(settings.socket.empty() ? settings.host + ":" + std::to_string(settings.port) : settings.socket),
       foreignTopics(config.IsController() ? std::vector<std::string>() : config.gateway.topics),
-      wakeUp(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
       process(getpid()),
       logger("QueueOwner", 0),
       owner(queueOwner),
       backoff(static_cast<std::uint32_t>(std::hash<std::string>{}(clientId)) ^ std::random_device{}()),
       silence(settings.keepAlive),
       announced(settings.maxOutstandingBytes),
-      outstanding(settings.maxOutstandingBytes) {}
-
-QueueOwner::Core::~Core() {
-    if (wakeUp >= 0)
-        close(wakeUp);
+      outstanding(settings.maxOutstandingBytes) {
+    waker.Open();
 }
+
+QueueOwner::Core::~Core() = default;
 
 bool QueueOwner::Core::Connect(const std::optional<LastWill>& will) {
     if (IsInherited()) {
@@ -129,7 +123,7 @@ bool QueueOwner::Core::Open(const std::optional<LastWill>& will, Time deadline) 
         failure = fault;
         return false;
     }
-    if (wakeUp < 0) {
+    if (!waker.IsOpen()) {
         failure = "no descriptor left when this client was made";
         return false;
     }
@@ -315,9 +309,7 @@ void QueueOwner::Core::SetLink(Link next) noexcept {
 }
 
 void QueueOwner::Core::Wake() const noexcept {
-    const std::uint64_t one = 1;
-    // Full means that it is readable already.
-    [[maybe_unused]] const ssize_t written = write(wakeUp, &one, sizeof one);
+    waker.Wake();
 }
 
 void QueueOwner::Core::WriteLog() noexcept {

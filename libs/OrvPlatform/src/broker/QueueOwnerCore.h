@@ -3,6 +3,7 @@
 
 #include "base/Backoff.h"
 #include "base/ThreadSafety.h"
+#include "base/Waker.h"
 #include "broker/AnnouncedState.h"
 #include "broker/EventQueue.h"
 #include "broker/EvictionWatch.h"
@@ -138,12 +139,12 @@ private:
     void Write(Severity severity, const std::string& text) noexcept;
 
     // Fixed at construction.
+    OrvPlatform::Waker waker; // ends the delivery thread's poll
     const OrvPlatform::GatewayConfig::Broker settings;
     const std::string clientId;
     const std::string place; // host:port or the socket, for the log
     /// Filters of the topics that are left to another program.
     const std::vector<std::string> foreignTopics;
-    const int wakeUp;           // an eventfd that ends the delivery thread's poll
     const pid_t process;        // that made this
     std::shared_ptr<Core> kept; // itself and the one that was kept before, in a forked child
     Core* keptBefore = nullptr;

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the delivery thread does: it moves bytes, keeps the connection up and calls the application.
+#include "base/Deadline.h"
 #include "broker/MqttText.h"
 #include "broker/QueueOwnerCore.h"
 
 #include <mosquitto.h>
 #include <poll.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -26,11 +26,6 @@ namespace {
 // it thaws, so attempts are given time rather than repeated.
 constexpr auto RECONNECT_LIMIT = 10s;
 constexpr std::chrono::milliseconds KEEP_ALIVE_CHECK = 1s;
-
-std::chrono::milliseconds Until(std::chrono::steady_clock::time_point deadline) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    return std::max(left, std::chrono::milliseconds(0));
-}
 
 // What holds up a callback for less cannot have cost a connection.
 constexpr auto SLOW_CALLBACK = 1s;
@@ -86,10 +81,10 @@ std::chrono::milliseconds QueueOwner::Core::PollLimit() const {
     case Link::UP:
         return KEEP_ALIVE_CHECK;
     case Link::PAUSING:
-        return Until(pauseEnds);
+        return OrvPlatform::TimeUntil(pauseEnds);
     case Link::CONNECTING:
     case Link::RECONNECTING:
-        return Until(attemptEnds);
+        return OrvPlatform::TimeUntil(attemptEnds);
     case Link::CLOSED:
         break;
     }
@@ -100,7 +95,7 @@ void QueueOwner::Core::Turn() noexcept {
     const unsigned seen = generation;
     const int socket = client->Socket();
     const short wanted = socket >= 0 && client->WantsWrite() ? POLLIN | POLLOUT : POLLIN;
-    pollfd waits[] = {{wakeUp, POLLIN, 0}, {socket, wanted, 0}};
+    pollfd waits[] = {{waker.Descriptor(), POLLIN, 0}, {socket, wanted, 0}};
     const int limit = static_cast<int>(PollLimit().count());
 
     mutex.unlock();
@@ -113,10 +108,8 @@ void QueueOwner::Core::Turn() noexcept {
         lookedAtClock = std::chrono::steady_clock::now();
         return;
     }
-    if (waits[0].revents != 0) {
-        std::uint64_t count = 0;
-        [[maybe_unused]] const ssize_t drained = read(wakeUp, &count, sizeof count);
-    }
+    if (waits[0].revents != 0)
+        waker.Clear();
     ServeSocket(waits[1].revents);
     Advance(std::chrono::steady_clock::now());
 }
@@ -127,7 +120,7 @@ void QueueOwner::Core::TurnAside(Time deadline) noexcept {
     const int socket = client->Socket();
     const short wanted = socket >= 0 && client->WantsWrite() ? POLLIN | POLLOUT : POLLIN;
     pollfd wait{socket, wanted, 0};
-    const int limit = static_cast<int>(std::min(ASIDE, Until(deadline)).count());
+    const int limit = static_cast<int>(std::min(ASIDE, OrvPlatform::TimeUntil(deadline)).count());
 
     mutex.unlock();
     poll(&wait, 1, limit);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "config/GatewayConfig.h"
 
+#include "base/FileDescriptor.h"
 #include "base/OncePerProcess.h"
 #include "base/ProgramName.h"
 #include "config/GatewaySettings.h"
@@ -20,19 +21,6 @@ namespace {
 
 constexpr const char* defaultPath = "/etc/orv/gateway.ini";
 constexpr std::size_t maxFileBytes = std::size_t{1024} * 1024;
-
-class Descriptor {
-public:
-    explicit Descriptor(int opened) : number(opened) {}
-    ~Descriptor() {
-        if (number >= 0)
-            ::close(number);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    const int number;
-};
 
 /// @return 0, or the errno that says why the file cannot be read
 int ReadAll(int file, std::string& text) {
@@ -113,13 +101,13 @@ LoadedConfig ReadGatewayConfig(const std::string& path, bool mayBeMissing) {
     LoadedConfig loaded;
     const std::string shownPath = Escaped(path);
     // Non-blocking, so that a FIFO in the file's place cannot stop the gateway.
-    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (file.number < 0 && errno == ENOENT && mayBeMissing) {
+    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!file.IsOpen() && errno == ENOENT && mayBeMissing) {
         loaded.notes.push_back(shownPath + " does not exist; the defaults are in force");
         return loaded;
     }
     std::string text;
-    const int error = file.number < 0 ? errno : ReadAll(file.number, text);
+    const int error = !file.IsOpen() ? errno : ReadAll(file.Number(), text);
     if (error != 0) {
         loaded.problems.push_back(
             shownPath + ": cannot be read (" + ErrorText(error) +
@@ -129,7 +117,7 @@ LoadedConfig ReadGatewayConfig(const std::string& path, bool mayBeMissing) {
         return loaded;
     }
     static_cast<ParsedConfig&>(loaded) = ParseGatewayConfig(text, path);
-    WarnOfMode(file.number, shownPath, loaded);
+    WarnOfMode(file.Number(), shownPath, loaded);
     loaded.notes.push_back("Settings read from " + shownPath);
     return loaded;
 }

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "base/Text.h"
 #include "config/GatewayConfig.h"
 #include "config/GatewaySettings.h"
 #include "log/LogEscape.h"
@@ -13,6 +14,7 @@ namespace OrvPlatform {
 namespace {
 
 constexpr const char* hidden = "(not shown)";
+constexpr const char* blanks = " \t\r\v\f";
 
 /// Foreign text in a report: escaped, and no longer than a reader can use.
 std::string Quoted(std::string_view text) {
@@ -45,14 +47,6 @@ std::string InForce(const Setting& setting, const GatewayConfig& config) {
     if (value.empty())
         return "it stays unset";
     return (setting.showing == Setting::Showing::NEVER ? "the value before" : Escaped(value)) + " stays in force";
-}
-
-std::string_view Trimmed(std::string_view text) {
-    constexpr const char* blanks = " \t\r\v\f";
-    const std::size_t first = text.find_first_not_of(blanks);
-    if (first == std::string_view::npos)
-        return {};
-    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
 /// Feeds the parser one line at a time, so that a report can name the line, and so that what the parser would misread
@@ -90,7 +84,7 @@ private:
                 return nullptr;
             ++line;
             const std::size_t end = std::min(rest.find('\n'), rest.size());
-            content = Trimmed(rest.substr(0, end));
+            content = Trimmed(rest.substr(0, end), blanks);
             rest.remove_prefix(std::min(end + 1, rest.size()));
             if (!IsForTheParser(content, size))
                 content = {};

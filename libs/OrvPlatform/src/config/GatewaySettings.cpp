@@ -2,9 +2,10 @@
 #include "config/GatewaySettings.h"
 
 #include "CommonUtils/StringHelpers.h"
+#include "base/IpAddress.h"
+#include "base/Text.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <charconv>
 #include <climits>
 #include <numeric>
@@ -35,9 +36,7 @@ bool IsHost(std::string_view text) {
 }
 
 bool IsBrokerHost(const std::string& text) {
-    unsigned char address[sizeof(in6_addr)];
-    return text == "localhost" || ::inet_pton(AF_INET, text.c_str(), address) == 1 ||
-           ::inet_pton(AF_INET6, text.c_str(), address) == 1;
+    return text == "localhost" || IsIpAddress(text);
 }
 
 /// @return false, and `number` unchanged, unless `text` is a decimal number from `least` to `most`
@@ -134,10 +133,8 @@ bool IsFilter(const std::string& text) {
 
 bool ReadFilters(const std::string& text, std::vector<std::string>& kept) {
     std::vector<std::string> filters;
-    for (const std::string& part : CommonUtils::StringHelpers::Tokenize(text, ',')) {
-        const std::size_t first = part.find_first_not_of(' ');
-        filters.push_back(first == std::string::npos ? "" : part.substr(first, part.find_last_not_of(' ') - first + 1));
-    }
+    for (const std::string& part : CommonUtils::StringHelpers::Tokenize(text, ','))
+        filters.emplace_back(Trimmed(part, " "));
     if (!std::all_of(filters.begin(), filters.end(), IsFilter))
         return false;
     kept = filters;

@@ -2,6 +2,7 @@
 #include "log/LogLevels.h"
 
 #include "CommonUtils/StringHelpers.h"
+#include "base/Text.h"
 
 #include <algorithm>
 #include <array>
@@ -11,16 +12,10 @@ namespace OrvPlatform {
 
 namespace {
 
+constexpr const char* blanks = " \t";
+
 constexpr std::array<const char*, offLevel + 1> names = {"trace", "debug",    "info", "warning",
                                                          "error", "critical", "off"};
-
-std::string Trim(std::string_view text) {
-    constexpr const char* blanks = " \t";
-    const auto first = text.find_first_not_of(blanks);
-    if (first == std::string_view::npos)
-        return {};
-    return std::string(text.substr(first, text.find_last_not_of(blanks) - first + 1));
-}
 
 std::optional<int> LevelFrom(const std::string& word) {
     if (word.size() == 1 && word[0] >= '0' && word[0] <= '0' + offLevel)
@@ -51,8 +46,8 @@ bool ApplyItem(const std::string& item, LogLevels& levels) {
             levels.level = *level;
         return level.has_value();
     }
-    const std::string logger = Trim(std::string_view(item).substr(0, equals));
-    const auto level = LevelFrom(Trim(std::string_view(item).substr(equals + 1)));
+    const std::string logger(Trimmed(std::string_view(item).substr(0, equals), blanks));
+    const auto level = LevelFrom(std::string(Trimmed(std::string_view(item).substr(equals + 1), blanks)));
     if (!IsName(logger) || !level)
         return false;
     const auto known = std::find_if(levels.loggers.begin(), levels.loggers.end(),
@@ -89,7 +84,7 @@ std::vector<std::string> ApplyLogLevels(std::string_view list, LogLevels& levels
     std::size_t begin = 0;
     while (begin <= list.size()) {
         const std::size_t end = std::min(list.find(',', begin), list.size());
-        const std::string item = Trim(list.substr(begin, end - begin));
+        const std::string item(Trimmed(list.substr(begin, end - begin), blanks));
         if (!ApplyItem(item, levels))
             unreadable.push_back(item);
         begin = end + 1;

@@ -2,7 +2,6 @@
 // The small parts of the broker connection, without a broker.
 #include "CountedNew.h"
 #include "TestClient.h"
-#include "base/Backoff.h"
 #include "broker/AnnouncedState.h"
 #include "broker/ClientIdSuffix.h"
 #include "broker/EventQueue.h"
@@ -26,31 +25,6 @@
 namespace OrvPlatform {
 
 using namespace std::chrono_literals;
-
-TEST(ABackoff, DoublesFromAQuarterSecondToFourSecondsAndStaysThere) {
-    Backoff backoff(1);
-    for (const auto full : {250ms, 500ms, 1000ms, 2000ms, 4000ms, 4000ms, 4000ms}) {
-        const auto pause = backoff.Next();
-        EXPECT_LE(pause, full);
-        EXPECT_GE(pause, full * 3 / 4);
-    }
-}
-
-TEST(ABackoff, BeginsAnewAfterAReset) {
-    Backoff backoff(1);
-    for (int attempt = 0; attempt < 10; ++attempt)
-        backoff.Next();
-    backoff.Reset();
-    EXPECT_LE(backoff.Next(), 250ms);
-    EXPECT_GT(backoff.Next(), 250ms);
-}
-
-TEST(ABackoff, DiffersFromOneClientToTheNext) {
-    std::set<std::chrono::milliseconds> pauses;
-    for (std::uint32_t seed = 1; seed <= 20; ++seed)
-        pauses.insert(Backoff(seed).Next());
-    EXPECT_GT(pauses.size(), 5U);
-}
 
 class AnEvictionWatch : public testing::Test {
 protected:

@@ -1,0 +1,13 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "base/Text.h"
+
+namespace OrvPlatform {
+
+std::string_view Trimmed(std::string_view text, std::string_view blanks) {
+    const std::size_t first = text.find_first_not_of(blanks);
+    if (first == std::string_view::npos)
+        return {};
+    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+} // namespace OrvPlatform
