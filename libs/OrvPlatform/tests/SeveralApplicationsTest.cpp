@@ -110,6 +110,12 @@ TEST_F(AGatewayWithOneFile, LeavesOrdersAndItsOwnTopicsToTheControllerThatItName
               1U);
 }
 
+TEST_F(AGatewayWithOneFile, LeavesNameServersAloneThatTheControllerHasTakenAway) {
+    connman.Do("mute-servers eth0");
+    const Ended ended = Run("[gateway]\ncontroller = gateway-app\n", [&] { ActAsTheGateway(false); });
+    EXPECT_NE(ended.standardError.find(wentWell + "\n"), std::string::npos) << ended.standardError;
+}
+
 TEST_F(AGatewayWithOneFile, LetsTheControllerActAndEverybodyWhereThereIsNone) {
     struct Case {
         std::string lines;

@@ -19,11 +19,15 @@ public:
         return true;
     }
 
-    OrvPlatform::ConnmanLink link{OrvPlatform::ConnmanLink::BusAddress(OrvPlatform::Config().connman.busAddress)};
-
 private:
     const bool isController = OrvPlatform::Config().IsController();
     CommonUtils::Logger logger{"ConnmanCommands", 0};
+
+public:
+    OrvPlatform::ConnmanLink link{OrvPlatform::ConnmanLink::BusAddress(OrvPlatform::Config().connman.busAddress),
+                                  {},
+                                  isController ? OrvPlatform::ConnmanRole::CONTROLLER
+                                               : OrvPlatform::ConnmanRole::ONLOOKER};
 };
 
 namespace {

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "connman/ConnmanLink.h"
 
+#include "base/IpAddress.h"
+
 #include <algorithm>
-#include <arpa/inet.h>
 #include <csignal>
 #include <cstdlib>
 
@@ -26,22 +27,11 @@ private:
     sigset_t before{};
 };
 
-bool IsAddress(const std::string& text) {
-    if (text.find('\0') != std::string::npos)
-        return false;
-    unsigned char buffer[sizeof(in6_addr)];
-    return inet_pton(AF_INET, text.c_str(), buffer) == 1 || inet_pton(AF_INET6, text.c_str(), buffer) == 1;
-}
-
-bool IsUnspecified(const std::string& address) {
-    return address == "0.0.0.0" || address == "::";
-}
-
 /// The unspecified address means "no server at all". ConnMan would make a route of it, and take that for a default
 /// route.
 std::vector<std::string> ForConnman(std::vector<std::string> servers) {
     const bool any = !servers.empty();
-    servers.erase(std::remove_if(servers.begin(), servers.end(), IsUnspecified), servers.end());
+    servers.erase(std::remove_if(servers.begin(), servers.end(), IsUnspecifiedAddress), servers.end());
     if (any && servers.empty())
         servers.emplace_back(NO_SERVERS);
     return servers;
@@ -49,8 +39,8 @@ std::vector<std::string> ForConnman(std::vector<std::string> servers) {
 
 } // namespace
 
-ConnmanLink::ConnmanLink(const std::string& address, const ConnmanLimits& timeLimits)
-    : busAddress(address), limits(timeLimits), shared(std::make_shared<ConnmanShared>()) {}
+ConnmanLink::ConnmanLink(const std::string& address, const ConnmanLimits& timeLimits, ConnmanRole ownRole)
+    : busAddress(address), limits(timeLimits), role(ownRole), shared(std::make_shared<ConnmanShared>()) {}
 
 ConnmanLink::~ConnmanLink() {
     Stop();
@@ -76,7 +66,7 @@ bool ConnmanLink::SetTopPriorityInterface(const std::string& interfaceName) {
     if (known && !shared->wanted.HasTop() && shared->services.TopInterface() == interfaceName)
         return true;
     shared->wanted.WantTop(interfaceName);
-    shared->Wake();
+    shared->waker.Wake();
     return CanCarryOutNow(interfaceName, true);
 }
 
@@ -88,7 +78,7 @@ bool ConnmanLink::SetDnsConfiguration(const std::string& interfaceName, const st
         shared->NoteOnce("a DNS setting names no interface: check [interfaces] in the configuration");
         return false;
     }
-    const auto wrong = std::find_if_not(servers.begin(), servers.end(), IsAddress);
+    const auto wrong = std::find_if_not(servers.begin(), servers.end(), IsIpAddress);
     if (wrong != servers.end()) {
         shared->NoteOnce("cannot set name servers of " + interfaceName + ": \"" + *wrong + "\" is no IP address");
         return false;
@@ -99,7 +89,7 @@ bool ConnmanLink::SetDnsConfiguration(const std::string& interfaceName, const st
     if (service && !shared->wanted.HasServersFor(interfaceName) && service->HasServers(wanted))
         return true;
     shared->wanted.WantServers(interfaceName, wanted);
-    shared->Wake();
+    shared->waker.Wake();
     return CanCarryOutNow(interfaceName, false);
 }
 
@@ -115,12 +105,15 @@ bool ConnmanLink::IsRunning() {
         return false;
     if (thread)
         return true;
+    if (!shared->waker.Open())
+        return false; // no descriptor to be had; the next call tries again
     try {
         const AllSignalsBlocked blocked;
-        thread = std::make_unique<std::thread>([runnersShared = shared, address = busAddress, runnersLimits = limits] {
-            ConnmanRunner(runnersShared, address, runnersLimits).Run();
-            runnersShared->End();
-        });
+        thread = std::make_unique<std::thread>(
+            [runnersShared = shared, address = busAddress, runnersLimits = limits, runnersRole = role] {
+                ConnmanRunner(runnersShared, address, runnersLimits, runnersRole).Run();
+                runnersShared->End();
+            });
         return true;
     } catch (const std::exception&) {
         return false; // no thread to be had; the next call tries again
@@ -130,7 +123,7 @@ bool ConnmanLink::IsRunning() {
 void ConnmanLink::Stop() noexcept {
     std::unique_lock<std::mutex> lock(shared->mutex);
     shared->stopping = true;
-    shared->Wake();
+    shared->waker.Wake();
     if (!thread)
         return;
     // A bus whose backlog is full holds the thread inside connect(); the process must end all the same.
@@ -145,13 +138,15 @@ void ConnmanLink::Stop() noexcept {
 
 void ConnmanLink::BeforeFork() noexcept {
     // Connecting to a bus whose backlog is full can hold the library; the fork must come about all the same.
-    hasLibrary = LibdbusMutex().try_lock_for(limits.fork);
+    const bool inTime = LibdbusMutex().try_lock_for(limits.fork);
     shared->mutex.lock();
+    hasLibrary = inTime; // another thread's fork has its own word there until it lets go of the mutex
 }
 
 void ConnmanLink::AfterForkInParent() noexcept {
+    const bool holdsLibrary = hasLibrary;
     shared->mutex.unlock();
-    if (hasLibrary)
+    if (holdsLibrary)
         LibdbusMutex().unlock();
 }
 

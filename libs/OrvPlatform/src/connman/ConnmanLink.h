@@ -16,7 +16,8 @@ namespace OrvPlatform {
 /// across anything slow. Every operation may be called from any thread and returns at once.
 class ConnmanLink {
 public:
-    explicit ConnmanLink(const std::string& address, const ConnmanLimits& timeLimits = {});
+    explicit ConnmanLink(const std::string& address, const ConnmanLimits& timeLimits = {},
+                         ConnmanRole ownRole = ConnmanRole::CONTROLLER);
     ~ConnmanLink();
     ConnmanLink(const ConnmanLink&) = delete;
     ConnmanLink& operator=(const ConnmanLink&) = delete;
@@ -46,6 +47,7 @@ private:
 
     const std::string busAddress;
     const ConnmanLimits limits;
+    const ConnmanRole role;
     std::shared_ptr<ConnmanShared> shared; ///< outlives this object where the thread does not end in time
     std::unique_ptr<std::thread> thread;
     bool hasLibrary = false; ///< BeforeFork holds LibdbusMutex

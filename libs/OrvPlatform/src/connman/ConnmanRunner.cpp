@@ -21,13 +21,15 @@ std::string Listed(const std::vector<std::string>& servers) {
 
 } // namespace
 
-ConnmanRunner::ConnmanRunner(std::shared_ptr<ConnmanShared> state, std::string address, const ConnmanLimits& timeLimits)
+ConnmanRunner::ConnmanRunner(std::shared_ptr<ConnmanShared> state, std::string address, const ConnmanLimits& timeLimits,
+                             ConnmanRole role)
     : shared(std::move(state)),
       busAddress(std::move(address)),
       limits(timeLimits),
       logger("ConnmanCommands", 0),
-      bus(shared->wakeDescriptor, [this] { return IsStopping(); }),
-      retryDelay(limits.firstRetry) {
+      bus(shared->waker, [this] { return IsStopping(); }),
+      leftoversDone(role == ConnmanRole::ONLOOKER),
+      backoff(limits.firstRetry, limits.longestRetry) {
     bus.OnSignal([this](DBusMessage& signal) { HandleSignal(signal); });
 }
 
@@ -143,18 +145,18 @@ std::string ConnmanRunner::FindOwner() {
 void ConnmanRunner::BusLost() {
     connected = false;
     if (Clock::now() - connectedSince > limits.longestRetry)
-        retryDelay = limits.firstRetry;
+        backoff.Reset();
     BusFailed("connection lost");
 }
 
 void ConnmanRunner::BusFailed(const std::string& reason) {
-    nextTry = Clock::now() + NextRetry();
+    nextTry = Clock::now() + backoff.Next();
     Away(Loss::BUS, "the message bus at " + busAddress + " is not reachable (" + reason + "); orders wait until it is");
 }
 
 void ConnmanRunner::OwnerIs(const std::string& name) {
     if (name.empty()) {
-        nextTry = Clock::now() + NextRetry();
+        nextTry = Clock::now() + backoff.Next();
         Away(Loss::MANAGER, std::string(ConnmanMessages::NAME) + " is not on the message bus; orders wait until it is");
         return;
     }
@@ -187,7 +189,7 @@ void ConnmanRunner::Refresh(const ConnmanStep* accomplished) {
     if (owner != askedOwner)
         reply.message.reset();
     if (!TakeOver(reply, accomplished)) {
-        nextTry = Clock::now() + NextRetry();
+        nextTry = Clock::now() + backoff.Next();
         if (bus.IsOpen() && owner == askedOwner && !owner.empty() && !IsStopping() &&
             !HasGoneUnheard(reply, askedOwner))
             Report(Loss::LIST, "the connection manager does not list its services: " +
@@ -198,7 +200,7 @@ void ConnmanRunner::Refresh(const ConnmanStep* accomplished) {
         logger.Info() << "connection manager found: " << Summary();
     greeted = true;
     reported = Loss::NONE;
-    retryDelay = limits.firstRetry;
+    backoff.Reset();
 }
 
 bool ConnmanRunner::TakeOver(const MessageBus::Reply& reply, const ConnmanStep* accomplished) {
@@ -225,7 +227,7 @@ bool ConnmanRunner::HasGoneUnheard(const MessageBus::Reply& reply, const std::st
         return false;
     owner.clear();
     stale = true;
-    nextTry = Clock::now() + NextRetry();
+    nextTry = Clock::now() + backoff.Next();
     const std::lock_guard<std::mutex> lock(shared->mutex);
     shared->picture = ConnmanShared::Picture::AWAY;
     shared->services.Clear();
@@ -313,7 +315,7 @@ void ConnmanRunner::LogNotes() {
 void ConnmanRunner::HandleSignal(DBusMessage& signal) {
     if (dbus_message_has_sender(&signal, DBUS_SERVICE_DBUS)) {
         if (const std::optional<std::string> name = ConnmanMessages::ReadNewOwner(signal)) {
-            retryDelay = limits.firstRetry;
+            backoff.Reset();
             OwnerIs(*name);
         }
         return;
@@ -360,12 +362,6 @@ void ConnmanRunner::Doubt(DBusMessage& signal) {
     logger.Warning() << "a signal " << (interface ? interface : "") << "." << dbus_message_get_member(&signal)
                      << " from " << dbus_message_get_sender(&signal)
                      << ", which is not the connection manager, is ignored; so will be all others, without a word";
-}
-
-std::chrono::milliseconds ConnmanRunner::NextRetry() {
-    const std::chrono::milliseconds delay = retryDelay;
-    retryDelay = std::min(retryDelay * 2, limits.longestRetry);
-    return delay;
 }
 
 bool ConnmanRunner::IsStopping() const {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "CommonUtils/Logger.h"
+#include "base/Backoff.h"
 #include "connman/ConnmanShared.h"
 #include "connman/MessageBus.h"
 
@@ -10,6 +11,9 @@
 #include <string>
 
 namespace OrvPlatform {
+
+/// What this process may do: an ONLOOKER follows the connection manager and orders nothing.
+enum class ConnmanRole { CONTROLLER, ONLOOKER };
 
 struct ConnmanLimits {
     std::chrono::milliseconds greeting{3000};      ///< for the bus to accept a connection
@@ -23,7 +27,8 @@ struct ConnmanLimits {
 /// The thread that owns the bus connection: keeps the picture and carries out the orders, one call at a time.
 class ConnmanRunner {
 public:
-    ConnmanRunner(std::shared_ptr<ConnmanShared> state, std::string address, const ConnmanLimits& timeLimits);
+    ConnmanRunner(std::shared_ptr<ConnmanShared> state, std::string address, const ConnmanLimits& timeLimits,
+                  ConnmanRole role);
 
     /// Returns when the shared state says `stopping`.
     void Run();
@@ -58,7 +63,6 @@ private:
     void HandleServicesChanged(DBusMessage& signal);
     void HandlePropertyChanged(DBusMessage& signal);
     void Doubt(DBusMessage& signal);
-    std::chrono::milliseconds NextRetry();
     bool IsStopping() const;
     std::string Summary() const;
 
@@ -71,7 +75,7 @@ private:
     std::string owner;    ///< the connection manager's unique name on the bus; empty when it is away
     bool stale = true;    ///< the list of services must be asked for
     bool greeted = false; ///< the connection manager's presence has been logged
-    bool leftoversDone = false;
+    bool leftoversDone;   ///< or another program's business
     bool doubted =
         false; ///< somebody else's signals have come: ask again who the connection manager is, and what it has
     bool strangerReported = false;
@@ -80,7 +84,7 @@ private:
     Clock::time_point nextTry;   ///< of what failed
     Clock::time_point nextDoubt; ///< strangers cannot have more questions asked than one in a while
     Clock::time_point connectedSince;
-    std::chrono::milliseconds retryDelay;
+    Backoff backoff;
 };
 
 } // namespace OrvPlatform

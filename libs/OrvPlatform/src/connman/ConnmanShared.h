@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "base/Waker.h"
 #include "connman/ConnmanServices.h"
 #include "connman/ConnmanWanted.h"
 
@@ -18,12 +19,10 @@ struct ConnmanShared {
     /// UNKNOWN: not asked yet; AWAY: there is no connection manager; KNOWN: `services` is its picture.
     enum class Picture { UNKNOWN, AWAY, KNOWN };
 
-    ConnmanShared();
-    ~ConnmanShared();
+    ConnmanShared() = default;
     ConnmanShared(const ConnmanShared&) = delete;
     ConnmanShared& operator=(const ConnmanShared&) = delete;
 
-    void Wake() const noexcept;
     /// Has the thread log `text`, the first time only.
     void NoteOnce(const std::string& text);
     void End();
@@ -37,7 +36,7 @@ struct ConnmanShared {
     std::vector<std::string> notes;
     bool stopping = false;
     bool ended = false;
-    const int wakeDescriptor;
+    Waker waker; ///< opened with the thread, so that a forked child has no descriptor that it could close by mistake
 };
 
 } // namespace OrvPlatform

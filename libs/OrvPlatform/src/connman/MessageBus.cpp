@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "connman/MessageBus.h"
 
+#include "base/Deadline.h"
+
 #include <algorithm>
-#include <sys/eventfd.h>
 
 namespace OrvPlatform {
 
@@ -16,13 +17,6 @@ std::string TextOf(DBusError& error) {
     std::string text = error.message ? error.message : "unknown error";
     dbus_error_free(&error);
     return text;
-}
-
-int MillisecondsUntil(MessageBus::Clock::time_point until) {
-    if (until == MessageBus::Clock::time_point::max())
-        return -1;
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - MessageBus::Clock::now()).count();
-    return static_cast<int>(std::clamp<decltype(left)>(left, 0, 60'000));
 }
 
 /// The callee's own answer, or the bus's word that the callee cannot be reached.
@@ -69,8 +63,8 @@ void DBusMessageRelease::operator()(DBusMessage* message) const {
     dbus_message_unref(message);
 }
 
-MessageBus::MessageBus(int wakeUp, std::function<bool()> isCancelled)
-    : wakeDescriptor(wakeUp), cancelled(std::move(isCancelled)) {}
+MessageBus::MessageBus(const Waker& wakeUp, std::function<bool()> isCancelled)
+    : waker(wakeUp), cancelled(std::move(isCancelled)) {}
 
 MessageBus::~MessageBus() {
     Close();
@@ -90,12 +84,12 @@ std::string MessageBus::Open(const std::string& address, std::chrono::millisecon
     }
     if (!connection)
         return TextOf(error);
-    DBusMessage* hello = nullptr;
-    {
+    DBusMessagePtr hello;
+    if (isReady) {
         const LibdbusLock lock(LibdbusMutex());
-        hello = dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "Hello");
+        hello.reset(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "Hello"));
     }
-    const Reply reply = isReady ? Ask(DBusMessagePtr(hello), limit) : Reply{nullptr, "out of memory"};
+    const Reply reply = Ask(std::move(hello), limit);
     if (reply.message)
         return {};
     Close();
@@ -193,7 +187,7 @@ void MessageBus::Wait(Clock::time_point until) {
 }
 
 void MessageBus::Poll(Clock::time_point until) {
-    descriptors.assign({{wakeDescriptor, POLLIN, 0}});
+    descriptors.assign({{waker.Descriptor(), POLLIN, 0}});
     polled.assign({nullptr});
     for (DBusWatch* watch : watches) {
         if (!dbus_watch_get_enabled(watch))
@@ -203,11 +197,10 @@ void MessageBus::Poll(Clock::time_point until) {
         descriptors.push_back({dbus_watch_get_unix_fd(watch), static_cast<short>(events), 0});
         polled.push_back(watch);
     }
-    if (poll(descriptors.data(), descriptors.size(), MillisecondsUntil(until)) <= 0)
+    if (poll(descriptors.data(), descriptors.size(), PollTimeout(until)) <= 0)
         return;
-    eventfd_t raised = 0;
     if (descriptors[0].revents != 0)
-        eventfd_read(wakeDescriptor, &raised);
+        waker.Clear();
     const LibdbusLock lock(LibdbusMutex());
     for (std::size_t i = 1; i < polled.size(); ++i) {
         if (descriptors[i].revents != 0 && IsWatched(polled[i]))

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "base/Waker.h"
+
 #include <dbus/dbus.h>
 
 #include <chrono>
@@ -27,7 +29,7 @@ using DBusMessagePtr = std::unique_ptr<DBusMessage, DBusMessageRelease>;
 ///
 /// libdbus's own waiting calls ignore their time-outs when the bus is frozen, and its dispatcher handles signals before
 /// an answer that came first. Here messages are taken from the connection one by one and handled in the order in which
-/// they arrived; all waiting is done in one poll loop that a descriptor of the owner's can interrupt.
+/// they arrived; all waiting is done in one poll loop that the owner can interrupt.
 ///
 /// Any local user can send any message to any connection. The bus vouches for the sender's name only: an answer counts
 /// if it comes from whom was asked, and signals carry their sender for the handler to check. Calls are not answered.
@@ -36,9 +38,9 @@ public:
     using Clock = std::chrono::steady_clock;
     using SignalHandler = std::function<void(DBusMessage&)>;
 
-    /// @param wakeUp       an eventfd of the owner's; it ends a Wait when it is raised, and is lowered then
+    /// @param wakeUp       the owner's; ends a Wait, and is cleared then
     /// @param isCancelled  asked during waits: true ends them
-    MessageBus(int wakeUp, std::function<bool()> isCancelled);
+    MessageBus(const Waker& wakeUp, std::function<bool()> isCancelled);
     ~MessageBus();
     MessageBus(const MessageBus&) = delete;
     MessageBus& operator=(const MessageBus&) = delete;
@@ -87,7 +89,7 @@ private:
     void Poll(Clock::time_point until);
     bool IsWatched(DBusWatch* watch) const;
 
-    int wakeDescriptor;
+    const Waker& waker;
     std::function<bool()> cancelled;
     SignalHandler signalHandler;
     DBusConnection* connection = nullptr;

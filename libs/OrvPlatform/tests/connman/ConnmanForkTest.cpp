@@ -4,6 +4,9 @@
 #include "ScriptedBus.h"
 #include "connman/MessageBus.h"
 
+#include <cerrno>
+#include <fcntl.h>
+#include <future>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -73,6 +76,49 @@ TEST_F(AConnectedGateway, DoesNothingInAForkedChildWhoseLibdbusIsLocked) {
     EXPECT_TRUE(HoldsInChild(hasty, [&] { return !hasty.SetTopPriorityInterface("wwan0"); }));
     threadIsInside.unlock();
     EXPECT_TRUE(hasty.SetTopPriorityInterface("wwan0"));
+}
+
+TEST(AGatewayThatForksInTwoThreads, KeepsNoLockWhenOneOfThemDoesNotGetLibdbus) {
+    ScriptedBus bus;
+    ConnmanLink link(bus.Address(), {300ms, 300ms, 20ms, 200ms, 2000ms, 20ms});
+    link.BeforeFork();
+    auto other = std::async(std::launch::async, [&] {
+        link.BeforeFork();
+        link.AfterForkInParent();
+    });
+    EXPECT_EQ(other.wait_for(100ms), std::future_status::timeout);
+    link.AfterForkInParent();
+    other.get();
+    const bool isFree = OrvPlatform::LibdbusMutex().try_lock();
+    EXPECT_TRUE(isFree);
+    OrvPlatform::LibdbusMutex().unlock();
+}
+
+/// Closes every descriptor, as daemons do, and gives most of the numbers to the end of a pipe.
+/// @return the other end
+int PipeInThePlaceOfAllDescriptors() {
+    constexpr int LAST = 60;
+    int ends[2] = {-1, -1};
+    close_range(3, ~0U, 0);
+    if (pipe2(ends, O_NONBLOCK | O_CLOEXEC) != 0)
+        return -1;
+    for (int number = ends[1] + 1; number <= LAST; ++number)
+        dup2(ends[1], number);
+    return ends[0];
+}
+
+TEST_F(AConnectedGateway, HasNoDescriptorInAForkedChildThatTheChildCouldClose) {
+#ifdef ORV_THREADS_AFTER_FORK_ARE_FATAL
+    GTEST_SKIP() << "ThreadSanitizer ends a forked child that starts a thread";
+#endif
+    ASSERT_TRUE(IsLogged("connection manager found"));
+    EXPECT_TRUE(HoldsInChild(link, [this] {
+        const int other = PipeInThePlaceOfAllDescriptors();
+        const bool works = link.SetTopPriorityInterface("wwan0") && BecomesTop("wwan0");
+        link.Stop();
+        char byte = 0;
+        return works && read(other, &byte, 1) == -1 && errno == EAGAIN;
+    }));
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Against a real message bus and a fake connection manager.
 #include "ConnmanFixture.h"
+#include "NoMoreDescriptors.h"
 #include "ProcessFigures.h"
 
 #include <algorithm>
@@ -280,6 +281,18 @@ TEST_F(AGateway, StartsNoThreadBeforeItIsAsked) {
     link.Stop();
     EXPECT_LE(ProcessFigures::Now().threads, threads);
     EXPECT_EQ(Logged("message bus"), 0U);
+}
+
+TEST_F(AConnectedGateway, TakesOrdersOnceThereIsADescriptorForItsThread) {
+    std::optional<ConnmanLink> poor;
+    {
+        const NoMoreDescriptors exhausted;
+        poor.emplace(bus.Address(), FAST);
+        EXPECT_FALSE(poor->SetTopPriorityInterface("wwan0"));
+    }
+    EXPECT_TRUE(WaitUntil([&] { return poor->TopPriorityInterface() == "eth0"; }));
+    EXPECT_TRUE(poor->SetTopPriorityInterface("wwan0"));
+    EXPECT_TRUE(WaitUntil([&] { return poor->TopPriorityInterface() == "wwan0"; }));
 }
 
 TEST(TheBusAddress, IsTheConfiguredOneFirst) {
