@@ -8,9 +8,33 @@
 
 namespace GatewayApp {
 
+namespace {
+
+void AddCredentials(CLI::App& parser, CloudSettings& cloud) {
+    auto* const certificate =
+        parser.add_option("--cloud-cert", cloud.certificateFile,
+                          "PEM file of the client certificate, with its chain, for the cloud's broker");
+    auto* const key = parser.add_option("--cloud-key", cloud.keyFile, "PEM file of its key, without a passphrase");
+    certificate->needs(key);
+    key->needs(certificate);
+    auto* const user = parser.add_option("--cloud-user", cloud.user, "User name at the cloud's broker");
+    parser
+        .add_option("--cloud-password-file", cloud.passwordFile,
+                    "File with the user's password as its first line; nobody else should be able to read it")
+        ->needs(user);
+    parser.add_option("--cloud-alpn", cloud.alpn, "Protocol to ask the cloud's broker for by ALPN; default: none")
+        ->check([](const std::string& name) {
+            return name.size() < 256 ? std::string() : std::string("must be shorter than 256 bytes");
+        });
+}
+
+} // namespace
+
 AppOptions ReadOptions(const std::vector<std::string>& arguments) {
     AppOptions options;
     auto tick = static_cast<int>(options.tick.count());
+    auto keepAliveEthernet = static_cast<int>(options.keepAliveEthernet.count());
+    auto keepAliveCellular = static_cast<int>(options.keepAliveCellular.count());
     CLI::App parser("The reference application of the connected-services stack.", "gateway-app");
     parser.set_config("--config", "",
                       "File with the options below as NAME=VALUE lines; read again on RELOAD and SIGHUP");
@@ -29,6 +53,18 @@ AppOptions ReadOptions(const std::vector<std::string>& arguments) {
     parser.add_option("--cloud-ca", options.cloud.caFile, "File of the CAs to trust; default: the system's");
     parser.add_option("--cloud-client-id", options.cloud.clientId,
                       "Client id at the cloud's broker; default: the name");
+    AddCredentials(parser, options.cloud);
+    parser
+        .add_option("--cloud-keepalive-ethernet-s", keepAliveEthernet,
+                    "How often the idle connection is asked for a sign of life over Ethernet; a loss is noticed within "
+                    "two or three seconds more")
+        ->check(CLI::Range(1, 600))
+        ->capture_default_str();
+    parser
+        .add_option("--cloud-keepalive-cellular-s", keepAliveCellular,
+                    "The same over Cellular, where each question costs; while Ethernet is on probation, each second")
+        ->check(CLI::Range(1, 600))
+        ->capture_default_str();
     parser
         .add_option("--tick-ms", tick, "The client library is ticked so often, whatever happens; 0: by the situation")
         ->check(CLI::Validator(
@@ -53,6 +89,8 @@ AppOptions ReadOptions(const std::vector<std::string>& arguments) {
         throw OptionsError{text.str(), status == 0 ? 0 : 2};
     }
     options.tick = std::chrono::milliseconds(tick);
+    options.keepAliveEthernet = std::chrono::seconds(keepAliveEthernet);
+    options.keepAliveCellular = std::chrono::seconds(keepAliveCellular);
     if (options.cloud.clientId.empty())
         options.cloud.clientId = options.name;
     return options;

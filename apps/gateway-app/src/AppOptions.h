@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "CloudDialer.h"
+#include "CloudSettings.h"
 
 #include <chrono>
 #include <string>
@@ -14,6 +14,9 @@ struct AppOptions {
     /// The feature's name in the connected-services stack.
     std::string name = "gateway-app";
     CloudSettings cloud;
+    /// How often an idle connection to the cloud is asked for a sign of life, by the interface that it runs over.
+    std::chrono::seconds keepAliveEthernet{1};
+    std::chrono::seconds keepAliveCellular{30};
     /// The time between ticks; zero: by the situation, see TickRhythm.
     std::chrono::milliseconds tick{0};
     /// See InstanceLock; empty: none.

@@ -1,16 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "CloudConnection.h"
 
-#include "SignsOfLife.h"
-
-#include <fcntl.h>
 #include <mosquitto.h>
 #include <netdb.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
-#include <cerrno>
-#include <system_error>
+#include <algorithm>
 #include <utility>
 
 namespace GatewayApp {
@@ -23,6 +19,14 @@ constexpr BackOff::Duration kFirstRetry = 500ms;
 constexpr BackOff::Duration kLongestRetry = 10s;
 constexpr auto kAttemptLimit = 5s;
 constexpr auto kLasting = 10s;
+constexpr BackOff::Duration kLongestFirst = 2s; // leaves time for attempts before the route moves
+
+/// The protocol's own ping finds a broker that hangs on a machine that answers, and costs more than the kernel's
+/// question.
+int ProtocolSeconds(const KeepAlive& keepAlive) {
+    constexpr int shortest = 10;
+    return std::max(shortest, 4 * static_cast<int>(keepAlive.Period().count()));
+}
 
 std::string OwnAddress(int socket) {
     sockaddr_storage address{};
@@ -35,30 +39,20 @@ std::string OwnAddress(int socket) {
     return text;
 }
 
-bool HasPeer(int socket) {
-    sockaddr_storage address{};
-    socklen_t size = sizeof(address);
-    return getpeername(socket, static_cast<sockaddr*>(static_cast<void*>(&address)), &size) == 0;
-}
-
-int PendingError(int socket) {
-    int error = 0;
-    socklen_t size = sizeof(error);
-    getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &size);
-    return error;
-}
-
 } // namespace
 
 CloudConnection::CloudConnection(EventLoop& eventLoop, CloudSettings cloudSettings, Handler cloudHandler,
-                                 BackOff::Random random)
+                                 BackOff::Random chance)
     : loop(eventLoop),
       handler(std::move(cloudHandler)),
       settings(std::move(cloudSettings)),
       dialer(eventLoop),
-      backOff(kFirstRetry, kLongestRetry, std::move(random)),
+      race(eventLoop, {[this](CloudRace::Winner winner) { OnWon(std::move(winner)); },
+                       [this](const std::string& reason) { End(reason); }}),
+      backOff(kFirstRetry, kLongestRetry, chance),
+      random(std::move(chance)),
       deadline(eventLoop, [this] { OnDeadline(); }),
-      keepAlive(eventLoop, [this] { CheckLife(); }) {
+      lifeTimer(eventLoop, [this] { CheckLife(); }) {
     mosquitto_lib_init();
 }
 
@@ -98,88 +92,96 @@ void CloudConnection::Dial() {
     state = State::DIALLING;
     begun = std::chrono::steady_clock::now();
     deadline.Once(kAttemptLimit);
-    dialer.Dial(settings, [this](Dialled dialled) { OnDialled(std::move(dialled)); });
+    dialer.Dial(settings, [this](Dialled found) { OnDialled(std::move(found)); });
 }
 
-void CloudConnection::OnDialled(Dialled dialled) {
-    if (!dialled.handle)
-        return End(dialled.failure);
+void CloudConnection::OnDialled(Dialled found) {
+    if (!found.tls)
+        return End(found.failure);
+    state = State::RACING;
+    dialled = std::move(found);
+    race.Begin(settings, dialled, ProtocolSeconds(handler.keepAlive()));
+}
+
+void CloudConnection::OnWon(CloudRace::Winner winner) {
     state = State::CONNECTING;
-    client = std::move(dialled.handle);
-    answer = -1;
-    mosquitto_user_data_set(client.get(), this);
-    mosquitto_connect_callback_set(
-        client.get(), [](mosquitto*, void* self, int result) { static_cast<CloudConnection*>(self)->answer = result; });
-    socket = mosquitto_socket(client.get());
-    if (socket < 0)
-        return End("the connection ended at once");
-    fcntl(socket, F_SETFD, FD_CLOEXEC);
-    SetFastLossDetection(socket);
+    client = std::move(winner.client);
+    socket = winner.socket;
+    answer = std::move(winner.answer);
+    SetLossDetection(socket, handler.keepAlive());
     watchedEvents = EPOLLIN | EPOLLOUT;
     loop.Watch(socket, watchedEvents, [this](std::uint32_t events) { OnSocket(events); });
 }
 
 void CloudConnection::OnSocket(std::uint32_t events) {
-    int result = MOSQ_ERR_SUCCESS;
     // Taken first, because the library tells only that the connection is lost, not why.
-    const bool broken = (events & (EPOLLERR | EPOLLHUP)) != 0;
-    const int systemError = broken ? PendingError(socket) : 0;
-    // The library's handshake may have taken the error of a refused connection and waits on.
-    if (broken && systemError == 0 && !HasPeer(socket))
-        return End("the connection was refused");
-    if (broken || (events & EPOLLIN) != 0)
-        result = mosquitto_loop_read(client.get(), 1);
-    if (result == MOSQ_ERR_SUCCESS && (events & EPOLLOUT) != 0)
-        result = mosquitto_loop_write(client.get(), 1);
+    const int systemError = (events & (EPOLLERR | EPOLLHUP)) != 0 ? PendingError(socket) : 0;
+    int result = MOSQ_ERR_SUCCESS;
+    // libmosquitto finds its handshake complete when it reads, and the server may have nothing to say. What it says
+    // instead of an answer, about our certificate, must be read before something is written to a server that has gone.
+    if (state == State::CONNECTING)
+        result = Step(client.get(), EPOLLIN);
+    if (result == MOSQ_ERR_SUCCESS)
+        result = Step(client.get(), state == State::CONNECTING ? events | EPOLLIN : events);
     AfterStep(result, systemError);
 }
 
 void CloudConnection::AfterStep(int result, int systemError) {
-    if (systemError != 0)
-        return End(std::generic_category().message(systemError));
-    if (answer > 0)
-        return End(std::string("the broker refused: ") + mosquitto_connack_string(answer));
-    if (result == MOSQ_ERR_ERRNO)
-        return End(std::generic_category().message(errno));
-    if (result != MOSQ_ERR_SUCCESS || mosquitto_socket(client.get()) != socket)
-        return End(mosquitto_strerror(result != MOSQ_ERR_SUCCESS ? result : MOSQ_ERR_CONN_LOST));
+    if (*answer > 0)
+        return End(std::string("the broker refused: ") + mosquitto_connack_string(*answer));
+    if (result == MOSQ_ERR_SUCCESS && (systemError != 0 || mosquitto_socket(client.get()) != socket))
+        result = MOSQ_ERR_CONN_LOST;
+    if (result != MOSQ_ERR_SUCCESS)
+        return End(FailureOf(result, systemError, *dialled.tls, socket));
     const std::uint32_t wanted = EPOLLIN | (mosquitto_want_write(client.get()) ? EPOLLOUT : 0U);
     if (wanted != watchedEvents)
         loop.Change(socket, wanted);
     watchedEvents = wanted;
-    if (answer == 0 && state == State::CONNECTING) {
-        state = State::CONNECTED;
-        deadline.Stop();
-        since = std::chrono::steady_clock::now();
-        keepAlive.Once(AskAgain(socket));
-        source = OwnAddress(socket);
-        handler.onConnected(source);
-    }
+    if (*answer == 0 && state == State::CONNECTING)
+        Answered();
+}
+
+void CloudConnection::Answered() {
+    state = State::CONNECTED;
+    deadline.Stop();
+    since = std::chrono::steady_clock::now();
+    lifeTimer.Once(AskAgain(socket, handler.keepAlive()));
+    source = OwnAddress(socket);
+    handler.onConnected(source);
 }
 
 void CloudConnection::CheckLife() {
-    if (SilentFor(socket) > kSilence)
+    const KeepAlive keepAlive = handler.keepAlive();
+    if (SilentFor(socket) > keepAlive.Silence())
         return End("no sign of life from the cloud");
-    keepAlive.Once(AskAgain(socket));
+    lifeTimer.Once(AskAgain(socket, keepAlive));
     AfterStep(mosquitto_loop_misc(client.get()), 0);
+}
+
+std::string CloudConnection::TooLate() const {
+    if (state == State::DIALLING)
+        return "no answer from the name servers";
+    return state == State::RACING ? race.Summary() : "no answer from the cloud's broker, though TLS is connected";
 }
 
 void CloudConnection::OnDeadline() {
     if (state == State::WAITING)
         return Dial();
-    End(state == State::DIALLING ? "no answer from the name servers" : "no answer from the cloud");
+    End(TooLate());
 }
 
 void CloudConnection::End(const std::string& reason) {
     const bool was = Connected();
     Drop();
     state = State::WAITING;
-    // The first attempt after a loss comes at once: often only the connection is gone, not the path. A broker that
-    // takes connections only to end them is not worth that.
+    // The first attempt after a loss comes soon: often only the connection is gone, not the path. Not at once, because
+    // a broker that restarts loses a whole fleet in one moment. One that takes connections only to end them is not
+    // worth it.
     const bool lasting = was && std::chrono::steady_clock::now() - since >= kLasting;
     if (lasting)
         backOff.Reset();
-    const BackOff::Duration delay = lasting ? BackOff::Duration(0) : backOff.Next();
+    const BackOff::Duration delay =
+        lasting ? std::chrono::duration_cast<BackOff::Duration>(kLongestFirst * random()) : backOff.Next();
     deadline.Once(delay);
     if (was)
         handler.onLost(reason);
@@ -189,12 +191,15 @@ void CloudConnection::End(const std::string& reason) {
 
 void CloudConnection::Drop() {
     dialer.Abandon();
+    race.Stop();
     deadline.Stop();
-    keepAlive.Stop();
+    lifeTimer.Stop();
     if (socket >= 0)
         loop.Forget(socket);
     socket = -1;
     client.reset();
+    answer.reset();
+    dialled = {};
     source.clear();
     state = State::CLOSED;
 }

@@ -3,27 +3,33 @@
 
 #include "BackOff.h"
 #include "CloudDialer.h"
+#include "CloudRace.h"
 #include "EventLoop.h"
+#include "SignsOfLife.h"
 
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 
 namespace GatewayApp {
 
-/// Keeps a connection to the cloud's broker: MQTT over TLS, driven by the loop. A path that has gone silent is noticed
-/// within 3 s whether or not data are under way. A failed attempt is repeated with back-off, for ever.
+/// Keeps a connection to the cloud's broker: MQTT over TLS, driven by the loop. A path that has gone silent is noticed,
+/// whether or not data are under way, in the time that SignsOfLife gives for the keep-alive: 3 s when it is 1 s. A
+/// failed attempt is repeated with back-off, for ever.
 class CloudConnection {
 public:
     /// Called on the loop's thread, outside every call of this class but Reopen and Close.
     struct Handler {
         /// @param source the connection's own address
         std::function<void(const std::string& source)> onConnected;
-        /// It was connected and is not any more.
+        /// It was connected and is not any more; the next attempt comes by itself.
         std::function<void(const std::string& reason)> onLost;
         /// An attempt failed; the next one comes by itself.
         std::function<void(const std::string& reason, std::chrono::milliseconds delay)> onFailed;
+        /// How often an idle connection is asked for a sign of life on the path that it has now; asked again and again.
+        std::function<KeepAlive()> keepAlive;
     };
 
     CloudConnection(EventLoop& eventLoop, CloudSettings cloudSettings, Handler cloudHandler, BackOff::Random random);
@@ -43,12 +49,15 @@ public:
     const std::string& Source() const { return source; }
 
 private:
-    enum class State : int { CLOSED, DIALLING, CONNECTING, CONNECTED, WAITING };
+    enum class State : int { CLOSED, DIALLING, RACING, CONNECTING, CONNECTED, WAITING };
 
     void Dial();
-    void OnDialled(Dialled dialled);
+    void OnDialled(Dialled found);
+    void OnWon(CloudRace::Winner winner);
     void OnSocket(std::uint32_t events);
     void AfterStep(int result, int systemError);
+    void Answered();
+    std::string TooLate() const;
     void CheckLife();
     void OnDeadline();
     void End(const std::string& reason);
@@ -59,16 +68,19 @@ private:
     CloudSettings settings;
 
     CloudDialer dialer;
+    Dialled dialled; // RACING, CONNECTING, CONNECTED
+    CloudRace race;  // RACING
     BackOff backOff;
-    Timer deadline;  // DIALLING, CONNECTING: the attempt has failed. WAITING: the next attempt.
-    Timer keepAlive; // CONNECTED: signs of life, and the protocol's own timekeeping
+    const BackOff::Random random;
+    Timer deadline;  // DIALLING, RACING, CONNECTING: the attempt has failed. WAITING: the next attempt.
+    Timer lifeTimer; // CONNECTED: signs of life, and the protocol's own timekeeping
 
     State state = State::CLOSED;
-    MosquittoHandle client;
-    int socket = -1; // the client's
+    std::unique_ptr<int> answer; // the broker's to our CONNECT; -1 until it comes
+    MosquittoHandle client;      // destroyed before what its TLS came from, and what it writes to
+    int socket = -1;             // the client's
     std::uint32_t watchedEvents = 0;
-    int answer = -1;                             // the broker's to our CONNECT; -1 until it comes
-    std::chrono::steady_clock::time_point begun; // DIALLING, CONNECTING, CONNECTED: the attempt
+    std::chrono::steady_clock::time_point begun; // every state but CLOSED and WAITING
     std::chrono::steady_clock::time_point since; // CONNECTED
     std::string source;
 };

@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "CloudDialer.h"
 
-#include <mosquitto.h>
+#include <netdb.h>
 #include <sys/epoll.h>
+#include <sys/socket.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
-#include <cerrno>
+#include <stdexcept>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -15,34 +18,59 @@ namespace GatewayApp {
 namespace {
 
 constexpr int kMaxHelpers = 4;
-constexpr int kKeepAliveSeconds = 10;
+constexpr std::size_t kMaxAddresses = 16;
 
 std::atomic<int> helpers{0};
 
-std::string MosquittoText(int result) {
-    return result == MOSQ_ERR_ERRNO ? std::generic_category().message(errno) : mosquitto_strerror(result);
+std::vector<std::string> Resolve(const std::string& host) {
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0)
+        return {};
+    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, &freeaddrinfo);
+    std::vector<std::string> addresses;
+    for (const addrinfo* one = found; one != nullptr && addresses.size() < kMaxAddresses; one = one->ai_next) {
+        std::array<char, NI_MAXHOST> text{};
+        if (getnameinfo(one->ai_addr, one->ai_addrlen, text.data(), text.size(), nullptr, 0, NI_NUMERICHOST) == 0)
+            addresses.emplace_back(text.data());
+    }
+    return addresses;
 }
 
 Dialled Begin(const CloudSettings& settings) {
-    MosquittoHandle handle(mosquitto_new(settings.clientId.c_str(), true, nullptr));
-    if (!handle)
-        return {nullptr, "cannot make an MQTT client: " + std::generic_category().message(errno)};
-    int result = settings.caFile.empty()
-                     ? mosquitto_int_option(handle.get(), MOSQ_OPT_TLS_USE_OS_CERTS, 1)
-                     : mosquitto_tls_set(handle.get(), settings.caFile.c_str(), nullptr, nullptr, nullptr, nullptr);
-    if (result != MOSQ_ERR_SUCCESS)
-        return {nullptr, "cannot use the CA file '" + settings.caFile + "': " + MosquittoText(result)};
-    mosquitto_int_option(handle.get(), MOSQ_OPT_TCP_NODELAY, 1);
-    // "async" is about the connection: the name is resolved here, and this is what takes its time.
-    result = mosquitto_connect_async(handle.get(), settings.host.c_str(), settings.port, kKeepAliveSeconds);
-    if (result == MOSQ_ERR_EAI)
-        return {nullptr, "cannot resolve " + settings.host};
-    if (result != MOSQ_ERR_SUCCESS)
-        return {nullptr, MosquittoText(result)};
-    return {std::move(handle), {}};
+    Dialled result;
+    try {
+        result.password = ReadPassword(settings);
+        auto tls = std::make_unique<TlsContext>(settings);
+        result.addresses = InTurn(Resolve(settings.host));
+        if (result.addresses.empty())
+            result.failure = "cannot resolve " + settings.host;
+        else
+            result.tls = std::move(tls);
+    } catch (const std::runtime_error& error) {
+        result.failure = error.what();
+    }
+    return result;
 }
 
 } // namespace
+
+std::vector<std::string> InTurn(const std::vector<std::string>& addresses) {
+    const auto isSix = [](const std::string& address) { return address.find(':') != std::string::npos; };
+    std::vector<std::string> first;
+    std::vector<std::string> second;
+    for (const std::string& address : addresses)
+        (isSix(address) == isSix(addresses.front()) ? first : second).push_back(address);
+    std::vector<std::string> result;
+    for (std::size_t i = 0; i < std::max(first.size(), second.size()); ++i) {
+        if (i < first.size())
+            result.push_back(first[i]);
+        if (i < second.size())
+            result.push_back(second[i]);
+    }
+    return result;
+}
 
 struct CloudDialer::Call {
     CloudSettings settings;
@@ -51,10 +79,6 @@ struct CloudDialer::Call {
     bool wanted = true; // the loop's thread's
     Dialled dialled;    // the helper's until it posts
 };
-
-void MosquittoDeleter::operator()(mosquitto* handle) const {
-    mosquitto_destroy(handle);
-}
 
 CloudDialer::CloudDialer(EventLoop& eventLoop) : loop(eventLoop), mailbox(std::make_shared<Mailbox>()) {
     loop.Watch(mailbox->ReadyDescriptor(), EPOLLIN, [this](std::uint32_t) { mailbox->DoAll(); });

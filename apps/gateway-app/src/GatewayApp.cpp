@@ -70,7 +70,8 @@ Application::Application(AppOptions appOptions, std::vector<std::string> command
       cloud(loop, options.cloud,
             {[this](const std::string& source) { OnCloudConnected(source); },
              [this](const std::string& reason) { OnCloudLost(reason); },
-             [this](const std::string& reason, std::chrono::milliseconds delay) { OnCloudFailed(reason, delay); }},
+             [this](const std::string& reason, std::chrono::milliseconds delay) { OnCloudFailed(reason, delay); },
+             [this] { return CloudKeepAlive(); }},
             [this] { return std::generate_canonical<double, 32>(randomness); }),
       ethernetGuard(loop, InterfaceName("Ethernet"), options.cloud, [this](OrvEvent event) { Report(event); }),
       rhythm(options.tick) {
@@ -92,6 +93,7 @@ void Application::Run() {
     loop.Watch(mailbox->ReadyDescriptor(), EPOLLIN, [this](std::uint32_t) { mailbox->DoAll(); });
     if (manager.WatchdogPeriod() > 0ms)
         watchdogTimer.Every(manager.WatchdogPeriod());
+    WarnOfCredentials();
     Note("start", {{"default_route", JsonText(network.DefaultInterface())}});
     startTimer.Once(0ms);
     cloud.Reopen("start");
@@ -267,6 +269,9 @@ void Application::Reload() {
         const AppOptions fresh = ReadOptions(arguments);
         const bool other = fresh.cloud != options.cloud;
         options.cloud = fresh.cloud;
+        options.keepAliveEthernet = fresh.keepAliveEthernet;
+        options.keepAliveCellular = fresh.keepAliveCellular;
+        WarnOfCredentials();
         ethernetGuard.SettingsAre(fresh.cloud);
         if (options.tick != fresh.tick)
             rhythm.SetFixed(fresh.tick);

@@ -65,6 +65,8 @@ private:
     void KeepBack(OrvStackSdk::OrvEvent event);
     void SendEvent(OrvStackSdk::OrvEvent event);
     OrvStackSdk::OrvEvent CloudState() const;
+    KeepAlive CloudKeepAlive() const;
+    void WarnOfCredentials();
     void SetTickTimer();
     void FollowCloudPath();
     void OnRouteMoved();

@@ -42,6 +42,17 @@ void Application::OnRouteMoved() {
     ShowStatus();
 }
 
+/// On probation Ethernet gets the route back as soon as the cloud is lost on Cellular and not there.
+KeepAlive Application::CloudKeepAlive() const {
+    const bool cellular = network.DefaultInterface() == InterfaceName("Cellular") && !ethernetGuard.OnProbation();
+    return KeepAlive(cellular ? options.keepAliveCellular : options.keepAliveEthernet);
+}
+
+void Application::WarnOfCredentials() {
+    for (const std::string& warning : CredentialWarnings(options.cloud))
+        logger.Warning() << warning;
+}
+
 void Application::FollowCloudPath() {
     if (cloudPath == ConnInterfaceString)
         return;

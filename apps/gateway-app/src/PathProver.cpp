@@ -2,11 +2,13 @@
 #include "PathProver.h"
 
 #include "SignsOfLife.h"
+#include "TlsContext.h"
 
 #include <curl/curl.h>
 #include <poll.h>
 #include <sys/epoll.h>
 
+#include <exception>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -26,6 +28,24 @@ struct EasyDeleter {
 };
 using Easy = std::unique_ptr<CURL, EasyDeleter>;
 
+struct Tls {
+    const CloudSettings& settings;
+    std::unique_ptr<TlsContext> context;
+    std::string failure;
+
+    static CURLcode SetUp(CURL*, void* native, void* self) noexcept {
+        auto* const tls = static_cast<Tls*>(self);
+        try {
+            tls->context = std::make_unique<TlsContext>(tls->settings, static_cast<ssl_ctx_st*>(native));
+            return CURLE_OK;
+        } catch (const std::exception& error) {
+            tls->failure = error.what();
+            return CURLE_SSL_CERTPROBLEM;
+        }
+    }
+    std::string Reason() const { return context ? context->LastReason() : failure; }
+};
+
 } // namespace
 
 struct PathProver::Attempt {
@@ -44,6 +64,7 @@ struct PathProver::Attempt {
 };
 
 PathProver::Result PathProver::Attempt::Run() const {
+    Tls tls{settings, nullptr, {}}; // lives longer than what libcurl makes of it
     const Easy easy(curl_easy_init());
     if (!easy)
         return {false, "out of memory", false};
@@ -67,9 +88,13 @@ PathProver::Result PathProver::Attempt::Run() const {
     curl_easy_setopt(handle, CURLOPT_XFERINFODATA, this);
     if (!settings.caFile.empty())
         curl_easy_setopt(handle, CURLOPT_CAINFO, settings.caFile.c_str());
+    curl_easy_setopt(handle, CURLOPT_SSL_CTX_FUNCTION, &Tls::SetUp);
+    curl_easy_setopt(handle, CURLOPT_SSL_CTX_DATA, &tls);
     const CURLcode code = curl_easy_perform(handle);
-    if (code != CURLE_OK)
-        return {false, text[0] != '\0' ? text : curl_easy_strerror(code), false};
+    if (code != CURLE_OK) {
+        const std::string reason = tls.Reason();
+        return {false, !reason.empty() ? reason : text[0] != '\0' ? text : curl_easy_strerror(code), false};
+    }
     const std::string failure = Hold(handle);
     return {failure.empty(), failure, true};
 }
@@ -79,13 +104,14 @@ std::string PathProver::Attempt::Hold(CURL* handle) const {
     curl_socket_t socket = CURL_SOCKET_BAD;
     if (curl_easy_getinfo(handle, CURLINFO_ACTIVESOCKET, &socket) != CURLE_OK || socket == CURL_SOCKET_BAD)
         return "the connection ended at once";
-    SetFastLossDetection(socket);
+    const KeepAlive quick;
+    SetLossDetection(socket, quick);
     const auto end = std::chrono::steady_clock::now() + hold;
     while (wanted && std::chrono::steady_clock::now() < end) {
-        if (SilentFor(socket) > kSilence)
+        if (SilentFor(socket) > quick.Silence())
             return "no sign of life";
         pollfd ended{socket, POLLRDHUP, 0};
-        if (poll(&ended, 1, static_cast<int>(AskAgain(socket).count())) > 0)
+        if (poll(&ended, 1, static_cast<int>(AskAgain(socket, quick).count())) > 0)
             return "the connection has ended";
     }
     return {};

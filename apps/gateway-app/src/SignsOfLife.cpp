@@ -5,27 +5,61 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+
 namespace GatewayApp {
 
 namespace {
 
-constexpr std::chrono::milliseconds kAnswerTime{1100}; // the kernel asks after 1 s
-constexpr std::chrono::milliseconds kUsualPace{250};
-constexpr std::chrono::milliseconds kQuickPace{100};
+constexpr std::chrono::seconds kLongestPatience{5};
 
 void SetOption(int socket, int level, int option, int value) {
     setsockopt(socket, level, option, &value, sizeof(value));
 }
 
+int GetOption(int socket, int level, int option) {
+    int value = 0;
+    socklen_t size = sizeof(value);
+    getsockopt(socket, level, option, &value, &size);
+    return value;
+}
+
 } // namespace
 
-void SetFastLossDetection(int socket) {
-    constexpr int userTimeoutMs = 2000;
+std::chrono::milliseconds KeepAlive::Patience() const {
+    return std::min(period, kLongestPatience);
+}
+
+std::chrono::milliseconds KeepAlive::Silence() const {
+    return period + Patience() + Patience() / 2;
+}
+
+std::chrono::milliseconds KeepAlive::UserTimeout() const {
+    return period + Patience();
+}
+
+std::chrono::milliseconds KeepAlive::AnswerTime() const {
+    return period + (period > std::chrono::seconds(1) ? Patience() / 3 : QuickPace());
+}
+
+std::chrono::seconds KeepAlive::Interval() const {
+    return std::max(std::chrono::seconds(1), std::chrono::duration_cast<std::chrono::seconds>(Patience() / 2));
+}
+
+std::chrono::milliseconds KeepAlive::QuickPace() const {
+    return Patience() / 10;
+}
+
+std::chrono::milliseconds KeepAlive::UsualPace() const {
+    return Patience() / 4;
+}
+
+void SetLossDetection(int socket, const KeepAlive& keepAlive) {
     SetOption(socket, SOL_SOCKET, SO_KEEPALIVE, 1);
-    SetOption(socket, IPPROTO_TCP, TCP_KEEPIDLE, 1);
-    SetOption(socket, IPPROTO_TCP, TCP_KEEPINTVL, 1);
+    SetOption(socket, IPPROTO_TCP, TCP_KEEPINTVL, static_cast<int>(keepAlive.Interval().count()));
     SetOption(socket, IPPROTO_TCP, TCP_KEEPCNT, 2);
-    SetOption(socket, IPPROTO_TCP, TCP_USER_TIMEOUT, userTimeoutMs);
+    SetOption(socket, IPPROTO_TCP, TCP_USER_TIMEOUT, static_cast<int>(keepAlive.UserTimeout().count()));
+    SetOption(socket, IPPROTO_TCP, TCP_KEEPIDLE, static_cast<int>(keepAlive.Period().count()));
 }
 
 std::chrono::milliseconds SilentFor(int socket) {
@@ -35,12 +69,15 @@ std::chrono::milliseconds SilentFor(int socket) {
     return std::chrono::milliseconds(info.tcpi_last_ack_recv);
 }
 
-std::chrono::milliseconds AskAgain(int socket) {
-    if (SilentFor(socket) < kAnswerTime)
-        return kUsualPace;
+std::chrono::milliseconds AskAgain(int socket, const KeepAlive& keepAlive) {
+    const int period = static_cast<int>(keepAlive.Period().count());
+    if (GetOption(socket, IPPROTO_TCP, TCP_KEEPIDLE) != period)
+        SetLossDetection(socket, keepAlive);
+    if (SilentFor(socket) < keepAlive.AnswerTime())
+        return keepAlive.UsualPace();
     // Set anew, the time of idleness is found to be over, and the kernel asks.
-    SetOption(socket, IPPROTO_TCP, TCP_KEEPIDLE, 1);
-    return kQuickPace;
+    SetOption(socket, IPPROTO_TCP, TCP_KEEPIDLE, period);
+    return keepAlive.QuickPace();
 }
 
 } // namespace GatewayApp

@@ -27,6 +27,8 @@ TEST(OptionsWithoutArguments, AreTheDefaults) {
     EXPECT_EQ(options.cloud.host, "");
     EXPECT_EQ(options.cloud.port, 8883);
     EXPECT_EQ(options.cloud.clientId, "gateway-app");
+    EXPECT_EQ(options.keepAliveEthernet, 1s);
+    EXPECT_EQ(options.keepAliveCellular, 30s);
     EXPECT_EQ(options.tick, 0ms);
     EXPECT_EQ(options.lock, "/run/gateway-app/lock");
 }
@@ -35,6 +37,8 @@ void ExpectDefaults(const AppOptions& options) {
     const AppOptions defaults = ReadOptions({});
     EXPECT_EQ(options.name, defaults.name);
     EXPECT_EQ(options.cloud, defaults.cloud);
+    EXPECT_EQ(options.keepAliveEthernet, defaults.keepAliveEthernet);
+    EXPECT_EQ(options.keepAliveCellular, defaults.keepAliveCellular);
     EXPECT_EQ(options.tick, defaults.tick);
     EXPECT_EQ(options.lock, defaults.lock);
 }
@@ -58,7 +62,7 @@ TEST(TheShippedFile, ShowsEachDefaultAsALineToTakeTheMarkAwayFrom) {
             out << line.substr(2) << '\n';
     }
     out.close();
-    EXPECT_EQ(options, 7);
+    EXPECT_EQ(options, 14);
     const AppOptions shown = ReadOptions({"--config", uncommented});
     ExpectDefaults(shown);
     std::remove(uncommented.c_str());
@@ -69,16 +73,38 @@ TEST(OptionsOnTheCommandLine, AreTaken) {
         ReadOptions({"--name", "heating", "--cloud-host", "cloud.example", "--cloud-port", "443", "--cloud-ca",
                      "/ca.pem", "--tick-ms", "100", "--transcript", "/t.json", "--lock", ""});
     EXPECT_EQ(options.name, "heating");
-    const CloudSettings cloud{"cloud.example", 443, "/ca.pem", "heating"};
-    EXPECT_EQ(options.cloud, cloud);
+    EXPECT_EQ(options.cloud.host, "cloud.example");
+    EXPECT_EQ(options.cloud.port, 443);
+    EXPECT_EQ(options.cloud.caFile, "/ca.pem");
+    EXPECT_EQ(options.cloud.clientId, "heating");
     EXPECT_EQ(options.tick, 100ms);
     EXPECT_EQ(options.transcript, "/t.json");
     EXPECT_EQ(options.lock, "");
 }
 
+TEST(OptionsOnTheCommandLine, TakeTheDevicesCredentials) {
+    const AppOptions options = ReadOptions({"--cloud-cert", "/c.pem", "--cloud-key", "/k.pem", "--cloud-user",
+                                            "gateway", "--cloud-password-file", "/p", "--cloud-alpn", "mqtt",
+                                            "--cloud-keepalive-ethernet-s", "2", "--cloud-keepalive-cellular-s", "60"});
+    EXPECT_EQ(options.cloud.certificateFile, "/c.pem");
+    EXPECT_EQ(options.cloud.keyFile, "/k.pem");
+    EXPECT_EQ(options.cloud.user, "gateway");
+    EXPECT_EQ(options.cloud.passwordFile, "/p");
+    EXPECT_EQ(options.cloud.alpn, "mqtt");
+    EXPECT_EQ(options.keepAliveEthernet, 2s);
+    EXPECT_EQ(options.keepAliveCellular, 60s);
+}
+
+TEST(HalfACredential, IsRefused) {
+    EXPECT_NE(ErrorOf({"--cloud-cert", "/c.pem"}).find("--cloud-key"), std::string::npos);
+    EXPECT_NE(ErrorOf({"--cloud-key", "/k.pem"}).find("--cloud-cert"), std::string::npos);
+    EXPECT_NE(ErrorOf({"--cloud-password-file", "/p"}).find("--cloud-user"), std::string::npos);
+}
+
 TEST(WrongOptions, AreRefusedByName) {
     EXPECT_NE(ErrorOf({"--tick-ms", "5"}).find("--tick-ms"), std::string::npos);
     EXPECT_NE(ErrorOf({"--cloud-port", "0"}).find("--cloud-port"), std::string::npos);
+    EXPECT_NE(ErrorOf({"--cloud-keepalive-cellular-s", "0"}).find("--cloud-keepalive-cellular-s"), std::string::npos);
     EXPECT_NE(ErrorOf({"--name", "a/b"}).find("one level of a topic"), std::string::npos);
     EXPECT_NE(ErrorOf({"--config", "/does/not/exist.ini"}).find("/does/not/exist.ini"), std::string::npos);
     EXPECT_NE(ErrorOf({"--no-such-option"}).find("no-such-option"), std::string::npos);

@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "CloudSettings.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <fstream>
+#include <stdexcept>
+#include <system_error>
+
+namespace GatewayApp {
+
+namespace {
+
+void WarnIfOpen(const std::string& file, const std::string& what, std::vector<std::string>& warnings) {
+    struct stat status {};
+    if (!file.empty() && stat(file.c_str(), &status) == 0 && (status.st_mode & S_IROTH) != 0)
+        warnings.push_back(file + " holds " + what + ", and every user of this machine may read it; chmod o-r");
+}
+
+} // namespace
+
+std::vector<std::string> CredentialWarnings(const CloudSettings& settings) {
+    std::vector<std::string> warnings;
+    WarnIfOpen(settings.keyFile, "a key", warnings);
+    WarnIfOpen(settings.passwordFile, "a password", warnings);
+    return warnings;
+}
+
+std::string ReadPassword(const CloudSettings& settings) {
+    if (settings.passwordFile.empty())
+        return {};
+    const std::string start = "cannot use the password file '" + settings.passwordFile + "': ";
+    errno = 0;
+    std::ifstream file(settings.passwordFile);
+    std::string password;
+    if (!file)
+        throw std::runtime_error(start + std::generic_category().message(errno) +
+                                 "; name a file that the application's user may read (cloud-password-file)");
+    if (!std::getline(file, password) || password.empty())
+        throw std::runtime_error(start + "its first line is empty; write the password there");
+    if (password.back() == '\r')
+        password.pop_back();
+    return password;
+}
+
+} // namespace GatewayApp
