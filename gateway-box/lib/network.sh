@@ -83,7 +83,9 @@ start_names() {
         eth) net=$eth_net names=$eth_names ;;
         cell) net=$cell_net names=$cell_names ;;
     esac
-    answers=(--local=/test/ --host-record="$cloud_name,$cloud_address")
+    answers=(--local=/test/ --no-round-robin)
+    [ -z "${first_address-}" ] || answers+=(--host-record="$cloud_name,$first_address")
+    answers+=(--host-record="$cloud_name,$cloud_address")
     [ $# -ne 2 ] || answers=(--address="/#/$2")
     # A record would be told before the lie.
     [ "${3-}" != "$cloud_name" ] || answers=(--local=/test/)

@@ -47,6 +47,15 @@ fault_names() {
             start_names "$1" "${@:3}"
             touch "$state/lie-$1"
             ;;
+        first/3)
+            is_address "$3" || bad_fault names "names eth|cell first ADDRESS, with an IPv4 address"
+            filter "$ns" hole "chain forward { type filter hook forward priority -1; ip daddr $3 drop; }" \
+                "chain input { type filter hook input priority -1; ip daddr $3 drop; }"
+            ip -n "$ns" route replace "$3/32" dev up
+            end "names-$1"
+            first_address=$3 start_names "$1"
+            touch "$state/lie-$1"
+            ;;
         back/2)
             unfilter "$ns" mute
             [ -e "$state/lie-$1" ] || return 0
@@ -54,7 +63,7 @@ fault_names() {
             end "names-$1"
             start_names "$1"
             ;;
-        *) bad_fault names "names eth|cell mute|back, or names eth|cell lie ADDRESS [NAME]" ;;
+        *) bad_fault names "names eth|cell mute|back, names eth|cell lie ADDRESS [NAME], or names eth|cell first ADDRESS" ;;
     esac
 }
 
