@@ -9,6 +9,10 @@
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
+#if __has_include(<OrvPlatform/Settings.h>)
+#include <OrvPlatform/Settings.h>
+#define PLATFORM_RELOADS_LOG_LEVELS
+#endif
 
 #include <cerrno>
 #include <csignal>
@@ -263,6 +267,9 @@ void Application::OnAction(AppAction action) {
 }
 
 void Application::Reload() {
+#ifdef PLATFORM_RELOADS_LOG_LEVELS
+    OrvPlatform::ReloadLogLevels(); // says itself what has become of it
+#endif
     if (started)
         client->AppStatusRequest(AppStatus::BOOTING);
     try {

@@ -112,6 +112,21 @@ TEST_F(AGatewayWithACloud, ReloadsWhenItIsOrderedTo) {
     EXPECT_TRUE(EventuallyHas("\"what\":\"reload\""));
 }
 
+TEST_F(AGatewayWithACloud, ReadsTheLevelsOfTheLogAnewOnSighup) {
+    StartConnectedApp();
+    const auto logged = [this](const char* text) { return Content(folder.Path("app.log")).find(text); };
+    ASSERT_EQ(logged(" trace "), std::string::npos);
+    std::ofstream(config, std::ios::app) << "[log]\nlevel = info,OrvStackClient=trace\n";
+    kill(app->Pid(), SIGHUP);
+    EXPECT_TRUE(Eventually([&] { return logged("trace [OrvStackClient] AppStatusRequest(") != std::string::npos; }));
+    EXPECT_TRUE(EventuallyHas("\"what\":\"reload\""));
+    std::ofstream(config, std::ios::app) << "level = loud\n";
+    kill(app->Pid(), SIGHUP);
+    EXPECT_TRUE(Eventually([&] {
+        return logged("The levels of the log stay as they were, info,OrvStackClient=trace") != std::string::npos;
+    }));
+}
+
 TEST_F(AGatewayWithACloud, ReportsAFailureOnRequest) {
     StartConnectedApp();
     kill(app->Pid(), SIGUSR1);

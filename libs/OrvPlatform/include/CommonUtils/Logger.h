@@ -57,7 +57,7 @@ class Logger {
 public:
     /// @param level the least severe level that this logger emits: 0 trace, 1 debug, 2 info, 3 warning, 4 error,
     ///              5 critical. The configuration, or ORV_LOG_LEVEL in the environment, may demand a higher one, for
-    ///              all loggers or for this one by its name, never a lower one. Read once, when the logger is made.
+    ///              all loggers or for this one by its name, never a lower one.
     Logger(const std::string& name, int level);
     ~Logger();
     /// The other one may only be assigned to or destroyed.

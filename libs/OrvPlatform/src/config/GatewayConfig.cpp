@@ -85,10 +85,19 @@ void NoteRole(LoadedConfig& loaded) {
 
 OncePerProcess<LoadedConfig> loadedConfig;
 
-LoadedConfig Load() {
+struct Place {
+    std::string path = defaultPath;
+    bool mayBeMissing = true;
+};
+
+Place PlaceOfTheFile() {
     const char* named = ::secure_getenv("ORV_GATEWAY_CONFIG");
-    const bool byName = named != nullptr && *named != '\0';
-    LoadedConfig loaded = ReadGatewayConfig(byName ? named : defaultPath, !byName);
+    return named != nullptr && *named != '\0' ? Place{named, false} : Place();
+}
+
+LoadedConfig Load() {
+    const Place place = PlaceOfTheFile();
+    LoadedConfig loaded = ReadGatewayConfig(place.path, place.mayBeMissing);
     ApplyEnvironment(loaded);
     loaded.config.program = ProgramName();
     NoteRole(loaded);
@@ -97,7 +106,7 @@ LoadedConfig Load() {
 
 } // namespace
 
-LoadedConfig ReadGatewayConfig(const std::string& path, bool mayBeMissing) {
+LoadedConfig ReadGatewayConfig(const std::string& path, bool mayBeMissing, const GatewayConfig* inForce) {
     LoadedConfig loaded;
     const std::string shownPath = Escaped(path);
     // Non-blocking, so that a FIFO in the file's place cannot stop the gateway.
@@ -110,13 +119,13 @@ LoadedConfig ReadGatewayConfig(const std::string& path, bool mayBeMissing) {
     const int error = !file.IsOpen() ? errno : ReadAll(file.Number(), text);
     if (error != 0) {
         loaded.problems.push_back(
-            shownPath + ": cannot be read (" + ErrorText(error) +
-            "); the defaults are in force. Name a readable file in ORV_GATEWAY_CONFIG, or unset it "
-            "to use " +
-            defaultPath);
+            shownPath + ": cannot be read (" + ErrorText(error) + "); " +
+            (inForce == nullptr ? "the defaults are in force" : "the settings stay as they were") +
+            ". Name a readable file in ORV_GATEWAY_CONFIG, or unset it to use " + defaultPath);
         return loaded;
     }
-    static_cast<ParsedConfig&>(loaded) = ParseGatewayConfig(text, path);
+    static_cast<ParsedConfig&>(loaded) =
+        ParseGatewayConfig(text, path, inForce == nullptr ? GatewayConfig() : *inForce);
     WarnOfMode(file.Number(), shownPath, loaded);
     loaded.notes.push_back("Settings read from " + shownPath);
     return loaded;
@@ -124,6 +133,20 @@ LoadedConfig ReadGatewayConfig(const std::string& path, bool mayBeMissing) {
 
 const LoadedConfig& LoadedGatewayConfig() {
     return loadedConfig.Get([] { return new LoadedConfig(Load()); });
+}
+
+RereadLogLevels LogLevelsReadAnew(const LogLevels& inForce) {
+    const Place place = PlaceOfTheFile();
+    LoadedConfig loaded = ReadGatewayConfig(place.path, place.mayBeMissing);
+    if (!loaded.problems.empty()) {
+        // Once more, because what is in force is not the defaults.
+        GatewayConfig running = LoadedGatewayConfig().config;
+        running.log.levels = inForce;
+        loaded = ReadGatewayConfig(place.path, place.mayBeMissing, &running);
+        return {inForce, Escaped(place.path), loaded.problems};
+    }
+    ApplyLogLevelVariable(loaded); // what it holds that is no level was reported at the start
+    return {loaded.config.log.levels, Escaped(place.path), {}};
 }
 
 void BeforeForkOfGatewayConfig() {

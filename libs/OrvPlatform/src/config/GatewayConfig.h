@@ -83,7 +83,8 @@ struct ParsedConfig {
 
 /// Reads settings from `text`. A pure function. What cannot be read leaves the default in force and is reported.
 /// @param name what the text is called in reports, usually the file's path
-ParsedConfig ParseGatewayConfig(std::string_view text, const std::string& name);
+/// @param inForce what it is put on top of, and what reports call in force
+ParsedConfig ParseGatewayConfig(std::string_view text, const std::string& name, const GatewayConfig& inForce = {});
 
 /// A configuration as it was found on the system.
 struct LoadedConfig : ParsedConfig {
@@ -95,11 +96,23 @@ struct LoadedConfig : ParsedConfig {
 
 /// Reads the file at `path`. A file that cannot be read is a problem, except that a missing one is none when
 /// `mayBeMissing`.
-LoadedConfig ReadGatewayConfig(const std::string& path, bool mayBeMissing);
+/// @param inForce  the settings that a program runs with already, which then are what reports call in force; null at
+/// the
+///                 start, when those are the defaults
+LoadedConfig ReadGatewayConfig(const std::string& path, bool mayBeMissing, const GatewayConfig* inForce = nullptr);
 
 /// The file that the environment names, or the default one, with ORV_LOG_LEVEL, ORV_CLIENT_ID_SUFFIX and
 /// ORV_GATEWAY_CONTROLLER applied; read once on first use and never destroyed. Reports nothing.
 const LoadedConfig& LoadedGatewayConfig();
+
+/// The levels of the log as the file and the environment have them at this moment.
+struct RereadLogLevels {
+    LogLevels levels;
+    std::string file;                  // escaped
+    std::vector<std::string> problems; // of the whole file
+};
+/// @param inForce the levels that stay when there is a problem
+RereadLogLevels LogLevelsReadAnew(const LogLevels& inForce);
 
 /// Round a fork, so that the child does not find the settings half read. The log calls them.
 void BeforeForkOfGatewayConfig();

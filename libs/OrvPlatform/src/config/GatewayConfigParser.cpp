@@ -53,7 +53,8 @@ std::string InForce(const Setting& setting, const GatewayConfig& config) {
 /// (too long a line, NUL bytes, an indented line) never reaches it. Sections are kept here for the same reason.
 class Reading {
 public:
-    Reading(std::string_view text, const std::string& source) : rest(text), name(Escaped(source)) {
+    Reading(std::string_view text, const std::string& source, const GatewayConfig& inForce)
+        : rest(text), name(Escaped(source)), parsed{inForce, {}} {
         constexpr std::string_view byteOrderMark = "\xef\xbb\xbf";
         if (rest.substr(0, byteOrderMark.size()) == byteOrderMark)
             rest.remove_prefix(byteOrderMark.size());
@@ -215,8 +216,8 @@ private:
 
 } // namespace
 
-ParsedConfig ParseGatewayConfig(std::string_view text, const std::string& name) {
-    return Reading(text, name).Parse();
+ParsedConfig ParseGatewayConfig(std::string_view text, const std::string& name, const GatewayConfig& inForce) {
+    return Reading(text, name, inForce).Parse();
 }
 
 std::string ShowGatewayConfig(const GatewayConfig& config) {

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "log/LogChannel.h"
 
+#include "OrvPlatform/Settings.h"
 #include "base/OncePerProcess.h"
 #include "config/GatewayConfig.h"
 #include "log/LogEscape.h"
+#include "log/LogLevelsInForce.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -55,17 +57,23 @@ std::shared_ptr<spdlog::sinks::sink> ConfiguredSink(const GatewayConfig::Log& se
     return MakeStderrSink();
 }
 
-void ReportSettings(LogChannel& log) {
-    constexpr const char* source = "GatewayConfig";
-    const LoadedConfig& loaded = LoadedGatewayConfig();
-    const int threshold = LogThreshold(source, 0);
-    const bool logShowsErrors = threshold <= errorLevel;
-    for (const std::string& problem : loaded.problems) {
+constexpr const char* source = "GatewayConfig";
+
+/// On standard error as well: whoever wrote the settings may look there only.
+void TellProblems(LogChannel& log, const std::vector<std::string>& problems) {
+    const bool logShowsErrors = LogLevelsInForce().Of(source) <= errorLevel;
+    for (const std::string& problem : problems) {
         if (logShowsErrors)
             log.Write({errorLevel, source, {}, problem});
-        if (!logShowsErrors || loaded.config.log.sink != LogSink::STDERR)
+        if (!logShowsErrors || LoadedGatewayConfig().config.log.sink != LogSink::STDERR)
             WriteToStderr(Escaped(problem));
     }
+}
+
+void ReportSettings(LogChannel& log) {
+    const LoadedConfig& loaded = LoadedGatewayConfig();
+    const int threshold = LogLevelsInForce().Of(source);
+    TellProblems(log, loaded.problems);
     const auto tell = [&](int level, const std::vector<std::string>& texts) {
         for (const std::string& text : texts)
             if (threshold <= level)
@@ -166,8 +174,27 @@ LogChannel& ProcessLog() {
     return processLog.Get(MakeProcessLog);
 }
 
-int LogThreshold(std::string_view source, int ownLevel) {
-    return std::max(ownLevel, LoadedGatewayConfig().config.log.levels.Of(source));
+bool ReloadLogLevels() noexcept {
+    try {
+        LogChannel& log = ProcessLog();
+        const LogLevels& before = LogLevelsInForce();
+        RereadLogLevels reread = LogLevelsReadAnew(before);
+        if (!reread.problems.empty()) {
+            reread.problems.push_back("The levels of the log stay as they were, " + before.Text() +
+                                      ", because of what is wrong with " + reread.file +
+                                      ". Mend it (orv-config-check tells when it is right) and read it anew");
+            TellProblems(log, reread.problems);
+            return false;
+        }
+        PutLogLevelsInForce(reread.levels);
+        const std::string now = reread.levels.Text();
+        // Also when it is they that turn this record off.
+        if (now != before.Text() && std::min(before.Of(source), reread.levels.Of(source)) <= infoLevel)
+            log.Write({infoLevel, source, {}, "The levels of the log are now " + now});
+        return true;
+    } catch (const std::exception&) {
+        return false; // no memory
+    }
 }
 
 } // namespace OrvPlatform

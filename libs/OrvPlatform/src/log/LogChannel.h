@@ -55,7 +55,4 @@ private:
 /// The log of this process, made on first use with the configured sink and never destroyed.
 LogChannel& ProcessLog();
 
-/// The least severe level that a source may emit whose own level is `ownLevel`.
-int LogThreshold(std::string_view source, int ownLevel);
-
 } // namespace OrvPlatform

@@ -3,6 +3,7 @@
 
 #include "log/LogChannel.h"
 #include "log/LogEscape.h"
+#include "log/LogLevelsInForce.h"
 
 #include <algorithm>
 #include <cstdarg>
@@ -62,7 +63,7 @@ std::string LoggerName(std::string_view source, int line) {
 void LogWrapper::Log(int level, bool flag, const char* file, int line, const char* function, const char* format, ...) {
     const int known = std::clamp(level, 0, 5);
     const std::string_view source = SourceName(OrEmpty(file));
-    if (known < OrvPlatform::LogThreshold(source, 0))
+    if (known < OrvPlatform::LogLevelsInForce().Of(source))
         return;
     va_list arguments;
     va_start(arguments, format);

@@ -3,6 +3,7 @@
 
 #include "log/LogChannel.h"
 #include "log/LogEscape.h"
+#include "log/LogLevelsInForce.h"
 
 #include <algorithm>
 #include <array>
@@ -183,16 +184,19 @@ std::ostream* LogObject::Stream() noexcept {
 }
 
 struct Logger::Source {
-    std::string name;
-    int threshold;
+    Source(const std::string& givenName, int level)
+        : name(givenName), shownName(OrvPlatform::Escaped(givenName)), threshold(givenName, level) {}
 
     LogObject Open(int level, const char* tag) const {
-        return LogObject(level < threshold ? nullptr : OpenRecord(name, level, tag));
+        return LogObject(level < threshold.Of(name) ? nullptr : OpenRecord(shownName, level, tag));
     }
+
+    const std::string name;
+    const std::string shownName;
+    const OrvPlatform::LogThreshold threshold;
 };
 
-Logger::Logger(const std::string& name, int level)
-    : source(std::make_unique<Source>(Source{OrvPlatform::Escaped(name), OrvPlatform::LogThreshold(name, level)})) {}
+Logger::Logger(const std::string& name, int level) : source(std::make_unique<Source>(name, level)) {}
 
 Logger::~Logger() = default;
 Logger::Logger(Logger&& other) noexcept = default;

@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "log/LogLevelsInForce.h"
+
+#include "config/GatewayConfig.h"
+
+#include <algorithm>
+
+namespace OrvPlatform {
+
+namespace {
+
+/// Levels that are, or were, in force. Never freed: a thread may be looking into them. Equal ones are kept once.
+struct Kept {
+    const LogLevels levels;
+    const unsigned number; // from 1; 0 stands for the levels of the start
+    const Kept* const before;
+};
+
+std::atomic<const Kept*> newest{nullptr};
+std::atomic<const Kept*> inForce{nullptr}; // null: the levels of the start
+std::atomic<unsigned> numberInForce{0};
+
+constexpr unsigned bitsOfALevel = 3;
+static_assert(offLevel < (1 << bitsOfALevel));
+
+const LogLevels& LevelsOf(const Kept* kept) {
+    return kept != nullptr ? kept->levels : LoadedGatewayConfig().config.log.levels;
+}
+
+const Kept* FindOrKeep(const LogLevels& levels) {
+    const std::string text = levels.Text();
+    const Kept* head = newest.load(std::memory_order_acquire);
+    for (;;) {
+        for (const Kept* kept = head; kept != nullptr; kept = kept->before)
+            if (kept->levels.Text() == text)
+                return kept;
+        const Kept* added = new Kept{levels, head == nullptr ? 1 : head->number + 1, head};
+        if (newest.compare_exchange_strong(head, added, std::memory_order_acq_rel))
+            return added;
+        delete added;
+    }
+}
+
+} // namespace
+
+const LogLevels& LogLevelsInForce() {
+    return LevelsOf(inForce.load(std::memory_order_acquire));
+}
+
+void PutLogLevelsInForce(const LogLevels& levels) {
+    const Kept* kept = FindOrKeep(levels);
+    inForce.store(kept, std::memory_order_release);
+    numberInForce.store(kept->number, std::memory_order_release);
+}
+
+LogThreshold::LogThreshold(std::string_view source, int ownLevel) : own(ownLevel) {
+    LookUp(source);
+}
+
+int LogThreshold::Of(std::string_view source) const {
+    const unsigned word = remembered.load(std::memory_order_relaxed);
+    if (word >> bitsOfALevel == numberInForce.load(std::memory_order_relaxed))
+        return static_cast<int>(word & ((1U << bitsOfALevel) - 1));
+    return LookUp(source);
+}
+
+int LogThreshold::LookUp(std::string_view source) const {
+    const Kept* kept = inForce.load(std::memory_order_acquire);
+    const int threshold = std::clamp(std::max(own, LevelsOf(kept).Of(source)), 0, offLevel);
+    const unsigned number = kept == nullptr ? 0 : kept->number;
+    remembered.store(number << bitsOfALevel | static_cast<unsigned>(threshold), std::memory_order_relaxed);
+    return threshold;
+}
+
+} // namespace OrvPlatform
