@@ -10,7 +10,8 @@ STATES = ["ETHERNET_ACTIVE", "ETHERNET_LOST_DELAY", "POKING_CELLULAR", "SWITCHIN
 
 # Warnings that belong to every run: the echo of the own status, a connection to the cloud that comes and goes, a poke over
 # a path that is dead.
-EVERYDAY = ("Message is not handled", "the cloud connection has ended", "no connection to the cloud", "poke error 28")
+EVERYDAY = ("Message is not handled", "the cloud connection has ended", "no connection to the cloud", "poke error 28",
+            "does not prove the path to the cloud")
 
 
 BY_INTERFACE = object()

@@ -40,3 +40,23 @@ def test_a_clock_that_is_behind_is_told_once(box, make_scene):
     assert len(scene.application.times_of(FAILED)) == 1
     scene.set_clock("0")
     scene.application.wait_for_cloud("eth0", 20)
+
+
+def test_why_a_poke_fails_is_told_with_its_interface_and_once(scene):
+    cause = " the endpoint cloud.box.test does not prove the path to the cloud: the certificate for cloud.box.test was " \
+            "issued by A CA that the gateway does not know, which is not trusted"
+    scene.expected_complaints = ("poke error 60",)
+    scene.box("cloud-tls", "wrong-certificate", "cell")
+    scene.box("provider", "eth", "dead")
+    scene.application.wait_for("over wwan0" + cause, 20)
+    wait_until(lambda: len(scene.application.times_of("poke error 60")) >= 8, 30, "eight attempts")
+    assert len(scene.application.times_of("over wwan0" + cause)) == 1
+    # The other way round.
+    scene.box("cloud-tls", "ok", "cell")
+    scene.application.wait_for_cloud("wwan0", 40)
+    scene.box("cloud-tls", "wrong-certificate", "eth")
+    scene.application.wait_for("over eth0 the endpoint cloud.box.test does not prove the path to the cloud: no answer", 20)
+    scene.box("provider", "eth", "back")
+    scene.application.wait_for("over eth0" + cause, 70)
+    scene.box("cloud-tls", "ok", "eth")
+    scene.application.wait_for_cloud("eth0", 25)

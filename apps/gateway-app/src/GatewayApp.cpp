@@ -78,6 +78,8 @@ Application::Application(AppOptions appOptions, std::vector<std::string> command
              [this] { return CloudKeepAlive(); }},
             [this] { return std::generate_canonical<double, 32>(randomness); }),
       ethernetGuard(loop, InterfaceName("Ethernet"), options.cloud, [this](OrvEvent event) { Report(event); }),
+      pokeExplainer(loop, InterfaceName("Ethernet"), InterfaceName("Cellular"),
+                    OrvResources::CreateStaticConfigStore()->GetValue(kEndpoint)),
       rhythm(options.tick) {
     WatchStatusFile();
     callbacks = std::make_shared<Callbacks>(
@@ -312,6 +314,7 @@ void Application::KeepBack(OrvEvent event) {
 void Application::SendEvent(OrvEvent event) {
     eventDurations.Measure([&] { client->EventUpdateRequest(event); });
     rhythm.Reported(event, Now());
+    pokeExplainer.Reported(event);
     if (statusFile)
         statusFile->Reported(event);
     SetTickTimer();

@@ -9,6 +9,7 @@
 #include "InstanceLock.h"
 #include "Mailbox.h"
 #include "NetworkWatcher.h"
+#include "PokeExplainer.h"
 #include "RouteContradiction.h"
 #include "ServiceManager.h"
 #include "StatusFile.h"
@@ -96,6 +97,7 @@ private:
     NetworkWatcher network;
     CloudConnection cloud;
     EthernetGuard ethernetGuard;
+    PokeExplainer pokeExplainer;
     TickRhythm rhythm;
     RouteContradiction contradiction;
     std::unique_ptr<StatusFileWatch> statusFile; // none when its folder cannot be watched

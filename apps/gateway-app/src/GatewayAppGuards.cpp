@@ -30,6 +30,7 @@ void Application::OnRouteMoved() {
     // In this moment, before the next tick, the library sees the order that it has waited for.
     const bool toCellular = ConnmanCommands::GetInstance().GetTopPriorityInterface() == InterfaceName("Cellular");
     rhythm.RouteHasMoved(toCellular, Now());
+    pokeExplainer.RouteHasMoved(toCellular);
     // Before the next tick, which would begin a poke over Ethernet.
     ethernetGuard.RouteHasMoved(toCellular);
     // What began after the default route had moved is on the new path already.

@@ -46,6 +46,18 @@ struct Tls {
     std::string Reason() const { return context ? context->LastReason() : failure; }
 };
 
+/// The same text for the same failure: libcurl's own has the milliseconds in it.
+std::string FailureOf(CURL* handle, CURLcode code) {
+    if (code == CURLE_OPERATION_TIMEDOUT)
+        return "no answer";
+    long systemError = 0;
+    curl_easy_getinfo(handle, CURLINFO_OS_ERRNO, &systemError);
+    const std::string text = curl_easy_strerror(code);
+    if (code != CURLE_COULDNT_CONNECT || systemError == 0)
+        return text;
+    return text + ": " + std::generic_category().message(static_cast<int>(systemError));
+}
+
 } // namespace
 
 struct PathProver::Attempt {
@@ -73,7 +85,6 @@ PathProver::Result PathProver::Attempt::Run() const {
     const std::string url =
         "https://" + (plain ? settings.host : "[" + settings.host + "]") + ":" + std::to_string(settings.port);
     const std::string device = "if!" + interface; // an interface and nothing else, whatever the name servers say
-    char text[CURL_ERROR_SIZE] = {};
     curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
     curl_easy_setopt(handle, CURLOPT_CONNECT_ONLY, 1L);
     curl_easy_setopt(handle, CURLOPT_INTERFACE, device.c_str());
@@ -82,7 +93,6 @@ PathProver::Result PathProver::Attempt::Run() const {
     curl_easy_setopt(handle, CURLOPT_SSL_ENABLE_ALPN, 0L);
     curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, kConnectMs);
     curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, kConnectMs);
-    curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, text);
     curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
     curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, &Attempt::Progress);
     curl_easy_setopt(handle, CURLOPT_XFERINFODATA, this);
@@ -93,7 +103,7 @@ PathProver::Result PathProver::Attempt::Run() const {
     const CURLcode code = curl_easy_perform(handle);
     if (code != CURLE_OK) {
         const std::string reason = tls.Reason();
-        return {false, !reason.empty() ? reason : text[0] != '\0' ? text : curl_easy_strerror(code), false};
+        return {false, !reason.empty() ? reason : FailureOf(handle, code), false, !reason.empty()};
     }
     const std::string failure = Hold(handle);
     return {failure.empty(), failure, true};

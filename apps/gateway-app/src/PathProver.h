@@ -22,6 +22,7 @@ public:
         bool good = false;
         std::string failure;    ///< what went wrong
         bool connected = false; ///< the connection had been made before it failed
+        bool tls = false;       ///< TLS was what failed
     };
     using Callback = std::function<void(const Result& result)>;
 

@@ -61,7 +61,7 @@ std::string TlsObservation::CertificateReason(const std::string& host, std::time
                " before what the clock says";
     if (AuthorityUnknown(verifyError))
         return whose + " was issued by " + (issuer.empty() ? "an authority" : issuer) +
-               ", which is not trusted: a captive portal, an inspecting proxy, or the authority is missing in cloud-ca";
+               ", which is not trusted: a captive portal, an inspecting proxy, or an authority that is missing here";
     return whose + " is not accepted: " + X509_verify_cert_error_string(verifyError);
 }
 

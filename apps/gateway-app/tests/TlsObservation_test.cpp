@@ -44,7 +44,7 @@ TEST_F(AFailedHandshake, NamesTheAuthorityThatIsNotTrusted) {
                             X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN, X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE})
         EXPECT_EQ(ReasonOf(error),
                   "the certificate for a.example, b.example was issued by Some CA, which is not trusted: a "
-                  "captive portal, an inspecting proxy, or the authority is missing in cloud-ca");
+                  "captive portal, an inspecting proxy, or an authority that is missing here");
 }
 
 TEST_F(AFailedHandshake, AsksAboutTheClockWhenTheCertificateIsNotYetValid) {

@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "PokeDiagnosis.h"
+
+#include <algorithm>
+
+namespace GatewayApp {
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto kDelay = 10s; // the library's, from the loss of the cloud to the poke over Cellular
+constexpr auto kGrace = 3s;  // a poke that succeeds has done so by then
+constexpr PokeDiagnosis::Clock::duration kFirstPause = 1min;
+constexpr PokeDiagnosis::Clock::duration kLongestPause = 15min;
+
+} // namespace
+
+void PokeDiagnosis::CloudIs(bool isConnected, Time now) {
+    if (connected && !isConnected)
+        lost = now;
+    connected = isConnected;
+    Follow(now);
+}
+
+void PokeDiagnosis::HasAddress(Path path, bool has, Time now) {
+    (path == Path::ETHERNET ? ethernet : cellular) = has;
+    Follow(now);
+}
+
+void PokeDiagnosis::RouteHasMoved(bool toCellular, Time now) {
+    onCellular = toCellular;
+    lost = now;
+    Follow(now);
+}
+
+void PokeDiagnosis::Follow(Time now) {
+    std::optional<Path> pokes;
+    if (onCellular && ethernet)
+        pokes = Path::ETHERNET;
+    else if (!onCellular && !connected && cellular)
+        pokes = Path::CELLULAR;
+    if (pokes == poked)
+        return;
+    poked = pokes;
+    pause = kFirstPause;
+    next.reset();
+    if (poked)
+        next = (poked == Path::CELLULAR ? std::max(lost + kDelay, now) : now) + kGrace;
+}
+
+std::optional<PokeDiagnosis::Path> PokeDiagnosis::Due(Time now) {
+    if (!next || now < *next)
+        return std::nullopt;
+    next = now + pause;
+    pause = std::min(2 * pause, kLongestPause);
+    return poked;
+}
+
+} // namespace GatewayApp

@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "PokeExplainer.h"
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+
+namespace GatewayApp {
+
+using namespace std::chrono_literals;
+using OrvStackSdk::OrvEvent;
+using Path = PokeDiagnosis::Path;
+
+namespace {
+
+constexpr int kLogInfo = 2;
+constexpr std::uint16_t kPort = 443;
+
+PokeDiagnosis::Time Now() {
+    return PokeDiagnosis::Clock::now();
+}
+
+} // namespace
+
+PokeExplainer::PokeExplainer(EventLoop& eventLoop, std::string ethernet, std::string cellular,
+                             const std::string& endpoint)
+    : ethernetName(std::move(ethernet)),
+      cellularName(std::move(cellular)),
+      logger("GatewayApp", kLogInfo),
+      prover(eventLoop),
+      timer(eventLoop, [this] { Look(); }) {
+    settings.host = endpoint;
+    settings.port = kPort;
+}
+
+void PokeExplainer::Reported(OrvEvent event) {
+    if (event == OrvEvent::CLOUD_CONNECTED || event == OrvEvent::CLOUD_DISCONNECTED)
+        diagnosis.CloudIs(event == OrvEvent::CLOUD_CONNECTED, Now());
+    else if (event == OrvEvent::ETHERNET_IP_GAINED || event == OrvEvent::ETHERNET_IP_LOST)
+        diagnosis.HasAddress(Path::ETHERNET, event == OrvEvent::ETHERNET_IP_GAINED, Now());
+    else if (event == OrvEvent::CELLULAR_IP_GAINED || event == OrvEvent::CELLULAR_IP_LOST)
+        diagnosis.HasAddress(Path::CELLULAR, event == OrvEvent::CELLULAR_IP_GAINED, Now());
+    AfterChange();
+}
+
+void PokeExplainer::RouteHasMoved(bool toCellular) {
+    diagnosis.RouteHasMoved(toCellular, Now());
+    AfterChange();
+}
+
+void PokeExplainer::AfterChange() {
+    const std::optional<PokeDiagnosis::Time> next = diagnosis.NextLook();
+    if (settings.host.empty() || !next) {
+        said.clear();
+        prover.Stop();
+        return timer.Stop();
+    }
+    timer.Once(std::max(std::chrono::ceil<std::chrono::milliseconds>(*next - Now()), 0ms));
+}
+
+void PokeExplainer::Look() {
+    if (const auto path = diagnosis.Due(Now()))
+        prover.Begin(settings, *path == Path::ETHERNET ? ethernetName : cellularName, 0s,
+                     [this, path = *path](const PathProver::Result& result) { OnLooked(path, result); });
+    AfterChange();
+}
+
+void PokeExplainer::OnLooked(Path path, const PathProver::Result& result) {
+    if (result.good || !diagnosis.Pokes(path))
+        return;
+    const std::string line = "over " + (path == Path::ETHERNET ? ethernetName : cellularName) + " the endpoint " +
+                             settings.host + " does not prove the path to the cloud: " + result.failure;
+    if (line == said)
+        return;
+    said = line;
+    if (result.tls)
+        logger.Warning() << line;
+    else
+        logger.Info() << line;
+}
+
+} // namespace GatewayApp

@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "EventLoop.h"
+#include "PathProver.h"
+#include "PokeDiagnosis.h"
+
+#include <CommonUtils/Logger.h>
+#include <OrvStackSdk/OrvEnums.h>
+
+#include <string>
+
+namespace GatewayApp {
+
+/// Says over which interface, and as far as it can be known why, the client library's poke fails: when PokeDiagnosis
+/// says so it makes a connection of its own to the endpoint, bound to that interface. One line for each cause, until
+/// the poke succeeds. One thread.
+class PokeExplainer {
+public:
+    /// @param endpoint the host that is poked; empty: there is nothing to explain
+    PokeExplainer(EventLoop& eventLoop, std::string ethernet, std::string cellular, const std::string& endpoint);
+
+    /// @name What has happened
+    /// @{
+    void Reported(OrvStackSdk::OrvEvent event);
+    void RouteHasMoved(bool toCellular);
+    /// @}
+
+private:
+    void Look();
+    void AfterChange();
+    void OnLooked(PokeDiagnosis::Path path, const PathProver::Result& result);
+
+    const std::string ethernetName;
+    const std::string cellularName;
+    CloudSettings settings;
+    CommonUtils::Logger logger;
+    PokeDiagnosis diagnosis;
+    PathProver prover;
+    Timer timer;
+    std::string said; // the last line, of the poke that goes on
+};
+
+} // namespace GatewayApp
