@@ -36,4 +36,16 @@ private:
     Mutex& mutex;
 };
 
+/// Releases a mutex that the caller holds, and takes it again at the end of the scope.
+class ORV_THREAD_ANNOTATION(scoped_lockable) Unlocked {
+public:
+    explicit Unlocked(Mutex& held) ORV_THREAD_ANNOTATION(release_capability(held)) : mutex(held) { mutex.unlock(); }
+    ~Unlocked() ORV_THREAD_ANNOTATION(release_capability()) { mutex.lock(); } // "release" ends what the scope did
+    Unlocked(const Unlocked&) = delete;
+    Unlocked& operator=(const Unlocked&) = delete;
+
+private:
+    Mutex& mutex;
+};
+
 } // namespace OrvPlatform

@@ -24,6 +24,7 @@ using OrvPlatform::LastWill;
 using OrvPlatform::MosquittoClient;
 using OrvPlatform::MosquittoErrorText;
 using OrvPlatform::MutexLock;
+using OrvPlatform::Unlocked;
 
 namespace {
 
@@ -74,11 +75,12 @@ bool QueueOwner::Core::Connect(const std::optional<LastWill>& will) {
     const bool wasUp = link == Link::UP;
     auto former = TakeClient();
     const unsigned mine = generation;
-    mutex.unlock();
-    if (wasUp)
-        former->SayGoodBye(std::min(deadline, std::chrono::steady_clock::now() + GOOD_BYE_LIMIT));
-    former.reset();
-    mutex.lock();
+    {
+        const Unlocked unlocked(mutex);
+        if (wasUp)
+            former->SayGoodBye(std::min(deadline, std::chrono::steady_clock::now() + GOOD_BYE_LIMIT));
+        former.reset();
+    }
 
     // Whoever called Connect or Disconnect meanwhile has the last word.
     if (generation == mine && TryOpen(will, deadline))
@@ -164,11 +166,12 @@ bool QueueOwner::Core::Disconnect() {
     auto former = TakeClient();
     if (wasUp)
         Say(Severity::INFO, [this] { return "disconnecting from " + place; });
-    mutex.unlock();
-    if (wasUp)
-        former->SayGoodBye(std::chrono::steady_clock::now() + GOOD_BYE_LIMIT);
-    former.reset();
-    mutex.lock();
+    {
+        const Unlocked unlocked(mutex);
+        if (wasUp)
+            former->SayGoodBye(std::chrono::steady_clock::now() + GOOD_BYE_LIMIT);
+        former.reset();
+    }
     RetireThread();
     WriteLog();
     return wasUp;
@@ -231,15 +234,16 @@ void QueueOwner::Core::Abandon() {
     const bool wasUp = link == Link::UP;
     auto former = TakeClient();
     std::thread last = std::move(thread);
-    mutex.unlock();
-    if (wasUp)
-        former->BreakOff(std::chrono::steady_clock::now() + BREAK_OFF_LIMIT);
-    former.reset();
-    if (last.joinable() && last.get_id() == std::this_thread::get_id())
-        last.detach();
-    else if (last.joinable())
-        last.join();
-    mutex.lock();
+    {
+        const Unlocked unlocked(mutex);
+        if (wasUp)
+            former->BreakOff(std::chrono::steady_clock::now() + BREAK_OFF_LIMIT);
+        former.reset();
+        if (last.joinable() && last.get_id() == std::this_thread::get_id())
+            last.detach();
+        else if (last.joinable())
+            last.join();
+    }
     WriteLog();
 }
 
@@ -297,10 +301,9 @@ void QueueOwner::Core::RetireThread() {
         return;
     running = false;
     std::thread ending = std::move(thread);
-    mutex.unlock();
+    const Unlocked unlocked(mutex);
     if (ending.joinable())
         ending.join();
-    mutex.lock();
 }
 
 void QueueOwner::Core::SetLink(Link next) noexcept {
@@ -317,10 +320,11 @@ void QueueOwner::Core::WriteLog() noexcept {
         return;
     std::vector<std::pair<Severity, std::string>> written;
     written.swap(records);
-    mutex.unlock();
-    for (const auto& [severity, text] : written)
-        Write(severity, text);
-    mutex.lock();
+    {
+        const Unlocked unlocked(mutex);
+        for (const auto& [severity, text] : written)
+            Write(severity, text);
+    }
     lookedAtClock = std::chrono::steady_clock::now();
 }
 

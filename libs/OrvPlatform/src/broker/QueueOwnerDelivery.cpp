@@ -19,6 +19,7 @@ using namespace std::chrono_literals;
 using OrvPlatform::Event;
 using OrvPlatform::MosquittoErrorText;
 using OrvPlatform::MutexLock;
+using OrvPlatform::Unlocked;
 
 namespace {
 
@@ -98,9 +99,10 @@ void QueueOwner::Core::Turn() noexcept {
     pollfd waits[] = {{waker.Descriptor(), POLLIN, 0}, {socket, wanted, 0}};
     const int limit = static_cast<int>(PollLimit().count());
 
-    mutex.unlock();
-    poll(waits, 2, limit);
-    mutex.lock();
+    {
+        const Unlocked unlocked(mutex);
+        poll(waits, 2, limit);
+    }
 
     // While the lock was away another client may have taken this one's place, its descriptor's number even; and another
     // thread this one's, for which the wake-up may be meant.
@@ -122,9 +124,10 @@ void QueueOwner::Core::TurnAside(Time deadline) noexcept {
     pollfd wait{socket, wanted, 0};
     const int limit = static_cast<int>(std::min(ASIDE, OrvPlatform::TimeUntil(deadline)).count());
 
-    mutex.unlock();
-    poll(&wait, 1, limit);
-    mutex.lock();
+    {
+        const Unlocked unlocked(mutex);
+        poll(&wait, 1, limit);
+    }
 
     if (seen == generation)
         ServeSocket(wait.revents);
@@ -317,10 +320,12 @@ void QueueOwner::Core::Deliver() noexcept {
             const Event& event = outbox[index];
             delivering = true;
             underWay = &event;
-            mutex.unlock();
-            Dispatch(event);
-            const Time ended = std::chrono::steady_clock::now();
-            mutex.lock();
+            Time ended;
+            {
+                const Unlocked unlocked(mutex);
+                Dispatch(event);
+                ended = std::chrono::steady_clock::now();
+            }
             delivering = false;
             underWay = nullptr;
             NoteCallback(event, begun, ended);
