@@ -50,7 +50,7 @@ QueueOwner::Core::Core(QueueOwner& queueOwner, const std::string& id, const OrvP
       place(settings.socket.empty() ? settings.host + ":" + std::to_string(settings.port) : settings.socket),
       foreignTopics(config.IsController() ? std::vector<std::string>() : config.gateway.topics),
       process(getpid()),
-      logger("QueueOwner", 0),
+      log(clientId),
       owner(queueOwner),
       backoff(static_cast<std::uint32_t>(std::hash<std::string>{}(clientId)) ^ std::random_device{}()),
       silence(settings.keepAlive),
@@ -63,9 +63,9 @@ QueueOwner::Core::~Core() = default;
 
 bool QueueOwner::Core::Connect(const std::optional<LastWill>& will) {
     if (IsInherited()) {
-        Write(Severity::WARNING, "cannot connect to " + place +
-                                     ": this object was made before a fork and belongs to the parent process; make "
-                                     "another one");
+        log.Write({Severity::WARNING, "cannot connect to " + place +
+                                          ": this object was made before a fork and belongs to the parent process; "
+                                          "make another one"});
         return false;
     }
     if (will && IsLeftToTheController(will->topic))
@@ -87,7 +87,7 @@ bool QueueOwner::Core::Connect(const std::optional<LastWill>& will) {
         AwaitAnswer(deadline);
     const bool connected = generation == mine && link == Link::UP;
     if (generation == mine && !connected) {
-        Say(Severity::WARNING, [this]() ORV_REQUIRES(mutex) {
+        records.Add(Severity::WARNING, [this]() ORV_REQUIRES(mutex) {
             return "cannot connect to " + place + ": " + (failure.empty() ? "out of memory" : failure);
         });
         TakeClient().reset();
@@ -165,7 +165,7 @@ bool QueueOwner::Core::Disconnect() {
     const bool wasUp = link == Link::UP;
     auto former = TakeClient();
     if (wasUp)
-        Say(Severity::INFO, [this] { return "disconnecting from " + place; });
+        records.Add(Severity::INFO, [this] { return "disconnecting from " + place; });
     {
         const Unlocked unlocked(mutex);
         if (wasUp)
@@ -206,11 +206,7 @@ bool QueueOwner::Core::Subscribe(const std::string& filter, int qos) {
 bool QueueOwner::Core::IsLeftToTheController(const std::string& topic) noexcept {
     if (!OrvPlatform::MatchesAny(foreignTopics, topic))
         return false;
-    try {
-        logger.Debug() << clientId << ": " << topic << " is left to the gateway's controller, nothing is published";
-    } catch (const std::bad_alloc&) {
-        // Nothing is left to say it with.
-    }
+    log.WriteLeftToController(topic);
     return true;
 }
 
@@ -316,37 +312,14 @@ void QueueOwner::Core::Wake() const noexcept {
 }
 
 void QueueOwner::Core::WriteLog() noexcept {
-    if (records.empty())
+    if (records.IsEmpty())
         return;
-    std::vector<std::pair<Severity, std::string>> written;
-    written.swap(records);
+    const auto written = records.TakeAll();
     {
         const Unlocked unlocked(mutex);
-        for (const auto& [severity, text] : written)
-            Write(severity, text);
+        log.WriteAll(written);
     }
     lookedAtClock = std::chrono::steady_clock::now();
-}
-
-void QueueOwner::Core::Write(Severity severity, const std::string& text) noexcept {
-    try {
-        switch (severity) {
-        case Severity::DEBUG:
-            logger.Debug() << clientId << ": " << text;
-            break;
-        case Severity::INFO:
-            logger.Info() << clientId << ": " << text;
-            break;
-        case Severity::WARNING:
-            logger.Warning() << clientId << ": " << text;
-            break;
-        case Severity::ERROR:
-            logger.Error() << clientId << ": " << text;
-            break;
-        }
-    } catch (const std::bad_alloc&) {
-        // Nothing is left to say it with.
-    }
 }
 
 } // namespace QUILMQTT

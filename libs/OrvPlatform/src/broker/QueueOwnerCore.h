@@ -7,12 +7,12 @@
 #include "broker/AnnouncedState.h"
 #include "broker/EventQueue.h"
 #include "broker/EvictionWatch.h"
+#include "broker/LogOutbox.h"
 #include "broker/MosquittoClient.h"
 #include "broker/OutstandingPublications.h"
 #include "broker/SilenceWatch.h"
 #include "config/GatewayConfig.h"
 
-#include "CommonUtils/Logger.h"
 #include "QuilMqtt/QueueOwner.h"
 
 #include <chrono>
@@ -63,7 +63,7 @@ private:
     /// CONNECTING and RECONNECTING fail to CLOSED and PAUSING; Disconnect leads from anywhere to CLOSED.
     enum class Link { CLOSED, CONNECTING, UP, PAUSING, RECONNECTING };
 
-    enum class Severity { DEBUG, INFO, WARNING, ERROR };
+    using Severity = OrvPlatform::ClientRecord::Severity;
 
     // The delivery thread.
     void Run(unsigned ownNumber) noexcept ORV_EXCLUDES(mutex);
@@ -77,7 +77,6 @@ private:
     void Deliver() noexcept ORV_REQUIRES(mutex);
     void NoteCallback(const OrvPlatform::Event& event, Time begun, Time ended) noexcept ORV_REQUIRES(mutex);
     void Dispatch(const OrvPlatform::Event& event) noexcept ORV_EXCLUDES(mutex);
-    void WriteException(const char* what) noexcept;
     std::chrono::milliseconds PollLimit() const ORV_REQUIRES(mutex);
 
     // The connection.
@@ -124,19 +123,8 @@ private:
     void OnTaken(int messageId) noexcept override ORV_REQUIRES(mutex);
     void OnSubscribed(int messageId, bool granted) noexcept override ORV_REQUIRES(mutex);
 
-    // Log records are collected under the mutex and written without it: a sink may block.
-    template <typename Text>
-    bool Say(Severity severity, Text text) noexcept ORV_REQUIRES(mutex) {
-        try {
-            records.emplace_back(severity, text());
-            return true;
-        } catch (const std::bad_alloc&) {
-            return false;
-        }
-    }
-    void SayWhatWasDropped() noexcept ORV_REQUIRES(mutex);
+    void LogDroppedEvents() noexcept ORV_REQUIRES(mutex);
     void WriteLog() noexcept ORV_REQUIRES(mutex); // releases it meanwhile
-    void Write(Severity severity, const std::string& text) noexcept;
 
     // Fixed at construction.
     OrvPlatform::Waker waker; // ends the delivery thread's poll
@@ -149,7 +137,7 @@ private:
     std::shared_ptr<Core> kept; // itself and the one that was kept before, in a forked child
     Core* keptBefore = nullptr;
 
-    CommonUtils::Logger logger;
+    OrvPlatform::ClientLog log;
     QueueOwner& owner; // until Abandon
 
     mutable OrvPlatform::Mutex mutex;
@@ -204,9 +192,9 @@ private:
     unsigned refusedOffline ORV_GUARDED_BY(mutex) = 0;  // since there was a connection
     unsigned refusalsSaid ORV_GUARDED_BY(mutex) = 0;    // since then, a bit for each status
     bool keepsUpAgain ORV_GUARDED_BY(mutex) = false;
-    bool forgettingSaid ORV_GUARDED_BY(mutex) = false;
+    bool isForgettingReported ORV_GUARDED_BY(mutex) = false;
 
-    std::vector<std::pair<Severity, std::string>> records ORV_GUARDED_BY(mutex);
+    OrvPlatform::LogOutbox records ORV_GUARDED_BY(mutex);
 };
 
 } // namespace QUILMQTT

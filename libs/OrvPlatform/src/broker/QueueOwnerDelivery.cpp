@@ -59,7 +59,7 @@ void QueueOwner::Core::Run(unsigned ownNumber) noexcept {
     while (threadNumber == ownNumber) {
         if (link == Link::CLOSED) {
             // Not while the log is away: a Connect meanwhile counts on this thread.
-            if (records.empty()) {
+            if (records.IsEmpty()) {
                 running = false;
                 return;
             }
@@ -139,7 +139,7 @@ void QueueOwner::Core::ServeSocket(short ready) noexcept {
     if ((ready & POLLOUT) != 0)
         client->Write();
     if (dropped != 0)
-        SayWhatWasDropped();
+        LogDroppedEvents();
     if (link != Link::UP)
         return;
     if (restoreDue)
@@ -171,12 +171,12 @@ void QueueOwner::Core::Advance(Time now) noexcept {
     }
 }
 
-void QueueOwner::Core::SayWhatWasDropped() noexcept {
-    const bool isSaid = Say(Severity::ERROR, [this]() ORV_REQUIRES(mutex) {
+void QueueOwner::Core::LogDroppedEvents() noexcept {
+    const bool isReported = records.Add(Severity::ERROR, [this]() ORV_REQUIRES(mutex) {
         return "out of memory: " + std::to_string(dropped) +
                " messages or acknowledgements did not reach the application";
     });
-    if (isSaid)
+    if (isReported)
         dropped = 0;
 }
 
@@ -208,7 +208,7 @@ void QueueOwner::Core::OnAnswer(int code) noexcept {
         return;
     QueueEvent(Event::Kind::CONNECTED);
     const unsigned refused = std::exchange(refusedOffline, 0);
-    Say(Severity::INFO, [&] {
+    records.Add(Severity::INFO, [&] {
         return "connected to " + place +
                (refused == 0 ? "" : "; " + std::to_string(refused) + " publications had been refused before");
     });
@@ -255,11 +255,11 @@ void QueueOwner::Core::LoseConnection(int error, int systemError) noexcept {
 
     if (!evictions.Suspects()) {
         evictionSaid = false;
-        Say(Severity::WARNING, [this]() ORV_REQUIRES(mutex) {
+        records.Add(Severity::WARNING, [this]() ORV_REQUIRES(mutex) {
             return "lost the connection to " + place + ": " + failure + "; reconnecting";
         });
     } else if (!evictionSaid) {
-        evictionSaid = Say(Severity::ERROR, [] {
+        evictionSaid = records.Add(Severity::ERROR, [] {
             return std::string(
                 "the broker keeps throwing this client off: another client uses the same id; leave [broker] "
                 "client_id_suffix out, or put %p and %n into it");
@@ -282,8 +282,8 @@ void QueueOwner::Core::FailAttempt(Reason reason) noexcept {
     SetLink(Link::PAUSING);
     const bool news = refusal != refusalSaid;
     refusalSaid = refusal;
-    Say(news && refusal != 0 ? Severity::WARNING : Severity::DEBUG,
-        [&]() ORV_REQUIRES(mutex) { return "cannot reconnect to " + place + ": " + reason(); });
+    records.Add(news && refusal != 0 ? Severity::WARNING : Severity::DEBUG,
+                [&]() ORV_REQUIRES(mutex) { return "cannot reconnect to " + place + ": " + reason(); });
 }
 
 void QueueOwner::Core::OnMessage(const char* topic, const void* payload, std::size_t size) noexcept {
@@ -304,8 +304,9 @@ void QueueOwner::Core::OnSubscribed(int messageId, bool granted) noexcept {
     if (found == subscriptions.end())
         return;
     if (!granted)
-        Say(Severity::WARNING,
-            [&] { return "the broker refuses the subscription to " + found->filter + "; look into its access list"; });
+        records.Add(Severity::WARNING, [&] {
+            return "the broker refuses the subscription to " + found->filter + "; look into its access list";
+        });
     found->messageId = 0;
 }
 
@@ -362,20 +363,9 @@ void QueueOwner::Core::Dispatch(const Event& event) noexcept {
             break;
         }
     } catch (const std::exception& exception) {
-        WriteException(exception.what());
+        log.WriteException(exception.what());
     } catch (...) {
-        WriteException(nullptr);
-    }
-}
-
-void QueueOwner::Core::WriteException(const char* what) noexcept {
-    try {
-        if (what != nullptr)
-            logger.Error() << clientId << ": an exception left the application's callback: " << what;
-        else
-            logger.Error() << clientId << ": an exception of unknown type left the application's callback";
-    } catch (const std::bad_alloc&) {
-        // Nothing is left to say it with.
+        log.WriteException(nullptr);
     }
 }
 

@@ -57,8 +57,8 @@ int QueueOwner::Core::TryPublish(const std::string& topic, const std::string& pa
     const auto noted = announced.Note(topic, payload, retained, assured);
     if (noted == AnnouncedState::Noted::OUT_OF_MEMORY)
         return FAILED;
-    if (noted == AnnouncedState::Noted::NO_ROOM && !forgettingSaid)
-        forgettingSaid = Say(Severity::WARNING, [&] {
+    if (noted == AnnouncedState::Noted::NO_ROOM && !isForgettingReported)
+        isForgettingReported = records.Add(Severity::WARNING, [&] {
             return "there is more retained state than [broker] max_outstanding_bytes (" +
                    std::to_string(settings.maxOutstandingBytes) +
                    "): nothing will be announced again after a reconnection on " + Shortened(topic) +
@@ -113,7 +113,7 @@ void QueueOwner::Core::NoteRefusal(int status, const std::string& topic, std::si
     if (!isFirst)
         return;
     refusalsSaid |= bit;
-    Say(Severity::WARNING, [&]() ORV_REQUIRES(mutex) {
+    records.Add(Severity::WARNING, [&]() ORV_REQUIRES(mutex) {
         const std::string shown = Shortened(topic);
         switch (status) {
         case NOT_CONNECTED:
@@ -158,7 +158,7 @@ void QueueOwner::Core::Restore() noexcept {
     const unsigned refused = refusedOffline + refusedForBytes;
     refusedOffline = refusedForBytes = 0;
     keepsUpAgain = false;
-    Say(evictionSaid ? Severity::DEBUG : Severity::INFO, [&]() ORV_REQUIRES(mutex) {
+    records.Add(evictionSaid ? Severity::DEBUG : Severity::INFO, [&]() ORV_REQUIRES(mutex) {
         return "connected again to " + place + " after " + Seconds(std::chrono::steady_clock::now() - lostAt) + "; " +
                std::to_string(subscriptions.size()) + " subscriptions and " + std::to_string(announced.All().size()) +
                " announcements made again" + (refused == 0 ? "" : "; " + Refused(refused, news));
@@ -187,7 +187,7 @@ void QueueOwner::Core::KeepUpAgain() noexcept {
     const unsigned refused = refusedForBytes;
     refusedForBytes = 0;
     const unsigned sent = SendOwed();
-    Say(Severity::INFO, [&] { return "the broker keeps up again; " + Refused(refused, sent); });
+    records.Add(Severity::INFO, [&] { return "the broker keeps up again; " + Refused(refused, sent); });
 }
 
 void QueueOwner::Core::OnTaken(int messageId) noexcept {
