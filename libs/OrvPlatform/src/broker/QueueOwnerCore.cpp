@@ -52,7 +52,7 @@ QueueOwner::Core::Core(QueueOwner& queueOwner, const std::string& id, const OrvP
       process(getpid()),
       log(clientId),
       owner(queueOwner),
-      backoff(static_cast<std::uint32_t>(std::hash<std::string>{}(clientId)) ^ std::random_device{}()),
+      link(static_cast<std::uint32_t>(std::hash<std::string>{}(clientId)) ^ std::random_device{}()),
       silence(settings.keepAlive),
       announced(settings.maxOutstandingBytes),
       outstanding(settings.maxOutstandingBytes) {
@@ -72,7 +72,7 @@ bool QueueOwner::Core::Connect(const std::optional<LastWill>& will) {
         return Connect(std::nullopt);
     const Time deadline = std::chrono::steady_clock::now() + CONNECT_LIMIT;
     MutexLock lock(mutex);
-    const bool wasUp = link == Link::UP;
+    const bool wasUp = link.IsUp();
     auto former = TakeClient();
     const unsigned mine = generation;
     {
@@ -85,7 +85,7 @@ bool QueueOwner::Core::Connect(const std::optional<LastWill>& will) {
     // Whoever called Connect or Disconnect meanwhile has the last word.
     if (generation == mine && TryOpen(will, deadline))
         AwaitAnswer(deadline);
-    const bool connected = generation == mine && link == Link::UP;
+    const bool connected = generation == mine && link.IsUp();
     if (generation == mine && !connected) {
         records.Add(Severity::WARNING, [this]() ORV_REQUIRES(mutex) {
             return "cannot connect to " + place + ": " + (failure.empty() ? "out of memory" : failure);
@@ -108,8 +108,7 @@ bool QueueOwner::Core::TryOpen(const std::optional<LastWill>& will, Time deadlin
 
 bool QueueOwner::Core::Open(const std::optional<LastWill>& will, Time deadline) {
     deliveryStopped = stopsAwaited > 0; // a callback that connects does not undo the stop that waits for it
-    attemptEnds = deadline;
-    refusal = refusalSaid = 0;
+    link.Prepare();
     failure = "no answer within 3 s";
     announced.BeginAfresh(will ? will->topic : std::string());
 
@@ -140,14 +139,15 @@ bool QueueOwner::Core::Open(const std::optional<LastWill>& will, Time deadline) 
         failure = MosquittoErrorText(error, errno);
         return false;
     }
-    SetLink(Link::CONNECTING);
+    link.ConnectBegun(deadline);
+    changed.notify_all();
     return StartThread();
 }
 
 // A delivery thread that is in a callback, or held up by the log, is not waited for: this one does its work meanwhile.
 void QueueOwner::Core::AwaitAnswer(Time deadline) {
     ++answersAwaited;
-    while (link == Link::CONNECTING && std::chrono::steady_clock::now() < deadline) {
+    while (link.Current() == Link::State::CONNECTING && std::chrono::steady_clock::now() < deadline) {
         if (OnDeliveryThread())
             Turn();
         else if (!serving)
@@ -162,7 +162,7 @@ bool QueueOwner::Core::Disconnect() {
     if (IsInherited())
         return false;
     MutexLock lock(mutex);
-    const bool wasUp = link == Link::UP;
+    const bool wasUp = link.IsUp();
     auto former = TakeClient();
     if (wasUp)
         records.Add(Severity::INFO, [this] { return "disconnecting from " + place; });
@@ -182,7 +182,7 @@ bool QueueOwner::Core::Subscribe(const std::string& filter, int qos) {
     if (IsInherited() || OrvPlatform::FaultOfText(filter) != nullptr)
         return false;
     MutexLock lock(mutex);
-    if (link != Link::UP)
+    if (!link.IsUp())
         return false;
     Subscription asked;
     try {
@@ -227,7 +227,7 @@ void QueueOwner::Core::Abandon() {
         return;
     }
     MutexLock lock(mutex);
-    const bool wasUp = link == Link::UP;
+    const bool wasUp = link.IsUp();
     auto former = TakeClient();
     std::thread last = std::move(thread);
     {
@@ -259,7 +259,8 @@ void QueueOwner::Core::Keep() noexcept {
 
 std::unique_ptr<MosquittoClient> QueueOwner::Core::TakeClient() {
     ++generation;
-    SetLink(Link::CLOSED);
+    link.Close();
+    changed.notify_all();
     inbox.Clear();
     outstanding.Clear();
     subscriptions.clear();
@@ -293,18 +294,13 @@ bool QueueOwner::Core::StartThread() {
 // The thread ends by itself once the connection is given up. It is waited for, unless an application's callback would
 // be waited for with it; then the next StartThread or Abandon does.
 void QueueOwner::Core::RetireThread() {
-    if (link != Link::CLOSED || delivering || OnDeliveryThread())
+    if (link.Current() != Link::State::CLOSED || delivering || OnDeliveryThread())
         return;
     running = false;
     std::thread ending = std::move(thread);
     const Unlocked unlocked(mutex);
     if (ending.joinable())
         ending.join();
-}
-
-void QueueOwner::Core::SetLink(Link next) noexcept {
-    link = next;
-    changed.notify_all();
 }
 
 void QueueOwner::Core::Wake() const noexcept {

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "base/Backoff.h"
 #include "base/ThreadSafety.h"
 #include "base/Waker.h"
 #include "broker/AnnouncedState.h"
 #include "broker/EventQueue.h"
-#include "broker/EvictionWatch.h"
+#include "broker/LinkStateMachine.h"
 #include "broker/LogOutbox.h"
 #include "broker/MosquittoClient.h"
 #include "broker/OutstandingPublications.h"
@@ -59,10 +58,7 @@ public:
 private:
     using Time = std::chrono::steady_clock::time_point;
 
-    /// CLOSED --Connect--> CONNECTING --accepted--> UP --lost--> PAUSING --pause over--> RECONNECTING --accepted--> UP
-    /// CONNECTING and RECONNECTING fail to CLOSED and PAUSING; Disconnect leads from anywhere to CLOSED.
-    enum class Link { CLOSED, CONNECTING, UP, PAUSING, RECONNECTING };
-
+    using Link = OrvPlatform::LinkStateMachine;
     using Severity = OrvPlatform::ClientRecord::Severity;
 
     // The delivery thread.
@@ -77,7 +73,6 @@ private:
     void Deliver() noexcept ORV_REQUIRES(mutex);
     void NoteCallback(const OrvPlatform::Event& event, Time begun, Time ended) noexcept ORV_REQUIRES(mutex);
     void Dispatch(const OrvPlatform::Event& event) noexcept ORV_EXCLUDES(mutex);
-    std::chrono::milliseconds PollLimit() const ORV_REQUIRES(mutex);
 
     // The connection.
     std::unique_ptr<OrvPlatform::MosquittoClient> TakeClient() ORV_REQUIRES(mutex);
@@ -87,8 +82,8 @@ private:
     bool StartThread() ORV_REQUIRES(mutex);
     void RetireThread() ORV_REQUIRES(mutex); // releases it meanwhile
     bool OnDeliveryThread() const ORV_REQUIRES(mutex);
-    void SetLink(Link next) noexcept ORV_REQUIRES(mutex);
-    void LoseConnection(int error, int systemError) noexcept ORV_REQUIRES(mutex);
+    void BeginReconnect() noexcept ORV_REQUIRES(mutex);
+    void LogLoss() noexcept ORV_REQUIRES(mutex);
     std::string WhatHeldUs(OrvPlatform::SilenceWatch::Duration silent, Time now) const ORV_REQUIRES(mutex);
     template <typename Reason>
     void Explain(Reason reason) noexcept ORV_REQUIRES(mutex) {
@@ -99,7 +94,7 @@ private:
         }
     }
     template <typename Reason>
-    void FailAttempt(Reason reason) noexcept ORV_REQUIRES(mutex);
+    void LogFailedAttempt(Reason reason) noexcept ORV_REQUIRES(mutex);
     int TryPublish(const std::string& topic, const std::string& payload, bool retained, bool assured) noexcept
         ORV_REQUIRES(mutex);
     int Send(const std::string& topic, const std::string& payload, bool retained, bool assured) noexcept
@@ -162,21 +157,10 @@ private:
     unsigned dropped ORV_GUARDED_BY(mutex) = 0;     // events for which there was no memory
 
     // The connection.
-    Link link ORV_GUARDED_BY(mutex) = Link::CLOSED;
+    Link link ORV_GUARDED_BY(mutex);
     unsigned generation ORV_GUARDED_BY(mutex) = 0; // counts the clients that were taken away
     std::unique_ptr<OrvPlatform::MosquittoClient> client ORV_GUARDED_BY(mutex);
-    Time attemptEnds ORV_GUARDED_BY(mutex);
-    Time pauseEnds ORV_GUARDED_BY(mutex);
-    Time keepAliveChecked ORV_GUARDED_BY(mutex);
-    Time lostAt ORV_GUARDED_BY(mutex);
-    int attempt ORV_GUARDED_BY(mutex) = 0; // since the connection was lost
-    int refusal ORV_GUARDED_BY(mutex) = 0; // the broker's answer to the latest attempt
-    int refusalSaid ORV_GUARDED_BY(mutex) = 0;
-    bool restoreDue ORV_GUARDED_BY(mutex) = false;
-    bool evictionSaid ORV_GUARDED_BY(mutex) = false;
     std::string failure ORV_GUARDED_BY(mutex); // why the first attempt failed
-    OrvPlatform::Backoff backoff ORV_GUARDED_BY(mutex);
-    OrvPlatform::EvictionWatch evictions ORV_GUARDED_BY(mutex);
     OrvPlatform::SilenceWatch silence ORV_GUARDED_BY(mutex);
 
     // What is said to the broker.

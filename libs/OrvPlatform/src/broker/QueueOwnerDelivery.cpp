@@ -23,11 +23,6 @@ using OrvPlatform::Unlocked;
 
 namespace {
 
-// A broker that is alive answers at once. A frozen one keeps every attempt in its backlog and wades through them when
-// it thaws, so attempts are given time rather than repeated.
-constexpr auto RECONNECT_LIMIT = 10s;
-constexpr std::chrono::milliseconds KEEP_ALIVE_CHECK = 1s;
-
 // What holds up a callback for less cannot have cost a connection.
 constexpr auto SLOW_CALLBACK = 1s;
 
@@ -57,7 +52,7 @@ std::string QueueOwner::Core::Seconds(std::chrono::steady_clock::duration durati
 void QueueOwner::Core::Run(unsigned ownNumber) noexcept {
     MutexLock lock(mutex);
     while (threadNumber == ownNumber) {
-        if (link == Link::CLOSED) {
+        if (link.Current() == Link::State::CLOSED) {
             // Not while the log is away: a Connect meanwhile counts on this thread.
             if (records.IsEmpty()) {
                 running = false;
@@ -77,31 +72,18 @@ void QueueOwner::Core::Run(unsigned ownNumber) noexcept {
     }
 }
 
-std::chrono::milliseconds QueueOwner::Core::PollLimit() const {
-    switch (link) {
-    case Link::UP:
-        return KEEP_ALIVE_CHECK;
-    case Link::PAUSING:
-        return OrvPlatform::TimeUntil(pauseEnds);
-    case Link::CONNECTING:
-    case Link::RECONNECTING:
-        return OrvPlatform::TimeUntil(attemptEnds);
-    case Link::CLOSED:
-        break;
-    }
-    return 0ms;
-}
-
 void QueueOwner::Core::Turn() noexcept {
     const unsigned seen = generation;
     const int socket = client->Socket();
     const short wanted = socket >= 0 && client->WantsWrite() ? POLLIN | POLLOUT : POLLIN;
     pollfd waits[] = {{waker.Descriptor(), POLLIN, 0}, {socket, wanted, 0}};
-    const int limit = static_cast<int>(PollLimit().count());
+    // A connection that is up gets along without the clock.
+    const std::chrono::milliseconds limit =
+        link.IsUp() ? Link::MAINTENANCE_INTERVAL : OrvPlatform::TimeUntil(link.NextDue(lookedAtClock));
 
     {
         const Unlocked unlocked(mutex);
-        poll(waits, 2, limit);
+        poll(waits, 2, static_cast<int>(limit.count()));
     }
 
     // While the lock was away another client may have taken this one's place, its descriptor's number even; and another
@@ -140,9 +122,9 @@ void QueueOwner::Core::ServeSocket(short ready) noexcept {
         client->Write();
     if (dropped != 0)
         LogDroppedEvents();
-    if (link != Link::UP)
+    if (!link.IsUp())
         return;
-    if (restoreDue)
+    if (link.IsRestorePending())
         Restore();
     else if (keepsUpAgain)
         KeepUpAgain();
@@ -150,25 +132,34 @@ void QueueOwner::Core::ServeSocket(short ready) noexcept {
 
 void QueueOwner::Core::Advance(Time now) noexcept {
     lookedAtClock = now;
-    if (link == Link::UP)
+    if (link.IsUp())
         silence.Served(now);
-    if (link == Link::UP && now - keepAliveChecked >= KEEP_ALIVE_CHECK) {
-        keepAliveChecked = now;
+    switch (link.Advance(now)) {
+    case Link::Due::MAINTENANCE:
         SendOwed();
         client->KeepAlive();
-    } else if (link == Link::RECONNECTING && now >= attemptEnds) {
-        // The socket stays until the next attempt: an answer that comes late is welcome.
-        FailAttempt([] { return std::string("no answer within 10 s"); });
-    } else if (link == Link::PAUSING && now >= pauseEnds) {
-        ++attempt;
-        refusal = 0;
-        attemptEnds = now + RECONNECT_LIMIT;
-        SetLink(Link::RECONNECTING);
-        const int error = client->BeginReconnect();
-        const int systemError = errno;
-        if (error != MOSQ_ERR_SUCCESS)
-            FailAttempt([&] { return MosquittoErrorText(error, systemError); });
+        break;
+    case Link::Due::ATTEMPT_TIMED_OUT:
+        changed.notify_all();
+        LogFailedAttempt([] { return std::string("no answer within 10 s"); });
+        break;
+    case Link::Due::RECONNECT:
+        changed.notify_all();
+        BeginReconnect();
+        break;
+    case Link::Due::NOTHING:
+        break;
     }
+}
+
+void QueueOwner::Core::BeginReconnect() noexcept {
+    const int error = client->BeginReconnect();
+    const int systemError = errno;
+    if (error == MOSQ_ERR_SUCCESS)
+        return;
+    link.AttemptFailed(std::chrono::steady_clock::now());
+    changed.notify_all();
+    LogFailedAttempt([&] { return MosquittoErrorText(error, systemError); });
 }
 
 void QueueOwner::Core::LogDroppedEvents() noexcept {
@@ -190,22 +181,15 @@ void QueueOwner::Core::QueueEvent(Event::Kind kind) noexcept {
 }
 
 void QueueOwner::Core::OnAnswer(int code) noexcept {
-    if (link == Link::UP)
-        return;
-    refusal = code;
-    if (code != 0)
-        return; // OnLost follows
-    const bool again = link != Link::CONNECTING;
     const Time now = std::chrono::steady_clock::now();
-    evictions.Accepted(now, attempt);
-    if (!evictions.Suspects())
-        backoff.Reset();
-    SetLink(Link::UP);
+    const Link::Answer answer = link.Answered(code, now);
+    if (answer == Link::Answer::IGNORED || answer == Link::Answer::REFUSED)
+        return;
+    changed.notify_all();
     silence.Begin(now);
     refusalsSaid = 0;
-    restoreDue = again;
-    if (again)
-        return;
+    if (answer == Link::Answer::RECONNECTED)
+        return; // to be restored
     QueueEvent(Event::Kind::CONNECTED);
     const unsigned refused = std::exchange(refusedOffline, 0);
     records.Add(Severity::INFO, [&] {
@@ -216,54 +200,52 @@ void QueueOwner::Core::OnAnswer(int code) noexcept {
 
 void QueueOwner::Core::OnLost(int error) noexcept {
     const int systemError = errno;
-    const auto reason = [&]() ORV_REQUIRES(mutex) {
-        return refusal != 0 ? "refused by the broker: " + OrvPlatform::RefusalText(refusal)
-                            : MosquittoErrorText(error, systemError);
-    };
-    switch (link) {
-    case Link::CONNECTING:
-        Explain(reason);
-        SetLink(Link::CLOSED);
-        break;
-    case Link::UP:
-        LoseConnection(error, systemError);
-        break;
-    case Link::RECONNECTING:
-        FailAttempt(reason);
-        break;
-    case Link::PAUSING: // the socket of a late answer
-    case Link::CLOSED:
-        break;
-    }
-}
-
-void QueueOwner::Core::LoseConnection(int error, int systemError) noexcept {
     const Time now = std::chrono::steady_clock::now();
     const auto silent = silence.BeforeLoss(now);
+    const auto reason = [&]() ORV_REQUIRES(mutex) {
+        return link.Refusal() != 0 ? "refused by the broker: " + OrvPlatform::RefusalText(link.Refusal())
+                                   : MosquittoErrorText(error, systemError);
+    };
     // A broker that has heard nothing ends the connection in the same way as one that prefers another client.
-    evictions.Lost(now, error == MOSQ_ERR_CONN_LOST && silent == silent.zero());
-    outstanding.DropUnassured();
-    lostAt = now;
-    attempt = 0;
-    pauseEnds = now + backoff.Next();
-    // Also for a Connect that has not yet seen that it was accepted.
-    Explain([&]() ORV_REQUIRES(mutex) {
-        return MosquittoErrorText(error, systemError) + (silent == silent.zero() ? "" : WhatHeldUs(silent, now));
-    });
-    SetLink(Link::PAUSING);
-    Wake();
+    switch (link.Lost(now, error == MOSQ_ERR_CONN_LOST && silent == silent.zero())) {
+    case Link::Loss::CONNECT_FAILED:
+        Explain(reason);
+        break;
+    case Link::Loss::CONNECTION_LOST:
+        outstanding.DropUnassured();
+        // Also for a Connect that has not yet seen that it was accepted.
+        Explain([&]() ORV_REQUIRES(mutex) {
+            return MosquittoErrorText(error, systemError) + (silent == silent.zero() ? "" : WhatHeldUs(silent, now));
+        });
+        Wake();
+        LogLoss();
+        break;
+    case Link::Loss::ATTEMPT_FAILED:
+        LogFailedAttempt(reason);
+        break;
+    case Link::Loss::IGNORED:
+        return;
+    }
+    changed.notify_all();
+}
 
-    if (!evictions.Suspects()) {
-        evictionSaid = false;
+void QueueOwner::Core::LogLoss() noexcept {
+    switch (link.ReportOfLoss()) {
+    case Link::LossReport::LOSS:
         records.Add(Severity::WARNING, [this]() ORV_REQUIRES(mutex) {
             return "lost the connection to " + place + ": " + failure + "; reconnecting";
         });
-    } else if (!evictionSaid) {
-        evictionSaid = records.Add(Severity::ERROR, [] {
-            return std::string(
-                "the broker keeps throwing this client off: another client uses the same id; leave [broker] "
-                "client_id_suffix out, or put %p and %n into it");
-        });
+        break;
+    case Link::LossReport::EVICTION:
+        if (records.Add(Severity::ERROR, [] {
+                return std::string(
+                    "the broker keeps throwing this client off: another client uses the same id; leave [broker] "
+                    "client_id_suffix out, or put %p and %n into it");
+            }))
+            link.EvictionReported();
+        break;
+    case Link::LossReport::NONE:
+        break;
     }
 }
 
@@ -277,12 +259,8 @@ std::string QueueOwner::Core::WhatHeldUs(OrvPlatform::SilenceWatch::Duration sil
 }
 
 template <typename Reason>
-void QueueOwner::Core::FailAttempt(Reason reason) noexcept {
-    pauseEnds = std::chrono::steady_clock::now() + backoff.Next();
-    SetLink(Link::PAUSING);
-    const bool news = refusal != refusalSaid;
-    refusalSaid = refusal;
-    records.Add(news && refusal != 0 ? Severity::WARNING : Severity::DEBUG,
+void QueueOwner::Core::LogFailedAttempt(Reason reason) noexcept {
+    records.Add(link.TakeNewRefusal() ? Severity::WARNING : Severity::DEBUG,
                 [&]() ORV_REQUIRES(mutex) { return "cannot reconnect to " + place + ": " + reason(); });
 }
 

@@ -64,7 +64,7 @@ int QueueOwner::Core::TryPublish(const std::string& topic, const std::string& pa
                    "): nothing will be announced again after a reconnection on " + Shortened(topic) +
                    " and on further topics";
         });
-    if (link != Link::UP)
+    if (!link.IsUp())
         return NOT_CONNECTED;
     if (!outstanding.Admits(cost))
         return OUTSTANDING_FULL;
@@ -80,9 +80,9 @@ int QueueOwner::Core::TryPublish(const std::string& topic, const std::string& pa
 // Sends from here when the socket has room; otherwise the delivery thread sends when it has.
 void QueueOwner::Core::Flush() noexcept {
     client->Write();
-    if (keepsUpAgain && link == Link::UP)
+    if (keepsUpAgain && link.IsUp())
         KeepUpAgain();
-    if (link == Link::UP)
+    if (link.IsUp())
         silence.Served(std::chrono::steady_clock::now());
     if (client->WantsWrite())
         Wake();
@@ -141,8 +141,7 @@ void QueueOwner::Core::NoteRefusal(int status, const std::string& topic, std::si
 
 // Without releasing the lock: no application's publication slips in, to be overtaken by an older one of the same topic.
 void QueueOwner::Core::Restore() noexcept {
-    restoreDue = false;
-    refusalSaid = 0;
+    link.BeginRestore();
     for (auto& subscription : subscriptions)
         client->Subscribe(subscription.filter, subscription.qos, subscription.messageId);
     unsigned news = 0;
@@ -152,16 +151,17 @@ void QueueOwner::Core::Restore() noexcept {
             Send(announcement.topic, announcement.payload, announcement.retained, announcement.assured) != HANDED_OVER;
     }
     client->Write();
-    if (link != Link::UP)
+    if (!link.IsUp())
         return;
     QueueEvent(Event::Kind::CONNECTED);
     const unsigned refused = refusedOffline + refusedForBytes;
     refusedOffline = refusedForBytes = 0;
     keepsUpAgain = false;
-    records.Add(evictionSaid ? Severity::DEBUG : Severity::INFO, [&]() ORV_REQUIRES(mutex) {
-        return "connected again to " + place + " after " + Seconds(std::chrono::steady_clock::now() - lostAt) + "; " +
-               std::to_string(subscriptions.size()) + " subscriptions and " + std::to_string(announced.All().size()) +
-               " announcements made again" + (refused == 0 ? "" : "; " + Refused(refused, news));
+    records.Add(link.IsEvictionReported() ? Severity::DEBUG : Severity::INFO, [&]() ORV_REQUIRES(mutex) {
+        return "connected again to " + place + " after " + Seconds(link.Outage(std::chrono::steady_clock::now())) +
+               "; " + std::to_string(subscriptions.size()) + " subscriptions and " +
+               std::to_string(announced.All().size()) + " announcements made again" +
+               (refused == 0 ? "" : "; " + Refused(refused, news));
     });
 }
 
