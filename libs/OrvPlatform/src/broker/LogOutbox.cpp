@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "broker/LogOutbox.h"
 
+#include <new>
+
 namespace OrvPlatform {
 
 ClientLog::ClientLog(const std::string& id) : clientId(id), logger("QueueOwner", 0) {}

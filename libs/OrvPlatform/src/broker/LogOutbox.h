@@ -3,7 +3,6 @@
 
 #include "CommonUtils/Logger.h"
 
-#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,17 +21,8 @@ struct ClientRecord {
 /// sink may block, and taken out to be written without it. Guarded by that lock.
 class LogOutbox {
 public:
-    /// @param text returns the record's text
-    /// @return false when there was no memory for it
-    template <typename Text>
-    bool Add(ClientRecord::Severity severity, Text text) noexcept {
-        try {
-            records.push_back({severity, text()});
-            return true;
-        } catch (const std::bad_alloc&) {
-            return false;
-        }
-    }
+    /// @throws std::bad_alloc, and the record is lost
+    void Add(ClientRecord record) { records.push_back(std::move(record)); }
 
     bool IsEmpty() const { return records.empty(); }
 

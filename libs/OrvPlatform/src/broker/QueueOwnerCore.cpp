@@ -87,7 +87,7 @@ bool QueueOwner::Core::Connect(const std::optional<LastWill>& will) {
         AwaitAnswer(deadline);
     const bool connected = generation == mine && link.IsUp();
     if (generation == mine && !connected) {
-        records.Add(Severity::WARNING, [this]() ORV_REQUIRES(mutex) {
+        Log(Severity::WARNING, [this]() ORV_REQUIRES(mutex) {
             return "cannot connect to " + place + ": " + (failure.empty() ? "out of memory" : failure);
         });
         TakeClient().reset();
@@ -165,7 +165,7 @@ bool QueueOwner::Core::Disconnect() {
     const bool wasUp = link.IsUp();
     auto former = TakeClient();
     if (wasUp)
-        records.Add(Severity::INFO, [this] { return "disconnecting from " + place; });
+        Log(Severity::INFO, [this] { return "disconnecting from " + place; });
     {
         const Unlocked unlocked(mutex);
         if (wasUp)

@@ -118,6 +118,17 @@ private:
     void OnTaken(int messageId) noexcept override ORV_REQUIRES(mutex);
     void OnSubscribed(int messageId, bool granted) noexcept override ORV_REQUIRES(mutex);
 
+    /// Notes a record, to be written by the next WriteLog.
+    /// @return false when there was no memory for it
+    template <typename Text>
+    bool Log(Severity severity, Text text) noexcept ORV_REQUIRES(mutex) {
+        try {
+            records.Add({severity, text()});
+            return true;
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+    }
     void LogDroppedEvents() noexcept ORV_REQUIRES(mutex);
     void WriteLog() noexcept ORV_REQUIRES(mutex); // releases it meanwhile
 

@@ -163,7 +163,7 @@ void QueueOwner::Core::BeginReconnect() noexcept {
 }
 
 void QueueOwner::Core::LogDroppedEvents() noexcept {
-    const bool isReported = records.Add(Severity::ERROR, [this]() ORV_REQUIRES(mutex) {
+    const bool isReported = Log(Severity::ERROR, [this]() ORV_REQUIRES(mutex) {
         return "out of memory: " + std::to_string(dropped) +
                " messages or acknowledgements did not reach the application";
     });
@@ -192,7 +192,7 @@ void QueueOwner::Core::OnAnswer(int code) noexcept {
         return; // to be restored
     QueueEvent(Event::Kind::CONNECTED);
     const unsigned refused = std::exchange(refusedOffline, 0);
-    records.Add(Severity::INFO, [&] {
+    Log(Severity::INFO, [&] {
         return "connected to " + place +
                (refused == 0 ? "" : "; " + std::to_string(refused) + " publications had been refused before");
     });
@@ -232,12 +232,12 @@ void QueueOwner::Core::OnLost(int error) noexcept {
 void QueueOwner::Core::LogLoss() noexcept {
     switch (link.ReportOfLoss()) {
     case Link::LossReport::LOSS:
-        records.Add(Severity::WARNING, [this]() ORV_REQUIRES(mutex) {
+        Log(Severity::WARNING, [this]() ORV_REQUIRES(mutex) {
             return "lost the connection to " + place + ": " + failure + "; reconnecting";
         });
         break;
     case Link::LossReport::EVICTION:
-        if (records.Add(Severity::ERROR, [] {
+        if (Log(Severity::ERROR, [] {
                 return std::string(
                     "the broker keeps throwing this client off: another client uses the same id; leave [broker] "
                     "client_id_suffix out, or put %p and %n into it");
@@ -260,8 +260,8 @@ std::string QueueOwner::Core::WhatHeldUs(OrvPlatform::SilenceWatch::Duration sil
 
 template <typename Reason>
 void QueueOwner::Core::LogFailedAttempt(Reason reason) noexcept {
-    records.Add(link.TakeNewRefusal() ? Severity::WARNING : Severity::DEBUG,
-                [&]() ORV_REQUIRES(mutex) { return "cannot reconnect to " + place + ": " + reason(); });
+    Log(link.TakeNewRefusal() ? Severity::WARNING : Severity::DEBUG,
+        [&]() ORV_REQUIRES(mutex) { return "cannot reconnect to " + place + ": " + reason(); });
 }
 
 void QueueOwner::Core::OnMessage(const char* topic, const void* payload, std::size_t size) noexcept {
@@ -282,9 +282,8 @@ void QueueOwner::Core::OnSubscribed(int messageId, bool granted) noexcept {
     if (found == subscriptions.end())
         return;
     if (!granted)
-        records.Add(Severity::WARNING, [&] {
-            return "the broker refuses the subscription to " + found->filter + "; look into its access list";
-        });
+        Log(Severity::WARNING,
+            [&] { return "the broker refuses the subscription to " + found->filter + "; look into its access list"; });
     found->messageId = 0;
 }
 

@@ -58,7 +58,7 @@ int QueueOwner::Core::TryPublish(const std::string& topic, const std::string& pa
     if (noted == AnnouncedState::Noted::OUT_OF_MEMORY)
         return FAILED;
     if (noted == AnnouncedState::Noted::NO_ROOM && !isForgettingReported)
-        isForgettingReported = records.Add(Severity::WARNING, [&] {
+        isForgettingReported = Log(Severity::WARNING, [&] {
             return "there is more retained state than [broker] max_outstanding_bytes (" +
                    std::to_string(settings.maxOutstandingBytes) +
                    "): nothing will be announced again after a reconnection on " + Shortened(topic) +
@@ -113,7 +113,7 @@ void QueueOwner::Core::NoteRefusal(int status, const std::string& topic, std::si
     if (!isFirst)
         return;
     refusalsSaid |= bit;
-    records.Add(Severity::WARNING, [&]() ORV_REQUIRES(mutex) {
+    Log(Severity::WARNING, [&]() ORV_REQUIRES(mutex) {
         const std::string shown = Shortened(topic);
         switch (status) {
         case NOT_CONNECTED:
@@ -157,7 +157,7 @@ void QueueOwner::Core::Restore() noexcept {
     const unsigned refused = refusedOffline + refusedForBytes;
     refusedOffline = refusedForBytes = 0;
     keepsUpAgain = false;
-    records.Add(link.IsEvictionReported() ? Severity::DEBUG : Severity::INFO, [&]() ORV_REQUIRES(mutex) {
+    Log(link.IsEvictionReported() ? Severity::DEBUG : Severity::INFO, [&]() ORV_REQUIRES(mutex) {
         return "connected again to " + place + " after " + Seconds(link.Outage(std::chrono::steady_clock::now())) +
                "; " + std::to_string(subscriptions.size()) + " subscriptions and " +
                std::to_string(announced.All().size()) + " announcements made again" +
@@ -187,7 +187,7 @@ void QueueOwner::Core::KeepUpAgain() noexcept {
     const unsigned refused = refusedForBytes;
     refusedForBytes = 0;
     const unsigned sent = SendOwed();
-    records.Add(Severity::INFO, [&] { return "the broker keeps up again; " + Refused(refused, sent); });
+    Log(Severity::INFO, [&] { return "the broker keeps up again; " + Refused(refused, sent); });
 }
 
 void QueueOwner::Core::OnTaken(int messageId) noexcept {
