@@ -75,7 +75,7 @@ struct State {
         client.delivering = reachable;
         client.dropped = false;
         client.will = std::move(will);
-        client.announced.BeginAfresh(client.will ? client.will->topic : "");
+        client.announced.BeginSession(client.will ? client.will->topic : "");
         Journal::Add(client.will ? Entry::ConnectWithWill(client.id, client.will->topic, client.will->message,
                                                           client.will->retained, client.connected)
                                  : Entry::Connect(client.id, client.connected));
@@ -93,9 +93,9 @@ struct State {
     /// Everything, or what has not been taken yet.
     void Announce(Client& client, bool everything) {
         for (auto& announcement : client.announced.All()) {
-            if (everything || announcement.owed)
+            if (everything || announcement.pending)
                 Accept(announcement.topic, announcement.payload, announcement.retained);
-            announcement.owed = false;
+            announcement.pending = false;
         }
     }
 
@@ -133,13 +133,13 @@ struct State {
         const std::lock_guard<std::mutex> lock(mutex);
         if (topic.empty() || topic.find_first_of("+#") != std::string::npos)
             return QueueOwner::MALFORMED_TOPIC;
-        const auto noted = client.announced.Note(topic, payload, retain, assured);
+        const auto noted = client.announced.Remember(topic, payload, retain, assured);
         if (publishStatus != 0)
             return publishStatus;
         if (!client.connected)
             return QueueOwner::NOT_CONNECTED;
-        if (noted == OrvPlatform::AnnouncedState::Noted::REMEMBERED)
-            client.announced.LatestWasSent();
+        if (noted == OrvPlatform::AnnouncedState::Outcome::REMEMBERED)
+            client.announced.MarkLatestSent();
         Accept(topic, payload, retain);
         return QueueOwner::HANDED_OVER;
     }

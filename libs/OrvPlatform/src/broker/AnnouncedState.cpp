@@ -17,34 +17,34 @@ std::size_t Cost(const AnnouncedState::Announcement& announcement) {
 
 } // namespace
 
-void AnnouncedState::BeginAfresh(const std::string& topic) {
+void AnnouncedState::BeginSession(const std::string& topic) {
     willTopic = topic;
     ForgetPlain();
     for (auto& announcement : announcements)
-        announcement.owed = false;
+        announcement.pending = false;
 }
 
-AnnouncedState::Noted AnnouncedState::Note(const std::string& topic, const std::string& payload, bool retained,
-                                           bool assured) noexcept {
+AnnouncedState::Outcome AnnouncedState::Remember(const std::string& topic, const std::string& payload, bool retained,
+                                                 bool assured) noexcept {
     const bool onTheWills = !willTopic.empty() && topic == willTopic;
     if (!retained && !onTheWills)
-        return Noted::NOT_STATE;
+        return Outcome::NOT_STATE;
     try {
         const Announcement latest{topic, payload, retained, assured, true};
-        const Noted noted = retained ? NoteRetained(latest) : NotePlain(latest);
+        const Outcome outcome = retained ? RememberRetained(latest) : RememberPlain(latest);
         if (retained && onTheWills)
             ForgetPlain();
-        return noted;
+        return outcome;
     } catch (const std::bad_alloc&) {
         if (onTheWills)
             ForgetPlain();
         if (retained)
             ForgetRetained(topic);
-        return Noted::OUT_OF_MEMORY;
+        return Outcome::OUT_OF_MEMORY;
     }
 }
 
-AnnouncedState::Noted AnnouncedState::NoteRetained(const Announcement& latest) {
+AnnouncedState::Outcome AnnouncedState::RememberRetained(const Announcement& latest) {
     const auto known = retainedTopics.find(latest.topic);
     const std::size_t before = known == retainedTopics.end() ? 0 : Cost(*known->second);
     bytes -= before;
@@ -52,7 +52,7 @@ AnnouncedState::Noted AnnouncedState::NoteRetained(const Announcement& latest) {
     bytes += before;
     if (!fits) {
         ForgetRetained(latest.topic);
-        return Noted::NO_ROOM;
+        return Outcome::NO_ROOM;
     }
     if (known != retainedTopics.end()) {
         known->second = Replaced(known->second, latest);
@@ -62,13 +62,13 @@ AnnouncedState::Noted AnnouncedState::NoteRetained(const Announcement& latest) {
         announcements.splice(announcements.end(), fresh);
     }
     bytes = bytes - before + Cost(latest);
-    return Noted::REMEMBERED;
+    return Outcome::REMEMBERED;
 }
 
-AnnouncedState::Noted AnnouncedState::NotePlain(const Announcement& latest) {
+AnnouncedState::Outcome AnnouncedState::RememberPlain(const Announcement& latest) {
     onWillTopic = onWillTopic == announcements.end() ? announcements.insert(announcements.end(), latest)
                                                      : Replaced(onWillTopic, latest);
-    return Noted::REMEMBERED;
+    return Outcome::REMEMBERED;
 }
 
 // The node stays: its topic is a key.
@@ -76,7 +76,7 @@ AnnouncedState::Place AnnouncedState::Replaced(Place known, const Announcement& 
     std::string payload = latest.payload;
     known->payload.swap(payload);
     known->assured = latest.assured;
-    known->owed = true;
+    known->pending = true;
     announcements.splice(announcements.end(), announcements, known);
     return known;
 }
@@ -86,7 +86,7 @@ bool AnnouncedState::HasRoomFor(const Announcement& latest) {
     const std::size_t cost = Cost(latest);
     for (auto each = announcements.begin(); each != announcements.end() && bytes + cost > limit;) {
         const Announcement& other = *each++;
-        if (other.retained && other.payload.empty() && !other.owed && other.topic != latest.topic)
+        if (other.retained && other.payload.empty() && !other.pending && other.topic != latest.topic)
             ForgetRetained(other.topic);
     }
     return bytes + cost <= limit;
@@ -96,10 +96,10 @@ void AnnouncedState::ForgetRetained(std::string_view topic) {
     const auto known = retainedTopics.find(topic);
     if (known == retainedTopics.end())
         return;
-    const Place place = known->second;
-    bytes -= Cost(*place);
+    const Place endpoint = known->second;
+    bytes -= Cost(*endpoint);
     retainedTopics.erase(known);
-    announcements.erase(place);
+    announcements.erase(endpoint);
 }
 
 void AnnouncedState::ForgetPlain() {

@@ -19,7 +19,7 @@ public:
         std::string payload; // of a retained topic, empty: the broker is to retain nothing
         bool retained;
         bool assured;
-        bool owed; // has not been handed to a connection yet
+        bool pending; // has not been handed to a connection yet
     };
 
     /// @param byteLimit what the topics and payloads of the retained messages may take, with some bookkeeping each
@@ -28,22 +28,22 @@ public:
     AnnouncedState& operator=(const AnnouncedState&) = delete;
 
     /// The application connects, with a last will on this topic; empty for none. What was said on an earlier will's
-    /// topic is forgotten, and nothing is owed to this connection.
-    void BeginAfresh(const std::string& topic);
+    /// topic is forgotten, and nothing is pending for this connection.
+    void BeginSession(const std::string& topic);
 
-    enum class Noted {
+    enum class Outcome {
         NOT_STATE,     // a plain message on any other topic than the will's: never announced
-        REMEMBERED,    // announced after a reconnection, and owed until it was sent
+        REMEMBERED,    // announced after a reconnection, and pending until it was sent
         NO_ROOM,       // beyond the limit: nothing is announced on that topic
         OUT_OF_MEMORY, // likewise
     };
 
     /// The client has been asked to publish this; whether it can is another matter. Whatever becomes of it, what was
     /// asked earlier on the same topic is not announced any more.
-    Noted Note(const std::string& topic, const std::string& payload, bool retained, bool assured) noexcept;
+    Outcome Remember(const std::string& topic, const std::string& payload, bool retained, bool assured) noexcept;
 
     /// What was noted last and is remembered has been handed to a connection.
-    void LatestWasSent() { announcements.back().owed = false; }
+    void MarkLatestSent() { announcements.back().pending = false; }
 
     /// In the order in which they were asked for.
     std::list<Announcement>& All() { return announcements; }
@@ -54,8 +54,8 @@ private:
     using Place = Announcements::iterator;
 
     Place Replaced(Place known, const Announcement& latest);
-    Noted NoteRetained(const Announcement& latest);
-    Noted NotePlain(const Announcement& latest);
+    Outcome RememberRetained(const Announcement& latest);
+    Outcome RememberPlain(const Announcement& latest);
     bool HasRoomFor(const Announcement& latest);
     void ForgetRetained(std::string_view topic);
     void ForgetPlain();

@@ -114,15 +114,16 @@ int MosquittoClient::Configure(const MosquittoSettings& settings) {
 
 int MosquittoClient::BeginConnect() {
     const ProcessLock lock; // no child is made before the socket is closed on exec
-    return Adopt(mosquitto_connect_async(handle.get(), host.c_str(), port, static_cast<int>(keepAlive.count())));
+    return SetCloseOnExec(
+        mosquitto_connect_async(handle.get(), host.c_str(), port, static_cast<int>(keepAlive.count())));
 }
 
 int MosquittoClient::BeginReconnect() {
     const ProcessLock lock;
-    return Adopt(mosquitto_reconnect_async(handle.get()));
+    return SetCloseOnExec(mosquitto_reconnect_async(handle.get()));
 }
 
-int MosquittoClient::Adopt(int error) {
+int MosquittoClient::SetCloseOnExec(int error) {
     const int systemError = errno;
     // A child process that inherits the socket would keep the connection, and the silence of the last will, alive.
     if (const int socket = Socket(); socket >= 0)
@@ -171,19 +172,19 @@ int MosquittoClient::Publish(const std::string& topic, const std::string& payloa
                              assured ? 1 : 0, retained);
 }
 
-void MosquittoClient::SayGoodBye(Time deadline) {
+void MosquittoClient::Disconnect(Time deadline) {
     End(deadline, true);
 }
 
-void MosquittoClient::BreakOff(Time deadline) {
+void MosquittoClient::DropConnection(Time deadline) {
     End(deadline, false);
 }
 
-void MosquittoClient::End(Time deadline, bool withGoodBye) {
+void MosquittoClient::End(Time deadline, bool withDisconnect) {
     events = nullptr;
     // The library closes its descriptor the moment the DISCONNECT is written.
     const int socket = Socket() >= 0 ? fcntl(Socket(), F_DUPFD_CLOEXEC, 0) : -1;
-    if (withGoodBye)
+    if (withDisconnect)
         mosquitto_disconnect(handle.get());
     WriteAll(deadline);
     handle.reset();
@@ -208,12 +209,12 @@ void MosquittoClient::Destroyer::operator()(mosquitto* client) const noexcept {
 
 void MosquittoClient::OnConnectCallback(mosquitto*, void* self, int code) noexcept {
     if (MosquittoEvents* events = static_cast<MosquittoClient*>(self)->events)
-        events->OnAnswer(code);
+        events->OnConnack(code);
 }
 
 void MosquittoClient::OnDisconnectCallback(mosquitto*, void* self, int error) noexcept {
     if (MosquittoEvents* events = static_cast<MosquittoClient*>(self)->events)
-        events->OnLost(error);
+        events->OnDisconnected(error);
 }
 
 void MosquittoClient::OnMessageCallback(mosquitto*, void* self, const mosquitto_message* message) noexcept {
@@ -223,14 +224,14 @@ void MosquittoClient::OnMessageCallback(mosquitto*, void* self, const mosquitto_
 
 void MosquittoClient::OnPublishCallback(mosquitto*, void* self, int messageId) noexcept {
     if (MosquittoEvents* events = static_cast<MosquittoClient*>(self)->events)
-        events->OnTaken(messageId);
+        events->OnPublishCompleted(messageId);
 }
 
 void MosquittoClient::OnSubscribeCallback(mosquitto*, void* self, int messageId, int count,
                                           const int* granted) noexcept {
     constexpr int REFUSED = 0x80;
     if (MosquittoEvents* events = static_cast<MosquittoClient*>(self)->events)
-        events->OnSubscribed(messageId, count > 0 && granted[0] < REFUSED);
+        events->OnSuback(messageId, count > 0 && granted[0] < REFUSED);
 }
 
 namespace {

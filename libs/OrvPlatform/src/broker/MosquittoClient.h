@@ -17,11 +17,12 @@ namespace OrvPlatform {
 /// are called through a C library.
 class MosquittoEvents {
 public:
-    virtual void OnAnswer(int code) noexcept = 0; // 0: accepted; otherwise the broker's refusal
-    virtual void OnLost(int error) noexcept = 0;
+    virtual void OnConnack(int code) noexcept = 0; // 0: accepted; otherwise the broker's refusal
+    virtual void OnDisconnected(int error) noexcept = 0;
     virtual void OnMessage(const char* topic, const void* payload, std::size_t size) noexcept = 0;
-    virtual void OnTaken(int messageId) noexcept = 0; // written (at most once) or acknowledged (at least once)
-    virtual void OnSubscribed(int messageId, bool granted) noexcept = 0;
+    virtual void
+    OnPublishCompleted(int messageId) noexcept = 0; // written (at most once) or acknowledged (at least once)
+    virtual void OnSuback(int messageId, bool granted) noexcept = 0;
 
 protected:
     ~MosquittoEvents() = default;
@@ -44,7 +45,7 @@ struct MosquittoSettings {
 };
 
 /// One libmosquitto client without a thread: the caller polls its socket and calls Read, Write and KeepAlive. No
-/// operation blocks except SayGoodBye and BreakOff. Not safe for several threads at a time. Integer results are
+/// operation blocks except Disconnect and DropConnection. Not safe for several threads at a time. Integer results are
 /// MOSQ_ERR_ codes, 0 for success.
 class MosquittoClient {
 public:
@@ -72,11 +73,11 @@ public:
 
     /// Sends what is waiting and a DISCONNECT, and waits until the broker has closed the connection, at the latest
     /// until `deadline`. Reports no more events. The last operation.
-    void SayGoodBye(Time deadline);
+    void Disconnect(Time deadline);
 
     /// The same without a DISCONNECT: what is waiting arrives, then the broker speaks the last will. The last
     /// operation.
-    void BreakOff(Time deadline);
+    void DropConnection(Time deadline);
 
 private:
     struct Destroyer {
@@ -85,8 +86,8 @@ private:
 
     MosquittoClient(const MosquittoSettings& settings, MosquittoEvents& receiver);
     int Configure(const MosquittoSettings& settings);
-    int Adopt(int error); // after a connect
-    void End(Time deadline, bool withGoodBye);
+    int SetCloseOnExec(int error); // after a connect
+    void End(Time deadline, bool withDisconnect);
     void WriteAll(Time deadline);
 
     static void OnConnectCallback(mosquitto*, void* self, int code) noexcept;

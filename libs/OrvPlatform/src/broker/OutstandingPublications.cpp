@@ -15,7 +15,7 @@ std::size_t OutstandingPublications::Cost(const std::string& topic, const std::s
     return topic.size() + payload.size() + BOOKKEEPING;
 }
 
-bool OutstandingPublications::Admits(std::size_t cost) const {
+bool OutstandingPublications::HasRoomFor(std::size_t cost) const {
     return bytes <= limit && cost <= limit - bytes && publications.size() < MOST_MESSAGES;
 }
 

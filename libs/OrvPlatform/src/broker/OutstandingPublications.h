@@ -24,7 +24,7 @@ public:
     static std::size_t Cost(const std::string& topic, const std::string& payload);
 
     /// Whether a publication of that cost fits in.
-    bool Admits(std::size_t cost) const;
+    bool HasRoomFor(std::size_t cost) const;
 
     /// A publication with the memory that Add() needs, taken before it is handed to the connection: afterwards nothing
     /// may fail.

@@ -29,8 +29,8 @@ using OrvPlatform::Unlocked;
 namespace {
 
 constexpr auto CONNECT_LIMIT = 3s;
-constexpr auto GOOD_BYE_LIMIT = 800ms;
-constexpr auto BREAK_OFF_LIMIT = 200ms;
+constexpr auto DISCONNECT_LIMIT = 800ms;
+constexpr auto DROP_LIMIT = 200ms;
 
 // A name would have to be looked up, and a dead name server holds a look-up for many seconds. Empty for a name.
 std::string BrokerAddress(const OrvPlatform::GatewayConfig::Broker& settings) {
@@ -47,7 +47,7 @@ std::string BrokerAddress(const OrvPlatform::GatewayConfig::Broker& settings) {
 QueueOwner::Core::Core(QueueOwner& queueOwner, const std::string& id, const OrvPlatform::GatewayConfig& config)
     : settings(config.broker),
       clientId(id + OrvPlatform::ClientIdSuffix(settings.clientIdSuffix, id, config.program)),
-      place(settings.socket.empty() ? settings.host + ":" + std::to_string(settings.port) : settings.socket),
+      endpoint(settings.socket.empty() ? settings.host + ":" + std::to_string(settings.port) : settings.socket),
       foreignTopics(config.IsController() ? std::vector<std::string>() : config.gateway.topics),
       process(getpid()),
       log(clientId),
@@ -63,7 +63,7 @@ QueueOwner::Core::~Core() = default;
 
 bool QueueOwner::Core::Connect(const std::optional<LastWill>& will) {
     if (IsInherited()) {
-        log.Write({Severity::WARNING, "cannot connect to " + place +
+        log.Write({Severity::WARNING, "cannot connect to " + endpoint +
                                           ": this object was made before a fork and belongs to the parent process; "
                                           "make another one"});
         return false;
@@ -78,7 +78,7 @@ bool QueueOwner::Core::Connect(const std::optional<LastWill>& will) {
     {
         const Unlocked unlocked(mutex);
         if (wasUp)
-            former->SayGoodBye(std::min(deadline, std::chrono::steady_clock::now() + GOOD_BYE_LIMIT));
+            former->Disconnect(std::min(deadline, std::chrono::steady_clock::now() + DISCONNECT_LIMIT));
         former.reset();
     }
 
@@ -88,7 +88,7 @@ bool QueueOwner::Core::Connect(const std::optional<LastWill>& will) {
     const bool connected = generation == mine && link.IsUp();
     if (generation == mine && !connected) {
         Log(Severity::WARNING, [this]() ORV_REQUIRES(mutex) {
-            return "cannot connect to " + place + ": " + (failure.empty() ? "out of memory" : failure);
+            return "cannot connect to " + endpoint + ": " + (failure.empty() ? "out of memory" : failure);
         });
         TakeClient().reset();
     }
@@ -107,10 +107,10 @@ bool QueueOwner::Core::TryOpen(const std::optional<LastWill>& will, Time deadlin
 }
 
 bool QueueOwner::Core::Open(const std::optional<LastWill>& will, Time deadline) {
-    deliveryStopped = stopsAwaited > 0; // a callback that connects does not undo the stop that waits for it
+    deliveryStopped = stopWaiters > 0; // a callback that connects does not undo the stop that waits for it
     link.Prepare();
     failure = "no answer within 3 s";
-    announced.BeginAfresh(will ? will->topic : std::string());
+    announced.BeginSession(will ? will->topic : std::string());
 
     const std::string address = BrokerAddress(settings);
     if (address.empty()) {
@@ -118,9 +118,9 @@ bool QueueOwner::Core::Open(const std::optional<LastWill>& will, Time deadline) 
         return false;
     }
     const std::uint16_t port = settings.socket.empty() ? settings.port : 0;
-    const OrvPlatform::MosquittoSettings wanted{clientId,          address,           port, settings.keepAlive,
-                                                settings.username, settings.password, will};
-    if (const std::string fault = OrvPlatform::FaultIn(wanted); !fault.empty()) {
+    const OrvPlatform::MosquittoSettings clientSettings{clientId,          address,           port, settings.keepAlive,
+                                                        settings.username, settings.password, will};
+    if (const std::string fault = OrvPlatform::FaultIn(clientSettings); !fault.empty()) {
         failure = fault;
         return false;
     }
@@ -129,7 +129,7 @@ bool QueueOwner::Core::Open(const std::optional<LastWill>& will, Time deadline) 
         return false;
     }
     int error = MOSQ_ERR_SUCCESS;
-    client = MosquittoClient::Make(wanted, *this, error);
+    client = MosquittoClient::Make(clientSettings, *this, error);
     if (!client) {
         failure = "the client library refuses the settings: " + MosquittoErrorText(error, errno);
         return false;
@@ -146,16 +146,16 @@ bool QueueOwner::Core::Open(const std::optional<LastWill>& will, Time deadline) 
 
 // A delivery thread that is in a callback, or held up by the log, is not waited for: this one does its work meanwhile.
 void QueueOwner::Core::AwaitAnswer(Time deadline) {
-    ++answersAwaited;
+    ++connectWaiters;
     while (link.Current() == Link::State::CONNECTING && std::chrono::steady_clock::now() < deadline) {
         if (OnDeliveryThread())
-            Turn();
+            RunOnce();
         else if (!serving)
-            TurnAside(deadline);
+            ServeForDeliveryThread(deadline);
         else
             changed.wait_until(mutex, deadline);
     }
-    --answersAwaited;
+    --connectWaiters;
 }
 
 bool QueueOwner::Core::Disconnect() {
@@ -165,11 +165,11 @@ bool QueueOwner::Core::Disconnect() {
     const bool wasUp = link.IsUp();
     auto former = TakeClient();
     if (wasUp)
-        Log(Severity::INFO, [this] { return "disconnecting from " + place; });
+        Log(Severity::INFO, [this] { return "disconnecting from " + endpoint; });
     {
         const Unlocked unlocked(mutex);
         if (wasUp)
-            former->SayGoodBye(std::chrono::steady_clock::now() + GOOD_BYE_LIMIT);
+            former->Disconnect(std::chrono::steady_clock::now() + DISCONNECT_LIMIT);
         former.reset();
     }
     RetireThread();
@@ -215,10 +215,10 @@ void QueueOwner::Core::StopDelivery() {
         return;
     MutexLock lock(mutex);
     deliveryStopped = true;
-    ++stopsAwaited;
+    ++stopWaiters;
     while (delivering && !OnDeliveryThread())
         changed.wait(mutex);
-    --stopsAwaited;
+    --stopWaiters;
 }
 
 void QueueOwner::Core::Abandon() {
@@ -233,7 +233,7 @@ void QueueOwner::Core::Abandon() {
     {
         const Unlocked unlocked(mutex);
         if (wasUp)
-            former->BreakOff(std::chrono::steady_clock::now() + BREAK_OFF_LIMIT);
+            former->DropConnection(std::chrono::steady_clock::now() + DROP_LIMIT);
         former.reset();
         if (last.joinable() && last.get_id() == std::this_thread::get_id())
             last.detach();
@@ -261,11 +261,11 @@ std::unique_ptr<MosquittoClient> QueueOwner::Core::TakeClient() {
     ++generation;
     link.Close();
     changed.notify_all();
-    inbox.Clear();
+    queuedEvents.Clear();
     outstanding.Clear();
     subscriptions.clear();
     refusedForBytes = 0;
-    keepsUpAgain = false;
+    congestionEnded = false;
     Wake();
     return std::move(client);
 }
@@ -315,7 +315,7 @@ void QueueOwner::Core::WriteLog() noexcept {
         const Unlocked unlocked(mutex);
         log.WriteAll(written);
     }
-    lookedAtClock = std::chrono::steady_clock::now();
+    lastClockReading = std::chrono::steady_clock::now();
 }
 
 } // namespace QUILMQTT

@@ -52,7 +52,7 @@ public:
     int Publish(const std::string& topic, const std::string& payload, bool retained, bool assured) ORV_EXCLUDES(mutex);
     void StopDelivery() ORV_EXCLUDES(mutex);
 
-    /// The owner goes: no callback begins any more, the connection is dropped without a good-bye.
+    /// The owner goes: no callback begins any more, the connection is dropped without a DISCONNECT.
     void Abandon() ORV_EXCLUDES(mutex);
 
 private:
@@ -63,15 +63,15 @@ private:
 
     // The delivery thread.
     void Run(unsigned ownNumber) noexcept ORV_EXCLUDES(mutex);
-    void Turn() noexcept ORV_REQUIRES(mutex);
-    void TurnAside(Time deadline) noexcept ORV_REQUIRES(mutex);
+    void RunOnce() noexcept ORV_REQUIRES(mutex);
+    void ServeForDeliveryThread(Time deadline) noexcept ORV_REQUIRES(mutex);
     void ServeSocket(short ready) noexcept ORV_REQUIRES(mutex);
     void Advance(Time now) noexcept ORV_REQUIRES(mutex);
-    void Restore() noexcept ORV_REQUIRES(mutex);
-    unsigned SendOwed() noexcept ORV_REQUIRES(mutex);
-    void KeepUpAgain() noexcept ORV_REQUIRES(mutex);
+    void RestoreSession() noexcept ORV_REQUIRES(mutex);
+    unsigned SendPending() noexcept ORV_REQUIRES(mutex);
+    void EndCongestion() noexcept ORV_REQUIRES(mutex);
     void Deliver() noexcept ORV_REQUIRES(mutex);
-    void NoteCallback(const OrvPlatform::Event& event, Time begun, Time ended) noexcept ORV_REQUIRES(mutex);
+    void RecordCallbackDuration(const OrvPlatform::Event& event, Time begun, Time ended) noexcept ORV_REQUIRES(mutex);
     void Dispatch(const OrvPlatform::Event& event) noexcept ORV_EXCLUDES(mutex);
 
     // The connection.
@@ -84,9 +84,9 @@ private:
     bool OnDeliveryThread() const ORV_REQUIRES(mutex);
     void BeginReconnect() noexcept ORV_REQUIRES(mutex);
     void LogLoss() noexcept ORV_REQUIRES(mutex);
-    std::string WhatHeldUs(OrvPlatform::SilenceWatch::Duration silent, Time now) const ORV_REQUIRES(mutex);
+    std::string DescribeSilence(OrvPlatform::SilenceWatch::Duration silent, Time now) const ORV_REQUIRES(mutex);
     template <typename Reason>
-    void Explain(Reason reason) noexcept ORV_REQUIRES(mutex) {
+    void SetFailure(Reason reason) noexcept ORV_REQUIRES(mutex) {
         try {
             failure = reason();
         } catch (const std::bad_alloc&) {
@@ -101,7 +101,7 @@ private:
         ORV_REQUIRES(mutex);
     bool IsLeftToTheController(const std::string& topic) noexcept;
     void Flush() noexcept ORV_REQUIRES(mutex);
-    void NoteRefusal(int status, const std::string& topic, std::size_t size) noexcept ORV_REQUIRES(mutex);
+    void RecordRefusal(int status, const std::string& topic, std::size_t size) noexcept ORV_REQUIRES(mutex);
     void QueueEvent(OrvPlatform::Event::Kind kind) noexcept ORV_REQUIRES(mutex);
     void Wake() const noexcept;
     static std::string Seconds(std::chrono::steady_clock::duration duration);
@@ -112,11 +112,11 @@ private:
     void Keep() noexcept;
 
     // What MosquittoClient reports; its operations are called under the mutex only.
-    void OnAnswer(int code) noexcept override ORV_REQUIRES(mutex);
-    void OnLost(int error) noexcept override ORV_REQUIRES(mutex);
+    void OnConnack(int code) noexcept override ORV_REQUIRES(mutex);
+    void OnDisconnected(int error) noexcept override ORV_REQUIRES(mutex);
     void OnMessage(const char* topic, const void* payload, std::size_t size) noexcept override ORV_REQUIRES(mutex);
-    void OnTaken(int messageId) noexcept override ORV_REQUIRES(mutex);
-    void OnSubscribed(int messageId, bool granted) noexcept override ORV_REQUIRES(mutex);
+    void OnPublishCompleted(int messageId) noexcept override ORV_REQUIRES(mutex);
+    void OnSuback(int messageId, bool granted) noexcept override ORV_REQUIRES(mutex);
 
     /// Notes a record, to be written by the next WriteLog.
     /// @return false when there was no memory for it
@@ -136,7 +136,7 @@ private:
     OrvPlatform::Waker waker; // ends the delivery thread's poll
     const OrvPlatform::GatewayConfig::Broker settings;
     const std::string clientId;
-    const std::string place; // host:port or the socket, for the log
+    const std::string endpoint; // host:port or the socket, for the log
     /// Filters of the topics that are left to another program.
     const std::vector<std::string> foreignTopics;
     const pid_t process;        // that made this
@@ -155,14 +155,14 @@ private:
     unsigned threadNumber ORV_GUARDED_BY(mutex) = 0; // a thread with another number is to end
     bool running ORV_GUARDED_BY(mutex) = false;
     bool serving ORV_GUARDED_BY(mutex) = false;    // it serves the connection, rather than a callback or the log
-    int answersAwaited ORV_GUARDED_BY(mutex) = 0;  // callers of Connect
+    int connectWaiters ORV_GUARDED_BY(mutex) = 0;  // callers of Connect
     bool delivering ORV_GUARDED_BY(mutex) = false; // a callback is under way
     bool deliveryStopped ORV_GUARDED_BY(mutex) = false;
-    int stopsAwaited ORV_GUARDED_BY(mutex) = 0; // callers of StopDelivery
-    OrvPlatform::EventQueue inbox ORV_GUARDED_BY(mutex);
-    OrvPlatform::EventQueue outbox ORV_GUARDED_BY(mutex); // being delivered; only the delivery thread changes it
-    const OrvPlatform::Event* underWay ORV_GUARDED_BY(mutex) = nullptr;
-    Time lookedAtClock ORV_GUARDED_BY(mutex); // when a callback that comes next begins, near enough
+    int stopWaiters ORV_GUARDED_BY(mutex) = 0; // callers of StopDelivery
+    OrvPlatform::EventQueue queuedEvents ORV_GUARDED_BY(mutex);
+    OrvPlatform::EventQueue eventsInDelivery ORV_GUARDED_BY(mutex); // only the delivery thread changes it
+    const OrvPlatform::Event* currentEvent ORV_GUARDED_BY(mutex) = nullptr;
+    Time lastClockReading ORV_GUARDED_BY(mutex); // when a callback that comes next begins, near enough
     Time slowCallbackEnded ORV_GUARDED_BY(mutex);
     std::string slowCallback ORV_GUARDED_BY(mutex); // the latest one that took long, in words
     unsigned dropped ORV_GUARDED_BY(mutex) = 0;     // events for which there was no memory
@@ -183,12 +183,13 @@ private:
     std::vector<Subscription> subscriptions ORV_GUARDED_BY(mutex);
     OrvPlatform::AnnouncedState announced ORV_GUARDED_BY(mutex);
     OrvPlatform::OutstandingPublications outstanding ORV_GUARDED_BY(mutex);
-    unsigned refusedForBytes ORV_GUARDED_BY(mutex) = 0; // since the broker has not kept up
-    unsigned refusedOffline ORV_GUARDED_BY(mutex) = 0;  // since there was a connection
-    unsigned refusalsSaid ORV_GUARDED_BY(mutex) = 0;    // since then, a bit for each status
-    bool keepsUpAgain ORV_GUARDED_BY(mutex) = false;
+    unsigned refusedForBytes ORV_GUARDED_BY(mutex) = 0;  // since the broker has not kept up
+    unsigned refusedOffline ORV_GUARDED_BY(mutex) = 0;   // since there was a connection
+    unsigned reportedRefusals ORV_GUARDED_BY(mutex) = 0; // since then, a bit for each status
+    bool congestionEnded ORV_GUARDED_BY(mutex) = false;
     bool isForgettingReported ORV_GUARDED_BY(mutex) = false;
 
+    // Collected here, because a sink may block, and written by WriteLog.
     OrvPlatform::LogOutbox records ORV_GUARDED_BY(mutex);
 };
 

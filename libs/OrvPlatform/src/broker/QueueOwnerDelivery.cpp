@@ -27,9 +27,9 @@ namespace {
 constexpr auto SLOW_CALLBACK = 1s;
 
 // How soon a thread that serves another's connection sees that it was given up meanwhile.
-constexpr std::chrono::milliseconds ASIDE = 20ms;
+constexpr std::chrono::milliseconds SERVE_SLICE = 20ms;
 
-std::string NameOf(const Event& event) {
+std::string DescribeCallback(const Event& event) {
     switch (event.kind) {
     case Event::Kind::CONNECTED:
         return "the application's OnConnect";
@@ -62,9 +62,9 @@ void QueueOwner::Core::Run(unsigned ownNumber) noexcept {
             continue;
         }
         serving = true;
-        Turn();
+        RunOnce();
         serving = false;
-        if (answersAwaited > 0)
+        if (connectWaiters > 0)
             changed.notify_all();
         WriteLog();
         if (threadNumber == ownNumber)
@@ -72,14 +72,14 @@ void QueueOwner::Core::Run(unsigned ownNumber) noexcept {
     }
 }
 
-void QueueOwner::Core::Turn() noexcept {
+void QueueOwner::Core::RunOnce() noexcept {
     const unsigned seen = generation;
     const int socket = client->Socket();
-    const short wanted = socket >= 0 && client->WantsWrite() ? POLLIN | POLLOUT : POLLIN;
-    pollfd waits[] = {{waker.Descriptor(), POLLIN, 0}, {socket, wanted, 0}};
+    const short pollEvents = socket >= 0 && client->WantsWrite() ? POLLIN | POLLOUT : POLLIN;
+    pollfd waits[] = {{waker.Descriptor(), POLLIN, 0}, {socket, pollEvents, 0}};
     // A connection that is up gets along without the clock.
     const std::chrono::milliseconds limit =
-        link.IsUp() ? Link::MAINTENANCE_INTERVAL : OrvPlatform::TimeUntil(link.NextDue(lookedAtClock));
+        link.IsUp() ? Link::MAINTENANCE_INTERVAL : OrvPlatform::TimeUntil(link.NextDue(lastClockReading));
 
     {
         const Unlocked unlocked(mutex);
@@ -89,7 +89,7 @@ void QueueOwner::Core::Turn() noexcept {
     // While the lock was away another client may have taken this one's place, its descriptor's number even; and another
     // thread this one's, for which the wake-up may be meant.
     if (seen != generation) {
-        lookedAtClock = std::chrono::steady_clock::now();
+        lastClockReading = std::chrono::steady_clock::now();
         return;
     }
     if (waits[0].revents != 0)
@@ -99,12 +99,12 @@ void QueueOwner::Core::Turn() noexcept {
 }
 
 // The same by another thread, for a delivery thread that does something else. The wake-up stays the delivery thread's.
-void QueueOwner::Core::TurnAside(Time deadline) noexcept {
+void QueueOwner::Core::ServeForDeliveryThread(Time deadline) noexcept {
     const unsigned seen = generation;
     const int socket = client->Socket();
-    const short wanted = socket >= 0 && client->WantsWrite() ? POLLIN | POLLOUT : POLLIN;
-    pollfd wait{socket, wanted, 0};
-    const int limit = static_cast<int>(std::min(ASIDE, OrvPlatform::TimeUntil(deadline)).count());
+    const short pollEvents = socket >= 0 && client->WantsWrite() ? POLLIN | POLLOUT : POLLIN;
+    pollfd wait{socket, pollEvents, 0};
+    const int limit = static_cast<int>(std::min(SERVE_SLICE, OrvPlatform::TimeUntil(deadline)).count());
 
     {
         const Unlocked unlocked(mutex);
@@ -125,18 +125,18 @@ void QueueOwner::Core::ServeSocket(short ready) noexcept {
     if (!link.IsUp())
         return;
     if (link.IsRestorePending())
-        Restore();
-    else if (keepsUpAgain)
-        KeepUpAgain();
+        RestoreSession();
+    else if (congestionEnded)
+        EndCongestion();
 }
 
 void QueueOwner::Core::Advance(Time now) noexcept {
-    lookedAtClock = now;
+    lastClockReading = now;
     if (link.IsUp())
         silence.Served(now);
     switch (link.Advance(now)) {
     case Link::Due::MAINTENANCE:
-        SendOwed();
+        SendPending();
         client->KeepAlive();
         break;
     case Link::Due::ATTEMPT_TIMED_OUT:
@@ -173,32 +173,32 @@ void QueueOwner::Core::LogDroppedEvents() noexcept {
 
 void QueueOwner::Core::QueueEvent(Event::Kind kind) noexcept {
     try {
-        inbox.Next().kind = kind;
-        inbox.Push();
+        queuedEvents.Next().kind = kind;
+        queuedEvents.Push();
     } catch (const std::bad_alloc&) {
         ++dropped;
     }
 }
 
-void QueueOwner::Core::OnAnswer(int code) noexcept {
+void QueueOwner::Core::OnConnack(int code) noexcept {
     const Time now = std::chrono::steady_clock::now();
     const Link::Answer answer = link.Answered(code, now);
     if (answer == Link::Answer::IGNORED || answer == Link::Answer::REFUSED)
         return;
     changed.notify_all();
     silence.Begin(now);
-    refusalsSaid = 0;
+    reportedRefusals = 0;
     if (answer == Link::Answer::RECONNECTED)
         return; // to be restored
     QueueEvent(Event::Kind::CONNECTED);
     const unsigned refused = std::exchange(refusedOffline, 0);
     Log(Severity::INFO, [&] {
-        return "connected to " + place +
+        return "connected to " + endpoint +
                (refused == 0 ? "" : "; " + std::to_string(refused) + " publications had been refused before");
     });
 }
 
-void QueueOwner::Core::OnLost(int error) noexcept {
+void QueueOwner::Core::OnDisconnected(int error) noexcept {
     const int systemError = errno;
     const Time now = std::chrono::steady_clock::now();
     const auto silent = silence.BeforeLoss(now);
@@ -209,13 +209,14 @@ void QueueOwner::Core::OnLost(int error) noexcept {
     // A broker that has heard nothing ends the connection in the same way as one that prefers another client.
     switch (link.Lost(now, error == MOSQ_ERR_CONN_LOST && silent == silent.zero())) {
     case Link::Loss::CONNECT_FAILED:
-        Explain(reason);
+        SetFailure(reason);
         break;
     case Link::Loss::CONNECTION_LOST:
         outstanding.DropUnassured();
         // Also for a Connect that has not yet seen that it was accepted.
-        Explain([&]() ORV_REQUIRES(mutex) {
-            return MosquittoErrorText(error, systemError) + (silent == silent.zero() ? "" : WhatHeldUs(silent, now));
+        SetFailure([&]() ORV_REQUIRES(mutex) {
+            return MosquittoErrorText(error, systemError) +
+                   (silent == silent.zero() ? "" : DescribeSilence(silent, now));
         });
         Wake();
         LogLoss();
@@ -233,7 +234,7 @@ void QueueOwner::Core::LogLoss() noexcept {
     switch (link.ReportOfLoss()) {
     case Link::LossReport::LOSS:
         Log(Severity::WARNING, [this]() ORV_REQUIRES(mutex) {
-            return "lost the connection to " + place + ": " + failure + "; reconnecting";
+            return "lost the connection to " + endpoint + ": " + failure + "; reconnecting";
         });
         break;
     case Link::LossReport::EVICTION:
@@ -249,10 +250,10 @@ void QueueOwner::Core::LogLoss() noexcept {
     }
 }
 
-std::string QueueOwner::Core::WhatHeldUs(OrvPlatform::SilenceWatch::Duration silent, Time now) const {
+std::string QueueOwner::Core::DescribeSilence(OrvPlatform::SilenceWatch::Duration silent, Time now) const {
     std::string text = "; this client had been silent for " + Seconds(silent);
-    if (underWay != nullptr)
-        text += ", held up by " + NameOf(*underWay) + ", which has not returned yet";
+    if (currentEvent != nullptr)
+        text += ", held up by " + DescribeCallback(*currentEvent) + ", which has not returned yet";
     else if (now - slowCallbackEnded <= silent + OrvPlatform::SilenceWatch::UNFORGIVEN && !slowCallback.empty())
         text += ", held up by " + slowCallback;
     return text;
@@ -261,22 +262,22 @@ std::string QueueOwner::Core::WhatHeldUs(OrvPlatform::SilenceWatch::Duration sil
 template <typename Reason>
 void QueueOwner::Core::LogFailedAttempt(Reason reason) noexcept {
     Log(link.TakeNewRefusal() ? Severity::WARNING : Severity::DEBUG,
-        [&]() ORV_REQUIRES(mutex) { return "cannot reconnect to " + place + ": " + reason(); });
+        [&]() ORV_REQUIRES(mutex) { return "cannot reconnect to " + endpoint + ": " + reason(); });
 }
 
 void QueueOwner::Core::OnMessage(const char* topic, const void* payload, std::size_t size) noexcept {
     try {
-        Event& event = inbox.Next();
+        Event& event = queuedEvents.Next();
         event.kind = Event::Kind::MESSAGE;
         event.topic.assign(topic);
         event.payload.assign(static_cast<const char*>(payload), size);
-        inbox.Push();
+        queuedEvents.Push();
     } catch (const std::bad_alloc&) {
         ++dropped;
     }
 }
 
-void QueueOwner::Core::OnSubscribed(int messageId, bool granted) noexcept {
+void QueueOwner::Core::OnSuback(int messageId, bool granted) noexcept {
     const auto found = std::find_if(subscriptions.begin(), subscriptions.end(),
                                     [&](const auto& one) { return one.messageId == messageId; });
     if (found == subscriptions.end())
@@ -288,16 +289,16 @@ void QueueOwner::Core::OnSubscribed(int messageId, bool granted) noexcept {
 }
 
 void QueueOwner::Core::Deliver() noexcept {
-    while (!inbox.Empty()) {
+    while (!queuedEvents.Empty()) {
         const unsigned current = generation;
-        Time begun = lookedAtClock;
-        outbox.Swap(inbox);
-        for (std::size_t index = 0; index < outbox.Size(); ++index) {
+        Time begun = lastClockReading;
+        eventsInDelivery.Swap(queuedEvents);
+        for (std::size_t index = 0; index < eventsInDelivery.Size(); ++index) {
             if (generation != current || deliveryStopped)
                 break;
-            const Event& event = outbox[index];
+            const Event& event = eventsInDelivery[index];
             delivering = true;
-            underWay = &event;
+            currentEvent = &event;
             Time ended;
             {
                 const Unlocked unlocked(mutex);
@@ -305,21 +306,21 @@ void QueueOwner::Core::Deliver() noexcept {
                 ended = std::chrono::steady_clock::now();
             }
             delivering = false;
-            underWay = nullptr;
-            NoteCallback(event, begun, ended);
-            begun = lookedAtClock = ended;
-            if (stopsAwaited > 0)
+            currentEvent = nullptr;
+            RecordCallbackDuration(event, begun, ended);
+            begun = lastClockReading = ended;
+            if (stopWaiters > 0)
                 changed.notify_all();
         }
-        outbox.Clear();
+        eventsInDelivery.Clear();
     }
 }
 
-void QueueOwner::Core::NoteCallback(const Event& event, Time begun, Time ended) noexcept {
+void QueueOwner::Core::RecordCallbackDuration(const Event& event, Time begun, Time ended) noexcept {
     if (ended - begun < SLOW_CALLBACK)
         return;
     try {
-        slowCallback = NameOf(event) + ", which took " + Seconds(ended - begun);
+        slowCallback = DescribeCallback(event) + ", which took " + Seconds(ended - begun);
     } catch (const std::bad_alloc&) {
         slowCallback.clear();
     }

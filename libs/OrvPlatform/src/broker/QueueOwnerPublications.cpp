@@ -42,7 +42,7 @@ int QueueOwner::Core::Publish(const std::string& topic, const std::string& paylo
     MutexLock lock(mutex);
     const int status = TryPublish(topic, payload, retained, assured);
     if (status != HANDED_OVER)
-        NoteRefusal(status, topic, payload.size());
+        RecordRefusal(status, topic, payload.size());
     return status;
 }
 
@@ -54,10 +54,10 @@ int QueueOwner::Core::TryPublish(const std::string& topic, const std::string& pa
     if (cost > settings.maxOutstandingBytes)
         return PAYLOAD_TOO_LARGE;
     // Before anything can go wrong: what was asked earlier on this topic must not be announced any more.
-    const auto noted = announced.Note(topic, payload, retained, assured);
-    if (noted == AnnouncedState::Noted::OUT_OF_MEMORY)
+    const auto outcome = announced.Remember(topic, payload, retained, assured);
+    if (outcome == AnnouncedState::Outcome::OUT_OF_MEMORY)
         return FAILED;
-    if (noted == AnnouncedState::Noted::NO_ROOM && !isForgettingReported)
+    if (outcome == AnnouncedState::Outcome::NO_ROOM && !isForgettingReported)
         isForgettingReported = Log(Severity::WARNING, [&] {
             return "there is more retained state than [broker] max_outstanding_bytes (" +
                    std::to_string(settings.maxOutstandingBytes) +
@@ -66,13 +66,13 @@ int QueueOwner::Core::TryPublish(const std::string& topic, const std::string& pa
         });
     if (!link.IsUp())
         return NOT_CONNECTED;
-    if (!outstanding.Admits(cost))
+    if (!outstanding.HasRoomFor(cost))
         return OUTSTANDING_FULL;
     const int status = Send(topic, payload, retained, assured);
     if (status != HANDED_OVER)
         return status;
-    if (noted == AnnouncedState::Noted::REMEMBERED)
-        announced.LatestWasSent();
+    if (outcome == AnnouncedState::Outcome::REMEMBERED)
+        announced.MarkLatestSent();
     Flush();
     return HANDED_OVER;
 }
@@ -80,8 +80,8 @@ int QueueOwner::Core::TryPublish(const std::string& topic, const std::string& pa
 // Sends from here when the socket has room; otherwise the delivery thread sends when it has.
 void QueueOwner::Core::Flush() noexcept {
     client->Write();
-    if (keepsUpAgain && link.IsUp())
-        KeepUpAgain();
+    if (congestionEnded && link.IsUp())
+        EndCongestion();
     if (link.IsUp())
         silence.Served(std::chrono::steady_clock::now());
     if (client->WantsWrite())
@@ -103,21 +103,21 @@ int QueueOwner::Core::Send(const std::string& topic, const std::string& payload,
 }
 
 // The delivery thread writes the record, as long as there is one: a publication must not wait for the log.
-void QueueOwner::Core::NoteRefusal(int status, const std::string& topic, std::size_t size) noexcept {
+void QueueOwner::Core::RecordRefusal(int status, const std::string& topic, std::size_t size) noexcept {
     const unsigned bit = 1U << static_cast<unsigned>(status);
-    bool isFirst = (refusalsSaid & bit) == 0;
+    bool isFirst = (reportedRefusals & bit) == 0;
     if (status == OUTSTANDING_FULL)
         isFirst = refusedForBytes++ == 0;
     else if (status == NOT_CONNECTED)
         ++refusedOffline;
     if (!isFirst)
         return;
-    refusalsSaid |= bit;
+    reportedRefusals |= bit;
     Log(Severity::WARNING, [&]() ORV_REQUIRES(mutex) {
         const std::string shown = Shortened(topic);
         switch (status) {
         case NOT_CONNECTED:
-            return "a publication on " + shown + " was refused: not connected to " + place +
+            return "a publication on " + shown + " was refused: not connected to " + endpoint +
                    "; more of them are counted until there is a connection";
         case MALFORMED_TOPIC:
             return "a publication was refused: the topic \"" + shown + "\" " + OrvPlatform::FaultOfTopic(topic);
@@ -140,14 +140,14 @@ void QueueOwner::Core::NoteRefusal(int status, const std::string& topic, std::si
 }
 
 // Without releasing the lock: no application's publication slips in, to be overtaken by an older one of the same topic.
-void QueueOwner::Core::Restore() noexcept {
+void QueueOwner::Core::RestoreSession() noexcept {
     link.BeginRestore();
     for (auto& subscription : subscriptions)
         client->Subscribe(subscription.filter, subscription.qos, subscription.messageId);
     unsigned news = 0;
     for (auto& announcement : announced.All()) {
-        news += announcement.owed ? 1 : 0;
-        announcement.owed =
+        news += announcement.pending ? 1 : 0;
+        announcement.pending =
             Send(announcement.topic, announcement.payload, announcement.retained, announcement.assured) != HANDED_OVER;
     }
     client->Write();
@@ -156,9 +156,9 @@ void QueueOwner::Core::Restore() noexcept {
     QueueEvent(Event::Kind::CONNECTED);
     const unsigned refused = refusedOffline + refusedForBytes;
     refusedOffline = refusedForBytes = 0;
-    keepsUpAgain = false;
+    congestionEnded = false;
     Log(link.IsEvictionReported() ? Severity::DEBUG : Severity::INFO, [&]() ORV_REQUIRES(mutex) {
-        return "connected again to " + place + " after " + Seconds(link.Outage(std::chrono::steady_clock::now())) +
+        return "connected again to " + endpoint + " after " + Seconds(link.Outage(std::chrono::steady_clock::now())) +
                "; " + std::to_string(subscriptions.size()) + " subscriptions and " +
                std::to_string(announced.All().size()) + " announcements made again" +
                (refused == 0 ? "" : "; " + Refused(refused, news));
@@ -166,15 +166,15 @@ void QueueOwner::Core::Restore() noexcept {
 }
 
 // What was refused while there was a connection. Stops at what does not fit: the oldest goes first.
-unsigned QueueOwner::Core::SendOwed() noexcept {
+unsigned QueueOwner::Core::SendPending() noexcept {
     unsigned sent = 0;
     for (auto& announcement : announced.All()) {
-        if (!announcement.owed)
+        if (!announcement.pending)
             continue;
-        if (!outstanding.Admits(OutstandingPublications::Cost(announcement.topic, announcement.payload)) ||
+        if (!outstanding.HasRoomFor(OutstandingPublications::Cost(announcement.topic, announcement.payload)) ||
             Send(announcement.topic, announcement.payload, announcement.retained, announcement.assured) != HANDED_OVER)
             break;
-        announcement.owed = false;
+        announcement.pending = false;
         ++sent;
     }
     if (sent != 0)
@@ -182,25 +182,25 @@ unsigned QueueOwner::Core::SendOwed() noexcept {
     return sent;
 }
 
-void QueueOwner::Core::KeepUpAgain() noexcept {
-    keepsUpAgain = false;
+void QueueOwner::Core::EndCongestion() noexcept {
+    congestionEnded = false;
     const unsigned refused = refusedForBytes;
     refusedForBytes = 0;
-    const unsigned sent = SendOwed();
+    const unsigned sent = SendPending();
     Log(Severity::INFO, [&] { return "the broker keeps up again; " + Refused(refused, sent); });
 }
 
-void QueueOwner::Core::OnTaken(int messageId) noexcept {
+void QueueOwner::Core::OnPublishCompleted(int messageId) noexcept {
     auto taken = outstanding.Take(messageId);
     if (refusedForBytes != 0 && outstanding.Bytes() <= settings.maxOutstandingBytes / 2)
-        keepsUpAgain = true;
+        congestionEnded = true;
     if (!taken || !taken->assured)
         return;
     try {
-        Event& event = inbox.Next();
+        Event& event = queuedEvents.Next();
         event.kind = Event::Kind::DELIVERED;
         event.topic = std::move(taken->topic);
-        inbox.Push();
+        queuedEvents.Push();
     } catch (const std::bad_alloc&) {
         ++dropped;
     }

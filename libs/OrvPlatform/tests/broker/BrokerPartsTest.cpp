@@ -83,11 +83,11 @@ TEST_F(AnEvictionWatch, GivesUpItsSuspicionOnceAConnectionLasts) {
 
 TEST(OutstandingPublicationsOfAKilobyte, AdmitUpToTheLimitAndNoFurther) {
     OutstandingPublications outstanding(1000);
-    EXPECT_TRUE(outstanding.Admits(1000));
-    EXPECT_FALSE(outstanding.Admits(1001));
+    EXPECT_TRUE(outstanding.HasRoomFor(1000));
+    EXPECT_FALSE(outstanding.HasRoomFor(1001));
     outstanding.Add(1, OutstandingPublications::Prepare({"a", 600, true}));
-    EXPECT_TRUE(outstanding.Admits(400));
-    EXPECT_FALSE(outstanding.Admits(401));
+    EXPECT_TRUE(outstanding.HasRoomFor(400));
+    EXPECT_FALSE(outstanding.HasRoomFor(401));
 }
 
 TEST(OutstandingPublicationsOfAKilobyte, MakeRoomAsTheBrokerTakesThem) {
@@ -134,14 +134,14 @@ TEST(OutstandingPublicationsOfAKilobyte, AreNoneOnceTheyAreCleared) {
 TEST(OutstandingPublicationsOfAKilobyte, AdmitNothingBeyondALimitThatAnnouncementsHavePassed) {
     OutstandingPublications outstanding(1000);
     outstanding.Add(1, OutstandingPublications::Prepare({"a", 1001, true}));
-    EXPECT_FALSE(outstanding.Admits(1));
+    EXPECT_FALSE(outstanding.HasRoomFor(1));
 }
 
 TEST(OutstandingPublicationsWithoutAByteLimit, NeverRunOutOfMessageIds) {
     OutstandingPublications outstanding(std::size_t{1} << 30U);
     for (int id = 1; id <= 60000; ++id)
         outstanding.Add(id, OutstandingPublications::Prepare({"", 1, false}));
-    EXPECT_FALSE(outstanding.Admits(1));
+    EXPECT_FALSE(outstanding.HasRoomFor(1));
 }
 
 class AnAnnouncedState : public testing::Test {
@@ -152,17 +152,17 @@ protected:
         std::vector<std::string> lines;
         for (const auto& one : state.All())
             lines.push_back(one.topic + "=" + one.payload + (one.retained ? " retained" : "") +
-                            (one.assured ? " assured" : "") + (one.owed ? " owed" : ""));
+                            (one.assured ? " assured" : "") + (one.pending ? " pending" : ""));
         return lines;
     }
 
     void Send(const std::string& topic, const std::string& payload, bool retained, bool assured) {
-        if (state.Note(topic, payload, retained, assured) == AnnouncedState::Noted::REMEMBERED)
-            state.LatestWasSent();
+        if (state.Remember(topic, payload, retained, assured) == AnnouncedState::Outcome::REMEMBERED)
+            state.MarkLatestSent();
     }
 
     void Refuse(const std::string& topic, const std::string& payload, bool retained, bool assured) {
-        state.Note(topic, payload, retained, assured);
+        state.Remember(topic, payload, retained, assured);
     }
 
     AnnouncedState state{LIMIT};
@@ -181,15 +181,15 @@ TEST_F(AnAnnouncedState, KeepsWhatWasAskedLastWhetherItWasSentOrNot) {
     Send("green", "On", true, true);
     Refuse("green", "Off", true, false);
     Refuse("yellow", "On", true, false);
-    EXPECT_EQ(Announcements(), (Lines{"green=Off retained owed", "yellow=On retained owed"}));
+    EXPECT_EQ(Announcements(), (Lines{"green=Off retained pending", "yellow=On retained pending"}));
     Send("green", "Blink", true, false);
-    EXPECT_EQ(Announcements(), (Lines{"yellow=On retained owed", "green=Blink retained"}));
+    EXPECT_EQ(Announcements(), (Lines{"yellow=On retained pending", "green=Blink retained"}));
 }
 
 TEST_F(AnAnnouncedState, ForgetsPlainMessages) {
     Send("command", "reset", false, true);
     Refuse("command", "reset", false, true);
-    EXPECT_EQ(state.Note("command", "reset", false, true), AnnouncedState::Noted::NOT_STATE);
+    EXPECT_EQ(state.Remember("command", "reset", false, true), AnnouncedState::Outcome::NOT_STATE);
     EXPECT_EQ(Announcements(), Lines{});
 }
 
@@ -200,44 +200,44 @@ TEST_F(AnAnnouncedState, DeletesARetainedTopicAgainThatWasDeleted) {
 }
 
 TEST_F(AnAnnouncedState, KeepsTheLastMessageOnTheWillsTopicWithItsKind) {
-    state.BeginAfresh("available");
+    state.BeginSession("available");
     Send("available", "true", false, false);
     Refuse("available", "maybe", false, true);
-    EXPECT_EQ(Announcements(), Lines{"available=maybe assured owed"});
+    EXPECT_EQ(Announcements(), Lines{"available=maybe assured pending"});
 }
 
 TEST_F(AnAnnouncedState, SaysTheWillsTopicOnceWhenItWasRetained) {
-    state.BeginAfresh("available");
+    state.BeginSession("available");
     Send("available", "soon", false, false);
     Send("available", "true", true, false);
     EXPECT_EQ(Announcements(), Lines{"available=true retained"});
 }
 
 TEST_F(AnAnnouncedState, EndsOnTheLastWordOnTheWillsTopic) {
-    state.BeginAfresh("available");
+    state.BeginSession("available");
     Send("available", "true", true, false);
     Send("available", "soon", false, false);
     EXPECT_EQ(Announcements(), (Lines{"available=true retained", "available=soon"}));
 }
 
 TEST_F(AnAnnouncedState, DeletesAgainWhatAWillMayHaveRetained) {
-    state.BeginAfresh("available");
+    state.BeginSession("available");
     Send("available", "", true, false);
     EXPECT_EQ(Announcements(), Lines{"available= retained"});
 }
 
 TEST_F(AnAnnouncedState, ForgetsTheWillsTopicWithTheWill) {
-    state.BeginAfresh("available");
+    state.BeginSession("available");
     Send("available", "true", false, false);
     Send("green", "On", true, false);
-    state.BeginAfresh("");
+    state.BeginSession("");
     Send("available", "true", false, false);
     EXPECT_EQ(Announcements(), Lines{"green=On retained"});
 }
 
 TEST_F(AnAnnouncedState, OwesNothingToAConnectionThatTheApplicationMakes) {
     Refuse("green", "On", true, false);
-    state.BeginAfresh("");
+    state.BeginSession("");
     EXPECT_EQ(Announcements(), Lines{"green=On retained"});
 }
 
@@ -260,28 +260,29 @@ protected:
 };
 
 TEST_F(AFullAnnouncedState, TakesNoFurtherTopicAndGoesOnWithThoseThatItHas) {
-    EXPECT_EQ(state.Note("c", "", true, false), AnnouncedState::Noted::NO_ROOM);
-    EXPECT_EQ(state.Note("a", std::string(MOST, 'y'), true, false), AnnouncedState::Noted::REMEMBERED);
+    EXPECT_EQ(state.Remember("c", "", true, false), AnnouncedState::Outcome::NO_ROOM);
+    EXPECT_EQ(state.Remember("a", std::string(MOST, 'y'), true, false), AnnouncedState::Outcome::REMEMBERED);
     EXPECT_EQ(Topics(), (Lines{"b", "a"}));
 }
 
 TEST_F(AFullAnnouncedState, AnnouncesNothingRatherThanWhatIsSuperseded) {
-    EXPECT_EQ(state.Note("a", std::string(MOST + 1, 'y'), true, false), AnnouncedState::Noted::NO_ROOM);
+    EXPECT_EQ(state.Remember("a", std::string(MOST + 1, 'y'), true, false), AnnouncedState::Outcome::NO_ROOM);
     EXPECT_EQ(Topics(), Lines{"b"});
-    EXPECT_EQ(state.Note("c", std::string(MOST, 'y'), true, false), AnnouncedState::Noted::REMEMBERED);
+    EXPECT_EQ(state.Remember("c", std::string(MOST, 'y'), true, false), AnnouncedState::Outcome::REMEMBERED);
     EXPECT_EQ(Topics(), (Lines{"b", "c"}));
 }
 
 TEST_F(AFullAnnouncedState, MakesRoomWithDeletionsThatWereHandedOver) {
     Send("a", "", true, false);
     Refuse("b", "", true, false);
-    EXPECT_EQ(state.Note("c", std::string(LIMIT - 2 * 128 - 2, 'x'), true, false), AnnouncedState::Noted::REMEMBERED);
+    EXPECT_EQ(state.Remember("c", std::string(LIMIT - 2 * 128 - 2, 'x'), true, false),
+              AnnouncedState::Outcome::REMEMBERED);
     EXPECT_EQ(Topics(), (Lines{"b", "c"}));
 }
 
 TEST_F(AFullAnnouncedState, StillTakesTheLastWordOnTheWillsTopic) {
-    state.BeginAfresh("available");
-    EXPECT_EQ(state.Note("available", "true", false, false), AnnouncedState::Noted::REMEMBERED);
+    state.BeginSession("available");
+    EXPECT_EQ(state.Remember("available", "true", false, false), AnnouncedState::Outcome::REMEMBERED);
     EXPECT_EQ(Topics(), (Lines{"a", "b", "available"}));
 }
 
@@ -291,19 +292,19 @@ TEST(AnAnnouncedStateWithoutMemory, AnnouncesNothingRatherThanWhatIsSuperseded) 
     const std::string payload(100, 'x');
     for (const bool retained : {true, false}) {
         for (const bool known : {true, false}) {
-            auto noted = AnnouncedState::Noted::OUT_OF_MEMORY;
-            for (int allocation = 1; noted == AnnouncedState::Noted::OUT_OF_MEMORY; ++allocation) {
+            auto outcome = AnnouncedState::Outcome::OUT_OF_MEMORY;
+            for (int allocation = 1; outcome == AnnouncedState::Outcome::OUT_OF_MEMORY; ++allocation) {
                 AnnouncedState state(1000);
-                state.BeginAfresh(topic);
+                state.BeginSession(topic);
                 if (known)
-                    state.Note(topic, "superseded", retained, true);
+                    state.Remember(topic, "superseded", retained, true);
                 OrvTest::FailAllocation(allocation);
-                noted = state.Note(topic, payload, retained, true);
-                EXPECT_EQ(OrvTest::HasFailedAllocation(), noted == AnnouncedState::Noted::OUT_OF_MEMORY);
+                outcome = state.Remember(topic, payload, retained, true);
+                EXPECT_EQ(OrvTest::HasFailedAllocation(), outcome == AnnouncedState::Outcome::OUT_OF_MEMORY);
                 OrvTest::FailAllocation(0);
-                EXPECT_EQ(state.All().size(), noted == AnnouncedState::Noted::OUT_OF_MEMORY ? 0U : 1U);
+                EXPECT_EQ(state.All().size(), outcome == AnnouncedState::Outcome::OUT_OF_MEMORY ? 0U : 1U);
                 EXPECT_TRUE(state.All().empty() || state.All().front().payload == payload);
-                EXPECT_TRUE(allocation > 1 || noted == AnnouncedState::Noted::OUT_OF_MEMORY);
+                EXPECT_TRUE(allocation > 1 || outcome == AnnouncedState::Outcome::OUT_OF_MEMORY);
             }
         }
     }
