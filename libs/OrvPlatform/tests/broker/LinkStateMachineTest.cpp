@@ -251,6 +251,37 @@ TEST_F(ALink, CallsARefusalNewOnceForEachReason) {
     EXPECT_TRUE(isNew(3)) << "it had been accepted meanwhile";
 }
 
+TEST_F(ALink, ForgetsRefusalsWhenTheApplicationConnectsAnew) {
+    Connect();
+    Lose();
+    WaitUntilDue();
+    link.Answered(5, now);
+    Lose();
+    EXPECT_TRUE(link.TakeNewRefusal());
+    link.Close();
+    link.Prepare();
+    EXPECT_EQ(link.Refusal(), 0);
+    link.ConnectBegun(now + 3s);
+    link.Answered(0, now);
+    Lose();
+    WaitUntilDue();
+    link.Answered(5, now);
+    Lose();
+    EXPECT_TRUE(link.TakeNewRefusal());
+}
+
+TEST_F(ALink, IsNotCalledEvictedByABrokerThatWasAway) {
+    Connect();
+    for (int restart = 0; restart < 5; ++restart) {
+        now += 1s;
+        Lose(true);
+        EXPECT_EQ(link.ReportOfLoss(), Link::LossReport::LOSS);
+        WaitUntilDue();
+        Lose();
+        Reconnect();
+    }
+}
+
 TEST_F(ALink, IsReportedAsLostEachTimeButAsEvictedOnce) {
     Connect();
     std::vector<Link::LossReport> reports;
