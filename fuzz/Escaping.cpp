@@ -7,8 +7,6 @@
 #include <cstdint>
 #include <fuzzer/FuzzedDataProvider.h>
 #include <memory>
-#include <spdlog/details/null_mutex.h>
-#include <spdlog/sinks/base_sink.h>
 
 namespace {
 
@@ -35,15 +33,12 @@ std::string Unescaped(const std::string& line) {
     return text;
 }
 
-class KeepingSink : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
+class KeepingOutput : public OrvPlatform::LogOutput {
 public:
-    explicit KeepingSink(std::string& destination) : kept(destination) {}
+    explicit KeepingOutput(std::string& destination) : kept(destination) {}
 
-protected:
-    void sink_it_(const spdlog::details::log_msg& message) override {
-        kept.assign(message.payload.data(), message.payload.size());
-    }
-    void flush_() override {}
+    void Write(OrvPlatform::LogLevel, std::string_view, std::string_view text) override { kept = text; }
+    void Flush() override {}
 
 private:
     std::string& kept;
@@ -71,8 +66,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Require(taken == text.size() || room - cut.size() < 16, "nothing that fits is left out");
 
     std::string line;
-    OrvPlatform::LogChannel log(std::make_shared<KeepingSink>(line));
-    log.Write({2, "Fuzz", tag, text});
+    OrvPlatform::LogChannel log(std::make_unique<KeepingOutput>(line));
+    log.Write({OrvPlatform::LogLevel::INFO, "Fuzz", tag, text});
     Require(IsOneCleanLine(line), "a record is one clean line");
     Require(line.size() <= OrvPlatform::maxRecordBytes + 64, "a record keeps to its size");
     return 0;

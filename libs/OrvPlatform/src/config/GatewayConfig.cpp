@@ -2,10 +2,9 @@
 #include "config/GatewayConfig.h"
 
 #include "base/FileDescriptor.h"
-#include "base/OncePerProcess.h"
 #include "base/ProgramName.h"
+#include "base/Text.h"
 #include "config/GatewaySettings.h"
-#include "log/LogChannel.h"
 #include "log/LogEscape.h"
 
 #include <cerrno>
@@ -83,8 +82,6 @@ void NoteRole(LoadedConfig& loaded) {
                                  ", orders from the connection manager or publishes for the whole gateway is dropped");
 }
 
-OncePerProcess<LoadedConfig> loadedConfig;
-
 struct Place {
     std::string path = defaultPath;
     bool mayBeMissing = true;
@@ -95,7 +92,9 @@ Place PlaceOfTheFile() {
     return named != nullptr && *named != '\0' ? Place{named, false} : Place();
 }
 
-LoadedConfig Load() {
+} // namespace
+
+LoadedConfig LoadGatewayConfig() {
     const Place place = PlaceOfTheFile();
     LoadedConfig loaded = ReadGatewayConfig(place.path, place.mayBeMissing);
     ApplyEnvironment(loaded);
@@ -103,8 +102,6 @@ LoadedConfig Load() {
     NoteRole(loaded);
     return loaded;
 }
-
-} // namespace
 
 LoadedConfig ReadGatewayConfig(const std::string& path, bool mayBeMissing, const GatewayConfig* inForce) {
     LoadedConfig loaded;
@@ -131,35 +128,16 @@ LoadedConfig ReadGatewayConfig(const std::string& path, bool mayBeMissing, const
     return loaded;
 }
 
-const LoadedConfig& LoadedGatewayConfig() {
-    return loadedConfig.Get([] { return new LoadedConfig(Load()); });
-}
-
-RereadLogLevels LogLevelsReadAnew(const LogLevels& inForce) {
+RereadLogLevels LogLevelsReadAnew(const GatewayConfig& inForce) {
     const Place place = PlaceOfTheFile();
     LoadedConfig loaded = ReadGatewayConfig(place.path, place.mayBeMissing);
     if (!loaded.problems.empty()) {
         // Once more, because what is in force is not the defaults.
-        GatewayConfig running = LoadedGatewayConfig().config;
-        running.log.levels = inForce;
-        loaded = ReadGatewayConfig(place.path, place.mayBeMissing, &running);
-        return {inForce, Escaped(place.path), loaded.problems};
+        loaded = ReadGatewayConfig(place.path, place.mayBeMissing, &inForce);
+        return {inForce.log.levels, Escaped(place.path), loaded.problems};
     }
     ApplyLogLevelVariable(loaded); // what it holds that is no level was reported at the start
     return {loaded.config.log.levels, Escaped(place.path), {}};
-}
-
-void BeforeForkOfGatewayConfig() {
-    loadedConfig.BeforeFork();
-}
-
-void AfterForkOfGatewayConfig() {
-    loadedConfig.AfterFork();
-}
-
-const GatewayConfig& Config() {
-    ProcessLog(); // reports what is wrong with the settings
-    return LoadedGatewayConfig().config;
 }
 
 } // namespace OrvPlatform

@@ -96,14 +96,13 @@ struct LoadedConfig : ParsedConfig {
 
 /// Reads the file at `path`. A file that cannot be read is a problem, except that a missing one is none when
 /// `mayBeMissing`.
-/// @param inForce  the settings that a program runs with already, which then are what reports call in force; null at
-/// the
-///                 start, when those are the defaults
+/// @param inForce  the settings that a program runs with already, which then are what reports call in force; null
+///                 at the start, when those are the defaults
 LoadedConfig ReadGatewayConfig(const std::string& path, bool mayBeMissing, const GatewayConfig* inForce = nullptr);
 
 /// The file that the environment names, or the default one, with ORV_LOG_LEVEL, ORV_CLIENT_ID_SUFFIX and
-/// ORV_GATEWAY_CONTROLLER applied; read once on first use and never destroyed. Reports nothing.
-const LoadedConfig& LoadedGatewayConfig();
+/// ORV_GATEWAY_CONTROLLER applied. Reports nothing.
+LoadedConfig LoadGatewayConfig();
 
 /// The levels of the log as the file and the environment have them at this moment.
 struct RereadLogLevels {
@@ -111,19 +110,15 @@ struct RereadLogLevels {
     std::string file;                  // escaped
     std::vector<std::string> problems; // of the whole file
 };
-/// @param inForce the levels that stay when there is a problem
-RereadLogLevels LogLevelsReadAnew(const LogLevels& inForce);
-
-/// Round a fork, so that the child does not find the settings half read. The log calls them.
-void BeforeForkOfGatewayConfig();
-void AfterForkOfGatewayConfig();
+/// @param inForce the settings that the program runs with; their levels stay when there is a problem
+RereadLogLevels LogLevelsReadAnew(const GatewayConfig& inForce);
 
 /// Every setting in the form of the configuration file, one line of text each, section lines included.
 std::string ShowGatewayConfig(const GatewayConfig& config);
 
 /// The settings of this process, read once on first use. What is wrong with them is reported once, on stderr and in the
 /// log, and the defaults stand in for what could not be read. Callable from any thread, also during static destruction;
-/// never throws.
+/// never throws. ProcessWide.cpp owns them.
 const GatewayConfig& Config();
 
 } // namespace OrvPlatform

@@ -16,7 +16,7 @@ namespace OrvPlatform {
 constexpr std::size_t maxRecordBytes = 8192;
 
 struct LogRecord {
-    int level = 0;                       // 0 trace ... 5 critical
+    LogLevel level = LogLevel::TRACE;
     std::string_view logger;             // escaped already
     std::string_view tag;                // may be empty
     std::string_view text;               // what there is of it
@@ -24,11 +24,11 @@ struct LogRecord {
     bool flush = false;
 };
 
-/// Brings records to a sink, one at a time. When the sink fails, the record is lost; standard error says so once, and
-/// the sink itself, as soon as it works again, how many records are missing.
+/// Brings records to an output, one at a time. When that fails, the record is lost; standard error says so once, and
+/// the output itself, as soon as it works again, how many records are missing.
 class LogChannel {
 public:
-    explicit LogChannel(std::shared_ptr<spdlog::sinks::sink> destination);
+    explicit LogChannel(std::unique_ptr<LogOutput> destination);
     LogChannel(const LogChannel&) = delete;
     LogChannel& operator=(const LogChannel&) = delete;
 
@@ -41,18 +41,14 @@ public:
 
 private:
     void Compose(const LogRecord& record);
-    void Emit(int level, std::string_view logger, std::string_view text);
     void NoteLoss(const char* reason) noexcept;
     void TellLoss();
 
     std::mutex mutex;
-    std::shared_ptr<spdlog::sinks::sink> sink;
+    const std::unique_ptr<LogOutput> output;
     std::string line; // reused
     std::size_t lost = 0;
     std::string lossReason;
 };
-
-/// The log of this process, made on first use with the configured sink and never destroyed.
-LogChannel& ProcessLog();
 
 } // namespace OrvPlatform

@@ -14,20 +14,21 @@ namespace {
 
 constexpr const char* blanks = " \t";
 
-constexpr std::array<const char*, offLevel + 1> names = {"trace", "debug",    "info", "warning",
-                                                         "error", "critical", "off"};
+constexpr int highest = static_cast<int>(LogLevel::OFF);
+constexpr std::array<const char*, highest + 1> names = {"trace", "debug",    "info", "warning",
+                                                        "error", "critical", "off"};
 
-std::optional<int> LevelFrom(const std::string& word) {
-    if (word.size() == 1 && word[0] >= '0' && word[0] <= '0' + offLevel)
-        return word[0] - '0';
+std::optional<LogLevel> LevelFrom(const std::string& word) {
+    if (word.size() == 1 && word[0] >= '0' && word[0] <= '0' + highest)
+        return static_cast<LogLevel>(word[0] - '0');
     const std::string lower = CommonUtils::StringHelpers::ToLower(word);
     for (std::size_t level = 0; level < names.size(); ++level)
         if (lower == names[level])
-            return static_cast<int>(level);
+            return static_cast<LogLevel>(level);
     if (lower == "warn")
-        return 3;
+        return LogLevel::WARNING;
     if (lower == "err")
-        return 4;
+        return LogLevel::ERROR;
     return std::nullopt;
 }
 
@@ -61,7 +62,7 @@ bool ApplyItem(const std::string& item, LogLevels& levels) {
 
 } // namespace
 
-int LogLevels::Of(std::string_view logger) const {
+LogLevel LogLevels::Of(std::string_view logger) const {
     for (const auto& [name, own] : loggers)
         if (name == logger)
             return own;
@@ -75,8 +76,12 @@ std::string LogLevels::Text() const {
     return text;
 }
 
-const char* LogLevelName(int level) {
-    return names[static_cast<std::size_t>(std::clamp(level, 0, offLevel))];
+const char* LogLevelName(LogLevel level) {
+    return names[static_cast<std::size_t>(level)];
+}
+
+LogLevel LogLevelFrom(int number) {
+    return static_cast<LogLevel>(std::clamp(number, 0, highest));
 }
 
 std::vector<std::string> ApplyLogLevels(std::string_view list, LogLevels& levels) {

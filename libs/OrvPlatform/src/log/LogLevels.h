@@ -8,7 +8,8 @@
 
 namespace OrvPlatform {
 
-constexpr int offLevel = 6;
+/// How severe a record is, in the numbers of the contract. OFF is for thresholds only.
+enum class LogLevel : int { TRACE, DEBUG, INFO, WARNING, ERROR, CRITICAL, OFF };
 
 /// What is valid as a list of levels, for messages.
 constexpr const char* validLogLevels =
@@ -17,15 +18,18 @@ constexpr const char* validLogLevels =
 
 /// Which records are wanted: those at or above a level, with exceptions for single loggers.
 struct LogLevels {
-    int level = 2; // 0 trace ... 5 critical, 6 off
-    std::vector<std::pair<std::string, int>> loggers;
+    LogLevel level = LogLevel::INFO;
+    std::vector<std::pair<std::string, LogLevel>> loggers;
 
-    int Of(std::string_view logger) const;
+    LogLevel Of(std::string_view logger) const;
     std::string Text() const;
 };
 
 /// "trace" ... "critical", "off".
-const char* LogLevelName(int level);
+const char* LogLevelName(LogLevel level);
+
+/// The contract's number as a level; what is beyond either end is that end.
+LogLevel LogLevelFrom(int number);
 
 /// Puts the items of a list such as "info,OrvRoute=trace" into force. An item that cannot be read changes nothing.
 /// @return the items that could not be read

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "log/LogLevelsInForce.h"
 
-#include "config/GatewayConfig.h"
+#include "log/ProcessLog.h"
 
 #include <algorithm>
 
@@ -21,10 +21,10 @@ std::atomic<const Kept*> inForce{nullptr}; // null: the levels of the start
 std::atomic<unsigned> numberInForce{0};
 
 constexpr unsigned bitsOfALevel = 3;
-static_assert(offLevel < (1 << bitsOfALevel));
+static_assert(static_cast<int>(LogLevel::OFF) < (1 << bitsOfALevel));
 
 const LogLevels& LevelsOf(const Kept* kept) {
-    return kept != nullptr ? kept->levels : LoadedGatewayConfig().config.log.levels;
+    return kept != nullptr ? kept->levels : LogLevelsAtStart();
 }
 
 const Kept* FindOrKeep(const LogLevels& levels) {
@@ -53,20 +53,20 @@ void PutLogLevelsInForce(const LogLevels& levels) {
     numberInForce.store(kept->number, std::memory_order_release);
 }
 
-LogThreshold::LogThreshold(std::string_view source, int ownLevel) : own(ownLevel) {
+LogThreshold::LogThreshold(std::string_view source, LogLevel ownLevel) : own(ownLevel) {
     LookUp(source);
 }
 
-int LogThreshold::Of(std::string_view source) const {
+LogLevel LogThreshold::Of(std::string_view source) const {
     const unsigned word = remembered.load(std::memory_order_relaxed);
     if (word >> bitsOfALevel == numberInForce.load(std::memory_order_relaxed))
-        return static_cast<int>(word & ((1U << bitsOfALevel) - 1));
+        return static_cast<LogLevel>(word & ((1U << bitsOfALevel) - 1));
     return LookUp(source);
 }
 
-int LogThreshold::LookUp(std::string_view source) const {
+LogLevel LogThreshold::LookUp(std::string_view source) const {
     const Kept* kept = inForce.load(std::memory_order_acquire);
-    const int threshold = std::clamp(std::max(own, LevelsOf(kept).Of(source)), 0, offLevel);
+    const LogLevel threshold = std::max(own, LevelsOf(kept).Of(source));
     const unsigned number = kept == nullptr ? 0 : kept->number;
     remembered.store(number << bitsOfALevel | static_cast<unsigned>(threshold), std::memory_order_relaxed);
     return threshold;

@@ -18,15 +18,15 @@ void PutLogLevelsInForce(const LogLevels& levels);
 /// and looked up again when other levels are in force.
 class LogThreshold {
 public:
-    LogThreshold(std::string_view source, int ownLevel);
+    LogThreshold(std::string_view source, LogLevel ownLevel);
 
     /// Two relaxed loads as long as the levels stay the same.
-    int Of(std::string_view source) const;
+    LogLevel Of(std::string_view source) const;
 
 private:
-    int LookUp(std::string_view source) const;
+    LogLevel LookUp(std::string_view source) const;
 
-    const int own;
+    const LogLevel own;
     // Which levels it was looked up in, and the result, in one word: both belong together.
     mutable std::atomic<unsigned> remembered{0};
 };

@@ -1,16 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "log/LogSinks.h"
 
+#include "base/FileDescriptor.h"
+#include "base/Text.h"
+#include "log/LogLayout.h"
 #include "log/LogWrites.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <fcntl.h>
-#include <spdlog/details/null_mutex.h>
-#include <spdlog/pattern_formatter.h>
-#include <spdlog/sinks/base_sink.h>
 #include <string_view>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -23,26 +24,22 @@ namespace OrvPlatform {
 
 namespace {
 
-using spdlog::details::log_msg;
-using LineSink = spdlog::sinks::base_sink<spdlog::details::null_mutex>;
-
-/// UTC needs no time zone rules, and does not jump when the clocks change.
-std::unique_ptr<spdlog::formatter> Layout(const char* pattern, const char* lineEnd) {
-    return std::make_unique<spdlog::pattern_formatter>(pattern, spdlog::pattern_time_type::utc, lineEnd);
-}
-
-std::unique_ptr<spdlog::formatter> LayoutWithTime() {
-    return Layout("%Y-%m-%dT%H:%M:%S.%eZ %l [%n] %v", "\n");
+/// Time, level, logger and text as a line.
+void AppendLine(LogLevel level, std::string_view logger, std::string_view text, std::string& line) {
+    AppendTime(std::chrono::system_clock::now(), line);
+    line += ' ';
+    AppendRecord(level, logger, text, line);
+    line += '\n';
 }
 
 [[noreturn]] void Fail(const std::string& what, int error) {
-    throw spdlog::spdlog_ex(what + ": " + ErrorText(error));
+    throw LogLoss(what + ": " + ErrorText(error));
 }
 
 /// Remembers when a failed write left the beginning of a line behind, so that the next record does not continue it.
 class LineWriter {
 public:
-    Written Write(int file, const spdlog::memory_buf_t& line) {
+    Written Write(int file, std::string_view line) {
         std::size_t mended = 0;
         if (midLine) {
             const Written end = WriteAll(file, "\n");
@@ -50,7 +47,7 @@ public:
                 return end;
             mended = 1;
         }
-        Written written = WriteAll(file, {line.data(), line.size()});
+        Written written = WriteAll(file, line);
         midLine = written.bytes > 0 && written.error != 0;
         written.bytes += mended;
         return written;
@@ -62,48 +59,46 @@ private:
     bool midLine = false;
 };
 
-int Severity(spdlog::level::level_enum level) {
+int Severity(LogLevel level) {
     switch (level) {
-    case spdlog::level::trace:
-    case spdlog::level::debug:
+    case LogLevel::TRACE:
+    case LogLevel::DEBUG:
         return LOG_DEBUG;
-    case spdlog::level::info:
+    case LogLevel::INFO:
         return LOG_INFO;
-    case spdlog::level::warn:
+    case LogLevel::WARNING:
         return LOG_WARNING;
-    case spdlog::level::err:
+    case LogLevel::ERROR:
         return LOG_ERR;
-    case spdlog::level::critical:
-    case spdlog::level::off:
-    case spdlog::level::n_levels:
+    case LogLevel::CRITICAL:
+    case LogLevel::OFF:
         return LOG_CRIT;
     }
     return LOG_CRIT;
 }
 
-class StderrSink final : public LineSink {
+class StderrSink final : public LogOutput {
 public:
-    explicit StderrSink(int opened) : LineSink(LayoutWithTime()), descriptor(opened) {}
+    explicit StderrSink(int opened) : descriptor(opened) {}
 
-protected:
-    void sink_it_(const log_msg& message) override {
-        spdlog::memory_buf_t line;
+    void Write(LogLevel level, std::string_view logger, std::string_view text) override {
+        line.clear();
         if (IsJournal())
-            AppendPriority(message.level, line);
-        formatter_->format(message, line);
+            AppendPriority(level, line);
+        AppendLine(level, logger, text, line);
         const bool lastIsWhole = FinishLast();
-        const Written written = WriteWithoutWaiting(descriptor, {line.data(), line.size()});
+        const Written written = WriteWithoutWaiting(descriptor, line);
         if (written.error == EAGAIN && written.bytes > 0)
-            unfinished = {{line.data() + written.bytes, line.size() - written.bytes}, Target(), ::getpid()};
+            unfinished = {line.substr(written.bytes), Target(), ::getpid()};
         else if (written.error != 0) {
             if (written.bytes > 0)
                 unfinished = {"\n", Target(), ::getpid()};
             FailToWrite(written.error);
         }
         if (!lastIsWhole)
-            throw spdlog::spdlog_ex("standard error was replaced in the middle of a record");
+            throw LogLoss("standard error was replaced in the middle of a record");
     }
-    void flush_() override {}
+    void Flush() override {}
 
 private:
     /// What is still to come of the last record, or of its line when it was lost on the way.
@@ -139,9 +134,9 @@ private:
         return journal == std::to_string(device) + ":" + std::to_string(inode);
     }
 
-    static void AppendPriority(spdlog::level::level_enum level, spdlog::memory_buf_t& line) {
+    static void AppendPriority(LogLevel level, std::string& line) {
         const char prefix[] = {'<', static_cast<char>('0' + Severity(level)), '>'};
-        line.append(prefix, prefix + sizeof prefix);
+        line.append(prefix, sizeof prefix);
     }
 
     static std::string JournalStream() {
@@ -157,54 +152,51 @@ private:
 
     [[noreturn]] static void FailToWrite(int error) {
         if (error == EAGAIN)
-            throw spdlog::spdlog_ex("standard error: its reader does not keep up");
+            throw LogLoss("standard error: its reader does not keep up");
         Fail("standard error", error);
     }
 
     const int descriptor;
     const std::string journal = JournalStream();
     Unfinished unfinished;
+    std::string line; // kept for its room
 };
 
-class FileSink final : public LineSink {
+class FileSink final : public LogOutput {
 public:
     FileSink(std::string filePath, std::size_t mostBytes, std::size_t files)
-        : LineSink(LayoutWithTime()), path(std::move(filePath)), maxBytes(mostBytes), count(files) {}
-    ~FileSink() override { Close(); }
-    FileSink(const FileSink&) = delete;
-    FileSink& operator=(const FileSink&) = delete;
+        : path(std::move(filePath)), maxBytes(mostBytes), count(files) {}
 
-protected:
-    void sink_it_(const log_msg& message) override {
-        spdlog::memory_buf_t line;
-        formatter_->format(message, line);
-        if (file < 0)
+    void Write(LogLevel level, std::string_view logger, std::string_view text) override {
+        line.clear();
+        AppendLine(level, logger, text, line);
+        if (!file.IsOpen())
             Open();
         if (bounded && size > 0 && size + line.size() > maxBytes)
             Rotate();
-        const Written written = writer.Write(file, line);
+        const Written written = writer.Write(file.Number(), line);
         size += written.bytes;
         if (written.error != 0) {
             // The storage may have been unmounted or exchanged: the next record looks again.
-            Close();
+            file.Reset();
             Fail(path, written.error);
         }
     }
 
-    void flush_() override {
-        if (file >= 0 && bounded && ::fdatasync(file) != 0)
+    void Flush() override {
+        if (file.IsOpen() && bounded && ::fdatasync(file.Number()) != 0)
             Fail(path, errno);
     }
 
 private:
     void Open() {
-        file = OpenOnce();
-        if (file < 0 && errno == ENOENT && MakeFolder())
-            file = OpenOnce();
+        file.Reset(OpenOnce());
+        if (!file.IsOpen() && errno == ENOENT && MakeFolder())
+            file.Reset(OpenOnce());
         struct stat status = {};
-        if (file < 0 || ::fstat(file, &status) != 0) {
+        if (!file.IsOpen() || ::fstat(file.Number(), &status) != 0) {
             const int error = errno;
-            Close();
+            file.Reset();
             Fail(path, error);
         }
         bounded = S_ISREG(status.st_mode);
@@ -223,7 +215,7 @@ private:
     }
 
     void Rotate() {
-        Close();
+        file.Reset();
         for (std::size_t number = count - 1; number > 0; --number)
             if (::rename(Numbered(number - 1).c_str(), Numbered(number).c_str()) != 0 && errno != ENOENT)
                 Fail(Numbered(number), errno);
@@ -235,47 +227,36 @@ private:
 
     std::string Numbered(std::size_t number) const { return number == 0 ? path : path + "." + std::to_string(number); }
 
-    void Close() noexcept {
-        if (file >= 0)
-            ::close(file);
-        file = -1;
-    }
-
     const std::string path;
     const std::size_t maxBytes;
     const std::size_t count;
 
-    int file = -1;
+    FileDescriptor file;
     bool bounded = false; // a device or a pipe has no size
     std::size_t size = 0;
     LineWriter writer;
+    std::string line; // kept for its room
 };
 
-class SyslogSink final : public LineSink {
+class SyslogSink final : public LogOutput {
 public:
-    SyslogSink(std::string path, std::string program)
-        : LineSink(Layout("%l [%n] %v", "")), socketPath(std::move(path)), programName(std::move(program)) {}
-    ~SyslogSink() override { Close(); }
-    SyslogSink(const SyslogSink&) = delete;
-    SyslogSink& operator=(const SyslogSink&) = delete;
+    SyslogSink(std::string path, std::string program) : socketPath(std::move(path)), programName(std::move(program)) {}
 
-protected:
-    void sink_it_(const log_msg& message) override {
-        spdlog::memory_buf_t line;
-        formatter_->format(message, line);
-        const std::string packet = "<" + std::to_string(LOG_DAEMON | Severity(message.level)) + ">" + programName +
-                                   "[" + std::to_string(::getpid()) + "]: " + std::string(line.data(), line.size());
+    void Write(LogLevel level, std::string_view logger, std::string_view text) override {
+        std::string packet = "<" + std::to_string(LOG_DAEMON | Severity(level)) + ">" + programName + "[" +
+                             std::to_string(::getpid()) + "]: ";
+        AppendRecord(level, logger, text, packet);
         // The second attempt finds a daemon that has been restarted since the last record.
-        int error = socket < 0 ? ENOTCONN : Send(packet);
+        int error = !socket.IsOpen() ? ENOTCONN : Send(packet);
         if (error != 0 && error != EAGAIN && error != EMSGSIZE) {
-            Close();
+            socket.Reset();
             Connect();
             error = Send(packet);
         }
         if (error != 0)
             Fail(socketPath, error);
     }
-    void flush_() override {}
+    void Flush() override {}
 
 private:
     void Connect() {
@@ -284,46 +265,40 @@ private:
         if (socketPath.size() >= sizeof address.sun_path)
             Fail(socketPath, ENAMETOOLONG);
         std::memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
-        socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        if (socket < 0)
+        socket.Reset(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        if (!socket.IsOpen())
             Fail(socketPath, errno);
-        if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        if (::connect(socket.Number(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
             const int error = errno;
-            Close();
+            socket.Reset();
             Fail(socketPath, error);
         }
     }
 
     int Send(const std::string& packet) const noexcept {
-        while (::send(socket, packet.data(), packet.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0)
+        while (::send(socket.Number(), packet.data(), packet.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0)
             if (errno != EINTR)
                 return errno;
         return 0;
     }
 
-    void Close() noexcept {
-        if (socket >= 0)
-            ::close(socket);
-        socket = -1;
-    }
-
     const std::string socketPath;
     const std::string programName;
-    int socket = -1;
+    FileDescriptor socket;
 };
 
 } // namespace
 
-std::shared_ptr<spdlog::sinks::sink> MakeStderrSink(int descriptor) {
-    return std::make_shared<StderrSink>(descriptor);
+std::unique_ptr<LogOutput> MakeStderrSink(int descriptor) {
+    return std::make_unique<StderrSink>(descriptor);
 }
 
-std::shared_ptr<spdlog::sinks::sink> MakeFileSink(std::string path, std::size_t maxBytes, std::size_t count) {
-    return std::make_shared<FileSink>(std::move(path), maxBytes, count);
+std::unique_ptr<LogOutput> MakeFileSink(std::string path, std::size_t maxBytes, std::size_t count) {
+    return std::make_unique<FileSink>(std::move(path), maxBytes, count);
 }
 
-std::shared_ptr<spdlog::sinks::sink> MakeSyslogSink(std::string socketPath, std::string programName) {
-    return std::make_shared<SyslogSink>(std::move(socketPath), std::move(programName));
+std::unique_ptr<LogOutput> MakeSyslogSink(std::string socketPath, std::string programName) {
+    return std::make_unique<SyslogSink>(std::move(socketPath), std::move(programName));
 }
 
 void WriteToStderr(const std::string& text) noexcept {
@@ -332,11 +307,6 @@ void WriteToStderr(const std::string& text) noexcept {
     } catch (const std::exception&) {
         // No memory: it is lost.
     }
-}
-
-std::string ErrorText(int error) {
-    char buffer[128];
-    return ::strerror_r(error, buffer, sizeof buffer);
 }
 
 } // namespace OrvPlatform

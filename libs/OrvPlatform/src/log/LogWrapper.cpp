@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "quillogger/LogWrapper.h"
 
-#include "log/LogChannel.h"
 #include "log/LogEscape.h"
 #include "log/LogLevelsInForce.h"
+#include "log/ProcessLog.h"
 
 #include <algorithm>
 #include <cstdarg>
@@ -61,7 +61,7 @@ std::string LoggerName(std::string_view source, int line) {
 } // namespace
 
 void LogWrapper::Log(int level, bool flag, const char* file, int line, const char* function, const char* format, ...) {
-    const int known = std::clamp(level, 0, 5);
+    const auto known = std::min(OrvPlatform::LogLevelFrom(level), OrvPlatform::LogLevel::CRITICAL);
     const std::string_view source = SourceName(OrEmpty(file));
     if (known < OrvPlatform::LogLevelsInForce().Of(source))
         return;

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "CommonUtils/Logger.h"
 
-#include "log/LogChannel.h"
 #include "log/LogEscape.h"
 #include "log/LogLevelsInForce.h"
+#include "log/ProcessLog.h"
 
 #include <algorithm>
 #include <array>
@@ -12,6 +12,8 @@
 #include <utility>
 
 namespace CommonUtils {
+
+using OrvPlatform::LogLevel;
 
 namespace {
 
@@ -58,7 +60,7 @@ struct LogObject::Record {
         stream.imbue(std::locale::classic());
     }
 
-    void Open(const std::string& source, int recordLevel, const char* recordTag) {
+    void Open(const std::string& source, LogLevel recordLevel, const char* recordTag) {
         logger = source;
         level = recordLevel;
         tag = recordTag == nullptr ? std::string_view() : std::string_view(recordTag);
@@ -76,7 +78,7 @@ struct LogObject::Record {
     }
 
     std::string logger;
-    int level = 0;
+    LogLevel level = LogLevel::TRACE;
     std::string_view tag;
     BoundedText text;
     std::ostream stream;
@@ -131,7 +133,7 @@ SpareRecords* ThisThreadsSpares() {
     return &spares;
 }
 
-std::unique_ptr<Record> OpenRecord(const std::string& logger, int level, const char* tag) {
+std::unique_ptr<Record> OpenRecord(const std::string& logger, LogLevel level, const char* tag) {
     std::unique_ptr<Record> record;
     if (SpareRecords* spares = ThisThreadsSpares())
         record = spares->Take();
@@ -185,9 +187,11 @@ std::ostream* LogObject::Stream() noexcept {
 
 struct Logger::Source {
     Source(const std::string& givenName, int level)
-        : name(givenName), shownName(OrvPlatform::Escaped(givenName)), threshold(givenName, level) {}
+        : name(givenName),
+          shownName(OrvPlatform::Escaped(givenName)),
+          threshold(givenName, OrvPlatform::LogLevelFrom(level)) {}
 
-    LogObject Open(int level, const char* tag) const {
+    LogObject Open(LogLevel level, const char* tag) const {
         return LogObject(level < threshold.Of(name) ? nullptr : OpenRecord(shownName, level, tag));
     }
 
@@ -203,23 +207,23 @@ Logger::Logger(Logger&& other) noexcept = default;
 Logger& Logger::operator=(Logger&& other) noexcept = default;
 
 LogObject Logger::Trace(const char* tag) {
-    return source->Open(0, tag);
+    return source->Open(LogLevel::TRACE, tag);
 }
 
 LogObject Logger::Debug(const char* tag) {
-    return source->Open(1, tag);
+    return source->Open(LogLevel::DEBUG, tag);
 }
 
 LogObject Logger::Info(const char* tag) {
-    return source->Open(2, tag);
+    return source->Open(LogLevel::INFO, tag);
 }
 
 LogObject Logger::Warning(const char* tag) {
-    return source->Open(3, tag);
+    return source->Open(LogLevel::WARNING, tag);
 }
 
 LogObject Logger::Error(const char* tag) {
-    return source->Open(4, tag);
+    return source->Open(LogLevel::ERROR, tag);
 }
 
 } // namespace CommonUtils

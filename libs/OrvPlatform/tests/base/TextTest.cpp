@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "base/Text.h"
 
+#include <cerrno>
 #include <gtest/gtest.h>
 
 namespace OrvPlatform {
@@ -18,6 +19,11 @@ TEST(TrimmedText, IsEmptyWhereThereAreOnlyBlanks) {
 
 TEST(TrimmedText, KeepsWhatCountsForNoBlank) {
     EXPECT_EQ(Trimmed(" \ta ", " "), "\ta");
+}
+
+TEST(AnErrorNumber, HasAText) {
+    EXPECT_EQ(ErrorText(ENOENT), "No such file or directory");
+    EXPECT_EQ(ErrorText(12345), "Unknown error 12345");
 }
 
 } // namespace

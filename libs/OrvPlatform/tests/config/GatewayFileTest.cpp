@@ -125,7 +125,7 @@ TEST_F(TheSettingsOfAProcess, ComeFromTheFileThatTheEnvironmentNames) {
 
 TEST_F(TheSettingsOfAProcess, ComeFromTheGatewaysFileWhenTheEnvironmentNamesNone) {
     const auto printNotes = [] {
-        const auto& loaded = LoadedGatewayConfig();
+        const auto loaded = LoadGatewayConfig();
         for (const std::string& text : loaded.notes)
             std::fprintf(stderr, "%s\n", text.c_str());
         for (const std::string& text : loaded.problems)

@@ -244,25 +244,25 @@ protected:
 };
 
 TEST_F(ARecord, ShowsItsTagBeforeItsText) {
-    EXPECT_EQ(Written({0, "Test", "Tick", "text"}), "trace [Test] Tick: text");
-    EXPECT_EQ(Written({0, "Test", "Init", "(name=x)"}), "trace [Test] Init(name=x)");
-    EXPECT_EQ(Written({0, "Test", "~Client", ""}), "trace [Test] ~Client");
-    EXPECT_EQ(Written({0, "Test", "", "text"}), "trace [Test] text");
+    EXPECT_EQ(Written({LogLevel::TRACE, "Test", "Tick", "text"}), "trace [Test] Tick: text");
+    EXPECT_EQ(Written({LogLevel::TRACE, "Test", "Init", "(name=x)"}), "trace [Test] Init(name=x)");
+    EXPECT_EQ(Written({LogLevel::TRACE, "Test", "~Client", ""}), "trace [Test] ~Client");
+    EXPECT_EQ(Written({LogLevel::TRACE, "Test", "", "text"}), "trace [Test] text");
 }
 
 TEST_F(ARecord, EscapesTagAndText) {
-    EXPECT_EQ(Written({1, "Test", "a\nb", "c\x1b[2J\xff"}), R"(debug [Test] a\x0ab: c\x1b[2J\xff)");
+    EXPECT_EQ(Written({LogLevel::DEBUG, "Test", "a\nb", "c\x1b[2J\xff"}), R"(debug [Test] a\x0ab: c\x1b[2J\xff)");
 }
 
 TEST_F(ARecord, OfExactlyTheMostBytesIsWhole) {
     const std::string text(maxRecordBytes, 'x');
-    EXPECT_EQ(Written({2, "Test", "", text}), "info [Test] " + text);
-    EXPECT_EQ(Written({2, "Test", "", text + "y"}), "info [Test] " + text + " [cut, 8193 bytes in all]");
+    EXPECT_EQ(Written({LogLevel::INFO, "Test", "", text}), "info [Test] " + text);
+    EXPECT_EQ(Written({LogLevel::INFO, "Test", "", text + "y"}), "info [Test] " + text + " [cut, 8193 bytes in all]");
 }
 
 TEST_F(ARecord, LongerThanTheMostBytesOnlyWithItsEscapesIsCutToo) {
     const std::string text(maxRecordBytes / 4 + 1, '\n');
-    const std::string line = Written({2, "Test", "", text});
+    const std::string line = Written({LogLevel::INFO, "Test", "", text});
     EXPECT_EQ(line.size(), maxRecordBytes + std::strlen("info [Test]  [cut, 2049 bytes in all]"));
     EXPECT_NE(line.find("\\x0a [cut, 2049 bytes in all]"), std::string::npos);
 }
@@ -271,7 +271,7 @@ TEST_F(ARecord, LeavesErrnoAlone) {
     LogChannel log(MakeFileSink("/nowhere/at/all", 100000, 3));
     errno = E2BIG;
     testing::internal::CaptureStderr();
-    log.Write({2, "Test", "", "text"});
+    log.Write({LogLevel::INFO, "Test", "", "text"});
     const int after = errno;
     EXPECT_NE(testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(after, E2BIG);

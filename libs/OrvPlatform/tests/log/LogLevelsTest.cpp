@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 using OrvPlatform::ApplyLogLevels;
+using OrvPlatform::LogLevel;
 using OrvPlatform::LogLevels;
 using Words = std::vector<std::string>;
 
@@ -18,29 +19,29 @@ TEST_F(AListOfLevels, TakesNamesInAnyCaseAndNumbers) {
     const char* words[] = {"trace", "Debug", "INFO", "warning", "error", "critical", "off"};
     for (int level = 0; level <= 6; ++level) {
         EXPECT_EQ(ApplyLogLevels(words[level], levels), Words{});
-        EXPECT_EQ(levels.level, level);
-        levels.level = -1;
+        EXPECT_EQ(static_cast<int>(levels.level), level);
+        levels.level = level == 0 ? LogLevel::OFF : LogLevel::TRACE;
         EXPECT_EQ(ApplyLogLevels(std::to_string(level), levels), Words{});
-        EXPECT_EQ(levels.level, level);
+        EXPECT_EQ(static_cast<int>(levels.level), level);
     }
     EXPECT_EQ(ApplyLogLevels("warn", levels), Words{});
-    EXPECT_EQ(levels.level, 3);
+    EXPECT_EQ(levels.level, LogLevel::WARNING);
     EXPECT_EQ(ApplyLogLevels("err", levels), Words{});
-    EXPECT_EQ(levels.level, 4);
+    EXPECT_EQ(levels.level, LogLevel::ERROR);
 }
 
 TEST_F(AListOfLevels, SetsSingleLoggersApart) {
     EXPECT_EQ(ApplyLogLevels(" error , OrvRoute = trace,Other=off", levels), Words{});
-    EXPECT_EQ(levels.Of("OrvRoute"), 0);
-    EXPECT_EQ(levels.Of("Other"), 6);
-    EXPECT_EQ(levels.Of("orvroute"), 4);
+    EXPECT_EQ(levels.Of("OrvRoute"), LogLevel::TRACE);
+    EXPECT_EQ(levels.Of("Other"), LogLevel::OFF);
+    EXPECT_EQ(levels.Of("orvroute"), LogLevel::ERROR);
     EXPECT_EQ(levels.Text(), "error,OrvRoute=trace,Other=off");
 }
 
 TEST_F(AListOfLevels, TakesALoggersNameOfUpTo64Bytes) {
     const std::string name(64, 'x');
     EXPECT_EQ(ApplyLogLevels(name + "=info", levels), Words{});
-    EXPECT_EQ(levels.Of(name), 2);
+    EXPECT_EQ(levels.Of(name), LogLevel::INFO);
     EXPECT_EQ(ApplyLogLevels(name + "x=info", levels).size(), 1U);
 }
 

@@ -209,7 +209,7 @@ TEST_F(LevelsThatChange, LeaveARecordThatIsOffWithoutAnAllocation) {
 TEST_F(LevelsThatChange, AreKeptOnceHoweverOftenTheyComeAndGo) {
     EXPECT_EQ(Logged([] {
                   OrvPlatform::LogLevels debug;
-                  debug.level = 1;
+                  debug.level = OrvPlatform::LogLevelFrom(1);
                   OrvPlatform::PutLogLevelsInForce(debug);
                   const auto* const first = &OrvPlatform::LogLevelsInForce();
                   OrvPlatform::PutLogLevelsInForce({});

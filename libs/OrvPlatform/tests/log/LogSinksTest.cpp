@@ -61,7 +61,7 @@ TEST_F(StandardErrorToTheJournal, HasEachLinesPriorityBeforeIt) {
     LogChannel log(MakeStderrSink(ends[1]));
     const char* const priorities[] = {"<7>", "<7>", "<6>", "<4>", "<3>", "<2>"};
     for (int level = 0; level <= 5; ++level) {
-        log.Write({level, "Test", "", "text"});
+        log.Write({LogLevelFrom(level), "Test", "", "text"});
         const std::string line = Received();
         EXPECT_EQ(line.substr(0, 3), priorities[level]) << line;
         EXPECT_EQ(line.substr(3, 2), "20") << line; // the time follows
@@ -149,7 +149,7 @@ TEST_F(ASyslogDaemon, GetsADatagramARecordWithTheDaemonFacilityAndNoTime) {
     constexpr int severities[] = {7, 7, 6, 4, 3, 2};
     const char* words[] = {"trace", "debug", "info", "warning", "error", "critical"};
     for (int level = 0; level <= 5; ++level) {
-        log.Write({level, "Test", "Tag", "text"});
+        log.Write({LogLevelFrom(level), "Test", "Tag", "text"});
         EXPECT_EQ(Receive(), Header(3 * 8 + severities[level]) + words[level] + " [Test] Tag: text");
     }
 }

@@ -19,7 +19,7 @@ inline Lines LinesIn(const std::string& path) {
 }
 
 inline void Say(LogChannel& log, const std::string& text, bool flush = false) {
-    LogRecord record{2, "Test", {}, text};
+    LogRecord record{LogLevel::INFO, "Test", {}, text};
     record.flush = flush;
     log.Write(record);
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the log of a process begins with: a report of its settings.
-#include "log/LogChannel.h"
+#include "log/ProcessLog.h"
 
 #include "CommonUtils/Logger.h"
 #include "support/ChildProcess.h"

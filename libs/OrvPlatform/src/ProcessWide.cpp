@@ -1,0 +1,134 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ProcessWide.h"
+
+#include "OrvPlatform/Settings.h"
+#include "log/LogEscape.h"
+#include "log/LogLevelsInForce.h"
+#include "log/LogSinks.h"
+#include "log/ProcessLog.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <memory>
+#include <pthread.h>
+
+namespace OrvPlatform {
+
+namespace {
+
+std::unique_ptr<LogOutput> ConfiguredOutput(const GatewayConfig::Log& configured) {
+    switch (configured.sink) {
+    case LogSink::STDERR:
+        return MakeStderrSink();
+    case LogSink::SYSLOG:
+        return MakeSyslogSink("/dev/log", Escaped(program_invocation_short_name));
+    case LogSink::FILE:
+        return MakeFileSink(configured.file, configured.fileMaxBytes, configured.fileCount);
+    }
+    return MakeStderrSink();
+}
+
+constexpr const char* source = "GatewayConfig";
+
+/// On standard error as well: whoever wrote the settings may look there only.
+void TellProblems(const std::vector<std::string>& problems, const LogLevels& levels, LogSink sink, LogChannel& log) {
+    const bool logShowsErrors = levels.Of(source) <= LogLevel::ERROR;
+    for (const std::string& problem : problems) {
+        if (logShowsErrors)
+            log.Write({LogLevel::ERROR, source, {}, problem});
+        if (!logShowsErrors || sink != LogSink::STDERR)
+            WriteToStderr(Escaped(problem));
+    }
+}
+
+void Report(const LoadedConfig& loaded, LogChannel& log) {
+    const GatewayConfig::Log& configured = loaded.config.log;
+    TellProblems(loaded.problems, configured.levels, configured.sink, log);
+    const LogLevel threshold = configured.levels.Of(source);
+    const auto tell = [&](LogLevel level, const std::vector<std::string>& texts) {
+        for (const std::string& text : texts)
+            if (threshold <= level)
+                log.Write({level, source, {}, text});
+    };
+    tell(LogLevel::WARNING, loaded.warnings);
+    tell(LogLevel::INFO, loaded.notices);
+    tell(LogLevel::DEBUG, loaded.notes);
+}
+
+ProcessWide process;
+
+// At load time, so that no thread can be making anything already.
+[[maybe_unused]] const int forkHandlers =
+    pthread_atfork([] { process.BeforeFork(); }, [] { process.AfterFork(); }, [] { process.AfterFork(); });
+
+} // namespace
+
+const LoadedConfig& ProcessWide::Settings() {
+    return settings.Get([] { return new LoadedConfig(LoadGatewayConfig()); });
+}
+
+LogChannel& ProcessWide::Log() {
+    return log.Get([this] { return MakeLog(); });
+}
+
+LogChannel* ProcessWide::MakeLog() {
+    const LoadedConfig& loaded = Settings();
+    auto* made = new LogChannel(ConfiguredOutput(loaded.config.log));
+    Report(loaded, *made);
+    return made;
+}
+
+void ProcessWide::BeforeFork() {
+    log.BeforeFork();
+    settings.BeforeFork();
+    if (LogChannel* made = log.IfMade())
+        made->BeforeFork();
+}
+
+void ProcessWide::AfterFork() {
+    if (LogChannel* made = log.IfMade())
+        made->AfterFork();
+    settings.AfterFork();
+    log.AfterFork();
+}
+
+LogChannel& ProcessLog() {
+    return process.Log();
+}
+
+const LogLevels& LogLevelsAtStart() {
+    return process.Settings().config.log.levels;
+}
+
+const GatewayConfig& Config() {
+    process.Log(); // reports what is wrong with the settings
+    return process.Settings().config;
+}
+
+bool ReloadLogLevels() noexcept {
+    try {
+        LogChannel& log = process.Log();
+        const LogLevels& before = LogLevelsInForce();
+        GatewayConfig running = process.Settings().config;
+        running.log.levels = before;
+        RereadLogLevels reread = LogLevelsReadAnew(running);
+        if (!reread.problems.empty()) {
+            reread.problems.push_back("The levels of the log stay as they were, " + before.Text() +
+                                      ", because of what is wrong with " + reread.file +
+                                      ". Mend it (orv-config-check tells when it is right) and read it anew");
+            TellProblems(reread.problems, before, running.log.sink, log);
+            return false;
+        }
+        PutLogLevelsInForce(reread.levels);
+        const std::string now = reread.levels.Text();
+        // Also when it is they that turn this record off.
+        if (now != before.Text() && std::min(before.Of(source), reread.levels.Of(source)) <= LogLevel::INFO)
+            log.Write({LogLevel::INFO, source, {}, "The levels of the log are now " + now});
+        return true;
+    } catch (const std::exception&) {
+        return false; // no memory
+    }
+}
+
+} // namespace OrvPlatform
