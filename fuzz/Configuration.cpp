@@ -12,7 +12,7 @@ namespace {
 
 using OrvFuzz::Require;
 
-constexpr std::size_t longestLine = 198;
+constexpr std::size_t longestLine = 1024;
 
 /// "key = value" as "key=value": the shortest form, so that no line grows beyond what the parser takes. Empty when one
 /// does.

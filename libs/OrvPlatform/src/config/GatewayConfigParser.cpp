@@ -5,7 +5,6 @@
 #include "log/LogEscape.h"
 
 #include <algorithm>
-#include <ini.h>
 #include <map>
 #include <utility>
 
@@ -49,8 +48,15 @@ std::string InForce(const Setting& setting, const GatewayConfig& config) {
     return (setting.showing == Setting::Showing::NEVER ? "the value before" : Escaped(value)) + " stays in force";
 }
 
-/// Feeds the parser one line at a time, so that a report can name the line, and so that what the parser would misread
-/// (too long a line, NUL bytes, an indented line) never reaches it. Sections are kept here for the same reason.
+/// Where a comment begins that stands behind something; the end where there is none.
+std::size_t CommentIn(std::string_view text) {
+    for (std::size_t at = text.find(';'); at != std::string_view::npos; at = text.find(';', at + 1))
+        if (at > 0 && std::string_view(blanks).find(text[at - 1]) != std::string_view::npos)
+            return at;
+    return text.size();
+}
+
+/// Reads the text line by line, so that each report can name its line.
 class Reading {
 public:
     Reading(std::string_view text, const std::string& source, const GatewayConfig& inForce)
@@ -61,46 +67,22 @@ public:
     }
 
     ParsedConfig Parse() {
-        ini_parse_stream(
-            [](char* buffer, int size, void* self) noexcept {
-                return static_cast<Reading*>(self)->NextLine(buffer, static_cast<std::size_t>(size));
-            },
-            this,
-            [](void* self, const char* /*section*/, const char* key, const char* value) noexcept {
-                static_cast<Reading*>(self)->Assign(key, value);
-                return 1;
-            },
-            this);
+        while (!rest.empty()) {
+            ++line;
+            const std::size_t end = std::min(rest.find('\n'), rest.size());
+            Read(Trimmed(rest.substr(0, end), blanks));
+            rest.remove_prefix(std::min(end + 1, rest.size()));
+        }
         TellUnlisted();
         CheckTogether();
         return std::move(parsed);
     }
 
 private:
-    char* NextLine(char* buffer, std::size_t size) {
-        ReportUnanswered();
-        std::string_view content;
-        while (content.empty()) {
-            if (rest.empty())
-                return nullptr;
-            ++line;
-            const std::size_t end = std::min(rest.find('\n'), rest.size());
-            content = Trimmed(rest.substr(0, end), blanks);
-            rest.remove_prefix(std::min(end + 1, rest.size()));
-            if (!IsForTheParser(content, size))
-                content = {};
-        }
-        unanswered = content;
-        content.copy(buffer, content.size());
-        buffer[content.size()] = '\n';
-        buffer[content.size() + 1] = '\0';
-        return buffer;
-    }
-
-    bool IsForTheParser(std::string_view content, std::size_t size) {
+    void Read(std::string_view content) {
+        constexpr std::size_t longest = 1024;
         if (content.empty() || content.front() == '#' || content.front() == ';')
-            return false;
-        const std::size_t longest = size - 2;
+            return;
         if (content.find('\0') != std::string_view::npos)
             Report("the line holds NUL bytes and is ignored; the file must be plain text");
         else if (content.size() > longest)
@@ -109,8 +91,15 @@ private:
         else if (content.front() == '[')
             OpenSection(content);
         else
-            return true;
-        return false;
+            ReadSetting(content);
+    }
+
+    void ReadSetting(std::string_view content) {
+        const std::size_t equals = content.find_first_of("=:");
+        if (equals == std::string_view::npos || equals > CommentIn(content))
+            Report("the line is neither a section, a comment nor key = value, ignored");
+        else
+            Assign(Trimmed(content.substr(0, equals), blanks), content.substr(equals + 1));
     }
 
     void OpenSection(std::string_view content) {
@@ -126,25 +115,23 @@ private:
                    " Valid: " + Joined(known));
     }
 
-    /// A line that the parser was given and took for no setting.
-    void ReportUnanswered() {
-        if (!unanswered.empty())
-            Report("the line is neither a section, a comment nor key = value, ignored");
-        unanswered = {};
-    }
-
-    void Assign(const std::string& key, const std::string& value) {
-        unanswered = {};
+    /// @param behind what stands behind the sign
+    void Assign(std::string_view key, std::string_view behind) {
         if (skipping)
             return;
         if (section.empty()) {
             Report("a setting before the first section, ignored. Valid sections: " + Joined(SectionNames()));
             return;
         }
-        if (const Setting* setting = FindSetting(section, key))
-            Assign(*setting, value);
-        else
-            ReportUnknown(key);
+        const Setting* setting = FindSetting(section, key);
+        if (setting == nullptr) {
+            ReportUnknown(std::string(key));
+            return;
+        }
+        // A secret may hold what would begin a comment.
+        const bool hasComment = setting->showing != Setting::Showing::NEVER;
+        const std::size_t end = hasComment ? CommentIn(behind) : behind.size();
+        Assign(*setting, std::string(Trimmed(behind.substr(0, end), blanks)));
     }
 
     void Assign(const Setting& setting, const std::string& value) {
@@ -208,7 +195,6 @@ private:
     std::size_t line = 0;
     std::string section;
     bool skipping = false;
-    std::string_view unanswered;
     std::map<const Setting*, std::size_t> firstLines;
     std::size_t unlisted = 0; // faults beyond those that are reported
     ParsedConfig parsed;

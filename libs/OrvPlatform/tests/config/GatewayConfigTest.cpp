@@ -89,6 +89,31 @@ TEST(AConfiguration, IsReadWhateverWroteIt) {
     }
 }
 
+TEST(AConfiguration, MayHoldCommentsBehindABlank) {
+    const auto userOf = [](const std::string& line) {
+        return Parse("[broker]\n" + line + "\n").config.broker.username;
+    };
+    EXPECT_EQ(userOf("username = a;b"), "a;b");
+    EXPECT_EQ(userOf("username = a ;b"), "a");
+    EXPECT_EQ(userOf("username = a\t; b ; c"), "a");
+    EXPECT_EQ(userOf("username =;a"), ";a");
+    EXPECT_EQ(userOf("username = ;a"), "");
+    EXPECT_EQ(userOf("username = a # b"), "a # b");
+    EXPECT_EQ(userOf("username : a = b : c"), "a = b : c");
+    const std::string noSetting = "x.ini:2: the line is neither a section, a comment nor key = value, ignored";
+    EXPECT_EQ(ProblemsOf("[broker]\nusername ; = a\n"), Lines{noSetting});
+}
+
+TEST(APassword, IsAllThatStandsBehindTheSign) {
+    const auto passwordOf = [](const std::string& line) {
+        return Parse("[broker]\n" + line + "\n").config.broker.password;
+    };
+    EXPECT_EQ(passwordOf("password = s3cret ;:=#"), "s3cret ;:=#");
+    EXPECT_EQ(passwordOf(" password=;s "), ";s");
+    const std::string longest(128, ';');
+    EXPECT_EQ(passwordOf("password = " + std::string(200, ' ') + longest), longest);
+}
+
 struct BadValue {
     const char* name;
     std::string section;
