@@ -16,4 +16,9 @@ BackOff::Duration BackOff::Next() {
     return std::chrono::duration_cast<Duration>(now * share);
 }
 
+BackOff::Duration BackOff::First(Duration most) {
+    Reset();
+    return std::chrono::duration_cast<Duration>(most * random());
+}
+
 } // namespace GatewayApp

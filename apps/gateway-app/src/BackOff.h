@@ -18,6 +18,8 @@ public:
 
     /// From half of the full delay to all of it.
     Duration Next();
+    /// The wait before the first attempt after a success: any part of `most`, by chance. Next begins anew.
+    Duration First(Duration most);
     /// The next attempt is a first one again.
     void Reset() { full = first; }
 

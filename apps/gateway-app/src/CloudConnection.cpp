@@ -42,15 +42,14 @@ std::string OwnAddress(int socket) {
 } // namespace
 
 CloudConnection::CloudConnection(EventLoop& eventLoop, CloudSettings cloudSettings, Handler cloudHandler,
-                                 BackOff::Random chance)
+                                 BackOff::Random random)
     : loop(eventLoop),
       handler(std::move(cloudHandler)),
       settings(std::move(cloudSettings)),
       dialer(eventLoop),
       race(eventLoop, {[this](CloudRace::Winner winner) { OnWon(std::move(winner)); },
                        [this](const std::string& reason) { End(reason); }}),
-      backOff(kFirstRetry, kLongestRetry, chance),
-      random(std::move(chance)),
+      backOff(kFirstRetry, kLongestRetry, std::move(random)),
       deadline(eventLoop, [this] { OnDeadline(); }),
       lifeTimer(eventLoop, [this] { CheckLife(); }) {
     mosquitto_lib_init();
@@ -178,10 +177,7 @@ void CloudConnection::End(const std::string& reason) {
     // a broker that restarts loses a whole fleet in one moment. One that takes connections only to end them is not
     // worth it.
     const bool lasting = was && std::chrono::steady_clock::now() - since >= kLasting;
-    if (lasting)
-        backOff.Reset();
-    const BackOff::Duration delay =
-        lasting ? std::chrono::duration_cast<BackOff::Duration>(kLongestFirst * random()) : backOff.Next();
+    const BackOff::Duration delay = lasting ? backOff.First(kLongestFirst) : backOff.Next();
     deadline.Once(delay);
     if (was)
         handler.onLost(reason);

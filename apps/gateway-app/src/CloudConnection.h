@@ -71,7 +71,6 @@ private:
     Dialled dialled; // RACING, CONNECTING, CONNECTED
     CloudRace race;  // RACING
     BackOff backOff;
-    const BackOff::Random random;
     Timer deadline;  // DIALLING, RACING, CONNECTING: the attempt has failed. WAITING: the next attempt.
     Timer lifeTimer; // CONNECTED: signs of life, and the protocol's own timekeeping
 

@@ -22,6 +22,19 @@ TEST(ABackOff, IsUpToHalfShorterByChance) {
     EXPECT_GE(shortest.Next(), 500ms);
 }
 
+TEST(ABackOff, WaitsAnyPartOfALimitBeforeTheFirstAttempt) {
+    double chance = 0.0;
+    BackOff backOff(500ms, 8s, [&] { return chance; });
+    backOff.Next();
+    backOff.Next();
+    EXPECT_EQ(backOff.First(2s), 0ms);
+    EXPECT_EQ(backOff.Next(), 500ms);
+    chance = 0.75;
+    EXPECT_EQ(backOff.First(2s), 1500ms);
+    chance = 0.999999;
+    EXPECT_LT(backOff.First(2s), 2s);
+}
+
 TEST(ABackOff, BeginsAnewAfterASuccess) {
     BackOff backOff(500ms, 3s, [] { return 0.0; });
     backOff.Next();

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <utility>
 
 namespace GatewayApp {
@@ -319,6 +320,19 @@ TEST_P(AConnection, AsksForTheProtocolByItsName) {
     const TlsPeer cloud("127.0.0.1", kPort, local, plan);
     EXPECT_EQ(Try(), "connected");
     EXPECT_EQ(cloud.Protocol(), "mqtt-x");
+}
+
+TEST_P(AConnection, GivesUserAndPassword) {
+    settings.user = "gateway";
+    settings.passwordFile = folder + "/password";
+    std::ofstream(settings.passwordFile) << "a secret\n";
+    TlsPeer::Plan plan;
+    plan.newest = GetParam();
+    const TlsPeer cloud("127.0.0.1", kPort, local, plan);
+    EXPECT_EQ(Try(), "connected");
+    const std::string expected =
+        std::string("\0\5racer", 7) + std::string("\0\7gateway", 9) + std::string("\0\10a secret", 10);
+    EXPECT_NE(cloud.Received().find(expected), std::string::npos);
 }
 
 /// Files of credentials that are no good.

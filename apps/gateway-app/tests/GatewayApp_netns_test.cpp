@@ -40,6 +40,26 @@ TEST_F(AGatewayWithACloud, NoticesASilentPathAndComesBack) {
     EXPECT_TRUE(Eventually([&] { return Count("\"event\":\"CLOUD_CONNECTED\"") == 2; }, std::chrono::seconds(20)));
 }
 
+/// What the kernel's timer says of the idle connection to the cloud.
+class AnIdleConnection : public AGatewayWithACloud {
+protected:
+    bool IsAskedAfter(const std::string& time) {
+        const std::string show = "ss -Htno dport = :8883 | grep -qE 'timer:\\(keepalive," + time + ",'";
+        return Eventually([&] { return std::system(show.c_str()) == 0; }, std::chrono::seconds(5));
+    }
+};
+
+TEST_F(AnIdleConnection, OverEthernetIsAskedForASignOfLifeWithinASecond) {
+    StartConnectedApp();
+    EXPECT_TRUE(IsAskedAfter("[0-9]{2,3}ms"));
+}
+
+TEST_F(AnIdleConnection, OverCellularIsAskedForASignOfLifeEveryHalfMinute) {
+    std::ofstream(config, std::ios::app) << "[interfaces]\nethernet = wwan0\ncellular = eth0\n";
+    StartConnectedApp();
+    EXPECT_TRUE(IsAskedAfter("2[0-9]sec"));
+}
+
 TEST_F(AGatewayWithACloud, DropsAConnectionWhoseAddressIsGone) {
     StartConnectedApp();
     ASSERT_TRUE(Ip("addr flush dev eth0"));

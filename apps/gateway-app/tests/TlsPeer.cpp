@@ -155,7 +155,14 @@ void TlsPeer::Serve(int connection) {
     while (!ending) {
         if (SSL_pending(ssl.get()) == 0 && !Readable(connection))
             continue;
-        if (SSL_read(ssl.get(), data, sizeof(data)) <= 0 || SSL_write(ssl.get(), accept, sizeof(accept)) <= 0)
+        const int size = SSL_read(ssl.get(), data, sizeof(data));
+        if (size <= 0)
+            return;
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            received.append(data, data + size);
+        }
+        if (SSL_write(ssl.get(), accept, sizeof(accept)) <= 0)
             return;
     }
 }
@@ -163,6 +170,11 @@ void TlsPeer::Serve(int connection) {
 std::string TlsPeer::ServerName() const {
     const std::lock_guard<std::mutex> lock(mutex);
     return serverName;
+}
+
+std::string TlsPeer::Received() const {
+    const std::lock_guard<std::mutex> lock(mutex);
+    return received;
 }
 
 std::string TlsPeer::Protocol() const {

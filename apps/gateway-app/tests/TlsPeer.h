@@ -50,6 +50,8 @@ public:
     /// What the last complete handshake has asked for: server name, and protocol by ALPN.
     std::string ServerName() const;
     std::string Protocol() const;
+    /// All that came after the handshake.
+    std::string Received() const;
     int Accepted() const { return accepted; }
 
 private:
@@ -66,6 +68,7 @@ private:
     mutable std::mutex mutex;
     std::string serverName;
     std::string protocol;
+    std::string received;
     std::thread thread;
 };
 
