@@ -27,6 +27,10 @@ if(NOT ORV_HAS_ATOMIC64)
   string(APPEND CMAKE_CXX_STANDARD_LIBRARIES " -Wl,--push-state,--as-needed -latomic -Wl,--pop-state")
 endif()
 
+# Otherwise a 32-bit processor can neither open nor look at a file beyond 2 GiB or with a date beyond 2038, and everybody can
+# give a file such a date. No interface of ours, nor any that we call, carries time_t, off_t or timeval.
+add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
+
 # Relative source names keep a build folder out of log lines, coverage and debug information.
 add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
 
