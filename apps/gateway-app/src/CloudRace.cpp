@@ -55,7 +55,7 @@ int Step(mosquitto* client, std::uint32_t events) {
 }
 
 std::string FailureOf(int result, int socketError, const TlsContext& tls, int socket) {
-    const std::string seen = tls.Reason(socket);
+    std::string seen = tls.Reason(socket);
     if (!seen.empty())
         return seen;
     if (socketError != 0)
