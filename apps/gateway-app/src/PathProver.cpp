@@ -52,7 +52,7 @@ std::string FailureOf(CURL* handle, CURLcode code) {
         return "no answer";
     long systemError = 0;
     curl_easy_getinfo(handle, CURLINFO_OS_ERRNO, &systemError);
-    const std::string text = curl_easy_strerror(code);
+    std::string text = curl_easy_strerror(code);
     if (code != CURLE_COULDNT_CONNECT || systemError == 0)
         return text;
     return text + ": " + std::generic_category().message(static_cast<int>(systemError));
