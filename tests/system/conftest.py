@@ -21,6 +21,16 @@ NO_NAMESPACES = ("this machine does not let us make namespaces: run as root, in 
                  "with its root mounted on itself")
 
 
+def pytest_collection_modifyitems(items):
+    """The long ones are spread over the first half: none is left to the end, and no process gets two in a row."""
+    long = [item for item in items if item.get_closest_marker("long")]
+    others = [item for item in items if item not in long]
+    step = len(items) // (2 * len(long)) if long else 0
+    for number, item in enumerate(long):
+        others.insert(number * step, item)
+    items[:] = others
+
+
 def can_make_namespaces():
     return subprocess.run(["unshare", "--net", "--mount", "--uts", "true"], capture_output=True,
                           check=False).returncode == 0

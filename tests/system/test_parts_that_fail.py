@@ -6,7 +6,7 @@ import pytest
 from wire import GREEN, INHIBIT
 
 
-# First, because it takes the longest.
+@pytest.mark.long
 def test_an_ethernet_that_flaps_for_two_minutes_settles(scene):
     scene.expected_complaints = ("cannot put eth0 on top now", "poke error 7", "cannot put wwan0 on top now")
     for _ in range(20):

@@ -39,6 +39,7 @@ def test_a_broker_that_is_down_moves_the_route_three_times_and_is_named(scene_on
     assert moves(scene) == 3
 
 
+@pytest.mark.long
 def test_an_ethernet_that_proves_itself_for_a_minute_gets_the_route_back(scene_on_probation):
     scene = scene_on_probation
     scene.box("cloud-mqtt", "ok")
@@ -73,6 +74,7 @@ def test_a_cellular_that_does_not_reach_the_cloud_ends_the_probation(scene_on_pr
     scene.settles("eth0", 15)
 
 
+@pytest.mark.long
 def test_an_ethernet_that_loses_a_fifth_of_its_packets_keeps_the_cloud(scene):
     scene.box("loss", "eth", "20")
     begun = time.monotonic()
