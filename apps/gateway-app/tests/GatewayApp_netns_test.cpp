@@ -166,10 +166,11 @@ TEST_F(AGatewayWithACloud, PutsTheStatusFileRightWithinASecond) {
     EXPECT_TRUE(Eventually(right, std::chrono::seconds(1)));
 }
 
-TEST_F(AGatewayWithACloud, IsToldWhenItIsTheSecond) {
+TEST_F(AGatewayWithACloud, IsToldWhenItIsTheSecondAndNotStartedAgain) {
     StartConnectedApp();
     ChildProgram second(AppWords(), folder.Path("second.log"));
     EXPECT_EQ(second.End(0), 75);
+    EXPECT_NE(Content(ORV_GATEWAY_APP_UNIT).find("\nRestartPreventExitStatus=75\n"), std::string::npos);
     EXPECT_NE(Content(folder.Path("second.log")).find("another gateway-app runs on this gateway already, process"),
               std::string::npos);
 }

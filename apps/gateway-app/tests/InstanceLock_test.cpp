@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 
 namespace GatewayApp {
 namespace {
@@ -61,6 +62,16 @@ TEST_F(TheLock, IsFreeAgainWhenTheFirstWasKilled) {
     waitpid(child, &status, 0);
     ASSERT_TRUE(WIFSIGNALED(status));
     EXPECT_EQ(ErrorOfASecond(), "no error");
+}
+
+TEST_F(TheLock, IsFreeWhateverAPowerCutHasLeftInItsFile) {
+    std::filesystem::create_directory(folder + "/run");
+    std::ofstream(path) << "1\n" << std::string(100, '\0') << "what was on the disk before";
+    ASSERT_EQ(chmod(path.c_str(), 0600), 0);
+    const InstanceLock first(path);
+    EXPECT_EQ(first.Missing(), "");
+    EXPECT_NE(ErrorOfASecond().find(", process " + std::to_string(getpid()) + " "), std::string::npos);
+    EXPECT_EQ(std::filesystem::file_size(path), std::to_string(getpid()).size() + 1);
 }
 
 TEST_F(TheLock, CanBeOpenedByItsOwnerOnly) {
