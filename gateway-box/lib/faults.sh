@@ -99,6 +99,11 @@ fault_cloud_mqtt() {
         refused)
             filter "$cloud_ns" refuse_mqtt \
                 'chain input { type filter hook input priority 0; tcp dport 8883 reject with tcp reset; }'
+            # An idle connection would not meet the filter before it is asked for a sign of life.
+            if alive cloud-mqtt; then
+                end cloud-mqtt KILL
+                open_cloud
+            fi
             ;;
         *) bad_fault cloud-mqtt "cloud-mqtt ok|refused" ;;
     esac

@@ -14,6 +14,9 @@ EVERYDAY = ("Message is not handled", "the cloud connection has ended", "no conn
             "does not prove the path to the cloud")
 
 
+# What a captive portal makes of a poke, also of one that is under way when the portal is taken away.
+PORTAL = ("poke error 60", "poke error 35", "poke error 7")
+
 BY_INTERFACE = object()
 
 

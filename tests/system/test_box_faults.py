@@ -5,6 +5,7 @@ import time
 
 import pytest
 from gateway import SLACK, wait_until
+from scene import PORTAL
 
 CLOUD = "https://cloud.box.test/"
 SIDES = [("eth", "eth0"), ("cell", "wwan0")]
@@ -160,7 +161,7 @@ def test_a_captive_portal_answers_for_the_cloud(box, side, interface):
 
 
 def test_a_captive_portal_ends_what_is_connected(scene):
-    scene.expected_complaints = ("poke error 60",)
+    scene.expected_complaints = PORTAL
     scene.box("portal", "eth", "on")
     scene.application.wait_for("eth cloud lost, start delay to cell", 10)
     scene.box("portal", "eth", "off")

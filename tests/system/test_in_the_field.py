@@ -8,6 +8,7 @@ import time
 import pytest
 from application import Application
 from gateway import HERE, SLACK, program, wait_until
+from scene import PORTAL
 from wire import GREEN, INHIBIT
 
 
@@ -101,7 +102,7 @@ def test_a_lie_about_the_cloud_proves_nothing(scene, address):
 
 
 def test_a_portal_on_cellular_is_no_cloud(scene):
-    scene.expected_complaints = ("poke error 60",)
+    scene.expected_complaints = PORTAL
     scene.box("portal", "cell", "on")
     scene.box("provider", "eth", "dead")
     scene.application.wait_for("poke error 60", 15)

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Who may order ConnMan about under the package's bus policy, beside Debian's for ConnMan and the strict one that is shipped
-// as an example.
+// Who may order ConnMan about under the package's bus policy, beside Debian's for ConnMan and the strict one that is
+// shipped as an example.
 #include "ChildProcess.h"
 #include "PrivateBus.h"
 
