@@ -3,6 +3,7 @@
 import time
 
 import pytest
+from gateway import SLACK, wait_until
 from wire import GREEN, NO_NETWORK, YELLOW
 
 MOVED = "the WAN route has changed,"
@@ -16,7 +17,9 @@ def scene_on_probation(scene):
     scene.expected_complaints = EXPECTED
     scene.box("cloud-mqtt", "refused")
     scene.application.wait_for(ON_PROBATION, 45)
-    assert scene.box.default_interfaces() == ["wwan0"]
+    wait_until(lambda: scene.box.default_interfaces() == ["wwan0"], SLACK, "the default route over Cellular")
+    # Said a moment after the probation.
+    wait_until(lambda: moves(scene) >= 3, SLACK, "the third move")
     return scene
 
 
@@ -29,9 +32,9 @@ def test_a_broker_that_is_down_moves_the_route_three_times_and_is_named(scene_on
     assert moves(scene) == 3
     scene.application.wait_for("the cloud's broker cloud.box.test:8883 answers over neither interface", 15)
     # There is a path, only nothing behind it; Ethernet's link is up whatever its address is reported to be.
-    assert scene.witness.last(YELLOW) == "Blink"
-    assert scene.witness.last(NO_NETWORK) == "false"
-    assert scene.box.status_file()["Ethernet"] == "Up"
+    scene.witness.wait_for(YELLOW, "Blink")
+    scene.witness.wait_for(NO_NETWORK, "false")
+    wait_until(lambda: scene.box.status_file().get("Ethernet") == "Up", SLACK, "Ethernet up in the status file")
     # Back, it is used where the route is.
     scene.box("cloud-mqtt", "ok")
     scene.application.wait_for_cloud("wwan0", 15)
