@@ -3,7 +3,7 @@
 // libdbus, which ends the process over a malformed path, is well formed.
 #include "connman/ConnmanMessages.h"
 #include "Require.h"
-#include "connman/ConnmanWanted.h"
+#include "connman/PendingOrders.h"
 
 #include <algorithm>
 #include <array>
@@ -125,15 +125,15 @@ bool AreSound(const std::vector<OrvPlatform::ConnmanServiceNews>& all) {
 }
 
 void CarryOut(const OrvPlatform::ConnmanServices& services) {
-    OrvPlatform::ConnmanWanted wanted;
-    wanted.WantTop("eth0");
-    wanted.WantServers("eth0", {"192.0.2.1"});
+    OrvPlatform::PendingOrders wanted;
+    wanted.OrderTop("eth0");
+    wanted.OrderServers("eth0", {"192.0.2.1"});
     for (int step = 0; step < 2; ++step) {
         std::vector<std::string> remarks;
-        const OrvPlatform::ConnmanStep next = wanted.Next(services, remarks);
-        if (next.kind == OrvPlatform::ConnmanStep::Kind::MOVE)
+        const OrvPlatform::ConnmanCall next = wanted.Next(services, remarks);
+        if (next.kind == OrvPlatform::ConnmanCall::Kind::MOVE)
             Require(Messages::MoveBefore(":1.7", next.path, next.before) != nullptr, "a move can be ordered");
-        if (next.kind == OrvPlatform::ConnmanStep::Kind::SET_SERVERS)
+        if (next.kind == OrvPlatform::ConnmanCall::Kind::SET_SERVERS)
             Require(Messages::SetConfiguredServers(":1.7", next.path, next.servers) != nullptr, "servers can be set");
         wanted.Done(next);
     }

@@ -11,6 +11,8 @@
 #endif
 #define ORV_GUARDED_BY(x) ORV_THREAD_ANNOTATION(guarded_by(x))
 #define ORV_REQUIRES(...) ORV_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
+/// For functions between which a lock stays locked, as round a fork.
+#define ORV_NO_LOCK_ANALYSIS ORV_THREAD_ANNOTATION(no_thread_safety_analysis)
 #define ORV_EXCLUDES(...) ORV_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 
 namespace OrvPlatform {

@@ -2,7 +2,7 @@
 #include "CommonUtils/Networking/ConnmanCommands.h"
 
 #include "config/GatewayConfig.h"
-#include "connman/ConnmanLink.h"
+#include "connman/ConnmanClient.h"
 
 #include "CommonUtils/Logger.h"
 
@@ -24,27 +24,27 @@ private:
     CommonUtils::Logger logger{"ConnmanCommands", 0};
 
 public:
-    OrvPlatform::ConnmanLink link{OrvPlatform::ConnmanLink::BusAddress(OrvPlatform::Config().connman.busAddress),
-                                  {},
-                                  isController ? OrvPlatform::ConnmanRole::CONTROLLER
-                                               : OrvPlatform::ConnmanRole::ONLOOKER};
+    OrvPlatform::ConnmanClient client{OrvPlatform::ConnmanClient::BusAddress(OrvPlatform::Config().connman.busAddress),
+                                      {},
+                                      isController ? OrvPlatform::ConnmanRole::CONTROLLER
+                                                   : OrvPlatform::ConnmanRole::ONLOOKER};
 };
 
 namespace {
 
-OrvPlatform::ConnmanLink* forkedLink = nullptr;
+OrvPlatform::ConnmanClient* forkedClient = nullptr;
 
 struct StopAtExit {
-    OrvPlatform::ConnmanLink& link;
-    ~StopAtExit() { link.Stop(); }
+    OrvPlatform::ConnmanClient& client;
+    ~StopAtExit() { client.Stop(); }
 };
 
 } // namespace
 
 ConnmanCommands::ConnmanCommands() : worker(std::make_unique<Worker>()) {
-    forkedLink = &worker->link;
-    pthread_atfork([] { forkedLink->BeforeFork(); }, [] { forkedLink->AfterForkInParent(); },
-                   [] { forkedLink->AfterForkInChild(); });
+    forkedClient = &worker->client;
+    pthread_atfork([] { forkedClient->BeforeFork(); }, [] { forkedClient->AfterForkInParent(); },
+                   [] { forkedClient->AfterForkInChild(); });
 }
 
 ConnmanCommands::~ConnmanCommands() = default;
@@ -52,18 +52,18 @@ ConnmanCommands::~ConnmanCommands() = default;
 ConnmanCommands& ConnmanCommands::GetInstance() {
     // Never destroyed: other objects with static storage may still ask it while the process ends. Only its thread goes.
     static ConnmanCommands* instance = new ConnmanCommands;
-    static StopAtExit stop{instance->worker->link};
+    static StopAtExit stop{instance->worker->client};
     return *instance;
 }
 
 std::string ConnmanCommands::GetTopPriorityInterface() {
-    return worker->link.TopPriorityInterface();
+    return worker->client.TopPriorityInterface();
 }
 
 bool ConnmanCommands::SetTopPriorityInterface(const std::string& interfaceName) {
     if (worker->IsLeftToTheController("the order of the interfaces"))
         return true;
-    return worker->link.SetTopPriorityInterface(interfaceName);
+    return worker->client.SetTopPriorityInterface(interfaceName);
 }
 
 bool ConnmanCommands::SetDnsConfiguration(const std::string& interfaceName, const std::string& first,
@@ -75,7 +75,7 @@ bool ConnmanCommands::SetDnsConfiguration(const std::string& interfaceName, cons
         if (!server.empty())
             servers.push_back(server);
     }
-    return worker->link.SetDnsConfiguration(interfaceName, servers);
+    return worker->client.SetDnsConfiguration(interfaceName, servers);
 }
 
 } // namespace CommonUtils::Networking

@@ -38,7 +38,7 @@ void ConnmanRunner::Run() {
     dbus_connection_set_change_sigpipe(FALSE); // the process's signals are the application's
     while (!IsStopping()) {
         try {
-            GoOn();
+            RunOnce();
         } catch (const std::exception& exception) {
             Fail(exception.what());
         }
@@ -56,7 +56,7 @@ void ConnmanRunner::Fail(const char* reason) noexcept {
     }
 }
 
-void ConnmanRunner::GoOn() {
+void ConnmanRunner::RunOnce() {
     LogNotes();
     if (!bus.IsOpen()) {
         if (connected)
@@ -72,9 +72,9 @@ void ConnmanRunner::GoOn() {
         AskAgain();
         return; // what has arrived behind the answers comes first
     }
-    const ConnmanStep step = NextStep();
-    if (step.kind != ConnmanStep::Kind::NONE)
-        CarryOut(step);
+    const ConnmanCall next = NextCall();
+    if (next.kind != ConnmanCall::Kind::NONE)
+        Execute(next);
     else if (bus.IsOpen())
         bus.Wait(NextWake());
 }
@@ -102,7 +102,7 @@ void ConnmanRunner::AskAgain() {
 void ConnmanRunner::Connect() {
     std::string failure = bus.Open(busAddress, limits.greeting);
     if (failure.empty())
-        failure = Introduce();
+        failure = SubscribeAndFindOwner();
     if (IsStopping())
         return;
     connected = failure.empty();
@@ -113,7 +113,7 @@ void ConnmanRunner::Connect() {
     }
 }
 
-std::string ConnmanRunner::Introduce() {
+std::string ConnmanRunner::SubscribeAndFindOwner() {
     const std::string sender = std::string("sender='") + ConnmanMessages::NAME + "',";
     const std::string rules[] = {
         std::string("type='signal',sender='" DBUS_SERVICE_DBUS "',member='NameOwnerChanged',arg0='") +
@@ -122,7 +122,7 @@ std::string ConnmanRunner::Introduce() {
         "type='signal'," + sender + "interface='" + ConnmanMessages::SERVICE + "',member='PropertyChanged'",
     };
     for (const std::string& rule : rules) {
-        const MessageBus::Reply reply = bus.Ask(ConnmanMessages::AddMatch(rule), limits.greeting);
+        const MessageBus::Reply reply = bus.CallBus(ConnmanMessages::AddMatch(rule), limits.greeting);
         if (!reply.message)
             return reply.error;
     }
@@ -132,7 +132,7 @@ std::string ConnmanRunner::Introduce() {
 /// @return empty when it is known who the connection manager is, or that there is none; otherwise why the bus is of no
 /// use
 std::string ConnmanRunner::FindOwner() {
-    const MessageBus::Reply reply = bus.Ask(ConnmanMessages::GetNameOwner(), limits.greeting);
+    const MessageBus::Reply reply = bus.CallBus(ConnmanMessages::GetNameOwner(), limits.greeting);
     if (!reply.message && !reply.isOwnerless)
         return reply.error;
     const std::string name = reply.message ? ConnmanMessages::ReadOwner(*reply.message) : std::string();
@@ -151,13 +151,15 @@ void ConnmanRunner::BusLost() {
 
 void ConnmanRunner::BusFailed(const std::string& reason) {
     nextTry = Clock::now() + backoff.Next();
-    Away(Loss::BUS, "the message bus at " + busAddress + " is not reachable (" + reason + "); orders wait until it is");
+    SetAway(Loss::BUS,
+            "the message bus at " + busAddress + " is not reachable (" + reason + "); orders wait until it is");
 }
 
 void ConnmanRunner::OwnerIs(const std::string& name) {
     if (name.empty()) {
         nextTry = Clock::now() + backoff.Next();
-        Away(Loss::MANAGER, std::string(ConnmanMessages::NAME) + " is not on the message bus; orders wait until it is");
+        SetAway(Loss::MANAGER,
+                std::string(ConnmanMessages::NAME) + " is not on the message bus; orders wait until it is");
         return;
     }
     greeted = greeted && owner == name;
@@ -166,11 +168,11 @@ void ConnmanRunner::OwnerIs(const std::string& name) {
     nextTry = Clock::now();
 }
 
-void ConnmanRunner::Away(Loss loss, const std::string& text) {
+void ConnmanRunner::SetAway(Loss loss, const std::string& text) {
     owner.clear();
     stale = true;
     {
-        const std::lock_guard<std::mutex> lock(shared->mutex);
+        const MutexLock lock(shared->mutex);
         shared->picture = ConnmanShared::Picture::AWAY;
         shared->services.Clear();
     }
@@ -183,12 +185,12 @@ void ConnmanRunner::Report(Loss loss, const std::string& text) {
     reported = loss;
 }
 
-void ConnmanRunner::Refresh(const ConnmanStep* accomplished) {
+void ConnmanRunner::Refresh(const ConnmanCall* executed) {
     const std::string askedOwner = owner;
     MessageBus::Reply reply = Call(ConnmanMessages::GetServices(owner), "list the services");
     if (owner != askedOwner)
         reply.message.reset();
-    if (!TakeOver(reply, accomplished)) {
+    if (!ApplyList(reply, executed)) {
         nextTry = Clock::now() + backoff.Next();
         if (bus.IsOpen() && owner == askedOwner && !owner.empty() && !IsStopping() &&
             !HasGoneUnheard(reply, askedOwner))
@@ -203,20 +205,20 @@ void ConnmanRunner::Refresh(const ConnmanStep* accomplished) {
     backoff.Reset();
 }
 
-bool ConnmanRunner::TakeOver(const MessageBus::Reply& reply, const ConnmanStep* accomplished) {
+bool ConnmanRunner::ApplyList(const MessageBus::Reply& reply, const ConnmanCall* executed) {
     const auto list = reply.message ? ConnmanMessages::ReadServices(*reply.message) : std::nullopt;
-    ConnmanServices next = shared->services;
+    ConnmanServices next = shared->Services();
     if (list)
         next.Replace(*list);
-    const std::lock_guard<std::mutex> lock(shared->mutex);
-    if (accomplished)
-        shared->wanted.Done(*accomplished);
+    const MutexLock lock(shared->mutex);
+    if (executed)
+        shared->orders.Done(*executed);
     stale = !list;
     if (stale)
         return false;
     shared->services.Swap(next);
     shared->picture = ConnmanShared::Picture::KNOWN;
-    shared->wanted.Retry();
+    shared->orders.Retry();
     ForgetLeftovers();
     return true;
 }
@@ -228,7 +230,7 @@ bool ConnmanRunner::HasGoneUnheard(const MessageBus::Reply& reply, const std::st
     owner.clear();
     stale = true;
     nextTry = Clock::now() + backoff.Next();
-    const std::lock_guard<std::mutex> lock(shared->mutex);
+    const MutexLock lock(shared->mutex);
     shared->picture = ConnmanShared::Picture::AWAY;
     shared->services.Clear();
     return true;
@@ -242,32 +244,32 @@ void ConnmanRunner::ForgetLeftovers() {
     leftoversDone = true;
     for (const ConnmanService& service : shared->services.All()) {
         if (service.Connected() && service.servers.empty() && service.configuredServers.empty() &&
-            !shared->wanted.HasServersFor(service.interfaceName))
-            shared->wanted.WantServers(service.interfaceName, {});
+            !shared->orders.HasServersFor(service.interfaceName))
+            shared->orders.OrderServers(service.interfaceName, {});
     }
 }
 
-void ConnmanRunner::CarryOut(const ConnmanStep& step) {
-    const bool isMove = step.kind == ConnmanStep::Kind::MOVE;
+void ConnmanRunner::Execute(const ConnmanCall& call) {
+    const bool isMove = call.kind == ConnmanCall::Kind::MOVE;
     const std::string what =
-        isMove ? "put " + step.interfaceName + " on top" : "set name servers of " + step.interfaceName;
+        isMove ? "put " + call.interfaceName + " on top" : "set name servers of " + call.interfaceName;
     const std::string askedOwner = owner;
-    const MessageBus::Reply reply = Call(isMove ? ConnmanMessages::MoveBefore(owner, step.path, step.before)
-                                                : ConnmanMessages::SetConfiguredServers(owner, step.path, step.servers),
+    const MessageBus::Reply reply = Call(isMove ? ConnmanMessages::MoveBefore(owner, call.path, call.before)
+                                                : ConnmanMessages::SetConfiguredServers(owner, call.path, call.servers),
                                          what);
     if (reply.message && isMove) {
-        logger.Info() << step.interfaceName << " is put on top";
-        Refresh(&step);
+        logger.Info() << call.interfaceName << " is put on top";
+        Refresh(&call);
     } else if (reply.message) {
-        logger.Info() << "name servers of " << step.interfaceName << ": " << Listed(step.servers);
-        const std::lock_guard<std::mutex> lock(shared->mutex);
-        shared->services.NoteWritten(step.path, step.servers);
-        shared->wanted.Done(step);
+        logger.Info() << "name servers of " << call.interfaceName << ": " << Listed(call.servers);
+        const MutexLock lock(shared->mutex);
+        shared->services.NoteWritten(call.path, call.servers);
+        shared->orders.Done(call);
     } else if (bus.IsOpen() && owner == askedOwner && !IsStopping() && !HasGoneUnheard(reply, askedOwner)) {
         std::string remark;
         {
-            const std::lock_guard<std::mutex> lock(shared->mutex);
-            remark = shared->wanted.Refused(step, reply.error);
+            const MutexLock lock(shared->mutex);
+            remark = shared->orders.Refused(call, reply.error);
         }
         if (!remark.empty())
             logger.Warning() << remark;
@@ -289,23 +291,23 @@ MessageBus::Reply ConnmanRunner::Call(DBusMessagePtr message, const std::string&
     return reply;
 }
 
-ConnmanStep ConnmanRunner::NextStep() {
+ConnmanCall ConnmanRunner::NextCall() {
     std::vector<std::string> remarks;
-    ConnmanStep step;
+    ConnmanCall next;
     {
-        const std::lock_guard<std::mutex> lock(shared->mutex);
+        const MutexLock lock(shared->mutex);
         if (shared->picture == ConnmanShared::Picture::KNOWN && !stale)
-            step = shared->wanted.Next(shared->services, remarks);
+            next = shared->orders.Next(shared->services, remarks);
     }
     for (const std::string& remark : remarks)
         logger.Warning() << remark;
-    return step;
+    return next;
 }
 
 void ConnmanRunner::LogNotes() {
     std::vector<std::string> notes;
     {
-        const std::lock_guard<std::mutex> lock(shared->mutex);
+        const MutexLock lock(shared->mutex);
         notes.swap(shared->notes);
     }
     for (const std::string& note : notes)
@@ -321,7 +323,7 @@ void ConnmanRunner::HandleSignal(DBusMessage& signal) {
         return;
     }
     if (!owner.empty() && !dbus_message_has_sender(&signal, owner.c_str()))
-        Doubt(signal);
+        HandleStranger(signal);
     // While stale, the list that will be asked for knows all that comes before it.
     else if (owner.empty() || stale)
         return;
@@ -333,27 +335,27 @@ void ConnmanRunner::HandleSignal(DBusMessage& signal) {
 
 void ConnmanRunner::HandleServicesChanged(DBusMessage& signal) {
     const std::optional<ConnmanMessages::ServicesChanged> changed = ConnmanMessages::ReadServicesChanged(signal);
-    ConnmanServices next = shared->services;
+    ConnmanServices next = shared->Services();
     stale = !changed || !next.Reorder(changed->ordered, changed->removed);
     if (!changed)
         return;
-    const std::lock_guard<std::mutex> lock(shared->mutex);
+    const MutexLock lock(shared->mutex);
     shared->services.Swap(next);
-    shared->wanted.Retry();
+    shared->orders.Retry();
 }
 
 void ConnmanRunner::HandlePropertyChanged(DBusMessage& signal) {
     const std::optional<ConnmanServiceNews> news = ConnmanMessages::ReadPropertyChanged(signal);
     if (!news)
         return;
-    const std::lock_guard<std::mutex> lock(shared->mutex);
+    const MutexLock lock(shared->mutex);
     shared->services.Update(*news);
     if (news->state || news->immutable)
-        shared->wanted.Retry();
+        shared->orders.Retry();
 }
 
 // Whoever pretends to be the connection manager may also have filled the bus's queue, so that true signals were lost.
-void ConnmanRunner::Doubt(DBusMessage& signal) {
+void ConnmanRunner::HandleStranger(DBusMessage& signal) {
     doubted = true;
     if (strangerReported)
         return;
@@ -365,13 +367,14 @@ void ConnmanRunner::Doubt(DBusMessage& signal) {
 }
 
 bool ConnmanRunner::IsStopping() const {
-    const std::lock_guard<std::mutex> lock(shared->mutex);
+    const MutexLock lock(shared->mutex);
     return shared->stopping;
 }
 
 std::string ConnmanRunner::Summary() const {
     std::string text;
-    for (const ConnmanService& service : shared->services.All())
+    const ConnmanServices services = shared->Services();
+    for (const ConnmanService& service : services.All())
         text += (text.empty() ? "" : ", ") + service.interfaceName + " " + service.state;
     return text.empty() ? "no services" : text;
 }

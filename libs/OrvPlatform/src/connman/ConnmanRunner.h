@@ -40,29 +40,29 @@ private:
     enum class Loss { NONE, BUS, MANAGER, LIST };
 
     void Fail(const char* reason) noexcept;
-    void GoOn();
+    void RunOnce();
     void Connect();
-    std::string Introduce();
+    std::string SubscribeAndFindOwner();
     std::string FindOwner();
     void AskAgain();
     Clock::time_point NextWake() const;
     void BusLost();
     void BusFailed(const std::string& reason);
     void OwnerIs(const std::string& name);
-    void Away(Loss loss, const std::string& text);
+    void SetAway(Loss loss, const std::string& text);
     void Report(Loss loss, const std::string& text);
-    void Refresh(const ConnmanStep* accomplished);
-    bool TakeOver(const MessageBus::Reply& reply, const ConnmanStep* accomplished);
+    void Refresh(const ConnmanCall* executed);
+    bool ApplyList(const MessageBus::Reply& reply, const ConnmanCall* executed);
     bool HasGoneUnheard(const MessageBus::Reply& reply, const std::string& askedOwner);
-    void ForgetLeftovers();
-    void CarryOut(const ConnmanStep& step);
+    void ForgetLeftovers() ORV_REQUIRES(shared->mutex);
+    void Execute(const ConnmanCall& call);
     MessageBus::Reply Call(DBusMessagePtr message, const std::string& what);
-    ConnmanStep NextStep();
+    ConnmanCall NextCall();
     void LogNotes();
     void HandleSignal(DBusMessage& signal);
     void HandleServicesChanged(DBusMessage& signal);
     void HandlePropertyChanged(DBusMessage& signal);
-    void Doubt(DBusMessage& signal);
+    void HandleStranger(DBusMessage& signal);
     bool IsStopping() const;
     std::string Summary() const;
 

@@ -12,9 +12,14 @@ void ConnmanShared::NoteOnce(const std::string& text) {
 }
 
 void ConnmanShared::End() {
-    const std::lock_guard<std::mutex> lock(mutex);
+    const MutexLock lock(mutex);
     ended = true;
     hasEnded.notify_all();
+}
+
+ConnmanServices ConnmanShared::Services() {
+    const MutexLock lock(mutex);
+    return services;
 }
 
 } // namespace OrvPlatform

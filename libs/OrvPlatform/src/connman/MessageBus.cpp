@@ -89,7 +89,7 @@ std::string MessageBus::Open(const std::string& address, std::chrono::millisecon
         const LibdbusLock lock(LibdbusMutex());
         hello.reset(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "Hello"));
     }
-    const Reply reply = Ask(std::move(hello), limit);
+    const Reply reply = CallBus(std::move(hello), limit);
     if (reply.message)
         return {};
     Close();
@@ -107,7 +107,7 @@ void MessageBus::Close() {
     watches.clear();
 }
 
-MessageBus::Reply MessageBus::Ask(DBusMessagePtr message, std::chrono::milliseconds limit) {
+MessageBus::Reply MessageBus::CallBus(DBusMessagePtr message, std::chrono::milliseconds limit) {
     return Exchange(message, limit, [] { return false; });
 }
 

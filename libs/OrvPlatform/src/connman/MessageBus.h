@@ -51,7 +51,7 @@ public:
     void Close();
     bool IsOpen() const { return connection != nullptr; }
 
-    /// Who gets the signals; called inside HandleArrived, Wait, Ask and Call.
+    /// Who gets the signals; called inside HandleArrived, Wait, CallBus and Call.
     void OnSignal(SignalHandler handler) { signalHandler = std::move(handler); }
 
     struct Reply {
@@ -62,7 +62,7 @@ public:
 
     /// Sends a method call to the bus itself and waits for the answer until `limit`. Without one the connection is of
     /// no use any more.
-    Reply Ask(DBusMessagePtr message, std::chrono::milliseconds limit);
+    Reply CallBus(DBusMessagePtr message, std::chrono::milliseconds limit);
 
     /// Sends a method call and waits for its answer. A call cannot be taken back: after `limit`, `onOverdue` is told
     /// once and the wait goes on until the answer comes, the callee or the bus goes away, or the owner cancels. What

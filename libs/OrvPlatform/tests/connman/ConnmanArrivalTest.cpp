@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What arrives is handled in the order in which it arrives, however it is cut into reads.
-#include "connman/ConnmanLink.h"
+#include "connman/ConnmanClient.h"
 
 #include "LogWatch.h"
 #include "ScriptedBus.h"
@@ -11,7 +11,7 @@ namespace OrvTest {
 namespace {
 
 using namespace std::chrono_literals;
-using OrvPlatform::ConnmanLink;
+using OrvPlatform::ConnmanClient;
 
 class AGatewayOnAScriptedBus : public testing::Test, protected LogWatch {
 protected:
@@ -22,7 +22,7 @@ protected:
     }
 
     ScriptedBus bus;
-    ConnmanLink link{bus.Address(), {300ms, 300ms, 20ms, 200ms, 2000ms}};
+    ConnmanClient link{bus.Address(), {300ms, 300ms, 20ms, 200ms, 2000ms}};
 };
 
 TEST_F(AGatewayOnAScriptedBus, FindsAConnectionManagerThatComesRightBehindTheAnswerThatThereIsNone) {

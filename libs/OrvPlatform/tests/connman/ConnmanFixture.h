@@ -3,7 +3,7 @@
 
 #include "LogWatch.h"
 #include "PrivateBus.h"
-#include "connman/ConnmanLink.h"
+#include "connman/ConnmanClient.h"
 
 #include <gtest/gtest.h>
 #include <optional>
@@ -22,7 +22,7 @@ protected:
     }
 
     PrivateBus bus;
-    OrvPlatform::ConnmanLink link{bus.Address(), FAST};
+    OrvPlatform::ConnmanClient link{bus.Address(), FAST};
 };
 
 /// With a connection manager: eth0 is on top, wwan0 is ready.

@@ -14,12 +14,12 @@ namespace OrvTest {
 namespace {
 
 using namespace std::chrono_literals;
-using OrvPlatform::ConnmanLink;
+using OrvPlatform::ConnmanClient;
 
 /// Forks as fork() does with the handlers in place; a child that hangs is ended.
 /// @return whether `inChild` held in the child
 template <typename Claim>
-bool HoldsInChild(ConnmanLink& link, const Claim& inChild) {
+bool HoldsInChild(ConnmanClient& link, const Claim& inChild) {
     link.BeforeFork();
     const pid_t child = fork();
     if (child == 0) {
@@ -48,7 +48,7 @@ TEST_F(AConnectedGateway, AnswersInAForkedChildToo) {
 TEST(AForkingGateway, KeepsItsThreadOutOfLibdbus) {
     constexpr auto WHILE_IT_FORKS = 100ms;
     ScriptedBus bus;
-    ConnmanLink link(bus.Address(), FAST);
+    ConnmanClient link(bus.Address(), FAST);
     const auto becomesTop = [&](const std::string& name, std::chrono::milliseconds limit) {
         return WaitUntil([&] { return link.TopPriorityInterface() == name; }, limit);
     };
@@ -71,7 +71,7 @@ TEST(AForkingGateway, KeepsItsThreadOutOfLibdbus) {
 }
 
 TEST_F(AConnectedGateway, DoesNothingInAForkedChildWhoseLibdbusIsLocked) {
-    ConnmanLink hasty(bus.Address(), {300ms, 300ms, 20ms, 200ms, 2000ms, 20ms});
+    ConnmanClient hasty(bus.Address(), {300ms, 300ms, 20ms, 200ms, 2000ms, 20ms});
     std::unique_lock<std::timed_mutex> threadIsInside(OrvPlatform::LibdbusMutex());
     EXPECT_TRUE(HoldsInChild(hasty, [&] { return !hasty.SetTopPriorityInterface("wwan0"); }));
     threadIsInside.unlock();
@@ -80,7 +80,7 @@ TEST_F(AConnectedGateway, DoesNothingInAForkedChildWhoseLibdbusIsLocked) {
 
 TEST(AGatewayThatForksInTwoThreads, KeepsNoLockWhenOneOfThemDoesNotGetLibdbus) {
     ScriptedBus bus;
-    ConnmanLink link(bus.Address(), {300ms, 300ms, 20ms, 200ms, 2000ms, 20ms});
+    ConnmanClient link(bus.Address(), {300ms, 300ms, 20ms, 200ms, 2000ms, 20ms});
     link.BeforeFork();
     auto other = std::async(std::launch::async, [&] {
         link.BeforeFork();

@@ -19,7 +19,7 @@ namespace OrvTest {
 namespace {
 
 using namespace std::chrono_literals;
-using OrvPlatform::ConnmanLink;
+using OrvPlatform::ConnmanClient;
 
 /// Both services are ready, eth0 is on top; a stranger is on the bus, too.
 class AScriptedGateway : public testing::Test, protected LogWatch {
@@ -46,7 +46,7 @@ protected:
     }
 
     ScriptedBus bus;
-    ConnmanLink link{bus.Address(), {300ms, 300ms, 20ms, 200ms, 2000ms}};
+    ConnmanClient link{bus.Address(), {300ms, 300ms, 20ms, 200ms, 2000ms}};
 };
 
 TEST_F(AScriptedGateway, BelievesOnlyTheBusWhoTheConnectionManagerIs) {
@@ -163,7 +163,7 @@ TEST_F(AScriptedGateway, TakesNoMoreServicesThanAGatewayHasUseFor) {
 TEST(AStrangeBus, ThatNamesNoUniqueNameIsNotBelieved) {
     LogWatch log;
     ScriptedBus bus;
-    ConnmanLink link{bus.Address(), {300ms, 300ms, 20ms, 200ms, 2000ms}};
+    ConnmanClient link{bus.Address(), {300ms, 300ms, 20ms, 200ms, 2000ms}};
     link.TopPriorityInterface();
     for (const std::string name : {"", "net.connman", "no name at all"})
         bus.Send(bus.Return(bus.Introduced(), bus.DRIVER, name));

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // No call waits for the connection manager or for the bus. The limits here are so long that who waits for one is seen.
-#include "connman/ConnmanLink.h"
+#include "connman/ConnmanClient.h"
 
 #include "LogWatch.h"
 #include "ScriptedBus.h"
@@ -30,7 +30,7 @@ protected:
     }
 
     ScriptedBus bus;
-    OrvPlatform::ConnmanLink link{bus.Address(), {2 * PATIENCE, 2 * PATIENCE, 20ms, 200ms, 2 * PATIENCE}};
+    OrvPlatform::ConnmanClient link{bus.Address(), {2 * PATIENCE, 2 * PATIENCE, 20ms, 200ms, 2 * PATIENCE}};
 };
 
 TEST_F(AnUnansweredGateway, NeverWaitsForABusThatDoesNotAccept) {

@@ -40,7 +40,7 @@ TEST_F(TheSystemBusPolicy, LetsTheGatewaysApplicationWorkWithTheShippedFile) {
     policies.push_back(SHIPPED);
     const PrivateBus bus(policies);
     const FakeConnmanProcess connman(bus, "eth0:ready wwan0:ready");
-    OrvPlatform::ConnmanLink link(bus.Address(), FAST);
+    OrvPlatform::ConnmanClient link(bus.Address(), FAST);
     link.SetTopPriorityInterface("wwan0");
     EXPECT_TRUE(WaitUntil([&] { return link.TopPriorityInterface() == "wwan0"; }));
     connman.Do("services eth0:ready");

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "connman/ConnmanWanted.h"
+#include "connman/PendingOrders.h"
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,7 @@ namespace OrvPlatform {
 namespace {
 
 using Texts = std::vector<std::string>;
-using Kind = ConnmanStep::Kind;
+using Kind = ConnmanCall::Kind;
 
 ConnmanServiceNews News(const std::string& interfaceName, const std::string& state) {
     return {"/" + interfaceName, interfaceName, state, false, Texts{"192.0.2.53"}, Texts{}};
@@ -17,10 +17,10 @@ class OrdersForTwoConnectedServices : public testing::Test {
 protected:
     OrdersForTwoConnectedServices() { services.Replace({News("eth0", "online"), News("wwan0", "ready")}); }
 
-    ConnmanStep Next() { return wanted.Next(services, remarks); }
+    ConnmanCall Next() { return wanted.Next(services, remarks); }
 
     ConnmanServices services;
-    ConnmanWanted wanted;
+    PendingOrders wanted;
     Texts remarks;
 };
 
@@ -29,32 +29,32 @@ TEST_F(OrdersForTwoConnectedServices, AreNoneAtFirst) {
 }
 
 TEST_F(OrdersForTwoConnectedServices, MoveTheServiceBeforeTheFirst) {
-    wanted.WantTop("wwan0");
-    const ConnmanStep step = Next();
+    wanted.OrderTop("wwan0");
+    const ConnmanCall step = Next();
     EXPECT_EQ(step.kind, Kind::MOVE);
     EXPECT_EQ(step.path, "/wwan0");
     EXPECT_EQ(step.before, "/eth0");
 }
 
 TEST_F(OrdersForTwoConnectedServices, AreForgottenWhenTheyAreFulfilledAlready) {
-    wanted.WantTop("eth0");
+    wanted.OrderTop("eth0");
     EXPECT_EQ(Next().kind, Kind::NONE);
     EXPECT_FALSE(wanted.HasTop());
     EXPECT_TRUE(remarks.empty());
 }
 
 TEST_F(OrdersForTwoConnectedServices, AreNotGivenAgainWhenTheOrderChangesByItself) {
-    wanted.WantTop("wwan0");
+    wanted.OrderTop("wwan0");
     wanted.Done(Next());
     EXPECT_EQ(Next().kind, Kind::NONE);
 }
 
 TEST_F(OrdersForTwoConnectedServices, CountOnlyAsFarAsTheyAreTheLatest) {
-    wanted.WantTop("wwan0");
-    wanted.WantServers("wwan0", {"none"});
-    wanted.WantServers("wwan0", {"198.51.100.1"});
-    wanted.WantTop("eth0");
-    const ConnmanStep step = Next();
+    wanted.OrderTop("wwan0");
+    wanted.OrderServers("wwan0", {"none"});
+    wanted.OrderServers("wwan0", {"198.51.100.1"});
+    wanted.OrderTop("eth0");
+    const ConnmanCall step = Next();
     EXPECT_EQ(step.kind, Kind::SET_SERVERS);
     EXPECT_EQ(step.servers, Texts{"198.51.100.1"});
     wanted.Done(step);
@@ -62,37 +62,37 @@ TEST_F(OrdersForTwoConnectedServices, CountOnlyAsFarAsTheyAreTheLatest) {
 }
 
 TEST_F(OrdersForTwoConnectedServices, AreCarriedOutInTheirOrder) {
-    wanted.WantServers("wwan0", {"none"});
-    wanted.WantTop("wwan0");
-    ConnmanStep step = Next();
+    wanted.OrderServers("wwan0", {"none"});
+    wanted.OrderTop("wwan0");
+    ConnmanCall step = Next();
     EXPECT_EQ(step.kind, Kind::SET_SERVERS);
     wanted.Done(step);
     EXPECT_EQ(Next().kind, Kind::MOVE);
 }
 
 TEST_F(OrdersForTwoConnectedServices, SurviveTheEndOfAnOlderOne) {
-    wanted.WantTop("wwan0");
-    const ConnmanStep older = Next();
-    wanted.WantTop("eth0");
+    wanted.OrderTop("wwan0");
+    const ConnmanCall older = Next();
+    wanted.OrderTop("eth0");
     wanted.Done(older);
     services.Replace({News("wwan0", "ready"), News("eth0", "online")});
     EXPECT_EQ(Next().path, "/eth0");
 }
 
 TEST_F(OrdersForTwoConnectedServices, RestAfterARefusalUntilThereIsNews) {
-    wanted.WantTop("wwan0");
+    wanted.OrderTop("wwan0");
     EXPECT_EQ(wanted.Refused(Next(), "InvalidService"), "cannot put wwan0 on top now: InvalidService");
     EXPECT_EQ(Next().kind, Kind::NONE);
     wanted.Retry();
     EXPECT_EQ(wanted.Refused(Next(), "InvalidService"), "");
-    wanted.WantTop("wwan0");
+    wanted.OrderTop("wwan0");
     EXPECT_EQ(Next().kind, Kind::MOVE);
 }
 
 TEST_F(OrdersForTwoConnectedServices, AreNotGivenForAServiceWithoutAnAddress) {
     for (const std::string state : {"idle", "failure", "association", "configuration", "disconnect"}) {
         services.Update({"/wwan0", {}, state, {}, {}, {}});
-        wanted.WantTop("wwan0");
+        wanted.OrderTop("wwan0");
         EXPECT_EQ(Next().kind, Kind::NONE) << state;
     }
     EXPECT_EQ(remarks.size(), 5U);
@@ -101,9 +101,9 @@ TEST_F(OrdersForTwoConnectedServices, AreNotGivenForAServiceWithoutAnAddress) {
 }
 
 TEST_F(OrdersForTwoConnectedServices, AreRemarkedOnceWhenTheInterfaceHasNoService) {
-    wanted.WantTop("ppp0");
+    wanted.OrderTop("ppp0");
     Next();
-    wanted.WantTop("ppp0");
+    wanted.OrderTop("ppp0");
     Next();
     EXPECT_EQ(remarks,
               Texts{"cannot put ppp0 on top now: there is no service on this interface (cable or modem out?)"});
@@ -111,26 +111,26 @@ TEST_F(OrdersForTwoConnectedServices, AreRemarkedOnceWhenTheInterfaceHasNoServic
 
 TEST_F(OrdersForTwoConnectedServices, LeaveAProvisionedServicesServersAlone) {
     services.Update({"/wwan0", {}, {}, true, {}, {}});
-    wanted.WantServers("wwan0", {"none"});
+    wanted.OrderServers("wwan0", {"none"});
     EXPECT_EQ(Next().kind, Kind::NONE);
     EXPECT_EQ(remarks.size(), 1U);
 }
 
 TEST_F(OrdersForTwoConnectedServices, DoNotConfigureWhatIsSoAlready) {
-    wanted.WantServers("eth0", {});
+    wanted.OrderServers("eth0", {});
     services.Update({"/wwan0", {}, {}, {}, Texts{"198.51.100.1"}, Texts{"198.51.100.1"}});
-    wanted.WantServers("wwan0", {"198.51.100.1"});
+    wanted.OrderServers("wwan0", {"198.51.100.1"});
     EXPECT_EQ(Next().kind, Kind::NONE);
 }
 
 TEST_F(OrdersForTwoConnectedServices, TellNoServersFromTheNetworksOwnByWhatWasWritten) {
     services.Update({"/wwan0", {}, {}, {}, Texts{}, {}});
-    wanted.WantServers("wwan0", {NO_SERVERS});
-    ConnmanStep step = Next();
+    wanted.OrderServers("wwan0", {NO_SERVERS});
+    ConnmanCall step = Next();
     ASSERT_EQ(step.kind, Kind::SET_SERVERS);
     services.NoteWritten(step.path, step.servers);
     EXPECT_EQ(Next().kind, Kind::NONE);
-    wanted.WantServers("wwan0", {});
+    wanted.OrderServers("wwan0", {});
     EXPECT_EQ(Next().kind, Kind::SET_SERVERS);
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "connman/ConnmanLink.h"
+#include "connman/ConnmanClient.h"
 
 #include "base/IpAddress.h"
 
@@ -39,22 +39,22 @@ std::vector<std::string> ForConnman(std::vector<std::string> servers) {
 
 } // namespace
 
-ConnmanLink::ConnmanLink(const std::string& address, const ConnmanLimits& timeLimits, ConnmanRole ownRole)
+ConnmanClient::ConnmanClient(const std::string& address, const ConnmanLimits& timeLimits, ConnmanRole ownRole)
     : busAddress(address), limits(timeLimits), role(ownRole), shared(std::make_shared<ConnmanShared>()) {}
 
-ConnmanLink::~ConnmanLink() {
+ConnmanClient::~ConnmanClient() {
     Stop();
 }
 
-std::string ConnmanLink::TopPriorityInterface() {
-    const std::lock_guard<std::mutex> lock(shared->mutex);
+std::string ConnmanClient::TopPriorityInterface() {
+    const MutexLock lock(shared->mutex);
     if (!IsRunning() || shared->picture != ConnmanShared::Picture::KNOWN)
         return {};
     return shared->services.TopInterface();
 }
 
-bool ConnmanLink::SetTopPriorityInterface(const std::string& interfaceName) {
-    const std::lock_guard<std::mutex> lock(shared->mutex);
+bool ConnmanClient::SetTopPriorityInterface(const std::string& interfaceName) {
+    const MutexLock lock(shared->mutex);
     if (!IsRunning())
         return false;
     if (interfaceName.empty()) {
@@ -63,15 +63,15 @@ bool ConnmanLink::SetTopPriorityInterface(const std::string& interfaceName) {
     }
     const bool known = shared->picture == ConnmanShared::Picture::KNOWN;
     // An order under way may still change the top, so only without one is the picture's word the last one.
-    if (known && !shared->wanted.HasTop() && shared->services.TopInterface() == interfaceName)
+    if (known && !shared->orders.HasTop() && shared->services.TopInterface() == interfaceName)
         return true;
-    shared->wanted.WantTop(interfaceName);
+    shared->orders.OrderTop(interfaceName);
     shared->waker.Wake();
-    return CanCarryOutNow(interfaceName, true);
+    return CanExecuteNow(interfaceName, true);
 }
 
-bool ConnmanLink::SetDnsConfiguration(const std::string& interfaceName, const std::vector<std::string>& servers) {
-    const std::lock_guard<std::mutex> lock(shared->mutex);
+bool ConnmanClient::SetDnsConfiguration(const std::string& interfaceName, const std::vector<std::string>& servers) {
+    const MutexLock lock(shared->mutex);
     if (!IsRunning())
         return false;
     if (interfaceName.empty()) {
@@ -86,21 +86,21 @@ bool ConnmanLink::SetDnsConfiguration(const std::string& interfaceName, const st
     const std::vector<std::string> wanted = ForConnman(servers);
     const bool known = shared->picture == ConnmanShared::Picture::KNOWN;
     const ConnmanService* service = known ? shared->services.Of(interfaceName) : nullptr;
-    if (service && !shared->wanted.HasServersFor(interfaceName) && service->HasServers(wanted))
+    if (service && !shared->orders.HasServersFor(interfaceName) && service->HasServers(wanted))
         return true;
-    shared->wanted.WantServers(interfaceName, wanted);
+    shared->orders.OrderServers(interfaceName, wanted);
     shared->waker.Wake();
-    return CanCarryOutNow(interfaceName, false);
+    return CanExecuteNow(interfaceName, false);
 }
 
-bool ConnmanLink::CanCarryOutNow(const std::string& interfaceName, bool mustBeConnected) const {
+bool ConnmanClient::CanExecuteNow(const std::string& interfaceName, bool mustBeConnected) const {
     if (shared->picture != ConnmanShared::Picture::KNOWN)
         return shared->picture == ConnmanShared::Picture::UNKNOWN;
     const ConnmanService* service = shared->services.Of(interfaceName);
     return service && (mustBeConnected ? service->Connected() : !service->immutable);
 }
 
-bool ConnmanLink::IsRunning() {
+bool ConnmanClient::IsRunning() {
     if (shared->stopping)
         return false;
     if (thread)
@@ -120,15 +120,20 @@ bool ConnmanLink::IsRunning() {
     }
 }
 
-void ConnmanLink::Stop() noexcept {
-    std::unique_lock<std::mutex> lock(shared->mutex);
-    shared->stopping = true;
-    shared->waker.Wake();
-    if (!thread)
-        return;
-    // A bus whose backlog is full holds the thread inside connect(); the process must end all the same.
-    const bool inTime = shared->hasEnded.wait_for(lock, limits.stop, [this] { return shared->ended; });
-    lock.unlock();
+void ConnmanClient::Stop() noexcept {
+    bool inTime = false;
+    {
+        const MutexLock lock(shared->mutex);
+        shared->stopping = true;
+        shared->waker.Wake();
+        if (!thread)
+            return;
+        // A bus whose backlog is full holds the thread inside connect(); the process must end all the same.
+        const auto deadline = std::chrono::steady_clock::now() + limits.stop;
+        while (!shared->ended && shared->hasEnded.wait_until(shared->mutex, deadline) != std::cv_status::timeout) {
+        }
+        inTime = shared->ended;
+    }
     if (inTime)
         thread->join();
     else
@@ -136,21 +141,21 @@ void ConnmanLink::Stop() noexcept {
     thread.reset();
 }
 
-void ConnmanLink::BeforeFork() noexcept {
+void ConnmanClient::BeforeFork() noexcept {
     // Connecting to a bus whose backlog is full can hold the library; the fork must come about all the same.
     const bool inTime = LibdbusMutex().try_lock_for(limits.fork);
     shared->mutex.lock();
     hasLibrary = inTime; // another thread's fork has its own word there until it lets go of the mutex
 }
 
-void ConnmanLink::AfterForkInParent() noexcept {
+void ConnmanClient::AfterForkInParent() noexcept {
     const bool holdsLibrary = hasLibrary;
     shared->mutex.unlock();
     if (holdsLibrary)
         LibdbusMutex().unlock();
 }
 
-void ConnmanLink::AfterForkInChild() noexcept {
+void ConnmanClient::AfterForkInChild() noexcept {
     if (hasLibrary)
         LibdbusMutex().unlock();
     parentsShared = std::move(shared);
@@ -159,7 +164,7 @@ void ConnmanLink::AfterForkInChild() noexcept {
     shared->stopping = parentsShared->stopping || !hasLibrary;
 }
 
-std::string ConnmanLink::BusAddress(const std::string& configured) {
+std::string ConnmanClient::BusAddress(const std::string& configured) {
     if (!configured.empty())
         return configured;
     const char* named = ::secure_getenv("DBUS_SYSTEM_BUS_ADDRESS");

@@ -1,19 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "connman/ConnmanWanted.h"
+#include "connman/PendingOrders.h"
 
 #include <algorithm>
 
 namespace OrvPlatform {
 
-void ConnmanWanted::WantTop(const std::string& interfaceName) {
+void PendingOrders::OrderTop(const std::string& interfaceName) {
     Add(true, interfaceName, {});
 }
 
-void ConnmanWanted::WantServers(const std::string& interfaceName, const std::vector<std::string>& servers) {
+void PendingOrders::OrderServers(const std::string& interfaceName, const std::vector<std::string>& servers) {
     Add(false, interfaceName, servers);
 }
 
-void ConnmanWanted::Add(bool isTop, const std::string& interfaceName, const std::vector<std::string>& servers) {
+void PendingOrders::Add(bool isTop, const std::string& interfaceName, const std::vector<std::string>& servers) {
     const auto same = [&](const Order& order) {
         return order.isTop == isTop && (isTop || order.interfaceName == interfaceName);
     };
@@ -27,16 +27,16 @@ void ConnmanWanted::Add(bool isTop, const std::string& interfaceName, const std:
     orders.push_back({++lastId, isTop, interfaceName, servers, false, {}});
 }
 
-bool ConnmanWanted::HasTop() const {
+bool PendingOrders::HasTop() const {
     return std::any_of(orders.begin(), orders.end(), [](const Order& order) { return order.isTop; });
 }
 
-bool ConnmanWanted::HasServersFor(const std::string& interfaceName) const {
+bool PendingOrders::HasServersFor(const std::string& interfaceName) const {
     return std::any_of(orders.begin(), orders.end(),
                        [&](const Order& order) { return !order.isTop && order.interfaceName == interfaceName; });
 }
 
-ConnmanStep ConnmanWanted::Next(const ConnmanServices& services, std::vector<std::string>& remarks) {
+ConnmanCall PendingOrders::Next(const ConnmanServices& services, std::vector<std::string>& remarks) {
     const auto fulfilled = [&](const Order& order) { return IsFulfilled(order, services); };
     orders.erase(std::remove_if(orders.begin(), orders.end(), fulfilled), orders.end());
 
@@ -51,21 +51,21 @@ ConnmanStep ConnmanWanted::Next(const ConnmanServices& services, std::vector<std
                 remarks.push_back(std::move(remark));
             continue;
         }
-        const auto kind = order.isTop ? ConnmanStep::Kind::MOVE : ConnmanStep::Kind::SET_SERVERS;
+        const auto kind = order.isTop ? ConnmanCall::Kind::MOVE : ConnmanCall::Kind::SET_SERVERS;
         const std::string before = order.isTop ? services.First()->path : std::string();
         return {kind, order.id, order.interfaceName, service->path, before, order.servers};
     }
     return {};
 }
 
-bool ConnmanWanted::IsFulfilled(const Order& order, const ConnmanServices& services) {
+bool PendingOrders::IsFulfilled(const Order& order, const ConnmanServices& services) {
     if (order.isTop)
         return services.TopInterface() == order.interfaceName;
     const ConnmanService* service = services.Of(order.interfaceName);
     return service && service->HasServers(order.servers);
 }
 
-std::string ConnmanWanted::Obstacle(const Order& order, const ConnmanService* service) {
+std::string PendingOrders::Obstacle(const Order& order, const ConnmanService* service) {
     if (!service)
         return "there is no service on this interface (cable or modem out?)";
     // ConnMan would obey, and leave the gateway without a default route.
@@ -76,13 +76,13 @@ std::string ConnmanWanted::Obstacle(const Order& order, const ConnmanService* se
     return {};
 }
 
-void ConnmanWanted::Done(const ConnmanStep& step) {
-    const auto isMeant = [&](const Order& order) { return order.id == step.order; };
+void PendingOrders::Done(const ConnmanCall& call) {
+    const auto isMeant = [&](const Order& order) { return order.id == call.order; };
     orders.erase(std::remove_if(orders.begin(), orders.end(), isMeant), orders.end());
 }
 
-std::string ConnmanWanted::Refused(const ConnmanStep& step, const std::string& reason) {
-    const auto isMeant = [&](const Order& order) { return order.id == step.order; };
+std::string PendingOrders::Refused(const ConnmanCall& call, const std::string& reason) {
+    const auto isMeant = [&](const Order& order) { return order.id == call.order; };
     const auto found = std::find_if(orders.begin(), orders.end(), isMeant);
     if (found == orders.end())
         return {};
@@ -90,12 +90,12 @@ std::string ConnmanWanted::Refused(const ConnmanStep& step, const std::string& r
     return Remark(*found, reason);
 }
 
-void ConnmanWanted::Retry() {
+void PendingOrders::Retry() {
     for (Order& order : orders)
         order.resting = false;
 }
 
-std::string ConnmanWanted::Remark(Order& order, const std::string& reason) {
+std::string PendingOrders::Remark(Order& order, const std::string& reason) {
     if (order.remarked == reason)
         return {};
     order.remarked = reason;

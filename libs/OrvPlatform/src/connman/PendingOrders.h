@@ -10,7 +10,7 @@
 namespace OrvPlatform {
 
 /// One call to the connection manager that brings it nearer to what is wanted.
-struct ConnmanStep {
+struct ConnmanCall {
     enum class Kind { NONE, MOVE, SET_SERVERS };
 
     Kind kind = Kind::NONE;
@@ -24,24 +24,24 @@ struct ConnmanStep {
 /// The orders that are not carried out yet. A newer order for the top priority replaces the older one, a newer DNS
 /// setting the older one of the same interface. An order that cannot be carried out is kept until it can be or until it
 /// is replaced; one that has been carried out is forgotten, so that nothing is ever done twice. No locks, no bus.
-class ConnmanWanted {
+class PendingOrders {
 public:
-    void WantTop(const std::string& interfaceName);
-    void WantServers(const std::string& interfaceName, const std::vector<std::string>& servers);
+    void OrderTop(const std::string& interfaceName);
+    void OrderServers(const std::string& interfaceName, const std::vector<std::string>& servers);
 
     bool HasTop() const;
     bool HasServersFor(const std::string& interfaceName) const;
 
     /// The next call to make. Orders that are fulfilled already are dropped on the way.
     /// @param remarks gets a text for each order that has to wait, once for each order and reason
-    ConnmanStep Next(const ConnmanServices& services, std::vector<std::string>& remarks);
+    ConnmanCall Next(const ConnmanServices& services, std::vector<std::string>& remarks);
 
-    /// The step was obeyed. Nothing happens when its order has been replaced meanwhile.
-    void Done(const ConnmanStep& step);
+    /// The call was obeyed. Nothing happens when its order has been replaced meanwhile.
+    void Done(const ConnmanCall& call);
 
-    /// The step was refused: its order rests until Retry().
+    /// The call was refused: its order rests until Retry().
     /// @return what to log; empty when this refusal was logged before
-    std::string Refused(const ConnmanStep& step, const std::string& reason);
+    std::string Refused(const ConnmanCall& call, const std::string& reason);
 
     /// The services have changed, or the connection manager is a new one: refused orders get another chance.
     void Retry();

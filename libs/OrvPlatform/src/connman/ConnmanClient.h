@@ -4,7 +4,6 @@
 #include "connman/ConnmanRunner.h"
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -14,13 +13,13 @@ namespace OrvPlatform {
 /// The real connection manager, as callers see it. A thread of its own, started by the first call, owns the bus
 /// connection and does the work; callers only touch the picture and the orders, under one mutex that is never held
 /// across anything slow. Every operation may be called from any thread and returns at once.
-class ConnmanLink {
+class ConnmanClient {
 public:
-    explicit ConnmanLink(const std::string& address, const ConnmanLimits& timeLimits = {},
-                         ConnmanRole ownRole = ConnmanRole::CONTROLLER);
-    ~ConnmanLink();
-    ConnmanLink(const ConnmanLink&) = delete;
-    ConnmanLink& operator=(const ConnmanLink&) = delete;
+    explicit ConnmanClient(const std::string& address, const ConnmanLimits& timeLimits = {},
+                           ConnmanRole ownRole = ConnmanRole::CONTROLLER);
+    ~ConnmanClient();
+    ConnmanClient(const ConnmanClient&) = delete;
+    ConnmanClient& operator=(const ConnmanClient&) = delete;
 
     std::string TopPriorityInterface();
     bool SetTopPriorityInterface(const std::string& interfaceName);
@@ -33,17 +32,17 @@ public:
 
     /// Called around fork(), so that a child that goes on without exec does not inherit a locked lock or a dead thread.
     /// Where the thread does not come out of libdbus in time, the child's calls do nothing.
-    void BeforeFork() noexcept;
-    void AfterForkInParent() noexcept;
-    void AfterForkInChild() noexcept;
+    void BeforeFork() noexcept ORV_NO_LOCK_ANALYSIS;
+    void AfterForkInParent() noexcept ORV_NO_LOCK_ANALYSIS;
+    void AfterForkInChild() noexcept ORV_NO_LOCK_ANALYSIS;
 
     /// Where the connection manager is found: the configured bus, else the one that the environment names, else the
     /// system's.
     static std::string BusAddress(const std::string& configured);
 
 private:
-    bool IsRunning();
-    bool CanCarryOutNow(const std::string& interfaceName, bool mustBeConnected) const;
+    bool IsRunning() ORV_REQUIRES(shared->mutex);
+    bool CanExecuteNow(const std::string& interfaceName, bool mustBeConnected) const ORV_REQUIRES(shared->mutex);
 
     const std::string busAddress;
     const ConnmanLimits limits;

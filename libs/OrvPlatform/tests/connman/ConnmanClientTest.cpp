@@ -11,7 +11,7 @@ namespace OrvTest {
 namespace {
 
 using namespace std::chrono_literals;
-using OrvPlatform::ConnmanLink;
+using OrvPlatform::ConnmanClient;
 
 TEST_F(AConnectedGateway, PutsAnInterfaceOnTop) {
     EXPECT_TRUE(link.SetTopPriorityInterface("wwan0"));
@@ -241,7 +241,7 @@ TEST_F(AConnectedGateway, ServesManyThreads) {
 
 TEST_F(AConnectedGateway, GivesBackTheNameServersThatAnEarlierProcessTookAway) {
     connman->Do("mute-servers wwan0");
-    ConnmanLink later(bus.Address(), FAST);
+    ConnmanClient later(bus.Address(), FAST);
     later.TopPriorityInterface();
     EXPECT_TRUE(IsLogged("name servers of wwan0: as the network offers"));
     EXPECT_EQ(connman->Calls(), "SetProperty wwan0 Nameservers.Configuration=");
@@ -275,7 +275,7 @@ TEST_F(AGateway, SaysOnceThatThereIsNoBus) {
 
 TEST_F(AGateway, StartsNoThreadBeforeItIsAsked) {
     const std::size_t threads = ProcessFigures::Now().threads;
-    ConnmanLink other(bus.Address(), FAST);
+    ConnmanClient other(bus.Address(), FAST);
     EXPECT_LE(ProcessFigures::Now().threads, threads); // one that was joined before may be seen a moment longer
     other.Stop();
     link.Stop();
@@ -284,7 +284,7 @@ TEST_F(AGateway, StartsNoThreadBeforeItIsAsked) {
 }
 
 TEST_F(AConnectedGateway, TakesOrdersOnceThereIsADescriptorForItsThread) {
-    std::optional<ConnmanLink> poor;
+    std::optional<ConnmanClient> poor;
     {
         const NoMoreDescriptors exhausted;
         poor.emplace(bus.Address(), FAST);
@@ -297,10 +297,10 @@ TEST_F(AConnectedGateway, TakesOrdersOnceThereIsADescriptorForItsThread) {
 
 TEST(TheBusAddress, IsTheConfiguredOneFirst) {
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/named", 1); // NOLINT(concurrency-mt-unsafe): no other thread yet
-    EXPECT_EQ(ConnmanLink::BusAddress("unix:path=/configured"), "unix:path=/configured");
-    EXPECT_EQ(ConnmanLink::BusAddress(""), "unix:path=/named");
+    EXPECT_EQ(ConnmanClient::BusAddress("unix:path=/configured"), "unix:path=/configured");
+    EXPECT_EQ(ConnmanClient::BusAddress(""), "unix:path=/named");
     unsetenv("DBUS_SYSTEM_BUS_ADDRESS"); // NOLINT(concurrency-mt-unsafe)
-    EXPECT_EQ(ConnmanLink::BusAddress(""), "unix:path=/run/dbus/system_bus_socket");
+    EXPECT_EQ(ConnmanClient::BusAddress(""), "unix:path=/run/dbus/system_bus_socket");
 }
 
 } // namespace
