@@ -4,6 +4,7 @@
 #   Installs a build to another prefix than it was configured for, then builds README's program against that by CMake and by
 #   pkg-config, against the build folder by CMake, and as README tells; each must start and say that there is no broker.
 set -eu
+export CMAKE_GENERATOR=Ninja # make need not be there
 
 tree=$(cd "$(dirname "$0")/../.." && pwd)
 build=$1
