@@ -143,7 +143,7 @@ void ConnmanClient::Stop() noexcept {
 
 void ConnmanClient::BeforeFork() noexcept {
     // Connecting to a bus whose backlog is full can hold the library; the fork must come about all the same.
-    const bool inTime = LibdbusMutex().try_lock_for(limits.fork);
+    const bool inTime = TryLockLibdbusFor(limits.fork);
     shared->mutex.lock();
     hasLibrary = inTime; // another thread's fork has its own word there until it lets go of the mutex
 }

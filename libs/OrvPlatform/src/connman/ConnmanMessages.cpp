@@ -120,7 +120,7 @@ DBusMessagePtr NewCall(const std::string& destination, const std::string& path, 
         throw std::invalid_argument("no call can go to " + path + " of " + destination);
     DBusMessage* message = nullptr;
     {
-        const std::lock_guard<std::timed_mutex> lock(LibdbusMutex());
+        const std::lock_guard<std::mutex> lock(LibdbusMutex());
         message = dbus_message_new_method_call(destination.c_str(), path.c_str(), interface, method);
     }
     // Whoever supervises the connection manager starts it, not a call.

@@ -9,7 +9,7 @@ namespace OrvPlatform {
 
 namespace {
 
-using LibdbusLock = std::lock_guard<std::timed_mutex>;
+using LibdbusLock = std::lock_guard<std::mutex>;
 
 constexpr const char* GONE = "the bus is gone";
 
@@ -53,9 +53,19 @@ unsigned Conditions(short events) {
 
 } // namespace
 
-std::timed_mutex& LibdbusMutex() {
-    static std::timed_mutex mutex;
+std::mutex& LibdbusMutex() {
+    static std::mutex mutex;
     return mutex;
+}
+
+bool TryLockLibdbusFor(std::chrono::milliseconds limit) noexcept {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!LibdbusMutex().try_lock()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        poll(nullptr, 0, 1);
+    }
+    return true;
 }
 
 void DBusMessageRelease::operator()(DBusMessage* message) const {

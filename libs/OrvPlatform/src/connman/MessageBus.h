@@ -18,7 +18,11 @@ namespace OrvPlatform {
 /// Held around every function of libdbus that takes one of libdbus's own locks: making, releasing, sending and
 /// receiving messages, opening and closing. Who holds it too during fork() leaves the child a libdbus whose locks are
 /// free. It is held across no wait except connecting's, and nothing else is locked under it.
-std::timed_mutex& LibdbusMutex();
+std::mutex& LibdbusMutex();
+
+/// Locks it if that takes no longer than `limit`; @return whether it is locked. It looks each millisecond: ThreadSanitizer
+/// does not know the C library's own lock with a limit on the monotonic clock.
+bool TryLockLibdbusFor(std::chrono::milliseconds limit) noexcept;
 
 struct DBusMessageRelease {
     void operator()(DBusMessage* message) const;
