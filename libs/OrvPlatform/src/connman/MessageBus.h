@@ -20,8 +20,8 @@ namespace OrvPlatform {
 /// free. It is held across no wait except connecting's, and nothing else is locked under it.
 std::mutex& LibdbusMutex();
 
-/// Locks it if that takes no longer than `limit`; @return whether it is locked. It looks each millisecond: ThreadSanitizer
-/// does not know the C library's own lock with a limit on the monotonic clock.
+/// Locks it if that takes no longer than `limit`; @return whether it is locked. It looks each millisecond:
+/// ThreadSanitizer does not know the C library's own lock with a limit on the monotonic clock.
 bool TryLockLibdbusFor(std::chrono::milliseconds limit) noexcept;
 
 struct DBusMessageRelease {
