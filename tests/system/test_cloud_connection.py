@@ -37,7 +37,8 @@ def test_a_clock_that_is_behind_is_told_once(box, make_scene):
     scene.clocks.append((0, -40000000))
     scene.expected_complaints = ("poke error 60",)
     scene.application.wait_for(FAILED + "the certificate for cloud.box.test is not valid before ", 10)
-    scene.application.wait_for("462 days after what the clock says: is the clock right?", 1)
+    scene.application.wait_for("462 days after what the clock says", 1)
+    assert scene.application.said("the clock says: is the clock right?") or scene.application.said("the clock is wrong")
     wait_until(lambda: len(scene.application.transcript("cloud_failed")) >= 4, 30, "four attempts")
     assert len(scene.application.times_of(FAILED)) == 1
     scene.set_clock("0")
