@@ -195,7 +195,16 @@ TEST_P(StandardErrorOf, ThatNobodyReadsIsNotWaitedForWithLongRecords) {
     });
 }
 
+#if defined(__has_feature)
+#if __has_feature(undefined_behavior_sanitizer)
+#define ORV_SANITIZER_TAKES_DESCRIPTORS // to look whether it may read an object's class, and calls it invalid without
+#endif
+#endif
+
 TEST_P(StandardErrorOf, ThatNobodyReadsIsNotWaitedForWithoutAFreeDescriptor) {
+#ifdef ORV_SANITIZER_TAKES_DESCRIPTORS
+    GTEST_SKIP() << "the sanitizer needs descriptors itself";
+#endif
     Run([this] {
         LogChannel log(MakeStderrSink(writer));
         {
