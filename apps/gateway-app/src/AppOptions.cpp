@@ -68,7 +68,7 @@ AppOptions ReadOptions(const std::vector<std::string>& arguments) {
     parser
         .add_option("--tick-ms", tick, "The client library is ticked so often, whatever happens; 0: by the situation")
         ->check(CLI::Validator(
-            [](const std::string& text) { return text == "0" ? std::string() : CLI::Range(10, 1000)(text); },
+            [pace = CLI::Range(10, 1000)](const std::string& text) { return text == "0" ? std::string() : pace(text); },
             "0 or 10 to 1000"))
         ->capture_default_str();
     parser
