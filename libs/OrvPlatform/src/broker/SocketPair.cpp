@@ -39,6 +39,7 @@ struct CloseFolder {
 PairedSockets FindPairedSockets() {
     PairedSockets found;
     const std::unique_ptr<DIR, CloseFolder> folder(opendir("/proc/self/fd"));
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody else reads this opened folder
     while (const dirent* entry = folder ? readdir(folder.get()) : nullptr) {
         const int descriptor = static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
         struct stat status {};
