@@ -34,6 +34,18 @@ std::string Compact(const std::string& text) {
     return compact;
 }
 
+/// Wherever a line with a password stands, and however it lacks its equals sign, it is in no report.
+void RequireThatNoReportHoldsAPassword(const std::string& text) {
+    const std::string secret = "Zq7-not-in-the-corpus";
+    // The fuzzer learns the word from the comparison below, and writes it where a report may quote it.
+    if (text.find(secret) != std::string::npos)
+        return;
+    for (const std::string& astray : {"\npassword " + secret, "\n" + secret + "==", "\nhost = " + secret}) {
+        for (const std::string& problem : OrvPlatform::ParseGatewayConfig(text + astray, "fuzz.ini").problems)
+            Require(problem.find(secret) == std::string::npos, "a report holds no password");
+    }
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -45,12 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         Require(problem.size() < 2000, "a report is not endless");
     }
 
-    // Wherever a line with a password stands, and however it lacks its equals sign, it is in no report.
-    const std::string secret = "Zq7-not-in-the-corpus";
-    for (const std::string& astray : {"\npassword " + secret, "\n" + secret + "==", "\nhost = " + secret}) {
-        for (const std::string& problem : OrvPlatform::ParseGatewayConfig(text + astray, "fuzz.ini").problems)
-            Require(problem.find(secret) == std::string::npos, "a report holds no password");
-    }
+    RequireThatNoReportHoldsAPassword(text);
 
     const std::string shown = OrvPlatform::ShowGatewayConfig(parsed.config);
     const std::string compact = Compact(shown);
