@@ -34,10 +34,8 @@ extern "C" int HoldToInterface(void* pokeInterface, curl_socket_t descriptor, cu
 // whole for each connection, inside one tick.
 bool AuthoritiesAreHashed() {
 #if LIBCURL_VERSION_NUM >= 0x074600
-    if (!curl_version_info)
-        return false;
-    const curl_version_info_data* libcurl = curl_version_info(CURLVERSION_NOW);
-    if (libcurl->age < CURLVERSION_SEVENTH || !libcurl->capath || !libcurl->ssl_version ||
+    const curl_version_info_data* libcurl = curl_version_info ? curl_version_info(CURLVERSION_NOW) : nullptr;
+    if (!libcurl || libcurl->age < CURLVERSION_SEVENTH || !libcurl->capath || !libcurl->ssl_version ||
         std::string_view(libcurl->ssl_version).substr(0, 8) != "OpenSSL/")
         return false;
     std::string pattern(libcurl->capath);

@@ -39,9 +39,9 @@ const char* LedTopic(ConnectedServicesLedType led) {
     case ConnectedServicesLedType::GREEN:
         return Topics::LED_GREEN;
     case ConnectedServicesLedType::YELLOW:
-        return Topics::LED_YELLOW;
+        break;
     }
-    return "";
+    return Topics::LED_YELLOW;
 }
 
 const char* LedWord(ConnectedServicesLedState state) {
@@ -51,9 +51,9 @@ const char* LedWord(ConnectedServicesLedState state) {
     case ConnectedServicesLedState::OFF:
         return Words::LED_OFF;
     case ConnectedServicesLedState::BLINK:
-        return Words::LED_BLINK;
+        break;
     }
-    return "";
+    return Words::LED_BLINK;
 }
 
 const char* PanelCommandTopic(int value) {
