@@ -2,8 +2,9 @@
 #pragma once
 
 #include "EventLoop.h"
-#include "Netlink/Socket.h"
 #include "WanInterfaces.h"
+
+#include <OrvNetlink/Socket.h>
 
 #include <functional>
 #include <string>

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "Netlink/Messages.h"
+#include <OrvNetlink/Messages.h>
 
 #include <cstdint>
 #include <map>

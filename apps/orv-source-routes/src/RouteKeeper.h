@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "Netlink/Socket.h"
 #include "Planner.h"
 
 #include <CommonUtils/Logger.h>
+#include <OrvNetlink/Socket.h>
 
 #include <map>
 #include <optional>

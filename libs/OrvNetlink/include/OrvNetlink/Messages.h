@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "Netlink/Ipv4.h"
+#include "OrvNetlink/Ipv4.h"
 
 #include <linux/netlink.h>
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "Netlink/Ipv4.h"
+#include "OrvNetlink/Ipv4.h"
 
 #include <arpa/inet.h>
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "Netlink/Messages.h"
+#include "OrvNetlink/Messages.h"
 
 #include <libmnl/libmnl.h>
 #include <linux/fib_rules.h>

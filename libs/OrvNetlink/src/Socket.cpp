@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "Netlink/Socket.h"
+#include "OrvNetlink/Socket.h"
 
 #include <libmnl/libmnl.h>
 #include <linux/rtnetlink.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "Netlink/Messages.h"
-#include "Netlink/Socket.h"
+#include <OrvNetlink/Messages.h>
+#include <OrvNetlink/Socket.h>
 
 #include <gtest/gtest.h>
 #include <libmnl/libmnl.h>
