@@ -19,7 +19,7 @@ import timeline
 from processes import end_all
 from transcript import Transcript
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "gateway-box"))
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "testbed", "orv_testbed"))
 import route_states  # noqa: E402
 
 STATES = ["ETHERNET_ACTIVE", "ETHERNET_LOST_DELAY", "POKING_CELLULAR", "SWITCHING_TO_CELLULAR", "CELLULAR_ACTIVE",
@@ -81,7 +81,7 @@ class Run:
 
 class BoxDemo:
     def __init__(self, tree, programs, transcript):
-        self.box_command = os.path.join(tree, "gateway-box", "box")
+        self.box_command = os.path.join(tree, "testbed", "box")
         self.app = os.path.join(programs, "gateway-app")
         self.run = Run(transcript)
         self.transcript = transcript

@@ -6,7 +6,7 @@ import sys
 
 from gateway import ROOT, SLACK, program, wait_until
 
-sys.path.insert(0, str(ROOT / "gateway-box"))
+sys.path.insert(0, str(ROOT / "testbed/orv_testbed"))
 import route_states  # noqa: E402
 
 

@@ -70,7 +70,7 @@ class Box:
 
     @staticmethod
     def command(*words):
-        return [str(ROOT / "gateway-box/box"), *words]
+        return [str(ROOT / "testbed/box"), *words]
 
     def start(self, *command, stdout, stderr, **environment):
         process = subprocess.Popen(self.command("exec", *command), env={**self.environment, **environment}, text=True,

@@ -16,7 +16,7 @@ from conftest import NO_NAMESPACES, can_make_namespaces
 from gateway import ROOT, program, wait_until
 
 NAME = f"n{os.getpid():x}"
-BOX = str(ROOT / "gateway-box/box")
+BOX = str(ROOT / "testbed/box")
 TOOLS = pathlib.Path(os.environ.get("ORV_TOOLS", ROOT / "build/tools"))
 
 
