@@ -20,13 +20,12 @@ import time
 
 from endpoint import Endpoint, make_certificates
 from expected_wire import STATUS_FILE, differences, kept, wire_differences
+from orv_testbed.connman.stand_in import ConnmanStandIn, StandInError
 from neighbours import Neighbours, kept_by_broker
 from processes import end_all
 from transcript import Transcript
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "tests", "support", "connman"))
-from connman_stand_in import ConnmanStandIn, StandInError  # noqa: E402
 
 ANCHORS = "/etc/ssl/certs"
 SCENARIO = os.path.join(HERE, "loopback.orv")

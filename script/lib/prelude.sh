@@ -4,6 +4,7 @@
 #   tree                    the tree
 #   ORV_TOOLS, ORV_CACHE    where unpacked programs and what is fetched are kept
 #   ORV_REPORTS             where test reports go (JUnit XML), if anybody wants them
+#   PYTHONPATH              with the testbed's package
 set -euo pipefail
 
 command_name=$(basename "$0")
@@ -12,6 +13,7 @@ tree=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 cd "$tree"
 export ORV_TOOLS=${ORV_TOOLS:-$tree/build/tools}
 export ORV_CACHE=${ORV_CACHE:-$tree/.cache}
+export PYTHONPATH=$tree/testbed${PYTHONPATH:+:$PYTHONPATH}
 not_run=77 # the exit status of what may not run here
 
 say() { printf '%s: %s\n' "$command_name" "$*"; }

@@ -8,7 +8,6 @@ import re
 import signal
 import socket
 import subprocess
-import sys
 import tempfile
 import threading
 import time
@@ -16,10 +15,9 @@ from pathlib import Path
 
 import paho.mqtt.client as mqtt
 
-TREE = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(TREE / "tests/support/connman"))
-from connman_stand_in import ConnmanStandIn  # noqa: E402
+from orv_testbed.connman.stand_in import ConnmanStandIn
 
+TREE = Path(__file__).resolve().parents[2]
 BUILD = Path(os.environ.get("ORV_BUILD", TREE / "build/release"))
 TOOLS = Path(os.environ.get("ORV_TOOLS", TREE / "build/tools"))
 FEATURES = "/orv/apps_control/features"
