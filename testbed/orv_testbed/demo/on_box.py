@@ -15,12 +15,9 @@ import sys
 import threading
 import time
 
-import timeline
-from processes import end_all
-from transcript import Transcript
-
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "testbed", "orv_testbed"))
-import route_states  # noqa: E402
+from orv_testbed import route_states, timeline
+from orv_testbed.demo.transcript import Transcript
+from orv_testbed.processes import end_all
 
 STATES = ["ETHERNET_ACTIVE", "ETHERNET_LOST_DELAY", "POKING_CELLULAR", "SWITCHING_TO_CELLULAR", "CELLULAR_ACTIVE",
           "SWITCHING_TO_ETHERNET", "ETHERNET_SETTLE_DELAY", "ETHERNET_ACTIVE"]

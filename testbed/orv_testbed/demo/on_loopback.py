@@ -18,12 +18,12 @@ import tempfile
 import threading
 import time
 
-from endpoint import Endpoint, make_certificates
-from expected_wire import STATUS_FILE, differences, kept, wire_differences
 from orv_testbed.connman.stand_in import ConnmanStandIn, StandInError
-from neighbours import Neighbours, kept_by_broker
-from processes import end_all
-from transcript import Transcript
+from orv_testbed.demo.endpoint import Endpoint, make_certificates
+from orv_testbed.demo.expected_wire import STATUS_FILE, differences, kept, wire_differences
+from orv_testbed.demo.neighbours import Neighbours, kept_by_broker
+from orv_testbed.demo.transcript import Transcript
+from orv_testbed.processes import end_all
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 
