@@ -5,8 +5,8 @@ import pathlib
 import shutil
 import signal
 
-from application import Application
-from gateway import ROOT, wait_until
+from orv_testbed.application import Application
+from orv_testbed.box import ROOT, wait_until
 
 CHECK = "http://cloud.box.test/check"
 

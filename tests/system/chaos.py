@@ -1,6 +1,5 @@
-#!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""chaos.py [ROUNDS [SEED]]
+"""script/measure chaos [ROUNDS [SEED]]
 
 Strikes the parts of a gateway box in random order and at random moments, heals everything, and asks whether all is right
 again; each round is one run of the application through ten faults. Prints the faults, and the seed that repeats them.
@@ -13,9 +12,9 @@ import sys
 import tempfile
 import time
 
-from calls import Calls
-from gateway import Box
-from scene import Scene
+from orv_testbed.calls import Calls
+from orv_testbed.box import Box
+from orv_testbed.scene import Scene
 
 # Each fault and its remedy.
 FAULTS = [

@@ -1,24 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-import os
-import pathlib
-import shutil
-import subprocess
-import sys
-
-import pytest
-
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
-from calls import Calls  # noqa: E402
-from gateway import Box  # noqa: E402
-from scene import Scene  # noqa: E402
-
-# A call that waits gives the processor up by itself; it may do that for a moment where two threads share a lock. One that
-# does not is as long as the machine is slow, or as long as others have the processor.
-LONGEST_PAUSE_US = 100_000
-# No call may be as long as the shortest wait for a broker, the bus or a name server.
-LONGEST_US = 2_500_000
-NO_NAMESPACES = ("this machine does not let us make namespaces: run as root, in a container with --privileged, in a chroot "
-                 "with its root mounted on itself")
+from orv_testbed.calls import Calls
+from orv_testbed.fixtures import box, judge_calls, make_scene, scene  # noqa: F401
 
 
 def pytest_collection_modifyitems(items):
@@ -29,57 +11,6 @@ def pytest_collection_modifyitems(items):
     for number, item in enumerate(long):
         others.insert(number * step, item)
     items[:] = others
-
-
-def can_make_namespaces():
-    return subprocess.run(["unshare", "--net", "--mount", "--uts", "true"], capture_output=True,
-                          check=False).returncode == 0
-
-
-@pytest.fixture
-def box(tmp_path):
-    """A gateway of its own for each test, all of its parts running; their logs are kept beside the application's."""
-    if not can_make_namespaces():
-        pytest.skip(NO_NAMESPACES)
-    with Box(f"t{os.getpid():x}") as made:
-        yield made
-        shutil.copytree(made.folder / "log", tmp_path / "box-log")
-
-
-@pytest.fixture
-def judge_calls(request):
-    """Takes the figures of a run that has ended, into the table at the end, too."""
-    def judge(figures):
-        request.node.user_properties.append(("calls", {call: figures[call] for call in Calls.KINDS}))
-        for call in Calls.KINDS:
-            longest, effort = figures[call]["longest_us"], figures[call]["longest"]
-            paused = longest - effort["cpu_us"] if effort["waits"] else 0
-            assert longest < LONGEST_US and paused < LONGEST_PAUSE_US, f"{call} has waited: {longest} us, {effort}"
-
-    return judge
-
-
-@pytest.fixture
-def make_scene(box, tmp_path, judge_calls):
-    """Starts the application; in the end it is stopped and the scene audited. `clock`: with a wall clock of its own."""
-    made = []
-
-    def make(*options, clock=False):
-        made.append(Scene(box, tmp_path, *options, clock=clock))
-        return made[-1]
-
-    yield make
-    for scene in made:
-        ended = scene.application.process.poll()
-        assert ended is None, f"the application has ended by itself, status {ended}\n{scene.application.interesting()}"
-        judge_calls(scene.application.stop())
-        scene.audit()
-
-
-@pytest.fixture
-def scene(make_scene):
-    """The application, connected to the cloud over Ethernet."""
-    return make_scene().start()
 
 
 def pytest_terminal_summary(terminalreporter):

@@ -1,6 +1,5 @@
-#!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""measure_cellular_bytes.py [SECONDS [SITUATION...] [-- OPTION...]]
+"""script/measure cellular-bytes [SECONDS [SITUATION...] [-- OPTION...]]
 
 What a day costs on Cellular: gateway-app on a gateway box for SECONDS (600) in each situation, from half a minute after it
 has come about. Counts the IP bytes of both directions on wwan0, by what they are for: the connection to the cloud's
@@ -13,8 +12,8 @@ import sys
 import tempfile
 import time
 
-from application import Application
-from gateway import Box
+from orv_testbed.application import Application
+from orv_testbed.box import Box
 
 KINDS = {"broker": "tcp {} 8883", "poke": "tcp {} 443", "names": "udp {} 53", "all": ""}
 SITUATIONS = {

@@ -1,6 +1,5 @@
-#!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""measure_fail_over.py [TIMES] [TICK-MS]
+"""script/measure fail-over [TIMES] [TICK-MS]
 
 Measures fail-overs to Cellular and returns to Ethernet on a gateway box, end to end and phase by phase, and how long the
 library's calls took. Prints milliseconds: median and worst. Asserts nothing. With TMPDIR=/dev/shm no disk takes part.
@@ -14,9 +13,9 @@ import sys
 import tempfile
 import time
 
-from application import Application
-from calls import Calls
-from gateway import Box, at
+from orv_testbed.application import Application
+from orv_testbed.calls import Calls
+from orv_testbed.box import Box, at
 
 FAIL_OVER = (("detection", "eth cloud lost, start delay"), ("delay", "Started Poke to cell"),
              ("poke", "poke success, route to Cell"), ("connection manager", "the default route is now over wwan0"),

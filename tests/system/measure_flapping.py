@@ -1,6 +1,5 @@
-#!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""measure_flapping.py [SECONDS [FAULT...]]
+"""script/measure flapping [SECONDS [FAULT...]]
 
 How often the WAN route moves under a fault that lasts, and for which part of the time the cloud is connected: gateway-app
 on a gateway box for SECONDS (180) a fault. Counts ticks, pokes that failed, log lines, and bytes on Cellular, too. Prints
@@ -13,8 +12,8 @@ import sys
 import tempfile
 import time
 
-from application import Application
-from gateway import Box
+from orv_testbed.application import Application
+from orv_testbed.box import Box
 
 
 def flapping_provider(box, seconds):

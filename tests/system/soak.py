@@ -1,6 +1,5 @@
-#!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""soak.py [APPLICATIONS [MINUTES]]: ten applications for ten minutes on one broker, with a broker restart each minute.
+"""script/measure soak [APPLICATIONS [MINUTES]]: ten applications for ten minutes on one broker, with a broker restart each minute.
 
 After each restart every feature must be available again, and an order must reach the one it is for and no other. Prints
 memory and descriptors of the applications after each, and fails when either has grown by more than five per cent since
@@ -10,7 +9,7 @@ the second minute.
 import sys
 import time
 
-from fleet import Fleet
+from orv_testbed.fleet import Fleet
 
 
 def check_all(fleet):

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """The way to the cloud's broker: its addresses, and what is said when it cannot be reached."""
-from gateway import wait_until
-from scene import PORTAL
+from orv_testbed.box import wait_until
+from orv_testbed.scene import PORTAL
 
 DEAD = "198.51.100.11"
 FAILED = "no connection to the cloud: "

@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
 """A fault in each state of the route: what comes of it, and that everything is right again in the end."""
 import pytest
-from gateway import SLACK, wait_until
-from scene import STATES
-from wire import GREEN, INHIBIT
+from orv_testbed.box import SLACK, wait_until
+from orv_testbed.scene import STATES
+from orv_testbed.wire import GREEN, INHIBIT
 
 BROKER_AWAY = ("lost the connection", "was refused: not connected", "Failed to publish message to MQTT", "cannot connect")
 CONNMAN_FROZEN = ("has not answered for 3000 ms", "as top interface, restarting SM")

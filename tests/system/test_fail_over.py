@@ -4,8 +4,8 @@ import signal
 import time
 
 import pytest
-from gateway import SLACK, wait_until
-from wire import GREEN, INHIBIT, NO_NETWORK, YELLOW
+from orv_testbed.box import SLACK, wait_until
+from orv_testbed.wire import GREEN, INHIBIT, NO_NETWORK, YELLOW
 
 
 @pytest.mark.short

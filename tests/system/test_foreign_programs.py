@@ -2,7 +2,7 @@
 """Other programs on the gateway touch what is the application's and ConnMan's."""
 import time
 
-from gateway import SLACK, wait_until
+from orv_testbed.box import SLACK, wait_until
 
 
 def replace_default_route(scene, router, interface):

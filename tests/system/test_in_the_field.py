@@ -6,10 +6,10 @@ import subprocess
 import time
 
 import pytest
-from application import Application
-from gateway import HERE, SLACK, program, wait_until
-from scene import PORTAL
-from wire import GREEN, INHIBIT
+from orv_testbed.application import Application
+from orv_testbed.box import SLACK, program, wait_until
+from orv_testbed.scene import PORTAL
+from orv_testbed.wire import GREEN, INHIBIT
 
 
 def put_setting(box, text):
@@ -159,7 +159,7 @@ def test_a_frozen_reader_of_the_log_holds_nothing_up(box, tmp_path, request):
 def test_a_hostile_neighbour_on_the_bus_changes_nothing(box, scene, tmp_path):
     scene.expected_complaints = ("which is not the connection manager, is ignored",)
     with open(tmp_path / "neighbour.log", "w", encoding="utf-8") as log:
-        box.start("/usr/bin/python3", "-u", str(HERE / "hostile_neighbour.py"), stdout=log, stderr=log)
+        box.start("/usr/bin/python3", "-u", "-m", "orv_testbed.hostile_neighbour", stdout=log, stderr=log)
         wait_until(lambda: "at work" in (tmp_path / "neighbour.log").read_text(encoding="utf-8"), SLACK, "its first round")
     place = scene.application.mark()
     box("provider", "eth", "dead")

@@ -3,7 +3,7 @@
 
 import pytest
 
-from fleet import FEATURES, Fleet, until
+from orv_testbed.fleet import FEATURES, Fleet, until
 
 
 @pytest.fixture(params=[2, 10], ids=["two", "ten"])

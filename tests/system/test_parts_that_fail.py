@@ -3,7 +3,7 @@
 import time
 
 import pytest
-from wire import GREEN, INHIBIT
+from orv_testbed.wire import GREEN, INHIBIT
 
 
 @pytest.mark.long

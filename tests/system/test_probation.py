@@ -3,8 +3,8 @@
 import time
 
 import pytest
-from gateway import SLACK, wait_until
-from wire import GREEN, NO_NETWORK, YELLOW
+from orv_testbed.box import SLACK, wait_until
+from orv_testbed.wire import GREEN, NO_NETWORK, YELLOW
 
 MOVED = "the WAN route has changed,"
 ON_PROBATION = "Ethernet is on probation"

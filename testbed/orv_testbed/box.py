@@ -10,7 +10,6 @@ import tempfile
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-HERE = pathlib.Path(__file__).resolve().parent
 
 # Beside the fixed delays, what a busy machine may add.
 SLACK = 15.0
@@ -42,7 +41,8 @@ class Box:
     def __init__(self, name):
         self.folder = pathlib.Path(tempfile.gettempdir()) / f"orv-box-{name}"
         self.environment = dict(os.environ, ORV_BOX=name, ORV_BOX_DIR=str(self.folder),
-                                ORV_SOURCE_ROUTES=program("orv-source-routes"))
+                                ORV_SOURCE_ROUTES=program("orv-source-routes"),
+                                PYTHONPATH=str(ROOT / "testbed"), PYTHONDONTWRITEBYTECODE="1")
         self.processes = []
 
     def __enter__(self):

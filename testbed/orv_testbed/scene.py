@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
 """A gateway with the application and a witness, and how to bring its route into each state."""
-import audit
-from application import Application
-from gateway import SLACK, wait_until
-from wire import INHIBIT, Witness
+from orv_testbed import audit
+from orv_testbed.application import Application
+from orv_testbed.box import SLACK, wait_until
+from orv_testbed.wire import INHIBIT, Witness
 
 STATES = ["ETHERNET_ACTIVE", "ETHERNET_LOST_DELAY", "POKING_CELLULAR", "SWITCHING_TO_CELLULAR", "CELLULAR_ACTIVE",
           "SWITCHING_TO_ETHERNET", "ETHERNET_SETTLE_DELAY"]

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """What must hold on the gateway, whatever has happened to it."""
-from gateway import at
-from wire import AVAILABLE, CLOUD, GREEN, INHIBIT, NO_NETWORK, YELLOW
+from orv_testbed.box import at
+from orv_testbed.wire import AVAILABLE, CLOUD, GREEN, INHIBIT, NO_NETWORK, YELLOW
 
 NAME_SERVERS = {"eth0": "10.21.0.53", "wwan0": "10.22.0.53"}
 CLOCK_GRAIN = 0.001  # both logs have milliseconds

@@ -4,8 +4,8 @@ import subprocess
 import time
 
 import pytest
-from gateway import SLACK, wait_until
-from scene import PORTAL
+from orv_testbed.box import SLACK, wait_until
+from orv_testbed.scene import PORTAL
 
 CLOUD = "https://cloud.box.test/"
 SIDES = [("eth", "eth0"), ("cell", "wwan0")]

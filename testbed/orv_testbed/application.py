@@ -2,12 +2,9 @@
 """gateway-app on the box."""
 import json
 import re
-import sys
 
-from gateway import ROOT, SLACK, program, wait_until
-
-sys.path.insert(0, str(ROOT / "testbed/orv_testbed"))
-import route_states  # noqa: E402
+from orv_testbed import route_states
+from orv_testbed.box import SLACK, program, wait_until
 
 
 class Application:

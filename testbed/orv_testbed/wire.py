@@ -3,7 +3,7 @@
 import json
 import subprocess
 
-from gateway import HERE, SLACK, wait_until
+from orv_testbed.box import SLACK, wait_until
 
 INHIBIT = "/orv/network/wan/inhibit_dns"
 GREEN = "/orv/led/connected_services_green"
@@ -12,7 +12,7 @@ CLOUD = "/orv/apps_control/features/Ent/status/EntCon"
 NO_NETWORK = "/orv/apps_control/features/Ent/status/NoExtNet"
 RETAINED = {INHIBIT, GREEN, YELLOW, CLOUD, NO_NETWORK}
 AVAILABLE = "/orv/apps_control/features/gateway-app/available"
-COMMAND = ("/usr/bin/python3", "-u", str(HERE / "witness.py"))
+COMMAND = ("/usr/bin/python3", "-u", "-m", "orv_testbed.witness")
 
 
 class Witness:

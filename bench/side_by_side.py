@@ -1,4 +1,3 @@
-#!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
 """What moves the WAN route, side by side: gateway-app, NetworkManager with its connectivity check, ConnMan with its online
 check, each alone on a gateway box of its own, under the same faults. A stand-in for a product's cloud connection tries
@@ -25,10 +24,10 @@ import threading
 import time
 import traceback
 
+from orv_testbed.box import Box, at
+from peers.contestants import CONTESTANTS
+
 HERE = pathlib.Path(__file__).resolve().parent
-sys.path += [str(HERE / "peers"), str(HERE.parent / "tests/system")]
-from contestants import CONTESTANTS  # noqa: E402
-from gateway import Box, at  # noqa: E402
 
 FAULTS = {
     "none": (),

@@ -12,8 +12,8 @@ import time
 
 import pytest
 
-from conftest import NO_NAMESPACES, can_make_namespaces
-from gateway import ROOT, program, wait_until
+from orv_testbed.box import ROOT, program, wait_until
+from orv_testbed.fixtures import NO_NAMESPACES, can_make_namespaces
 
 NAME = f"n{os.getpid():x}"
 BOX = str(ROOT / "testbed/box")
