@@ -18,7 +18,6 @@ import pathlib
 import queue
 import re
 import subprocess
-import sys
 import tempfile
 import threading
 import time
@@ -82,8 +81,19 @@ class Trial:
         subprocess.run(self.on_gateway("nft", "-f", "-"), input=COUNTERS, text=True, check=True)
         self.contestant.start(box, folder)
         with open(folder / "stand-in", "w", encoding="utf-8") as log:
-            box.start("nice", "-n", "-15", "env", "RES_OPTIONS=timeout:1 attempts:2", "/usr/bin/python3",
-                      str(HERE / "peers/stand_in.py"), "cloud.box.test", "8883", stdout=log, stderr=log)
+            box.start(
+                "nice",
+                "-n",
+                "-15",
+                "env",
+                "RES_OPTIONS=timeout:1 attempts:2",
+                "/usr/bin/python3",
+                str(HERE / "peers/stand_in.py"),
+                "cloud.box.test",
+                "8883",
+                stdout=log,
+                stderr=log,
+            )
         self.route = Route(box)
         self.route.start()
 
@@ -92,8 +102,12 @@ class Trial:
 
     def in_cloud(self, *command):
         with open(self.folder / "checks", "w", encoding="utf-8") as log:
-            return subprocess.Popen(["ip", "netns", "exec", f"{self.namespace}-cloud", "/usr/bin/python3", *map(str, command)],
-                                    stdin=subprocess.DEVNULL, stdout=log, stderr=log)
+            return subprocess.Popen(
+                ["ip", "netns", "exec", f"{self.namespace}-cloud", "/usr/bin/python3", *map(str, command)],
+                stdin=subprocess.DEVNULL,
+                stdout=log,
+                stderr=log,
+            )
 
     def close(self):
         self.route.ended.set()
@@ -113,18 +127,30 @@ class Trial:
 
     def over_cellular(self, since):
         """When the first new connection over Cellular was made; None: not yet."""
-        return next((entry["end"] for entry in self.attempts()
-                     if entry["begin"] >= since and (entry["from"] or "").startswith(CELLULAR)), None)
+        return next(
+            (
+                entry["end"]
+                for entry in self.attempts()
+                if entry["begin"] >= since and (entry["from"] or "").startswith(CELLULAR)
+            ),
+            None,
+        )
 
     def check_bytes(self):
-        told = subprocess.run(self.on_gateway("nft", "list", "counter", "inet", "bench", "check"), text=True,
-                              capture_output=True, check=True).stdout
+        told = subprocess.run(
+            self.on_gateway("nft", "list", "counter", "inet", "bench", "check"),
+            text=True,
+            capture_output=True,
+            check=True,
+        ).stdout
         return int(re.search(r"bytes (\d+)", told).group(1))
 
     def proofs(self, side):
         """When the cloud has seen a handshake of a poke or a check over that side."""
         checks = (line.split() for line in (self.folder / "checks").read_text(encoding="utf-8").splitlines())
-        return [float(words[0]) for words in checks if words[1:] == [side]] + [at(time) for time in self.box.handshakes(side)]
+        return [float(words[0]) for words in checks if words[1:] == [side]] + [
+            at(time) for time in self.box.handshakes(side)
+        ]
 
     def unproven(self, moves):
         proofs = {name: self.proofs(side) for name, side in (("eth0", "eth"), ("wwan0", "cell"))}
@@ -168,10 +194,19 @@ def measure(name, fault, seconds, keep):
                 begin, end, spent = settle_and_spoil(trial, fault, seconds)
                 moves = [move for move in trial.route.moves if begin <= move[0] < end]
                 first, (reached, gap) = trial.over_cellular(begin), trial.reached(begin, end)
-                result = {"contestant": name, "fault": fault, "seconds": seconds, "cellular_after": first and first - begin,
-                          "moves": len(moves), "unproven": trial.unproven(moves), "reached": reached,
-                          "longest_without": gap, "check_bytes": spent, "load": os.getloadavg()[0],
-                          "all_moves": [(round(when - begin, 1), interface) for when, interface in moves]}
+                result = {
+                    "contestant": name,
+                    "fault": fault,
+                    "seconds": seconds,
+                    "cellular_after": first and first - begin,
+                    "moves": len(moves),
+                    "unproven": trial.unproven(moves),
+                    "reached": reached,
+                    "longest_without": gap,
+                    "check_bytes": spent,
+                    "load": os.getloadavg()[0],
+                    "all_moves": [(round(when - begin, 1), interface) for when, interface in moves],
+                }
                 if keep:
                     trial.keep(pathlib.Path(keep), result)
                 return result
@@ -181,16 +216,20 @@ def measure(name, fault, seconds, keep):
         BOXES.put(box_name)
 
 
-HEAD = (f"{'contestant':24} {'fault':20} {'cellular s':>10} {'moves':>6} {'unproven':>8} {'reached %':>9} {'without s':>9} "
-        f"{'check bytes':>11} {'an hour':>9} {'load':>5}  moves: seconds after the fault, to")
+HEAD = (
+    f"{'contestant':24} {'fault':20} {'cellular s':>10} {'moves':>6} {'unproven':>8} {'reached %':>9} {'without s':>9} "
+    f"{'check bytes':>11} {'an hour':>9} {'load':>5}  moves: seconds after the fault, to"
+)
 
 
 def line(result):
     after = result["cellular_after"]
-    return (f"{result['contestant']:24} {result['fault']:20} {'-' if after is None else format(after, '.1f'):>10} "
-            f"{result['moves']:6} {result['unproven']:8} {100 * result['reached']:9.1f} {result['longest_without']:9.1f} "
-            f"{result['check_bytes']:11} {result['check_bytes'] * 3600 / result['seconds']:9.0f} {result['load']:5.1f}  "
-            f"{result['all_moves']}")
+    return (
+        f"{result['contestant']:24} {result['fault']:20} {'-' if after is None else format(after, '.1f'):>10} "
+        f"{result['moves']:6} {result['unproven']:8} {100 * result['reached']:9.1f} {result['longest_without']:9.1f} "
+        f"{result['check_bytes']:11} {result['check_bytes'] * 3600 / result['seconds']:9.0f} {result['load']:5.1f}  "
+        f"{result['all_moves']}"
+    )
 
 
 BOXES = queue.Queue()
@@ -198,7 +237,9 @@ BOXES = queue.Queue()
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("contestants", nargs="*", metavar="CONTESTANT", help=f"of {', '.join(CONTESTANTS)}; default: all")
+    parser.add_argument(
+        "contestants", nargs="*", metavar="CONTESTANT", help=f"of {', '.join(CONTESTANTS)}; default: all"
+    )
     parser.add_argument("--faults", default=",".join(FAULTS), help="with commas between; default: %(default)s")
     parser.add_argument("--seconds", type=float, default=180, help="how long each fault lasts (default: %(default).0f)")
     parser.add_argument("--runs", type=int, default=1, help="how often (default: %(default)s)")
@@ -206,7 +247,9 @@ def main():
     parser.add_argument("--keep", help="a folder for the logs")
     options = parser.parse_args()
     names, faults = options.contestants or list(CONTESTANTS), options.faults.split(",")
-    for word in [name for name in names if name not in CONTESTANTS] + [fault for fault in faults if fault not in FAULTS]:
+    for word in [name for name in names if name not in CONTESTANTS] + [
+        fault for fault in faults if fault not in FAULTS
+    ]:
         parser.error(f"neither a contestant nor a fault: {word}")
     for number in range(options.boxes):
         BOXES.put(f"{os.getpid() % 0xfffff:x}x{number:x}")

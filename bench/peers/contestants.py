@@ -33,6 +33,7 @@ def end(box, process):
 
 class GatewayApp:
     """gateway-app with ConnMan, whose own check is off."""
+
     settling = 5
 
     def start(self, box, folder):
@@ -90,8 +91,10 @@ method=disabled
 """
 
 NM_ETHERNET = ("method=auto", "routes={eth_names}/32,10.11.0.1")
-NM_CELLULAR = ("method=manual\naddress1=10.12.0.50/24,10.12.0.1\ndns=10.22.0.53;\nroute-metric=700",
-               "routes={cell_names}/32,10.12.0.1")
+NM_CELLULAR = (
+    "method=manual\naddress1=10.12.0.50/24,10.12.0.1\ndns=10.22.0.53;\nroute-metric=700",
+    "routes={cell_names}/32,10.12.0.1",
+)
 
 # Where /sys can be written, it waits for a udev that the box does not have. Wwan0 is to it an interface with a fixed address.
 NM_START = """umount -n /sys/class/net/wwan0/uevent
@@ -114,11 +117,25 @@ class NetworkManager:
         self.write(box.folder / "gateway")
         end(box, "resolver")  # which reads what ConnMan knows of name servers
         with open(folder / "resolver.log", "w", encoding="utf-8") as log:
-            box.start("dnsmasq", "--keep-in-foreground", "--conf-file=/dev/null", "--user=root", "--pid-file=", "--no-hosts",
-                      "--listen-address=127.0.0.1", "--bind-interfaces", "--resolv-file=/run/NetworkManager/resolv.conf",
-                      "--all-servers", "--cache-size=0", stdout=log, stderr=log)
+            box.start(
+                "dnsmasq",
+                "--keep-in-foreground",
+                "--conf-file=/dev/null",
+                "--user=root",
+                "--pid-file=",
+                "--no-hosts",
+                "--listen-address=127.0.0.1",
+                "--bind-interfaces",
+                "--resolv-file=/run/NetworkManager/resolv.conf",
+                "--all-servers",
+                "--cache-size=0",
+                stdout=log,
+                stderr=log,
+            )
         with open(folder / "NetworkManager.log", "w", encoding="utf-8") as log:
-            box.start("unshare", "--mount", "sh", "-c", NM_START, unpacked("usr/sbin/NetworkManager"), stdout=log, stderr=log)
+            box.start(
+                "unshare", "--mount", "sh", "-c", NM_START, unpacked("usr/sbin/NetworkManager"), stdout=log, stderr=log
+            )
         wait_until(lambda: sorted(box.default_interfaces()) == ["eth0", "wwan0"], 30, "NetworkManager's default routes")
 
     def write(self, gateway):
@@ -128,7 +145,9 @@ class NetworkManager:
             folder.mkdir(parents=True)
         (settings / "system-connections").mkdir()
         interval = f"interval={self.interval}" if self.interval else ""
-        (settings / "NetworkManager.conf").write_text(NM_SETTINGS.format(check=CHECK, interval=interval), encoding="utf-8")
+        (settings / "NetworkManager.conf").write_text(
+            NM_SETTINGS.format(check=CHECK, interval=interval), encoding="utf-8"
+        )
         for number, (interface, parts) in enumerate((("eth0", NM_ETHERNET), ("wwan0", NM_CELLULAR))):
             ipv4 = "\n".join(parts if self.server_routes else parts[:1])
             ipv4 = ipv4.format(eth_names="10.21.0.53", cell_names="10.22.0.53")

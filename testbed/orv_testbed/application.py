@@ -18,9 +18,22 @@ class Application:
         with open(self.log_file, "w", encoding="utf-8") as log:
             output = log if output is None else output
             # Several gateways share this machine; how long a call lasts is to tell of the call, not of the other gateways.
-            self.process = box.start("nice", "-n", "-15", "env", "RES_OPTIONS=timeout:1 attempts:2", program("gateway-app"),
-                                     "--cloud-host", "cloud.box.test", "--transcript", str(self.transcript_file), *options,
-                                     stdout=output, stderr=output, **environment)
+            self.process = box.start(
+                "nice",
+                "-n",
+                "-15",
+                "env",
+                "RES_OPTIONS=timeout:1 attempts:2",
+                program("gateway-app"),
+                "--cloud-host",
+                "cloud.box.test",
+                "--transcript",
+                str(self.transcript_file),
+                *options,
+                stdout=output,
+                stderr=output,
+                **environment,
+            )
 
     def log(self):
         return self.log_file.read_text(encoding="utf-8")
@@ -34,14 +47,18 @@ class Application:
 
     def wait_for(self, text, seconds, since=0):
         """Waits for a log line that holds `text`; returns the place behind it."""
-        wait_until(lambda: self.said(text, since), seconds + SLACK,
-                   lambda: f'"{text}" in the log\n{self.interesting()}')
+        wait_until(
+            lambda: self.said(text, since), seconds + SLACK, lambda: f'"{text}" in the log\n{self.interesting()}'
+        )
         return self.log().index(text, since) + len(text)
 
     def wait_for_session(self, seconds):
         """Waits until the session with the broker has been made again."""
-        wait_until(lambda: re.search(r"ORV_Stack\S*: connected again", self.log()), seconds + SLACK,
-                   lambda: f"the session in the log\n{self.interesting()}")
+        wait_until(
+            lambda: re.search(r"ORV_Stack\S*: connected again", self.log()),
+            seconds + SLACK,
+            lambda: f"the session in the log\n{self.interesting()}",
+        )
 
     def times_of(self, text, since=0):
         """The times of the log lines that hold `text`."""
@@ -93,8 +110,11 @@ class Application:
         return total + (max(0.0, end - since) if since is not None else 0.0)
 
     def wait_for_cloud(self, interface, seconds):
-        wait_until(lambda: self.cloud_interface() == interface, seconds + SLACK,
-                   lambda: f"cloud connected over {interface}\n{self.interesting()}")
+        wait_until(
+            lambda: self.cloud_interface() == interface,
+            seconds + SLACK,
+            lambda: f"cloud connected over {interface}\n{self.interesting()}",
+        )
 
     def stop(self):
         """Ends it in good order; returns the figures on its calls of the library."""

@@ -37,17 +37,24 @@ def unproven_moves(application, box, clocks=()):
         for text, side in ends.items():
             if text in line:
                 begin, attempts[side] = attempts[side], None
-                if begin is None or not any(begin <= time + CLOCK_GRAIN and time <= now + CLOCK_GRAIN
-                                            for time in handshakes[side]):
+                if begin is None or not any(
+                    begin <= time + CLOCK_GRAIN and time <= now + CLOCK_GRAIN for time in handshakes[side]
+                ):
                     faults.append(f"no handshake over {side} since {begin}, only {handshakes[side]}, before: {line}")
     return faults
 
 
-DECISIONS = {"wwan0": {"poke success, route to Cell": True, "cell cloud reconnected by itself": True,
-                       # An order that was under way when the supervision gave up may still be confirmed.
-                       "Failed to set wwan0 as top interface": True,
-                       "poke success, route to ETH": False, "poke cell aborted": False},
-             "eth0": {"route is Cell, reconnecting": False, "poke success, route to ETH": True}}
+DECISIONS = {
+    "wwan0": {
+        "poke success, route to Cell": True,
+        "cell cloud reconnected by itself": True,
+        # An order that was under way when the supervision gave up may still be confirmed.
+        "Failed to set wwan0 as top interface": True,
+        "poke success, route to ETH": False,
+        "poke cell aborted": False,
+    },
+    "eth0": {"route is Cell, reconnecting": False, "poke success, route to ETH": True},
+}
 LOGGED_LATER = 0.5  # an order is on its way before the decision for it is logged
 
 
@@ -76,14 +83,18 @@ def inhibits_not_told(application, witness, wire_cut_at=None):
     """
     log = application.log()
     limits = [place for place in (wire_cut_at, log.find("event CELLULAR_IP_LOST")) if place not in (None, -1)]
-    known = log[:min(limits)] if limits else log
-    published = {"Started Poke to cell if": "inhibit", "cell cloud reconnected by itself": "inhibit",
-                 "poke cell aborted": "permit", "Failed to set wwan0 as top interface": "permit",
-                 "poke success, route to ETH": "permit"}
+    known = log[: min(limits)] if limits else log
+    published = {
+        "Started Poke to cell if": "inhibit",
+        "cell cloud reconnected by itself": "inhibit",
+        "poke cell aborted": "permit",
+        "Failed to set wwan0 as top interface": "permit",
+        "poke success, route to ETH": "permit",
+    }
     expected = [value for line in known.splitlines() for text, value in published.items() if text in line]
     seen = witness.payloads(INHIBIT)
     if limits:
-        seen = seen[:len(expected)]
+        seen = seen[: len(expected)]
     return [] if seen == expected else [f"on {INHIBIT}: {seen}, but by the log {expected}"]
 
 
@@ -91,10 +102,12 @@ def expected_statuses(application):
     def is_on(on, off):
         return application.reported(on, off) == on
 
-    return {"Enterprise Feature": "Enabled" if is_on("PANEL_CLOUD_ENABLED", "PANEL_CLOUD_DISABLED") else "Disabled",
-            "Cloud Connection": "Up" if is_on("CLOUD_CONNECTED", "CLOUD_DISCONNECTED") else "Down",
-            "Ethernet": "Up" if is_on("ETHERNET_CONNECTED", "ETHERNET_DISCONNECTED") else "Down",
-            "Cellular": "Up" if is_on("CELLULAR_CONNECTED", "CELLULAR_DISCONNECTED") else "Down"}
+    return {
+        "Enterprise Feature": "Enabled" if is_on("PANEL_CLOUD_ENABLED", "PANEL_CLOUD_DISABLED") else "Disabled",
+        "Cloud Connection": "Up" if is_on("CLOUD_CONNECTED", "CLOUD_DISCONNECTED") else "Down",
+        "Ethernet": "Up" if is_on("ETHERNET_CONNECTED", "ETHERNET_DISCONNECTED") else "Down",
+        "Cellular": "Up" if is_on("CELLULAR_CONNECTED", "CELLULAR_DISCONNECTED") else "Down",
+    }
 
 
 def unsettled(scene, interface, state, inhibit):
@@ -110,14 +123,23 @@ def unsettled(scene, interface, state, inhibit):
         return found == wanted
 
     # The dear questions only when the cheap ones are answered right.
-    if not (compare("the cloud is connected over", application.cloud_interface(), interface)
-            and compare("route state", application.route_state(), state)):
+    if not (
+        compare("the cloud is connected over", application.cloud_interface(), interface)
+        and compare("route state", application.route_state(), state)
+    ):
         return faults
     compare("default route", box.default_interfaces(), [interface])
     compare("ConnMan's order and name servers", box.services(), [(name, NAME_SERVERS[name]) for name in order])
-    compare("what the events say", expected_statuses(application),
-            {"Enterprise Feature": "Enabled", "Cloud Connection": "Up", "Ethernet": "Up" if "eth0" in up else "Down",
-             "Cellular": "Up" if "wwan0" in up else "Down"})
+    compare(
+        "what the events say",
+        expected_statuses(application),
+        {
+            "Enterprise Feature": "Enabled",
+            "Cloud Connection": "Up",
+            "Ethernet": "Up" if "eth0" in up else "Down",
+            "Cellular": "Up" if "wwan0" in up else "Down",
+        },
+    )
     compare("status file", box.status_file(), expected_statuses(application))
     compare("error file", box.error_file(), None)
     if not faults:

@@ -40,9 +40,14 @@ def program(name):
 class Box:
     def __init__(self, name):
         self.folder = pathlib.Path(tempfile.gettempdir()) / f"orv-box-{name}"
-        self.environment = dict(os.environ, ORV_BOX=name, ORV_BOX_DIR=str(self.folder),
-                                ORV_SOURCE_ROUTES=program("orv-source-routes"),
-                                PYTHONPATH=str(ROOT / "testbed"), PYTHONDONTWRITEBYTECODE="1")
+        self.environment = dict(
+            os.environ,
+            ORV_BOX=name,
+            ORV_BOX_DIR=str(self.folder),
+            ORV_SOURCE_ROUTES=program("orv-source-routes"),
+            PYTHONPATH=str(ROOT / "testbed"),
+            PYTHONDONTWRITEBYTECODE="1",
+        )
         self.processes = []
 
     def __enter__(self):
@@ -63,8 +68,15 @@ class Box:
         self("down")
 
     def __call__(self, *words, must_succeed=True):
-        done = subprocess.run(self.command(*words), env=self.environment, text=True, timeout=90,
-                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, check=False)
+        done = subprocess.run(
+            self.command(*words),
+            env=self.environment,
+            text=True,
+            timeout=90,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            check=False,
+        )
         assert not must_succeed or done.returncode == 0, f"box {' '.join(words)}: {done.stderr}"
         return done.stdout
 
@@ -73,8 +85,14 @@ class Box:
         return [str(ROOT / "testbed/box"), *words]
 
     def start(self, *command, stdout, stderr, **environment):
-        process = subprocess.Popen(self.command("exec", *command), env={**self.environment, **environment}, text=True,
-                                   stdin=subprocess.DEVNULL, stdout=stdout, stderr=stderr)
+        process = subprocess.Popen(
+            self.command("exec", *command),
+            env={**self.environment, **environment},
+            text=True,
+            stdin=subprocess.DEVNULL,
+            stdout=stdout,
+            stderr=stderr,
+        )
         self.processes.append(process)
         return process
 
@@ -87,8 +105,12 @@ class Box:
         return [interface for interface, _ in self.services()]
 
     def default_interfaces(self):
-        routes = subprocess.run(["ip", "-n", self.environment["ORV_BOX"] + "-gw", "-json", "route", "show", "default"],
-                                text=True, capture_output=True, check=True)
+        routes = subprocess.run(
+            ["ip", "-n", self.environment["ORV_BOX"] + "-gw", "-json", "route", "show", "default"],
+            text=True,
+            capture_output=True,
+            check=True,
+        )
         return [route["dev"] for route in json.loads(routes.stdout)]
 
     def handshakes(self, side):

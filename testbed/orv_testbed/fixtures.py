@@ -10,8 +10,10 @@ from orv_testbed.box import Box
 from orv_testbed.calls import Calls
 from orv_testbed.scene import Scene
 
-NO_NAMESPACES = ("this machine does not let us make namespaces: run as root, in a container with --privileged, in a chroot "
-                 "with its root mounted on itself")
+NO_NAMESPACES = (
+    "this machine does not let us make namespaces: run as root, in a container with --privileged, in a chroot "
+    "with its root mounted on itself"
+)
 # A call that waits gives the processor up by itself; it may do that for a moment where two threads share a lock. One that
 # does not is as long as the machine is slow, or as long as others have the processor.
 LONGEST_PAUSE_US = 100_000
@@ -20,8 +22,10 @@ LONGEST_US = 2_500_000
 
 
 def can_make_namespaces():
-    return subprocess.run(["unshare", "--net", "--mount", "--uts", "true"], capture_output=True,
-                          check=False).returncode == 0
+    return (
+        subprocess.run(["unshare", "--net", "--mount", "--uts", "true"], capture_output=True, check=False).returncode
+        == 0
+    )
 
 
 @pytest.fixture
@@ -37,6 +41,7 @@ def box(tmp_path):
 @pytest.fixture
 def judge_calls(request):
     """Takes the figures of a run that has ended, into the table at the end, too."""
+
     def judge(figures):
         request.node.user_properties.append(("calls", {call: figures[call] for call in Calls.KINDS}))
         for call in Calls.KINDS:

@@ -60,8 +60,9 @@ class Broker:
         with open(self.log, "wb") as log:
             self.process = subprocess.Popen(command, stdout=log, stderr=log)
         try:
-            until(lambda: self.process.poll() is not None or " running\n" in self.log.read_text(),
-                  "the broker to listen")
+            until(
+                lambda: self.process.poll() is not None or " running\n" in self.log.read_text(), "the broker to listen"
+            )
         except BaseException:
             self.stop()
             raise
@@ -124,8 +125,14 @@ class Application:
         self.name = name
         self.log = open(Path(folder) / f"{name}.log", "ab")
         self.process = subprocess.Popen(
-            [str(BUILD / "bin/orv-shell")], env={**os.environ, "ORV_GATEWAY_CONFIG": str(config)}, text=True,
-            bufsize=1, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.log)
+            [str(BUILD / "bin/orv-shell")],
+            env={**os.environ, "ORV_GATEWAY_CONFIG": str(config)},
+            text=True,
+            bufsize=1,
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            stderr=self.log,
+        )
         self.lock = threading.Lock()
         self.callbacks = []
         self.reader = threading.Thread(target=self.read, daemon=True)
@@ -196,7 +203,8 @@ class Fleet:
             self.applications = []
             config = Path(folder) / "gateway.ini"
             config.write_text(
-                f"[broker]\nport = {self.broker.port}\n[connman]\nbus_address = {self.connman.address}\n[log]\nlevel = 3\n")
+                f"[broker]\nport = {self.broker.port}\n[connman]\nbus_address = {self.connman.address}\n[log]\nlevel = 3\n"
+            )
             for number in range(count):
                 self.applications.append(Application(folder, config, f"feature{number}"))
                 parts.callback(self.applications[-1].close)
@@ -219,13 +227,17 @@ class Fleet:
     def await_words(self, kind, *words):
         """Each application has said exactly these words, in this order, since the observer last forgot."""
         for application in self.alive():
-            until(lambda: self.words(application, kind) == list(words),
-                  lambda: f"{application.name}/{kind} to say {words}; it said {self.words(application, kind)}")
+            until(
+                lambda: self.words(application, kind) == list(words),
+                lambda: f"{application.name}/{kind} to say {words}; it said {self.words(application, kind)}",
+            )
 
     def await_in_all(self, callback, receivers=None):
         for application in receivers or self.alive():
-            until(lambda: callback in application.told(),
-                  lambda: f"{application.name} to be told {callback}; it was told {application.told()}")
+            until(
+                lambda: callback in application.told(),
+                lambda: f"{application.name} to be told {callback}; it was told {application.told()}",
+            )
 
     def order_and_settle(self, application, action):
         """Orders one application to do something, then lets everybody hear a mark: what came before it has arrived."""

@@ -18,13 +18,22 @@ bus = dbus.SystemBus()
 daemon = dbus.Interface(bus.get_object("org.freedesktop.DBus", "/org/freedesktop/DBus"), "org.freedesktop.DBus")
 me = bus.get_unique_name()
 BUS, MANAGER, SERVICE = "org.freedesktop.DBus", "net.connman.Manager", "net.connman.Service"
-ETHERNET, CELLULAR = ("/net/connman/service/ethernet_020000000a01_cable",
-                      "/net/connman/service/cellular_001010000000001_context1")
+ETHERNET, CELLULAR = (
+    "/net/connman/service/ethernet_020000000a01_cable",
+    "/net/connman/service/cellular_001010000000001_context1",
+)
 
 
 def service(path, interface, state):
-    return dbus.Struct((dbus.ObjectPath(path), dbus.Dictionary({
-        "State": state, "Ethernet": dbus.Dictionary({"Interface": interface}, signature="sv")}, signature="sv")), signature="oa{sv}")
+    return dbus.Struct(
+        (
+            dbus.ObjectPath(path),
+            dbus.Dictionary(
+                {"State": state, "Ethernet": dbus.Dictionary({"Interface": interface}, signature="sv")}, signature="sv"
+            ),
+        ),
+        signature="oa{sv}",
+    )
 
 
 def forgeries():
@@ -32,8 +41,10 @@ def forgeries():
     yield "/org/freedesktop/DBus", BUS, "NameOwnerChanged", "sss", ("net.connman", ":1.1", "")
     yield "/org/freedesktop/DBus", BUS, "NameOwnerChanged", "sss", ("net.connman", "", me)
     yield "/org/freedesktop/DBus", BUS, "NameOwnerChanged", "s", ("net.connman",)
-    yield "/", MANAGER, "ServicesChanged", "a(oa{sv})ao", ([service(CELLULAR, "wwan0", "online"),
-                                                         service(ETHERNET, "eth0", "idle")], [dbus.ObjectPath(ETHERNET)])
+    yield "/", MANAGER, "ServicesChanged", "a(oa{sv})ao", (
+        [service(CELLULAR, "wwan0", "online"), service(ETHERNET, "eth0", "idle")],
+        [dbus.ObjectPath(ETHERNET)],
+    )
     yield "/", MANAGER, "ServicesChanged", "a(sa{sv})as", ([("no path", {"State": "online"})], ["no path", ""])
     yield "/", MANAGER, "ServicesChanged", "s", ("nothing",)
     yield ETHERNET, SERVICE, "PropertyChanged", "sv", ("State", "idle")

@@ -58,8 +58,16 @@ class Context(dbus.service.Object):
     def settings(self):
         if not self.active:
             return dictionary({})
-        return dictionary({"Interface": INTERFACE, "Method": "static", "Address": self.address, "Netmask": NETMASK,
-                           "Gateway": ROUTER, "DomainNameServers": texts(NAME_SERVER)})
+        return dictionary(
+            {
+                "Interface": INTERFACE,
+                "Method": "static",
+                "Address": self.address,
+                "Netmask": NETMASK,
+                "Gateway": ROUTER,
+                "DomainNameServers": texts(NAME_SERVER),
+            }
+        )
 
     def set_active(self, active):
         if active and not self.available:
@@ -71,8 +79,15 @@ class Context(dbus.service.Object):
 
     @dbus.service.method(CONTEXT, out_signature="a{sv}")
     def GetProperties(self):
-        return dictionary({"Type": "internet", "Active": dbus.Boolean(self.active), "AccessPointName": "box",
-                           "Protocol": "ip", "Settings": self.settings()})
+        return dictionary(
+            {
+                "Type": "internet",
+                "Active": dbus.Boolean(self.active),
+                "AccessPointName": "box",
+                "Protocol": "ip",
+                "Settings": self.settings(),
+            }
+        )
 
     @dbus.service.method(CONTEXT, in_signature="sv")
     def SetProperty(self, name, value):
@@ -93,8 +108,15 @@ class Modem(dbus.service.Object):
         self.bus = bus
         self.context = context
         self.properties = {
-            MODEM: dictionary({"Powered": True, "Online": True, "Type": "hardware", "Serial": "350000000000001",
-                               "Interfaces": texts(SIM, REGISTRATION, CONNECTIONS)}),
+            MODEM: dictionary(
+                {
+                    "Powered": True,
+                    "Online": True,
+                    "Type": "hardware",
+                    "Serial": "350000000000001",
+                    "Interfaces": texts(SIM, REGISTRATION, CONNECTIONS),
+                }
+            ),
             SIM: dictionary({"Present": True, "SubscriberIdentity": "001010000000001"}),
             REGISTRATION: dictionary({"Status": "registered", "Name": "Box Mobile", "Strength": dbus.Byte(60)}),
             CONNECTIONS: dictionary({"Attached": True, "Powered": True, "RoamingAllowed": False}),

@@ -21,8 +21,10 @@ context.load_cert_chain(folder / "portal.pem", folder / "portal.key")
 
 def answer(connection):
     if connection.recv(4096):
-        connection.sendall(f"HTTP/1.1 302 Found\r\nLocation: https://{name}/\r\nContent-Length: 0\r\n"
-                           "Connection: close\r\n\r\n".encode())
+        connection.sendall(
+            f"HTTP/1.1 302 Found\r\nLocation: https://{name}/\r\nContent-Length: 0\r\n"
+            "Connection: close\r\n\r\n".encode()
+        )
 
 
 def serve(connection, port, peer):

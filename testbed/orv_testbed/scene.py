@@ -5,13 +5,25 @@ from orv_testbed.application import Application
 from orv_testbed.box import SLACK, wait_until
 from orv_testbed.wire import INHIBIT, Witness
 
-STATES = ["ETHERNET_ACTIVE", "ETHERNET_LOST_DELAY", "POKING_CELLULAR", "SWITCHING_TO_CELLULAR", "CELLULAR_ACTIVE",
-          "SWITCHING_TO_ETHERNET", "ETHERNET_SETTLE_DELAY"]
+STATES = [
+    "ETHERNET_ACTIVE",
+    "ETHERNET_LOST_DELAY",
+    "POKING_CELLULAR",
+    "SWITCHING_TO_CELLULAR",
+    "CELLULAR_ACTIVE",
+    "SWITCHING_TO_ETHERNET",
+    "ETHERNET_SETTLE_DELAY",
+]
 
 # Warnings that belong to every run: the echo of the own status, a connection to the cloud that comes and goes, a poke over
 # a path that is dead.
-EVERYDAY = ("Message is not handled", "the cloud connection has ended", "no connection to the cloud", "poke error 28",
-            "does not prove the path to the cloud")
+EVERYDAY = (
+    "Message is not handled",
+    "the cloud connection has ended",
+    "no connection to the cloud",
+    "poke error 28",
+    "does not prove the path to the cloud",
+)
 
 
 # What a captive portal makes of a poke, also of one that is under way when the portal is taken away.
@@ -125,12 +137,17 @@ class Scene:
         The route has followed it if a tick saw the cloud lost on Ethernet. If the application was connected again before
         that, nothing was lost for the route, and it stays where it is.
         """
+
         def follows():
             return on_cellular or self.application.said("eth cloud lost", since)
 
         before = "permit" if self.witness.payloads(INHIBIT) else None
-        self.settles("wwan0", seconds, state=lambda: "CELLULAR_ACTIVE" if follows() else "ETHERNET_ACTIVE",
-                     inhibit=lambda: "inhibit" if follows() else before)
+        self.settles(
+            "wwan0",
+            seconds,
+            state=lambda: "CELLULAR_ACTIVE" if follows() else "ETHERNET_ACTIVE",
+            inhibit=lambda: "inhibit" if follows() else before,
+        )
 
     def is_a_neighbours(self, topic):
         return any(f"/features/{name}/" in topic for name in self.neighbours)
@@ -140,10 +157,16 @@ class Scene:
         faults = audit.unproven_moves(self.application, self.box, self.clocks)
         if not self.orders_may_be_late:
             faults += audit.orders_without_a_decision(self.application)
-        faults += [f"published wrongly: {message}" for message in self.witness.wrongly_retained()
-                   if not self.is_a_neighbours(message[0])]
+        faults += [
+            f"published wrongly: {message}"
+            for message in self.witness.wrongly_retained()
+            if not self.is_a_neighbours(message[0])
+        ]
         faults += audit.inhibits_not_told(self.application, self.witness, self.wire_cut_at)
         allowed = EVERYDAY + tuple(self.expected_complaints)
-        faults += [f"an unexpected word in the log: {line}" for line in self.application.complaints()
-                   if not any(text in line for text in allowed)]
+        faults += [
+            f"an unexpected word in the log: {line}"
+            for line in self.application.complaints()
+            if not any(text in line for text in allowed)
+        ]
         assert not faults, "\n".join(faults) + "\n" + self.application.interesting()

@@ -5,6 +5,11 @@ import dbus
 
 manager = dbus.Interface(dbus.SystemBus().get_object("net.connman", "/"), "net.connman.Manager")
 for path, properties in manager.GetServices():
-    print(properties.get("Ethernet", {}).get("Interface", "-"), properties.get("State", "-"),
-          properties.get("Type", "-"), properties.get("IPv4", {}).get("Address", "-"),
-          ",".join(properties.get("Nameservers", [])) or "-", path)
+    print(
+        properties.get("Ethernet", {}).get("Interface", "-"),
+        properties.get("State", "-"),
+        properties.get("Type", "-"),
+        properties.get("IPv4", {}).get("Address", "-"),
+        ",".join(properties.get("Nameservers", [])) or "-",
+        path,
+    )

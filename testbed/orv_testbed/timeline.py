@@ -16,12 +16,21 @@ import sys
 
 LANE_ORDER = ["route state", "green LED", "yellow LED", "DNS topic", "default route", "cloud connection"]
 COLOURS = {
-    "ETHERNET_ACTIVE": "#4c9f70", "ETHERNET_LOST_DELAY": "#e3b23c", "POKING_CELLULAR": "#e08e45",
-    "SWITCHING_TO_CELLULAR": "#c8553d", "CELLULAR_ACTIVE": "#5b7db1", "SWITCHING_TO_ETHERNET": "#8f6bb3",
+    "ETHERNET_ACTIVE": "#4c9f70",
+    "ETHERNET_LOST_DELAY": "#e3b23c",
+    "POKING_CELLULAR": "#e08e45",
+    "SWITCHING_TO_CELLULAR": "#c8553d",
+    "CELLULAR_ACTIVE": "#5b7db1",
+    "SWITCHING_TO_ETHERNET": "#8f6bb3",
     "ETHERNET_SETTLE_DELAY": "#8ecae6",
     "Off": "#d0d4d9",
-    "inhibit": "#c8553d", "permit": "#4c9f70",
-    "Ethernet": "#4c9f70", "Cellular": "#5b7db1", "eth0": "#4c9f70", "wwan0": "#5b7db1", "none": "#d0d4d9",
+    "inhibit": "#c8553d",
+    "permit": "#4c9f70",
+    "Ethernet": "#4c9f70",
+    "Cellular": "#5b7db1",
+    "eth0": "#4c9f70",
+    "wwan0": "#5b7db1",
+    "none": "#d0d4d9",
 }
 LAMPS = {"green LED": {"On": "#63b96c", "Blink": "#b4dfb8"}, "yellow LED": {"On": "#ffc93c", "Blink": "#ffe9a8"}}
 PALETTE = ["#7a9e9f", "#b8b08d", "#a5668b", "#69995d", "#d17a22"]
@@ -83,32 +92,42 @@ def draw(lanes, marks, end):
         return LEFT + (WIDTH - LEFT - 30) * min(max(t, 0), end) / end
 
     unknown = {}
-    out = [f'<svg xmlns="http://www.w3.org/2000/svg" width="{WIDTH}" height="{height}" viewBox="0 0 {WIDTH} {height}" '
-           'font-family="DejaVu Sans, sans-serif" font-size="12">',
-           f'<rect width="{WIDTH}" height="{height}" fill="white"/>']
+    out = [
+        f'<svg xmlns="http://www.w3.org/2000/svg" width="{WIDTH}" height="{height}" viewBox="0 0 {WIDTH} {height}" '
+        'font-family="DejaVu Sans, sans-serif" font-size="12">',
+        f'<rect width="{WIDTH}" height="{height}" fill="white"/>',
+    ]
     t = 0
     while t <= end:
-        out.append(f'<line x1="{x(t):.1f}" y1="{TOP - 6}" x2="{x(t):.1f}" y2="{bottom}" stroke="#e6e8eb"/>'
-                   f'<text x="{x(t):.1f}" y="{bottom + 18}" text-anchor="middle" fill="#555">{t:g} s</text>')
+        out.append(
+            f'<line x1="{x(t):.1f}" y1="{TOP - 6}" x2="{x(t):.1f}" y2="{bottom}" stroke="#e6e8eb"/>'
+            f'<text x="{x(t):.1f}" y="{bottom + 18}" text-anchor="middle" fill="#555">{t:g} s</text>'
+        )
         t += tick_step(end)
     for row, name in enumerate(names):
         y = TOP + row * LANE_HEIGHT
-        out.append(f'<text x="{LEFT - 10}" y="{y + 18}" text-anchor="end" font-weight="bold">{html.escape(name)}</text>')
+        out.append(
+            f'<text x="{LEFT - 10}" y="{y + 18}" text-anchor="end" font-weight="bold">{html.escape(name)}</text>'
+        )
         for begin, stop, value in lanes[name]:
             width = max(x(stop) - x(begin), 1.5)
             title = html.escape(f"{value}: {begin:.2f} s to {stop:.2f} s")
-            out.append(f'<g><title>{title}</title><rect x="{x(begin):.1f}" y="{y}" width="{width:.1f}" '
-                       f'height="{BAR_HEIGHT}" rx="3" fill="{colour(name, value, unknown)}"/>')
+            out.append(
+                f'<g><title>{title}</title><rect x="{x(begin):.1f}" y="{y}" width="{width:.1f}" '
+                f'height="{BAR_HEIGHT}" rx="3" fill="{colour(name, value, unknown)}"/>'
+            )
             if width > 7.2 * len(value):
                 out.append(f'<text x="{x(begin) + 5:.1f}" y="{y + 17}">{html.escape(value)}</text>')
-            out.append('</g>')
+            out.append("</g>")
     for number, (t, text) in enumerate(marks):
         y = 18 + 18 * (number % 4)
         anchor = "end" if x(t) > WIDTH - 260 else "start"
-        out.append(f'<line x1="{x(t):.1f}" y1="{y + 3}" x2="{x(t):.1f}" y2="{bottom}" stroke="#222" stroke-dasharray="3 3"/>'
-                   f'<text x="{x(t) + (-4 if anchor == "end" else 4):.1f}" y="{y}" text-anchor="{anchor}" '
-                   f'fill="#222">{html.escape(text)} ({t:.1f} s)</text>')
-    out.append('</svg>')
+        out.append(
+            f'<line x1="{x(t):.1f}" y1="{y + 3}" x2="{x(t):.1f}" y2="{bottom}" stroke="#222" stroke-dasharray="3 3"/>'
+            f'<text x="{x(t) + (-4 if anchor == "end" else 4):.1f}" y="{y}" text-anchor="{anchor}" '
+            f'fill="#222">{html.escape(text)} ({t:.1f} s)</text>'
+        )
+    out.append("</svg>")
     return "\n".join(out) + "\n"
 
 

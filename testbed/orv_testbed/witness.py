@@ -29,7 +29,9 @@ def watch():
         print("listening", flush=True)
 
     def received(_client, _data, message):
-        print(json.dumps({"topic": message.topic, "payload": text(message), "retained": bool(message.retain)}), flush=True)
+        print(
+            json.dumps({"topic": message.topic, "payload": text(message), "retained": bool(message.retain)}), flush=True
+        )
 
     witness = mqtt.Client(client_id="witness", protocol=mqtt.MQTTv5)
     witness.on_connect, witness.on_subscribe, witness.on_message = connected, subscribed, received

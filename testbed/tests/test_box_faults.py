@@ -41,9 +41,15 @@ while taken.recv(4096): pass
 
 def fetch(box, interface, url=CLOUD):
     """Fetches a page through an interface; returns (curl's exit status, body)."""
-    done = subprocess.run(box.command("exec", "curl", "--silent", "--show-error", "--max-time", "10", "--interface",
-                                      f"if!{interface}", url),
-                          env=box.environment, text=True, capture_output=True, check=False)
+    done = subprocess.run(
+        box.command(
+            "exec", "curl", "--silent", "--show-error", "--max-time", "10", "--interface", f"if!{interface}", url
+        ),
+        env=box.environment,
+        text=True,
+        capture_output=True,
+        check=False,
+    )
     return done.returncode, done.stdout
 
 
@@ -53,7 +59,9 @@ def addresses_of(box, name):
 
 
 def address_of(box, interface):
-    words = box("exec", "ip", "-4", "-o", "address", "show", "dev", interface, "scope", "global", must_succeed=False).split()
+    words = box(
+        "exec", "ip", "-4", "-o", "address", "show", "dev", interface, "scope", "global", must_succeed=False
+    ).split()
     return words[words.index("inet") + 1] if "inet" in words else None
 
 
@@ -67,8 +75,9 @@ def queries(box, side):
 
 def test_a_command_on_the_gateway_begins_in_the_gateways_folder(box):
     def run(folder, *words):
-        return subprocess.run(box.command("exec", *words), env=box.environment, cwd=folder, text=True, capture_output=True,
-                              check=True).stdout
+        return subprocess.run(
+            box.command("exec", *words), env=box.environment, cwd=folder, text=True, capture_output=True, check=True
+        ).stdout
 
     assert "cloud.box.test" in run("/etc", "cat", "orv/gateway.ini")
     assert run("/run/netns", "pwd") == "/\n"  # the gateway has no such folder
@@ -103,11 +112,19 @@ def test_a_narrow_provider_takes_its_time(box, side, interface):
 
     def seconds(source, target):
         taking = subprocess.Popen(["ip", "netns", "exec", target[0], "/usr/bin/python3", "-c", SWALLOW])
-        wait_until(lambda: subprocess.run(["ip", "netns", "exec", target[0], "ss", "-Hltn", "sport = :4000"], check=True,
-                                          capture_output=True).stdout, SLACK, "someone who takes it")
+        wait_until(
+            lambda: subprocess.run(
+                ["ip", "netns", "exec", target[0], "ss", "-Hltn", "sport = :4000"], check=True, capture_output=True
+            ).stdout,
+            SLACK,
+            "someone who takes it",
+        )
         begun = time.monotonic()
-        subprocess.run(["ip", "netns", "exec", source[0], "/usr/bin/python3", "-c", SEND_20_KB, source[1], target[1]],
-                       check=True, timeout=60)
+        subprocess.run(
+            ["ip", "netns", "exec", source[0], "/usr/bin/python3", "-c", SEND_20_KB, source[1], target[1]],
+            check=True,
+            timeout=60,
+        )
         taking.wait(60)
         return time.monotonic() - begun
 
@@ -118,8 +135,15 @@ def test_a_narrow_provider_takes_its_time(box, side, interface):
     assert seconds(cloud, gateway) > least
     box("bandwidth", side, "off")
     for device in ("lan", "up"):
-        assert "tbf" not in subprocess.run(["tc", "-n", f"{box.environment['ORV_BOX']}-{side}", "qdisc", "show",
-                                            "dev", device], check=True, capture_output=True, text=True).stdout
+        assert (
+            "tbf"
+            not in subprocess.run(
+                ["tc", "-n", f"{box.environment['ORV_BOX']}-{side}", "qdisc", "show", "dev", device],
+                check=True,
+                capture_output=True,
+                text=True,
+            ).stdout
+        )
 
 
 @on_each_side
@@ -151,8 +175,9 @@ def test_a_captive_portal_answers_for_the_cloud(box, side, interface):
     box("portal", side, "on")
     assert fetch(box, interface)[0] == not_certified
     assert fetch(box, interface, "https://cloud.box.test:8883/")[0] == not_certified
-    assert "Location: https://portal.box.test/" in box("exec", "curl", "-sSI", "--interface", interface,
-                                                        "http://cloud.box.test/")
+    assert "Location: https://portal.box.test/" in box(
+        "exec", "curl", "-sSI", "--interface", interface, "http://cloud.box.test/"
+    )
     assert [line.split()[1] for line in box("log", f"portal-{side}").splitlines()] == ["443", "8883", "80"]
     assert box.handshakes(side) == []
     assert fetch(box, "wwan0" if side == "eth" else "eth0") == (0, "ok\n")
@@ -186,7 +211,9 @@ def test_a_modem_that_is_reset_comes_back_with_another_address(box):
     wait_until(lambda: box.order() == ["eth0"], SLACK, "no service of the modem's")
     for address in ("10.12.0.51/24", "10.12.0.52/24"):
         box("cellular", "reset")
-        wait_until(lambda: address_of(box, "wwan0") == address, SLACK, f"{address} on wwan0")  # pylint: disable=cell-var-from-loop
+        wait_until(
+            lambda: address_of(box, "wwan0") == address, SLACK, f"{address} on wwan0"
+        )  # pylint: disable=cell-var-from-loop
         wait_until(carries(box, "wwan0"), SLACK, "the cloud over Cellular")
     assert [line.split()[2] for line in box("services").splitlines()] == ["ethernet", "cellular"]
     # A restarted connection manager finds it as it is.
@@ -220,8 +247,10 @@ def test_a_read_only_var_tmp_stays_as_it_is(box):
 
 @pytest.mark.parametrize("kind, known, folder", [("one", 1, True), ("full", 100, True), ("bundle", 100, False)])
 def test_the_cloud_is_trusted_among_few_authorities_and_many(box, kind, known, folder):
-    connect = ("import socket, ssl; trust = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT); trust.load_verify_locations({}); "
-               "trust.wrap_socket(socket.create_connection(('cloud.box.test', 443)), server_hostname='cloud.box.test')")
+    connect = (
+        "import socket, ssl; trust = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT); trust.load_verify_locations({}); "
+        "trust.wrap_socket(socket.create_connection(('cloud.box.test', 443)), server_hostname='cloud.box.test')"
+    )
 
     def connects(trusted):
         command = box.command("exec", "/usr/bin/python3", "-c", connect.format(trusted))

@@ -23,18 +23,26 @@ TOOLS = pathlib.Path(os.environ.get("ORV_TOOLS", ROOT / "build/tools"))
 class Machine:
     def __init__(self):
         self.state = pathlib.Path(tempfile.gettempdir()) / f"orv-box-{NAME}"
-        self.environment = {**os.environ, "ORV_BOX": NAME, "ORV_BOX_DIR": str(self.state),
-                            "ORV_SOURCE_ROUTES": program("orv-source-routes")}
+        self.environment = {
+            **os.environ,
+            "ORV_BOX": NAME,
+            "ORV_BOX_DIR": str(self.state),
+            "ORV_SOURCE_ROUTES": program("orv-source-routes"),
+        }
         self.processes = []
         # What other boxes have mounted would shine through.
-        own_run = "umount --recursive --lazy /run/netns 2>/dev/null; mount -t tmpfs -o mode=755 tmpfs /run && echo ready"
-        self.holder = self.start(["unshare", "--mount", "--propagation", "private", "sh", "-c",
-                                  own_run + " && exec sleep infinity"])
+        own_run = (
+            "umount --recursive --lazy /run/netns 2>/dev/null; mount -t tmpfs -o mode=755 tmpfs /run && echo ready"
+        )
+        self.holder = self.start(
+            ["unshare", "--mount", "--propagation", "private", "sh", "-c", own_run + " && exec sleep infinity"]
+        )
         assert self.holder.stdout.readline() == "ready\n"
 
     def start(self, command):
-        self.processes.append(subprocess.Popen(command, env=self.environment, stdin=subprocess.DEVNULL,
-                                               stdout=subprocess.PIPE, text=True))
+        self.processes.append(
+            subprocess.Popen(command, env=self.environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
+        )
         return self.processes[-1]
 
     def inside(self, *command):
@@ -42,8 +50,14 @@ class Machine:
         return ["nsenter", "--target", str(self.holder.pid), "--mount", "--root", "--wdns=/", *command]
 
     def run(self, *command, **environment):
-        return subprocess.run(self.inside(*command), env={**self.environment, **environment}, capture_output=True,
-                              text=True, timeout=90, check=False)
+        return subprocess.run(
+            self.inside(*command),
+            env={**self.environment, **environment},
+            capture_output=True,
+            text=True,
+            timeout=90,
+            check=False,
+        )
 
     def box(self, *words):
         done = self.run(BOX, *words)
@@ -65,11 +79,24 @@ class Machine:
 
     def traces(self):
         """Whatever the box might leave behind, and what it must not change."""
-        said = {" ".join(command): self.run(*command).stdout for command in (
-            ["cat", "/proc/self/mountinfo"], ["find", "/run"], ["ip", "netns"], ["ip", "-br", "address"], ["ip", "route"],
-            ["ip", "rule"], ["cat", "/etc/resolv.conf"])}
-        return {**said, "host name": socket.gethostname(), "folder": self.state.exists(),
-                "processes": self.own_processes()}
+        said = {
+            " ".join(command): self.run(*command).stdout
+            for command in (
+                ["cat", "/proc/self/mountinfo"],
+                ["find", "/run"],
+                ["ip", "netns"],
+                ["ip", "-br", "address"],
+                ["ip", "route"],
+                ["ip", "rule"],
+                ["cat", "/etc/resolv.conf"],
+            )
+        }
+        return {
+            **said,
+            "host name": socket.gethostname(),
+            "folder": self.state.exists(),
+            "processes": self.own_processes(),
+        }
 
     def close(self):
         self.run(BOX, "down")
@@ -103,8 +130,9 @@ def test_a_box_that_was_used_leaves_no_trace(machine):
 
     machine.box("up")
     machine.box("clock", "+86400")
-    program_of_its_own = machine.start(machine.inside("env", "ORV_BOX_CLOCK=1", BOX, "exec", "sh", "-c",
-                                                      "date +%s && exec sleep infinity"))
+    program_of_its_own = machine.start(
+        machine.inside("env", "ORV_BOX_CLOCK=1", BOX, "exec", "sh", "-c", "date +%s && exec sleep infinity")
+    )
     told = float(program_of_its_own.stdout.readline())
     assert told > time.time() + 80000
     during = machine.traces()
@@ -112,7 +140,12 @@ def test_a_box_that_was_used_leaves_no_trace(machine):
     machine.box("down")
 
     assert [what for what in before if during[what] == before[what]] == [
-        "ip -br address", "ip route", "ip rule", "cat /etc/resolv.conf", "host name"]
+        "ip -br address",
+        "ip route",
+        "ip rule",
+        "cat /etc/resolv.conf",
+        "host name",
+    ]
     assert machine.traces() == before
     assert abs(shifted() - clock) < 1
     assert not faketime_files(program_of_its_own.pid)

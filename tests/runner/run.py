@@ -42,7 +42,11 @@ class Run:
         with self.log.open("wb") as log:
             self.process = subprocess.Popen(
                 [TREE / "script" / words[0], *words[1:]],
-                cwd=TREE, env=environment, stdin=subprocess.DEVNULL, stdout=log, stderr=subprocess.STDOUT,
+                cwd=TREE,
+                env=environment,
+                stdin=subprocess.DEVNULL,
+                stdout=log,
+                stderr=subprocess.STDOUT,
             )
 
     @staticmethod

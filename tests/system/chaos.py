@@ -46,12 +46,28 @@ FAULTS = [
     (("var-tmp", "full"), ("var-tmp", "ok")),
     (("var-tmp", "read-only"), ("var-tmp", "ok")),
 ]
-EXPECTED = ("lost the connection", "was refused: not connected", "cannot connect", "Failed to publish message", "does not keep up", "cannot reconnect",
-            "not on the message bus", "cannot put", "cannot set name servers", "poke error", "has not answered",
-            "as top interface, restarting SM", "message bus")
+EXPECTED = (
+    "lost the connection",
+    "was refused: not connected",
+    "cannot connect",
+    "Failed to publish message",
+    "does not keep up",
+    "cannot reconnect",
+    "not on the message bus",
+    "cannot put",
+    "cannot set name servers",
+    "poke error",
+    "has not answered",
+    "as top interface, restarting SM",
+    "message bus",
+)
 # One process cannot be stopped and frozen at once, and what runs the cellular modem needs the bus.
-EXCLUDE = {"broker": {"broker"}, "connman": {"connman", "bus", "cellular"}, "bus": {"bus", "connman", "cellular"},
-           "cellular": {"bus", "connman"}}
+EXCLUDE = {
+    "broker": {"broker"},
+    "connman": {"connman", "bus", "cellular"},
+    "bus": {"bus", "connman", "cellular"},
+    "cellular": {"bus", "connman"},
+}
 
 
 def strike(box, chance):

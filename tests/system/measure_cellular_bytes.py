@@ -37,7 +37,11 @@ def count(box):
 
 def counted(box):
     found = json.loads(box("exec", "nft", "--json", "list", "counters", "table", "inet", "measure"))["nftables"]
-    return {entry["counter"]["name"].replace("count_", ""): entry["counter"]["bytes"] for entry in found if "counter" in entry}
+    return {
+        entry["counter"]["name"].replace("count_", ""): entry["counter"]["bytes"]
+        for entry in found
+        if "counter" in entry
+    }
 
 
 def measure(situation, seconds, options):
@@ -59,10 +63,11 @@ def measure(situation, seconds, options):
 
 def main():
     words = sys.argv[1:]
-    options = words[words.index("--") + 1:] if "--" in words else []
-    words = words[:words.index("--")] if "--" in words else words
+    options = words[words.index("--") + 1 :] if "--" in words else []
+    words = words[: words.index("--")] if "--" in words else words
     seconds = float(words[0]) if words else 600
-    print(f"{'situation':20} {'cloud':7} {''.join(f'{kind:>8} ' for kind in KINDS)} MB a day, from {seconds:.0f} s; {' '.join(options)}")
+    kinds = "".join(f"{kind:>8} " for kind in KINDS)
+    print(f"{'situation':20} {'cloud':7} {kinds} MB a day, from {seconds:.0f} s; {' '.join(options)}")
     for situation in words[1:] or SITUATIONS:
         measure(situation, seconds, options)
 

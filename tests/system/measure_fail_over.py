@@ -17,11 +17,18 @@ from orv_testbed.application import Application
 from orv_testbed.calls import Calls
 from orv_testbed.box import Box, at
 
-FAIL_OVER = (("detection", "eth cloud lost, start delay"), ("delay", "Started Poke to cell"),
-             ("poke", "poke success, route to Cell"), ("connection manager", "the default route is now over wwan0"),
-             ("reconnect", "connected to the cloud, from"))
-RETURN = (("poke", "poke success, route to ETH"), ("connection manager", "the default route is now over eth0"),
-          ("reconnect", "connected to the cloud, from"))
+FAIL_OVER = (
+    ("detection", "eth cloud lost, start delay"),
+    ("delay", "Started Poke to cell"),
+    ("poke", "poke success, route to Cell"),
+    ("connection manager", "the default route is now over wwan0"),
+    ("reconnect", "connected to the cloud, from"),
+)
+RETURN = (
+    ("poke", "poke success, route to ETH"),
+    ("connection manager", "the default route is now over eth0"),
+    ("reconnect", "connected to the cloud, from"),
+)
 
 
 def phases(application, steps, begun, since):

@@ -72,9 +72,11 @@ def measure(fault, seconds):
     lines = [line for line in log.splitlines() if " trace " not in line]
     switches = sum(", reconnecting" in line for line in lines)
     failed = sum("poke error" in line for line in lines)
-    print(f"{fault:20} {switches:8} {100 * up / (end - begin):7.1f} {failed:7} {len(lines):6} {cellular:9} {ticks:6}"
-          f"  {failed_by_round(lines)}",
-          flush=True)
+    print(
+        f"{fault:20} {switches:8} {100 * up / (end - begin):7.1f} {failed:7} {len(lines):6} {cellular:9} {ticks:6}"
+        f"  {failed_by_round(lines)}",
+        flush=True,
+    )
 
 
 def main():

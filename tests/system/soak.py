@@ -1,5 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-"""script/measure soak [APPLICATIONS [MINUTES]]: ten applications for ten minutes on one broker, with a broker restart each minute.
+"""script/measure soak [APPLICATIONS [MINUTES]]
+
+Ten applications for ten minutes on one broker, with a broker restart each minute.
 
 After each restart every feature must be available again, and an order must reach the one it is for and no other. Prints
 memory and descriptors of the applications after each, and fails when either has grown by more than five per cent since
@@ -41,8 +43,11 @@ def main():
                 time.sleep(0.2)
             memory.append(sum(application.memory() for application in fleet.applications))
             descriptors.append(sum(application.descriptors() for application in fleet.applications))
-            print(f"minute {minute}: {count} features back after {back:.1f} s, all orders right; memory {memory[-1]} KiB, "
-                  f"{descriptors[-1]} descriptors", flush=True)
+            print(
+                f"minute {minute}: {count} features back after {back:.1f} s, all orders right; memory {memory[-1]} KiB, "
+                f"{descriptors[-1]} descriptors",
+                flush=True,
+            )
         for what, series in (("memory", memory), ("descriptors", descriptors)):
             base = series[min(1, len(series) - 1)]
             assert series[-1] <= base * 1.05, f"{what} has grown from {base} to {series[-1]}"

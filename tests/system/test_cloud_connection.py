@@ -25,7 +25,9 @@ def test_a_captive_portal_is_told_by_its_certificate(scene):
     scene.expected_complaints = PORTAL
     scene.box("portal", "eth", "on")
     scene.application.wait_for(FAILED + "the certificate for ", 10)
-    scene.application.wait_for("was issued by A CA that the gateway does not know, which is not trusted: a captive portal", 1)
+    scene.application.wait_for(
+        "was issued by A CA that the gateway does not know, which is not trusted: a captive portal", 1
+    )
     scene.application.wait_for_cloud("wwan0", 25)
     scene.box("portal", "eth", "off")
     scene.application.wait_for_cloud("eth0", 25)
@@ -46,8 +48,10 @@ def test_a_clock_that_is_behind_is_told_once(box, make_scene):
 
 
 def test_why_a_poke_fails_is_told_with_its_interface_and_once(scene):
-    cause = " the endpoint cloud.box.test does not prove the path to the cloud: the certificate for cloud.box.test was " \
-            "issued by A CA that the gateway does not know, which is not trusted"
+    cause = (
+        " the endpoint cloud.box.test does not prove the path to the cloud: the certificate for cloud.box.test was "
+        "issued by A CA that the gateway does not know, which is not trusted"
+    )
     scene.expected_complaints = ("poke error 60",)
     scene.box("cloud-tls", "wrong-certificate", "cell")
     scene.box("provider", "eth", "dead")
@@ -58,7 +62,9 @@ def test_why_a_poke_fails_is_told_with_its_interface_and_once(scene):
     scene.box("cloud-tls", "ok", "cell")
     scene.application.wait_for_cloud("wwan0", 40)
     scene.box("cloud-tls", "wrong-certificate", "eth")
-    scene.application.wait_for("over eth0 the endpoint cloud.box.test does not prove the path to the cloud: no answer", 20)
+    scene.application.wait_for(
+        "over eth0 the endpoint cloud.box.test does not prove the path to the cloud: no answer", 20
+    )
     scene.box("provider", "eth", "back")
     scene.application.wait_for("over eth0" + cause, 70)
     scene.box("cloud-tls", "ok", "eth")

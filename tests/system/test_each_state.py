@@ -3,18 +3,27 @@
 import pytest
 from orv_testbed.box import SLACK, wait_until
 from orv_testbed.scene import STATES
-from orv_testbed.wire import GREEN, INHIBIT
+from orv_testbed.wire import GREEN
 
-BROKER_AWAY = ("lost the connection", "was refused: not connected", "Failed to publish message to MQTT", "cannot connect")
+BROKER_AWAY = (
+    "lost the connection",
+    "was refused: not connected",
+    "Failed to publish message to MQTT",
+    "cannot connect",
+)
 CONNMAN_FROZEN = ("has not answered for 3000 ms", "as top interface, restarting SM")
 NOT_CONNECTED = ("there is no service on this interface", "its service is not connected", "Invalid service")
 # Without addresses a poke finds neither the name (6) nor a way (7).
-CONNMAN_AWAY = NOT_CONNECTED + CONNMAN_FROZEN + ("net.connman is not on the message bus", "poke error 6", "poke error 7")
+CONNMAN_AWAY = (
+    NOT_CONNECTED + CONNMAN_FROZEN + ("net.connman is not on the message bus", "poke error 6", "poke error 7")
+)
 in_each_state = pytest.mark.parametrize("state", STATES)
 
 # Ethernet's provider is dead in the states before its return has begun.
-ENDS_ON = {state: "eth0" if state in ("ETHERNET_ACTIVE", "SWITCHING_TO_ETHERNET", "ETHERNET_SETTLE_DELAY") else "wwan0"
-           for state in STATES}
+ENDS_ON = {
+    state: "eth0" if state in ("ETHERNET_ACTIVE", "SWITCHING_TO_ETHERNET", "ETHERNET_SETTLE_DELAY") else "wwan0"
+    for state in STATES
+}
 
 
 @in_each_state
@@ -26,8 +35,11 @@ def test_a_restarted_broker_knows_everything_again(scene, state):
     scene.box("broker", "stop")
     scene.release()
     scene.box("broker", "start")
-    wait_until(lambda: scene.witness.connections() > connections and scene.witness.payloads(GREEN, latest_connection=True),
-               5 + SLACK, "the LED on the restarted broker")
+    wait_until(
+        lambda: scene.witness.connections() > connections and scene.witness.payloads(GREEN, latest_connection=True),
+        5 + SLACK,
+        "the LED on the restarted broker",
+    )
     scene.settles(ENDS_ON[state], 30)
 
 
@@ -76,7 +88,8 @@ def test_a_pulled_cable_leaves_the_cloud_on_cellular(scene, state):
     scene.application.wait_for_cloud("wwan0", 15)
     scene.witness.wait_for(GREEN, "On")
     scene.settles_on_the_only_interface(
-        15, since=place, on_cellular=state in ("ETHERNET_LOST_DELAY", "SWITCHING_TO_CELLULAR", "CELLULAR_ACTIVE"))
+        15, since=place, on_cellular=state in ("ETHERNET_LOST_DELAY", "SWITCHING_TO_CELLULAR", "CELLULAR_ACTIVE")
+    )
 
     scene.box("provider", "eth", "back")
     scene.box("cable", "in")

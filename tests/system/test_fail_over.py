@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 """Fail-over to Cellular and the return to Ethernet, seen from all sides."""
 import signal
-import time
 
 import pytest
 from orv_testbed.box import SLACK, wait_until

@@ -7,6 +7,7 @@ from orv_testbed.box import SLACK, wait_until
 
 def replace_default_route(scene, router, interface):
     """Until it stays: now and then ConnMan notices by itself."""
+
     def replaced_for_a_second():
         scene.box("exec", "ip", "route", "replace", "default", "via", router, "dev", interface)
         deadline = time.monotonic() + 1
@@ -41,6 +42,8 @@ def test_a_status_file_that_another_client_has_written_is_put_right(scene):
     statuses = scene.box.status_file()
     path = scene.box.folder / "gateway/var/tmp/new_enterprise_statuses.csv"
     for _ in range(5):
-        path.write_text('"Enterprise Feature","Disabled"\n"Cloud Connection","Down"\n"Ethernet","Down"\n"Cellular","Down"',
-                        encoding="utf-8")
+        path.write_text(
+            '"Enterprise Feature","Disabled"\n"Cloud Connection","Down"\n"Ethernet","Down"\n"Cellular","Down"',
+            encoding="utf-8",
+        )
         wait_until(lambda: scene.box.status_file() == statuses, 1, "the status file put right")

@@ -49,8 +49,11 @@ def pull_ethernet_while_it_is_poked(scene):
     application.wait_for("poke error 7", 20)
     wait_until(lambda: time.monotonic() - poking_since > GRACE_S, SLACK, "the end of the grace")
     box("lease", "eth", "end")
-    wait_until(lambda: application.reported("ETHERNET_IP_GAINED", "ETHERNET_IP_LOST") == "ETHERNET_IP_LOST", SLACK,
-               "the loss of the address")
+    wait_until(
+        lambda: application.reported("ETHERNET_IP_GAINED", "ETHERNET_IP_LOST") == "ETHERNET_IP_LOST",
+        SLACK,
+        "the loss of the address",
+    )
     place = application.mark()
     wait_until(lambda: time.monotonic() - poking_since > 2 * GRACE_S, SLACK, "the poke's end")
     box("lease", "eth", "back")
@@ -64,9 +67,18 @@ def pull_ethernet_while_it_is_poked(scene):
 def mute_questions_for_eth0(box, side):
     """The provider's name server answers everything else."""
     question = 64 + 96  # bits: behind the headers of UDP and DNS
-    subprocess.run(["ip", "netns", "exec", f"{box.environment['ORV_BOX']}-{side}", "nft",
-                    "table inet mute_eth0 { chain input { type filter hook input priority 0;"
-                    f" udp dport 53 @th,{question},40 0x0465746830 drop; }}; }}"], check=True)
+    subprocess.run(
+        [
+            "ip",
+            "netns",
+            "exec",
+            f"{box.environment['ORV_BOX']}-{side}",
+            "nft",
+            "table inet mute_eth0 { chain input { type filter hook input priority 0;"
+            f" udp dport 53 @th,{question},40 0x0465746830 drop; }}; }}",
+        ],
+        check=True,
+    )
 
 
 def test_a_poke_over_a_missing_interface_fails_at_once_although_nobody_answers_for_its_name(quick_scene):
@@ -160,7 +172,9 @@ def test_a_hostile_neighbour_on_the_bus_changes_nothing(box, scene, tmp_path):
     scene.expected_complaints = ("which is not the connection manager, is ignored",)
     with open(tmp_path / "neighbour.log", "w", encoding="utf-8") as log:
         box.start("/usr/bin/python3", "-u", "-m", "orv_testbed.hostile_neighbour", stdout=log, stderr=log)
-        wait_until(lambda: "at work" in (tmp_path / "neighbour.log").read_text(encoding="utf-8"), SLACK, "its first round")
+        wait_until(
+            lambda: "at work" in (tmp_path / "neighbour.log").read_text(encoding="utf-8"), SLACK, "its first round"
+        )
     place = scene.application.mark()
     box("provider", "eth", "dead")
     scene.application.wait_for("route is Cell, reconnecting", 20)
@@ -195,7 +209,9 @@ def test_a_neighbour_that_crashes_all_the_time_does_not_pull_the_route_back(box,
     scene.witness.wait_for(available, "true", 5)
     scene.reach("CELLULAR_ACTIVE")
     greens, starts = len(scene.witness.payloads(GREEN)), scene.witness.payloads(available).count("true")
-    wait_until(lambda: scene.witness.payloads(available).count("true") > starts + 5, 30, "five more starts of the neighbour")
+    wait_until(
+        lambda: scene.witness.payloads(available).count("true") > starts + 5, 30, "five more starts of the neighbour"
+    )
     assert box.default_interfaces() == ["wwan0"]
     assert scene.application.route_state() == "CELLULAR_ACTIVE"
     assert not scene.application.said("poke success, route to ETH")
@@ -207,7 +223,12 @@ def test_a_neighbour_that_crashes_all_the_time_does_not_pull_the_route_back(box,
 
 
 def test_what_was_refused_without_a_broker_is_what_is_announced_with_the_next_one(scene):
-    scene.expected_complaints = ("lost the connection", "Failed to publish message to MQTT", "cannot connect", "was refused")
+    scene.expected_complaints = (
+        "lost the connection",
+        "Failed to publish message to MQTT",
+        "cannot connect",
+        "was refused",
+    )
     scene.reach("CELLULAR_ACTIVE")
     scene.witness.wait_for(INHIBIT, "inhibit")
     scene.cut_wire()
@@ -217,8 +238,11 @@ def test_what_was_refused_without_a_broker_is_what_is_announced_with_the_next_on
     scene.application.wait_for("cell to eth delay done", 20)
     connections = scene.witness.connections()
     scene.box("broker", "start")
-    wait_until(lambda: scene.witness.connections() > connections and scene.witness.payloads(INHIBIT, latest_connection=True),
-               10 + SLACK, "the DNS topic on the restarted broker")
+    wait_until(
+        lambda: scene.witness.connections() > connections and scene.witness.payloads(INHIBIT, latest_connection=True),
+        10 + SLACK,
+        "the DNS topic on the restarted broker",
+    )
     scene.settles("eth0", 10)
     assert scene.witness.payloads(INHIBIT, latest_connection=True)[-1] == "permit"
     assert "inhibit" not in scene.witness.payloads(INHIBIT, latest_connection=True)

@@ -20,7 +20,12 @@ def test_an_ethernet_that_flaps_for_two_minutes_settles(scene):
 
 @pytest.mark.parametrize("seconds", [0, 4])
 def test_a_broker_away_during_the_delay_does_not_stop_the_fail_over(scene, seconds):
-    scene.expected_complaints = ("lost the connection", "was refused: not connected", "Failed to publish message to MQTT", "cannot connect")
+    scene.expected_complaints = (
+        "lost the connection",
+        "was refused: not connected",
+        "Failed to publish message to MQTT",
+        "cannot connect",
+    )
     scene.reach("ETHERNET_LOST_DELAY")
     scene.cut_wire()
     scene.box("broker", "stop")
@@ -32,7 +37,12 @@ def test_a_broker_away_during_the_delay_does_not_stop_the_fail_over(scene, secon
 
 def test_a_frozen_broker_does_not_stop_the_fail_over(scene):
     scene.cut_wire()
-    scene.expected_complaints = ("lost the connection", "was refused: not connected", "Failed to publish message to MQTT", "does not answer")
+    scene.expected_complaints = (
+        "lost the connection",
+        "was refused: not connected",
+        "Failed to publish message to MQTT",
+        "does not answer",
+    )
     scene.box("broker", "freeze")
     scene.box("provider", "eth", "dead")
     scene.application.wait_for("route is Cell, reconnecting", 20)

@@ -39,12 +39,17 @@ class Service(dbus.service.Object):
     def properties(self):
         configured = [server for server in self.configured or [] if server != "none"]
         servers = self.offered if self.configured is None else configured
-        return dbus.Dictionary({
-            "Type": "ethernet", "State": self.state, "Immutable": dbus.Boolean(self.immutable),
-            "Ethernet": dbus.Dictionary({"Interface": self.interface, "MTU": dbus.UInt16(1500)}, signature="sv"),
-            "Nameservers": dbus.Array(servers, signature="s"),
-            "Nameservers.Configuration": dbus.Array(configured, signature="s"),
-        }, signature="sv")
+        return dbus.Dictionary(
+            {
+                "Type": "ethernet",
+                "State": self.state,
+                "Immutable": dbus.Boolean(self.immutable),
+                "Ethernet": dbus.Dictionary({"Interface": self.interface, "MTU": dbus.UInt16(1500)}, signature="sv"),
+                "Nameservers": dbus.Array(servers, signature="s"),
+                "Nameservers.Configuration": dbus.Array(configured, signature="s"),
+            },
+            signature="sv",
+        )
 
     def tell(self, name):
         self.PropertyChanged(name, self.properties()[name])
@@ -83,9 +88,13 @@ class Manager(dbus.service.Object):
             raise dbus.DBusException("refused by the test", name=self.refused[method])
 
     def tell_order(self, added, removed=()):
-        changed = [(path_of(service.interface),
-                    service.properties() if service in added else dbus.Dictionary({}, signature="sv"))
-                   for service in self.services]
+        changed = [
+            (
+                path_of(service.interface),
+                service.properties() if service in added else dbus.Dictionary({}, signature="sv"),
+            )
+            for service in self.services
+        ]
         self.ServicesChanged(dbus.Array(changed, signature="(oa{sv})"), dbus.Array(removed, signature="o"))
 
     @dbus.service.signal(MANAGER, signature="a(oa{sv})ao")

@@ -75,8 +75,14 @@ class Peer:
         self.signal("/", MANAGER, "ServicesChanged", "a(sa{sv})as", [("no path", nothing)], ["no path"])
         self.signal("/", MANAGER, "ServicesChanged", "s", "no list")
         self.signal("/", MANAGER, "ServicesChanged")
-        self.signal("/", MANAGER, "ServicesChanged", SERVICES + "ao",
-                    [(f"{ETH}/{number}", nothing) for number in range(20000)], [])
+        self.signal(
+            "/",
+            MANAGER,
+            "ServicesChanged",
+            SERVICES + "ao",
+            [(f"{ETH}/{number}", nothing) for number in range(20000)],
+            [],
+        )
 
     def forge_properties(self):
         for path in (ETH, WWAN, "/"):
@@ -98,10 +104,20 @@ class Peer:
 
     @staticmethod
     def nonsense():
-        return [(path, dbus.Dictionary({"State": "ready", "Nameservers": dbus.Array(["192.0.2.53"], signature="s"),
-                                        "Ethernet": dbus.Dictionary({"Interface": interface}, signature="sv")},
-                                       signature="sv"))
-                for path, interface in (("no path at all", "eth0"), ("", "wwan0"))]
+        return [
+            (
+                path,
+                dbus.Dictionary(
+                    {
+                        "State": "ready",
+                        "Nameservers": dbus.Array(["192.0.2.53"], signature="s"),
+                        "Ethernet": dbus.Dictionary({"Interface": interface}, signature="sv"),
+                    },
+                    signature="sv",
+                ),
+            )
+            for path, interface in (("no path at all", "eth0"), ("", "wwan0"))
+        ]
 
     def answer(self, _, message):
         if message.get_type() != 1 or message.get_interface() not in (MANAGER, SERVICE):

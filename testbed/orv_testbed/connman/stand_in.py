@@ -23,12 +23,23 @@ class ConnmanStandIn:
         self.address = "unix:path=" + os.fspath(socket)
         self.processes = []
         try:
-            bus = self.start(["dbus-daemon", "--config-file=" + os.path.join(HERE, "bus.conf"), "--nofork", "--nopidfile",
-                              "--syslog-only", "--address=" + self.address, "--print-address=1"])
+            bus = self.start(
+                [
+                    "dbus-daemon",
+                    "--config-file=" + os.path.join(HERE, "bus.conf"),
+                    "--nofork",
+                    "--nopidfile",
+                    "--syslog-only",
+                    "--address=" + self.address,
+                    "--print-address=1",
+                ]
+            )
             self.hear(bus, self.address, f"a message bus at {socket} (package dbus-daemon)")
             # python3-dbus is there for the system's Python only.
-            self.connman = self.start(["/usr/bin/python3", "-B", os.path.join(HERE, "fake_connman.py")],
-                                      env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": self.address})
+            self.connman = self.start(
+                ["/usr/bin/python3", "-B", os.path.join(HERE, "fake_connman.py")],
+                env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": self.address},
+            )
             self.connman.stdin.write(f"services {services}\n")
             self.connman.stdin.flush()
             self.hear(self.connman, "ok", "the fake connection manager (packages python3-dbus, python3-gi)")
@@ -38,8 +49,14 @@ class ConnmanStandIn:
 
     def start(self, command, **options):
         # A session of their own: an interrupt at the keyboard is for the others, who end these.
-        process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *command], stdin=subprocess.PIPE,
-                                   stdout=subprocess.PIPE, text=True, start_new_session=True, **options)
+        process = subprocess.Popen(
+            ["setpriv", "--pdeathsig", "KILL", *command],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            text=True,
+            start_new_session=True,
+            **options,
+        )
         self.processes.append(process)
         return process
 

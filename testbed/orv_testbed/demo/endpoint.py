@@ -19,8 +19,23 @@ def make_certificates(folder):
     key = ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes"]
     openssl("req", "-x509", *key, "-keyout", "ca.key", "-out", "ca.crt", "-days", "2", "-subj", "/CN=Demo CA")
     openssl("req", *key, "-keyout", "endpoint.key", "-out", "endpoint.csr", "-subj", "/CN=demo endpoint")
-    openssl("x509", "-req", "-in", "endpoint.csr", "-CA", "ca.crt", "-CAkey", "ca.key", "-CAcreateserial",
-            "-extfile", "endpoint.ext", "-days", "2", "-out", "endpoint.crt")
+    openssl(
+        "x509",
+        "-req",
+        "-in",
+        "endpoint.csr",
+        "-CA",
+        "ca.crt",
+        "-CAkey",
+        "ca.key",
+        "-CAcreateserial",
+        "-extfile",
+        "endpoint.ext",
+        "-days",
+        "2",
+        "-out",
+        "endpoint.crt",
+    )
 
 
 class Endpoint:

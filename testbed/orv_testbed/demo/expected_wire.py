@@ -133,4 +133,6 @@ def wire_differences(seen, moves):
     route = [line for line in seen if INHIBIT_DNS in line]
     session = [line for line in seen if INHIBIT_DNS not in line]
     expected = BEFORE_THE_MOVES + (MOVES if moves else []) + AFTER_THE_MOVES
-    return differences("the session's wire", expected, session) + differences("the route's wire", ROUTE if moves else [], route)
+    return differences("the session's wire", expected, session) + differences(
+        "the route's wire", ROUTE if moves else [], route
+    )

@@ -19,15 +19,29 @@ from orv_testbed import route_states, timeline
 from orv_testbed.demo.transcript import Transcript
 from orv_testbed.processes import end_all
 
-STATES = ["ETHERNET_ACTIVE", "ETHERNET_LOST_DELAY", "POKING_CELLULAR", "SWITCHING_TO_CELLULAR", "CELLULAR_ACTIVE",
-          "SWITCHING_TO_ETHERNET", "ETHERNET_SETTLE_DELAY", "ETHERNET_ACTIVE"]
+STATES = [
+    "ETHERNET_ACTIVE",
+    "ETHERNET_LOST_DELAY",
+    "POKING_CELLULAR",
+    "SWITCHING_TO_CELLULAR",
+    "CELLULAR_ACTIVE",
+    "SWITCHING_TO_ETHERNET",
+    "ETHERNET_SETTLE_DELAY",
+    "ETHERNET_ACTIVE",
+]
 STATUS_FILE = "/var/tmp/new_enterprise_statuses.csv"
 ERRORS = "/var/tmp/new_enterprise_errors.csv"
 STATUSES = '"Enterprise Feature","Enabled"\n"Cloud Connection","Up"\n"Ethernet","Up"\n"Cellular","Up"'
 LOG_LEVEL = "info,OrvRoute=debug,OrvSessionMqtt=error"
 LED_TOPIC = "/orv/led/connected_services_"
-COLUMN = {"route state": "state", "green LED": "LED", "yellow LED": "LED", "DNS topic": "wire",
-          "default route": "route", "cloud connection": "cloud"}
+COLUMN = {
+    "route state": "state",
+    "green LED": "LED",
+    "yellow LED": "LED",
+    "DNS topic": "wire",
+    "default route": "route",
+    "cloud connection": "cloud",
+}
 DNS_TOPIC = "/orv/network/wan/inhibit_dns"
 
 
@@ -85,19 +99,35 @@ class BoxDemo:
         self.processes = []
         self.name = f"d{os.getpid() % 10**7}"  # as many characters as a box may have
         self.state = os.path.join(os.environ.get("TMPDIR", "/tmp"), f"orv-box-{self.name}")
-        self.environment = {**os.environ, "ORV_BOX": self.name, "ORV_BOX_DIR": self.state,
-                            "ORV_SOURCE_ROUTES": os.path.join(programs, "orv-source-routes")}
+        self.environment = {
+            **os.environ,
+            "ORV_BOX": self.name,
+            "ORV_BOX_DIR": self.state,
+            "ORV_SOURCE_ROUTES": os.path.join(programs, "orv-source-routes"),
+        }
 
     def box(self, *arguments, check=True):
-        done = subprocess.run([self.box_command, *arguments], env=self.environment, capture_output=True, text=True,
-                              check=False, stdin=subprocess.DEVNULL)
+        done = subprocess.run(
+            [self.box_command, *arguments],
+            env=self.environment,
+            capture_output=True,
+            text=True,
+            check=False,
+            stdin=subprocess.DEVNULL,
+        )
         if check and done.returncode != 0:
             raise DemoError(f"box {' '.join(arguments)}: {done.stderr.strip() or done.stdout.strip()}")
         return done.stdout
 
     def on_gateway(self, *command, **options):
-        process = subprocess.Popen([self.box_command, "exec", *command], env=self.environment, stdin=subprocess.DEVNULL,
-                                   text=True, errors="replace", **options)
+        process = subprocess.Popen(
+            [self.box_command, "exec", *command],
+            env=self.environment,
+            stdin=subprocess.DEVNULL,
+            text=True,
+            errors="replace",
+            **options,
+        )
         self.processes.append(process)
         return process
 
@@ -113,8 +143,21 @@ class BoxDemo:
     def up(self):
         self.box("up")
         self.run.begin = time.monotonic()
-        wire = self.on_gateway("stdbuf", "-oL", "mosquitto_sub", "-h", "127.0.0.1", "-V", "mqttv5", "--retain-as-published",
-                               "-t", "/orv/#", "-F", "%r %t %p", stdout=subprocess.PIPE)
+        wire = self.on_gateway(
+            "stdbuf",
+            "-oL",
+            "mosquitto_sub",
+            "-h",
+            "127.0.0.1",
+            "-V",
+            "mqttv5",
+            "--retain-as-published",
+            "-t",
+            "/orv/#",
+            "-F",
+            "%r %t %p",
+            stdout=subprocess.PIPE,
+        )
         self.follow(wire.stdout, self.on_message)
         routes = self.on_gateway("stdbuf", "-oL", "ip", "-o", "monitor", "route", stdout=subprocess.PIPE)
         self.follow(routes.stdout, lambda _: self.on_route())
@@ -123,12 +166,26 @@ class BoxDemo:
     def start_application(self):
         transcript = os.path.join(self.state, "app.jsonl")
         open(transcript, "w", encoding="utf-8").close()
-        application = self.on_gateway("env", f"ORV_LOG_LEVEL={LOG_LEVEL}", "RES_OPTIONS=timeout:1 attempts:2", self.app,
-                                      "--name", "demo", "--cloud-host", "cloud.box.test", "--tick-ms", "100",
-                                      "--transcript", transcript, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+        application = self.on_gateway(
+            "env",
+            f"ORV_LOG_LEVEL={LOG_LEVEL}",
+            "RES_OPTIONS=timeout:1 attempts:2",
+            self.app,
+            "--name",
+            "demo",
+            "--cloud-host",
+            "cloud.box.test",
+            "--tick-ms",
+            "100",
+            "--transcript",
+            transcript,
+            stdout=subprocess.DEVNULL,
+            stderr=subprocess.PIPE,
+        )
         self.log_reader = self.follow(application.stderr, self.on_log)
-        happenings = subprocess.Popen(["tail", "-F", "-n", "+1", transcript], stdout=subprocess.PIPE,
-                                      stderr=subprocess.DEVNULL, text=True)
+        happenings = subprocess.Popen(
+            ["tail", "-F", "-n", "+1", transcript], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True
+        )
         self.processes.append(happenings)
         self.follow(happenings.stdout, self.on_happening)
         return application
@@ -136,7 +193,7 @@ class BoxDemo:
     def on_message(self, line):
         retained, topic, payload = (line.split(" ", 2) + [""])[:3]
         if topic.startswith(LED_TOPIC):
-            led = topic[len(LED_TOPIC):]
+            led = topic[len(LED_TOPIC) :]
             self.run.note(f"{led} LED", payload, self.transcript.lamp(led, payload))
         elif topic == DNS_TOPIC:
             self.run.note("DNS topic", payload, f"inhibit_dns: {payload}", "dim")
@@ -158,8 +215,12 @@ class BoxDemo:
         happening = json.loads(line)
         what = happening["what"]
         if what == "cloud_connected":
-            self.run.note("cloud connection", "Ethernet" if happening["interface"] == "eth0" else "Cellular",
-                          f"connected from {happening['source']} ({happening['interface']})", "green")
+            self.run.note(
+                "cloud connection",
+                "Ethernet" if happening["interface"] == "eth0" else "Cellular",
+                f"connected from {happening['source']} ({happening['interface']})",
+                "green",
+            )
         elif what == "cloud_lost":
             self.run.note("cloud connection", "none", f"lost: {happening.get('reason', '')}", "red")
         elif what == "event":
@@ -171,20 +232,33 @@ class BoxDemo:
         self.up()
         application = self.start_application()
         run.note("route state", "ETHERNET_ACTIVE", "ETHERNET_ACTIVE", "bold")
-        run.wait("the cloud connection over Ethernet", 20,
-                 lambda: run.now("cloud connection") == "Ethernet" and run.now("green LED") == "On")
+        run.wait(
+            "the cloud connection over Ethernet",
+            20,
+            lambda: run.now("cloud connection") == "Ethernet" and run.now("green LED") == "On",
+        )
 
         run.show(2)
         run.mark("Ethernet provider dies")
         self.box("provider", "eth", "dead")
-        run.wait("the fail-over to Cellular", 40, lambda: run.now("cloud connection") == "Cellular"
-                 and run.now("route state") == "CELLULAR_ACTIVE" and run.now("green LED") == "On")
+        run.wait(
+            "the fail-over to Cellular",
+            40,
+            lambda: run.now("cloud connection") == "Cellular"
+            and run.now("route state") == "CELLULAR_ACTIVE"
+            and run.now("green LED") == "On",
+        )
 
         run.show(4)
         run.mark("Ethernet provider is back")
         self.box("provider", "eth", "back")
-        run.wait("the return to Ethernet", 60, lambda: run.now("cloud connection") == "Ethernet"
-                 and run.now("route state") == "ETHERNET_ACTIVE" and run.now("default route") == "eth0")
+        run.wait(
+            "the return to Ethernet",
+            60,
+            lambda: run.now("cloud connection") == "Ethernet"
+            and run.now("route state") == "ETHERNET_ACTIVE"
+            and run.now("default route") == "eth0",
+        )
 
         run.show(2)
         run.mark("the application reports a failure")
@@ -208,7 +282,9 @@ class BoxDemo:
         faults += self.run.lanes.get("fault", [])
 
         def expect(lane, wanted):
-            seen = [value for value in self.run.lanes.get(lane, []) if value != "none"]  # gaps between two are all right
+            seen = [
+                value for value in self.run.lanes.get(lane, []) if value != "none"
+            ]  # gaps between two are all right
             if seen != wanted:
                 faults.append(f"{lane}: {seen}, but it must be {wanted}")
 
@@ -223,8 +299,10 @@ class BoxDemo:
 
     def show_files(self):
         faults = []
-        for path, right in ((STATUS_FILE, lambda text: text == STATUSES),
-                            (ERRORS, lambda text: re.fullmatch(r"\d+,Fatal Error Detected", text))):
+        for path, right in (
+            (STATUS_FILE, lambda text: text == STATUSES),
+            (ERRORS, lambda text: re.fullmatch(r"\d+,Fatal Error Detected", text)),
+        ):
             self.transcript.chapter(path)
             try:
                 with open(self.on_gateway_disk(path), encoding="utf-8") as file:

@@ -80,8 +80,10 @@ def make_private_interfaces():
 def refuse_to_overwrite():
     for path in (STATUSES, ERRORS):
         if os.path.lexists(path):
-            raise Refused(f"{path} exists, and this machine gives the demo no /var/tmp of its own: move the file away, or "
-                          "run the demo where it may make namespaces (as root; in a container started with --privileged)")
+            raise Refused(
+                f"{path} exists, and this machine gives the demo no /var/tmp of its own: move the file away, or "
+                "run the demo where it may make namespaces (as root; in a container started with --privileged)"
+            )
 
 
 def remove_status_files():
@@ -97,8 +99,9 @@ def trust_the_authority(folder):
     authority = os.path.join(folder, "ca.crt")
     with open(os.path.join(anchors, "ca-certificates.crt"), "ab") as bundle, open(authority, "rb") as file:
         bundle.write(file.read())
-    name = subprocess.run(["openssl", "x509", "-noout", "-subject_hash", "-in", authority], check=True,
-                          capture_output=True, text=True).stdout.strip()
+    name = subprocess.run(
+        ["openssl", "x509", "-noout", "-subject_hash", "-in", authority], check=True, capture_output=True, text=True
+    ).stdout.strip()
     shutil.copy(authority, os.path.join(anchors, f"{name}.0"))
     mount("--bind", anchors, ANCHORS)
 
@@ -155,16 +158,33 @@ class Demo:
             with open(self.file("mosquitto.log"), "wb") as log:
                 broker = self.start([self.mosquitto, "-c", path], stdout=log, stderr=log)
             # It says so when it listens; on the port somebody else could answer.
-            wait_until(lambda: broker.poll() is not None or " running\n" in self.read("mosquitto.log"), 5,
-                       "the broker did not start")
+            wait_until(
+                lambda: broker.poll() is not None or " running\n" in self.read("mosquitto.log"),
+                5,
+                "the broker did not start",
+            )
             if broker.poll() is None:
                 self.transcript.line("demo", f"private broker on 127.0.0.1:{port}")
                 return port
         raise DemoError("the broker does not start:\n" + self.read("mosquitto.log"))
 
     def record(self, port):
-        command = ["mosquitto_sub", "-h", "127.0.0.1", "-p", str(port), "-V", "mqttv5", "--retain-as-published", "-q", "1",
-                   "-t", "#", "-F", "%q %r %t %p"]
+        command = [
+            "mosquitto_sub",
+            "-h",
+            "127.0.0.1",
+            "-p",
+            str(port),
+            "-V",
+            "mqttv5",
+            "--retain-as-published",
+            "-q",
+            "1",
+            "-t",
+            "#",
+            "-F",
+            "%q %r %t %p",
+        ]
         recorder = self.start(["stdbuf", "-oL", *command], stdout=subprocess.PIPE, text=True)
 
         def read():
@@ -197,9 +217,14 @@ class Demo:
         return path
 
     def run_shell(self):
-        shell = self.start([self.shell, "--tick", "100ms", self.scenario()], stdout=subprocess.PIPE,
-                           stderr=subprocess.PIPE, text=True, errors="replace",
-                           env={**os.environ, "ORV_GATEWAY_CONFIG": self.file("gateway.ini")})
+        shell = self.start(
+            [self.shell, "--tick", "100ms", self.scenario()],
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            text=True,
+            errors="replace",
+            env={**os.environ, "ORV_GATEWAY_CONFIG": self.file("gateway.ini")},
+        )
 
         def read_log():
             for line in shell.stderr:
@@ -229,8 +254,11 @@ class Demo:
         neighbours = Neighbours(port)
         self.await_beacon(neighbours, "begin")
         with open(self.file("gateway.ini"), "w", encoding="ascii") as file:
-            file.write(CONFIGURATION.format(broker=port, endpoint=endpoint.port, bus=self.connman.address,
-                                            ethernet=ETHERNET, cellular=CELLULAR))
+            file.write(
+                CONFIGURATION.format(
+                    broker=port, endpoint=endpoint.port, bus=self.connman.address, ethernet=ETHERNET, cellular=CELLULAR
+                )
+            )
         status = self.run_shell()
         self.await_beacon(neighbours, "end")
         neighbours.stop()
@@ -238,8 +266,9 @@ class Demo:
             ([f"orv-shell ended with exit status {status}"] if status != 0 else [])
             + wire_differences(self.wire, moves=self.private)
             + differences("what the broker keeps", kept(moves=self.private), kept_by_broker(port))
-            + differences("who proved itself to the cloud", ["127.0.0.1"] * 2 if self.private else [],
-                          endpoint.handshakes)
+            + differences(
+                "who proved itself to the cloud", ["127.0.0.1"] * 2 if self.private else [], endpoint.handshakes
+            )
             + self.check_files(begin)
         )
 
@@ -295,9 +324,13 @@ def main(arguments):
         transcript.chapter(transcript.paint("Not what must be there:", "red"))
         print("\n".join(faults))
         return 1
-    transcript.chapter(transcript.paint(f"All {len(demo.wire)} messages on the wire are what must be there, in order.", "green"))
+    transcript.chapter(
+        transcript.paint(f"All {len(demo.wire)} messages on the wire are what must be there, in order.", "green")
+    )
     if not private:
-        print("Left out, because this machine gives no private interfaces and list of authorities: the moves of the route.")
+        print(
+            "Left out, because this machine gives no private interfaces and list of authorities: the moves of the route."
+        )
     return 0
 
 
