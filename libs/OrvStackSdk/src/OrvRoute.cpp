@@ -37,9 +37,10 @@ OrvRoute::OrvRoute(Now clock)
       ethernetInterface(IpInterfacesMapping::GetInstance().GetInterfaceName("Ethernet")),
       cellularInterface(IpInterfacesMapping::GetInstance().GetInterfaceName("Cellular")),
       logger("OrvRoute", 0),
+      poke(logger),
       now(std::move(clock)) {
     const auto store = OrvResources::CreateStaticConfigStore();
-    pokeUrl = "https://" + store->GetValue(POKE_ENDPOINT_KEY);
+    poke.SetUrl("https://" + store->GetValue(POKE_ENDPOINT_KEY));
     ConnmanCommands::GetInstance().SetTopPriorityInterface(ethernetInterface);
     if (!Connect()) {
         quillogger::LogWrapper::Log(CRITICAL, false, "libs/OrvStackSdk/src/OrvRoute", 37,
@@ -72,7 +73,7 @@ bool OrvRoute::CloudReconnectNeeded() {
 
 void OrvRoute::Tick() {
     const std::lock_guard<std::mutex> lock(routeMutex);
-    const bool pokeSucceeded = pokeRunning && DoPoke();
+    const bool pokeSucceeded = pokeRunning && poke.Step();
     state = Step(pokeSucceeded);
 }
 
@@ -129,7 +130,7 @@ OrvRoute::RouteState OrvRoute::EthernetLostDelay() {
         return RouteState::ETHERNET_LOST_DELAY;
     StartPoke(cellularInterface);
     PublishDns(Words::DNS_INHIBIT);
-    logger.Debug("Tick") << "Started Poke to cell if " << pokeInterface;
+    logger.Debug("Tick") << "Started Poke to cell if " << poke.Interface();
     return RouteState::POKING_CELLULAR;
 }
 
@@ -145,7 +146,7 @@ OrvRoute::RouteState OrvRoute::PokingCellular(bool pokeSucceeded) {
         return RouteState::POKING_CELLULAR;
     if (pokeRunning) {
         pokeRunning = false;
-        CleanPoke();
+        poke.Stop();
         PublishDns(Words::DNS_PERMIT);
     }
     Note("poke cell aborted");
@@ -172,11 +173,11 @@ OrvRoute::RouteState OrvRoute::CellularActive(bool pokeSucceeded) {
     if (ethernetIpUp && !pokeRunning) {
         StartPoke(ethernetInterface);
         dnsInhibited = true;
-        logger.Debug("Tick") << "Started Poke eth if " << pokeInterface;
+        logger.Debug("Tick") << "Started Poke eth if " << poke.Interface();
     }
     if (!pokeRunning)
         return RouteState::CELLULAR_ACTIVE;
-    // The poke's handles stay: when Ethernet's address returns, the attempt goes on where it was.
+    // The poke is not stopped: when Ethernet's address returns, the attempt goes on where it was.
     if (!ethernetIpUp && ElapsedAtLeast(ETH_POKE_GRACE))
         pokeRunning = false;
     MirrorCellularOnDnsTopic();
@@ -220,8 +221,7 @@ OrvRoute::RouteState OrvRoute::EthernetSettleDelay() {
 
 void OrvRoute::StartPoke(const std::string& interfaceName) {
     pokeRunning = true;
-    pokeInterface = interfaceName;
-    untrusted = 0;
+    poke.Start(interfaceName);
     Stamp();
 }
 

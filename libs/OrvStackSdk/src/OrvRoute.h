@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "OrvRoutePoke.h"
 #include "Platform.h"
 
 #include <chrono>
 #include <cstdint>
-#include <curl/curl.h>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -73,30 +73,20 @@ private:
     void Stamp();
     bool ElapsedAtLeast(Clock::duration delay) const;
 
-    // The poke, in OrvRoutePoke.cpp: one TLS connection attempt bound to pokeInterface, driven one step a call.
-    bool SetupPoke();
-    bool DoPoke(); // true only when the attempt has ended with success in this call
-    bool ReadPokeResult();
-    void CleanPoke();
-
     RouteState state = RouteState::ETHERNET_ACTIVE;
     Clock::time_point stateSince;
     bool cloudConnected = false;
     bool ethernetIpUp = false;
     bool cellularIpUp = false;
-    bool pokeRunning = false;
+    bool pokeRunning = false; // a poke is to be driven with each tick
     bool reconnectNeeded = false;
     bool cloudLostSinceSwitch = true;
     bool dnsInhibited = true;
-    CURL* easyHandle = nullptr;
-    CURLM* multiHandle = nullptr; // null exactly when no poke is set up
-    std::mutex routeMutex;        // guards all that changes
+    std::mutex routeMutex; // guards all that changes
     const std::string ethernetInterface;
     const std::string cellularInterface;
-    std::string pokeInterface;
-    unsigned untrusted = 0; // failures of this poke for lack of a trust anchor; after the first the bundle is read
-    std::string pokeUrl;
     CommonUtils::Logger logger;
+    OrvRoutePoke poke;
     const Now now;
 };
 

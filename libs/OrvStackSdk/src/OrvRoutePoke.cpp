@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The poke: proof that the cloud side is reachable over one interface, by a TLS connection that requests nothing.
-#include "OrvRoute.h"
+#include "OrvRoutePoke.h"
 
 #include <cerrno>
 #include <glob.h>
@@ -21,8 +20,8 @@ constexpr unsigned ATTEMPTS_PER_BUNDLE = 32;
 // Where the kernel refuses the interface, libcurl would bind to its address instead, and to nothing at all where the
 // name is empty or too long: such a connection may leave by any interface and proves nothing. A missing interface is
 // left to libcurl to report.
-extern "C" int HoldToInterface(void* pokeInterface, curl_socket_t descriptor, curlsocktype) noexcept {
-    const auto& name = *static_cast<const std::string*>(pokeInterface);
+extern "C" int HoldToInterface(void* interfaceName, curl_socket_t descriptor, curlsocktype) noexcept {
+    const auto& name = *static_cast<const std::string*>(interfaceName);
     const auto length = static_cast<socklen_t>(name.size());
     const bool held =
         length != 0 && length < IFNAMSIZ &&
@@ -53,9 +52,14 @@ bool AuthoritiesAreHashed() {
 
 } // namespace
 
-bool OrvRoute::SetupPoke() {
+void OrvRoutePoke::Start(const std::string& interface) {
+    interfaceName = interface;
+    untrusted = 0;
+}
+
+bool OrvRoutePoke::SetUp() {
     // What may throw comes before the handles.
-    const std::string device = "if!" + pokeInterface;
+    const std::string device = "if!" + interfaceName;
     const bool folderAlone = untrusted % ATTEMPTS_PER_BUNDLE != 1 && AuthoritiesAreHashed();
     multiHandle = curl_multi_init();
     if (!multiHandle)
@@ -66,7 +70,7 @@ bool OrvRoute::SetupPoke() {
         multiHandle = nullptr;
         return false;
     }
-    curl_easy_setopt(easyHandle, CURLOPT_URL, pokeUrl.c_str());
+    curl_easy_setopt(easyHandle, CURLOPT_URL, url.c_str());
     curl_easy_setopt(easyHandle, CURLOPT_CONNECT_ONLY, 1L);
     curl_easy_setopt(easyHandle, CURLOPT_NOBODY, 1L);
     curl_easy_setopt(easyHandle, CURLOPT_INTERFACE, device.c_str());
@@ -80,7 +84,7 @@ bool OrvRoute::SetupPoke() {
     curl_easy_setopt(easyHandle, CURLOPT_QUICK_EXIT, 1L);
 #endif
     curl_easy_setopt(easyHandle, CURLOPT_SOCKOPTFUNCTION, &HoldToInterface);
-    curl_easy_setopt(easyHandle, CURLOPT_SOCKOPTDATA, &pokeInterface);
+    curl_easy_setopt(easyHandle, CURLOPT_SOCKOPTDATA, &interfaceName);
     if (folderAlone)
         curl_easy_setopt(easyHandle, CURLOPT_CAINFO, nullptr);
     if (curl_multi_add_handle(multiHandle, easyHandle) == CURLM_OK)
@@ -92,21 +96,21 @@ bool OrvRoute::SetupPoke() {
     return false;
 }
 
-bool OrvRoute::DoPoke() {
-    if (!multiHandle && !SetupPoke()) {
+bool OrvRoutePoke::Step() {
+    if (!multiHandle && !SetUp()) {
         logger.Error() << "ERROR Setup Poke";
         return false;
     }
     int running = 0;
     if (curl_multi_perform(multiHandle, &running) != CURLM_OK) {
         logger.Error() << "curl multi perform error";
-        CleanPoke();
+        Stop();
         return false;
     }
-    return running == 0 && ReadPokeResult();
+    return running == 0 && ReadResult();
 }
 
-bool OrvRoute::ReadPokeResult() {
+bool OrvRoutePoke::ReadResult() {
     bool success = false;
     bool failed = false;
     int left = 0;
@@ -128,11 +132,11 @@ bool OrvRoute::ReadPokeResult() {
 
     // An attempt that ended without a message is kept; the state machine abandons it in its own time.
     if (failed || success)
-        CleanPoke();
+        Stop();
     return success;
 }
 
-void OrvRoute::CleanPoke() {
+void OrvRoutePoke::Stop() {
     curl_multi_remove_handle(multiHandle, easyHandle);
     curl_easy_cleanup(easyHandle);
     curl_multi_cleanup(multiHandle);

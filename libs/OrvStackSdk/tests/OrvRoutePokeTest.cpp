@@ -20,6 +20,70 @@ Entries SettingUp(const std::string& interfaceName = "wwan0") {
     return FakeCurl::SetUpLines("https://cloud.example", interfaceName);
 }
 
+/// A poke without a route.
+class APoke : public testing::Test {
+protected:
+    APoke() {
+        FakeGateway::Reset();
+        FakeCurl::Reset();
+        poke.SetUrl("https://cloud.example");
+        poke.Start("wwan0");
+        OrvPlatformFake::Journal::Clear();
+    }
+
+    Entries AfterStep() {
+        OrvPlatformFake::Journal::Clear();
+        succeeded = poke.Step();
+        return OrvPlatformFake::Journal::Take();
+    }
+    Entries AfterStop() {
+        OrvPlatformFake::Journal::Clear();
+        poke.Stop();
+        return OrvPlatformFake::Journal::Take();
+    }
+
+    CommonUtils::Logger logger{"OrvRoute", 0};
+    OrvRoutePoke poke{logger};
+    bool succeeded = false;
+};
+
+TEST_F(APoke, DoesNothingBeforeItsFirstStep) {
+    poke.Start("eth0");
+    EXPECT_EQ(OrvPlatformFake::Journal::Take(), Entries{});
+    EXPECT_EQ(poke.Interface(), "eth0");
+    EXPECT_EQ(AfterStep(), SettingUp("eth0") + PERFORM);
+}
+
+TEST_F(APoke, SaysOnceThatItHasSucceeded) {
+    EXPECT_EQ(AfterStep(), SettingUp() + PERFORM);
+    EXPECT_FALSE(succeeded);
+    FakeCurl::Succeed();
+    EXPECT_EQ(AfterStep(), PERFORM + READ + FakeCurl::CleanLines());
+    EXPECT_TRUE(succeeded);
+    FakeCurl::KeepRunning();
+    EXPECT_EQ(AfterStep(), SettingUp() + PERFORM);
+    EXPECT_FALSE(succeeded);
+}
+
+TEST_F(APoke, GoesOnWithItsAttemptWhenItIsStartedOnceMore) {
+    poke.Step();
+    poke.Start("wwan0");
+    EXPECT_EQ(AfterStep(), PERFORM);
+}
+
+TEST_F(APoke, ReleasesItsAttemptWhenItIsStopped) {
+    poke.Step();
+    EXPECT_EQ(AfterStop(), FakeCurl::CleanLines());
+    EXPECT_EQ(FakeCurl::LiveHandles(), 0);
+    EXPECT_EQ(AfterStep(), SettingUp() + PERFORM);
+}
+
+TEST_F(APoke, IsStoppedHarmlesslyWithoutAnAttempt) {
+    EXPECT_EQ(AfterStop(), FakeCurl::IdleCleanLines());
+    EXPECT_EQ(AfterStop(), FakeCurl::IdleCleanLines());
+    EXPECT_EQ(AfterStep(), SettingUp() + PERFORM);
+}
+
 /// A route that has just decided to poke over Cellular.
 class ThePoke : public RouteFixture {
 protected:
