@@ -35,7 +35,7 @@ std::chrono::milliseconds KeepAlive::Silence() const {
 }
 
 std::chrono::milliseconds KeepAlive::UserTimeout() const {
-    return period + Patience();
+    return Silence() + Patience() / 2;
 }
 
 std::chrono::milliseconds KeepAlive::AnswerTime() const {
@@ -73,8 +73,9 @@ std::chrono::milliseconds AskAgain(int socket, const KeepAlive& keepAlive) {
     const int period = static_cast<int>(keepAlive.Period().count());
     if (GetOption(socket, IPPROTO_TCP, TCP_KEEPIDLE) != period)
         SetLossDetection(socket, keepAlive);
-    if (SilentFor(socket) < keepAlive.AnswerTime())
-        return keepAlive.UsualPace();
+    const std::chrono::milliseconds left = keepAlive.AnswerTime() - SilentFor(socket);
+    if (left > std::chrono::milliseconds::zero())
+        return std::min(keepAlive.UsualPace(), left);
     // Set anew, the time of idleness is found to be over, and the kernel asks.
     SetOption(socket, IPPROTO_TCP, TCP_KEEPIDLE, period);
     return keepAlive.QuickPace();

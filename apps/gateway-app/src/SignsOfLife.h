@@ -16,7 +16,7 @@ public:
     /// After so long without an acknowledgement a path counts as dead: 2.5 s, with 5 s or more between the
     /// questions 7.5 s longer than that, because a modem may have to wake up first.
     std::chrono::milliseconds Silence() const;
-    /// The kernel's own limit, a little shorter.
+    /// The kernel's own limit, a little longer: it stands in for an application that is held up.
     std::chrono::milliseconds UserTimeout() const;
     /// An answer is overdue, and so often the question is then repeated.
     std::chrono::milliseconds AnswerTime() const;
@@ -39,7 +39,8 @@ void SetLossDetection(int socket, const KeepAlive& keepAlive);
 std::chrono::milliseconds SilentFor(int socket);
 
 /// Asks again at once when the kernel's question of every period has no answer yet. By the kernel alone one lost packet
-/// ends the connection, because the limit leaves time for one question. Takes over another keep-alive.
+/// may end the connection, because it leaves a second between them. However often it is asked, a Linux peer answers
+/// once in half a second (its net.ipv4.tcp_invalid_ratelimit). Takes over another keep-alive.
 /// @return when to call again
 std::chrono::milliseconds AskAgain(int socket, const KeepAlive& keepAlive);
 
