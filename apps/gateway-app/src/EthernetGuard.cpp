@@ -60,15 +60,16 @@ void EthernetGuard::InterfacesAre(const WanInterfaces& wan) {
 void EthernetGuard::RouteHasMoved(bool toCellular) {
     connectedSinceMove = false;
     brokerNamed = false;
+    lastFailure.clear();
     if (!toCellular) {
         const bool was = probation.Active();
         probation.MovedToEthernet(Now());
         return AfterChange(was);
     }
     if (probation.MovedToCellular(Now())) {
-        logger.Warning() << "Ethernet is on probation: the cloud was lost there again within ten minutes. It counts as "
-                            "without an address until it has proved itself, in "
-                         << std::chrono::duration_cast<std::chrono::minutes>(probation.Length()).count()
+        logger.Warning() << "Ethernet is on probation: the cloud was lost there again. It counts as without an address "
+                            "until it has proved itself, in "
+                         << std::chrono::ceil<std::chrono::minutes>(probation.Length()).count()
                          << " min at the earliest";
         if (hasAddress)
             report(OrvEvent::ETHERNET_IP_LOST);
@@ -105,7 +106,10 @@ void EthernetGuard::Look() {
 
 void EthernetGuard::OnProof(const PathProver::Result& result) {
     const bool was = probation.Active();
-    logger.Info() << "proof over " << interface << (result.good ? ": good" : ": " + result.failure);
+    // A reason once: while Cellular does not reach the cloud a proof comes every few seconds.
+    if (result.good || result.failure != lastFailure)
+        logger.Info() << "proof over " << interface << (result.good ? ": good" : ": " + result.failure);
+    lastFailure = result.failure;
     if (!result.connected && !connectedSinceMove && !brokerNamed) {
         brokerNamed = true;
         logger.Warning() << "the cloud's broker " << settings.host << ":" << settings.port

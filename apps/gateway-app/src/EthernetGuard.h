@@ -54,6 +54,7 @@ private:
     bool hasAddress = false;
     bool connectedSinceMove = false;
     bool brokerNamed = false;
+    std::string lastFailure; // of a proof, as logged
 };
 
 } // namespace GatewayApp

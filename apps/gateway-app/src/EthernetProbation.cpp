@@ -11,23 +11,32 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr auto kMemory = 10min;
-constexpr std::array<std::chrono::seconds, 5> kLengths{1min, 2min, 4min, 8min, 15min};
-constexpr unsigned kProofs = 5;
-// Long enough to tell a path that loses a fifth of its packets, on which a connection lives for some ten seconds.
-constexpr std::chrono::seconds kHold{10};
-// After a move, and after a loss, the cloud is usually back on Cellular within this time.
-constexpr std::array<std::chrono::seconds, 5> kPatience{5s, 10s, 20s, 40s, 60s};
+constexpr auto kLongMemory = 1h; // of an Ethernet that has been on probation, and of the number of moves
+constexpr std::size_t kFewMoves =
+    3; // so many moves to Cellular within the long memory are an Ethernet that fails again
+constexpr std::size_t kMostMoves = 5;
+
+struct Stage {
+    std::chrono::seconds length;
+    unsigned proofs; // in a row
+    // At least long enough to tell a path that loses a fifth of its packets; later ones leave less and less out.
+    std::chrono::seconds hold;
+    // After a move, and after a loss, the cloud is usually back on Cellular within this time.
+    std::chrono::seconds patience;
+};
+constexpr std::array<Stage, 5> kStages{
+    {{1min, 5, 10s, 5s}, {2min, 6, 18s, 10s}, {4min, 6, 36s, 20s}, {8min, 8, 55s, 40s}, {15min, 15, 55s, 60s}}};
 constexpr auto kLongestAway = 15min;
 constexpr auto kRestWithoutCloud = 5s;
 
 } // namespace
 
 bool EthernetProbation::MovedToCellular(Time now) {
-    const bool again = counted && now - *counted < kMemory;
+    const bool again = IsAgain(now);
     if (!again)
         level = 0;
     else if (ended != End::NONE)
-        level = std::min<unsigned>(level + 1, kLengths.size() - 1);
+        level = std::min<unsigned>(level + 1, kStages.size() - 1);
     counted = now;
     ended = End::NONE;
     // The time without the cloud counts anew: the application begins to connect on this path only now.
@@ -35,9 +44,22 @@ bool EthernetProbation::MovedToCellular(Time now) {
         cloudAwaySince = now;
     refused = false;
     active = again && cellularUsable;
-    if (active)
+    if (active) {
+        begun = now;
+        length = kStages.at(level).length;
+        if (failOvers.size() == kMostMoves)
+            length = std::max(length, std::chrono::ceil<std::chrono::seconds>(failOvers.front() + kLongMemory - now));
         BeginSeries(now);
+    }
     return active;
+}
+
+bool EthernetProbation::IsAgain(Time now) {
+    failOvers.push_back(now);
+    while (now - failOvers.front() >= kLongMemory || failOvers.size() > kMostMoves)
+        failOvers.pop_front();
+    const Clock::duration memory = ended == End::NONE ? Clock::duration(kMemory) : Clock::duration(kLongMemory);
+    return (counted && now - *counted < memory) || failOvers.size() >= kFewMoves;
 }
 
 void EthernetProbation::MovedToEthernet(Time now) {
@@ -67,7 +89,7 @@ void EthernetProbation::EthernetIs(bool usable, Time now) {
 }
 
 void EthernetProbation::Proved(bool isGood, Time now) {
-    proving = false;
+    proving.reset();
     if (!active)
         return;
     nextWithoutCloud = now + kRestWithoutCloud;
@@ -76,9 +98,10 @@ void EthernetProbation::Proved(bool isGood, Time now) {
     ++good;
     if (CellularFails(now))
         return Lift(End::CLOUD_LOST, now);
-    if (good >= kProofs)
+    const Stage& stage = kStages.at(level);
+    if (good >= stage.proofs && now - begun >= length)
         return Lift(End::PROVED, now);
-    nextProof = std::max(now, nextProof + Length() / kProofs);
+    nextProof = std::max(now, nextProof + stage.length / stage.proofs);
 }
 
 void EthernetProbation::Passed(Time now) {
@@ -86,29 +109,28 @@ void EthernetProbation::Passed(Time now) {
         Lift(End::CLOUD_LOST_FOR_LONG, now);
 }
 
-std::chrono::seconds EthernetProbation::Length() const {
-    return kLengths.at(level);
-}
-
 std::optional<EthernetProbation::Proof> EthernetProbation::Due(Time now) {
-    if (!active || proving || !ethernetUsable)
+    if (!active || !ethernetUsable)
         return std::nullopt;
     const bool cellularFails = CellularFails(now);
-    if (now < nextProof && !(cellularFails && now >= nextWithoutCloud))
+    if (proving ? proving->hold == 0s || !cellularFails
+                : now < nextProof && !(cellularFails && now >= nextWithoutCloud))
         return std::nullopt;
-    proving = true;
-    return Proof{cellularFails ? 0s : kHold};
+    proving = Proof{cellularFails ? 0s : kStages.at(level).hold};
+    return proving;
 }
 
 std::optional<EthernetProbation::Time> EthernetProbation::NextLook() const {
-    if (!active || proving)
+    if (!active || (proving && proving->hold == 0s))
         return std::nullopt;
     std::optional<Time> next;
     const auto sooner = [&next](Time time) { next = next ? std::min(*next, time) : time; };
-    if (ethernetUsable)
+    if (ethernetUsable && !proving)
         sooner(nextProof);
-    if (ethernetUsable && cloudAwaySince && !refused)
-        sooner(std::max(*cloudAwaySince + Patience(), nextWithoutCloud));
+    if (ethernetUsable && cloudAwaySince && !refused) {
+        const Time fails = *cloudAwaySince + kStages.at(level).patience;
+        sooner(proving ? fails : std::max(fails, nextWithoutCloud));
+    }
     if (cloudAwaySince)
         sooner(*cloudAwaySince + kLongestAway);
     return next;
@@ -116,14 +138,14 @@ std::optional<EthernetProbation::Time> EthernetProbation::NextLook() const {
 
 void EthernetProbation::Lift(End reason, Time now) {
     active = false;
-    proving = false;
+    proving.reset();
     ended = reason;
     counted = now;
 }
 
 void EthernetProbation::BeginSeries(Time now) {
     good = 0;
-    nextProof = now + Length() / kProofs;
+    nextProof = now + kStages.at(level).length / kStages.at(level).proofs;
 }
 
 bool EthernetProbation::CloudAwayFor(Clock::duration time, Time now) const {
@@ -131,11 +153,7 @@ bool EthernetProbation::CloudAwayFor(Clock::duration time, Time now) const {
 }
 
 bool EthernetProbation::CellularFails(Time now) const {
-    return !refused && CloudAwayFor(Patience(), now);
-}
-
-EthernetProbation::Clock::duration EthernetProbation::Patience() const {
-    return kPatience.at(level);
+    return !refused && CloudAwayFor(kStages.at(level).patience, now);
 }
 
 } // namespace GatewayApp

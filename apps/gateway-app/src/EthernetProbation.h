@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <deque>
 #include <optional>
 
 namespace GatewayApp {
@@ -9,8 +10,10 @@ namespace GatewayApp {
 /// Decides when Ethernet has to prove itself before it may carry the route again, so that an Ethernet that is only half
 /// dead does not pull the route to and fro. While it is on probation its address is to be reported as lost.
 ///
-/// The first return is free. A second move to Cellular within ten minutes begins a probation of one minute, and each
-/// further one a longer probation. It ends
+/// The first return is free. A second move to Cellular within ten minutes, or a third within an hour, begins a
+/// probation of one minute. Each further one within an hour begins a longer probation, with proofs that are held for
+/// longer: the longest ones watch Ethernet nearly all the time. After the fifth move within an hour the probation lasts
+/// until the first of them is an hour old. It ends
 ///  - when Ethernet has proved itself: several connections to the cloud in a row, spread over the probation;
 ///  - when Cellular has no address or link any more, at once: any path is better;
 ///  - when Cellular does not reach the cloud for some seconds and Ethernet does, by one proof;
@@ -41,7 +44,7 @@ public:
     /// Link and address. Unusable ends a probation.
     void CellularIs(bool usable, Time now);
     void EthernetIs(bool usable, Time now);
-    /// A proof has ended.
+    /// A proof has ended, the one that was asked for last.
     void Proved(bool good, Time now);
     /// Time has passed.
     void Passed(Time now);
@@ -52,30 +55,35 @@ public:
     /// Why the last probation has ended; NONE while there is one, and before the first.
     End Ended() const { return ended; }
     /// For how long Ethernet has to prove itself at least.
-    std::chrono::seconds Length() const;
+    std::chrono::seconds Length() const { return length; }
 
-    /// The proof that is due. Asked for, it counts as begun and must be answered by Proved.
+    /// The proof that is due. Asked for, it counts as begun and must be answered by Proved. A proof that is held for
+    /// long is given up for a quick one when Cellular does not reach the cloud.
     std::optional<Proof> Due(Time now);
-    /// When to ask for a proof, and call Passed, again; none without a probation or while a proof is under way.
+    /// When to ask for a proof, and call Passed, again; none without a probation or while there is nothing to wait for
+    /// but the end of a proof.
     std::optional<Time> NextLook() const;
 
 private:
+    bool IsAgain(Time now);
     void Lift(End reason, Time now);
     void BeginSeries(Time now);
     bool CloudAwayFor(Clock::duration time, Time now) const;
     bool CellularFails(Time now) const;
-    Clock::duration Patience() const;
 
     bool active = false;
     End ended = End::NONE;
     bool cellularUsable = false;
     bool ethernetUsable = false;
-    bool proving = false;
+    std::optional<Proof> proving;
     bool refused = false;
     std::optional<Time> cloudAwaySince = Time();
+    std::deque<Time> failOvers;  // the moves to Cellular of the last hour, at most five
     std::optional<Time> counted; // the last move to Cellular, or the end of the probation that followed it
     unsigned level = 0;          // how many probations this series has had before
-    unsigned good = 0;           // proofs in a row
+    Time begun;
+    std::chrono::seconds length{0};
+    unsigned good = 0; // proofs in a row
     Time nextProof;
     Time nextWithoutCloud; // the same while the cloud is away on Cellular
 };

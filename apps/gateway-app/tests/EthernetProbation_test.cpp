@@ -120,18 +120,71 @@ TEST_F(AnEthernet, HasToProveItselfForLongerEachTime) {
     BeOnProbation();
     for (const std::chrono::seconds length : {1min, 2min, 4min, 8min, 15min, 15min}) {
         EXPECT_EQ(probation.Length(), length);
-        EXPECT_EQ(LastingWithGoodProofs(), length + 10s);
+        EXPECT_NEAR(static_cast<double>(LastingWithGoodProofs().count()), static_cast<double>(length.count()), 60);
         Return();
-        now += 5min;
+        now += 25min;
         ASSERT_TRUE(FailOver());
     }
 }
 
-TEST_F(AnEthernet, BeginsWithAMinuteAgainAfterTenQuietOnes) {
+TEST_F(AnEthernet, HasItsLaterProofsHeldUntilTheyLeaveLittleOut) {
+    BeOnProbation();
+    for (const std::chrono::seconds length : {1min, 2min, 4min, 8min, 15min}) {
+        const auto next = probation.NextLook();
+        ASSERT_TRUE(next);
+        const auto proof = probation.Due(*next);
+        ASSERT_TRUE(proof);
+        EXPECT_GE(proof->hold * 1.2, *next - now);
+        probation.Proved(false, *next + 1s);
+        EXPECT_NEAR(static_cast<double>(LastingWithGoodProofs().count()), static_cast<double>(length.count()), 120);
+        Return();
+        now += 25min;
+        ASSERT_TRUE(FailOver());
+    }
+}
+
+TEST_F(AnEthernet, StaysAwayAfterTheFifthMoveUntilTheFirstIsAnHourOld) {
+    const Time first = now + 12s;
+    FailOver();
+    for (int move = 2; move <= 5; ++move) {
+        Return();
+        now += 30s;
+        ASSERT_TRUE(FailOver());
+        if (move < 5)
+            LastingWithGoodProofs();
+    }
+    EXPECT_GE(now + probation.Length(), first + 1h);
+    ProveUntil(now + 2h, true);
+    EXPECT_EQ(probation.Ended(), End::PROVED);
+    EXPECT_GE(now, first + 1h);
+    EXPECT_LT(now, first + 1h + 2min);
+}
+
+TEST_F(AnEthernet, IsOnProbationFromTheThirdMoveWithinAnHourOn) {
+    FailOver();
+    Return();
+    now += 15min;
+    EXPECT_FALSE(FailOver());
+    Return();
+    now += 15min;
+    EXPECT_TRUE(FailOver());
+    EXPECT_EQ(probation.Length(), 1min);
+}
+
+TEST_F(AnEthernet, IsRememberedForAnHourAfterAProbation) {
     BeOnProbation();
     LastingWithGoodProofs();
     Return();
-    now += 10min;
+    now += 59min;
+    EXPECT_TRUE(FailOver());
+    EXPECT_EQ(probation.Length(), 2min);
+}
+
+TEST_F(AnEthernet, BeginsWithAMinuteAgainAfterAQuietHour) {
+    BeOnProbation();
+    LastingWithGoodProofs();
+    Return();
+    now += 1h;
     EXPECT_FALSE(FailOver());
     Return();
     now += 1min;
@@ -237,6 +290,21 @@ TEST_F(AnEthernet, IsAskedForOneProofAtATime) {
     ASSERT_TRUE(probation.Due(now + 12s));
     EXPECT_FALSE(probation.Due(now + 1h));
     EXPECT_FALSE(probation.NextLook());
+}
+
+TEST_F(AnEthernet, GivesUpAHeldProofForAQuickOneWhenCellularDoesNotReachTheCloud) {
+    BeOnProbation();
+    ASSERT_TRUE(probation.Due(now + 12s));
+    now += 13s;
+    probation.CloudIs(false, now);
+    ASSERT_EQ(probation.NextLook(), now + 5s);
+    EXPECT_FALSE(probation.Due(now + 5s - 1ms));
+    const auto quick = probation.Due(now + 5s);
+    ASSERT_TRUE(quick);
+    EXPECT_EQ(quick->hold, 0s);
+    EXPECT_FALSE(probation.Due(now + 6s));
+    probation.Proved(true, now + 6s);
+    EXPECT_EQ(probation.Ended(), End::CLOUD_LOST);
 }
 
 TEST_F(AnEthernet, DoesNotTakeAProofThatComesTooLate) {

@@ -6,10 +6,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
+#include <cstdlib>
 #include <optional>
 #include <random>
 #include <string>
+#include <vector>
 
 namespace GatewayApp {
 namespace {
@@ -22,13 +25,14 @@ struct Path {
     double connects = 1;       // an attempt to connect to the cloud's broker, TLS included, succeeds within its time
     double pokes = 1;          // a poke of the endpoint succeeds
     Duration lives = 24h * 10; // how long a connection lives in the mean
+    double proves = -1;        // a proof succeeds; below zero: as often as a connection is made and lives
 };
 
 struct Fault {
     std::string name;
     Path ethernet;
     Path cellular;
-    double leastUp; // of an hour with the cloud connected; 0: it cannot be
+    double leastUp; // of an hour with the cloud connected, in 19 of 20; 0: it cannot be
 };
 
 /// Shown by a failing test.
@@ -113,8 +117,8 @@ private:
         }
         if (const auto proof = probation.Due(now)) {
             const Path& ethernet = paths.at(0);
-            const bool connects = Chance(ethernet.connects);
-            proofGood = connects && Life(ethernet) > proof->hold;
+            const bool connects = Chance(ethernet.proves < 0 ? ethernet.connects : ethernet.proves);
+            proofGood = connects && (ethernet.proves >= 0 || Life(ethernet) > proof->hold);
             proofEnds = now + (connects ? Duration(proof->hold) : Duration(5s));
         }
     }
@@ -135,13 +139,16 @@ private:
     long connectedSteps = 0;
 };
 
-class TheRouteUnder : public testing::TestWithParam<Fault> {
-protected:
-    static constexpr unsigned kSeeds = 100;
-};
+/// ORV_MODEL_HOURS: how many hours of each fault, each with a seed of its own.
+unsigned Hours() {
+    const char* const text = std::getenv("ORV_MODEL_HOURS");
+    return text != nullptr ? static_cast<unsigned>(std::stoul(text)) : 100;
+}
+
+class TheRouteUnder : public testing::TestWithParam<Fault> {};
 
 TEST_P(TheRouteUnder, MovesAtMostSixTimesInThreeMinutes) {
-    for (unsigned seed = 0; seed < kSeeds; ++seed) {
+    for (unsigned seed = 0; seed < Hours(); ++seed) {
         Gateway gateway(GetParam(), seed);
         gateway.Run(3min);
         EXPECT_LE(gateway.Switches(), 6) << "seed " << seed;
@@ -149,29 +156,44 @@ TEST_P(TheRouteUnder, MovesAtMostSixTimesInThreeMinutes) {
 }
 
 TEST_P(TheRouteUnder, MovesAtMostTenTimesInAnHour) {
-    int all = 0;
-    for (unsigned seed = 0; seed < kSeeds; ++seed) {
+    std::vector<int> switches;
+    std::vector<double> up;
+    for (unsigned seed = 0; seed < Hours(); ++seed) {
         Gateway gateway(GetParam(), seed);
         gateway.Run(1h);
-        EXPECT_LE(gateway.Switches(), 10) << "seed " << seed;
-        EXPECT_GE(gateway.Up(), GetParam().leastUp) << "seed " << seed;
-        all += gateway.Switches();
+        switches.push_back(gateway.Switches());
+        up.push_back(gateway.Up());
     }
-    RecordProperty("switches_an_hour", std::to_string(static_cast<double>(all) / kSeeds));
+    std::sort(switches.begin(), switches.end());
+    std::sort(up.begin(), up.end());
+    const std::size_t twentieth = switches.size() / 20;
+    RecordProperty("median", switches.at(switches.size() / 2));
+    RecordProperty("percentile_95", switches.at(switches.size() - 1 - twentieth));
+    RecordProperty("most", switches.back());
+    RecordProperty("up_per_cent_percentile_5", static_cast<int>(100 * up.at(twentieth)));
+    EXPECT_LE(switches.back(), 10);
+    EXPECT_GE(up.at(twentieth), GetParam().leastUp);
 }
 
 const Path kGood{};
 
 INSTANTIATE_TEST_SUITE_P(
     AFault, TheRouteUnder,
-    testing::Values(Fault{"nothing", kGood, kGood, 0.99},
-                    // On the box a connection lived for some 8 s with 20 % loss and for 3 s with 40 %.
-                    Fault{"a fifth of the packets lost on Ethernet", {0.7, 0.7, 8s}, kGood, 0.9},
-                    Fault{"two fifths of the packets lost on Ethernet", {0.3, 0.4, 3s}, kGood, 0.9},
-                    Fault{"the broker down on both paths", {0, 1, 1s}, {0, 1, 1s}, 0},
-                    Fault{"the broker down on Ethernet", {0, 1, 1s}, kGood, 0.9},
-                    Fault{"Ethernet dead", {0, 0, 1s}, kGood, 0.98},
-                    Fault{"a captive portal on Cellular and Ethernet dead", {0, 0, 1s}, {0, 0, 1s}, 0}));
+    testing::Values(
+        Fault{"nothing", kGood, kGood, 0.99},
+        Fault{"connections on Ethernet that live for 3 s", {0.3, 0.4, 3s}, kGood, 0.9},
+        Fault{"connections on Ethernet that live for 10 s", {0.5, 0.6, 10s}, kGood, 0.9},
+        Fault{"connections on Ethernet that live for 25 s", {0.7, 0.7, 25s}, kGood, 0.9},
+        Fault{"connections on Ethernet that live for a minute", {0.7, 0.7, 1min}, kGood, 0.9},
+        Fault{"connections on Ethernet that live for two minutes", {0.7, 0.7, 2min}, kGood, 0.9},
+        Fault{"connections on Ethernet that live for five minutes", {0.7, 0.7, 5min}, kGood, 0.9},
+        Fault{"connections on Ethernet that live for a quarter of an hour", {0.7, 0.7, 15min}, kGood, 0.9},
+        Fault{"an Ethernet that is away for a minute, each two minutes", {0.1, 0.7, 2min}, kGood, 0.85},
+        Fault{"an Ethernet that is away for a minute, each ten minutes", {0.1, 0.7, 10min}, kGood, 0.9},
+        Fault{"an Ethernet that passes every proof and loses what the application does", {0, 1, 1s, 1}, kGood, 0.9},
+        Fault{"the broker down on both paths", {0, 1, 1s}, {0, 1, 1s}, 0},
+        Fault{"the broker down on Ethernet", {0, 1, 1s}, kGood, 0.9}, Fault{"Ethernet dead", {0, 0, 1s}, kGood, 0.98},
+        Fault{"a captive portal on Cellular and Ethernet dead", {0, 0, 1s}, {0, 0, 1s}, 0}));
 
 } // namespace
 } // namespace GatewayApp
