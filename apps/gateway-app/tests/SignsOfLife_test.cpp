@@ -2,6 +2,12 @@
 #include "SignsOfLife.h"
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
 
 namespace GatewayApp {
 namespace {
@@ -39,6 +45,49 @@ TEST(AKeepAliveOfASecond, LeavesTimeForThreeAnswersOfAPeerThatAnswersOnceInHalfA
     const KeepAlive quick;
     EXPECT_GT(quick.Silence(), quick.AnswerTime() + 2 * 500ms);
     EXPECT_GT(quick.UserTimeout(), quick.AnswerTime() + 2 * 500ms);
+}
+
+/// Both ends of a TCP connection on loopback.
+class AnIdleConnection : public testing::Test {
+protected:
+    AnIdleConnection() {
+        sockaddr_in address{};
+        socklen_t size = sizeof(address);
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        auto* const generic = static_cast<sockaddr*>(static_cast<void*>(&address));
+        const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        EXPECT_EQ(bind(listener, generic, size), 0);
+        EXPECT_EQ(listen(listener, 1), 0);
+        EXPECT_EQ(getsockname(listener, generic, &size), 0);
+        own = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        EXPECT_EQ(connect(own, generic, size), 0);
+        peer = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        close(listener);
+    }
+    ~AnIdleConnection() override {
+        close(own);
+        close(peer);
+    }
+    AnIdleConnection(const AnIdleConnection&) = delete;
+    AnIdleConnection& operator=(const AnIdleConnection&) = delete;
+
+    int own = -1;
+    int peer = -1;
+};
+
+TEST_F(AnIdleConnection, IsLookedAtInTheMomentWhenAnAnswerIsOverdue) {
+    const KeepAlive quick;
+    SetLossDetection(own, quick);
+    const auto deadline = std::chrono::steady_clock::now() + 30s;
+    std::chrono::milliseconds silent{0};
+    // Longer than that the usual pace would be too late.
+    while (silent <= quick.AnswerTime() - quick.UsualPace() && std::chrono::steady_clock::now() < deadline) {
+        silent = SilentFor(own);
+        EXPECT_LE(AskAgain(own, quick), std::max(quick.AnswerTime() - silent, quick.QuickPace())) << silent.count();
+        poll(nullptr, 0, 1);
+    }
+    EXPECT_GT(silent, quick.AnswerTime() - quick.UsualPace());
 }
 
 } // namespace
