@@ -18,10 +18,16 @@ constexpr auto kQuick = 40ms;
 constexpr auto kNormal = 250ms;
 constexpr auto kAfterQuick = 750ms; // with the quick ones no more ticks in a round than 80, one each 250 ms
 constexpr auto kSlow = 1000ms;
+constexpr auto kSlowest = 2000ms; // a poke takes four to six ticks and fails after 15 s
 constexpr auto kQuickPoke = 2200ms;
 constexpr auto kQuickLoss = 120ms; // the library needs up to two ticks to see a loss
 constexpr auto kQuickMove = 1s;
 constexpr auto kPatience = 3min; // on Cellular, until the poke over Ethernet is driven slowly
+constexpr auto kLongPatience = 15min;
+
+std::chrono::milliseconds SlowAfter(TickRhythm::Clock::duration time) {
+    return time >= kLongPatience ? kSlowest : kSlow;
+}
 
 std::chrono::milliseconds RoundUp(TickRhythm::Clock::duration time) {
     return std::chrono::ceil<std::chrono::milliseconds>(time);
@@ -79,7 +85,7 @@ std::chrono::milliseconds TickRhythm::Next(Time now) const {
     if (lost)
         return WithoutCloud(now);
     if (onCellularSince && now - *onCellularSince >= kPatience)
-        return kSlow;
+        return SlowAfter(now - *onCellularSince);
     return kNormal;
 }
 
@@ -102,7 +108,7 @@ std::chrono::milliseconds TickRhythm::WithoutCloud(Time now) const {
         return std::min(kNormal, RoundUp(*poke - now) + 1ms);
     if (now < *poke + kQuickPoke)
         return kQuick;
-    return now < *poke + kRound ? kAfterQuick : kSlow;
+    return now < *poke + kRound ? kAfterQuick : SlowAfter(now - *poke);
 }
 
 } // namespace GatewayApp

@@ -87,8 +87,17 @@ TEST_F(TheRhythm, TicksAQuarterOfThatInLaterRounds) {
     BeConnected();
     TickUntil(LoseCloud() + 30s);
     EXPECT_LE(TicksIn(20s), 20U);
-    TickUntil(now + 1h);
+    TickUntil(now + 10min);
     EXPECT_LE(TicksIn(20s), 20U);
+}
+
+TEST_F(TheRhythm, IsATickInTwoSecondsAfterAQuarterOfAnHourWithoutTheCloud) {
+    BeConnected();
+    const Time poke = LoseCloud() + 10s;
+    TickUntil(poke + 15min);
+    EXPECT_EQ(TicksIn(20s), 10U);
+    Report(OrvEvent::CLOUD_CONNECTED);
+    EXPECT_EQ(rhythm.Next(now), 250ms);
 }
 
 TEST_F(TheRhythm, IsQuickWhenCellularGetsItsAddressOnlyLater) {
@@ -120,12 +129,33 @@ TEST_F(TheRhythm, IsFourTicksASecondOnCellularForThreeMinutesAndThenOne) {
     EXPECT_EQ(TicksIn(10s), 10U);
 }
 
+TEST_F(TheRhythm, IsATickInTwoSecondsAfterAQuarterOfAnHourOnCellular) {
+    BeConnected();
+    TickUntil(LoseCloud() + 11s);
+    rhythm.RouteHasMoved(true, now);
+    Report(OrvEvent::CLOUD_CONNECTED);
+    const Time moved = now;
+    TickUntil(moved + 15min - 10s);
+    EXPECT_EQ(TicksIn(10s), 10U);
+    EXPECT_EQ(TicksIn(10s), 5U);
+}
+
+TEST_F(TheRhythm, LeavesAPokeTimeForSixTicksAlways) {
+    constexpr auto attempt = 15s; // the library's limit for one
+    BeConnected();
+    TickUntil(LoseCloud() + 24h);
+    EXPECT_GE(attempt / rhythm.Next(now), 6);
+    rhythm.RouteHasMoved(true, now);
+    TickUntil(now + 24h);
+    EXPECT_GE(attempt / rhythm.Next(now), 6);
+}
+
 TEST_F(TheRhythm, IsQuickOnCellularWhenEthernetGetsAnAddress) {
     BeConnected();
     TickUntil(LoseCloud() + 11s);
     rhythm.RouteHasMoved(true, now);
     TickUntil(now + 1h);
-    EXPECT_EQ(rhythm.Next(now), 1s);
+    EXPECT_EQ(rhythm.Next(now), 2s);
     Report(OrvEvent::ETHERNET_IP_GAINED);
     EXPECT_EQ(rhythm.Next(now), 40ms);
     TickUntil(now + 1s);
@@ -149,7 +179,7 @@ TEST_F(TheRhythm, KnowsThatAReturnWithoutTheCloudSettlesForFiveSecondsFirst) {
 TEST_F(TheRhythm, IsFourTicksASecondAgainWhenTheCloudIsBack) {
     BeConnected();
     TickUntil(LoseCloud() + 1h);
-    EXPECT_EQ(rhythm.Next(now), 1s);
+    EXPECT_EQ(rhythm.Next(now), 2s);
     Report(OrvEvent::CLOUD_CONNECTED);
     EXPECT_EQ(rhythm.Next(now), 250ms);
 }
