@@ -118,7 +118,6 @@ protected:
     /// In a child process, where a sink that waits is ended.
     static void Run(const std::function<void()>& body) {
         const Ended ended = RunInChild({}, [&body] {
-            ::alarm(20);
             body();
             if (testing::Test::HasFailure())
                 std::_Exit(1);
@@ -128,7 +127,7 @@ protected:
 
     /// More than any reader leaves room for, each as long as `bytes` or a little longer.
     static void SayTooMuch(LogChannel& log, std::size_t bytes) {
-        for (std::size_t i = 0; i < tooMany; ++i)
+        for (std::size_t i = 0; i < TooMany(bytes); ++i)
             Say(log, std::to_string(i) + std::string(bytes, 'x') + "end");
     }
 
@@ -138,7 +137,7 @@ protected:
         const std::regex count("warning \\[Log\\] (\\d+) records? w.* lost before the previous one "
                                "\\(standard error: its reader does not keep up\\)");
         std::string text = Drain(reader);
-        std::size_t said = tooMany;
+        std::size_t said = TooMany(bytes);
         std::size_t accountedFor = 0;
         OrvTest::WaitUntil([&] {
             Say(log, "after");
@@ -168,7 +167,9 @@ protected:
         EXPECT_NE(text.find("were lost"), std::string::npos);
     }
 
-    static constexpr std::size_t tooMany = 10000;
+    /// Together a megabyte, several times what the largest of these channels holds.
+    static constexpr std::size_t TooMany(std::size_t bytes) { return 1'000'000 / bytes; }
+
     int reader = -1;
     int writer = -1;
 };
@@ -299,7 +300,7 @@ TEST_P(StandardErrorOfAPipe, DoesNotHoldAForkUp) {
         ::dup2(writer, STDERR_FILENO);
         std::atomic<bool> done{false};
         std::thread other([&done] {
-            for (std::size_t i = 0; i < tooMany && !done; ++i)
+            for (std::size_t i = 0; i < 10'000 && !done; ++i)
                 CommonUtils::Logger("L", 0).Error() << std::string(100, 'x');
         });
         for (int i = 0; i < 20; ++i) {
