@@ -1,169 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "FakeBroker.h"
 
-#include "Journal.h"
-#include "QuilMqtt/QueueOwner.h"
-#include "broker/AnnouncedState.h"
-
-#include <algorithm>
-#include <deque>
-#include <map>
-#include <mutex>
-#include <optional>
-#include <utility>
-#include <vector>
+#include "FakeBrokerState.h"
 
 namespace {
 
 using OrvPlatformFake::FakeBroker;
 using OrvPlatformFake::Journal;
+using OrvPlatformFake::BrokerState::Client;
+using OrvPlatformFake::BrokerState::State;
+using OrvPlatformFake::BrokerState::Will;
 namespace Entry = OrvPlatformFake::Entry;
-
-// More than any test keeps: what the limit does is the real one's matter.
-constexpr std::size_t MOST_STATE = 1024 * 1024;
-
-struct Will {
-    std::string topic;
-    std::string message;
-    bool retained = false;
-};
-
-struct Client {
-    QUILMQTT::QueueOwner* owner; // null once it is gone
-    std::string id;
-    bool connected = false;
-    bool delivering = false;
-    std::optional<Will> will;
-    std::vector<std::string> filters;
-    bool dropped = false; // and would be made again by itself
-    OrvPlatform::AnnouncedState announced{MOST_STATE};
-
-    bool Wants(const std::string& topic) const {
-        return connected && delivering && std::any_of(filters.begin(), filters.end(), [&](const std::string& filter) {
-                   return FakeBroker::Matches(filter, topic);
-               });
-    }
-};
-
-struct Message {
-    std::shared_ptr<Client> receiver; // null: everyone who has subscribed
-    std::string topic;
-    std::string payload;
-};
-
-struct State {
-    std::mutex mutex;
-    bool reachable = true;
-    int publishStatus = 0;
-    std::function<void(const std::string&)> publishHook;
-    std::map<std::string, std::string> retained;
-    std::deque<Message> waiting;
-    std::vector<std::shared_ptr<Client>> clients;
-
-    void Accept(const std::string& topic, const std::string& payload, bool retain) {
-        if (retain && payload.empty())
-            retained.erase(topic);
-        else if (retain)
-            retained[topic] = payload;
-        waiting.push_back({nullptr, topic, payload});
-    }
-
-    bool Connect(Client& client, std::optional<Will> will) {
-        const std::lock_guard<std::mutex> lock(mutex);
-        client.filters.clear();
-        client.connected = reachable;
-        client.delivering = reachable;
-        client.dropped = false;
-        client.will = std::move(will);
-        client.announced.BeginSession(client.will ? client.will->topic : "");
-        Journal::Add(client.will ? Entry::ConnectWithWill(client.id, client.will->topic, client.will->message,
-                                                          client.will->retained, client.connected)
-                                 : Entry::Connect(client.id, client.connected));
-        return client.connected;
-    }
-
-    void Drop(Client& client) {
-        if (client.connected && client.will) {
-            Journal::Add(Entry::Will(client.id, client.will->topic, client.will->message));
-            Accept(client.will->topic, client.will->message, client.will->retained);
-        }
-        client.dropped = std::exchange(client.connected, false);
-    }
-
-    /// Everything, or what has not been taken yet.
-    void Announce(Client& client, bool everything) {
-        for (auto& announcement : client.announced.All()) {
-            if (everything || announcement.pending)
-                Accept(announcement.topic, announcement.payload, announcement.retained);
-            announcement.pending = false;
-        }
-    }
-
-    void Subscribe(const std::shared_ptr<Client>& client, const std::string& filter) {
-        // As real brokers do: a retained message comes once for every subscription that matches it.
-        for (const auto& [topic, payload] : retained)
-            if (FakeBroker::Matches(filter, topic))
-                waiting.push_back({client, topic, payload});
-    }
-
-    QUILMQTT::QueueOwner* Restore(const std::string& clientId) {
-        const std::lock_guard<std::mutex> lock(mutex);
-        for (const auto& client : clients) {
-            if (client->id != clientId || !client->dropped)
-                continue;
-            client->dropped = false;
-            client->connected = true;
-            for (const auto& filter : client->filters)
-                Subscribe(client, filter);
-            Announce(*client, true);
-            return client->delivering ? client->owner : nullptr;
-        }
-        return nullptr;
-    }
-
-    int Publish(Client& client, const std::string& topic, const std::string& payload, bool retain, bool assured) {
-        using QUILMQTT::QueueOwner;
-        std::function<void(const std::string&)> hook;
-        {
-            const std::lock_guard<std::mutex> lock(mutex);
-            hook = publishHook;
-        }
-        if (hook)
-            hook(topic);
-        const std::lock_guard<std::mutex> lock(mutex);
-        if (topic.empty() || topic.find_first_of("+#") != std::string::npos)
-            return QueueOwner::MALFORMED_TOPIC;
-        const auto noted = client.announced.Remember(topic, payload, retain, assured);
-        if (publishStatus != 0)
-            return publishStatus;
-        if (!client.connected)
-            return QueueOwner::NOT_CONNECTED;
-        if (noted == OrvPlatform::AnnouncedState::Outcome::REMEMBERED)
-            client.announced.MarkLatestSent();
-        Accept(topic, payload, retain);
-        return QueueOwner::HANDED_OVER;
-    }
-
-    /// The next waiting message and who gets it; nothing when none waits.
-    std::optional<std::pair<Message, std::vector<std::shared_ptr<Client>>>> Next() {
-        const std::lock_guard<std::mutex> lock(mutex);
-        if (waiting.empty())
-            return std::nullopt;
-        Message message = std::move(waiting.front());
-        waiting.pop_front();
-        std::vector<std::shared_ptr<Client>> receivers;
-        for (const auto& client : clients)
-            if ((!message.receiver || message.receiver == client) && client->Wants(message.topic))
-                receivers.push_back(client);
-        return std::make_pair(std::move(message), std::move(receivers));
-    }
-
-    /// Null when the client has meanwhile gone, left, or stopped its delivery.
-    QUILMQTT::QueueOwner* ReceiverIn(const Client& client) {
-        const std::lock_guard<std::mutex> lock(mutex);
-        return client.connected && client.delivering ? client.owner : nullptr;
-    }
-};
 
 State& Broker() {
     static State state;
@@ -196,7 +43,9 @@ QueueOwner::QueueOwner(const std::string& clientId) : core(std::make_shared<Core
 
 QueueOwner::~QueueOwner() {
     State& broker = Broker();
-    const std::lock_guard<std::mutex> lock(broker.mutex);
+    std::unique_lock<std::mutex> lock(broker.mutex);
+    core->delivering = false;
+    broker.AwaitCallback(lock, *core);
     broker.Drop(*core);
     core->owner = nullptr;
     broker.clients.erase(std::remove(broker.clients.begin(), broker.clients.end(), core), broker.clients.end());
@@ -246,9 +95,10 @@ bool QueueOwner::Disconnect() {
 }
 
 void QueueOwner::StopDelivery() noexcept {
-    const std::lock_guard<std::mutex> lock(Broker().mutex);
+    std::unique_lock<std::mutex> lock(Broker().mutex);
     Journal::Add(Entry::StopDelivery(core->id));
     core->delivering = false;
+    Broker().AwaitCallback(lock, *core);
 }
 
 } // namespace QUILMQTT
@@ -266,6 +116,10 @@ void FakeBroker::Reset() {
     broker.reachable = true;
     broker.publishStatus = 0;
     broker.publishHook = nullptr;
+    broker.takenHook = nullptr;
+    broker.waitingHook = nullptr;
+    broker.clock = nullptr;
+    broker.latency = std::chrono::milliseconds::zero();
     broker.retained.clear();
     broker.waiting.clear();
 }
@@ -291,14 +145,79 @@ void FakeBroker::SetPublishHook(std::function<void(const std::string& topic)> ho
 
 void FakeBroker::Inject(const std::string& topic, const std::string& payload, bool retained) {
     const std::lock_guard<std::mutex> lock(Broker().mutex);
-    Broker().Accept(topic, payload, retained);
+    Broker().Accept("", topic, payload, retained);
+}
+
+void FakeBroker::SetTakenHook(std::function<void(const Taken&)> hook) {
+    const std::lock_guard<std::mutex> lock(Broker().mutex);
+    Broker().takenHook = std::move(hook);
+}
+
+void FakeBroker::SetWaitingHook(std::function<void()> hook) {
+    const std::lock_guard<std::mutex> lock(Broker().mutex);
+    Broker().waitingHook = std::move(hook);
+}
+
+void FakeBroker::SetLatency(std::chrono::milliseconds latency, std::function<std::chrono::milliseconds()> clock) {
+    const std::lock_guard<std::mutex> lock(Broker().mutex);
+    Broker().latency = latency;
+    Broker().clock = std::move(clock);
+}
+
+std::optional<std::chrono::milliseconds> FakeBroker::NextDue() {
+    const std::lock_guard<std::mutex> lock(Broker().mutex);
+    if (Broker().waiting.empty())
+        return std::nullopt;
+    return Broker().waiting.front().due;
 }
 
 void FakeBroker::Deliver() {
-    while (const auto next = Broker().Next())
-        for (const auto& client : next->second)
-            if (auto* receiver = Broker().ReceiverIn(*client))
-                receiver->OnPublish(next->first.topic, next->first.payload);
+    while (DeliverOne()) {
+    }
+}
+
+bool FakeBroker::DeliverOne() {
+    const auto next = Broker().Next();
+    if (!next)
+        return false;
+    for (const auto& client : next->second)
+        Broker().CallBack(*client, next->first);
+    return true;
+}
+
+void FakeBroker::Stop() {
+    State& broker = Broker();
+    const std::lock_guard<std::mutex> lock(broker.mutex);
+    broker.reachable = false;
+    for (const auto& client : broker.clients)
+        client->dropped = std::exchange(client->connected, false) || client->dropped;
+    broker.waiting.clear();
+    broker.retained.clear();
+}
+
+void FakeBroker::Start() {
+    SetReachable(true);
+}
+
+void FakeBroker::DropConnections() {
+    State& broker = Broker();
+    const std::lock_guard<std::mutex> lock(broker.mutex);
+    for (const auto& client : broker.clients)
+        if (client->connected)
+            broker.Drop(*client);
+}
+
+bool FakeBroker::RestoreConnections() {
+    std::vector<std::string> ids;
+    {
+        const std::lock_guard<std::mutex> lock(Broker().mutex);
+        for (const auto& client : Broker().clients)
+            if (client->dropped && Broker().reachable)
+                ids.push_back(client->id);
+    }
+    for (const auto& id : ids)
+        RestoreConnection(id);
+    return !ids.empty();
 }
 
 void FakeBroker::DropConnection(const std::string& clientId) {

@@ -5,17 +5,24 @@
 #include "Journal.h"
 
 #include <algorithm>
+#include <mutex>
 
 namespace {
 
+std::mutex mutex; // guards what follows
 std::vector<std::string> order{"eth0", "wwan0"};
 bool obedient = true;
 std::function<void(const std::string&)> commandHook;
 
 void Begin(const std::string& command) {
     OrvPlatformFake::Journal::Add(command);
-    if (commandHook)
-        commandHook(command);
+    std::function<void(const std::string&)> hook;
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        hook = commandHook;
+    }
+    if (hook)
+        hook(command);
 }
 
 } // namespace
@@ -33,11 +40,13 @@ ConnmanCommands& ConnmanCommands::GetInstance() {
 }
 
 std::string ConnmanCommands::GetTopPriorityInterface() {
+    const std::lock_guard<std::mutex> lock(mutex);
     return order.empty() ? "" : order.front();
 }
 
 bool ConnmanCommands::SetTopPriorityInterface(const std::string& interfaceName) {
     Begin(OrvPlatformFake::Entry::TopPriority(interfaceName));
+    const std::lock_guard<std::mutex> lock(mutex);
     const auto service = std::find(order.begin(), order.end(), interfaceName);
     if (service == order.end())
         return false;
@@ -62,24 +71,29 @@ FakeConnman& FakeConnman::Get() {
 }
 
 void FakeConnman::Reset() {
+    const std::lock_guard<std::mutex> lock(mutex);
     order = {"eth0", "wwan0"};
     obedient = true;
     commandHook = nullptr;
 }
 
 void FakeConnman::SetOrder(std::vector<std::string> interfaces) {
+    const std::lock_guard<std::mutex> lock(mutex);
     order = std::move(interfaces);
 }
 
 std::vector<std::string> FakeConnman::Order() const {
+    const std::lock_guard<std::mutex> lock(mutex);
     return order;
 }
 
 void FakeConnman::SetObedient(bool isObedient) {
+    const std::lock_guard<std::mutex> lock(mutex);
     obedient = isObedient;
 }
 
 void FakeConnman::SetCommandHook(std::function<void(const std::string& line)> hook) {
+    const std::lock_guard<std::mutex> lock(mutex);
     commandHook = std::move(hook);
 }
 

@@ -8,7 +8,7 @@
 namespace OrvPlatformFake {
 
 /// The connection manager behind the fake ConnmanCommands: connected services in an order, which a request for top
-/// priority changes. For use by one thread at a time.
+/// priority changes. Callable from any thread.
 class FakeConnman {
 public:
     static FakeConnman& Get();

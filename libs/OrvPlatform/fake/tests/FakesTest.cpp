@@ -10,9 +10,13 @@
 #include "Journal.h"
 #include "QuilMqtt/QueueOwner.h"
 
+#include <atomic>
+#include <chrono>
 #include <functional>
 #include <gtest/gtest.h>
 #include <memory>
+#include <optional>
+#include <thread>
 
 using namespace OrvPlatformFake;
 
@@ -201,6 +205,83 @@ TEST_F(TheFakeBroker, DeliversWhatArisesMeanwhile) {
     broker.Inject("/a", "1");
     broker.Deliver();
     EXPECT_EQ(client.received, (Entries{"/a 1", "/b 2"}));
+}
+
+TEST_F(TheFakeBroker, HandsOutWhatItsLatencyHasHeldBack) {
+    auto now = std::chrono::milliseconds(0);
+    broker.SetLatency(std::chrono::milliseconds(200), [&] { return now; });
+    client.Subscribe("/a", 0);
+    broker.Inject("/a", "1");
+    EXPECT_EQ(broker.NextDue(), std::chrono::milliseconds(200));
+    now = std::chrono::milliseconds(199);
+    broker.Deliver();
+    EXPECT_EQ(client.received, Entries{});
+    now = std::chrono::milliseconds(200);
+    broker.Deliver();
+    EXPECT_EQ(client.received, (Entries{"/a 1"}));
+    EXPECT_EQ(broker.NextDue(), std::nullopt);
+    broker.SetLatency({}, nullptr);
+}
+
+TEST_F(TheFakeBroker, ForgetsEverythingWhenItEndsAndIsToldAgainWhenConnectionsAreRestored) {
+    client.Subscribe("/a", 0);
+    client.PublishRetainedMessage("/state", "1", false);
+    broker.Inject("/other", "x", true);
+    broker.Stop();
+    EXPECT_FALSE(broker.IsConnected("client"));
+    EXPECT_FALSE(broker.HasRetained("/will")) << "nobody is there to speak it";
+    EXPECT_FALSE(broker.HasRetained("/state"));
+    broker.Start();
+    EXPECT_FALSE(broker.IsConnected("client"));
+    broker.RestoreConnections();
+    EXPECT_EQ(client.connects, 1);
+    EXPECT_EQ(broker.Retained("/state"), "1");
+    EXPECT_FALSE(broker.HasRetained("/other"));
+}
+
+TEST_F(TheFakeBroker, TellsWhatItHasTakenAndFromWhom) {
+    Entries taken;
+    broker.SetTakenHook([&](const FakeBroker::Taken& message) {
+        taken.push_back(message.client + " " + message.topic + " " + message.payload + (message.retained ? " r" : ""));
+    });
+    int waiting = 0;
+    broker.SetWaitingHook([&] { ++waiting; });
+    client.PublishMessage("/a", "1", false);
+    broker.Inject("/b", "2", true);
+    client.Disconnect();
+    client.PublishMessage("/a", "3", false);
+    EXPECT_EQ(taken, (Entries{"client /a 1", " /b 2 r"}));
+    EXPECT_EQ(waiting, 2);
+    broker.SetTakenHook(nullptr);
+    broker.SetWaitingHook(nullptr);
+}
+
+TEST_F(TheFakeBroker, KeepsAStopWaitingForTheCallbackOfAnotherThread) {
+    client.Subscribe("/a", 0);
+    std::atomic<bool> inside{false};
+    std::atomic<bool> leaving{false};
+    client.then = [&] {
+        inside = true;
+        for (int i = 0; i < 1000; ++i)
+            std::this_thread::yield();
+        leaving = true;
+    };
+    broker.Inject("/a", "1");
+    std::thread delivery([&] { broker.Deliver(); });
+    while (!inside)
+        std::this_thread::yield();
+    client.StopDelivery();
+    EXPECT_TRUE(leaving);
+    delivery.join();
+}
+
+TEST_F(TheFakeBroker, LetsACallbackStopItsOwnDelivery) {
+    client.Subscribe("/a", 0);
+    client.then = [&] { client.StopDelivery(); };
+    broker.Inject("/a", "1");
+    broker.Inject("/a", "2");
+    broker.Deliver();
+    EXPECT_EQ(client.received, (Entries{"/a 1"}));
 }
 
 TEST(TheFakeConnectionManager, ObeysOrNot) {
