@@ -23,9 +23,10 @@ class OrvRoute : public QUILMQTT::QueueOwner {
 public:
     using Clock = std::chrono::steady_clock;
     using Now = std::function<Clock::time_point()>;
-    /// Instead of &Clock::now itself, whose type would put a long name into the library.
+    /// Instead of &Clock::now itself, whose type would put a long name into the library. RealTime.cpp has it apart, so
+    /// that the test kit can supply another one.
     struct RealTime {
-        Clock::time_point operator()() const { return Clock::now(); }
+        Clock::time_point operator()() const;
     };
 
     /// Makes Ethernet the top-priority interface and connects to the broker.

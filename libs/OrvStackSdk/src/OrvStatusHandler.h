@@ -21,7 +21,7 @@ public:
     using Clock = std::chrono::system_clock;
     using Now = std::function<Clock::time_point()>;
     struct RealTime {
-        Clock::time_point operator()() const { return Clock::now(); }
+        Clock::time_point operator()() const;
     };
 
     /// Writes the status file, so that it exists from the start. Neither LEDs nor status are sent.
