@@ -1,5 +1,5 @@
 # What is installed, and in which package it goes: one CMake package and one pkg-config file each for the library and for
-# the platform. Components: runtime, dev, platform, platform-dev, tools.
+# the platform. Components: runtime, dev, test-dev, platform, platform-dev, tools.
 
 include(CMakePackageConfigHelpers)
 set(ORV_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake)
@@ -28,6 +28,17 @@ endfunction()
 orv_install_package(OrvStackSdk TARGETS OrvStackSdk COMPONENT runtime DEVEL_COMPONENT dev PKGCONFIG orvstacksdk.pc)
 install(DIRECTORY libs/OrvStackSdk/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 
+# A component of the same CMake package, in a package of its own: find_package(OrvStackSdk COMPONENTS Testing)
+if(ORV_BUILD_TEST_KIT)
+  install(TARGETS OrvStackSdkTesting EXPORT OrvStackSdkTestingTargets
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT test-dev)
+  install(EXPORT OrvStackSdkTestingTargets NAMESPACE OrvStackSdk:: DESTINATION ${ORV_CMAKE_DIR}/OrvStackSdk COMPONENT test-dev)
+  export(EXPORT OrvStackSdkTestingTargets NAMESPACE OrvStackSdk:: FILE ${PROJECT_BINARY_DIR}/OrvStackSdkTestingTargets.cmake)
+  install(DIRECTORY libs/OrvStackSdk/testing/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT test-dev)
+  configure_file(cmake/package/orvstacksdk-testing.pc.in orvstacksdk-testing.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/orvstacksdk-testing.pc DESTINATION ${ORV_PKGCONFIG_DIR} COMPONENT test-dev)
+endif()
+
 if(ORV_PLATFORM STREQUAL "linux")
   orv_install_package(OrvPlatform TARGETS OrvPlatform OrvPlatformContract COMPONENT platform DEVEL_COMPONENT platform-dev
     PKGCONFIG orvplatform.pc)
@@ -42,4 +53,9 @@ if(ORV_BUILD_TESTS AND ORV_BUILD_APPS AND ORV_PLATFORM STREQUAL "linux" AND NOT 
   add_test(NAME InstalledElsewhere
     COMMAND ${PROJECT_SOURCE_DIR}/tests/consumer/elsewhere.sh ${PROJECT_BINARY_DIR} ${CMAKE_CXX_COMPILER})
   set_tests_properties(InstalledElsewhere PROPERTIES LABELS binary TIMEOUT 300)
+  if(ORV_BUILD_TEST_KIT AND NOT ORV_COVERAGE) # whose static libraries ask more of a link than a consumer knows
+    add_test(NAME InstalledTestKit
+      COMMAND ${PROJECT_SOURCE_DIR}/tests/consumer/test-kit.sh ${PROJECT_BINARY_DIR} ${CMAKE_CXX_COMPILER})
+    set_tests_properties(InstalledTestKit PROPERTIES LABELS binary TIMEOUT 600)
+  endif()
 endif()

@@ -62,6 +62,12 @@ orv_debian_package(dev liborvstacksdk-dev SECTION libdevel
   SUMMARY "connected-services client library for gateways - development"
   DESCRIPTION "Headers, the CMake package OrvStackSdk and the pkg-config file orvstacksdk for\nbuilding applications against liborvstacksdk${major}."
   DEPENDS "liborvstacksdk${major} ${same}")
+if(ORV_BUILD_TEST_KIT)
+  orv_debian_package(test-dev liborvstacksdk-test-dev SECTION libdevel
+    SUMMARY "connected-services client library for gateways - test kit"
+    DESCRIPTION "An application's unit tests link it instead of the library: the real client on a\nsimulated gateway, in one process and in virtual time."
+    DEPENDS "liborvstacksdk-dev ${same}")
+endif()
 if(ORV_PLATFORM STREQUAL "linux")
   orv_debian_package(platform liborvplatform${major}
     SUMMARY "platform services of a Linux gateway"
