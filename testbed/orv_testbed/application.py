@@ -64,6 +64,13 @@ class Application:
         """The times of the log lines that hold `text`."""
         return [line.split(" ", 1)[0] for line in self.log()[since:].splitlines() if text in line]
 
+    def lines_of(self, text):
+        return [line for line in self.log().splitlines() if text in line]
+
+    def status(self):
+        """What it tells about itself."""
+        return json.loads(self.box.file("/run/gateway-app/status.json"))
+
     def route_state(self, since=0):
         """The state that the route supervision has entered last."""
         states = [route_states.entered(line) for line in self.log()[since:].splitlines()]

@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 """Fail-over to Cellular and the return to Ethernet, seen from all sides."""
+import re
 import signal
 
 import pytest
@@ -31,6 +32,26 @@ def test_a_lost_provider_moves_the_cloud_to_cellular_and_back(scene):
     scene.settles("eth0", 10)
     assert witness.payloads(INHIBIT) == ["inhibit", "permit"]
 
+    # One line for each move, and the same in the application's own status.
+    there, back = application.lines_of("the WAN route has moved from")
+    assert re.search(
+        r"info .*from Ethernet \(eth0\) to Cellular \(wwan0\): the cloud was lost on Ethernet \(.+\) "
+        r"and a poke over Cellular succeeded; the switch took [\d.]+ s, [\d.]+ s since the loss$",
+        there,
+    )
+    assert re.search(
+        r"info .*from Cellular \(wwan0\) to Ethernet \(eth0\): a poke over Ethernet succeeded; "
+        r"the switch took [\d.]+ s after [\d.]+ s on Cellular$",
+        back,
+    )
+    status = application.status()
+    assert status["route"]["last_move"]["from"] == "cellular"
+    assert {"path": "cellular", "result": "succeeded", "code": 0}.items() <= status["pokes"][1].items()
+    assert 0 < status["pokes"][1]["at_most_s"] < SLACK
+    counters = status["counters"]
+    assert (counters["fail_overs"], counters["returns"], counters["cloud_losses"]) == (1, 1, 1)
+    assert counters["seconds_on_cellular"] > 0 and counters["cellular_received_bytes"] > 1000
+
 
 def test_a_short_loss_moves_nothing(scene):
     scene.reach("ETHERNET_LOST_DELAY")
@@ -49,6 +70,8 @@ def test_a_cloud_that_comes_back_over_cellular_by_itself_stays_there(scene):
     scene.application.wait_for("cell cloud reconnected by itself", 8)
     scene.settles("wwan0", 5)
     assert not scene.application.said("Started Poke")
+    scene.application.wait_for("from Ethernet (eth0) to Cellular (wwan0): Ethernet has no link, and ConnMan took", 3)
+    assert len(scene.application.lines_of("the WAN route has moved from")) == 1
 
 
 @pytest.mark.parametrize("answer, code", [("refused", 7), ("silent", 28), ("wrong-certificate", 60)])

@@ -6,7 +6,7 @@ import pytest
 from orv_testbed.box import SLACK, wait_until
 from orv_testbed.wire import GREEN, NO_NETWORK, YELLOW
 
-MOVED = "the WAN route has changed,"
+MOVED = "the WAN route has moved from"
 ON_PROBATION = "Ethernet is on probation"
 EXPECTED = (ON_PROBATION, "answers over neither interface")
 

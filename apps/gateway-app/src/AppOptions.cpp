@@ -76,6 +76,10 @@ AppOptions ReadOptions(const std::vector<std::string>& arguments) {
                     "File that only one gateway-app on the gateway can lock: two would move the route against each "
                     "other; empty: none")
         ->capture_default_str();
+    parser
+        .add_option("--status-file", options.statusFile,
+                    "File that holds the application's status as JSON, for orv-status; empty: none")
+        ->capture_default_str();
     parser.add_option("--transcript", options.transcript, "File to append a JSON line to for everything that happens");
     parser.footer(
         "Which interfaces are the WAN, where the gateway's broker is and what is logged: /etc/orv/gateway.ini.\n"

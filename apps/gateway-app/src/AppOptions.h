@@ -21,6 +21,8 @@ struct AppOptions {
     std::chrono::milliseconds tick{0};
     /// See InstanceLock; empty: none.
     std::string lock = "/run/gateway-app/lock";
+    /// See StatusWriter; empty: none.
+    std::string statusFile = "/run/gateway-app/status.json";
     /// See Transcript; empty: none.
     std::string transcript;
 };

@@ -79,8 +79,20 @@ Application::Application(AppOptions appOptions, std::vector<std::string> command
             [this] { return std::generate_canonical<double, 32>(randomness); }),
       ethernetGuard(loop, InterfaceName("Ethernet"), options.cloud, [this](OrvEvent event) { Report(event); }),
       pokeExplainer(loop, InterfaceName("Ethernet"), InterfaceName("Cellular"),
-                    OrvResources::CreateStaticConfigStore()->GetValue(kEndpoint)),
-      rhythm(options.tick) {
+                    OrvResources::CreateStaticConfigStore()->GetValue(kEndpoint),
+                    [this](PokeDiagnosis::Path path, auto took, const std::string& failure) {
+                        NotePoke(path == PokeDiagnosis::Path::ETHERNET ? RouteMoves::Path::ETHERNET
+                                                                       : RouteMoves::Path::CELLULAR,
+                                 false, took, failure, "a connection of the application's own to the endpoint");
+                    }),
+      rhythm(options.tick),
+      moves(PathOf(network.DefaultInterface()), Now()),
+      statusWriter(loop, options.statusFile, [this] { return StatusText(); }),
+      lastCloudLoss("it was not reached since the start"),
+      cloudLostAt(Now()),
+      lastMoveAt(Now()) {
+    told.started = told.cloudSince = told.routeSince = Moment::Now();
+    told.cloudReason = "not connected since the start";
     WatchStatusFile();
     callbacks = std::make_shared<Callbacks>(
         mailbox, Callbacks::Receiver{[this](AppAction action) { OnAction(action); },
@@ -101,6 +113,7 @@ void Application::Run() {
         watchdogTimer.Every(manager.WatchdogPeriod());
     WarnOfCredentials();
     Note("start", {{"default_route", JsonText(network.DefaultInterface())}});
+    statusWriter.Write();
     startTimer.Once(0ms);
     cloud.Reopen("start");
     // Ready means that it runs and obeys; the gateway's broker may still be on its way up.
@@ -162,10 +175,12 @@ void Application::Tick() {
     if (client->CloudReconnectNeeded())
         OnRouteMoved();
     CheckDefaultRoute();
+    FollowMoves();
     SetTickTimer();
 }
 
 void Application::Stop() {
+    ownDoing = true;
     cloud.Close();
     statusFile.reset();
     tickTimer.Stop();
@@ -176,6 +191,8 @@ void Application::Stop() {
         client.reset();
     }
     started = false;
+    told.running = false;
+    statusWriter.Write();
     Note("end", {{"tick", tickDurations.Json()}, {"event_update", eventDurations.Json()}});
     const auto us = [](std::chrono::nanoseconds time) {
         return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
@@ -218,9 +235,13 @@ void Application::OnNetworkEvents(const WanInterfaces::Events& events) {
 }
 
 void Application::OnDefaultRoute(const std::string& interface) {
-    logger.Info() << (interface.empty() ? "there is no default route" : "the default route is now over " + interface);
+    logger.Debug() << (interface.empty() ? "there is no default route" : "the default route is now over " + interface);
     Note("default_route", {{"interface", JsonText(interface)}});
     defaultRouteSince = Now();
+    told.routeSince = Moment::Now();
+    moves.DefaultRouteIs(PathOf(interface), defaultRouteSince);
+    FollowMoves();
+    statusWriter.Changed();
     rhythm.RouteMoves(defaultRouteSince);
     SetTickTimer();
     // An attempt keeps the path on which it began.
@@ -236,8 +257,7 @@ void Application::OnCloudConnected(const std::string& source) {
     Note("cloud_connected", {{"source", JsonText(source)}, {"interface", JsonText(cloudInterface)}});
     ethernetGuard.CloudIs(true);
     Report(OrvEvent::CLOUD_CONNECTED);
-    cloudSince = WallClock();
-    ShowStatus();
+    CloudChanged("connected over " + (cloudInterface.empty() ? "another interface" : cloudInterface));
 }
 
 void Application::OnCloudLost(const std::string& reason) {
@@ -246,7 +266,18 @@ void Application::OnCloudLost(const std::string& reason) {
     Note("cloud_lost", {{"reason", JsonText(reason)}});
     ethernetGuard.CloudIs(false);
     Report(OrvEvent::CLOUD_DISCONNECTED);
-    cloudSince = WallClock();
+    if (!ownDoing) {
+        ++told.counters.cloudLosses;
+        lastCloudLoss = reason;
+        cloudLostAt = Now();
+    }
+    CloudChanged(reason);
+}
+
+void Application::CloudChanged(const std::string& reason) {
+    told.cloudSince = Moment::Now();
+    told.cloudReason = reason;
+    cloudChanged = true;
     ShowStatus();
 }
 
@@ -256,6 +287,7 @@ void Application::OnCloudFailed(const std::string& reason, std::chrono::millisec
         logger.Warning() << "no connection to the cloud: " << reason << "; trying again, now in " << delay.count()
                          << " ms";
     lastCloudFailure = reason;
+    statusWriter.Changed();
     if (reason.rfind("the broker refused", 0) == 0)
         ethernetGuard.CloudRefused();
     Note("cloud_failed", {{"reason", JsonText(reason)}, {"retry_ms", std::to_string(delay.count())}});
@@ -289,7 +321,9 @@ void Application::Reload() {
         SetTickTimer();
         if (other) {
             Report(options.cloud.host.empty() ? OrvEvent::PANEL_CLOUD_DISABLED : OrvEvent::PANEL_CLOUD_ENABLED);
+            ownDoing = true;
             cloud.Reopen(options.cloud, "other cloud settings");
+            ownDoing = false;
         }
     } catch (const OptionsError& error) {
         logger.Error() << "options not read, the old ones stay: " << error.text;
@@ -340,11 +374,12 @@ void Application::ShowStatus() {
     std::string status = "no cloud connection";
     if (cloud.Connected())
         status = "cloud over " + (cloudInterface.empty() ? "another interface" : cloudInterface);
-    if (!cloudSince.empty())
-        status += " since " + cloudSince;
+    if (cloudChanged)
+        status += " since " + told.cloudSince.utc;
     if (ethernetGuard.OnProbation())
         status += ", Ethernet on probation";
     manager.Notify("STATUS=" + status);
+    statusWriter.Changed();
 }
 
 void Application::Note(const std::string& what, const Transcript::Fields& fields) {

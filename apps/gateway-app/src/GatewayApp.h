@@ -11,8 +11,11 @@
 #include "NetworkWatcher.h"
 #include "PokeExplainer.h"
 #include "RouteContradiction.h"
+#include "RouteMoves.h"
+#include "RunStatus.h"
 #include "ServiceManager.h"
 #include "StatusFile.h"
+#include "StatusWriter.h"
 #include "TickRhythm.h"
 #include "Transcript.h"
 
@@ -20,6 +23,7 @@
 #include <OrvStackSdk/OrvStackSdk.h>
 
 #include <memory>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
@@ -58,6 +62,7 @@ private:
     void OnDefaultRoute(const std::string& interface);
     void OnCloudConnected(const std::string& source);
     void OnCloudLost(const std::string& reason);
+    void CloudChanged(const std::string& reason);
     void OnCloudFailed(const std::string& reason, std::chrono::milliseconds delay);
     void OnAction(OrvStackSdk::AppAction action);
     void Reload();
@@ -75,6 +80,14 @@ private:
     void ShowStatus();
     void WatchStatusFile();
     void PutStatusFileRight();
+
+    // What it tells about itself
+    RouteMoves::Path PathOf(const std::string& interface) const;
+    void FollowMoves();
+    std::string ReasonOf(const RouteMoves::Move& move) const;
+    void NotePoke(RouteMoves::Path path, bool good, std::optional<std::chrono::steady_clock::duration> atMost,
+                  const std::string& text, const std::string& knownFrom);
+    std::string StatusText();
     void Note(const std::string& what, const Transcript::Fields& fields);
 
     // Fixed at construction
@@ -100,6 +113,8 @@ private:
     PokeExplainer pokeExplainer;
     TickRhythm rhythm;
     RouteContradiction contradiction;
+    RouteMoves moves;
+    StatusWriter statusWriter;
     std::unique_ptr<StatusFileWatch> statusFile; // none when its folder cannot be watched
 
     // The client library, and whether it has come so far that events can be reported
@@ -107,12 +122,19 @@ private:
     std::shared_ptr<OrvStackSdk::IOrvStackClient> client;
     bool started = false;
     bool failed = false;            // FAILURE was reported
+    bool ownDoing = false;          // the end of a cloud connection is the application's own doing, and no loss
+    bool cloudChanged = false;      // the cloud connection was made once
     bool statusFileForeign = false; // said already
     bool statusFileQuarrel = false;
 
     std::string cloudInterface;   // the WAN interface that the cloud connection runs over; empty: none, or another one
-    std::string cloudSince;       // when the cloud connection last began or ended, for people
     std::string lastCloudFailure; // as logged; empty after a success
+    std::string lastCloudLoss;    // the reason
+    std::chrono::steady_clock::time_point cloudLostAt; // for the last time
+    std::chrono::steady_clock::time_point lastMoveAt;  // of the route; at first when this was made
+    RunStatus told;
+    GrowingCount cellularReceived;
+    GrowingCount cellularSent;
     std::chrono::steady_clock::time_point defaultRouteSince; // when it last changed; at first the beginning of time
     std::chrono::steady_clock::time_point nextTick;
     std::string cloudPath; // ConnInterfaceString as it was last seen

@@ -29,17 +29,26 @@ std::chrono::steady_clock::time_point Now() {
 void Application::OnRouteMoved() {
     // In this moment, before the next tick, the library sees the order that it has waited for.
     const bool toCellular = ConnmanCommands::GetInstance().GetTopPriorityInterface() == InterfaceName("Cellular");
+    const RouteMoves::Path path = toCellular ? RouteMoves::Path::CELLULAR : RouteMoves::Path::ETHERNET;
+    std::optional<std::chrono::steady_clock::duration> atMost;
+    if (toCellular && pokeExplainer.CellularPokeBegan())
+        atMost = Now() - *pokeExplainer.CellularPokeBegan();
+    NotePoke(path, true, atMost, "", "the library has moved the route");
+    moves.Told(path, Now());
+    FollowMoves();
     rhythm.RouteHasMoved(toCellular, Now());
     pokeExplainer.RouteHasMoved(toCellular);
     // Before the next tick, which would begin a poke over Ethernet.
     ethernetGuard.RouteHasMoved(toCellular);
     // What began after the default route had moved is on the new path already.
     const bool begun = cloud.BegunSince(defaultRouteSince);
-    logger.Info() << "the WAN route has changed, "
-                  << (begun ? "the cloud connection has begun there" : "connecting to the cloud anew");
+    logger.Debug() << "the WAN route has changed, "
+                   << (begun ? "the cloud connection has begun there" : "connecting to the cloud anew");
     Note("reconnect", {{"begun", JsonBool(begun)}});
+    ownDoing = true;
     if (!begun)
         cloud.Reopen("the WAN route has changed");
+    ownDoing = false;
     ShowStatus();
 }
 
@@ -58,7 +67,7 @@ void Application::FollowCloudPath() {
     if (cloudPath == ConnInterfaceString)
         return;
     cloudPath = ConnInterfaceString;
-    logger.Info() << "the cloud connection is expected over " << cloudPath;
+    logger.Debug() << "the cloud connection is expected over " << cloudPath;
     Note("path", {});
 }
 

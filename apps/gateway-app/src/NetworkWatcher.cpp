@@ -71,6 +71,16 @@ WanInterfaces::Events NetworkWatcher::ReadAll() {
     return whole ? wan.Replace(links, addresses) : WanInterfaces::Events{};
 }
 
+std::optional<Link> NetworkWatcher::Find(const std::string& interface) {
+    std::optional<Link> found;
+    const bool whole = requests.Dump(RTM_GETLINK, AF_UNSPEC, [&](const nlmsghdr& message) {
+        std::optional<Link> link = OrvNetlink::ReadLink(message);
+        if (link && link->name == interface)
+            found = std::move(link);
+    });
+    return whole ? found : std::nullopt;
+}
+
 std::string NetworkWatcher::FindDefaultInterface() {
     std::optional<Route> best;
     bool whole = requests.Dump(RTM_GETROUTE, AF_INET, [&](const nlmsghdr& message) {

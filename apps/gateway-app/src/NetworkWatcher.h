@@ -7,6 +7,7 @@
 #include <OrvNetlink/Socket.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 
 namespace GatewayApp {
@@ -28,6 +29,8 @@ public:
 
     const WanInterfaces& Wan() const { return wan; }
     const std::string& DefaultInterface() const { return defaultInterface; }
+    /// The interface as the kernel has it at this moment, its counts included; nothing when there is none.
+    std::optional<OrvNetlink::Link> Find(const std::string& interface);
 
 private:
     void ReadNotifications();

@@ -45,8 +45,12 @@ void PokeDiagnosis::Follow(Time now) {
     poked = pokes;
     pause = kFirstPause;
     next.reset();
-    if (poked)
-        next = (poked == Path::CELLULAR ? std::max(lost + kDelay, now) : now) + kGrace;
+    if (!poked)
+        return;
+    const Time begins = poked == Path::CELLULAR ? std::max(lost + kDelay, now) : now;
+    if (poked == Path::CELLULAR)
+        cellularBegan = begins;
+    next = begins + kGrace;
 }
 
 std::optional<PokeDiagnosis::Path> PokeDiagnosis::Due(Time now) {

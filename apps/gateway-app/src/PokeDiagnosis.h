@@ -29,6 +29,8 @@ public:
     std::optional<Path> Due(Time now);
     /// When to ask again; none while nothing is poked.
     std::optional<Time> NextLook() const { return next; }
+    /// When the library began to poke over Cellular for the last time, at the earliest; none when it never has.
+    std::optional<Time> CellularBegan() const { return cellularBegan; }
     /// A look that was begun is about a poke that still goes on.
     bool Pokes(Path path) const { return poked == path; }
 
@@ -41,6 +43,7 @@ private:
     bool cellular = false;
     Time lost;
     std::optional<Path> poked;
+    std::optional<Time> cellularBegan;
     std::optional<Time> next;
     Clock::duration pause{};
 };

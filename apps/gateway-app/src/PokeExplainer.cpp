@@ -23,9 +23,10 @@ PokeDiagnosis::Time Now() {
 } // namespace
 
 PokeExplainer::PokeExplainer(EventLoop& eventLoop, std::string ethernet, std::string cellular,
-                             const std::string& endpoint)
+                             const std::string& endpoint, OnFailure failureReceiver)
     : ethernetName(std::move(ethernet)),
       cellularName(std::move(cellular)),
+      onFailure(std::move(failureReceiver)),
       logger("GatewayApp", kLogInfo),
       prover(eventLoop),
       timer(eventLoop, [this] { Look(); }) {
@@ -59,15 +60,18 @@ void PokeExplainer::AfterChange() {
 }
 
 void PokeExplainer::Look() {
-    if (const auto path = diagnosis.Due(Now()))
+    if (const auto path = diagnosis.Due(Now())) {
+        lookBegun = Now();
         prover.Begin(settings, *path == Path::ETHERNET ? ethernetName : cellularName, 0s,
                      [this, path = *path](const PathProver::Result& result) { OnLooked(path, result); });
+    }
     AfterChange();
 }
 
 void PokeExplainer::OnLooked(Path path, const PathProver::Result& result) {
     if (result.good || !diagnosis.Pokes(path))
         return;
+    onFailure(path, Now() - lookBegun, result.failure);
     const std::string line = "over " + (path == Path::ETHERNET ? ethernetName : cellularName) + " the endpoint " +
                              settings.host + " does not prove the path to the cloud: " + result.failure;
     if (line == said)

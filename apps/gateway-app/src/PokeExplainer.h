@@ -8,6 +8,8 @@
 #include <CommonUtils/Logger.h>
 #include <OrvStackSdk/OrvEnums.h>
 
+#include <functional>
+#include <optional>
 #include <string>
 
 namespace GatewayApp {
@@ -17,14 +19,22 @@ namespace GatewayApp {
 /// the poke succeeds. One thread.
 class PokeExplainer {
 public:
+    using OnFailure =
+        std::function<void(PokeDiagnosis::Path path, PokeDiagnosis::Clock::duration took, const std::string& failure)>;
+
     /// @param endpoint the host that is poked; empty: there is nothing to explain
-    PokeExplainer(EventLoop& eventLoop, std::string ethernet, std::string cellular, const std::string& endpoint);
+    /// @param failureReceiver told of each look that has failed: the path, how long the look took, and why
+    PokeExplainer(EventLoop& eventLoop, std::string ethernet, std::string cellular, const std::string& endpoint,
+                  OnFailure failureReceiver);
 
     /// @name What has happened
     /// @{
     void Reported(OrvStackSdk::OrvEvent event);
     void RouteHasMoved(bool toCellular);
     /// @}
+
+    /// See PokeDiagnosis.
+    std::optional<PokeDiagnosis::Time> CellularPokeBegan() const { return diagnosis.CellularBegan(); }
 
 private:
     void Look();
@@ -33,11 +43,13 @@ private:
 
     const std::string ethernetName;
     const std::string cellularName;
+    const OnFailure onFailure;
     CloudSettings settings;
     CommonUtils::Logger logger;
     PokeDiagnosis diagnosis;
     PathProver prover;
     Timer timer;
+    PokeDiagnosis::Time lookBegun;
     std::string said; // the last line, of the poke that goes on
 };
 

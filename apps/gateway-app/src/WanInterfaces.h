@@ -36,6 +36,7 @@ public:
     Events State() const;
 
     bool HasAddress(Path path) const { return !Of(path).addresses.empty(); }
+    bool Running(Path path) const { return Of(path).running; }
     /// Link and address.
     bool Usable(Path path) const { return Of(path).running && HasAddress(path); }
 

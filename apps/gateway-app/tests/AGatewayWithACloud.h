@@ -78,8 +78,21 @@ protected:
     }
 
     std::vector<std::string> AppWords() const {
-        return {ORV_GATEWAY_APP, "--cloud-host", "10.11.0.1", "--cloud-port", port,     "--cloud-ca",       trusted,
-                "--transcript",  transcript,     "--tick-ms", "50",           "--lock", folder.Path("lock")};
+        return {ORV_GATEWAY_APP,
+                "--cloud-host",
+                "10.11.0.1",
+                "--cloud-port",
+                port,
+                "--cloud-ca",
+                trusted,
+                "--transcript",
+                transcript,
+                "--tick-ms",
+                "50",
+                "--lock",
+                folder.Path("lock"),
+                "--status-file",
+                statusFile};
     }
     void StartApp() { app = std::make_unique<ChildProgram>(AppWords(), folder.Path("app.log")); }
     void StartConnectedApp() {
@@ -109,6 +122,7 @@ protected:
     std::string trusted = certificate;
     std::string port = "8883";
     const std::string transcript = folder.Path("transcript");
+    const std::string statusFile = folder.Path("status.json");
     std::string config;
     std::unique_ptr<MosquittoBroker> gatewayBroker;
     std::unique_ptr<OrvTest::PrivateBus> bus;

@@ -31,6 +31,7 @@ TEST(OptionsWithoutArguments, AreTheDefaults) {
     EXPECT_EQ(options.keepAliveCellular, 30s);
     EXPECT_EQ(options.tick, 0ms);
     EXPECT_EQ(options.lock, "/run/gateway-app/lock");
+    EXPECT_EQ(options.statusFile, "/run/gateway-app/status.json");
 }
 
 void ExpectDefaults(const AppOptions& options) {
@@ -41,6 +42,7 @@ void ExpectDefaults(const AppOptions& options) {
     EXPECT_EQ(options.keepAliveCellular, defaults.keepAliveCellular);
     EXPECT_EQ(options.tick, defaults.tick);
     EXPECT_EQ(options.lock, defaults.lock);
+    EXPECT_EQ(options.statusFile, defaults.statusFile);
 }
 
 TEST(TheShippedFile, HasTheDefaults) {
@@ -62,7 +64,7 @@ TEST(TheShippedFile, ShowsEachDefaultAsALineToTakeTheMarkAwayFrom) {
             out << line.substr(2) << '\n';
     }
     out.close();
-    EXPECT_EQ(options, 14);
+    EXPECT_EQ(options, 15);
     const AppOptions shown = ReadOptions({"--config", uncommented});
     ExpectDefaults(shown);
     std::remove(uncommented.c_str());

@@ -183,6 +183,66 @@ TEST_F(AGatewayWithACloud, SaysThatWithoutAnEndpointNoRouteMoves) {
     }));
 }
 
+/// What the application tells about itself.
+class AStatusOfItsOwn : public AGatewayWithACloud {
+protected:
+    bool Tells(const std::string& text) const { return Content(statusFile).find(text) != std::string::npos; }
+    bool EventuallyTells(const std::string& text) const {
+        return Eventually([&] { return Tells(text); });
+    }
+    /// How many of the log's lines hold the text.
+    int Lines(const std::string& text) const {
+        int count = 0;
+        for (const std::string& line : OrvPlatform::Testing::SplitLines(Content(folder.Path("app.log"))))
+            count += line.find(text) != std::string::npos ? 1 : 0;
+        return count;
+    }
+};
+
+TEST_F(AStatusOfItsOwn, HasTheCloudItsPathAndSinceWhen) {
+    StartConnectedApp();
+    EXPECT_TRUE(EventuallyTells("\"cloud\":{\"state\":\"connected\",\"path\":\"ethernet\",\"interface\":\"eth0\","
+                                "\"source\":\"10.11.0.2\""));
+    EXPECT_TRUE(EventuallyTells("\"reason\":\"connected over eth0\""));
+    EXPECT_TRUE(Tells("\"running\":true") && Tells("\"session_ready\":true"));
+    EXPECT_TRUE(Tells("\"route\":{\"path\":\"ethernet\""));
+    EXPECT_TRUE(Tells("\"cloud_losses\":0,"));
+}
+
+TEST_F(AStatusOfItsOwn, HasTheLossOfTheCloudAndItsReason) {
+    StartConnectedApp();
+    ASSERT_TRUE(Ip("addr flush dev eth0"));
+    EXPECT_TRUE(EventuallyTells("\"state\":\"disconnected\",\"path\":\"none\""));
+    EXPECT_TRUE(EventuallyTells("\"reason\":\"its address 10.11.0.2 is gone\""));
+    EXPECT_TRUE(EventuallyTells("\"cloud_losses\":1,"));
+}
+
+TEST_F(AStatusOfItsOwn, SaysThatItHasEnded) {
+    StartConnectedApp();
+    ASSERT_TRUE(EventuallyTells("\"cloud\":{\"state\":\"connected\""));
+    EXPECT_EQ(app->End(SIGTERM), 0);
+    EXPECT_TRUE(Tells("\"running\":false"));
+    EXPECT_TRUE(Tells("\"cloud_losses\":0,")) << "its own good-bye is no loss";
+}
+
+TEST_F(AStatusOfItsOwn, HasAMoveThatOthersMade) {
+    ASSERT_TRUE(Ip("addr add 10.12.0.2/24 dev wwan0"));
+    StartConnectedApp();
+    ASSERT_TRUE(Ip("route replace default via 10.12.0.1"));
+    EXPECT_TRUE(EventuallyTells("\"from\":\"ethernet\",\"to\":\"cellular\",\"reason\":\"not by this application"));
+    EXPECT_TRUE(EventuallyTells("\"route\":{\"path\":\"cellular\",\"interface\":\"wwan0\""));
+    EXPECT_TRUE(Tells("\"fail_overs\":1,\"returns\":0"));
+    EXPECT_EQ(Lines("the WAN route has moved from Ethernet (eth0) to Cellular (wwan0): "), 1);
+}
+
+TEST_F(AStatusOfItsOwn, IsMissedOnceWhereItCannotBeWritten) {
+    ASSERT_TRUE(std::filesystem::create_directory(statusFile));
+    StartConnectedApp();
+    ASSERT_TRUE(Ip("link set wwan0-far down"));
+    ASSERT_TRUE(EventuallyHas("CELLULAR_DISCONNECTED"));
+    EXPECT_EQ(Lines("orv-status will not see this application: cannot replace"), 1);
+}
+
 TEST_F(AGatewayWithACloud, EndsInOrder) {
     StartConnectedApp();
     const int losses = Count("\"event\":\"CLOUD_DISCONNECTED\",\"reported\":true");

@@ -46,6 +46,15 @@ TEST_F(APoke, OverCellularIsNotLookedAtWhenTheCloudComesBack) {
     EXPECT_EQ(DueAfter(1h), std::nullopt);
 }
 
+TEST_F(APoke, OverCellularHasBegunTenSecondsAfterTheLossAlsoWhenItIsOver) {
+    EXPECT_EQ(diagnosis.CellularBegan(), std::nullopt);
+    diagnosis.CloudIs(false, now);
+    const auto lost = now;
+    now += 12s;
+    diagnosis.CloudIs(true, now);
+    EXPECT_EQ(diagnosis.CellularBegan(), lost + 10s);
+}
+
 TEST_F(APoke, OverCellularBeginsWithItsAddress) {
     diagnosis.HasAddress(Path::CELLULAR, false, now);
     diagnosis.CloudIs(false, now);

@@ -7,7 +7,9 @@
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 
+#include <algorithm>
 #include <array>
+#include <cstring>
 
 namespace OrvNetlink {
 
@@ -29,6 +31,15 @@ public:
     }
     std::uint8_t Byte(std::uint16_t type) const {
         return Sized(type, sizeof(std::uint8_t)) ? mnl_attr_get_u8(found.at(type)) : std::uint8_t{0};
+    }
+    /// The attribute's bytes, which need not be aligned; what it lacks at its end stays zero.
+    template <typename Struct>
+    Struct Copy(std::uint16_t type) const {
+        Struct copy{};
+        if (Has(type))
+            std::memcpy(&copy, mnl_attr_get_payload(found.at(type)),
+                        std::min<std::size_t>(sizeof(copy), mnl_attr_get_payload_len(found.at(type))));
+        return copy;
     }
     Ipv4 Ip(std::uint16_t type) const { return Ipv4{Number(type)}; }
     std::string Text(std::uint16_t type) const {
@@ -81,6 +92,9 @@ std::optional<Link> ReadLink(const nlmsghdr& message) {
     link.running =
         message.nlmsg_type == RTM_NEWLINK && (header->ifi_flags & IFF_UP) != 0 && (header->ifi_flags & kLowerUp) != 0;
     link.pointToPoint = (header->ifi_flags & (IFF_POINTOPOINT | IFF_NOARP)) != 0;
+    const auto counted = attributes.Copy<rtnl_link_stats64>(IFLA_STATS64);
+    link.receivedBytes = counted.rx_bytes;
+    link.sentBytes = counted.tx_bytes;
     return link;
 }
 

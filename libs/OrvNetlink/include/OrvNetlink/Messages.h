@@ -19,6 +19,9 @@ struct Link {
     bool running = false;
     /// A link without addressing of its own (a modem's raw IP, PPP): it needs no gateway.
     bool pointToPoint = false;
+    /// What the kernel has counted on it since it was made.
+    std::uint64_t receivedBytes = 0;
+    std::uint64_t sentBytes = 0;
 };
 
 /// An IPv4 address of an interface.

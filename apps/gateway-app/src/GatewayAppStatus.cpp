@@ -1,0 +1,146 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the application tells about itself: its status file, and a line for each move of the route.
+#include "GatewayApp.h"
+
+#include <ConnInterfaceString.h>
+#include <GatewayMainBaseUnits/IpInterfacesMapping.h>
+
+#include <cstdio>
+#include <utility>
+
+namespace GatewayApp {
+
+using Path = RouteMoves::Path;
+using Seconds = std::chrono::duration<double>;
+
+namespace {
+
+constexpr std::size_t kPokesKept = 5;
+
+std::string InterfaceName(Path path) {
+    const char* const role = path == Path::ETHERNET ? "Ethernet" : "Cellular";
+    return GatewayMainBaseUnits::IpInterfacesMapping::GetInstance().GetInterfaceName(role);
+}
+
+std::string Word(Path path) {
+    switch (path) {
+    case Path::NONE:
+        return "none";
+    case Path::ETHERNET:
+        return "ethernet";
+    case Path::CELLULAR:
+        return "cellular";
+    case Path::OTHER:
+        break;
+    }
+    return "other";
+}
+
+std::string Shown(Path path) {
+    return (path == Path::ETHERNET ? "Ethernet (" : "Cellular (") + InterfaceName(path) + ")";
+}
+
+std::string Shown(std::chrono::steady_clock::duration time) {
+    char text[32];
+    std::snprintf(text, sizeof(text), "%.1f s", Seconds(time).count());
+    return text;
+}
+
+} // namespace
+
+Path Application::PathOf(const std::string& interface) const {
+    if (interface.empty())
+        return Path::NONE;
+    if (interface == InterfaceName(Path::ETHERNET))
+        return Path::ETHERNET;
+    return interface == InterfaceName(Path::CELLULAR) ? Path::CELLULAR : Path::OTHER;
+}
+
+void Application::FollowMoves() {
+    const auto now = std::chrono::steady_clock::now();
+    const std::optional<RouteMoves::Move> move = moves.Take(now);
+    if (!move)
+        return;
+    const bool toCellular = move->to == Path::CELLULAR;
+    ++(toCellular ? told.counters.failOvers : told.counters.returns);
+    std::string reason = ReasonOf(*move);
+    if (!move->followed)
+        reason += ", but the kernel's default route still leads elsewhere";
+    auto took = move->ended - move->begun;
+    std::string time = "the switch took " + Shown(took);
+    if (toCellular && move->ordered) {
+        took = move->ended - cloudLostAt;
+        time += ", " + Shown(took) + " since the loss";
+    } else if (!toCellular) {
+        time += " after " + Shown(move->begun - lastMoveAt) + " on Cellular";
+    }
+    lastMoveAt = move->ended;
+    logger.Info() << "the WAN route has moved from " << Shown(move->from) << " to " << Shown(move->to) << ": " << reason
+                  << "; " << time;
+    told.lastMove =
+        RunStatus::Move{Moment::Now(), Word(move->from), Word(move->to), std::move(reason), Seconds(took).count()};
+    statusWriter.Changed();
+}
+
+std::string Application::ReasonOf(const RouteMoves::Move& move) const {
+    const bool toCellular = move.to == Path::CELLULAR;
+    if (move.ordered && toCellular)
+        return "the cloud was lost on Ethernet (" + lastCloudLoss + ") and a poke over Cellular succeeded";
+    if (move.ordered)
+        return "a poke over Ethernet succeeded";
+    const auto left = toCellular ? WanInterfaces::Path::ETHERNET : WanInterfaces::Path::CELLULAR;
+    const std::string name = toCellular ? "Ethernet" : "Cellular";
+    if (!network.Wan().Running(left))
+        return name + " has no link, and ConnMan took the other interface";
+    if (!network.Wan().HasAddress(left))
+        return name + " has no address, and ConnMan took the other interface";
+    return "not by this application: ConnMan's order has changed, or another program has set the route";
+}
+
+void Application::NotePoke(Path path, bool good, std::optional<std::chrono::steady_clock::duration> atMost,
+                           const std::string& text, const std::string& knownFrom) {
+    RunStatus::Poke poke;
+    poke.at = Moment::Now();
+    poke.path = Word(path);
+    poke.good = good;
+    if (good)
+        poke.code = 0;
+    if (atMost)
+        poke.atMostSeconds = Seconds(*atMost).count();
+    poke.text = text;
+    poke.knownFrom = knownFrom;
+    told.pokes.push_front(std::move(poke));
+    if (told.pokes.size() > kPokesKept)
+        told.pokes.pop_back();
+    statusWriter.Changed();
+}
+
+std::string Application::StatusText() {
+    const auto now = std::chrono::steady_clock::now();
+    told.name = options.name;
+    told.sessionReady = started;
+    told.cloudHost = options.cloud.host;
+    told.cloudState = options.cloud.host.empty() ? "disabled" : (cloud.Connected() ? "connected" : "disconnected");
+    told.cloudInterface = cloudInterface;
+    told.cloudSource = cloud.Source();
+    // A connection from an address that is no WAN interface's runs elsewhere.
+    told.cloudPath = cloud.Connected() ? Word(cloudInterface.empty() ? Path::OTHER : PathOf(cloudInterface)) : "none";
+    told.cloudFailure = lastCloudFailure;
+    told.routeInterface = network.DefaultInterface();
+    told.routePath = Word(moves.Route());
+    told.expectedPath = ConnInterfaceString;
+    told.probation = ethernetGuard.OnProbation();
+    told.ticks = tickDurations.Count();
+    told.longestTickUs = std::chrono::duration_cast<std::chrono::microseconds>(tickDurations.Longest()).count();
+    told.counters.secondsOnEthernet = Seconds(moves.On(Path::ETHERNET, now)).count();
+    told.counters.secondsOnCellular = Seconds(moves.On(Path::CELLULAR, now)).count();
+    if (const auto link = network.Find(InterfaceName(Path::CELLULAR))) {
+        cellularReceived.Observe(link->receivedBytes);
+        cellularSent.Observe(link->sentBytes);
+    }
+    told.counters.cellularReceivedBytes = cellularReceived.Value();
+    told.counters.cellularSentBytes = cellularSent.Value();
+    return told.Json(Moment::Now());
+}
+
+} // namespace GatewayApp

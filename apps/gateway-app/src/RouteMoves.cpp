@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "RouteMoves.h"
+
+namespace GatewayApp {
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto kPatience = 3s;
+
+bool IsWan(RouteMoves::Path path) {
+    return path == RouteMoves::Path::ETHERNET || path == RouteMoves::Path::CELLULAR;
+}
+
+} // namespace
+
+void RouteMoves::Settle(Path path) {
+    if (IsWan(path))
+        settled = path;
+    told.reset();
+    begun.reset();
+}
+
+void RouteMoves::DefaultRouteIs(Path path, Time now) {
+    if (path == route)
+        return;
+    before.at(static_cast<std::size_t>(route)) += now - routeSince;
+    route = path;
+    routeSince = now;
+    if (settled == Path::NONE)
+        return Settle(path);
+    if (IsWan(path) && path != settled && !begun)
+        begun = now;
+    else if (path == settled && !told)
+        begun.reset();
+}
+
+void RouteMoves::Told(Path path, Time now) {
+    if (path == settled)
+        return;
+    told = path;
+    if (!begun)
+        begun = now;
+}
+
+std::optional<RouteMoves::Move> RouteMoves::Take(Time now) {
+    if (!begun)
+        return std::nullopt;
+    const bool agreed = told == route;
+    if (!agreed && now - *begun < kPatience)
+        return std::nullopt;
+    if (!told && !IsWan(route))
+        return std::nullopt; // on its way: the kernel has no route at this moment
+    const Path target = told.value_or(route);
+    const Move move{settled, target, told.has_value(), route == target, *begun, now};
+    Settle(target);
+    return move;
+}
+
+std::chrono::steady_clock::duration RouteMoves::On(Path path, Time now) const {
+    const auto current = path == route ? now - routeSince : std::chrono::steady_clock::duration::zero();
+    return before.at(static_cast<std::size_t>(path)) + current;
+}
+
+} // namespace GatewayApp
