@@ -2,15 +2,17 @@
 """script/measure flapping [SECONDS [FAULT...]]
 
 How often the WAN route moves under a fault that lasts, and for which part of the time the cloud is connected: gateway-app
-on a gateway box for SECONDS (180) a fault. Counts ticks, pokes that failed, log lines, and bytes on Cellular, too. Prints
-a line for each fault, asserts nothing. ORV_APP_OPTIONS: options for gateway-app, such as "--tick-ms 250". ORV_KEEP_LOG: where
-to leave the application's log.
+on a gateway box for SECONDS (180) a fault, ORV_BOXES (1) of them at a time. Counts pokes (attempts, and those that failed),
+log lines and bytes on Cellular, too, each for an hour: what was counted is divided by the time, moves are not. Prints a
+table row for each fault and asserts nothing. ORV_APP_OPTIONS: options for gateway-app, such as "--tick-ms 250".
+ORV_KEEP_LOG: a folder for the application's logs.
 """
 import os
 import pathlib
 import sys
 import tempfile
 import time
+from concurrent.futures import ThreadPoolExecutor
 
 from orv_testbed.application import Application
 from orv_testbed.box import Box
@@ -32,6 +34,7 @@ FAULTS = {
     "provider-dead": lambda box: box("provider", "eth", "dead"),
     "portal-on-cellular": lambda box: (box("portal", "cell", "on"), box("provider", "eth", "dead")),
     "portal-on-ethernet": lambda box: box("portal", "eth", "on"),
+    "lying-names": lambda box: box("names", "eth", "lie", "192.0.2.7"),
     "flapping-provider": None,
 }
 
@@ -52,38 +55,60 @@ def failed_by_round(lines):
     return rounds
 
 
-def measure(fault, seconds):
-    with tempfile.TemporaryDirectory() as folder, Box(f"f{os.getpid():x}") as box:
-        application = Application(box, pathlib.Path(folder), *os.environ.get("ORV_APP_OPTIONS", "").split())
-        application.wait_for_cloud("eth0", 10)
-        application.wait_for("Cloud connected with Ethernet interface", 5)
-        place, cellular, begin = application.mark(), bytes_on(box, "wwan0"), time.monotonic()
-        if fault == "flapping-provider":
-            flapping_provider(box, seconds)
-        else:
-            FAULTS[fault](box)
-            time.sleep(seconds)
-        end, log = time.monotonic(), application.log()[place:]
-        cellular = bytes_on(box, "wwan0") - cellular
-        up = application.connected_for(begin, end)
-        ticks = application.stop()["tick"]["count"]
-        if os.environ.get("ORV_KEEP_LOG"):
-            pathlib.Path(os.environ["ORV_KEEP_LOG"]).write_text(application.log(), encoding="utf-8")
-    lines = [line for line in log.splitlines() if " trace " not in line]
-    switches = sum(", reconnecting" in line for line in lines)
+def run(box, folder, fault, seconds):
+    """Returns the log's lines, the part of the time in which the cloud was connected, bytes on Cellular and ticks."""
+    application = Application(box, folder, *os.environ.get("ORV_APP_OPTIONS", "").split())
+    application.wait_for_cloud("eth0", 10)
+    application.wait_for("Cloud connected with Ethernet interface", 5)
+    place, cellular, begin = application.mark(), bytes_on(box, "wwan0"), time.monotonic()
+    if fault == "flapping-provider":
+        flapping_provider(box, seconds)
+    else:
+        FAULTS[fault](box)
+        time.sleep(seconds)
+    end, log = time.monotonic(), application.log()[place:]
+    cellular = bytes_on(box, "wwan0") - cellular
+    up = application.connected_for(begin, end) / (end - begin)
+    ticks = application.stop()["tick"]["count"]
+    if os.environ.get("ORV_KEEP_LOG"):
+        kept = pathlib.Path(os.environ["ORV_KEEP_LOG"]) / f"{fault}.log"
+        kept.write_text(application.log(), encoding="utf-8")
+    return [line for line in log.splitlines() if " trace " not in line], up, cellular, ticks
+
+
+def measure(number, fault, seconds):
+    with tempfile.TemporaryDirectory() as folder, Box(f"f{os.getpid():x}{number}") as box:
+        lines, up, cellular, ticks = run(box, pathlib.Path(folder), fault, seconds)
+
+    def an_hour(count):
+        return round(count * 3600 / seconds)
+
+    moves = sum(", reconnecting" in line for line in lines)
     failed = sum("poke error" in line for line in lines)
-    print(
-        f"{fault:20} {switches:8} {100 * up / (end - begin):7.1f} {failed:7} {len(lines):6} {cellular:9} {ticks:6}"
-        f"  {failed_by_round(lines)}",
-        flush=True,
+    pokes = failed + sum("poke success" in line for line in lines)
+    figures = (
+        moves,
+        f"{100 * up:.1f}",
+        f"{an_hour(pokes)} ({an_hour(failed)})",
+        an_hour(len(lines)),
+        an_hour(cellular),
+        an_hour(ticks),
+        failed_by_round(lines)[:6],
     )
+    print("| " + " | ".join(str(figure) for figure in (fault, *figures)) + " |", flush=True)
 
 
 def main():
     seconds = float(sys.argv[1]) if len(sys.argv) > 1 else 180
-    print(f"{'fault':20} switches    up % pokes/failed lines  cell-bytes ticks  failed by round; in {seconds:.0f} s")
-    for fault in sys.argv[2:] or FAULTS:
-        measure(fault, seconds)
+    faults = sys.argv[2:] or list(FAULTS)
+    print(
+        f"Moves in {seconds:.0f} s; pokes, lines, bytes and ticks an hour; pokes that failed in each of the first rounds"
+    )
+    print("| fault | moves | cloud % | pokes (failed) | log lines | bytes on Cellular | ticks | failed by round |")
+    print("|---|---|---|---|---|---|---|---|")
+    with ThreadPoolExecutor(int(os.environ.get("ORV_BOXES", "1"))) as boxes:
+        for done in [boxes.submit(measure, number, fault, seconds) for number, fault in enumerate(faults)]:
+            done.result()
 
 
 main()
