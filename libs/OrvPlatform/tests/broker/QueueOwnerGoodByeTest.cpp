@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The ends of connections to a broker that is behind: what has been published still arrives, within the bounds.
 #include "BrokerFixture.h"
-#include "HeldPolls.h"
+#include "ScriptedPoll.h"
 
 #include <poll.h>
 

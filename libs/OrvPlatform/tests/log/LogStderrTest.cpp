@@ -2,23 +2,16 @@
 // Standard error as a pipe, a terminal or a socket whose reader does not read, or that is replaced at run time. A sink
 // that waits for the reader is ended by the child's alarm.
 #include "CommonUtils/Logger.h"
-#include "support/LogLines.h"
-#include "support/WaitUntil.h"
+#include "log/StandardErrorEnds.h"
 
-#include <algorithm>
-#include <array>
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <functional>
 #include <gtest/gtest.h>
-#include <memory>
 #include <poll.h>
-#include <pty.h>
 #include <regex>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <thread>
@@ -34,60 +27,6 @@ struct Channel {
     const char* name;
     void (*open)(int& reader, int& writer);
 };
-
-void OpenPipe(int& reader, int& writer) {
-    int ends[2] = {-1, -1};
-    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-    reader = ends[0];
-    writer = ends[1];
-}
-
-void OpenTerminal(int& reader, int& writer) {
-    ASSERT_EQ(::openpty(&reader, &writer, nullptr, nullptr, nullptr), 0) << "no pseudo-terminal";
-    ::fcntl(reader, F_SETFD, FD_CLOEXEC);
-    ::fcntl(writer, F_SETFD, FD_CLOEXEC);
-}
-
-template <int type>
-void OpenSockets(int& reader, int& writer) {
-    int ends[2] = {-1, -1};
-    ASSERT_EQ(::socketpair(AF_UNIX, type | SOCK_CLOEXEC, 0, ends), 0);
-    reader = ends[0];
-    writer = ends[1];
-}
-
-/// All that there is to read, until nothing comes any more.
-std::string Drain(int reader) {
-    std::string text;
-    std::array<char, 16384> buffer{};
-    for (pollfd asked{reader, POLLIN, 0}; ::poll(&asked, 1, 50) > 0;) {
-        const auto count = ::read(reader, buffer.data(), buffer.size());
-        if (count <= 0)
-            break;
-        text.append(buffer.data(), static_cast<std::size_t>(count));
-    }
-    return text;
-}
-
-Lines LogLines(const std::string& text) {
-    Lines lines;
-    for (std::string line : SplitLines(text)) {
-        if (!line.empty() && line.back() == '\r')
-            line.pop_back();
-        lines.push_back(WithoutTime(line));
-    }
-    return lines;
-}
-
-/// What comes until there are so many lines, and a little longer.
-Lines NextLines(int reader, std::size_t count) {
-    std::string text;
-    OrvTest::WaitUntil([&] {
-        text += Drain(reader);
-        return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')) >= count;
-    });
-    return LogLines(text);
-}
 
 /// While it lives, the process can open nothing more, so that the sink must make do with the descriptor it has.
 class NoDescriptorToSpare {
@@ -330,90 +269,6 @@ TEST_P(StandardErrorOfATerminal, ThatAPersonHasStoppedIsNotWaitedFor) {
                   (Lines{"info [Test] after", "warning [Log] 2 records were lost before the previous one "
                                               "(standard error: its reader does not keep up)"}));
     });
-}
-
-/// A stream socket takes as much of a record as there is room for.
-class ARecordThatASocketHasCutOff : public testing::Test {
-protected:
-    ARecordThatASocketHasCutOff() {
-        OpenSockets<SOCK_STREAM>(reader, writer);
-        const int little = 1;
-        ::setsockopt(writer, SOL_SOCKET, SO_SNDBUF, &little, sizeof little);
-        log = std::make_unique<LogChannel>(MakeStderrSink(writer));
-        Say(*log, std::string(8000, 'x'));
-        begin = Drain(reader);
-        EXPECT_EQ(begin.back(), 'x') << "the record is not cut off";
-    }
-    ~ARecordThatASocketHasCutOff() override {
-        ::close(reader);
-        ::close(writer);
-    }
-
-    int reader = -1;
-    int writer = -1;
-    std::string begin;
-    std::unique_ptr<LogChannel> log;
-};
-
-TEST_F(ARecordThatASocketHasCutOff, IsFinishedBeforeTheNextOne) {
-    std::string text = begin;
-    while (text.find("after") == std::string::npos) {
-        Say(*log, "after");
-        const std::string more = Drain(reader);
-        ASSERT_NE(more, "");
-        text += more;
-    }
-    EXPECT_EQ(LogLines(text).at(0), "info [Test] " + std::string(8000, 'x'));
-    EXPECT_EQ(LogLines(text).at(1), "info [Test] after");
-}
-
-TEST_F(ARecordThatASocketHasCutOff, IsNotFinishedElsewhereButCounted) {
-    int laterReader = -1;
-    int laterWriter = -1;
-    OpenPipe(laterReader, laterWriter);
-    ::dup2(laterWriter, writer);
-    testing::internal::CaptureStderr();
-    Say(*log, "after");
-    Say(*log, "later");
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "The log loses records: standard error was replaced in the middle of a record\n");
-    EXPECT_EQ(NextLines(laterReader, 3), (Lines{"info [Test] after", "info [Test] later",
-                                                "warning [Log] 1 record was lost before the previous one "
-                                                "(standard error was replaced in the middle of a record)"}));
-    ::close(laterReader);
-    ::close(laterWriter);
-}
-
-TEST_F(ARecordThatASocketHasCutOff, IsFinishedByTheProcessThatBeganIt) {
-    const Ended child = RunInChild({}, [this] {
-        Say(*log, "after, in the child");
-        std::fputs(Drain(reader).c_str(), stderr);
-    });
-    EXPECT_EQ(child.Lines(), Lines{"info [Test] after, in the child"});
-    Say(*log, "after, in the parent");
-    EXPECT_EQ(Drain(reader).front(), 'x');
-}
-
-// A 32-bit processor with 32-bit times could not look at it.
-TEST(StandardErrorInAFile, MayHaveADateBeyond2038) {
-    const TemporaryFolder folder;
-    const std::string path = folder.Path("out");
-    const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    ASSERT_EQ(std::system(("touch -d 2040-01-01 " + path).c_str()), 0); // NOLINT(concurrency-mt-unsafe)
-    LogChannel log(MakeStderrSink(file));
-    Say(log, "text");
-    ::close(file);
-    EXPECT_EQ(LinesIn(path), Lines{"info [Test] text"});
-}
-
-TEST(StandardErrorOnAFullDisk, CostsTheRecordsOnly) {
-    const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
-    const Ended ended = RunInChild({}, [full] {
-        LogChannel log(MakeStderrSink(full));
-        Say(log, "lost");
-    });
-    EXPECT_EQ(ended.Lines(), Lines{"The log loses records: standard error: No space left on device"});
-    ::close(full);
 }
 
 } // namespace
