@@ -117,6 +117,15 @@ TEST_F(AnApplicationOnTheKit, IsStoppedWhenItAnswersItsOwnMessagesForEver) {
     listener->then = nullptr;
 }
 
+TEST_F(AnApplicationOnTheKit, LetsACheckInACallbackThrowIntoTheTest) {
+    Begin();
+    listener->then = [] { throw std::runtime_error("a failed check"); };
+    EXPECT_THROW(gateway.broker.Publish("/orv/panel/guid", "4711"), std::runtime_error);
+    listener->then = nullptr;
+    gateway.broker.Publish("/orv/panel/guid", "4712");
+    EXPECT_EQ(listener->heard, (Lines{"panel 4711", "panel 4712"}));
+}
+
 TEST_F(AnApplicationOnTheKit, MayBeReleasedInACallback) {
     Begin();
     listener->then = [&] { client.reset(); };
