@@ -24,7 +24,7 @@ TEST_F(AConnectedGateway, AsksNothingWhenTheInterfaceIsOnTopAlready) {
     for (int i = 0; i < 100; ++i)
         EXPECT_TRUE(link.SetTopPriorityInterface("eth0"));
     EXPECT_EQ(CallsUntilNow(), "");
-    EXPECT_EQ(Logged("log warning"), 0U);
+    EXPECT_EQ(Logged("put on top"), 0U);
 }
 
 TEST_F(AConnectedGateway, FollowsTheConnectionManagersOwnOrder) {
