@@ -7,17 +7,13 @@
 #include <GatewayMainBaseUnits/IpInterfacesMapping.h>
 #include <OrvResources/StaticConfigStore.h>
 #include <sys/epoll.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
 #if __has_include(<OrvPlatform/Settings.h>)
 #include <OrvPlatform/Settings.h>
 #define PLATFORM_RELOADS_LOG_LEVELS
 #endif
 
-#include <cerrno>
 #include <csignal>
 #include <stdexcept>
-#include <system_error>
 #include <utility>
 
 namespace GatewayApp {
@@ -38,17 +34,6 @@ WanInterfaces ConfiguredInterfaces() {
     return WanInterfaces(InterfaceName("Ethernet"), InterfaceName("Cellular"));
 }
 
-int OpenSignals() {
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1})
-        sigaddset(&set, signal);
-    const int descriptor = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (descriptor < 0)
-        throw std::system_error(errno, std::generic_category(), "open a descriptor for signals");
-    return descriptor;
-}
-
 std::chrono::steady_clock::time_point Now() {
     return std::chrono::steady_clock::now();
 }
@@ -62,7 +47,7 @@ Application::Application(AppOptions appOptions, std::vector<std::string> command
       logger("GatewayApp", kLogInfo),
       transcript(options.transcript),
       randomness(std::random_device()()),
-      signals(OpenSignals()),
+      signals({SIGTERM, SIGINT, SIGHUP, SIGUSR1}),
       mailbox(std::make_shared<Mailbox>()),
       startTimer(loop, [this] { TryToStart(); }),
       tickTimer(loop, [this] { Tick(); }),
@@ -107,7 +92,7 @@ void Application::Run() {
     if (OrvResources::CreateStaticConfigStore()->GetValue(kEndpoint).empty())
         logger.Warning() << "the WAN route will never move: gateway.ini names no endpoint to prove a path with. Set "
                             "endpoint = HOST in [cloud], and start the application anew";
-    loop.Watch(signals.Number(), EPOLLIN, [this](std::uint32_t) { OnSignal(); });
+    loop.Watch(signals.Descriptor(), EPOLLIN, [this](std::uint32_t) { OnSignal(); });
     loop.Watch(mailbox->ReadyDescriptor(), EPOLLIN, [this](std::uint32_t) { mailbox->DoAll(); });
     if (manager.WatchdogPeriod() > 0ms)
         watchdogTimer.Every(manager.WatchdogPeriod());
@@ -122,7 +107,7 @@ void Application::Run() {
     manager.Notify("STOPPING=1\nSTATUS=stopping");
     Stop();
     loop.Forget(mailbox->ReadyDescriptor());
-    loop.Forget(signals.Number());
+    loop.Forget(signals.Descriptor());
 }
 
 bool Application::CreateClient() {
@@ -203,9 +188,7 @@ void Application::Stop() {
 }
 
 void Application::OnSignal() {
-    signalfd_siginfo signal{};
-    while (read(signals.Number(), &signal, sizeof(signal)) == sizeof(signal)) {
-        const int number = static_cast<int>(signal.ssi_signo);
+    while (const int number = signals.Take()) {
         Note("signal", {{"number", std::to_string(number)}});
         if (number == SIGHUP) {
             Reload();

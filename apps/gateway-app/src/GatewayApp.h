@@ -18,6 +18,7 @@
 #include "StatusWriter.h"
 #include "TickRhythm.h"
 #include "Transcript.h"
+#include "signals/Signals.h"
 
 #include <CommonUtils/Logger.h>
 #include <OrvStackSdk/OrvStackSdk.h>
@@ -101,7 +102,7 @@ private:
     ServiceManager manager;
     Transcript transcript;
     std::mt19937 randomness;
-    Descriptor signals;
+    OrvSignals::Signals signals;
     std::shared_ptr<Mailbox> mailbox; // shared with the library's thread by way of the callbacks
     Timer startTimer;
     Timer tickTimer;

@@ -3,6 +3,7 @@
 #include "CloudDialer.h"
 #include "GatewayApp.h"
 #include "PathProver.h"
+#include "signals/Signals.h"
 
 #include <CommonUtils/Logger.h>
 #include <curl/curl.h>
@@ -18,15 +19,6 @@ namespace {
 // The unit file knows it: starting anew would not help.
 constexpr int kAnotherInstance = EX_TEMPFAIL;
 
-void BlockSignals() {
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1})
-        sigaddset(&set, signal);
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    std::signal(SIGPIPE, SIG_IGN);
-}
-
 int Run(const std::vector<std::string>& arguments) {
     const GatewayApp::AppOptions options = GatewayApp::ReadOptions(arguments);
     GatewayApp::Application application(options, arguments);
@@ -38,7 +30,8 @@ int Run(const std::vector<std::string>& arguments) {
 
 int main(int argc, char** argv) {
     // Before there is another thread: these are inherited by all, and curl's set-up is for one thread.
-    BlockSignals();
+    OrvSignals::Block({SIGTERM, SIGINT, SIGHUP, SIGUSR1});
+    std::signal(SIGPIPE, SIG_IGN);
     curl_global_init(CURL_GLOBAL_DEFAULT);
     int status = 1;
     try {

@@ -6,17 +6,12 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <csignal>
 #include <ctime>
 #include <iostream>
 #include <limits>
-#include <system_error>
 
 #include <poll.h>
-#include <pthread.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
 
 namespace OrvShell {
 
@@ -24,6 +19,8 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::system_clock;
+
+constexpr std::initializer_list<int> ENDING_SIGNALS{SIGINT, SIGTERM, SIGHUP};
 
 std::string TimeStamp(system_clock::time_point time) {
     const std::time_t seconds = system_clock::to_time_t(time);
@@ -36,32 +33,20 @@ std::string TimeStamp(system_clock::time_point time) {
     return std::string(text.data(), length) + '.' + digits + 'Z';
 }
 
-sigset_t EndingSignals() {
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
-        sigaddset(&set, signal);
-    return set;
-}
-
 } // namespace
 
 void BlockEndingSignals() {
-    const sigset_t set = EndingSignals();
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    OrvSignals::Block(ENDING_SIGNALS);
 }
 
 Loop::Loop(Shell::ClientMaker maker, Input& source, milliseconds interval)
     : input(source),
       tickInterval(interval),
       shell(std::move(maker), [this](const std::string& text) { input.Show(text); }),
-      nextTick(Shell::Clock::now() + interval) {}
+      nextTick(Shell::Clock::now() + interval),
+      signals(ENDING_SIGNALS) {}
 
 int Loop::Run() {
-    const sigset_t set = EndingSignals();
-    signals = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (signals < 0)
-        throw std::system_error(errno, std::generic_category(), "signalfd");
     if (Start()) {
         while (Step())
             Sleep();
@@ -70,7 +55,6 @@ int Loop::Run() {
         ShowCallbacks();
         input.ShowLog();
     }
-    close(signals);
     if (interrupted && input.StopsAtFailure())
         Fail("interrupted");
     return failed ? COMMAND_FAILED : SUCCESS;
@@ -118,17 +102,17 @@ bool Loop::ExecuteNext() {
 }
 
 void Loop::Sleep() {
-    std::array<pollfd, 4> sources{{{signals, POLLIN, 0},
+    std::array<pollfd, 4> sources{{{signals.Descriptor(), POLLIN, 0},
                                    {shell.CallbackDescriptor(), POLLIN, 0},
                                    {shell.Waiting() ? -1 : input.Descriptor(), POLLIN, 0},
                                    {input.LogDescriptor(), POLLIN, 0}}};
     if (poll(sources.data(), sources.size(), TimeoutToNextDeadline()) <= 0)
         return;
-    signalfd_siginfo signal{};
     if (sources[3].revents != 0)
         input.ShowLog();
-    if (sources[0].revents != 0 && read(signals, &signal, sizeof signal) > 0)
-        interrupted = signal.ssi_signo != SIGINT || !input.CancelLine();
+    const int signal = signals.Take();
+    if (signal != 0)
+        interrupted = signal != SIGINT || !input.CancelLine();
     if (sources[2].revents != 0)
         input.Read();
 }

@@ -3,6 +3,7 @@
 
 #include "Input.h"
 #include "Shell.h"
+#include "signals/Signals.h"
 
 #include <chrono>
 
@@ -40,7 +41,7 @@ private:
     const std::chrono::milliseconds tickInterval;
     Shell shell;
     TimePoint nextTick;
-    int signals = -1;
+    OrvSignals::Signals signals;
     bool interrupted = false;
     bool failed = false;
 };

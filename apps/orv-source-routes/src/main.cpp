@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Options.h"
 #include "RouteKeeper.h"
+#include "signals/Signals.h"
 
 #include <CommonUtils/Logger.h>
 #include <GatewayMainBaseUnits/IpInterfacesMapping.h>
 #include <linux/rtnetlink.h>
 #include <poll.h>
-#include <sys/signalfd.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
@@ -59,37 +58,24 @@ std::vector<InterfaceTable> ParseArguments(int argc, char** argv) {
     return tables;
 }
 
-int OpenSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    const int descriptor = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (descriptor < 0)
-        throw std::system_error(errno, std::generic_category(), "open a descriptor for signals");
-    return descriptor;
-}
-
 /// @return false when something of its own may be left in the kernel
 bool Run(std::vector<InterfaceTable> tables) {
-    const int signals = OpenSignals();
+    OrvSignals::Block({SIGTERM, SIGINT});
+    const OrvSignals::Signals signals({SIGTERM, SIGINT});
     // Opened before the first look, so that nothing is missed between the two.
     OrvNetlink::Socket notifications(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE |
                                      (1U << (RTNLGRP_IPV4_RULE - 1)));
     RouteKeeper keeper(std::move(tables));
     for (;;) {
         const bool done = keeper.Refresh();
-        pollfd waiting[] = {{signals, POLLIN, 0}, {notifications.Descriptor(), POLLIN, 0}};
+        pollfd waiting[] = {{signals.Descriptor(), POLLIN, 0}, {notifications.Descriptor(), POLLIN, 0}};
         poll(waiting, 2, done ? -1 : kRetryMs);
         if (waiting[0].revents != 0)
             break;
         // Only a hint: the kernel drops some routes without a word, so the whole state is read anew.
         static_cast<void>(notifications.ReadNotifications([](const nlmsghdr&) {}));
     }
-    const bool gone = keeper.Withdraw();
-    close(signals);
-    return gone;
+    return keeper.Withdraw();
 }
 
 } // namespace
