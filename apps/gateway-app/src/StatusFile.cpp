@@ -38,6 +38,13 @@ std::pair<std::string, std::string> FolderAndName(const std::string& path) {
     return {path.substr(0, slash), path.substr(slash + 1)};
 }
 
+int OpenNotifications() {
+    const int descriptor = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    if (descriptor < 0)
+        throw std::system_error(errno, std::generic_category(), "watch files (see fs.inotify.max_user_instances)");
+    return descriptor;
+}
+
 } // namespace
 
 void StatusFileContent::Reported(OrvEvent event) {
@@ -77,7 +84,7 @@ StatusFileWatch::StatusFileWatch(EventLoop& eventLoop, std::string path, std::fu
     : loop(eventLoop),
       file(std::move(path)),
       repair(std::move(putRight)),
-      notifications(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)),
+      notifications(OpenNotifications()),
       timer(eventLoop, [this] { Look(); }) {
     const std::string folder = FolderAndName(file).first;
     // The folder and not the file, which may be removed, or replaced by another one.

@@ -2,12 +2,15 @@
 #include "StatusFile.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <string>
+#include <system_error>
 
 namespace GatewayApp {
 namespace {
@@ -101,6 +104,21 @@ protected:
     int leaveAfter = 1;
     StatusFileWatch watch;
 };
+
+TEST_F(AStatusFile, ThatCannotBeWatchedSaysWhichLimitIsReached) {
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none{0, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    std::string reason;
+    try {
+        const StatusFileWatch another(loop, file, [] {});
+    } catch (const std::system_error& error) {
+        reason = error.what();
+    }
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(reason, "watch files (see fs.inotify.max_user_instances): Too many open files");
+}
 
 TEST_F(AStatusFile, IsPutRightWhenAnotherProgramHasWrittenIt) {
     watch.SetActive(true);
