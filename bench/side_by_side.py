@@ -10,21 +10,27 @@ the cloud; bytes of the contestant's own checks on Cellular (IP bytes on TCP por
 what that makes an hour; the machine's load. Asserts nothing. Needs root, `script/bootstrap bench box`, and gateway-app and
 orv-source-routes (built; ORV_BUILD names the folder).
 """
+from __future__ import annotations
+
 import argparse
 import concurrent.futures
 import json
 import os
 import pathlib
 import queue
-import re
 import subprocess
 import tempfile
 import threading
 import time
 import traceback
+from typing import Any
 
-from orv_testbed.box import Box, at
+from orv_testbed.box import Box
+from orv_testbed.timestamps import at
 from peers.contestants import CONTESTANTS
+
+Result = dict[str, Any]
+Move = tuple[float, str]  # when, to which interface
 
 HERE = pathlib.Path(__file__).resolve().parent
 
@@ -47,25 +53,26 @@ chain output { type filter hook output priority -10; oifname wwan0 tcp dport { 8
 class Route(threading.Thread):
     """Watches over which interface the best default route leads: `moves` are (time, interface)."""
 
-    def __init__(self, box):
+    def __init__(self, box: Box) -> None:
         super().__init__(daemon=True)
         holder = (box.folder / "pid/gateway").read_text(encoding="ascii").split()[0]
         self.table = pathlib.Path(f"/proc/{holder}/net/route")
-        self.moves, self.ended = [], threading.Event()
+        self.moves: list[Move] = []
+        self.ended = threading.Event()
 
-    def best(self):
+    def best(self) -> str | None:
         lines = [line.split() for line in self.table.read_text(encoding="ascii").splitlines()[1:]]
         routes = [(int(words[6]), words[0]) for words in lines if words[1] == words[7] == "00000000"]
         return min(routes)[1] if routes else None
 
-    def run(self):
+    def run(self) -> None:
         before = None
         while not self.ended.wait(0.02):
             try:
                 now = self.best()
             except OSError:
                 return
-            if now not in (None, before):  # none: it is just being replaced
+            if now is not None and now != before:  # none: it is just being replaced
                 self.moves.append((time.time(), now))
                 before = now
 
@@ -73,11 +80,11 @@ class Route(threading.Thread):
 class Trial:
     """One contestant on a box."""
 
-    def __init__(self, name, box, folder):
+    def __init__(self, name: str, box: Box, folder: pathlib.Path) -> None:
         self.box, self.folder = box, folder
         self.contestant = CONTESTANTS[name]()
         self.namespace = box.environment["ORV_BOX"]
-        self.page = self.in_cloud(HERE / "peers/check_page.py", CLOUD, ETHERNET, CELLULAR)
+        self.page = self.in_cloud(str(HERE / "peers/check_page.py"), CLOUD, ETHERNET, CELLULAR)
         subprocess.run(self.on_gateway("nft", "-f", "-"), input=COUNTERS, text=True, check=True)
         self.contestant.start(box, folder)
         with open(folder / "stand-in", "w", encoding="utf-8") as log:
@@ -97,35 +104,35 @@ class Trial:
         self.route = Route(box)
         self.route.start()
 
-    def on_gateway(self, *command):
+    def on_gateway(self, *command: str) -> list[str]:
         return ["ip", "netns", "exec", f"{self.namespace}-gw", *command]
 
-    def in_cloud(self, *command):
+    def in_cloud(self, *command: str) -> subprocess.Popen[bytes]:
         with open(self.folder / "checks", "w", encoding="utf-8") as log:
             return subprocess.Popen(
-                ["ip", "netns", "exec", f"{self.namespace}-cloud", "/usr/bin/python3", *map(str, command)],
+                ["ip", "netns", "exec", f"{self.namespace}-cloud", "/usr/bin/python3", *command],
                 stdin=subprocess.DEVNULL,
                 stdout=log,
                 stderr=log,
             )
 
-    def close(self):
+    def close(self) -> None:
         self.route.ended.set()
         self.page.kill()
         self.page.wait()
 
-    def keep(self, place, result):
+    def keep(self, place: pathlib.Path, result: Result) -> None:
         for file in [*self.folder.iterdir(), self.box.folder / "log/connman"]:
             target = place / f"{result['contestant']}-{result['fault']}-{file.name}"
             target.write_bytes(file.read_bytes())
         with open(place / "results.jsonl", "a", encoding="utf-8") as results:
             results.write(json.dumps(result) + "\n")
 
-    def attempts(self):
+    def attempts(self) -> list[dict[str, Any]]:
         lines = (self.folder / "stand-in").read_text(encoding="utf-8").splitlines()
         return [json.loads(line) for line in lines if line.startswith("{") and line.endswith("}")]
 
-    def over_cellular(self, since):
+    def over_cellular(self, since: float) -> float | None:
         """When the first new connection over Cellular was made; None: not yet."""
         return next(
             (
@@ -136,27 +143,27 @@ class Trial:
             None,
         )
 
-    def check_bytes(self):
+    def check_bytes(self) -> int:
         told = subprocess.run(
             self.on_gateway("nft", "list", "counter", "inet", "bench", "check"),
             text=True,
             capture_output=True,
             check=True,
         ).stdout
-        return int(re.search(r"bytes (\d+)", told).group(1))
+        return int(told.split("bytes ")[1].split()[0])
 
-    def proofs(self, side):
+    def proofs(self, side: str) -> list[float]:
         """When the cloud has seen a handshake of a poke or a check over that side."""
         checks = (line.split() for line in (self.folder / "checks").read_text(encoding="utf-8").splitlines())
         return [float(words[0]) for words in checks if words[1:] == [side]] + [
             at(time) for time in self.box.handshakes(side)
         ]
 
-    def unproven(self, moves):
+    def unproven(self, moves: list[Move]) -> int:
         proofs = {name: self.proofs(side) for name, side in (("eth0", "eth"), ("wwan0", "cell"))}
         return sum(not any(when - FRESH <= proof <= when for proof in proofs[name]) for when, name in moves)
 
-    def reached(self, begin, end):
+    def reached(self, begin: float, end: float) -> tuple[float, float]:
         """For which part of the time new connections succeeded, and the longest time in which none did."""
         entries = [entry for entry in self.attempts() if begin <= entry["begin"] < end]
         total, gap, last = 0.0, 0.0, begin
@@ -167,7 +174,7 @@ class Trial:
         return total / (end - begin), max(gap, end - last)
 
 
-def settle_and_spoil(trial, fault, seconds):
+def settle_and_spoil(trial: Trial, fault: str, seconds: float) -> tuple[float, float, int]:
     """Lets the contestant settle, then the fault last; returns when that began and ended, and the bytes of its checks."""
     time.sleep(trial.contestant.settling)
     if trial.route.best() != "eth0":
@@ -182,7 +189,7 @@ def settle_and_spoil(trial, fault, seconds):
     return begin, time.time(), trial.check_bytes() - before
 
 
-def measure(name, fault, seconds, keep):
+def measure(name: str, fault: str, seconds: float, keep: str | None) -> Result:
     box_name = BOXES.get()
     box = Box(box_name)
     if name != "gateway-app":
@@ -222,7 +229,7 @@ HEAD = (
 )
 
 
-def line(result):
+def line(result: Result) -> str:
     after = result["cellular_after"]
     return (
         f"{result['contestant']:24} {result['fault']:20} {'-' if after is None else format(after, '.1f'):>10} "
@@ -232,10 +239,10 @@ def line(result):
     )
 
 
-BOXES = queue.Queue()
+BOXES: queue.Queue[str] = queue.Queue()
 
 
-def main():
+def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument(
         "contestants", nargs="*", metavar="CONTESTANT", help=f"of {', '.join(CONTESTANTS)}; default: all"

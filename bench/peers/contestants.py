@@ -1,31 +1,24 @@
 # SPDX-License-Identifier: Apache-2.0
 """Who decides on the box where the gateway's default route leads: gateway-app, or a connection manager by itself."""
+from __future__ import annotations
+
 import os
 import pathlib
 import shutil
 import signal
+from collections.abc import Callable
+from typing import Protocol
 
 from orv_testbed.application import Application
-from orv_testbed.box import ROOT, wait_until
+from orv_testbed.box import Box
+from orv_testbed.programs import daemon
+from orv_testbed.waiting import wait_until
 
 CHECK = "http://cloud.box.test/check"
 
 
-def unpacked(path):
-    """A program that script/bootstrap has unpacked, or the machine's own."""
-    tools = pathlib.Path(os.environ.get("ORV_TOOLS", ROOT / "build/tools"))
-    found = [str(place) for place in (tools / path, pathlib.Path("/", path)) if place.exists()]
-    if not found:
-        raise RuntimeError(f"{path} is missing: script/bootstrap bench")
-    return found[0]
-
-
-def pid_of(box, process):
-    return int((box.folder / "pid" / process).read_text(encoding="ascii").split()[0])
-
-
-def end(box, process):
-    pid = pid_of(box, process)
+def end(box: Box, process: str) -> None:
+    pid = box.pid_of(process)
     os.kill(pid, signal.SIGTERM)
     command_line = pathlib.Path(f"/proc/{pid}/cmdline")  # empty when only its status is left
     wait_until(lambda: not command_line.exists() or not command_line.read_text(encoding="utf-8"), 5, f"{process} ended")
@@ -36,7 +29,7 @@ class GatewayApp:
 
     settling = 5
 
-    def start(self, box, folder):
+    def start(self, box: Box, folder: pathlib.Path) -> None:
         application = Application(box, folder)
         application.wait_for("Cloud connected with Ethernet interface", 30)
 
@@ -46,10 +39,10 @@ class ConnMan:
 
     settling = 30
 
-    def __init__(self, *settings):
+    def __init__(self, *settings: str) -> None:
         self.settings = settings
 
-    def start(self, box, _folder):
+    def start(self, box: Box, folder: pathlib.Path) -> None:
         box("connman", "stop")
         file = box.folder / "gateway/etc/orv/connman.conf"
         lines = [line for line in file.read_text(encoding="utf-8").splitlines() if "OnlineCheck" not in line]
@@ -65,7 +58,7 @@ class ConnMan:
         else:
             raise AssertionError("ConnMan does not put Ethernet on top")
         # Its experimental check can ask hundreds of times a second: the other boxes' share of the processor is not for that.
-        os.setpriority(os.PRIO_PROCESS, pid_of(box, "connman"), 19)
+        os.setpriority(os.PRIO_PROCESS, box.pid_of("connman"), 19)
 
 
 NM_SETTINGS = """[main]
@@ -107,12 +100,12 @@ class NetworkManager:
     """NetworkManager instead of ConnMan. With `server_routes` its profiles have a route to each provider's name server
     over that provider, as ConnMan makes them: without, every look-up takes the default route."""
 
-    def __init__(self, interval=None, server_routes=True, settling=30):
+    def __init__(self, interval: int | None = None, server_routes: bool = True, settling: int = 30) -> None:
         self.interval = interval
         self.server_routes = server_routes
         self.settling = settling
 
-    def start(self, box, folder):
+    def start(self, box: Box, folder: pathlib.Path) -> None:
         box("connman", "stop")
         self.write(box.folder / "gateway")
         end(box, "resolver")  # which reads what ConnMan knows of name servers
@@ -134,11 +127,11 @@ class NetworkManager:
             )
         with open(folder / "NetworkManager.log", "w", encoding="utf-8") as log:
             box.start(
-                "unshare", "--mount", "sh", "-c", NM_START, unpacked("usr/sbin/NetworkManager"), stdout=log, stderr=log
+                "unshare", "--mount", "sh", "-c", NM_START, daemon("NetworkManager", "bench"), stdout=log, stderr=log
             )
         wait_until(lambda: sorted(box.default_interfaces()) == ["eth0", "wwan0"], 30, "NetworkManager's default routes")
 
-    def write(self, gateway):
+    def write(self, gateway: pathlib.Path) -> None:
         settings = gateway / "etc/NetworkManager"
         for folder in (settings, gateway / "run/NetworkManager", gateway / "var/lib/NetworkManager"):
             shutil.rmtree(folder, ignore_errors=True)
@@ -156,7 +149,14 @@ class NetworkManager:
             profile.chmod(0o600)
 
 
-CONTESTANTS = {
+class Contestant(Protocol):
+    settling: int  # seconds
+
+    def start(self, box: Box, folder: pathlib.Path) -> None:
+        ...
+
+
+CONTESTANTS: dict[str, Callable[[], Contestant]] = {
     "gateway-app": GatewayApp,
     "networkmanager": lambda: NetworkManager(settling=240),  # so the fault comes 60 s before the next of its checks
     "networkmanager-1s": lambda: NetworkManager(1),

@@ -6,6 +6,8 @@ A stand-in for a product's connection to the cloud: looks HOST up and makes a TL
 nothing, so that it takes whatever way the gateway offers. Writes a JSON line for every attempt: when it began and ended
 (seconds since 1970) and from which address it was made, or null when it failed.
 """
+from __future__ import annotations
+
 import json
 import socket
 import ssl
@@ -18,12 +20,12 @@ PAUSE = 0.5
 trust = ssl.create_default_context()
 
 
-def attempt():
+def attempt() -> str | None:
     try:
-        address = socket.getaddrinfo(HOST, PORT, socket.AF_INET, socket.SOCK_STREAM)[0][4]
-        with socket.create_connection(address, LONGEST_STEP) as plain:
+        address = str(socket.getaddrinfo(HOST, PORT, socket.AF_INET, socket.SOCK_STREAM)[0][4][0])
+        with socket.create_connection((address, PORT), LONGEST_STEP) as plain:
             with trust.wrap_socket(plain, server_hostname=HOST) as secure:
-                return secure.getsockname()[0]
+                return str(secure.getsockname()[0])
     except OSError:
         return None
 

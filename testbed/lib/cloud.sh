@@ -45,7 +45,7 @@ E
 
 open_cloud() {
     alive cloud-https ||
-        start cloud-https ip netns exec "$cloud_ns" /usr/bin/python3 -u "$here/orv_testbed/endpoint.py" "$state/cloud" \
+        start cloud-https ip netns exec "$cloud_ns" /usr/bin/python3 -Bu -m orv_testbed.cloud_https "$state/cloud" \
             "$cloud_address" "$eth_net." "$cell_net."
     alive cloud-mqtt ||
         start cloud-mqtt ip netns exec "$cloud_ns" "${mosquitto:-$(find_daemon mosquitto)}" -c "$state/cloud/mosquitto.conf"

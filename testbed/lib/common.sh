@@ -6,6 +6,7 @@ name=${ORV_BOX:-orv}
 state=${ORV_BOX_DIR:-${TMPDIR:-/tmp}/orv-box-$name}
 repo=$(cd "$here/.." && pwd)
 tools=${ORV_TOOLS:-$repo/build/tools}
+export PYTHONPATH=$here${PYTHONPATH:+:$PYTHONPATH}
 
 gateway_ns=$name-gw
 eth_ns=$name-eth

@@ -128,7 +128,7 @@ start_modem() {
         ip -n "$gateway_ns" link set dev wwan0 up
     fi
     [ -e "$state/cellular-address" ] || echo "$cell_net.50" >"$state/cellular-address"
-    start modem "$0" exec /usr/bin/python3 -u "$here/orv_testbed/modem.py" \
+    start modem "$0" exec /usr/bin/python3 -Bu -m orv_testbed.modem \
         wwan0 "$(cat "$state/cellular-address")" 255.255.255.0 "$cell_net.1" "$cell_names"
     if ! wait_for 10 on_bus_or_ended modem org.ofono || ! alive modem; then
         die "the modem manager does not come onto the bus: thaw a frozen bus first ($0 bus thaw), or see $state/log/modem"

@@ -104,7 +104,7 @@ fault_portal() {
     case ${2-} in
         on)
             alive "portal-$1" ||
-                start "portal-$1" ip netns exec "$ns" /usr/bin/python3 -u "$here/orv_testbed/portal.py" "$state/cloud/tls" "$portal_name"
+                start "portal-$1" ip netns exec "$ns" /usr/bin/python3 -Bu -m orv_testbed.portal "$state/cloud/tls" "$portal_name"
             wait_for 5 listens "$ns" 8883 || die "the portal does not start, see $state/log/portal-$1"
             filter "$ns" portal \
                 'chain prerouting { type nat hook prerouting priority dstnat; iifname lan tcp dport { 80, 443, 8883 } redirect; }' \

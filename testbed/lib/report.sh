@@ -4,7 +4,7 @@
 
 # One line a service, in ConnMan's order: interface, state, type, address, name servers, path.
 report_services() {
-    DBUS_SYSTEM_BUS_ADDRESS=unix:path=$bus_socket timeout 5 /usr/bin/python3 "$here/orv_testbed/services.py" 2>/dev/null
+    DBUS_SYSTEM_BUS_ADDRESS=unix:path=$bus_socket timeout 5 /usr/bin/python3 -B -m orv_testbed.services 2>/dev/null
 }
 
 report_status() {

@@ -1,13 +1,27 @@
 # SPDX-License-Identifier: Apache-2.0
 """What must hold on the gateway, whatever has happened to it."""
-from orv_testbed.box import at
-from orv_testbed.wire import AVAILABLE, CLOUD, GREEN, INHIBIT, NO_NETWORK, YELLOW
+from __future__ import annotations
+
+from collections.abc import Iterator, Sequence
+from typing import TYPE_CHECKING
+
+from orv_testbed.application import Application
+from orv_testbed.box import Box
+from orv_testbed.timestamps import at
+from orv_testbed.topics import CLOUD, GREEN, INHIBIT_DNS, NO_NETWORK, YELLOW
+from orv_testbed.wire import AVAILABLE, Witness
+
+if TYPE_CHECKING:
+    from orv_testbed.scene import Scene
+
+# (place in the application's log, by how many seconds its clock is off from there on)
+Clocks = Sequence[tuple[int, int]]
 
 NAME_SERVERS = {"eth0": "10.21.0.53", "wwan0": "10.22.0.53"}
 CLOCK_GRAIN = 0.001  # both logs have milliseconds
 
 
-def true_times(log, clocks):
+def true_times(log: str, clocks: Clocks) -> Iterator[tuple[float, str]]:
     """(time, line) of each line; `clocks`: by how many seconds the application's clock was off, from which place on."""
     place, remaining, off = 0, list(clocks), 0
     for line in log.splitlines(keepends=True):
@@ -18,9 +32,9 @@ def true_times(log, clocks):
             yield at(line.split(" ", 1)[0]) - off, line.rstrip("\n")
 
 
-def unproven_moves(application, box, clocks=()):
+def unproven_moves(application: Application, box: Box, clocks: Clocks = ()) -> list[str]:
     """Switches of the route that the cloud cannot confirm: no TLS handshake over that path within the attempt."""
-    attempts = {"eth": None, "cell": None}
+    attempts: dict[str, float | None] = {"eth": None, "cell": None}
     ends = {"poke success, route to Cell": "cell", "poke success, route to ETH": "eth"}
     begins = {"Started Poke to cell if": "cell", "Started Poke eth if": "eth"}
     handshakes = {side: [at(time) for time in box.handshakes(side)] for side in attempts}
@@ -58,7 +72,7 @@ DECISIONS = {
 LOGGED_LATER = 0.5  # an order is on its way before the decision for it is logged
 
 
-def orders_without_a_decision(application):
+def orders_without_a_decision(application: Application) -> list[str]:
     """Orders that ConnMan has carried out although the supervision did not stand for that interface."""
     faults = []
     for interface, meanings in DECISIONS.items():
@@ -75,14 +89,15 @@ def orders_without_a_decision(application):
     return faults
 
 
-def inhibits_not_told(application, witness, wire_cut_at=None):
+def inhibits_not_told(application: Application, witness: Witness, wire_cut_at: int | None = None) -> list[str]:
     """The DNS topic's values on the wire against the supervision's steps in the log.
 
     Compared up to the first moment from which they may differ: without the broker nothing is published, and Cellular's
     address is mirrored on the wire without a word in the log.
     """
     log = application.log()
-    limits = [place for place in (wire_cut_at, log.find("event CELLULAR_IP_LOST")) if place not in (None, -1)]
+    places = (wire_cut_at, log.find("event CELLULAR_IP_LOST"))
+    limits = [place for place in places if place is not None and place >= 0]
     known = log[: min(limits)] if limits else log
     published = {
         "Started Poke to cell if": "inhibit",
@@ -92,14 +107,14 @@ def inhibits_not_told(application, witness, wire_cut_at=None):
         "poke success, route to ETH": "permit",
     }
     expected = [value for line in known.splitlines() for text, value in published.items() if text in line]
-    seen = witness.payloads(INHIBIT)
+    seen = witness.payloads(INHIBIT_DNS)
     if limits:
         seen = seen[: len(expected)]
-    return [] if seen == expected else [f"on {INHIBIT}: {seen}, but by the log {expected}"]
+    return [] if seen == expected else [f"on {INHIBIT_DNS}: {seen}, but by the log {expected}"]
 
 
-def expected_statuses(application):
-    def is_on(on, off):
+def expected_statuses(application: Application) -> dict[str, str]:
+    def is_on(on: str, off: str) -> bool:
         return application.reported(on, off) == on
 
     return {
@@ -110,14 +125,14 @@ def expected_statuses(application):
     }
 
 
-def unsettled(scene, interface, state, inhibit):
+def unsettled(scene: Scene, interface: str, state: str, inhibit: str | None) -> list[str]:
     """What is not yet as it must be when the cloud is connected over `interface` and nothing is under way."""
     box, application = scene.box, scene.application
     up = [name for name in ("eth0", "wwan0") if name == interface or name in scene.connected]
     order = [interface] + [name for name in up if name != interface]
     faults = []
 
-    def compare(what, found, wanted):
+    def compare(what: str, found: object, wanted: object) -> bool:
         if found != wanted:
             faults.append(f"{what}: {found}, but it must be {wanted}")
         return found == wanted
@@ -145,7 +160,7 @@ def unsettled(scene, interface, state, inhibit):
     if not faults:
         kept = {GREEN: "On", YELLOW: "Off", CLOUD: "true", NO_NETWORK: "false"}
         if inhibit:
-            kept[INHIBIT] = inhibit
+            kept[INHIBIT_DNS] = inhibit
         found = {topic: payload for topic, payload in scene.witness.kept().items() if not scene.is_a_neighbours(topic)}
         if scene.wire_cut_at is not None and found.get(AVAILABLE) == "false":
             del found[AVAILABLE]  # the last will of the connection that was cut; the live "true" does not clear it

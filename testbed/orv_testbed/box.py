@@ -1,56 +1,42 @@
 # SPDX-License-Identifier: Apache-2.0
-"""The gateway box, as the scenarios see it."""
-import datetime
+"""A gateway box, as those who use it from Python see it: everything goes through the command testbed/box."""
+from __future__ import annotations
+
 import json
 import os
 import pathlib
 import signal
 import subprocess
 import tempfile
-import time
+from typing import Any
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
+from orv_testbed.programs import TESTBED, program
+from orv_testbed.status_files import ERRORS, STATUSES, read_statuses
 
-# Beside the fixed delays, what a busy machine may add.
-SLACK = 15.0
-
-
-def wait_until(condition, seconds, what):
-    """Waits until `condition()` is true and returns what it returned; `what` may be a function, called on failure."""
-    deadline = time.monotonic() + seconds
-    while True:
-        result = condition()
-        if result:
-            return result
-        if time.monotonic() >= deadline:
-            raise AssertionError(f"not within {seconds:.0f} s: {what() if callable(what) else what}")
-        time.sleep(0.05)
+LONGEST_COMMAND = 90  # seconds
 
 
-def program(name):
-    """The newest build of one of our programs."""
-    named = os.environ.get("ORV_BUILD")
-    folders = [pathlib.Path(named)] if named else list((ROOT / "build").glob("*"))
-    built = [folder / "bin" / name for folder in folders if (folder / "bin" / name).exists()]
-    if not built:
-        raise RuntimeError(f"{name} is not built: cmake --preset debug && cmake --build --preset debug")
-    return str(max(built, key=lambda path: path.stat().st_mtime))
+class Failed(AssertionError):
+    """A command of the box has failed; the text is what it said."""
 
 
 class Box:
-    def __init__(self, name):
-        self.folder = pathlib.Path(tempfile.gettempdir()) / f"orv-box-{name}"
-        self.environment = dict(
-            os.environ,
-            ORV_BOX=name,
-            ORV_BOX_DIR=str(self.folder),
-            ORV_SOURCE_ROUTES=program("orv-source-routes"),
-            PYTHONPATH=str(ROOT / "testbed"),
-            PYTHONDONTWRITEBYTECODE="1",
-        )
-        self.processes = []
+    """Up within `with`. `name` has 8 small letters and digits at most."""
 
-    def __enter__(self):
+    def __init__(self, name: str) -> None:
+        self.name = name
+        self.folder = pathlib.Path(tempfile.gettempdir()) / f"orv-box-{name}"
+        self.environment = {
+            **os.environ,
+            "ORV_BOX": name,
+            "ORV_BOX_DIR": str(self.folder),
+            "ORV_SOURCE_ROUTES": program("orv-source-routes"),
+            "PYTHONPATH": str(TESTBED),  # for the package's programs on the gateway
+            "PYTHONDONTWRITEBYTECODE": "1",
+        }
+        self.processes: list[subprocess.Popen[str]] = []
+
+    def __enter__(self) -> Box:
         self("down")
         try:
             self("up")
@@ -59,7 +45,7 @@ class Box:
             raise
         return self
 
-    def __exit__(self, *_):
+    def __exit__(self, *_: object) -> None:
         for process in self.processes:
             if process.poll() is None:
                 process.send_signal(signal.SIGCONT)
@@ -67,28 +53,28 @@ class Box:
             process.wait()
         self("down")
 
-    def __call__(self, *words, must_succeed=True):
-        done = subprocess.run(
-            self.command(*words),
-            env=self.environment,
-            text=True,
-            timeout=90,
-            stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE,
-            check=False,
-        )
-        assert not must_succeed or done.returncode == 0, f"box {' '.join(words)}: {done.stderr}"
+    def __call__(self, *words: str, must_succeed: bool = True) -> str:
+        done = self.try_to(*words)
+        if must_succeed and done.returncode != 0:
+            raise Failed(f"box {' '.join(words)}: {done.stderr.strip()}")
         return done.stdout
 
-    @staticmethod
-    def command(*words):
-        return [str(ROOT / "testbed/box"), *words]
+    def try_to(self, *words: str, **options: Any) -> subprocess.CompletedProcess[str]:
+        """A command that may fail."""
+        options = {"env": self.environment, "timeout": LONGEST_COMMAND, "stdin": subprocess.DEVNULL, **options}
+        return subprocess.run(self.command(*words), text=True, capture_output=True, check=False, **options)
 
-    def start(self, *command, stdout, stderr, **environment):
+    @staticmethod
+    def command(*words: str) -> list[str]:
+        return [str(TESTBED / "box"), *words]
+
+    def start(self, *command: str, stdout: Any, stderr: Any = None, **environment: str) -> subprocess.Popen[str]:
+        """Starts a program on the gateway, which ends with the box at the latest."""
         process = subprocess.Popen(
             self.command("exec", *command),
             env={**self.environment, **environment},
             text=True,
+            errors="replace",
             stdin=subprocess.DEVNULL,
             stdout=stdout,
             stderr=stderr,
@@ -96,42 +82,39 @@ class Box:
         self.processes.append(process)
         return process
 
-    def services(self):
+    def in_namespace(self, side: str, *command: str) -> list[str]:
+        """A command in the network of the gateway (gw), a provider (eth, cell) or the cloud (cloud)."""
+        return ["ip", "netns", "exec", f"{self.name}-{side}", *command]
+
+    def services(self) -> list[tuple[str, str]]:
         """ConnMan's order: (interface, name servers) of the connected services; empty while it does not answer."""
         lines = [line.split() for line in self("services", must_succeed=False).splitlines()]
         return [(words[0], words[4]) for words in lines if words[1] in ("ready", "online")]
 
-    def order(self):
+    def order(self) -> list[str]:
         return [interface for interface, _ in self.services()]
 
-    def default_interfaces(self):
-        routes = subprocess.run(
-            ["ip", "-n", self.environment["ORV_BOX"] + "-gw", "-json", "route", "show", "default"],
-            text=True,
-            capture_output=True,
-            check=True,
-        )
+    def default_interfaces(self) -> list[str]:
+        command = ["ip", "-n", f"{self.name}-gw", "-json", "route", "show", "default"]
+        routes = subprocess.run(command, text=True, capture_output=True, check=True)
         return [route["dev"] for route in json.loads(routes.stdout)]
 
-    def handshakes(self, side):
+    def handshakes(self, side: str) -> list[str]:
         """When the connections were taken over this side on which the cloud has completed a TLS handshake."""
         lines = (line.split() for line in self("log", "cloud-https").splitlines())
         return [words[0] for words in lines if words[1] == side and words[3] == "handshake"]
 
-    def file(self, path):
+    def pid_of(self, process: str) -> int:
+        """Of one of the box's own processes."""
+        return int((self.folder / "pid" / process).read_text(encoding="ascii").split()[0])
+
+    def file(self, path: str) -> str | None:
         """The text of a file on the gateway; None when it is not there."""
-        holder = (self.folder / "pid/gateway").read_text(encoding="ascii").split()[0]
-        on_machine = pathlib.Path(f"/proc/{holder}/root", path.lstrip("/"))
+        on_machine = pathlib.Path(f"/proc/{self.pid_of('gateway')}/root", path.lstrip("/"))
         return on_machine.read_text(encoding="utf-8") if on_machine.exists() else None
 
-    def status_file(self):
-        lines = (self.file("/var/tmp/new_enterprise_statuses.csv") or "").split("\n")
-        return dict(line.replace('"', "").split(",") for line in lines if line)
+    def status_file(self) -> dict[str, str]:
+        return read_statuses(self.file(STATUSES) or "")
 
-    def error_file(self):
-        return self.file("/var/tmp/new_enterprise_errors.csv")
-
-
-def at(time_text):
-    """A time of a log as a number of seconds."""
-    return datetime.datetime.fromisoformat(time_text.replace("Z", "+00:00")).timestamp()
+    def error_file(self) -> str | None:
+        return self.file(ERRORS)

@@ -1,27 +1,33 @@
 # SPDX-License-Identifier: Apache-2.0
 """How long the library's calls took, over several runs of the application."""
+from __future__ import annotations
+
 import collections
+from collections.abc import Iterator
+from typing import Any
+
+Figures = dict[str, Any]  # of gateway-app, at its end
 
 
 class Calls:
     KINDS = ("tick", "event_update")
 
-    def __init__(self):
-        self.classes = {kind: collections.Counter() for kind in self.KINDS}
-        self.longest = {kind: [] for kind in self.KINDS}
+    def __init__(self) -> None:
+        self.classes: dict[str, collections.Counter[str]] = {kind: collections.Counter() for kind in self.KINDS}
+        self.longest: dict[str, list[tuple[int, dict[str, int], str]]] = {kind: [] for kind in self.KINDS}
 
-    def add(self, run, figures):
+    def add(self, run: str, figures: Figures) -> None:
         for kind in self.KINDS:
-            self.classes[kind].update({bound: count for bound, count in figures[kind]["below_us"].items()})
+            self.classes[kind].update(figures[kind]["below_us"])
             self.longest[kind].append((figures[kind]["longest_us"], figures[kind]["longest"], run))
 
-    def lines(self):
+    def lines(self) -> Iterator[str]:
         """A table for people: how many calls took less than so many microseconds, and the three longest."""
         for kind in self.KINDS:
             classes = self.classes[kind]
             if not classes:
                 continue
-            bounds = sorted(classes, key=lambda bound: float("inf") if bound == "more" else int(bound))
+            bounds = sorted(classes, key=lambda bound: 2**31 if bound == "more" else int(bound))
             yield f"{kind}: {sum(classes.values())} calls; by the time below which they stayed [us]:"
             yield "  " + "  ".join(f"{bound}: {classes[bound]}" for bound in bounds)
             for longest, effort, run in sorted(self.longest[kind], key=lambda entry: -entry[0])[:3]:

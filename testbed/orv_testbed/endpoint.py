@@ -1,56 +1,91 @@
-#!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""endpoint.py FOLDER ADDRESS ETHERNET-PREFIX CELLULAR-PREFIX
+"""The one TLS endpoint: the cloud of the box and of the loopback demo, and the captive portal, are made with it."""
+from __future__ import annotations
 
-The cloud's HTTPS endpoint. Writes one line for every connection: when it was taken, side, peer and what came of it, so
-that a test can tell from the cloud's side whether a TLS handshake took place. (The client's end of a handshake comes
-first: its last message ends it, and that one has yet to arrive.) How it answers each side stands in FOLDER/answer-eth and
-FOLDER/answer-cell: ok, silent (accepts and says nothing) or wrong-certificate.
-"""
+import dataclasses
 import datetime
+import enum
 import pathlib
 import socket
 import ssl
-import sys
 import threading
+from collections.abc import Callable
 
-folder, (address, eth_prefix, cell_prefix) = pathlib.Path(sys.argv[1]), sys.argv[2:5]
+PATIENCE = 60  # seconds that a caller may take
 
 
-def context(certificate):
+class Manner(enum.Enum):
+    """How a connection is met that TLS is not spoken on."""
+
+    PLAIN = "plain"
+    SILENT = "silent"  # accepts, and says nothing
+
+
+@dataclasses.dataclass(frozen=True)
+class Caller:
+    """Who has called, and when the connection was taken."""
+
+    address: str
+    port: int
+    taken: datetime.datetime
+
+
+def context(certificate: pathlib.Path) -> ssl.SSLContext:
+    """For a certificate NAME.pem whose key is NAME.key."""
     made = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-    made.load_cert_chain(folder / "tls" / (certificate + ".pem"), folder / "tls" / (certificate + ".key"))
+    made.load_cert_chain(certificate, certificate.with_suffix(".key"))
     return made
 
 
-contexts = {"ok": context("server"), "wrong-certificate": context("wrong")}
+class Endpoint:
+    """Takes connections, each in a thread of its own, and tells what came of each: plain, silent, handshake or failed.
 
+    (The client's end of a handshake comes first: its last message ends it, and that one has yet to arrive.)
+    `manner` says how an address is answered: by TLS with a certificate, or otherwise. `reply` is the answer to whatever is
+    asked. Port 0 leaves the choice to the kernel.
+    """
 
-def serve(connection, peer, taken):
-    def say(outcome):
-        print(taken.strftime("%Y-%m-%dT%H:%M:%S.%f")[:-3] + "Z", side, f"{peer[0]}:{peer[1]}", outcome, flush=True)
+    def __init__(
+        self,
+        address: str,
+        port: int,
+        manner: Callable[[str], ssl.SSLContext | Manner],
+        tell: Callable[[Caller, str], None],
+        reply: bytes,
+    ) -> None:
+        self._manner, self._tell, self._reply = manner, tell, reply
+        self._listener = socket.create_server((address, port), backlog=64)
+        self.port: int = self._listener.getsockname()[1]
 
-    side = "eth" if peer[0].startswith(eth_prefix) else "cell" if peer[0].startswith(cell_prefix) else "other"
-    answer = (folder / f"answer-{side}").read_text().strip() if side != "other" else "ok"
-    connection.settimeout(60)
-    try:
-        if answer == "silent":
-            say("silent")
-            while connection.recv(4096):
-                pass
-            return
-        with contexts[answer].wrap_socket(connection, server_side=True) as tls:
-            say("handshake")
-            if tls.recv(4096):
-                tls.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 3\r\nConnection: close\r\n\r\nok\n")
-    except OSError as error:
-        say(f"failed: {error}")
-    finally:
-        connection.close()
+    def start(self) -> None:
+        threading.Thread(target=self.run, daemon=True).start()
 
+    def run(self) -> None:
+        while True:
+            connection, (address, port) = self._listener.accept()
+            caller = Caller(address, port, datetime.datetime.now(datetime.timezone.utc))
+            threading.Thread(target=self._serve, args=(connection, caller), daemon=True).start()
 
-listener = socket.create_server((address, 443), backlog=64)
-while True:
-    accepted, sender = listener.accept()
-    now = datetime.datetime.now(datetime.timezone.utc)
-    threading.Thread(target=serve, args=(accepted, sender, now), daemon=True).start()
+    def _serve(self, connection: socket.socket, caller: Caller) -> None:
+        connection.settimeout(PATIENCE)
+        try:
+            manner = self._manner(caller.address)
+            if manner is Manner.SILENT:
+                self._tell(caller, manner.value)
+                while connection.recv(4096):
+                    pass
+            elif manner is Manner.PLAIN:
+                self._tell(caller, manner.value)
+                self._answer(connection)
+            elif isinstance(manner, ssl.SSLContext):
+                with manner.wrap_socket(connection, server_side=True) as tls:
+                    self._tell(caller, "handshake")
+                    self._answer(tls)
+        except OSError as error:
+            self._tell(caller, f"failed: {error}")
+        finally:
+            connection.close()
+
+    def _answer(self, connection: socket.socket) -> None:
+        if connection.recv(4096):
+            connection.sendall(self._reply)

@@ -1,13 +1,18 @@
 # SPDX-License-Identifier: Apache-2.0
 """What a conftest.py imports to give each of its tests a gateway, and a scene on it."""
+from __future__ import annotations
+
 import os
+import pathlib
 import shutil
 import subprocess
+from collections.abc import Callable, Iterator
+from typing import Protocol
 
 import pytest
 
 from orv_testbed.box import Box
-from orv_testbed.calls import Calls
+from orv_testbed.calls import Calls, Figures
 from orv_testbed.scene import Scene
 
 NO_NAMESPACES = (
@@ -20,8 +25,15 @@ LONGEST_PAUSE_US = 100_000
 # No call may be as long as the shortest wait for a broker, the bus or a name server.
 LONGEST_US = 2_500_000
 
+JudgeCalls = Callable[[Figures], None]
 
-def can_make_namespaces():
+
+class MakeScene(Protocol):
+    def __call__(self, *options: str, clock: bool = False) -> Scene:
+        ...
+
+
+def can_make_namespaces() -> bool:
     return (
         subprocess.run(["unshare", "--net", "--mount", "--uts", "true"], capture_output=True, check=False).returncode
         == 0
@@ -29,7 +41,7 @@ def can_make_namespaces():
 
 
 @pytest.fixture
-def box(tmp_path):
+def box(tmp_path: pathlib.Path) -> Iterator[Box]:
     """A gateway of its own for each test, all of its parts running; their logs are kept beside the application's."""
     if not can_make_namespaces():
         pytest.skip(NO_NAMESPACES)
@@ -39,10 +51,10 @@ def box(tmp_path):
 
 
 @pytest.fixture
-def judge_calls(request):
+def judge_calls(request: pytest.FixtureRequest) -> JudgeCalls:
     """Takes the figures of a run that has ended, into the table at the end, too."""
 
-    def judge(figures):
+    def judge(figures: Figures) -> None:
         request.node.user_properties.append(("calls", {call: figures[call] for call in Calls.KINDS}))
         for call in Calls.KINDS:
             longest, effort = figures[call]["longest_us"], figures[call]["longest"]
@@ -53,11 +65,11 @@ def judge_calls(request):
 
 
 @pytest.fixture
-def make_scene(box, tmp_path, judge_calls):
+def make_scene(box: Box, tmp_path: pathlib.Path, judge_calls: JudgeCalls) -> Iterator[MakeScene]:
     """Starts the application; in the end it is stopped and the scene audited. `clock`: with a wall clock of its own."""
-    made = []
+    made: list[Scene] = []
 
-    def make(*options, clock=False):
+    def make(*options: str, clock: bool = False) -> Scene:
         made.append(Scene(box, tmp_path, *options, clock=clock))
         return made[-1]
 
@@ -70,6 +82,6 @@ def make_scene(box, tmp_path, judge_calls):
 
 
 @pytest.fixture
-def scene(make_scene):
+def scene(make_scene: MakeScene) -> Scene:
     """The application, connected to the cloud over Ethernet."""
     return make_scene().start()

@@ -1,93 +1,40 @@
 # SPDX-License-Identifier: Apache-2.0
 """A broker, a fake connection manager, an observer that is none of ours, and any number of applications (orv-shell
 processes) beside each other."""
+from __future__ import annotations
 
 import contextlib
 import os
 import re
 import signal
-import socket
 import subprocess
 import tempfile
 import threading
-import time
+from collections.abc import Sequence
 from pathlib import Path
 
 import paho.mqtt.client as mqtt
 
+from orv_testbed.broker import Broker
 from orv_testbed.connman.stand_in import ConnmanStandIn
+from orv_testbed.programs import program
+from orv_testbed.topics import ALL, PANEL_GUID, of_feature
+from orv_testbed.waiting import wait_until
+from orv_testbed.wire import Message
 
-TREE = Path(__file__).resolve().parents[2]
-BUILD = Path(os.environ.get("ORV_BUILD", TREE / "build/release"))
-TOOLS = Path(os.environ.get("ORV_TOOLS", TREE / "build/tools"))
-FEATURES = "/orv/apps_control/features"
 PATIENCE = 30.0
-
-
-def until(condition, what, patience=PATIENCE):
-    """Waits for the condition and returns what it gave; fails with `what` when it does not come true in time."""
-    deadline = time.monotonic() + patience
-    while True:
-        result = condition()
-        if result:
-            return result
-        if time.monotonic() > deadline:
-            raise AssertionError("waited in vain for " + (what() if callable(what) else what))
-        time.sleep(0.02)
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
-
-
-class Broker:
-    def __init__(self, folder):
-        self.config = Path(folder) / "mosquitto.conf"
-        self.log = Path(folder) / "mosquitto.log"
-        self.process = None
-        for _ in range(5):  # another program may take the port between the choice and the start
-            self.port = free_port()
-            self.config.write_text(f"listener {self.port} 127.0.0.1\nallow_anonymous true\nset_tcp_nodelay true\n")
-            if self.try_to_start():
-                return
-        raise AssertionError(f"the broker does not start: {self.log.read_text()}")
-
-    def try_to_start(self):
-        """Whether it runs: it says so when it listens, where a connection could be to somebody else."""
-        command = [str(TOOLS / "usr/sbin/mosquitto"), "-c", str(self.config)]
-        with open(self.log, "wb") as log:
-            self.process = subprocess.Popen(command, stdout=log, stderr=log)
-        try:
-            until(
-                lambda: self.process.poll() is not None or " running\n" in self.log.read_text(), "the broker to listen"
-            )
-        except BaseException:
-            self.stop()
-            raise
-        return self.process.poll() is None
-
-    def start(self):
-        assert self.try_to_start(), f"the broker does not start again: {self.log.read_text()}"
-
-    def stop(self):
-        if self.process:
-            self.process.terminate()
-            self.process.wait()
-            self.process = None
 
 
 class Observer:
     """Hears everything, and remembers it in order of arrival as (topic, payload, retained)."""
 
-    def __init__(self, port):
+    def __init__(self, port: int) -> None:
         self.lock = threading.Lock()
-        self.messages = []
+        self.messages: list[Message] = []
         self.subscribed = threading.Event()
         self.lost = threading.Event()
         self.client = mqtt.Client(client_id="observer")
-        self.client.on_connect = lambda client, *_: client.subscribe("/orv/#", 1)
+        self.client.on_connect = lambda client, *_: client.subscribe(ALL, 1)
         self.client.on_subscribe = lambda *_: self.subscribed.set()
         self.client.on_disconnect = lambda *_: self.lost.set()
         self.client.on_message = self.note
@@ -98,22 +45,22 @@ class Observer:
             self.close()
             raise AssertionError("the broker has not taken the observer's subscription")
 
-    def note(self, _client, _data, message):
+    def note(self, _client: mqtt.Client, _data: object, message: mqtt.MQTTMessage) -> None:
         with self.lock:
-            self.messages.append((message.topic, message.payload.decode(), bool(message.retain)))
+            self.messages.append(Message(message.topic, message.payload.decode(), bool(message.retain)))
 
-    def heard(self, topic=None):
+    def heard(self, topic: str | None = None) -> list[Message]:
         with self.lock:
-            return [message for message in self.messages if topic in (None, message[0])]
+            return [message for message in self.messages if topic in (None, message.topic)]
 
-    def forget(self):
+    def forget(self) -> None:
         with self.lock:
             self.messages.clear()
 
-    def publish(self, topic, payload):
+    def publish(self, topic: str, payload: str) -> None:
         self.client.publish(topic, payload, qos=1).wait_for_publish(PATIENCE)
 
-    def close(self):
+    def close(self) -> None:
         self.client.disconnect()
         self.client.loop_stop()
 
@@ -121,11 +68,11 @@ class Observer:
 class Application:
     """One process with one feature, driven line by line."""
 
-    def __init__(self, folder, config, name):
+    def __init__(self, folder: Path, config: Path, name: str) -> None:
         self.name = name
-        self.log = open(Path(folder) / f"{name}.log", "ab")
+        self.log = open(folder / f"{name}.log", "ab")
         self.process = subprocess.Popen(
-            [str(BUILD / "bin/orv-shell")],
+            [program("orv-shell")],
             env={**os.environ, "ORV_GATEWAY_CONFIG": str(config)},
             text=True,
             bufsize=1,
@@ -133,56 +80,58 @@ class Application:
             stdout=subprocess.PIPE,
             stderr=self.log,
         )
+        assert self.process.stdin and self.process.stdout
+        self.input, self.output = self.process.stdin, self.process.stdout
         self.lock = threading.Lock()
-        self.callbacks = []
+        self.callbacks: list[str] = []
         self.reader = threading.Thread(target=self.read, daemon=True)
         self.reader.start()
 
-    def read(self):
-        for line in self.process.stdout:
+    def read(self) -> None:
+        for line in self.output:
             callback = re.match(r"\S+ < (.*)", line)
             if callback:
                 with self.lock:
                     self.callbacks.append(callback.group(1))
 
-    def told(self):
+    def told(self) -> list[str]:
         with self.lock:
             return list(self.callbacks)
 
-    def forget(self):
+    def forget(self) -> None:
         with self.lock:
             self.callbacks.clear()
 
-    def do(self, *lines):
+    def do(self, *lines: str) -> None:
         for line in lines:
-            self.process.stdin.write(line + "\n")
-        self.process.stdin.flush()
+            self.input.write(line + "\n")
+        self.input.flush()
 
-    def launch(self):
+    def launch(self) -> None:
         self.do("init " + self.name, "start", "status READY")
 
-    def memory(self):
+    def memory(self) -> int:
         """Resident memory in KiB."""
-        status = Path(f"/proc/{self.process.pid}/status").read_text()
-        return int(re.search(r"VmRSS:\s+(\d+)", status).group(1))
+        status = Path(f"/proc/{self.process.pid}/status").read_text(encoding="ascii")
+        return next(int(line.split()[1]) for line in status.splitlines() if line.startswith("VmRSS:"))
 
-    def descriptors(self):
+    def descriptors(self) -> int:
         return len(os.listdir(f"/proc/{self.process.pid}/fd"))
 
-    def kill(self):
+    def kill(self) -> None:
         self.process.send_signal(signal.SIGKILL)
         self.process.wait()
 
-    def close(self):
+    def close(self) -> None:
         if self.process.poll() is None:
             try:
                 self.do("quit")
                 self.process.wait(10)
             except (BrokenPipeError, subprocess.TimeoutExpired):
                 self.kill()
-        self.process.stdin.close()
+        self.input.close()
         self.reader.join(5)
-        self.process.stdout.close()
+        self.output.close()
         self.log.close()
 
 
@@ -190,18 +139,18 @@ class Fleet:
     """So many applications on one broker, each ready. All have the same file of settings, which says no more than where
     broker and connection manager are."""
 
-    def __init__(self, count):
+    def __init__(self, count: int) -> None:
         with contextlib.ExitStack() as parts:
-            folder = parts.enter_context(tempfile.TemporaryDirectory(prefix="orv-fleet-"))
+            folder = Path(parts.enter_context(tempfile.TemporaryDirectory(prefix="orv-fleet-")))
             self.broker = Broker(folder)
             parts.callback(self.broker.stop)
-            self.connman = ConnmanStandIn(Path(folder) / "bus", "eth0:ready wwan0:ready")
+            self.connman = ConnmanStandIn(folder / "bus", "eth0:ready wwan0:ready")
             parts.callback(self.connman.close)
             self.observer = Observer(self.broker.port)
             parts.callback(self.observer.close)
             self.rounds = 0
-            self.applications = []
-            config = Path(folder) / "gateway.ini"
+            self.applications: list[Application] = []
+            config = folder / "gateway.ini"
             config.write_text(
                 f"[broker]\nport = {self.broker.port}\n[connman]\nbus_address = {self.connman.address}\n[log]\nlevel = 3\n"
             )
@@ -212,43 +161,44 @@ class Fleet:
                 application.launch()
             self.parts = parts.pop_all()
 
-    def close(self):
+    def close(self) -> None:
         self.parts.close()
 
-    def alive(self):
+    def alive(self) -> list[Application]:
         return [application for application in self.applications if application.process.poll() is None]
 
-    def topic(self, application, kind):
-        return f"{FEATURES}/{application.name}/{kind}"
+    def topic(self, application: Application, kind: str) -> str:
+        return of_feature(application.name, kind)
 
-    def words(self, application, kind):
-        return [payload for _, payload, _ in self.observer.heard(self.topic(application, kind))]
+    def words(self, application: Application, kind: str) -> list[str]:
+        return [message.payload for message in self.observer.heard(self.topic(application, kind))]
 
-    def await_words(self, kind, *words):
+    def await_words(self, kind: str, *words: str) -> None:
         """Each application has said exactly these words, in this order, since the observer last forgot."""
-        for application in self.alive():
-            until(
-                lambda: self.words(application, kind) == list(words),
-                lambda: f"{application.name}/{kind} to say {words}; it said {self.words(application, kind)}",
-            )
 
-    def await_in_all(self, callback, receivers=None):
-        for application in receivers or self.alive():
-            until(
-                lambda: callback in application.told(),
-                lambda: f"{application.name} to be told {callback}; it was told {application.told()}",
-            )
+        def said(application: Application) -> str:
+            return f"{application.name}/{kind} to say {words}; it said {self.words(application, kind)}"
 
-    def order_and_settle(self, application, action):
+        for one in self.alive():
+            wait_until(lambda: self.words(one, kind) == list(words), PATIENCE, lambda: said(one))
+
+    def await_in_all(self, callback: str, receivers: Sequence[Application] | None = None) -> None:
+        def told(application: Application) -> str:
+            return f"{application.name} to be told {callback}; it was told {application.told()}"
+
+        for one in receivers or self.alive():
+            wait_until(lambda: callback in one.told(), PATIENCE, lambda: told(one))
+
+    def order_and_settle(self, application: Application, action: str) -> None:
         """Orders one application to do something, then lets everybody hear a mark: what came before it has arrived."""
         for other in self.alive():
             other.forget()
         self.rounds += 1
         self.observer.publish(self.topic(application, "init"), action)
-        self.observer.publish("/orv/panel/guid", f"mark-{self.rounds}")
+        self.observer.publish(PANEL_GUID, f"mark-{self.rounds}")
         self.await_in_all(f"OnDeviceProbeIndication mark-{self.rounds}")
 
-    def restart_broker(self):
+    def restart_broker(self) -> None:
         """The broker is gone and comes back without a memory.
 
         The applications are halted until the observer listens again: their availability is not retained, so that it

@@ -1,13 +1,16 @@
-#!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""hostile_neighbour.py
+"""hostile_neighbour
 
 A local user without rights on the gateway's message bus. Again and again it sends forged news of the connection manager to
 everybody whom it finds there, some of it ill-formed, until it is ended. Says "at work" when the first round is done.
 """
+from __future__ import annotations
+
 import itertools
 import os
 import time
+from collections.abc import Iterator
+from typing import Any
 
 import dbus
 import dbus.lowlevel
@@ -24,7 +27,7 @@ ETHERNET, CELLULAR = (
 )
 
 
-def service(path, interface, state):
+def service(path: str, interface: str, state: str) -> Any:
     return dbus.Struct(
         (
             dbus.ObjectPath(path),
@@ -36,7 +39,7 @@ def service(path, interface, state):
     )
 
 
-def forgeries():
+def forgeries() -> Iterator[tuple[str, str, str, str, Any]]:
     """(path, interface, signal, signature, arguments)"""
     yield "/org/freedesktop/DBus", BUS, "NameOwnerChanged", "sss", ("net.connman", ":1.1", "")
     yield "/org/freedesktop/DBus", BUS, "NameOwnerChanged", "sss", ("net.connman", "", me)

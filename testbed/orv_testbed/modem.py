@@ -1,6 +1,5 @@
-#!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""modem.py INTERFACE ADDRESS NETMASK ROUTER NAME-SERVER
+"""modem INTERFACE ADDRESS NETMASK ROUTER NAME-SERVER
 
 As much of the modem manager's D-Bus interface (org.ofono) as ConnMan needs to see one attached modem whose data
 connection runs over INTERFACE, so that ConnMan has a service of its genuine type "cellular". The bearer is switched with
@@ -9,7 +8,10 @@ connection runs over INTERFACE, so that ConnMan has a service of its genuine typ
 
 and another address is given to the next data connection with box.Control.Address string:ADDRESS.
 """
+from __future__ import annotations
+
 import sys
+from typing import Any
 
 import dbus
 import dbus.lowlevel
@@ -28,34 +30,34 @@ MODEM_PATH, CONTEXT_PATH = "/modem", "/modem/context1"
 MODEM_REACTION_MS, CONTEXT_REACTION_MS = 300, 20
 
 
-def dictionary(content):
+def dictionary(content: Any) -> Any:
     return dbus.Dictionary(content, signature="sv")
 
 
-def texts(*content):
+def texts(*content: Any) -> Any:
     return dbus.Array(content, signature="s")
 
 
 class Manager(dbus.service.Object):
-    def __init__(self, bus, modem):
+    def __init__(self, bus: Any, modem: Modem) -> None:
         super().__init__(bus, "/")
         self.modem = modem
 
     @dbus.service.method(OFONO + ".Manager", out_signature="a(oa{sv})")
-    def GetModems(self):
+    def GetModems(self) -> Any:
         return [(dbus.ObjectPath(MODEM_PATH), self.modem.properties[MODEM])]
 
 
 class Context(dbus.service.Object):
     """The data connection: active or not, and available as long as there is a bearer."""
 
-    def __init__(self, bus):
+    def __init__(self, bus: Any) -> None:
         super().__init__(bus, CONTEXT_PATH)
         self.active = False
         self.available = True
         self.address = ADDRESS
 
-    def settings(self):
+    def settings(self) -> Any:
         if not self.active:
             return dictionary({})
         return dictionary(
@@ -69,7 +71,7 @@ class Context(dbus.service.Object):
             }
         )
 
-    def set_active(self, active):
+    def set_active(self, active: bool) -> None:
         if active and not self.available:
             return
         if active != self.active:
@@ -78,7 +80,7 @@ class Context(dbus.service.Object):
             self.PropertyChanged("Active", dbus.Boolean(active))
 
     @dbus.service.method(CONTEXT, out_signature="a{sv}")
-    def GetProperties(self):
+    def GetProperties(self) -> Any:
         return dictionary(
             {
                 "Type": "internet",
@@ -90,7 +92,7 @@ class Context(dbus.service.Object):
         )
 
     @dbus.service.method(CONTEXT, in_signature="sv")
-    def SetProperty(self, name, value):
+    def SetProperty(self, name: str, value: Any) -> None:
         if name != "Active":
             return
         if value and not self.available:
@@ -98,12 +100,12 @@ class Context(dbus.service.Object):
         GLib.timeout_add(CONTEXT_REACTION_MS, self.set_active, bool(value))
 
     @dbus.service.signal(CONTEXT, signature="sv")
-    def PropertyChanged(self, name, value):
+    def PropertyChanged(self, name: str, value: Any) -> None:
         pass
 
 
 class Modem(dbus.service.Object):
-    def __init__(self, bus, context):
+    def __init__(self, bus: Any, context: Context) -> None:
         super().__init__(bus, MODEM_PATH)
         self.bus = bus
         self.context = context
@@ -125,25 +127,25 @@ class Modem(dbus.service.Object):
         bus.add_message_filter(self.answer)
 
     @dbus.service.method(MODEM, out_signature="a{sv}")
-    def GetProperties(self):
+    def GetProperties(self) -> Any:
         return self.properties[MODEM]
 
     @dbus.service.method(MODEM, in_signature="sv")
-    def SetProperty(self, name, value):
+    def SetProperty(self, name: str, value: Any) -> None:
         GLib.timeout_add(MODEM_REACTION_MS, self.switch, name, value)
 
     @dbus.service.method("box.Control", in_signature="b")
-    def Bearer(self, there):
+    def Bearer(self, there: bool) -> None:
         self.context.available = bool(there)
         if not there:
             self.context.set_active(False)
         self.tell(CONNECTIONS, "Attached", dbus.Boolean(there))
 
     @dbus.service.method("box.Control", in_signature="s")
-    def Address(self, address):
+    def Address(self, address: str) -> None:
         self.context.address = address
 
-    def switch(self, name, value):
+    def switch(self, name: str, value: Any) -> None:
         self.tell(MODEM, name, value)
         state = self.properties[MODEM]
         if not state["Powered"]:
@@ -153,7 +155,7 @@ class Modem(dbus.service.Object):
         offered = (SIM, REGISTRATION, CONNECTIONS) if state["Online"] else (SIM,) if state["Powered"] else ()
         self.tell(MODEM, "Interfaces", texts(*offered))
 
-    def tell(self, interface, name, value):
+    def tell(self, interface: str, name: str, value: Any) -> None:
         if self.properties[interface].get(name) == value:
             return
         self.properties[interface][name] = value
@@ -161,7 +163,7 @@ class Modem(dbus.service.Object):
         signal.append(name, value, signature="sv")
         self.bus.send_message(signal)
 
-    def answer(self, _, message):
+    def answer(self, _: object, message: Any) -> int:
         handled, unhandled, method_call = 0, 1, 1
         interface = message.get_interface()
         if message.get_type() != method_call or message.get_path() != MODEM_PATH:
@@ -181,7 +183,7 @@ class Modem(dbus.service.Object):
         return handled
 
 
-def main():
+def main() -> None:
     dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
     bus = dbus.SystemBus()
     name = dbus.service.BusName(OFONO, bus)

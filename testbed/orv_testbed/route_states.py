@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 """What the route supervision writes into the log when it enters a state, and which state that is."""
+from __future__ import annotations
 
 ENTERED = [
     ("eth cloud lost, start delay to cell", "ETHERNET_LOST_DELAY"),
@@ -16,7 +17,7 @@ ENTERED = [
 ]
 
 
-def entered(line):
+def entered(line: str) -> str | None:
     """The state that this line of the log tells of; None for any other line."""
     if "[OrvRoute]" not in line:
         return None

@@ -1,9 +1,16 @@
 # SPDX-License-Identifier: Apache-2.0
 """A gateway with the application and a witness, and how to bring its route into each state."""
+from __future__ import annotations
+
+import pathlib
+from collections.abc import Callable
+
 from orv_testbed import audit
 from orv_testbed.application import Application
-from orv_testbed.box import SLACK, wait_until
-from orv_testbed.wire import INHIBIT, Witness
+from orv_testbed.box import Box
+from orv_testbed.topics import INHIBIT_DNS
+from orv_testbed.waiting import SLACK, wait_until
+from orv_testbed.wire import Witness
 
 STATES = [
     "ETHERNET_ACTIVE",
@@ -29,53 +36,53 @@ EVERYDAY = (
 # What a captive portal makes of a poke, also of one that is under way when the portal is taken away.
 PORTAL = ("poke error 60", "poke error 35", "poke error 7")
 
-BY_INTERFACE = object()
+BY_INTERFACE = "by the interface"
 
 
 class Scene:
-    def __init__(self, box, folder, *options, clock=False):
+    def __init__(self, box: Box, folder: pathlib.Path, *options: str, clock: bool = False) -> None:
         self.box = box
         self.witness = Witness(box, folder)
         self.application = Application(box, folder, *options, clock=clock)
         self.connected = {"eth0", "wwan0"}  # what ConnMan must show as connected in the end
-        self.expected_complaints = ()
-        self.neighbours = ()  # other applications, by name: what they say of themselves is theirs
-        self.wire_cut_at = None  # the place in the log from which on messages may be missing on the wire
+        self.expected_complaints: tuple[str, ...] = ()
+        self.neighbours: tuple[str, ...] = ()  # other applications, by name: what they say of themselves is theirs
+        self.wire_cut_at: int | None = None  # the place in the log from which on messages may be missing on the wire
         self.orders_may_be_late = False  # the connection manager may confirm what is no longer wanted
-        self.clocks = []  # (place in the log, by how many seconds the application's clock is off from there on)
-        self.undo = []
+        self.clocks: list[tuple[int, int]] = []  # see audit.Clocks
+        self.undo: list[tuple[str, ...]] = []
 
-    def start(self):
+    def start(self) -> Scene:
         self.application.wait_for_cloud("eth0", 10)
         self.application.wait_for("Cloud connected with Ethernet interface", 5)
         return self
 
-    def set_clock(self, offset):
+    def set_clock(self, offset: str) -> None:
         self.clocks.append((self.application.mark(), int(offset)))
         self.box("clock", offset)
 
-    def cut_wire(self):
+    def cut_wire(self) -> None:
         """To be called before a fault that may keep messages from the gateway's broker."""
         self.wire_cut_at = self.application.mark()
 
-    def reach(self, state):
+    def reach(self, state: str) -> None:
         """Brings the route into a state and holds it there for as long as that is possible; see `release`."""
         getattr(self, "reach_" + state.lower())()
 
-    def release(self):
+    def release(self) -> None:
         """Takes back what holds the route in its state. The provider that died to reach it stays dead."""
         for words in self.undo:
             self.box(*words)
         self.undo = []
 
-    def reach_ethernet_active(self):
+    def reach_ethernet_active(self) -> None:
         pass
 
-    def reach_ethernet_lost_delay(self):
+    def reach_ethernet_lost_delay(self) -> None:
         self.box("provider", "eth", "dead")
         self.application.wait_for("eth cloud lost, start delay to cell", 4)
 
-    def reach_poking_cellular(self):
+    def reach_poking_cellular(self) -> None:
         """Every poke fails, for 20 s at most."""
         self.box("cloud-tls", "refused", "cell")
         self.undo = [("cloud-tls", "ok", "cell")]
@@ -83,20 +90,20 @@ class Scene:
         self.reach_ethernet_lost_delay()
         self.application.wait_for("poke error 7", 15)
 
-    def reach_switching_to_cellular(self):
+    def reach_switching_to_cellular(self) -> None:
         """A frozen connection manager holds it there, for 3 s at most."""
         self.reach_ethernet_lost_delay()
         self.box("connman", "freeze")
         self.undo = [("connman", "thaw")]
         self.application.wait_for("poke success, route to Cell", 15)
 
-    def reach_cellular_active(self):
+    def reach_cellular_active(self) -> None:
         """Ethernet has an address but no provider, so it is poked all the time."""
         self.reach_ethernet_lost_delay()
         self.application.wait_for("Started Poke eth if eth0", 20)
         self.application.wait_for_cloud("wwan0", 5)
 
-    def reach_switching_to_ethernet(self):
+    def reach_switching_to_ethernet(self) -> None:
         """A frozen connection manager holds it there, for 3 s at most."""
         self.reach_cellular_active()
         self.box("connman", "freeze")
@@ -104,7 +111,7 @@ class Scene:
         self.box("provider", "eth", "back")
         self.application.wait_for("poke success, route to ETH", 20)
 
-    def reach_ethernet_settle_delay(self):
+    def reach_ethernet_settle_delay(self) -> None:
         """Without a cloud connection to lose it lasts 5 s."""
         self.reach_cellular_active()
         self.box("cloud-mqtt", "refused")
@@ -113,35 +120,42 @@ class Scene:
         self.box("provider", "eth", "back")
         self.application.wait_for("route is eth, reconnecting", 20)
 
-    def settles(self, interface, seconds, state=None, inhibit=BY_INTERFACE):
+    def settles(
+        self,
+        interface: str,
+        seconds: float,
+        state: str | Callable[[], str] | None = None,
+        inhibit: str | None | Callable[[], str | None] = BY_INTERFACE,
+    ) -> None:
         """Waits until nothing is under way and everything that can be seen of the gateway fits the interface.
 
         `inhibit` is the DNS topic's value, None for none. It and `state` may be functions, called each time.
         """
-        if state is None:
-            state = "ETHERNET_ACTIVE" if interface == "eth0" else "CELLULAR_ACTIVE"
-        faults = []
+        wanted_state = state or ("ETHERNET_ACTIVE" if interface == "eth0" else "CELLULAR_ACTIVE")
+        faults: list[str] = []
 
-        def settled():
-            by_interface = "inhibit" if interface == "wwan0" else "permit" if self.witness.payloads(INHIBIT) else None
+        def settled() -> bool:
+            by_interface = (
+                "inhibit" if interface == "wwan0" else "permit" if self.witness.payloads(INHIBIT_DNS) else None
+            )
             wanted_inhibit = by_interface if inhibit is BY_INTERFACE else inhibit() if callable(inhibit) else inhibit
-            wanted_state = state() if callable(state) else state
-            faults[:] = audit.unsettled(self, interface, wanted_state, wanted_inhibit)
+            state_now = wanted_state() if callable(wanted_state) else wanted_state
+            faults[:] = audit.unsettled(self, interface, state_now, wanted_inhibit)
             return not faults
 
         wait_until(settled, seconds + SLACK, lambda: "; ".join(faults) + "\n" + self.application.interesting())
 
-    def settles_on_the_only_interface(self, seconds, since, on_cellular=False):
+    def settles_on_the_only_interface(self, seconds: float, since: int, on_cellular: bool = False) -> None:
         """Ethernet was taken away at `since` in the log, and the connection manager had only one interface to choose.
 
         The route has followed it if a tick saw the cloud lost on Ethernet. If the application was connected again before
         that, nothing was lost for the route, and it stays where it is.
         """
 
-        def follows():
+        def follows() -> bool:
             return on_cellular or self.application.said("eth cloud lost", since)
 
-        before = "permit" if self.witness.payloads(INHIBIT) else None
+        before = "permit" if self.witness.payloads(INHIBIT_DNS) else None
         self.settles(
             "wwan0",
             seconds,
@@ -149,10 +163,10 @@ class Scene:
             inhibit=lambda: "inhibit" if follows() else before,
         )
 
-    def is_a_neighbours(self, topic):
+    def is_a_neighbours(self, topic: str) -> bool:
         return any(f"/features/{name}/" in topic for name in self.neighbours)
 
-    def audit(self):
+    def audit(self) -> None:
         """What must hold in every scenario, whatever happened in it."""
         faults = audit.unproven_moves(self.application, self.box, self.clocks)
         if not self.orders_may_be_late:
@@ -160,10 +174,10 @@ class Scene:
         faults += [
             f"published wrongly: {message}"
             for message in self.witness.wrongly_retained()
-            if not self.is_a_neighbours(message[0])
+            if not self.is_a_neighbours(message.topic)
         ]
         faults += audit.inhibits_not_told(self.application, self.witness, self.wire_cut_at)
-        allowed = EVERYDAY + tuple(self.expected_complaints)
+        allowed = EVERYDAY + self.expected_complaints
         faults += [
             f"an unexpected word in the log: {line}"
             for line in self.application.complaints()

@@ -1,8 +1,7 @@
-#!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
 """Draws a run as a picture: one lane a thing observed, one bar a value it had, marks for what was done to it.
 
-timeline.py EVENTS.jsonl PICTURE.svg
+timeline EVENTS.jsonl PICTURE.svg
 
 EVENTS has one JSON object a line, in any order of time:
   {"t": 12.5, "lane": "yellow LED", "value": "Blink"}    from t on the lane shows this value
@@ -10,9 +9,16 @@ EVENTS has one JSON object a line, in any order of time:
   {"t": 40.0, "end": true}                               where the picture ends (otherwise the last event)
 Times are seconds from the start of the run. An empty value ends a bar.
 """
+from __future__ import annotations
+
 import html
 import json
 import sys
+from collections.abc import Iterable, Sequence
+
+Bar = tuple[float, float, str]  # begin, end, value
+Lanes = dict[str, list[Bar]]
+Marks = list[tuple[float, str]]
 
 LANE_ORDER = ["route state", "green LED", "yellow LED", "DNS topic", "default route", "cloud connection"]
 COLOURS = {
@@ -37,9 +43,11 @@ PALETTE = ["#7a9e9f", "#b8b08d", "#a5668b", "#69995d", "#d17a22"]
 LEFT, TOP, LANE_HEIGHT, BAR_HEIGHT, WIDTH = 150, 96, 46, 26, 1280
 
 
-def read(lines):
+def read(lines: Iterable[str]) -> tuple[Lanes, Marks, float]:
     """-> (lanes: name -> [(begin, end, value)], marks: [(t, text)], end)"""
-    changes, marks, end = {}, [], None
+    changes: dict[str, list[tuple[float, str]]] = {}
+    marks: Marks = []
+    end: float | None = None
     for number, line in enumerate(lines, 1):
         if not line.strip():
             continue
@@ -61,7 +69,7 @@ def read(lines):
     lanes = {}
     for name, steps in changes.items():
         steps.sort(key=lambda step: step[0])
-        bars = []
+        bars: list[Bar] = []
         for (begin, value), following in zip(steps, steps[1:] + [(end, None)]):
             if bars and bars[-1][2] == value and bars[-1][1] == begin:
                 bars[-1] = (bars[-1][0], following[0], value)
@@ -71,33 +79,33 @@ def read(lines):
     return lanes, sorted(marks), end
 
 
-def tick_step(end):
+def tick_step(end: float) -> float:
     return next((step for step in (1, 2, 5, 10, 20, 30, 60, 120, 300, 600) if end / step <= 16), 1800)
 
 
-def colour(lane, value, unknown):
+def colour(lane: str, value: str, unknown: dict[str, int]) -> str:
     known = {**COLOURS, **LAMPS.get(lane, {})}
     if value in known:
         return known[value]
     return PALETTE[unknown.setdefault(value, len(unknown)) % len(PALETTE)]
 
 
-def draw(lanes, marks, end):
+def draw(lanes: Lanes, marks: Marks, end: float) -> str:
     end = max(end, 0.001)
     names = [n for n in LANE_ORDER if n in lanes] + sorted(n for n in lanes if n not in LANE_ORDER)
     height = TOP + LANE_HEIGHT * len(names) + 40
     bottom = TOP + LANE_HEIGHT * len(names)
 
-    def x(t):
+    def x(t: float) -> float:
         return LEFT + (WIDTH - LEFT - 30) * min(max(t, 0), end) / end
 
-    unknown = {}
+    unknown: dict[str, int] = {}
     out = [
         f'<svg xmlns="http://www.w3.org/2000/svg" width="{WIDTH}" height="{height}" viewBox="0 0 {WIDTH} {height}" '
         'font-family="DejaVu Sans, sans-serif" font-size="12">',
         f'<rect width="{WIDTH}" height="{height}" fill="white"/>',
     ]
-    t = 0
+    t = 0.0
     while t <= end:
         out.append(
             f'<line x1="{x(t):.1f}" y1="{TOP - 6}" x2="{x(t):.1f}" y2="{bottom}" stroke="#e6e8eb"/>'
@@ -131,7 +139,7 @@ def draw(lanes, marks, end):
     return "\n".join(out) + "\n"
 
 
-def main(arguments):
+def main(arguments: Sequence[str]) -> int:
     if len(arguments) != 2:
         print(__doc__.split("\n\n")[1], file=sys.stderr)
         return 2

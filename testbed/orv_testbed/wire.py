@@ -1,24 +1,30 @@
 # SPDX-License-Identifier: Apache-2.0
 """What goes over the gateway's broker, seen by an independent client."""
+from __future__ import annotations
+
 import json
-import subprocess
+import pathlib
+from typing import NamedTuple
 
-from orv_testbed.box import SLACK, wait_until
+from orv_testbed.box import Box
+from orv_testbed.topics import CLOUD, GREEN, INHIBIT_DNS, NO_NETWORK, YELLOW, of_feature
+from orv_testbed.waiting import SLACK, wait_until
 
-INHIBIT = "/orv/network/wan/inhibit_dns"
-GREEN = "/orv/led/connected_services_green"
-YELLOW = "/orv/led/connected_services_yellow"
-CLOUD = "/orv/apps_control/features/Ent/status/EntCon"
-NO_NETWORK = "/orv/apps_control/features/Ent/status/NoExtNet"
-RETAINED = {INHIBIT, GREEN, YELLOW, CLOUD, NO_NETWORK}
-AVAILABLE = "/orv/apps_control/features/gateway-app/available"
+RETAINED = {INHIBIT_DNS, GREEN, YELLOW, CLOUD, NO_NETWORK}
+AVAILABLE = of_feature("gateway-app", "available")
 COMMAND = ("/usr/bin/python3", "-u", "-m", "orv_testbed.witness")
+
+
+class Message(NamedTuple):
+    topic: str
+    payload: str
+    retained: bool
 
 
 class Witness:
     """What an independent client of the gateway's broker has seen."""
 
-    def __init__(self, box, folder):
+    def __init__(self, box: Box, folder: pathlib.Path) -> None:
         self.box = box
         self.file = folder / "witness.jsonl"
         with open(self.file, "w", encoding="utf-8") as output:
@@ -27,53 +33,45 @@ class Witness:
             lambda: "listening" in self.file.read_text(encoding="utf-8"), 10 + SLACK, "the witness's subscription"
         )
 
-    def lines(self):
+    def lines(self) -> list[str]:
         return self.file.read_text(encoding="utf-8").splitlines()
 
-    def connections(self):
+    def connections(self) -> int:
         """How often it has connected to the broker."""
         return self.lines().count("connected")
 
-    def messages(self, topic=None, latest_connection=False):
-        """(topic, payload, retained) in their order."""
+    def messages(self, topic: str | None = None, latest_connection: bool = False) -> list[Message]:
+        """In their order."""
         lines = self.lines()
         if latest_connection:
             lines = lines[len(lines) - lines[::-1].index("connected") :]
         entries = [json.loads(line) for line in lines if line.startswith("{") and line.endswith("}")]
-        return [
-            (entry["topic"], entry["payload"], entry["retained"])
-            for entry in entries
-            if topic in (None, entry["topic"])
-        ]
+        messages = [Message(entry["topic"], entry["payload"], entry["retained"]) for entry in entries]
+        return [message for message in messages if topic in (None, message.topic)]
 
-    def payloads(self, topic, latest_connection=False):
-        return [payload for _, payload, _ in self.messages(topic, latest_connection)]
+    def payloads(self, topic: str, latest_connection: bool = False) -> list[str]:
+        return [message.payload for message in self.messages(topic, latest_connection)]
 
-    def last(self, topic):
-        return (self.payloads(topic) or [None])[-1]
+    def last(self, topic: str) -> str | None:
+        payloads = self.payloads(topic)
+        return payloads[-1] if payloads else None
 
-    def wait_for(self, topic, payload, seconds=0):
+    def wait_for(self, topic: str, payload: str, seconds: float = 0) -> None:
         wait_until(
-            lambda: self.last(topic) == payload, seconds + SLACK, f"{payload} on {topic}, not {self.payloads(topic)}"
+            lambda: self.last(topic) == payload,
+            seconds + SLACK,
+            lambda: f"{payload} on {topic}, not {self.payloads(topic)}",
         )
 
-    def kept(self):
+    def kept(self) -> dict[str, str]:
         """What the broker hands to someone who subscribes now."""
-        done = subprocess.run(
-            [*self.box.command("exec"), *COMMAND, "--kept"],
-            env=self.box.environment,
-            text=True,
-            capture_output=True,
-            timeout=30,
-            check=False,
-        )
-        assert done.returncode == 0, done.stderr
-        return json.loads(done.stdout)
+        kept: dict[str, str] = json.loads(self.box("exec", *COMMAND, "--kept"))
+        return kept
 
-    def wrongly_retained(self):
+    def wrongly_retained(self) -> list[Message]:
         """Messages that were published retained and must not be, or the other way round."""
         return [
             message
             for message in self.messages()
-            if message[2] != (message[0] in RETAINED) and message != (AVAILABLE, "false", True)
+            if message.retained != (message.topic in RETAINED) and message != (AVAILABLE, "false", True)
         ]

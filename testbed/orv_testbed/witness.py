@@ -1,11 +1,12 @@
-#!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
 """An independent client of the gateway's broker, run on the gateway.
 
-witness.py         writes every message as a JSON line, retained as it was published, "connected" with each connection and
-                   "listening" when the broker has taken the subscription; connects again after a loss
-witness.py --kept  writes what the broker keeps, one JSON object, and ends
+witness         writes every message as a JSON line, retained as it was published, "connected" with each connection and
+                "listening" when the broker has taken the subscription; connects again after a loss
+witness --kept  writes what the broker keeps, one JSON object, and ends
 """
+from __future__ import annotations
+
 import json
 import sys
 import threading
@@ -13,57 +14,70 @@ import threading
 import paho.mqtt.client as mqtt
 from paho.mqtt.subscribeoptions import SubscribeOptions
 
+from orv_testbed.topics import ALL
+
+PORT = 1883
 AS_PUBLISHED = SubscribeOptions(qos=1, retainAsPublished=True)
+FENCE = "witness/end"
+PATIENCE = 10  # seconds
 
 
-def text(message):
+def text(message: mqtt.MQTTMessage) -> str:
     return message.payload.decode("utf-8", "replace")
 
 
-def watch():
-    def connected(client, *_):
+def watch() -> None:
+    def connected(client: mqtt.Client, *_: object) -> None:
         print("connected", flush=True)
-        client.subscribe("/orv/#", options=AS_PUBLISHED)
+        client.subscribe(ALL, options=AS_PUBLISHED)
 
-    def subscribed(*_):
+    def subscribed(*_: object) -> None:
         print("listening", flush=True)
 
-    def received(_client, _data, message):
-        print(
-            json.dumps({"topic": message.topic, "payload": text(message), "retained": bool(message.retain)}), flush=True
-        )
+    def received(_client: mqtt.Client, _data: object, message: mqtt.MQTTMessage) -> None:
+        heard = {"topic": message.topic, "payload": text(message), "retained": bool(message.retain)}
+        print(json.dumps(heard), flush=True)
 
     witness = mqtt.Client(client_id="witness", protocol=mqtt.MQTTv5)
     witness.on_connect, witness.on_subscribe, witness.on_message = connected, subscribed, received
-    witness.reconnect_delay_set(0.2, 1)
-    witness.connect_async("127.0.0.1", 1883, keepalive=5)
+    witness.reconnect_delay_set(0.2, 1)  # type: ignore[arg-type]  # any number will do
+    witness.connect_async("127.0.0.1", PORT, keepalive=5)
     witness.loop_forever(retry_first_connection=True)
 
 
-def print_kept():
-    """The broker hands out in order: what it keeps comes before a message that is published after the subscription."""
-    kept, complete = {}, threading.Event()
+def kept(port: int) -> dict[str, str]:
+    """What a broker of this machine keeps, by topic.
 
-    def subscribed(client, *_):
-        client.publish("witness/end", qos=1)
+    It hands out in order: what it keeps comes before a message that is published after the subscription.
+    """
+    found: dict[str, str] = {}
+    complete = threading.Event()
 
-    def received(_client, _data, message):
-        if message.topic == "witness/end":
+    def subscribed(client: mqtt.Client, *_: object) -> None:
+        client.publish(FENCE, qos=1)
+
+    def received(_client: mqtt.Client, _data: object, message: mqtt.MQTTMessage) -> None:
+        if message.topic == FENCE:
             complete.set()
         elif message.retain:
-            kept[message.topic] = text(message)
+            found[message.topic] = text(message)
 
     witness = mqtt.Client(client_id="witness-of-what-is-kept")
     witness.on_subscribe, witness.on_message = subscribed, received
-    witness.on_connect = lambda client, *_: client.subscribe([("/orv/#", 1), ("witness/end", 1)])
-    witness.connect("127.0.0.1", 1883)
+    witness.on_connect = lambda client, *_: client.subscribe([(ALL, 1), (FENCE, 1)])
+    witness.connect("127.0.0.1", port)
     witness.loop_start()
-    if not complete.wait(10):
-        sys.exit("witness: no answer from the broker within 10 s")
-    print(json.dumps(kept))
+    try:
+        if not complete.wait(PATIENCE):
+            raise OSError(f"the broker has not handed over what it keeps within {PATIENCE} s, only {found}")
+    finally:
+        witness.disconnect()
+        witness.loop_stop()
+    return found
 
 
-if sys.argv[1:] == ["--kept"]:
-    print_kept()
-else:
-    watch()
+if __name__ == "__main__":
+    if sys.argv[1:] == ["--kept"]:
+        print(json.dumps(kept(PORT)))
+    else:
+        watch()

@@ -1,11 +1,16 @@
 # SPDX-License-Identifier: Apache-2.0
 """The box's faults are what they are called, and are gone when they are taken back."""
+from __future__ import annotations
+
 import subprocess
 import time
+from collections.abc import Callable
 
 import pytest
-from orv_testbed.box import SLACK, wait_until
-from orv_testbed.scene import PORTAL
+
+from orv_testbed.box import Box
+from orv_testbed.scene import PORTAL, Scene
+from orv_testbed.waiting import SLACK, wait_until
 
 CLOUD = "https://cloud.box.test/"
 SIDES = [("eth", "eth0"), ("cell", "wwan0")]
@@ -39,7 +44,7 @@ while taken.recv(4096): pass
 """
 
 
-def fetch(box, interface, url=CLOUD):
+def fetch(box: Box, interface: str, url: str = CLOUD) -> tuple[int, str]:
     """Fetches a page through an interface; returns (curl's exit status, body)."""
     done = subprocess.run(
         box.command(
@@ -53,28 +58,28 @@ def fetch(box, interface, url=CLOUD):
     return done.returncode, done.stdout
 
 
-def addresses_of(box, name):
+def addresses_of(box: Box, name: str) -> set[str]:
     done = box("exec", "getent", "ahostsv4", name, must_succeed=False)
     return {line.split()[0] for line in done.splitlines()}
 
 
-def address_of(box, interface):
+def address_of(box: Box, interface: str) -> str | None:
     words = box(
         "exec", "ip", "-4", "-o", "address", "show", "dev", interface, "scope", "global", must_succeed=False
     ).split()
     return words[words.index("inet") + 1] if "inet" in words else None
 
 
-def carries(box, interface):
+def carries(box: Box, interface: str) -> Callable[[], bool]:
     return lambda: fetch(box, interface) == (0, "ok\n")
 
 
-def queries(box, side):
+def queries(box: Box, side: str) -> int:
     return box("log", f"names-{side}").count("query[A] cloud.box.test")
 
 
-def test_a_command_on_the_gateway_begins_in_the_gateways_folder(box):
-    def run(folder, *words):
+def test_a_command_on_the_gateway_begins_in_the_gateways_folder(box: Box) -> None:
+    def run(folder: str, *words: str) -> str:
         return subprocess.run(
             box.command("exec", *words), env=box.environment, cwd=folder, text=True, capture_output=True, check=True
         ).stdout
@@ -84,8 +89,8 @@ def test_a_command_on_the_gateway_begins_in_the_gateways_folder(box):
 
 
 @pytest.mark.parametrize("side, server", [("eth", "10.21.0.53"), ("cell", "10.22.0.53")])
-def test_loss_takes_its_share_in_either_direction(box, side, server):
-    def ask():
+def test_loss_takes_its_share_in_either_direction(box: Box, side: str, server: str) -> None:
+    def ask() -> tuple[int, int]:
         before = queries(box, side)
         answered = int(box("exec", "/usr/bin/python3", "-c", ASK_300_TIMES, server))
         return queries(box, side) - before, answered
@@ -99,18 +104,20 @@ def test_loss_takes_its_share_in_either_direction(box, side, server):
     assert ask() == (300, 300)
 
 
-def test_a_loss_is_a_whole_number_of_per_cent(box):
+def test_a_loss_is_a_whole_number_of_per_cent(box: Box) -> None:
     for wrong in ("100", "0", "-1", "08", "2.5", "", "all"):
         with pytest.raises(AssertionError, match="loss: use loss eth|cell PERCENT|off"):
             box("loss", "eth", wrong)
 
 
 @on_each_side
-def test_a_narrow_provider_takes_its_time(box, side, interface):
+def test_a_narrow_provider_takes_its_time(box: Box, side: str, interface: str) -> None:
     name = box.environment["ORV_BOX"]
-    gateway, cloud = (f"{name}-gw", address_of(box, interface).split("/")[0]), (f"{name}-cloud", "198.51.100.10")
+    address = address_of(box, interface)
+    assert address
+    gateway, cloud = (f"{name}-gw", address.split("/")[0]), (f"{name}-cloud", "198.51.100.10")
 
-    def seconds(source, target):
+    def seconds(source: tuple[str, str], target: tuple[str, str]) -> float:
         taking = subprocess.Popen(["ip", "netns", "exec", target[0], "/usr/bin/python3", "-c", SWALLOW])
         wait_until(
             lambda: subprocess.run(
@@ -147,7 +154,7 @@ def test_a_narrow_provider_takes_its_time(box, side, interface):
 
 
 @on_each_side
-def test_a_name_server_lies_about_every_name(box, side, interface):
+def test_a_name_server_lies_about_every_name(box: Box, side: str, interface: str) -> None:
     box("names", "cell" if side == "eth" else "eth", "mute")
     box("names", side, "lie", "192.0.2.7")
     for name in ("cloud.box.test", "somewhere.else.example", interface):
@@ -157,7 +164,7 @@ def test_a_name_server_lies_about_every_name(box, side, interface):
     assert addresses_of(box, interface) == set()
 
 
-def test_a_name_server_lies_about_one_name(box):
+def test_a_name_server_lies_about_one_name(box: Box) -> None:
     box("names", "eth", "lie", "0.0.0.0", "eth0")
     assert addresses_of(box, "eth0") == {"0.0.0.0"}
     assert addresses_of(box, "cloud.box.test") == {"198.51.100.10"}
@@ -170,7 +177,7 @@ def test_a_name_server_lies_about_one_name(box):
 
 
 @on_each_side
-def test_a_captive_portal_answers_for_the_cloud(box, side, interface):
+def test_a_captive_portal_answers_for_the_cloud(box: Box, side: str, interface: str) -> None:
     not_certified = 60
     box("portal", side, "on")
     assert fetch(box, interface)[0] == not_certified
@@ -185,7 +192,7 @@ def test_a_captive_portal_answers_for_the_cloud(box, side, interface):
     assert fetch(box, interface) == (0, "ok\n")
 
 
-def test_a_captive_portal_ends_what_is_connected(scene):
+def test_a_captive_portal_ends_what_is_connected(scene: Scene) -> None:
     scene.expected_complaints = PORTAL
     scene.box("portal", "eth", "on")
     scene.application.wait_for("eth cloud lost, start delay to cell", 10)
@@ -193,7 +200,7 @@ def test_a_captive_portal_ends_what_is_connected(scene):
     scene.settles("eth0", 30)
 
 
-def test_the_end_of_a_lease_leaves_the_link(box):
+def test_the_end_of_a_lease_leaves_the_link(box: Box) -> None:
     box("lease", "eth", "end")
     assert address_of(box, "eth0") is None
     assert box.default_interfaces() == []
@@ -204,7 +211,7 @@ def test_the_end_of_a_lease_leaves_the_link(box):
     assert box.order() == ["eth0", "wwan0"]
 
 
-def test_a_modem_that_is_reset_comes_back_with_another_address(box):
+def test_a_modem_that_is_reset_comes_back_with_another_address(box: Box) -> None:
     assert address_of(box, "wwan0") == "10.12.0.50/24"
     box("cellular", "gone")
     assert "wwan0" not in box("exec", "ip", "link")
@@ -222,7 +229,7 @@ def test_a_modem_that_is_reset_comes_back_with_another_address(box):
     wait_until(lambda: address_of(box, "wwan0") == "10.12.0.52/24", SLACK, "10.12.0.52 on wwan0")
 
 
-def test_a_full_var_tmp_empties_what_is_written(box):
+def test_a_full_var_tmp_empties_what_is_written(box: Box) -> None:
     write = "cd /var/tmp; cat kept; echo new >kept; echo new >another; rm removed; :"
     box("exec", "sh", "-c", "cd /var/tmp && echo old >kept && echo old >removed")
     box("var-tmp", "full")
@@ -234,7 +241,7 @@ def test_a_full_var_tmp_empties_what_is_written(box):
     assert box.file("/var/tmp/kept") == "new\n"
 
 
-def test_a_read_only_var_tmp_stays_as_it_is(box):
+def test_a_read_only_var_tmp_stays_as_it_is(box: Box) -> None:
     box("exec", "sh", "-c", "cd /var/tmp && echo old >kept")
     box("var-tmp", "full")
     box("var-tmp", "read-only")
@@ -246,25 +253,28 @@ def test_a_read_only_var_tmp_stays_as_it_is(box):
 
 
 @pytest.mark.parametrize("kind, known, folder", [("one", 1, True), ("full", 100, True), ("bundle", 100, False)])
-def test_the_cloud_is_trusted_among_few_authorities_and_many(box, kind, known, folder):
+def test_the_cloud_is_trusted_among_few_authorities_and_many(box: Box, kind: str, known: int, folder: bool) -> None:
     connect = (
         "import socket, ssl; trust = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT); trust.load_verify_locations({}); "
         "trust.wrap_socket(socket.create_connection(('cloud.box.test', 443)), server_hostname='cloud.box.test')"
     )
 
-    def connects(trusted):
+    def authorities() -> int:
+        return (box.file("/etc/ssl/certs/ca-certificates.crt") or "").count("BEGIN")
+
+    def connects(trusted: str) -> bool:
         command = box.command("exec", "/usr/bin/python3", "-c", connect.format(trusted))
         return subprocess.run(command, env=box.environment, capture_output=True, check=False).returncode == 0
 
     box("authorities", kind)
-    assert box.file("/etc/ssl/certs/ca-certificates.crt").count("BEGIN") >= known
+    assert authorities() >= known
     assert connects("cafile='/etc/ssl/certs/ca-certificates.crt'")
     assert connects("capath='/etc/ssl/certs'") == folder
     box("authorities", "one")
-    assert box.file("/etc/ssl/certs/ca-certificates.crt").count("BEGIN") == 1
+    assert authorities() == 1
 
 
-def test_an_ethernet_adapter_that_is_pulled_comes_back(box):
+def test_an_ethernet_adapter_that_is_pulled_comes_back(box: Box) -> None:
     box("cable", "gone")
     assert "eth0" not in box("exec", "ip", "link")
     wait_until(lambda: box.order() == ["wwan0"], SLACK, "no service of Ethernet's")

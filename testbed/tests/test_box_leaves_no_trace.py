@@ -3,25 +3,29 @@
 
 A mount namespace with a /run of its own stands for the machine, so that other boxes come and go without being seen.
 """
+from __future__ import annotations
+
 import os
 import pathlib
 import socket
 import subprocess
 import tempfile
 import time
+from collections.abc import Iterator
 
 import pytest
 
-from orv_testbed.box import ROOT, program, wait_until
 from orv_testbed.fixtures import NO_NAMESPACES, can_make_namespaces
+from orv_testbed.programs import TREE, program
+from orv_testbed.waiting import wait_until
 
 NAME = f"n{os.getpid():x}"
-BOX = str(ROOT / "testbed/box")
-TOOLS = pathlib.Path(os.environ.get("ORV_TOOLS", ROOT / "build/tools"))
+BOX = str(TREE / "testbed/box")
+TOOLS = pathlib.Path(os.environ.get("ORV_TOOLS", TREE / "build/tools"))
 
 
 class Machine:
-    def __init__(self):
+    def __init__(self) -> None:
         self.state = pathlib.Path(tempfile.gettempdir()) / f"orv-box-{NAME}"
         self.environment = {
             **os.environ,
@@ -29,7 +33,7 @@ class Machine:
             "ORV_BOX_DIR": str(self.state),
             "ORV_SOURCE_ROUTES": program("orv-source-routes"),
         }
-        self.processes = []
+        self.processes: list[subprocess.Popen[str]] = []
         # What other boxes have mounted would shine through.
         own_run = (
             "umount --recursive --lazy /run/netns 2>/dev/null; mount -t tmpfs -o mode=755 tmpfs /run && echo ready"
@@ -37,19 +41,23 @@ class Machine:
         self.holder = self.start(
             ["unshare", "--mount", "--propagation", "private", "sh", "-c", own_run + " && exec sleep infinity"]
         )
-        assert self.holder.stdout.readline() == "ready\n"
+        assert self.first_line(self.holder) == "ready\n"
 
-    def start(self, command):
+    def first_line(self, process: subprocess.Popen[str]) -> str:
+        assert process.stdout
+        return process.stdout.readline()
+
+    def start(self, command: list[str]) -> subprocess.Popen[str]:
         self.processes.append(
             subprocess.Popen(command, env=self.environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
         )
         return self.processes[-1]
 
-    def inside(self, *command):
+    def inside(self, *command: str) -> list[str]:
         # Entering a mount namespace leads to its root; ours may be another (chroot).
         return ["nsenter", "--target", str(self.holder.pid), "--mount", "--root", "--wdns=/", *command]
 
-    def run(self, *command, **environment):
+    def run(self, *command: str, **environment: str) -> subprocess.CompletedProcess[str]:
         return subprocess.run(
             self.inside(*command),
             env={**self.environment, **environment},
@@ -59,12 +67,12 @@ class Machine:
             check=False,
         )
 
-    def box(self, *words):
+    def box(self, *words: str) -> str:
         done = self.run(BOX, *words)
         assert done.returncode == 0, done.stderr
         return done.stdout
 
-    def own_processes(self):
+    def own_processes(self) -> list[bytes]:
         """The commands of those that live in the box or were started for it; not those that are ours."""
         mine = {process.pid for process in self.processes} | {os.getpid()}
         found = []
@@ -77,7 +85,7 @@ class Machine:
                 found.append(marks.split(b"\0")[-2])
         return found
 
-    def traces(self):
+    def traces(self) -> dict[str, object]:
         """Whatever the box might leave behind, and what it must not change."""
         said = {
             " ".join(command): self.run(*command).stdout
@@ -98,16 +106,15 @@ class Machine:
             "processes": self.own_processes(),
         }
 
-    def close(self):
+    def close(self) -> None:
         self.run(BOX, "down")
         for process in self.processes:
             process.kill()
-            process.wait()
-            process.stdout.close()
+            process.communicate()
 
 
 @pytest.fixture
-def machine():
+def machine() -> Iterator[Machine]:
     if not can_make_namespaces():
         pytest.skip(NO_NAMESPACES)
     made = Machine()
@@ -115,16 +122,16 @@ def machine():
     made.close()
 
 
-def shifted():
+def shifted() -> float:
     """By how much the wall clock has been set since the machine came up."""
     return time.time() - time.clock_gettime(time.CLOCK_BOOTTIME)
 
 
-def faketime_files(pid):
+def faketime_files(pid: int) -> list[pathlib.Path]:
     return [path for path in pathlib.Path("/dev/shm").glob(f"*faketime_*_{pid}")]
 
 
-def test_a_box_that_was_used_leaves_no_trace(machine):
+def test_a_box_that_was_used_leaves_no_trace(machine: Machine) -> None:
     before = machine.traces()
     clock = shifted()
 
@@ -133,7 +140,7 @@ def test_a_box_that_was_used_leaves_no_trace(machine):
     program_of_its_own = machine.start(
         machine.inside("env", "ORV_BOX_CLOCK=1", BOX, "exec", "sh", "-c", "date +%s && exec sleep infinity")
     )
-    told = float(program_of_its_own.stdout.readline())
+    told = float(machine.first_line(program_of_its_own))
     assert told > time.time() + 80000
     during = machine.traces()
     assert faketime_files(program_of_its_own.pid)
@@ -152,7 +159,7 @@ def test_a_box_that_was_used_leaves_no_trace(machine):
     assert program_of_its_own.wait(5) != 0
 
 
-def test_a_box_that_ends_first_takes_nothing_from_another(machine):
+def test_a_box_that_ends_first_takes_nothing_from_another(machine: Machine) -> None:
     before = machine.traces()
     second = {"ORV_BOX": NAME + "b", "ORV_BOX_DIR": f"{machine.state}b"}
 
@@ -167,7 +174,7 @@ def test_a_box_that_ends_first_takes_nothing_from_another(machine):
     assert machine.traces() == before
 
 
-def test_a_box_that_cannot_come_up_says_why_and_leaves_no_trace(machine, tmp_path):
+def test_a_box_that_cannot_come_up_says_why_and_leaves_no_trace(machine: Machine, tmp_path: pathlib.Path) -> None:
     before = machine.traces()
     daemons = tmp_path / "tools/usr/sbin"
     daemons.mkdir(parents=True)
@@ -183,7 +190,7 @@ def test_a_box_that_cannot_come_up_says_why_and_leaves_no_trace(machine, tmp_pat
     assert machine.traces() == before
 
 
-def test_orders_over_a_frozen_bus_say_what_to_do(machine):
+def test_orders_over_a_frozen_bus_say_what_to_do(machine: Machine) -> None:
     machine.box("up")
     machine.box("bus", "freeze")
 

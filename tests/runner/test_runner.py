@@ -1,12 +1,18 @@
 # SPDX-License-Identifier: Apache-2.0
+from __future__ import annotations
+
 import os
 import pathlib
 import subprocess
+from collections.abc import Callable
+
+import pytest
 
 import plan
-import pytest
 import reports
 import run
+
+AddStep = Callable[[str, str], plan.Step]
 
 CTEST = """<testsuite name="Linux" tests="3">
   <testcase name="A.Passes" classname="A.Passes" time="0.5" status="run"><system-out>fine</system-out></testcase>
@@ -27,45 +33,45 @@ def folder(tmp_path: pathlib.Path) -> pathlib.Path:
     return tmp_path
 
 
-def test_reports_of_both_kinds_are_counted(folder):
+def test_reports_of_both_kinds_are_counted(folder: pathlib.Path) -> None:
     tests = reports.read(folder)
     assert [reports.count(tests, what) for what in ("passed", "failed", "skipped")] == [2, 2, 1]
 
 
-def test_a_failure_brings_what_the_test_said(folder):
+def test_a_failure_brings_what_the_test_said(folder: pathlib.Path) -> None:
     said = {test.name: test.output for test in reports.read(folder) if test.verdict == "failed"}
     assert "expected 1, was 2" in said["A.Fails"]
     assert "in the fixture" in said["test_box.test_down"]
 
 
-def test_a_report_that_breaks_off_counts_as_a_failure(tmp_path):
+def test_a_report_that_breaks_off_counts_as_a_failure(tmp_path: pathlib.Path) -> None:
     (tmp_path / "ctest.xml").write_text(CTEST[:100])
     assert [test.verdict for test in reports.read(tmp_path)] == ["failed"]
 
 
-def test_the_slowest_come_first(folder):
+def test_the_slowest_come_first(folder: pathlib.Path) -> None:
     assert [test.name for test in reports.slowest(reports.read(folder), 2)] == ["A.Fails", "test_box.test_up"]
 
 
-def test_an_unknown_step_is_named_beside_those_there_are():
+def test_an_unknown_step_is_named_beside_those_there_are() -> None:
     with pytest.raises(KeyError, match="no such step: nonsense; there are: all, .*lint"):
         plan.named(["nonsense"])
 
 
-def test_each_step_is_a_command_of_the_script_folder():
+def test_each_step_is_a_command_of_the_script_folder() -> None:
     for group in plan.SHORT + plan.ALL:
         for step in group:
             command = run.TREE / "script" / step.name.split()[0]
             assert os.access(command, os.X_OK), step.name
 
 
-def test_logs_of_different_steps_do_not_overwrite_each_other():
+def test_logs_of_different_steps_do_not_overwrite_each_other() -> None:
     names = [step.file_name for group in plan.ALL for step in group]
     assert len(set(names)) == len(names)
 
 
 @pytest.fixture
-def tree(tmp_path, monkeypatch):
+def tree(tmp_path: pathlib.Path, monkeypatch: pytest.MonkeyPatch) -> AddStep:
     """A tree with scripts of our own."""
     (tmp_path / "script").mkdir()
     monkeypatch.setattr(run, "TREE", tmp_path)
@@ -73,7 +79,7 @@ def tree(tmp_path, monkeypatch):
     monkeypatch.setattr(run, "REPORTS", tmp_path / "reports")
     (tmp_path / "logs").mkdir()
 
-    def add(name, text):
+    def add(name: str, text: str) -> plan.Step:
         script = tmp_path / "script" / name
         script.write_text("#!/bin/sh\n" + text)
         script.chmod(0o755)
@@ -82,24 +88,26 @@ def tree(tmp_path, monkeypatch):
     return add
 
 
-def test_a_step_that_exits_with_an_error_fails_the_run(tree, capsys):
+def test_a_step_that_exits_with_an_error_fails_the_run(tree: AddStep, capsys: pytest.CaptureFixture[str]) -> None:
     runs = run.run_group((tree("good", "true"), tree("bad", "echo the reason; exit 3")))
     assert [one.verdict for one in runs] == ["ok", "FAILED"]
     assert run.summary(runs, 1) == 1
     assert "the reason" in capsys.readouterr().out
 
 
-def test_a_failed_test_fails_a_step_that_exits_well(tree):
+def test_a_failed_test_fails_a_step_that_exits_well(tree: AddStep) -> None:
     runs = run.run_group((tree("sly", f"cat >$ORV_REPORTS/x.xml <<'E'\n{CTEST}\nE\n"),))
     assert [one.verdict for one in runs] == ["FAILED"]
 
 
-def test_a_run_without_any_test_fails(tree, capsys):
+def test_a_run_without_any_test_fails(tree: AddStep, capsys: pytest.CaptureFixture[str]) -> None:
     assert run.summary(run.run_group((tree("good", "true"),)), 1) == 1
     assert capsys.readouterr().out.endswith("no test ran\n0 passed, 1 failed\n")
 
 
-def test_what_may_not_run_here_is_skipped_only_where_that_is_allowed(tree, monkeypatch):
+def test_what_may_not_run_here_is_skipped_only_where_that_is_allowed(
+    tree: AddStep, monkeypatch: pytest.MonkeyPatch
+) -> None:
     step = tree("box", "echo not run: no namespaces; exit 77")
     monkeypatch.setenv("ORV_REQUIRE_NAMESPACES", "1")
     assert run.run_group((step,))[0].verdict == "FAILED"
@@ -107,7 +115,7 @@ def test_what_may_not_run_here_is_skipped_only_where_that_is_allowed(tree, monke
     assert run.run_group((step,))[0].verdict == "skipped"
 
 
-def test_script_test_says_what_it_can_do():
+def test_script_test_says_what_it_can_do() -> None:
     tree = pathlib.Path(__file__).resolve().parents[2]
     said = subprocess.run([tree / "script/test", "--help"], capture_output=True, text=True, check=True).stdout
     assert said.startswith("test [all | STEP...]")

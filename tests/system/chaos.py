@@ -5,6 +5,8 @@ Strikes the parts of a gateway box in random order and at random moments, heals 
 again; each round is one run of the application through ten faults. Prints the faults, and the seed that repeats them.
 With TMPDIR=/dev/shm no disk takes part in how long the library's calls last.
 """
+from __future__ import annotations
+
 import os
 import pathlib
 import random
@@ -12,8 +14,8 @@ import sys
 import tempfile
 import time
 
-from orv_testbed.calls import Calls
 from orv_testbed.box import Box
+from orv_testbed.calls import Calls
 from orv_testbed.scene import Scene
 
 # Each fault and its remedy.
@@ -70,8 +72,8 @@ EXCLUDE = {
 }
 
 
-def strike(box, chance):
-    pending = []
+def strike(box: Box, chance: random.Random) -> None:
+    pending: list[tuple[tuple[str, ...], tuple[str, ...]]] = []
     for _ in range(10):
         # A fault that is there already, or that another one stands in the way of, is healed first.
         fault, remedy = chance.choice(FAULTS)
@@ -93,7 +95,7 @@ def strike(box, chance):
         box(*entry[1])
 
 
-def play(seed, calls):
+def play(seed: int, calls: Calls) -> None:
     chance = random.Random(seed)
     with tempfile.TemporaryDirectory() as folder, Box(f"c{os.getpid():x}") as box:
         scene = Scene(box, pathlib.Path(folder), "--tick-ms", "100")
@@ -109,7 +111,7 @@ def play(seed, calls):
         scene.audit()
 
 
-def main():
+def main() -> None:
     rounds = int(sys.argv[1]) if len(sys.argv) > 1 else 5
     first = int(sys.argv[2]) if len(sys.argv) > 2 else random.randrange(1_000_000)
     calls = Calls()

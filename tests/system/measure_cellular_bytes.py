@@ -5,6 +5,8 @@ What a day costs on Cellular: gateway-app on a gateway box for SECONDS (600) in 
 has come about. Counts the IP bytes of both directions on wwan0, by what they are for: the connection to the cloud's
 broker, pokes, look-ups of names (which nothing on the box keeps), and the rest. Options are gateway-app's. Asserts nothing.
 """
+from __future__ import annotations
+
 import json
 import os
 import pathlib
@@ -16,7 +18,7 @@ from orv_testbed.application import Application
 from orv_testbed.box import Box
 
 KINDS = {"broker": "tcp {} 8883", "poke": "tcp {} 443", "names": "udp {} 53", "all": ""}
-SITUATIONS = {
+SITUATIONS: dict[str, list[tuple[str, ...]]] = {
     "healthy": [],
     "ethernet-dead": [("provider", "eth", "dead")],
     "portal-on-ethernet": [("portal", "eth", "on")],
@@ -25,7 +27,7 @@ SITUATIONS = {
 }
 
 
-def count(box):
+def count(box: Box) -> None:
     """Puts a counter for each kind in place."""
     lines = ["table inet measure {", *(f"counter count_{kind} {{ }}" for kind in KINDS)]
     for hook, interface, port in (("input", "iifname", "sport"), ("output", "oifname", "dport")):
@@ -35,7 +37,7 @@ def count(box):
     box("exec", "nft", "\n".join([*lines, "}"]))
 
 
-def counted(box):
+def counted(box: Box) -> dict[str, int]:
     found = json.loads(box("exec", "nft", "--json", "list", "counters", "table", "inet", "measure"))["nftables"]
     return {
         entry["counter"]["name"].replace("count_", ""): entry["counter"]["bytes"]
@@ -44,7 +46,7 @@ def counted(box):
     }
 
 
-def measure(situation, seconds, options):
+def measure(situation: str, seconds: float, options: list[str]) -> None:
     with tempfile.TemporaryDirectory() as folder, Box(f"c{os.getpid():x}") as box:
         application = Application(box, pathlib.Path(folder), *options)
         application.wait_for_cloud("eth0", 10)
@@ -61,7 +63,7 @@ def measure(situation, seconds, options):
     print(f"{situation:20} {str(over):7}" + "".join(f"{figure:9.3f}" for figure in a_day.values()), flush=True)
 
 
-def main():
+def main() -> None:
     words = sys.argv[1:]
     options = words[words.index("--") + 1 :] if "--" in words else []
     words = words[: words.index("--")] if "--" in words else words

@@ -6,16 +6,20 @@ library's calls took. Prints milliseconds: median and worst. Asserts nothing. Wi
 TICK-MS is a fixed time between ticks; 0, the default: gateway-app's own rhythm. A fail-over shortly after another one puts
 Ethernet on probation, so each is measured with an application of its own.
 """
+from __future__ import annotations
+
 import os
 import pathlib
 import statistics
 import sys
 import tempfile
 import time
+from collections.abc import Sequence
 
 from orv_testbed.application import Application
+from orv_testbed.box import Box
 from orv_testbed.calls import Calls
-from orv_testbed.box import Box, at
+from orv_testbed.timestamps import at
 
 FAIL_OVER = (
     ("detection", "eth cloud lost, start delay"),
@@ -31,7 +35,9 @@ RETURN = (
 )
 
 
-def phases(application, steps, begun, since):
+def phases(
+    application: Application, steps: Sequence[tuple[str, str]], begun: float, since: int
+) -> tuple[dict[str, float], int]:
     """Waits for each step in turn and returns the milliseconds that it took, the whole last."""
     result, before = {}, begun
     for phase, text in steps:
@@ -44,14 +50,14 @@ def phases(application, steps, begun, since):
     return result, since
 
 
-def report(title, runs):
+def report(title: str, runs: list[dict[str, float]]) -> None:
     print(f"{title}, {len(runs)} times: median, worst [ms]")
     for phase in runs[0]:
         values = [run[phase] for run in runs]
         print(f"  {phase:20} {statistics.median(values):8.0f} {max(values):8.0f}")
 
 
-def main():
+def main() -> None:
     times = int(sys.argv[1]) if len(sys.argv) > 1 else 10
     tick = sys.argv[2] if len(sys.argv) > 2 else "0"
     overs, returns = [], []

@@ -7,6 +7,8 @@ log lines and bytes on Cellular, too, each for an hour: what was counted is divi
 table row for each fault and asserts nothing. ORV_APP_OPTIONS: options for gateway-app, such as "--tick-ms 250".
 ORV_KEEP_LOG: a folder for the application's logs.
 """
+from __future__ import annotations
+
 import os
 import pathlib
 import sys
@@ -18,7 +20,7 @@ from orv_testbed.application import Application
 from orv_testbed.box import Box
 
 
-def flapping_provider(box, seconds):
+def flapping_provider(box: Box, seconds: float) -> None:
     end = time.monotonic() + seconds
     while time.monotonic() < end:
         for state in ("dead", "back"):
@@ -26,25 +28,25 @@ def flapping_provider(box, seconds):
             time.sleep(15)  # the fault's own rhythm
 
 
-FAULTS = {
-    "healthy": lambda box: None,
-    "loss-20": lambda box: box("loss", "eth", "20"),
-    "loss-40": lambda box: box("loss", "eth", "40"),
-    "broker-down": lambda box: box("cloud-mqtt", "refused"),
-    "provider-dead": lambda box: box("provider", "eth", "dead"),
-    "portal-on-cellular": lambda box: (box("portal", "cell", "on"), box("provider", "eth", "dead")),
-    "portal-on-ethernet": lambda box: box("portal", "eth", "on"),
-    "lying-names": lambda box: box("names", "eth", "lie", "192.0.2.7"),
-    "flapping-provider": None,
+FAULTS: dict[str, list[tuple[str, ...]]] = {
+    "healthy": [],
+    "loss-20": [("loss", "eth", "20")],
+    "loss-40": [("loss", "eth", "40")],
+    "broker-down": [("cloud-mqtt", "refused")],
+    "provider-dead": [("provider", "eth", "dead")],
+    "portal-on-cellular": [("portal", "cell", "on"), ("provider", "eth", "dead")],
+    "portal-on-ethernet": [("portal", "eth", "on")],
+    "lying-names": [("names", "eth", "lie", "192.0.2.7")],
+    "flapping-provider": [],
 }
 
 
-def bytes_on(box, interface):
+def bytes_on(box: Box, interface: str) -> int:
     counters = ("rx_bytes", "tx_bytes")
     return sum(int(box("exec", "cat", f"/sys/class/net/{interface}/statistics/{name}")) for name in counters)
 
 
-def failed_by_round(lines):
+def failed_by_round(lines: list[str]) -> list[int]:
     """How many pokes over Cellular failed in each round of 20 s."""
     rounds = []
     for line in lines:
@@ -55,7 +57,7 @@ def failed_by_round(lines):
     return rounds
 
 
-def run(box, folder, fault, seconds):
+def run(box: Box, folder: pathlib.Path, fault: str, seconds: float) -> tuple[list[str], float, int, int]:
     """Returns the log's lines, the part of the time in which the cloud was connected, bytes on Cellular and ticks."""
     application = Application(box, folder, *os.environ.get("ORV_APP_OPTIONS", "").split())
     application.wait_for_cloud("eth0", 10)
@@ -64,7 +66,8 @@ def run(box, folder, fault, seconds):
     if fault == "flapping-provider":
         flapping_provider(box, seconds)
     else:
-        FAULTS[fault](box)
+        for words in FAULTS[fault]:
+            box(*words)
         time.sleep(seconds)
     end, log = time.monotonic(), application.log()[place:]
     cellular = bytes_on(box, "wwan0") - cellular
@@ -76,11 +79,11 @@ def run(box, folder, fault, seconds):
     return [line for line in log.splitlines() if " trace " not in line], up, cellular, ticks
 
 
-def measure(number, fault, seconds):
+def measure(number: int, fault: str, seconds: float) -> None:
     with tempfile.TemporaryDirectory() as folder, Box(f"f{os.getpid():x}{number}") as box:
         lines, up, cellular, ticks = run(box, pathlib.Path(folder), fault, seconds)
 
-    def an_hour(count):
+    def an_hour(count: int) -> int:
         return round(count * 3600 / seconds)
 
     moves = sum(", reconnecting" in line for line in lines)
@@ -98,7 +101,7 @@ def measure(number, fault, seconds):
     print("| " + " | ".join(str(figure) for figure in (fault, *figures)) + " |", flush=True)
 
 
-def main():
+def main() -> None:
     seconds = float(sys.argv[1]) if len(sys.argv) > 1 else 180
     faults = sys.argv[2:] or list(FAULTS)
     print(

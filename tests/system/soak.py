@@ -7,6 +7,7 @@ After each restart every feature must be available again, and an order must reac
 memory and descriptors of the applications after each, and fails when either has grown by more than five per cent since
 the second minute.
 """
+from __future__ import annotations
 
 import sys
 import time
@@ -14,7 +15,7 @@ import time
 from orv_testbed.fleet import Fleet
 
 
-def check_all(fleet):
+def check_all(fleet: Fleet) -> None:
     fleet.await_words("available", "true")
     for ordered in fleet.applications:
         fleet.order_and_settle(ordered, "reload")
@@ -24,7 +25,7 @@ def check_all(fleet):
             assert actual == expected, f"{application.name}: {actual} orders, not {expected}"
 
 
-def main():
+def main() -> None:
     count = int(sys.argv[1]) if len(sys.argv) > 1 else 10
     minutes = int(sys.argv[2]) if len(sys.argv) > 2 else 10
     fleet = Fleet(count)

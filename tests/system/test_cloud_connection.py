@@ -1,13 +1,17 @@
 # SPDX-License-Identifier: Apache-2.0
 """The way to the cloud's broker: its addresses, and what is said when it cannot be reached."""
-from orv_testbed.box import wait_until
-from orv_testbed.scene import PORTAL
+from __future__ import annotations
+
+from orv_testbed.box import Box
+from orv_testbed.fixtures import MakeScene
+from orv_testbed.scene import PORTAL, Scene
+from orv_testbed.waiting import wait_until
 
 DEAD = "198.51.100.11"
 FAILED = "no connection to the cloud: "
 
 
-def test_a_dead_first_address_does_not_keep_it_from_the_cloud(box, make_scene):
+def test_a_dead_first_address_does_not_keep_it_from_the_cloud(box: Box, make_scene: MakeScene) -> None:
     for side in ("eth", "cell"):
         box("names", side, "first", DEAD)
     scene = make_scene().start()
@@ -21,7 +25,7 @@ def test_a_dead_first_address_does_not_keep_it_from_the_cloud(box, make_scene):
     scene.application.wait_for_cloud("eth0", 25)
 
 
-def test_a_captive_portal_is_told_by_its_certificate(scene):
+def test_a_captive_portal_is_told_by_its_certificate(scene: Scene) -> None:
     scene.expected_complaints = PORTAL
     scene.box("portal", "eth", "on")
     scene.application.wait_for(FAILED + "the certificate for ", 10)
@@ -33,7 +37,7 @@ def test_a_captive_portal_is_told_by_its_certificate(scene):
     scene.application.wait_for_cloud("eth0", 25)
 
 
-def test_a_clock_that_is_behind_is_told_once(box, make_scene):
+def test_a_clock_that_is_behind_is_told_once(box: Box, make_scene: MakeScene) -> None:
     box("clock", "-40000000")
     scene = make_scene(clock=True)
     scene.clocks.append((0, -40000000))
@@ -47,7 +51,7 @@ def test_a_clock_that_is_behind_is_told_once(box, make_scene):
     scene.application.wait_for_cloud("eth0", 20)
 
 
-def test_why_a_poke_fails_is_told_with_its_interface_and_once(scene):
+def test_why_a_poke_fails_is_told_with_its_interface_and_once(scene: Scene) -> None:
     cause = (
         " the endpoint cloud.box.test does not prove the path to the cloud: the certificate for cloud.box.test was "
         "issued by A CA that the gateway does not know, which is not trusted"

@@ -1,9 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
 """A fault in each state of the route: what comes of it, and that everything is right again in the end."""
+from __future__ import annotations
+
 import pytest
-from orv_testbed.box import SLACK, wait_until
-from orv_testbed.scene import STATES
-from orv_testbed.wire import GREEN
+
+from orv_testbed.scene import STATES, Scene
+from orv_testbed.topics import GREEN
+from orv_testbed.waiting import SLACK, wait_until
 
 BROKER_AWAY = (
     "lost the connection",
@@ -27,7 +30,7 @@ ENDS_ON = {
 
 
 @in_each_state
-def test_a_restarted_broker_knows_everything_again(scene, state):
+def test_a_restarted_broker_knows_everything_again(scene: Scene, state: str) -> None:
     scene.reach(state)
     scene.cut_wire()
     scene.expected_complaints += BROKER_AWAY + CONNMAN_FROZEN
@@ -44,7 +47,7 @@ def test_a_restarted_broker_knows_everything_again(scene, state):
 
 
 @in_each_state
-def test_a_restarted_connection_manager_is_told_again(scene, state):
+def test_a_restarted_connection_manager_is_told_again(scene: Scene, state: str) -> None:
     scene.expected_complaints = CONNMAN_AWAY
     scene.reach(state)
     scene.box("connman", "stop")
@@ -56,7 +59,7 @@ def test_a_restarted_connection_manager_is_told_again(scene, state):
 
 
 @in_each_state
-def test_a_frozen_connection_manager_delays_a_move_and_no_more(scene, state):
+def test_a_frozen_connection_manager_delays_a_move_and_no_more(scene: Scene, state: str) -> None:
     scene.expected_complaints = CONNMAN_FROZEN
     scene.reach(state)
     scene.box("connman", "freeze")
@@ -78,7 +81,7 @@ def test_a_frozen_connection_manager_delays_a_move_and_no_more(scene, state):
 
 
 @in_each_state
-def test_a_pulled_cable_leaves_the_cloud_on_cellular(scene, state):
+def test_a_pulled_cable_leaves_the_cloud_on_cellular(scene: Scene, state: str) -> None:
     scene.expected_complaints = NOT_CONNECTED + CONNMAN_FROZEN
     scene.reach(state)
     place = scene.application.mark()

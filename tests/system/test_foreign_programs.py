@@ -1,14 +1,17 @@
 # SPDX-License-Identifier: Apache-2.0
 """Other programs on the gateway touch what is the application's and ConnMan's."""
+from __future__ import annotations
+
 import time
 
-from orv_testbed.box import SLACK, wait_until
+from orv_testbed.scene import Scene
+from orv_testbed.waiting import SLACK, wait_until
 
 
-def replace_default_route(scene, router, interface):
+def replace_default_route(scene: Scene, router: str, interface: str) -> None:
     """Until it stays: now and then ConnMan notices by itself."""
 
-    def replaced_for_a_second():
+    def replaced_for_a_second() -> bool:
         scene.box("exec", "ip", "route", "replace", "default", "via", router, "dev", interface)
         deadline = time.monotonic() + 1
         while time.monotonic() < deadline:
@@ -20,7 +23,7 @@ def replace_default_route(scene, router, interface):
     wait_until(replaced_for_a_second, SLACK, "a default route that stays replaced")
 
 
-def test_a_default_route_that_another_program_has_replaced_is_put_right(scene):
+def test_a_default_route_that_another_program_has_replaced_is_put_right(scene: Scene) -> None:
     scene.expected_complaints = ("another program has replaced it",)
     scene.orders_may_be_late = True  # ConnMan's order is changed and restored without a decision of the supervision
     replace_default_route(scene, "10.12.0.1", "wwan0")
@@ -29,7 +32,7 @@ def test_a_default_route_that_another_program_has_replaced_is_put_right(scene):
     scene.settles("eth0", 10)
 
 
-def test_a_replaced_default_route_is_put_right_on_cellular_too(scene):
+def test_a_replaced_default_route_is_put_right_on_cellular_too(scene: Scene) -> None:
     scene.reach("CELLULAR_ACTIVE")
     scene.expected_complaints += ("another program has replaced it",)
     scene.orders_may_be_late = True
@@ -38,7 +41,7 @@ def test_a_replaced_default_route_is_put_right_on_cellular_too(scene):
     scene.settles("wwan0", 15)
 
 
-def test_a_status_file_that_another_client_has_written_is_put_right(scene):
+def test_a_status_file_that_another_client_has_written_is_put_right(scene: Scene) -> None:
     statuses = scene.box.status_file()
     path = scene.box.folder / "gateway/var/tmp/new_enterprise_statuses.csv"
     for _ in range(5):

@@ -1,25 +1,33 @@
 # SPDX-License-Identifier: Apache-2.0
 """What gateways meet in the field: none of it may hold up a tick, be taken for a proof, or leave an untruth behind."""
+from __future__ import annotations
+
 import fcntl
 import os
+import pathlib
 import subprocess
 import time
 
 import pytest
+
 from orv_testbed.application import Application
-from orv_testbed.box import SLACK, at, program, wait_until
-from orv_testbed.scene import PORTAL
-from orv_testbed.wire import GREEN, INHIBIT
+from orv_testbed.box import Box
+from orv_testbed.fixtures import MakeScene
+from orv_testbed.programs import program
+from orv_testbed.scene import PORTAL, Scene
+from orv_testbed.timestamps import at
+from orv_testbed.topics import GREEN, INHIBIT_DNS, of_feature
+from orv_testbed.waiting import SLACK, wait_until
 
 
-def put_setting(box, text):
+def put_setting(box: Box, text: str) -> None:
     """Adds to the gateway's configuration; to be called before a program that is to know of it."""
     with open(box.folder / "gateway/etc/orv/gateway.ini", "a", encoding="utf-8") as file:
         file.write(text)
 
 
 @pytest.mark.parametrize("kind", ["full", "bundle"])
-def test_a_full_list_of_authorities_moves_the_cloud_as_a_short_one(box, scene, kind):
+def test_a_full_list_of_authorities_moves_the_cloud_as_a_short_one(box: Box, scene: Scene, kind: str) -> None:
     box("authorities", kind)
     box("provider", "eth", "dead")
     scene.application.wait_for("route is Cell, reconnecting", 20)
@@ -29,7 +37,7 @@ def test_a_full_list_of_authorities_moves_the_cloud_as_a_short_one(box, scene, k
 
 
 @pytest.fixture
-def quick_scene(make_scene):
+def quick_scene(make_scene: MakeScene) -> Scene:
     """With ticks that are quick enough for several attempts of a poke within the grace of a lost address."""
     return make_scene("--tick-ms", "100").start()
 
@@ -37,7 +45,7 @@ def quick_scene(make_scene):
 GRACE_S = 2  # for so long after its start a poke over Ethernet goes on without an address
 
 
-def pull_ethernet_while_it_is_poked(scene):
+def pull_ethernet_while_it_is_poked(scene: Scene) -> int:
     """Returns the place in the log at which Ethernet's interface was gone."""
     box, application = scene.box, scene.application
     errors = ("poke error 7", "poke error 28", "poke error 45")
@@ -63,7 +71,7 @@ def pull_ethernet_while_it_is_poked(scene):
     raise AssertionError(f"the interface was never gone within the grace\n{application.interesting()}")
 
 
-def begin_poke_anew(scene):
+def begin_poke_anew(scene: Scene) -> int:
     """A poke ends without an address, but for a grace after its start; returns the place at which another one begins."""
     box, application = scene.box, scene.application
     wait_until(lambda: time.time() - began(application) > GRACE_S, SLACK, "the end of the grace")
@@ -74,7 +82,7 @@ def begin_poke_anew(scene):
     return application.wait_for("Started Poke eth if eth0", 10, place)
 
 
-def attempts_fail_at_once(application, place):
+def attempts_fail_at_once(application: Application, place: int) -> bool:
     """An attempt that was under way when the address was lost goes on, and may hang until the grace is over."""
     deadline = time.monotonic() + GRACE_S / 2
     while time.monotonic() < deadline:
@@ -84,21 +92,21 @@ def attempts_fail_at_once(application, place):
     return False
 
 
-def in_grace(application):
+def in_grace(application: Application) -> bool:
     lost = at(application.times_of("ETHERNET_IP_LOST")[-1])
     return lost - began(application) < GRACE_S - 0.5  # time for an attempt that is under way, and for the next one
 
 
-def began(application):
+def began(application: Application) -> float:
     """When the poke over Ethernet began."""
     return at(application.times_of("Started Poke eth if eth0")[-1])
 
 
-def has_address(application):
+def has_address(application: Application) -> bool:
     return application.reported("ETHERNET_IP_GAINED", "ETHERNET_IP_LOST") == "ETHERNET_IP_GAINED"
 
 
-def mute_questions_for_eth0(box, side):
+def mute_questions_for_eth0(box: Box, side: str) -> None:
     """The provider's name server answers everything else."""
     question = 64 + 96  # bits: behind the headers of UDP and DNS
     subprocess.run(
@@ -115,7 +123,7 @@ def mute_questions_for_eth0(box, side):
     )
 
 
-def test_a_poke_over_a_missing_interface_fails_at_once_although_nobody_answers_for_its_name(quick_scene):
+def test_a_poke_over_a_missing_interface_fails_at_once_although_nobody_answers_for_its_name(quick_scene: Scene) -> None:
     scene = quick_scene
     for side in ("eth", "cell"):
         mute_questions_for_eth0(scene.box, side)
@@ -124,7 +132,7 @@ def test_a_poke_over_a_missing_interface_fails_at_once_although_nobody_answers_f
     scene.settles("wwan0", 5)
 
 
-def test_a_name_server_that_knows_the_interfaces_name_makes_no_proof(quick_scene):
+def test_a_name_server_that_knows_the_interfaces_name_makes_no_proof(quick_scene: Scene) -> None:
     scene = quick_scene
     scene.box("names", "cell", "lie", "0.0.0.0", "eth0")
     place = pull_ethernet_while_it_is_poked(scene)
@@ -134,7 +142,7 @@ def test_a_name_server_that_knows_the_interfaces_name_makes_no_proof(quick_scene
 
 
 @pytest.mark.parametrize("address", ["0.0.0.0", "10.11.0.1", "198.51.100.99"])
-def test_a_lie_about_the_cloud_proves_nothing(scene, address):
+def test_a_lie_about_the_cloud_proves_nothing(scene: Scene, address: str) -> None:
     """Both name servers say so, one of them with nobody there."""
     scene.expected_complaints = ("poke error 7", "poke error 28", "no connection to the cloud")
     for side in ("eth", "cell"):
@@ -147,7 +155,7 @@ def test_a_lie_about_the_cloud_proves_nothing(scene, address):
     scene.settles("wwan0", 40)
 
 
-def test_a_portal_on_cellular_is_no_cloud(scene):
+def test_a_portal_on_cellular_is_no_cloud(scene: Scene) -> None:
     scene.expected_complaints = PORTAL
     scene.box("portal", "cell", "on")
     scene.box("provider", "eth", "dead")
@@ -159,7 +167,7 @@ def test_a_portal_on_cellular_is_no_cloud(scene):
 
 
 @pytest.mark.parametrize("state", ["ETHERNET_ACTIVE", "ETHERNET_LOST_DELAY", "CELLULAR_ACTIVE"])
-def test_a_modem_that_is_reset_is_used_again(scene, state):
+def test_a_modem_that_is_reset_is_used_again(scene: Scene, state: str) -> None:
     scene.expected_complaints = ("cannot put wwan0 on top now", "poke error 7", "poke error 45", "poke error 6")
     scene.reach(state)
     scene.box("cellular", "reset")
@@ -174,19 +182,21 @@ class ApplicationWhoseLogNobodyReads(Application):
 
     F_SETPIPE_SZ, SMALLEST = 1031, 4096
 
-    def __init__(self, box, folder, *options):
+    def __init__(self, box: Box, folder: pathlib.Path, *options: str) -> None:
         self.reading, writing = os.pipe()
         fcntl.fcntl(writing, self.F_SETPIPE_SZ, self.SMALLEST)
         super().__init__(box, folder, *options, output=writing)
         os.close(writing)
 
-    def read_the_log(self):
+    def read_the_log(self) -> None:
         with open(self.log_file, "wb") as log:
             self.reader = subprocess.Popen(["cat"], stdin=self.reading, stdout=log)
         os.close(self.reading)
 
 
-def test_a_frozen_reader_of_the_log_holds_nothing_up(box, tmp_path, request):
+def test_a_frozen_reader_of_the_log_holds_nothing_up(
+    box: Box, tmp_path: pathlib.Path, request: pytest.FixtureRequest
+) -> None:
     application = ApplicationWhoseLogNobodyReads(box, tmp_path)
     application.wait_for_cloud("eth0", 10)
     box("provider", "eth", "dead")
@@ -202,7 +212,7 @@ def test_a_frozen_reader_of_the_log_holds_nothing_up(box, tmp_path, request):
     request.getfixturevalue("judge_calls")(figures)
 
 
-def test_a_hostile_neighbour_on_the_bus_changes_nothing(box, scene, tmp_path):
+def test_a_hostile_neighbour_on_the_bus_changes_nothing(box: Box, scene: Scene, tmp_path: pathlib.Path) -> None:
     scene.expected_complaints = ("which is not the connection manager, is ignored",)
     with open(tmp_path / "neighbour.log", "w", encoding="utf-8") as log:
         box.start("/usr/bin/python3", "-u", "-m", "orv_testbed.hostile_neighbour", stdout=log, stderr=log)
@@ -230,7 +240,9 @@ wait 300ms
 """
 
 
-def test_a_neighbour_that_crashes_all_the_time_does_not_pull_the_route_back(box, make_scene, tmp_path):
+def test_a_neighbour_that_crashes_all_the_time_does_not_pull_the_route_back(
+    box: Box, make_scene: MakeScene, tmp_path: pathlib.Path
+) -> None:
     put_setting(box, "[gateway]\ncontroller = gateway-app\n")
     scene = make_scene().start()
     scene.neighbours = ("neighbour",)
@@ -239,7 +251,7 @@ def test_a_neighbour_that_crashes_all_the_time_does_not_pull_the_route_back(box,
     crashing = f"while :; do timeout -s KILL 1 {program('orv-shell')} {script}; done"
     with open(tmp_path / "neighbour.log", "w", encoding="utf-8") as log:
         neighbour = box.start("sh", "-c", crashing, stdout=log, stderr=log)
-    available = "/orv/apps_control/features/neighbour/available"
+    available = of_feature("neighbour", "available")
     scene.witness.wait_for(available, "true", 5)
     scene.reach("CELLULAR_ACTIVE")
     greens, starts = len(scene.witness.payloads(GREEN)), scene.witness.payloads(available).count("true")
@@ -256,7 +268,7 @@ def test_a_neighbour_that_crashes_all_the_time_does_not_pull_the_route_back(box,
     scene.settles("eth0", 20)
 
 
-def test_what_was_refused_without_a_broker_is_what_is_announced_with_the_next_one(scene):
+def test_what_was_refused_without_a_broker_is_what_is_announced_with_the_next_one(scene: Scene) -> None:
     scene.expected_complaints = (
         "lost the connection",
         "Failed to publish message to MQTT",
@@ -264,7 +276,7 @@ def test_what_was_refused_without_a_broker_is_what_is_announced_with_the_next_on
         "was refused",
     )
     scene.reach("CELLULAR_ACTIVE")
-    scene.witness.wait_for(INHIBIT, "inhibit")
+    scene.witness.wait_for(INHIBIT_DNS, "inhibit")
     scene.cut_wire()
     scene.box("broker", "stop")
     scene.box("provider", "eth", "back")
@@ -273,17 +285,18 @@ def test_what_was_refused_without_a_broker_is_what_is_announced_with_the_next_on
     connections = scene.witness.connections()
     scene.box("broker", "start")
     wait_until(
-        lambda: scene.witness.connections() > connections and scene.witness.payloads(INHIBIT, latest_connection=True),
+        lambda: scene.witness.connections() > connections
+        and scene.witness.payloads(INHIBIT_DNS, latest_connection=True),
         10 + SLACK,
         "the DNS topic on the restarted broker",
     )
     scene.settles("eth0", 10)
-    assert scene.witness.payloads(INHIBIT, latest_connection=True)[-1] == "permit"
-    assert "inhibit" not in scene.witness.payloads(INHIBIT, latest_connection=True)
+    assert scene.witness.payloads(INHIBIT_DNS, latest_connection=True)[-1] == "permit"
+    assert "inhibit" not in scene.witness.payloads(INHIBIT_DNS, latest_connection=True)
 
 
 @pytest.mark.parametrize("kind", ["full", "read-only"])
-def test_a_var_tmp_that_takes_nothing_costs_the_files_and_no_more(scene, kind):
+def test_a_var_tmp_that_takes_nothing_costs_the_files_and_no_more(scene: Scene, kind: str) -> None:
     scene.box("var-tmp", kind)
     scene.box("provider", "eth", "dead")
     scene.application.wait_for("route is Cell, reconnecting", 20)

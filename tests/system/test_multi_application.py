@@ -1,13 +1,18 @@
 # SPDX-License-Identifier: Apache-2.0
 """Two and ten applications beside each other on one broker: what becomes of each, and what they see of each other."""
+from __future__ import annotations
+
+from collections.abc import Iterator
 
 import pytest
 
-from orv_testbed.fleet import FEATURES, Fleet, until
+from orv_testbed.fleet import PATIENCE, Fleet
+from orv_testbed.topics import GREEN, PREPARE_FOR_SHUTDOWN, SHUTDOWN_READINESS
+from orv_testbed.waiting import wait_until
 
 
 @pytest.fixture(params=[2, 10], ids=["two", "ten"])
-def fleet(request):
+def fleet(request: pytest.FixtureRequest) -> Iterator[Fleet]:
     fleet = Fleet(request.param)
     try:
         yield fleet
@@ -15,13 +20,13 @@ def fleet(request):
         fleet.close()
 
 
-def test_each_announces_its_own_feature(fleet):
+def test_each_announces_its_own_feature(fleet: Fleet) -> None:
     fleet.await_words("init", "booting", "ready")
     fleet.await_words("available", "true")
     assert len({topic for topic, _, _ in fleet.observer.heard() if topic.endswith("/init")}) == len(fleet.applications)
 
 
-def test_an_order_reaches_the_one_it_is_for(fleet):
+def test_an_order_reaches_the_one_it_is_for(fleet: Fleet) -> None:
     fleet.await_words("init", "booting", "ready")
     for ordered in fleet.applications:
         fleet.order_and_settle(ordered, "reload")
@@ -30,7 +35,7 @@ def test_an_order_reaches_the_one_it_is_for(fleet):
             assert actions == (["OnAppActionIndication RELOAD"] if application is ordered else [])
 
 
-def test_one_can_order_another(fleet):
+def test_one_can_order_another(fleet: Fleet) -> None:
     fleet.await_words("init", "booting", "ready")
     first, last = fleet.applications[0], fleet.applications[-1]
     first.do(f"action {last.name} DISABLED")
@@ -39,36 +44,36 @@ def test_one_can_order_another(fleet):
     assert not [line for line in first.told() if line.startswith("OnAppAction")]
 
 
-def test_nobody_is_told_of_anothers_status(fleet):
+def test_nobody_is_told_of_anothers_status(fleet: Fleet) -> None:
     fleet.await_words("init", "booting", "ready")
     fleet.order_and_settle(fleet.applications[0], "reload")
     for application in fleet.applications:
         assert not [line for line in application.told() if line.startswith("OnAppStatus")]
 
 
-def test_all_hear_who_is_ready_for_a_shutdown(fleet):
+def test_all_hear_who_is_ready_for_a_shutdown(fleet: Fleet) -> None:
     fleet.await_words("init", "booting", "ready")
     fleet.applications[0].do("shutdown")
-    until(lambda: fleet.observer.heard(f"{FEATURES}/prepare_for_shutdown"), "the request for shutdown")
+    wait_until(lambda: fleet.observer.heard(PREPARE_FOR_SHUTDOWN), PATIENCE, "the request for shutdown")
     for application in fleet.applications:
-        fleet.observer.publish(f"{FEATURES}/shutdown_readiness/{application.name}", "ready")
+        fleet.observer.publish(SHUTDOWN_READINESS + application.name, "ready")
     for application in fleet.applications:
         fleet.await_in_all(f"OnFeatureShutdownReadinessIndication {application.name} true")
 
 
-def test_one_that_dies_is_announced_and_the_others_go_on(fleet):
+def test_one_that_dies_is_announced_and_the_others_go_on(fleet: Fleet) -> None:
     fleet.await_words("init", "booting", "ready")
     fleet.observer.forget()
     dead, *living = fleet.applications
     dead.kill()
-    until(lambda: fleet.words(dead, "available") == ["false"], "the last will")
+    wait_until(lambda: fleet.words(dead, "available") == ["false"], PATIENCE, "the last will")
     fleet.order_and_settle(living[0], "reload")
     assert "OnAppActionIndication RELOAD" in living[0].told()
     for application in living:
         assert fleet.words(application, "available") == []
 
 
-def test_one_that_says_good_bye_leaves_no_will(fleet):
+def test_one_that_says_good_bye_leaves_no_will(fleet: Fleet) -> None:
     fleet.await_words("init", "booting", "ready")
     fleet.observer.forget()
     gone, *living = fleet.applications
@@ -78,7 +83,7 @@ def test_one_that_says_good_bye_leaves_no_will(fleet):
     assert fleet.words(gone, "available") == []
 
 
-def test_a_broker_restart_brings_every_feature_back(fleet):
+def test_a_broker_restart_brings_every_feature_back(fleet: Fleet) -> None:
     fleet.await_words("init", "booting", "ready")
     fleet.restart_broker()
     fleet.await_words("available", "true")
@@ -89,11 +94,16 @@ def test_a_broker_restart_brings_every_feature_back(fleet):
     fleet.await_words("available", "true")
 
 
-def test_the_last_event_of_any_of_them_sets_the_gateways_leds(fleet):
+def test_the_last_event_of_any_of_them_sets_the_gateways_leds(fleet: Fleet) -> None:
     fleet.await_words("init", "booting", "ready")
     first, last = fleet.applications[0], fleet.applications[-1]
-    green = "/orv/led/connected_services_green"
     first.do("event CLOUD_CONNECTED")
-    until(lambda: [payload for _, payload, _ in fleet.observer.heard(green)] == ["On"], "the green LED on")
+    wait_until(
+        lambda: [payload for _, payload, _ in fleet.observer.heard(GREEN)] == ["On"], PATIENCE, "the green LED on"
+    )
     last.do("event ETHERNET_CONNECTED")
-    until(lambda: [payload for _, payload, _ in fleet.observer.heard(green)] == ["On", "Off"], "the green LED off")
+    wait_until(
+        lambda: [payload for _, payload, _ in fleet.observer.heard(GREEN)] == ["On", "Off"],
+        PATIENCE,
+        "the green LED off",
+    )

@@ -1,13 +1,17 @@
 # SPDX-License-Identifier: Apache-2.0
 """The broker, the connection manager, the bus, the name servers, the cable and the cloud itself fail."""
+from __future__ import annotations
+
 import time
 
 import pytest
-from orv_testbed.wire import GREEN, INHIBIT
+
+from orv_testbed.scene import Scene
+from orv_testbed.topics import GREEN, INHIBIT_DNS
 
 
 @pytest.mark.long
-def test_an_ethernet_that_flaps_for_two_minutes_settles(scene):
+def test_an_ethernet_that_flaps_for_two_minutes_settles(scene: Scene) -> None:
     scene.expected_complaints = ("cannot put eth0 on top now", "poke error 7", "cannot put wwan0 on top now")
     for _ in range(20):
         scene.box("cable", "out")
@@ -15,11 +19,11 @@ def test_an_ethernet_that_flaps_for_two_minutes_settles(scene):
         scene.box("cable", "in")
         time.sleep(3)
     scene.witness.wait_for(GREEN, "On", 40)
-    scene.settles("eth0", 40, inhibit=lambda: scene.witness.last(INHIBIT))
+    scene.settles("eth0", 40, inhibit=lambda: scene.witness.last(INHIBIT_DNS))
 
 
 @pytest.mark.parametrize("seconds", [0, 4])
-def test_a_broker_away_during_the_delay_does_not_stop_the_fail_over(scene, seconds):
+def test_a_broker_away_during_the_delay_does_not_stop_the_fail_over(scene: Scene, seconds: float) -> None:
     scene.expected_complaints = (
         "lost the connection",
         "was refused: not connected",
@@ -35,7 +39,7 @@ def test_a_broker_away_during_the_delay_does_not_stop_the_fail_over(scene, secon
     scene.settles("wwan0", 5)
 
 
-def test_a_frozen_broker_does_not_stop_the_fail_over(scene):
+def test_a_frozen_broker_does_not_stop_the_fail_over(scene: Scene) -> None:
     scene.cut_wire()
     scene.expected_complaints = (
         "lost the connection",
@@ -52,11 +56,11 @@ def test_a_frozen_broker_does_not_stop_the_fail_over(scene):
     scene.application.wait_for_session(15)
     scene.box("provider", "eth", "back")
     scene.application.wait_for("route is eth, reconnecting", 20)
-    scene.witness.wait_for(INHIBIT, "permit", 10)
+    scene.witness.wait_for(INHIBIT_DNS, "permit", 10)
     scene.settles("eth0", 10)
 
 
-def test_a_frozen_bus_holds_nothing_up(scene):
+def test_a_frozen_bus_holds_nothing_up(scene: Scene) -> None:
     scene.expected_complaints = ("has not answered for 3000 ms", "Failed to set wwan0 as top interface")
     scene.box("bus", "freeze")
     scene.box("provider", "eth", "dead")
@@ -68,7 +72,7 @@ def test_a_frozen_bus_holds_nothing_up(scene):
 
 
 @pytest.mark.short
-def test_mute_name_servers_hold_nothing_up(scene):
+def test_mute_name_servers_hold_nothing_up(scene: Scene) -> None:
     scene.expected_complaints = ("poke error 28", "poke error 6")
     scene.box("names", "eth", "mute")
     scene.box("names", "cell", "mute")
@@ -76,12 +80,12 @@ def test_mute_name_servers_hold_nothing_up(scene):
     scene.application.wait_for("Started Poke to cell if wwan0", 15)
     scene.application.wait_for("poke cell aborted", 21)
     assert scene.box.default_interfaces() == ["eth0"]
-    scene.witness.wait_for(INHIBIT, "permit")
+    scene.witness.wait_for(INHIBIT_DNS, "permit")
     scene.box("names", "cell", "back")
     scene.settles("wwan0", 35)
 
 
-def test_a_closed_cloud_moves_nothing(scene):
+def test_a_closed_cloud_moves_nothing(scene: Scene) -> None:
     scene.expected_complaints = ("poke error 7",)
     scene.box("cloud", "down")
     scene.application.wait_for("Started Poke to cell if wwan0", 15)
@@ -93,7 +97,7 @@ def test_a_closed_cloud_moves_nothing(scene):
     scene.settles("eth0", 15)
 
 
-def test_a_lease_that_ends_costs_no_more_than_a_dead_provider(scene):
+def test_a_lease_that_ends_costs_no_more_than_a_dead_provider(scene: Scene) -> None:
     """The connection manager goes on with the interface that has lost its address: there is no default route at all."""
     scene.expected_complaints = ("poke error 6", "poke error 7")
     scene.box("lease", "eth", "end")

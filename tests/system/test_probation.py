@@ -1,10 +1,14 @@
 # SPDX-License-Identifier: Apache-2.0
 """An Ethernet that is only half dead: the route does not follow it to and fro."""
+from __future__ import annotations
+
 import time
 
 import pytest
-from orv_testbed.box import SLACK, wait_until
-from orv_testbed.wire import GREEN, NO_NETWORK, YELLOW
+
+from orv_testbed.scene import Scene
+from orv_testbed.topics import GREEN, NO_NETWORK, YELLOW
+from orv_testbed.waiting import SLACK, wait_until
 
 MOVED = "the WAN route has moved from"
 ON_PROBATION = "Ethernet is on probation"
@@ -12,7 +16,7 @@ EXPECTED = (ON_PROBATION, "answers over neither interface")
 
 
 @pytest.fixture
-def scene_on_probation(scene):
+def scene_on_probation(scene: Scene) -> Scene:
     """The cloud's broker is down, so the cloud is lost on Ethernet twice although the poke over it is good."""
     scene.expected_complaints = EXPECTED
     scene.box("cloud-mqtt", "refused")
@@ -23,11 +27,11 @@ def scene_on_probation(scene):
     return scene
 
 
-def moves(scene):
+def moves(scene: Scene) -> int:
     return len(scene.application.times_of(MOVED))
 
 
-def test_a_broker_that_is_down_moves_the_route_three_times_and_is_named(scene_on_probation):
+def test_a_broker_that_is_down_moves_the_route_three_times_and_is_named(scene_on_probation: Scene) -> None:
     scene = scene_on_probation
     assert moves(scene) == 3
     scene.application.wait_for("the cloud's broker cloud.box.test:8883 answers over neither interface", 15)
@@ -43,7 +47,7 @@ def test_a_broker_that_is_down_moves_the_route_three_times_and_is_named(scene_on
 
 
 @pytest.mark.long
-def test_an_ethernet_that_proves_itself_for_a_minute_gets_the_route_back(scene_on_probation):
+def test_an_ethernet_that_proves_itself_for_a_minute_gets_the_route_back(scene_on_probation: Scene) -> None:
     scene = scene_on_probation
     scene.box("cloud-mqtt", "ok")
     scene.application.wait_for("Ethernet's probation is over: it has proved itself", 100)
@@ -52,7 +56,7 @@ def test_an_ethernet_that_proves_itself_for_a_minute_gets_the_route_back(scene_o
     assert moves(scene) == 4
 
 
-def test_a_lost_cellular_ends_the_probation_at_once(scene_on_probation):
+def test_a_lost_cellular_ends_the_probation_at_once(scene_on_probation: Scene) -> None:
     scene = scene_on_probation
     scene.box("cloud-mqtt", "ok")
     scene.application.wait_for_cloud("wwan0", 15)
@@ -68,7 +72,7 @@ def test_a_lost_cellular_ends_the_probation_at_once(scene_on_probation):
     scene.settles("eth0", 30)
 
 
-def test_a_cellular_that_does_not_reach_the_cloud_ends_the_probation(scene_on_probation):
+def test_a_cellular_that_does_not_reach_the_cloud_ends_the_probation(scene_on_probation: Scene) -> None:
     scene = scene_on_probation
     scene.box("cloud-mqtt", "ok")
     scene.application.wait_for_cloud("wwan0", 15)
@@ -78,7 +82,7 @@ def test_a_cellular_that_does_not_reach_the_cloud_ends_the_probation(scene_on_pr
 
 
 @pytest.mark.long
-def test_an_ethernet_that_loses_a_fifth_of_its_packets_keeps_the_cloud(scene):
+def test_an_ethernet_that_loses_a_fifth_of_its_packets_keeps_the_cloud(scene: Scene) -> None:
     scene.box("loss", "eth", "20")
     begun = time.monotonic()
     time.sleep(60)  # part of the fault: how long it lasts

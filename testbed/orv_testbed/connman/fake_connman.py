@@ -11,8 +11,12 @@ Takes commands on standard input, one a line, and answers each with one line:
   refuse METHOD ERROR                        METHOD (MoveBefore, SetProperty, GetServices) fails; "-" ends it
   calls                                      what has been asked for since the last time, ";" in between
 """
+from __future__ import annotations
+
 import re
 import sys
+from collections.abc import Sequence
+from typing import Any
 
 import dbus
 import dbus.lowlevel
@@ -25,18 +29,19 @@ NOTICE_DELAY_MS = 100  # as ConnMan's
 OFFERED = "192.0.2.53"
 
 
-def path_of(interface):
+def path_of(interface: str) -> Any:
     return dbus.ObjectPath("/net/connman/service/" + re.sub("[^A-Za-z0-9]", "_", interface))
 
 
 class Service(dbus.service.Object):
-    def __init__(self, manager, interface, state, immutable):
+    def __init__(self, manager: Any, interface: str, state: str, immutable: bool) -> None:
         super().__init__(manager.bus, path_of(interface))
         self.manager, self.interface = manager, interface
         self.state, self.immutable = state, immutable
-        self.offered, self.configured = [OFFERED], None
+        self.offered = [OFFERED]
+        self.configured: list[str] | None = None
 
-    def properties(self):
+    def properties(self) -> Any:
         configured = [server for server in self.configured or [] if server != "none"]
         servers = self.offered if self.configured is None else configured
         return dbus.Dictionary(
@@ -51,15 +56,15 @@ class Service(dbus.service.Object):
             signature="sv",
         )
 
-    def tell(self, name):
+    def tell(self, name: str) -> None:
         self.PropertyChanged(name, self.properties()[name])
 
     @dbus.service.signal(SERVICE, signature="sv")
-    def PropertyChanged(self, name, value):
+    def PropertyChanged(self, name: str, value: Any) -> None:
         pass
 
     @dbus.service.method(SERVICE, in_signature="o")
-    def MoveBefore(self, target):
+    def MoveBefore(self, target: str) -> None:
         order = self.manager.services
         other = next(service for service in order if path_of(service.interface) == target)
         self.manager.note("MoveBefore", self.interface, other.interface)
@@ -69,7 +74,7 @@ class Service(dbus.service.Object):
             GLib.timeout_add(NOTICE_DELAY_MS, self.manager.tell_order, [])
 
     @dbus.service.method(SERVICE, in_signature="sv")
-    def SetProperty(self, name, value):
+    def SetProperty(self, name: str, value: Any) -> None:
         self.manager.note("SetProperty", self.interface, name + "=" + ",".join(value))
         self.configured = [str(server) for server in value] or None
         self.tell("Nameservers.Configuration")
@@ -77,17 +82,21 @@ class Service(dbus.service.Object):
 
 
 class Manager(dbus.service.Object):
-    def __init__(self, bus):
+    def __init__(self, bus: Any) -> None:
         super().__init__(bus, "/")
-        self.bus, self.services, self.calls, self.refused, self.name = bus, [], [], {}, None
+        self.bus = bus
+        self.services: list[Service] = []
+        self.calls: list[str] = []
+        self.refused: dict[str, str] = {}
+        self.name: Any = None
         self.quiet = False
 
-    def note(self, method, *arguments):
+    def note(self, method: str, *arguments: Any) -> None:
         self.calls.append(" ".join((method,) + arguments))
         if method in self.refused:
             raise dbus.DBusException("refused by the test", name=self.refused[method])
 
-    def tell_order(self, added, removed=()):
+    def tell_order(self, added: Sequence[Service], removed: Sequence[str] = ()) -> None:
         changed = [
             (
                 path_of(service.interface),
@@ -98,16 +107,16 @@ class Manager(dbus.service.Object):
         self.ServicesChanged(dbus.Array(changed, signature="(oa{sv})"), dbus.Array(removed, signature="o"))
 
     @dbus.service.signal(MANAGER, signature="a(oa{sv})ao")
-    def ServicesChanged(self, changed, removed):
+    def ServicesChanged(self, changed: Any, removed: Sequence[str]) -> None:
         pass
 
     @dbus.service.method(MANAGER, out_signature="a(oa{sv})")
-    def GetServices(self):
+    def GetServices(self) -> Any:
         if "GetServices" in self.refused:
             raise dbus.DBusException("refused by the test", name=self.refused["GetServices"])
         return [(path_of(service.interface), service.properties()) for service in self.services]
 
-    def set_services(self, *wanted):
+    def set_services(self, *wanted: str) -> None:
         known = {service.interface: service for service in self.services}
         self.services, added = [], []
         for text in wanted:
@@ -124,7 +133,7 @@ class Manager(dbus.service.Object):
             service.remove_from_connection()
         self.tell_order(added, [path_of(interface) for interface in known])
 
-    def command(self, word, *arguments):
+    def command(self, word: str, *arguments: Any) -> str:
         if word == "services":
             self.set_services(*arguments)
             self.name = self.name or dbus.service.BusName("net.connman", self.bus)
@@ -144,17 +153,17 @@ class Manager(dbus.service.Object):
             return ";".join(calls)
         return "ok"
 
-    def find(self, interface):
+    def find(self, interface: str) -> Service:
         return next(service for service in self.services if service.interface == interface)
 
 
-def main():
+def main() -> None:
     dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
     bus = dbus.SystemBus()
     manager = Manager(bus)
     loop = GLib.MainLoop()
 
-    def read(*_):
+    def read(*_: object) -> bool:
         line = sys.stdin.readline()
         try:
             answer = manager.command(*line.split()) if line else None

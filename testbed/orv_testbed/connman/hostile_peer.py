@@ -13,8 +13,11 @@ commands on standard input, one a line, and answers each with one line, "ok" or 
   stop     nothing any more
   reorder  orders the connection manager to put wwan0 before eth0
 """
+from __future__ import annotations
+
 import os
 import sys
+from typing import Any
 
 import dbus
 import dbus.lowlevel
@@ -28,7 +31,7 @@ ETH, WWAN = "/net/connman/service/eth0", "/net/connman/service/wwan0"
 SERVICES = "a(oa{sv})"
 
 
-def become_nobody():
+def become_nobody() -> None:
     if os.getuid() == 0:
         os.setgroups([])
         os.setgid(NOBODY)
@@ -36,7 +39,7 @@ def become_nobody():
 
 
 class Peer:
-    def __init__(self, victim):
+    def __init__(self, victim: int) -> None:
         self.bus = dbus.SystemBus()
         self.me = self.bus.get_unique_name()
         driver = dbus.Interface(self.bus.get_object(BUS, "/org/freedesktop/DBus"), BUS)
@@ -46,21 +49,21 @@ class Peer:
         self.driver, self.flooding = driver, None
         self.bus.add_message_filter(self.answer)
 
-    def signal(self, path, interface, member, signature="", *arguments):
+    def signal(self, path: str, interface: str, member: str, signature: str = "", *arguments: Any) -> None:
         for name in self.victims:
             message = dbus.lowlevel.SignalMessage(path, interface, member)
             message.set_destination(name)
             message.append(*arguments, signature=signature)
             self.bus.send_message(message)
 
-    def call(self, interface, member):
+    def call(self, interface: str, member: str) -> None:
         for name in self.victims:
             self.bus.send_message(dbus.lowlevel.MethodCallMessage(name, "/", interface, member))
 
-    def owner_changed(self, *owners, path="/org/freedesktop/DBus"):
+    def owner_changed(self, *owners: str, path: str = "/org/freedesktop/DBus") -> None:
         self.signal(path, BUS, "NameOwnerChanged", "sss", "net.connman", *owners)
 
-    def forge_owners(self):
+    def forge_owners(self) -> None:
         self.owner_changed(self.manager, "")
         self.owner_changed("", "no unique name")
         self.owner_changed("", "", path="/")
@@ -68,7 +71,7 @@ class Peer:
         self.signal("/org/freedesktop/DBus", BUS, "NameOwnerChanged", "uas", 7, ["net.connman"])
         self.signal("/org/freedesktop/DBus", BUS, "NameLost", "s", "net.connman")
 
-    def forge_services(self):
+    def forge_services(self) -> None:
         nothing = dbus.Dictionary({}, signature="sv")
         self.signal("/", MANAGER, "ServicesChanged", SERVICES + "ao", [(WWAN, nothing), (ETH, nothing)], [])
         self.signal("/", MANAGER, "ServicesChanged", SERVICES + "ao", [], [ETH, WWAN])
@@ -84,7 +87,7 @@ class Peer:
             [],
         )
 
-    def forge_properties(self):
+    def forge_properties(self) -> None:
         for path in (ETH, WWAN, "/"):
             self.signal(path, SERVICE, "PropertyChanged", "sv", "State", "failure")
             self.signal(path, SERVICE, "PropertyChanged", "sv", "State", dbus.UInt64(1))
@@ -94,7 +97,7 @@ class Peer:
             self.signal(path, SERVICE, "PropertyChanged", "v", dbus.Array([[["deep"]]], signature="aas"))
             self.signal(path, SERVICE, "PropertyChanged")
 
-    def forge(self):
+    def forge(self) -> None:
         self.forge_owners()
         self.forge_services()
         self.forge_properties()
@@ -103,7 +106,7 @@ class Peer:
         self.call(MANAGER, "GetServices")
 
     @staticmethod
-    def nonsense():
+    def nonsense() -> Any:
         return [
             (
                 path,
@@ -119,7 +122,7 @@ class Peer:
             for path, interface in (("no path at all", "eth0"), ("", "wwan0"))
         ]
 
-    def answer(self, _, message):
+    def answer(self, _: object, message: Any) -> Any:
         if message.get_type() != 1 or message.get_interface() not in (MANAGER, SERVICE):
             return dbus.lowlevel.HANDLER_RESULT_NOT_YET_HANDLED
         reply = dbus.lowlevel.MethodReturnMessage(message)
@@ -127,21 +130,21 @@ class Peer:
         self.bus.send_message(reply)
         return dbus.lowlevel.HANDLER_RESULT_HANDLED
 
-    def flood(self):
+    def flood(self) -> bool:
         for _ in range(BATCH):
             self.signal(WWAN, SERVICE, "PropertyChanged", "sv", "State", "failure")
             self.owner_changed(self.manager, "")
         self.bus.flush()
         return True
 
-    def reorder(self):
+    def reorder(self) -> str:
         try:
             self.bus.call_blocking("net.connman", WWAN, SERVICE, "MoveBefore", "o", (dbus.ObjectPath(ETH),))
         except dbus.DBusException as error:
-            return error.get_dbus_name()
+            return str(error.get_dbus_name())
         return "ok"
 
-    def command(self, word):
+    def command(self, word: str) -> str:
         if self.flooding:
             GLib.source_remove(self.flooding)
             self.flooding = None
@@ -163,13 +166,13 @@ class Peer:
         return "ok"
 
 
-def main():
+def main() -> None:
     become_nobody()
     dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
     peer = Peer(int(sys.argv[1]))
     loop = GLib.MainLoop()
 
-    def read(*_):
+    def read(*_: object) -> bool:
         line = sys.stdin.readline()
         if not line:
             loop.quit()

@@ -1,12 +1,17 @@
 # SPDX-License-Identifier: Apache-2.0
 """A message bus of one's own with a fake connection manager on it."""
+from __future__ import annotations
 
 import os
+import pathlib
 import subprocess
 import threading
+from typing import IO, Any
+
+from orv_testbed.processes import start_dependent
 
 PATIENCE = 10  # seconds for each of the two to start
-HERE = os.path.dirname(os.path.abspath(__file__))
+HERE = pathlib.Path(__file__).resolve().parent
 
 
 class StandInError(Exception):
@@ -19,49 +24,35 @@ class ConnmanStandIn:
     `socket` is the path of the bus, in a folder of the caller's; `services` are the words behind fake_connman.py's command.
     """
 
-    def __init__(self, socket, services):
+    def __init__(self, socket: str | os.PathLike[str], services: str) -> None:
         self.address = "unix:path=" + os.fspath(socket)
-        self.processes = []
+        self.processes: list[subprocess.Popen[str]] = []
         try:
-            bus = self.start(
-                [
-                    "dbus-daemon",
-                    "--config-file=" + os.path.join(HERE, "bus.conf"),
-                    "--nofork",
-                    "--nopidfile",
-                    "--syslog-only",
-                    "--address=" + self.address,
-                    "--print-address=1",
-                ]
-            )
+            daemon = ("dbus-daemon", "--nofork", "--nopidfile", "--syslog-only", f"--config-file={HERE / 'bus.conf'}")
+            bus = self.start(*daemon, f"--address={self.address}", "--print-address=1")
             self.hear(bus, self.address, f"a message bus at {socket} (package dbus-daemon)")
             # python3-dbus is there for the system's Python only.
-            self.connman = self.start(
-                ["/usr/bin/python3", "-B", os.path.join(HERE, "fake_connman.py")],
-                env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": self.address},
-            )
-            self.connman.stdin.write(f"services {services}\n")
-            self.connman.stdin.flush()
-            self.hear(self.connman, "ok", "the fake connection manager (packages python3-dbus, python3-gi)")
+            environment = {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": self.address}
+            connman = self.start("/usr/bin/python3", "-B", str(HERE / "fake_connman.py"), env=environment)
+            assert connman.stdin
+            self.orders: IO[str] = connman.stdin  # it ends at their end
+            self.orders.write(f"services {services}\n")
+            self.orders.flush()
+            self.hear(connman, "ok", "the fake connection manager (packages python3-dbus, python3-gi)")
         except BaseException:
             self.close()
             raise
 
-    def start(self, command, **options):
+    def start(self, *command: str, **options: Any) -> subprocess.Popen[str]:
         # A session of their own: an interrupt at the keyboard is for the others, who end these.
-        process = subprocess.Popen(
-            ["setpriv", "--pdeathsig", "KILL", *command],
-            stdin=subprocess.PIPE,
-            stdout=subprocess.PIPE,
-            text=True,
-            start_new_session=True,
-            **options,
-        )
+        pipes = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, "text": True, "start_new_session": True}
+        process: subprocess.Popen[str] = start_dependent(command, **pipes, **options)
         self.processes.append(process)
         return process
 
     @staticmethod
-    def hear(process, expected, what):
+    def hear(process: subprocess.Popen[str], expected: str, what: str) -> None:
+        assert process.stdout
         watchdog = threading.Timer(PATIENCE, process.kill)
         watchdog.start()
         said = process.stdout.readline()
@@ -69,10 +60,11 @@ class ConnmanStandIn:
         if not said.startswith(expected):
             raise StandInError(f"cannot start {what} within {PATIENCE} s; script/bootstrap installs what is missing")
 
-    def close(self):
+    def close(self) -> None:
         for process in reversed(self.processes):
             process.kill()
             process.wait()
-            process.stdin.close()
-            process.stdout.close()
+            for pipe in (process.stdin, process.stdout):
+                if pipe:
+                    pipe.close()
         self.processes.clear()

@@ -5,8 +5,11 @@ and reports a failure, on the real connection manager and the real broker. Draws
 Run by script/demo. The box, and with it everything that was started, is taken down however the demo ends.
 """
 
+from __future__ import annotations
+
 import json
 import os
+import pathlib
 import re
 import shutil
 import signal
@@ -14,10 +17,16 @@ import subprocess
 import sys
 import threading
 import time
+from collections.abc import Callable, Iterable
+from typing import IO, Any
 
 from orv_testbed import route_states, timeline
+from orv_testbed.box import Box
 from orv_testbed.demo.transcript import Transcript
-from orv_testbed.processes import end_all
+from orv_testbed.programs import program
+from orv_testbed.status_files import ALL_UP, ERRORS, FAILURE, STATUSES
+from orv_testbed.topics import ALL, INHIBIT_DNS, LEDS
+from orv_testbed.waiting import wait_until
 
 STATES = [
     "ETHERNET_ACTIVE",
@@ -29,11 +38,7 @@ STATES = [
     "ETHERNET_SETTLE_DELAY",
     "ETHERNET_ACTIVE",
 ]
-STATUS_FILE = "/var/tmp/new_enterprise_statuses.csv"
-ERRORS = "/var/tmp/new_enterprise_errors.csv"
-STATUSES = '"Enterprise Feature","Enabled"\n"Cloud Connection","Up"\n"Ethernet","Up"\n"Cellular","Up"'
 LOG_LEVEL = "info,OrvRoute=debug,OrvSessionMqtt=error"
-LED_TOPIC = "/orv/led/connected_services_"
 COLUMN = {
     "route state": "state",
     "green LED": "LED",
@@ -42,176 +47,110 @@ COLUMN = {
     "default route": "route",
     "cloud connection": "cloud",
 }
-DNS_TOPIC = "/orv/network/wan/inhibit_dns"
-
-
-class DemoError(Exception):
-    pass
 
 
 class Run:
-    """What was seen, in order, by lane; and whoever waits for something to be seen."""
+    """What was seen, in order, by lane."""
 
-    def __init__(self, transcript):
+    def __init__(self, transcript: Transcript) -> None:
         self.transcript = transcript
         self.begin = time.monotonic()
-        self.events = []
-        self.lanes = {}
-        self.changed = threading.Condition()
+        self.events: list[dict[str, Any]] = []
+        self.lanes: dict[str, list[str]] = {}
+        self.lock = threading.Lock()
 
-    def note(self, lane, value, text=None, *styles):
-        with self.changed:
+    def note(self, lane: str, value: str, text: str | None = None, *styles: str) -> None:
+        with self.lock:
             history = self.lanes.setdefault(lane, [])
             if history and history[-1] == value:
                 return
             history.append(value)
             self.events.append({"t": time.monotonic() - self.begin, "lane": lane, "value": value})
-            self.changed.notify_all()
         self.transcript.line(COLUMN.get(lane, lane)[:8], text or value, *styles)
 
-    def mark(self, text):
-        with self.changed:
+    def mark(self, text: str) -> None:
+        with self.lock:
             self.events.append({"t": time.monotonic() - self.begin, "mark": text})
         self.transcript.chapter(text)
 
-    def show(self, seconds):
+    def show(self, seconds: float) -> None:
         """Time for the reader, and for something that must not happen."""
         time.sleep(seconds)
 
-    def now(self, lane):
+    def now(self, lane: str) -> str:
         return self.lanes.get(lane, [""])[-1]
 
-    def wait(self, what, seconds, condition):
-        with self.changed:
-            end = time.monotonic() + seconds
-            while not condition():
-                if time.monotonic() > end:
-                    raise DemoError(f"{what}: not within {seconds} s")
-                self.changed.wait(0.1)
+
+def follow(stream: IO[str] | None, take: Callable[[str], None]) -> threading.Thread:
+    lines: Iterable[str] = stream or ()
+
+    def read() -> None:
+        for line in lines:
+            take(line.rstrip("\n"))
+
+    thread = threading.Thread(target=read, daemon=True)
+    thread.start()
+    return thread
 
 
 class BoxDemo:
-    def __init__(self, tree, programs, transcript):
-        self.box_command = os.path.join(tree, "testbed", "box")
-        self.app = os.path.join(programs, "gateway-app")
+    def __init__(self, box: Box, transcript: Transcript) -> None:
+        self.box = box
         self.run = Run(transcript)
         self.transcript = transcript
-        self.processes = []
-        self.name = f"d{os.getpid() % 10**7}"  # as many characters as a box may have
-        self.state = os.path.join(os.environ.get("TMPDIR", "/tmp"), f"orv-box-{self.name}")
-        self.environment = {
-            **os.environ,
-            "ORV_BOX": self.name,
-            "ORV_BOX_DIR": self.state,
-            "ORV_SOURCE_ROUTES": os.path.join(programs, "orv-source-routes"),
-        }
 
-    def box(self, *arguments, check=True):
-        done = subprocess.run(
-            [self.box_command, *arguments],
-            env=self.environment,
-            capture_output=True,
-            text=True,
-            check=False,
-            stdin=subprocess.DEVNULL,
-        )
-        if check and done.returncode != 0:
-            raise DemoError(f"box {' '.join(arguments)}: {done.stderr.strip() or done.stdout.strip()}")
-        return done.stdout
-
-    def on_gateway(self, *command, **options):
-        process = subprocess.Popen(
-            [self.box_command, "exec", *command],
-            env=self.environment,
-            stdin=subprocess.DEVNULL,
-            text=True,
-            errors="replace",
-            **options,
-        )
-        self.processes.append(process)
-        return process
-
-    def follow(self, stream, take):
-        def read():
-            for line in stream:
-                take(line.rstrip("\n"))
-
-        thread = threading.Thread(target=read, daemon=True)
-        thread.start()
-        return thread
-
-    def up(self):
-        self.box("up")
-        self.run.begin = time.monotonic()
-        wire = self.on_gateway(
-            "stdbuf",
-            "-oL",
-            "mosquitto_sub",
-            "-h",
-            "127.0.0.1",
-            "-V",
-            "mqttv5",
-            "--retain-as-published",
-            "-t",
-            "/orv/#",
-            "-F",
-            "%r %t %p",
+    def watch(self) -> None:
+        """Follows the wire and the default route."""
+        wire = self.box.start(
+            *("stdbuf", "-oL", "mosquitto_sub", "-h", "127.0.0.1", "-V", "mqttv5", "--retain-as-published"),
+            *("-t", ALL, "-F", "%r %t %p"),
             stdout=subprocess.PIPE,
         )
-        self.follow(wire.stdout, self.on_message)
-        routes = self.on_gateway("stdbuf", "-oL", "ip", "-o", "monitor", "route", stdout=subprocess.PIPE)
-        self.follow(routes.stdout, lambda _: self.on_route())
+        follow(wire.stdout, self.on_message)
+        routes = self.box.start("stdbuf", "-oL", "ip", "-o", "monitor", "route", stdout=subprocess.PIPE)
+        follow(routes.stdout, lambda _: self.on_route())
         self.on_route()
 
-    def start_application(self):
-        transcript = os.path.join(self.state, "app.jsonl")
-        open(transcript, "w", encoding="utf-8").close()
-        application = self.on_gateway(
-            "env",
-            f"ORV_LOG_LEVEL={LOG_LEVEL}",
-            "RES_OPTIONS=timeout:1 attempts:2",
-            self.app,
-            "--name",
-            "demo",
-            "--cloud-host",
-            "cloud.box.test",
-            "--tick-ms",
-            "100",
-            "--transcript",
-            transcript,
+    def start_application(self) -> subprocess.Popen[str]:
+        transcript = self.box.folder / "app.jsonl"
+        transcript.touch()
+        application = self.box.start(
+            *("env", f"ORV_LOG_LEVEL={LOG_LEVEL}", "RES_OPTIONS=timeout:1 attempts:2", program("gateway-app")),
+            *("--name", "demo", "--cloud-host", "cloud.box.test", "--tick-ms", "100"),
+            *("--transcript", str(transcript)),
             stdout=subprocess.DEVNULL,
             stderr=subprocess.PIPE,
         )
-        self.log_reader = self.follow(application.stderr, self.on_log)
+        self.log_reader = follow(application.stderr, self.on_log)
         happenings = subprocess.Popen(
-            ["tail", "-F", "-n", "+1", transcript], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True
+            ["tail", "-F", "-n", "+1", str(transcript)], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True
         )
-        self.processes.append(happenings)
-        self.follow(happenings.stdout, self.on_happening)
+        self.box.processes.append(happenings)
+        follow(happenings.stdout, self.on_happening)
         return application
 
-    def on_message(self, line):
+    def on_message(self, line: str) -> None:
         retained, topic, payload = (line.split(" ", 2) + [""])[:3]
-        if topic.startswith(LED_TOPIC):
-            led = topic[len(LED_TOPIC) :]
+        if topic.startswith(LEDS):
+            led = topic[len(LEDS) :]
             self.run.note(f"{led} LED", payload, self.transcript.lamp(led, payload))
-        elif topic == DNS_TOPIC:
+        elif topic == INHIBIT_DNS:
             self.run.note("DNS topic", payload, f"inhibit_dns: {payload}", "dim")
-        if topic.startswith((LED_TOPIC, DNS_TOPIC)) and retained != "1":
+        if topic.startswith((LEDS, INHIBIT_DNS)) and retained != "1":
             self.run.note("fault", f"{topic} was not published retained", None, "red")
 
-    def on_route(self):
-        found = re.search(r"\bdev (\S+)", self.box("exec", "ip", "route", "show", "default", check=False))
+    def on_route(self) -> None:
+        found = re.search(r"\bdev (\S+)", self.box("exec", "ip", "route", "show", "default", must_succeed=False))
         interface = found.group(1) if found else "none"
         self.run.note("default route", interface, f"default over {interface}")
 
-    def on_log(self, line):
+    def on_log(self, line: str) -> None:
         self.transcript.line("log", line[25:] if line[:2] == "20" else line, "dim")
         state = route_states.entered(line)
         if state:
             self.run.note("route state", state, state, "bold")
 
-    def on_happening(self, line):
+    def on_happening(self, line: str) -> None:
         happening = json.loads(line)
         what = happening["what"]
         if what == "cloud_connected":
@@ -226,47 +165,46 @@ class BoxDemo:
         elif what == "event":
             self.transcript.line("event", happening["event"], "cyan")
 
-    def play(self):
+    def play(self) -> list[str]:
         run = self.run
-        self.transcript.chapter("A gateway comes up: two providers, a cloud, ConnMan, a broker")
-        self.up()
+        run.begin = time.monotonic()
+        self.watch()
         application = self.start_application()
         run.note("route state", "ETHERNET_ACTIVE", "ETHERNET_ACTIVE", "bold")
-        run.wait(
-            "the cloud connection over Ethernet",
-            20,
+        wait_until(
             lambda: run.now("cloud connection") == "Ethernet" and run.now("green LED") == "On",
+            20,
+            "the cloud connection over Ethernet",
         )
 
         run.show(2)
         run.mark("Ethernet provider dies")
         self.box("provider", "eth", "dead")
-        run.wait(
-            "the fail-over to Cellular",
-            40,
+        wait_until(
             lambda: run.now("cloud connection") == "Cellular"
             and run.now("route state") == "CELLULAR_ACTIVE"
             and run.now("green LED") == "On",
+            40,
+            "the fail-over to Cellular",
         )
 
         run.show(4)
         run.mark("Ethernet provider is back")
         self.box("provider", "eth", "back")
-        run.wait(
-            "the return to Ethernet",
-            60,
+        wait_until(
             lambda: run.now("cloud connection") == "Ethernet"
             and run.now("route state") == "ETHERNET_ACTIVE"
             and run.now("default route") == "eth0",
+            60,
+            "the return to Ethernet",
         )
 
         run.show(2)
         run.mark("the application reports a failure")
         application.send_signal(signal.SIGUSR1)  # `box exec` has replaced itself by the program
-        run.wait("both LEDs blinking", 10, lambda: run.now("green LED") == run.now("yellow LED") == "Blink")
+        wait_until(lambda: run.now("green LED") == run.now("yellow LED") == "Blink", 10, "both LEDs blinking")
 
-        errors = self.on_gateway_disk(ERRORS)
-        run.wait("the error file", 5, lambda: os.path.exists(errors) and os.path.getsize(errors) > 0)
+        wait_until(self.box.error_file, 5, "the error file")
         faults = self.show_files()
 
         run.show(1)
@@ -277,11 +215,11 @@ class BoxDemo:
         run.events.append({"t": time.monotonic() - run.begin, "end": True})
         return faults + self.judge(status)
 
-    def judge(self, status):
+    def judge(self, status: int) -> list[str]:
         faults = [] if status == 0 else [f"the application ended with exit status {status}"]
         faults += self.run.lanes.get("fault", [])
 
-        def expect(lane, wanted):
+        def expect(lane: str, wanted: list[str]) -> None:
             seen = [
                 value for value in self.run.lanes.get(lane, []) if value != "none"
             ]  # gaps between two are all right
@@ -294,73 +232,50 @@ class BoxDemo:
         expect("cloud connection", ["Ethernet", "Cellular", "Ethernet"])
         return faults
 
-    def on_gateway_disk(self, path):
-        return os.path.join(self.state, "gateway", path.lstrip("/"))
-
-    def show_files(self):
+    def show_files(self) -> list[str]:
         faults = []
-        for path, right in (
-            (STATUS_FILE, lambda text: text == STATUSES),
-            (ERRORS, lambda text: re.fullmatch(r"\d+,Fatal Error Detected", text)),
-        ):
+        for path, wanted in ((STATUSES, re.escape(ALL_UP)), (ERRORS, rf"\d+,{FAILURE}")):
             self.transcript.chapter(path)
-            try:
-                with open(self.on_gateway_disk(path), encoding="utf-8") as file:
-                    text = file.read()
-            except OSError as error:
-                faults.append(f"{path}: {error.strerror}")
-                continue
+            text = self.box.file(path)
             print(text, flush=True)
-            if not right(text):
+            if text is None or not re.fullmatch(wanted, text):
                 faults.append(f"{path} is not as it must be")
         return faults
 
-    def draw(self, folder):
-        os.makedirs(folder, exist_ok=True)
-        events = os.path.join(folder, "demo.jsonl")
-        picture = os.path.join(folder, "demo.svg")
+    def draw(self, folder: pathlib.Path) -> None:
+        folder.mkdir(parents=True, exist_ok=True)
+        events, picture, raster = (folder / f"demo.{kind}" for kind in ("jsonl", "svg", "png"))
         with open(events, "w", encoding="utf-8") as file:
             file.writelines(json.dumps(event) + "\n" for event in self.run.events if event.get("lane") != "fault")
-        timeline.main([events, picture])
+        timeline.main([str(events), str(picture)])
         print(f"\nThe run as a picture: {picture}")
         if shutil.which("rsvg-convert"):
-            subprocess.run(["rsvg-convert", picture, "-o", picture[:-3] + "png"], check=True)
-            print(f"                      {picture[:-3]}png")
-
-    def stop(self):
-        end_all(self.processes)
-        self.box("down", check=False)
-        shutil.rmtree(self.state, ignore_errors=True)
+            subprocess.run(["rsvg-convert", picture, "-o", raster], check=True)
+            print(f"                      {raster}")
 
 
-def interrupted(*_):
+def interrupted(*_: object) -> None:
     raise KeyboardInterrupt
 
 
-def main(arguments):
-    tree, programs, folder, colour = arguments
+def main(folder: str, colour: str) -> int:
     for number in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, interrupted)
     transcript = Transcript(colour == "colour")
-    demo = BoxDemo(tree, programs, transcript)
+    transcript.chapter("A gateway comes up: two providers, a cloud, ConnMan, a broker")
     try:
-        faults = demo.play()
-        demo.draw(folder)
+        with Box(f"d{os.getpid() % 10**7}") as box:  # a name has no more characters than this
+            demo = BoxDemo(box, transcript)
+            faults = demo.play()
+            demo.draw(pathlib.Path(folder))
     except KeyboardInterrupt:
         print("\ndemo: interrupted", file=sys.stderr)
         return 130
-    except (DemoError, OSError, subprocess.SubprocessError) as error:
+    except (AssertionError, OSError, RuntimeError, subprocess.SubprocessError) as error:
         print(f"demo: {error}", file=sys.stderr)
         return 1
-    finally:
-        demo.stop()
-    if faults:
-        transcript.chapter(transcript.paint("Not what must be there:", "red"))
-        print("\n".join(faults))
-        return 1
-    transcript.chapter(transcript.paint("Fail-over, return and failure went as they must.", "green"))
-    return 0
+    return transcript.verdict(faults, "Fail-over, return and failure went as they must.")
 
 
 if __name__ == "__main__":
-    sys.exit(main(sys.argv[1:]))
+    sys.exit(main(*sys.argv[1:]))

@@ -8,29 +8,34 @@ written into the machine's own /var/tmp and removed in the end, and the moves of
 private interfaces and a private list of authorities no poke can succeed.
 """
 
+from __future__ import annotations
+
 import os
+import pathlib
 import shutil
 import signal
-import socket
 import subprocess
 import sys
 import tempfile
 import threading
 import time
+from collections.abc import Sequence
+from typing import Any
 
+from orv_testbed import witness
+from orv_testbed.broker import Broker
+from orv_testbed.certificates import Authority, hash_of
 from orv_testbed.connman.stand_in import ConnmanStandIn, StandInError
-from orv_testbed.demo.endpoint import Endpoint, make_certificates
-from orv_testbed.demo.expected_wire import STATUS_FILE, differences, kept, wire_differences
-from orv_testbed.demo.neighbours import Neighbours, kept_by_broker
+from orv_testbed.demo.expected_wire import differences, kept, wire_differences
+from orv_testbed.demo.neighbours import Neighbours
 from orv_testbed.demo.transcript import Transcript
-from orv_testbed.processes import end_all
+from orv_testbed.endpoint import Caller, Endpoint, context
+from orv_testbed.processes import end_all, start_dependent
+from orv_testbed.status_files import ALL_UP, ERRORS, FAILURE, STATUSES
+from orv_testbed.waiting import NotInTime, wait_until
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-
-ANCHORS = "/etc/ssl/certs"
-SCENARIO = os.path.join(HERE, "loopback.orv")
-STATUSES = "/var/tmp/new_enterprise_statuses.csv"
-ERRORS = "/var/tmp/new_enterprise_errors.csv"
+ANCHORS = pathlib.Path("/etc/ssl/certs")
+SCENARIO = pathlib.Path(__file__).with_name("loopback.orv")
 ETHERNET, CELLULAR = "eth-demo", "wwan-demo"
 LIMIT = 50
 
@@ -49,35 +54,31 @@ level = info,OrvRoute=debug
 """
 
 
-class DemoError(Exception):
-    pass
-
-
 class Refused(Exception):
     """The machine does not let the demo run."""
 
 
-def mount(*arguments):
-    subprocess.run(["mount", *arguments], check=True)
+def run(*command: str | pathlib.Path, **options: Any) -> None:
+    subprocess.run(command, check=True, **options)
 
 
-def make_private_places(tree):
+def make_private_places(tree: str) -> None:
     """A /var/tmp of our own; a tree that lies below it stays reachable."""
     below = os.path.realpath(tree).startswith("/var/tmp/")
     tree_handle = os.open(tree, os.O_PATH) if below else -1
-    mount("-t", "tmpfs", "-o", "mode=1777", "tmpfs", "/var/tmp")
+    run("mount", "-t", "tmpfs", "-o", "mode=1777", "tmpfs", "/var/tmp")
     if below:
         os.makedirs(tree)
-        subprocess.run(["mount", "--bind", f"/proc/self/fd/{tree_handle}", tree], check=True, pass_fds=[tree_handle])
+        run("mount", "--bind", f"/proc/self/fd/{tree_handle}", tree, pass_fds=[tree_handle])
 
 
-def make_private_interfaces():
+def make_private_interfaces() -> None:
     """A loopback interface of our own, which stands for both interfaces: the poke is bound to it by either name."""
-    subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
-    subprocess.run(["ip", "link", "property", "add", "dev", "lo", "altname", ETHERNET, "altname", CELLULAR], check=True)
+    run("ip", "link", "set", "lo", "up")
+    run("ip", "link", "property", "add", "dev", "lo", "altname", ETHERNET, "altname", CELLULAR)
 
 
-def refuse_to_overwrite():
+def refuse_to_overwrite() -> None:
     for path in (STATUSES, ERRORS):
         if os.path.lexists(path):
             raise Refused(
@@ -86,112 +87,71 @@ def refuse_to_overwrite():
             )
 
 
-def remove_status_files():
+def remove_status_files() -> None:
     for path in (STATUSES, ERRORS):
-        if os.path.lexists(path):
-            os.remove(path)
+        pathlib.Path(path).unlink(missing_ok=True)
 
 
-def trust_the_authority(folder):
+def trust(authority: pathlib.Path, folder: pathlib.Path) -> None:
     """As update-ca-certificates does: one more in the system's bundle and among the hashed certificates beside it."""
-    anchors = os.path.join(folder, "anchors")
+    anchors = folder / "anchors"
     shutil.copytree(ANCHORS, anchors, symlinks=True)
-    authority = os.path.join(folder, "ca.crt")
-    with open(os.path.join(anchors, "ca-certificates.crt"), "ab") as bundle, open(authority, "rb") as file:
-        bundle.write(file.read())
-    name = subprocess.run(
-        ["openssl", "x509", "-noout", "-subject_hash", "-in", authority], check=True, capture_output=True, text=True
-    ).stdout.strip()
-    shutil.copy(authority, os.path.join(anchors, f"{name}.0"))
-    mount("--bind", anchors, ANCHORS)
-
-
-def wait_until(condition, seconds, what):
-    end = time.monotonic() + seconds
-    while not condition():
-        if time.monotonic() > end:
-            raise DemoError(f"{what} within {seconds} s")
-        time.sleep(0.02)
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+    with open(anchors / "ca-certificates.crt", "ab") as bundle:
+        bundle.write(authority.read_bytes())
+    shutil.copy(authority, anchors / f"{hash_of(authority)}.0")
+    run("mount", "--bind", anchors, ANCHORS)
 
 
 class Demo:
-    def __init__(self, shell, mosquitto, transcript, private):
-        self.shell, self.mosquitto, self.transcript, self.private = shell, mosquitto, transcript, private
-        self.folder = tempfile.mkdtemp(prefix="orv-demo-", dir="/var/tmp" if private else None)
-        self.processes = []
-        self.connman = None
-        self.wire = []
-        self.beacons = set()
+    def __init__(self, shell: str, transcript: Transcript, private: bool) -> None:
+        self.shell, self.transcript, self.private = shell, transcript, private
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="orv-demo-", dir="/var/tmp" if private else None))
+        self.processes: list[subprocess.Popen[str]] = []
+        self.broker: Broker | None = None
+        self.connman: ConnmanStandIn | None = None
+        self.handshakes: list[str] = []
+        self.wire: list[str] = []
+        self.beacons: set[str] = set()
 
-    def start(self, command, **options):
-        process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *command], stdin=subprocess.DEVNULL, **options)
+    def start(self, *command: str | pathlib.Path, **options: Any) -> subprocess.Popen[str]:
+        process = start_dependent([str(word) for word in command], text=True, **options)
         self.processes.append(process)
         return process
 
-    def stop(self):
+    def stop(self) -> None:
         end_all(self.processes)
+        if self.broker:
+            self.broker.stop()
         if self.connman:
             self.connman.close()
         shutil.rmtree(self.folder, ignore_errors=True)
         if not self.private:
             remove_status_files()
 
-    def file(self, name):
-        return os.path.join(self.folder, name)
+    def note_handshake(self, caller: Caller, outcome: str) -> None:
+        if outcome == "handshake":
+            self.handshakes.append(caller.address)
+        self.transcript.line("cloud", f"TLS with {caller.address}: {outcome}")
 
-    def read(self, name):
-        with open(self.file(name), encoding="utf-8") as file:
-            return file.read()
+    def start_cloud(self) -> Endpoint:
+        authority = Authority(self.folder, "ca", "Demo CA")
+        certified = context(authority.certify("endpoint", "demo endpoint", "IP:127.0.0.1"))
+        if self.private:
+            trust(authority.certificate, self.folder)
+        endpoint = Endpoint("127.0.0.1", 0, lambda _: certified, self.note_handshake, b"")
+        endpoint.start()
+        return endpoint
 
-    def start_broker(self):
-        path = self.file("mosquitto.conf")
-        for _ in range(5):  # another program may take the port between the choice and the start
-            port = free_port()
-            with open(path, "w", encoding="ascii") as file:
-                file.write(f"listener {port} 127.0.0.1\nallow_anonymous true\nset_tcp_nodelay true\nuser root\n")
-            with open(self.file("mosquitto.log"), "wb") as log:
-                broker = self.start([self.mosquitto, "-c", path], stdout=log, stderr=log)
-            # It says so when it listens; on the port somebody else could answer.
-            wait_until(
-                lambda: broker.poll() is not None or " running\n" in self.read("mosquitto.log"),
-                5,
-                "the broker did not start",
-            )
-            if broker.poll() is None:
-                self.transcript.line("demo", f"private broker on 127.0.0.1:{port}")
-                return port
-        raise DemoError("the broker does not start:\n" + self.read("mosquitto.log"))
+    def record(self, port: int) -> None:
+        command = ["stdbuf", "-oL", "mosquitto_sub", "-h", "127.0.0.1", "-p", str(port), "-q", "1", "-t", "#"]
+        command += ["-V", "mqttv5", "--retain-as-published", "-F", "%q %r %t %p"]
+        recorder = self.start(*command, stdout=subprocess.PIPE)
 
-    def record(self, port):
-        command = [
-            "mosquitto_sub",
-            "-h",
-            "127.0.0.1",
-            "-p",
-            str(port),
-            "-V",
-            "mqttv5",
-            "--retain-as-published",
-            "-q",
-            "1",
-            "-t",
-            "#",
-            "-F",
-            "%q %r %t %p",
-        ]
-        recorder = self.start(["stdbuf", "-oL", *command], stdout=subprocess.PIPE, text=True)
-
-        def read():
-            for line in recorder.stdout:
+        def read() -> None:
+            for line in recorder.stdout or ():
                 qos, retain, rest = line.rstrip("\n").split(" ", 2)
                 topic, _, payload = rest.partition(" ")
-                if topic.startswith("demo/"):
+                if topic.startswith(("demo/", "witness/")):
                     self.beacons.add(topic)
                     continue
                 self.wire.append(f"qos={qos} retained={retain} {rest}")
@@ -199,102 +159,102 @@ class Demo:
 
         threading.Thread(target=read, daemon=True).start()
 
-    def await_beacon(self, neighbours, name):
+    def await_beacon(self, neighbours: Neighbours, name: str) -> None:
         """Until the recorder has seen everything that was published before."""
 
-        def seen():
+        def seen() -> bool:
             neighbours.publish(f"demo/{name}", "")
             return f"demo/{name}" in self.beacons
 
-        wait_until(seen, 5, f"the recorder has not seen the mark '{name}'")
+        wait_until(seen, 5, f"the recorder has seen the mark '{name}'")
 
-    def scenario(self):
+    def scenario(self) -> pathlib.Path:
         if self.private:
             return SCENARIO
-        path = self.file("loopback.orv")
-        with open(SCENARIO, encoding="utf-8") as whole, open(path, "w", encoding="utf-8") as part:
-            part.write("\n\n".join(block for block in whole.read().split("\n\n") if "expect reconnect" not in block))
+        path = self.folder / "loopback.orv"
+        blocks = SCENARIO.read_text(encoding="utf-8").split("\n\n")
+        path.write_text("\n\n".join(block for block in blocks if "expect reconnect" not in block), encoding="utf-8")
         return path
 
-    def run_shell(self):
+    def run_shell(self, settings: pathlib.Path) -> int:
         shell = self.start(
-            [self.shell, "--tick", "100ms", self.scenario()],
+            self.shell,
+            "--tick",
+            "100ms",
+            self.scenario(),
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
-            text=True,
             errors="replace",
-            env={**os.environ, "ORV_GATEWAY_CONFIG": self.file("gateway.ini")},
+            env={**os.environ, "ORV_GATEWAY_CONFIG": str(settings)},
         )
 
-        def read_log():
-            for line in shell.stderr:
+        def read_log() -> None:
+            for line in shell.stderr or ():
                 self.transcript.line("log", line.rstrip("\n"), "dim")
 
         reader = threading.Thread(target=read_log, daemon=True)
         reader.start()
         watchdog = threading.Timer(LIMIT, shell.terminate)
         watchdog.start()
-        for line in shell.stdout:
+        for line in shell.stdout or ():
             self.transcript.application(line.rstrip("\n"))
         status = shell.wait()
         watchdog.cancel()
         reader.join(2)
         return status
 
-    def run(self):
+    def run(self) -> list[str]:
         begin = int(time.time())
-        make_certificates(self.folder)
-        if self.private:
-            trust_the_authority(self.folder)
-        endpoint = Endpoint(self.folder, lambda text: self.transcript.line("cloud", text))
-        port = self.start_broker()
-        self.connman = ConnmanStandIn(self.file("bus"), f"{ETHERNET}:ready {CELLULAR}:ready")
+        endpoint = self.start_cloud()
+        self.broker = Broker(self.folder)
+        self.transcript.line("demo", f"private broker on 127.0.0.1:{self.broker.port}")
+        self.connman = ConnmanStandIn(self.folder / "bus", f"{ETHERNET}:ready {CELLULAR}:ready")
         self.transcript.line("demo", f"fake connection manager on {self.connman.address}")
-        self.record(port)
-        neighbours = Neighbours(port)
+        self.record(self.broker.port)
+        neighbours = Neighbours(self.broker.port)
         self.await_beacon(neighbours, "begin")
-        with open(self.file("gateway.ini"), "w", encoding="ascii") as file:
-            file.write(
-                CONFIGURATION.format(
-                    broker=port, endpoint=endpoint.port, bus=self.connman.address, ethernet=ETHERNET, cellular=CELLULAR
-                )
-            )
-        status = self.run_shell()
+        settings = self.folder / "gateway.ini"
+        parts = {"broker": self.broker.port, "endpoint": endpoint.port, "bus": self.connman.address}
+        settings.write_text(CONFIGURATION.format(**parts, ethernet=ETHERNET, cellular=CELLULAR), encoding="ascii")
+        status = self.run_shell(settings)
         self.await_beacon(neighbours, "end")
         neighbours.stop()
-        return (
-            ([f"orv-shell ended with exit status {status}"] if status != 0 else [])
-            + wire_differences(self.wire, moves=self.private)
-            + differences("what the broker keeps", kept(moves=self.private), kept_by_broker(port))
-            + differences(
-                "who proved itself to the cloud", ["127.0.0.1"] * 2 if self.private else [], endpoint.handshakes
-            )
-            + self.check_files(begin)
-        )
+        moves = self.private
+        proofs = ["127.0.0.1"] * 2 if moves else []
+        return [
+            *([f"orv-shell ended with exit status {status}"] if status != 0 else []),
+            *wire_differences(self.wire, moves=moves),
+            *differences("what the broker keeps", kept(moves=moves), self.kept_by_broker(self.broker.port)),
+            *differences("who proved itself to the cloud", proofs, self.handshakes),
+            *self.check_files(begin),
+        ]
 
-    def check_files(self, begin):
+    @staticmethod
+    def kept_by_broker(port: int) -> list[str]:
+        return sorted(f"{topic} {payload}" for topic, payload in witness.kept(port).items())
+
+    def check_files(self, begin: int) -> list[str]:
         contents = {}
         for path in (STATUSES, ERRORS):
             self.transcript.chapter(path)
             try:
-                with open(path, encoding="utf-8") as file:
-                    contents[path] = file.read()
+                contents[path] = pathlib.Path(path).read_text(encoding="utf-8")
             except OSError as error:
                 return [f"{path}: {error.strerror}"]
             print(contents[path], flush=True)
-        faults = differences(STATUSES, STATUS_FILE.split("\n"), contents[STATUSES].split("\n"))
+        faults = differences(STATUSES, ALL_UP.split("\n"), contents[STATUSES].split("\n"))
         stamp, _, text = contents[ERRORS].partition(",")
-        if not (stamp.isdigit() and begin <= int(stamp) <= time.time() and text == "Fatal Error Detected"):
+        if not (stamp.isdigit() and begin <= int(stamp) <= time.time() and text == FAILURE):
             faults.append(f"{ERRORS} is not as it must be")
         return faults
 
 
-def interrupted(*_):
+def interrupted(*_: object) -> None:
     raise KeyboardInterrupt
 
 
-def main(arguments):
-    tree, shell, mosquitto, colour, places = arguments
+def main(arguments: Sequence[str]) -> int:
+    tree, shell, colour, places = arguments
     private = places == "private"
     for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, interrupted)
@@ -306,7 +266,7 @@ def main(arguments):
             make_private_interfaces()
         else:
             refuse_to_overwrite()
-        demo = Demo(shell, mosquitto, transcript, private)
+        demo = Demo(shell, transcript, private)
         faults = demo.run()
     except KeyboardInterrupt:
         print("\ndemo: interrupted", file=sys.stderr)
@@ -314,24 +274,20 @@ def main(arguments):
     except Refused as reason:
         print(f"demo: {reason}", file=sys.stderr)
         return 77
-    except (DemoError, StandInError, OSError, subprocess.CalledProcessError) as error:
+    except (NotInTime, StandInError, OSError, RuntimeError, subprocess.CalledProcessError) as error:
         print(f"demo: {error}", file=sys.stderr)
         return 1
     finally:
         if demo:
             demo.stop()
-    if faults:
-        transcript.chapter(transcript.paint("Not what must be there:", "red"))
-        print("\n".join(faults))
-        return 1
-    transcript.chapter(
-        transcript.paint(f"All {len(demo.wire)} messages on the wire are what must be there, in order.", "green")
-    )
-    if not private:
+    good = f"All {len(demo.wire)} messages on the wire are what must be there, in order."
+    status = transcript.verdict(faults, good)
+    if status == 0 and not private:
         print(
             "Left out, because this machine gives no private interfaces and list of authorities: the moves of the route."
         )
-    return 0
+    return status
 
 
-sys.exit(main(sys.argv[1:]))
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

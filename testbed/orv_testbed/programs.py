@@ -1,0 +1,34 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Where programs are: our own, and those that script/bootstrap has unpacked instead of installing them."""
+from __future__ import annotations
+
+import os
+import pathlib
+
+TREE = pathlib.Path(__file__).resolve().parents[2]
+TESTBED = TREE / "testbed"
+TOOLS = pathlib.Path(os.environ.get("ORV_TOOLS", TREE / "build/tools"))
+
+
+class Missing(RuntimeError):
+    """A program is not there; the text says how to get it."""
+
+
+def program(name: str) -> str:
+    """The newest build of one of our programs, or the one in the folder that ORV_BUILD names."""
+    named = os.environ.get("ORV_BUILD")
+    folders = [pathlib.Path(named)] if named else list((TREE / "build").glob("*"))
+    built = [folder / "bin" / name for folder in folders if (folder / "bin" / name).exists()]
+    if not built:
+        raise Missing(f"{name} is not built: cmake --preset debug && cmake --build --preset debug")
+    return str(max(built, key=lambda path: path.stat().st_mtime))
+
+
+def daemon(name: str, purpose: str = "box") -> str:
+    """A daemon that is unpacked, or else the machine's own; `purpose`: what script/bootstrap has it for."""
+    for path in (TOOLS / "usr/sbin" / name, pathlib.Path("/usr/sbin", name)):
+        if os.access(path, os.X_OK):
+            return str(path)
+    raise Missing(
+        f"{name} is missing: run {TREE}/script/bootstrap {purpose} (it is unpacked into {TOOLS}, not installed)"
+    )

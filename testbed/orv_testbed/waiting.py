@@ -1,0 +1,24 @@
+# SPDX-License-Identifier: Apache-2.0
+"""How everything in the testbed waits: for a condition, with a deadline."""
+from __future__ import annotations
+
+import time
+from collections.abc import Callable
+
+# Beside the system's own delays, what a busy machine may add.
+SLACK = 15.0
+
+
+class NotInTime(AssertionError):
+    """What was waited for has not come about."""
+
+
+def wait_until(
+    condition: Callable[[], object], seconds: float, what: str | Callable[[], str], pause: float = 0.05
+) -> None:
+    """Waits until `condition()` is true; `what` is waited for, and may be a function, called on failure."""
+    deadline = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() >= deadline:
+            raise NotInTime(f"not within {seconds:.0f} s: {what() if callable(what) else what}")
+        time.sleep(pause)
