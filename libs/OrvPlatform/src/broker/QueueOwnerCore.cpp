@@ -84,7 +84,7 @@ bool QueueOwner::Core::Connect(const std::optional<LastWill>& will) {
 
     // Whoever called Connect or Disconnect meanwhile has the last word.
     if (generation == mine && TryOpen(will, deadline))
-        AwaitAnswer(deadline);
+        AwaitAnswer(mine, deadline);
     const bool connected = generation == mine && link.IsUp();
     if (generation == mine && !connected) {
         Log(Severity::WARNING, [this]() ORV_REQUIRES(mutex) {
@@ -145,9 +145,10 @@ bool QueueOwner::Core::Open(const std::optional<LastWill>& will, Time deadline) 
 }
 
 // A delivery thread that is in a callback, or held up by the log, is not waited for: this one does its work meanwhile.
-void QueueOwner::Core::AwaitAnswer(Time deadline) {
+void QueueOwner::Core::AwaitAnswer(unsigned asked, Time deadline) {
     ++connectWaiters;
-    while (link.Current() == Link::State::CONNECTING && std::chrono::steady_clock::now() < deadline) {
+    while (generation == asked && link.Current() == Link::State::CONNECTING &&
+           std::chrono::steady_clock::now() < deadline) {
         if (OnDeliveryThread())
             RunOnce();
         else if (!serving)

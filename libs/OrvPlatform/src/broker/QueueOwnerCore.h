@@ -78,7 +78,7 @@ private:
     std::unique_ptr<OrvPlatform::MosquittoClient> TakeClient() ORV_REQUIRES(mutex);
     bool Open(const std::optional<OrvPlatform::LastWill>& will, Time deadline) ORV_REQUIRES(mutex);
     bool TryOpen(const std::optional<OrvPlatform::LastWill>& will, Time deadline) noexcept ORV_REQUIRES(mutex);
-    void AwaitAnswer(Time deadline) ORV_REQUIRES(mutex);
+    void AwaitAnswer(unsigned asked, Time deadline) ORV_REQUIRES(mutex);
     bool StartThread() ORV_REQUIRES(mutex);
     void RetireThread() ORV_REQUIRES(mutex); // releases it meanwhile
     bool OnDeliveryThread() const ORV_REQUIRES(mutex);
@@ -155,6 +155,7 @@ private:
     unsigned threadNumber ORV_GUARDED_BY(mutex) = 0; // a thread with another number is to end
     bool running ORV_GUARDED_BY(mutex) = false;
     bool serving ORV_GUARDED_BY(mutex) = false;    // it serves the connection, rather than a callback or the log
+    int pollers ORV_GUARDED_BY(mutex) = 0;         // threads that the waker is to wake
     int connectWaiters ORV_GUARDED_BY(mutex) = 0;  // callers of Connect
     bool delivering ORV_GUARDED_BY(mutex) = false; // a callback is under way
     bool deliveryStopped ORV_GUARDED_BY(mutex) = false;

@@ -81,10 +81,12 @@ void QueueOwner::Core::RunOnce() noexcept {
     const std::chrono::milliseconds limit =
         link.IsUp() ? Link::MAINTENANCE_INTERVAL : OrvPlatform::TimeUntil(link.NextDue(lastClockReading));
 
+    ++pollers;
     {
         const Unlocked unlocked(mutex);
         poll(waits, 2, static_cast<int>(limit.count()));
     }
+    --pollers;
 
     // While the lock was away another client may have taken this one's place, its descriptor's number even; and another
     // thread this one's, for which the wake-up may be meant.
@@ -92,7 +94,8 @@ void QueueOwner::Core::RunOnce() noexcept {
         lastClockReading = std::chrono::steady_clock::now();
         return;
     }
-    if (waits[0].revents != 0)
+    // A thread that is to end may be polling still: the wake-up is for it, too.
+    if (waits[0].revents != 0 && pollers == 0)
         waker.Clear();
     ServeSocket(waits[1].revents);
     Advance(std::chrono::steady_clock::now());
