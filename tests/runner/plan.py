@@ -39,6 +39,7 @@ ALL: tuple[Group, ...] = (
     (Step("preset-test coverage"),),
     (Step("lint --tidy"),),
     (Step("preset-test asan-ubsan"),),
+    (Step("explore 60"),),
     (Step("preset-test tsan"),),
     (Step("fuzz 10"),),
     (Step("preset-test release"),),

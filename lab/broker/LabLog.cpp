@@ -1,0 +1,76 @@
+// SPDX-License-Identifier: Apache-2.0
+// The log, as a thing that may take its time and under which no lock may be held.
+#include "broker/LabLog.h"
+
+#include "CommonUtils/Logger.h"
+#include "sim/Simulation.h"
+
+#include <sstream>
+#include <utility>
+
+namespace OrvLab {
+
+Time LabLog::longestStall = 0;
+
+} // namespace OrvLab
+
+namespace CommonUtils {
+
+struct LogObject::Record {
+    std::ostringstream text;
+};
+
+struct Logger::Source {};
+
+LogObject::LogObject(std::unique_ptr<Record> content) noexcept : record(std::move(content)) {}
+LogObject::LogObject(LogObject&&) noexcept = default;
+
+LogObject::~LogObject() {
+    OrvLab::Simulation* sim = OrvLab::Simulation::Current();
+    if (!record || sim == nullptr)
+        return;
+    if (sim->Self().locks != 0)
+        sim->Fail("writes to the log and holds a lock: " + record->text.str());
+    sim->Tell("    log: " + record->text.str());
+    sim->Step("log");
+    if (OrvLab::LabLog::longestStall != 0 && sim->OneInSchedule(6))
+        sim->HoldUp(
+            static_cast<OrvLab::Time>(sim->AnyNumber() % static_cast<std::uint64_t>(OrvLab::LabLog::longestStall)));
+}
+
+LogObject& LogObject::operator<<(const char* text) {
+    record->text << text;
+    return *this;
+}
+
+LogObject& LogObject::operator<<(const std::string& text) {
+    record->text << text;
+    return *this;
+}
+
+std::ostream* LogObject::Stream() noexcept {
+    return &record->text;
+}
+
+Logger::Logger(const std::string& /*name*/, int /*level*/) : source(new Source) {}
+Logger::~Logger() = default;
+Logger::Logger(Logger&&) noexcept = default;
+Logger& Logger::operator=(Logger&&) noexcept = default;
+
+LogObject Logger::Debug(const char* /*tag*/) {
+    return LogObject(std::make_unique<LogObject::Record>());
+}
+
+LogObject Logger::Info(const char* tag) {
+    return Debug(tag);
+}
+
+LogObject Logger::Warning(const char* tag) {
+    return Debug(tag);
+}
+
+LogObject Logger::Error(const char* tag) {
+    return Debug(tag);
+}
+
+} // namespace CommonUtils

@@ -1,0 +1,300 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "broker/Program.h"
+
+#include "broker/LabLog.h"
+#include "broker/Wire.h"
+#include "config/GatewayConfig.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace OrvLab {
+
+namespace {
+
+Program* program = nullptr;
+
+constexpr int MOST_CLIENTS = 8;
+constexpr const char* TOPIC_OF_MESSAGES = "in/a";
+
+OrvPlatform::GatewayConfig& Settings() {
+    static OrvPlatform::GatewayConfig settings;
+    return settings;
+}
+
+} // namespace
+
+Program::Program(Simulation& simulation, std::uint64_t seed)
+    : sim(simulation), broker(simulation, seed * 3 + 7), random(seed * 5 + 3), budget(random.Between(8, 60)) {
+    program = this;
+    LabLog::longestStall = random.OneIn(4) ? static_cast<Time>(random.Between(1, 3000)) * MILLISECOND : 0;
+    slots.resize(1 + random.Below(2));
+    Settings() = {};
+    Settings().broker.clientIdSuffix.clear();
+    if (random.OneIn(3))
+        Settings().broker.maxOutstandingBytes = 900;
+    Wire::Reset();
+    Wire::broker = &broker;
+    Wire::onPublish = Handed;
+    Wire::lastId = random.OneIn(3) ? 65530 : 0;
+    sim.SetSurroundings(&broker);
+    sim.SetJumpListener([this](Time by) {
+        for (WatchedCall* call : calls)
+            call->Jumped(by);
+    });
+}
+
+Program::~Program() {
+    Wire::broker = nullptr;
+    program = nullptr;
+}
+
+Model* Program::Find(const std::string& name) {
+    const auto found = std::find_if(models.begin(), models.end(), [&](const auto& one) { return one->name == name; });
+    return found == models.end() ? nullptr : found->get();
+}
+
+void Program::Handed(const std::string& client, const std::string& topic, const std::string& payload) {
+    if (Model* model = program->Find(client))
+        model->Handed(topic, payload);
+}
+
+void Program::Run() {
+    const int threads = random.Between(1, 4);
+    threadsLeft = threads;
+    std::vector<Simulation::Thread*> all;
+    for (int number = 1; number <= threads; ++number)
+        all.push_back(&sim.Start("application " + std::to_string(number), [this] { ApplicationThread(); }));
+    all.push_back(&sim.Start("broker", [this] { BrokerThread(); }));
+    for (Simulation::Thread* thread : all)
+        sim.Join(*thread);
+    Collect();
+}
+
+void Program::RunTogether(const std::vector<std::function<void(LabClient& client)>>& bodies) {
+    budget = 0;
+    std::shared_ptr<LabClient> client = Make();
+    std::vector<Simulation::Thread*> all;
+    for (const auto& body : bodies)
+        all.push_back(&sim.Start("application " + std::to_string(all.size() + 1), [&] { body(*client); }));
+    for (Simulation::Thread* thread : all)
+        sim.Join(*thread);
+    client.reset();
+    CheckNothingIsLeft();
+}
+
+void Program::ApplicationThread() {
+    const int acts = random.Between(3, 14);
+    for (int act = 0; act < acts && budget > 0; ++act) {
+        if (random.OneIn(4))
+            Pause();
+        ActAtRandom(nullptr);
+    }
+    --threadsLeft;
+}
+
+void Program::BrokerThread() {
+    using Mood = ScriptedBroker::Mood;
+    constexpr Mood MOODS[] = {Mood::HEALTHY, Mood::FLAKY, Mood::REFUSING, Mood::FROZEN, Mood::DOWN};
+    broker.SetMood(MOODS[random.Weighted({4, 4, 0, 0, 1})]);
+    while (threadsLeft > 0) {
+        sim.Sleep(static_cast<Time>(random.Below(random.OneIn(3) ? 4000 : 200)) * MILLISECOND);
+        switch (random.Weighted({8, 3, 2, 1})) {
+        case 0:
+            broker.Send(TOPIC_OF_MESSAGES);
+            break;
+        case 1:
+            broker.SetMood(MOODS[random.Weighted({6, 4, 1, 2, 2})]);
+            break;
+        case 2:
+            broker.DropAll();
+            break;
+        default:
+            broker.Restart();
+            break;
+        }
+    }
+}
+
+void Program::Pause() {
+    constexpr int LONGEST[] = {5, 300, 2500, 9000};
+    sim.Sleep(static_cast<Time>(random.Below(static_cast<unsigned>(LONGEST[random.Weighted({4, 3, 2, 1})]))) *
+              MILLISECOND);
+}
+
+std::shared_ptr<LabClient> Program::Make() {
+    models.push_back(std::make_unique<Model>(sim, static_cast<int>(models.size()) + 1));
+    return std::make_shared<LabClient>(*this, *models.back());
+}
+
+// In a callback only on the client that was called, which is there until it returns. Elsewhere a share of it is held.
+void Program::ActAtRandom(LabClient* called) {
+    if (called != nullptr && inCallbacks) {
+        inCallbacks(*called);
+        return;
+    }
+    if (called != nullptr && (isCollecting || budget <= 0 || !random.OneIn(4)))
+        return;
+    --budget;
+    if (called != nullptr) {
+        if (random.OneIn(4))
+            Pause();
+        for (auto& slot : slots)
+            if (slot.get() == called) {
+                Act(*called, slot, true);
+                return;
+            }
+        return;
+    }
+    auto& slot = slots[random.Below(static_cast<unsigned>(slots.size()))];
+    if (!slot) {
+        if (models.size() >= MOST_CLIENTS)
+            return;
+        auto made = Make();
+        if (!slot)
+            slot = made;
+    }
+    const std::shared_ptr<LabClient> client = slot;
+    if (client)
+        Act(*client, slot, false);
+}
+
+void Program::Act(LabClient& client, std::shared_ptr<LabClient>& slot, bool inCallback) {
+    switch (random.Weighted({6, 3, 4, 14, 1, 2})) {
+    case 0:
+        client.ConnectAsked(random.OneIn(2));
+        break;
+    case 1:
+        client.DisconnectAsked();
+        break;
+    case 2:
+        SubscribeAtRandom(client);
+        break;
+    case 3:
+        for (unsigned count = 1 + random.Below(4); count > 0; --count)
+            PublishAtRandom(client);
+        break;
+    case 4:
+        client.StopAsked();
+        break;
+    default:
+        // Whoever holds the last share destroys it; in its own callback it may be this one.
+        if (!inCallback || random.OneIn(2))
+            std::shared_ptr<LabClient>().swap(slot);
+        break;
+    }
+}
+
+void Program::SubscribeAtRandom(LabClient& client) {
+    const std::string filter = random.OneIn(5) ? "refused/b" : TOPIC_OF_MESSAGES;
+    client.SubscribeAsked(filter, static_cast<int>(random.Below(2)));
+}
+
+void Program::PublishAtRandom(LabClient& client) {
+    const std::string number = std::to_string(++payloads);
+    const std::string whose = std::to_string(client.Story().number);
+    // One after the other: compilers differ in the order in which they evaluate arguments.
+    const bool assured = random.OneIn(2);
+    const bool retained = random.OneIn(2);
+    const std::string topic = std::to_string(random.Below(2));
+    const bool deletes = random.OneIn(12);
+    switch (random.Weighted({6, 5, 2, 1})) {
+    case 0:
+        client.PublishAsked("p/" + number, "v" + number, false, assured);
+        break;
+    case 1:
+        client.PublishAsked("r" + whose + "/" + topic, deletes ? std::string() : "v" + number, true, assured);
+        break;
+    case 2:
+        client.PublishAsked("w" + whose, "v" + number, retained, assured);
+        break;
+    default:
+        client.PublishAsked("+", "v" + number, false, assured);
+        break;
+    }
+}
+
+void Program::Collect() {
+    isCollecting = true;
+    constexpr Time SETTLED = 20 * SECOND;
+    broker.Heal();
+    LabLog::longestStall = 0;
+    sim.HesitateNoMore();
+    sim.Sleep(SETTLED);
+    for (const auto& slot : slots)
+        if (slot)
+            slot->Story().CheckSettled(broker);
+    std::vector<int> connects;
+    for (const auto& model : models)
+        connects.push_back(model->connects);
+    broker.DropAll();
+    sim.Sleep(SETTLED);
+    for (const auto& slot : slots) {
+        if (!slot || !slot->Story().IsKnownUp())
+            continue;
+        Model& story = slot->Story();
+        const Connection* connection = broker.Of(story.name);
+        if (connection == nullptr)
+            sim.Fail(story.name + ": has not reconnected");
+        story.CheckRestored(*connection, broker);
+        if (story.delivery == Model::Delivery::ON &&
+            story.connects == connects[static_cast<std::size_t>(story.number) - 1])
+            sim.Fail(story.name + ": no OnConnect after a reconnection");
+    }
+    broker.Send(TOPIC_OF_MESSAGES);
+    sim.Sleep(SECOND);
+    for (const auto& slot : slots) {
+        const Connection* connection = slot ? broker.Of(slot->Story().name) : nullptr;
+        if (connection != nullptr)
+            slot->Story().CheckReceived(*connection);
+    }
+    for (auto& slot : slots) {
+        if (slot)
+            CollectFrom(*slot);
+        slot.reset();
+    }
+    CheckNothingIsLeft();
+}
+
+/// Whatever has happened, it can still do everything.
+void Program::CollectFrom(LabClient& client) {
+    Model& story = client.Story();
+    const int before = story.connects;
+    if (!client.ConnectAsked(true))
+        sim.Fail(story.name + ": does not connect to a healthy broker");
+    if (!client.SubscribeAsked(TOPIC_OF_MESSAGES, 1))
+        sim.Fail(story.name + ": does not subscribe at a healthy broker");
+    const std::string last = "last" + std::to_string(story.number);
+    if (client.PublishAsked("p/" + last, last, false, true) != 0)
+        sim.Fail(story.name + ": does not publish at a healthy broker");
+    sim.Sleep(SECOND);
+    broker.Send(TOPIC_OF_MESSAGES);
+    sim.Sleep(SECOND);
+    story.CheckSettled(broker);
+    const Connection* connection = broker.Of(story.name);
+    story.CheckReceived(*connection);
+    if (connection->messages != 1 || story.connects != before + 1)
+        sim.Fail(story.name + ": was not told of a new connection and its message");
+    if (random.OneIn(2) && !client.DisconnectAsked())
+        sim.Fail(story.name + ": there was a connection to close");
+}
+
+void Program::CheckNothingIsLeft() {
+    sim.Sleep(SECOND);
+    if (sim.ThreadsAlive() != 1)
+        sim.Fail("a thread is left");
+    if (Wire::Clients() != 0)
+        sim.Fail("a client of the library is left");
+    if (Descriptors::Of().Count() != 0)
+        sim.Fail("a descriptor is left");
+}
+
+} // namespace OrvLab
+
+namespace OrvPlatform {
+
+const GatewayConfig& Config() {
+    return OrvLab::Settings();
+}
+
+} // namespace OrvPlatform

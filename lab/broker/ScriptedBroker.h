@@ -1,0 +1,159 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "sim/Descriptors.h"
+#include "sim/Random.h"
+#include "sim/Simulation.h"
+
+#include <deque>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace OrvLab {
+
+/// What goes over the wire, either way.
+struct Packet {
+    enum class Type {
+        CONNECT,
+        CONNACK,
+        SUBSCRIBE,
+        SUBACK,
+        PUBLISH,
+        PUBACK,
+        PINGREQ,
+        PINGRESP,
+        DISCONNECT,
+        HALF,
+        GARBAGE
+    };
+
+    Type type = Type::PINGREQ;
+    int id = 0;   // of a message or request
+    int code = 0; // of an answer
+    int qos = 0;
+    bool retained = false;
+    bool again = false;
+    std::string topic; // or filter, or client id
+    std::string payload;
+};
+
+std::string Text(const Packet& packet);
+
+struct Will {
+    std::string topic; // empty: none
+    std::string message;
+    bool retained = false;
+};
+
+/// One connection: the client's socket, and what the broker knows of it.
+class Connection final : public OpenFile {
+public:
+    /// What becomes of it, drawn when it is made.
+    enum class Fate {
+        NONE,
+        REFUSED,         // with a code
+        DROPPED_AT_ONCE, // before an answer
+        LATE,            // the answer comes after seconds
+        MUTE,            // no answer ever
+        EVICTED,         // soon after it was accepted
+        DROPPED_LATER,   // after some packets
+        CUT_IN_A_PACKET, // the same, with half a packet sent
+        NONSENSE,        // sends what is no MQTT
+        MUTE_LATER,
+        CONFUSED, // acknowledges twice and what was never sent
+    };
+
+    short Ready() const override;
+    std::size_t Waiting() const override { return toClient.empty() ? 0 : 4; }
+    void ShutDownWriting() override { clientGone = true; }
+    long Receive(void* buffer, std::size_t size) override;
+    bool TakesMore() const { return toBroker.size() < window; }
+
+    int number = 0;
+    std::string client;
+    Will will;
+    Fate fate = Fate::NONE;
+    int packetsUntilFate = 0;
+    Time latency = 0;
+    std::size_t window = 1000;
+
+    std::deque<Packet> toBroker; // sent, not read by the broker
+    std::deque<Packet> toClient; // arrived, not read by the client
+    struct Answer {
+        Time due;
+        Packet packet;
+    };
+    std::deque<Answer> answers; // on the way to the client
+    Time readsAt = NEVER;       // when the broker reads next
+    Time lastHeard = 0;
+
+    bool isAccepted = false;
+    bool clientGone = false; // the client has closed, or sends no more
+    bool goodBye = false;    // with a DISCONNECT
+    bool closing = false;    // once what was sent has arrived
+    bool closed = false;     // by the broker
+
+    std::map<std::string, int> filters;
+    std::vector<Packet> heard; // everything that the broker has read
+    unsigned messages = 0;     // sent to the client
+    int nextId = 1;
+};
+
+/// A broker at the edge of the client library: what it does follows from the seed and from what it is told.
+class ScriptedBroker final : public Surroundings {
+public:
+    enum class Mood { HEALTHY, FLAKY, REFUSING, FROZEN, DOWN };
+
+    ScriptedBroker(Simulation& simulation, std::uint64_t seed) : sim(simulation), random(seed) {}
+
+    Time NextEvent() const override;
+    void Advance(Time now) override;
+
+    /// @name What happens to it
+    /// @{
+    void SetMood(Mood mood);
+    void DropAll();
+    /// Ends every connection and forgets what it has retained.
+    void Restart();
+    /// A message for everybody who has subscribed to that topic.
+    void Send(const std::string& topic);
+    /// From now on it is as good as a broker can be.
+    void Heal();
+    /// @}
+
+    /// A new connection; null when it is refused by the system.
+    std::shared_ptr<Connection> Accept();
+
+    const std::vector<std::shared_ptr<Connection>>& Connections() const { return connections; }
+    /// The latest one of this client that was accepted and is open; null for none.
+    Connection* Of(const std::string& client) const;
+    const std::map<std::string, std::string>& Retained() const { return retained; }
+    /// Payloads of all publications that it has ever read.
+    bool HasHeard(const std::string& payload) const { return heard.count(payload) != 0; }
+
+private:
+    void DrawFate(Connection& connection);
+    void Read(Connection& connection);
+    void Handle(Connection& connection, const Packet& packet);
+    void OnConnect(Connection& connection, const Packet& packet);
+    void Reply(Connection& connection, Packet packet, Time later = 0);
+    void Meet(Connection& connection);
+    void Close(Connection& connection);
+    void SpeakLastWill(Connection& connection);
+    void Keep(const Packet& publication);
+    bool IsServed(const Connection& connection) const;
+
+    Simulation& sim;
+    Random random;
+    Mood mood = Mood::HEALTHY;
+    std::vector<std::shared_ptr<Connection>> connections;
+    bool healed = false;
+    int accepted = 0;
+    std::map<std::string, std::string> retained;
+    std::set<std::string> heard;
+};
+
+} // namespace OrvLab
