@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: Apache-2.0
+// The examples at work: each as a program of its own, against a real broker.
+#include "ChildProcess.h"
+#include "ChildProgram.h"
+#include "MosquittoBroker.h"
+#include "PrivateBus.h"
+#include "RawClient.h"
+#include "WaitUntil.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <memory>
+
+namespace {
+
+using OrvPlatform::Testing::Content;
+using OrvTest::MosquittoBroker;
+using OrvTest::MqttMessage;
+using OrvTest::RawClient;
+using OrvTest::WaitUntil;
+using PrivateNetwork::ChildProgram;
+using Words = std::vector<std::string>;
+
+class AnExample : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (MosquittoBroker::Program().empty())
+            GTEST_SKIP() << "needs mosquitto (script/bootstrap)";
+        broker = std::make_unique<MosquittoBroker>();
+        neighbour = std::make_unique<RawClient>(broker->Port());
+        const auto settings = folder.Write("gateway.ini", "[broker]\nport = " + std::to_string(broker->Port()) +
+                                                              "\n[connman]\nbus_address = unix:path=/nonexistent\n");
+        setenv("ORV_GATEWAY_CONFIG", settings.c_str(), 1);
+    }
+    void TearDown() override {
+        if (program) {
+            EXPECT_EQ(program->End(SIGTERM), 0) << Content(folder.Path("log"));
+        }
+    }
+
+    void Start(const std::string& name, const Words& arguments) {
+        Words words{ORV_EXAMPLES + ("/" + name)};
+        words.insert(words.end(), arguments.begin(), arguments.end());
+        program = std::make_unique<ChildProgram>(words, folder.Path("log"));
+    }
+
+    /// Retained: it reaches a program that is still on its way up.
+    void Say(const std::string& topic, const std::string& payload) {
+        MqttMessage message;
+        message.topic = topic;
+        message.payload = payload;
+        message.qos = 1;
+        message.retained = true;
+        EXPECT_TRUE(neighbour->Publish(message));
+    }
+
+    std::string Hears(const std::string& topic) {
+        const auto message = neighbour->NextMessageOn(topic);
+        return message ? message->payload : "nothing";
+    }
+
+    bool Comes(const std::string& file, const std::string& content) {
+        return WaitUntil([&] { return Content(folder.Path(file)) == content; });
+    }
+
+    OrvPlatform::Testing::TemporaryFolder folder;
+    std::unique_ptr<MosquittoBroker> broker;
+    std::unique_ptr<RawClient> neighbour;
+    std::unique_ptr<ChildProgram> program;
+};
+
+TEST_F(AnExample, DrivesTheLeds) {
+    for (const char* led : {"green", "yellow"}) {
+        std::filesystem::create_directory(folder.Path(led));
+        folder.Write(std::string(led) + "/trigger", "");
+        folder.Write(std::string(led) + "/brightness", "");
+    }
+    Say("/orv/led/connected_services_green", "On");
+    Say("/orv/led/connected_services_yellow", "Blink");
+    Start("led-driver", {folder.Path("")});
+    EXPECT_TRUE(Comes("green/brightness", "1"));
+    EXPECT_TRUE(Comes("yellow/trigger", "timer"));
+    Say("/orv/led/connected_services_green", "Off");
+    EXPECT_TRUE(Comes("green/brightness", "0"));
+    EXPECT_EQ(Content(folder.Path("yellow/brightness")), "");
+    std::filesystem::remove_all(folder.Path("green"));
+    std::filesystem::remove_all(folder.Path("yellow"));
+}
+
+TEST_F(AnExample, GuardsTheNameServers) {
+    folder.Write("normal", "server=192.0.2.1\n");
+    Say("/orv/network/wan/inhibit_dns", "permit");
+    Start("name-server-guard",
+          {folder.Path("normal"), folder.Path("active"), "echo reload >> " + folder.Path("reloads")});
+    EXPECT_TRUE(Comes("active", "server=192.0.2.1\n"));
+    EXPECT_TRUE(Comes("reloads", "reload\n"));
+    Say("/orv/network/wan/inhibit_dns", "inhibit");
+    EXPECT_TRUE(Comes("reloads", "reload\nreload\n")) << Content(folder.Path("log"));
+    EXPECT_EQ(Content(folder.Path("active")), "");
+    EXPECT_TRUE(std::filesystem::exists(folder.Path("active")));
+    Say("/orv/network/wan/inhibit_dns", "permit");
+    EXPECT_TRUE(Comes("active", "server=192.0.2.1\n"));
+}
+
+TEST_F(AnExample, ReadsItsSettingsAnewOnReload) {
+    const std::string init = "/orv/apps_control/features/thermostat/init";
+    ASSERT_TRUE(neighbour->Subscribe(init));
+    folder.Write("settings", "wanted = 21\n");
+    Start("settings", {folder.Path("settings")});
+    EXPECT_EQ(Hears(init), "booting"); // Start
+    EXPECT_EQ(Hears(init), "booting");
+    EXPECT_EQ(Hears(init), "ready");
+    folder.Write("settings", "wanted 22\n");
+    ASSERT_TRUE(neighbour->Publish({init, "reload", 1}));
+    EXPECT_EQ(Hears(init), "reload");
+    EXPECT_EQ(Hears(init), "booting");
+    EXPECT_EQ(Hears(init), "error");
+    folder.Write("settings", "wanted = 22\n");
+    ASSERT_TRUE(neighbour->Publish({init, "reload", 1}));
+    EXPECT_EQ(Hears(init), "reload");
+    EXPECT_EQ(Hears(init), "booting");
+    EXPECT_EQ(Hears(init), "ready");
+}
+
+TEST_F(AnExample, TellsAboutTheModem) {
+    const OrvTest::PrivateBus bus;
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.Address().c_str(), 1);
+    ASSERT_TRUE(neighbour->Subscribe("/orv/modem/#"));
+    Start("modem-data", {"1"}); // it is there before the modem manager is
+    const ChildProgram modem(
+        {"/usr/bin/python3", "-B", ORV_MODEM, "wwan0", "192.0.2.2", "255.255.255.0", "192.0.2.1", "192.0.2.1"},
+        folder.Path("log"));
+    EXPECT_EQ(Hears("/orv/modem/imei"), "350000000000001");
+    EXPECT_EQ(Hears("/orv/modem/sim/provider"), "Box Mobile");
+    EXPECT_EQ(Hears("/orv/modem/sim/strength"), "60");
+}
+
+} // namespace
