@@ -1,5 +1,5 @@
 # What is installed, and in which package it goes: one CMake package and one pkg-config file each for the library and for
-# the platform. Components: runtime, dev, test-dev, platform, platform-dev, tools.
+# the platform. Components: runtime, dev, test-dev, platform, platform-dev, app-support-dev, tools.
 
 include(CMakePackageConfigHelpers)
 set(ORV_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake)
@@ -49,10 +49,28 @@ if(ORV_PLATFORM STREQUAL "linux")
     DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/liborvplatform${PROJECT_VERSION_MAJOR}/examples COMPONENT platform)
 endif()
 
+# What the reference application is made with besides, for those who copy it.
+if(ORV_BUILD_APPS)
+  install(TARGETS OrvNetlink OrvSignals EXPORT OrvAppSupportTargets
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT app-support-dev)
+  install(EXPORT OrvAppSupportTargets NAMESPACE OrvAppSupport:: DESTINATION ${ORV_CMAKE_DIR}/OrvAppSupport COMPONENT app-support-dev)
+  install(DIRECTORY libs/OrvNetlink/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT app-support-dev)
+  install(FILES apps/signals/Signals.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orv-apps/signals COMPONENT app-support-dev)
+  set(name OrvAppSupport)
+  set(requirements "find_package(PkgConfig REQUIRED)\npkg_check_modules(MNL REQUIRED IMPORTED_TARGET libmnl)\n")
+  configure_file(cmake/package/Config.cmake.in package/OrvAppSupportConfig.cmake @ONLY)
+  write_basic_package_version_file(package/OrvAppSupportConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+  install(FILES ${PROJECT_BINARY_DIR}/package/OrvAppSupportConfig.cmake ${PROJECT_BINARY_DIR}/package/OrvAppSupportConfigVersion.cmake
+    DESTINATION ${ORV_CMAKE_DIR}/OrvAppSupport COMPONENT app-support-dev)
+endif()
+
 if(ORV_BUILD_TESTS AND ORV_BUILD_APPS AND ORV_PLATFORM STREQUAL "linux" AND NOT ORV_SANITIZE AND NOT CMAKE_CROSSCOMPILING)
   add_test(NAME InstalledElsewhere
     COMMAND ${PROJECT_SOURCE_DIR}/tests/consumer/elsewhere.sh ${PROJECT_BINARY_DIR} ${CMAKE_CXX_COMPILER})
   set_tests_properties(InstalledElsewhere PROPERTIES LABELS binary TIMEOUT 300)
+  add_test(NAME GatewayAppCopied
+    COMMAND ${PROJECT_SOURCE_DIR}/tests/consumer/gateway-app.sh ${PROJECT_BINARY_DIR} ${CMAKE_CXX_COMPILER})
+  set_tests_properties(GatewayAppCopied PROPERTIES LABELS binary TIMEOUT 600)
   if(ORV_BUILD_TEST_KIT AND NOT ORV_COVERAGE) # whose static libraries ask more of a link than a consumer knows
     add_test(NAME InstalledTestKit
       COMMAND ${PROJECT_SOURCE_DIR}/tests/consumer/test-kit.sh ${PROJECT_BINARY_DIR} ${CMAKE_CXX_COMPILER})

@@ -79,6 +79,10 @@ if(ORV_PLATFORM STREQUAL "linux")
     DEPENDS "liborvplatform${major} ${same}")
 endif()
 if(ORV_BUILD_APPS)
+  orv_debian_package(app-support-dev liborvappsupport-dev SECTION libdevel
+    SUMMARY "what the programs of a Linux gateway are made with - development"
+    DESCRIPTION "Links, IPv4 addresses, routes and rules from the kernel, and signals in a\nprogram's loop, as static libraries with the CMake package OrvAppSupport. The\nreference application gateway-app is made with them."
+    DEPENDS "libmnl-dev, pkg-config")
   orv_debian_package(tools orv-tools SECTION utils
     SUMMARY "programs for the connected-services stack of a gateway"
     DESCRIPTION "orv-shell makes every call of the connected-services client library by hand or\nfrom a scenario file. gateway-app is the reference application.\norv-config-check says what is wrong with a configuration file.\norv-source-routes gives connections that are bound to an interface a route.\nServices are neither enabled nor started."
