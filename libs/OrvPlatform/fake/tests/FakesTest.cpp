@@ -154,6 +154,17 @@ TEST_F(TheFakeBroker, RestoresNoConnectionThatWasEndedWithAGoodBye) {
     EXPECT_FALSE(broker.HasRetained("/a")) << "nothing is announced into a connection that the application makes";
 }
 
+TEST_F(TheFakeBroker, RestoresNoConnectionWhileItAcceptsNone) {
+    broker.DropConnection("client");
+    broker.SetReachable(false);
+    broker.RestoreConnection("client");
+    EXPECT_FALSE(broker.RestoreConnections());
+    EXPECT_FALSE(broker.IsConnected("client"));
+    broker.SetReachable(true);
+    EXPECT_TRUE(broker.RestoreConnections());
+    EXPECT_TRUE(broker.IsConnected("client"));
+}
+
 TEST_F(TheFakeBroker, TakesTheStateThatItHasRefusedOnceItTakesPublicationsAgain) {
     broker.SetPublishStatus(Client::OUTSTANDING_FULL);
     EXPECT_EQ(client.PublishRetainedMessage("/a", "kept", false), Client::OUTSTANDING_FULL);

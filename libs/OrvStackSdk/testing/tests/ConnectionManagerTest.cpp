@@ -35,6 +35,16 @@ TEST_F(ARouteOnTheKit, GivesUpOnAConnectionManagerThatRefusesToMove) {
     EXPECT_EQ(gateway.connman.Top(), "wwan0");
 }
 
+TEST_F(ARouteOnTheKit, DoesNotMoveLaterForAnOrderThatWasRefused) {
+    LoseTheCloud();
+    gateway.connman.SetDelay(1s);
+    gateway.connman.RefuseToMove(true);
+    ASSERT_TRUE(gateway.AdvanceUntil([&] { return gateway.poke.Attempts("wwan0") == 1; }, 20s));
+    gateway.connman.RefuseToMove(false);
+    gateway.Advance(2s);
+    EXPECT_EQ(gateway.connman.Top(), "eth0");
+}
+
 TEST_F(ARouteOnTheKit, DoesNotMoveToAnInterfaceThatIsNotThere) {
     LoseTheCloud();
     gateway.connman.Disappear("wwan0");

@@ -48,6 +48,14 @@ TEST_F(AnApplicationOnTheKit, WritesOneJournalOfAllThatHappens) {
     EXPECT_EQ(gateway.journal.Entries()[6].what, "the test's own");
 }
 
+TEST_F(AnApplicationOnTheKit, IsReleasedWithoutAWordButItsGoodByeAndItsWill) {
+    Begin();
+    client.reset();
+    EXPECT_EQ("", Difference("disconnect OrvRoute\n"
+                             "will ORV_Stack \"/orv/apps_control/features/alarm/available\" \"false\"\n",
+                             gateway.journal.Text()));
+}
+
 TEST(AJournal, TakesLogRecordsAsItIsAskedTo) {
     for (const auto& [records, text] :
          {std::pair{LogRecords::FROM_TRACE, "log trace OrvSessionMqtt <SetHandler> \"\"\n"}, {LogRecords::NONE, ""}}) {
