@@ -104,13 +104,13 @@ struct Texts {
     std::string strings[std::size(WORDS)];
 };
 
-const Texts texts;
+const Texts TEXTS;
 
 const std::string& TextOf(Range range, int value) {
     const auto index = static_cast<std::size_t>(value);
     if (index >= range.size)
         throw std::out_of_range("_Map_base::at");
-    return texts.strings[range.first + index];
+    return TEXTS.strings[range.first + index];
 }
 
 template <typename Enum>
