@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "TlsContext.h"
 
+#include "SystemAuthorities.h"
+
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
@@ -171,7 +173,7 @@ void TlsContext::SetUp(const CloudSettings& settings) {
 
 void TlsContext::Trust(const std::string& caFile) const {
     if (caFile.empty())
-        SSL_CTX_set_default_verify_paths(context);
+        TrustSystemAuthorities(context);
     else if (SSL_CTX_load_verify_file(context, caFile.c_str()) != 1)
         Refuse("CA file", caFile, "name a PEM file of the authorities to trust (cloud-ca)");
 }
