@@ -34,8 +34,12 @@ make_networks() {
     local ns
     add_namespaces
     for ns in "$gateway_ns" "$eth_ns" "$cell_ns" "$cloud_ns"; do ip -n "$ns" link set lo up; done
-    make_cable "$gateway_ns" eth0 "$eth_ns" lan 02:00:00:00:0a:01
-    make_cable "$gateway_ns" wwan0 "$cell_ns" lan 02:00:00:00:0b:01
+    if is_machine; then
+        plug_machine_in
+    else
+        make_cable "$gateway_ns" eth0 "$eth_ns" lan 02:00:00:00:0a:01
+        make_cable "$gateway_ns" wwan0 "$cell_ns" lan 02:00:00:00:0b:01
+    fi
     make_cable "$eth_ns" up "$cloud_ns" eth
     make_cable "$cell_ns" up "$cloud_ns" cell
     ip -n "$cloud_ns" addr add "$cloud_address/32" dev lo
@@ -66,7 +70,7 @@ make_provider() {
     ip -n "$ns" addr add "$net.1/24" dev lan
     ip -n "$ns" addr add "$uplink.1/30" dev up
     # Without this the kernel leaves UDP checksums to the "hardware", and ConnMan's DHCP client drops the answers.
-    ip netns exec "$ns" ethtool -K lan tx off >/dev/null
+    is_machine || ip netns exec "$ns" ethtool -K lan tx off >/dev/null
     ip -n "$ns" link set dev lan up
     ip -n "$ns" link set dev up up
     ip -n "$ns" route add "$cloud_address/32" via "$uplink.2"
