@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "Snapshot.h"
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+struct mosquitto;
+struct mosquitto_message;
+
+namespace OrvStatus {
+
+struct BrokerSettings {
+    std::string host; ///< an address, or the path of a unix socket
+    int port = 1883;  ///< 0 for a unix socket
+    std::string user, password;
+};
+
+/// A client of the gateway's broker that subscribes to everything under /orv and publishes nothing. It has no thread:
+/// its owner polls its socket. A broker that is away is tried again each second.
+class Broker {
+public:
+    using Time = std::chrono::steady_clock::time_point;
+
+    explicit Broker(BrokerSettings brokerSettings);
+    ~Broker();
+    Broker(const Broker&) = delete;
+    Broker& operator=(const Broker&) = delete;
+
+    /// To be called at least four times a second, and whenever the socket is ready.
+    void Step(Time now);
+    int Socket() const;
+    bool WantsWrite() const;
+
+    const BrokerView& View() const { return view; }
+    /// The answer is there: connected with all retained messages, or not to be reached.
+    bool Settled() const { return view.complete || view.state == Known::AWAY; }
+    /// Whether something has changed since the last call.
+    bool TakeChanged();
+
+private:
+    struct Destroy {
+        void operator()(mosquitto* handle) const;
+    };
+    void Begin(Time now);
+    void Away(const std::string& reason);
+    void OnConnected(int code);
+    void OnMessage(const mosquitto_message& message);
+
+    const BrokerSettings settings;
+    const std::string clientId;
+    std::unique_ptr<mosquitto, Destroy> client;
+    BrokerView view;
+    Time nextTry;
+    Time begun;
+    int lastSubscription = 0;
+    bool changed = true;
+};
+
+} // namespace OrvStatus

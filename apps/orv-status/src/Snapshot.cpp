@@ -1,0 +1,126 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Snapshot.h"
+
+namespace OrvStatus {
+
+namespace {
+
+using AppState = ApplicationView::State;
+
+const BrokerView::Message* Find(const BrokerView& broker, const char* topic) {
+    const auto found = broker.topics.find(topic);
+    return found == broker.topics.end() ? nullptr : &found->second;
+}
+
+int ExitStatus(const Verdict& verdict) {
+    if (verdict.state == "disconnected" || verdict.state == "disabled")
+        return 20;
+    if (verdict.state != "connected")
+        return 30;
+    if (verdict.path == "ethernet")
+        return 0;
+    return verdict.path == "cellular" ? 10 : 30;
+}
+
+void SayTheApplication(const ApplicationView& application, Verdict& verdict) {
+    verdict.state = application.cloudState;
+    verdict.path = application.cloudPath;
+    verdict.since = application.cloudSince.utc;
+    verdict.sinceMonotonic = application.cloudSince.monotonic;
+    verdict.reason = application.cloudReason;
+    verdict.basis = application.name + " says so";
+}
+
+/// The topic is retained and nobody signs it, so who said it may be gone; the path can only be the default route's.
+void InferFromTheTopic(const Snapshot& snapshot, Verdict& verdict) {
+    const BrokerView::Message* const said = Find(snapshot.broker, kCloudTopic);
+    const std::string none = "there is no status file of gateway-app, and ";
+    if (snapshot.broker.state != Known::PRESENT) {
+        verdict.basis = none + "the broker is " + Text(snapshot.broker.state);
+    } else if (said == nullptr || (said->payload != "true" && said->payload != "false")) {
+        verdict.basis = none + "nobody has published " + kCloudTopic;
+    } else if (said->payload == "false") {
+        verdict.state = "disconnected";
+        verdict.path = "none";
+        verdict.basis = std::string("inferred from ") + kCloudTopic;
+    } else {
+        verdict.state = "connected";
+        verdict.path = snapshot.network.state == Known::PRESENT ? snapshot.network.Path() : "unknown";
+        verdict.basis = std::string("inferred from ") + kCloudTopic + " and the kernel's default route";
+    }
+}
+
+} // namespace
+
+std::string NetworkView::Path() const {
+    if (defaults.empty())
+        return "none";
+    for (const Interface& interface : interfaces) {
+        if (interface.name == defaults.front().interface && !interface.role.empty())
+            return interface.role;
+    }
+    return "other";
+}
+
+std::string LedState(const BrokerView& broker, const char* topic) {
+    const BrokerView::Message* const led = Find(broker, topic);
+    if (led != nullptr && led->payload == "On")
+        return "on";
+    if (led != nullptr && led->payload == "Off")
+        return "off";
+    return led != nullptr && led->payload == "Blink" ? "blink" : "unknown";
+}
+
+Verdict Judge(const Snapshot& snapshot) {
+    Verdict verdict;
+    switch (snapshot.application.state) {
+    case AppState::RUNNING:
+        SayTheApplication(snapshot.application, verdict);
+        break;
+    case AppState::ABSENT:
+    case AppState::UNREADABLE:
+        InferFromTheTopic(snapshot, verdict);
+        break;
+    case AppState::ENDED:
+    case AppState::GONE:
+    case AppState::STUCK:
+        // What it has published is retained, so the topics still say what it said last.
+        verdict.basis =
+            "gateway-app is " + std::string(Text(snapshot.application.state)) + ": " + snapshot.application.reason;
+        break;
+    }
+    verdict.exitStatus = ExitStatus(verdict);
+    return verdict;
+}
+
+const char* Text(Known state) {
+    switch (state) {
+    case Known::UNKNOWN:
+        break;
+    case Known::AWAY:
+        return "away";
+    case Known::PRESENT:
+        return "present";
+    }
+    return "unknown";
+}
+
+const char* Text(AppState state) {
+    switch (state) {
+    case AppState::ABSENT:
+        return "absent";
+    case AppState::UNREADABLE:
+        return "unreadable";
+    case AppState::RUNNING:
+        return "running";
+    case AppState::ENDED:
+        return "ended";
+    case AppState::GONE:
+        return "gone";
+    case AppState::STUCK:
+        break;
+    }
+    return "stuck";
+}
+
+} // namespace OrvStatus
