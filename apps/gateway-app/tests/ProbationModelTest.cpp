@@ -142,7 +142,7 @@ private:
 /// ORV_MODEL_HOURS: how many hours of each fault, each with a seed of its own.
 unsigned Hours() {
     const char* const text = std::getenv("ORV_MODEL_HOURS");
-    return text != nullptr ? static_cast<unsigned>(std::stoul(text)) : 100;
+    return text != nullptr ? static_cast<unsigned>(std::stoul(text)) : 50;
 }
 
 class TheRouteUnder : public testing::TestWithParam<Fault> {};
