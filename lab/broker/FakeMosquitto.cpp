@@ -46,7 +46,7 @@ struct mosquitto {
 namespace OrvLab {
 
 ScriptedBroker* Wire::broker = nullptr;
-void (*Wire::onPublish)(const std::string&, const std::string&, const std::string&) = nullptr;
+void (*Wire::onPublish)(const std::string&, const Packet&) = nullptr;
 int Wire::lastId = 0;
 
 namespace {
@@ -376,7 +376,7 @@ int mosquitto_publish(mosquitto* client, int* id, const char* topic, int size, c
     packet.retained = retain;
     packet.id = *id = NextId(client);
     if (Wire::onPublish != nullptr)
-        Wire::onPublish(client->id, packet.topic, packet.payload);
+        Wire::onPublish(client->id, packet);
     // Without a connection the library refuses an assured message, and sends it later all the same.
     if (qos > 0)
         client->unacknowledged.push_back(packet);

@@ -153,12 +153,16 @@ void Model::Completed(const std::string& topic) {
     }
 }
 
-void Model::Handed(const std::string& topic, const std::string& payload) {
+void Model::Handed(const Packet& packet) {
     if (sim.Self().locks != 1)
         Fail("a publication is handed over under " + std::to_string(sim.Self().locks) + " locks");
-    // Only deletions can be alike; then it is the latest.
-    const auto found = std::find_if(publications.rbegin(), publications.rend(),
-                                    [&](const auto& one) { return one.topic == topic && one.payload == payload; });
+    const std::string& topic = packet.topic;
+    const std::string& payload = packet.payload;
+    // Only deletions can be alike; then it is the latest of that kind.
+    const auto found = std::find_if(publications.rbegin(), publications.rend(), [&](const auto& one) {
+        return one.topic == topic && one.payload == payload && one.retained == packet.retained &&
+               one.assured == (packet.qos > 0);
+    });
     if (found == publications.rend())
         Fail(topic + "=" + payload + " is published, which nobody has asked for");
     ++found->handed;

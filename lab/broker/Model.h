@@ -70,7 +70,7 @@ public:
     /// @}
 
     /// A publication is handed to the library.
-    void Handed(const std::string& topic, const std::string& payload);
+    void Handed(const Packet& publication);
 
     /// @name What is owed, once the broker is healthy and nobody asks for anything any more
     /// @{

@@ -54,9 +54,9 @@ Model* Program::Find(const std::string& name) {
     return found == models.end() ? nullptr : found->get();
 }
 
-void Program::Handed(const std::string& client, const std::string& topic, const std::string& payload) {
+void Program::Handed(const std::string& client, const Packet& publication) {
     if (Model* model = program->Find(client))
-        model->Handed(topic, payload);
+        model->Handed(publication);
 }
 
 void Program::Run() {

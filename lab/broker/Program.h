@@ -108,7 +108,7 @@ private:
     void CollectFrom(LabClient& client);
     void CheckNothingIsLeft();
     Model* Find(const std::string& name);
-    static void Handed(const std::string& client, const std::string& topic, const std::string& payload);
+    static void Handed(const std::string& client, const Packet& publication);
 
     Random random;
     std::vector<std::unique_ptr<Model>> models; // of all clients, those that are gone too

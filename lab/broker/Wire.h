@@ -16,7 +16,7 @@ public:
     static int Clients();
     static int ClientsOf(const std::string& id);
     /// Called when a publication is handed to the library.
-    static void (*onPublish)(const std::string& client, const std::string& topic, const std::string& payload);
+    static void (*onPublish)(const std::string& client, const Packet& publication);
     /// Message ids begin after this one.
     static int lastId;
     /// No client is left from a course that ended before its time.
