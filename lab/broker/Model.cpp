@@ -158,11 +158,15 @@ void Model::Handed(const Packet& packet) {
         Fail("a publication is handed over under " + std::to_string(sim.Self().locks) + " locks");
     const std::string& topic = packet.topic;
     const std::string& payload = packet.payload;
-    // Only deletions can be alike; then it is the latest of that kind.
-    const auto found = std::find_if(publications.rbegin(), publications.rend(), [&](const auto& one) {
+    const auto isIt = [&](const Publication& one) {
         return one.topic == topic && one.payload == payload && one.retained == packet.retained &&
                one.assured == (packet.qos > 0);
-    });
+    };
+    // Only deletions can be alike; then it is one that may still be published.
+    auto found = std::find_if(publications.rbegin(), publications.rend(),
+                              [&](const Publication& one) { return isIt(one) && !IsSuperseded(one); });
+    if (found == publications.rend())
+        found = std::find_if(publications.rbegin(), publications.rend(), isIt);
     if (found == publications.rend())
         Fail(topic + "=" + payload + " is published, which nobody has asked for");
     ++found->handed;
