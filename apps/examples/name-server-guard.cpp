@@ -50,6 +50,7 @@ private:
             return;
         }
         logger.Info() << "name servers: " << word;
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody else waits for children here
         if (!command.empty() && std::system(command.c_str()) != 0)
             logger.Error() << "failed: " << command;
     }

@@ -14,7 +14,7 @@ namespace GatewayApp {
 namespace {
 
 const char* FromEnvironment(const char* variable, const char* otherwise) {
-    const char* const value = std::getenv(variable);
+    const char* const value = std::getenv(variable); // NOLINT(concurrency-mt-unsafe): nobody sets it
     return value == nullptr ? otherwise : value;
 }
 

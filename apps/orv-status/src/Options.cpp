@@ -77,6 +77,7 @@ Options ReadOptions(int count, char** words) {
         options.statusFile = named;
     opterr = 0;
     optind = 0;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): before there is a thread
     for (int letter = 0; (letter = getopt_long(count, words, "jmqfwhV", known, nullptr)) != -1;) {
         switch (letter) {
         case 'j':

@@ -77,6 +77,7 @@ TableStyle StyleOf(const Options& options) {
     const bool fancy = isatty(STDOUT_FILENO) == 1 && (plain == nullptr || *plain == '\0');
     TableStyle style;
     style.colour = options.colour == Options::Colour::ALWAYS || (options.colour == Options::Colour::AUTO && fancy);
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody sets another locale
     style.symbols = std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
     return style;
 }
@@ -120,7 +121,7 @@ int Run(const Options& options, int signals) {
 } // namespace
 
 int main(int count, char** words) {
-    std::setlocale(LC_ALL, "");
+    std::setlocale(LC_ALL, ""); // NOLINT(concurrency-mt-unsafe): before there is a thread
     try {
         const Options options = ReadOptions(count, words);
         return Run(options, options.pace == Pace::ONCE ? -1 : OpenSignals());

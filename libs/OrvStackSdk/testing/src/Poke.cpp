@@ -104,7 +104,7 @@ CURLcode SetOption(CURL* easy, CURLoption option, ...) {
 #pragma GCC diagnostic ignored "-Wvarargs" // libcurl's signature: the last named parameter is an enumeration
     va_start(arguments, option);
 #pragma GCC diagnostic pop
-    const std::string device = va_arg(arguments, const char*);
+    const std::string device = va_arg(arguments, const char*); // NOLINT(clang-analyzer-valist.Uninitialized): see above
     va_end(arguments);
     static_cast<Transfer*>(easy)->interfaceName = device.substr(device.find('!') + 1);
     return CURLE_OK;

@@ -3,7 +3,7 @@
 // one test into the next; here it can be forgotten.
 #include "RouteWithMemory.h"
 
-#include "OrvRoute.cpp"
+#include "OrvRoute.cpp" // NOLINT(bugprone-suspicious-include)
 
 namespace OrvStackSdk::Testing {
 
