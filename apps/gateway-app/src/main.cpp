@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "AppOptions.h"
+#include "Application.h"
 #include "CloudDialer.h"
-#include "GatewayApp.h"
 #include "PathProver.h"
 #include "signals/Signals.h"
 

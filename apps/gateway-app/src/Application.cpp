@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "GatewayApp.h"
+#include "Application.h"
 
 #include "Callbacks.h"
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the application tells about itself: its status file, and a line for each move of the route.
-#include "GatewayApp.h"
+#include "Application.h"
 
 #include <ConnInterfaceString.h>
 #include <GatewayMainBaseUnits/IpInterfacesMapping.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the application does when the route moves, and when other programs touch the default route or the status file.
-#include "GatewayApp.h"
+#include "Application.h"
 
 #include <CommonUtils/Networking/ConnmanCommands.h>
 #include <ConnInterfaceString.h>
