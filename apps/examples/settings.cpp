@@ -18,7 +18,7 @@ using namespace OrvStackSdk;
 
 namespace {
 
-volatile std::sig_atomic_t ended = 0;
+std::atomic<bool> ended{false}; // a signal is handled on any thread
 
 class Thermostat : public IOrvStackClientHandler {
 public:
@@ -84,8 +84,8 @@ private:
 int main(int count, char** words) try {
     if (count != 2)
         return 2;
-    std::signal(SIGTERM, [](int) { ended = 1; });
-    std::signal(SIGINT, [](int) { ended = 1; });
+    std::signal(SIGTERM, [](int) { ended = true; });
+    std::signal(SIGINT, [](int) { ended = true; });
     const auto thermostat = std::make_shared<Thermostat>(words[1]);
     const auto client = CreateClient(); // throws without a broker; whoever starts us tries again
     client->SetHandler(thermostat);

@@ -15,7 +15,7 @@ using namespace OrvStackSdk;
 
 namespace {
 
-volatile std::sig_atomic_t ended = 0;
+std::atomic<bool> ended{false}; // a signal is handled on any thread
 
 class Meter : public IOrvStackClientHandler {
 public:
@@ -66,8 +66,8 @@ void Run() {
 } // namespace
 
 int main() {
-    std::signal(SIGTERM, [](int) { ended = 1; });
-    std::signal(SIGINT, [](int) { ended = 1; });
+    std::signal(SIGTERM, [](int) { ended = true; });
+    std::signal(SIGINT, [](int) { ended = true; });
     try {
         Run();
     } catch (const std::exception& problem) {
