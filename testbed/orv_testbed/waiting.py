@@ -13,12 +13,19 @@ class NotInTime(AssertionError):
     """What was waited for has not come about."""
 
 
+def comes_within(seconds: float, condition: Callable[[], object], pause: float = 0.05) -> bool:
+    """Whether `condition()` comes true before the time is over."""
+    deadline = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() >= deadline:
+            return False
+        time.sleep(pause)
+    return True
+
+
 def wait_until(
     condition: Callable[[], object], seconds: float, what: str | Callable[[], str], pause: float = 0.05
 ) -> None:
     """Waits until `condition()` is true; `what` is waited for, and may be a function, called on failure."""
-    deadline = time.monotonic() + seconds
-    while not condition():
-        if time.monotonic() >= deadline:
-            raise NotInTime(f"not within {seconds:.0f} s: {what() if callable(what) else what}")
-        time.sleep(pause)
+    if not comes_within(seconds, condition, pause):
+        raise NotInTime(f"not within {seconds:.0f} s: {what() if callable(what) else what}")

@@ -17,7 +17,7 @@ from orv_testbed.programs import program
 from orv_testbed.scene import PORTAL, Scene
 from orv_testbed.timestamps import at
 from orv_testbed.topics import GREEN, INHIBIT_DNS, of_feature
-from orv_testbed.waiting import SLACK, wait_until
+from orv_testbed.waiting import SLACK, comes_within, wait_until
 
 
 def put_setting(box: Box, text: str) -> None:
@@ -72,24 +72,28 @@ def pull_ethernet_while_it_is_poked(scene: Scene) -> int:
 
 
 def begin_poke_anew(scene: Scene) -> int:
-    """A poke ends without an address, but for a grace after its start; returns the place at which another one begins."""
+    """Returns the place in the log at which another poke over Ethernet begins.
+
+    A poke whose grace is over ends with the first tick that finds no address. No log line tells of that tick, so an
+    address that is back before it leaves the old poke running; then the address is taken away again.
+    """
     box, application = scene.box, scene.application
     wait_until(lambda: time.time() - began(application) > GRACE_S, SLACK, "the end of the grace")
-    box("lease", "eth", "end")
-    wait_until(lambda: not has_address(application), SLACK, "the loss of the address")
-    place = application.mark()
-    box("lease", "eth", "back")
-    return application.wait_for("Started Poke eth if eth0", 10, place)
+    deadline = time.monotonic() + SLACK
+    while time.monotonic() < deadline:
+        box("lease", "eth", "end")
+        wait_until(lambda: not has_address(application), SLACK, "the loss of the address")
+        place = application.mark()
+        box("lease", "eth", "back")
+        wait_until(lambda: has_address(application), SLACK, "Ethernet's address")
+        if comes_within(1, lambda: application.said("Started Poke eth if eth0", place)):
+            return application.wait_for("Started Poke eth if eth0", 0, place)
+    raise AssertionError(f"no poke over Ethernet begins anew\n{application.interesting()}")
 
 
 def attempts_fail_at_once(application: Application, place: int) -> bool:
     """An attempt that was under way when the address was lost goes on, and may hang until the grace is over."""
-    deadline = time.monotonic() + GRACE_S / 2
-    while time.monotonic() < deadline:
-        if application.said("poke error 7", place):
-            return True
-        time.sleep(0.01)
-    return False
+    return comes_within(GRACE_S / 2, lambda: application.said("poke error 7", place), pause=0.01)
 
 
 def in_grace(application: Application) -> bool:
