@@ -2,6 +2,7 @@
 #include "Application.h"
 
 #include "Callbacks.h"
+#include "Clock.h"
 
 #include <ConnInterfaceString.h>
 #include <GatewayMainBaseUnits/IpInterfacesMapping.h>
@@ -32,10 +33,6 @@ std::string InterfaceName(const char* path) {
 
 WanInterfaces ConfiguredInterfaces() {
     return WanInterfaces(InterfaceName("Ethernet"), InterfaceName("Cellular"));
-}
-
-std::chrono::steady_clock::time_point Now() {
-    return std::chrono::steady_clock::now();
 }
 
 } // namespace

@@ -2,6 +2,8 @@
 // What the application does when the route moves, and when other programs touch the default route or the status file.
 #include "Application.h"
 
+#include "Clock.h"
+
 #include <CommonUtils/Networking/ConnmanCommands.h>
 #include <ConnInterfaceString.h>
 #include <GatewayMainBaseUnits/IpInterfacesMapping.h>
@@ -18,10 +20,6 @@ constexpr const char* kStatusFile = "/var/tmp/new_enterprise_statuses.csv";
 
 std::string InterfaceName(const char* path) {
     return GatewayMainBaseUnits::IpInterfacesMapping::GetInstance().GetInterfaceName(path);
-}
-
-std::chrono::steady_clock::time_point Now() {
-    return std::chrono::steady_clock::now();
 }
 
 } // namespace

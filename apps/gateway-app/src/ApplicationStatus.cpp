@@ -2,6 +2,8 @@
 // What the application tells about itself: its status file, and a line for each move of the route.
 #include "Application.h"
 
+#include "Clock.h"
+
 #include <ConnInterfaceString.h>
 #include <GatewayMainBaseUnits/IpInterfacesMapping.h>
 
@@ -57,7 +59,7 @@ Path Application::PathOf(const std::string& interface) const {
 }
 
 void Application::FollowMoves() {
-    const auto now = std::chrono::steady_clock::now();
+    const auto now = Now();
     const std::optional<RouteMoves::Move> move = moves.Take(now);
     if (!move)
         return;
@@ -116,7 +118,7 @@ void Application::NotePoke(Path path, bool good, std::optional<std::chrono::stea
 }
 
 std::string Application::StatusText() {
-    const auto now = std::chrono::steady_clock::now();
+    const auto now = Now();
     told.name = options.name;
     told.sessionReady = started;
     told.cloudHost = options.cloud.host;

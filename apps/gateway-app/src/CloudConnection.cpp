@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "CloudConnection.h"
 
+#include "Clock.h"
+
 #include <mosquitto.h>
 #include <netdb.h>
 #include <sys/epoll.h>
@@ -89,7 +91,7 @@ void CloudConnection::Close() {
 
 void CloudConnection::Dial() {
     state = State::DIALLING;
-    begun = std::chrono::steady_clock::now();
+    begun = Now();
     deadline.Once(kAttemptLimit);
     dialer.Dial(settings, [this](Dialled found) { OnDialled(std::move(found)); });
 }
@@ -143,7 +145,7 @@ void CloudConnection::AfterStep(int result, int systemError) {
 void CloudConnection::Answered() {
     state = State::CONNECTED;
     deadline.Stop();
-    since = std::chrono::steady_clock::now();
+    since = Now();
     lifeTimer.Once(AskAgain(socket, handler.keepAlive()));
     source = OwnAddress(socket);
     handler.onConnected(source);
@@ -176,7 +178,7 @@ void CloudConnection::End(const std::string& reason) {
     // The first attempt after a loss comes soon: often only the connection is gone, not the path. Not at once, because
     // a broker that restarts loses a whole fleet in one moment. One that takes connections only to end them is not
     // worth it.
-    const bool lasting = was && std::chrono::steady_clock::now() - since >= kLasting;
+    const bool lasting = was && Now() - since >= kLasting;
     const BackOff::Duration delay = lasting ? backOff.First(kLongestFirst) : backOff.Next();
     deadline.Once(delay);
     if (was)

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "StatusFile.h"
 
+#include "Clock.h"
+
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
@@ -126,7 +128,7 @@ void StatusFileWatch::LookLater() {
     if (!active || waiting || IsRight())
         return;
     waiting = true;
-    timer.Once(limit.Wait(std::chrono::steady_clock::now()));
+    timer.Once(limit.Wait(Now()));
 }
 
 void StatusFileWatch::Look() {

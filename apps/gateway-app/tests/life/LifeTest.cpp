@@ -1,0 +1,126 @@
+// SPDX-License-Identifier: Apache-2.0
+// The application's whole life on the library's test kit, in virtual time: the real application and the real client,
+// with the cloud and the kernel in the test's hands.
+#include "Application.h"
+#include "Surroundings.h"
+
+#include <csignal>
+#include <gtest/gtest.h>
+
+namespace GatewayApp {
+namespace {
+
+using namespace std::chrono_literals;
+using OrvStackSdk::Testing::Difference;
+using OrvStackSdk::Testing::Gateway;
+using Payloads = std::vector<std::string>;
+
+const std::string FEATURE = "/orv/apps_control/features/gateway-app";
+const std::string YELLOW = "/orv/led/connected_services_yellow";
+const std::string GREEN = "/orv/led/connected_services_green";
+
+class TheLifeOfTheApplication : public ::testing::Test {
+protected:
+    TheLifeOfTheApplication() {
+        sigset_t signals;
+        sigemptyset(&signals);
+        for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1})
+            sigaddset(&signals, signal);
+        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    }
+
+    void At(std::chrono::milliseconds time, std::function<void()> action) { gateway.After(time, std::move(action)); }
+
+    /// Runs it until that time, when it gets SIGTERM; everything that At was told happens meanwhile.
+    void RunUntil(std::chrono::milliseconds end) {
+        At(end, [] { raise(SIGTERM); });
+        const std::vector<std::string> arguments{"--cloud-host", "cloud.example", "--tick-ms", "200"};
+        AppOptions options = ReadOptions(arguments);
+        options.lock.clear();
+        options.statusFile.clear();
+        Application application(options, arguments);
+        application.Run();
+    }
+
+    Gateway gateway;
+    Surroundings around{gateway};
+};
+
+TEST_F(TheLifeOfTheApplication, BeginsWithoutABrokerAndGoesOnWhenItIsThere) {
+    gateway.broker.RefuseConnections(true);
+    At(20s, [&] {
+        EXPECT_EQ(gateway.broker.Published(FEATURE + "/init"), Payloads{});
+        gateway.broker.RefuseConnections(false);
+    });
+    At(30s, [&] { EXPECT_EQ(gateway.broker.Published(FEATURE + "/init"), (Payloads{"booting", "ready"})); });
+    RunUntil(31s);
+}
+
+TEST_F(TheLifeOfTheApplication, MovesToCellularAndBackWithItsCloudConnection) {
+    At(1s, [&] { around.cloudAnswers("192.0.2.2"); });
+    At(2s, [&] {
+        EXPECT_EQ(gateway.broker.Retained(GREEN), "On");
+        gateway.journal.Clear();
+        gateway.poke.Fails("eth0", 28);
+        around.cloudBreaks("timed out");
+    });
+    At(14s, [&] {
+        EXPECT_EQ(gateway.connman.Top(), "wwan0");
+        around.DefaultRouteBecomes("wwan0");
+        around.cloudAnswers("198.51.100.2");
+    });
+    At(15s, [&] {
+        EXPECT_EQ(gateway.broker.Retained(GREEN), "On");
+        EXPECT_EQ(gateway.broker.Retained("/orv/network/wan/inhibit_dns"), "inhibit");
+        EXPECT_EQ("", Difference("poke wwan0 reached the cloud\n"
+                                 "cloud connection: the WAN route has changed\n"
+                                 "cloud connection: the default route has changed\n",
+                                 gateway.journal.Text({"poke wwan0", "cloud connection"})));
+        gateway.poke.Reaches("eth0");
+    });
+    At(20s, [&] {
+        EXPECT_EQ(gateway.connman.Top(), "eth0");
+        EXPECT_EQ(gateway.broker.Retained("/orv/network/wan/inhibit_dns"), "permit");
+    });
+    RunUntil(21s);
+}
+
+TEST_F(TheLifeOfTheApplication, ReadsItsOptionsAnewOnReload) {
+    At(1s, [&] {
+        gateway.broker.Clear();
+        gateway.broker.Publish(FEATURE + "/init", "reload");
+    });
+    RunUntil(2s);
+    EXPECT_EQ(gateway.broker.Published(FEATURE + "/init"), (Payloads{"booting", "ready"}));
+}
+
+TEST_F(TheLifeOfTheApplication, ReportsAFailureAndKeepsBlinking) {
+    At(1s, [] { raise(SIGUSR1); });
+    At(2s, [&] { around.cloudAnswers("192.0.2.2"); });
+    RunUntil(3s);
+    EXPECT_EQ(gateway.broker.Retained(YELLOW), "Blink");
+    EXPECT_EQ(gateway.broker.Retained(GREEN), "Blink");
+    EXPECT_NE(gateway.ErrorFile(), "");
+}
+
+TEST_F(TheLifeOfTheApplication, LosesItsCloudConnectionWithTheAddressUnderIt) {
+    At(1s, [&] { around.cloudAnswers("192.0.2.2"); });
+    At(2s, [&] { around.AddressesBecome("", "198.51.100.2"); });
+    At(3s, [&] { EXPECT_EQ(gateway.broker.Retained(GREEN), "Off"); });
+    RunUntil(4s);
+    EXPECT_NE(gateway.journal.Text().find("cloud connection: its address 192.0.2.2 is gone"), std::string::npos);
+}
+
+TEST_F(TheLifeOfTheApplication, EndsWithGoodByesToCloudAndBroker) {
+    At(1s, [&] { gateway.journal.Clear(); });
+    RunUntil(2s);
+    EXPECT_EQ("", Difference("cloud connection closed\n"
+                             "disconnect ORV_Stack\n"
+                             "disconnect OrvRoute\n",
+                             gateway.journal.Text({"cloud connection", "disconnect", "will"})));
+    EXPECT_EQ(gateway.broker.Retained(FEATURE + "/available"), "") << "no last will was spoken";
+    EXPECT_EQ(gateway.Elapsed(), 2s);
+}
+
+} // namespace
+} // namespace GatewayApp

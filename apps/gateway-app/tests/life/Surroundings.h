@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "WanInterfaces.h"
+
+#include <OrvStackSdk/Testing.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace GatewayApp {
+
+/// What the application finds around it in virtual time: timers of the test kit, a cloud and a kernel in the test's
+/// hands. Surroundings.cpp takes the places of Clock, EventLoop, CloudConnection, NetworkWatcher, PathProver and
+/// StatusFile. One at a time.
+struct Surroundings {
+    explicit Surroundings(OrvStackSdk::Testing::Gateway& aGateway);
+    ~Surroundings();
+    Surroundings(const Surroundings&) = delete;
+    Surroundings& operator=(const Surroundings&) = delete;
+
+    /// eth0 has this address, wwan0 that one; empty: none. At first both have one.
+    void AddressesBecome(const std::string& ethernet, const std::string& cellular);
+    /// Another program writes the library's status file.
+    void SomebodyWritesTheStatusFile() const {
+        if (statusFileIsWrong)
+            statusFileIsWrong();
+    }
+    /// The kernel's default route moves.
+    void DefaultRouteBecomes(const std::string& interface);
+
+    /// Set by the application's parts while they live.
+    /// @{
+    std::function<void(const std::string& source)> cloudAnswers;
+    std::function<void(const std::string& reason)> cloudBreaks;
+    std::function<void()> addressesChange;
+    std::function<void(const std::string& interface)> defaultRouteChanges;
+    std::function<void()> statusFileIsWrong;
+    /// @}
+
+    OrvStackSdk::Testing::Gateway& gateway;
+    std::vector<OrvNetlink::Link> links;
+    std::vector<OrvNetlink::Address> addresses;
+    std::string defaultRoute = "eth0";
+
+    static Surroundings& Present();
+};
+
+} // namespace GatewayApp
