@@ -5,7 +5,10 @@
 #include "Surroundings.h"
 
 #include <csignal>
+#include <cstdio>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 namespace GatewayApp {
 namespace {
@@ -16,6 +19,7 @@ using OrvStackSdk::Testing::Gateway;
 using Payloads = std::vector<std::string>;
 
 const std::string FEATURE = "/orv/apps_control/features/gateway-app";
+const std::string CLOUD = "/orv/apps_control/features/Ent/status/EntCon";
 const std::string YELLOW = "/orv/led/connected_services_yellow";
 const std::string GREEN = "/orv/led/connected_services_green";
 
@@ -34,7 +38,6 @@ protected:
     /// Runs it until that time, when it gets SIGTERM; everything that At was told happens meanwhile.
     void RunUntil(std::chrono::milliseconds end) {
         At(end, [] { raise(SIGTERM); });
-        const std::vector<std::string> arguments{"--cloud-host", "cloud.example", "--tick-ms", "200"};
         AppOptions options = ReadOptions(arguments);
         options.lock.clear();
         options.statusFile.clear();
@@ -44,6 +47,7 @@ protected:
 
     Gateway gateway;
     Surroundings around{gateway};
+    std::vector<std::string> arguments{"--cloud-host", "cloud.example", "--tick-ms", "200"};
 };
 
 TEST_F(TheLifeOfTheApplication, BeginsWithoutABrokerAndGoesOnWhenItIsThere) {
@@ -92,6 +96,91 @@ TEST_F(TheLifeOfTheApplication, ReadsItsOptionsAnewOnReload) {
     });
     RunUntil(2s);
     EXPECT_EQ(gateway.broker.Published(FEATURE + "/init"), (Payloads{"booting", "ready"}));
+}
+
+TEST_F(TheLifeOfTheApplication, ReadsItsOptionsAnewOnHangUp) {
+    At(1s, [&] {
+        gateway.broker.Clear();
+        raise(SIGHUP);
+    });
+    RunUntil(2s);
+    EXPECT_EQ(gateway.broker.Published(FEATURE + "/init"), (Payloads{"booting", "ready"}));
+}
+
+class TheLifeOfTheApplicationWithAnOptionsFile : public TheLifeOfTheApplication {
+protected:
+    TheLifeOfTheApplicationWithAnOptionsFile() {
+        Write("cloud-host=cloud.example\n");
+        arguments = {"--config", path, "--tick-ms", "200"};
+    }
+    ~TheLifeOfTheApplicationWithAnOptionsFile() override { std::remove(path.c_str()); }
+
+    void Write(const std::string& text) const { std::ofstream(path, std::ios::trunc) << text; }
+
+    void IsReloadedWith(const std::string& text) {
+        At(1s, [&, text] {
+            around.cloudAnswers("192.0.2.2");
+            Write(text);
+            gateway.journal.Clear();
+            gateway.broker.Clear();
+            raise(SIGHUP);
+        });
+    }
+
+    const std::string path = ::testing::TempDir() + "life-of-" + std::to_string(getpid()) + ".ini";
+};
+
+TEST_F(TheLifeOfTheApplicationWithAnOptionsFile, ConnectsToAnotherCloudThatAReloadNames) {
+    IsReloadedWith("cloud-host=other.example\n");
+    At(2s, [&] {
+        EXPECT_EQ("cloud connection: other cloud settings\n", gateway.journal.Text({"cloud connection"}));
+        EXPECT_EQ(gateway.broker.Retained(GREEN), "Off");
+    });
+    RunUntil(3s);
+}
+
+TEST_F(TheLifeOfTheApplicationWithAnOptionsFile, StaysWithItsCloudAndIsReadyAgainWhenAReloadCannotBeRead) {
+    IsReloadedWith("no-such-option=1\n");
+    At(2s, [&] {
+        EXPECT_EQ("", gateway.journal.Text({"cloud connection"}));
+        EXPECT_EQ(gateway.broker.Published(FEATURE + "/init"), (Payloads{"booting", "ready"}));
+        EXPECT_EQ(gateway.broker.Retained(GREEN), "On");
+    });
+    RunUntil(3s);
+}
+
+TEST_F(TheLifeOfTheApplication, KeepsAFailureThatWasThereBeforeTheBroker) {
+    gateway.broker.RefuseConnections(true);
+    At(1s, [] { raise(SIGUSR1); });
+    At(2s, [&] {
+        gateway.broker.RefuseConnections(false);
+        around.cloudAnswers("192.0.2.2");
+    });
+    RunUntil(20s);
+    EXPECT_EQ(gateway.broker.Retained(YELLOW), "Blink");
+    EXPECT_EQ(gateway.broker.Retained(GREEN), "Blink");
+}
+
+TEST_F(TheLifeOfTheApplication, ReportsTheCloudsStateAnewWhenAnotherProgramWroteTheStatusFile) {
+    At(1s, [&] { around.cloudAnswers("192.0.2.2"); });
+    At(2s, [&] {
+        gateway.broker.Clear();
+        around.SomebodyWritesTheStatusFile();
+        EXPECT_EQ(gateway.broker.Published(CLOUD), Payloads{"true"}) << "with every event the library writes the file";
+    });
+    RunUntil(3s);
+}
+
+TEST_F(TheLifeOfTheApplication, HasADefaultRouteSetAnewThatAnotherProgramReplaced) {
+    At(1s, [&] { around.cloudAnswers("192.0.2.2"); });
+    At(2s, [&] {
+        gateway.journal.Clear();
+        around.DefaultRouteBecomes("wwan0");
+    });
+    RunUntil(30s);
+    EXPECT_EQ("", Difference("connman top wwan0\n"
+                             "connman top eth0\n",
+                             gateway.journal.Text({"connman top"})));
 }
 
 TEST_F(TheLifeOfTheApplication, ReportsAFailureAndKeepsBlinking) {

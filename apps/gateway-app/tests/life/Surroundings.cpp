@@ -224,10 +224,7 @@ std::optional<OrvNetlink::Link> NetworkWatcher::Find(const std::string&) {
 void StatusFileContent::Reported(OrvStackSdk::OrvEvent) {}
 
 StatusFileWatch::StatusFileWatch(EventLoop& eventLoop, std::string path, std::function<void()> putRight)
-    : loop(eventLoop),
-      file(std::move(path)),
-      repair(std::move(putRight)),
-      timer(eventLoop, [] {}) {}
+    : loop(eventLoop), file(std::move(path)), repair(std::move(putRight)), timer(eventLoop, [] {}) {}
 
 StatusFileWatch::~StatusFileWatch() {
     Surroundings::Present().statusFileIsWrong = nullptr;
