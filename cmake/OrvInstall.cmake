@@ -51,10 +51,11 @@ endif()
 
 # What the reference application is made with besides, for those who copy it.
 if(ORV_BUILD_APPS)
-  install(TARGETS OrvNetlink OrvSignals EXPORT OrvAppSupportTargets
+  install(TARGETS OrvLog OrvNetlink OrvSignals EXPORT OrvAppSupportTargets
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT app-support-dev)
   install(EXPORT OrvAppSupportTargets NAMESPACE OrvAppSupport:: DESTINATION ${ORV_CMAKE_DIR}/OrvAppSupport COMPONENT app-support-dev)
   install(DIRECTORY libs/OrvNetlink/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT app-support-dev)
+  install(FILES apps/log/LogLevel.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orv-apps/log COMPONENT app-support-dev)
   install(FILES apps/signals/Signals.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orv-apps/signals COMPONENT app-support-dev)
   set(name OrvAppSupport)
   set(requirements "find_package(PkgConfig REQUIRED)\npkg_check_modules(MNL REQUIRED IMPORTED_TARGET libmnl)\n")

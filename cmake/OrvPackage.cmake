@@ -81,7 +81,7 @@ endif()
 if(ORV_BUILD_APPS)
   orv_debian_package(app-support-dev liborvappsupport-dev SECTION libdevel
     SUMMARY "what the programs of a Linux gateway are made with - development"
-    DESCRIPTION "Links, IPv4 addresses, routes and rules from the kernel, and signals in a\nprogram's loop, as static libraries with the CMake package OrvAppSupport. The\nreference application gateway-app is made with them."
+    DESCRIPTION "Links, IPv4 addresses, routes and rules from the kernel, signals in a\nprogram's loop and the log's levels, as static libraries and headers with the\nCMake package OrvAppSupport. The reference application gateway-app is made\nwith them."
     DEPENDS "libmnl-dev, pkg-config")
   orv_debian_package(tools orv-tools SECTION utils
     SUMMARY "programs for the connected-services stack of a gateway"

@@ -47,7 +47,7 @@ private:
     }
 
     const std::string folder;
-    CommonUtils::Logger logger{"led-driver", 0};
+    CommonUtils::Logger logger{"led-driver", 0}; // 0: trace; gateway.ini may ask for less
 };
 
 } // namespace

@@ -58,7 +58,7 @@ private:
     const std::string normal;
     const std::string active;
     const std::string command;
-    CommonUtils::Logger logger{"name-server-guard", 0};
+    CommonUtils::Logger logger{"name-server-guard", 0}; // 0: trace; gateway.ini may ask for less
 };
 
 } // namespace

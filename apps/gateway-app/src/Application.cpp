@@ -3,6 +3,7 @@
 
 #include "Callbacks.h"
 #include "Clock.h"
+#include "log/LogLevel.h"
 
 #include <ConnInterfaceString.h>
 #include <GatewayMainBaseUnits/IpInterfacesMapping.h>
@@ -24,7 +25,6 @@ using namespace OrvStackSdk;
 
 namespace {
 
-constexpr int kLogInfo = 2;
 constexpr int kEndpoint = 0;
 
 std::string InterfaceName(const char* path) {
@@ -41,7 +41,7 @@ Application::Application(AppOptions appOptions, std::vector<std::string> command
     : arguments(std::move(commandLine)),
       options(std::move(appOptions)),
       lock(options.lock),
-      logger("GatewayApp", kLogInfo),
+      logger("GatewayApp", OrvLog::INFO),
       transcript(options.transcript),
       randomness(std::random_device()()),
       signals({SIGTERM, SIGINT, SIGHUP, SIGUSR1}),

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "EthernetGuard.h"
 
+#include "log/LogLevel.h"
+
 #include <algorithm>
 #include <optional>
 #include <utility>
@@ -11,8 +13,6 @@ using namespace std::chrono_literals;
 using OrvStackSdk::OrvEvent;
 
 namespace {
-
-constexpr int kLogInfo = 2;
 
 EthernetProbation::Time Now() {
     return EthernetProbation::Clock::now();
@@ -42,7 +42,7 @@ EthernetGuard::EthernetGuard(EventLoop& eventLoop, std::string ethernetInterface
                              Report reportEvent)
     : interface(std::move(ethernetInterface)),
       report(std::move(reportEvent)),
-      logger("GatewayApp", kLogInfo),
+      logger("GatewayApp", OrvLog::INFO),
       settings(std::move(cloudSettings)),
       prover(eventLoop),
       timer(eventLoop, [this] { Look(); }) {}

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "PokeExplainer.h"
 
+#include "log/LogLevel.h"
+
 #include <algorithm>
 #include <optional>
 #include <utility>
@@ -13,7 +15,6 @@ using Path = PokeDiagnosis::Path;
 
 namespace {
 
-constexpr int kLogInfo = 2;
 constexpr std::uint16_t kPort = 443;
 
 PokeDiagnosis::Time Now() {
@@ -27,7 +28,7 @@ PokeExplainer::PokeExplainer(EventLoop& eventLoop, std::string ethernet, std::st
     : ethernetName(std::move(ethernet)),
       cellularName(std::move(cellular)),
       onFailure(std::move(failureReceiver)),
-      logger("GatewayApp", kLogInfo),
+      logger("GatewayApp", OrvLog::INFO),
       prover(eventLoop),
       timer(eventLoop, [this] { Look(); }) {
     settings.host = endpoint;

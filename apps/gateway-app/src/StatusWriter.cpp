@@ -2,6 +2,7 @@
 #include "StatusWriter.h"
 
 #include "RunStatus.h"
+#include "log/LogLevel.h"
 
 #include <sys/stat.h>
 
@@ -13,7 +14,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr int kLogInfo = 2;
 constexpr auto kBeat = 10s;
 
 } // namespace
@@ -21,7 +21,7 @@ constexpr auto kBeat = 10s;
 StatusWriter::StatusWriter(EventLoop& eventLoop, std::string path, std::function<std::string()> presentText)
     : file(std::move(path)),
       text(std::move(presentText)),
-      logger("GatewayApp", kLogInfo),
+      logger("GatewayApp", OrvLog::INFO),
       soon(eventLoop, [this] { Write(); }),
       beat(eventLoop, [this] { Write(); }) {
     if (file.empty())

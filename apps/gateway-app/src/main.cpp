@@ -3,6 +3,7 @@
 #include "Application.h"
 #include "CloudDialer.h"
 #include "PathProver.h"
+#include "log/LogLevel.h"
 #include "signals/Signals.h"
 
 #include <CommonUtils/Logger.h>
@@ -40,10 +41,10 @@ int main(int argc, char** argv) {
         std::fputs(error.text.c_str(), error.exitStatus == 0 ? stdout : stderr);
         status = error.exitStatus;
     } catch (const GatewayApp::AnotherInstance& error) {
-        CommonUtils::Logger("GatewayApp", 2).Error() << "ends: " << error.what();
+        CommonUtils::Logger("GatewayApp", OrvLog::INFO).Error() << "ends: " << error.what();
         status = kAnotherInstance;
     } catch (const std::exception& error) {
-        CommonUtils::Logger("GatewayApp", 2).Error() << "ends: " << error.what();
+        CommonUtils::Logger("GatewayApp", OrvLog::INFO).Error() << "ends: " << error.what();
     }
     if (GatewayApp::CloudDialer::Helpers() + GatewayApp::PathProver::Helpers() != 0) {
         // A look-up cannot be interrupted, and a thread must not run on while the libraries are torn down.

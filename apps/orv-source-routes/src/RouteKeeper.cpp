@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "RouteKeeper.h"
 
+#include "log/LogLevel.h"
+
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
@@ -14,8 +16,6 @@ using OrvNetlink::Route;
 using OrvNetlink::Rule;
 
 namespace {
-
-constexpr int kLogInfo = 2;
 
 /// @return false when the kernel's state changes all the time
 template <typename Item, typename Read>
@@ -57,7 +57,7 @@ std::optional<Snapshot> ReadSnapshot(OrvNetlink::Socket& requests) {
 }
 
 RouteKeeper::RouteKeeper(std::vector<InterfaceTable> tables)
-    : planner(std::move(tables)), logger("OrvSourceRoutes", kLogInfo) {}
+    : planner(std::move(tables)), logger("OrvSourceRoutes", OrvLog::INFO) {}
 
 bool RouteKeeper::Refresh() {
     const std::optional<Snapshot> snapshot = ReadSnapshot(requests);

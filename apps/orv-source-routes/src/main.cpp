@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Options.h"
 #include "RouteKeeper.h"
+#include "log/LogLevel.h"
 #include "signals/Signals.h"
 
 #include <CommonUtils/Logger.h>
@@ -81,7 +82,7 @@ bool Run(std::vector<InterfaceTable> tables) {
 } // namespace
 
 int main(int argc, char** argv) {
-    CommonUtils::Logger logger("OrvSourceRoutes", 2);
+    CommonUtils::Logger logger("OrvSourceRoutes", OrvLog::INFO);
     try {
         if (argc == 2 && std::strcmp(argv[1], "--help") == 0) {
             std::fputs(kUsage, stdout);

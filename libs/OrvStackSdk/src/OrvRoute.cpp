@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "OrvRoute.h"
 
+#include "LogLevel.h"
 #include "OrvTopics.h"
 #include "StopDelivery.h"
 
@@ -23,7 +24,6 @@ constexpr seconds ETH_POKE_GRACE{2};
 constexpr seconds ETH_SETTLE_DELAY{5};
 
 constexpr int POKE_ENDPOINT_KEY = 0;
-constexpr int CRITICAL = 5;
 constexpr bool ASSURED = true;
 constexpr const char* CANNOT_CONNECT = "OrvRoute cannot connect to MQTT broker.";
 
@@ -36,7 +36,7 @@ OrvRoute::OrvRoute(Now clock)
     : QueueOwner("OrvRoute"),
       ethernetInterface(IpInterfacesMapping::GetInstance().GetInterfaceName("Ethernet")),
       cellularInterface(IpInterfacesMapping::GetInstance().GetInterfaceName("Cellular")),
-      logger("OrvRoute", 0),
+      logger("OrvRoute", TRACE),
       poke(logger),
       now(std::move(clock)) {
     const auto store = OrvResources::CreateStaticConfigStore();

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "OrvSessionMqtt.h"
 
+#include "LogLevel.h"
 #include "OrvTopics.h"
 #include "StopDelivery.h"
 
@@ -112,7 +113,7 @@ std::string_view BehindFeature(std::string_view topic, std::string_view feature)
 
 } // namespace
 
-OrvSessionMqtt::OrvSessionMqtt() : QueueOwner("ORV_Stack"), logger("OrvSessionMqtt", 0) {
+OrvSessionMqtt::OrvSessionMqtt() : QueueOwner("ORV_Stack"), logger("OrvSessionMqtt", TRACE) {
     logger.Trace("OrvSessionMqtt");
 }
 

@@ -1,18 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "OrvStackClient.h"
 
+#include "LogLevel.h"
 #include "OrvSessionMqtt.h"
 #include "OrvStackSdk/OrvStackSdk.h"
 
 #include <utility>
 
 namespace OrvStackSdk {
-
-namespace {
-
-constexpr int TRACE = 0;
-
-} // namespace
 
 std::shared_ptr<IOrvStackClient> CreateClient() {
     quillogger::LogWrapper::Log(TRACE, false, "OrvStackClient", 30,
@@ -28,7 +23,7 @@ OrvStackClient::OrvStackClient(std::shared_ptr<IOrvSession> theSession)
     : session(std::move(theSession)),
       route(std::make_shared<OrvRoute>()),
       statusHandler(std::make_unique<OrvStatusHandler>(session, route)),
-      logger("OrvStackClient", 0) {
+      logger("OrvStackClient", TRACE) {
     logger.Trace("OrvStackClient");
 }
 

@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "broker/LogOutbox.h"
 
+#include "log/LogLevels.h"
+
 #include <new>
 
 namespace OrvPlatform {
 
-ClientLog::ClientLog(const std::string& id) : clientId(id), logger("QueueOwner", 0) {}
+ClientLog::ClientLog(const std::string& id) : clientId(id), logger("QueueOwner", static_cast<int>(LogLevel::TRACE)) {}
 
 void ClientLog::Write(const ClientRecord& record) noexcept {
     try {

@@ -2,6 +2,7 @@
 #include "connman/ConnmanRunner.h"
 
 #include "connman/ConnmanMessages.h"
+#include "log/LogLevels.h"
 
 #include <algorithm>
 #include <pthread.h>
@@ -26,7 +27,7 @@ ConnmanRunner::ConnmanRunner(std::shared_ptr<ConnmanShared> state, std::string a
     : shared(std::move(state)),
       busAddress(std::move(address)),
       limits(timeLimits),
-      logger("ConnmanCommands", 0),
+      logger("ConnmanCommands", static_cast<int>(LogLevel::TRACE)),
       bus(shared->waker, [this] { return IsStopping(); }),
       leftoversDone(role == ConnmanRole::ONLOOKER),
       backoff(limits.firstRetry, limits.longestRetry) {
