@@ -46,6 +46,12 @@ def read(folder: pathlib.Path) -> list[Test]:
     return tests
 
 
+def second_tries(folder: pathlib.Path) -> list[str]:
+    """The tests that passed, or failed for good, only when they were tried once more."""
+    file = folder / "second-tries"
+    return file.read_text(encoding="utf-8").splitlines() if file.exists() else []
+
+
 def count(tests: list[Test], verdict: str) -> int:
     return sum(1 for test in tests if test.verdict == verdict)
 

@@ -38,6 +38,7 @@ class Run:
         self.begin = time.monotonic()
         self.seconds = 0.0
         self.tests: list[reports.Test] = []
+        self.second_tries: list[str] = []
         self.verdict = "running"
         with self.log.open("wb") as log:
             self.process = subprocess.Popen(
@@ -57,6 +58,7 @@ class Run:
         status = self.process.wait()
         self.seconds = time.monotonic() - self.begin
         self.tests = reports.read(self.reports)
+        self.second_tries = reports.second_tries(self.reports)
         if status == SKIPPED and not os.environ.get("ORV_REQUIRE_NAMESPACES"):
             self.verdict = "skipped"
         elif status == 0 and reports.count(self.tests, "failed") == 0:
@@ -113,6 +115,9 @@ def summary(runs: list[Run], seconds: float) -> int:
         print(f"  {test.seconds:6.1f} s  {test.name}")
     if skipped:
         print(f"skipped steps: {', '.join(skipped)}")
+    for run in runs:
+        for name in run.second_tries:
+            print(f"needed a second try: {run.step.name}: {name}")
     # Once more at the end, where whoever sees only the end finds them.
     for run in broken:
         print(run.reasons()[-6000:])

@@ -25,6 +25,8 @@ PYTEST = """<testsuites><testsuite><testcase classname="test_box" name="test_up"
 <testcase classname="test_box" name="test_down" time="0.1"><error message="boom">in the fixture</error></testcase>
 </testsuite></testsuites>"""
 
+PYTEST_OF_ONE = '<testsuite><testcase classname="test_box" name="test_up" time="1.5"/></testsuite>'
+
 
 @pytest.fixture
 def folder(tmp_path: pathlib.Path) -> pathlib.Path:
@@ -98,6 +100,12 @@ def test_a_step_that_exits_with_an_error_fails_the_run(tree: AddStep, capsys: py
 def test_a_failed_test_fails_a_step_that_exits_well(tree: AddStep) -> None:
     runs = run.run_group((tree("sly", f"cat >$ORV_REPORTS/x.xml <<'E'\n{CTEST}\nE\n"),))
     assert [one.verdict for one in runs] == ["FAILED"]
+
+
+def test_what_needed_a_second_try_is_named_at_the_end(tree: AddStep, capsys: pytest.CaptureFixture[str]) -> None:
+    text = f"cat >$ORV_REPORTS/x.xml <<'E'\n{PYTEST_OF_ONE}\nE\necho test_box::test_up >$ORV_REPORTS/second-tries"
+    assert run.summary(run.run_group((tree("box", text),)), 1) == 0
+    assert "\nneeded a second try: box: test_box::test_up\n1 passed, 0 failed\n" in capsys.readouterr().out
 
 
 def test_a_run_without_any_test_fails(tree: AddStep, capsys: pytest.CaptureFixture[str]) -> None:
