@@ -243,7 +243,9 @@ BOXES: queue.Queue[str] = queue.Queue()
 
 
 def main() -> None:
-    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser = argparse.ArgumentParser(
+        "side-by-side", description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter
+    )
     parser.add_argument(
         "contestants", nargs="*", metavar="CONTESTANT", help=f"of {', '.join(CONTESTANTS)}; default: all"
     )

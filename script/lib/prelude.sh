@@ -27,13 +27,15 @@ skip() {
     exit $not_run
 }
 
-# The comment at the head of the script, without its first line.
-show_help() { sed -n '3,/^[^#]/{/^#/!d;s/^# \?//;p}' "$command_file"; }
+# The comment at the head of the script, without the licence and what is meant for shellcheck.
+show_help() { sed -n '3,/^[^#]/{/^#/!d;/^# shellcheck/d;s/^# \?//;p}' "$command_file"; }
 misused() {
     complain "$@"
     show_help >&2
     exit 2
 }
+# no_more_arguments "$@": for what is left over when all that is understood has been taken.
+no_more_arguments() { [ $# -eq 0 ] || misused "no such argument: $1"; }
 case ${1-} in
     -h | --help)
         show_help

@@ -1,0 +1,67 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What the commands of the script folder say to a person who does not know them."""
+
+from __future__ import annotations
+
+import pathlib
+import subprocess
+
+import pytest
+
+TREE = pathlib.Path(__file__).resolve().parents[2]
+SCRIPTS = sorted(path.name for path in (TREE / "script").iterdir() if path.is_file())
+MEASUREMENTS = ["fail-over", "flapping", "cellular-bytes", "chaos", "soak", "side-by-side"]
+MISUSED = [
+    "abi",
+    "abi nonsense",
+    "bootstrap nonsense",
+    "cross-test nonsense",
+    "demo nonsense",
+    "docs nonsense",
+    "explore nonsense",
+    "explore --seed",
+    "explore --seed nonsense",
+    "external-platform-test nonsense",
+    "fuzz nonsense",
+    "lint nonsense",
+    "measure",
+    "measure nonsense",
+    "measure fail-over nonsense",
+    "measure flapping nonsense",
+    "measure soak ten",
+    "package arm",
+    "package-test nonsense",
+    "preset-test",
+    "preset-test nonsense",
+    "size nonsense",
+    "test nonsense",
+]
+
+
+def said_by(words: str) -> subprocess.CompletedProcess[str]:
+    return subprocess.run(words.split(), cwd=TREE / "script", capture_output=True, text=True, timeout=60)
+
+
+@pytest.mark.parametrize("script", SCRIPTS)
+def test_each_script_explains_itself_and_does_nothing_else(script: str) -> None:
+    said = said_by(f"./{script} --help")
+    assert said.returncode == 0
+    assert said.stdout.startswith(script)
+    assert "shellcheck" not in said.stdout and "SPDX" not in said.stdout
+    assert said.stderr == ""
+
+
+@pytest.mark.parametrize("measurement", MEASUREMENTS)
+def test_each_measurement_explains_itself(measurement: str) -> None:
+    said = said_by(f"./measure {measurement} --help")
+    assert said.returncode == 0
+    assert measurement in said.stdout
+
+
+@pytest.mark.parametrize("words", MISUSED)
+def test_what_a_script_does_not_understand_is_named_and_nothing_is_done(words: str) -> None:
+    said = said_by(f"./{words}")
+    assert said.returncode == 2
+    assert said.stderr.startswith(words.split()[0] + ": ")
+    if "nonsense" in words:
+        assert "nonsense" in said.stderr.splitlines()[0]
