@@ -7,6 +7,7 @@
 #include <QuilMqtt/QueueOwner.h>
 
 #include <fstream>
+#include <iostream>
 #include <string>
 
 #include <csignal>
@@ -53,8 +54,10 @@ private:
 } // namespace
 
 int main(int count, char** words) {
-    if (count != 2)
+    if (count != 2 || words[1][0] == '-') {
+        std::cerr << "usage: led-driver FOLDER, such as /sys/class/leds" << std::endl;
         return 2;
+    }
     sigset_t end;
     sigemptyset(&end);
     sigaddset(&end, SIGTERM);

@@ -4,6 +4,7 @@
 // as orv-modem.
 #include <QuilMqtt/QueueOwner.h>
 
+#include <iostream>
 #include <map>
 #include <memory>
 #include <string>
@@ -132,6 +133,10 @@ void TellAll(Teller& teller) {
 
 int main(int count, char** words) {
     const timespec pause{count > 1 ? std::atoi(words[1]) : 10, 0};
+    if (count > 2 || pause.tv_sec <= 0) {
+        std::cerr << "usage: modem-data [SECONDS]" << std::endl;
+        return 2;
+    }
     sigset_t end;
     sigemptyset(&end);
     sigaddset(&end, SIGTERM);

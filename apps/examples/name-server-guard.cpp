@@ -9,6 +9,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <iostream>
 #include <sstream>
 #include <string>
 
@@ -64,8 +65,10 @@ private:
 } // namespace
 
 int main(int count, char** words) {
-    if (count < 3 || count > 4)
+    if (count < 3 || count > 4) {
+        std::cerr << "usage: name-server-guard NORMAL ACTIVE [COMMAND]" << std::endl;
         return 2;
+    }
     sigset_t end;
     sigemptyset(&end);
     sigaddset(&end, SIGTERM);

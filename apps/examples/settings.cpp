@@ -82,8 +82,10 @@ private:
 } // namespace
 
 int main(int count, char** words) try {
-    if (count != 2)
+    if (count != 2 || words[1][0] == '-') {
+        std::cerr << "usage: settings FILE" << std::endl;
         return 2;
+    }
     std::signal(SIGTERM, [](int) { ended = true; });
     std::signal(SIGINT, [](int) { ended = true; });
     const auto thermostat = std::make_shared<Thermostat>(words[1]);

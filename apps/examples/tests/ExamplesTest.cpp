@@ -137,4 +137,13 @@ TEST_F(AnExample, TellsAboutTheModem) {
     EXPECT_EQ(Hears("/orv/modem/sim/strength"), "60");
 }
 
+TEST(AnExampleCalledWrongly, SaysHowItIsCalledAndEnds) {
+    OrvPlatform::Testing::TemporaryFolder folder;
+    for (const char* name : {"led-driver", "modem-data", "name-server-guard", "settings"}) {
+        ChildProgram program({ORV_EXAMPLES + ("/" + std::string(name)), "--help"}, folder.Path(name));
+        EXPECT_EQ(program.End(0), 2) << name;
+        EXPECT_EQ(Content(folder.Path(name)).find(std::string("usage: ") + name), 0U) << Content(folder.Path(name));
+    }
+}
+
 } // namespace
