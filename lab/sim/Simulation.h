@@ -113,7 +113,6 @@ public:
 
     /// @name What is told
     /// @{
-    bool IsTelling() const { return telling; }
     void Tell(const std::string& what);
     /// Something that must not be has happened: says so and ends the process with FAILED.
     [[noreturn]] void Fail(const std::string& what);

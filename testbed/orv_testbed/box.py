@@ -82,10 +82,6 @@ class Box:
         self.processes.append(process)
         return process
 
-    def in_namespace(self, side: str, *command: str) -> list[str]:
-        """A command in the network of the gateway (gw), a provider (eth, cell) or the cloud (cloud)."""
-        return ["ip", "netns", "exec", f"{self.name}-{side}", *command]
-
     def services(self) -> list[tuple[str, str]]:
         """ConnMan's order: (interface, name servers) of the connected services; empty while it does not answer."""
         lines = [line.split() for line in self("services", must_succeed=False).splitlines()]

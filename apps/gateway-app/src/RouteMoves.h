@@ -41,9 +41,8 @@ public:
     /// The move that has become complete; given once. To be asked after each observation and about once a second.
     std::optional<Move> Take(Time now);
 
-    /// Where the kernel's default route leads, since when, and for how long it has led there in all.
+    /// Where the kernel's default route leads, and for how long it has led over a path in all.
     Path Route() const { return route; }
-    Time RouteSince() const { return routeSince; }
     std::chrono::steady_clock::duration On(Path path, Time now) const;
 
 private:

@@ -25,10 +25,6 @@ protected:
                   PATIENCE);
     }
 
-    void ExpectToStopAtOnce() {
-        EXPECT_LT(TimeOf([&] { link.Stop(); }), PATIENCE);
-    }
-
     ScriptedBus bus;
     OrvPlatform::ConnmanClient link{bus.Address(), {2 * PATIENCE, 2 * PATIENCE, 20ms, 200ms, 2 * PATIENCE}};
 };
