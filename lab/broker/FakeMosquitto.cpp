@@ -1,16 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // libmosquitto as its users see it, with its oddities, on the scripted broker. Like the real one it is not safe for two
 // threads at a time with one client, and says so.
+#include "broker/FakeMosquitto.h"
 #include "broker/Wire.h"
-
-#include <mosquitto.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <deque>
-#include <list>
-#include <set>
 #include <utility>
 
 using OrvLab::Connection;
@@ -19,60 +15,6 @@ using OrvLab::Packet;
 using OrvLab::Simulation;
 using OrvLab::Wire;
 
-struct mosquitto {
-    std::string id;
-    void* user = nullptr;
-    void (*onConnect)(mosquitto*, void*, int) = nullptr;
-    void (*onDisconnect)(mosquitto*, void*, int) = nullptr;
-    void (*onMessage)(mosquitto*, void*, const mosquitto_message*) = nullptr;
-    void (*onPublish)(mosquitto*, void*, int) = nullptr;
-    void (*onSubscribe)(mosquitto*, void*, int, int, const int*) = nullptr;
-
-    OrvLab::Will will;
-    OrvLab::Time keepAlive = 0;
-    int socket = -1;
-    std::shared_ptr<Connection> connection;
-    std::deque<Packet> out;
-    std::list<Packet> unacknowledged;
-    bool isActive = false;
-    bool isDisconnecting = false;
-    OrvLab::Time lastIn = 0;
-    OrvLab::Time lastOut = 0;
-    OrvLab::Time pinged = 0;
-    int lastId = 0;
-    const Simulation::Thread* user_thread = nullptr;
-};
-
-namespace OrvLab {
-
-ScriptedBroker* Wire::broker = nullptr;
-void (*Wire::onPublish)(const std::string&, const Packet&) = nullptr;
-int Wire::lastId = 0;
-
-namespace {
-
-std::set<mosquitto*>& Living() {
-    static std::set<mosquitto*> living;
-    return living;
-}
-
-} // namespace
-
-int Wire::Clients() {
-    return static_cast<int>(Living().size());
-}
-
-int Wire::ClientsOf(const std::string& id) {
-    return static_cast<int>(
-        std::count_if(Living().begin(), Living().end(), [&](const mosquitto* one) { return one->id == id; }));
-}
-
-void Wire::Reset() {
-    Living().clear();
-}
-
-} // namespace OrvLab
-
 namespace {
 
 /// One thread in the library with this client.
@@ -80,7 +22,7 @@ class Use {
 public:
     Use(mosquitto* handle, const char* call) : client(handle) {
         Simulation& sim = *Simulation::Current();
-        if (OrvLab::Living().count(client) == 0)
+        if (Wire::Living().count(client) == 0)
             sim.Fail(std::string(call) + " with a client that was destroyed");
         isOutermost = client->user_thread == nullptr;
         if (!isOutermost && client->user_thread != &sim.Self())
@@ -123,7 +65,7 @@ int End(mosquitto* client, int error, int systemError = 0) {
 int Open(mosquitto* client) {
     CloseSocket(client);
     client->out.clear();
-    client->isDisconnecting = false;
+    client->isDisconnecting = client->stands = false;
     client->pinged = 0;
     client->lastIn = client->lastOut = Now();
     client->connection = Wire::broker->Accept();
@@ -146,6 +88,8 @@ int OnConnack(mosquitto* client, int code) {
         client->onConnect(client, client->user, code);
     if (code != 0)
         return code <= 5 ? MOSQ_ERR_CONN_REFUSED : MOSQ_ERR_PROTOCOL;
+    if (!client->isActive)
+        ++client->accepted;
     client->isActive = true;
     for (Packet& message : client->unacknowledged) {
         message.again = true;
@@ -216,14 +160,14 @@ mosquitto* mosquitto_new(const char* id, bool /*clean*/, void* user) {
     client->id = id;
     client->user = user;
     client->lastId = Wire::lastId;
-    OrvLab::Living().insert(client);
+    Wire::Living().insert(client);
     return client;
 }
 
 void mosquitto_destroy(mosquitto* client) {
     {
         const Use use(client, "mosquitto_destroy");
-        OrvLab::Living().erase(client);
+        Wire::Living().erase(client);
         CloseSocket(client);
     }
     delete client;

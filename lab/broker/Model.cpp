@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "broker/Model.h"
 
+#include "broker/Wire.h"
+
 #include "QuilMqtt/QueueOwner.h"
 
 #include <algorithm>
@@ -26,6 +28,10 @@ void Model::EndLifecycle(bool isUp) {
 
 void Model::BeginConnect(const std::string& topic) {
     BeginLifecycle();
+    sessionBegun = sim.Steps();
+    sessionMade = 0;
+    formerMayCall = !known || up;
+    connectsHere = connectsUnclear = 0;
     ++connecting;
     ++connectsBegun;
     quiet = false;
@@ -37,6 +43,7 @@ void Model::BeginConnect(const std::string& topic) {
 
 void Model::EndConnect(bool connected) {
     --connecting;
+    sessionMade = sim.Steps();
     EndLifecycle(connected);
 }
 
@@ -105,6 +112,7 @@ void Model::BeginCallback(const std::string& which) {
         Fail("a lock is held in " + which);
     if (destroyed)
         Fail(which + " after the destruction");
+    dispatched = sim.Self().since;
     if (callbacks++ != 0)
         Fail(which + " while another callback is under way");
     // It is under way from the moment in which the lock is released for it.
@@ -116,6 +124,27 @@ void Model::BeginCallback(const std::string& which) {
 
 void Model::EndCallback() {
     --callbacks;
+}
+
+// Once for each connection, and not for one of a former session.
+void Model::Connected() {
+    ++connects;
+    if (dispatched < sessionBegun)
+        return;
+    if (formerMayCall && (sessionMade == 0 || dispatched < sessionMade))
+        ++connectsUnclear;
+    else
+        ++connectsHere;
+    const int accepted = Wire::ConnectionsOf(name).accepted;
+    if (IsKnownUp() && lifecycleUnderWay == 0 && connectsHere > accepted)
+        Fail("OnConnect " + std::to_string(connectsHere) + " times for " + std::to_string(accepted) + " connections");
+}
+
+void Model::CheckConnects() const {
+    const auto [accepted, stood] = Wire::ConnectionsOf(name);
+    if (!stoppedInSession && (connectsHere > accepted || connectsHere + connectsUnclear < stood))
+        Fail("OnConnect " + std::to_string(connectsHere) + " to " + std::to_string(connectsHere + connectsUnclear) +
+             " times for " + std::to_string(accepted) + " connections, of which " + std::to_string(stood) + " stood");
 }
 
 // The broker counts its messages on each connection. None may be missing between two that arrive.
@@ -217,6 +246,7 @@ void Model::CheckSettled(const ScriptedBroker& broker) const {
         return;
     if (broker.Of(name) == nullptr)
         Fail("is not connected again");
+    CheckConnects();
     for (const Publication& one : publications) {
         // On its own topic, so that an acknowledgement tells which one it is for.
         if (one.session != session || one.status != QueueOwner::HANDED_OVER || !one.assured ||
@@ -248,6 +278,7 @@ void Model::CheckRestored(const Connection& connection, const ScriptedBroker& br
         if (packet.type == Packet::Type::PUBLISH && !packet.again)
             announced.push_back(packet);
     }
+    CheckConnects();
     CheckSubscribed(subscribed);
     CheckAnnounced(announced);
     for (const std::string& topic : RetainedTopics())

@@ -66,7 +66,7 @@ public:
     void EndCallback();
     void Message(const std::string& payload);
     void Completed(const std::string& topic);
-    void Connected() { ++connects; }
+    void Connected();
     /// @}
 
     /// A publication is handed to the library.
@@ -83,6 +83,8 @@ public:
     bool IsKnownUp() const { return known && up; }
     int Session() const { return lifecycleUnderWay == 0 && known ? session : 0; }
     bool IsInCallback() const { return callbacks != 0; }
+    /// Its thread is not in a callback, and the connection is not being made or given up.
+    bool IsAttended() const { return callbacks == 0 && lifecycleUnderWay == 0 && !destroyed; }
 
     Simulation& sim;
     const int number;
@@ -103,6 +105,7 @@ private:
     bool IsReplaced(const Subscription& one) const;
     void CheckSubscribed(const std::set<std::pair<std::string, int>>& subscribed) const;
     void CheckRetained(const ScriptedBroker& broker, const std::string& topic, const std::string& when) const;
+    void CheckConnects() const;
     void CheckAnnounced(const std::vector<Packet>& announced) const;
 
     std::vector<Publication> publications;
@@ -124,6 +127,13 @@ private:
     bool stoppedInSession = false;
     bool destroyed = false;
     int callbacks = 0;
+    std::uint64_t dispatched = 0; // the step at which the latest began
+    // OnConnect for the connections of this session, and those that may have been for the former one's.
+    int connectsHere = 0;
+    int connectsUnclear = 0;
+    std::uint64_t sessionBegun = 0;
+    std::uint64_t sessionMade = 0; // its Connect has returned
+    bool formerMayCall = false;
     int lastConnection = 0;
     int lastMessage = 0;
 };

@@ -2,6 +2,7 @@
 #include "broker/Program.h"
 
 #include "broker/LabLog.h"
+#include "broker/OutstandingPublications.h"
 #include "broker/Wire.h"
 #include "config/GatewayConfig.h"
 
@@ -15,6 +16,7 @@ namespace {
 Program* program = nullptr;
 
 constexpr int MOST_CLIENTS = 8;
+constexpr std::size_t LITTLE_ROOM = 900;
 constexpr const char* TOPIC_OF_MESSAGES = "in/a";
 
 OrvPlatform::GatewayConfig& Settings() {
@@ -32,13 +34,18 @@ Program::Program(Simulation& simulation, std::uint64_t seed)
     Settings() = {};
     Settings().broker.clientIdSuffix.clear();
     if (random.OneIn(3))
-        Settings().broker.maxOutstandingBytes = 900;
+        Settings().broker.maxOutstandingBytes = LITTLE_ROOM;
     Wire::Reset();
     Wire::broker = &broker;
     Wire::onPublish = Handed;
+    Wire::isAttended = [](const std::string& client) {
+        const Model* model = program->Find(client);
+        return model != nullptr && model->IsAttended();
+    };
     Wire::lastId = random.OneIn(3) ? 65530 : 0;
     sim.SetSurroundings(&broker);
     sim.SetJumpListener([this](Time by) {
+        Wire::Jumped(by);
         for (WatchedCall* call : calls)
             call->Jumped(by);
     });
@@ -224,6 +231,7 @@ void Program::Collect() {
     for (const auto& slot : slots)
         if (slot)
             slot->Story().CheckSettled(broker);
+    CheckRoom();
     std::vector<int> connects;
     for (const auto& model : models)
         connects.push_back(model->connects);
@@ -248,6 +256,7 @@ void Program::Collect() {
         if (connection != nullptr)
             slot->Story().CheckReceived(*connection);
     }
+    CheckRoom();
     for (auto& slot : slots) {
         if (slot)
             CollectFrom(*slot);
@@ -277,6 +286,25 @@ void Program::CollectFrom(LabClient& client) {
         sim.Fail(story.name + ": was not told of a new connection and its message");
     if (random.OneIn(2) && !client.DisconnectAsked())
         sim.Fail(story.name + ": there was a connection to close");
+}
+
+/// Everything was acknowledged: there is room for as much as ever can be outstanding.
+void Program::CheckRoom() {
+    using QUILMQTT::QueueOwner;
+    if (Settings().broker.maxOutstandingBytes != LITTLE_ROOM)
+        return;
+    for (const auto& slot : slots) {
+        if (!slot || !slot->Story().IsKnownUp())
+            continue;
+        const std::string topic = "p/" + std::to_string(++payloads);
+        const std::string rest(LITTLE_ROOM - OrvPlatform::OutstandingPublications::Cost(topic, ""), 'x');
+        const int larger = slot->PublishAsked(topic, rest + "x", false, true);
+        const int fitting = slot->PublishAsked(topic, rest, false, true);
+        if (larger != QueueOwner::PAYLOAD_TOO_LARGE || fitting != QueueOwner::HANDED_OVER)
+            sim.Fail(slot->Story().name + ": with nothing outstanding, too much is answered by " +
+                     std::to_string(larger) + ", and as much as fits in by " + std::to_string(fitting));
+    }
+    sim.Sleep(SECOND);
 }
 
 void Program::CheckNothingIsLeft() {

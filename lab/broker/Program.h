@@ -106,6 +106,7 @@ private:
     std::shared_ptr<LabClient> Make();
     void Collect();
     void CollectFrom(LabClient& client);
+    void CheckRoom();
     void CheckNothingIsLeft();
     Model* Find(const std::string& name);
     static void Handed(const std::string& client, const Packet& publication);
