@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Application.h"
 
+#include "Pieces.h"
+
 #include <base/Text.h>
 #include <cjson/cJSON.h>
 #include <fcntl.h>
@@ -91,7 +93,7 @@ bool IsThere(long pid, double start) {
     if (kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH)
         return false;
     const OrvPlatform::FileDescriptor file(
-        open(("/proc/" + std::to_string(pid) + "/stat").c_str(), O_RDONLY | O_CLOEXEC));
+        open(Joined({"/proc/", std::to_string(pid), "/stat"}).c_str(), O_RDONLY | O_CLOEXEC));
     std::array<char, 1024> text{};
     const ssize_t size = file.IsOpen() ? read(file.Number(), text.data(), text.size() - 1) : -1;
     const char* field = size > 0 ? std::strrchr(text.data(), ')') : nullptr;
@@ -125,7 +127,7 @@ ApplicationView ReadApplication(std::string_view text, double now, const Process
         view.reason = "its process is not there any more";
     } else if (now - written > 3 * kBeat || written - now > kBeat) {
         view.state = State::STUCK;
-        view.reason = "it has not written for " + std::to_string(age) + " s";
+        view.reason = Joined({"it has not written for ", std::to_string(age), " s"});
     }
     return view;
 }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Broker.h"
 
+#include "Pieces.h"
+
 #include <base/Text.h>
 #include <log/LogEscape.h>
 #include <mosquitto.h>
@@ -37,9 +39,9 @@ void Broker::Destroy::operator()(mosquitto* handle) const {
 }
 
 Broker::Broker(BrokerSettings brokerSettings)
-    : settings(std::move(brokerSettings)), clientId("orv-status-" + std::to_string(getpid())) {
+    : settings(std::move(brokerSettings)), clientId(Joined({"orv-status-", std::to_string(getpid())})) {
     mosquitto_lib_init();
-    view.address = settings.port == 0 ? settings.host : settings.host + ":" + std::to_string(settings.port);
+    view.address = settings.port == 0 ? settings.host : Joined({settings.host, ":", std::to_string(settings.port)});
 }
 
 Broker::~Broker() {
@@ -96,7 +98,7 @@ void Broker::Begin(Time now) {
 
 void Broker::OnConnected(int code) {
     if (code != 0) {
-        view.reason = std::string("it refuses: ") + mosquitto_connack_string(code);
+        view.reason = Joined({"it refuses: ", mosquitto_connack_string(code)});
         return;
     }
     view.state = Known::PRESENT;
@@ -109,7 +111,7 @@ void Broker::OnConnected(int code) {
 
 void Broker::OnMessage(const mosquitto_message& message) {
     const std::string_view whole(message.topic);
-    const std::string topic = Escaped(whole.substr(0, kTopicBytes)) + (whole.size() > kTopicBytes ? "..." : "");
+    const std::string topic = Joined({Escaped(whole.substr(0, kTopicBytes)), whole.size() > kTopicBytes ? "..." : ""});
     const auto bytes = static_cast<std::size_t>(std::max(message.payloadlen, 0));
     const std::string_view payload(static_cast<const char*>(message.payload), std::min(bytes, kShownBytes));
     changed = true;

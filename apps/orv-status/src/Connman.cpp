@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Connman.h"
 
+#include "Pieces.h"
+
 #include <connman/ConnmanMessages.h>
 #include <log/LogEscape.h>
 
@@ -66,7 +68,7 @@ void Connman::Run() {
         if (failure.empty())
             Follow(bus);
         else if (!stopping)
-            Tell(Away("the message bus: " + Escaped(failure)));
+            Tell(Away(Joined({"the message bus: ", Escaped(failure)})));
         bus.Close();
         if (!stopping)
             bus.Wait(MessageBus::Clock::now() + kRetry);
@@ -76,11 +78,11 @@ void Connman::Run() {
 void Connman::Follow(MessageBus& bus) {
     bool changed = true;
     bus.OnSignal([&changed](DBusMessage&) { changed = true; }); // whoever sent it: the answer is asked of ConnMan
-    const std::string sender = std::string("type='signal',sender='") + Messages::NAME + "'";
-    bus.CallBus(Messages::AddMatch(sender), kPatience);
-    bus.CallBus(Messages::AddMatch("type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" +
-                                   std::string(Messages::NAME) + "'"),
-                kPatience);
+    bus.CallBus(Messages::AddMatch(Joined({"type='signal',sender='", Messages::NAME, "'"})), kPatience);
+    bus.CallBus(
+        Messages::AddMatch(Joined(
+            {"type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg0='", Messages::NAME, "'"})),
+        kPatience);
     while (!stopping && bus.IsOpen()) {
         changed = false;
         ConnmanView fresh = Ask(bus);
@@ -99,7 +101,7 @@ ConnmanView Connman::Ask(MessageBus& bus) {
     const MessageBus::Reply owner = bus.CallBus(Messages::GetNameOwner(), kPatience);
     if (!owner.message)
         return owner.isOwnerless ? Away("nobody has its name on the message bus")
-                                 : Unknown("the message bus: " + Escaped(owner.error));
+                                 : Unknown(Joined({"the message bus: ", Escaped(owner.error)}));
     const MessageBus::Reply reply = bus.Call(Messages::GetServices(Messages::ReadOwner(*owner.message)), kPatience,
                                              [this] { Tell(Unknown("it does not answer")); });
     const auto list = reply.message ? Messages::ReadServices(*reply.message) : std::nullopt;

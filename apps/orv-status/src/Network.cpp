@@ -1,14 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Network.h"
 
+#include "Pieces.h"
+
 #include <OrvNetlink/Messages.h>
 
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
-#include <algorithm>
+#include <iterator>
 #include <optional>
 #include <system_error>
+#include <vector>
 
 namespace OrvStatus {
 
@@ -24,55 +27,76 @@ NetworkView Unknown(const std::string& reason) {
     return view;
 }
 
-/// The kernel's tables, each asked for whole.
-struct Tables {
-    std::vector<Link> links;
-    std::vector<Address> addresses;
-    std::vector<Route> defaults;
+/// Fills a view from the kernel's tables, each asked for whole.
+class Reading {
+public:
+    explicit Reading(NetworkView& filled) : view(filled) {}
+
+    void Expect(const std::string& name, const char* role) {
+        view.interfaces.emplace_back();
+        view.interfaces.back().name = name;
+        view.interfaces.back().role = role;
+    }
 
     bool Ask() {
         OrvNetlink::Socket requests;
-        const auto into = [](auto& list, auto read) {
-            return [&list, read](const nlmsghdr& message) {
-                if (auto found = read(message))
-                    list.push_back(std::move(*found));
-            };
-        };
-        std::vector<Route> routes;
-        const bool whole = requests.Dump(RTM_GETLINK, AF_UNSPEC, into(links, OrvNetlink::ReadLink)) &&
-                           requests.Dump(RTM_GETADDR, AF_INET, into(addresses, OrvNetlink::ReadAddress)) &&
-                           requests.Dump(RTM_GETROUTE, AF_INET, into(routes, OrvNetlink::ReadRoute));
-        std::copy_if(routes.begin(), routes.end(), std::back_inserter(defaults),
-                     [](const Route& route) { return route.table == RT_TABLE_MAIN && route.IsDefault(); });
-        std::stable_sort(defaults.begin(), defaults.end(),
-                         [](const Route& one, const Route& other) { return one.metric < other.metric; });
-        return whole;
+        return requests.Dump(RTM_GETLINK, AF_UNSPEC, [this](const nlmsghdr& message) { TakeLink(message); }) &&
+               requests.Dump(RTM_GETADDR, AF_INET, [this](const nlmsghdr& message) { TakeAddress(message); }) &&
+               requests.Dump(RTM_GETROUTE, AF_INET, [this](const nlmsghdr& message) { TakeRoute(message); });
     }
 
-    NetworkView::Interface Interface(const std::string& name, const char* role) const {
-        NetworkView::Interface interface;
-        interface.name = name;
-        interface.role = role;
-        const auto link =
-            std::find_if(links.begin(), links.end(), [&name](const Link& one) { return one.name == name; });
-        if (link == links.end())
-            return interface;
-        interface.exists = true;
-        interface.running = link->running;
-        interface.receivedBytes = link->receivedBytes;
-        interface.sentBytes = link->sentBytes;
-        for (const Address& address : addresses) {
-            if (address.link == link->index)
-                interface.addresses.push_back(address.address.Text() + "/" + std::to_string(address.prefixLength));
+private:
+    void TakeLink(const nlmsghdr& message) {
+        std::optional<Link> link = OrvNetlink::ReadLink(message);
+        if (!link)
+            return;
+        for (NetworkView::Interface& interface : view.interfaces) {
+            if (interface.name != link->name)
+                continue;
+            interface.exists = true;
+            interface.running = link->running;
+            interface.receivedBytes = link->receivedBytes;
+            interface.sentBytes = link->sentBytes;
         }
-        return interface;
+        links.push_back(std::move(*link));
+    }
+
+    void TakeAddress(const nlmsghdr& message) {
+        const std::optional<Address> address = OrvNetlink::ReadAddress(message);
+        if (!address)
+            return;
+        const std::string name = NameOf(address->link);
+        for (NetworkView::Interface& interface : view.interfaces) {
+            if (interface.name == name)
+                interface.addresses.push_back(
+                    Joined({address->address.Text(), "/", std::to_string(address->prefixLength)}));
+        }
+    }
+
+    /// The best default route first, and those of one metric in the kernel's order.
+    void TakeRoute(const nlmsghdr& message) {
+        const std::optional<Route> route = OrvNetlink::ReadRoute(message);
+        if (!route || route->table != RT_TABLE_MAIN || !route->IsDefault())
+            return;
+        auto place = view.defaults.end();
+        while (place != view.defaults.begin() && route->metric < std::prev(place)->metric)
+            --place;
+        place = view.defaults.emplace(place);
+        place->interface = NameOf(route->link);
+        place->gateway = route->gateway ? route->gateway.Text() : std::string();
+        place->metric = route->metric;
     }
 
     std::string NameOf(unsigned index) const {
-        const auto link =
-            std::find_if(links.begin(), links.end(), [index](const Link& one) { return one.index == index; });
-        return link == links.end() ? "?" : link->name;
+        for (const Link& link : links) {
+            if (link.index == index)
+                return link.name;
+        }
+        return "?";
     }
+
+    NetworkView& view;
+    std::vector<Link> links;
 };
 
 } // namespace
@@ -92,15 +116,13 @@ void Network::TakeNotifications() {
 }
 
 NetworkView Network::Read() try {
-    Tables tables;
-    if (!tables.Ask())
-        return Unknown("it changes faster than it can be read");
     NetworkView view;
+    Reading reading(view);
+    reading.Expect(ethernet, "ethernet");
+    reading.Expect(cellular, "cellular");
+    if (!reading.Ask())
+        return Unknown("it changes faster than it can be read");
     view.state = Known::PRESENT;
-    view.interfaces = {tables.Interface(ethernet, "ethernet"), tables.Interface(cellular, "cellular")};
-    for (const Route& route : tables.defaults)
-        view.defaults.push_back(
-            {tables.NameOf(route.link), route.gateway ? route.gateway.Text() : std::string(), route.metric});
     return view;
 } catch (const std::system_error& error) {
     return Unknown(error.what());

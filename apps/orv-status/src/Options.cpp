@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Options.h"
 
+#include "Pieces.h"
+
 #include <getopt.h>
 
 #include <cstdlib>
@@ -34,8 +36,8 @@ Exit status: 0 cloud over Ethernet, 10 over Cellular, 20 no cloud, 30 cannot tel
 
 enum Long : int { COLOUR = 256, STATUS_FILE, USER, PASSWORD_FILE };
 
-[[noreturn]] void Misused(const std::string& what) {
-    throw Ending{"orv-status: " + what + "; orv-status --help shows what can be said\n", kWrongUse};
+[[noreturn]] void Misused(const char* what, const char* word = "") {
+    throw Ending{Joined({"orv-status: ", what, word, "; orv-status --help shows what can be said\n"}), kWrongUse};
 }
 
 Options::Colour ReadColour(const std::string& when) {
@@ -110,13 +112,13 @@ Options ReadOptions(int count, char** words) {
         case 'h':
             throw Ending{kHelp, 0};
         case 'V':
-            throw Ending{std::string("orv-status ") + ORV_VERSION + "\n", 0};
+            throw Ending{"orv-status " ORV_VERSION "\n", 0};
         default:
-            Misused(std::string("cannot understand ") + words[optind > 1 ? optind - 1 : 1]);
+            Misused("cannot understand ", words[optind > 1 ? optind - 1 : 1]);
         }
     }
     if (optind < count)
-        Misused(std::string("cannot understand ") + words[optind]);
+        Misused("cannot understand ", words[optind]);
     CheckCombination(options);
     return options;
 }

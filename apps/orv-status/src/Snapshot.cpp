@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Snapshot.h"
 
+#include "Pieces.h"
+
 namespace OrvStatus {
 
 namespace {
@@ -28,25 +30,25 @@ void SayTheApplication(const ApplicationView& application, Verdict& verdict) {
     verdict.since = application.cloudSince.utc;
     verdict.sinceMonotonic = application.cloudSince.monotonic;
     verdict.reason = application.cloudReason;
-    verdict.basis = application.name + " says so";
+    verdict.basis = Joined({application.name, " says so"});
 }
 
 /// The topic is retained and nobody signs it, so who said it may be gone; the path can only be the default route's.
 void InferFromTheTopic(const Snapshot& snapshot, Verdict& verdict) {
     const BrokerView::Message* const said = Find(snapshot.broker, kCloudTopic);
-    const std::string none = "there is no status file of gateway-app, and ";
+    constexpr const char* none = "there is no status file of gateway-app, and ";
     if (snapshot.broker.state != Known::PRESENT) {
-        verdict.basis = none + "the broker is " + Text(snapshot.broker.state);
+        verdict.basis = Joined({none, "the broker is ", Text(snapshot.broker.state)});
     } else if (said == nullptr || (said->payload != "true" && said->payload != "false")) {
-        verdict.basis = none + "nobody has published " + kCloudTopic;
+        verdict.basis = Joined({none, "nobody has published ", kCloudTopic});
     } else if (said->payload == "false") {
         verdict.state = "disconnected";
         verdict.path = "none";
-        verdict.basis = std::string("inferred from ") + kCloudTopic;
+        verdict.basis = Joined({"inferred from ", kCloudTopic});
     } else {
         verdict.state = "connected";
         verdict.path = snapshot.network.state == Known::PRESENT ? snapshot.network.Path() : "unknown";
-        verdict.basis = std::string("inferred from ") + kCloudTopic + " and the kernel's default route";
+        verdict.basis = Joined({"inferred from ", kCloudTopic, " and the kernel's default route"});
     }
 }
 
@@ -62,7 +64,7 @@ std::string NetworkView::Path() const {
     return "other";
 }
 
-std::string LedState(const BrokerView& broker, const char* topic) {
+const char* LedState(const BrokerView& broker, const char* topic) {
     const BrokerView::Message* const led = Find(broker, topic);
     if (led != nullptr && led->payload == "On")
         return "on";
@@ -86,7 +88,7 @@ Verdict Judge(const Snapshot& snapshot) {
     case AppState::STUCK:
         // What it has published is retained, so the topics still say what it said last.
         verdict.basis =
-            "gateway-app is " + std::string(Text(snapshot.application.state)) + ": " + snapshot.application.reason;
+            Joined({"gateway-app is ", Text(snapshot.application.state), ": ", snapshot.application.reason});
         break;
     }
     verdict.exitStatus = ExitStatus(verdict);

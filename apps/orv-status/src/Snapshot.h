@@ -124,7 +124,7 @@ constexpr const char* kYellow = "/orv/led/connected_services_yellow";
 constexpr const char* kCloudTopic = "/orv/apps_control/features/Ent/status/EntCon";
 
 /// "on", "off", "blink", or "unknown".
-std::string LedState(const BrokerView& broker, const char* topic);
+const char* LedState(const BrokerView& broker, const char* topic);
 
 /// @return the exit status in it: 0 cloud over Ethernet, 10 over Cellular, 20 no cloud, 30 cannot tell
 Verdict Judge(const Snapshot& snapshot);

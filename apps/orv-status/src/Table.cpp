@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Table.h"
 
-#include <algorithm>
+#include "Pieces.h"
+
 #include <cstdio>
+#include <string_view>
 
 namespace OrvStatus {
 
@@ -13,90 +15,97 @@ using AppState = ApplicationView::State;
 std::string Duration(double seconds) {
     const auto whole = static_cast<long>(seconds < 0 ? 0 : seconds);
     if (whole < 120)
-        return std::to_string(whole) + " s";
+        return Joined({std::to_string(whole), " s"});
     if (whole < 7200)
-        return std::to_string(whole / 60) + " min";
-    return std::to_string(whole / 3600) + " h " + std::to_string(whole / 60 % 60) + " min";
+        return Joined({std::to_string(whole / 60), " min"});
+    return Joined({std::to_string(whole / 3600), " h ", std::to_string(whole / 60 % 60), " min"});
 }
 
-std::string PathName(const std::string& path) {
+std::string_view PathName(std::string_view path) {
     if (path == "ethernet")
         return "Ethernet";
     return path == "cellular" ? "Cellular" : path;
 }
 
-std::string Row(const char* name, const std::string& text) {
-    char start[16];
-    std::snprintf(start, sizeof(start), "%-12s ", name);
-    return start + text + "\n";
+void AddRow(std::string& rows, std::string_view name, Pieces text) {
+    constexpr std::size_t width = 12;
+    Append(rows, {name});
+    rows.append(name.size() < width ? width + 1 - name.size() : 1, ' ');
+    Append(rows, text);
+    rows += '\n';
 }
 
-std::string CloudText(const Verdict& verdict) {
+void AddCloudText(std::string& text, const Verdict& verdict) {
     if (verdict.state != "connected")
-        return verdict.state;
-    if (verdict.path == "other" || verdict.path == "unknown")
-        return "connected, over an interface that is " + std::string(verdict.path == "other" ? "neither" : "unknown");
-    return "connected over " + PathName(verdict.path);
+        text += verdict.state;
+    else if (verdict.path == "other" || verdict.path == "unknown")
+        Append(text, {"connected, over an interface that is ", verdict.path == "other" ? "neither" : "unknown"});
+    else
+        Append(text, {"connected over ", PathName(verdict.path)});
 }
 
 /// Shape and word beside the colour, for those who cannot see it.
-std::string Led(const char* name, const std::string& state, const char* colour, const TableStyle& style) {
+void AddLed(std::string& text, const char* name, std::string_view state, const char* colour, const TableStyle& style) {
     const bool on = state == "on", off = state == "off", blink = state == "blink";
-    std::string symbol = on ? "[*]" : (off ? "[ ]" : (blink ? "[~]" : "[?]"));
+    const char* symbol = on ? "[*]" : (off ? "[ ]" : (blink ? "[~]" : "[?]"));
     if (style.symbols)
         symbol = on ? "\u25cf" : (off ? "\u25cb" : (blink ? "\u25d0" : "?"));
     if (style.colour && (on || blink))
-        symbol = std::string("\x1b[") + (blink ? "5;" : "") + colour + "m" + symbol + "\x1b[0m";
-    return symbol + " " + name + " " + state;
-}
-
-std::string Joined(const std::vector<std::string>& texts, const char* between) {
-    std::string all;
-    for (const std::string& text : texts)
-        all += (all.empty() ? "" : between) + text;
-    return all;
-}
-
-std::string InterfaceRow(const NetworkView::Interface& interface) {
-    std::string text = PathName(interface.role) + ", ";
-    if (!interface.exists)
-        text += "no such interface";
+        Append(text, {"\x1b[", blink ? "5;" : "", colour, "m", symbol, "\x1b[0m"});
     else
-        text += std::string(interface.running ? "up" : "no link") + ", " +
-                (interface.addresses.empty() ? "no address" : Joined(interface.addresses, " "));
-    return Row(("  " + interface.name).c_str(), text);
+        text += symbol;
+    Append(text, {" ", name, " ", state});
 }
 
-std::string NetworkRows(const NetworkView& network) {
+/// Adds to a list whose items stand one behind the other.
+void AddItem(std::string& list, const char* between, Pieces item) {
+    if (!list.empty())
+        list += between;
+    Append(list, item);
+}
+
+void AddInterfaceRow(std::string& rows, const NetworkView::Interface& interface) {
+    std::string addresses;
+    for (const std::string& address : interface.addresses)
+        AddItem(addresses, " ", {address});
+    const std::string name = Joined({"  ", interface.name});
+    if (!interface.exists)
+        AddRow(rows, name, {PathName(interface.role), ", no such interface"});
+    else
+        AddRow(rows, name,
+               {PathName(interface.role), interface.running ? ", up, " : ", no link, ",
+                addresses.empty() ? "no address" : std::string_view(addresses)});
+}
+
+void AddNetworkRows(std::string& rows, const NetworkView& network) {
     if (network.state != Known::PRESENT)
-        return Row("network", "unknown: " + network.reason);
-    std::vector<std::string> routes;
+        return AddRow(rows, "network", {"unknown: ", network.reason});
+    std::string routes;
     for (const NetworkView::DefaultRoute& route : network.defaults)
-        routes.push_back(route.interface + (route.gateway.empty() ? "" : " by " + route.gateway));
-    std::string rows =
-        Row("network", routes.empty() ? "no default route" : "default route over " + Joined(routes, ", then "));
+        AddItem(routes, ", then ", {route.interface, route.gateway.empty() ? "" : " by ", route.gateway});
+    AddRow(rows, "network", {routes.empty() ? "no default route" : "default route over ", routes});
     for (const NetworkView::Interface& interface : network.interfaces)
-        rows += InterfaceRow(interface);
-    return rows;
+        AddInterfaceRow(rows, interface);
 }
 
-std::string ConnmanRow(const ConnmanView& connman) {
+void AddConnmanRow(std::string& rows, const ConnmanView& connman) {
     if (connman.state != Known::PRESENT)
-        return Row("ConnMan", std::string(Text(connman.state)) + ": " + connman.reason);
-    std::vector<std::string> services;
+        return AddRow(rows, "ConnMan", {Text(connman.state), ": ", connman.reason});
+    std::string services;
     for (const ConnmanView::Service& service : connman.services)
-        services.push_back(service.interface + " " + service.state);
-    return Row("ConnMan", services.empty() ? "no service" : Joined(services, ", then "));
+        AddItem(services, ", then ", {service.interface, " ", service.state});
+    AddRow(rows, "ConnMan", {services.empty() ? "no service" : std::string_view(services)});
 }
 
-std::string BrokerRow(const BrokerView& broker) {
+void AddBrokerRow(std::string& rows, const BrokerView& broker) {
     if (broker.state != Known::PRESENT)
-        return Row("broker", broker.address + " " + Text(broker.state) + ": " + broker.reason);
-    return Row("broker", broker.address + ", " + std::to_string(broker.topics.size()) + " topics" +
-                             (broker.complete ? "" : ", more may come"));
+        return AddRow(rows, "broker", {broker.address, " ", Text(broker.state), ": ", broker.reason});
+    AddRow(rows, "broker",
+           {broker.address, ", ", std::to_string(broker.topics.size()), " topics",
+            broker.complete ? "" : ", more may come"});
 }
 
-std::string Count(const ApplicationView& application, const std::string& name) {
+std::string Count(const ApplicationView& application, std::string_view name) {
     for (const ApplicationView::Counter& counter : application.counters) {
         if (counter.name == name)
             return std::to_string(static_cast<long long>(counter.value));
@@ -104,104 +113,116 @@ std::string Count(const ApplicationView& application, const std::string& name) {
     return "unknown";
 }
 
-std::string ApplicationRows(const ApplicationView& application) {
+void AddApplicationRows(std::string& rows, const ApplicationView& application) {
+    constexpr const char* name = "gateway-app";
     if (application.state != AppState::RUNNING)
-        return Row("gateway-app", std::string(Text(application.state)) +
-                                      (application.reason.empty() ? "" : ": " + application.reason));
-    std::string rows =
-        Row("gateway-app", "running since " + application.started + ", " + Count(application, "fail_overs") +
-                               " fail-overs, " + Count(application, "returns") + " returns, " +
-                               Count(application, "cloud_losses") + " losses of the cloud" +
-                               (application.probation ? ", Ethernet on probation" : ""));
+        return AddRow(rows, name,
+                      {Text(application.state), application.reason.empty() ? "" : ": ", application.reason});
+    AddRow(rows, name,
+           {"running since ", application.started, ", ", Count(application, "fail_overs"), " fail-overs, ",
+            Count(application, "returns"), " returns, ", Count(application, "cloud_losses"), " losses of the cloud",
+            application.probation ? ", Ethernet on probation" : ""});
     if (!application.cloudFailure.empty())
-        rows += Row("  attempt", application.cloudFailure);
+        AddRow(rows, "  attempt", {application.cloudFailure});
     if (!application.lastMoveAt.empty())
-        rows += Row("  last move", application.lastMoveAt + " from " + PathName(application.lastMoveFrom) + " to " +
-                                       PathName(application.lastMoveTo) + ": " + application.lastMoveReason);
-    return rows;
+        AddRow(rows, "  last move",
+               {application.lastMoveAt, " from ", PathName(application.lastMoveFrom), " to ",
+                PathName(application.lastMoveTo), ": ", application.lastMoveReason});
 }
 
 std::string Cloud(const Verdict& verdict, double now) {
-    std::string text = CloudText(verdict);
-    if (!verdict.since.empty())
-        text += " since " + verdict.since;
-    if (verdict.sinceMonotonic)
-        text += " (" + Duration(now - *verdict.sinceMonotonic) + ")";
-    return text + (verdict.reason.empty() ? "" : ": " + verdict.reason);
-}
-
-std::string Sample(const std::string& name, const std::string& labels, double value) {
-    char text[32];
-    std::snprintf(text, sizeof(text), " %.15g\n", value);
-    return name + (labels.empty() ? "" : "{" + labels + "}") + text;
-}
-
-std::string Declared(const std::string& name, const char* type) {
-    return "# TYPE " + name + " " + type + "\n";
-}
-
-std::string InterfaceMetrics(const NetworkView& network) {
     std::string text;
+    AddCloudText(text, verdict);
+    if (!verdict.since.empty())
+        Append(text, {" since ", verdict.since});
+    if (verdict.sinceMonotonic)
+        Append(text, {" (", Duration(now - *verdict.sinceMonotonic), ")"});
+    Append(text, {verdict.reason.empty() ? "" : ": ", verdict.reason});
+    return text;
+}
+
+void AddSample(std::string& text, Pieces name, double value) {
+    char number[32];
+    std::snprintf(number, sizeof(number), " %.15g\n", value);
+    Append(text, name);
+    text += number;
+}
+
+void AddMetric(std::string& text, std::string_view name, const char* type, double value) {
+    Append(text, {"# TYPE ", name, " ", type, "\n"});
+    AddSample(text, {name}, value);
+}
+
+void AddPart(std::string& text, const char* part, bool up) {
+    AddSample(text, {"orv_part_up{part=\"", part, "\"}"}, up ? 1 : 0);
+}
+
+void AddInterfaceMetrics(std::string& text, const NetworkView& network) {
     for (const bool received : {true, false}) {
-        const std::string name = received ? "orv_interface_received_bytes_total" : "orv_interface_sent_bytes_total";
-        text += Declared(name, "counter");
+        const char* const name = received ? "orv_interface_received_bytes_total" : "orv_interface_sent_bytes_total";
+        Append(text, {"# TYPE ", name, " counter\n"});
         for (const NetworkView::Interface& interface : network.interfaces) {
             if (interface.exists)
-                text += Sample(name, "role=\"" + interface.role + "\"",
-                               static_cast<double>(received ? interface.receivedBytes : interface.sentBytes));
+                AddSample(text, {name, "{role=\"", interface.role, "\"}"},
+                          static_cast<double>(received ? interface.receivedBytes : interface.sentBytes));
         }
     }
-    return text;
 }
 
 } // namespace
 
 std::string Table(const Snapshot& snapshot, const TableStyle& style) {
     const Verdict verdict = Judge(snapshot);
-    return Row("cloud", Cloud(verdict, snapshot.at.monotonic)) + Row("", verdict.basis) +
-           Row("LEDs", Led("green", LedState(snapshot.broker, kGreen), "32", style) + "   " +
-                           Led("yellow", LedState(snapshot.broker, kYellow), "33", style)) +
-           NetworkRows(snapshot.network) + ConnmanRow(snapshot.connman) + BrokerRow(snapshot.broker) +
-           ApplicationRows(snapshot.application);
+    std::string leds;
+    AddLed(leds, "green", LedState(snapshot.broker, kGreen), "32", style);
+    leds += "   ";
+    AddLed(leds, "yellow", LedState(snapshot.broker, kYellow), "33", style);
+    std::string rows;
+    AddRow(rows, "cloud", {Cloud(verdict, snapshot.at.monotonic)});
+    AddRow(rows, "", {verdict.basis});
+    AddRow(rows, "LEDs", {leds});
+    AddNetworkRows(rows, snapshot.network);
+    AddConnmanRow(rows, snapshot.connman);
+    AddBrokerRow(rows, snapshot.broker);
+    AddApplicationRows(rows, snapshot.application);
+    return rows;
 }
 
 std::string Line(const Snapshot& snapshot) {
     const Verdict verdict = Judge(snapshot);
-    std::string line = "cloud " + CloudText(verdict);
+    std::string line = "cloud ";
+    AddCloudText(line, verdict);
     if (!verdict.reason.empty())
-        line += " (" + verdict.reason + ")";
-    line += "; green " + LedState(snapshot.broker, kGreen) + ", yellow " + LedState(snapshot.broker, kYellow);
-    line += "; default route " +
-            (snapshot.network.defaults.empty() ? std::string("none") : snapshot.network.defaults.front().interface);
-    line += "; broker " + std::string(Text(snapshot.broker.state)) + ", ConnMan " + Text(snapshot.connman.state) +
-            ", gateway-app " + Text(snapshot.application.state);
+        Append(line, {" (", verdict.reason, ")"});
+    const auto& defaults = snapshot.network.defaults;
+    Append(line, {"; green ", LedState(snapshot.broker, kGreen), ", yellow ", LedState(snapshot.broker, kYellow),
+                  "; default route ", defaults.empty() ? "none" : std::string_view(defaults.front().interface),
+                  "; broker ", Text(snapshot.broker.state), ", ConnMan ", Text(snapshot.connman.state),
+                  ", gateway-app ", Text(snapshot.application.state)});
     return line;
 }
 
 std::string Metrics(const Snapshot& snapshot) {
-    const Verdict verdict = Judge(snapshot);
-    std::string text = Declared("orv_status", "gauge") + Sample("orv_status", "", verdict.exitStatus);
-    text += Declared("orv_part_up", "gauge");
+    std::string text;
+    AddMetric(text, "orv_status", "gauge", Judge(snapshot).exitStatus);
+    text += "# TYPE orv_part_up gauge\n";
     const bool running = snapshot.application.state == AppState::RUNNING;
     if (snapshot.broker.state != Known::UNKNOWN)
-        text += Sample("orv_part_up", "part=\"broker\"", snapshot.broker.state == Known::PRESENT ? 1 : 0);
+        AddPart(text, "broker", snapshot.broker.state == Known::PRESENT);
     if (snapshot.connman.state != Known::UNKNOWN)
-        text += Sample("orv_part_up", "part=\"connman\"", snapshot.connman.state == Known::PRESENT ? 1 : 0);
-    text += Sample("orv_part_up", "part=\"gateway-app\"", running ? 1 : 0);
+        AddPart(text, "connman", snapshot.connman.state == Known::PRESENT);
+    AddPart(text, "gateway-app", running);
     if (snapshot.network.state == Known::PRESENT)
-        text += InterfaceMetrics(snapshot.network);
+        AddInterfaceMetrics(text, snapshot.network);
     if (!running)
         return text;
     for (const ApplicationView::Counter& counter : snapshot.application.counters) {
-        const bool plain = std::all_of(counter.name.begin(), counter.name.end(),
-                                       [](char letter) { return (letter >= 'a' && letter <= 'z') || letter == '_'; });
+        const bool plain = counter.name.find_first_not_of("abcdefghijklmnopqrstuvwxyz_") == std::string::npos;
         if (plain)
-            text += Declared("orv_" + counter.name + "_total", "counter") +
-                    Sample("orv_" + counter.name + "_total", "", counter.value);
+            AddMetric(text, Joined({"orv_", counter.name, "_total"}), "counter", counter.value);
     }
     if (snapshot.application.longestTickUs)
-        text += Declared("orv_longest_tick_seconds", "gauge") +
-                Sample("orv_longest_tick_seconds", "", *snapshot.application.longestTickUs / 1e6);
+        AddMetric(text, "orv_longest_tick_seconds", "gauge", *snapshot.application.longestTickUs / 1e6);
     return text;
 }
 

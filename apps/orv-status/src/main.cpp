@@ -2,10 +2,11 @@
 #include "Json.h"
 #include "Monitor.h"
 #include "Options.h"
+#include "Pieces.h"
 #include "Table.h"
 
 #include <config/GatewayConfig.h>
-#include <connman/ConnmanClient.h>
+#include <connman/MessageBus.h>
 #include <langinfo.h>
 #include <pthread.h>
 #include <sys/signalfd.h>
@@ -17,7 +18,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <fstream>
 #include <string>
 
 namespace {
@@ -30,11 +30,19 @@ constexpr auto kLookAgain = 1s; // also without news: a process may have gone
 constexpr int kWrongUse = 2;
 
 std::string FirstLine(const std::string& path) {
-    std::ifstream file(path);
-    std::string line;
-    if (!std::getline(file, line))
-        throw Ending{"orv-status: cannot read a password from " + path + "\n", kWrongUse};
-    return line;
+    char* line = nullptr;
+    std::size_t room = 0;
+    std::FILE* const file = std::fopen(path.c_str(), "re");
+    const ssize_t size = file != nullptr ? getline(&line, &room, file) : -1;
+    if (file != nullptr)
+        std::fclose(file);
+    std::string first(size > 0 ? line : "");
+    std::free(line); // NOLINT(cppcoreguidelines-no-malloc): getline's
+    if (size <= 0)
+        throw Ending{Joined({"orv-status: cannot read a password from ", path, "\n"}), kWrongUse};
+    if (!first.empty() && first.back() == '\n')
+        first.pop_back();
+    return first;
 }
 
 MonitorSettings ReadSettings(const Options& options) {
@@ -50,7 +58,7 @@ MonitorSettings ReadSettings(const Options& options) {
     settings.broker.password = options.user.empty() ? config.broker.password : "";
     if (!options.passwordFile.empty())
         settings.broker.password = FirstLine(options.passwordFile);
-    settings.busAddress = OrvPlatform::ConnmanClient::BusAddress(config.connman.busAddress);
+    settings.busAddress = OrvPlatform::MessageBus::Address(config.connman.busAddress);
     settings.ethernet = config.interfaces.ethernet;
     settings.cellular = config.interfaces.cellular;
     settings.statusFile = options.statusFile;
@@ -84,15 +92,15 @@ TableStyle StyleOf(const Options& options) {
 
 std::string Shown(const Snapshot& snapshot, const Options& options, const TableStyle& style) {
     if (options.form == Form::JSON)
-        return Json(snapshot) + '\n';
+        return Joined({Json(snapshot), "\n"});
     if (options.form == Form::METRICS)
         return Metrics(snapshot);
     if (options.form == Form::QUIET)
         return {};
     if (options.pace == Pace::FOLLOW)
-        return snapshot.at.utc + ' ' + Line(snapshot) + '\n';
+        return Joined({snapshot.at.utc, " ", Line(snapshot), "\n"});
     const char* const clear = options.pace == Pace::WATCH ? "\x1b[H\x1b[2J" : "";
-    return clear + Table(snapshot, style);
+    return Joined({clear, Table(snapshot, style)});
 }
 
 /// What must differ for another line.

@@ -93,14 +93,14 @@ TEST_F(AHealthyGateway, IsUnknownWhenWhoSaidSoMayBeGone) {
 }
 
 TEST_F(AHealthyGateway, HasItsLedsFromTheirTopicsAlone) {
-    EXPECT_EQ(LedState(snapshot.broker, kGreen), "on");
-    EXPECT_EQ(LedState(snapshot.broker, kYellow), "off");
+    EXPECT_STREQ(LedState(snapshot.broker, kGreen), "on");
+    EXPECT_STREQ(LedState(snapshot.broker, kYellow), "off");
     Say(kYellow, "Blink");
-    EXPECT_EQ(LedState(snapshot.broker, kYellow), "blink");
+    EXPECT_STREQ(LedState(snapshot.broker, kYellow), "blink");
     Say(kYellow, "blinking");
-    EXPECT_EQ(LedState(snapshot.broker, kYellow), "unknown");
+    EXPECT_STREQ(LedState(snapshot.broker, kYellow), "unknown");
     snapshot.broker.topics.clear();
-    EXPECT_EQ(LedState(snapshot.broker, kGreen), "unknown");
+    EXPECT_STREQ(LedState(snapshot.broker, kGreen), "unknown");
 }
 
 TEST_F(AHealthyGateway, IsShownAsATable) {

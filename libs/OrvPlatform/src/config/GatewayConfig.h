@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "base/SharedWithTools.h"
 #include "log/LogLevels.h"
 
 #include <chrono>
@@ -102,7 +103,7 @@ LoadedConfig ReadGatewayConfig(const std::string& path, bool mayBeMissing, const
 
 /// The file that the environment names, or the default one, with ORV_LOG_LEVEL, ORV_CLIENT_ID_SUFFIX and
 /// ORV_GATEWAY_CONTROLLER applied. Reports nothing.
-LoadedConfig LoadGatewayConfig();
+ORV_SHARED_WITH_TOOLS LoadedConfig LoadGatewayConfig();
 
 /// The levels of the log as the file and the environment have them at this moment.
 struct RereadLogLevels {

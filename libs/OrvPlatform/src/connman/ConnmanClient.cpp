@@ -164,11 +164,4 @@ void ConnmanClient::AfterForkInChild() noexcept {
     shared->stopping = parentsShared->stopping || !hasLibrary;
 }
 
-std::string ConnmanClient::BusAddress(const std::string& configured) {
-    if (!configured.empty())
-        return configured;
-    const char* named = ::secure_getenv("DBUS_SYSTEM_BUS_ADDRESS");
-    return named && *named ? named : "unix:path=/run/dbus/system_bus_socket";
-}
-
 } // namespace OrvPlatform

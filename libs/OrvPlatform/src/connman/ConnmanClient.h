@@ -36,10 +36,6 @@ public:
     void AfterForkInParent() noexcept ORV_NO_LOCK_ANALYSIS;
     void AfterForkInChild() noexcept ORV_NO_LOCK_ANALYSIS;
 
-    /// Where the connection manager is found: the configured bus, else the one that the environment names, else the
-    /// system's.
-    static std::string BusAddress(const std::string& configured);
-
 private:
     bool IsRunning() ORV_REQUIRES(shared->mutex);
     bool CanExecuteNow(const std::string& interfaceName, bool mustBeConnected) const ORV_REQUIRES(shared->mutex);

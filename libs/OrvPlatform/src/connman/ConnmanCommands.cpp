@@ -24,7 +24,7 @@ private:
     CommonUtils::Logger logger{"ConnmanCommands", 0};
 
 public:
-    OrvPlatform::ConnmanClient client{OrvPlatform::ConnmanClient::BusAddress(OrvPlatform::Config().connman.busAddress),
+    OrvPlatform::ConnmanClient client{OrvPlatform::MessageBus::Address(OrvPlatform::Config().connman.busAddress),
                                       {},
                                       isController ? OrvPlatform::ConnmanRole::CONTROLLER
                                                    : OrvPlatform::ConnmanRole::ONLOOKER};

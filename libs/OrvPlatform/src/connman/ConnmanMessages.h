@@ -23,24 +23,24 @@ constexpr const char* SERVICE = "net.connman.Service";
 constexpr std::size_t MOST_SERVICES = 256;
 constexpr std::size_t MOST_SERVERS = 16;
 
-DBusMessagePtr AddMatch(const std::string& rule);
-DBusMessagePtr GetNameOwner();
+ORV_SHARED_WITH_TOOLS DBusMessagePtr AddMatch(const std::string& rule);
+ORV_SHARED_WITH_TOOLS DBusMessagePtr GetNameOwner();
 
 /// Calls to the connection manager, by its unique name `owner`: an order for one that has ended must not reach the
 /// next.
-DBusMessagePtr GetServices(const std::string& owner);
+ORV_SHARED_WITH_TOOLS DBusMessagePtr GetServices(const std::string& owner);
 DBusMessagePtr MoveBefore(const std::string& owner, const std::string& path, const std::string& before);
 DBusMessagePtr SetConfiguredServers(const std::string& owner, const std::string& path,
                                     const std::vector<std::string>& servers);
 
 /// GetNameOwner's answer; empty when it names nobody's unique name.
-std::string ReadOwner(DBusMessage& reply);
+ORV_SHARED_WITH_TOOLS std::string ReadOwner(DBusMessage& reply);
 
 /// NameOwnerChanged: the new owner of the connection manager's name, empty for none. Nothing for any other signal.
 std::optional<std::string> ReadNewOwner(DBusMessage& signal);
 
 /// GetServices' answer.
-std::optional<std::vector<ConnmanServiceNews>> ReadServices(DBusMessage& reply);
+ORV_SHARED_WITH_TOOLS std::optional<std::vector<ConnmanServiceNews>> ReadServices(DBusMessage& reply);
 
 bool IsServicesChanged(DBusMessage& signal);
 bool IsPropertyChanged(DBusMessage& signal);

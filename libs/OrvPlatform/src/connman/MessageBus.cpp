@@ -4,6 +4,7 @@
 #include "base/Deadline.h"
 
 #include <algorithm>
+#include <cstdlib>
 
 namespace OrvPlatform {
 
@@ -78,6 +79,13 @@ MessageBus::MessageBus(const Waker& wakeUp, std::function<bool()> isCancelled)
 
 MessageBus::~MessageBus() {
     Close();
+}
+
+std::string MessageBus::Address(const std::string& configured) {
+    if (!configured.empty())
+        return configured;
+    const char* named = ::secure_getenv("DBUS_SYSTEM_BUS_ADDRESS");
+    return named && *named ? named : "unix:path=/run/dbus/system_bus_socket";
 }
 
 std::string MessageBus::Open(const std::string& address, std::chrono::milliseconds limit) {

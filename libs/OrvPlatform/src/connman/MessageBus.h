@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "base/SharedWithTools.h"
 #include "base/Waker.h"
 
 #include <dbus/dbus.h>
@@ -25,7 +26,7 @@ std::mutex& LibdbusMutex();
 bool TryLockLibdbusFor(std::chrono::milliseconds limit) noexcept;
 
 struct DBusMessageRelease {
-    void operator()(DBusMessage* message) const;
+    ORV_SHARED_WITH_TOOLS void operator()(DBusMessage* message) const;
 };
 using DBusMessagePtr = std::unique_ptr<DBusMessage, DBusMessageRelease>;
 
@@ -37,7 +38,7 @@ using DBusMessagePtr = std::unique_ptr<DBusMessage, DBusMessageRelease>;
 ///
 /// Any local user can send any message to any connection. The bus vouches for the sender's name only: an answer counts
 /// if it comes from whom was asked, and signals carry their sender for the handler to check. Calls are not answered.
-class MessageBus {
+class ORV_SHARED_WITH_TOOLS MessageBus {
 public:
     using Clock = std::chrono::steady_clock;
     using SignalHandler = std::function<void(DBusMessage&)>;
@@ -48,6 +49,10 @@ public:
     ~MessageBus();
     MessageBus(const MessageBus&) = delete;
     MessageBus& operator=(const MessageBus&) = delete;
+
+    /// Where the connection manager is found: the configured bus, else the one that the environment names, else the
+    /// system's.
+    static std::string Address(const std::string& configured);
 
     /// Connects and greets.
     /// @return empty on success, otherwise why not

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "base/SharedWithTools.h"
+
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -21,6 +23,6 @@ namespace OrvPlatform {
 std::size_t AppendEscaped(std::string_view text, std::size_t room, std::string& line);
 
 /// All of `text` in that form.
-std::string Escaped(std::string_view text);
+ORV_SHARED_WITH_TOOLS std::string Escaped(std::string_view text);
 
 } // namespace OrvPlatform

@@ -297,10 +297,10 @@ TEST_F(AConnectedGateway, TakesOrdersOnceThereIsADescriptorForItsThread) {
 
 TEST(TheBusAddress, IsTheConfiguredOneFirst) {
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/named", 1); // NOLINT(concurrency-mt-unsafe): no other thread yet
-    EXPECT_EQ(ConnmanClient::BusAddress("unix:path=/configured"), "unix:path=/configured");
-    EXPECT_EQ(ConnmanClient::BusAddress(""), "unix:path=/named");
+    EXPECT_EQ(OrvPlatform::MessageBus::Address("unix:path=/configured"), "unix:path=/configured");
+    EXPECT_EQ(OrvPlatform::MessageBus::Address(""), "unix:path=/named");
     unsetenv("DBUS_SYSTEM_BUS_ADDRESS"); // NOLINT(concurrency-mt-unsafe)
-    EXPECT_EQ(ConnmanClient::BusAddress(""), "unix:path=/run/dbus/system_bus_socket");
+    EXPECT_EQ(OrvPlatform::MessageBus::Address(""), "unix:path=/run/dbus/system_bus_socket");
 }
 
 } // namespace
