@@ -1,0 +1,186 @@
+// SPDX-License-Identifier: Apache-2.0
+// The timeline: one lane a thing observed, one bar a value it had, marks for what was done; as in the demo's picture.
+
+import { html, svg } from "./svg.js";
+
+export const LANES = ["route state", "green LED", "yellow LED", "DNS topic", "default route", "cloud connection"];
+const SPANS = [15, 30, 60, 120, 300, 900, 3600];
+const LIGHT = { paper: "#ffffff", grid: "#e3e7eb", text: "#1c2630", soft: "#55626f", mark: "#1c2630", on: "#10202b" };
+const DARK = { paper: "#1a2128", grid: "#323d47", text: "#e6ebf0", soft: "#a5b1bd", mark: "#e6ebf0", on: "#10202b" };
+const COLOURS = {
+  ETHERNET_ACTIVE: "#63b58a", ETHERNET_LOST_DELAY: "#e9bd55", POKING_CELLULAR: "#eb9d5d", SWITCHING_TO_CELLULAR: "#de7a66",
+  CELLULAR_ACTIVE: "#7fa3dc", SWITCHING_TO_ETHERNET: "#ac8fd0", ETHERNET_SETTLE_DELAY: "#8ecae6",
+  inhibit: "#de7a66", permit: "#63b58a", Ethernet: "#63b58a", Cellular: "#7fa3dc", eth0: "#63b58a", wwan0: "#7fa3dc",
+};
+const LAMPS = { "green LED": { On: "#63b96c", Blink: "#b4dfb8" }, "yellow LED": { On: "#ffc93c", Blink: "#ffe9a8" } };
+const OTHERS = ["#9db8b8", "#c9c2a5", "#c295ae"];
+const EMPTY = ["Off", "none"];
+const NARROW = 640;
+
+const colour = (lane, value) => (LAMPS[lane] || {})[value] || COLOURS[value] ||
+  OTHERS[[...value].reduce((sum, letter) => sum + letter.codePointAt(0), 0) % OTHERS.length];
+
+const step = (span, room) => [1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 900].find((s) => span / s <= room) || 1800;
+
+function ago(seconds) {
+  if (seconds < 0.5) return "now";
+  if (seconds < 60) return `−${Math.round(seconds)} s`;
+  const rest = Math.round(seconds % 60);
+  return `−${Math.floor(seconds / 60)} min${rest ? ` ${rest} s` : ""}`;
+}
+
+/** Bars of a lane between two times: [begin, end, value]. */
+export function bars(events, lane, begin, end) {
+  const found = [];
+  let current = null;
+  for (const event of events) {
+    if (event.lane !== lane || event.t > end) continue;
+    if (current) current[1] = event.t;
+    current = event.value ? [event.t, end, event.value] : null;
+    if (current) found.push(current);
+  }
+  return found.filter((bar) => bar[1] >= begin && bar[1] > bar[0]);
+}
+
+export class Timeline {
+  /** `now`: a function that gives the gateway's time, or null. */
+  constructor(parent, now) {
+    this.parent = parent;
+    this.now = now;
+    this.events = [];
+    this.zoom = 2;
+    this.pausedAt = null;
+    this.dark = matchMedia("(prefers-color-scheme: dark)");
+    this.buttons();
+    const redraw = () => this.draw();
+    new ResizeObserver(redraw).observe(parent);
+    this.dark.addEventListener("change", redraw);
+    setInterval(() => { if (this.pausedAt === null && !document.hidden) this.draw(); }, 250);
+  }
+
+  get span() { return SPANS[this.zoom]; }
+
+  buttons() {
+    const button = (id, act) => {
+      const element = document.getElementById(id);
+      element.addEventListener("click", () => { if (element.getAttribute("aria-disabled") !== "true") { act(); this.draw(); } });
+      return element;
+    };
+    this.pause = button("pause", () => { this.pausedAt = this.pausedAt === null ? this.now() : null; });
+    button("earlier", () => this.move(-0.25));
+    this.later = button("later", () => this.move(0.25));
+    this.out = button("out", () => { this.zoom = Math.min(this.zoom + 1, SPANS.length - 1); });
+    this.in = button("in", () => { this.zoom = Math.max(this.zoom - 1, 0); });
+    button("save", () => this.save());
+  }
+
+  move(part) {
+    const now = this.now();
+    if (now === null) return;
+    const wanted = (this.pausedAt === null ? now : this.pausedAt) + part * this.span;
+    this.pausedAt = wanted >= now ? null : wanted;
+  }
+
+  reset() { this.events = []; }
+
+  add(events) {
+    this.events.push(...events);
+    if (this.events.length > 10000) this.events.splice(0, this.events.length - 8000);
+  }
+
+  draw() {
+    const able = (element, yes) => element.setAttribute("aria-disabled", String(!yes));
+    this.pause.setAttribute("aria-pressed", String(this.pausedAt !== null));
+    this.pause.textContent = this.pausedAt === null ? "Pause" : "Paused";
+    able(this.later, this.pausedAt !== null);
+    able(this.out, this.zoom < SPANS.length - 1);
+    able(this.in, this.zoom > 0);
+    const words = this.span < 60 ? `${this.span} s` : `${this.span / 60} min`;
+    const label = document.getElementById("span");
+    if (label.textContent !== words) label.textContent = words;
+    const width = Math.max(this.parent.clientWidth, 260);
+    this.parent.replaceChildren(this.picture(width, this.dark.matches ? DARK : LIGHT, "var(--sans)"));
+  }
+
+  picture(width, ink, font) {
+    const now = this.now();
+    const end = this.pausedAt === null ? now : this.pausedAt;
+    const narrow = width < NARROW;
+    const left = narrow ? 4 : 130;
+    const top = 46;
+    const pitch = narrow ? 50 : 36;
+    const offset = narrow ? 19 : 4;
+    const bottom = top + pitch * LANES.length;
+    const height = bottom + 24;
+    const root = svg("svg", { width, height, viewBox: `0 0 ${width} ${height}`, role: "img",
+      "aria-label": this.inWords(end), "font-family": font, "font-size": 12 });
+    root.append(svg("rect", { width, height, fill: ink.paper }));
+    if (end === null) return root;
+    const begin = end - this.span;
+    const x = (t) => left + (width - left - 8) * (Math.min(Math.max(t, begin), end) - begin) / this.span;
+    const write = (at, fill, text, more = {}) => {
+      const element = svg("text", { x: at[0].toFixed(1), y: at[1], fill, ...more });
+      element.textContent = text;
+      return element;
+    };
+    const behind = now - end;
+    const grid = step(this.span, narrow ? 5 : 10);
+    for (let back = grid - (behind % grid) - grid; back <= this.span; back += grid) {
+      if (back < 0) continue;
+      const at = x(end - back);
+      root.append(svg("line", { x1: at, y1: top - 6, x2: at, y2: bottom, stroke: ink.grid }));
+      const anchor = at > width - 40 ? "end" : at < left + 25 ? "start" : "middle";
+      root.append(write([at, bottom + 16], ink.soft, ago(behind + back), { "text-anchor": anchor }));
+    }
+    LANES.forEach((lane, row) => {
+      const y = top + row * pitch;
+      const anchor = narrow ? {} : { "text-anchor": "end" };
+      root.append(write([narrow ? left : left - 12, narrow ? y + 12 : y + 21], ink.text, lane, { "font-weight": 600, ...anchor }));
+      for (const [from, to, value] of bars(this.events, lane, begin, end)) {
+        root.append(this.bar(lane, value, x(from), x(to), y + offset, ink, write));
+      }
+    });
+    this.events.filter((event) => event.mark && event.t >= begin && event.t <= end).forEach((event, number) => {
+      const at = x(event.t);
+      const y = 14 + 16 * (number % 2);
+      const anchor = at > width - 170 ? "end" : "start";
+      root.append(svg("line", { x1: at, y1: y + 4, x2: at, y2: bottom, stroke: ink.mark, "stroke-dasharray": "3 3" }));
+      root.append(write([at + (anchor === "end" ? -5 : 5), y], ink.mark, event.mark, { "text-anchor": anchor }));
+    });
+    return root;
+  }
+
+  bar(lane, value, from, to, y, ink, write) {
+    const width = Math.max(to - from, 1.5);
+    const hollow = EMPTY.includes(value);
+    const title = svg("title");
+    title.textContent = `${lane}: ${value}`;
+    const rect = svg("rect", { x: from.toFixed(1), y, width: width.toFixed(1), height: 26, rx: 4,
+      fill: hollow ? "none" : colour(lane, value), stroke: hollow ? ink.soft : "none" });
+    if (hollow) rect.setAttribute("stroke-dasharray", "2 3");
+    const group = svg("g", { "data-lane": lane, "data-value": value }, title, rect);
+    if (value === "Blink") {
+      for (let at = from + 7; at < to - 3; at += 14) {
+        const w = Math.min(7, to - at);
+        group.append(svg("rect", { x: at.toFixed(1), y: y + 21, width: w.toFixed(1), height: 5, fill: LAMPS[lane]?.On || ink.soft }));
+      }
+    }
+    if (width > 6.9 * value.length + 10) group.append(write([from + 6, y + 17], hollow ? ink.soft : ink.on, value, { "font-size": 11 }));
+    return group;
+  }
+
+  inWords(end) {
+    if (end === null) return "Timeline: nothing is known yet";
+    const last = LANES.map((lane) => [lane, bars(this.events, lane, end, end).pop()]).filter(([, bar]) => bar);
+    return `Timeline of the last ${this.span} s. At its end: ${last.map(([lane, bar]) => `${lane} ${bar[2]}`).join(", ")}`;
+  }
+
+  save() {
+    const picture = this.picture(1280, LIGHT, "DejaVu Sans, sans-serif");
+    const file = new Blob([new XMLSerializer().serializeToString(picture)], { type: "image/svg+xml" });
+    const url = URL.createObjectURL(file);
+    const link = html("a", { href: url, download: "timeline.svg" });
+    link.click();
+    setTimeout(() => URL.revokeObjectURL(url), 10000);
+  }
+}
