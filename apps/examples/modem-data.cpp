@@ -26,17 +26,11 @@ constexpr int REPLY_WITHIN_MS = 2000;
 /// Texts and small numbers as text; everything else is of no interest here.
 std::string AsText(DBusMessageIter& value) {
     DBusBasicValue content{};
-    switch (dbus_message_iter_get_arg_type(&value)) {
-    case DBUS_TYPE_STRING:
-    case DBUS_TYPE_OBJECT_PATH:
-        dbus_message_iter_get_basic(&value, &content);
-        return content.str;
-    case DBUS_TYPE_BYTE:
-        dbus_message_iter_get_basic(&value, &content);
-        return std::to_string(content.byt);
-    default:
+    const int type = dbus_message_iter_get_arg_type(&value);
+    if (type != DBUS_TYPE_STRING && type != DBUS_TYPE_OBJECT_PATH && type != DBUS_TYPE_BYTE)
         return "";
-    }
+    dbus_message_iter_get_basic(&value, &content);
+    return type == DBUS_TYPE_BYTE ? std::to_string(content.byt) : content.str;
 }
 
 /// The connection to oFono. A bus that is away, or an oFono that does not answer, has no properties.
@@ -132,8 +126,9 @@ void TellAll(Teller& teller) {
 } // namespace
 
 int main(int count, char** words) {
-    const timespec pause{count > 1 ? std::atoi(words[1]) : 10, 0};
-    if (count > 2 || pause.tv_sec <= 0) {
+    char* rest = nullptr;
+    const timespec pause{count > 1 ? std::strtol(words[1], &rest, 10) : 10, 0};
+    if (count > 2 || pause.tv_sec <= 0 || (rest && *rest != '\0')) {
         std::cerr << "usage: modem-data [SECONDS]" << std::endl;
         return 2;
     }

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <memory>
+#include <sys/wait.h>
 
 namespace {
 
@@ -137,13 +138,49 @@ TEST_F(AnExample, TellsAboutTheModem) {
     EXPECT_EQ(Hears("/orv/modem/sim/strength"), "60");
 }
 
-TEST(AnExampleCalledWrongly, SaysHowItIsCalledAndEnds) {
-    OrvPlatform::Testing::TemporaryFolder folder;
-    for (const char* name : {"led-driver", "modem-data", "name-server-guard", "settings"}) {
-        ChildProgram program({ORV_EXAMPLES + ("/" + std::string(name)), "--help"}, folder.Path(name));
-        EXPECT_EQ(program.End(0), 2) << name;
-        EXPECT_EQ(Content(folder.Path(name)).find(std::string("usage: ") + name), 0U) << Content(folder.Path(name));
-    }
+struct Call {
+    std::string program;
+    Words arguments;
+};
+
+std::ostream& operator<<(std::ostream& stream, const Call& call) {
+    stream << call.program;
+    for (const std::string& argument : call.arguments)
+        stream << " [" << argument << "]";
+    return stream;
 }
+
+class AnExampleCalledWrongly : public ::testing::TestWithParam<Call> {
+protected:
+    /// @return the exit status; -1 when it has not ended by itself
+    int Run() {
+        Words words{ORV_EXAMPLES + ("/" + GetParam().program)};
+        words.insert(words.end(), GetParam().arguments.begin(), GetParam().arguments.end());
+        ChildProgram program(words, folder.Path("log"));
+        WaitUntil([&] {
+            siginfo_t ended{};
+            return waitid(P_PID, static_cast<id_t>(program.Pid()), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+                   ended.si_pid != 0;
+        });
+        return program.End(SIGKILL);
+    }
+
+    OrvPlatform::Testing::TemporaryFolder folder;
+};
+
+TEST_P(AnExampleCalledWrongly, SaysHowItIsCalledAndEnds) {
+    EXPECT_EQ(Run(), 2);
+    EXPECT_EQ(Content(folder.Path("log")).find("usage: " + GetParam().program + " "), 0U)
+        << Content(folder.Path("log"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Calls, AnExampleCalledWrongly,
+                         ::testing::Values(Call{"led-driver", {}}, Call{"led-driver", {"a", "b"}},
+                                           Call{"led-driver", {"--help"}}, Call{"name-server-guard", {"a"}},
+                                           Call{"name-server-guard", {"a", "b", "c", "d"}}, Call{"settings", {}},
+                                           Call{"settings", {"a", "b"}}, Call{"settings", {"--help"}},
+                                           Call{"modem-data", {"1", "2"}}, Call{"modem-data", {"abc"}},
+                                           Call{"modem-data", {""}}, Call{"modem-data", {"0"}},
+                                           Call{"modem-data", {"-1"}}, Call{"modem-data", {"10s"}}));
 
 } // namespace
