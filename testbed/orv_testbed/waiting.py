@@ -13,7 +13,7 @@ class NotInTime(AssertionError):
     """What was waited for has not come about."""
 
 
-def comes_within(seconds: float, condition: Callable[[], object], pause: float = 0.05) -> bool:
+def comes_within(seconds: float, condition: Callable[[], object], pause: float = 0.02) -> bool:
     """Whether `condition()` comes true before the time is over."""
     deadline = time.monotonic() + seconds
     while not condition():

@@ -1,8 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""agent.py FOLDER COMMAND [ARGUMENT...]
-
-Runs a command on the machine, by its guest agent: its output and its exit status are this program's.
-"""
+"""Runs commands on the machine, by its guest agent, and tells qemu itself something."""
 from __future__ import annotations
 
 import base64
@@ -121,16 +118,13 @@ def monitor(folder: pathlib.Path, execute: str, **arguments: Any) -> Any:
         return channel.ask(execute, **arguments)
 
 
-def main() -> int:
+def print_outcome(folder: pathlib.Path, *command: str) -> int:
+    """Runs a command on the machine, prints what it says, and returns its exit status."""
     try:
-        outcome = run(pathlib.Path(sys.argv[1]), *sys.argv[2:], seconds=300)
+        outcome = run(folder, *command, seconds=300)
     except AgentError as error:
         print(f"the machine: {error}", file=sys.stderr)
         return 125
     sys.stdout.write(outcome.output)
     sys.stderr.write(outcome.errors)
     return outcome.status
-
-
-if __name__ == "__main__":
-    sys.exit(main())

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""power.py FOLDER ETHERNET-NAMESPACE CELLULAR-NAMESPACE [CLOCK]
+"""python3 -m orv_testbed.machine.power FOLDER ETHERNET-NAMESPACE CELLULAR-NAMESPACE [CLOCK]
 
 Becomes the machine: qemu, with a network card at each provider. FOLDER holds kernel, initrd.gz and disk.img, and gets the
 serial console's log and the sockets of guest agent and monitor. To end this process is to cut the machine's power. CLOCK
@@ -78,4 +78,5 @@ def main() -> None:
     os.execvp(words[0], words)
 
 
-main()
+if __name__ == "__main__":
+    main()

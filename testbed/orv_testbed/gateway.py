@@ -1,0 +1,246 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The gateway of a box: its own network, /etc, /var, /run and host name; message bus, connection manager, modem, broker.
+
+Nothing on it may set the machine's clock.
+"""
+from __future__ import annotations
+
+import os
+import pathlib
+import shutil
+import subprocess
+import sys
+
+from orv_testbed.box_processes import PYTHON, BoxProcesses, python_environment
+from orv_testbed.certificates import hash_of
+from orv_testbed.commands import Word, run, succeeds
+from orv_testbed.layout import CELLULAR, CLOUD_NAME, BoxError, Layout
+from orv_testbed.networks import Namespace
+from orv_testbed.programs import TESTBED, TOOLS, TREE, daemon
+from orv_testbed.waiting import comes_within
+
+BUS_ADDRESS = "unix:path=/run/dbus/system_bus_socket"
+FORBIDDEN = "-sys_time,-sys_module,-sys_boot"
+FOLDERS = ("etc/orv", "run/dbus", "run/connman", "var/cache", "var/lib/connman", "var/log", "var/spool", "var/tmp")
+SETTINGS = f"[cloud]\nendpoint = {CLOUD_NAME}\n[log]\nlevel = trace\n"
+SYSTEMS_AUTHORITIES = pathlib.Path("/etc/ssl/certs")
+BUNDLE = "ca-certificates.crt"
+
+
+class Gateway:
+    def __init__(self, layout: Layout, processes: BoxProcesses, namespace: Namespace) -> None:
+        self._layout, self._processes, self.namespace = layout, processes, namespace
+        self._root = layout.gateway_root
+        self._address = layout.state / "cellular-address"
+        self._faketime_notes = layout.state / "faketime-pids"
+
+    # ---- running something on it
+
+    def command(self, *words: Word, clock: bool = False) -> list[str]:
+        """What runs `words` on the gateway. `clock`: with a wall clock of its own, see `box clock`."""
+        holder = self._processes.pid_of("gateway")
+        if holder is None:
+            raise BoxError(f"no box named {self._layout.name} is up: {self._layout.command} up")
+        here = os.getcwd()
+        place = here if os.path.isdir(f"/proc/{holder}/root{here}") else "/"
+        enter = ["nsenter", "--target", str(holder), "--root", "--net", "--mount", "--uts", f"--wdns={place}", "--"]
+        environment = [f"DBUS_SYSTEM_BUS_ADDRESS={BUS_ADDRESS}", "ORV_GATEWAY_CONFIG=/etc/orv/gateway.ini"]
+        if clock:
+            environment += [f"LD_PRELOAD={self._faketime_library()}", "FAKETIME_TIMESTAMP_FILE=/run/clock-offset"]
+            environment += ["FAKETIME_NO_CACHE=1", "FAKETIME_DONT_FAKE_MONOTONIC=1"]
+        return [*enter, "setpriv", f"--bounding-set={FORBIDDEN}", "--", "env", *environment, *map(str, words)]
+
+    def become(self, *words: str) -> None:
+        """Replaces this process by a command on the gateway."""
+        clock = os.environ.get("ORV_BOX_CLOCK") == "1"
+        command = self.command(*words, clock=clock)
+        if clock:
+            with open(self._faketime_notes, "a", encoding="ascii") as notes:
+                notes.write(f"{os.getpid()}\n")
+        os.execvp(command[0], command)
+
+    def _faketime_library(self) -> pathlib.Path:
+        for root in (TOOLS, pathlib.Path("/")):
+            for library in root.glob("usr/lib/*/faketime/libfaketime.so.1"):
+                return library
+        raise BoxError(f"ORV_BOX_CLOCK=1 needs libfaketime: run {TREE}/script/bootstrap box")
+
+    def remove_faketime_traces(self) -> None:
+        """libfaketime leaves its shared memory behind, under the pid of the program that made it."""
+        if self._faketime_notes.exists():
+            for pid in self._faketime_notes.read_text(encoding="ascii").split():
+                for trace in (f"faketime_shm_{pid}", f"sem.faketime_sem_{pid}"):
+                    pathlib.Path("/dev/shm", trace).unlink(missing_ok=True)
+
+    # ---- coming up
+
+    def start(self) -> None:
+        self._make_files()
+        hold = (TESTBED / "lib/hold-gateway", self._root)
+        unshare = ("unshare", "--mount", "--uts", "--propagation", "private", "--")
+        self._processes.start("gateway", self.namespace.command(*unshare, *hold))
+        self._await((self._root / "ready").exists, 5, "the gateway's namespaces do not come up", "gateway")
+        self._start_bus()
+        self._start_resolver()
+        self.start_broker()
+        self.start_modem()
+        self._start_routes()
+        self.start_connman()
+        self._await(self._connect_cellular, 10, "ConnMan shows no cellular service", "connman", "modem")
+        self._await(self._both_connected, 20, "ConnMan does not connect both interfaces", "connman")
+
+    def _await(self, condition: object, seconds: float, fault: str, *logs: str) -> None:
+        assert callable(condition)
+        if not comes_within(seconds, condition):
+            raise BoxError(f"{fault}, see {' and '.join(str(self._layout.log(log)) for log in logs)}")
+
+    def _make_files(self) -> None:
+        for folder in FOLDERS:
+            (self._root / folder).mkdir(parents=True)
+        (self._root / "var/tmp").chmod(0o1777)
+        (self._root / "var/run").symlink_to("/run")
+        run("cp", "-a", "/etc/.", self._root / "etc")
+        resolver = self._root / "etc/resolv.conf"
+        resolver.unlink(missing_ok=True)
+        resolver.write_text("nameserver 127.0.0.1\n", encoding="ascii")
+        (self._root / "run/connman/resolv.conf").touch()
+        self.set_clock("+0")
+        self.write_authorities("one")
+        (self._root / "etc/orv/gateway.ini").write_text(SETTINGS, encoding="ascii")
+        for file in (TESTBED / "etc").iterdir():
+            shutil.copy(file, self._root / "etc/orv")
+
+    def set_clock(self, offset: str) -> None:
+        (self._root / "run/clock-offset").write_text(offset + "\n", encoding="ascii")
+
+    def write_authorities(self, which: str) -> None:
+        """What connects over TLS trusts the system's authorities, a folder of files named by hash and all of them in one file.
+
+        Few are enough for a gateway, and quicker to read: `one` is the cloud's, `full` and `bundle` add the machine's.
+        """
+        certificates, new = self._root / "etc/ssl/certs", self._root / "etc/ssl/certs.new"
+        cloud = self._layout.certificates / "ca.pem"
+        shutil.rmtree(new, ignore_errors=True)
+        new.mkdir(parents=True)
+        if which != "one":
+            bundle = SYSTEMS_AUTHORITIES / BUNDLE
+            if not bundle.exists() or not bundle.stat().st_size:
+                raise BoxError("this machine has no list of authorities: apt-get install ca-certificates")
+            if which == "full":
+                run("cp", "-a", f"{SYSTEMS_AUTHORITIES}/.", new)
+            run("cp", "--remove-destination", bundle, new)
+        with open(new / BUNDLE, "a", encoding="ascii") as all_in_one:
+            all_in_one.write(cloud.read_text(encoding="ascii"))
+        if which != "bundle":
+            shutil.copy(cloud, new / "gateway-box-ca.pem")
+            (new / f"{hash_of(cloud)}.0").symlink_to("gateway-box-ca.pem")
+        shutil.rmtree(certificates, ignore_errors=True)
+        new.rename(certificates)
+
+    def _start_bus(self) -> None:
+        options = ("--config-file=/etc/orv/bus.conf", "--nofork", "--nopidfile")
+        self._processes.start("bus", self.command("dbus-daemon", *options))
+        self._await(self._layout.bus_socket.is_socket, 5, "the message bus does not start", "bus")
+
+    def _start_resolver(self) -> None:
+        """ConnMan lists the name servers of both providers, a dead one first if need be, and the C library asks one after the
+        other, each for a second at least. The forwarder asks all at once and passes on the first answer."""
+        options = ["--keep-in-foreground", "--conf-file=/dev/null", "--user=root", "--pid-file=", "--no-hosts"]
+        options += ["--listen-address=127.0.0.1", "--bind-interfaces", "--resolv-file=/run/connman/resolv.conf"]
+        options += ["--all-servers", "--cache-size=0", "--log-facility=-"]
+        self._processes.start("resolver", self.command("dnsmasq", *options))
+        self._await(lambda: self.namespace.listens(53), 5, "the gateway's name server does not start", "resolver")
+
+    def start_broker(self) -> None:
+        self._processes.start("broker", self.command(daemon("mosquitto"), "-c", "/etc/orv/mosquitto.conf"))
+        self._await(lambda: self.namespace.listens(1883), 5, "the gateway's broker does not start", "broker")
+
+    def _start_routes(self) -> None:
+        named = os.environ.get("ORV_SOURCE_ROUTES")
+        programs = [pathlib.Path(named)] if named else sorted(TREE.glob("build/*/bin/orv-source-routes"))
+        for program in programs:
+            if os.access(program, os.X_OK):
+                self._processes.start("routes", self.command(program))
+                return
+        unbuilt = (
+            "orv-source-routes is not built: connections bound to the interface without the default route will fail"
+        )
+        print(f"box: {unbuilt}", file=sys.stderr)
+
+    # ---- modem and connection manager
+
+    def name_modem(self) -> None:
+        """ConnMan takes an interface for a cellular one by the DEVTYPE in its uevent, and has its address from the modem
+        manager."""
+        index = self.namespace.ip("-o link show wwan0").split(":")[0]
+        uevent = self._root / "run/wwan0.uevent"
+        uevent.write_text(f"DEVTYPE=wwan\nINTERFACE=wwan0\nIFINDEX={index}\n", encoding="ascii")
+        place = "/sys/class/net/wwan0/uevent"
+        if not succeeds(*self.command("mountpoint", "-q", place)):
+            run(*self.command("mount", "-n", "--bind", "/run/wwan0.uevent", place))
+
+    def cellular_address(self) -> str:
+        return self._address.read_text(encoding="ascii").strip()
+
+    def change_cellular_address(self) -> str:
+        last = int(self.cellular_address().rpartition(".")[2])
+        address = f"{CELLULAR.net}.{50 + (last - 49) % 50}"
+        self._address.write_text(address + "\n", encoding="ascii")
+        return address
+
+    def start_modem(self) -> None:
+        if self.namespace.has("wwan0"):
+            self.name_modem()
+            self.namespace.ip("link set dev wwan0 up")
+        if not self._address.exists():
+            self._address.write_text(f"{CELLULAR.net}.50\n", encoding="ascii")
+        network = (self.cellular_address(), "255.255.255.0", f"{CELLULAR.net}.1", CELLULAR.name_server)
+        self._processes.start("modem", self.command(*PYTHON, "orv_testbed.modem", "wwan0", *network))
+        if not comes_within(10, lambda: self._on_bus_or_ended("modem", "org.ofono")) or not self._processes.alive(
+            "modem"
+        ):
+            raise BoxError(
+                f"the modem manager does not come onto the bus: thaw a frozen bus first ({self._layout.command} bus thaw), "
+                f"or see {self._layout.log('modem')}"
+            )
+
+    def start_connman(self) -> None:
+        options = ("--nodaemon", "--config=/etc/orv/connman.conf", "--nodnsproxy")
+        self._processes.start("connman", self.command(daemon("connmand"), *options))
+        come = "ConnMan does not come onto the bus"
+        self._await(lambda: self._on_bus_or_ended("connman", "net.connman"), 10, come, "connman")
+        if not self._processes.alive("connman"):
+            raise BoxError(f"ConnMan has ended at once, see {self._layout.log('connman')}")
+
+    def _ask_bus(self, *command: Word) -> str | None:
+        """What a program says that is given the gateway's bus; None when it fails or takes too long."""
+        environment = {**python_environment(), "DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={self._layout.bus_socket}"}
+        try:
+            done = subprocess.run(command, env=environment, text=True, capture_output=True, timeout=5, check=False)
+        except subprocess.TimeoutExpired:
+            return None
+        return done.stdout if done.returncode == 0 else None
+
+    def call(self, name: str, path: str, method: str, *arguments: str) -> bool:
+        """Calls a method on the gateway's bus."""
+        send = ("dbus-send", "--system", "--print-reply=literal", f"--dest={name}", path, method, *arguments)
+        return self._ask_bus(*send) is not None
+
+    def _on_bus_or_ended(self, process: str, name: str) -> bool:
+        asked = self.call("org.freedesktop.DBus", "/", "org.freedesktop.DBus.GetNameOwner", f"string:{name}")
+        return asked or not self._processes.alive(process)
+
+    def services(self) -> str | None:
+        """One line a service; see services.py. None when ConnMan does not answer."""
+        return self._ask_bus(*PYTHON, "orv_testbed.services")
+
+    def _connect_cellular(self) -> bool:
+        """A cellular service connects by itself only after a first connection."""
+        technology, powered = "/net/connman/technology/cellular", ("string:Powered", "variant:boolean:true")
+        self.call("net.connman", technology, "net.connman.Technology.SetProperty", *powered)
+        paths = [line.split()[-1] for line in (self.services() or "").splitlines() if line.split()[2] == "cellular"]
+        return bool(paths) and self.call("net.connman", paths[0], "net.connman.Service.Connect")
+
+    def _both_connected(self) -> bool:
+        states = [line.split()[1] for line in (self.services() or "").splitlines()]
+        return sum(state in ("ready", "online") for state in states) >= 2

@@ -1,0 +1,121 @@
+# SPDX-License-Identifier: Apache-2.0
+"""A box as a whole: in which order its parts come and go, and who carries out which word of the command."""
+from __future__ import annotations
+
+import re
+import shutil
+import signal
+import sys
+from collections.abc import Callable
+
+from orv_testbed.box_processes import BoxProcesses
+from orv_testbed.cloud import Cloud
+from orv_testbed.commands import succeeds
+from orv_testbed.faults import Faults
+from orv_testbed.gateway import Gateway
+from orv_testbed.host import check_host
+from orv_testbed.layout import BoxError, Layout, Usage
+from orv_testbed.machine.board import WORDS, Board
+from orv_testbed.networks import Networks
+from orv_testbed.programs import Missing
+from orv_testbed.report import Report
+
+# How many words may follow each fault's name.
+FAULTS = {
+    **dict.fromkeys(("provider", "loss", "bandwidth", "portal", "lease", "cloud-tls"), 2),
+    **dict.fromkeys(("cable", "cellular", "cloud", "cloud-mqtt", "broker", "connman", "bus"), 1),
+    **dict.fromkeys(("var-tmp", "authorities", "clock"), 1),
+    "names": 4,
+}
+ENDED_FIRST = ("routes", "connman", "modem", "broker", "resolver", "bus")
+
+
+class GatewayBox:
+    """All parts of the box that the environment names, whether it is up or not."""
+
+    def __init__(self, layout: Layout) -> None:
+        self.layout = layout
+        self.processes = BoxProcesses(self.layout)
+        self.networks = Networks(self.layout, self.processes)
+        self.cloud = Cloud(self.layout, self.processes, self.networks.cloud)
+        self.gateway = Gateway(self.layout, self.processes, self.networks.gateway)
+        self.board = Board(self.layout, self.processes, self.networks)
+        self.faults = Faults(self.layout, self.processes, self.networks, self.cloud, self.gateway)
+        self.report = Report(self.layout, self.processes, self.gateway)
+
+    def up(self, machine: bool) -> None:
+        self.layout.check_place()
+        check_host()
+        image = self.board.find_image() if machine else None
+        self.networks.check()
+        self.layout.state.parent.mkdir(parents=True, exist_ok=True)
+        self.layout.state.mkdir()
+        try:
+            for folder in ("pid", "log"):
+                (self.layout.state / folder).mkdir()
+            if image:
+                self.board.make(image)
+            self.networks.make(taps=machine)
+            self.cloud.start()
+            if machine:
+                self.board.give_authority()
+                self.board.start()
+                self.board.wait()
+            else:
+                self.gateway.start()
+        except BaseException as error:
+            if isinstance(error, (BoxError, Missing)):
+                print(f"box: {error}", file=sys.stderr)
+            print("box: coming up failed, taking the rest down; the ends of its logs:", file=sys.stderr)
+            self.report.show_logs()
+            self.down()
+            raise SystemExit(1) from error
+
+    def down(self) -> None:
+        self._end_all()
+        self.networks.remove()
+        self.gateway.remove_faketime_traces()
+        if (self.layout.state / "pid").is_dir():
+            shutil.rmtree(self.layout.state)
+
+    def _end_all(self) -> None:
+        """Everything that runs in the box's namespaces is the box's, also what was started with "box exec"."""
+        for process in ENDED_FIRST:
+            self.processes.end(process, signal.SIGKILL)
+        for namespace in self.networks.all:
+            for pid in namespace.pids():
+                succeeds("kill", "-KILL", pid)
+        for process in self.processes.names():
+            self.processes.end(process, signal.SIGKILL)
+
+    def need_up(self) -> None:
+        self.layout.check_caller()
+        if not self.processes.alive("gateway"):
+            raise BoxError(f"no box named {self.layout.name} is up: {self.layout.command} up")
+
+    def do(self, word: str, *words: str) -> None:
+        if word in WORDS and self.layout.has_machine():
+            self.need_up()
+            self.board.do(word, *words)
+        elif word == "up" and words in ((), ("--machine", "mipsel")):
+            self.layout.check_caller()
+            self.up(machine=bool(words))
+        elif word == "down" and not words:
+            self.layout.check_caller()
+            self.down()
+        elif word == "power":
+            self.layout.check_caller()
+            self.board.power(*words)
+        elif word in ("status", "services", "log"):
+            self.need_up()
+            arguments = words if word == "log" else ()
+            getattr(self.report, word)(*arguments)
+        elif word == "wait-route" and 1 <= len(words) <= 2 and re.fullmatch("[1-9][0-9]*", (*words, "10")[1]):
+            self.need_up()
+            self.report.wait_route(*words)
+        elif word in FAULTS and len(words) <= FAULTS[word]:
+            self.need_up()
+            fault: Callable[..., None] = getattr(self.faults, word.replace("-", "_"))
+            fault(*words)
+        else:
+            raise Usage

@@ -1,0 +1,137 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The machine in the gateway's place: its disk, its power, and what a box's words do to it."""
+from __future__ import annotations
+
+import pathlib
+import shutil
+import signal
+import subprocess
+
+from orv_testbed.box_processes import PYTHON, BoxProcesses
+from orv_testbed.certificates import hash_of
+from orv_testbed.commands import Word, run
+from orv_testbed.layout import CELLULAR, ETHERNET, BoxError, Layout, misused
+from orv_testbed.machine import agent
+from orv_testbed.networks import Networks
+from orv_testbed.programs import TREE
+from orv_testbed.waiting import comes_within
+
+CERTIFICATES = "/etc/ssl/certs"
+BUNDLE = "ca-certificates.crt"
+CONNECT_CELLULAR = ("sh", "/opt/testbed/connect-cellular")
+SET_BEARER = ("dbus-send", "--system", "--print-reply=literal", "--dest=org.ofono", "/modem", "box.Control.Bearer")
+# Those that a machine carries out in its own way; what it cannot, it says.
+WORDS = frozenset(
+    "services exec cable cellular broker connman bus var-tmp authorities clock lease status wait-route".split()
+)
+
+
+class Board:
+    """A MIPS32 board in qemu."""
+
+    def __init__(self, layout: Layout, processes: BoxProcesses, networks: Networks) -> None:
+        self._layout, self._processes, self._networks = layout, processes, networks
+        self.folder = layout.machine
+
+    # ---- coming up
+
+    @staticmethod
+    def find_image() -> pathlib.Path:
+        """The folder with kernel, initrd.gz and disk.img, which is made when it is not there."""
+        if not shutil.which("qemu-system-mipsel"):
+            raise BoxError(f"qemu-system-mipsel is missing: run {TREE}/script/bootstrap machine")
+        if not pathlib.Path("/dev/net/tun").is_char_device():
+            raise BoxError("this machine has no /dev/net/tun")
+        made = subprocess.run([TREE / "script/lib/mipsel-gateway"], stdout=subprocess.PIPE, text=True, check=False)
+        if made.returncode != 0:
+            raise SystemExit(made.returncode)  # it has said why
+        return pathlib.Path(made.stdout.strip())
+
+    def make(self, image: pathlib.Path) -> None:
+        self.folder.mkdir()
+        for file in ("kernel", "initrd.gz", "disk.img"):
+            run("cp", "--sparse=always", image / file, self.folder)
+        self._layout.log("console").symlink_to("../machine/console")
+        (self.folder / "console").touch()
+
+    def give_authority(self) -> None:
+        """The machine trusts Debian's authorities, and the cloud's: in the bundle and under its hash."""
+        disk, bundle = self.folder / "disk.img", self.folder / BUNDLE
+        authority = self._layout.certificates / "ca.pem"
+        self._debugfs(disk, "-R", f"cat {CERTIFICATES}/{BUNDLE}", into=bundle)
+        with bundle.open("a", encoding="utf-8") as everyone:
+            everyone.write(authority.read_text(encoding="ascii"))
+        changes = (
+            f"rm {CERTIFICATES}/{BUNDLE}",
+            f"write {bundle} {CERTIFICATES}/{BUNDLE}",
+            f"write {authority} {CERTIFICATES}/gateway-box-ca.pem",
+            f"symlink {CERTIFICATES}/{hash_of(authority)}.0 gateway-box-ca.pem",
+        )
+        self._debugfs(disk, "-w", "-f", "/dev/stdin", told="\n".join(changes) + "\n")
+
+    def _debugfs(self, disk: Word, *words: str, into: pathlib.Path | None = None, told: str = "") -> None:
+        log = self._layout.log("debugfs")
+        with log.open("ab") as said, (into or log).open("ab") as output:
+            command = ["debugfs", *words, disk]
+            done = subprocess.run(command, input=told.encode(), stdout=output, stderr=said, check=False)
+        if done.returncode != 0:
+            raise BoxError(f"the machine's disk cannot be changed, see {log}")
+
+    def start(self, *clock: str) -> None:
+        sides = (self._networks.provider(side).name for side in (ETHERNET, CELLULAR))
+        command = self._networks.gateway.command(*PYTHON, "orv_testbed.machine.power", self.folder, *sides, *clock)
+        self._processes.start("gateway", command)
+        if not comes_within(20, (self.folder / "agent").is_socket):
+            raise BoxError(f"qemu does not start, see {self._layout.log('gateway')}")
+
+    def wait(self) -> None:
+        """The guest agent comes up with the system; the services may still be starting."""
+        if not comes_within(300, lambda: not self._is_on() or self._does("true")) or not self._is_on():
+            console = (self.folder / "console").read_text(encoding="utf-8", errors="replace").splitlines()
+            raise BoxError("the machine does not come up; its console: " + "\n".join(console[-20:]))
+        # As on the box, the cellular service is connected once; from then on ConnMan does it by itself.
+        if not comes_within(200, lambda: self._does(*CONNECT_CELLULAR)):
+            raise BoxError("the machine's ConnMan does not connect its cellular service")
+
+    def _is_on(self) -> bool:
+        return self._processes.alive("gateway")
+
+    def _does(self, *command: str) -> bool:
+        try:
+            return self._is_on() and agent.run(self.folder, *command, seconds=300).status == 0
+        except agent.AgentError:
+            return False
+
+    # ---- the box's words
+
+    def do(self, word: str, *words: str) -> None:
+        match (word, *words):
+            case ("exec", _, *_):
+                self.become(*words)
+            case ("services",):
+                self.become("/usr/bin/python3", "/opt/testbed/services.py")
+            case ("cable", "out" | "in"):
+                agent.monitor(self.folder, "set_link", name="card-eth", up=words[0] == "in")
+            case ("cellular", "out" | "in"):
+                if not self._does(*SET_BEARER, f"boolean:{str(words[0] == 'in').lower()}"):
+                    raise BoxError("the modem does not answer")
+            case _:
+                can = 'not on a machine; see what "box exec systemctl" can do there'
+                raise BoxError(f"{' '.join((word, *words))}: {can}")
+
+    def become(self, *command: str) -> None:
+        """Ends this process with what a command on the machine comes to."""
+        raise SystemExit(agent.print_outcome(self.folder, *command))
+
+    def power(self, state: str = "", *clock: str) -> None:
+        if not self._layout.has_machine():
+            raise BoxError("power: only a machine has that")
+        if state == "cut":
+            self._processes.end("gateway", signal.SIGKILL)
+        elif state == "on" and len(clock) <= 1:
+            if self._is_on():
+                raise BoxError("the power is on")
+            (self.folder / "agent").unlink(missing_ok=True)
+            self.start(*clock)
+        else:
+            misused("power", "power cut|on [TIME of the clock]")

@@ -1,0 +1,183 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The network namespaces of a box, the cables between them, and the two providers."""
+from __future__ import annotations
+
+import contextlib
+import fcntl
+import os
+import pathlib
+import subprocess
+import sys
+from collections.abc import Iterator
+
+from orv_testbed.box_processes import BoxProcesses
+from orv_testbed.commands import is_mount_point, run, succeeds
+from orv_testbed.layout import CELLULAR, CLOUD_ADDRESS, CLOUD_NAME, ETHERNET, SIDES, BoxError, Layout, Side
+from orv_testbed.waiting import comes_within
+
+RUN = pathlib.Path("/run")
+NETNS = RUN / "netns"
+# The first namespace leaves /run/netns mounted on itself. A box that finds it otherwise notes so; the last one unmounts it.
+NOTE = RUN / "orv-box-netns"
+LOCK_PATIENCE = 30  # seconds
+GATEWAYS_CARDS = ((ETHERNET, "eth0", "02:00:00:00:0a:01"), (CELLULAR, "wwan0", "02:00:00:00:0b:01"))
+
+
+class Namespace:
+    def __init__(self, name: str) -> None:
+        self.name = name
+
+    def ip(self, line: str) -> str:
+        return run("ip", "-n", self.name, *line.split())
+
+    def command(self, *words: str | pathlib.Path) -> list[str | pathlib.Path]:
+        return ["ip", "netns", "exec", self.name, *words]
+
+    def listens(self, port: int) -> bool:
+        return bool(run(*self.command("ss", "-Hltn", f"sport = :{port}")))
+
+    def has(self, interface: str) -> bool:
+        return succeeds("ip", "-n", self.name, "link", "show", "dev", interface)
+
+    def flags(self, interface: str) -> list[str]:
+        """Such as UP and LOWER_UP, which is the carrier."""
+        line = self.ip(f"-o link show dev {interface}")
+        return line[line.index("<") + 1 : line.index(">")].split(",")
+
+    def filter(self, table: str, *chains: str) -> None:
+        """Puts a table of packet filters in place, instead of one of that name."""
+        lines = [f"table inet {table}", f"delete table inet {table}", f"table inet {table} {{", *chains, "}"]
+        run(*self.command("nft", "-f", "-"), told="\n".join(lines) + "\n")
+
+    def pids(self) -> list[str]:
+        """Of everything that runs in it; none when it is not there."""
+        done = subprocess.run(["ip", "netns", "pids", self.name], text=True, capture_output=True, check=False)
+        return done.stdout.split()
+
+    def unfilter(self, table: str) -> None:
+        succeeds(*self.command("nft", "delete", "table", "inet", table))
+
+
+@contextlib.contextmanager
+def boxes_locked() -> Iterator[bool]:
+    """Keeps other boxes from coming up and going down; gives whether that succeeded."""
+    handle = os.open(RUN, os.O_RDONLY | os.O_DIRECTORY)
+
+    def locked() -> bool:
+        try:
+            fcntl.flock(handle, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except BlockingIOError:
+            return False
+        return True
+
+    try:
+        yield comes_within(LOCK_PATIENCE, locked)
+    finally:
+        os.close(handle)
+
+
+class Networks:
+    def __init__(self, layout: Layout, processes: BoxProcesses) -> None:
+        self._layout, self._processes = layout, processes
+        self.gateway = Namespace(f"{layout.name}-gw")
+        self.providers = {side.name: Namespace(f"{layout.name}-{side.name}") for side in SIDES.values()}
+        self.cloud = Namespace(f"{layout.name}-cloud")
+        self.all = [self.gateway, *self.providers.values(), self.cloud]
+
+    def provider(self, side: Side) -> Namespace:
+        return self.providers[side.name]
+
+    def check(self) -> None:
+        for namespace in self.all:
+            if (NETNS / namespace.name).exists():
+                raise BoxError(
+                    f"there is a namespace {namespace.name} already: choose another name in ORV_BOX, or end what it belongs "
+                    f"to (a box of this name whose folder is not {self._layout.state}?): {self._layout.command} down"
+                )
+
+    def make(self, taps: bool) -> None:
+        """`taps`: the gateway is a machine, whose network cards are plugged in at the providers."""
+        self._add()
+        for namespace in self.all:
+            namespace.ip("link set lo up")
+        for side, interface, address in GATEWAYS_CARDS:
+            if taps:
+                run(*self.provider(side).command("ip", "tuntap", "add", "dev", "lan", "mode", "tap"))
+            else:
+                self._make_cable(self.gateway, interface, self.provider(side), "lan", address)
+                # Without this the kernel leaves UDP checksums to the "hardware", and ConnMan's DHCP client drops the answers.
+                run(*self.provider(side).command("ethtool", "-K", "lan", "tx", "off"))
+        self.cloud.ip(f"addr add {CLOUD_ADDRESS}/32 dev lo")
+        for side in SIDES.values():
+            self._make_cable(self.provider(side), "up", self.cloud, side.name)
+            self.cloud.ip(f"addr add {side.uplink}.2/30 dev {side.name}")
+            self.cloud.ip(f"link set dev {side.name} up")
+            self.cloud.ip(f"route add {side.net}.0/24 via {side.uplink}.1")
+            self._make_provider(side)
+
+    def _add(self) -> None:
+        with boxes_locked() as locked:
+            if not locked:
+                raise BoxError(f"another box is coming up or going down for {LOCK_PATIENCE} s")
+            if not is_mount_point(NETNS):
+                NOTE.write_text("found\n" if NETNS.is_dir() else "made\n", encoding="ascii")
+            for namespace in self.all:
+                run("ip", "netns", "add", namespace.name)
+
+    def remove(self) -> None:
+        with boxes_locked() as locked:
+            if not locked:
+                print(f"box: another box is coming up or going down for {LOCK_PATIENCE} s", file=sys.stderr)
+            for namespace in self.all:
+                succeeds("ip", "netns", "del", namespace.name)
+            if not NOTE.exists() or (NETNS.is_dir() and any(NETNS.iterdir())):
+                return
+            while is_mount_point(NETNS):
+                if not succeeds("umount", "-n", NETNS):
+                    return
+            if NOTE.read_text(encoding="ascii").strip() != "found":
+                NETNS.rmdir()
+            NOTE.unlink()
+
+    @staticmethod
+    def _make_cable(one: Namespace, interface: str, other: Namespace, far: str, mac: str | None = None) -> None:
+        run("ip", *f"link add name {interface} netns {one.name} type veth peer name {far} netns {other.name}".split())
+        if mac:
+            one.ip(f"link set {interface} address {mac}")
+
+    def _make_provider(self, side: Side) -> None:
+        """A router with DHCP and a name server of its own, which only its own customers reach."""
+        namespace = self.provider(side)
+        namespace.ip(f"addr add {side.name_server}/32 dev lo")
+        namespace.ip(f"addr add {side.net}.1/24 dev lan")
+        namespace.ip(f"addr add {side.uplink}.1/30 dev up")
+        namespace.ip("link set dev lan up")
+        namespace.ip("link set dev up up")
+        namespace.ip(f"route add {CLOUD_ADDRESS}/32 via {side.uplink}.2")
+        # A provider forwards only its own customers' addresses.
+        run(*namespace.command("sysctl", "-qw", "net.ipv4.ip_forward=1", "net.ipv4.conf.lan.rp_filter=1"))
+        self.start_names(side)
+
+    def start_names(
+        self, side: Side, lie: str | None = None, about: str | None = None, first: str | None = None
+    ) -> None:
+        """A provider's DHCP and name server. It lies about one name or all, or gives the cloud's name a `first` address."""
+        answers = ["--local=/test/"]
+        if lie and not about:
+            answers = [f"--address=/#/{lie}"]
+        elif about != CLOUD_NAME:  # its record would be told before the lie
+            addresses = [first, CLOUD_ADDRESS] if first else [CLOUD_ADDRESS]
+            answers += ["--no-round-robin", *(f"--host-record={CLOUD_NAME},{address}" for address in addresses)]
+        if about:
+            answers += [f"--address=/{about}/{lie}"]
+        namespace = self.provider(side)
+        options = ["--keep-in-foreground", "--conf-file=/dev/null", "--user=root", "--pid-file=", "--no-resolv"]
+        options += ["--no-hosts", "--interface=lan", "--interface=lo", "--bind-interfaces", "--dhcp-authoritative"]
+        options += ["--no-ping", f"--dhcp-range={side.net}.100,{side.net}.200,255.255.255.0,1h"]
+        options += [f"--dhcp-leasefile={self._layout.state}/leases-{namespace.name}"]
+        options += [f"--dhcp-option=option:router,{side.net}.1", f"--dhcp-option=option:dns-server,{side.name_server}"]
+        name = f"names-{side.name}"
+        command = namespace.command("dnsmasq", *options, *answers, "--log-facility=-", "--log-queries")
+        self._processes.start(name, command)
+        if not comes_within(5, lambda: namespace.listens(53)):
+            raise BoxError(f"the name server of {side.name} does not start, see {self._layout.log(name)}")

@@ -1,0 +1,73 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What is going on in a box."""
+from __future__ import annotations
+
+import sys
+from collections.abc import Iterable
+
+from orv_testbed.box_processes import BoxProcesses
+from orv_testbed.gateway import Gateway
+from orv_testbed.layout import BoxError, Layout
+from orv_testbed.networks import Namespace
+from orv_testbed.waiting import comes_within
+
+ORDINARY = ("lookup local", "lookup main", "lookup default")
+SHOWN_LINES = 10
+
+
+class Report:
+    def __init__(self, layout: Layout, processes: BoxProcesses, gateway: Gateway) -> None:
+        self._layout, self._processes, self._gateway = layout, processes, gateway
+        self._namespace: Namespace = gateway.namespace
+
+    def services(self) -> None:
+        services = self._gateway.services()
+        if services is None:
+            raise BoxError("ConnMan does not answer")
+        print(services, end="")
+
+    def status(self) -> None:
+        for process in self._processes.names():
+            pid = self._processes.pid_of(process)
+            print(f"{process}: " + ("not running" if pid is None else f"pid {pid}"))
+        print("services, in ConnMan's order:")
+        self._indented((self._gateway.services() or "ConnMan does not answer").splitlines())
+        print("routes:")
+        self._indented(self._namespace.ip("route").splitlines())
+        rules = self._namespace.ip("rule").splitlines()
+        self._indented(f"rule {rule}" for rule in rules if not any(word in rule for word in ORDINARY))
+        print("name servers:")
+        known = (self._layout.gateway_root / "run/connman/resolv.conf").read_text(encoding="utf-8").splitlines()
+        self._indented(line.removeprefix("nameserver").strip() for line in known if line.startswith("nameserver"))
+
+    @staticmethod
+    def _indented(lines: Iterable[str]) -> None:
+        for line in lines:
+            print(f"  {line}")
+
+    def log(self, *names: str) -> None:
+        folder = self._layout.log("")
+        there = sorted(log.name for log in folder.iterdir())
+        if not names:
+            print("\n".join(there))
+        elif names[0] not in there:
+            raise BoxError(f"there is no log of {names[0]}; there are: {' '.join(there)}")
+        else:
+            sys.stdout.write((folder / names[0]).read_text(encoding="utf-8", errors="replace"))
+
+    def show_logs(self) -> None:
+        """The end of each log that says something: the folder goes away with the box."""
+        folder = self._layout.log("")
+        for log in sorted(folder.iterdir()) if folder.is_dir() else ():
+            for line in log.read_text(encoding="utf-8", errors="replace").splitlines()[-SHOWN_LINES:]:
+                print(f"box: {log.name}: {line}", file=sys.stderr)
+
+    def wait_route(self, interface: str, seconds: str = "10") -> None:
+        def routes() -> str:
+            return self._namespace.ip("route show default")
+
+        def leads_over() -> bool:
+            return any(interface in line.split()[1:] for line in routes().splitlines())
+
+        if not comes_within(int(seconds), leads_over):
+            raise BoxError(f"the default route does not lead over {interface} after {seconds} s: {routes()}")
