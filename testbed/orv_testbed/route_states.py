@@ -1,6 +1,17 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What the route supervision writes into the log when it enters a state, and which state that is."""
+"""The states of the route supervision, and what it writes into the log when it enters one."""
 from __future__ import annotations
+
+# In the order of a fail-over and the return from it.
+STATES = [
+    "ETHERNET_ACTIVE",
+    "ETHERNET_LOST_DELAY",
+    "POKING_CELLULAR",
+    "SWITCHING_TO_CELLULAR",
+    "CELLULAR_ACTIVE",
+    "SWITCHING_TO_ETHERNET",
+    "ETHERNET_SETTLE_DELAY",
+]
 
 ENTERED = [
     ("eth cloud lost, start delay to cell", "ETHERNET_LOST_DELAY"),

@@ -12,16 +12,6 @@ from orv_testbed.topics import INHIBIT_DNS
 from orv_testbed.waiting import SLACK, wait_until
 from orv_testbed.wire import Witness
 
-STATES = [
-    "ETHERNET_ACTIVE",
-    "ETHERNET_LOST_DELAY",
-    "POKING_CELLULAR",
-    "SWITCHING_TO_CELLULAR",
-    "CELLULAR_ACTIVE",
-    "SWITCHING_TO_ETHERNET",
-    "ETHERNET_SETTLE_DELAY",
-]
-
 # Warnings that belong to every run: the echo of the own status, a connection to the cloud that comes and goes, a poke over
 # a path that is dead.
 EVERYDAY = (

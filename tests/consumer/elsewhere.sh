@@ -3,26 +3,9 @@
 # elsewhere.sh BUILD COMPILER
 #   Installs a build to another prefix than it was configured for, then builds README's program against that by CMake and by
 #   pkg-config, against the build folder by CMake, and as README tells; each must start and say that there is no broker.
-set -eu
-export CMAKE_GENERATOR=Ninja # make need not be there
+# shellcheck source=tests/consumer/head.sh
+. "$(dirname "$0")/head.sh"
 
-tree=$(cd "$(dirname "$0")/../.." && pwd)
-build=$1
-compiler=$2
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-fail() {
-    echo "elsewhere.sh: $*" >&2
-    exit 1
-}
-quietly() {
-    "$@" >"$work/log" 2>&1 || {
-        cat "$work/log" >&2
-        fail "failed: $*"
-    }
-}
-
-quietly cmake --install "$build" --prefix "$work/prefix"
 outside=$(grep -E '^-- (Installing|Up-to-date): ' "$work/log" | grep -vF ": $work/prefix" || true)
 [ -z "$outside" ] || fail "installed outside of the prefix: $outside"
 for settings in gateway.ini gateway-app.ini; do

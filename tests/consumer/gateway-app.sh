@@ -3,25 +3,9 @@
 # gateway-app.sh BUILD COMPILER
 #   Installs a build to a prefix of its own, copies the reference application out of the tree, builds the copy against that and
 #   starts it.
-set -eu
-export CMAKE_GENERATOR=Ninja # make need not be there
+# shellcheck source=tests/consumer/head.sh
+. "$(dirname "$0")/head.sh"
 
-tree=$(cd "$(dirname "$0")/../.." && pwd)
-build=$1
-compiler=$2
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-fail() {
-    echo "gateway-app.sh: $*" >&2
-    exit 1
-}
-quietly() {
-    "$@" >"$work/log" 2>&1 || {
-        cat "$work/log" >&2
-        fail "failed: $*"
-    }
-}
-quietly cmake --install "$build" --prefix "$work/prefix"
 cp -r "$tree/apps/gateway-app" "$work/copy"
 quietly cmake -S "$work/copy" -B "$work/build" -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_PREFIX_PATH="$work/prefix"
 quietly cmake --build "$work/build" --parallel 2

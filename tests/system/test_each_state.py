@@ -4,7 +4,8 @@ from __future__ import annotations
 
 import pytest
 
-from orv_testbed.scene import STATES, Scene
+from orv_testbed.route_states import STATES
+from orv_testbed.scene import Scene
 from orv_testbed.topics import GREEN
 from orv_testbed.waiting import SLACK, wait_until
 
