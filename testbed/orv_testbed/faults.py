@@ -136,9 +136,16 @@ class Faults:
             # ConnMan asks for a lease when the link comes up.
             if self._has_carrier("eth0") and not gateway.ip("-4 -o addr show dev eth0 scope global"):
                 self.cable("out")
+                # Of a carrier that is gone for a moment it hears nothing.
+                if not comes_within(5, self._connman_has_no_ethernet):
+                    raise BoxError(f"ConnMan does not notice the cable, see {self._layout.log('connman')}")
                 self.cable("in")
         else:
             misused("lease", "lease eth end|back")
+
+    def _connman_has_no_ethernet(self) -> bool:
+        services = self._gateway.services()  # None while it is stopped or frozen
+        return services is None or not any(line.startswith("eth0 ") for line in services.splitlines())
 
     # ---- the gateway's interfaces
 
