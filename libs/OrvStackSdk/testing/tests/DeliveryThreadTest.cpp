@@ -52,6 +52,7 @@ TEST_F(AGatewayWithADeliveryThread, HasDeliveredEverythingBeforeTimeMoves) {
     });
     for (int round = 0; round < 50; ++round)
         gateway.Advance(100ms);
+    const std::lock_guard<std::mutex> lock(mutex); // Advance orders nothing between the threads, so that races show
     Lines steps;
     for (const auto& line : happened)
         if (line.find("step") != std::string::npos)
