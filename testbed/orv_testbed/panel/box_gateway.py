@@ -12,7 +12,7 @@ from orv_testbed.panel.faults import FaultDesk
 from orv_testbed.panel.hub import Hub
 from orv_testbed.programs import program
 
-LOOK = 0.2  # seconds between two looks at the log
+LOOK = 0.05  # seconds between two looks at the log
 
 
 def attached(name: str) -> Box:

@@ -123,7 +123,8 @@ function showTopic({ topic, payload, bytes, retained }) {
   let row = topicRows.get(topic);
   if (!row) {
     row = html("tr", {}, html("td"), html("td"), html("td"));
-    row.firstChild.textContent = topic;
+    // A long topic is broken behind its separators.
+    row.firstChild.append(...topic.split(/(?<=[/_])/).flatMap((word) => [word, html("wbr")]));
     topicRows.set(topic, row);
     byId("topics").append(row);
   }

@@ -55,7 +55,9 @@ export class Timeline {
     const redraw = () => this.draw();
     new ResizeObserver(redraw).observe(parent);
     this.dark.addEventListener("change", redraw);
+    document.addEventListener("visibilitychange", redraw);
     setInterval(() => { if (this.pausedAt === null && !document.hidden) this.draw(); }, 250);
+    this.draw();
   }
 
   get span() { return SPANS[this.zoom]; }
@@ -140,14 +142,26 @@ export class Timeline {
         root.append(this.bar(lane, value, x(from), x(to), y + offset, ink, write));
       }
     });
-    this.events.filter((event) => event.mark && event.t >= begin && event.t <= end).forEach((event, number) => {
-      const at = x(event.t);
-      const y = 14 + 16 * (number % 2);
-      const anchor = at > width - 170 ? "end" : "start";
-      root.append(svg("line", { x1: at, y1: y + 4, x2: at, y2: bottom, stroke: ink.mark, "stroke-dasharray": "3 3" }));
-      root.append(write([at + (anchor === "end" ? -5 : 5), y], ink.mark, event.mark, { "text-anchor": anchor }));
-    });
+    this.marks(root, begin, end, x, { ink, width, bottom, write });
     return root;
+  }
+
+  marks(root, begin, end, x, { ink, width, bottom, write }) {
+    const taken = [0, 0]; // up to where each of the two rows is written
+    for (const event of this.events.filter((one) => one.mark && one.t >= begin && one.t <= end)) {
+      const at = x(event.t);
+      const room = 6.6 * event.mark.length + 12;
+      const from = at + room > width ? at - room : at;
+      const row = taken.findIndex((used) => used <= from);
+      const title = svg("title");
+      title.textContent = event.mark;
+      root.append(svg("line", { x1: at, y1: row === 1 ? 34 : 18, x2: at, y2: bottom, stroke: ink.mark,
+        "stroke-dasharray": "3 3" }, title));
+      if (row < 0) continue; // the line alone, where there is no room
+      taken[row] = from + room;
+      root.append(write([from === at ? at + 5 : at - 5, 14 + 16 * row], ink.mark, event.mark,
+        { "text-anchor": from === at ? "start" : "end" }));
+    }
   }
 
   bar(lane, value, from, to, y, ink, write) {
