@@ -8,6 +8,9 @@
 #include <algorithm>
 #include <array>
 #include <locale>
+#include <memory>
+#include <new>
+#include <pthread.h>
 #include <streambuf>
 #include <utility>
 
@@ -93,11 +96,6 @@ using Record = LogObject::Record;
 /// Two, because a value being streamed may log itself.
 class SpareRecords {
 public:
-    SpareRecords() noexcept = default;
-    ~SpareRecords();
-    SpareRecords(const SpareRecords&) = delete;
-    SpareRecords& operator=(const SpareRecords&) = delete;
-
     std::unique_ptr<Record> Take() noexcept {
         for (auto& spare : spares)
             if (spare)
@@ -119,18 +117,37 @@ private:
     std::array<std::unique_ptr<Record>, 2> spares;
 };
 
-// Has no destructor, so it can still be asked when the spares of an ending thread are gone.
+// Neither has a destructor: where there is no memory to register one, the process would be ended. A thread that ends
+// gives its spares back by the key below, after the destructors of its other objects.
+thread_local SpareRecords* threadsSpares = nullptr;
 thread_local bool sparesAreGone = false;
 
-SpareRecords::~SpareRecords() {
-    sparesAreGone = true;
-}
+class SparesKey {
+public:
+    SparesKey() noexcept : isMade(pthread_key_create(&key, Release) == 0) {}
 
-SpareRecords* ThisThreadsSpares() {
-    if (sparesAreGone)
-        return nullptr;
-    thread_local SpareRecords spares;
-    return &spares;
+    bool Keep(const SpareRecords* spares) const noexcept { return isMade && pthread_setspecific(key, spares) == 0; }
+
+private:
+    static void Release(void* spares) noexcept {
+        threadsSpares = nullptr;
+        sparesAreGone = true;
+        delete static_cast<SpareRecords*>(spares);
+    }
+
+    pthread_key_t key{};
+    const bool isMade;
+};
+
+/// Null where there is no memory for them, too.
+SpareRecords* ThisThreadsSpares() noexcept {
+    static const SparesKey key;
+    if (threadsSpares != nullptr || sparesAreGone)
+        return threadsSpares;
+    auto spares = std::unique_ptr<SpareRecords>(new (std::nothrow) SpareRecords);
+    if (spares && key.Keep(spares.get()))
+        threadsSpares = spares.release();
+    return threadsSpares;
 }
 
 std::unique_ptr<Record> OpenRecord(const std::string& logger, LogLevel level, const char* tag) {
