@@ -108,15 +108,17 @@ bool ConnmanClient::IsRunning() {
     if (!shared->waker.Open())
         return false; // no descriptor to be had; the next call tries again
     try {
+        // Made here: on the thread nobody could be told that there is no memory for it.
+        auto made = std::make_unique<ConnmanRunner>(shared, busAddress, limits, role);
         const AllSignalsBlocked blocked;
-        thread = std::make_unique<std::thread>(
-            [runnersShared = shared, address = busAddress, runnersLimits = limits, runnersRole = role] {
-                ConnmanRunner(runnersShared, address, runnersLimits, runnersRole).Run();
-                runnersShared->End();
-            });
+        thread = std::make_unique<std::thread>([runnersShared = shared, runner = std::move(made)]() mutable {
+            runner->Run();
+            runner.reset();
+            runnersShared->End();
+        });
         return true;
     } catch (const std::exception&) {
-        return false; // no thread to be had; the next call tries again
+        return false; // no thread or no memory to be had; the next call tries again
     }
 }
 
