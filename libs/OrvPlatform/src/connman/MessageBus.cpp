@@ -14,11 +14,15 @@ using LibdbusLock = std::lock_guard<std::mutex>;
 
 constexpr const char* GONE = "the bus is gone";
 
-std::string TextOf(DBusError& error) {
-    std::string text = error.message ? error.message : "unknown error";
-    dbus_error_free(&error);
-    return text;
-}
+/// Released whatever happens: the copy of its text may find no memory.
+struct BusError : DBusError {
+    BusError() : DBusError DBUS_ERROR_INIT {}
+    ~BusError() { dbus_error_free(this); }
+    BusError(const BusError&) = delete;
+    BusError& operator=(const BusError&) = delete;
+
+    std::string Text() const { return message ? message : "unknown error"; }
+};
 
 /// The callee's own answer, or the bus's word that the callee cannot be reached.
 bool IsAnswer(DBusMessage& message, DBusMessage& call, dbus_uint32_t serial) {
@@ -31,14 +35,14 @@ bool IsAnswer(DBusMessage& message, DBusMessage& call, dbus_uint32_t serial) {
 }
 
 MessageBus::Reply ReplyOf(DBusMessagePtr answer) {
-    DBusError error = DBUS_ERROR_INIT;
+    BusError error;
     if (!dbus_set_error_from_message(&error, answer.get()))
         return {std::move(answer), {}};
     const std::string name = error.name;
     const bool isOwnerless =
         dbus_message_has_sender(answer.get(), DBUS_SERVICE_DBUS) &&
         (name == DBUS_ERROR_SERVICE_UNKNOWN || name == DBUS_ERROR_NAME_HAS_NO_OWNER || name == DBUS_ERROR_NO_REPLY);
-    return {nullptr, name + ": " + TextOf(error), isOwnerless};
+    return {nullptr, name + ": " + error.Text(), isOwnerless};
 }
 
 unsigned Conditions(short events) {
@@ -89,7 +93,7 @@ std::string MessageBus::Address(const std::string& configured) {
 }
 
 std::string MessageBus::Open(const std::string& address, std::chrono::milliseconds limit) {
-    DBusError error = DBUS_ERROR_INIT;
+    BusError error;
     bool isReady = false;
     {
         const LibdbusLock lock(LibdbusMutex());
@@ -101,7 +105,7 @@ std::string MessageBus::Open(const std::string& address, std::chrono::millisecon
         }
     }
     if (!connection)
-        return TextOf(error);
+        return error.Text();
     DBusMessagePtr hello;
     if (isReady) {
         const LibdbusLock lock(LibdbusMutex());
