@@ -74,9 +74,9 @@ LogChannel& ProcessWide::Log() {
 
 LogChannel* ProcessWide::MakeLog() {
     const LoadedConfig& loaded = Settings();
-    auto* made = new LogChannel(ConfiguredOutput(loaded.config.log));
+    auto made = std::make_unique<LogChannel>(ConfiguredOutput(loaded.config.log));
     Report(loaded, *made);
-    return made;
+    return made.release();
 }
 
 void ProcessWide::BeforeFork() {

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <charconv>
 #include <climits>
+#include <memory>
 #include <numeric>
 #include <sys/un.h>
 
@@ -304,10 +305,10 @@ std::size_t Distance(std::string_view left, std::string_view right) {
 const std::vector<Setting>& Settings() {
     // Never destroyed, like the configuration itself.
     static const auto& all = *[] {
-        auto* settings = new std::vector<Setting>(BrokerSettings());
+        auto settings = std::make_unique<std::vector<Setting>>(BrokerSettings());
         for (const auto& part : {NetworkSettings(), GatewaySettings(), LogSettings()})
             settings->insert(settings->end(), part.begin(), part.end());
-        return settings;
+        return settings.release();
     }();
     return all;
 }
