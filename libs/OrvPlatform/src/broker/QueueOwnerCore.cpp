@@ -124,8 +124,8 @@ bool QueueOwner::Core::Open(const std::optional<LastWill>& will, Time deadline) 
         failure = fault;
         return false;
     }
-    if (!waker.IsOpen()) {
-        failure = "no descriptor left when this client was made";
+    if (!waker.Open()) {
+        failure = "no descriptor left";
         return false;
     }
     int error = MOSQ_ERR_SUCCESS;

@@ -103,7 +103,7 @@ private:
     void Flush() noexcept ORV_REQUIRES(mutex);
     void RecordRefusal(int status, const std::string& topic, std::size_t size) noexcept ORV_REQUIRES(mutex);
     void QueueEvent(OrvPlatform::Event::Kind kind) noexcept ORV_REQUIRES(mutex);
-    void Wake() const noexcept;
+    void Wake() const noexcept ORV_REQUIRES(mutex);
     static std::string Seconds(std::chrono::steady_clock::duration duration);
 
     /// In a child of the process that made this.
@@ -133,7 +133,6 @@ private:
     void WriteLog() noexcept ORV_REQUIRES(mutex); // releases it meanwhile
 
     // Fixed at construction.
-    OrvPlatform::Waker waker; // ends the delivery thread's poll
     const OrvPlatform::GatewayConfig::Broker settings;
     const std::string clientId;
     const std::string endpoint; // host:port or the socket, for the log
@@ -153,6 +152,7 @@ private:
     std::thread thread ORV_GUARDED_BY(mutex);
     std::thread::id threadId ORV_GUARDED_BY(mutex);
     unsigned threadNumber ORV_GUARDED_BY(mutex) = 0; // a thread with another number is to end
+    OrvPlatform::Waker waker ORV_GUARDED_BY(mutex);  // ends its poll; opened by Connect where there was no descriptor
     bool running ORV_GUARDED_BY(mutex) = false;
     bool serving ORV_GUARDED_BY(mutex) = false;    // it serves the connection, rather than a callback or the log
     int pollers ORV_GUARDED_BY(mutex) = 0;         // threads that the waker is to wake
