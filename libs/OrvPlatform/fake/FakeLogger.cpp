@@ -30,10 +30,13 @@ struct Logger::Source {
 namespace {
 
 std::atomic<int> lowestLevel{0};
+std::atomic<bool> failsNextRecord{false};
 
 LogObject Open(const Logger::Source& source, int level, const char* tag) {
     if (level < std::max<int>(source.level, lowestLevel))
         return LogObject(nullptr);
+    if (failsNextRecord.exchange(false))
+        throw std::bad_alloc();
     return LogObject(std::unique_ptr<LogObject::Record>(new LogObject::Record{source.name, level, tag, {}}));
 }
 
@@ -100,6 +103,10 @@ namespace OrvPlatformFake {
 
 void FakeLogger::SetLowestLevel(int level) {
     CommonUtils::lowestLevel = level;
+}
+
+void FakeLogger::FailNextRecord() {
+    CommonUtils::failsNextRecord = true;
 }
 
 } // namespace OrvPlatformFake

@@ -2,7 +2,8 @@
 #include "OrvRoutePoke.h"
 
 #include <cerrno>
-#include <glob.h>
+#include <dirent.h>
+#include <fnmatch.h>
 #include <net/if.h>
 #include <string_view>
 #include <sys/socket.h>
@@ -37,13 +38,14 @@ bool AuthoritiesAreHashed() {
     if (!libcurl || libcurl->age < CURLVERSION_SEVENTH || !libcurl->capath || !libcurl->ssl_version ||
         std::string_view(libcurl->ssl_version).substr(0, 8) != "OpenSSL/")
         return false;
-    std::string pattern(libcurl->capath);
-    pattern += "/????????.0";
-    glob_t certificates;
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): it is unsafe only where it expands a tilde
-    const bool found = glob(pattern.c_str(), GLOB_NOSORT, nullptr, &certificates) == 0;
-    if (found)
-        globfree(&certificates);
+    // Not by glob(): without memory glibc's may release its list twice.
+    DIR* folder = opendir(libcurl->capath);
+    bool found = false;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody else reads this opened folder
+    for (const dirent* entry = nullptr; folder && !found && (entry = readdir(folder));)
+        found = fnmatch("????????.0", entry->d_name, FNM_PERIOD) == 0;
+    if (folder)
+        closedir(folder);
     return found;
 #else
     return false;
@@ -101,13 +103,19 @@ bool OrvRoutePoke::Step() {
         logger.Error() << "ERROR Setup Poke";
         return false;
     }
-    int running = 0;
-    if (curl_multi_perform(multiHandle, &running) != CURLM_OK) {
-        logger.Error() << "curl multi perform error";
+    try {
+        int running = 0;
+        if (curl_multi_perform(multiHandle, &running) != CURLM_OK) {
+            logger.Error() << "curl multi perform error";
+            Stop();
+            return false;
+        }
+        return running == 0 && ReadResult();
+    } catch (...) {
+        // No memory to say how it ended: an attempt that has ended and is kept would be waited for without end.
         Stop();
-        return false;
+        throw;
     }
-    return running == 0 && ReadResult();
 }
 
 bool OrvRoutePoke::ReadResult() {
