@@ -66,7 +66,7 @@ def test_a_fail_over_and_the_return_are_driven_and_seen_in_the_page(page: Page) 
     page.wait(
         lambda: [way for way in page.bars("default route") if way != "none"][-2:] == ["eth0", "wwan0"], "the routes"
     )
-    assert "provider eth dead" in page.all("#timeline text")
+    assert "provider eth dead" in page.all("#timeline line > title")
     moves = [
         words for words in page.all("#decisions span") if words.startswith("Route moved from Ethernet to Cellular")
     ]
@@ -273,7 +273,7 @@ def test_a_timeline_that_is_paused_stands_still_and_is_saved_as_it_is(page: Page
     assert saved.tag == f"{SVG}svg" and {"route state", "green LED", "cloud connection"} <= set(texts)
     assert "var(" not in file.read_text(encoding="utf-8")
     page.browser.run("document.getElementById('pause').click()")
-    page.wait(lambda: "loss cell 10" in page.all("#timeline text"), "the mark, now that time goes on")
+    page.wait(lambda: "loss cell 10" in page.all("#timeline line > title"), "the mark, now that time goes on")
 
 
 def test_a_screen_reader_is_told_what_is_drawn_and_what_changes(page: Page) -> None:
