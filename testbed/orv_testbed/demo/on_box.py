@@ -232,9 +232,9 @@ class BoxDemo:
                 faults.append(f"{path} is not as it must be")
         return faults
 
-    def draw(self, folder: pathlib.Path) -> None:
+    def draw(self, folder: pathlib.Path, name: str = "demo") -> None:
         folder.mkdir(parents=True, exist_ok=True)
-        events, picture, raster = (folder / f"demo.{kind}" for kind in ("jsonl", "svg", "png"))
+        events, picture, raster = (folder / f"{name}.{kind}" for kind in ("jsonl", "svg", "png"))
         with open(events, "w", encoding="utf-8") as file:
             file.writelines(json.dumps(event) + "\n" for event in self.run.events if event.get("lane") != "fault")
         timeline.main([str(events), str(picture)])
