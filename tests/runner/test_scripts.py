@@ -35,6 +35,7 @@ MISUSED = [
     "preset-test nonsense",
     "size nonsense",
     "test nonsense",
+    "torture nonsense",
 ]
 
 

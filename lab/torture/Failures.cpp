@@ -1,0 +1,290 @@
+// SPDX-License-Identifier: Apache-2.0
+// The calls themselves: defined in the program, they take precedence over those of every library that it loads.
+// AddressSanitizer's own stand behind them, so that it goes on watching.
+#include "torture/Failures.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sanitizer/common_interface_defs.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+namespace OrvLab {
+
+namespace {
+
+std::atomic<long> counts[CALLS];
+std::atomic<int> armed{-1};
+std::atomic<long> failsAt{0};
+std::atomic<bool> failsLater{false};
+std::atomic<long> failed{0};
+std::atomic<bool> tells{false};
+thread_local bool counted = false;
+
+/// This one is to fail.
+bool Fails(Call call, int error) {
+    if (!counted)
+        return false;
+    const long number = ++counts[static_cast<std::size_t>(call)];
+    if (armed != static_cast<int>(call) || number < failsAt || (number > failsAt && !failsLater))
+        return false;
+    if (failed++ == 0 && tells) {
+        const Tortured not_this(false);
+        std::fprintf(stderr, "%s number %ld fails:\n", NameOf(call), number);
+        __sanitizer_print_stack_trace();
+    }
+    errno = error;
+    return true;
+}
+
+template <typename Function>
+Function* Next(Function*, const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+struct Start {
+    void* (*routine)(void*);
+    void* argument;
+};
+
+} // namespace
+
+const char* NameOf(Call call) {
+    static const char* const names[] = {"new",  "malloc",  "socket", "connect", "send",  "receive",
+                                        "poll", "eventfd", "open",   "write",   "thread"};
+    return names[static_cast<std::size_t>(call)];
+}
+
+void Failures::Arm(Call call, long number, bool andAllLater) {
+    failsAt = number;
+    failsLater = andAllLater;
+    armed = static_cast<int>(call);
+}
+
+void Failures::Disarm() {
+    armed = -1;
+}
+
+void Failures::Reset() {
+    for (auto& count : counts)
+        count = 0;
+    failed = 0;
+}
+
+long Failures::Count(Call call) {
+    return counts[static_cast<std::size_t>(call)];
+}
+
+long Failures::Failed() {
+    return failed;
+}
+
+void Failures::TellWhere(bool tell) {
+    tells = tell;
+}
+
+Tortured::Tortured(bool isCounted) : before(counted) {
+    counted = isCounted;
+}
+
+Tortured::~Tortured() {
+    counted = before;
+}
+
+} // namespace OrvLab
+
+using OrvLab::Call;
+using OrvLab::Fails;
+
+#define ORV_REPLACES __attribute__((visibility("default")))
+// The real one, looked up without a lock: whoever comes first finds the same.
+#define ORV_REAL(name) static const auto real = OrvLab::Next(&::name, #name)
+
+// NOLINTBEGIN
+extern "C" {
+
+void* __interceptor_malloc(std::size_t size);
+void* __interceptor_calloc(std::size_t count, std::size_t size);
+void* __interceptor_realloc(void* memory, std::size_t size);
+void __interceptor_free(void* memory);
+int __interceptor_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*),
+                                 void* argument);
+
+ORV_REPLACES void* malloc(std::size_t size) {
+    return Fails(Call::MALLOC, ENOMEM) ? nullptr : __interceptor_malloc(size);
+}
+
+ORV_REPLACES void* calloc(std::size_t count, std::size_t size) {
+    return Fails(Call::MALLOC, ENOMEM) ? nullptr : __interceptor_calloc(count, size);
+}
+
+ORV_REPLACES void* realloc(void* memory, std::size_t size) {
+    return Fails(Call::MALLOC, ENOMEM) ? nullptr : __interceptor_realloc(memory, size);
+}
+
+ORV_REPLACES char* strdup(const char* text) {
+    const std::size_t size = std::strlen(text) + 1;
+    void* copy = malloc(size);
+    return static_cast<char*>(copy == nullptr ? nullptr : std::memcpy(copy, text, size));
+}
+
+ORV_REPLACES int socket(int family, int type, int protocol) {
+    ORV_REAL(socket);
+    return Fails(Call::SOCKET, EMFILE) ? -1 : real(family, type, protocol);
+}
+
+ORV_REPLACES int socketpair(int family, int type, int protocol, int pair[2]) {
+    ORV_REAL(socketpair);
+    return Fails(Call::SOCKET, EMFILE) ? -1 : real(family, type, protocol, pair);
+}
+
+ORV_REPLACES int connect(int socket, const sockaddr* address, socklen_t size) {
+    ORV_REAL(connect);
+    return Fails(Call::CONNECT, ENETUNREACH) ? -1 : real(socket, address, size);
+}
+
+ORV_REPLACES ssize_t send(int socket, const void* bytes, std::size_t size, int flags) {
+    ORV_REAL(send);
+    return Fails(Call::SEND, ECONNRESET) ? -1 : real(socket, bytes, size, flags);
+}
+
+ORV_REPLACES ssize_t sendmsg(int socket, const msghdr* message, int flags) {
+    ORV_REAL(sendmsg);
+    return Fails(Call::SEND, ECONNRESET) ? -1 : real(socket, message, flags);
+}
+
+ORV_REPLACES ssize_t recv(int socket, void* bytes, std::size_t size, int flags) {
+    ORV_REAL(recv);
+    return Fails(Call::RECEIVE, ECONNRESET) ? -1 : real(socket, bytes, size, flags);
+}
+
+ORV_REPLACES ssize_t recvmsg(int socket, msghdr* message, int flags) {
+    ORV_REAL(recvmsg);
+    return Fails(Call::RECEIVE, ECONNRESET) ? -1 : real(socket, message, flags);
+}
+
+ORV_REPLACES ssize_t read(int file, void* bytes, std::size_t size) {
+    ORV_REAL(read);
+    return Fails(Call::RECEIVE, EIO) ? -1 : real(file, bytes, size);
+}
+
+ORV_REPLACES int poll(pollfd* waits, nfds_t count, int milliseconds) {
+    ORV_REAL(poll);
+    return Fails(Call::POLL, ENOMEM) ? -1 : real(waits, count, milliseconds);
+}
+
+ORV_REPLACES int eventfd(unsigned first, int flags) {
+    ORV_REAL(eventfd);
+    return Fails(Call::EVENTFD, EMFILE) ? -1 : real(first, flags);
+}
+
+ORV_REPLACES int eventfd_write(int file, eventfd_t value) {
+    ORV_REAL(eventfd_write);
+    return real(file, value);
+}
+
+// With file offsets of 64 bits the names in this source stand for open64 and fopen64; these are the others.
+ORV_REPLACES int PlainOpen(const char* path, int flags, ...) __asm__("open");
+ORV_REPLACES FILE* PlainFopen(const char* path, const char* mode) __asm__("fopen");
+
+ORV_REPLACES int open(const char* path, int flags, ...) {
+    ORV_REAL(open);
+    va_list more;
+    va_start(more, flags);
+    const int mode = va_arg(more, int);
+    va_end(more);
+    return Fails(Call::OPEN, EMFILE) ? -1 : real(path, flags, mode);
+}
+
+ORV_REPLACES FILE* fopen(const char* path, const char* mode) {
+    ORV_REAL(fopen);
+    return Fails(Call::OPEN, EMFILE) ? nullptr : real(path, mode);
+}
+
+int PlainOpen(const char* path, int flags, ...) {
+    va_list more;
+    va_start(more, flags);
+    const int mode = va_arg(more, int);
+    va_end(more);
+    return open(path, flags, mode);
+}
+
+FILE* PlainFopen(const char* path, const char* mode) {
+    return fopen(path, mode);
+}
+
+ORV_REPLACES ssize_t write(int file, const void* bytes, std::size_t size) {
+    ORV_REAL(write);
+    return Fails(Call::WRITE, ENOSPC) ? -1 : real(file, bytes, size);
+}
+
+ORV_REPLACES ssize_t writev(int file, const iovec* pieces, int count) {
+    ORV_REAL(writev);
+    return Fails(Call::WRITE, ENOSPC) ? -1 : real(file, pieces, count);
+}
+
+ORV_REPLACES int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*),
+                                void* argument) {
+    if (!OrvLab::counted)
+        return __interceptor_pthread_create(thread, attributes, routine, argument);
+    if (Fails(Call::THREAD, EAGAIN))
+        return EAGAIN;
+    auto* start = static_cast<OrvLab::Start*>(__interceptor_malloc(sizeof(OrvLab::Start)));
+    *start = {routine, argument};
+    const auto run = [](void* given) -> void* {
+        const OrvLab::Start begin = *static_cast<OrvLab::Start*>(given);
+        __interceptor_free(given);
+        OrvLab::counted = true;
+        return begin.routine(begin.argument);
+    };
+    const int error = __interceptor_pthread_create(thread, attributes, run, start);
+    if (error != 0)
+        __interceptor_free(start);
+    return error;
+}
+}
+
+namespace {
+void* Take(std::size_t size) {
+    return Fails(Call::NEW, ENOMEM) ? nullptr : __interceptor_malloc(size == 0 ? 1 : size);
+}
+} // namespace
+
+ORV_REPLACES void* operator new(std::size_t size) {
+    if (void* memory = Take(size))
+        return memory;
+    throw std::bad_alloc();
+}
+ORV_REPLACES void* operator new[](std::size_t size) {
+    return operator new(size);
+}
+ORV_REPLACES void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return Take(size);
+}
+ORV_REPLACES void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+    return Take(size);
+}
+ORV_REPLACES void operator delete(void* memory) noexcept {
+    __interceptor_free(memory);
+}
+ORV_REPLACES void operator delete[](void* memory) noexcept {
+    __interceptor_free(memory);
+}
+ORV_REPLACES void operator delete(void* memory, std::size_t) noexcept {
+    __interceptor_free(memory);
+}
+ORV_REPLACES void operator delete[](void* memory, std::size_t) noexcept {
+    __interceptor_free(memory);
+}
+// NOLINTEND
