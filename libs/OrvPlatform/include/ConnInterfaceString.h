@@ -4,7 +4,7 @@
 #include <string>
 
 #pragma GCC visibility push(default)
-/// The path that carries the cloud connection, "Ethernet" or "Cellular"; empty until the route supervisor has seen one.
-/// One per process. Written by the route supervisor inside the application's Tick: read it on the thread that ticks.
+/// The path of the cloud connection, "Ethernet" or "Cellular"; empty until the route supervision has seen a connection.
+/// There is one for the process. The route supervision writes it inside Tick: read it on the thread that ticks.
 extern std::string ConnInterfaceString;
 #pragma GCC visibility pop

@@ -21,9 +21,9 @@ public:
     LogObject(const LogObject&) = delete;
     LogObject& operator=(const LogObject&) = delete;
 
-    /// Emits the record, as one line whatever was streamed into it: control characters and bytes that are not valid
-    /// UTF-8 are escaped, and what goes beyond 8192 bytes is cut. Never throws: a sink that fails loses the record, not
-    /// the program.
+    /// Emits the record as one line, whatever was streamed into it: control characters and bytes that are not valid
+    /// UTF-8 are escaped, and a record of more than 8192 bytes is cut. Never throws: if the sink fails, the record is
+    /// lost.
     ~LogObject();
 
     /// Appends a text.
@@ -51,13 +51,13 @@ private:
 };
 
 /// A named source of log records. Cheap to construct; any number may share a name.
-/// Every operation may be called from any thread, also during static destruction. None blocks longer than the sink
-/// does, none throws on account of the sink.
+/// Every operation may be called on any thread, even during static destruction. None blocks longer than the sink does,
+/// and none throws because of the sink.
 class Logger {
 public:
     /// @param level the least severe level that this logger emits: 0 trace, 1 debug, 2 info, 3 warning, 4 error,
-    ///              5 critical. The configuration, or ORV_LOG_LEVEL in the environment, may demand a higher one, for
-    ///              all loggers or for this one by its name, never a lower one.
+    ///              5 critical. The configuration, or ORV_LOG_LEVEL in the environment, may set a higher level for all
+    ///              loggers or for this one by its name, but never a lower one.
     Logger(const std::string& name, int level);
     ~Logger();
     /// The other one may only be assigned to or destroyed.

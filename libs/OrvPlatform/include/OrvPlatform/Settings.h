@@ -4,18 +4,18 @@
 #pragma GCC visibility push(default)
 namespace OrvPlatform {
 
-/// An addition of this tree's platform. Another platform may lack it, and with it this header: ask __has_include.
+/// Only this tree's platform has this function. Another platform may lack it and this header: use __has_include.
 ///
-/// Reads the levels of the log anew, by the rules of the start: `level` in `[log]` of the configuration, or its default
-/// where there is none, and ORV_LOG_LEVEL after it, which wins. They are in force at once, for every logger and every
-/// thread. Nothing else of the configuration is read anew.
+/// Reads the log levels again, by the rules of the start: `level` in `[log]` of the configuration, or its default, and
+/// ORV_LOG_LEVEL, which overrides both. The levels take effect at once, for every logger and every thread. Nothing else
+/// of the configuration is read again.
 ///
-/// Says what is in force now (level info, where it has changed). A file that is at fault anywhere, or cannot be read,
-/// changes nothing; its faults are reported as at the start, with their lines and what is valid.
+/// Logs the levels (at level info) if they have changed. If the file has any fault or cannot be read, the levels stay
+/// as they are, and the faults are reported as at the start, with their lines and the valid values.
 ///
-/// Callable from any thread, but from no signal handler. Reads a file, so it may take as long as the disk does. Never
+/// Callable on any thread, but not in a signal handler. May take as long as the disk needs to read a file. Never
 /// throws.
-/// @return false when the levels were left as they were because of a fault
+/// @return false when the levels stay as they were because of a fault
 bool ReloadLogLevels() noexcept;
 
 } // namespace OrvPlatform

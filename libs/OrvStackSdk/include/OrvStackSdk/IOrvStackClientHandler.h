@@ -7,31 +7,31 @@
 
 namespace OrvStackSdk {
 
-/// What an application is told. The application implements it and hands it to IOrvStackClient::SetHandler.
+/// The callbacks of a client. An application implements them and passes the object to IOrvStackClient::SetHandler.
 ///
-/// Threads: OnInitConfirmation runs inside Init, on the thread that called it. Everything else runs on the broker
-/// connection's delivery thread, one callback at a time, and may run while the application is inside a call of the
-/// client. A callback that takes its time delays the messages behind it. Every call of the client is allowed inside a
-/// callback, the release of the last pointer to it too.
+/// Threads: OnInitConfirmation runs inside Init, on the thread that called it. All other callbacks run on the broker
+/// connection's delivery thread, one at a time, and may run while the application is inside a call of the client. A
+/// slow callback delays the messages behind it. Every call of the client is allowed inside a callback, even the release
+/// of the last pointer to it.
 ///
-/// Exceptions must not leave a callback.
+/// No exception may leave a callback.
 class ORVSTACKSDK_EXPORT IOrvStackClientHandler {
 public:
     virtual ~IOrvStackClientHandler() = default;
 
-    /// The answer to Init: ACK when the broker was reached, NACK when not (call Init again to retry). It comes before
-    /// the subscriptions are made.
+    /// The answer to Init: ACK if the broker accepted the connection, otherwise NACK (call Init again to retry). It
+    /// comes before the subscriptions are made.
     virtual void OnInitConfirmation(const Confirmation& confirmation) = 0;
 
-    /// This application is ordered to do something. RELOAD does not come while the application is BOOTING: the client
-    /// refuses it and announces BOOTING again.
+    /// An action for this application has arrived. While the application is BOOTING, RELOAD is not passed on: the
+    /// client refuses it and announces BOOTING again.
     virtual void OnAppActionIndication(const AppAction& action) = 0;
 
-    /// Another application's status. Kept for the interface's sake, in this system it is not called: the session tells
-    /// the client of its own application's status only, and the client passes on only that of others.
+    /// Another application's status. This callback is never called: the session reports only its own application's
+    /// status to the client, and the client passes on only the status of others. It exists because it holds a slot.
     virtual void OnAppStatusIndication(const std::string& app, const AppStatus& status) = 0;
 
-    /// The panel has named itself.
+    /// The panel has reported its identifier.
     /// @param guid the panel's identifier, as it was received
     virtual void OnDeviceProbeIndication(const std::string& guid) = 0;
 

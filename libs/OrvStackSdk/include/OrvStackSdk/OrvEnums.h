@@ -6,8 +6,9 @@
 #include <iosfwd>
 #include <string>
 
-// Words that system headers (<resolv.h>, <arpa/ftp.h>, <linux/atmmpc.h>) and firmware take for macros. The macros are
-// back at the end of this header; code that names such an enumerator undefines its macro, but for NOERROR.
+// Some system headers (<resolv.h>, <arpa/ftp.h>, <linux/atmmpc.h>) and some firmware define these words as macros. They
+// are hidden here and restored at the end of this header. Code that uses such an enumerator must undefine the macro,
+// except for NOERROR.
 #pragma push_macro("ACK")
 #pragma push_macro("DISABLED")
 #pragma push_macro("ENABLED")
@@ -25,22 +26,22 @@
 #undef ON
 #undef RELOAD
 
-/// The words of the connected-services stack. Each value has one fixed text, which log lines show and messages carry.
-/// Numbers and texts never change.
+/// The values of the connected-services stack. Each has one fixed text, which log lines and messages contain. Numbers
+/// and texts never change.
 namespace OrvStackSdk {
 
-/// How a service fares.
+/// Whether a service works.
 enum class ServiceStatus : int { SERVICE_OK = 0, SERVICE_ERROR = 1 };
 
 /// The answer to IOrvStackClient::Init: ACK when the broker was reached.
 enum class Confirmation : int { ACK = 0, NACK = 1 };
 
-/// What an application can be ordered to do.
+/// The actions that an application can be asked to do.
 enum class AppAction : int { ENABLED = 0, DISABLED = 1, RELOAD = 2, UNSUPPORTED = 3 };
 
-/// What an application tells about itself. Texts are lower case but for "UNSUPPORTED".
-/// ns_r_noerror is no value of its own: it is what <resolv.h> makes of the word NOERROR, so that AppStatus::NOERROR can
-/// be written beside that header too.
+/// The states of an application. The texts are lower case, except for "UNSUPPORTED".
+/// ns_r_noerror is another name for NOERROR: <resolv.h> defines NOERROR as a macro with that replacement, and
+/// AppStatus::NOERROR compiles with that header, too.
 enum class AppStatus : int {
     SUPPORTED = 0,
     AVAILABLE = 1,
@@ -55,8 +56,8 @@ enum class AppStatus : int {
 /// The kind of a modem or SIM item; the item's value travels beside it as text.
 enum class CellularStatus : int { IMEI = 0, ICCID = 1, TECHNOLOGY = 2, PROVIDER = 3, STRENGTH = 4 };
 
-/// Panel commands. 1 to 5 are numbers that IOrvStackClient::PanelCommandRequest takes, DOALARMSILENCE for the alarm
-/// acknowledge; its numbers 6 and 7 have no enumerator here. COMMANDNAME is no command.
+/// Panel commands. The values 1 to 5 are numbers for IOrvStackClient::PanelCommandRequest; DOALARMSILENCE is its alarm
+/// acknowledge. Its numbers 6 and 7 have no enumerator here. COMMANDNAME is not a command.
 enum class PanelCommandStatus : int {
     COMMANDNAME = 0,
     DOALARMSILENCE = 1,
@@ -66,8 +67,8 @@ enum class PanelCommandStatus : int {
     DODATETIME = 5
 };
 
-/// Connectivity events that an application reports. Beware of the order: the cloud's "up" comes before its "down", the
-/// interfaces' "down" before their "up".
+/// Connectivity events that an application reports. Note the order of the values: for the cloud "connected" comes
+/// before "disconnected", for the interfaces "disconnected" comes first.
 enum class OrvEvent : int {
     CLOUD_CONNECTED = 0,
     CLOUD_DISCONNECTED = 1,

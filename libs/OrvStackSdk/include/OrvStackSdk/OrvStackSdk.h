@@ -10,11 +10,12 @@
 
 namespace OrvStackSdk {
 
-/// Makes a client, with a broker session and a route supervision of its own. The caller owns it.
+/// Makes a client with its own broker session and route supervision. The caller owns it.
 ///
-/// Connects the route supervision to the broker at once (waits at most 3 s) and asks the connection manager to prefer
-/// Ethernet. With a libcurl before 7.84 a process that uses threads calls curl_global_init() before its first Tick.
-/// @throws std::runtime_error "OrvRoute cannot connect to MQTT broker." when the broker cannot be reached; no client
+/// Connects the route supervision to the broker (waits at most 3 s), asks the connection manager to prefer Ethernet,
+/// and writes the status file. With a libcurl older than 7.84, a process with threads must call curl_global_init()
+/// before its first Tick.
+/// @throws std::runtime_error "OrvRoute cannot connect to MQTT broker." when the broker cannot be reached. No client
 ///         exists then, and the call may be repeated.
 ORVSTACKSDK_EXPORT std::shared_ptr<IOrvStackClient> CreateClient();
 
