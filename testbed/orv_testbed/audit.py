@@ -22,7 +22,7 @@ CLOCK_GRAIN = 0.001  # both logs have milliseconds
 
 
 def true_times(log: str, clocks: Clocks) -> Iterator[tuple[float, str]]:
-    """(time, line) of each line; `clocks`: by how many seconds the application's clock was off, from which place on."""
+    """(true time, line) of each line of the log."""
     place, remaining, off = 0, list(clocks), 0
     for line in log.splitlines(keepends=True):
         while remaining and remaining[0][0] <= place:
@@ -73,7 +73,7 @@ LOGGED_LATER = 0.5  # an order is on its way before the decision for it is logge
 
 
 def orders_without_a_decision(application: Application) -> list[str]:
-    """Orders that ConnMan has carried out although the supervision did not stand for that interface."""
+    """Orders that ConnMan has carried out although the supervision had not decided for that interface."""
     faults = []
     for interface, meanings in DECISIONS.items():
         made, orders = [(float("-inf"), interface == "eth0")], []
@@ -90,10 +90,10 @@ def orders_without_a_decision(application: Application) -> list[str]:
 
 
 def inhibits_not_told(application: Application, witness: Witness, wire_cut_at: int | None = None) -> list[str]:
-    """The DNS topic's values on the wire against the supervision's steps in the log.
+    """Compares the DNS topic's values on the wire with the supervision's steps in the log.
 
-    Compared up to the first moment from which they may differ: without the broker nothing is published, and Cellular's
-    address is mirrored on the wire without a word in the log.
+    The two may differ from the moment when the broker is away (nothing is published then) or Cellular loses its
+    address (this changes the topic without a line in the log). Only what comes before that moment is compared.
     """
     log = application.log()
     places = (wire_cut_at, log.find("event CELLULAR_IP_LOST"))

@@ -9,9 +9,9 @@
 
 namespace OrvStackSdk {
 
-/// What the client asks of the broker side. Shared by the client and the status handler; requests come on the
-/// application's thread, and from inside an indication on the delivery thread. No request throws on its own account,
-/// and only LedUpdateRequest has a result: a request made while the session is not connected is the session's business.
+/// The requests to the broker. The client and the status handler share a session. Requests come on the application's
+/// thread, or on the delivery thread inside an indication. No request throws of its own, and only LedUpdateRequest has
+/// a result: the session itself deals with requests while it is not connected.
 class IOrvSession {
 public:
     virtual ~IOrvSession() = default;
@@ -19,8 +19,8 @@ public:
     virtual void InitRequest(const std::string& appName) = 0;
     virtual void DeInitRequest() = 0;
 
-    /// Called once, right after the client was built. The handler is not kept alive; a gone handler gets no
-    /// indications.
+    /// Called once, right after the client was made. The handler is not kept alive. Without it, indications are
+    /// dropped.
     virtual void SetHandler(std::weak_ptr<IOrvSessionHandler> handler) = 0;
 
     virtual void FeatureAvailableRequest(const std::string& app, bool available) = 0;

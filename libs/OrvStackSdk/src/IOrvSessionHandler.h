@@ -7,8 +7,8 @@
 
 namespace OrvStackSdk {
 
-/// What the broker side tells the client. Called by the session only, on the thread that delivers the broker's messages
-/// (the confirmation: on the thread that made InitRequest), concurrently with the application's own calls.
+/// The indications from the broker. Only the session calls them, on the thread that delivers the broker's messages and
+/// concurrently with the application's calls. The confirmation comes on the thread that called InitRequest.
 class IOrvSessionHandler {
 public:
     virtual ~IOrvSessionHandler() = default;

@@ -9,8 +9,8 @@ namespace OrvStackSdk {
 
 namespace {
 
-/// The words of all enumerations, each in the order of its values. One list, because nine would take nine pieces of
-/// code to make strings of.
+/// The texts of all enumerations, each in the order of its values. A single list, because nine would need the code that
+/// makes strings of them nine times.
 constexpr const char* WORDS[] = {
     // ServiceStatus
     "SERVICE_OK",
@@ -118,8 +118,7 @@ const std::string& TextOf(Range range, Enum value) {
     return TextOf(range, static_cast<int>(value));
 }
 
-/// The place of the word in its enumeration. What is none is taken for the last one, in both enumerations that are
-/// read.
+/// The index of the text in its enumeration. An unknown text gives the last index, in both enumerations that are read.
 std::size_t PlaceOf(Range range, const std::string& text) {
     std::size_t index = 0;
     while (index < range.size - 1 && text != WORDS[range.first + index])

@@ -177,7 +177,7 @@ OrvRoute::RouteState OrvRoute::CellularActive(bool pokeSucceeded) {
     }
     if (!pokeRunning)
         return RouteState::CELLULAR_ACTIVE;
-    // The poke is not stopped: when Ethernet's address returns, the attempt goes on where it was.
+    // The poke is not stopped: when Ethernet's address returns, the attempt continues.
     if (!ethernetIpUp && ElapsedAtLeast(ETH_POKE_GRACE))
         pokeRunning = false;
     MirrorCellularOnDnsTopic();
@@ -211,7 +211,7 @@ OrvRoute::RouteState OrvRoute::SwitchingToEthernet() {
 }
 
 OrvRoute::RouteState OrvRoute::EthernetSettleDelay() {
-    // A cloud seen lost after the switch has let go of the old path: no need to wait longer.
+    // When the cloud has been lost since the switch, nothing uses the old path any more.
     if (!cloudLostSinceSwitch && !ElapsedAtLeast(ETH_SETTLE_DELAY))
         return RouteState::ETHERNET_SETTLE_DELAY;
     SetCellularNameServer("");

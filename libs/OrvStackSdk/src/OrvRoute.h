@@ -12,19 +12,19 @@
 
 namespace OrvStackSdk {
 
-/// Supervises which WAN interface carries the default route. Ethernet is preferred; Cellular takes over when the cloud
-/// is lost on Ethernet and a TLS connection over Cellular has proved that the cloud side is reachable there, and
-/// Ethernet gets the route back the same way. docs/route.md has the diagram.
+/// Decides which WAN interface carries the default route. Ethernet is preferred. Cellular takes over when the cloud is
+/// lost on Ethernet and a TLS connection over Cellular has proved that the cloud is reachable there. Ethernet gets the
+/// route back in the same way. docs/route.md has the diagram.
 ///
-/// Threads: every public operation may be called from any thread; each holds one mutex for its whole duration. A caller
-/// that holds a lock of its own takes that one first: the route calls back into nobody.
+/// Threads: every public operation may be called on any thread and holds one mutex for its whole duration. A caller may
+/// hold a lock of its own, because the route never calls back.
 /// Blocking: construction waits for the broker at most 3 s, destruction at most 1 s. Nothing else waits for anything.
 class OrvRoute : public QUILMQTT::QueueOwner {
 public:
     using Clock = std::chrono::steady_clock;
     using Now = std::function<Clock::time_point()>;
-    /// Instead of &Clock::now itself, whose type would put a long name into the library. RealTime.cpp has it apart, so
-    /// that the test kit can supply another one.
+    /// The default clock. &Clock::now itself would put a long symbol into the library. It is defined in RealTime.cpp,
+    /// so that the test kit can replace it.
     struct RealTime {
         Clock::time_point operator()() const;
     };
@@ -35,10 +35,10 @@ public:
     explicit OrvRoute(Now now = RealTime());
     ~OrvRoute() override;
 
-    /// Takes over the connectivity picture and re-asserts the present choice of interface with the connection manager.
+    /// Stores the connectivity and orders the interface of the current state from the connection manager again.
     void UpdateRoute(bool cloudIsConnected, bool ethernetHasIp, bool cellularHasIp);
 
-    /// Moves the state machine one step. All progress happens here.
+    /// Moves the state machine one step. The state changes only here.
     void Tick();
 
     /// True once after each completed switch.
@@ -83,7 +83,7 @@ private:
     bool reconnectNeeded = false;
     bool cloudLostSinceSwitch = true;
     bool dnsInhibited = true;
-    std::mutex routeMutex; // guards all that changes
+    std::mutex routeMutex; // guards everything that changes
     const std::string ethernetInterface;
     const std::string cellularInterface;
     CommonUtils::Logger logger;

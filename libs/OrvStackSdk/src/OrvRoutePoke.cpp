@@ -18,9 +18,9 @@ namespace {
 constexpr long POKE_TIMEOUT_SECONDS = 15;
 constexpr unsigned ATTEMPTS_PER_BUNDLE = 32;
 
-// Where the kernel refuses the interface, libcurl would bind to its address instead, and to nothing at all where the
-// name is empty or too long: such a connection may leave by any interface and proves nothing. A missing interface is
-// left to libcurl to report.
+// If the kernel refuses to bind to the interface, libcurl binds to the interface's address instead. If the name is
+// empty or too long, it binds to nothing. Such a connection may use any interface and proves nothing, so it is refused
+// here. libcurl itself reports an interface that does not exist.
 extern "C" int HoldToInterface(void* interfaceName, curl_socket_t descriptor, curlsocktype) noexcept {
     const auto& name = *static_cast<const std::string*>(interfaceName);
     const auto length = static_cast<socklen_t>(name.size());
@@ -30,8 +30,8 @@ extern "C" int HoldToInterface(void* interfaceName, curl_socket_t descriptor, cu
     return held ? CURL_SOCKOPT_OK : CURL_SOCKOPT_ERROR;
 }
 
-// Whether OpenSSL finds an authority in libcurl's folder by its hash. The bundle, libcurl's first choice, is parsed
-// whole for each connection, inside one tick.
+// Whether OpenSSL can find an authority in libcurl's folder by its hash. Otherwise libcurl parses the whole bundle for
+// each connection, inside one tick.
 bool AuthoritiesAreHashed() {
 #if LIBCURL_VERSION_NUM >= 0x074600
     const curl_version_info_data* libcurl = curl_version_info ? curl_version_info(CURLVERSION_NOW) : nullptr;
@@ -82,7 +82,7 @@ bool OrvRoutePoke::SetUp() {
     curl_easy_setopt(easyHandle, CURLOPT_FORBID_REUSE, 1L);
     curl_easy_setopt(easyHandle, CURLOPT_FRESH_CONNECT, 1L);
 #if LIBCURL_VERSION_NUM >= 0x075700
-    // Otherwise the clean-up waits for a name look-up under way, for many seconds when the name servers are mute.
+    // Otherwise the clean-up waits for a running name look-up, for many seconds if the name servers do not answer.
     curl_easy_setopt(easyHandle, CURLOPT_QUICK_EXIT, 1L);
 #endif
     curl_easy_setopt(easyHandle, CURLOPT_SOCKOPTFUNCTION, &HoldToInterface);
@@ -138,7 +138,7 @@ bool OrvRoutePoke::ReadResult() {
         }
     } while (!failed && left != 0);
 
-    // An attempt that ended without a message is kept; the state machine abandons it in its own time.
+    // An attempt that ended without a message is kept until the state machine gives it up.
     if (failed || success)
         Stop();
     return success;

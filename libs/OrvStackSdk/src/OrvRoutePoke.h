@@ -8,11 +8,11 @@
 
 namespace OrvStackSdk {
 
-/// The poke: proof that the cloud side is reachable over one interface, by a TLS connection that requests nothing. Its
-/// owner decides when to poke; the poke makes the attempts, one after the other, and says how they end.
+/// The poke proves that the cloud is reachable over one interface: a TLS connection that sends no request. Its owner
+/// decides when to poke. The poke makes the attempts, one after the other, and reports how they end.
 ///
-/// Threads: one at a time. Blocking: never; all progress is made inside Step.
-/// Not released with its object: whoever wants the handles of an attempt under way back calls Stop.
+/// Threads: one at a time. Blocking: never; all progress happens inside Step.
+/// The destructor does not release a running attempt: call Stop to release its handles.
 class OrvRoutePoke {
 public:
     /// @param log where failures are reported; outlives the poke
@@ -23,18 +23,17 @@ public:
     /// Where the next attempt connects to.
     void SetUrl(const std::string& address) { url = address; }
 
-    /// Chooses the interface of the attempts from now on. The first Step makes the first of them, unless one that has
-    /// neither ended nor been stopped is still there: then that one goes on. To be started over the same interface
-    /// then.
+    /// Sets the interface of the attempts. The next Step begins the first attempt. If an earlier attempt has neither
+    /// ended nor been stopped, that one continues instead; the interface must then be the same as before.
     void Start(const std::string& interface);
     /// The interface of the last Start.
     const std::string& Interface() const { return interfaceName; }
 
-    /// Drives the attempt one step, after setting it up if there is none.
-    /// @return true only when it has ended with success in this call; a failed one is followed by another
+    /// Moves the attempt one step; begins one if there is none.
+    /// @return true only if the attempt has succeeded in this call. After a failure the next call begins another one
     bool Step();
 
-    /// Gives the attempt up and releases what it holds. Harmless when there is none.
+    /// Gives up the attempt and releases its handles. Harmless if there is none.
     void Stop();
 
 private:

@@ -78,9 +78,9 @@ const char* PanelCommandTopic(int value) {
     }
 }
 
-// The following two are written into a record piece by piece, so that nothing is composed for a record that is off.
+// Streaming these two composes no text for a record that is off.
 
-/// A message as records show it: not more than its beginning.
+/// A message as records show it: only its beginning.
 struct Shown {
     const std::string& message;
 };
@@ -91,7 +91,7 @@ std::ostream& operator<<(std::ostream& stream, const Shown& shown) {
     return length > SHOWN_MESSAGE_LENGTH ? stream << "..." : stream;
 }
 
-/// What every record about a message begins with.
+/// The beginning of every record about a message.
 struct LogContext {
     const std::string& topic;
     const std::string& message;
@@ -101,7 +101,7 @@ std::ostream& operator<<(std::ostream& stream, const LogContext& context) {
     return stream << "(topic=" << context.topic << ", message=" << Shown{context.message} << ")";
 }
 
-/// What stands behind the feature's name in a topic of that feature; nothing for any other topic.
+/// The rest of a topic of this feature after the feature's name; nothing for any other topic.
 std::string_view BehindFeature(std::string_view topic, std::string_view feature) {
     for (const std::string_view piece : {std::string_view(Topics::FEATURES), feature}) {
         if (topic.compare(0, piece.size(), piece) != 0)
@@ -118,7 +118,7 @@ OrvSessionMqtt::OrvSessionMqtt() : QueueOwner("ORV_Stack"), logger("OrvSessionMq
 }
 
 OrvSessionMqtt::~OrvSessionMqtt() {
-    // A message must not find the members half gone.
+    // No message may arrive while the members are being destroyed.
     Delivery<>::Stop(*this);
     logger.Trace("~OrvSessionMqtt");
 }
@@ -181,8 +181,8 @@ void OrvSessionMqtt::FeatureSupportedRequest(const std::string& app, bool suppor
     WarnOf(PublishMessage(Topics::OfFeature(app, Topics::SUPPORTED), word, NOT_ASSURED), PUBLISH_FAILED);
 }
 
-// A value that is no enumerator has no text: asking for the text first lets it end here, whatever is logged, before a
-// record is begun or anything is published.
+// A value that is no enumerator has no text, and asking for it throws. Each request asks first, before it logs or
+// publishes anything, so that it throws at every log level.
 
 void OrvSessionMqtt::FeatureInitRequest(const std::string& app, const AppStatus& status) {
     const std::string& text = AppStatusText(status);
@@ -229,7 +229,7 @@ void OrvSessionMqtt::StatusEntConRequest(bool connected) {
 }
 
 void OrvSessionMqtt::StatusExtNetRequest(bool reachable) {
-    // The topic tells the absence of the external network.
+    // The topic says whether the external network is absent.
     const bool absent = !reachable;
     logger.Trace("StatusExtNetRequest") << "(NoExtNet=" << absent << ")";
     WarnOf(PublishRetainedMessage(Topics::NO_EXTERNAL_NETWORK, Words::OfBool(absent), NOT_ASSURED), PUBLISH_FAILED);
@@ -237,7 +237,7 @@ void OrvSessionMqtt::StatusExtNetRequest(bool reachable) {
 
 void OrvSessionMqtt::PanelCommandRequest(const std::string& command, int value) {
     logger.Trace("PanelCommandRequest") << "(command=" << command << ")";
-    // The failure's text names another class and one command for all of them. It is fixed like every other text.
+    // This text names another class, and the same command for all commands. It is frozen like every other text.
     WarnOf(PublishMessage(PanelCommandTopic(value), command, NOT_ASSURED),
            "KelboSessionMqtt::CommandReset(): Failed to publish message to MQTT");
 }
@@ -248,7 +248,7 @@ void OrvSessionMqtt::SendConnectionStatus(const std::string& status) {
 }
 
 void OrvSessionMqtt::OnPublish(const std::string& topic, const std::string& message) {
-    // Releasing it may destroy the client and, with it, this object: nothing but the return comes after that.
+    // Releasing it may destroy the client and with it this object, so nothing may follow but the return.
     const auto receiver = handler.lock();
     if (receiver)
         Dispatch(*receiver, topic, message);
@@ -303,8 +303,8 @@ void OrvSessionMqtt::OnInitMessage(IOrvSessionHandler& receiver, const std::stri
     const LogContext context{topic, message};
     const std::string word = CommonUtils::StringHelpers::ToUpper(message);
 
-    // Status texts are lower case, so that of an upper-cased word none is found: a status that comes in is not acted
-    // upon, the own announcements that the broker echoes included.
+    // The texts of the states are lower case, and the word is upper case: no incoming state is ever found here. The
+    // application's own announcements, which the broker sends back, are not found either.
     const AppStatus status = AppStatusTextToEnum(word);
     if (status != AppStatus::UNSUPPORTED) {
         logger.Trace("OnPublish") << context << ": Calling OnFeatureInitIndication(" << AppStatusText(status) << ")...";

@@ -40,7 +40,7 @@ void OrvStackClient::Init(const std::string& name) {
     logger.Trace("Init") << "(appName=" << name << ")";
     appName = name;
     initialised = true;
-    // The confirmation may release the last pointer to this client; the session has still to get through its request.
+    // The confirmation may release the last pointer to this client, and the session must still finish its request.
     const auto heldSession = session;
     heldSession->InitRequest(name);
 }
@@ -68,8 +68,8 @@ void OrvStackClient::Tick(std::chrono::milliseconds) {
     route->Tick();
 }
 
-// A value that is no enumerator has no text: asking for the text first lets it end here, whether the trace is on or
-// off, before a record is begun or anything is forwarded.
+// A value that is no enumerator has no text, and asking for it throws. Each request asks first, before it logs or
+// forwards anything, so that it throws at every log level.
 
 void OrvStackClient::AppStatusRequest(const AppStatus& status) {
     const std::string& text = AppStatusText(status);
@@ -129,8 +129,8 @@ void OrvStackClient::OnInitConfirmation(const Confirmation& confirmation) {
     receiver->OnInitConfirmation(confirmation);
 }
 
-// Availability, support and states are told about other applications only, actions about the own one only. The session
-// raises all of them for the own application only; so of these nothing but actions reaches the application.
+// The session raises these indications for its own application only. The client passes on availability, support and
+// states of other applications only, and actions for its own application only. So only actions reach the application.
 
 void OrvStackClient::OnFeatureAvailableIndication(const std::string& app, bool available) {
     const auto receiver = handler.lock();

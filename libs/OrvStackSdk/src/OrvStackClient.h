@@ -15,12 +15,12 @@
 namespace OrvStackSdk {
 
 /// The client: forwards the application's calls to session, status handler and route supervision, and the session's
-/// indications to the application. Takes no lock; what indications read while the application calls is atomic.
+/// indications to the application. Takes no lock: data that indications read is atomic.
 class OrvStackClient : public IOrvStackClient, public IOrvSessionHandler {
 public:
     explicit OrvStackClient(std::shared_ptr<IOrvSession> session);
 
-    /// Tells the broker nothing; an application that wants it informed calls DeInit first.
+    /// Sends nothing to the broker; an application that wants a clean end calls DeInit first.
     ~OrvStackClient() override;
 
     void SetHandler(std::weak_ptr<IOrvStackClientHandler> newHandler) override;
@@ -52,7 +52,7 @@ public:
 private:
     bool IsOwn(const std::string& app) const;
 
-    // Written for those who look into a core file; no request or indication depends on them.
+    // For the reader of a core file; no request or indication depends on them.
     std::atomic<bool> initialised{false};
     std::atomic<bool> running{false};
     std::string appName; // written by Init only

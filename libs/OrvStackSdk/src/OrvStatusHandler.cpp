@@ -51,7 +51,7 @@ void OrvStatusHandler::ApplyToFlags(OrvEvent event) {
     case OrvEvent::PANEL_CLOUD_DISABLED:
         panelCloudEnabled = false;
         break;
-    // Link and address are told apart: a pulled cable leaves the address flag to its own event.
+    // Link and address are separate: a pulled cable does not clear the address flag, only the address's own event does.
     case OrvEvent::ETHERNET_DISCONNECTED:
         ethernetLinkUp = false;
         break;

@@ -14,8 +14,8 @@ namespace OrvStackSdk {
 
 /// Turns connectivity events into LEDs, the external-network status, the route supervision's flags and two CSV files
 /// for other processes of the gateway: "/var/tmp/new_enterprise_statuses.csv" and, after a failure,
-/// "/var/tmp/new_enterprise_errors.csv". Both are written whole and never read; a disk that is full or not there loses
-/// them silently, and what somebody else has put in their places is replaced.
+/// "/var/tmp/new_enterprise_errors.csv". Both are always written whole and never read. If the disk is full or missing,
+/// they are lost silently. A foreign file in their place is replaced.
 class OrvStatusHandler {
 public:
     using Clock = std::chrono::system_clock;
@@ -42,7 +42,7 @@ private:
     void WriteCSVStatus() const;
     void WriteCSVError() const;
 
-    // One past the last enumerator: nothing valid was sent, so that any state differs from it.
+    // One past the last enumerator: nothing has been sent, and every state differs from it.
     static constexpr ConnectedServicesLedState LED_STATE_UNSENT{3};
 
     bool cloudConnected = false;

@@ -3,8 +3,8 @@
 
 #include <string>
 
-/// Every topic of the library, and every payload word that is not the text of an enumerator. They stand here and
-/// nowhere else.
+/// Every topic of the library, and every payload word that is not the text of an enumerator. They are defined only
+/// here.
 namespace OrvStackSdk::Topics {
 
 constexpr const char* FEATURES = "/orv/apps_control/features/";

@@ -12,15 +12,16 @@ namespace OrvStackSdk {
 
 namespace {
 
-// Somebody may be putting things there faster than we remove them.
+// Another process may create files there faster than we remove them.
 constexpr int ATTEMPTS = 10;
 
 bool IsOurs(const struct stat& file) {
     return S_ISREG(file.st_mode) && file.st_nlink == 1 && file.st_uid == geteuid();
 }
 
-/// Whether the name under which the file was opened has gone since then. Asked after the names were counted, it tells
-/// which one was left: another client that removes a planted name must not make the file behind it look like ours.
+/// Whether the name under which the file was opened has been removed since. A planted link is a second name of another
+/// file of ours. If another client removes it before fstat, the link count is 1 again, and the name left is not this
+/// one. So ask after the names were counted.
 bool HasLostItsName(int opened) {
     char link[32];
     std::snprintf(link, sizeof link, "/proc/self/fd/%d", opened);
@@ -31,7 +32,7 @@ bool HasLostItsName(int opened) {
 
 int OpenOurs(const char* path) {
     for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
-        // Without O_NONBLOCK a FIFO, or the lease that somebody holds on a file, would keep us waiting.
+        // Without O_NONBLOCK, open would wait for the other end of a FIFO or for the holder of a lease.
         const int opened = open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
         struct stat file;
         const bool known = (opened != -1 ? fstat(opened, &file) : lstat(path, &file)) == 0;

@@ -5,8 +5,8 @@
 
 namespace OrvStackSdk {
 
-/// A small file for other processes, in a folder where everybody may make files: whatever somebody else has put in its
-/// place is replaced and never written to. Failures are silent, and opening waits for nobody.
+/// A small file for other processes, in a folder where every user may create files. A foreign file in its place is
+/// replaced and never written to. Failures are silent, and opening never waits for another process.
 class StatusFile {
 public:
     /// Opens the file and empties it, or makes it, with the mode that the umask leaves of 0666. A file of our own stays

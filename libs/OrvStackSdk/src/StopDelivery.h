@@ -5,8 +5,8 @@
 
 namespace OrvStackSdk {
 
-/// Calls StopDelivery of a broker connection on the platform that has it. Another one keeps messages away from an
-/// object that is being destroyed by means of its own, and offers the operations of the contract only.
+/// Calls StopDelivery of a broker connection if the platform has it. A platform without it offers only the operations
+/// of the contract, and itself delivers no message to an object that is being destroyed.
 template <typename Owner = QUILMQTT::QueueOwner>
 class Delivery : Owner {
 public:
