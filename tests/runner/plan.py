@@ -46,6 +46,7 @@ ALL: tuple[Group, ...] = (
     (Step("external-platform-test"), Step("docs")),
     (Step("abi check"),),
     (Step("demo --no-color", RELEASED), Step("demo --loopback --no-color", RELEASED), Step("multi-app-test", RELEASED)),
+    (Step("panel-test", RELEASED),),
     (Step("system-test", RELEASED),),
     (Step("package"),),
     (Step("package-test"),),
