@@ -112,6 +112,18 @@ def test_whatever_part_is_away_the_others_are_shown(
     assert status.text().count("\n") >= 8
 
 
+def test_what_the_platform_has_lost_is_counted(box: Box, status: Status, application: subprocess.Popen[str]) -> None:
+    status.becomes("present", "present", "running", HEALTHY)
+    assert "orv_broker_losses_total 0\n" in status.text("--metrics")
+    box("broker", "stop")
+    box("broker", "start")
+    # The library has two connections.
+    wait_until(lambda: "orv_broker_losses_total 2\n" in status.text("--metrics"), SLACK, "two losses")
+    metrics = status.text("--metrics")
+    assert "\norv_refused_publications_total " in metrics
+    assert "\norv_lost_log_records_total 0\n" in metrics
+
+
 @pytest.mark.parametrize("part", ["broker", "connman", "bus"])
 def test_a_frozen_part_holds_nobody_up(box: Box, status: Status, application: subprocess.Popen[str], part: str) -> None:
     status.becomes("present", "present", "running", HEALTHY)

@@ -6,6 +6,10 @@
 
 #include <ConnInterfaceString.h>
 #include <GatewayMainBaseUnits/IpInterfacesMapping.h>
+#if __has_include(<OrvPlatform/Counters.h>)
+#include <OrvPlatform/Counters.h>
+#define PLATFORM_COUNTS
+#endif
 
 #include <cstdio>
 #include <utility>
@@ -140,6 +144,12 @@ std::string Application::StatusText() {
         cellularReceived.Observe(link->receivedBytes);
         cellularSent.Observe(link->sentBytes);
     }
+#ifdef PLATFORM_COUNTS
+    const OrvPlatform::Counters lost = OrvPlatform::ReadCounters();
+    told.counters.brokerLosses = lost.brokerLosses;
+    told.counters.refusedPublications = lost.refusedPublications;
+    told.counters.lostLogRecords = lost.lostLogRecords;
+#endif
     told.counters.cellularReceivedBytes = cellularReceived.Value();
     told.counters.cellularSentBytes = cellularSent.Value();
     return told.Json(Moment::Now());

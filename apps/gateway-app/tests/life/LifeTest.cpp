@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sstream>
 #include <unistd.h>
 
 namespace GatewayApp {
@@ -40,12 +41,13 @@ protected:
         At(end, [] { raise(SIGTERM); });
         AppOptions options = ReadOptions(arguments);
         options.lock.clear();
-        options.statusFile.clear();
+        options.statusFile = statusFile;
         Application application(options, arguments);
         application.Run();
     }
 
     Gateway gateway;
+    std::string statusFile; // none
     Surroundings around{gateway};
     std::vector<std::string> arguments{"--cloud-host", "cloud.example", "--tick-ms", "200"};
 };
@@ -198,6 +200,16 @@ TEST_F(TheLifeOfTheApplication, LosesItsCloudConnectionWithTheAddressUnderIt) {
     At(3s, [&] { EXPECT_EQ(gateway.broker.Retained(GREEN), "Off"); });
     RunUntil(4s);
     EXPECT_NE(gateway.journal.Text().find("cloud connection: its address 192.0.2.2 is gone"), std::string::npos);
+}
+
+TEST_F(TheLifeOfTheApplication, TellsWhatThePlatformHasCounted) {
+    statusFile = ::testing::TempDir() + "status-of-" + std::to_string(getpid()) + ".json";
+    RunUntil(1s);
+    std::stringstream text;
+    text << std::ifstream(statusFile).rdbuf();
+    std::remove(statusFile.c_str());
+    EXPECT_NE(text.str().find(R"("broker_losses":5,"refused_publications":6,"lost_log_records":7)"), std::string::npos)
+        << text.str();
 }
 
 TEST_F(TheLifeOfTheApplication, EndsWithGoodByesToCloudAndBroker) {

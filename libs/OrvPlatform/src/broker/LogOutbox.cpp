@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "broker/LogOutbox.h"
 
+#include "base/Tally.h"
 #include "log/LogLevels.h"
 
 #include <new>
@@ -26,7 +27,7 @@ void ClientLog::Write(const ClientRecord& record) noexcept {
             break;
         }
     } catch (const std::bad_alloc&) {
-        // Nothing is left to say it with.
+        tallies.lostLogRecords.Add(); // nothing is left to say it with
     }
 }
 
@@ -39,7 +40,7 @@ void ClientLog::WriteLeftToController(const std::string& topic) noexcept {
     try {
         logger.Debug() << clientId << ": " << topic << " is left to the gateway's controller, nothing is published";
     } catch (const std::bad_alloc&) {
-        // Nothing is left to say it with.
+        tallies.lostLogRecords.Add(); // nothing is left to say it with
     }
 }
 
@@ -50,7 +51,7 @@ void ClientLog::WriteException(const char* what) noexcept {
         else
             logger.Error() << clientId << ": an exception of unknown type left the application's callback";
     } catch (const std::bad_alloc&) {
-        // Nothing is left to say it with.
+        tallies.lostLogRecords.Add(); // nothing is left to say it with
     }
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "base/Tally.h"
 #include "base/ThreadSafety.h"
 #include "base/Waker.h"
 #include "broker/AnnouncedState.h"
@@ -126,6 +127,7 @@ private:
             records.Add({severity, text()});
             return true;
         } catch (const std::bad_alloc&) {
+            OrvPlatform::tallies.lostLogRecords.Add();
             return false;
         }
     }

@@ -215,6 +215,7 @@ void QueueOwner::Core::OnDisconnected(int error) noexcept {
         SetFailure(reason);
         break;
     case Link::Loss::CONNECTION_LOST:
+        OrvPlatform::tallies.brokerLosses.Add();
         outstanding.DropUnassured();
         // Also for a Connect that has not yet seen that it was accepted.
         SetFailure([&]() ORV_REQUIRES(mutex) {

@@ -35,14 +35,18 @@ std::string Refused(unsigned publications, unsigned announced) {
 } // namespace
 
 int QueueOwner::Core::Publish(const std::string& topic, const std::string& payload, bool retained, bool assured) {
-    if (IsInherited())
+    if (IsInherited()) {
+        OrvPlatform::tallies.refusedPublications.Add();
         return NOT_CONNECTED;
+    }
     if (IsLeftToTheController(topic))
         return HANDED_OVER;
     MutexLock lock(mutex);
     const int status = TryPublish(topic, payload, retained, assured);
-    if (status != HANDED_OVER)
+    if (status != HANDED_OVER) {
+        OrvPlatform::tallies.refusedPublications.Add();
         RecordRefusal(status, topic, payload.size());
+    }
     return status;
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "log/LogChannel.h"
 
+#include "base/Tally.h"
 #include "log/LogEscape.h"
 
 #include <algorithm>
@@ -73,6 +74,7 @@ void LogChannel::Compose(const LogRecord& record) {
 }
 
 void LogChannel::NoteLoss(const char* reason) noexcept {
+    tallies.lostLogRecords.Add();
     try {
         if (lost++ == 0) {
             lossReason = Escaped(reason);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "quillogger/LogWrapper.h"
 
+#include "base/Tally.h"
 #include "log/LogEscape.h"
 #include "log/LogLevelsInForce.h"
 #include "log/ProcessLog.h"
@@ -74,6 +75,7 @@ void LogWrapper::Log(int level, bool flag, const char* file, int line, const cha
         OrvPlatform::ProcessLog().Write({known, logger, OrEmpty(function), message.text, message.bytes, flag});
     } catch (const std::exception&) {
         // No memory: the record is lost, the program is not.
+        OrvPlatform::tallies.lostLogRecords.Add();
     }
     va_end(arguments);
 }

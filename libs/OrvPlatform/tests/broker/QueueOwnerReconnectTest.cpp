@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // A broker that goes away and comes back: what is true again by itself.
 #include "BrokerFixture.h"
+#include "OrvPlatform/Counters.h"
 
 #include <array>
 #include <atomic>
@@ -56,6 +57,30 @@ TEST_F(ABrokerRestart, LeavesEveryRetainedTopicWithItsLastPayload) {
         return RetainedState(broker.Port(), "led/#") ==
                std::map<std::string, std::string>{{"led/green", "Blink"}, {"led/yellow", "Off"}};
     }));
+}
+
+TEST_F(ABrokerRestart, CountsAsALossOfEachClientsConnectionAndAGoodByeDoesNot) {
+    const std::uint32_t before = OrvPlatform::ReadCounters().brokerLosses;
+    TestClient one("one");
+    TestClient other("other");
+    TestClient polite("polite");
+    ASSERT_TRUE(one.Connect() && other.Connect() && polite.Connect());
+    ASSERT_TRUE(polite.Disconnect());
+    EXPECT_EQ(OrvPlatform::ReadCounters().brokerLosses, before);
+    broker.Restart();
+    ASSERT_TRUE(WaitUntil([&] { return one.Connects() == 2 && other.Connects() == 2; }));
+    EXPECT_EQ(OrvPlatform::ReadCounters().brokerLosses, before + 2);
+}
+
+TEST_F(ABrokerRestart, LeavesACountOfEachPublicationThatWasRefusedMeanwhile) {
+    TestClient client;
+    ASSERT_TRUE(client.Connect());
+    broker.Kill();
+    ASSERT_TRUE(WaitUntil([&] { return client.PublishMessage("led", "On", false) != 0; }));
+    const std::uint32_t before = OrvPlatform::ReadCounters().refusedPublications;
+    EXPECT_EQ(client.PublishMessage("led", "On", false), QUILMQTT::QueueOwner::NOT_CONNECTED);
+    EXPECT_EQ(client.PublishMessage("a/+", "x", false), QUILMQTT::QueueOwner::MALFORMED_TOPIC);
+    EXPECT_EQ(OrvPlatform::ReadCounters().refusedPublications, before + 2);
 }
 
 TEST_F(ABrokerRestart, IsFollowedBySubscriptionsThenByWhatWasAnnouncedAsItWasThenByOnConnect) {

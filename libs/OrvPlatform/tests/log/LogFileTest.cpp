@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "OrvPlatform/Counters.h"
 #include "support/LogLines.h"
 
 #include <cerrno>
@@ -166,8 +167,9 @@ TEST_F(ALogFileThatCannotBeWritten, LosesRecordsSaysSoOnceAndTellsHowManyWhenItW
         std::filesystem::create_directories(folder.Path("not/yet"));
         Say(log, "first");
         Say(log, "second");
+        ::_exit(static_cast<int>(ReadCounters().lostLogRecords));
     });
-    EXPECT_EQ(ended.exitStatus, 0);
+    EXPECT_EQ(ended.exitStatus, 3) << "as many as are counted for the program";
     EXPECT_EQ(ended.Lines(), Lines{"The log loses records: " + elsewhere + ": No such file or directory"});
     EXPECT_EQ(LinesIn(elsewhere), (Lines{"info [Test] first",
                                          "warning [Log] 3 records were lost before the previous one (" + elsewhere +
