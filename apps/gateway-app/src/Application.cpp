@@ -62,11 +62,8 @@ Application::Application(AppOptions appOptions, std::vector<std::string> command
       ethernetGuard(loop, InterfaceName("Ethernet"), options.cloud, [this](OrvEvent event) { Report(event); }),
       pokeExplainer(loop, InterfaceName("Ethernet"), InterfaceName("Cellular"),
                     OrvResources::CreateStaticConfigStore()->GetValue(kEndpoint),
-                    [this](PokeDiagnosis::Path path, auto took, const std::string& failure) {
-                        NotePoke(path == PokeDiagnosis::Path::ETHERNET ? RouteMoves::Path::ETHERNET
-                                                                       : RouteMoves::Path::CELLULAR,
-                                 false, took, failure, "a connection of the application's own to the endpoint");
-                    }),
+                    [this](const PokeExplainer::Failure& failure) { OnPokeFailed(failure); }),
+      hindrance(InterfaceName("Cellular")),
       rhythm(options.tick),
       moves(PathOf(network.DefaultInterface()), Now()),
       statusWriter(loop, options.statusFile, [this] { return StatusText(); }),
@@ -86,9 +83,12 @@ Application::~Application() = default;
 void Application::Run() {
     if (!lock.Missing().empty())
         logger.Warning() << lock.Missing() << ": a second gateway-app on this gateway would not be noticed";
-    if (OrvResources::CreateStaticConfigStore()->GetValue(kEndpoint).empty())
-        logger.Warning() << "the WAN route will never move: gateway.ini names no endpoint to prove a path with. Set "
-                            "endpoint = HOST in [cloud], and start the application anew";
+    if (OrvResources::CreateStaticConfigStore()->GetValue(kEndpoint).empty()) {
+        told.hindrance = "the WAN route will never move: gateway.ini names no endpoint to prove a path with. Set "
+                         "endpoint = HOST in [cloud], and start the application anew";
+        neverMoves = true;
+        logger.Warning() << told.hindrance;
+    }
     loop.Watch(signals.Descriptor(), EPOLLIN, [this](std::uint32_t) { OnSignal(); });
     loop.Watch(mailbox->ReadyDescriptor(), EPOLLIN, [this](std::uint32_t) { mailbox->DoAll(); });
     if (manager.WatchdogPeriod() > 0ms)
@@ -158,6 +158,7 @@ void Application::Tick() {
         OnRouteMoved();
     CheckDefaultRoute();
     FollowMoves();
+    FollowHindrance();
     SetTickTimer();
 }
 

@@ -6,6 +6,7 @@
 #include "DurationHistogram.h"
 #include "EthernetGuard.h"
 #include "EventLoop.h"
+#include "FailOverHindrance.h"
 #include "InstanceLock.h"
 #include "Mailbox.h"
 #include "NetworkWatcher.h"
@@ -85,6 +86,8 @@ private:
     // What it tells about itself
     RouteMoves::Path PathOf(const std::string& interface) const;
     void FollowMoves();
+    void FollowHindrance();
+    void OnPokeFailed(const PokeExplainer::Failure& failure);
     std::string ReasonOf(const RouteMoves::Move& move) const;
     void NotePoke(RouteMoves::Path path, bool good, std::optional<std::chrono::steady_clock::duration> atMost,
                   const std::string& text, const std::string& knownFrom);
@@ -112,6 +115,7 @@ private:
     CloudConnection cloud;
     EthernetGuard ethernetGuard;
     PokeExplainer pokeExplainer;
+    FailOverHindrance hindrance;
     TickRhythm rhythm;
     RouteContradiction contradiction;
     RouteMoves moves;
@@ -123,6 +127,7 @@ private:
     std::shared_ptr<OrvStackSdk::IOrvStackClient> client;
     bool started = false;
     bool failed = false;            // FAILURE was reported
+    bool neverMoves = false;        // the route: there is no endpoint
     bool ownDoing = false;          // the end of a cloud connection is the application's own doing, and no loss
     bool cloudChanged = false;      // the cloud connection was made once
     bool statusFileForeign = false; // said already

@@ -4,6 +4,7 @@
 
 #include "Clock.h"
 
+#include <CommonUtils/Networking/ConnmanCommands.h>
 #include <ConnInterfaceString.h>
 #include <GatewayMainBaseUnits/IpInterfacesMapping.h>
 #if __has_include(<OrvPlatform/Counters.h>)
@@ -86,6 +87,40 @@ void Application::FollowMoves() {
     told.lastMove =
         RunStatus::Move{Moment::Now(), Word(move->from), Word(move->to), std::move(reason), Seconds(took).count()};
     statusWriter.Changed();
+}
+
+void Application::FollowHindrance() {
+    using Missing = FailOverHindrance::Missing;
+    if (neverMoves)
+        return;
+    constexpr auto cellular = WanInterfaces::Path::CELLULAR;
+    const bool isWanted = !cloud.Connected() && !options.cloud.host.empty() && moves.Route() != Path::CELLULAR;
+    auto missing = Missing::NOTHING;
+    if (!network.Wan().Exists(cellular))
+        missing = Missing::INTERFACE;
+    else if (!network.Wan().Running(cellular))
+        missing = Missing::LINK;
+    else if (!network.Wan().HasAddress(cellular))
+        missing = Missing::ADDRESS;
+    else if (isWanted && CommonUtils::Networking::ConnmanCommands::GetInstance().GetTopPriorityInterface().empty())
+        missing = Missing::SERVICE;
+    const std::optional<std::string> line = hindrance.Observe(isWanted, missing, Now());
+    if (line) {
+        logger.Warning() << *line;
+        told.hindrance = *line;
+        statusWriter.Changed();
+    } else if (!isWanted && !told.hindrance.empty()) {
+        told.hindrance.clear();
+        statusWriter.Changed();
+    }
+}
+
+void Application::OnPokeFailed(const PokeExplainer::Failure& failure) {
+    const bool overCellular = failure.path == PokeDiagnosis::Path::CELLULAR;
+    if (overCellular)
+        told.hindrance = failure.line;
+    NotePoke(overCellular ? Path::CELLULAR : Path::ETHERNET, false, failure.took, failure.reason,
+             "a connection of the application's own to the endpoint");
 }
 
 std::string Application::ReasonOf(const RouteMoves::Move& move) const {

@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <sys/epoll.h>
 
+#include <cerrno>
 #include <exception>
 #include <system_error>
 #include <thread>
@@ -46,16 +47,31 @@ struct Tls {
     std::string Reason() const { return context ? context->LastReason() : failure; }
 };
 
+long SystemErrorOf(CURL* handle, CURLcode code) {
+    long systemError = 0;
+    if (code == CURLE_COULDNT_CONNECT)
+        curl_easy_getinfo(handle, CURLINFO_OS_ERRNO, &systemError);
+    return systemError;
+}
+
+PathProver::Cause CauseOf(CURL* handle, CURLcode code) {
+    curl_off_t lookedUp = 0; // microseconds; 0: the name has not been found yet
+    curl_easy_getinfo(handle, CURLINFO_NAMELOOKUP_TIME_T, &lookedUp);
+    if (code == CURLE_COULDNT_RESOLVE_HOST || (code == CURLE_OPERATION_TIMEDOUT && lookedUp == 0))
+        return PathProver::Cause::NAME;
+    const long error = SystemErrorOf(handle, code);
+    return error == ENETUNREACH || error == EHOSTUNREACH ? PathProver::Cause::ROUTE : PathProver::Cause::OTHER;
+}
+
 /// The same text for the same failure: libcurl's own has the milliseconds in it.
 std::string FailureOf(CURL* handle, CURLcode code) {
+    if (CauseOf(handle, code) == PathProver::Cause::NAME)
+        return "its name is not found";
     if (code == CURLE_OPERATION_TIMEDOUT)
         return "no answer";
-    long systemError = 0;
-    curl_easy_getinfo(handle, CURLINFO_OS_ERRNO, &systemError);
+    const long systemError = SystemErrorOf(handle, code);
     std::string text = curl_easy_strerror(code);
-    if (code != CURLE_COULDNT_CONNECT || systemError == 0)
-        return text;
-    return text + ": " + std::generic_category().message(static_cast<int>(systemError));
+    return systemError == 0 ? text : text + ": " + std::generic_category().message(static_cast<int>(systemError));
 }
 
 } // namespace
@@ -103,7 +119,9 @@ PathProver::Result PathProver::Attempt::Run() const {
     const CURLcode code = curl_easy_perform(handle);
     if (code != CURLE_OK) {
         const std::string reason = tls.Reason();
-        return {false, !reason.empty() ? reason : FailureOf(handle, code), false, !reason.empty()};
+        if (!reason.empty())
+            return {false, reason, false, true};
+        return {false, FailureOf(handle, code), false, false, CauseOf(handle, code)};
     }
     const std::string failure = Hold(handle);
     return {failure.empty(), failure, true};

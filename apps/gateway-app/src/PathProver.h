@@ -18,11 +18,13 @@ namespace GatewayApp {
 /// in use. It runs on a helper thread; the result comes to the loop's thread.
 class PathProver {
 public:
+    enum class Cause : int { OTHER, NAME, ROUTE };
     struct Result {
         bool good = false;
         std::string failure;    ///< what went wrong
         bool connected = false; ///< the connection had been made before it failed
         bool tls = false;       ///< TLS was what failed
+        Cause cause = Cause::OTHER;
     };
     using Callback = std::function<void(const Result& result)>;
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "PokeExplainer.h"
 
+#include "Clock.h"
 #include "log/LogLevel.h"
 
 #include <algorithm>
@@ -17,8 +18,16 @@ namespace {
 
 constexpr std::uint16_t kPort = 443;
 
-PokeDiagnosis::Time Now() {
-    return PokeDiagnosis::Clock::now();
+const char* Remedy(PathProver::Cause cause) {
+    switch (cause) {
+    case PathProver::Cause::OTHER:
+        break;
+    case PathProver::Cause::NAME:
+        return ". Do the name servers of its service answer (connmanctl services SERVICE)?";
+    case PathProver::Cause::ROUTE:
+        return ". Is there a route for connections bound to it: does orv-source-routes run (ip rule)?";
+    }
+    return "";
 }
 
 } // namespace
@@ -72,13 +81,14 @@ void PokeExplainer::Look() {
 void PokeExplainer::OnLooked(Path path, const PathProver::Result& result) {
     if (result.good || !diagnosis.Pokes(path))
         return;
-    onFailure(path, Now() - lookBegun, result.failure);
     const std::string line = "over " + (path == Path::ETHERNET ? ethernetName : cellularName) + " the endpoint " +
-                             settings.host + " does not prove the path to the cloud: " + result.failure;
+                             settings.host + " does not prove the path to the cloud: " + result.failure +
+                             Remedy(result.cause);
+    onFailure({path, Now() - lookBegun, result.failure, line});
     if (line == said)
         return;
     said = line;
-    if (result.tls)
+    if (result.tls || result.cause != PathProver::Cause::OTHER)
         logger.Warning() << line;
     else
         logger.Info() << line;

@@ -19,11 +19,16 @@ namespace GatewayApp {
 /// the poke succeeds. One thread.
 class PokeExplainer {
 public:
-    using OnFailure =
-        std::function<void(PokeDiagnosis::Path path, PokeDiagnosis::Clock::duration took, const std::string& failure)>;
+    struct Failure {
+        PokeDiagnosis::Path path;
+        PokeDiagnosis::Clock::duration took; ///< the look
+        std::string reason;
+        std::string line; ///< the same as a whole sentence, with the remedy
+    };
+    using OnFailure = std::function<void(const Failure& failure)>;
 
     /// @param endpoint the host that is poked; empty: there is nothing to explain
-    /// @param failureReceiver told of each look that has failed: the path, how long the look took, and why
+    /// @param failureReceiver told of each look that has failed
     PokeExplainer(EventLoop& eventLoop, std::string ethernet, std::string cellular, const std::string& endpoint,
                   OnFailure failureReceiver);
 

@@ -137,6 +137,7 @@ std::string RunStatus::Json(const Moment& written) const {
                                   .At("since", routeSince)
                                   .Text("expected", expectedPath)
                                   .Bool("ethernet_on_probation", probation)
+                                  .Text("no_fail_over", hindrance)
                                   .Raw("last_move", lastMove ? JsonOf(*lastMove) : "null")
                                   .Json();
     std::string all;

@@ -72,6 +72,7 @@ struct RunStatus {
     Moment routeSince;
     std::string expectedPath; ///< the client library's ConnInterfaceString
     bool probation = false;
+    std::string hindrance; ///< why Cellular does not take over while the cloud is lost on Ethernet
     std::optional<Move> lastMove;
 
     std::deque<Poke> pokes; ///< the latest first

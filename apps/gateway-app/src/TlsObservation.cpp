@@ -37,8 +37,9 @@ std::string Distance(std::time_t from, std::time_t to) {
 
 std::string ClockHint(std::time_t now, std::time_t built) {
     if (built != 0 && now < built)
-        return "; that is before this program was made (" + Text(built) + "): the clock is wrong";
-    return ": is the clock right?";
+        return "; that is before this program was made (" + Text(built) +
+               "): the clock is wrong. Set it, or name a time server";
+    return ": is the clock right? Set it, or name a time server";
 }
 
 } // namespace

@@ -35,6 +35,8 @@ public:
     /// The present state as four events, what is down included.
     Events State() const;
 
+    /// The kernel knows the interface.
+    bool Exists(Path path) const { return Of(path).index != 0; }
     bool HasAddress(Path path) const { return !Of(path).addresses.empty(); }
     bool Running(Path path) const { return Of(path).running; }
     /// Link and address.

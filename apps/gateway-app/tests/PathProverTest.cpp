@@ -19,8 +19,8 @@ protected:
         AGatewayWithACloud::TearDown();
     }
     /// Tries the interface and returns what came of it.
-    PathProver::Result Of(const std::string& interface, std::chrono::seconds hold,
-                          std::function<void()> meanwhile = {}) {
+    PathProver::Result Of(const std::string& interface, std::chrono::seconds hold, std::function<void()> meanwhile = {},
+                          const std::string& host = "10.11.0.1") {
         EventLoop loop;
         PathProver prover(loop);
         std::optional<PathProver::Result> result;
@@ -30,7 +30,7 @@ protected:
         if (meanwhile)
             moment.Once(1s);
         CloudSettings settings;
-        settings.host = "10.11.0.1";
+        settings.host = host;
         settings.caFile = trusted;
         prover.Begin(settings, interface, hold, [&](const PathProver::Result& ended) {
             result = ended;
@@ -65,6 +65,22 @@ TEST_F(AProof, FailsOverAnInterfaceThatDoesNotReachTheCloudAlthoughTheOtherOneDo
     const PathProver::Result result = Of("wwan0", 0s);
     EXPECT_FALSE(result.good);
     EXPECT_FALSE(result.connected);
+}
+
+TEST_F(AProof, TellsThatANameIsNotFound) {
+    ASSERT_TRUE(CloudIsThere());
+    const PathProver::Result result = Of("eth0", 0s, {}, "no-such-name.invalid");
+    EXPECT_FALSE(result.good);
+    EXPECT_EQ(result.cause, PathProver::Cause::NAME);
+    EXPECT_EQ(result.failure, "its name is not found");
+}
+
+TEST_F(AProof, TellsThatThereIsNoRouteForABoundConnection) {
+    ASSERT_TRUE(CloudIsThere());
+    ASSERT_TRUE(Ip("addr add 10.12.0.2/24 dev wwan0") && Ip("rule add oif wwan0 unreachable"));
+    const PathProver::Result result = Of("wwan0", 0s);
+    EXPECT_FALSE(result.good);
+    EXPECT_EQ(result.cause, PathProver::Cause::ROUTE) << result.failure;
 }
 
 TEST_F(AProof, FailsOverAnInterfaceThatDoesNotExist) {

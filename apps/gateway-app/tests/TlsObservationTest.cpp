@@ -51,7 +51,7 @@ TEST_F(AFailedHandshake, AsksAboutTheClockWhenTheCertificateIsNotYetValid) {
     EXPECT_EQ(
         ReasonOf(X509_V_ERR_CERT_NOT_YET_VALID),
         "the certificate for a.example, b.example is not valid before 2023-11-15T22:13:20Z, 24 hours after what the "
-        "clock says: is the clock right?");
+        "clock says: is the clock right? Set it, or name a time server");
     seen.notBefore = kNow + 400 * kDay;
     EXPECT_NE(Reason().find(", 400 days after what the clock says"), std::string::npos);
     seen.notBefore = kNow + 90;

@@ -65,6 +65,7 @@ void ReadFields(const cJSON* all, ApplicationView& view) {
     view.cloudSince = {TextOf(cloud, "since"), NumberOf(cloud, "since_monotonic", 0)};
     const cJSON* const route = Field(all, "route");
     view.probation = cJSON_IsTrue(Field(route, "ethernet_on_probation"));
+    view.noFailOver = TextOf(route, "no_fail_over");
     const cJSON* const move = Field(route, "last_move");
     view.lastMoveAt = TextOf(move, "time");
     view.lastMoveFrom = TextOf(move, "from");

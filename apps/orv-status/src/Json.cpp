@@ -169,6 +169,7 @@ std::string Fingerprint(const Snapshot& snapshot) {
     AddApplication(all, application)
         .Bool("probation", application.probation)
         .Text("failure", application.cloudFailure)
+        .Text("no_fail_over", application.noFailOver)
         .Text("moved", application.lastMoveAt)
         .Text("started", application.started);
     return Printed(tree.get());

@@ -35,7 +35,8 @@ Monitor::Monitor(const MonitorSettings& settings)
     : broker(settings.broker),
       network(settings.ethernet, settings.cellular),
       connman(settings.busAddress),
-      application(settings.statusFile) {}
+      application(settings.statusFile),
+      hasEndpoint(settings.hasEndpoint) {}
 
 void Monitor::Settle(Clock::time_point deadline) {
     const auto settled = [this] {
@@ -82,6 +83,7 @@ Snapshot Monitor::Take() {
     snapshot.broker = broker.View();
     snapshot.network = network.Read();
     snapshot.connman = connman.View();
+    snapshot.hasEndpoint = hasEndpoint;
     snapshot.application = application.Read(snapshot.at.monotonic);
     if (snapshot.broker.state == Known::UNKNOWN)
         snapshot.broker.reason = "no answer in time";

@@ -18,6 +18,7 @@ struct MonitorSettings {
     std::string busAddress;
     std::string ethernet, cellular;
     std::string statusFile;
+    bool hasEndpoint = true;
 };
 
 /// Asks all parts, and waits for their news. One thread, but for ConnMan's.
@@ -44,6 +45,7 @@ private:
     Network network;
     Connman connman;
     ApplicationWatch application;
+    const bool hasEndpoint;
     bool news = false; // since the last Take
 };
 

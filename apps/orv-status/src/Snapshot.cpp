@@ -14,6 +14,14 @@ const BrokerView::Message* Find(const BrokerView& broker, const char* topic) {
     return found == broker.topics.end() ? nullptr : &found->second;
 }
 
+bool HasService(const ConnmanView& connman, const std::string& interface) {
+    for (const ConnmanView::Service& service : connman.services) {
+        if (service.interface == interface && (service.state == "ready" || service.state == "online"))
+            return true;
+    }
+    return false;
+}
+
 int ExitStatus(const Verdict& verdict) {
     if (verdict.state == "disconnected" || verdict.state == "disabled")
         return 20;
@@ -93,6 +101,29 @@ Verdict Judge(const Snapshot& snapshot) {
     }
     verdict.exitStatus = ExitStatus(verdict);
     return verdict;
+}
+
+std::string NoFailOver(const Snapshot& snapshot) {
+    const NetworkView& network = snapshot.network;
+    if (network.state == Known::PRESENT && network.Path() == "cellular")
+        return {};
+    if (snapshot.application.state == AppState::RUNNING && !snapshot.application.noFailOver.empty())
+        return snapshot.application.noFailOver;
+    if (!snapshot.hasEndpoint)
+        return "gateway.ini names no endpoint to prove a path with. Set endpoint = HOST in [cloud]";
+    for (const NetworkView::Interface& interface : network.interfaces) {
+        if (interface.role != "cellular")
+            continue;
+        if (!interface.exists)
+            return Joined({"there is no interface ", interface.name, ". Is the modem there (ip link)?"});
+        if (!interface.running)
+            return Joined({interface.name, " has no link. Is the modem registered with a network?"});
+        if (interface.addresses.empty())
+            return Joined({interface.name, " has no address. Connect its service (connmanctl services)"});
+        if (snapshot.connman.state == Known::PRESENT && !HasService(snapshot.connman, interface.name))
+            return Joined({"ConnMan has no connected service on ", interface.name, " (connmanctl services)"});
+    }
+    return {};
 }
 
 const char* Text(Known state) {

@@ -95,6 +95,8 @@ struct ApplicationView {
     std::string cloudState, cloudPath, cloudInterface, cloudReason, cloudFailure;
     Moment cloudSince;
     bool probation = false;
+    std::string
+        noFailOver; ///< why Cellular does not take over while the cloud is lost on Ethernet; empty: nothing is said
     std::string lastMoveAt, lastMoveFrom, lastMoveTo, lastMoveReason; ///< empty: none
     std::optional<double> longestTickUs;
     std::vector<Counter> counters; ///< those that are known
@@ -117,6 +119,7 @@ struct Snapshot {
     NetworkView network;
     ConnmanView connman;
     ApplicationView application;
+    bool hasEndpoint = true; ///< the configuration names what a path is proved with
 };
 
 constexpr const char* kGreen = "/orv/led/connected_services_green";
@@ -128,6 +131,9 @@ const char* LedState(const BrokerView& broker, const char* topic);
 
 /// @return the exit status in it: 0 cloud over Ethernet, 10 over Cellular, 20 no cloud, 30 cannot tell
 Verdict Judge(const Snapshot& snapshot);
+
+/// Why Cellular could not take over now, with the remedy; empty when nothing is known to be missing, or when it has.
+std::string NoFailOver(const Snapshot& snapshot);
 
 const char* Text(Known state);
 const char* Text(ApplicationView::State state);

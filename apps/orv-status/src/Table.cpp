@@ -181,6 +181,8 @@ std::string Table(const Snapshot& snapshot, const TableStyle& style) {
     AddRow(rows, "cloud", {Cloud(verdict, snapshot.at.monotonic)});
     AddRow(rows, "", {verdict.basis});
     AddRow(rows, "LEDs", {leds});
+    if (const std::string reason = NoFailOver(snapshot); !reason.empty())
+        AddRow(rows, "fail-over", {"not possible: ", reason});
     AddNetworkRows(rows, snapshot.network);
     AddConnmanRow(rows, snapshot.connman);
     AddBrokerRow(rows, snapshot.broker);

@@ -62,6 +62,7 @@ MonitorSettings ReadSettings(const Options& options) {
     settings.ethernet = config.interfaces.ethernet;
     settings.cellular = config.interfaces.cellular;
     settings.statusFile = options.statusFile;
+    settings.hasEndpoint = !config.cloud.endpoint.empty();
     return settings;
 }
 

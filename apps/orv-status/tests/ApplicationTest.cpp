@@ -18,7 +18,7 @@ const std::string kFile =
     R"({"version":1,"name":"alarm","pid":42,"process_start":7,"running":true,"started":"S",)"
     R"("written_monotonic":100.0,"cloud":{"state":"connected","path":"cellular","interface":"wwan0",)"
     R"("since":"C","since_monotonic":50.5,"reason":"why","last_failure":""},)"
-    R"("route":{"ethernet_on_probation":true,"last_move":{"time":"M","from":"ethernet",)"
+    R"("route":{"ethernet_on_probation":true,"no_fail_over":"N","last_move":{"time":"M","from":"ethernet",)"
     R"("to":"cellular","reason":"because"}},"longest_tick_us":2000,)"
     R"("counters":{"fail_overs":3,"broker_losses":null}})";
 
@@ -42,6 +42,7 @@ TEST(AStatusFile, IsRead) {
     EXPECT_EQ(view.cloudSince.monotonic, 50.5);
     EXPECT_EQ(view.lastMoveReason, "because");
     EXPECT_TRUE(view.probation);
+    EXPECT_EQ(view.noFailOver, "N");
     EXPECT_EQ(view.longestTickUs, 2000);
     ASSERT_EQ(view.counters.size(), 1U) << "what is not known is left out";
     EXPECT_EQ(view.counters[0].name, "fail_overs");

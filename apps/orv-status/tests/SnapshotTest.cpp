@@ -117,6 +117,48 @@ TEST_F(AHealthyGateway, IsShownAsATable) {
     EXPECT_NE(Table(snapshot, {true, true}).find("\x1b[32m\u25cf\x1b[0m green on"), std::string::npos);
 }
 
+class AGatewayThatCouldNotFailOver : public AHealthyGateway {
+protected:
+    NetworkView::Interface& Cellular() { return snapshot.network.interfaces[1]; }
+};
+
+TEST_F(AGatewayThatCouldNotFailOver, SaysWhatIsMissingAndTheRemedy) {
+    EXPECT_EQ(NoFailOver(snapshot), "");
+    snapshot.connman.services[1].state = "idle";
+    EXPECT_EQ(NoFailOver(snapshot), "ConnMan has no connected service on wwan0 (connmanctl services)");
+    Cellular().addresses.clear();
+    EXPECT_EQ(NoFailOver(snapshot), "wwan0 has no address. Connect its service (connmanctl services)");
+    Cellular().running = false;
+    EXPECT_EQ(NoFailOver(snapshot), "wwan0 has no link. Is the modem registered with a network?");
+    Cellular().exists = false;
+    EXPECT_EQ(NoFailOver(snapshot), "there is no interface wwan0. Is the modem there (ip link)?");
+    snapshot.hasEndpoint = false;
+    EXPECT_EQ(NoFailOver(snapshot),
+              "gateway.ini names no endpoint to prove a path with. Set endpoint = HOST in [cloud]");
+    EXPECT_NE(Table(snapshot, {}).find("\nfail-over    not possible: gateway.ini names no endpoint"),
+              std::string::npos);
+}
+
+TEST_F(AGatewayThatCouldNotFailOver, SaysWhatItsApplicationHasFoundOutByTrying) {
+    const std::string before = Fingerprint(snapshot);
+    snapshot.application.noFailOver = "over wwan0 the endpoint proves nothing";
+    EXPECT_EQ(NoFailOver(snapshot), "over wwan0 the endpoint proves nothing");
+    EXPECT_NE(Fingerprint(snapshot), before) << "it is news";
+    snapshot.application.state = AppState::STUCK;
+    EXPECT_EQ(NoFailOver(snapshot), "") << "what it said may not hold any more";
+}
+
+TEST_F(AGatewayThatCouldNotFailOver, HasNothingToSayOnceItHas) {
+    Cellular().addresses.clear();
+    snapshot.network.defaults = {{"wwan0", "", 0}};
+    EXPECT_EQ(NoFailOver(snapshot), "");
+}
+
+TEST_F(AGatewayThatCouldNotFailOver, DoesNotGuessWithoutConnMan) {
+    snapshot.connman = {};
+    EXPECT_EQ(NoFailOver(snapshot), "");
+}
+
 TEST_F(AHealthyGateway, IsShownOnALine) {
     EXPECT_EQ(Line(snapshot),
               "cloud connected over Ethernet (connected over eth0); green on, yellow off; default route eth0; "

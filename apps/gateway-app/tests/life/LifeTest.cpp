@@ -17,6 +17,7 @@ namespace {
 using namespace std::chrono_literals;
 using OrvStackSdk::Testing::Difference;
 using OrvStackSdk::Testing::Gateway;
+using OrvStackSdk::Testing::GatewayOptions;
 using Payloads = std::vector<std::string>;
 
 const std::string FEATURE = "/orv/apps_control/features/gateway-app";
@@ -26,7 +27,7 @@ const std::string GREEN = "/orv/led/connected_services_green";
 
 class TheLifeOfTheApplication : public ::testing::Test {
 protected:
-    TheLifeOfTheApplication() {
+    explicit TheLifeOfTheApplication(const GatewayOptions& options = {}) : gateway(options) {
         sigset_t signals;
         sigemptyset(&signals);
         for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1})
@@ -200,6 +201,139 @@ TEST_F(TheLifeOfTheApplication, LosesItsCloudConnectionWithTheAddressUnderIt) {
     At(3s, [&] { EXPECT_EQ(gateway.broker.Retained(GREEN), "Off"); });
     RunUntil(4s);
     EXPECT_NE(gateway.journal.Text().find("cloud connection: its address 192.0.2.2 is gone"), std::string::npos);
+}
+
+class TheLogOfTheApplication : public TheLifeOfTheApplication {
+protected:
+    TheLogOfTheApplication() : TheLifeOfTheApplication(WithRecords()) {
+        At(1s, [&] { around.cloudAnswers("192.0.2.2"); });
+    }
+    static GatewayOptions WithRecords() {
+        GatewayOptions options;
+        options.logRecords = OrvStackSdk::Testing::LogRecords::FROM_INFO;
+        return options;
+    }
+    /// Every line of it that holds the text.
+    Payloads Lines(const std::string& text) const {
+        Payloads found;
+        std::istringstream all(gateway.journal.Text({"log"}));
+        for (std::string line; std::getline(all, line);) {
+            if (line.find(text) != std::string::npos)
+                found.push_back(line);
+        }
+        return found;
+    }
+    std::size_t Moves() const { return Lines("the WAN route has moved").size(); }
+};
+
+TEST_F(TheLogOfTheApplication, HasOneLineForAFailOverAndOneForTheReturn) {
+    At(2s, [&] {
+        gateway.poke.Fails("eth0", 28);
+        around.cloudBreaks("timed out");
+    });
+    At(14s, [&] {
+        around.DefaultRouteBecomes("wwan0");
+        around.cloudAnswers("198.51.100.2");
+    });
+    At(40s, [&] {
+        EXPECT_EQ(Moves(), 1U);
+        gateway.poke.Reaches("eth0");
+    });
+    At(41s, [&] {
+        around.DefaultRouteBecomes("eth0");
+        around.cloudAnswers("192.0.2.2");
+    });
+    RunUntil(100s);
+    EXPECT_EQ(Moves(), 2U);
+    EXPECT_EQ(
+        Lines("from Ethernet (eth0) to Cellular (wwan0): the cloud was lost on Ethernet (timed out) and a poke over "
+              "Cellular succeeded; the switch took ")
+            .size(),
+        1U);
+    EXPECT_EQ(
+        Lines("from Cellular (wwan0) to Ethernet (eth0): a poke over Ethernet succeeded; the switch took ").size(), 1U);
+}
+
+TEST_F(TheLogOfTheApplication, HasOneLineForAMoveOfConnMansWithoutAnAddress) {
+    At(2s, [&] {
+        around.AddressesBecome("", "198.51.100.2");
+        around.DefaultRouteBecomes("wwan0");
+        around.cloudAnswers("198.51.100.2");
+    });
+    RunUntil(60s);
+    EXPECT_EQ(Moves(), 1U);
+    EXPECT_EQ(Lines("Ethernet has no address, and ConnMan took the other interface; the switch took ").size(), 1U);
+}
+
+TEST_F(TheLogOfTheApplication, SaysOnceInAnOutageWhyCellularDoesNotTakeOver) {
+    At(2s, [&] { around.AddressesBecome("192.0.2.2", ""); });
+    At(20s, [&] { EXPECT_EQ(Lines("no fail-over"), Payloads{}) << "the cloud is there"; });
+    At(21s, [&] {
+        gateway.poke.Fails("eth0", 28);
+        around.cloudBreaks("timed out");
+    });
+    At(33s, [&] { EXPECT_EQ(Lines("no fail-over"), Payloads{}) << "it was not yet due"; });
+    At(36s, [&] { EXPECT_EQ(Lines("no fail-over").size(), 1U); });
+    RunUntil(30min);
+    const Payloads said = Lines("no fail-over");
+    ASSERT_EQ(said.size(), 1U);
+    EXPECT_NE(said[0].find("warning"), std::string::npos);
+    EXPECT_NE(said[0].find("no fail-over to Cellular: wwan0 has no address. Connect its service once "
+                           "(connmanctl services, connmanctl connect SERVICE)"),
+              std::string::npos);
+}
+
+class AFailOverThatFails : public TheLogOfTheApplication {
+protected:
+    /// Neither interface reaches the cloud, and the application's own look has this result.
+    Payloads SaidWhen(PathProver::Result result) {
+        around.proof = std::move(result);
+        At(2s, [&] {
+            gateway.poke.Fails("eth0", 28);
+            gateway.poke.Fails("wwan0", 6);
+            around.cloudBreaks("timed out");
+        });
+        RunUntil(1h);
+        return Lines("does not prove the path to the cloud: ");
+    }
+};
+
+TEST_F(AFailOverThatFails, IsExplainedOnceByANameThatIsNotFound) {
+    const Payloads said = SaidWhen({false, "its name is not found", false, false, PathProver::Cause::NAME});
+    ASSERT_EQ(said.size(), 1U);
+    EXPECT_NE(said[0].find("log warning GatewayApp"), std::string::npos) << said[0];
+    EXPECT_NE(said[0].find("over wwan0 the endpoint "), std::string::npos) << said[0];
+    EXPECT_NE(
+        said[0].find("its name is not found. Do the name servers of its service answer (connmanctl services SERVICE)?"),
+        std::string::npos)
+        << said[0];
+}
+
+TEST_F(AFailOverThatFails, IsExplainedOnceByAMissingRouteForBoundConnections) {
+    const Payloads said =
+        SaidWhen({false, "Couldn't connect to server: No route to host", false, false, PathProver::Cause::ROUTE});
+    ASSERT_EQ(said.size(), 1U);
+    EXPECT_NE(said[0].find("log warning GatewayApp"), std::string::npos) << said[0];
+    EXPECT_NE(said[0].find("No route to host. Is there a route for connections bound to it: does orv-source-routes run "
+                           "(ip rule)?"),
+              std::string::npos)
+        << said[0];
+}
+
+TEST_F(AFailOverThatFails, StandsInTheStatusFile) {
+    statusFile = ::testing::TempDir() + "failed-of-" + std::to_string(getpid()) + ".json";
+    SaidWhen({false, "no answer", false});
+    std::stringstream text;
+    text << std::ifstream(statusFile).rdbuf();
+    std::remove(statusFile.c_str());
+    EXPECT_NE(text.str().find(R"("no_fail_over":"over wwan0 the endpoint )"), std::string::npos) << text.str();
+}
+
+TEST_F(TheLogOfTheApplication, HasNoWarningOfItsOwnAfterAHealthyStart) {
+    RunUntil(10min);
+    for (const std::string& line : Lines("GatewayApp"))
+        EXPECT_TRUE(line.find(" info ") != std::string::npos) << line;
+    EXPECT_GT(Lines("GatewayApp").size(), 5U);
 }
 
 TEST_F(TheLifeOfTheApplication, TellsWhatThePlatformHasCounted) {

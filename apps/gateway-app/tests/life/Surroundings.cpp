@@ -243,7 +243,11 @@ struct PathProver::Attempt {};
 
 PathProver::PathProver(EventLoop& eventLoop) : loop(eventLoop) {}
 PathProver::~PathProver() = default;
-void PathProver::Begin(const CloudSettings&, const std::string&, std::chrono::seconds, Callback) {}
+void PathProver::Begin(const CloudSettings&, const std::string&, std::chrono::seconds, Callback callback) {
+    auto& around = Surroundings::Present();
+    if (around.proof)
+        around.gateway.After(milliseconds(500), [callback, result = *around.proof] { callback(result); });
+}
 void PathProver::Stop() {}
 
 } // namespace GatewayApp

@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "PathProver.h"
 #include "WanInterfaces.h"
 
 #include <OrvStackSdk/Testing.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -38,6 +40,9 @@ struct Surroundings {
     std::function<void(const std::string& interface)> defaultRouteChanges;
     std::function<void()> statusFileIsWrong;
     /// @}
+
+    /// What the application's own try over an interface comes to; at first no try ever ends.
+    std::optional<PathProver::Result> proof;
 
     OrvStackSdk::Testing::Gateway& gateway;
     std::vector<OrvNetlink::Link> links;
