@@ -243,7 +243,7 @@ void Application::OnCloudConnected(const std::string& source) {
 
 void Application::OnCloudLost(const std::string& reason) {
     cloudInterface.clear();
-    logger.Warning() << "the cloud connection has ended: " << reason;
+    (ownDoing ? logger.Info() : logger.Warning()) << "the cloud connection has ended: " << reason;
     Note("cloud_lost", {{"reason", JsonText(reason)}});
     ethernetGuard.CloudIs(false);
     Report(OrvEvent::CLOUD_DISCONNECTED);

@@ -127,6 +127,20 @@ TEST_F(AGatewaysBroker, LetsNobodyElseSwitchAnLed) {
     }
 }
 
+// As orv-status comes, where the access list is in force.
+TEST_F(AGatewaysBroker, LetsTheDiagnosticsUserReadWhatIsRetainedUnderOrvAndPublishNothing) {
+    TestClient application("ORV_Stack");
+    ASSERT_TRUE(application.Connect());
+    for (const std::string topic : {LED, "/orv/apps_control/features/Ent/status/EntCon",
+                                    "/orv/apps_control/features/alarm/available", "/orv/network/wan/inhibit_dns"}) {
+        ASSERT_EQ(application.PublishRetainedMessage(topic, "as it was", true), 0);
+        ASSERT_TRUE(WaitUntil([&] { return Seen("orv-diagnostics", topic) == "as it was"; })) << topic;
+        RawClient diagnostics = As("orv-diagnostics");
+        ASSERT_TRUE(diagnostics.Publish({topic, "forged", 1, true, false, 0})) << "acknowledged, and dropped";
+        EXPECT_EQ(Seen("orv-diagnostics", topic), "as it was") << topic;
+    }
+}
+
 TEST_F(AGatewaysBroker, LetsNobodyInWithoutAName) {
     constexpr int notAuthorised = 5;
     EXPECT_EQ(RawClient(broker.Port()).Answer(), notAuthorised);
