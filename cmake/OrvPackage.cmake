@@ -65,7 +65,7 @@ orv_debian_package(dev liborvstacksdk-dev SECTION libdevel
 if(ORV_BUILD_TEST_KIT)
   orv_debian_package(test-dev liborvstacksdk-test-dev SECTION libdevel
     SUMMARY "connected-services client library for gateways - test kit"
-    DESCRIPTION "An application's unit tests link it instead of the library: the real client on a\nsimulated gateway, in one process and in virtual time."
+    DESCRIPTION "An application's unit tests link it instead of the library: the real client on a\nsimulated gateway, in one process and in virtual time. orv-simulate, which\norv-shell --simulate runs, does it by hand."
     DEPENDS "liborvstacksdk-dev ${same}")
 endif()
 if(ORV_PLATFORM STREQUAL "linux")

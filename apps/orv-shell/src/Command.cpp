@@ -19,6 +19,10 @@ const char* const EXPECT_DETAILS =
     "  expect OnDeviceCellularStatusIndication STRENGTH \"-71 dBm\" within 2s\n"
     "  expect reconnect within 15s        asks CloudReconnectNeeded after each tick";
 
+const char* const PATH_DETAILS =
+    "dead: nothing comes back; refused: an answer comes at once, and it is a refusal; back: the cloud is reached.\n"
+    "It holds for attempts that begin later. What the application learns of it by itself stands in event.";
+
 std::string Usage(const Command& command) {
     std::string usage = command.name;
     for (const Parameter& parameter : command.parameters)
@@ -76,15 +80,36 @@ void CheckCount(const Command& command, std::size_t count) {
 
 } // namespace
 
+bool IsAboutSurroundings(CommandId id) {
+    return id == CommandId::BROKER || id == CommandId::CELLULAR || id == CommandId::CONNMAN ||
+           id == CommandId::ETHERNET || id == CommandId::PUBLISH;
+}
+
 const std::vector<Command>& Commands() {
     static const std::vector<Command> commands{
         {CommandId::ACTION,
          "action",
          {{"APP", Kind::TEXT}, {"ACTION", Kind::ACTION}},
          "orders an application, this one or another, to do something"},
+        {CommandId::ADVANCE, "advance", {{"DURATION", Kind::DURATION}}, "the same as wait"},
+        {CommandId::BROKER, "broker", {{"FATE", Kind::BROKER_FATE}}, "[S] the broker is lost, or a new one is there"},
+        {CommandId::CELLULAR,
+         "cellular",
+         {{"FATE", Kind::PATH_FATE}},
+         "[S] what becomes of connections over Cellular",
+         PATH_DETAILS},
         {CommandId::CONNECTION_STATUS, "conn-status", {{"TEXT", Kind::TEXT}}, "tells the cellular connection's state"},
+        {CommandId::CONNMAN,
+         "connman",
+         {{"FATE", Kind::CONNMAN_FATE}},
+         "[S] the connection manager takes orders and moves nothing"},
         {CommandId::CREATE, "create", {}, "makes a client; done at the start, needed after release"},
         {CommandId::DEINIT, "deinit", {}, "stops and leaves the broker with a good-bye"},
+        {CommandId::ETHERNET,
+         "ethernet",
+         {{"FATE", Kind::PATH_FATE}},
+         "[S] what becomes of connections over Ethernet",
+         PATH_DETAILS},
         {CommandId::EVENT, "event", {{"EVENT", Kind::EVENT}}, "reports a connectivity event"},
         {CommandId::EXPECT,
          "expect",
@@ -100,6 +125,10 @@ const std::vector<Command>& Commands() {
          {{"TEXT", Kind::TEXT}, {"NUMBER", Kind::NUMBER}},
          "sends a command to the panel",
          PANEL_NUMBERS},
+        {CommandId::PUBLISH,
+         "publish",
+         {{"TOPIC", Kind::TEXT}, {"PAYLOAD", Kind::TEXT}, {"retained", Kind::RETAINED, true}},
+         "[S] somebody else on the gateway publishes"},
         {CommandId::QUIT,
          "quit",
          {},
@@ -149,6 +178,7 @@ std::string HelpText() {
         text += std::string(command.summary) + "\n";
     }
     return text +
+           "[S]: with --simulate only, where gateway and time are simulated.\n"
            "Words are separated by blanks; text with blanks stands in 'quotes' or \"quotes\"; # starts a comment.\n"
            "help COMMAND lists the words that are valid.\n";
 }

@@ -12,9 +12,14 @@ namespace OrvShell {
 
 enum class CommandId {
     ACTION,
+    ADVANCE,
+    BROKER,
+    CELLULAR,
     CONNECTION_STATUS,
+    CONNMAN,
     CREATE,
     DEINIT,
+    ETHERNET,
     EVENT,
     EXPECT,
     HANDLER,
@@ -22,6 +27,7 @@ enum class CommandId {
     INIT,
     NOTE,
     PANEL,
+    PUBLISH,
     QUIT,
     RECONNECT,
     RELEASE,
@@ -62,6 +68,9 @@ struct Statement {
     Words arguments;
     std::optional<Expectation> expectation;
 };
+
+/// Whether it is about what surrounds the application: only a simulated gateway (--simulate) is in the shell's hands.
+bool IsAboutSurroundings(CommandId id);
 
 /// All commands in alphabetical order.
 const std::vector<Command>& Commands();

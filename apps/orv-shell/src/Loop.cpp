@@ -77,7 +77,9 @@ bool Loop::Step() {
     ShowCallbacks();
     try {
         shell.Advance(Shell::Clock::now());
-        if (!interrupted && !shell.Waiting() && !ExecuteNext() && input.AtEnd())
+        executed = false;
+        executed = !interrupted && !shell.Waiting() && ExecuteNext();
+        if (!interrupted && !shell.Waiting() && !executed && input.AtEnd())
             return false;
     } catch (const CommandError& error) {
         Fail(error.what());
@@ -118,6 +120,8 @@ void Loop::Sleep() {
 }
 
 int Loop::TimeoutToNextDeadline() const {
+    if (executed)
+        return 0;
     constexpr auto longest = std::chrono::duration_cast<Shell::Clock::duration>(std::chrono::hours(1));
     const TimePoint now = Shell::Clock::now();
     TimePoint deadline = now + longest;

@@ -42,6 +42,7 @@ private:
     Shell shell;
     TimePoint nextTick;
     OrvSignals::Signals signals;
+    bool executed = false; // a line in the last step: the next one, or what it waits for, may be there
     bool interrupted = false;
     bool failed = false;
 };

@@ -112,6 +112,14 @@ void Shell::Execute(const Statement& statement, Clock::time_point now) {
         for (int left = arguments.empty() ? 1 : std::stoi(arguments[0]); left > 0; --left)
             Client().Tick(std::chrono::milliseconds(0));
         return;
+    case CommandId::BROKER:
+    case CommandId::CELLULAR:
+    case CommandId::CONNMAN:
+    case CommandId::ETHERNET:
+    case CommandId::PUBLISH:
+        throw CommandError("this gateway's surroundings are real and not in the shell's hands; orv-shell --simulate "
+                           "has a gateway where they are");
+    case CommandId::ADVANCE:
     case CommandId::WAIT:
         waitEnd = now + ParseDuration(arguments[0]);
         return;

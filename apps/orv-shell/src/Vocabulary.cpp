@@ -54,6 +54,10 @@ const char* NameOf(Kind kind) {
         return "command";
     case Kind::BOOLEAN:
     case Kind::SWITCH:
+    case Kind::BROKER_FATE:
+    case Kind::PATH_FATE:
+    case Kind::CONNMAN_FATE:
+    case Kind::RETAINED:
     case Kind::TEXT:
     case Kind::NUMBER:
     case Kind::COUNT:
@@ -91,6 +95,14 @@ Words ValidWords(Kind kind) {
         return {"on", "off"};
     case Kind::COMMAND:
         return CommandNames();
+    case Kind::BROKER_FATE:
+        return {"lost", "back"};
+    case Kind::PATH_FATE:
+        return {"dead", "refused", "back"};
+    case Kind::CONNMAN_FATE:
+        return {"frozen", "thawed"};
+    case Kind::RETAINED:
+        return {"retained"};
     case Kind::TEXT:
     case Kind::NUMBER:
     case Kind::COUNT:

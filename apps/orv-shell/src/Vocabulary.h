@@ -20,7 +20,11 @@ enum class Kind {
     NUMBER,
     COUNT,
     DURATION,
-    COMMAND
+    COMMAND,
+    BROKER_FATE,
+    PATH_FATE,
+    CONNMAN_FATE,
+    RETAINED
 };
 
 /// All words that are valid for the kind; empty where any text of the right form is.

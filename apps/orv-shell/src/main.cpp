@@ -8,7 +8,11 @@
 #include <CLI/CLI.hpp>
 #include <curl/curl.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <iostream>
 
 #include <unistd.h>
@@ -16,6 +20,8 @@
 using namespace OrvShell;
 
 namespace {
+
+constexpr const char* SIMULATION = "orv-simulate";
 
 struct Options {
     std::string scenario;
@@ -32,6 +38,8 @@ std::optional<int> ParseArguments(int argc, char** argv, Options& options) {
     app.add_option("SCENARIO", options.scenario, "File with one command a line; without it, stdin is read");
     app.add_option("--tick", tick, "How often to tick, e.g. 100ms; 0: only with the command tick")
         ->capture_default_str();
+    app.add_flag("--simulate", "On a simulated gateway and in virtual time: no broker, no waiting; it needs the test "
+                               "kit's orv-simulate");
     app.add_flag("--check", options.checkOnly, "Only check that the scenario can be understood");
     app.set_version_flag("--version", "orv-shell " ORV_VERSION);
     app.footer(
@@ -52,6 +60,23 @@ std::optional<int> ParseArguments(int argc, char** argv, Options& options) {
     return std::nullopt;
 }
 
+/// Replaces this program by the simulation, with the same arguments; it stands beside this one, or in the PATH.
+int Simulate(int argc, char** argv) {
+    std::vector<char*> arguments;
+    for (char** argument = argv; argument != argv + argc; ++argument) {
+        if (std::strcmp(*argument, "--simulate") != 0)
+            arguments.push_back(*argument);
+    }
+    arguments.push_back(nullptr);
+    std::error_code unknown;
+    const auto beside = std::filesystem::read_symlink("/proc/self/exe", unknown).replace_filename(SIMULATION);
+    execv(beside.c_str(), arguments.data());
+    execvp(SIMULATION, arguments.data());
+    std::cerr << "orv-shell: " << SIMULATION << " cannot be run (" << std::generic_category().message(errno)
+              << "): it comes with the test kit, in the package liborvstacksdk-test-dev" << std::endl;
+    return Loop::COMMAND_FAILED;
+}
+
 std::string HistoryFile() {
     const char* home = std::getenv("HOME"); // NOLINT(concurrency-mt-unsafe): nobody sets it
     return home == nullptr || *home != '/' ? std::string() : std::string(home) + "/.orv_shell_history";
@@ -66,6 +91,8 @@ std::unique_ptr<Input> OpenInput(const Options& options) {
 }
 
 int Run(int argc, char** argv) {
+    if (std::any_of(argv + 1, argv + argc, [](const char* word) { return std::strcmp(word, "--simulate") == 0; }))
+        return Simulate(argc, argv);
     Options options;
     if (const std::optional<int> status = ParseArguments(argc, argv, options))
         return *status;

@@ -52,8 +52,9 @@ TEST(ANote, NeedsNoQuotes) {
 TEST(AnUnknownCommand, IsAnsweredWithTheListOfCommands) {
     EXPECT_EQ(
         ErrorOf("stauts ready"),
-        "no such command: stauts; valid are: action, conn-status, create, deinit, event, expect, handler, help, init, "
-        "note, panel, quit, reconnect?, release, shutdown, start, status, stop, tick, wait");
+        "no such command: stauts; valid are: action, advance, broker, cellular, conn-status, connman, create, deinit, "
+        "ethernet, event, expect, handler, help, init, note, panel, publish, quit, reconnect?, release, shutdown, "
+        "start, status, stop, tick, wait");
 }
 
 TEST(AnUnknownValue, IsAnsweredWithAllValuesOfItsEnumeration) {

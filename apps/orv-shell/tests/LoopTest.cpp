@@ -300,3 +300,24 @@ TEST_F(AScenario, MayComeThroughAPipeWithoutALastLineEnd) {
     EXPECT_EQ(errors.substr(0, 45), "stdin:2: no such application status: redy; va");
     EXPECT_EQ(world.calls, (std::vector<std::string>{"SetHandler", "Init alarm", "Stop", "DeInit", "~"}));
 }
+
+TEST_F(AScenario, IsCarriedOutAtOnceWhenItsLinesCameTogetherAndMoreMayCome) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const std::string text = "init alarm\nexpect OnInitConfirmation ACK within 1h\nstart\nquit\n";
+    ASSERT_EQ(write(ends[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    const std::unique_ptr<Input> input = OpenStream(ends[0]);
+    tick = 0ms; // nothing else wakes the loop
+    EXPECT_EQ(Run(*input), 0);
+    close(ends[0]);
+    close(ends[1]);
+    EXPECT_EQ(world.calls, (std::vector<std::string>{"SetHandler", "Init alarm", "Start", "Stop", "DeInit", "~"}));
+}
+
+TEST_F(AScenario, CannotChangeTheSurroundingsOfARealGateway) {
+    for (const char* const line : {"broker lost", "cellular dead", "connman frozen", "ethernet back", "publish /a b"}) {
+        EXPECT_EQ(Run(line), 1);
+        EXPECT_EQ(errors, place + ":1: this gateway's surroundings are real and not in the shell's hands; orv-shell "
+                                  "--simulate has a gateway where they are\n");
+    }
+}
