@@ -108,6 +108,17 @@ run_ctest() {
     ctest --preset "$preset" -j"${ORV_TEST_JOBS:-$((2 * $(nproc)))}" "$@"
 }
 
+# start_on_port MODULE [ARGUMENT...]: starts a program of the testbed that prints its port once it is ready, and sets $port
+# and $started_pid, which its user ends.
+# shellcheck disable=SC2034  # for its user
+start_on_port() {
+    local said
+    exec {said}< <(exec /usr/bin/python3 -B -m "$@")
+    started_pid=$!
+    read -r port <&"$said" || fail "$1 does not start"
+    exec {said}<&-
+}
+
 run_pytest() {
     [ -z "${ORV_REPORTS-}" ] || set -- --junitxml "$ORV_REPORTS/pytest.xml" "$@"
     /usr/bin/python3 -B -m pytest -q -p no:cacheprovider "$@"

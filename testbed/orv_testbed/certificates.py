@@ -17,14 +17,18 @@ def openssl(*words: str | pathlib.Path) -> str:
 
 
 class Authority:
-    """A certificate authority of its own: NAME.pem and NAME.key in `folder`."""
+    """A certificate authority of its own: NAME.pem and NAME.key in `folder`.
 
-    def __init__(self, folder: pathlib.Path, name: str, common_name: str) -> None:
+    With `alternative_names` its certificate serves an endpoint by itself, too.
+    """
+
+    def __init__(self, folder: pathlib.Path, name: str, common_name: str, alternative_names: str = "") -> None:
         self.folder = folder
         self.certificate = folder / f"{name}.pem"
         subject = f"/CN={common_name}"
         files = ("-keyout", self.certificate.with_suffix(".key"), "-out", self.certificate)
-        openssl("req", "-x509", *KEY, "-days", DAYS, "-subj", subject, *files)
+        names = ("-addext", f"subjectAltName={alternative_names}") if alternative_names else ()
+        openssl("req", "-x509", *KEY, "-days", DAYS, "-subj", subject, *names, *files)
 
     def certify(self, name: str, common_name: str, alternative_names: str) -> pathlib.Path:
         """Makes NAME.pem and NAME.key; returns the former."""
