@@ -33,6 +33,7 @@ class Run:
         shutil.rmtree(self.reports, ignore_errors=True)
         self.reports.mkdir(parents=True)
         words = step.name.split()
+        before = ["nice", "-n", "19"] if step.gives_way else []
         environment = {**os.environ, **{name: self._value(value) for name, value in step.environment}}
         environment["ORV_REPORTS"] = str(self.reports)
         self.begin = time.monotonic()
@@ -42,7 +43,7 @@ class Run:
         self.verdict = "running"
         with self.log.open("wb") as log:
             self.process = subprocess.Popen(
-                [TREE / "script" / words[0], *words[1:]],
+                [*before, TREE / "script" / words[0], *words[1:]],
                 cwd=TREE,
                 env=environment,
                 stdin=subprocess.DEVNULL,

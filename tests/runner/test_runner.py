@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 from __future__ import annotations
 
+import dataclasses
 import os
 import pathlib
 import subprocess
@@ -95,6 +96,13 @@ def test_a_step_that_exits_with_an_error_fails_the_run(tree: AddStep, capsys: py
     assert [one.verdict for one in runs] == ["ok", "FAILED"]
     assert run.summary(runs, 1) == 1
     assert "the reason" in capsys.readouterr().out
+
+
+def test_a_step_that_gives_way_leaves_the_others_their_time(tree: AddStep) -> None:
+    ordinary = tree("ordinary", "nice")
+    polite = dataclasses.replace(tree("polite", "nice"), gives_way=True)
+    runs = run.run_group((ordinary, polite))
+    assert [int(one.last_line()) for one in runs] == [os.nice(0), 19]
 
 
 def test_a_failed_test_fails_a_step_that_exits_well(tree: AddStep) -> None:
