@@ -126,6 +126,8 @@ TEST_F(AWatchedFile, HoldsNobodyUpWhateverItIs) {
 
 TEST_F(AWatchedFile, TellsWhenItIsReplaced) {
     ApplicationWatch watch(path);
+    if (watch.Descriptor() < 0) // then who follows the file looks each second
+        GTEST_SKIP() << "this user has no inotify instance left (fs.inotify.max_user_instances)";
     EXPECT_FALSE(watch.Changed());
     std::ofstream(folder + "/another") << "text";
     EXPECT_FALSE(watch.Changed());
