@@ -69,6 +69,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     OrvPlatform::LogChannel log(std::make_unique<KeepingOutput>(line));
     log.Write({OrvPlatform::LogLevel::INFO, "Fuzz", tag, text});
     Require(IsOneCleanLine(line), "a record is one clean line");
-    Require(line.size() <= OrvPlatform::maxRecordBytes + 64, "a record keeps to its size");
+    Require(line.size() <= OrvPlatform::MAX_RECORD_BYTES + 64, "a record keeps to its size");
     return 0;
 }

@@ -7,8 +7,8 @@
 
 namespace {
 
-constexpr int faultsFound = 1;
-constexpr int wrongUse = 2;
+constexpr int FAULTS_FOUND = 1;
+constexpr int WRONG_USE = 2;
 
 int Check(const std::string& path, bool mayBeMissing, bool quiet) {
     const OrvPlatform::LoadedConfig loaded = OrvPlatform::ReadGatewayConfig(path, mayBeMissing);
@@ -24,7 +24,7 @@ int Check(const std::string& path, bool mayBeMissing, bool quiet) {
                "the cloud's host\n";
     if (!quiet)
         std::cout << OrvPlatform::ShowGatewayConfig(loaded.config);
-    return loaded.problems.empty() ? 0 : faultsFound;
+    return loaded.problems.empty() ? 0 : FAULTS_FOUND;
 }
 
 } // namespace
@@ -44,7 +44,7 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : wrongUse;
+        return app.exit(error) == 0 ? 0 : WRONG_USE;
     }
     return Check(path, file->count() == 0, quiet);
 }

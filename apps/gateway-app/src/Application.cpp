@@ -25,7 +25,7 @@ using namespace OrvStackSdk;
 
 namespace {
 
-constexpr int kEndpoint = 0;
+constexpr int ENDPOINT = 0;
 
 std::string InterfaceName(const char* path) {
     return GatewayMainBaseUnits::IpInterfacesMapping::GetInstance().GetInterfaceName(path);
@@ -61,7 +61,7 @@ Application::Application(AppOptions appOptions, std::vector<std::string> command
             [this] { return std::generate_canonical<double, 32>(randomness); }),
       ethernetGuard(loop, InterfaceName("Ethernet"), options.cloud, [this](OrvEvent event) { Report(event); }),
       pokeExplainer(loop, InterfaceName("Ethernet"), InterfaceName("Cellular"),
-                    OrvResources::CreateStaticConfigStore()->GetValue(kEndpoint),
+                    OrvResources::CreateStaticConfigStore()->GetValue(ENDPOINT),
                     [this](const PokeExplainer::Failure& failure) { OnPokeFailed(failure); }),
       hindrance(InterfaceName("Cellular")),
       rhythm(options.tick),
@@ -83,7 +83,7 @@ Application::~Application() = default;
 void Application::Run() {
     if (!lock.Missing().empty())
         logger.Warning() << lock.Missing() << ": a second gateway-app on this gateway would not be noticed";
-    if (OrvResources::CreateStaticConfigStore()->GetValue(kEndpoint).empty()) {
+    if (OrvResources::CreateStaticConfigStore()->GetValue(ENDPOINT).empty()) {
         told.hindrance = "the WAN route will never move: gateway.ini names no endpoint to prove a path with. Set "
                          "endpoint = HOST in [cloud], and start the application anew";
         neverMoves = true;

@@ -16,7 +16,7 @@ using CommonUtils::Networking::ConnmanCommands;
 
 namespace {
 
-constexpr const char* kStatusFile = "/var/tmp/new_enterprise_statuses.csv";
+constexpr const char* STATUS_FILE = "/var/tmp/new_enterprise_statuses.csv";
 
 std::string InterfaceName(const char* path) {
     return GatewayMainBaseUnits::IpInterfacesMapping::GetInstance().GetInterfaceName(path);
@@ -92,21 +92,21 @@ void Application::CheckDefaultRoute() {
 
 void Application::WatchStatusFile() {
     try {
-        statusFile = std::make_unique<StatusFileWatch>(loop, kStatusFile, [this] { PutStatusFileRight(); });
+        statusFile = std::make_unique<StatusFileWatch>(loop, STATUS_FILE, [this] { PutStatusFileRight(); });
     } catch (const std::system_error& error) {
-        logger.Warning() << "what other programs write into " << kStatusFile << " stays: " << error.what();
+        logger.Warning() << "what other programs write into " << STATUS_FILE << " stays: " << error.what();
     }
 }
 
 void Application::PutStatusFileRight() {
     if (!statusFileForeign)
-        logger.Info() << kStatusFile << " was written or removed by another program, another client of the library it "
+        logger.Info() << STATUS_FILE << " was written or removed by another program, another client of the library it "
                       << "may be; it is put right, now and from now on";
     statusFileForeign = true;
     if (statusFile->Quarrels() && !statusFileQuarrel) {
         statusFileQuarrel = true;
-        logger.Warning() << kStatusFile << " is written by another program again and again; it is put right every five "
-                         << "seconds only. Who does it: fuser " << kStatusFile << ", or auditctl -w " << kStatusFile;
+        logger.Warning() << STATUS_FILE << " is written by another program again and again; it is put right every five "
+                         << "seconds only. Who does it: fuser " << STATUS_FILE << ", or auditctl -w " << STATUS_FILE;
     }
     SendEvent(CloudState()); // every event has the library write the file
 }

@@ -22,7 +22,7 @@ using Seconds = std::chrono::duration<double>;
 
 namespace {
 
-constexpr std::size_t kPokesKept = 5;
+constexpr std::size_t POKES_KEPT = 5;
 
 std::string InterfaceName(Path path) {
     const char* const role = path == Path::ETHERNET ? "Ethernet" : "Cellular";
@@ -151,7 +151,7 @@ void Application::NotePoke(Path path, bool good, std::optional<std::chrono::stea
     poke.text = text;
     poke.knownFrom = knownFrom;
     told.pokes.push_front(std::move(poke));
-    if (told.pokes.size() > kPokesKept)
+    if (told.pokes.size() > POKES_KEPT)
         told.pokes.pop_back();
     statusWriter.Changed();
 }

@@ -17,11 +17,11 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr BackOff::Duration kFirstRetry = 500ms;
-constexpr BackOff::Duration kLongestRetry = 10s;
-constexpr auto kAttemptLimit = 5s;
-constexpr auto kLasting = 10s;
-constexpr BackOff::Duration kLongestFirst = 2s; // leaves time for attempts before the route moves
+constexpr BackOff::Duration FIRST_RETRY = 500ms;
+constexpr BackOff::Duration LONGEST_RETRY = 10s;
+constexpr auto ATTEMPT_LIMIT = 5s;
+constexpr auto LASTING = 10s;
+constexpr BackOff::Duration LONGEST_FIRST = 2s; // leaves time for attempts before the route moves
 
 /// The protocol's own ping finds a broker that hangs on a machine that answers, and costs more than the kernel's
 /// question.
@@ -51,7 +51,7 @@ CloudConnection::CloudConnection(EventLoop& eventLoop, CloudSettings cloudSettin
       dialer(eventLoop),
       race(eventLoop, {[this](CloudRace::Winner winner) { OnWon(std::move(winner)); },
                        [this](const std::string& reason) { End(reason); }}),
-      backOff(kFirstRetry, kLongestRetry, std::move(random)),
+      backOff(FIRST_RETRY, LONGEST_RETRY, std::move(random)),
       deadline(eventLoop, [this] { OnDeadline(); }),
       lifeTimer(eventLoop, [this] { CheckLife(); }) {
     mosquitto_lib_init();
@@ -92,7 +92,7 @@ void CloudConnection::Close() {
 void CloudConnection::Dial() {
     state = State::DIALLING;
     begun = Now();
-    deadline.Once(kAttemptLimit);
+    deadline.Once(ATTEMPT_LIMIT);
     dialer.Dial(settings, [this](Dialled found) { OnDialled(std::move(found)); });
 }
 
@@ -178,8 +178,8 @@ void CloudConnection::End(const std::string& reason) {
     // The first attempt after a loss comes soon: often only the connection is gone, not the path. Not at once, because
     // a broker that restarts loses a whole fleet in one moment. One that takes connections only to end them is not
     // worth it.
-    const bool lasting = was && Now() - since >= kLasting;
-    const BackOff::Duration delay = lasting ? backOff.First(kLongestFirst) : backOff.Next();
+    const bool lasting = was && Now() - since >= LASTING;
+    const BackOff::Duration delay = lasting ? backOff.First(LONGEST_FIRST) : backOff.Next();
     deadline.Once(delay);
     if (was)
         handler.onLost(reason);

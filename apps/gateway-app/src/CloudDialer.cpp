@@ -17,8 +17,8 @@ namespace GatewayApp {
 
 namespace {
 
-constexpr int kMaxHelpers = 4;
-constexpr std::size_t kMaxAddresses = 16;
+constexpr int MAX_HELPERS = 4;
+constexpr std::size_t MAX_ADDRESSES = 16;
 
 std::atomic<int> helpers{0};
 
@@ -30,7 +30,7 @@ std::vector<std::string> Resolve(const std::string& host) {
         return {};
     const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, &freeaddrinfo);
     std::vector<std::string> addresses;
-    for (const addrinfo* one = found; one != nullptr && addresses.size() < kMaxAddresses; one = one->ai_next) {
+    for (const addrinfo* one = found; one != nullptr && addresses.size() < MAX_ADDRESSES; one = one->ai_next) {
         std::array<char, NI_MAXHOST> text{};
         if (getnameinfo(one->ai_addr, one->ai_addrlen, text.data(), text.size(), nullptr, 0, NI_NUMERICHOST) == 0)
             addresses.emplace_back(text.data());
@@ -109,7 +109,7 @@ void CloudDialer::Dial(const CloudSettings& settings, Callback callback) {
         if (call->wanted)
             call->callback(std::move(call->dialled));
     };
-    if (helpers >= kMaxHelpers) {
+    if (helpers >= MAX_HELPERS) {
         current->dialled.failure = "cannot resolve " + settings.host + ": earlier look-ups still wait for name servers";
         mailbox->Post(answer);
         return;

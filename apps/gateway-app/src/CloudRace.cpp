@@ -18,8 +18,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto kStagger = 250ms;
-constexpr auto kSlowHandshake = 1500ms;
+constexpr auto STAGGER = 250ms;
+constexpr auto SLOW_HANDSHAKE = 1500ms;
 
 } // namespace
 
@@ -124,7 +124,7 @@ void CloudRace::Go() {
     for (const auto& runner : runners) {
         if (Driven() < allowed && runner->reached && !runner->driven && runner->failure.empty()) {
             runner->driven = true;
-            timer.Once(kSlowHandshake);
+            timer.Once(SLOW_HANDSHAKE);
             loop.Change(runner->socket, EPOLLIN | EPOLLOUT); // it may have got far already
         }
     }
@@ -142,7 +142,7 @@ void CloudRace::Go() {
 
 void CloudRace::StartNext() {
     while (started < runners.size()) {
-        timer.Once(kStagger);
+        timer.Once(STAGGER);
         if (Start(*runners[started++]))
             return;
     }

@@ -7,7 +7,7 @@ namespace GatewayApp {
 
 namespace {
 
-constexpr std::chrono::microseconds kFirstBound{16};
+constexpr std::chrono::microseconds FIRST_BOUND{16};
 
 std::string Microseconds(std::chrono::nanoseconds time) {
     return std::to_string(std::chrono::duration_cast<std::chrono::microseconds>(time).count());
@@ -26,8 +26,8 @@ Effort EffortSoFar() {
 
 void DurationHistogram::Add(std::chrono::nanoseconds duration, const Effort& effort) {
     std::size_t index = 0;
-    std::chrono::nanoseconds bound = kFirstBound;
-    while (duration >= bound && index + 1 < kClasses) {
+    std::chrono::nanoseconds bound = FIRST_BOUND;
+    while (duration >= bound && index + 1 < CLASSES) {
         bound *= 2;
         ++index;
     }
@@ -45,12 +45,12 @@ std::string DurationHistogram::Json() const {
                        ",\"waits\":" + std::to_string(effortOfLongest.waits) +
                        ",\"preemptions\":" + std::to_string(effortOfLongest.preemptions) +
                        ",\"disk_reads\":" + std::to_string(effortOfLongest.diskReads) + "},\"below_us\":{";
-    std::chrono::microseconds bound = kFirstBound;
+    std::chrono::microseconds bound = FIRST_BOUND;
     bool first = true;
-    for (std::size_t index = 0; index < kClasses; ++index, bound *= 2) {
+    for (std::size_t index = 0; index < CLASSES; ++index, bound *= 2) {
         if (classes.at(index) == 0)
             continue;
-        const std::string name = index + 1 < kClasses ? std::to_string(bound.count()) : "more";
+        const std::string name = index + 1 < CLASSES ? std::to_string(bound.count()) : "more";
         text += (first ? "\"" : ",\"") + name + "\":" + std::to_string(classes.at(index));
         first = false;
     }

@@ -43,8 +43,8 @@ public:
     std::string Json() const;
 
 private:
-    static constexpr std::size_t kClasses = 18; // the last one takes everything from 1 s up
-    std::array<std::uint64_t, kClasses> classes{};
+    static constexpr std::size_t CLASSES = 18; // the last one takes everything from 1 s up
+    std::array<std::uint64_t, CLASSES> classes{};
     std::uint64_t count = 0;
     std::chrono::nanoseconds longest{0};
     Effort effortOfLongest;

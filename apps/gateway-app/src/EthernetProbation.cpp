@@ -10,11 +10,11 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto kMemory = 10min;
-constexpr auto kLongMemory = 1h; // of an Ethernet that has been on probation, and of the number of moves
-constexpr std::size_t kFewMoves =
+constexpr auto MEMORY = 10min;
+constexpr auto LONG_MEMORY = 1h; // of an Ethernet that has been on probation, and of the number of moves
+constexpr std::size_t FEW_MOVES =
     3; // so many moves to Cellular within the long memory are an Ethernet that fails again
-constexpr std::size_t kMostMoves = 5;
+constexpr std::size_t MOST_MOVES = 5;
 
 struct Stage {
     std::chrono::seconds length;
@@ -24,10 +24,10 @@ struct Stage {
     // After a move, and after a loss, the cloud is usually back on Cellular within this time.
     std::chrono::seconds patience;
 };
-constexpr std::array<Stage, 5> kStages{
+constexpr std::array<Stage, 5> STAGES{
     {{1min, 5, 10s, 5s}, {2min, 6, 18s, 10s}, {4min, 6, 36s, 20s}, {8min, 8, 55s, 40s}, {15min, 15, 55s, 60s}}};
-constexpr auto kLongestAway = 15min;
-constexpr auto kRestWithoutCloud = 5s;
+constexpr auto LONGEST_AWAY = 15min;
+constexpr auto REST_WITHOUT_CLOUD = 5s;
 
 } // namespace
 
@@ -36,7 +36,7 @@ bool EthernetProbation::MovedToCellular(Time now) {
     if (!again)
         level = 0;
     else if (ended != End::NONE)
-        level = std::min<unsigned>(level + 1, kStages.size() - 1);
+        level = std::min<unsigned>(level + 1, STAGES.size() - 1);
     counted = now;
     ended = End::NONE;
     // The time without the cloud counts anew: the application begins to connect on this path only now.
@@ -46,9 +46,9 @@ bool EthernetProbation::MovedToCellular(Time now) {
     active = again && cellularUsable;
     if (active) {
         begun = now;
-        length = kStages.at(level).length;
-        if (failOvers.size() == kMostMoves)
-            length = std::max(length, std::chrono::ceil<std::chrono::seconds>(failOvers.front() + kLongMemory - now));
+        length = STAGES.at(level).length;
+        if (failOvers.size() == MOST_MOVES)
+            length = std::max(length, std::chrono::ceil<std::chrono::seconds>(failOvers.front() + LONG_MEMORY - now));
         BeginSeries(now);
     }
     return active;
@@ -56,10 +56,10 @@ bool EthernetProbation::MovedToCellular(Time now) {
 
 bool EthernetProbation::IsAgain(Time now) {
     failOvers.push_back(now);
-    while (now - failOvers.front() >= kLongMemory || failOvers.size() > kMostMoves)
+    while (now - failOvers.front() >= LONG_MEMORY || failOvers.size() > MOST_MOVES)
         failOvers.pop_front();
-    const Clock::duration memory = ended == End::NONE ? Clock::duration(kMemory) : Clock::duration(kLongMemory);
-    return (counted && now - *counted < memory) || failOvers.size() >= kFewMoves;
+    const Clock::duration memory = ended == End::NONE ? Clock::duration(MEMORY) : Clock::duration(LONG_MEMORY);
+    return (counted && now - *counted < memory) || failOvers.size() >= FEW_MOVES;
 }
 
 void EthernetProbation::MovedToEthernet(Time now) {
@@ -92,20 +92,20 @@ void EthernetProbation::Proved(bool isGood, Time now) {
     proving.reset();
     if (!active)
         return;
-    nextWithoutCloud = now + kRestWithoutCloud;
+    nextWithoutCloud = now + REST_WITHOUT_CLOUD;
     if (!isGood)
         return BeginSeries(now);
     ++good;
     if (CellularFails(now))
         return Lift(End::CLOUD_LOST, now);
-    const Stage& stage = kStages.at(level);
+    const Stage& stage = STAGES.at(level);
     if (good >= stage.proofs && now - begun >= length)
         return Lift(End::PROVED, now);
     nextProof = std::max(now, nextProof + stage.length / stage.proofs);
 }
 
 void EthernetProbation::Passed(Time now) {
-    if (active && CloudAwayFor(kLongestAway, now))
+    if (active && CloudAwayFor(LONGEST_AWAY, now))
         Lift(End::CLOUD_LOST_FOR_LONG, now);
 }
 
@@ -116,7 +116,7 @@ std::optional<EthernetProbation::Proof> EthernetProbation::Due(Time now) {
     if (proving ? proving->hold == 0s || !cellularFails
                 : now < nextProof && !(cellularFails && now >= nextWithoutCloud))
         return std::nullopt;
-    proving = Proof{cellularFails ? 0s : kStages.at(level).hold};
+    proving = Proof{cellularFails ? 0s : STAGES.at(level).hold};
     return proving;
 }
 
@@ -128,11 +128,11 @@ std::optional<EthernetProbation::Time> EthernetProbation::NextLook() const {
     if (ethernetUsable && !proving)
         sooner(nextProof);
     if (ethernetUsable && cloudAwaySince && !refused) {
-        const Time fails = *cloudAwaySince + kStages.at(level).patience;
+        const Time fails = *cloudAwaySince + STAGES.at(level).patience;
         sooner(proving ? fails : std::max(fails, nextWithoutCloud));
     }
     if (cloudAwaySince)
-        sooner(*cloudAwaySince + kLongestAway);
+        sooner(*cloudAwaySince + LONGEST_AWAY);
     return next;
 }
 
@@ -145,7 +145,7 @@ void EthernetProbation::Lift(End reason, Time now) {
 
 void EthernetProbation::BeginSeries(Time now) {
     good = 0;
-    nextProof = now + kStages.at(level).length / kStages.at(level).proofs;
+    nextProof = now + STAGES.at(level).length / STAGES.at(level).proofs;
 }
 
 bool EthernetProbation::CloudAwayFor(Clock::duration time, Time now) const {
@@ -153,7 +153,7 @@ bool EthernetProbation::CloudAwayFor(Clock::duration time, Time now) const {
 }
 
 bool EthernetProbation::CellularFails(Time now) const {
-    return !refused && CloudAwayFor(kStages.at(level).patience, now);
+    return !refused && CloudAwayFor(STAGES.at(level).patience, now);
 }
 
 } // namespace GatewayApp

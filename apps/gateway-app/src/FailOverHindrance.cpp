@@ -7,7 +7,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto kPatience = 13s; // the library's delay, and what a move takes
+constexpr auto PATIENCE = 13s; // the library's delay, and what a move takes
 
 } // namespace
 
@@ -20,7 +20,7 @@ std::optional<std::string> FailOverHindrance::Observe(bool isWanted, Missing mis
     }
     if (!since)
         since = now;
-    if (now - *since < kPatience || missing == said)
+    if (now - *since < PATIENCE || missing == said)
         return std::nullopt;
     said = missing;
     return "no fail-over to Cellular: " + Words(missing);

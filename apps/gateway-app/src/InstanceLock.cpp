@@ -14,7 +14,7 @@ namespace GatewayApp {
 
 namespace {
 
-constexpr const char* kWhy = "two of them would move the WAN route against each other every half minute";
+constexpr const char* WHY = "two of them would move the WAN route against each other every half minute";
 
 std::string FirstLine(int descriptor) {
     std::array<char, 24> text{};
@@ -41,7 +41,7 @@ void InstanceLock::Take(const std::string& path) {
         struct stat state {};
         if (stat(path.c_str(), &state) == 0)
             throw AnotherInstance("cannot open the lock " + path + " (" + error +
-                                  "): a gateway-app of another user has " + "made it, and " + kWhy +
+                                  "): a gateway-app of another user has " + "made it, and " + WHY +
                                   ". Stop that one, or name another lock with --lock");
         missing = "cannot make the lock " + path + ": " + error;
         return;
@@ -50,7 +50,7 @@ void InstanceLock::Take(const std::string& path) {
         const std::string holder = FirstLine(file->Number());
         throw AnotherInstance("another gateway-app runs on this gateway already" +
                               (holder.empty() ? std::string() : ", process " + holder) + " (it has the lock " + path +
-                              "), and " + kWhy + ". Stop that one first: systemctl stop gateway-app");
+                              "), and " + WHY + ". Stop that one first: systemctl stop gateway-app");
     }
     const std::string self = std::to_string(getpid()) + "\n";
     if (ftruncate(file->Number(), 0) == 0)

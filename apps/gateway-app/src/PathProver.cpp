@@ -20,7 +20,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr long kConnectMs = 5000;
+constexpr long CONNECT_MS = 5000;
 
 std::atomic<int> helpers{0};
 
@@ -107,8 +107,8 @@ PathProver::Result PathProver::Attempt::Run() const {
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(handle, CURLOPT_NOPROXY, "*");
     curl_easy_setopt(handle, CURLOPT_SSL_ENABLE_ALPN, 0L);
-    curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, kConnectMs);
-    curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, kConnectMs);
+    curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, CONNECT_MS);
+    curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, CONNECT_MS);
     curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
     curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, &Attempt::Progress);
     curl_easy_setopt(handle, CURLOPT_XFERINFODATA, this);

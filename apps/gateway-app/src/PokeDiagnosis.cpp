@@ -9,10 +9,10 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto kDelay = 10s; // the library's, from the loss of the cloud to the poke over Cellular
-constexpr auto kGrace = 3s;  // a poke that succeeds has done so by then
-constexpr PokeDiagnosis::Clock::duration kFirstPause = 1min;
-constexpr PokeDiagnosis::Clock::duration kLongestPause = 15min;
+constexpr auto DELAY = 10s; // the library's, from the loss of the cloud to the poke over Cellular
+constexpr auto GRACE = 3s;  // a poke that succeeds has done so by then
+constexpr PokeDiagnosis::Clock::duration FIRST_PAUSE = 1min;
+constexpr PokeDiagnosis::Clock::duration LONGEST_PAUSE = 15min;
 
 } // namespace
 
@@ -43,21 +43,21 @@ void PokeDiagnosis::Follow(Time now) {
     if (pokes == poked)
         return;
     poked = pokes;
-    pause = kFirstPause;
+    pause = FIRST_PAUSE;
     next.reset();
     if (!poked)
         return;
-    const Time begins = poked == Path::CELLULAR ? std::max(lost + kDelay, now) : now;
+    const Time begins = poked == Path::CELLULAR ? std::max(lost + DELAY, now) : now;
     if (poked == Path::CELLULAR)
         cellularBegan = begins;
-    next = begins + kGrace;
+    next = begins + GRACE;
 }
 
 std::optional<PokeDiagnosis::Path> PokeDiagnosis::Due(Time now) {
     if (!next || now < *next)
         return std::nullopt;
     next = now + pause;
-    pause = std::min(2 * pause, kLongestPause);
+    pause = std::min(2 * pause, LONGEST_PAUSE);
     return poked;
 }
 

@@ -16,7 +16,7 @@ using Path = PokeDiagnosis::Path;
 
 namespace {
 
-constexpr std::uint16_t kPort = 443;
+constexpr std::uint16_t PORT = 443;
 
 const char* Remedy(PathProver::Cause cause) {
     switch (cause) {
@@ -41,7 +41,7 @@ PokeExplainer::PokeExplainer(EventLoop& eventLoop, std::string ethernet, std::st
       prover(eventLoop),
       timer(eventLoop, [this] { Look(); }) {
     settings.host = endpoint;
-    settings.port = kPort;
+    settings.port = PORT;
 }
 
 void PokeExplainer::Reported(OrvEvent event) {

@@ -8,9 +8,9 @@ using namespace std::chrono_literals;
 namespace {
 
 // The default route follows the order within half a second, and a move of the supervision takes three at most.
-constexpr auto kLasting = 5s;
+constexpr auto LASTING = 5s;
 // Until the connection manager has shown the changed order; it takes a few tenths.
-constexpr auto kChange = 2s;
+constexpr auto CHANGE = 2s;
 
 } // namespace
 
@@ -19,7 +19,7 @@ RouteContradiction::Step RouteContradiction::Observe(const std::string& kernel, 
     lastKernel = kernel;
     lastTop = top;
     if (state == State::CHANGED) {
-        if (top == wanted && now - since < kChange)
+        if (top == wanted && now - since < CHANGE)
             return Step::NONE;
         Enter(State::RESTORED, now);
         return Step::RESTORE_ORDER;
@@ -35,7 +35,7 @@ RouteContradiction::Step RouteContradiction::Observe(const std::string& kernel, 
     if (!contradicts || (changed && state == State::WATCHING))
         since = now;
     contradicts = true;
-    if (now - since < kLasting)
+    if (now - since < LASTING)
         return Step::NONE;
     if (state == State::WATCHING) {
         wanted = top;

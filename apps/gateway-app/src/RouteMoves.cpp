@@ -7,7 +7,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto kPatience = 3s;
+constexpr auto PATIENCE = 3s;
 
 bool IsWan(RouteMoves::Path path) {
     return path == RouteMoves::Path::ETHERNET || path == RouteMoves::Path::CELLULAR;
@@ -48,7 +48,7 @@ std::optional<RouteMoves::Move> RouteMoves::Take(Time now) {
     if (!begun)
         return std::nullopt;
     const bool agreed = told == route;
-    if (!agreed && now - *begun < kPatience)
+    if (!agreed && now - *begun < PATIENCE)
         return std::nullopt;
     if (!told && !IsWan(route))
         return std::nullopt; // on its way: the kernel has no route at this moment

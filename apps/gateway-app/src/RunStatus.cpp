@@ -144,7 +144,7 @@ std::string RunStatus::Json(const Moment& written) const {
     for (const Poke& poke : pokes)
         all += (all.empty() ? "" : ",") + JsonOf(poke);
     return Object()
-               .Count("version", kVersion)
+               .Count("version", VERSION)
                .Text("program", "gateway-app")
                .Text("name", name)
                .Count("pid", getpid())

@@ -31,7 +31,7 @@ private:
 /// What the application tells about itself in its status file; docs/status.md describes each field. Paths are
 /// "ethernet", "cellular", "other" and "none".
 struct RunStatus {
-    static constexpr int kVersion = 1;
+    static constexpr int VERSION = 1;
 
     struct Move {
         Moment at;

@@ -11,7 +11,7 @@ namespace GatewayApp {
 
 namespace {
 
-constexpr std::chrono::seconds kLongestPatience{5};
+constexpr std::chrono::seconds LONGEST_PATIENCE{5};
 
 void SetOption(int socket, int level, int option, int value) {
     setsockopt(socket, level, option, &value, sizeof(value));
@@ -27,7 +27,7 @@ int GetOption(int socket, int level, int option) {
 } // namespace
 
 std::chrono::milliseconds KeepAlive::Patience() const {
-    return std::min(period, kLongestPatience);
+    return std::min(period, LONGEST_PATIENCE);
 }
 
 std::chrono::milliseconds KeepAlive::Silence() const {

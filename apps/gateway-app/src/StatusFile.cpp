@@ -23,9 +23,9 @@ using OrvStackSdk::OrvEvent;
 
 namespace {
 
-constexpr int kFullLimit = 60;
-constexpr auto kRefill = 5s;
-constexpr auto kShortly = 100ms; // the other program may not have finished
+constexpr int FULL_LIMIT = 60;
+constexpr auto REFILL = 5s;
+constexpr auto SHORTLY = 100ms; // the other program may not have finished
 
 std::string Line(const char* name, const char* value) {
     return std::string("\"") + name + "\",\"" + value + '"';
@@ -69,17 +69,17 @@ std::string StatusFileContent::Text() const {
 std::chrono::milliseconds RepairLimit::Wait(Time now) {
     Refill(now);
     if (left > 0)
-        return kShortly;
-    return std::max<std::chrono::milliseconds>(kShortly,
-                                               std::chrono::ceil<std::chrono::milliseconds>(refilled + kRefill - now));
+        return SHORTLY;
+    return std::max<std::chrono::milliseconds>(SHORTLY,
+                                               std::chrono::ceil<std::chrono::milliseconds>(refilled + REFILL - now));
 }
 
 void RepairLimit::Refill(Time now) {
-    const auto times = (now - refilled) / kRefill;
+    const auto times = (now - refilled) / REFILL;
     if (times <= 0)
         return;
-    left = static_cast<int>(std::min<decltype(times)>(left + times, kFullLimit));
-    refilled = left == kFullLimit ? now : refilled + times * kRefill;
+    left = static_cast<int>(std::min<decltype(times)>(left + times, FULL_LIMIT));
+    refilled = left == FULL_LIMIT ? now : refilled + times * REFILL;
 }
 
 StatusFileWatch::StatusFileWatch(EventLoop& eventLoop, std::string path, std::function<void()> putRight)

@@ -14,7 +14,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto kBeat = 10s;
+constexpr auto BEAT = 10s;
 
 } // namespace
 
@@ -29,7 +29,7 @@ StatusWriter::StatusWriter(EventLoop& eventLoop, std::string path, std::function
     const std::size_t slash = file.rfind('/');
     if (slash != std::string::npos && slash != 0)
         mkdir(file.substr(0, slash).c_str(), 0755);
-    beat.Every(kBeat);
+    beat.Every(BEAT);
 }
 
 void StatusWriter::Changed() {

@@ -10,23 +10,23 @@ using namespace std::chrono_literals;
 namespace {
 
 // The client library's, see docs/route.md.
-constexpr auto kDelay = 10s; // from the loss of the cloud to the poke over Cellular
-constexpr auto kRound = 20s; // how long Cellular is poked before it starts over
-constexpr auto kSettle = 5s; // from the return to Ethernet until a cloud that did not connect counts as lost
+constexpr auto DELAY = 10s; // from the loss of the cloud to the poke over Cellular
+constexpr auto ROUND = 20s; // how long Cellular is poked before it starts over
+constexpr auto SETTLE = 5s; // from the return to Ethernet until a cloud that did not connect counts as lost
 
-constexpr auto kQuick = 40ms;
-constexpr auto kNormal = 250ms;
-constexpr auto kAfterQuick = 750ms; // with the quick ones no more ticks in a round than 80, one each 250 ms
-constexpr auto kSlow = 1000ms;
-constexpr auto kSlowest = 2000ms; // a poke takes four to six ticks and fails after 15 s
-constexpr auto kQuickPoke = 2200ms;
-constexpr auto kQuickLoss = 120ms; // the library needs up to two ticks to see a loss
-constexpr auto kQuickMove = 1s;
-constexpr auto kPatience = 3min; // on Cellular, until the poke over Ethernet is driven slowly
-constexpr auto kLongPatience = 15min;
+constexpr auto QUICK = 40ms;
+constexpr auto NORMAL = 250ms;
+constexpr auto AFTER_QUICK = 750ms; // with the quick ones no more ticks in a round than 80, one each 250 ms
+constexpr auto SLOW = 1000ms;
+constexpr auto SLOWEST = 2000ms; // a poke takes four to six ticks and fails after 15 s
+constexpr auto QUICK_POKE = 2200ms;
+constexpr auto QUICK_LOSS = 120ms; // the library needs up to two ticks to see a loss
+constexpr auto QUICK_MOVE = 1s;
+constexpr auto PATIENCE = 3min; // on Cellular, until the poke over Ethernet is driven slowly
+constexpr auto LONG_PATIENCE = 15min;
 
 std::chrono::milliseconds SlowAfter(TickRhythm::Clock::duration time) {
-    return time >= kLongPatience ? kSlowest : kSlow;
+    return time >= LONG_PATIENCE ? SLOWEST : SLOW;
 }
 
 std::chrono::milliseconds RoundUp(TickRhythm::Clock::duration time) {
@@ -46,20 +46,20 @@ void TickRhythm::Reported(OrvStackSdk::OrvEvent event, Time now) {
     // On Cellular the library pokes Ethernet from now on.
     if (event == OrvEvent::ETHERNET_IP_GAINED && onCellularSince) {
         onCellularSince = now;
-        quickUntil = now + kQuickMove;
+        quickUntil = now + QUICK_MOVE;
     }
 }
 
 void TickRhythm::CloudIs(bool isConnected, Time now) {
     if (connected && !isConnected)
-        quickUntil = now + kQuickLoss;
+        quickUntil = now + QUICK_LOSS;
     connected = isConnected;
     if (connected)
         lost.reset();
 }
 
 void TickRhythm::RouteMoves(Time now) {
-    quickUntil = now + kQuickMove;
+    quickUntil = now + QUICK_MOVE;
 }
 
 void TickRhythm::RouteHasMoved(bool toCellular, Time now) {
@@ -69,7 +69,7 @@ void TickRhythm::RouteHasMoved(bool toCellular, Time now) {
     if (toCellular)
         onCellularSince = now;
     else if (!connected)
-        lost = now + kSettle;
+        lost = now + SETTLE;
 }
 
 void TickRhythm::Ticked(Time now) {
@@ -81,34 +81,34 @@ std::chrono::milliseconds TickRhythm::Next(Time now) const {
     if (fixed > 0ms)
         return fixed;
     if (quickUntil && now < *quickUntil)
-        return kQuick;
+        return QUICK;
     if (lost)
         return WithoutCloud(now);
-    if (onCellularSince && now - *onCellularSince >= kPatience)
+    if (onCellularSince && now - *onCellularSince >= PATIENCE)
         return SlowAfter(now - *onCellularSince);
-    return kNormal;
+    return NORMAL;
 }
 
 /// When the library's first poke over Cellular begins; none while Cellular has no address.
 std::optional<TickRhythm::Time> TickRhythm::PokeBegins() const {
     if (!cellularSince)
         return std::nullopt;
-    return std::max(*lost + kDelay, *cellularSince);
+    return std::max(*lost + DELAY, *cellularSince);
 }
 
 std::chrono::milliseconds TickRhythm::WithoutCloud(Time now) const {
     if (now < *lost)
-        return std::min(kNormal, RoundUp(*lost - now) + 1ms);
-    if (now < *lost + kQuickLoss)
-        return kQuick;
+        return std::min(NORMAL, RoundUp(*lost - now) + 1ms);
+    if (now < *lost + QUICK_LOSS)
+        return QUICK;
     const std::optional<Time> poke = PokeBegins();
     if (!poke)
-        return now - *lost < kDelay + kRound ? kNormal : kSlow;
+        return now - *lost < DELAY + ROUND ? NORMAL : SLOW;
     if (now < *poke)
-        return std::min(kNormal, RoundUp(*poke - now) + 1ms);
-    if (now < *poke + kQuickPoke)
-        return kQuick;
-    return now < *poke + kRound ? kAfterQuick : SlowAfter(now - *poke);
+        return std::min(NORMAL, RoundUp(*poke - now) + 1ms);
+    if (now < *poke + QUICK_POKE)
+        return QUICK;
+    return now < *poke + ROUND ? AFTER_QUICK : SlowAfter(now - *poke);
 }
 
 } // namespace GatewayApp

@@ -17,7 +17,7 @@ namespace GatewayApp {
 
 namespace {
 
-constexpr const char* kNobody = "";
+constexpr const char* NOBODY = "";
 
 void FreeNothing(void*, void*, CRYPTO_EX_DATA*, int, long, void*) {}
 
@@ -38,10 +38,10 @@ std::time_t ToTime(const ASN1_TIME* time) {
 std::string CommonName(X509_NAME* name) {
     const int at = X509_NAME_get_index_by_NID(name, NID_commonName, -1);
     if (at < 0)
-        return kNobody;
+        return NOBODY;
     unsigned char* text = nullptr;
     const int size = ASN1_STRING_to_UTF8(&text, X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, at)));
-    std::string result = size < 0 ? kNobody : std::string(text, text + size);
+    std::string result = size < 0 ? NOBODY : std::string(text, text + size);
     OPENSSL_free(text);
     return result;
 }

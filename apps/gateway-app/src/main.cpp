@@ -18,7 +18,7 @@
 namespace {
 
 // The unit file knows it: starting anew would not help.
-constexpr int kAnotherInstance = EX_TEMPFAIL;
+constexpr int ANOTHER_INSTANCE = EX_TEMPFAIL;
 
 int Run(const std::vector<std::string>& arguments) {
     const GatewayApp::AppOptions options = GatewayApp::ReadOptions(arguments);
@@ -42,7 +42,7 @@ int main(int argc, char** argv) {
         status = error.exitStatus;
     } catch (const GatewayApp::AnotherInstance& error) {
         CommonUtils::Logger("GatewayApp", OrvLog::INFO).Error() << "ends: " << error.what();
-        status = kAnotherInstance;
+        status = ANOTHER_INSTANCE;
     } catch (const std::exception& error) {
         CommonUtils::Logger("GatewayApp", OrvLog::INFO).Error() << "ends: " << error.what();
     }

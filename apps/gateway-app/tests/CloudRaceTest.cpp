@@ -21,9 +21,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr std::uint16_t kPort = 18883;
-const char* const kHole = "192.0.2.2"; // a neighbour that does not exist
-const char* const kHoleSix = "2001:db8::2";
+constexpr std::uint16_t PORT = 18883;
+const char* const HOLE = "192.0.2.2"; // a neighbour that does not exist
+const char* const HOLE_SIX = "2001:db8::2";
 
 class ARace : public testing::Test {
 protected:
@@ -36,12 +36,12 @@ protected:
         }
         ASSERT_TRUE(PrivateNetwork::AddInterface("hole") && PrivateNetwork::Ip("addr add 192.0.2.1/24 dev hole"));
         const std::string neighbour = " lladdr 02:00:00:00:0f:ff dev hole nud permanent";
-        for (const char* address : {kHole, "192.0.2.3", "192.0.2.4"})
+        for (const char* address : {HOLE, "192.0.2.3", "192.0.2.4"})
             ASSERT_TRUE(PrivateNetwork::Ip(std::string("neigh add ") + address + neighbour));
         sixIsThere = PrivateNetwork::Ip("addr add 2001:db8::1/64 dev hole nodad 2>/dev/null") &&
-                     PrivateNetwork::Ip(std::string("neigh add ") + kHoleSix + neighbour);
+                     PrivateNetwork::Ip(std::string("neigh add ") + HOLE_SIX + neighbour);
         settings.host = "cloud.example";
-        settings.port = kPort;
+        settings.port = PORT;
         settings.clientId = "racer";
         settings.caFile = authority.certificateFile;
     }
@@ -109,30 +109,30 @@ ARace::End ARace::Race(const std::vector<std::string>& addresses) {
 }
 
 TEST_F(ARace, IsWonByTheOnlyAddress) {
-    const TlsPeer cloud("127.0.0.1", kPort, good);
+    const TlsPeer cloud("127.0.0.1", PORT, good);
     const End end = Race({"127.0.0.1"});
     EXPECT_TRUE(end.won) << end.failure;
     EXPECT_TRUE(PrivateNetwork::Eventually([&] { return cloud.ServerName() == "cloud.example"; }));
 }
 
 TEST_F(ARace, IsWonByTheSecondAddressWhenTheFirstIsDead) {
-    const TlsPeer cloud("127.0.0.1", kPort, good);
-    const End end = Race({kHole, "127.0.0.1"});
+    const TlsPeer cloud("127.0.0.1", PORT, good);
+    const End end = Race({HOLE, "127.0.0.1"});
     EXPECT_EQ(end.address, "127.0.0.1") << end.failure;
     EXPECT_GE(end.time, 250ms);
     RecordProperty("time_ms", static_cast<int>(end.time.count()));
 }
 
 TEST_F(ARace, IsWonByTheSecondAddressWhenTheFirstRefuses) {
-    const TlsPeer cloud("127.0.0.1", kPort, good);
+    const TlsPeer cloud("127.0.0.1", PORT, good);
     const End end = Race({"127.0.0.2", "127.0.0.1"});
     EXPECT_EQ(end.address, "127.0.0.1") << end.failure;
     RecordProperty("time_ms", static_cast<int>(end.time.count()));
 }
 
 TEST_F(ARace, IsWonByTheFourthAddressWhenTheOthersAreDead) {
-    const TlsPeer cloud("127.0.0.1", kPort, good);
-    const End end = Race({kHole, "192.0.2.3", "192.0.2.4", "127.0.0.1"});
+    const TlsPeer cloud("127.0.0.1", PORT, good);
+    const End end = Race({HOLE, "192.0.2.3", "192.0.2.4", "127.0.0.1"});
     EXPECT_EQ(end.address, "127.0.0.1") << end.failure;
     EXPECT_GE(end.time, 750ms);
 }
@@ -140,39 +140,39 @@ TEST_F(ARace, IsWonByTheFourthAddressWhenTheOthersAreDead) {
 TEST_F(ARace, IsWonByAnIpv4AddressWhenThereIsNothingBehindIpv6) {
     if (!sixIsThere)
         GTEST_SKIP() << "this machine has no IPv6";
-    const TlsPeer cloud("127.0.0.1", kPort, good);
-    EXPECT_EQ(Race({kHoleSix, "127.0.0.1"}).address, "127.0.0.1");
+    const TlsPeer cloud("127.0.0.1", PORT, good);
+    EXPECT_EQ(Race({HOLE_SIX, "127.0.0.1"}).address, "127.0.0.1");
     ASSERT_TRUE(PrivateNetwork::Ip("addr del 2001:db8::1/64 dev hole"));
-    EXPECT_EQ(Race({kHoleSix, "127.0.0.1"}).address, "127.0.0.1"); // no route
+    EXPECT_EQ(Race({HOLE_SIX, "127.0.0.1"}).address, "127.0.0.1"); // no route
 }
 
 TEST_F(ARace, IsWonByAnIpv6Address) {
     if (!sixIsThere)
         GTEST_SKIP() << "this machine has no IPv6";
-    const TlsPeer cloud("::1", kPort, good);
+    const TlsPeer cloud("::1", PORT, good);
     EXPECT_EQ(Race({"::1"}).address, "::1");
 }
 
 TEST_F(ARace, IsWonByTheAddressThatCompletesTheHandshakeWhenTheFirstOnlyAccepts) {
     TlsPeer::Plan silence;
     silence.mute = true;
-    const TlsPeer mute("127.0.0.2", kPort, good, silence);
-    const TlsPeer cloud("127.0.0.1", kPort, good);
+    const TlsPeer mute("127.0.0.2", PORT, good, silence);
+    const TlsPeer cloud("127.0.0.1", PORT, good);
     const End end = Race({"127.0.0.2", "127.0.0.1"});
     EXPECT_EQ(end.address, "127.0.0.1") << end.failure;
     EXPECT_GE(end.time, 1500ms);
 }
 
 TEST_F(ARace, AsksOneAddressAtATimeWhileItAnswers) {
-    const TlsPeer first("127.0.0.1", kPort, good);
-    const TlsPeer second("127.0.0.2", kPort, good);
+    const TlsPeer first("127.0.0.1", PORT, good);
+    const TlsPeer second("127.0.0.2", PORT, good);
     EXPECT_EQ(Race({"127.0.0.1", "127.0.0.2"}).address, "127.0.0.1");
     EXPECT_EQ(second.Accepted(), 0);
 }
 
 TEST_F(ARace, TellsWhatEveryAddressSaidWhenAllFail) {
     const TestCertificate wrong(folder, {"wrong", "portal.example"}, &authority);
-    const TlsPeer portal("127.0.0.2", kPort, wrong);
+    const TlsPeer portal("127.0.0.2", PORT, wrong);
     const End end = Race({"127.0.0.1", "127.0.0.2"});
     EXPECT_FALSE(end.won);
     EXPECT_EQ(end.failure,
@@ -183,17 +183,17 @@ TEST_F(ARace, TellsWhatEveryAddressSaidWhenAllFail) {
 
 TEST_F(ARace, IsWonByAnAddressWithTheRightCertificate) {
     const TestCertificate wrong(folder, {"wrong", "portal.example"}, &authority);
-    const TlsPeer portal("127.0.0.2", kPort, wrong);
-    const TlsPeer cloud("127.0.0.1", kPort, good);
+    const TlsPeer portal("127.0.0.2", PORT, wrong);
+    const TlsPeer cloud("127.0.0.1", PORT, good);
     EXPECT_EQ(Race({"127.0.0.2", "127.0.0.1"}).address, "127.0.0.1");
 }
 
 TEST_F(ARace, LeavesNoDescriptorBehind) {
-    const TlsPeer cloud("127.0.0.1", kPort, good);
-    Race({kHole, "127.0.0.2", "127.0.0.1"});
+    const TlsPeer cloud("127.0.0.1", PORT, good);
+    Race({HOLE, "127.0.0.2", "127.0.0.1"});
     const auto before = OrvTest::ProcessFigures::Now().descriptors;
     for (int i = 0; i < 5; ++i)
-        Race({kHole, "127.0.0.2", "127.0.0.1"});
+        Race({HOLE, "127.0.0.2", "127.0.0.1"});
     EXPECT_TRUE(PrivateNetwork::Eventually([&] { return OrvTest::ProcessFigures::Now().descriptors <= before; }));
 }
 
@@ -201,7 +201,7 @@ TEST_F(ARace, LeavesNoDescriptorBehind) {
 class ATlsFailure : public ARace {
 protected:
     std::string With(const TestCertificate& certificate, TlsPeer::Plan plan = {}) {
-        const TlsPeer cloud("127.0.0.1", kPort, certificate, std::move(plan));
+        const TlsPeer cloud("127.0.0.1", PORT, certificate, std::move(plan));
         const End end = Race({"127.0.0.1"});
         EXPECT_FALSE(end.won);
         RecordProperty("said", end.failure);
@@ -296,19 +296,19 @@ INSTANTIATE_TEST_SUITE_P(Tls, AConnection, testing::Values(TLS1_2_VERSION, TLS1_
 
 TEST_P(AConnection, IsMadeWithAClientCertificate) {
     Identify(device, device);
-    const TlsPeer cloud("127.0.0.1", kPort, local, Demanding());
+    const TlsPeer cloud("127.0.0.1", PORT, local, Demanding());
     EXPECT_EQ(Try(), "connected");
 }
 
 TEST_P(AConnection, TellsThatAClientCertificateIsWanted) {
-    const TlsPeer cloud("127.0.0.1", kPort, local, Demanding());
+    const TlsPeer cloud("127.0.0.1", PORT, local, Demanding());
     EXPECT_NE(Try().find("the server wants a client certificate"), std::string::npos);
 }
 
 TEST_P(AConnection, TellsThatTheClientCertificateIsRefused) {
     const TestCertificate stranger(folder, {"stranger"});
     Identify(stranger, stranger);
-    const TlsPeer cloud("127.0.0.1", kPort, local, Demanding());
+    const TlsPeer cloud("127.0.0.1", PORT, local, Demanding());
     const std::string said = Try();
     EXPECT_NE(said.find("the server refuses the client certificate"), std::string::npos) << said;
 }
@@ -317,7 +317,7 @@ TEST_P(AConnection, AsksForTheProtocolByItsName) {
     settings.alpn = "mqtt-x";
     TlsPeer::Plan plan;
     plan.newest = GetParam();
-    const TlsPeer cloud("127.0.0.1", kPort, local, plan);
+    const TlsPeer cloud("127.0.0.1", PORT, local, plan);
     EXPECT_EQ(Try(), "connected");
     EXPECT_EQ(cloud.Protocol(), "mqtt-x");
 }
@@ -328,7 +328,7 @@ TEST_P(AConnection, GivesUserAndPassword) {
     std::ofstream(settings.passwordFile) << "a secret\n";
     TlsPeer::Plan plan;
     plan.newest = GetParam();
-    const TlsPeer cloud("127.0.0.1", kPort, local, plan);
+    const TlsPeer cloud("127.0.0.1", PORT, local, plan);
     EXPECT_EQ(Try(), "connected");
     const std::string expected =
         std::string("\0\5racer", 7) + std::string("\0\7gateway", 9) + std::string("\0\10a secret", 10);

@@ -14,10 +14,10 @@ using OrvPlatform::Testing::Content;
 using OrvPlatform::Testing::TemporaryFolder;
 using Words = std::vector<std::string>;
 
-const std::string kOurs = ORV_GATEWAY_APP_FOLDER "/orv.dbus.conf";
-const std::string kDebians = ORV_CONNMAN_STAND_IN "/debian-connman.conf";
-const std::string kStrict = ORV_SHIPPED_CONFIG "/connman-policy.conf";
-constexpr const char* kDenied = "org.freedesktop.DBus.Error.AccessDenied";
+const std::string OURS = ORV_GATEWAY_APP_FOLDER "/orv.dbus.conf";
+const std::string DEBIANS = ORV_CONNMAN_STAND_IN "/debian-connman.conf";
+const std::string STRICT = ORV_SHIPPED_CONFIG "/connman-policy.conf";
+constexpr const char* DENIED = "org.freedesktop.DBus.Error.AccessDenied";
 
 class TheApplicationsUser : public testing::Test {
 protected:
@@ -28,11 +28,11 @@ protected:
 
     /// Our policy, for a user that this machine has: the package makes its own only where it is installed.
     std::string PolicyFor(const std::string& user) const {
-        std::string text = Content(kOurs);
+        std::string text = Content(OURS);
         const std::string named = "user=\"orv\"";
         const std::size_t at = text.find(named);
         if (at == std::string::npos)
-            ADD_FAILURE() << kOurs << " names no " << named;
+            ADD_FAILURE() << OURS << " names no " << named;
         else
             text.replace(at, named.size(), "user=\"" + user + "\"");
         return folder.Write(user + ".conf", text);
@@ -53,22 +53,22 @@ TEST_F(TheApplicationsUser, MayOrderConnmanAboutWhereItsOwnPolicyLeavesThatToRoo
         "connman.conf", "<busconfig><policy user=\"root\"><allow own=\"net.connman\"/><allow send_destination="
                         "\"net.connman\"/></policy><policy context=\"default\"><deny send_destination=\"net.connman\"/>"
                         "</policy></busconfig>");
-    EXPECT_EQ(ResultForNobody({roots}), kDenied);
+    EXPECT_EQ(ResultForNobody({roots}), DENIED);
     EXPECT_EQ(ResultForNobody({roots, PolicyFor("nobody")}), "ok");
 }
 
 TEST_F(TheApplicationsUser, MayOrderConnmanAboutWhereNobodyElseMay) {
-    EXPECT_EQ(ResultForNobody({kDebians, kStrict}), kDenied);
-    EXPECT_EQ(ResultForNobody({kDebians, PolicyFor("nobody"), kStrict}), "ok");
+    EXPECT_EQ(ResultForNobody({DEBIANS, STRICT}), DENIED);
+    EXPECT_EQ(ResultForNobody({DEBIANS, PolicyFor("nobody"), STRICT}), "ok");
 }
 
 TEST_F(TheApplicationsUser, MayOrderConnmanAboutInWhateverOrderTheFilesAreRead) {
-    EXPECT_EQ(ResultForNobody({kDebians, kStrict, PolicyFor("nobody")}), "ok");
-    EXPECT_EQ(ResultForNobody({PolicyFor("nobody"), kDebians, kStrict}), "ok");
+    EXPECT_EQ(ResultForNobody({DEBIANS, STRICT, PolicyFor("nobody")}), "ok");
+    EXPECT_EQ(ResultForNobody({PolicyFor("nobody"), DEBIANS, STRICT}), "ok");
 }
 
 TEST_F(TheApplicationsUser, IsTheOnlyOneThatThePolicyIsFor) {
-    EXPECT_EQ(ResultForNobody({kDebians, PolicyFor("daemon"), kStrict}), kDenied);
+    EXPECT_EQ(ResultForNobody({DEBIANS, PolicyFor("daemon"), STRICT}), DENIED);
 }
 
 TEST_F(TheApplicationsUser, IsTheOneThatThePackageMakesAndTheUnitNames) {

@@ -47,7 +47,7 @@ public:
         probation.EthernetIs(true, now);
     }
     void Run(Duration time) {
-        for (const Time end = now + time; now < end; now += kStep)
+        for (const Time end = now + time; now < end; now += STEP)
             Step();
     }
     int Switches() const { return switches; }
@@ -55,7 +55,7 @@ public:
 
 private:
     enum class State : int { ETHERNET, LOST, CELLULAR };
-    static constexpr auto kStep = 100ms;
+    static constexpr auto STEP = 100ms;
 
     bool Chance(double probability) { return std::generate_canonical<double, 32>(random) < probability; }
     Duration Life(const Path& path) {
@@ -175,24 +175,24 @@ TEST_P(TheRouteUnder, MovesAtMostTenTimesInAnHour) {
     EXPECT_GE(up.at(twentieth), GetParam().leastUp);
 }
 
-const Path kGood{};
+const Path GOOD{};
 
 INSTANTIATE_TEST_SUITE_P(
     AFault, TheRouteUnder,
     testing::Values(
-        Fault{"nothing", kGood, kGood, 0.99},
-        Fault{"connections on Ethernet that live for 3 s", {0.3, 0.4, 3s}, kGood, 0.9},
-        Fault{"connections on Ethernet that live for 10 s", {0.5, 0.6, 10s}, kGood, 0.9},
-        Fault{"connections on Ethernet that live for 25 s", {0.7, 0.7, 25s}, kGood, 0.9},
-        Fault{"connections on Ethernet that live for a minute", {0.7, 0.7, 1min}, kGood, 0.9},
-        Fault{"connections on Ethernet that live for two minutes", {0.7, 0.7, 2min}, kGood, 0.9},
-        Fault{"connections on Ethernet that live for five minutes", {0.7, 0.7, 5min}, kGood, 0.9},
-        Fault{"connections on Ethernet that live for a quarter of an hour", {0.7, 0.7, 15min}, kGood, 0.9},
-        Fault{"an Ethernet that is away for a minute, each two minutes", {0.1, 0.7, 2min}, kGood, 0.85},
-        Fault{"an Ethernet that is away for a minute, each ten minutes", {0.1, 0.7, 10min}, kGood, 0.9},
-        Fault{"an Ethernet that passes every proof and loses what the application does", {0, 1, 1s, 1}, kGood, 0.9},
+        Fault{"nothing", GOOD, GOOD, 0.99},
+        Fault{"connections on Ethernet that live for 3 s", {0.3, 0.4, 3s}, GOOD, 0.9},
+        Fault{"connections on Ethernet that live for 10 s", {0.5, 0.6, 10s}, GOOD, 0.9},
+        Fault{"connections on Ethernet that live for 25 s", {0.7, 0.7, 25s}, GOOD, 0.9},
+        Fault{"connections on Ethernet that live for a minute", {0.7, 0.7, 1min}, GOOD, 0.9},
+        Fault{"connections on Ethernet that live for two minutes", {0.7, 0.7, 2min}, GOOD, 0.9},
+        Fault{"connections on Ethernet that live for five minutes", {0.7, 0.7, 5min}, GOOD, 0.9},
+        Fault{"connections on Ethernet that live for a quarter of an hour", {0.7, 0.7, 15min}, GOOD, 0.9},
+        Fault{"an Ethernet that is away for a minute, each two minutes", {0.1, 0.7, 2min}, GOOD, 0.85},
+        Fault{"an Ethernet that is away for a minute, each ten minutes", {0.1, 0.7, 10min}, GOOD, 0.9},
+        Fault{"an Ethernet that passes every proof and loses what the application does", {0, 1, 1s, 1}, GOOD, 0.9},
         Fault{"the broker down on both paths", {0, 1, 1s}, {0, 1, 1s}, 0},
-        Fault{"the broker down on Ethernet", {0, 1, 1s}, kGood, 0.9}, Fault{"Ethernet dead", {0, 0, 1s}, kGood, 0.98},
+        Fault{"the broker down on Ethernet", {0, 1, 1s}, GOOD, 0.9}, Fault{"Ethernet dead", {0, 0, 1s}, GOOD, 0.98},
         Fault{"a captive portal on Cellular and Ethernet dead", {0, 0, 1s}, {0, 0, 1s}, 0}));
 
 } // namespace

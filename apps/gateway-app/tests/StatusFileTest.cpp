@@ -18,11 +18,11 @@ namespace {
 using namespace std::chrono_literals;
 using OrvStackSdk::OrvEvent;
 
-constexpr const char* kDown = "\"Enterprise Feature\",\"Disabled\"\n\"Cloud Connection\",\"Down\"\n"
-                              "\"Ethernet\",\"Down\"\n\"Cellular\",\"Down\"";
+constexpr const char* DOWN = "\"Enterprise Feature\",\"Disabled\"\n\"Cloud Connection\",\"Down\"\n"
+                             "\"Ethernet\",\"Down\"\n\"Cellular\",\"Down\"";
 
 TEST(TheStatusFilesContent, IsAllDownAtFirst) {
-    EXPECT_EQ(StatusFileContent().Text(), kDown);
+    EXPECT_EQ(StatusFileContent().Text(), DOWN);
 }
 
 TEST(TheStatusFilesContent, FollowsTheEvents) {
@@ -70,7 +70,7 @@ TEST_F(TheLimit, IsForgivenWithTime) {
 /// A status file in a folder of its own, and a library that writes it when told.
 class AStatusFile : public testing::Test {
 protected:
-    AStatusFile() : watch(loop, file, [this] { Repair(); }) { Write(kDown); }
+    AStatusFile() : watch(loop, file, [this] { Repair(); }) { Write(DOWN); }
     ~AStatusFile() override {
         std::remove(file.c_str());
         rmdir(folder.c_str());
@@ -82,7 +82,7 @@ protected:
     void Write(const std::string& text) const { std::ofstream(file) << text; }
     void Repair() {
         ++repairs;
-        Write(kDown);
+        Write(DOWN);
         if (repairs >= leaveAfter)
             loop.Leave();
     }
@@ -130,12 +130,12 @@ TEST_F(AStatusFile, IsPutRightWhenAnotherProgramHasWrittenIt) {
     Write("something else");
     RunFor(10s);
     EXPECT_EQ(repairs, 1);
-    EXPECT_EQ(Content(), kDown);
+    EXPECT_EQ(Content(), DOWN);
 }
 
 TEST_F(AStatusFile, IsPutRightWhenItIsLongerThanItMustBe) {
     watch.SetActive(true);
-    Write(std::string(kDown) + "\n");
+    Write(std::string(DOWN) + "\n");
     RunFor(10s);
     EXPECT_EQ(repairs, 1);
 }
@@ -144,7 +144,7 @@ TEST_F(AStatusFile, IsMadeAnewWhenItWasRemoved) {
     watch.SetActive(true);
     std::remove(file.c_str());
     RunFor(10s);
-    EXPECT_EQ(Content(), kDown);
+    EXPECT_EQ(Content(), DOWN);
 }
 
 TEST_F(AStatusFile, IsMadeAnewWhenItWasReplaced) {
@@ -152,7 +152,7 @@ TEST_F(AStatusFile, IsMadeAnewWhenItWasReplaced) {
     std::ofstream(folder + "/other") << "something else";
     std::rename((folder + "/other").c_str(), file.c_str());
     RunFor(10s);
-    EXPECT_EQ(Content(), kDown);
+    EXPECT_EQ(Content(), DOWN);
 }
 
 TEST_F(AStatusFile, IsPutRightEachTime) {
@@ -166,7 +166,7 @@ TEST_F(AStatusFile, IsPutRightEachTime) {
 
 TEST_F(AStatusFile, IsLeftAloneWhenItIsRight) {
     watch.SetActive(true);
-    Write(kDown);
+    Write(DOWN);
     RunFor(500ms);
     EXPECT_EQ(repairs, 0);
 }
@@ -183,7 +183,7 @@ TEST_F(AStatusFile, IsLeftAloneBeforeThereIsAClient) {
 TEST_F(AStatusFile, IsCheckedAgainstWhatWasReported) {
     watch.SetActive(true);
     watch.Reported(OrvEvent::CLOUD_CONNECTED);
-    Write(kDown);
+    Write(DOWN);
     RunFor(10s);
     EXPECT_EQ(repairs, 1);
 }

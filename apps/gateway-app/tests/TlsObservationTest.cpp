@@ -8,18 +8,18 @@
 namespace GatewayApp {
 namespace {
 
-constexpr std::time_t kDay = 86400;
-constexpr std::time_t kNow = 1700000000; // 2023-11-14T22:13:20Z
+constexpr std::time_t DAY = 86400;
+constexpr std::time_t NOW = 1700000000; // 2023-11-14T22:13:20Z
 
 class AFailedHandshake : public testing::Test {
 protected:
     AFailedHandshake() {
         seen.names = "a.example, b.example";
         seen.issuer = "Some CA";
-        seen.notBefore = kNow + kDay;
-        seen.notAfter = kNow - kDay;
+        seen.notBefore = NOW + DAY;
+        seen.notAfter = NOW - DAY;
     }
-    std::string Reason(std::time_t built = 0) const { return seen.Reason("cloud.example", kNow, built); }
+    std::string Reason(std::time_t built = 0) const { return seen.Reason("cloud.example", NOW, built); }
     std::string ReasonOf(int error) {
         seen.verifyError = error;
         return Reason();
@@ -52,26 +52,25 @@ TEST_F(AFailedHandshake, AsksAboutTheClockWhenTheCertificateIsNotYetValid) {
         ReasonOf(X509_V_ERR_CERT_NOT_YET_VALID),
         "the certificate for a.example, b.example is not valid before 2023-11-15T22:13:20Z, 24 hours after what the "
         "clock says: is the clock right? Set it, or name a time server");
-    seen.notBefore = kNow + 400 * kDay;
+    seen.notBefore = NOW + 400 * DAY;
     EXPECT_NE(Reason().find(", 400 days after what the clock says"), std::string::npos);
-    seen.notBefore = kNow + 90;
+    seen.notBefore = NOW + 90;
     EXPECT_NE(Reason().find(", 1 min after what the clock says"), std::string::npos);
 }
 
 TEST_F(AFailedHandshake, HasTheSameReasonSomeSecondsLater) {
-    seen.notBefore = kNow + 400 * kDay + 3600;
+    seen.notBefore = NOW + 400 * DAY + 3600;
     for (const int error : {X509_V_ERR_CERT_NOT_YET_VALID, X509_V_ERR_CERT_HAS_EXPIRED}) {
         seen.verifyError = error;
-        EXPECT_EQ(seen.Reason("cloud.example", kNow, 0), seen.Reason("cloud.example", kNow + 30, 0));
+        EXPECT_EQ(seen.Reason("cloud.example", NOW, 0), seen.Reason("cloud.example", NOW + 30, 0));
     }
 }
 
 TEST_F(AFailedHandshake, KnowsThatTheClockIsWrongWhenItIsBeforeTheProgram) {
     seen.verifyError = X509_V_ERR_CERT_NOT_YET_VALID;
-    EXPECT_NE(
-        Reason(kNow + 1).find("; that is before this program was made (2023-11-14T22:13:21Z): the clock is wrong"),
-        std::string::npos);
-    EXPECT_EQ(Reason(kNow).find("the clock is wrong"), std::string::npos);
+    EXPECT_NE(Reason(NOW + 1).find("; that is before this program was made (2023-11-14T22:13:21Z): the clock is wrong"),
+              std::string::npos);
+    EXPECT_EQ(Reason(NOW).find("the clock is wrong"), std::string::npos);
 }
 
 TEST_F(AFailedHandshake, TellsWhenTheCertificateHasExpired) {

@@ -12,9 +12,9 @@ using OrvNetlink::Link;
 using OrvStackSdk::OrvEvent;
 using Events = WanInterfaces::Events;
 
-const Link kEthUp{2, "eth0", true, false};
-const Link kEthDown{2, "eth0", false, false};
-const Link kCellUp{3, "wwan0", true, false};
+const Link ETH_UP{2, "eth0", true, false};
+const Link ETH_DOWN{2, "eth0", false, false};
+const Link CELL_UP{3, "wwan0", true, false};
 
 Address Ip(unsigned link, const char* address) {
     return Address{link, *Ipv4::Parse(address), 24, false, true};
@@ -22,7 +22,7 @@ Address Ip(unsigned link, const char* address) {
 
 class AGatewayWithEthernet : public testing::Test {
 protected:
-    AGatewayWithEthernet() { wan.Replace({kEthUp}, {Ip(2, "10.11.0.2")}); }
+    AGatewayWithEthernet() { wan.Replace({ETH_UP}, {Ip(2, "10.11.0.2")}); }
     WanInterfaces wan{"eth0", "wwan0"};
 };
 
@@ -39,10 +39,10 @@ TEST_F(AGatewayWithEthernet, TellsItsState) {
 }
 
 TEST_F(AGatewayWithEthernet, TellsTheCableOnceOutAndOnceIn) {
-    EXPECT_EQ(wan.LinkSeen(kEthDown), Events{OrvEvent::ETHERNET_DISCONNECTED});
-    EXPECT_EQ(wan.LinkSeen(kEthDown), Events{});
-    EXPECT_EQ(wan.LinkSeen(kEthUp), Events{OrvEvent::ETHERNET_CONNECTED});
-    EXPECT_EQ(wan.LinkSeen(kEthUp), Events{});
+    EXPECT_EQ(wan.LinkSeen(ETH_DOWN), Events{OrvEvent::ETHERNET_DISCONNECTED});
+    EXPECT_EQ(wan.LinkSeen(ETH_DOWN), Events{});
+    EXPECT_EQ(wan.LinkSeen(ETH_UP), Events{OrvEvent::ETHERNET_CONNECTED});
+    EXPECT_EQ(wan.LinkSeen(ETH_UP), Events{});
 }
 
 TEST_F(AGatewayWithEthernet, TellsTheFirstAddressAndTheLastOne) {
@@ -55,22 +55,22 @@ TEST_F(AGatewayWithEthernet, TellsTheFirstAddressAndTheLastOne) {
 }
 
 TEST_F(AGatewayWithEthernet, KeepsTheAddressFlagWhenOnlyTheCableIsOut) {
-    wan.LinkSeen(kEthDown);
+    wan.LinkSeen(ETH_DOWN);
     EXPECT_EQ(wan.State().at(1), OrvEvent::ETHERNET_IP_GAINED);
 }
 
 TEST_F(AGatewayWithEthernet, DoesNotTakeALinkLocalAddressForOne) {
-    wan.LinkSeen(kCellUp);
+    wan.LinkSeen(CELL_UP);
     Address linkLocal = Ip(3, "169.254.7.7");
     linkLocal.global = false;
     EXPECT_EQ(wan.AddressSeen(linkLocal), Events{});
 }
 
 TEST_F(AGatewayWithEthernet, TellsOfAModemThatComesAndGoes) {
-    EXPECT_EQ(wan.LinkSeen(kCellUp), Events{OrvEvent::CELLULAR_CONNECTED});
+    EXPECT_EQ(wan.LinkSeen(CELL_UP), Events{OrvEvent::CELLULAR_CONNECTED});
     EXPECT_EQ(wan.AddressSeen(Ip(3, "10.12.0.2")), Events{OrvEvent::CELLULAR_IP_GAINED});
     const Events gone = {OrvEvent::CELLULAR_DISCONNECTED, OrvEvent::CELLULAR_IP_LOST};
-    EXPECT_EQ(wan.LinkGone(kCellUp), gone);
+    EXPECT_EQ(wan.LinkGone(CELL_UP), gone);
     EXPECT_EQ(wan.AddressSeen(Ip(3, "10.12.0.2")), Events{});
     const Link again{7, "wwan0", true, false};
     EXPECT_EQ(wan.LinkSeen(again), Events{OrvEvent::CELLULAR_CONNECTED});
@@ -92,8 +92,8 @@ TEST_F(AGatewayWithEthernet, IgnoresOtherInterfaces) {
 TEST_F(AGatewayWithEthernet, CatchesUpAfterLostNotifications) {
     const Events events = {OrvEvent::ETHERNET_DISCONNECTED, OrvEvent::ETHERNET_IP_LOST, OrvEvent::CELLULAR_CONNECTED,
                            OrvEvent::CELLULAR_IP_GAINED};
-    EXPECT_EQ(wan.Replace({kEthDown, kCellUp}, {Ip(3, "10.12.0.2")}), events);
-    EXPECT_EQ(wan.Replace({kEthDown, kCellUp}, {Ip(3, "10.12.0.2")}), Events{});
+    EXPECT_EQ(wan.Replace({ETH_DOWN, CELL_UP}, {Ip(3, "10.12.0.2")}), events);
+    EXPECT_EQ(wan.Replace({ETH_DOWN, CELL_UP}, {Ip(3, "10.12.0.2")}), Events{});
 }
 
 TEST_F(AGatewayWithEthernet, KnowsWhoseAnAddressIs) {

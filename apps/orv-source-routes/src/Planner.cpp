@@ -109,7 +109,7 @@ void Planner::DecideFor(const InterfaceTable& entry, const Snapshot& snapshot, P
 
     Route route;
     route.table = entry.table;
-    route.protocol = kOwnProtocol;
+    route.protocol = OWN_PROTOCOL;
     route.link = link->index;
     route.source = address->address;
     if (address->prefixLength < 32) {
@@ -121,8 +121,8 @@ void Planner::DecideFor(const InterfaceTable& entry, const Snapshot& snapshot, P
     route.prefixLength = 0;
     route.gateway = gateway;
     plan.routes.push_back(route);
-    plan.rules.push_back(Rule{entry.table, entry.table, kOwnProtocol, entry.interface, Ipv4{}});
-    plan.rules.push_back(Rule{kBehindMain, entry.table, kOwnProtocol, {}, address->address});
+    plan.rules.push_back(Rule{entry.table, entry.table, OWN_PROTOCOL, entry.interface, Ipv4{}});
+    plan.rules.push_back(Rule{BEHIND_MAIN, entry.table, OWN_PROTOCOL, {}, address->address});
     reason = "bound connections go " + (gateway ? "via " + gateway.Text() : std::string("over the link")) + " from " +
              address->address.Text() + " (table " + std::to_string(entry.table) + ")";
 }
@@ -131,7 +131,7 @@ Ipv4 Planner::FindGateway(const InterfaceTable& entry, const Address& address, c
     Router& router = remembered[entry.interface];
     if (!(router.address == address)) {
         const Route* left = Find(snapshot.routes, [&](const Route& route) {
-            return route.protocol == kOwnProtocol && route.table == entry.table && route.IsDefault() &&
+            return route.protocol == OWN_PROTOCOL && route.table == entry.table && route.IsDefault() &&
                    route.link == address.link && route.source == address.address;
         });
         router = Router{address, left == nullptr ? Ipv4{} : left->gateway, false};
@@ -150,7 +150,7 @@ Changes Difference(const Snapshot& snapshot, const Plan& plan) {
         if (Contains(snapshot.routes, wanted))
             continue;
         const bool replaces = Find(snapshot.routes, [&](const Route& route) {
-                                  return route.protocol == kOwnProtocol && SamePlace(route, wanted);
+                                  return route.protocol == OWN_PROTOCOL && SamePlace(route, wanted);
                               }) != nullptr;
         changes.routesToAdd.push_back({wanted, replaces});
     }
@@ -158,7 +158,7 @@ Changes Difference(const Snapshot& snapshot, const Plan& plan) {
         const bool replaced = Find(changes.routesToAdd, [&](const Changes::Addition& addition) {
                                   return SamePlace(addition.route, route);
                               }) != nullptr;
-        if (route.protocol == kOwnProtocol && !Contains(plan.routes, route) && !replaced)
+        if (route.protocol == OWN_PROTOCOL && !Contains(plan.routes, route) && !replaced)
             changes.routesToRemove.push_back(route);
     }
     for (const Rule& wanted : plan.rules) {
@@ -166,7 +166,7 @@ Changes Difference(const Snapshot& snapshot, const Plan& plan) {
             changes.rulesToAdd.push_back(wanted);
     }
     for (const Rule& rule : snapshot.rules) {
-        if (rule.protocol == kOwnProtocol && !Contains(plan.rules, rule))
+        if (rule.protocol == OWN_PROTOCOL && !Contains(plan.rules, rule))
             changes.rulesToRemove.push_back(rule);
     }
     return changes;

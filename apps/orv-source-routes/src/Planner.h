@@ -13,11 +13,11 @@ namespace OrvSourceRoutes {
 
 /// Marks what this program made: its routes and rules carry this protocol number, and it removes only those.
 /// No number of the kernel's or of a known routing program.
-inline constexpr std::uint8_t kOwnProtocol = 111;
+inline constexpr std::uint8_t OWN_PROTOCOL = 111;
 
 /// The priority of the rules for addresses: they are asked when neither the main table nor the default table has a
 /// route.
-inline constexpr std::uint32_t kBehindMain = 32768;
+inline constexpr std::uint32_t BEHIND_MAIN = 32768;
 
 /// Which table belongs to which interface. The rule that leads to it has the same number as priority.
 struct InterfaceTable {

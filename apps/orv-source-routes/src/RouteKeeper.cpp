@@ -76,7 +76,7 @@ bool RouteKeeper::Withdraw() {
 }
 
 RouteKeeper::Failures RouteKeeper::Apply(const Changes& changes) {
-    alignas(nlmsghdr) char room[OrvNetlink::kMessageRoom];
+    alignas(nlmsghdr) char room[OrvNetlink::MESSAGE_ROOM];
     Failures found;
     // A rule stands only while its table is filled.
     for (const Rule& rule : changes.rulesToRemove)

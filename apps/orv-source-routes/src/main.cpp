@@ -19,7 +19,7 @@ namespace {
 
 using namespace OrvSourceRoutes;
 
-constexpr char kUsage[] =
+constexpr char USAGE[] =
     R"(orv-source-routes [--interface NAME=TABLE]...
   Keeps a route for connections that are bound to a WAN interface, whichever interface has the default route.
   --interface NAME=TABLE  an interface and the routing table that is its own; repeat it for each interface.
@@ -27,7 +27,7 @@ constexpr char kUsage[] =
   --help                  this text
 Runs until SIGTERM or SIGINT and then removes what it made. Needs CAP_NET_ADMIN.
 )";
-constexpr int kRetryMs = 1000;
+constexpr int RETRY_MS = 1000;
 
 /// A wrong command line; the text says what to write instead.
 struct UsageError : std::runtime_error {
@@ -70,7 +70,7 @@ bool Run(std::vector<InterfaceTable> tables) {
     for (;;) {
         const bool done = keeper.Refresh();
         pollfd waiting[] = {{signals.Descriptor(), POLLIN, 0}, {notifications.Descriptor(), POLLIN, 0}};
-        poll(waiting, 2, done ? -1 : kRetryMs);
+        poll(waiting, 2, done ? -1 : RETRY_MS);
         if (waiting[0].revents != 0)
             break;
         // Only a hint: the kernel drops some routes without a word, so the whole state is read anew.
@@ -85,7 +85,7 @@ int main(int argc, char** argv) {
     CommonUtils::Logger logger("OrvSourceRoutes", OrvLog::INFO);
     try {
         if (argc == 2 && std::strcmp(argv[1], "--help") == 0) {
-            std::fputs(kUsage, stdout);
+            std::fputs(USAGE, stdout);
             return 0;
         }
         const bool gone = Run(ParseArguments(argc, argv));

@@ -13,9 +13,9 @@ using OrvNetlink::Link;
 using OrvNetlink::Route;
 using OrvNetlink::Rule;
 
-constexpr std::uint8_t kSomebodyElse = RTPROT_BOOT;
-constexpr unsigned kEth = 2;
-constexpr unsigned kCell = 3;
+constexpr std::uint8_t SOMEBODY_ELSE = RTPROT_BOOT;
+constexpr unsigned ETH = 2;
+constexpr unsigned CELL = 3;
 
 Ipv4 Ip(const char* text) {
     return *Ipv4::Parse(text);
@@ -25,21 +25,21 @@ Ipv4 Ip(const char* text) {
 class AGateway : public testing::Test {
 protected:
     AGateway() {
-        now.links = {{1, "lo", true, false}, {kEth, "eth0", true, false}, {kCell, "wwan0", true, false}};
+        now.links = {{1, "lo", true, false}, {ETH, "eth0", true, false}, {CELL, "wwan0", true, false}};
         now.addresses = {{1, Ip("127.0.0.1"), 8, false, false},
-                         {kEth, Ip("10.11.0.179"), 24, false, true},
-                         {kCell, Ip("10.12.0.50"), 24, false, true}};
-        Main(kEth, "0.0.0.0", 0, "10.11.0.1");
-        Main(kEth, "10.11.0.0", 24, "0.0.0.0");
-        Main(kEth, "10.11.0.1", 32, "0.0.0.0");
-        Main(kCell, "10.12.0.0", 24, "0.0.0.0");
-        Main(kCell, "10.12.0.1", 32, "0.0.0.0");
-        Main(kEth, "10.21.0.53", 32, "10.11.0.1");
-        Main(kCell, "10.22.0.53", 32, "10.12.0.1");
+                         {ETH, Ip("10.11.0.179"), 24, false, true},
+                         {CELL, Ip("10.12.0.50"), 24, false, true}};
+        Main(ETH, "0.0.0.0", 0, "10.11.0.1");
+        Main(ETH, "10.11.0.0", 24, "0.0.0.0");
+        Main(ETH, "10.11.0.1", 32, "0.0.0.0");
+        Main(CELL, "10.12.0.0", 24, "0.0.0.0");
+        Main(CELL, "10.12.0.1", 32, "0.0.0.0");
+        Main(ETH, "10.21.0.53", 32, "10.11.0.1");
+        Main(CELL, "10.22.0.53", 32, "10.12.0.1");
     }
 
     void Main(unsigned link, const char* destination, unsigned length, const char* gateway) {
-        now.routes.push_back({RT_TABLE_MAIN, kSomebodyElse, link, Ip(destination), length, Ip(gateway), Ipv4{}, 0});
+        now.routes.push_back({RT_TABLE_MAIN, SOMEBODY_ELSE, link, Ip(destination), length, Ip(gateway), Ipv4{}, 0});
     }
     void RemoveRoutesOf(unsigned link) {
         std::vector<Route> kept;
@@ -87,117 +87,117 @@ protected:
 
 TEST_F(AGateway, GivesEachInterfaceItsRulesItsNetworkAndADefaultRoute) {
     const Plan plan = Decide();
-    const std::vector<Route> routes = {{1011, kOwnProtocol, kEth, Ip("10.11.0.0"), 24, Ipv4{}, Ip("10.11.0.179"), 0},
-                                       {1011, kOwnProtocol, kEth, Ipv4{}, 0, Ip("10.11.0.1"), Ip("10.11.0.179"), 0},
-                                       {1012, kOwnProtocol, kCell, Ip("10.12.0.0"), 24, Ipv4{}, Ip("10.12.0.50"), 0},
-                                       {1012, kOwnProtocol, kCell, Ipv4{}, 0, Ip("10.12.0.1"), Ip("10.12.0.50"), 0}};
-    const std::vector<Rule> rules = {{1011, 1011, kOwnProtocol, "eth0", Ipv4{}},
-                                     {kBehindMain, 1011, kOwnProtocol, "", Ip("10.11.0.179")},
-                                     {1012, 1012, kOwnProtocol, "wwan0", Ipv4{}},
-                                     {kBehindMain, 1012, kOwnProtocol, "", Ip("10.12.0.50")}};
+    const std::vector<Route> routes = {{1011, OWN_PROTOCOL, ETH, Ip("10.11.0.0"), 24, Ipv4{}, Ip("10.11.0.179"), 0},
+                                       {1011, OWN_PROTOCOL, ETH, Ipv4{}, 0, Ip("10.11.0.1"), Ip("10.11.0.179"), 0},
+                                       {1012, OWN_PROTOCOL, CELL, Ip("10.12.0.0"), 24, Ipv4{}, Ip("10.12.0.50"), 0},
+                                       {1012, OWN_PROTOCOL, CELL, Ipv4{}, 0, Ip("10.12.0.1"), Ip("10.12.0.50"), 0}};
+    const std::vector<Rule> rules = {{1011, 1011, OWN_PROTOCOL, "eth0", Ipv4{}},
+                                     {BEHIND_MAIN, 1011, OWN_PROTOCOL, "", Ip("10.11.0.179")},
+                                     {1012, 1012, OWN_PROTOCOL, "wwan0", Ipv4{}},
+                                     {BEHIND_MAIN, 1012, OWN_PROTOCOL, "", Ip("10.12.0.50")}};
     EXPECT_EQ(plan.routes, routes);
     EXPECT_EQ(plan.rules, rules);
     EXPECT_EQ(plan.reasons.at("eth0"), "bound connections go via 10.11.0.1 from 10.11.0.179 (table 1011)");
 }
 
 TEST_F(AGateway, LearnsTheRouterFromNameServerRoutesAlone) {
-    RemoveRoutesOf(kCell);
-    Main(kCell, "10.22.0.53", 32, "10.12.0.1");
+    RemoveRoutesOf(CELL);
+    Main(CELL, "10.22.0.53", 32, "10.12.0.1");
     EXPECT_EQ(RouterIn(Decide(), 1012), Ip("10.12.0.1"));
 }
 
 TEST_F(AGateway, LearnsTheRouterFromItsHostRouteAlone) {
-    RemoveRoutesOf(kCell);
-    Main(kCell, "10.12.0.1", 32, "0.0.0.0");
+    RemoveRoutesOf(CELL);
+    Main(CELL, "10.12.0.1", 32, "0.0.0.0");
     EXPECT_EQ(RouterIn(Decide(), 1012), Ip("10.12.0.1"));
 }
 
 TEST_F(AGateway, PrefersTheDefaultRoutesRouterToTheNameServers) {
-    Main(kEth, "10.21.0.54", 32, "10.11.0.9");
+    Main(ETH, "10.21.0.54", 32, "10.11.0.9");
     EXPECT_EQ(RouterIn(Decide(), 1011), Ip("10.11.0.1"));
 }
 
 TEST_F(AGateway, TakesNoRouterOfOtherNetworksForItsOwnOnceItHasLostTheDefault) {
     Decide();
-    RemoveRoutesOf(kEth);
-    Main(kEth, "10.11.0.0", 24, "0.0.0.0");
-    Main(kEth, "192.168.50.0", 24, "10.11.0.77");
+    RemoveRoutesOf(ETH);
+    Main(ETH, "10.11.0.0", 24, "0.0.0.0");
+    Main(ETH, "192.168.50.0", 24, "10.11.0.77");
     EXPECT_EQ(RouterIn(Decide(), 1011), Ip("10.11.0.1"));
-    Main(kEth, "10.11.0.1", 32, "0.0.0.0");
+    Main(ETH, "10.11.0.1", 32, "0.0.0.0");
     EXPECT_EQ(RouterIn(Decide(), 1011), Ip("10.11.0.1"));
     Planner restarted({{"eth0", 1011}, {"wwan0", 1012}});
     EXPECT_EQ(RouterIn(restarted.Decide(now), 1011), Ip("10.11.0.1"));
 }
 
 TEST_F(AGateway, TakesTheRouterThatHasAHostRouteAmongThoseThatLeadSomewhere) {
-    RemoveRoutesOf(kCell);
+    RemoveRoutesOf(CELL);
     for (const char* neighbour : {"10.12.0.1", "10.12.0.7"})
-        Main(kCell, neighbour, 32, "0.0.0.0");
-    Main(kCell, "192.168.50.0", 24, "10.12.0.77");
-    Main(kCell, "10.22.0.53", 32, "10.12.0.1");
-    Main(kCell, "192.168.51.0", 24, "10.12.0.78");
+        Main(CELL, neighbour, 32, "0.0.0.0");
+    Main(CELL, "192.168.50.0", 24, "10.12.0.77");
+    Main(CELL, "10.22.0.53", 32, "10.12.0.1");
+    Main(CELL, "192.168.51.0", 24, "10.12.0.78");
     EXPECT_EQ(RouterIn(Decide(), 1012), Ip("10.12.0.1"));
 }
 
 TEST_F(AGateway, PrefersTheRouterOfNameServersToOneOfNetworks) {
-    RemoveRoutesOf(kCell);
-    Main(kCell, "10.22.0.53", 32, "10.12.0.1");
-    Main(kCell, "192.168.50.0", 24, "10.12.0.77");
+    RemoveRoutesOf(CELL);
+    Main(CELL, "10.22.0.53", 32, "10.12.0.1");
+    Main(CELL, "192.168.50.0", 24, "10.12.0.77");
     EXPECT_EQ(RouterIn(Decide(), 1012), Ip("10.12.0.1"));
 }
 
 TEST_F(AGateway, DoesNotGuessAmongSeveralRouters) {
-    RemoveRoutesOf(kCell);
-    Main(kCell, "192.168.51.0", 24, "10.12.0.78");
-    Main(kCell, "192.168.50.0", 24, "10.12.0.77");
+    RemoveRoutesOf(CELL);
+    Main(CELL, "192.168.51.0", 24, "10.12.0.78");
+    Main(CELL, "192.168.50.0", 24, "10.12.0.77");
     EXPECT_EQ(Decide().reasons.at("wwan0"), "no route for bound connections: its router is not known yet");
 }
 
 TEST_F(AGateway, FollowsARouterThatChangesWithoutTheDefault) {
     Decide();
-    RemoveRoutesOf(kCell);
-    Main(kCell, "10.12.0.2", 32, "0.0.0.0");
-    Main(kCell, "10.22.0.53", 32, "10.12.0.2");
+    RemoveRoutesOf(CELL);
+    Main(CELL, "10.12.0.2", 32, "0.0.0.0");
+    Main(CELL, "10.22.0.53", 32, "10.12.0.2");
     EXPECT_EQ(RouterIn(Decide(), 1012), Ip("10.12.0.2"));
 }
 
 TEST_F(AGateway, ReplacesAGuessByTheNextOne) {
-    RemoveRoutesOf(kCell);
-    Main(kCell, "192.168.50.0", 24, "10.12.0.77");
+    RemoveRoutesOf(CELL);
+    Main(CELL, "192.168.50.0", 24, "10.12.0.77");
     EXPECT_EQ(RouterIn(Decide(), 1012), Ip("10.12.0.77"));
-    RemoveRoutesOf(kCell);
-    Main(kCell, "10.22.0.53", 32, "10.12.0.1");
+    RemoveRoutesOf(CELL);
+    Main(CELL, "10.22.0.53", 32, "10.12.0.1");
     EXPECT_EQ(RouterIn(Decide(), 1012), Ip("10.12.0.1"));
 }
 
 TEST_F(AGateway, DoesNotGuessAmongSeveralHostsOfItsNetwork) {
-    RemoveRoutesOf(kCell);
-    Main(kCell, "10.12.0.1", 32, "0.0.0.0");
-    Main(kCell, "10.12.0.7", 32, "0.0.0.0");
+    RemoveRoutesOf(CELL);
+    Main(CELL, "10.12.0.1", 32, "0.0.0.0");
+    Main(CELL, "10.12.0.7", 32, "0.0.0.0");
     EXPECT_EQ(Decide().reasons.at("wwan0"), "no route for bound connections: its router is not known yet");
 }
 
 TEST_F(AGateway, DoesNotTakeAHostOfAnotherNetworkForTheRouter) {
-    RemoveRoutesOf(kCell);
-    Main(kCell, "192.0.2.1", 32, "0.0.0.0");
+    RemoveRoutesOf(CELL);
+    Main(CELL, "192.0.2.1", 32, "0.0.0.0");
     EXPECT_FALSE(RouterIn(Decide(), 1012));
 }
 
 TEST_F(AGateway, LooksAtTheMainTableOnly) {
-    RemoveRoutesOf(kCell);
-    now.routes.push_back({77, kSomebodyElse, kCell, Ipv4{}, 0, Ip("10.12.0.9"), Ipv4{}, 0});
+    RemoveRoutesOf(CELL);
+    now.routes.push_back({77, SOMEBODY_ELSE, CELL, Ipv4{}, 0, Ip("10.12.0.9"), Ipv4{}, 0});
     EXPECT_FALSE(RouterIn(Decide(), 1012));
 }
 
 TEST_F(AGateway, RemembersTheRouterWhileTheAddressStays) {
     Decide();
-    RemoveRoutesOf(kCell);
+    RemoveRoutesOf(CELL);
     EXPECT_EQ(RouterIn(Decide(), 1012), Ip("10.12.0.1"));
 }
 
 TEST_F(AGateway, RemembersTheRouterWhileTheLinkIsDown) {
     Decide();
-    RemoveRoutesOf(kCell);
+    RemoveRoutesOf(CELL);
     now.links[2].running = false;
     EXPECT_EQ(Decide().reasons.at("wwan0"), "no route for bound connections: the link is down");
     now.links[2].running = true;
@@ -206,9 +206,9 @@ TEST_F(AGateway, RemembersTheRouterWhileTheLinkIsDown) {
 
 TEST_F(AGateway, ForgetsTheRouterWithTheAddress) {
     Decide();
-    RemoveRoutesOf(kCell);
+    RemoveRoutesOf(CELL);
     const std::vector<Address> before = now.addresses;
-    LoseAddressOf(kCell);
+    LoseAddressOf(CELL);
     EXPECT_EQ(Decide().reasons.at("wwan0"), "no route for bound connections: the interface has no IPv4 address");
     now.addresses = before;
     EXPECT_FALSE(RouterIn(Decide(), 1012));
@@ -216,39 +216,39 @@ TEST_F(AGateway, ForgetsTheRouterWithTheAddress) {
 
 TEST_F(AGateway, ForgetsTheRouterWithAnotherAddress) {
     Decide();
-    RemoveRoutesOf(kCell);
+    RemoveRoutesOf(CELL);
     now.addresses[2].address = Ip("10.99.0.50");
     EXPECT_FALSE(RouterIn(Decide(), 1012));
 }
 
 TEST_F(AGateway, FollowsTheRouterThatTheMainTableShows) {
     Decide();
-    RemoveRoutesOf(kCell);
-    Main(kCell, "0.0.0.0", 0, "10.12.0.2");
+    RemoveRoutesOf(CELL);
+    Main(CELL, "0.0.0.0", 0, "10.12.0.2");
     EXPECT_EQ(RouterIn(Decide(), 1012), Ip("10.12.0.2"));
 }
 
 TEST_F(AGateway, TakesARouterFromItsOwnEntriesAfterACrash) {
     const Plan before = Decide();
-    RemoveRoutesOf(kCell);
+    RemoveRoutesOf(CELL);
     now.routes.insert(now.routes.end(), before.routes.begin(), before.routes.end());
     Planner restarted({{"eth0", 1011}, {"wwan0", 1012}});
     EXPECT_EQ(RouterIn(restarted.Decide(now), 1012), Ip("10.12.0.1"));
 }
 
 TEST_F(AGateway, NeedsNoRouterOnAPointToPointLink) {
-    RemoveRoutesOf(kCell);
+    RemoveRoutesOf(CELL);
     now.links[2].pointToPoint = true;
     now.addresses[2].prefixLength = 32;
     const Plan plan = Decide();
-    const Route direct{1012, kOwnProtocol, kCell, Ipv4{}, 0, Ipv4{}, Ip("10.12.0.50"), 0};
+    const Route direct{1012, OWN_PROTOCOL, CELL, Ipv4{}, 0, Ipv4{}, Ip("10.12.0.50"), 0};
     EXPECT_EQ(plan.routes.back(), direct);
     EXPECT_EQ(plan.reasons.at("wwan0"), "bound connections go over the link from 10.12.0.50 (table 1012)");
 }
 
 TEST_F(AGateway, IgnoresLinkLocalAndSecondaryAddresses) {
     now.addresses[2].global = false;
-    now.addresses.push_back({kCell, Ip("10.12.0.51"), 24, true, true});
+    now.addresses.push_back({CELL, Ip("10.12.0.51"), 24, true, true});
     EXPECT_EQ(Decide().reasons.at("wwan0"), "no route for bound connections: the interface has no IPv4 address");
 }
 
@@ -268,10 +268,10 @@ TEST_F(AGateway, ChangesNothingOnceAllStands) {
 
 TEST_F(AGateway, RemovesTheRulesAndTheRoutesWithTheAddress) {
     Carry(Difference(now, Decide()));
-    LoseAddressOf(kCell);
+    LoseAddressOf(CELL);
     const Changes changes = Difference(now, Decide());
-    const std::vector<Rule> rules = {{1012, 1012, kOwnProtocol, "wwan0", Ipv4{}},
-                                     {kBehindMain, 1012, kOwnProtocol, "", Ip("10.12.0.50")}};
+    const std::vector<Rule> rules = {{1012, 1012, OWN_PROTOCOL, "wwan0", Ipv4{}},
+                                     {BEHIND_MAIN, 1012, OWN_PROTOCOL, "", Ip("10.12.0.50")}};
     EXPECT_EQ(changes.rulesToRemove, rules);
     EXPECT_EQ(changes.routesToRemove.size(), 2U);
     EXPECT_TRUE(changes.routesToAdd.empty());
@@ -281,8 +281,8 @@ TEST_F(AGateway, ExchangesTheRuleForTheAddressWithTheAddress) {
     Carry(Difference(now, Decide()));
     now.addresses[2].address = Ip("10.12.0.51");
     const Changes changes = Difference(now, Decide());
-    EXPECT_EQ(changes.rulesToRemove, (std::vector<Rule>{{kBehindMain, 1012, kOwnProtocol, "", Ip("10.12.0.50")}}));
-    EXPECT_EQ(changes.rulesToAdd, (std::vector<Rule>{{kBehindMain, 1012, kOwnProtocol, "", Ip("10.12.0.51")}}));
+    EXPECT_EQ(changes.rulesToRemove, (std::vector<Rule>{{BEHIND_MAIN, 1012, OWN_PROTOCOL, "", Ip("10.12.0.50")}}));
+    EXPECT_EQ(changes.rulesToAdd, (std::vector<Rule>{{BEHIND_MAIN, 1012, OWN_PROTOCOL, "", Ip("10.12.0.51")}}));
 }
 
 TEST_F(AGateway, ReplacesTheRouterInOneStep) {
@@ -296,16 +296,16 @@ TEST_F(AGateway, ReplacesTheRouterInOneStep) {
 }
 
 TEST_F(AGateway, RemovesWhatItLeftInAnotherTable) {
-    now.rules = {{900, 900, kOwnProtocol, "eth0", Ipv4{}}};
-    now.routes.push_back({900, kOwnProtocol, kEth, Ipv4{}, 0, Ip("10.11.0.1"), Ip("10.11.0.179"), 0});
+    now.rules = {{900, 900, OWN_PROTOCOL, "eth0", Ipv4{}}};
+    now.routes.push_back({900, OWN_PROTOCOL, ETH, Ipv4{}, 0, Ip("10.11.0.1"), Ip("10.11.0.179"), 0});
     const Changes changes = Difference(now, Decide());
     EXPECT_EQ(changes.rulesToRemove.size(), 1U);
     EXPECT_EQ(changes.routesToRemove.size(), 1U);
 }
 
 TEST_F(AGateway, LeavesTheEntriesOfOthersAlone) {
-    now.rules = {{5, 1011, kSomebodyElse, "eth0", Ipv4{}}, {32768, 1011, kSomebodyElse, "", Ip("10.11.0.179")}};
-    now.routes.push_back({1011, kSomebodyElse, kEth, Ipv4{}, 0, Ip("10.11.0.9"), Ipv4{}, 50});
+    now.rules = {{5, 1011, SOMEBODY_ELSE, "eth0", Ipv4{}}, {32768, 1011, SOMEBODY_ELSE, "", Ip("10.11.0.179")}};
+    now.routes.push_back({1011, SOMEBODY_ELSE, ETH, Ipv4{}, 0, Ip("10.11.0.9"), Ipv4{}, 50});
     const Changes changes = Difference(now, Plan{});
     EXPECT_TRUE(changes.rulesToRemove.empty() && changes.routesToRemove.empty());
 }

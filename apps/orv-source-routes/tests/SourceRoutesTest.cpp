@@ -81,7 +81,7 @@ protected:
     std::size_t OwnEntries() {
         OrvNetlink::Socket requests;
         const Snapshot now = ReadSnapshot(requests).value();
-        const auto own = [](const auto& entry) { return entry.protocol == kOwnProtocol; };
+        const auto own = [](const auto& entry) { return entry.protocol == OWN_PROTOCOL; };
         return static_cast<std::size_t>(std::count_if(now.routes.begin(), now.routes.end(), own) +
                                         std::count_if(now.rules.begin(), now.rules.end(), own));
     }

@@ -24,9 +24,9 @@ namespace {
 using OrvPlatform::Escaped;
 using State = ApplicationView::State;
 
-constexpr std::size_t kMostBytes = 65536;
-constexpr double kBeat = 10; // gateway-app writes at least so often, and may just have done so
-constexpr int kVersion = 1;
+constexpr std::size_t MOST_BYTES = 65536;
+constexpr double BEAT = 10; // gateway-app writes at least so often, and may just have done so
+constexpr int VERSION = 1;
 
 struct Release {
     void operator()(cJSON* tree) const { cJSON_Delete(tree); }
@@ -105,12 +105,12 @@ bool IsThere(long pid, double start) {
 }
 
 ApplicationView ReadApplication(std::string_view text, double now, const ProcessLooker& isThere) {
-    if (text.size() > kMostBytes)
+    if (text.size() > MOST_BYTES)
         return Unreadable("it has more than 64 KiB");
     const std::unique_ptr<cJSON, Release> all(cJSON_ParseWithLength(text.data(), text.size()));
     if (!cJSON_IsObject(all.get()))
         return Unreadable("it is no JSON object");
-    if (NumberOf(all.get(), "version", 0) != kVersion)
+    if (NumberOf(all.get(), "version", 0) != VERSION)
         return Unreadable("it is of a version that this program does not know");
     ApplicationView view;
     ReadFields(all.get(), view);
@@ -126,7 +126,7 @@ ApplicationView ReadApplication(std::string_view text, double now, const Process
     } else if (!isThere(static_cast<long>(NumberOf(all.get(), "pid", 0)), NumberOf(all.get(), "process_start", 0))) {
         view.state = State::GONE;
         view.reason = "its process is not there any more";
-    } else if (now - written > 3 * kBeat || written - now > kBeat) {
+    } else if (now - written > 3 * BEAT || written - now > BEAT) {
         view.state = State::STUCK;
         view.reason = Joined({"it has not written for ", std::to_string(age), " s"});
     }
@@ -169,7 +169,7 @@ ApplicationView ApplicationWatch::Read(double now) const {
     } else if (fstat(opened.Number(), &state) != 0 || !S_ISREG(state.st_mode)) {
         view = Unreadable("it is no file");
     } else {
-        std::string text(kMostBytes + 1, '\0');
+        std::string text(MOST_BYTES + 1, '\0');
         const ssize_t size = read(opened.Number(), text.data(), text.size());
         text.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
         view = ReadApplication(text, now, IsThere);

@@ -20,13 +20,13 @@ using OrvPlatform::Escaped;
 
 namespace {
 
-constexpr const char* kEverything = "/orv/#";
-constexpr auto kRetry = 1s;
-constexpr auto kPatience = 1200ms; // for the broker to take a connection
-constexpr int kKeepAlive = 5;
-constexpr std::size_t kShownBytes = 200;
-constexpr std::size_t kTopicBytes = 256;
-constexpr std::size_t kMostTopics = 500;
+constexpr const char* EVERYTHING = "/orv/#";
+constexpr auto RETRY = 1s;
+constexpr auto PATIENCE = 1200ms; // for the broker to take a connection
+constexpr int KEEP_ALIVE = 5;
+constexpr std::size_t SHOWN_BYTES = 200;
+constexpr std::size_t TOPIC_BYTES = 256;
+constexpr std::size_t MOST_TOPICS = 500;
 
 std::string FailureText(int result, int systemError) {
     return result == MOSQ_ERR_ERRNO ? OrvPlatform::ErrorText(systemError) : mosquitto_strerror(result);
@@ -73,7 +73,7 @@ void Broker::Away(const std::string& reason) {
 
 void Broker::Begin(Time now) {
     begun = now;
-    nextTry = now + kRetry;
+    nextTry = now + RETRY;
     client.reset(mosquitto_new(clientId.c_str(), true, this));
     if (!client)
         return Away("no client can be made");
@@ -91,7 +91,7 @@ void Broker::Begin(Time now) {
         if (id == broker.lastSubscription)
             broker.view.complete = broker.changed = true;
     });
-    const int result = mosquitto_connect_async(client.get(), settings.host.c_str(), settings.port, kKeepAlive);
+    const int result = mosquitto_connect_async(client.get(), settings.host.c_str(), settings.port, KEEP_ALIVE);
     if (result != MOSQ_ERR_SUCCESS)
         Away(FailureText(result, errno));
 }
@@ -105,21 +105,21 @@ void Broker::OnConnected(int code) {
     view.reason.clear();
     changed = true;
     // The broker sends what it has retained before it looks at the next packet.
-    mosquitto_subscribe(client.get(), nullptr, kEverything, 0);
-    mosquitto_subscribe(client.get(), &lastSubscription, kGreen, 0);
+    mosquitto_subscribe(client.get(), nullptr, EVERYTHING, 0);
+    mosquitto_subscribe(client.get(), &lastSubscription, GREEN, 0);
 }
 
 void Broker::OnMessage(const mosquitto_message& message) {
     const std::string_view whole(message.topic);
-    const std::string topic = Joined({Escaped(whole.substr(0, kTopicBytes)), whole.size() > kTopicBytes ? "..." : ""});
+    const std::string topic = Joined({Escaped(whole.substr(0, TOPIC_BYTES)), whole.size() > TOPIC_BYTES ? "..." : ""});
     const auto bytes = static_cast<std::size_t>(std::max(message.payloadlen, 0));
-    const std::string_view payload(static_cast<const char*>(message.payload), std::min(bytes, kShownBytes));
+    const std::string_view payload(static_cast<const char*>(message.payload), std::min(bytes, SHOWN_BYTES));
     changed = true;
     if (bytes == 0) {
         view.topics.erase(topic); // so a retained message is taken back
         return;
     }
-    if (view.topics.size() >= kMostTopics && view.topics.count(topic) == 0) {
+    if (view.topics.size() >= MOST_TOPICS && view.topics.count(topic) == 0) {
         ++view.left;
         return;
     }
@@ -149,7 +149,7 @@ void Broker::Step(Time now) {
     if (result != MOSQ_ERR_SUCCESS)
         return Away(view.reason.rfind("it refuses", 0) == 0 ? std::string(view.reason)
                                                             : FailureText(result, systemError));
-    if (view.state != Known::PRESENT && now - begun > kPatience)
+    if (view.state != Known::PRESENT && now - begun > PATIENCE)
         Away("it does not answer");
 }
 

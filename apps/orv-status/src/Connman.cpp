@@ -17,9 +17,9 @@ namespace Messages = OrvPlatform::ConnmanMessages;
 
 namespace {
 
-constexpr auto kPatience = 1000ms;
-constexpr auto kRetry = 1s;
-constexpr auto kLookAgain = 5s; // also without a signal
+constexpr auto PATIENCE = 1000ms;
+constexpr auto RETRY = 1s;
+constexpr auto LOOK_AGAIN = 5s; // also without a signal
 
 ConnmanView Away(std::string reason) {
     ConnmanView view;
@@ -64,32 +64,32 @@ void Connman::Tell(ConnmanView fresh) {
 void Connman::Run() {
     MessageBus bus(stop, [this] { return stopping.load(); });
     while (!stopping) {
-        const std::string failure = bus.Open(busAddress, kPatience);
+        const std::string failure = bus.Open(busAddress, PATIENCE);
         if (failure.empty())
             Follow(bus);
         else if (!stopping)
             Tell(Away(Joined({"the message bus: ", Escaped(failure)})));
         bus.Close();
         if (!stopping)
-            bus.Wait(MessageBus::Clock::now() + kRetry);
+            bus.Wait(MessageBus::Clock::now() + RETRY);
     }
 }
 
 void Connman::Follow(MessageBus& bus) {
     bool changed = true;
     bus.OnSignal([&changed](DBusMessage&) { changed = true; }); // whoever sent it: the answer is asked of ConnMan
-    bus.CallBus(Messages::AddMatch(Joined({"type='signal',sender='", Messages::NAME, "'"})), kPatience);
+    bus.CallBus(Messages::AddMatch(Joined({"type='signal',sender='", Messages::NAME, "'"})), PATIENCE);
     bus.CallBus(
         Messages::AddMatch(Joined(
             {"type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg0='", Messages::NAME, "'"})),
-        kPatience);
+        PATIENCE);
     while (!stopping && bus.IsOpen()) {
         changed = false;
         ConnmanView fresh = Ask(bus);
         if (stopping)
             break;
         Tell(std::move(fresh));
-        const auto until = MessageBus::Clock::now() + kLookAgain;
+        const auto until = MessageBus::Clock::now() + LOOK_AGAIN;
         bus.HandleArrived();
         while (!stopping && bus.IsOpen() && !changed && MessageBus::Clock::now() < until)
             bus.Wait(until);
@@ -98,11 +98,11 @@ void Connman::Follow(MessageBus& bus) {
 }
 
 ConnmanView Connman::Ask(MessageBus& bus) {
-    const MessageBus::Reply owner = bus.CallBus(Messages::GetNameOwner(), kPatience);
+    const MessageBus::Reply owner = bus.CallBus(Messages::GetNameOwner(), PATIENCE);
     if (!owner.message)
         return owner.isOwnerless ? Away("nobody has its name on the message bus")
                                  : Unknown(Joined({"the message bus: ", Escaped(owner.error)}));
-    const MessageBus::Reply reply = bus.Call(Messages::GetServices(Messages::ReadOwner(*owner.message)), kPatience,
+    const MessageBus::Reply reply = bus.Call(Messages::GetServices(Messages::ReadOwner(*owner.message)), PATIENCE,
                                              [this] { Tell(Unknown("it does not answer")); });
     const auto list = reply.message ? Messages::ReadServices(*reply.message) : std::nullopt;
     if (!list)

@@ -11,7 +11,7 @@ namespace OrvStatus {
 
 namespace {
 
-constexpr int kVersion = 1;
+constexpr int VERSION = 1;
 
 struct Release {
     void operator()(cJSON* tree) const { cJSON_Delete(tree); }
@@ -75,7 +75,7 @@ void AddBroker(Object all, const BrokerView& view) {
     broker.Text("state", Text(view.state)).Text("address", view.address).TextOrNull("reason", view.reason);
     broker.Bool("complete", view.complete).Number("topics_left_out", view.left);
     Object leds = all.Inner("leds");
-    leds.Text("green", LedState(view, kGreen)).Text("yellow", LedState(view, kYellow));
+    leds.Text("green", LedState(view, GREEN)).Text("yellow", LedState(view, YELLOW));
     cJSON* const topics = all.List("topics");
     for (const auto& [topic, message] : view.topics)
         Appended(topics)
@@ -145,7 +145,7 @@ std::string Json(const Snapshot& snapshot) {
     const std::unique_ptr<cJSON, Release> tree(cJSON_CreateObject());
     Object all(tree.get());
     const Verdict verdict = Judge(snapshot);
-    all.Number("version", kVersion).Text("time", snapshot.at.utc).Number("monotonic", snapshot.at.monotonic);
+    all.Number("version", VERSION).Text("time", snapshot.at.utc).Number("monotonic", snapshot.at.monotonic);
     all.Number("exit_status", verdict.exitStatus);
     AddCloud(all, verdict);
     AddBroker(all, snapshot.broker);

@@ -14,7 +14,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-constexpr auto kPace = 200ms; // for what no descriptor tells of: the broker's timekeeping
+constexpr auto PACE = 200ms; // for what no descriptor tells of: the broker's timekeeping
 
 Moment Now() {
     timespec monotonic{};
@@ -65,7 +65,7 @@ bool Monitor::Poll(Clock::time_point deadline, int wake) {
                                {application.Descriptor(), POLLIN, 0},
                                {wake, POLLIN, 0}}};
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-    poll(all.data(), all.size(), static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, kPace.count())));
+    poll(all.data(), all.size(), static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, PACE.count())));
     broker.Step(Clock::now());
     news = broker.TakeChanged() || news; // asked in any case: that takes the news away
     if (application.Descriptor() >= 0)

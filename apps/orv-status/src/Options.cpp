@@ -11,9 +11,9 @@ namespace OrvStatus {
 
 namespace {
 
-constexpr int kWrongUse = 2;
+constexpr int WRONG_USE = 2;
 
-constexpr const char* kHelp =
+constexpr const char* HELP =
     R"(Usage: orv-status [OPTION]...
 Shows whether the gateway reaches the cloud, over which path, since when and why, and what the broker, the kernel, ConnMan
 and gateway-app say. It only reads.
@@ -37,7 +37,7 @@ Exit status: 0 cloud over Ethernet, 10 over Cellular, 20 no cloud, 30 cannot tel
 enum Long : int { COLOUR = 256, STATUS_FILE, USER, PASSWORD_FILE };
 
 [[noreturn]] void Misused(const char* what, const char* word = "") {
-    throw Ending{Joined({"orv-status: ", what, word, "; orv-status --help shows what can be said\n"}), kWrongUse};
+    throw Ending{Joined({"orv-status: ", what, word, "; orv-status --help shows what can be said\n"}), WRONG_USE};
 }
 
 Options::Colour ReadColour(const std::string& when) {
@@ -110,7 +110,7 @@ Options ReadOptions(int count, char** words) {
             options.passwordFile = optarg;
             break;
         case 'h':
-            throw Ending{kHelp, 0};
+            throw Ending{HELP, 0};
         case 'V':
             throw Ending{"orv-status " ORV_VERSION "\n", 0};
         default:

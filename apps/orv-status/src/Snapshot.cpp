@@ -43,20 +43,20 @@ void SayTheApplication(const ApplicationView& application, Verdict& verdict) {
 
 /// The topic is retained and nobody signs it, so who said it may be gone; the path can only be the default route's.
 void InferFromTheTopic(const Snapshot& snapshot, Verdict& verdict) {
-    const BrokerView::Message* const said = Find(snapshot.broker, kCloudTopic);
+    const BrokerView::Message* const said = Find(snapshot.broker, CLOUD_TOPIC);
     constexpr const char* none = "there is no status file of gateway-app, and ";
     if (snapshot.broker.state != Known::PRESENT) {
         verdict.basis = Joined({none, "the broker is ", Text(snapshot.broker.state)});
     } else if (said == nullptr || (said->payload != "true" && said->payload != "false")) {
-        verdict.basis = Joined({none, "nobody has published ", kCloudTopic});
+        verdict.basis = Joined({none, "nobody has published ", CLOUD_TOPIC});
     } else if (said->payload == "false") {
         verdict.state = "disconnected";
         verdict.path = "none";
-        verdict.basis = Joined({"inferred from ", kCloudTopic});
+        verdict.basis = Joined({"inferred from ", CLOUD_TOPIC});
     } else {
         verdict.state = "connected";
         verdict.path = snapshot.network.state == Known::PRESENT ? snapshot.network.Path() : "unknown";
-        verdict.basis = Joined({"inferred from ", kCloudTopic, " and the kernel's default route"});
+        verdict.basis = Joined({"inferred from ", CLOUD_TOPIC, " and the kernel's default route"});
     }
 }
 

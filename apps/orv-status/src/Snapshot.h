@@ -122,9 +122,9 @@ struct Snapshot {
     bool hasEndpoint = true; ///< the configuration names what a path is proved with
 };
 
-constexpr const char* kGreen = "/orv/led/connected_services_green";
-constexpr const char* kYellow = "/orv/led/connected_services_yellow";
-constexpr const char* kCloudTopic = "/orv/apps_control/features/Ent/status/EntCon";
+constexpr const char* GREEN = "/orv/led/connected_services_green";
+constexpr const char* YELLOW = "/orv/led/connected_services_yellow";
+constexpr const char* CLOUD_TOPIC = "/orv/apps_control/features/Ent/status/EntCon";
 
 /// "on", "off", "blink", or "unknown".
 const char* LedState(const BrokerView& broker, const char* topic);

@@ -174,9 +174,9 @@ void AddInterfaceMetrics(std::string& text, const NetworkView& network) {
 std::string Table(const Snapshot& snapshot, const TableStyle& style) {
     const Verdict verdict = Judge(snapshot);
     std::string leds;
-    AddLed(leds, "green", LedState(snapshot.broker, kGreen), "32", style);
+    AddLed(leds, "green", LedState(snapshot.broker, GREEN), "32", style);
     leds += "   ";
-    AddLed(leds, "yellow", LedState(snapshot.broker, kYellow), "33", style);
+    AddLed(leds, "yellow", LedState(snapshot.broker, YELLOW), "33", style);
     std::string rows;
     AddRow(rows, "cloud", {Cloud(verdict, snapshot.at.monotonic)});
     AddRow(rows, "", {verdict.basis});
@@ -197,7 +197,7 @@ std::string Line(const Snapshot& snapshot) {
     if (!verdict.reason.empty())
         Append(line, {" (", verdict.reason, ")"});
     const auto& defaults = snapshot.network.defaults;
-    Append(line, {"; green ", LedState(snapshot.broker, kGreen), ", yellow ", LedState(snapshot.broker, kYellow),
+    Append(line, {"; green ", LedState(snapshot.broker, GREEN), ", yellow ", LedState(snapshot.broker, YELLOW),
                   "; default route ", defaults.empty() ? "none" : std::string_view(defaults.front().interface),
                   "; broker ", Text(snapshot.broker.state), ", ConnMan ", Text(snapshot.connman.state),
                   ", gateway-app ", Text(snapshot.application.state)});

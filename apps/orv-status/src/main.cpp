@@ -25,9 +25,9 @@ namespace {
 using namespace std::chrono_literals;
 using namespace OrvStatus;
 
-constexpr auto kFirstAnswer = 1500ms;
-constexpr auto kLookAgain = 1s; // also without news: a process may have gone
-constexpr int kWrongUse = 2;
+constexpr auto FIRST_ANSWER = 1500ms;
+constexpr auto LOOK_AGAIN = 1s; // also without news: a process may have gone
+constexpr int WRONG_USE = 2;
 
 std::string FirstLine(const std::string& path) {
     char* line = nullptr;
@@ -39,7 +39,7 @@ std::string FirstLine(const std::string& path) {
     std::string first(size > 0 ? line : "");
     std::free(line); // NOLINT(cppcoreguidelines-no-malloc): getline's
     if (size <= 0)
-        throw Ending{Joined({"orv-status: cannot read a password from ", path, "\n"}), kWrongUse};
+        throw Ending{Joined({"orv-status: cannot read a password from ", path, "\n"}), WRONG_USE};
     if (!first.empty() && first.back() == '\n')
         first.pop_back();
     return first;
@@ -112,11 +112,11 @@ std::string Essence(const Snapshot& snapshot, const Options& options) {
 int Run(const Options& options, int signals) {
     const TableStyle style = StyleOf(options);
     Monitor monitor(ReadSettings(options));
-    monitor.Settle(Monitor::Clock::now() + kFirstAnswer);
+    monitor.Settle(Monitor::Clock::now() + FIRST_ANSWER);
     Snapshot snapshot = monitor.Take();
     std::string said = Essence(snapshot, options);
     bool read = Print(Shown(snapshot, options, style));
-    while (read && options.pace != Pace::ONCE && monitor.Wait(Monitor::Clock::now() + kLookAgain, signals)) {
+    while (read && options.pace != Pace::ONCE && monitor.Wait(Monitor::Clock::now() + LOOK_AGAIN, signals)) {
         snapshot = monitor.Take();
         const std::string now = Essence(snapshot, options);
         if (now == said && options.pace == Pace::FOLLOW)

@@ -14,7 +14,7 @@ namespace {
 
 using State = ApplicationView::State;
 
-const std::string kFile =
+const std::string STATUS_FILE =
     R"({"version":1,"name":"alarm","pid":42,"process_start":7,"running":true,"started":"S",)"
     R"("written_monotonic":100.0,"cloud":{"state":"connected","path":"cellular","interface":"wwan0",)"
     R"("since":"C","since_monotonic":50.5,"reason":"why","last_failure":""},)"
@@ -29,12 +29,12 @@ bool Dead(long, double) {
     return false;
 }
 std::string With(const std::string& what, const std::string& instead) {
-    std::string text = kFile;
+    std::string text = STATUS_FILE;
     return text.replace(text.find(what), what.size(), instead);
 }
 
 TEST(AStatusFile, IsRead) {
-    const ApplicationView view = ReadApplication(kFile, 101, Alive);
+    const ApplicationView view = ReadApplication(STATUS_FILE, 101, Alive);
     EXPECT_EQ(view.state, State::RUNNING);
     EXPECT_EQ(view.name, "alarm");
     EXPECT_EQ(view.cloudState, "connected");
@@ -49,7 +49,7 @@ TEST(AStatusFile, IsRead) {
 }
 
 TEST(AStatusFile, OfAProcessThatIsGoneCountsForNothing) {
-    EXPECT_EQ(ReadApplication(kFile, 101, Dead).state, State::GONE);
+    EXPECT_EQ(ReadApplication(STATUS_FILE, 101, Dead).state, State::GONE);
 }
 
 TEST(AStatusFile, SaysThatItsApplicationHasEnded) {
@@ -57,15 +57,15 @@ TEST(AStatusFile, SaysThatItsApplicationHasEnded) {
 }
 
 TEST(AStatusFile, ThatHasNotBeenWrittenForHalfAMinuteIsOfAStuckApplication) {
-    EXPECT_EQ(ReadApplication(kFile, 130, Alive).state, State::RUNNING);
-    EXPECT_EQ(ReadApplication(kFile, 130.1, Alive).state, State::STUCK);
-    EXPECT_EQ(ReadApplication(kFile, 99.9, Alive).state, State::RUNNING) << "written after the clock was read";
-    EXPECT_EQ(ReadApplication(kFile, 50, Alive).state, State::STUCK) << "from before the machine was booted";
+    EXPECT_EQ(ReadApplication(STATUS_FILE, 130, Alive).state, State::RUNNING);
+    EXPECT_EQ(ReadApplication(STATUS_FILE, 130.1, Alive).state, State::STUCK);
+    EXPECT_EQ(ReadApplication(STATUS_FILE, 99.9, Alive).state, State::RUNNING) << "written after the clock was read";
+    EXPECT_EQ(ReadApplication(STATUS_FILE, 50, Alive).state, State::STUCK) << "from before the machine was booted";
 }
 
 TEST(AStatusFile, ThatIsNoneOfOursIsUnreadable) {
     for (const std::string& text :
-         {std::string(), std::string("null"), std::string("[1]"), std::string("{}"), kFile.substr(0, 100),
+         {std::string(), std::string("null"), std::string("[1]"), std::string("{}"), STATUS_FILE.substr(0, 100),
           With("\"version\":1", "\"version\":2"), With("\"state\":\"connected\"", "\"state\":\"well\""),
           With("\"path\":\"cellular\"", "\"path\":7"), With("\"cloud\":{", "\"cloud\":[{"), std::string(70000, ' '),
           std::string(60000, '['), std::string("{\"version\":1}")}) {

@@ -18,9 +18,9 @@ protected:
         snapshot.broker.state = Known::PRESENT;
         snapshot.broker.complete = true;
         snapshot.broker.address = "127.0.0.1:1883";
-        Say(kGreen, "On");
-        Say(kYellow, "Off");
-        Say(kCloudTopic, "true");
+        Say(GREEN, "On");
+        Say(YELLOW, "Off");
+        Say(CLOUD_TOPIC, "true");
         snapshot.network.state = Known::PRESENT;
         snapshot.network.interfaces = {{"eth0", "ethernet", true, true, {"10.1.0.2/24"}, 11, 12},
                                        {"wwan0", "cellular", true, true, {"10.2.0.2/24"}, 21, 22}};
@@ -75,9 +75,9 @@ TEST_F(AHealthyGateway, IsInferredWhereThereIsNoStatusFile) {
     EXPECT_EQ(Judged().exitStatus, 30);
     snapshot.network.state = Known::UNKNOWN;
     EXPECT_EQ(Judged().path, "unknown");
-    Say(kCloudTopic, "false");
+    Say(CLOUD_TOPIC, "false");
     EXPECT_EQ(Judged().exitStatus, 20);
-    Say(kCloudTopic, "perhaps");
+    Say(CLOUD_TOPIC, "perhaps");
     EXPECT_EQ(Judged().exitStatus, 30);
     snapshot.broker = {};
     EXPECT_EQ(Judged().exitStatus, 30);
@@ -93,14 +93,14 @@ TEST_F(AHealthyGateway, IsUnknownWhenWhoSaidSoMayBeGone) {
 }
 
 TEST_F(AHealthyGateway, HasItsLedsFromTheirTopicsAlone) {
-    EXPECT_STREQ(LedState(snapshot.broker, kGreen), "on");
-    EXPECT_STREQ(LedState(snapshot.broker, kYellow), "off");
-    Say(kYellow, "Blink");
-    EXPECT_STREQ(LedState(snapshot.broker, kYellow), "blink");
-    Say(kYellow, "blinking");
-    EXPECT_STREQ(LedState(snapshot.broker, kYellow), "unknown");
+    EXPECT_STREQ(LedState(snapshot.broker, GREEN), "on");
+    EXPECT_STREQ(LedState(snapshot.broker, YELLOW), "off");
+    Say(YELLOW, "Blink");
+    EXPECT_STREQ(LedState(snapshot.broker, YELLOW), "blink");
+    Say(YELLOW, "blinking");
+    EXPECT_STREQ(LedState(snapshot.broker, YELLOW), "unknown");
     snapshot.broker.topics.clear();
-    EXPECT_STREQ(LedState(snapshot.broker, kGreen), "unknown");
+    EXPECT_STREQ(LedState(snapshot.broker, GREEN), "unknown");
 }
 
 TEST_F(AHealthyGateway, IsShownAsATable) {
@@ -189,7 +189,7 @@ TEST_F(AHealthyGateway, HasNoNewsInCountsAndTimes) {
     snapshot.network.interfaces[0].receivedBytes = 5000;
     snapshot.application.counters[0].value = 5;
     EXPECT_EQ(Fingerprint(snapshot), before);
-    Say(kGreen, "Off");
+    Say(GREEN, "Off");
     EXPECT_NE(Fingerprint(snapshot), before);
 }
 

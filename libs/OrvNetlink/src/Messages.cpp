@@ -15,8 +15,8 @@ namespace OrvNetlink {
 
 namespace {
 
-constexpr std::size_t kMaxAttribute = 64;
-constexpr unsigned kLowerUp = 1U << 16; // IFF_LOWER_UP; its header does not go with net/if.h
+constexpr std::size_t MAX_ATTRIBUTE = 64;
+constexpr unsigned LOWER_UP = 1U << 16; // IFF_LOWER_UP; its header does not go with net/if.h
 
 /// The attributes of one message by their number.
 class Attributes {
@@ -48,11 +48,11 @@ public:
     }
 
 private:
-    using Found = std::array<const nlattr*, kMaxAttribute>;
+    using Found = std::array<const nlattr*, MAX_ATTRIBUTE>;
 
     static int Keep(const nlattr* attribute, void* data) noexcept {
         const std::uint16_t type = mnl_attr_get_type(attribute);
-        if (type < kMaxAttribute)
+        if (type < MAX_ATTRIBUTE)
             (*static_cast<Found*>(data))[type] = attribute;
         return MNL_CB_OK;
     }
@@ -90,7 +90,7 @@ std::optional<Link> ReadLink(const nlmsghdr& message) {
     link.index = static_cast<unsigned>(header->ifi_index);
     link.name = attributes.Text(IFLA_IFNAME);
     link.running =
-        message.nlmsg_type == RTM_NEWLINK && (header->ifi_flags & IFF_UP) != 0 && (header->ifi_flags & kLowerUp) != 0;
+        message.nlmsg_type == RTM_NEWLINK && (header->ifi_flags & IFF_UP) != 0 && (header->ifi_flags & LOWER_UP) != 0;
     link.pointToPoint = (header->ifi_flags & (IFF_POINTOPOINT | IFF_NOARP)) != 0;
     const auto counted = attributes.Copy<rtnl_link_stats64>(IFLA_STATS64);
     link.receivedBytes = counted.rx_bytes;

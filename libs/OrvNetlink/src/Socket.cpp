@@ -11,8 +11,8 @@ namespace OrvNetlink {
 
 namespace {
 
-constexpr std::size_t kReceiveRoom = 32768; // the largest part of a dump that the kernel sends at once
-constexpr int kDumpAttempts = 5;
+constexpr std::size_t RECEIVE_ROOM = 32768; // the largest part of a dump that the kernel sends at once
+constexpr int DUMP_ATTEMPTS = 5;
 
 [[noreturn]] void Fail(const char* what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -40,7 +40,7 @@ void Socket::Close::operator()(mnl_socket* opened) const {
 }
 
 Socket::Socket(unsigned groups)
-    : socket(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC | (groups != 0 ? SOCK_NONBLOCK : 0))), buffer(kReceiveRoom) {
+    : socket(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC | (groups != 0 ? SOCK_NONBLOCK : 0))), buffer(RECEIVE_ROOM) {
     if (!socket)
         Fail("open a netlink socket");
     if (mnl_socket_bind(socket.get(), groups, MNL_SOCKET_AUTOPID) < 0)
@@ -67,7 +67,7 @@ bool Socket::ReadNotifications(const Receiver& receiver) {
 }
 
 bool Socket::Dump(std::uint16_t type, std::uint8_t family, const Receiver& receiver) {
-    for (int attempt = 0; attempt < kDumpAttempts; ++attempt) {
+    for (int attempt = 0; attempt < DUMP_ATTEMPTS; ++attempt) {
         std::vector<std::vector<char>> messages;
         const bool consistent = DumpOnce(type, family, [&messages](const nlmsghdr& message) {
             const auto* bytes = static_cast<const char*>(static_cast<const void*>(&message));

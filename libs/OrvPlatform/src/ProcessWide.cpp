@@ -29,14 +29,14 @@ std::unique_ptr<LogOutput> ConfiguredOutput(const GatewayConfig::Log& configured
     return MakeStderrSink();
 }
 
-constexpr const char* source = "GatewayConfig";
+constexpr const char* SOURCE = "GatewayConfig";
 
 /// On standard error as well: whoever wrote the settings may look there only.
 void TellProblems(const std::vector<std::string>& problems, const LogLevels& levels, LogSink sink, LogChannel& log) {
-    const bool logShowsErrors = levels.Of(source) <= LogLevel::ERROR;
+    const bool logShowsErrors = levels.Of(SOURCE) <= LogLevel::ERROR;
     for (const std::string& problem : problems) {
         if (logShowsErrors)
-            log.Write({LogLevel::ERROR, source, {}, problem});
+            log.Write({LogLevel::ERROR, SOURCE, {}, problem});
         if (!logShowsErrors || sink != LogSink::STDERR)
             WriteToStderr(Escaped(problem));
     }
@@ -45,11 +45,11 @@ void TellProblems(const std::vector<std::string>& problems, const LogLevels& lev
 void Report(const LoadedConfig& loaded, LogChannel& log) {
     const GatewayConfig::Log& configured = loaded.config.log;
     TellProblems(loaded.problems, configured.levels, configured.sink, log);
-    const LogLevel threshold = configured.levels.Of(source);
+    const LogLevel threshold = configured.levels.Of(SOURCE);
     const auto tell = [&](LogLevel level, const std::vector<std::string>& texts) {
         for (const std::string& text : texts)
             if (threshold <= level)
-                log.Write({level, source, {}, text});
+                log.Write({level, SOURCE, {}, text});
     };
     tell(LogLevel::WARNING, loaded.warnings);
     tell(LogLevel::INFO, loaded.notices);
@@ -59,7 +59,7 @@ void Report(const LoadedConfig& loaded, LogChannel& log) {
 ProcessWide process;
 
 // At load time, so that no thread can be making anything already.
-[[maybe_unused]] const int forkHandlers =
+[[maybe_unused]] const int FORK_HANDLERS =
     pthread_atfork([] { process.BeforeFork(); }, [] { process.AfterFork(); }, [] { process.AfterFork(); });
 
 } // namespace
@@ -123,8 +123,8 @@ bool ReloadLogLevels() noexcept {
         PutLogLevelsInForce(reread.levels);
         const std::string now = reread.levels.Text();
         // Also when it is they that turn this record off.
-        if (now != before.Text() && std::min(before.Of(source), reread.levels.Of(source)) <= LogLevel::INFO)
-            log.Write({LogLevel::INFO, source, {}, "The levels of the log are now " + now});
+        if (now != before.Text() && std::min(before.Of(SOURCE), reread.levels.Of(SOURCE)) <= LogLevel::INFO)
+            log.Write({LogLevel::INFO, SOURCE, {}, "The levels of the log are now " + now});
         return true;
     } catch (const std::exception&) {
         return false; // no memory

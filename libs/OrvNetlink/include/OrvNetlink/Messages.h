@@ -86,10 +86,10 @@ std::optional<Rule> ReadRule(const nlmsghdr& message);
 /// @}
 
 /// @name Writing a message
-/// Into `buffer`, which has room for kMessageRoom bytes and is aligned as an nlmsghdr is. `type` is the kernel's (new
+/// Into `buffer`, which has room for MESSAGE_ROOM bytes and is aligned as an nlmsghdr is. `type` is the kernel's (new
 /// or delete), `flags` go beside NLM_F_REQUEST and NLM_F_ACK. The result is inside the buffer.
 /// @{
-inline constexpr std::size_t kMessageRoom = 512;
+inline constexpr std::size_t MESSAGE_ROOM = 512;
 nlmsghdr& WriteRoute(void* buffer, std::uint16_t type, std::uint16_t flags, const Route& route);
 nlmsghdr& WriteRule(void* buffer, std::uint16_t type, std::uint16_t flags, const Rule& rule);
 /// @}

@@ -11,8 +11,8 @@ Backoff::Backoff(std::chrono::milliseconds firstPause, std::chrono::milliseconds
 Backoff::Backoff(std::uint32_t seed) : Backoff(FIRST, LIMIT) {
     random.emplace(seed);
     // The first numbers of neighbouring seeds are neighbours too.
-    constexpr int UNRELATED = 8;
-    random->discard(UNRELATED);
+    constexpr int unrelated = 8;
+    random->discard(unrelated);
 }
 
 std::chrono::milliseconds Backoff::Next() {

@@ -56,8 +56,8 @@ public:
 
 private:
     static void LetGoIfLarge(std::string& text) {
-        constexpr std::size_t KEPT = 1024;
-        if (text.capacity() > KEPT)
+        constexpr std::size_t kept = 1024;
+        if (text.capacity() > kept)
             std::string().swap(text);
     }
 

@@ -142,8 +142,8 @@ bool MosquittoClient::WantsWrite() const {
 
 int MosquittoClient::Read() {
     // One packet a call: reading on while input waits saves a poll a message, the limit keeps others from starving.
-    constexpr int MOST_PACKETS = 32;
-    for (int packet = 0; packet < MOST_PACKETS; ++packet) {
+    constexpr int mostPackets = 32;
+    for (int packet = 0; packet < mostPackets; ++packet) {
         const int error = mosquitto_loop_read(handle.get(), 1);
         int waiting = 0;
         if (error != MOSQ_ERR_SUCCESS)
@@ -229,9 +229,9 @@ void MosquittoClient::OnPublishCallback(mosquitto*, void* self, int messageId) n
 
 void MosquittoClient::OnSubscribeCallback(mosquitto*, void* self, int messageId, int count,
                                           const int* granted) noexcept {
-    constexpr int REFUSED = 0x80;
+    constexpr int refused = 0x80;
     if (MosquittoEvents* events = static_cast<MosquittoClient*>(self)->events)
-        events->OnSuback(messageId, count > 0 && granted[0] < REFUSED);
+        events->OnSuback(messageId, count > 0 && granted[0] < refused);
 }
 
 namespace {

@@ -11,8 +11,8 @@ namespace OrvPlatform {
 namespace {
 
 bool IsControl(char c) {
-    constexpr char DELETE = 0x7f;
-    return (c >= 0 && c < ' ') || c == DELETE;
+    constexpr char rubout = 0x7f;
+    return (c >= 0 && c < ' ') || c == rubout;
 }
 
 } // namespace
@@ -37,8 +37,8 @@ const char* FaultOfTopic(const std::string& topic) {
 }
 
 std::string Shortened(const std::string& text) {
-    constexpr std::size_t SHOWN = 128;
-    return text.size() <= SHOWN ? text : text.substr(0, SHOWN) + "...";
+    constexpr std::size_t shown = 128;
+    return text.size() <= shown ? text : text.substr(0, shown) + "...";
 }
 
 } // namespace OrvPlatform

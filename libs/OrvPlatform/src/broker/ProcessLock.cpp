@@ -20,7 +20,7 @@ void Release() {
 }
 
 // At load time, so that no thread can hold it already.
-[[maybe_unused]] const int forkHandlers = pthread_atfork(Take, Release, Release);
+[[maybe_unused]] const int FORK_HANDLERS = pthread_atfork(Take, Release, Release);
 
 } // namespace
 

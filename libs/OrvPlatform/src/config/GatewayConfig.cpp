@@ -18,13 +18,13 @@ namespace OrvPlatform {
 
 namespace {
 
-constexpr const char* defaultPath = "/etc/orv/gateway.ini";
-constexpr std::size_t maxFileBytes = std::size_t{1024} * 1024;
+constexpr const char* DEFAULT_PATH = "/etc/orv/gateway.ini";
+constexpr std::size_t MAX_FILE_BYTES = std::size_t{1024} * 1024;
 
 /// @return 0, or the errno that says why the file cannot be read
 int ReadAll(int file, std::string& text) {
     char piece[4096];
-    while (text.size() <= maxFileBytes) {
+    while (text.size() <= MAX_FILE_BYTES) {
         const ssize_t count = ::read(file, piece, sizeof piece);
         if (count < 0 && errno == EINTR)
             continue;
@@ -54,7 +54,7 @@ void ApplyLogLevelVariable(LoadedConfig& loaded) {
         return;
     for (const std::string& item : ApplyLogLevels(list, loaded.config.log.levels))
         loaded.problems.push_back("ORV_LOG_LEVEL: \"" + Escaped(item) +
-                                  "\" is no level, ignored; valid: " + validLogLevels);
+                                  "\" is no level, ignored; valid: " + VALID_LOG_LEVELS);
 }
 
 /// A variable in the place of a setting. One that is set and empty counts: it is the empty value.
@@ -83,7 +83,7 @@ void NoteRole(LoadedConfig& loaded) {
 }
 
 struct Place {
-    std::string path = defaultPath;
+    std::string path = DEFAULT_PATH;
     bool mayBeMissing = true;
 };
 
@@ -118,7 +118,7 @@ LoadedConfig ReadGatewayConfig(const std::string& path, bool mayBeMissing, const
         loaded.problems.push_back(
             shownPath + ": cannot be read (" + ErrorText(error) + "); " +
             (inForce == nullptr ? "the defaults are in force" : "the settings stay as they were") +
-            ". Name a readable file in ORV_GATEWAY_CONFIG, or unset it to use " + defaultPath);
+            ". Name a readable file in ORV_GATEWAY_CONFIG, or unset it to use " + DEFAULT_PATH);
         return loaded;
     }
     static_cast<ParsedConfig&>(loaded) =

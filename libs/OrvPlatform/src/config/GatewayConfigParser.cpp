@@ -12,8 +12,8 @@ namespace OrvPlatform {
 
 namespace {
 
-constexpr const char* hidden = "(not shown)";
-constexpr const char* blanks = " \t\r\v\f";
+constexpr const char* HIDDEN = "(not shown)";
+constexpr const char* BLANKS = " \t\r\v\f";
 
 /// Foreign text in a report: escaped, and no longer than a reader can use.
 std::string Quoted(std::string_view text) {
@@ -26,7 +26,7 @@ std::string Quoted(std::string_view text) {
 /// A value as a report may show it: a password that slipped onto this line, alone or behind the value, must not.
 std::string Shown(const std::string& value, const Setting& setting) {
     const bool isOneWord = value.find_first_of(" \t") == std::string::npos;
-    return value.empty() || (setting.showing == Setting::Showing::ALWAYS && isOneWord) ? Quoted(value) : hidden;
+    return value.empty() || (setting.showing == Setting::Showing::ALWAYS && isOneWord) ? Quoted(value) : HIDDEN;
 }
 
 std::string Joined(const std::vector<std::string>& words) {
@@ -51,7 +51,7 @@ std::string InForce(const Setting& setting, const GatewayConfig& config) {
 /// Where a comment begins that stands behind something; the end where there is none.
 std::size_t CommentIn(std::string_view text) {
     for (std::size_t at = text.find(';'); at != std::string_view::npos; at = text.find(';', at + 1))
-        if (at > 0 && std::string_view(blanks).find(text[at - 1]) != std::string_view::npos)
+        if (at > 0 && std::string_view(BLANKS).find(text[at - 1]) != std::string_view::npos)
             return at;
     return text.size();
 }
@@ -70,7 +70,7 @@ public:
         while (!rest.empty()) {
             ++line;
             const std::size_t end = std::min(rest.find('\n'), rest.size());
-            Read(Trimmed(rest.substr(0, end), blanks));
+            Read(Trimmed(rest.substr(0, end), BLANKS));
             rest.remove_prefix(std::min(end + 1, rest.size()));
         }
         TellUnlisted();
@@ -99,7 +99,7 @@ private:
         if (equals == std::string_view::npos || equals > CommentIn(content))
             Report("the line is neither a section, a comment nor key = value, ignored");
         else
-            Assign(Trimmed(content.substr(0, equals), blanks), content.substr(equals + 1));
+            Assign(Trimmed(content.substr(0, equals), BLANKS), content.substr(equals + 1));
     }
 
     void OpenSection(std::string_view content) {
@@ -131,7 +131,7 @@ private:
         // A secret may hold what would begin a comment.
         const bool hasComment = setting->showing != Setting::Showing::NEVER;
         const std::size_t end = hasComment ? CommentIn(behind) : behind.size();
-        Assign(*setting, std::string(Trimmed(behind.substr(0, end), blanks)));
+        Assign(*setting, std::string(Trimmed(behind.substr(0, end), BLANKS)));
     }
 
     void Assign(const Setting& setting, const std::string& value) {
@@ -216,7 +216,7 @@ std::string ShowGatewayConfig(const GatewayConfig& config) {
         }
         const std::string value = setting.show(config);
         text += setting.key + " =" + (value.empty() ? "" : " ") +
-                (setting.showing == Setting::Showing::NEVER && !value.empty() ? hidden : value) + "\n";
+                (setting.showing == Setting::Showing::NEVER && !value.empty() ? HIDDEN : value) + "\n";
     }
     return text;
 }

@@ -16,8 +16,8 @@ namespace OrvPlatform {
 
 namespace {
 
-constexpr const char* letters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
-constexpr const char* digits = "0123456789";
+constexpr const char* LETTERS = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
+constexpr const char* DIGITS = "0123456789";
 
 bool HasOnly(std::string_view text, const std::string& allowed) {
     return text.find_first_not_of(allowed) == std::string_view::npos;
@@ -33,7 +33,7 @@ bool IsFilePath(const std::string& text) {
 
 bool IsHost(std::string_view text) {
     constexpr std::size_t longestName = 253;
-    return !text.empty() && text.size() <= longestName && HasOnly(text, std::string(letters) + digits + "-._:%");
+    return !text.empty() && text.size() <= longestName && HasOnly(text, std::string(LETTERS) + DIGITS + "-._:%");
 }
 
 bool IsBrokerHost(const std::string& text) {
@@ -63,7 +63,7 @@ bool ReadText(const std::string& text, std::string& kept) {
 bool ReadInterface(const std::string& text, std::string& name) {
     constexpr std::size_t longestName = 15; // IFNAMSIZ less the final NUL
     if (text.empty() || text.size() > longestName || text == "." || text == ".." ||
-        !HasOnly(text, std::string(letters) + digits + "-._@"))
+        !HasOnly(text, std::string(LETTERS) + DIGITS + "-._@"))
         return false;
     name = text;
     return true;
@@ -84,7 +84,7 @@ bool IsEndpoint(const std::string& text) {
     std::uint16_t port = 0;
     if (colon < authority.size() && !ReadNumber<std::uint16_t>(authority.substr(colon + 1), 1, 65535, port))
         return false;
-    return HasOnly(text.substr(slash), std::string(letters) + digits + "-._~:/?#[]@!$&'()*+,;=%");
+    return HasOnly(text.substr(slash), std::string(LETTERS) + DIGITS + "-._~:/?#[]@!$&'()*+,;=%");
 }
 
 const char* SinkName(LogSink sink) {
@@ -182,7 +182,7 @@ std::vector<Setting> BrokerSettings() {
          [](const GatewayConfig& config) { return config.broker.password; }, Setting::Showing::NEVER},
         {"broker", "client_id_suffix", "up to 32 letters, digits, '-', '_', '.', %a, %p and %n, or nothing",
          [](const std::string& value, GatewayConfig& config) {
-             if (value.size() > 32 || !HasOnly(value, std::string(letters) + digits + "-_.%"))
+             if (value.size() > 32 || !HasOnly(value, std::string(LETTERS) + DIGITS + "-_.%"))
                  return false;
              for (std::size_t at = 0; (at = value.find('%', at)) != std::string::npos; at += 2)
                  if (at + 1 == value.size() || std::string_view("apn").find(value[at + 1]) == std::string_view::npos)
@@ -261,7 +261,7 @@ std::vector<Setting> LogSettings() {
     return {
         {"log", "sink", "stderr, syslog or file", ReadSink,
          [](const GatewayConfig& config) -> std::string { return SinkName(config.log.sink); }},
-        {"log", "level", validLogLevels, ReadLevels,
+        {"log", "level", VALID_LOG_LEVELS, ReadLevels,
          [](const GatewayConfig& config) { return config.log.levels.Text(); }},
         {"log", "file", "an absolute path",
          [](const std::string& value, GatewayConfig& config) {

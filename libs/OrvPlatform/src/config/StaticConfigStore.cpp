@@ -7,12 +7,12 @@ namespace OrvResources {
 
 namespace {
 
-constexpr int cloudEndpointKey = 0;
+constexpr int CLOUD_ENDPOINT_KEY = 0;
 
 class GatewayConfigStore : public IStaticConfigStore {
 public:
     std::string GetValue(const int& key) override {
-        return key == cloudEndpointKey ? OrvPlatform::Config().cloud.endpoint : std::string();
+        return key == CLOUD_ENDPOINT_KEY ? OrvPlatform::Config().cloud.endpoint : std::string();
     }
 };
 

@@ -4,8 +4,8 @@
 namespace OrvPlatform {
 
 void ConnmanShared::NoteOnce(const std::string& text) {
-    constexpr std::size_t ENOUGH = 32;
-    if (noted.size() < ENOUGH && noted.insert(text).second) {
+    constexpr std::size_t enough = 32;
+    if (noted.size() < enough && noted.insert(text).second) {
         notes.push_back(text);
         waker.Wake();
     }

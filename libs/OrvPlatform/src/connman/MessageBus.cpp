@@ -46,12 +46,12 @@ MessageBus::Reply ReplyOf(DBusMessagePtr answer) {
 }
 
 unsigned Conditions(short events) {
-    constexpr std::pair<int, unsigned> MEANINGS[] = {{POLLIN, DBUS_WATCH_READABLE},
+    constexpr std::pair<int, unsigned> meanings[] = {{POLLIN, DBUS_WATCH_READABLE},
                                                      {POLLOUT, DBUS_WATCH_WRITABLE},
                                                      {POLLERR, DBUS_WATCH_ERROR},
                                                      {POLLHUP, DBUS_WATCH_HANGUP}};
     unsigned flags = 0;
-    for (const auto& [event, flag] : MEANINGS)
+    for (const auto& [event, flag] : meanings)
         flags |= (events & event) != 0 ? flag : 0;
     return flags;
 }

@@ -62,11 +62,11 @@ void LogChannel::Write(const LogRecord& record) noexcept {
 
 void LogChannel::Compose(const LogRecord& record) {
     line.clear();
-    std::size_t taken = AppendEscaped(record.tag, maxRecordBytes, line);
+    std::size_t taken = AppendEscaped(record.tag, MAX_RECORD_BYTES, line);
     bool whole = taken == record.tag.size();
     if (!record.tag.empty() && !record.text.empty() && record.text.front() != '(')
         line += ": ";
-    const std::size_t room = maxRecordBytes - std::min(maxRecordBytes, line.size());
+    const std::size_t room = MAX_RECORD_BYTES - std::min(MAX_RECORD_BYTES, line.size());
     taken = AppendEscaped(record.text, room, line);
     whole = whole && taken == record.textBytes;
     if (!whole)

@@ -13,7 +13,7 @@ namespace OrvPlatform {
 
 /// The most bytes that tag and text of a record have in the log, escapes included. What is longer is cut, and the line
 /// says how many bytes there were.
-constexpr std::size_t maxRecordBytes = 8192;
+constexpr std::size_t MAX_RECORD_BYTES = 8192;
 
 struct LogRecord {
     LogLevel level = LogLevel::TRACE;

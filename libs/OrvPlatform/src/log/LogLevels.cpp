@@ -12,18 +12,18 @@ namespace OrvPlatform {
 
 namespace {
 
-constexpr const char* blanks = " \t";
+constexpr const char* BLANKS = " \t";
 
-constexpr int highest = static_cast<int>(LogLevel::OFF);
-constexpr std::array<const char*, highest + 1> names = {"trace", "debug",    "info", "warning",
+constexpr int HIGHEST = static_cast<int>(LogLevel::OFF);
+constexpr std::array<const char*, HIGHEST + 1> NAMES = {"trace", "debug",    "info", "warning",
                                                         "error", "critical", "off"};
 
 std::optional<LogLevel> LevelFrom(const std::string& word) {
-    if (word.size() == 1 && word[0] >= '0' && word[0] <= '0' + highest)
+    if (word.size() == 1 && word[0] >= '0' && word[0] <= '0' + HIGHEST)
         return static_cast<LogLevel>(word[0] - '0');
     const std::string lower = CommonUtils::StringHelpers::ToLower(word);
-    for (std::size_t level = 0; level < names.size(); ++level)
-        if (lower == names[level])
+    for (std::size_t level = 0; level < NAMES.size(); ++level)
+        if (lower == NAMES[level])
             return static_cast<LogLevel>(level);
     if (lower == "warn")
         return LogLevel::WARNING;
@@ -47,8 +47,8 @@ bool ApplyItem(const std::string& item, LogLevels& levels) {
             levels.level = *level;
         return level.has_value();
     }
-    const std::string logger(Trimmed(std::string_view(item).substr(0, equals), blanks));
-    const auto level = LevelFrom(std::string(Trimmed(std::string_view(item).substr(equals + 1), blanks)));
+    const std::string logger(Trimmed(std::string_view(item).substr(0, equals), BLANKS));
+    const auto level = LevelFrom(std::string(Trimmed(std::string_view(item).substr(equals + 1), BLANKS)));
     if (!IsName(logger) || !level)
         return false;
     const auto known = std::find_if(levels.loggers.begin(), levels.loggers.end(),
@@ -77,11 +77,11 @@ std::string LogLevels::Text() const {
 }
 
 const char* LogLevelName(LogLevel level) {
-    return names[static_cast<std::size_t>(level)];
+    return NAMES[static_cast<std::size_t>(level)];
 }
 
 LogLevel LogLevelFrom(int number) {
-    return static_cast<LogLevel>(std::clamp(number, 0, highest));
+    return static_cast<LogLevel>(std::clamp(number, 0, HIGHEST));
 }
 
 std::vector<std::string> ApplyLogLevels(std::string_view list, LogLevels& levels) {
@@ -89,7 +89,7 @@ std::vector<std::string> ApplyLogLevels(std::string_view list, LogLevels& levels
     std::size_t begin = 0;
     while (begin <= list.size()) {
         const std::size_t end = std::min(list.find(',', begin), list.size());
-        const std::string item(Trimmed(list.substr(begin, end - begin), blanks));
+        const std::string item(Trimmed(list.substr(begin, end - begin), BLANKS));
         if (!ApplyItem(item, levels))
             unreadable.push_back(item);
         begin = end + 1;

@@ -12,7 +12,7 @@ namespace OrvPlatform {
 enum class LogLevel : int { TRACE, DEBUG, INFO, WARNING, ERROR, CRITICAL, OFF };
 
 /// What is valid as a list of levels, for messages.
-constexpr const char* validLogLevels =
+constexpr const char* VALID_LOG_LEVELS =
     "trace, debug, info, warning, error, critical or off (or 0 to 6), and name=level "
     "for a single logger, separated by commas: info,OrvRoute=trace";
 

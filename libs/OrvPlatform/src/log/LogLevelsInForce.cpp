@@ -20,8 +20,8 @@ std::atomic<const Kept*> newest{nullptr};
 std::atomic<const Kept*> inForce{nullptr}; // null: the levels of the start
 std::atomic<unsigned> numberInForce{0};
 
-constexpr unsigned bitsOfALevel = 3;
-static_assert(static_cast<int>(LogLevel::OFF) < (1 << bitsOfALevel));
+constexpr unsigned BITS_OF_A_LEVEL = 3;
+static_assert(static_cast<int>(LogLevel::OFF) < (1 << BITS_OF_A_LEVEL));
 
 const LogLevels& LevelsOf(const Kept* kept) {
     return kept != nullptr ? kept->levels : LogLevelsAtStart();
@@ -59,8 +59,8 @@ LogThreshold::LogThreshold(std::string_view source, LogLevel ownLevel) : own(own
 
 LogLevel LogThreshold::Of(std::string_view source) const {
     const unsigned word = remembered.load(std::memory_order_relaxed);
-    if (word >> bitsOfALevel == numberInForce.load(std::memory_order_relaxed))
-        return static_cast<LogLevel>(word & ((1U << bitsOfALevel) - 1));
+    if (word >> BITS_OF_A_LEVEL == numberInForce.load(std::memory_order_relaxed))
+        return static_cast<LogLevel>(word & ((1U << BITS_OF_A_LEVEL) - 1));
     return LookUp(source);
 }
 
@@ -68,7 +68,7 @@ LogLevel LogThreshold::LookUp(std::string_view source) const {
     const Kept* kept = inForce.load(std::memory_order_acquire);
     const LogLevel threshold = std::max(own, LevelsOf(kept).Of(source));
     const unsigned number = kept == nullptr ? 0 : kept->number;
-    remembered.store(number << bitsOfALevel | static_cast<unsigned>(threshold), std::memory_order_relaxed);
+    remembered.store(number << BITS_OF_A_LEVEL | static_cast<unsigned>(threshold), std::memory_order_relaxed);
     return threshold;
 }
 

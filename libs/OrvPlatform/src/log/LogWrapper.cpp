@@ -47,7 +47,7 @@ __attribute__((format(printf, 2, 0))) void Format(Message& message, const char* 
     } else if (message.bytes < sizeof message.inPlace) {
         message.text = {message.inPlace, message.bytes};
     } else {
-        const std::size_t kept = std::min(message.bytes, OrvPlatform::maxRecordBytes);
+        const std::size_t kept = std::min(message.bytes, OrvPlatform::MAX_RECORD_BYTES);
         message.longer = std::make_unique<char[]>(kept + 1);
         std::vsnprintf(message.longer.get(), kept + 1, format, again);
         message.text = {message.longer.get(), kept};

@@ -18,7 +18,7 @@ namespace OrvPlatform {
 namespace {
 
 // Where poll says that a terminal has room, with each line end counted twice.
-constexpr std::size_t leastRoomOfATerminal = 128;
+constexpr std::size_t LEAST_ROOM_OF_A_TERMINAL = 128;
 
 /// While it lives, SIGPIPE and SIGXFSZ cannot reach this thread; those that its writes caused are taken back.
 class WriteSignalsHeld {
@@ -133,7 +133,7 @@ Written WriteWithoutWaiting(int descriptor, std::string_view text) noexcept {
     // Not kept open: the program may close or replace its descriptor, and then whoever reads must see the end.
     const int own = OpenedAnew(descriptor);
     if (own < 0)
-        return WriteWhatThereIsRoomFor(descriptor, isPipe ? PIPE_BUF : leastRoomOfATerminal, text);
+        return WriteWhatThereIsRoomFor(descriptor, isPipe ? PIPE_BUF : LEAST_ROOM_OF_A_TERMINAL, text);
     const Written written = WriteAll(own, text);
     ::close(own);
     return written;

@@ -37,7 +37,7 @@ public:
 protected:
     std::streamsize xsputn(const char* text, std::streamsize count) override {
         const auto wanted = static_cast<std::size_t>(count);
-        kept.append(text, std::min(wanted, OrvPlatform::maxRecordBytes - kept.size()));
+        kept.append(text, std::min(wanted, OrvPlatform::MAX_RECORD_BYTES - kept.size()));
         bytes += wanted;
         return count;
     }

@@ -217,7 +217,7 @@ INSTANTIATE_TEST_SUITE_P(
                  "log",
                  "level",
                  {"", "loud", "info,", "info,x", "info,A=7"},
-                 std::string("info stays in force. Valid: ") + validLogLevels},
+                 std::string("info stays in force. Valid: ") + VALID_LOG_LEVELS},
         BadValue{"File", "log", "file", {"", "/", "log", "/var/log/"}, "it stays unset. Valid: an absolute path"},
         BadValue{"FileBytes",
                  "log",

@@ -257,15 +257,15 @@ TEST_F(ARecord, EscapesTagAndText) {
 }
 
 TEST_F(ARecord, OfExactlyTheMostBytesIsWhole) {
-    const std::string text(maxRecordBytes, 'x');
+    const std::string text(MAX_RECORD_BYTES, 'x');
     EXPECT_EQ(Written({LogLevel::INFO, "Test", "", text}), "info [Test] " + text);
     EXPECT_EQ(Written({LogLevel::INFO, "Test", "", text + "y"}), "info [Test] " + text + " [cut, 8193 bytes in all]");
 }
 
 TEST_F(ARecord, LongerThanTheMostBytesOnlyWithItsEscapesIsCutToo) {
-    const std::string text(maxRecordBytes / 4 + 1, '\n');
+    const std::string text(MAX_RECORD_BYTES / 4 + 1, '\n');
     const std::string line = Written({LogLevel::INFO, "Test", "", text});
-    EXPECT_EQ(line.size(), maxRecordBytes + std::strlen("info [Test]  [cut, 2049 bytes in all]"));
+    EXPECT_EQ(line.size(), MAX_RECORD_BYTES + std::strlen("info [Test]  [cut, 2049 bytes in all]"));
     EXPECT_NE(line.find("\\x0a [cut, 2049 bytes in all]"), std::string::npos);
 }
 

@@ -192,7 +192,7 @@ TEST_F(ASyslogDaemon, ThatHangsCostsTheRecordsOnly) {
 TEST_F(ASyslogDaemon, GetsTheBeginningOfARecordThatIsTooLong) {
     Say(log, std::string(1024 * 1024, 'x'));
     EXPECT_EQ(Receive(),
-              Header(30) + "info [Test] " + std::string(maxRecordBytes, 'x') + " [cut, 1048576 bytes in all]");
+              Header(30) + "info [Test] " + std::string(MAX_RECORD_BYTES, 'x') + " [cut, 1048576 bytes in all]");
 }
 
 class SeveralThreads : public testing::Test {

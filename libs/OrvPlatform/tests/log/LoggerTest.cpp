@@ -147,7 +147,7 @@ TEST_F(ALogger, CutsAnEndlessRecord) {
     });
     ASSERT_EQ(lines.size(), 2U);
     EXPECT_TRUE(EndsWith(lines[0], "xxx [cut, 1048576 bytes in all]")) << lines[0];
-    EXPECT_LT(lines[0].size(), OrvPlatform::maxRecordBytes + 64);
+    EXPECT_LT(lines[0].size(), OrvPlatform::MAX_RECORD_BYTES + 64);
     EXPECT_EQ(lines[1], "info [L] next");
 }
 

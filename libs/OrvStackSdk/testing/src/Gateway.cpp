@@ -26,7 +26,7 @@ constexpr int MOST_MESSAGES_AT_ONCE = 10000;
 std::atomic<bool> exists{false};
 
 // Where the shared library is linked too, and comes first, this has the kit's client win all the same.
-[[gnu::used]] const std::type_info* const theKitsClient = &typeid(OrvStackClient);
+[[gnu::used]] const std::type_info* const THE_KITS_CLIENT = &typeid(OrvStackClient);
 
 void Reset() {
     OrvPlatformFake::FakeGateway::Reset();
