@@ -42,6 +42,8 @@ def main(usage: str, arguments: Sequence[str]) -> int:
         do(Layout(arguments[0], os.environ), *arguments[1:])
     except Usage:
         print(usage, end="", file=sys.stderr)
+        if len(arguments) > 1:
+            print(f"\nbox: no such command: {' '.join(arguments[1:])}", file=sys.stderr)
         return 2
     except (BoxError, Missing) as error:
         print(f"box: {error}", file=sys.stderr)

@@ -40,7 +40,7 @@ class Gateway:
         """What runs `words` on the gateway. `clock`: with a wall clock of its own, see `box clock`."""
         holder = self._processes.pid_of("gateway")
         if holder is None:
-            raise BoxError(f"no box named {self._layout.name} is up: {self._layout.command} up")
+            raise self._layout.not_up()
         here = os.getcwd()
         place = here if os.path.isdir(f"/proc/{holder}/root{here}") else "/"
         enter = ["nsenter", "--target", str(holder), "--root", "--net", "--mount", "--uts", f"--wdns={place}", "--"]

@@ -91,7 +91,7 @@ class GatewayBox:
     def need_up(self) -> None:
         self.layout.check_caller()
         if not self.processes.alive("gateway"):
-            raise BoxError(f"no box named {self.layout.name} is up: {self.layout.command} up")
+            raise self.layout.not_up()
 
     def do(self, word: str, *words: str) -> None:
         if word in WORDS and self.layout.has_machine():

@@ -63,6 +63,10 @@ class Layout:
     def has_machine(self) -> bool:
         return self.machine.is_dir()
 
+    def not_up(self) -> BoxError:
+        named = "" if self.name == "orv" else f"ORV_BOX={self.name} "
+        return BoxError(f"no box named {self.name} is up: {named}{self.command} up")
+
     def log(self, process: str) -> pathlib.Path:
         return self.state / "log" / process
 
