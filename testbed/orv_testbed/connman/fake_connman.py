@@ -4,7 +4,8 @@
 
 Takes commands on standard input, one a line, and answers each with one line:
 
-  services INTERFACE:STATE[:immutable] ...   the services, in their order; the first such line brings it onto the bus
+  services INTERFACE:STATE[:immutable|:unbound] ...   the services, in their order; the first such line brings it onto the
+                                             bus; an unbound one tells no interface
   state INTERFACE STATE                      a service's state changes
   mute-servers INTERFACE                     the network offers no name servers
   quiet                                      no more notices of a new order after a move
@@ -34,22 +35,25 @@ def path_of(interface: str) -> Any:
 
 
 class Service(dbus.service.Object):
-    def __init__(self, manager: Any, interface: str, state: str, immutable: bool) -> None:
+    def __init__(self, manager: Any, interface: str, state: str, flags: Sequence[str]) -> None:
         super().__init__(manager.bus, path_of(interface))
         self.manager, self.interface = manager, interface
-        self.state, self.immutable = state, immutable
+        self.state, self.immutable, self.bound = state, "immutable" in flags, "unbound" not in flags
         self.offered = [OFFERED]
         self.configured: list[str] | None = None
 
     def properties(self) -> Any:
         configured = [server for server in self.configured or [] if server != "none"]
         servers = self.offered if self.configured is None else configured
+        ethernet = {"MTU": dbus.UInt16(1500)}
+        if self.bound:  # one that has never been connected, such as a modem's, may name no interface
+            ethernet["Interface"] = self.interface
         return dbus.Dictionary(
             {
                 "Type": "ethernet",
                 "State": self.state,
                 "Immutable": dbus.Boolean(self.immutable),
-                "Ethernet": dbus.Dictionary({"Interface": self.interface, "MTU": dbus.UInt16(1500)}, signature="sv"),
+                "Ethernet": dbus.Dictionary(ethernet, signature="sv"),
                 "Nameservers": dbus.Array(servers, signature="s"),
                 "Nameservers.Configuration": dbus.Array(configured, signature="s"),
             },
@@ -123,7 +127,7 @@ class Manager(dbus.service.Object):
             interface, state, *flags = text.split(":")
             service = known.pop(interface, None)
             if service is None:
-                service = Service(self, interface, state, "immutable" in flags)
+                service = Service(self, interface, state, flags)
                 added.append(service)
             elif service.state != state:
                 service.state = state

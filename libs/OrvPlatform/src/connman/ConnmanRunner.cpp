@@ -375,8 +375,12 @@ bool ConnmanRunner::IsStopping() const {
 std::string ConnmanRunner::Summary() const {
     std::string text;
     const ConnmanServices services = shared->Services();
-    for (const ConnmanService& service : services.All())
-        text += (text.empty() ? "" : ", ") + service.interfaceName + " " + service.state;
+    for (const ConnmanService& service : services.All()) {
+        const bool bound = !service.interfaceName.empty();
+        text += (text.empty() ? "" : ", ") +
+                (bound ? service.interfaceName : service.path.substr(service.path.rfind('/') + 1));
+        text += (bound ? " " : " (no interface) ") + service.state;
+    }
     return text.empty() ? "no services" : text;
 }
 

@@ -183,6 +183,13 @@ TEST_F(AConnectedGateway, CarriesOutAnOrderWhenTheConnectionManagerReturns) {
     EXPECT_EQ(Logged("connection manager found: eth0 online, wwan0 ready"), 2U);
 }
 
+TEST_F(AConnectedGateway, NamesAServiceWithoutAnInterfaceByItsPath) {
+    connman.reset();
+    ASSERT_TRUE(BecomesTop(""));
+    connman.emplace(bus, "eth0:online modem:idle:unbound");
+    EXPECT_TRUE(IsLogged("connection manager found: eth0 online, modem (no interface) idle"));
+}
+
 TEST_F(AConnectedGateway, KeepsAnOrderThatTheConnectionManagerDiedOver) {
     connman->Freeze();
     link.SetTopPriorityInterface("wwan0");
