@@ -134,7 +134,7 @@ void Receive(benchmark::State& state) {
         client.Receive(burst);
     const auto messages = static_cast<double>(state.iterations()) * burst;
     state.counters["allocations"] = static_cast<double>(HeapAllocations() - before) / messages;
-    state.counters["time"] = benchmark::Counter(messages, benchmark::Counter::IS_RATE | benchmark::Counter::INVERT);
+    state.counters["time"] = benchmark::Counter(messages, benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
 BENCHMARK_TEMPLATE(Receive, BareClient)->Name("bare")->Arg(1)->Arg(1000)->UseRealTime();
