@@ -3,12 +3,33 @@
 
 #include "AGatewayWithACloud.h"
 
+#include <arpa/inet.h>
+#include <cerrno>
+#include <netinet/in.h>
 #include <optional>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace GatewayApp {
 namespace {
 
 using namespace std::chrono_literals;
+
+/// The error that waits at a socket is a number of this architecture; an emulation of the user's side may pass on the
+/// one of the machine below.
+bool WaitingErrorsAreOurs() {
+    const int udp = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in closed{};
+    closed.sin_family = AF_INET;
+    closed.sin_port = htons(9);
+    closed.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    int error = 0;
+    socklen_t size = sizeof(error);
+    const bool sent = connect(udp, reinterpret_cast<const sockaddr*>(&closed), sizeof(closed)) == 0 &&
+                      send(udp, "", 1, 0) == 1 && getsockopt(udp, SOL_SOCKET, SO_ERROR, &error, &size) == 0;
+    close(udp);
+    return sent && error == ECONNREFUSED;
+}
 
 class AProof : public AGatewayWithACloud {
 protected:
@@ -80,6 +101,8 @@ TEST_F(AProof, TellsThatThereIsNoRouteForABoundConnection) {
     ASSERT_TRUE(Ip("addr add 10.12.0.2/24 dev wwan0") && Ip("rule add oif wwan0 unreachable"));
     const PathProver::Result result = Of("wwan0", 0s);
     EXPECT_FALSE(result.good);
+    if (!WaitingErrorsAreOurs())
+        GTEST_SKIP() << "the user emulation hands out the error number of the machine below: " << result.failure;
     EXPECT_EQ(result.cause, PathProver::Cause::ROUTE) << result.failure;
 }
 
