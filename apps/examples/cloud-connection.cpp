@@ -46,7 +46,8 @@ int Connect(const sockaddr_in& cloud) {
 
 void Run(const sockaddr_in& cloud) {
     const auto client = CreateClient();
-    client->SetHandler(std::make_shared<Nobody>());
+    const auto handler = std::make_shared<Nobody>(); // the client does not keep it alive
+    client->SetHandler(handler);
     client->Init("cloud-connection");
     client->Start();
     client->AppStatusRequest(AppStatus::READY);

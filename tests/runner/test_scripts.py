@@ -23,6 +23,7 @@ MISUSED = [
     "explore --seed nonsense",
     "external-platform-test nonsense",
     "fuzz nonsense",
+    "fuzz 10 nonsense",
     "lint nonsense",
     "measure",
     "measure nonsense",

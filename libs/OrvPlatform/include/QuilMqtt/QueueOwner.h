@@ -11,8 +11,8 @@ namespace QUILMQTT {
 ///
 /// Threads: every operation may be called on any thread, even inside a callback. The callbacks run on the connection's
 /// own delivery thread, one at a time, in the order of arrival, and never while an internal lock is held. A slow
-/// callback delays only the callbacks of its own connection. One that takes longer than the configured keep-alive may
-/// cost the connection. An exception that leaves a callback is logged and goes no further.
+/// callback delays only the callbacks of its own connection. One that takes longer than one and a half times the
+/// configured keep-alive may cost the connection. An exception that leaves a callback is logged and goes no further.
 ///
 /// Offline: nothing is queued, because a command that arrives minutes late is worse than one that is refused. A
 /// publication without a connection returns a non-zero status at once. An `assured` publication that was handed over
@@ -74,7 +74,7 @@ public:
     bool Connect();
 
     /// @param willTopic, willMessage, willRetained  what the broker publishes when the connection ends without
-    /// Disconnect()
+    ///        Disconnect()
     bool Connect(const std::string& willTopic, const std::string& willMessage, bool willRetained);
 
     /// Asks for the messages that match `filter`. Does not wait for the broker.
@@ -99,7 +99,7 @@ public:
     bool Disconnect();
 
 protected:
-    /// After it has returned, no OnPublish runs or begins until the next Connect(). It may be called on the delivery
+    /// After it has returned, no callback runs or begins until the next Connect(). It may be called on the delivery
     /// thread; the running callback is then the last one. The connection stays open.
     void StopDelivery() noexcept;
 

@@ -25,8 +25,10 @@ namespace OrvStackSdk {
 /// ends after that callback has returned.
 ///
 /// Failure: only OnInitConfirmation reports a failure to the application. A publication that fails is not queued. It is
-/// logged, unless it was a state, an action or a LED. A LED is sent again with the next event; nothing else is retried.
-/// A value that is no enumerator throws std::out_of_range, and the call does nothing. Nothing else is thrown.
+/// logged, unless it was a state, an action or a LED. A LED is sent again with the next event. After a lost connection
+/// the platform announces again what was last asked to be retained, and the availability; everything else is lost.
+/// A value that is no enumerator throws std::out_of_range, and the call does nothing. Any call may throw
+/// std::bad_alloc. Nothing else is thrown.
 class ORVSTACKSDK_EXPORT IOrvStackClient {
 public:
     virtual ~IOrvStackClient() = default;
@@ -61,7 +63,8 @@ public:
     virtual void Tick(std::chrono::milliseconds elapsed) = 0;
 
     /// Reports the application's own status: SUPPORTED and AVAILABLE on topics of their own, BOOTING, READY, ERROR and
-    /// NOERROR as its state. UNSUPPORTED is logged and not sent.
+    /// NOERROR as its state. UNSUPPORTED is logged and not sent. The application counts as BOOTING, and a RELOAD is
+    /// refused, until the next report of any other value, SUPPORTED, AVAILABLE and UNSUPPORTED included.
     virtual void AppStatusRequest(const AppStatus& status) = 0;
 
     /// Sends an action to an application, this one or another. UNSUPPORTED is logged and not sent.

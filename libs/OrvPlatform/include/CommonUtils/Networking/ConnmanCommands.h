@@ -22,18 +22,16 @@ public:
 
     /// Asks that the service of `interfaceName` comes first, so that it carries the default route. Returns at once.
     /// Of several requests that have not been carried out yet only the latest counts.
-    /// @return false when the request obviously cannot be carried out now (no connected service on that interface). It
-    /// is
-    ///         then kept and carried out when possible, unless the name is empty. True when it was accepted or is
-    ///         already fulfilled. True does not promise success: GetTopPriorityInterface shows when the order has
+    /// @return false when the request obviously cannot be carried out now (no connected service on that interface).
+    ///         It is then kept and carried out when possible, unless the name is empty. True when it was accepted or
+    ///         is already fulfilled. True does not promise success: GetTopPriorityInterface shows when the order has
     ///         changed.
     bool SetTopPriorityInterface(const std::string& interfaceName);
 
     /// Sets the name servers of the interface's service. Empty strings are left out; two empty strings restore the
     /// servers that the network offers. Returns at once. Of several requests for one interface the latest counts.
     /// @return false when the request obviously cannot be carried out now. It is then kept and carried out when
-    /// possible,
-    ///         unless the name is empty or a server is no address. True otherwise.
+    ///         possible, unless the name is empty or a server is no address. True otherwise.
     bool SetDnsConfiguration(const std::string& interfaceName, const std::string& first, const std::string& second);
 
     ConnmanCommands(const ConnmanCommands&) = delete;
