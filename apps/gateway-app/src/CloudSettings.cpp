@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <curl/curl.h>
 #include <fstream>
+#include <memory>
 #include <stdexcept>
 #include <system_error>
 
@@ -18,7 +20,31 @@ void WarnIfOpen(const std::string& file, const std::string& what, std::vector<st
         warnings.push_back(file + " holds " + what + ", and every user of this machine may read it; chmod o-r");
 }
 
+std::string PartOf(CURLU* url, CURLUPart part) {
+    char* text = nullptr;
+    if (curl_url_get(url, part, &text, 0) != CURLUE_OK)
+        return {};
+    const std::unique_ptr<char, void (*)(void*)> owner(text, curl_free);
+    return text;
+}
+
 } // namespace
+
+CloudSettings SettingsOfEndpoint(const std::string& endpoint) {
+    constexpr std::uint16_t https = 443;
+    CloudSettings settings;
+    settings.port = https;
+    const std::unique_ptr<CURLU, void (*)(CURLU*)> url(curl_url(), curl_url_cleanup);
+    if (!url || curl_url_set(url.get(), CURLUPART_URL, ("https://" + endpoint).c_str(), 0) != CURLUE_OK)
+        return settings;
+    settings.host = PartOf(url.get(), CURLUPART_HOST);
+    if (settings.host.size() > 1 && settings.host.front() == '[')
+        settings.host = settings.host.substr(1, settings.host.size() - 2);
+    const std::string port = PartOf(url.get(), CURLUPART_PORT);
+    if (!port.empty())
+        settings.port = static_cast<std::uint16_t>(std::stoul(port)); // libcurl takes none that is too large
+    return settings;
+}
 
 std::vector<std::string> CredentialWarnings(const CloudSettings& settings) {
     std::vector<std::string> warnings;

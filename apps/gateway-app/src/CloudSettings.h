@@ -35,6 +35,11 @@ private:
     }
 };
 
+/// Whom to ask whether a path leads to the cloud.
+/// @param endpoint as gateway.ini names it: host[:port][/path], an IPv6 address in brackets; the path is left out
+/// @return with port 443 if none is named; the host is empty where there is none
+CloudSettings SettingsOfEndpoint(const std::string& endpoint);
+
 /// What is wrong with the files of the credentials though they can be used: secrets that everybody may read.
 std::vector<std::string> CredentialWarnings(const CloudSettings& settings);
 

@@ -16,8 +16,6 @@ using Path = PokeDiagnosis::Path;
 
 namespace {
 
-constexpr std::uint16_t PORT = 443;
-
 const char* Remedy(PathProver::Cause cause) {
     switch (cause) {
     case PathProver::Cause::OTHER:
@@ -37,12 +35,10 @@ PokeExplainer::PokeExplainer(EventLoop& eventLoop, std::string ethernet, std::st
     : ethernetName(std::move(ethernet)),
       cellularName(std::move(cellular)),
       onFailure(std::move(failureReceiver)),
+      settings(SettingsOfEndpoint(endpoint)),
       logger("GatewayApp", OrvLog::INFO),
       prover(eventLoop),
-      timer(eventLoop, [this] { Look(); }) {
-    settings.host = endpoint;
-    settings.port = PORT;
-}
+      timer(eventLoop, [this] { Look(); }) {}
 
 void PokeExplainer::Reported(OrvEvent event) {
     if (event == OrvEvent::CLOUD_CONNECTED || event == OrvEvent::CLOUD_DISCONNECTED)

@@ -27,7 +27,7 @@ public:
     };
     using OnFailure = std::function<void(const Failure& failure)>;
 
-    /// @param endpoint the host that is poked; empty: there is nothing to explain
+    /// @param endpoint what is poked, as gateway.ini names it; empty: there is nothing to explain
     /// @param failureReceiver told of each look that has failed
     PokeExplainer(EventLoop& eventLoop, std::string ethernet, std::string cellular, const std::string& endpoint,
                   OnFailure failureReceiver);
@@ -49,7 +49,7 @@ private:
     const std::string ethernetName;
     const std::string cellularName;
     const OnFailure onFailure;
-    CloudSettings settings;
+    const CloudSettings settings; // of the endpoint
     CommonUtils::Logger logger;
     PokeDiagnosis diagnosis;
     PathProver prover;

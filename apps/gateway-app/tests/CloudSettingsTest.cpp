@@ -13,6 +13,22 @@
 namespace GatewayApp {
 namespace {
 
+TEST(AnEndpoint, IsAHostAndAPortWhateverElseIsWrittenThere) {
+    const auto split = [](const std::string& endpoint) {
+        const CloudSettings settings = SettingsOfEndpoint(endpoint);
+        return settings.host + " " + std::to_string(settings.port);
+    };
+    EXPECT_EQ(split("cloud.example"), "cloud.example 443");
+    EXPECT_EQ(split("cloud.example:8443"), "cloud.example 8443");
+    EXPECT_EQ(split("cloud.example/health?all"), "cloud.example 443");
+    EXPECT_EQ(split("cloud.example:443/health"), "cloud.example 443");
+    EXPECT_EQ(split("192.0.2.1:8443"), "192.0.2.1 8443");
+    EXPECT_EQ(split("[2001:db8::1]:8443/health"), "2001:db8::1 8443");
+    EXPECT_EQ(split("[2001:db8::1]"), "2001:db8::1 443");
+    EXPECT_EQ(split(""), " 443");
+    EXPECT_EQ(split("cloud.example:99999"), " 443");
+}
+
 class APasswordFile : public testing::Test {
 protected:
     APasswordFile() { settings.passwordFile = testing::TempDir() + "gateway-app-password"; }
