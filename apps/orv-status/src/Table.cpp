@@ -93,7 +93,9 @@ void AddConnmanRow(std::string& rows, const ConnmanView& connman) {
         return AddRow(rows, "ConnMan", {Text(connman.state), ": ", connman.reason});
     std::string services;
     for (const ConnmanView::Service& service : connman.services)
-        AddItem(services, ", then ", {service.interface, " ", service.state});
+        AddItem(
+            services, ", then ",
+            {service.interface.empty() ? "(no interface)" : std::string_view(service.interface), " ", service.state});
     AddRow(rows, "ConnMan", {services.empty() ? "no service" : std::string_view(services)});
 }
 

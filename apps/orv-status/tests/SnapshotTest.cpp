@@ -117,6 +117,13 @@ TEST_F(AHealthyGateway, IsShownAsATable) {
     EXPECT_NE(Table(snapshot, {true, true}).find("\x1b[32m\u25cf\x1b[0m green on"), std::string::npos);
 }
 
+TEST_F(AHealthyGateway, ShowsThatAServiceHasNoInterface) {
+    snapshot.connman.services.push_back({"", "idle", {}});
+    EXPECT_NE(
+        Table(snapshot, {false, false}).find("ConnMan      eth0 online, then wwan0 ready, then (no interface) idle\n"),
+        std::string::npos);
+}
+
 class AGatewayThatCouldNotFailOver : public AHealthyGateway {
 protected:
     NetworkView::Interface& Cellular() { return snapshot.network.interfaces[1]; }
