@@ -36,13 +36,17 @@ void InstanceLock::Take(const std::string& path) {
         mkdir(path.substr(0, slash).c_str(), 0755);
     file =
         std::make_unique<Descriptor>(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
-    const std::string error = std::generic_category().message(errno);
+    const int cause = errno;
+    const std::string error = std::generic_category().message(cause);
     if (file->Number() < 0) {
         struct stat state {};
         if (stat(path.c_str(), &state) == 0)
-            throw AnotherInstance("cannot open the lock " + path + " (" + error +
-                                  "): a gateway-app of another user has " + "made it, and " + WHY +
-                                  ". Stop that one, or name another lock with --lock");
+            throw AnotherInstance("cannot open the lock " + path + " (" + error + "): " +
+                                  (cause == EACCES || cause == EPERM
+                                       ? "a gateway-app of another user has made it, and " + std::string(WHY) +
+                                             ". Stop that one, or name another lock with --lock"
+                                       : "a second gateway-app would not be noticed, and " + std::string(WHY) +
+                                             ". Remove what is there, or name another lock with --lock"));
         missing = "cannot make the lock " + path + ": " + error;
         return;
     }

@@ -92,6 +92,14 @@ TEST_F(TheLock, IsNotTakenThroughALink) {
     EXPECT_NE(ErrorOfASecond().find("cannot open the lock"), std::string::npos);
 }
 
+TEST_F(TheLock, IsNotLaidToAnotherUserWhereSomethingElseHasItsName) {
+    std::filesystem::create_directories(path);
+    const std::string error = ErrorOfASecond();
+    EXPECT_NE(error.find("cannot open the lock " + path + " (Is a directory): a second"), std::string::npos) << error;
+    EXPECT_NE(error.find("Remove what is there, or name another lock with --lock"), std::string::npos) << error;
+    EXPECT_EQ(error.find("another user"), std::string::npos) << error;
+}
+
 TEST_F(TheLock, IsNotWantedWithoutAName) {
     const InstanceLock first("");
     EXPECT_EQ(first.Missing(), "");
