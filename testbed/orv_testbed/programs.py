@@ -15,9 +15,10 @@ class Missing(RuntimeError):
 
 
 def program(name: str) -> str:
-    """The newest build of one of our programs, or the one in the folder that ORV_BUILD names."""
+    """The newest build of one of our programs for this machine, or the one in the folder that ORV_BUILD names."""
     named = os.environ.get("ORV_BUILD")
-    folders = [pathlib.Path(named)] if named else list((TREE / "build").glob("*"))
+    own = [folder for folder in (TREE / "build").glob("*") if "mipsel" not in folder.name]
+    folders = [pathlib.Path(named)] if named else own
     built = [folder / "bin" / name for folder in folders if (folder / "bin" / name).exists()]
     if not built:
         raise Missing(f"{name} is not built: cmake --preset debug && cmake --build --preset debug")
