@@ -128,7 +128,7 @@ private:
     bool destroyed = false;
     int callbacks = 0;
     std::uint64_t dispatched = 0; // the step at which the latest began
-    // OnConnect for the connections of this session, and those that may have been for the former one's.
+    // OnConnect since the latest Connect, and those that may still have been owed to the Connect before it.
     int connectsHere = 0;
     int connectsUnclear = 0;
     std::uint64_t sessionBegun = 0;
