@@ -113,6 +113,13 @@ protected:
         return Eventually([&] { return Count(text) >= times; });
     }
 
+    /// From now on another authority is trusted than the cloud's.
+    bool TrustsAStranger() {
+        trusted = folder.Path("other.pem");
+        const std::string make = "openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=other -keyout /dev/null -out ";
+        return std::system((make + trusted + " 2>/dev/null").c_str()) == 0;
+    }
+
     /// Frames to the cloud go to a neighbour that does not exist; the link stays up.
     static bool SilencePath() { return Ip("neigh replace 10.11.0.1 lladdr 02:00:00:00:0f:ff dev eth0 nud permanent"); }
     static bool HealPath() { return Ip("neigh del 10.11.0.1 dev eth0"); }

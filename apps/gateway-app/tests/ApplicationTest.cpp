@@ -69,12 +69,7 @@ TEST_F(AGatewayWithACloud, DropsAConnectionWhoseAddressIsGone) {
 }
 
 TEST_F(AGatewayWithACloud, DoesNotTrustAStranger) {
-    const std::string other = folder.Path("other.pem");
-    ASSERT_EQ(std::system(("openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=other -keyout /dev/null -out " + other +
-                           " 2>/dev/null")
-                              .c_str()),
-              0);
-    trusted = other;
+    ASSERT_TRUE(TrustsAStranger());
     StartApp();
     EXPECT_TRUE(EventuallyHas("\"what\":\"cloud_failed\"", 2));
     EXPECT_FALSE(Has("CLOUD_CONNECTED"));

@@ -127,12 +127,7 @@ TEST_F(AProof, FailsWhenTheBrokerEndsTheConnection) {
 
 TEST_F(AProof, FailsWithAStranger) {
     ASSERT_TRUE(CloudIsThere());
-    const std::string other = folder.Path("other.pem");
-    ASSERT_EQ(std::system(("openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=other -keyout /dev/null -out " + other +
-                           " 2>/dev/null")
-                              .c_str()),
-              0);
-    trusted = other;
+    ASSERT_TRUE(TrustsAStranger());
     const PathProver::Result result = Of("eth0", 0s);
     EXPECT_FALSE(result.good);
     EXPECT_FALSE(result.failure.empty());
