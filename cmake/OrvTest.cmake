@@ -10,6 +10,9 @@ include(GoogleTest)
 
 function(orv_add_test name)
   cmake_parse_arguments(PARSE_ARGV 1 ARG "" "TIMEOUT" "SOURCES;LIBRARIES;LABELS;LOCKS;WRAPPER")
+  if(NOT name MATCHES "^[a-z-]+-tests$")
+    message(FATAL_ERROR "a test program is called like orv-log-tests, but this one: ${name}")
+  endif()
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES} GTest::gtest GTest::gtest_main Threads::Threads)
   # gtest's macros are not written for this one.
