@@ -66,6 +66,7 @@ class Faults:
             note.touch()
         elif what == "back" and address is None:
             namespace.unfilter("mute")
+            namespace.unfilter("hole")
             if note.exists():
                 note.unlink()
                 self._processes.end(f"names-{side}")

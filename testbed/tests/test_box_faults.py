@@ -177,6 +177,23 @@ def test_a_name_server_lies_about_one_name(box: Box) -> None:
 
 
 @on_each_side
+def test_a_dead_address_is_dead_only_while_it_is_told(box: Box, side: str, interface: str) -> None:
+    def filters() -> str:
+        namespace = f"{box.environment['ORV_BOX']}-{side}"
+        command = ["ip", "netns", "exec", namespace, "nft", "list", "ruleset"]
+        return subprocess.run(command, check=True, capture_output=True, text=True).stdout
+
+    box("names", "cell" if side == "eth" else "eth", "mute")
+    box("names", side, "first", "198.51.100.66")
+    assert addresses_of(box, "cloud.box.test") == {"198.51.100.66", "198.51.100.10"}
+    assert "198.51.100.66" in filters()
+    box("names", side, "back")
+    assert addresses_of(box, "cloud.box.test") == {"198.51.100.10"}
+    assert filters() == ""
+    assert fetch(box, interface) == (0, "ok\n")
+
+
+@on_each_side
 def test_a_captive_portal_answers_for_the_cloud(box: Box, side: str, interface: str) -> None:
     not_certified = 60
     box("portal", side, "on")
