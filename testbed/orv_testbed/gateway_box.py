@@ -11,6 +11,7 @@ from collections.abc import Callable
 from orv_testbed.box_processes import BoxProcesses
 from orv_testbed.cloud import Cloud
 from orv_testbed.commands import succeeds
+from orv_testbed.fault_record import FaultRecord
 from orv_testbed.faults import Faults
 from orv_testbed.gateway import Gateway
 from orv_testbed.host import check_host
@@ -41,7 +42,8 @@ class GatewayBox:
         self.gateway = Gateway(self.layout, self.processes, self.networks.gateway)
         self.board = Board(self.layout, self.processes, self.networks)
         self.faults = Faults(self.layout, self.processes, self.networks, self.cloud, self.gateway)
-        self.report = Report(self.layout, self.processes, self.gateway)
+        self.record = FaultRecord(self.layout.state)
+        self.report = Report(self.layout, self.processes, self.gateway, self.record)
 
     def up(self, machine: bool) -> None:
         self.layout.check_place()
@@ -97,6 +99,8 @@ class GatewayBox:
         if word in WORDS and self.layout.has_machine():
             self.need_up()
             self.board.do(word, *words)
+            if word in FAULTS:
+                self.record.note(word, *words)
         elif word == "up" and words in ((), ("--machine", "mipsel")):
             self.layout.check_caller()
             self.up(machine=bool(words))
@@ -106,6 +110,7 @@ class GatewayBox:
         elif word == "power":
             self.layout.check_caller()
             self.board.power(*words)
+            self.record.note(word, *words)
         elif word in ("status", "services", "log"):
             self.need_up()
             arguments = words if word == "log" else ()
@@ -117,5 +122,6 @@ class GatewayBox:
             self.need_up()
             fault: Callable[..., None] = getattr(self.faults, word.replace("-", "_"))
             fault(*words)
+            self.record.note(word, *words)
         else:
             raise Usage

@@ -6,6 +6,7 @@ import sys
 from collections.abc import Iterable
 
 from orv_testbed.box_processes import BoxProcesses
+from orv_testbed.fault_record import FaultRecord
 from orv_testbed.gateway import Gateway
 from orv_testbed.layout import BoxError, Layout
 from orv_testbed.networks import Namespace
@@ -16,8 +17,8 @@ SHOWN_LINES = 10
 
 
 class Report:
-    def __init__(self, layout: Layout, processes: BoxProcesses, gateway: Gateway) -> None:
-        self._layout, self._processes, self._gateway = layout, processes, gateway
+    def __init__(self, layout: Layout, processes: BoxProcesses, gateway: Gateway, record: FaultRecord) -> None:
+        self._layout, self._processes, self._gateway, self._record = layout, processes, gateway, record
         self._namespace: Namespace = gateway.namespace
 
     def services(self) -> None:
@@ -30,6 +31,8 @@ class Report:
         for process in self._processes.names():
             pid = self._processes.pid_of(process)
             print(f"{process}: " + ("not running" if pid is None else f"pid {pid}"))
+        print("faults in force:")
+        self._indented(self._record.in_force() or ["none"])
         print("services, in ConnMan's order:")
         self._indented((self._gateway.services() or "ConnMan does not answer").splitlines())
         print("routes:")
