@@ -51,7 +51,7 @@ public:
 
     /// The path of the first modem; empty when there is none.
     std::string FirstModem() const {
-        const Message reply = Ask("/", "org.ofono.Manager", "GetModems");
+        const Message reply = Call("/", "org.ofono.Manager", "GetModems");
         DBusMessageIter modems, modem, path;
         if (!reply || !dbus_message_iter_init(reply.get(), &modems) ||
             dbus_message_iter_get_arg_type(&modems) != DBUS_TYPE_ARRAY)
@@ -63,9 +63,9 @@ public:
         return AsText(path);
     }
 
-    Properties Of(const std::string& modem, const char* interface) const {
+    Properties PropertiesOf(const std::string& modem, const char* interface) const {
         Properties properties;
-        const Message reply = Ask(modem.c_str(), interface, "GetProperties");
+        const Message reply = Call(modem.c_str(), interface, "GetProperties");
         DBusMessageIter all;
         if (!reply || !dbus_message_iter_init(reply.get(), &all) ||
             dbus_message_iter_get_arg_type(&all) != DBUS_TYPE_ARRAY)
@@ -85,7 +85,7 @@ public:
     }
 
 private:
-    Message Ask(const char* path, const char* interface, const char* method) const {
+    Message Call(const char* path, const char* interface, const char* method) const {
         const Message call(dbus_message_new_method_call("org.ofono", path, interface, method), &dbus_message_unref);
         return Message(bus ? dbus_connection_send_with_reply_and_block(bus, call.get(), REPLY_WITHIN_MS, nullptr)
                            : nullptr,
@@ -96,31 +96,31 @@ private:
 };
 
 /// Publishes what has changed.
-class Teller : public QUILMQTT::QueueOwner {
+class ModemPublisher : public QUILMQTT::QueueOwner {
 public:
-    Teller() : QueueOwner("orv-modem") {}
+    ModemPublisher() : QueueOwner("orv-modem") {}
 
-    void Tell(const std::string& topic, const std::string& value) {
+    void Publish(const std::string& topic, const std::string& value) {
         // What is refused for want of a connection is announced by the platform when there is one again.
-        if (!value.empty() && std::exchange(told[topic], value) != value)
+        if (!value.empty() && std::exchange(published[topic], value) != value)
             PublishRetainedMessage(topic, value, true);
     }
 
 private:
-    std::map<std::string, std::string> told;
+    std::map<std::string, std::string> published;
 };
 
-void TellAll(Teller& teller) {
+void PublishAll(ModemPublisher& publisher) {
     const Ofono ofono;
     const std::string modem = ofono.FirstModem();
     if (modem.empty())
         return;
-    teller.Tell("/orv/modem/imei", ofono.Of(modem, "org.ofono.Modem")["Serial"]);
-    teller.Tell("/orv/modem/sim/iccid", ofono.Of(modem, "org.ofono.SimManager")["CardIdentifier"]);
-    Properties network = ofono.Of(modem, "org.ofono.NetworkRegistration");
-    teller.Tell("/orv/modem/sim/provider", network["Name"]);
-    teller.Tell("/orv/modem/sim/technology", network["Technology"]);
-    teller.Tell("/orv/modem/sim/strength", network["Strength"]);
+    publisher.Publish("/orv/modem/imei", ofono.PropertiesOf(modem, "org.ofono.Modem")["Serial"]);
+    publisher.Publish("/orv/modem/sim/iccid", ofono.PropertiesOf(modem, "org.ofono.SimManager")["CardIdentifier"]);
+    Properties network = ofono.PropertiesOf(modem, "org.ofono.NetworkRegistration");
+    publisher.Publish("/orv/modem/sim/provider", network["Name"]);
+    publisher.Publish("/orv/modem/sim/technology", network["Technology"]);
+    publisher.Publish("/orv/modem/sim/strength", network["Strength"]);
 }
 
 } // namespace
@@ -137,13 +137,13 @@ int main(int count, char** words) {
     sigaddset(&end, SIGTERM);
     sigaddset(&end, SIGINT);
     pthread_sigmask(SIG_BLOCK, &end, nullptr); // before the connection has a thread, which inherits it
-    Teller teller;
+    ModemPublisher publisher;
     bool connected = false;
     do {
-        connected = connected || teller.Connect(); // one that was made once comes back by itself
+        connected = connected || publisher.Connect(); // one that was made once comes back by itself
         if (connected)
-            TellAll(teller);
+            PublishAll(publisher);
     } while (sigtimedwait(&end, nullptr, &pause) < 0);
-    teller.Disconnect();
+    publisher.Disconnect();
     return 0;
 }

@@ -48,7 +48,7 @@ protected:
     }
 
     /// Retained: it reaches a program that is still on its way up.
-    void Say(const std::string& topic, const std::string& payload) {
+    void Publish(const std::string& topic, const std::string& payload) {
         MqttMessage message;
         message.topic = topic;
         message.payload = payload;
@@ -57,12 +57,12 @@ protected:
         EXPECT_TRUE(neighbour->Publish(message));
     }
 
-    std::string Hears(const std::string& topic) {
+    std::string NextPayload(const std::string& topic) {
         const auto message = neighbour->NextMessageOn(topic);
         return message ? message->payload : "nothing";
     }
 
-    bool Comes(const std::string& file, const std::string& content) {
+    bool EventuallyHolds(const std::string& file, const std::string& content) {
         return WaitUntil([&] { return Content(folder.Path(file)) == content; });
     }
 
@@ -78,13 +78,13 @@ TEST_F(AnExample, DrivesTheLeds) {
         folder.Write(std::string(led) + "/trigger", "");
         folder.Write(std::string(led) + "/brightness", "");
     }
-    Say("/orv/led/connected_services_green", "On");
-    Say("/orv/led/connected_services_yellow", "Blink");
+    Publish("/orv/led/connected_services_green", "On");
+    Publish("/orv/led/connected_services_yellow", "Blink");
     Start("led-driver", {folder.Path("")});
-    EXPECT_TRUE(Comes("green/brightness", "1"));
-    EXPECT_TRUE(Comes("yellow/trigger", "timer"));
-    Say("/orv/led/connected_services_green", "Off");
-    EXPECT_TRUE(Comes("green/brightness", "0"));
+    EXPECT_TRUE(EventuallyHolds("green/brightness", "1"));
+    EXPECT_TRUE(EventuallyHolds("yellow/trigger", "timer"));
+    Publish("/orv/led/connected_services_green", "Off");
+    EXPECT_TRUE(EventuallyHolds("green/brightness", "0"));
     EXPECT_EQ(Content(folder.Path("yellow/brightness")), "");
     std::filesystem::remove_all(folder.Path("green"));
     std::filesystem::remove_all(folder.Path("yellow"));
@@ -92,17 +92,17 @@ TEST_F(AnExample, DrivesTheLeds) {
 
 TEST_F(AnExample, GuardsTheNameServers) {
     folder.Write("normal", "server=192.0.2.1\n");
-    Say("/orv/network/wan/inhibit_dns", "permit");
+    Publish("/orv/network/wan/inhibit_dns", "permit");
     Start("name-server-guard",
           {folder.Path("normal"), folder.Path("active"), "echo reload >> " + folder.Path("reloads")});
-    EXPECT_TRUE(Comes("active", "server=192.0.2.1\n"));
-    EXPECT_TRUE(Comes("reloads", "reload\n"));
-    Say("/orv/network/wan/inhibit_dns", "inhibit");
-    EXPECT_TRUE(Comes("reloads", "reload\nreload\n")) << Content(folder.Path("log"));
+    EXPECT_TRUE(EventuallyHolds("active", "server=192.0.2.1\n"));
+    EXPECT_TRUE(EventuallyHolds("reloads", "reload\n"));
+    Publish("/orv/network/wan/inhibit_dns", "inhibit");
+    EXPECT_TRUE(EventuallyHolds("reloads", "reload\nreload\n")) << Content(folder.Path("log"));
     EXPECT_EQ(Content(folder.Path("active")), "");
     EXPECT_TRUE(std::filesystem::exists(folder.Path("active")));
-    Say("/orv/network/wan/inhibit_dns", "permit");
-    EXPECT_TRUE(Comes("active", "server=192.0.2.1\n"));
+    Publish("/orv/network/wan/inhibit_dns", "permit");
+    EXPECT_TRUE(EventuallyHolds("active", "server=192.0.2.1\n"));
 }
 
 TEST_F(AnExample, ReadsItsSettingsAnewOnReload) {
@@ -110,22 +110,22 @@ TEST_F(AnExample, ReadsItsSettingsAnewOnReload) {
     ASSERT_TRUE(neighbour->Subscribe(init));
     folder.Write("settings", "wanted = 21\n");
     Start("settings", {folder.Path("settings")});
-    EXPECT_EQ(Hears(init), "booting"); // Start
-    EXPECT_EQ(Hears(init), "booting");
-    EXPECT_EQ(Hears(init), "ready");
+    EXPECT_EQ(NextPayload(init), "booting"); // Start
+    EXPECT_EQ(NextPayload(init), "booting");
+    EXPECT_EQ(NextPayload(init), "ready");
     folder.Write("settings", "wanted 22\n");
     ASSERT_TRUE(neighbour->Publish({init, "reload", 1}));
-    EXPECT_EQ(Hears(init), "reload");
-    EXPECT_EQ(Hears(init), "booting");
-    EXPECT_EQ(Hears(init), "error");
+    EXPECT_EQ(NextPayload(init), "reload");
+    EXPECT_EQ(NextPayload(init), "booting");
+    EXPECT_EQ(NextPayload(init), "error");
     folder.Write("settings", "wanted = 22\n");
     ASSERT_TRUE(neighbour->Publish({init, "reload", 1}));
-    EXPECT_EQ(Hears(init), "reload");
-    EXPECT_EQ(Hears(init), "booting");
-    EXPECT_EQ(Hears(init), "ready");
+    EXPECT_EQ(NextPayload(init), "reload");
+    EXPECT_EQ(NextPayload(init), "booting");
+    EXPECT_EQ(NextPayload(init), "ready");
 }
 
-TEST_F(AnExample, TellsAboutTheModem) {
+TEST_F(AnExample, PublishesWhatTheModemManagerKnows) {
     const OrvTest::PrivateBus bus;
     setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.Address().c_str(), 1);
     ASSERT_TRUE(neighbour->Subscribe("/orv/modem/#"));
@@ -133,9 +133,9 @@ TEST_F(AnExample, TellsAboutTheModem) {
     const ChildProgram modem(
         {"/usr/bin/python3", "-B", ORV_MODEM, "wwan0", "192.0.2.2", "255.255.255.0", "192.0.2.1", "192.0.2.1"},
         folder.Path("log"));
-    EXPECT_EQ(Hears("/orv/modem/imei"), "350000000000001");
-    EXPECT_EQ(Hears("/orv/modem/sim/provider"), "Box Mobile");
-    EXPECT_EQ(Hears("/orv/modem/sim/strength"), "60");
+    EXPECT_EQ(NextPayload("/orv/modem/imei"), "350000000000001");
+    EXPECT_EQ(NextPayload("/orv/modem/sim/provider"), "Box Mobile");
+    EXPECT_EQ(NextPayload("/orv/modem/sim/strength"), "60");
 }
 
 struct Call {

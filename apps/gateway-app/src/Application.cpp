@@ -46,7 +46,7 @@ Application::Application(AppOptions appOptions, std::vector<std::string> command
       randomness(std::random_device()()),
       signals({SIGTERM, SIGINT, SIGHUP, SIGUSR1}),
       mailbox(std::make_shared<Mailbox>()),
-      startTimer(loop, [this] { TryToStart(); }),
+      startTimer(loop, [this] { TryStart(); }),
       tickTimer(loop, [this] { Tick(); }),
       watchdogTimer(loop, [this] { manager.Notify("WATCHDOG=1"); }),
       startBackOff(500ms, 5s, [this] { return std::generate_canonical<double, 32>(randomness); }),
@@ -70,9 +70,9 @@ Application::Application(AppOptions appOptions, std::vector<std::string> command
       lastCloudLoss("it was not reached since the start"),
       cloudLostAt(Now()),
       lastMoveAt(Now()) {
-    told.started = told.cloudSince = told.routeSince = Moment::Now();
-    told.cloudReason = "not connected since the start";
-    WatchStatusFile();
+    runStatus.started = runStatus.cloudSince = runStatus.routeSince = Moment::Now();
+    runStatus.cloudReason = "not connected since the start";
+    WatchCsv();
     callbacks = std::make_shared<Callbacks>(
         mailbox, Callbacks::Receiver{[this](AppAction action) { OnAction(action); },
                                      [this](const std::string& line) { logger.Info() << line; }});
@@ -84,17 +84,17 @@ void Application::Run() {
     if (!lock.Missing().empty())
         logger.Warning() << lock.Missing() << ": a second gateway-app on this gateway would not be noticed";
     if (OrvResources::CreateStaticConfigStore()->GetValue(ENDPOINT).empty()) {
-        told.hindrance = "the WAN route will never move: gateway.ini names no endpoint to prove a path with. Set "
-                         "endpoint = HOST in [cloud], and start the application anew";
+        runStatus.hindrance = "the WAN route will never move: gateway.ini names no endpoint to prove a path with. Set "
+                              "endpoint = HOST in [cloud], and start the application anew";
         neverMoves = true;
-        logger.Warning() << told.hindrance;
+        logger.Warning() << runStatus.hindrance;
     }
     loop.Watch(signals.Descriptor(), EPOLLIN, [this](std::uint32_t) { OnSignal(); });
     loop.Watch(mailbox->ReadyDescriptor(), EPOLLIN, [this](std::uint32_t) { mailbox->DoAll(); });
     if (manager.WatchdogPeriod() > 0ms)
         watchdogTimer.Every(manager.WatchdogPeriod());
     WarnOfCredentials();
-    Note("start", {{"default_route", JsonText(network.DefaultInterface())}});
+    Record("start", {{"default_route", JsonText(network.DefaultInterface())}});
     statusWriter.Write();
     startTimer.Once(0ms);
     cloud.Reopen("start");
@@ -118,14 +118,14 @@ bool Application::CreateClient() {
     return true;
 }
 
-void Application::TryToStart() {
+void Application::TryStart() {
     // These two calls may wait for the broker, 3 s each; the watchdog's limit allows for it.
     const bool confirmed = (client || CreateClient()) && (client->Init(options.name), callbacks->Confirmed());
     if (confirmed)
         return Started();
     const std::chrono::milliseconds delay = startBackOff.Next();
     logger.Warning() << "the gateway's broker does not answer, trying again in " << delay.count() << " ms";
-    Note("broker_unreachable", {{"retry_ms", std::to_string(delay.count())}});
+    Record("broker_unreachable", {{"retry_ms", std::to_string(delay.count())}});
     startTimer.Once(delay);
 }
 
@@ -141,12 +141,12 @@ void Application::Started() {
     if (failed)
         Report(OrvEvent::FAILURE);
     client->AppStatusRequest(AppStatus::READY);
-    if (statusFile)
-        statusFile->SetActive(true);
+    if (csvWatch)
+        csvWatch->SetActive(true);
     SetTickTimer();
     logger.Info() << options.name << " is ready";
     ShowStatus();
-    Note("ready", {});
+    Record("ready", {});
 }
 
 void Application::Tick() {
@@ -165,7 +165,7 @@ void Application::Tick() {
 void Application::Stop() {
     ownDoing = true;
     cloud.Close();
-    statusFile.reset();
+    csvWatch.reset();
     tickTimer.Stop();
     startTimer.Stop();
     if (client) {
@@ -174,9 +174,9 @@ void Application::Stop() {
         client.reset();
     }
     started = false;
-    told.running = false;
+    runStatus.running = false;
     statusWriter.Write();
-    Note("end", {{"tick", tickDurations.Json()}, {"event_update", eventDurations.Json()}});
+    Record("end", {{"tick", tickDurations.Json()}, {"event_update", eventDurations.Json()}});
     const auto us = [](std::chrono::nanoseconds time) {
         return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
     };
@@ -187,7 +187,7 @@ void Application::Stop() {
 
 void Application::OnSignal() {
     while (const int number = signals.Take()) {
-        Note("signal", {{"number", std::to_string(number)}});
+        Record("signal", {{"number", std::to_string(number)}});
         if (number == SIGHUP) {
             Reload();
         } else if (number == SIGUSR1) {
@@ -197,7 +197,7 @@ void Application::OnSignal() {
             Report(OrvEvent::FAILURE);
         } else {
             logger.Info() << "ending on " << (number == SIGINT ? "SIGINT" : "SIGTERM");
-            loop.Leave();
+            loop.Quit();
         }
     }
 }
@@ -205,8 +205,8 @@ void Application::OnSignal() {
 void Application::OnNetworkEvents(const WanInterfaces::Events& events) {
     ethernetGuard.InterfacesAre(network.Wan());
     for (const OrvEvent event : events) {
-        if (ethernetGuard.KeepsBack(event))
-            KeepBack(event);
+        if (ethernetGuard.Withholds(event))
+            Withhold(event);
         else
             Report(event);
     }
@@ -217,9 +217,9 @@ void Application::OnNetworkEvents(const WanInterfaces::Events& events) {
 
 void Application::OnDefaultRoute(const std::string& interface) {
     logger.Debug() << (interface.empty() ? "there is no default route" : "the default route is now over " + interface);
-    Note("default_route", {{"interface", JsonText(interface)}});
+    Record("default_route", {{"interface", JsonText(interface)}});
     defaultRouteSince = Now();
-    told.routeSince = Moment::Now();
+    runStatus.routeSince = Moment::Now();
     moves.DefaultRouteIs(PathOf(interface), defaultRouteSince);
     FollowMoves();
     statusWriter.Changed();
@@ -235,7 +235,7 @@ void Application::OnCloudConnected(const std::string& source) {
     cloudInterface = network.Wan().OwnerOf(source);
     logger.Info() << "connected to the cloud, from " << source
                   << (cloudInterface.empty() ? std::string() : " over " + cloudInterface);
-    Note("cloud_connected", {{"source", JsonText(source)}, {"interface", JsonText(cloudInterface)}});
+    Record("cloud_connected", {{"source", JsonText(source)}, {"interface", JsonText(cloudInterface)}});
     ethernetGuard.CloudIs(true);
     Report(OrvEvent::CLOUD_CONNECTED);
     CloudChanged("connected over " + (cloudInterface.empty() ? "another interface" : cloudInterface));
@@ -244,11 +244,11 @@ void Application::OnCloudConnected(const std::string& source) {
 void Application::OnCloudLost(const std::string& reason) {
     cloudInterface.clear();
     (ownDoing ? logger.Info() : logger.Warning()) << "the cloud connection has ended: " << reason;
-    Note("cloud_lost", {{"reason", JsonText(reason)}});
+    Record("cloud_lost", {{"reason", JsonText(reason)}});
     ethernetGuard.CloudIs(false);
     Report(OrvEvent::CLOUD_DISCONNECTED);
     if (!ownDoing) {
-        ++told.counters.cloudLosses;
+        ++runStatus.counters.cloudLosses;
         lastCloudLoss = reason;
         cloudLostAt = Now();
     }
@@ -256,8 +256,8 @@ void Application::OnCloudLost(const std::string& reason) {
 }
 
 void Application::CloudChanged(const std::string& reason) {
-    told.cloudSince = Moment::Now();
-    told.cloudReason = reason;
+    runStatus.cloudSince = Moment::Now();
+    runStatus.cloudReason = reason;
     cloudChanged = true;
     ShowStatus();
 }
@@ -271,12 +271,12 @@ void Application::OnCloudFailed(const std::string& reason, std::chrono::millisec
     statusWriter.Changed();
     if (reason.rfind("the broker refused", 0) == 0)
         ethernetGuard.CloudRefused();
-    Note("cloud_failed", {{"reason", JsonText(reason)}, {"retry_ms", std::to_string(delay.count())}});
+    Record("cloud_failed", {{"reason", JsonText(reason)}, {"retry_ms", std::to_string(delay.count())}});
 }
 
 void Application::OnAction(AppAction action) {
     logger.Info() << "ordered to: " << action;
-    Note("action", {{"action", JsonText(AppActionText(action))}});
+    Record("action", {{"action", JsonText(AppActionText(action))}});
     if (action == AppAction::RELOAD)
         Reload();
 }
@@ -309,7 +309,7 @@ void Application::Reload() {
     } catch (const OptionsError& error) {
         logger.Error() << "options not read, the old ones stay: " << error.text;
     }
-    Note("reload", {});
+    Record("reload", {});
     if (started)
         client->AppStatusRequest(AppStatus::READY);
 }
@@ -318,20 +318,20 @@ void Application::Report(OrvEvent event) {
     logger.Info() << "event " << event;
     if (started)
         SendEvent(event);
-    Note("event", {{"event", JsonText(OrvEventText(event))}, {"reported", JsonBool(started)}});
+    Record("event", {{"event", JsonText(OrvEventText(event))}, {"reported", JsonBool(started)}});
 }
 
-void Application::KeepBack(OrvEvent event) {
+void Application::Withhold(OrvEvent event) {
     logger.Info() << "event " << event << ", not reported: Ethernet is on probation";
-    Note("event", {{"event", JsonText(OrvEventText(event))}, {"reported", "false"}});
+    Record("event", {{"event", JsonText(OrvEventText(event))}, {"reported", "false"}});
 }
 
 void Application::SendEvent(OrvEvent event) {
     eventDurations.Measure([&] { client->EventUpdateRequest(event); });
     rhythm.Reported(event, Now());
     pokeExplainer.Reported(event);
-    if (statusFile)
-        statusFile->Reported(event);
+    if (csvWatch)
+        csvWatch->Reported(event);
     SetTickTimer();
 }
 
@@ -356,14 +356,14 @@ void Application::ShowStatus() {
     if (cloud.Connected())
         status = "cloud over " + (cloudInterface.empty() ? "another interface" : cloudInterface);
     if (cloudChanged)
-        status += " since " + told.cloudSince.utc;
+        status += " since " + runStatus.cloudSince.utc;
     if (ethernetGuard.OnProbation())
         status += ", Ethernet on probation";
     manager.Notify("STATUS=" + status);
     statusWriter.Changed();
 }
 
-void Application::Note(const std::string& what, const Transcript::Fields& fields) {
+void Application::Record(const std::string& what, const Transcript::Fields& fields) {
     Transcript::Fields all = fields;
     all.emplace_back("cloud", JsonBool(cloud.Connected()));
     all.emplace_back("path", JsonText(ConnInterfaceString));

@@ -3,6 +3,7 @@
 
 #include "AppOptions.h"
 #include "CloudConnection.h"
+#include "CsvWatch.h"
 #include "DurationHistogram.h"
 #include "EthernetGuard.h"
 #include "EventLoop.h"
@@ -15,7 +16,6 @@
 #include "RouteMoves.h"
 #include "RunStatus.h"
 #include "ServiceManager.h"
-#include "StatusFile.h"
 #include "StatusWriter.h"
 #include "TickRhythm.h"
 #include "Transcript.h"
@@ -52,7 +52,7 @@ private:
     friend class Callbacks;
 
     // The client library's life
-    void TryToStart();
+    void TryStart();
     bool CreateClient();
     void Started();
     void Tick();
@@ -70,7 +70,7 @@ private:
     void Reload();
 
     void Report(OrvStackSdk::OrvEvent event);
-    void KeepBack(OrvStackSdk::OrvEvent event);
+    void Withhold(OrvStackSdk::OrvEvent event);
     void SendEvent(OrvStackSdk::OrvEvent event);
     OrvStackSdk::OrvEvent CloudState() const;
     KeepAlive CloudKeepAlive() const;
@@ -80,8 +80,8 @@ private:
     void OnRouteMoved();
     void CheckDefaultRoute();
     void ShowStatus();
-    void WatchStatusFile();
-    void PutStatusFileRight();
+    void WatchCsv();
+    void RepairCsv();
 
     // What it tells about itself
     RouteMoves::Path PathOf(const std::string& interface) const;
@@ -89,10 +89,10 @@ private:
     void FollowHindrance();
     void OnPokeFailed(const PokeExplainer::Failure& failure);
     std::string ReasonOf(const RouteMoves::Move& move) const;
-    void NotePoke(RouteMoves::Path path, bool good, std::optional<std::chrono::steady_clock::duration> atMost,
-                  const std::string& text, const std::string& knownFrom);
+    void RecordPoke(RouteMoves::Path path, bool good, std::optional<std::chrono::steady_clock::duration> atMost,
+                    const std::string& text, const std::string& knownFrom);
     std::string StatusText();
-    void Note(const std::string& what, const Transcript::Fields& fields);
+    void Record(const std::string& what, const Transcript::Fields& fields);
 
     // Fixed at construction
     const std::vector<std::string> arguments;
@@ -120,25 +120,25 @@ private:
     RouteContradiction contradiction;
     RouteMoves moves;
     StatusWriter statusWriter;
-    std::unique_ptr<StatusFileWatch> statusFile; // none when its folder cannot be watched
+    std::unique_ptr<CsvWatch> csvWatch; // none when its folder cannot be watched
 
     // The client library, and whether it has come so far that events can be reported
     std::shared_ptr<Callbacks> callbacks;
     std::shared_ptr<OrvStackSdk::IOrvStackClient> client;
     bool started = false;
-    bool failed = false;            // FAILURE was reported
-    bool neverMoves = false;        // the route: there is no endpoint
-    bool ownDoing = false;          // the end of a cloud connection is the application's own doing, and no loss
-    bool cloudChanged = false;      // the cloud connection was made once
-    bool statusFileForeign = false; // said already
-    bool statusFileQuarrel = false;
+    bool failed = false;       // FAILURE was reported
+    bool neverMoves = false;   // the route: there is no endpoint
+    bool ownDoing = false;     // the end of a cloud connection is the application's own doing, and no loss
+    bool cloudChanged = false; // the cloud connection was made once
+    bool csvForeign = false;   // said already
+    bool csvQuarrel = false;
 
     std::string cloudInterface;   // the WAN interface that the cloud connection runs over; empty: none, or another one
     std::string lastCloudFailure; // as logged; empty after a success
     std::string lastCloudLoss;    // the reason
     std::chrono::steady_clock::time_point cloudLostAt; // for the last time
     std::chrono::steady_clock::time_point lastMoveAt;  // of the route; at first when this was made
-    RunStatus told;
+    RunStatus runStatus;
     GrowingCount cellularReceived;
     GrowingCount cellularSent;
     std::chrono::steady_clock::time_point defaultRouteSince; // when it last changed; at first the beginning of time

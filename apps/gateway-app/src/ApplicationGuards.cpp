@@ -16,7 +16,7 @@ using CommonUtils::Networking::ConnmanCommands;
 
 namespace {
 
-constexpr const char* STATUS_FILE = "/var/tmp/new_enterprise_statuses.csv";
+constexpr const char* STATUS_CSV = "/var/tmp/new_enterprise_statuses.csv";
 
 std::string InterfaceName(const char* path) {
     return GatewayMainBaseUnits::IpInterfacesMapping::GetInstance().GetInterfaceName(path);
@@ -31,8 +31,8 @@ void Application::OnRouteMoved() {
     std::optional<std::chrono::steady_clock::duration> atMost;
     if (toCellular && pokeExplainer.CellularPokeBegan())
         atMost = Now() - *pokeExplainer.CellularPokeBegan();
-    NotePoke(path, true, atMost, "", "the library has moved the route");
-    moves.Told(path, Now());
+    RecordPoke(path, true, atMost, "", "the library has moved the route");
+    moves.OrderedByLibrary(path, Now());
     FollowMoves();
     rhythm.RouteHasMoved(toCellular, Now());
     pokeExplainer.RouteHasMoved(toCellular);
@@ -42,7 +42,7 @@ void Application::OnRouteMoved() {
     const bool begun = cloud.BegunSince(defaultRouteSince);
     logger.Debug() << "the WAN route has changed, "
                    << (begun ? "the cloud connection has begun there" : "connecting to the cloud anew");
-    Note("reconnect", {{"begun", JsonBool(begun)}});
+    Record("reconnect", {{"begun", JsonBool(begun)}});
     ownDoing = true;
     if (!begun)
         cloud.Reopen("the WAN route has changed");
@@ -66,7 +66,7 @@ void Application::FollowCloudPath() {
         return;
     cloudPath = ConnInterfaceString;
     logger.Debug() << "the cloud connection is expected over " << cloudPath;
-    Note("path", {});
+    Record("path", {});
 }
 
 void Application::CheckDefaultRoute() {
@@ -90,23 +90,23 @@ void Application::CheckDefaultRoute() {
     }
 }
 
-void Application::WatchStatusFile() {
+void Application::WatchCsv() {
     try {
-        statusFile = std::make_unique<StatusFileWatch>(loop, STATUS_FILE, [this] { PutStatusFileRight(); });
+        csvWatch = std::make_unique<CsvWatch>(loop, STATUS_CSV, [this] { RepairCsv(); });
     } catch (const std::system_error& error) {
-        logger.Warning() << "what other programs write into " << STATUS_FILE << " stays: " << error.what();
+        logger.Warning() << "what other programs write into " << STATUS_CSV << " stays: " << error.what();
     }
 }
 
-void Application::PutStatusFileRight() {
-    if (!statusFileForeign)
-        logger.Info() << STATUS_FILE << " was written or removed by another program, another client of the library it "
+void Application::RepairCsv() {
+    if (!csvForeign)
+        logger.Info() << STATUS_CSV << " was written or removed by another program, another client of the library it "
                       << "may be; it is put right, now and from now on";
-    statusFileForeign = true;
-    if (statusFile->Quarrels() && !statusFileQuarrel) {
-        statusFileQuarrel = true;
-        logger.Warning() << STATUS_FILE << " is written by another program again and again; it is put right every five "
-                         << "seconds only. Who does it: fuser " << STATUS_FILE << ", or auditctl -w " << STATUS_FILE;
+    csvForeign = true;
+    if (csvWatch->IsSlowedDown() && !csvQuarrel) {
+        csvQuarrel = true;
+        logger.Warning() << STATUS_CSV << " is written by another program again and again; it is put right every five "
+                         << "seconds only. Who does it: fuser " << STATUS_CSV << ", or auditctl -w " << STATUS_CSV;
     }
     SendEvent(CloudState()); // every event has the library write the file
 }

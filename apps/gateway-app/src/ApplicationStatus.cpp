@@ -69,7 +69,7 @@ void Application::FollowMoves() {
     if (!move)
         return;
     const bool toCellular = move->to == Path::CELLULAR;
-    ++(toCellular ? told.counters.failOvers : told.counters.returns);
+    ++(toCellular ? runStatus.counters.failOvers : runStatus.counters.returns);
     std::string reason = ReasonOf(*move);
     if (!move->followed)
         reason += ", but the kernel's default route still leads elsewhere";
@@ -84,7 +84,7 @@ void Application::FollowMoves() {
     lastMoveAt = move->ended;
     logger.Info() << "the WAN route has moved from " << Shown(move->from) << " to " << Shown(move->to) << ": " << reason
                   << "; " << time;
-    told.lastMove =
+    runStatus.lastMove =
         RunStatus::Move{Moment::Now(), Word(move->from), Word(move->to), std::move(reason), Seconds(took).count()};
     statusWriter.Changed();
 }
@@ -107,10 +107,10 @@ void Application::FollowHindrance() {
     const std::optional<std::string> line = hindrance.Observe(isWanted, missing, Now());
     if (line) {
         logger.Warning() << *line;
-        told.hindrance = *line;
+        runStatus.hindrance = *line;
         statusWriter.Changed();
-    } else if (!isWanted && !told.hindrance.empty()) {
-        told.hindrance.clear();
+    } else if (!isWanted && !runStatus.hindrance.empty()) {
+        runStatus.hindrance.clear();
         statusWriter.Changed();
     }
 }
@@ -118,9 +118,9 @@ void Application::FollowHindrance() {
 void Application::OnPokeFailed(const PokeExplainer::Failure& failure) {
     const bool overCellular = failure.path == PokeDiagnosis::Path::CELLULAR;
     if (overCellular)
-        told.hindrance = failure.line;
-    NotePoke(overCellular ? Path::CELLULAR : Path::ETHERNET, false, failure.took, failure.reason,
-             "a connection of the application's own to the endpoint");
+        runStatus.hindrance = failure.line;
+    RecordPoke(overCellular ? Path::CELLULAR : Path::ETHERNET, false, failure.took, failure.reason,
+               "a connection of the application's own to the endpoint");
 }
 
 std::string Application::ReasonOf(const RouteMoves::Move& move) const {
@@ -138,8 +138,8 @@ std::string Application::ReasonOf(const RouteMoves::Move& move) const {
     return "not by this application: ConnMan's order has changed, or another program has set the route";
 }
 
-void Application::NotePoke(Path path, bool good, std::optional<std::chrono::steady_clock::duration> atMost,
-                           const std::string& text, const std::string& knownFrom) {
+void Application::RecordPoke(Path path, bool good, std::optional<std::chrono::steady_clock::duration> atMost,
+                             const std::string& text, const std::string& knownFrom) {
     RunStatus::Poke poke;
     poke.at = Moment::Now();
     poke.path = Word(path);
@@ -150,44 +150,45 @@ void Application::NotePoke(Path path, bool good, std::optional<std::chrono::stea
         poke.atMostSeconds = Seconds(*atMost).count();
     poke.text = text;
     poke.knownFrom = knownFrom;
-    told.pokes.push_front(std::move(poke));
-    if (told.pokes.size() > POKES_KEPT)
-        told.pokes.pop_back();
+    runStatus.pokes.push_front(std::move(poke));
+    if (runStatus.pokes.size() > POKES_KEPT)
+        runStatus.pokes.pop_back();
     statusWriter.Changed();
 }
 
 std::string Application::StatusText() {
     const auto now = Now();
-    told.name = options.name;
-    told.sessionReady = started;
-    told.cloudHost = options.cloud.host;
-    told.cloudState = options.cloud.host.empty() ? "disabled" : (cloud.Connected() ? "connected" : "disconnected");
-    told.cloudInterface = cloudInterface;
-    told.cloudSource = cloud.Source();
+    runStatus.name = options.name;
+    runStatus.sessionReady = started;
+    runStatus.cloudHost = options.cloud.host;
+    runStatus.cloudState = options.cloud.host.empty() ? "disabled" : (cloud.Connected() ? "connected" : "disconnected");
+    runStatus.cloudInterface = cloudInterface;
+    runStatus.cloudSource = cloud.Source();
     // A connection from an address that is no WAN interface's runs elsewhere.
-    told.cloudPath = cloud.Connected() ? Word(cloudInterface.empty() ? Path::OTHER : PathOf(cloudInterface)) : "none";
-    told.cloudFailure = lastCloudFailure;
-    told.routeInterface = network.DefaultInterface();
-    told.routePath = Word(moves.Route());
-    told.expectedPath = ConnInterfaceString;
-    told.probation = ethernetGuard.OnProbation();
-    told.ticks = tickDurations.Count();
-    told.longestTickUs = std::chrono::duration_cast<std::chrono::microseconds>(tickDurations.Longest()).count();
-    told.counters.secondsOnEthernet = Seconds(moves.On(Path::ETHERNET, now)).count();
-    told.counters.secondsOnCellular = Seconds(moves.On(Path::CELLULAR, now)).count();
+    runStatus.cloudPath =
+        cloud.Connected() ? Word(cloudInterface.empty() ? Path::OTHER : PathOf(cloudInterface)) : "none";
+    runStatus.cloudFailure = lastCloudFailure;
+    runStatus.routeInterface = network.DefaultInterface();
+    runStatus.routePath = Word(moves.Route());
+    runStatus.expectedPath = ConnInterfaceString;
+    runStatus.probation = ethernetGuard.OnProbation();
+    runStatus.ticks = tickDurations.Count();
+    runStatus.longestTickUs = std::chrono::duration_cast<std::chrono::microseconds>(tickDurations.Longest()).count();
+    runStatus.counters.secondsOnEthernet = Seconds(moves.On(Path::ETHERNET, now)).count();
+    runStatus.counters.secondsOnCellular = Seconds(moves.On(Path::CELLULAR, now)).count();
     if (const auto link = network.Find(InterfaceName(Path::CELLULAR))) {
         cellularReceived.Observe(link->receivedBytes);
         cellularSent.Observe(link->sentBytes);
     }
 #ifdef PLATFORM_COUNTS
     const OrvPlatform::Counters lost = OrvPlatform::ReadCounters();
-    told.counters.brokerLosses = lost.brokerLosses;
-    told.counters.refusedPublications = lost.refusedPublications;
-    told.counters.lostLogRecords = lost.lostLogRecords;
+    runStatus.counters.brokerLosses = lost.brokerLosses;
+    runStatus.counters.refusedPublications = lost.refusedPublications;
+    runStatus.counters.lostLogRecords = lost.lostLogRecords;
 #endif
-    told.counters.cellularReceivedBytes = cellularReceived.Value();
-    told.counters.cellularSentBytes = cellularSent.Value();
-    return told.Json(Moment::Now());
+    runStatus.counters.cellularReceivedBytes = cellularReceived.Value();
+    runStatus.counters.cellularSentBytes = cellularSent.Value();
+    return runStatus.Json(Moment::Now());
 }
 
 } // namespace GatewayApp

@@ -7,11 +7,11 @@ namespace GatewayApp {
 
 using namespace OrvStackSdk;
 
-Callbacks::Callbacks(std::shared_ptr<Mailbox> loopMailbox, Receiver newsReceiver)
-    : mailbox(std::move(loopMailbox)), receiver(std::move(newsReceiver)) {}
+Callbacks::Callbacks(std::shared_ptr<Mailbox> loopMailbox, Receiver callbackReceiver)
+    : mailbox(std::move(loopMailbox)), receiver(std::move(callbackReceiver)) {}
 
-void Callbacks::Tell(std::string line) {
-    mailbox->Post([tell = receiver.onNews, line = std::move(line)] { tell(line); });
+void Callbacks::PostLogLine(std::string line) {
+    mailbox->Post([tell = receiver.onLogLine, line = std::move(line)] { tell(line); });
 }
 
 void Callbacks::OnInitConfirmation(const Confirmation& confirmation) {
@@ -23,23 +23,23 @@ void Callbacks::OnAppActionIndication(const AppAction& action) {
 }
 
 void Callbacks::OnAppStatusIndication(const std::string& app, const AppStatus& status) {
-    Tell("application " + app + " is " + AppStatusText(status));
+    PostLogLine("application " + app + " is " + AppStatusText(status));
 }
 
 void Callbacks::OnDeviceProbeIndication(const std::string& guid) {
-    Tell("panel " + guid + " has named itself");
+    PostLogLine("panel " + guid + " has named itself");
 }
 
 void Callbacks::OnDeviceOnlineStatusIndication(bool online) {
-    Tell(online ? "panel is online" : "panel is offline");
+    PostLogLine(online ? "panel is online" : "panel is offline");
 }
 
 void Callbacks::OnDeviceCellularStatusIndication(const CellularStatus& status, const std::string& value) {
-    Tell("modem: " + CellularStatusText(status) + " is " + value);
+    PostLogLine("modem: " + CellularStatusText(status) + " is " + value);
 }
 
 void Callbacks::OnFeatureShutdownReadinessIndication(const std::string& app, bool ready) {
-    Tell("application " + app + (ready ? " is ready for the shutdown" : " is not ready for the shutdown"));
+    PostLogLine("application " + app + (ready ? " is ready for the shutdown" : " is not ready for the shutdown"));
 }
 
 } // namespace GatewayApp

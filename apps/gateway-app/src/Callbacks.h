@@ -18,10 +18,10 @@ public:
     struct Receiver {
         std::function<void(OrvStackSdk::AppAction action)> onAction;
         /// A line for the log.
-        std::function<void(const std::string& line)> onNews;
+        std::function<void(const std::string& line)> onLogLine;
     };
 
-    Callbacks(std::shared_ptr<Mailbox> loopMailbox, Receiver newsReceiver);
+    Callbacks(std::shared_ptr<Mailbox> loopMailbox, Receiver callbackReceiver);
 
     /// Whether the last Init reached the broker. On the thread that called Init.
     bool Confirmed() const { return confirmed; }
@@ -35,7 +35,7 @@ public:
     void OnFeatureShutdownReadinessIndication(const std::string& app, bool ready) override;
 
 private:
-    void Tell(std::string line);
+    void PostLogLine(std::string line);
 
     const std::shared_ptr<Mailbox> mailbox;
     const Receiver receiver; // called on the loop's thread only

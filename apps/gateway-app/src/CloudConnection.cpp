@@ -146,7 +146,7 @@ void CloudConnection::Answered() {
     state = State::CONNECTED;
     deadline.Stop();
     since = Now();
-    lifeTimer.Once(AskAgain(socket, handler.keepAlive()));
+    lifeTimer.Once(ProbeWhenOverdue(socket, handler.keepAlive()));
     source = OwnAddress(socket);
     handler.onConnected(source);
 }
@@ -155,7 +155,7 @@ void CloudConnection::CheckLife() {
     const KeepAlive keepAlive = handler.keepAlive();
     if (SilentFor(socket) > keepAlive.Silence())
         return End("no sign of life from the cloud");
-    lifeTimer.Once(AskAgain(socket, keepAlive));
+    lifeTimer.Once(ProbeWhenOverdue(socket, keepAlive));
     AfterStep(mosquitto_loop_misc(client.get()), 0);
 }
 

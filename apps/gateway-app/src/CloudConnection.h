@@ -5,7 +5,7 @@
 #include "CloudDialer.h"
 #include "CloudRace.h"
 #include "EventLoop.h"
-#include "SignsOfLife.h"
+#include "KeepAlive.h"
 
 #include <chrono>
 #include <cstdint>
@@ -16,7 +16,7 @@
 namespace GatewayApp {
 
 /// Keeps a connection to the cloud's broker: MQTT over TLS, driven by the loop. A path that has gone silent is noticed,
-/// whether or not data are under way, in the time that SignsOfLife gives for the keep-alive: 3 s when it is 1 s. A
+/// whether or not data are under way, in the time that KeepAlive gives: 3 s when it is 1 s. A
 /// failed attempt is repeated with back-off, for ever.
 class CloudConnection {
 public:

@@ -116,11 +116,11 @@ void CloudRace::OnTimer() {
         ++allowed;
     else
         StartNext();
-    Go();
+    Continue();
 }
 
 /// Whatever can be done now; to be called when something has changed.
-void CloudRace::Go() {
+void CloudRace::Continue() {
     for (const auto& runner : runners) {
         if (Driven() < allowed && runner->reached && !runner->driven && runner->failure.empty()) {
             runner->driven = true;
@@ -200,7 +200,7 @@ void CloudRace::OnSocket(Runner& runner, std::uint32_t events) {
                                                                : std::generic_category().message(error));
     runner.reached = true;
     Watch(runner);
-    Go();
+    Continue();
 }
 
 void CloudRace::Drive(Runner& runner, std::uint32_t events, int error) {
@@ -230,7 +230,7 @@ void CloudRace::End(Runner& runner, const std::string& reason) {
     runner.driven = false;
     runner.failure = reason;
     StartNext();
-    Go();
+    Continue();
 }
 
 } // namespace GatewayApp

@@ -66,7 +66,7 @@ private:
     void Drive(Runner& runner, std::uint32_t events, int error);
     void Watch(Runner& runner);
     void End(Runner& runner, const std::string& reason);
-    void Go();
+    void Continue();
     void OnTimer();
     int Driven() const;
 

@@ -45,7 +45,7 @@ EthernetGuard::EthernetGuard(EventLoop& eventLoop, std::string ethernetInterface
       logger("GatewayApp", OrvLog::INFO),
       settings(std::move(cloudSettings)),
       prover(eventLoop),
-      timer(eventLoop, [this] { Look(); }) {}
+      timer(eventLoop, [this] { OnTimer(); }) {}
 
 EthernetGuard::~EthernetGuard() = default;
 
@@ -91,11 +91,11 @@ void EthernetGuard::SettingsAre(const CloudSettings& cloudSettings) {
     settings = cloudSettings;
 }
 
-bool EthernetGuard::KeepsBack(OrvEvent event) const {
+bool EthernetGuard::Withholds(OrvEvent event) const {
     return probation.Active() && (event == OrvEvent::ETHERNET_IP_GAINED || event == OrvEvent::ETHERNET_IP_LOST);
 }
 
-void EthernetGuard::Look() {
+void EthernetGuard::OnTimer() {
     const bool was = probation.Active();
     probation.Passed(Now());
     if (const auto proof = probation.Due(Now())) {
@@ -123,7 +123,7 @@ void EthernetGuard::OnProof(const PathProver::Result& result) {
 void EthernetGuard::AfterChange(bool wasActive) {
     if (wasActive && !probation.Active())
         Lifted();
-    const std::optional<EthernetProbation::Time> next = probation.NextLook();
+    const std::optional<EthernetProbation::Time> next = probation.NextDue();
     if (!next)
         return timer.Stop();
     const auto wait = std::chrono::ceil<std::chrono::milliseconds>(*next - Now());

@@ -35,11 +35,11 @@ public:
     /// @}
 
     /// The event is about Ethernet's address, which is reported as lost now whatever it is.
-    bool KeepsBack(OrvStackSdk::OrvEvent event) const;
+    bool Withholds(OrvStackSdk::OrvEvent event) const;
     bool OnProbation() const { return probation.Active(); }
 
 private:
-    void Look();
+    void OnTimer();
     void AfterChange(bool wasActive);
     void OnProof(const PathProver::Result& result);
     void Lifted();

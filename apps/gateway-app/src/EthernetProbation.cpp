@@ -120,7 +120,7 @@ std::optional<EthernetProbation::Proof> EthernetProbation::Due(Time now) {
     return proving;
 }
 
-std::optional<EthernetProbation::Time> EthernetProbation::NextLook() const {
+std::optional<EthernetProbation::Time> EthernetProbation::NextDue() const {
     if (!active || (proving && proving->hold == 0s))
         return std::nullopt;
     std::optional<Time> next;

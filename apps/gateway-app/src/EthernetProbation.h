@@ -62,7 +62,7 @@ public:
     std::optional<Proof> Due(Time now);
     /// When to ask for a proof, and call Passed, again; none without a probation or while there is nothing to wait for
     /// but the end of a proof.
-    std::optional<Time> NextLook() const;
+    std::optional<Time> NextDue() const;
 
 private:
     bool IsAgain(Time now);

@@ -71,9 +71,9 @@ void EventLoop::Forget(int descriptor) {
 }
 
 void EventLoop::Run() {
-    leaving = false;
+    quitting = false;
     std::array<epoll_event, 16> events{};
-    while (!leaving) {
+    while (!quitting) {
         const int count = epoll_wait(epoll.Number(), events.data(), static_cast<int>(events.size()), -1);
         if (count < 0 && errno != EINTR)
             Fail("wait for events");

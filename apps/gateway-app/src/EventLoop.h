@@ -41,7 +41,7 @@ public:
 
     /// Serves descriptors until Leave is called.
     void Run();
-    void Leave() { leaving = true; }
+    void Quit() { quitting = true; }
 
 private:
     struct Watched {
@@ -51,7 +51,7 @@ private:
     void Control(int operation, int descriptor, std::uint32_t events, std::uint64_t ticket);
 
     Descriptor epoll;
-    bool leaving = false;
+    bool quitting = false;
     std::uint64_t lastTicket = 0;
     std::unordered_map<int, Watched> watched;
     std::unordered_map<std::uint64_t, int> tickets;

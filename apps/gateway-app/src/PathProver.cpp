@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "PathProver.h"
 
-#include "SignsOfLife.h"
+#include "KeepAlive.h"
 #include "TlsContext.h"
 
 #include <curl/curl.h>
@@ -139,7 +139,7 @@ std::string PathProver::Attempt::Hold(CURL* handle) const {
         if (SilentFor(socket) > quick.Silence())
             return "no sign of life";
         pollfd ended{socket, POLLRDHUP, 0};
-        if (poll(&ended, 1, static_cast<int>(AskAgain(socket, quick).count())) > 0)
+        if (poll(&ended, 1, static_cast<int>(ProbeWhenOverdue(socket, quick).count())) > 0)
             return "the connection has ended";
     }
     return {};

@@ -28,7 +28,7 @@ public:
     /// Over which path a look is due now; each one is given once.
     std::optional<Path> Due(Time now);
     /// When to ask again; none while nothing is poked.
-    std::optional<Time> NextLook() const { return next; }
+    std::optional<Time> NextDue() const { return next; }
     /// When the library began to poke over Cellular for the last time, at the earliest; none when it never has.
     std::optional<Time> CellularBegan() const { return cellularBegan; }
     /// A look that was begun is about a poke that still goes on.

@@ -38,7 +38,7 @@ PokeExplainer::PokeExplainer(EventLoop& eventLoop, std::string ethernet, std::st
       settings(SettingsOfEndpoint(endpoint)),
       logger("GatewayApp", OrvLog::INFO),
       prover(eventLoop),
-      timer(eventLoop, [this] { Look(); }) {}
+      timer(eventLoop, [this] { OnTimer(); }) {}
 
 void PokeExplainer::Reported(OrvEvent event) {
     if (event == OrvEvent::CLOUD_CONNECTED || event == OrvEvent::CLOUD_DISCONNECTED)
@@ -56,34 +56,34 @@ void PokeExplainer::RouteHasMoved(bool toCellular) {
 }
 
 void PokeExplainer::AfterChange() {
-    const std::optional<PokeDiagnosis::Time> next = diagnosis.NextLook();
+    const std::optional<PokeDiagnosis::Time> next = diagnosis.NextDue();
     if (settings.host.empty() || !next) {
-        said.clear();
+        lastReported.clear();
         prover.Stop();
         return timer.Stop();
     }
     timer.Once(std::max(std::chrono::ceil<std::chrono::milliseconds>(*next - Now()), 0ms));
 }
 
-void PokeExplainer::Look() {
+void PokeExplainer::OnTimer() {
     if (const auto path = diagnosis.Due(Now())) {
-        lookBegun = Now();
+        proofBegun = Now();
         prover.Begin(settings, *path == Path::ETHERNET ? ethernetName : cellularName, 0s,
-                     [this, path = *path](const PathProver::Result& result) { OnLooked(path, result); });
+                     [this, path = *path](const PathProver::Result& result) { OnProof(path, result); });
     }
     AfterChange();
 }
 
-void PokeExplainer::OnLooked(Path path, const PathProver::Result& result) {
+void PokeExplainer::OnProof(Path path, const PathProver::Result& result) {
     if (result.good || !diagnosis.Pokes(path))
         return;
     const std::string line = "over " + (path == Path::ETHERNET ? ethernetName : cellularName) + " the endpoint " +
                              settings.host + " does not prove the path to the cloud: " + result.failure +
                              Remedy(result.cause);
-    onFailure({path, Now() - lookBegun, result.failure, line});
-    if (line == said)
+    onFailure({path, Now() - proofBegun, result.failure, line});
+    if (line == lastReported)
         return;
-    said = line;
+    lastReported = line;
     if (result.tls || result.cause != PathProver::Cause::OTHER)
         logger.Warning() << line;
     else

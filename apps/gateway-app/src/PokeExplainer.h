@@ -42,9 +42,9 @@ public:
     std::optional<PokeDiagnosis::Time> CellularPokeBegan() const { return diagnosis.CellularBegan(); }
 
 private:
-    void Look();
+    void OnTimer();
     void AfterChange();
-    void OnLooked(PokeDiagnosis::Path path, const PathProver::Result& result);
+    void OnProof(PokeDiagnosis::Path path, const PathProver::Result& result);
 
     const std::string ethernetName;
     const std::string cellularName;
@@ -54,8 +54,8 @@ private:
     PokeDiagnosis diagnosis;
     PathProver prover;
     Timer timer;
-    PokeDiagnosis::Time lookBegun;
-    std::string said; // the last line, of the poke that goes on
+    PokeDiagnosis::Time proofBegun;
+    std::string lastReported; // the last line, of the poke that goes on
 };
 
 } // namespace GatewayApp

@@ -18,7 +18,7 @@ bool IsWan(RouteMoves::Path path) {
 void RouteMoves::Settle(Path path) {
     if (IsWan(path))
         settled = path;
-    told.reset();
+    ordered.reset();
     begun.reset();
 }
 
@@ -32,14 +32,14 @@ void RouteMoves::DefaultRouteIs(Path path, Time now) {
         return Settle(path);
     if (IsWan(path) && path != settled && !begun)
         begun = now;
-    else if (path == settled && !told)
+    else if (path == settled && !ordered)
         begun.reset();
 }
 
-void RouteMoves::Told(Path path, Time now) {
+void RouteMoves::OrderedByLibrary(Path path, Time now) {
     if (path == settled)
         return;
-    told = path;
+    ordered = path;
     if (!begun)
         begun = now;
 }
@@ -47,13 +47,13 @@ void RouteMoves::Told(Path path, Time now) {
 std::optional<RouteMoves::Move> RouteMoves::Take(Time now) {
     if (!begun)
         return std::nullopt;
-    const bool agreed = told == route;
+    const bool agreed = ordered == route;
     if (!agreed && now - *begun < PATIENCE)
         return std::nullopt;
-    if (!told && !IsWan(route))
+    if (!ordered && !IsWan(route))
         return std::nullopt; // on its way: the kernel has no route at this moment
-    const Path target = told.value_or(route);
-    const Move move{settled, target, told.has_value(), route == target, *begun, now};
+    const Path target = ordered.value_or(route);
+    const Move move{settled, target, ordered.has_value(), route == target, *begun, now};
     Settle(target);
     return move;
 }

@@ -36,7 +36,7 @@ public:
 
     void DefaultRouteIs(Path path, Time now);
     /// The client library says that its move is complete.
-    void Told(Path path, Time now);
+    void OrderedByLibrary(Path path, Time now);
 
     /// The move that has become complete; given once. To be asked after each observation and about once a second.
     std::optional<Move> Take(Time now);
@@ -52,8 +52,8 @@ private:
     Time routeSince;
     std::array<std::chrono::steady_clock::duration, 4> before{}; // on each path, until routeSince
 
-    Path settled = Path::NONE; // where the last complete move has led; NONE: no WAN path had the route yet
-    std::optional<Path> told;  // by the library, of the move that is not complete
+    Path settled = Path::NONE;   // where the last complete move has led; NONE: no WAN path had the route yet
+    std::optional<Path> ordered; // by the library, of the move that is not complete
     std::optional<Time> begun;
 };
 

@@ -43,7 +43,7 @@ TEST_F(AGatewayWithACloud, NoticesASilentPathAndComesBack) {
 /// What the kernel's timer says of the idle connection to the cloud.
 class AnIdleConnection : public AGatewayWithACloud {
 protected:
-    bool IsAskedAfter(const std::string& time) {
+    bool IsProbedAfter(const std::string& time) {
         const std::string show = "ss -Htno dport = :8883 | grep -qE 'timer:\\(keepalive," + time + ",'";
         return Eventually([&] { return std::system(show.c_str()) == 0; }, std::chrono::seconds(5));
     }
@@ -51,13 +51,13 @@ protected:
 
 TEST_F(AnIdleConnection, OverEthernetIsAskedForASignOfLifeWithinASecond) {
     StartConnectedApp();
-    EXPECT_TRUE(IsAskedAfter("[0-9]{2,3}ms"));
+    EXPECT_TRUE(IsProbedAfter("[0-9]{2,3}ms"));
 }
 
 TEST_F(AnIdleConnection, OverCellularIsAskedForASignOfLifeEveryHalfMinute) {
     std::ofstream(config, std::ios::app) << "[interfaces]\nethernet = wwan0\ncellular = eth0\n";
     StartConnectedApp();
-    EXPECT_TRUE(IsAskedAfter("2[0-9]sec"));
+    EXPECT_TRUE(IsProbedAfter("2[0-9]sec"));
 }
 
 TEST_F(AGatewayWithACloud, DropsAConnectionWhoseAddressIsGone) {
@@ -181,9 +181,9 @@ TEST_F(AGatewayWithACloud, SaysThatWithoutAnEndpointNoRouteMoves) {
 /// What the application tells about itself.
 class AStatusOfItsOwn : public AGatewayWithACloud {
 protected:
-    bool Tells(const std::string& text) const { return Content(statusFile).find(text) != std::string::npos; }
-    bool EventuallyTells(const std::string& text) const {
-        return Eventually([&] { return Tells(text); });
+    bool Has(const std::string& text) const { return Content(statusFile).find(text) != std::string::npos; }
+    bool EventuallyHas(const std::string& text) const {
+        return Eventually([&] { return Has(text); });
     }
     /// How many of the log's lines hold the text.
     int Lines(const std::string& text) const {
@@ -196,37 +196,37 @@ protected:
 
 TEST_F(AStatusOfItsOwn, HasTheCloudItsPathAndSinceWhen) {
     StartConnectedApp();
-    EXPECT_TRUE(EventuallyTells("\"cloud\":{\"state\":\"connected\",\"path\":\"ethernet\",\"interface\":\"eth0\","
-                                "\"source\":\"10.11.0.2\""));
-    EXPECT_TRUE(EventuallyTells("\"reason\":\"connected over eth0\""));
-    EXPECT_TRUE(Tells("\"running\":true") && Tells("\"session_ready\":true"));
-    EXPECT_TRUE(Tells("\"route\":{\"path\":\"ethernet\""));
-    EXPECT_TRUE(Tells("\"cloud_losses\":0,"));
+    EXPECT_TRUE(EventuallyHas("\"cloud\":{\"state\":\"connected\",\"path\":\"ethernet\",\"interface\":\"eth0\","
+                              "\"source\":\"10.11.0.2\""));
+    EXPECT_TRUE(EventuallyHas("\"reason\":\"connected over eth0\""));
+    EXPECT_TRUE(Has("\"running\":true") && Has("\"session_ready\":true"));
+    EXPECT_TRUE(Has("\"route\":{\"path\":\"ethernet\""));
+    EXPECT_TRUE(Has("\"cloud_losses\":0,"));
 }
 
 TEST_F(AStatusOfItsOwn, HasTheLossOfTheCloudAndItsReason) {
     StartConnectedApp();
     ASSERT_TRUE(Ip("addr flush dev eth0"));
-    EXPECT_TRUE(EventuallyTells("\"state\":\"disconnected\",\"path\":\"none\""));
-    EXPECT_TRUE(EventuallyTells("\"reason\":\"its address 10.11.0.2 is gone\""));
-    EXPECT_TRUE(EventuallyTells("\"cloud_losses\":1,"));
+    EXPECT_TRUE(EventuallyHas("\"state\":\"disconnected\",\"path\":\"none\""));
+    EXPECT_TRUE(EventuallyHas("\"reason\":\"its address 10.11.0.2 is gone\""));
+    EXPECT_TRUE(EventuallyHas("\"cloud_losses\":1,"));
 }
 
 TEST_F(AStatusOfItsOwn, SaysThatItHasEnded) {
     StartConnectedApp();
-    ASSERT_TRUE(EventuallyTells("\"cloud\":{\"state\":\"connected\""));
+    ASSERT_TRUE(EventuallyHas("\"cloud\":{\"state\":\"connected\""));
     EXPECT_EQ(app->End(SIGTERM), 0);
-    EXPECT_TRUE(Tells("\"running\":false"));
-    EXPECT_TRUE(Tells("\"cloud_losses\":0,")) << "its own good-bye is no loss";
+    EXPECT_TRUE(Has("\"running\":false"));
+    EXPECT_TRUE(Has("\"cloud_losses\":0,")) << "its own good-bye is no loss";
 }
 
 TEST_F(AStatusOfItsOwn, HasAMoveThatOthersMade) {
     ASSERT_TRUE(Ip("addr add 10.12.0.2/24 dev wwan0"));
     StartConnectedApp();
     ASSERT_TRUE(Ip("route replace default via 10.12.0.1"));
-    EXPECT_TRUE(EventuallyTells("\"from\":\"ethernet\",\"to\":\"cellular\",\"reason\":\"not by this application"));
-    EXPECT_TRUE(EventuallyTells("\"route\":{\"path\":\"cellular\",\"interface\":\"wwan0\""));
-    EXPECT_TRUE(Tells("\"fail_overs\":1,\"returns\":0"));
+    EXPECT_TRUE(EventuallyHas("\"from\":\"ethernet\",\"to\":\"cellular\",\"reason\":\"not by this application"));
+    EXPECT_TRUE(EventuallyHas("\"route\":{\"path\":\"cellular\",\"interface\":\"wwan0\""));
+    EXPECT_TRUE(Has("\"fail_overs\":1,\"returns\":0"));
     EXPECT_EQ(Lines("the WAN route has moved from Ethernet (eth0) to Cellular (wwan0): "), 1);
 }
 

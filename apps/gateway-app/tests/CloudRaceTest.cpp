@@ -87,7 +87,7 @@ ARace::End ARace::Race(const std::vector<std::string>& addresses) {
     const auto begin = std::chrono::steady_clock::now();
     const auto finish = [&] {
         end.time = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin);
-        loop.Leave();
+        loop.Quit();
     };
     CloudRace race(loop, {[&](CloudRace::Winner winner) {
                               end.won = true;
@@ -207,47 +207,50 @@ protected:
         RecordProperty("said", end.failure);
         return end.failure;
     }
-    static bool Says(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+    static bool Contains(const std::string& text, const std::string& part) {
+        return text.find(part) != std::string::npos;
+    }
 };
 
 TEST_F(ATlsFailure, IsToldWhenTheCertificateIsForAnotherHost) {
     const TestCertificate wrong(folder, {"wrong", "other.example"}, &authority);
-    EXPECT_PRED2(Says, With(wrong), "the certificate for other.example is not for cloud.example");
+    EXPECT_PRED2(Contains, With(wrong), "the certificate for other.example is not for cloud.example");
 }
 
 TEST_F(ATlsFailure, IsToldWhenTheCertificateIsForTheAddressOnly) {
     const TestCertificate wrong(folder, {"127.0.0.1"}, &authority);
-    EXPECT_PRED2(Says, With(wrong), "the certificate for 127.0.0.1 is not for cloud.example");
+    EXPECT_PRED2(Contains, With(wrong), "the certificate for 127.0.0.1 is not for cloud.example");
 }
 
 TEST_F(ATlsFailure, IsToldWhenTheAuthorityIsUnknown) {
     const TestCertificate stranger(folder, {"stranger"});
     const TestCertificate wrong(folder, {"wrong", "cloud.example"}, &stranger);
-    EXPECT_PRED2(Says, With(wrong), "the certificate for cloud.example was issued by stranger, which is not trusted");
+    EXPECT_PRED2(Contains, With(wrong),
+                 "the certificate for cloud.example was issued by stranger, which is not trusted");
 }
 
 TEST_F(ATlsFailure, IsToldWhenTheCertificateIsNotYetValid) {
     const TestCertificate early(folder, {"early", "cloud.example", 86400, 2 * 86400}, &authority);
     const std::string said = With(early);
-    EXPECT_PRED2(Says, said, "the certificate for cloud.example is not valid before ");
-    EXPECT_PRED2(Says, said, "is the clock right?");
+    EXPECT_PRED2(Contains, said, "the certificate for cloud.example is not valid before ");
+    EXPECT_PRED2(Contains, said, "is the clock right?");
 }
 
 TEST_F(ATlsFailure, IsToldWhenTheCertificateHasExpired) {
     const TestCertificate late(folder, {"late", "cloud.example", -2 * 86400, -86400}, &authority);
-    EXPECT_PRED2(Says, With(late), "the certificate for cloud.example has expired on ");
+    EXPECT_PRED2(Contains, With(late), "the certificate for cloud.example has expired on ");
 }
 
 TEST_F(ATlsFailure, IsToldWhenTheServerIsTooOld) {
     TlsPeer::Plan old;
     old.newest = TLS1_1_VERSION;
-    EXPECT_PRED2(Says, With(good, old), "the server speaks none of the TLS versions from 1.2 on");
+    EXPECT_PRED2(Contains, With(good, old), "the server speaks none of the TLS versions from 1.2 on");
 }
 
 TEST_F(ATlsFailure, IsToldWhenTheServerSpeaksNoTls) {
     TlsPeer::Plan plain;
     plain.plain = true;
-    EXPECT_PRED2(Says, With(good, plain), "is it a TLS server that answers there?");
+    EXPECT_PRED2(Contains, With(good, plain), "is it a TLS server that answers there?");
 }
 
 /// The connection as the application has it, to a server on loopback.
@@ -259,7 +262,7 @@ protected:
         std::string result;
         const auto end = [&](const std::string& what) {
             result = what;
-            loop.Leave();
+            loop.Quit();
         };
         CloudConnection connection(
             loop, settings,

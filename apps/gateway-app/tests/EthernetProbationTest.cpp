@@ -35,7 +35,7 @@ protected:
     /// Time passes as the probation wishes; every proof takes `taking` and ends so. Until `end` or the probation's end.
     void ProveUntil(Time end, bool good, std::chrono::seconds taking = 10s) {
         while (probation.Active() && now < end) {
-            const auto look = probation.NextLook();
+            const auto look = probation.NextDue();
             if (!look || *look > end)
                 break;
             ASSERT_GE(*look, now - 1h);
@@ -67,7 +67,7 @@ TEST_F(AnEthernet, ReturnsFreelyTheFirstTime) {
     EXPECT_FALSE(FailOver());
     EXPECT_FALSE(probation.Active());
     EXPECT_FALSE(probation.Due(now + 1h));
-    EXPECT_FALSE(probation.NextLook());
+    EXPECT_FALSE(probation.NextDue());
 }
 
 TEST_F(AnEthernet, IsOnProbationFromTheSecondMoveWithinTenMinutesOn) {
@@ -130,7 +130,7 @@ TEST_F(AnEthernet, HasToProveItselfForLongerEachTime) {
 TEST_F(AnEthernet, HasItsLaterProofsHeldUntilTheyLeaveLittleOut) {
     BeOnProbation();
     for (const std::chrono::seconds length : {1min, 2min, 4min, 8min, 15min}) {
-        const auto next = probation.NextLook();
+        const auto next = probation.NextDue();
         ASSERT_TRUE(next);
         const auto proof = probation.Due(*next);
         ASSERT_TRUE(proof);
@@ -270,9 +270,9 @@ TEST_F(AnEthernet, IsNotProvedWithoutAnAddress) {
     BeOnProbation();
     probation.EthernetIs(false, now);
     EXPECT_FALSE(probation.Due(now + 1h));
-    EXPECT_FALSE(probation.NextLook());
+    EXPECT_FALSE(probation.NextDue());
     probation.EthernetIs(true, now);
-    EXPECT_TRUE(probation.NextLook());
+    EXPECT_TRUE(probation.NextDue());
 }
 
 TEST_F(AnEthernet, BeginsTheRowAnewAfterItsAddressWasLost) {
@@ -289,7 +289,7 @@ TEST_F(AnEthernet, IsAskedForOneProofAtATime) {
     BeOnProbation();
     ASSERT_TRUE(probation.Due(now + 12s));
     EXPECT_FALSE(probation.Due(now + 1h));
-    EXPECT_FALSE(probation.NextLook());
+    EXPECT_FALSE(probation.NextDue());
 }
 
 TEST_F(AnEthernet, GivesUpAHeldProofForAQuickOneWhenCellularDoesNotReachTheCloud) {
@@ -297,7 +297,7 @@ TEST_F(AnEthernet, GivesUpAHeldProofForAQuickOneWhenCellularDoesNotReachTheCloud
     ASSERT_TRUE(probation.Due(now + 12s));
     now += 13s;
     probation.CloudIs(false, now);
-    ASSERT_EQ(probation.NextLook(), now + 5s);
+    ASSERT_EQ(probation.NextDue(), now + 5s);
     EXPECT_FALSE(probation.Due(now + 5s - 1ms));
     const auto quick = probation.Due(now + 5s);
     ASSERT_TRUE(quick);

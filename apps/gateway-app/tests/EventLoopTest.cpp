@@ -21,7 +21,7 @@ protected:
 TEST_F(ALoop, RunsATimerOnce) {
     int calls = 0;
     Timer once(loop, [&] { ++calls; });
-    Timer end(loop, [&] { loop.Leave(); });
+    Timer end(loop, [&] { loop.Quit(); });
     once.Once(0ms);
     end.Once(20ms);
     loop.Run();
@@ -32,13 +32,13 @@ TEST_F(ALoop, RunsATimerAgainAndAgainUntilItIsStopped) {
     int calls = 0;
     Timer periodic(loop, [&] {
         if (++calls == 3)
-            loop.Leave();
+            loop.Quit();
     });
     periodic.Every(1ms);
     loop.Run();
     EXPECT_EQ(calls, 3);
     periodic.Stop();
-    Timer end(loop, [&] { loop.Leave(); });
+    Timer end(loop, [&] { loop.Quit(); });
     end.Once(20ms);
     loop.Run();
     EXPECT_EQ(calls, 3);
@@ -51,7 +51,7 @@ TEST_F(ALoop, RunsWhatAnotherThreadPosts) {
     std::thread other([&] {
         mailbox.Post([&] {
             ran = std::this_thread::get_id();
-            loop.Leave();
+            loop.Quit();
         });
     });
     loop.Run();
@@ -69,7 +69,7 @@ TEST_F(ALoop, DoesNotCallTheOwnerOfADescriptorThatWasForgottenInTheSameRound) {
         loop.Watch(pipes[mine][0], EPOLLIN, [&, mine](std::uint32_t) {
             ++calls;
             loop.Forget(pipes[1 - mine][0]);
-            loop.Leave();
+            loop.Quit();
         });
         ASSERT_EQ(write(pipes[mine][1], "x", 1), 1);
     }

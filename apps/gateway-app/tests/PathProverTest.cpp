@@ -45,7 +45,7 @@ protected:
         EventLoop loop;
         PathProver prover(loop);
         std::optional<PathProver::Result> result;
-        Timer limit(loop, [&] { loop.Leave(); });
+        Timer limit(loop, [&] { loop.Quit(); });
         Timer moment(loop, [&] { meanwhile(); });
         limit.Once(20s);
         if (meanwhile)
@@ -55,7 +55,7 @@ protected:
         settings.caFile = trusted;
         prover.Begin(settings, interface, hold, [&](const PathProver::Result& ended) {
             result = ended;
-            loop.Leave();
+            loop.Quit();
         });
         loop.Run();
         return result.value_or(PathProver::Result{false, "no result", false});

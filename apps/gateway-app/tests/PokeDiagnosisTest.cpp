@@ -27,13 +27,13 @@ protected:
 };
 
 TEST_F(APoke, IsNotLookedAtWhileTheCloudIsConnected) {
-    EXPECT_EQ(diagnosis.NextLook(), std::nullopt);
+    EXPECT_EQ(diagnosis.NextDue(), std::nullopt);
     EXPECT_EQ(DueAfter(24h), std::nullopt);
 }
 
 TEST_F(APoke, OverCellularIsLookedAtWhenItShouldHaveSucceeded) {
     diagnosis.CloudIs(false, now);
-    EXPECT_EQ(diagnosis.NextLook(), now + 13s);
+    EXPECT_EQ(diagnosis.NextDue(), now + 13s);
     EXPECT_EQ(DueAfter(12999ms), std::nullopt);
     EXPECT_EQ(DueAfter(1ms), Path::CELLULAR);
     EXPECT_TRUE(diagnosis.Pokes(Path::CELLULAR));

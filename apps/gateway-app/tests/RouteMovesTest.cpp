@@ -13,7 +13,7 @@ class ARouteOverEthernet : public testing::Test {
 protected:
     void Pass(std::chrono::milliseconds time) { now += time; }
     void Kernel(Path path) { moves.DefaultRouteIs(path, now); }
-    void Library(Path path) { moves.Told(path, now); }
+    void Library(Path path) { moves.OrderedByLibrary(path, now); }
     std::optional<RouteMoves::Move> Take() { return moves.Take(now); }
 
     RouteMoves::Time now;

@@ -27,31 +27,31 @@ protected:
         status.cloudReason = "connected over wwan0";
         status.cloudSince = {"2026-01-02T03:04:05.000Z", 12.5};
     }
-    bool Tells(const std::string& text) const {
+    bool Has(const std::string& text) const {
         return status.Json({"2026-01-02T03:04:06.000Z", 13.5}).find(text) != std::string::npos;
     }
     RunStatus status;
 };
 
 TEST_F(AStatusToTell, HasAVersionAProcessAndBothClocks) {
-    EXPECT_TRUE(Tells("{\"version\":1,\"program\":\"gateway-app\",\"name\":\"alarm\",\"pid\":" +
-                      std::to_string(getpid()) + ",\"process_start\":"));
-    EXPECT_FALSE(Tells("\"process_start\":null"));
-    EXPECT_TRUE(Tells("\"written\":\"2026-01-02T03:04:06.000Z\",\"written_monotonic\":13.500"));
+    EXPECT_TRUE(Has("{\"version\":1,\"program\":\"gateway-app\",\"name\":\"alarm\",\"pid\":" +
+                    std::to_string(getpid()) + ",\"process_start\":"));
+    EXPECT_FALSE(Has("\"process_start\":null"));
+    EXPECT_TRUE(Has("\"written\":\"2026-01-02T03:04:06.000Z\",\"written_monotonic\":13.500"));
     EXPECT_TRUE(
-        Tells("\"since\":\"2026-01-02T03:04:05.000Z\",\"since_monotonic\":12.500,\"reason\":\"connected over wwan0\""));
+        Has("\"since\":\"2026-01-02T03:04:05.000Z\",\"since_monotonic\":12.500,\"reason\":\"connected over wwan0\""));
 }
 
 TEST_F(AStatusToTell, SaysWhatItDoesNotKnow) {
-    EXPECT_TRUE(Tells("\"last_move\":null"));
-    EXPECT_TRUE(Tells("\"broker_losses\":null"));
+    EXPECT_TRUE(Has("\"last_move\":null"));
+    EXPECT_TRUE(Has("\"broker_losses\":null"));
     status.pokes.push_front({{}, "ethernet", false, std::nullopt, std::nullopt, "no answer", "a look"});
-    EXPECT_TRUE(Tells("\"result\":\"failed\",\"code\":null,\"at_most_s\":null,\"text\":\"no answer\""));
+    EXPECT_TRUE(Has("\"result\":\"failed\",\"code\":null,\"at_most_s\":null,\"text\":\"no answer\""));
 }
 
 TEST_F(AStatusToTell, HasTheLastMove) {
     status.lastMove = RunStatus::Move{{"2026-01-02T03:04:05.000Z", 1}, "ethernet", "cellular", "why \"so\"", 12.04};
-    EXPECT_TRUE(Tells("\"from\":\"ethernet\",\"to\":\"cellular\",\"reason\":\"why \\\"so\\\"\",\"took_s\":12.040"));
+    EXPECT_TRUE(Has("\"from\":\"ethernet\",\"to\":\"cellular\",\"reason\":\"why \\\"so\\\"\",\"took_s\":12.040"));
 }
 
 TEST(AGrowingCount, DoesNotCountWhatWasThereBefore) {

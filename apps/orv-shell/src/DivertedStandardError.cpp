@@ -16,7 +16,7 @@ int terminal = -1;
 int waiting = -1;
 
 /// Copies what is waiting to the terminal. Async-signal-safe.
-void GiveBack() noexcept {
+void Restore() noexcept {
     if (terminal < 0)
         return;
     dup2(terminal, STDERR_FILENO);
@@ -29,7 +29,7 @@ void GiveBack() noexcept {
 
 // The reason of an abort, an assertion's text say, is on its way through the pipe. Afterwards the process aborts.
 void OnAbort(int /*signal*/) noexcept {
-    GiveBack();
+    Restore();
 }
 
 } // namespace
@@ -45,7 +45,7 @@ DivertedStandardError::~DivertedStandardError() {
     std::signal(SIGABRT, SIG_DFL);
     if (!partial.empty() && write(terminal, partial.data(), partial.size()) < 0)
         partial.clear(); // nobody is there to read it
-    GiveBack();
+    Restore();
     close(terminal);
     close(reader);
     terminal = waiting = -1;

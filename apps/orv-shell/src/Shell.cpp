@@ -142,7 +142,7 @@ std::vector<Callback> Shell::TakeCallbacks() {
 void Shell::Advance(Clock::time_point now) {
     if (!waitEnd)
         return;
-    if (expected && Fulfilled()) {
+    if (expected && IsExpectationMet()) {
         expected.reset();
         waitEnd.reset();
     } else if (now >= *waitEnd) {
@@ -154,7 +154,7 @@ void Shell::Advance(Clock::time_point now) {
     }
 }
 
-bool Shell::Fulfilled() {
+bool Shell::IsExpectationMet() {
     if (expected->name == Expectation::RECONNECT)
         return Client().CloudReconnectNeeded();
     const auto found = std::find_if(unexpected.begin(), unexpected.end(),

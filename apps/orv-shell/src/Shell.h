@@ -55,7 +55,7 @@ public:
 private:
     OrvStackSdk::IOrvStackClient& Client();
     void Init(const std::string& app);
-    bool Fulfilled();
+    bool IsExpectationMet();
 
     const ClientMaker makeClient;
     const Print print;

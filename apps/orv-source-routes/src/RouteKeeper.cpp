@@ -62,9 +62,9 @@ RouteKeeper::RouteKeeper(std::vector<InterfaceTable> tables)
 bool RouteKeeper::Refresh() {
     const std::optional<Snapshot> snapshot = ReadSnapshot(requests);
     if (!snapshot)
-        return Tell({"cannot see the kernel's links, addresses, routes and rules: they change all the time"});
+        return ReportFailures({"cannot see the kernel's links, addresses, routes and rules: they change all the time"});
     const Plan plan = planner.Decide(*snapshot);
-    const bool done = Tell(Apply(Difference(*snapshot, plan)));
+    const bool done = ReportFailures(Apply(Difference(*snapshot, plan)));
     if (done)
         Report(plan);
     return done;
@@ -72,7 +72,7 @@ bool RouteKeeper::Refresh() {
 
 bool RouteKeeper::Withdraw() {
     const std::optional<Snapshot> snapshot = ReadSnapshot(requests);
-    return snapshot && Tell(Apply(Difference(*snapshot, Plan{})));
+    return snapshot && ReportFailures(Apply(Difference(*snapshot, Plan{})));
 }
 
 RouteKeeper::Failures RouteKeeper::Apply(const Changes& changes) {
@@ -80,24 +80,24 @@ RouteKeeper::Failures RouteKeeper::Apply(const Changes& changes) {
     Failures found;
     // A rule stands only while its table is filled.
     for (const Rule& rule : changes.rulesToRemove)
-        found.insert(Carry(OrvNetlink::WriteRule(room, RTM_DELRULE, 0, rule), "remove " + Describe(rule), ENOENT));
+        found.insert(Send(OrvNetlink::WriteRule(room, RTM_DELRULE, 0, rule), "remove " + Describe(rule), ENOENT));
     for (const Route& route : changes.routesToRemove)
-        found.insert(Carry(OrvNetlink::WriteRoute(room, RTM_DELROUTE, 0, route), "remove " + Describe(route), ESRCH));
+        found.insert(Send(OrvNetlink::WriteRoute(room, RTM_DELROUTE, 0, route), "remove " + Describe(route), ESRCH));
     for (const Changes::Addition& addition : changes.routesToAdd) {
         const std::uint16_t how = addition.replaces ? NLM_F_REPLACE : NLM_F_EXCL;
         const std::uint16_t flags = static_cast<std::uint16_t>(NLM_F_CREATE | how);
-        found.insert(Carry(OrvNetlink::WriteRoute(room, RTM_NEWROUTE, flags, addition.route),
-                           "add " + Describe(addition.route), 0));
+        found.insert(Send(OrvNetlink::WriteRoute(room, RTM_NEWROUTE, flags, addition.route),
+                          "add " + Describe(addition.route), 0));
     }
     for (const Rule& rule : changes.rulesToAdd)
-        found.insert(Carry(OrvNetlink::WriteRule(room, RTM_NEWRULE, NLM_F_CREATE | NLM_F_EXCL, rule),
-                           "add " + Describe(rule), 0));
+        found.insert(Send(OrvNetlink::WriteRule(room, RTM_NEWRULE, NLM_F_CREATE | NLM_F_EXCL, rule),
+                          "add " + Describe(rule), 0));
     found.erase(std::string());
     return found;
 }
 
 /// @return what went wrong; empty when nothing did
-std::string RouteKeeper::Carry(nlmsghdr& message, const std::string& what, int harmless) {
+std::string RouteKeeper::Send(nlmsghdr& message, const std::string& what, int harmless) {
     const std::error_code verdict = requests.Request(message);
     if (!verdict || verdict.value() == harmless)
         return {};
@@ -110,7 +110,7 @@ std::string RouteKeeper::Carry(nlmsghdr& message, const std::string& what, int h
 }
 
 /// @return true when there are none
-bool RouteKeeper::Tell(Failures found) {
+bool RouteKeeper::ReportFailures(Failures found) {
     for (const std::string& failure : found) {
         if (failures.count(failure) == 0)
             logger.Warning() << failure;

@@ -36,15 +36,15 @@ private:
     using Failures = std::set<std::string>;
 
     Failures Apply(const Changes& changes);
-    std::string Carry(nlmsghdr& message, const std::string& what, int harmless);
-    bool Tell(Failures found);
+    std::string Send(nlmsghdr& message, const std::string& what, int harmless);
+    bool ReportFailures(Failures found);
     void Report(const Plan& plan);
     void CheckReversePathFilter(const std::string& interface);
 
     OrvNetlink::Socket requests;
     Planner planner;
     std::map<std::string, std::string> reported;
-    Failures failures; // of the last attempt: each is told once
+    Failures failures; // of the last attempt: each is reported once
     CommonUtils::Logger logger;
 };
 

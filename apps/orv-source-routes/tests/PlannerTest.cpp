@@ -70,7 +70,7 @@ protected:
     }
 
     /// Puts the changes into the snapshot, as the kernel would.
-    void Carry(const Changes& changes) {
+    void Apply(const Changes& changes) {
         for (const Route& gone : changes.routesToRemove)
             now.routes.erase(std::find(now.routes.begin(), now.routes.end(), gone));
         for (const Rule& gone : changes.rulesToRemove)
@@ -260,14 +260,14 @@ TEST_F(AGateway, DoesWithoutAnInterfaceThatDoesNotExist) {
 }
 
 TEST_F(AGateway, ChangesNothingOnceAllStands) {
-    Carry(Difference(now, Decide()));
+    Apply(Difference(now, Decide()));
     const Changes again = Difference(now, Decide());
     EXPECT_TRUE(again.routesToAdd.empty() && again.routesToRemove.empty());
     EXPECT_TRUE(again.rulesToAdd.empty() && again.rulesToRemove.empty());
 }
 
 TEST_F(AGateway, RemovesTheRulesAndTheRoutesWithTheAddress) {
-    Carry(Difference(now, Decide()));
+    Apply(Difference(now, Decide()));
     LoseAddressOf(CELL);
     const Changes changes = Difference(now, Decide());
     const std::vector<Rule> rules = {{1012, 1012, OWN_PROTOCOL, "wwan0", Ipv4{}},
@@ -278,7 +278,7 @@ TEST_F(AGateway, RemovesTheRulesAndTheRoutesWithTheAddress) {
 }
 
 TEST_F(AGateway, ExchangesTheRuleForTheAddressWithTheAddress) {
-    Carry(Difference(now, Decide()));
+    Apply(Difference(now, Decide()));
     now.addresses[2].address = Ip("10.12.0.51");
     const Changes changes = Difference(now, Decide());
     EXPECT_EQ(changes.rulesToRemove, (std::vector<Rule>{{BEHIND_MAIN, 1012, OWN_PROTOCOL, "", Ip("10.12.0.50")}}));
@@ -286,7 +286,7 @@ TEST_F(AGateway, ExchangesTheRuleForTheAddressWithTheAddress) {
 }
 
 TEST_F(AGateway, ReplacesTheRouterInOneStep) {
-    Carry(Difference(now, Decide()));
+    Apply(Difference(now, Decide()));
     now.routes[0].gateway = Ip("10.11.0.2");
     const Changes changes = Difference(now, Decide());
     ASSERT_EQ(changes.routesToAdd.size(), 1U);

@@ -53,7 +53,7 @@ ConnmanView Connman::View() const {
     return view;
 }
 
-void Connman::Tell(ConnmanView fresh) {
+void Connman::SetView(ConnmanView fresh) {
     {
         const std::lock_guard<std::mutex> lock(mutex);
         view = std::move(fresh);
@@ -68,7 +68,7 @@ void Connman::Run() {
         if (failure.empty())
             Follow(bus);
         else if (!stopping)
-            Tell(Away(Joined({"the message bus: ", Escaped(failure)})));
+            SetView(Away(Joined({"the message bus: ", Escaped(failure)})));
         bus.Close();
         if (!stopping)
             bus.Wait(MessageBus::Clock::now() + RETRY);
@@ -85,10 +85,10 @@ void Connman::Follow(MessageBus& bus) {
         PATIENCE);
     while (!stopping && bus.IsOpen()) {
         changed = false;
-        ConnmanView fresh = Ask(bus);
+        ConnmanView fresh = ReadServices(bus);
         if (stopping)
             break;
-        Tell(std::move(fresh));
+        SetView(std::move(fresh));
         const auto until = MessageBus::Clock::now() + LOOK_AGAIN;
         bus.HandleArrived();
         while (!stopping && bus.IsOpen() && !changed && MessageBus::Clock::now() < until)
@@ -97,13 +97,13 @@ void Connman::Follow(MessageBus& bus) {
     bus.OnSignal(nullptr);
 }
 
-ConnmanView Connman::Ask(MessageBus& bus) {
+ConnmanView Connman::ReadServices(MessageBus& bus) {
     const MessageBus::Reply owner = bus.CallBus(Messages::GetNameOwner(), PATIENCE);
     if (!owner.message)
         return owner.isOwnerless ? Away("nobody has its name on the message bus")
                                  : Unknown(Joined({"the message bus: ", Escaped(owner.error)}));
     const MessageBus::Reply reply = bus.Call(Messages::GetServices(Messages::ReadOwner(*owner.message)), PATIENCE,
-                                             [this] { Tell(Unknown("it does not answer")); });
+                                             [this] { SetView(Unknown("it does not answer")); });
     const auto list = reply.message ? Messages::ReadServices(*reply.message) : std::nullopt;
     if (!list)
         return Unknown(reply.message ? "its answer is of an unknown form" : Escaped(reply.error));

@@ -30,8 +30,8 @@ public:
 private:
     void Run();
     void Follow(OrvPlatform::MessageBus& bus);
-    ConnmanView Ask(OrvPlatform::MessageBus& bus);
-    void Tell(ConnmanView fresh);
+    ConnmanView ReadServices(OrvPlatform::MessageBus& bus);
+    void SetView(ConnmanView fresh);
 
     const std::string busAddress;
     OrvPlatform::Waker stop;

@@ -28,17 +28,17 @@ NetworkView Unknown(const std::string& reason) {
 }
 
 /// Fills a view from the kernel's tables, each asked for whole.
-class Reading {
+class TableReader {
 public:
-    explicit Reading(NetworkView& filled) : view(filled) {}
+    explicit TableReader(NetworkView& filled) : view(filled) {}
 
-    void Expect(const std::string& name, const char* role) {
+    void AddInterface(const std::string& name, const char* role) {
         view.interfaces.emplace_back();
         view.interfaces.back().name = name;
         view.interfaces.back().role = role;
     }
 
-    bool Ask() {
+    bool ReadAll() {
         OrvNetlink::Socket requests;
         return requests.Dump(RTM_GETLINK, AF_UNSPEC, [this](const nlmsghdr& message) { TakeLink(message); }) &&
                requests.Dump(RTM_GETADDR, AF_INET, [this](const nlmsghdr& message) { TakeAddress(message); }) &&
@@ -117,10 +117,10 @@ void Network::TakeNotifications() {
 
 NetworkView Network::Read() try {
     NetworkView view;
-    Reading reading(view);
-    reading.Expect(ethernet, "ethernet");
-    reading.Expect(cellular, "cellular");
-    if (!reading.Ask())
+    TableReader reader(view);
+    reader.AddInterface(ethernet, "ethernet");
+    reader.AddInterface(cellular, "cellular");
+    if (!reader.ReadAll())
         return Unknown("it changes faster than it can be read");
     view.state = Known::PRESENT;
     return view;

@@ -32,7 +32,7 @@ int ExitStatus(const Verdict& verdict) {
     return verdict.path == "cellular" ? 10 : 30;
 }
 
-void SayTheApplication(const ApplicationView& application, Verdict& verdict) {
+void TakeFromApplication(const ApplicationView& application, Verdict& verdict) {
     verdict.state = application.cloudState;
     verdict.path = application.cloudPath;
     verdict.since = application.cloudSince.utc;
@@ -42,7 +42,7 @@ void SayTheApplication(const ApplicationView& application, Verdict& verdict) {
 }
 
 /// The topic is retained and nobody signs it, so who said it may be gone; the path can only be the default route's.
-void InferFromTheTopic(const Snapshot& snapshot, Verdict& verdict) {
+void InferFromTopic(const Snapshot& snapshot, Verdict& verdict) {
     const BrokerView::Message* const said = Find(snapshot.broker, CLOUD_TOPIC);
     constexpr const char* none = "there is no status file of gateway-app, and ";
     if (snapshot.broker.state != Known::PRESENT) {
@@ -85,11 +85,11 @@ Verdict Judge(const Snapshot& snapshot) {
     Verdict verdict;
     switch (snapshot.application.state) {
     case AppState::RUNNING:
-        SayTheApplication(snapshot.application, verdict);
+        TakeFromApplication(snapshot.application, verdict);
         break;
     case AppState::ABSENT:
     case AppState::UNREADABLE:
-        InferFromTheTopic(snapshot, verdict);
+        InferFromTopic(snapshot, verdict);
         break;
     case AppState::ENDED:
     case AppState::GONE:

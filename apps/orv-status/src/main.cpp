@@ -26,7 +26,7 @@ using namespace std::chrono_literals;
 using namespace OrvStatus;
 
 constexpr auto FIRST_ANSWER = 1500ms;
-constexpr auto LOOK_AGAIN = 1s; // also without news: a process may have gone
+constexpr auto REFRESH_INTERVAL = 1s; // also without news: a process may have gone
 constexpr int WRONG_USE = 2;
 
 std::string FirstLine(const std::string& path) {
@@ -105,7 +105,7 @@ std::string Shown(const Snapshot& snapshot, const Options& options, const TableS
 }
 
 /// What must differ for another line.
-std::string Essence(const Snapshot& snapshot, const Options& options) {
+std::string ChangeKey(const Snapshot& snapshot, const Options& options) {
     return options.form == Form::JSON ? Fingerprint(snapshot) : Line(snapshot);
 }
 
@@ -114,14 +114,14 @@ int Run(const Options& options, int signals) {
     Monitor monitor(ReadSettings(options));
     monitor.Settle(Monitor::Clock::now() + FIRST_ANSWER);
     Snapshot snapshot = monitor.Take();
-    std::string said = Essence(snapshot, options);
+    std::string shownKey = ChangeKey(snapshot, options);
     bool read = Print(Shown(snapshot, options, style));
-    while (read && options.pace != Pace::ONCE && monitor.Wait(Monitor::Clock::now() + LOOK_AGAIN, signals)) {
+    while (read && options.pace != Pace::ONCE && monitor.Wait(Monitor::Clock::now() + REFRESH_INTERVAL, signals)) {
         snapshot = monitor.Take();
-        const std::string now = Essence(snapshot, options);
-        if (now == said && options.pace == Pace::FOLLOW)
+        const std::string key = ChangeKey(snapshot, options);
+        if (key == shownKey && options.pace == Pace::FOLLOW)
             continue;
-        said = now;
+        shownKey = key;
         read = Print(Shown(snapshot, options, style));
     }
     return options.form == Form::METRICS ? 0 : Judge(snapshot).exitStatus;

@@ -18,9 +18,9 @@ protected:
         snapshot.broker.state = Known::PRESENT;
         snapshot.broker.complete = true;
         snapshot.broker.address = "127.0.0.1:1883";
-        Say(GREEN, "On");
-        Say(YELLOW, "Off");
-        Say(CLOUD_TOPIC, "true");
+        Receive(GREEN, "On");
+        Receive(YELLOW, "Off");
+        Receive(CLOUD_TOPIC, "true");
         snapshot.network.state = Known::PRESENT;
         snapshot.network.interfaces = {{"eth0", "ethernet", true, true, {"10.1.0.2/24"}, 11, 12},
                                        {"wwan0", "cellular", true, true, {"10.2.0.2/24"}, 21, 22}};
@@ -36,7 +36,7 @@ protected:
         application.cloudSince = {"2026-01-02T03:00:00.000Z", 755};
         application.counters = {{"fail_overs", 2}, {"returns", 1}};
     }
-    void Say(const char* topic, const std::string& payload) {
+    void Receive(const char* topic, const std::string& payload) {
         snapshot.broker.topics[topic] = {payload, payload.size(), true};
     }
     Verdict Judged() const { return Judge(snapshot); }
@@ -75,9 +75,9 @@ TEST_F(AHealthyGateway, IsInferredWhereThereIsNoStatusFile) {
     EXPECT_EQ(Judged().exitStatus, 30);
     snapshot.network.state = Known::UNKNOWN;
     EXPECT_EQ(Judged().path, "unknown");
-    Say(CLOUD_TOPIC, "false");
+    Receive(CLOUD_TOPIC, "false");
     EXPECT_EQ(Judged().exitStatus, 20);
-    Say(CLOUD_TOPIC, "perhaps");
+    Receive(CLOUD_TOPIC, "perhaps");
     EXPECT_EQ(Judged().exitStatus, 30);
     snapshot.broker = {};
     EXPECT_EQ(Judged().exitStatus, 30);
@@ -95,9 +95,9 @@ TEST_F(AHealthyGateway, IsUnknownWhenWhoSaidSoMayBeGone) {
 TEST_F(AHealthyGateway, HasItsLedsFromTheirTopicsAlone) {
     EXPECT_STREQ(LedState(snapshot.broker, GREEN), "on");
     EXPECT_STREQ(LedState(snapshot.broker, YELLOW), "off");
-    Say(YELLOW, "Blink");
+    Receive(YELLOW, "Blink");
     EXPECT_STREQ(LedState(snapshot.broker, YELLOW), "blink");
-    Say(YELLOW, "blinking");
+    Receive(YELLOW, "blinking");
     EXPECT_STREQ(LedState(snapshot.broker, YELLOW), "unknown");
     snapshot.broker.topics.clear();
     EXPECT_STREQ(LedState(snapshot.broker, GREEN), "unknown");
@@ -196,7 +196,7 @@ TEST_F(AHealthyGateway, HasNoNewsInCountsAndTimes) {
     snapshot.network.interfaces[0].receivedBytes = 5000;
     snapshot.application.counters[0].value = 5;
     EXPECT_EQ(Fingerprint(snapshot), before);
-    Say(GREEN, "Off");
+    Receive(GREEN, "Off");
     EXPECT_NE(Fingerprint(snapshot), before);
 }
 

@@ -168,7 +168,7 @@ TEST_F(TheLifeOfTheApplication, ReportsTheCloudsStateAnewWhenAnotherProgramWrote
     At(1s, [&] { around.cloudAnswers("192.0.2.2"); });
     At(2s, [&] {
         gateway.broker.Clear();
-        around.SomebodyWritesTheStatusFile();
+        around.AnotherProgramWritesTheCsv();
         EXPECT_EQ(gateway.broker.Published(CLOUD), Payloads{"true"}) << "with every event the library writes the file";
     });
     RunUntil(3s);
@@ -286,7 +286,7 @@ TEST_F(TheLogOfTheApplication, SaysOnceInAnOutageWhyCellularDoesNotTakeOver) {
 class AFailOverThatFails : public TheLogOfTheApplication {
 protected:
     /// Neither interface reaches the cloud, and the application's own look has this result.
-    Payloads SaidWhen(PathProver::Result result) {
+    Payloads LogOf(PathProver::Result result) {
         around.proof = std::move(result);
         At(2s, [&] {
             gateway.poke.Fails("eth0", 28);
@@ -299,7 +299,7 @@ protected:
 };
 
 TEST_F(AFailOverThatFails, IsExplainedOnceByANameThatIsNotFound) {
-    const Payloads said = SaidWhen({false, "its name is not found", false, false, PathProver::Cause::NAME});
+    const Payloads said = LogOf({false, "its name is not found", false, false, PathProver::Cause::NAME});
     ASSERT_EQ(said.size(), 1U);
     EXPECT_NE(said[0].find("log warning GatewayApp"), std::string::npos) << said[0];
     EXPECT_NE(said[0].find("over wwan0 the endpoint "), std::string::npos) << said[0];
@@ -311,7 +311,7 @@ TEST_F(AFailOverThatFails, IsExplainedOnceByANameThatIsNotFound) {
 
 TEST_F(AFailOverThatFails, IsExplainedOnceByAMissingRouteForBoundConnections) {
     const Payloads said =
-        SaidWhen({false, "Couldn't connect to server: No route to host", false, false, PathProver::Cause::ROUTE});
+        LogOf({false, "Couldn't connect to server: No route to host", false, false, PathProver::Cause::ROUTE});
     ASSERT_EQ(said.size(), 1U);
     EXPECT_NE(said[0].find("log warning GatewayApp"), std::string::npos) << said[0];
     EXPECT_NE(said[0].find("No route to host. Is there a route for connections bound to it: does orv-source-routes run "
@@ -322,7 +322,7 @@ TEST_F(AFailOverThatFails, IsExplainedOnceByAMissingRouteForBoundConnections) {
 
 TEST_F(AFailOverThatFails, StandsInTheStatusFile) {
     statusFile = ::testing::TempDir() + "failed-of-" + std::to_string(getpid()) + ".json";
-    SaidWhen({false, "no answer", false});
+    LogOf({false, "no answer", false});
     std::stringstream text;
     text << std::ifstream(statusFile).rdbuf();
     std::remove(statusFile.c_str());

@@ -3,10 +3,10 @@
 
 #include "Clock.h"
 #include "CloudConnection.h"
+#include "CsvWatch.h"
 #include "EventLoop.h"
 #include "NetworkWatcher.h"
 #include "PathProver.h"
-#include "StatusFile.h"
 
 #include <OrvPlatform/Counters.h>
 #include <OrvPlatform/Settings.h>
@@ -125,7 +125,7 @@ void EventLoop::Run() {
             if (watched.count(descriptor) != 0 && poll(&state, 1, 0) == 1)
                 (*served.callback)(static_cast<std::uint32_t>(state.revents));
         }
-        return leaving;
+        return quitting;
     };
     Surroundings::Present().gateway.AdvanceUntil(serve, FOR_EVER);
 }
@@ -226,17 +226,17 @@ std::optional<OrvNetlink::Link> NetworkWatcher::Find(const std::string&) {
     return std::nullopt;
 }
 
-void StatusFileContent::Reported(OrvStackSdk::OrvEvent) {}
+void ExpectedCsv::Reported(OrvStackSdk::OrvEvent) {}
 
-StatusFileWatch::StatusFileWatch(EventLoop& eventLoop, std::string path, std::function<void()> putRight)
+CsvWatch::CsvWatch(EventLoop& eventLoop, std::string path, std::function<void()> putRight)
     : loop(eventLoop), file(std::move(path)), repair(std::move(putRight)), timer(eventLoop, [] {}) {}
 
-StatusFileWatch::~StatusFileWatch() {
-    Surroundings::Present().statusFileIsWrong = nullptr;
+CsvWatch::~CsvWatch() {
+    Surroundings::Present().repairCsv = nullptr;
 }
 
-void StatusFileWatch::SetActive(bool) {
-    Surroundings::Present().statusFileIsWrong = repair;
+void CsvWatch::SetActive(bool) {
+    Surroundings::Present().repairCsv = repair;
 }
 
 struct PathProver::Attempt {};

@@ -15,7 +15,7 @@ namespace GatewayApp {
 
 /// What the application finds around it in virtual time: timers of the test kit, a cloud and a kernel in the test's
 /// hands. Surroundings.cpp takes the places of Clock, EventLoop, CloudConnection, NetworkWatcher, PathProver and
-/// StatusFile. One at a time.
+/// CsvWatch. One at a time.
 struct Surroundings {
     explicit Surroundings(OrvStackSdk::Testing::Gateway& aGateway);
     ~Surroundings();
@@ -25,9 +25,9 @@ struct Surroundings {
     /// eth0 has this address, wwan0 that one; empty: none. At first both have one.
     void AddressesBecome(const std::string& ethernet, const std::string& cellular);
     /// Another program writes the library's status file.
-    void SomebodyWritesTheStatusFile() const {
-        if (statusFileIsWrong)
-            statusFileIsWrong();
+    void AnotherProgramWritesTheCsv() const {
+        if (repairCsv)
+            repairCsv();
     }
     /// The kernel's default route moves.
     void DefaultRouteBecomes(const std::string& interface);
@@ -38,7 +38,7 @@ struct Surroundings {
     std::function<void(const std::string& reason)> cloudBreaks;
     std::function<void()> addressesChange;
     std::function<void(const std::string& interface)> defaultRouteChanges;
-    std::function<void()> statusFileIsWrong;
+    std::function<void()> repairCsv;
     /// @}
 
     /// What the application's own try over an interface comes to; at first no try ever ends.

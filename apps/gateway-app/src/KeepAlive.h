@@ -42,6 +42,6 @@ std::chrono::milliseconds SilentFor(int socket);
 /// may end the connection, because it leaves a second between them. However often it is asked, a Linux peer answers
 /// once in half a second (its net.ipv4.tcp_invalid_ratelimit). Takes over another keep-alive.
 /// @return when to call again
-std::chrono::milliseconds AskAgain(int socket, const KeepAlive& keepAlive);
+std::chrono::milliseconds ProbeWhenOverdue(int socket, const KeepAlive& keepAlive);
 
 } // namespace GatewayApp

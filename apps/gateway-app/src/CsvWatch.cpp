@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "StatusFile.h"
+#include "CsvWatch.h"
 
 #include "Clock.h"
 
@@ -49,7 +49,7 @@ int OpenNotifications() {
 
 } // namespace
 
-void StatusFileContent::Reported(OrvEvent event) {
+void ExpectedCsv::Reported(OrvEvent event) {
     const auto follow = [event](bool& flag, OrvEvent on, OrvEvent off) {
         if (event == on || event == off)
             flag = event == on;
@@ -60,7 +60,7 @@ void StatusFileContent::Reported(OrvEvent event) {
     follow(cellular, OrvEvent::CELLULAR_CONNECTED, OrvEvent::CELLULAR_DISCONNECTED);
 }
 
-std::string StatusFileContent::Text() const {
+std::string ExpectedCsv::Text() const {
     return Line("Enterprise Feature", enabled ? "Enabled" : "Disabled") + '\n' +
            Line("Cloud Connection", UpOrDown(cloud)) + '\n' + Line("Ethernet", UpOrDown(ethernet)) + '\n' +
            Line("Cellular", UpOrDown(cellular));
@@ -82,12 +82,12 @@ void RepairLimit::Refill(Time now) {
     refilled = left == FULL_LIMIT ? now : refilled + times * REFILL;
 }
 
-StatusFileWatch::StatusFileWatch(EventLoop& eventLoop, std::string path, std::function<void()> putRight)
+CsvWatch::CsvWatch(EventLoop& eventLoop, std::string path, std::function<void()> putRight)
     : loop(eventLoop),
       file(std::move(path)),
       repair(std::move(putRight)),
       notifications(OpenNotifications()),
-      timer(eventLoop, [this] { Look(); }) {
+      timer(eventLoop, [this] { Check(); }) {
     const std::string folder = FolderAndName(file).first;
     // The folder and not the file, which may be removed, or replaced by another one.
     if (inotify_add_watch(notifications.Number(), folder.c_str(),
@@ -96,17 +96,17 @@ StatusFileWatch::StatusFileWatch(EventLoop& eventLoop, std::string path, std::fu
     loop.Watch(notifications.Number(), EPOLLIN, [this](std::uint32_t) { OnChange(); });
 }
 
-StatusFileWatch::~StatusFileWatch() {
+CsvWatch::~CsvWatch() {
     loop.Forget(notifications.Number());
 }
 
-void StatusFileWatch::SetActive(bool isActive) {
+void CsvWatch::SetActive(bool isActive) {
     active = isActive;
     if (active)
-        LookLater();
+        ScheduleCheck();
 }
 
-void StatusFileWatch::OnChange() {
+void CsvWatch::OnChange() {
     const std::string name = FolderAndName(file).second;
     alignas(inotify_event) std::array<char, 4096> buffer{};
     bool ours = false;
@@ -121,17 +121,17 @@ void StatusFileWatch::OnChange() {
         }
     }
     if (ours)
-        LookLater();
+        ScheduleCheck();
 }
 
-void StatusFileWatch::LookLater() {
+void CsvWatch::ScheduleCheck() {
     if (!active || waiting || IsRight())
         return;
     waiting = true;
     timer.Once(limit.Wait(Now()));
 }
 
-void StatusFileWatch::Look() {
+void CsvWatch::Check() {
     waiting = false;
     if (!active || IsRight())
         return;
@@ -139,7 +139,7 @@ void StatusFileWatch::Look() {
     repair();
 }
 
-bool StatusFileWatch::IsRight() const {
+bool CsvWatch::IsRight() const {
     const Descriptor descriptor(open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat state {};
     if (descriptor.Number() < 0 || fstat(descriptor.Number(), &state) != 0 || !S_ISREG(state.st_mode))

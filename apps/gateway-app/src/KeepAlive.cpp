@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "SignsOfLife.h"
+#include "KeepAlive.h"
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -69,7 +69,7 @@ std::chrono::milliseconds SilentFor(int socket) {
     return std::chrono::milliseconds(info.tcpi_last_ack_recv);
 }
 
-std::chrono::milliseconds AskAgain(int socket, const KeepAlive& keepAlive) {
+std::chrono::milliseconds ProbeWhenOverdue(int socket, const KeepAlive& keepAlive) {
     const int period = static_cast<int>(keepAlive.Period().count());
     if (GetOption(socket, IPPROTO_TCP, TCP_KEEPIDLE) != period)
         SetLossDetection(socket, keepAlive);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "SignsOfLife.h"
+#include "KeepAlive.h"
 
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -90,7 +90,8 @@ TEST_F(AnIdleConnection, IsLookedAtInTheMomentWhenAnAnswerIsOverdue) {
     // Longer than that the usual pace would be too late.
     while (silent <= quick.AnswerTime() - quick.UsualPace() && std::chrono::steady_clock::now() < deadline) {
         silent = SilentFor(own);
-        EXPECT_LE(AskAgain(own, quick), std::max(quick.AnswerTime() - silent, quick.QuickPace())) << silent.count();
+        EXPECT_LE(ProbeWhenOverdue(own, quick), std::max(quick.AnswerTime() - silent, quick.QuickPace()))
+            << silent.count();
         poll(nullptr, 0, 1);
     }
     EXPECT_GT(silent, quick.AnswerTime() - quick.UsualPace());

@@ -12,7 +12,7 @@
 namespace GatewayApp {
 
 /// What the client library's status file must hold, by the events that were reported to the library.
-class StatusFileContent {
+class ExpectedCsv {
 public:
     void Reported(OrvStackSdk::OrvEvent event);
     std::string Text() const;
@@ -46,31 +46,31 @@ private:
 
 /// Notices within a second that another program has written or removed the status file: every client of the library
 /// that is made on the gateway writes "all is down" into it. One thread.
-class StatusFileWatch {
+class CsvWatch {
 public:
     /// @param path the file; its folder must exist
     /// @param putRight has the library write the file anew
     /// @throws std::system_error when the folder cannot be watched
-    StatusFileWatch(EventLoop& eventLoop, std::string path, std::function<void()> putRight);
-    ~StatusFileWatch();
+    CsvWatch(EventLoop& eventLoop, std::string path, std::function<void()> putRight);
+    ~CsvWatch();
 
     /// To be told of every event that is reported to the library.
     void Reported(OrvStackSdk::OrvEvent event) { content.Reported(event); }
     /// Whether there is a client that the file speaks for; before, nothing is put right.
     void SetActive(bool isActive);
     /// The library is slowed down because another program writes the file again and again.
-    bool Quarrels() const { return limit.Reached(); }
+    bool IsSlowedDown() const { return limit.Reached(); }
 
 private:
     void OnChange();
-    void LookLater();
-    void Look();
+    void ScheduleCheck();
+    void Check();
     bool IsRight() const;
 
     EventLoop& loop;
     const std::string file;
     const std::function<void()> repair;
-    StatusFileContent content;
+    ExpectedCsv content;
     RepairLimit limit;
     Descriptor notifications;
     Timer timer;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "StatusFile.h"
+#include "CsvWatch.h"
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -21,12 +21,12 @@ using OrvStackSdk::OrvEvent;
 constexpr const char* DOWN = "\"Enterprise Feature\",\"Disabled\"\n\"Cloud Connection\",\"Down\"\n"
                              "\"Ethernet\",\"Down\"\n\"Cellular\",\"Down\"";
 
-TEST(TheStatusFilesContent, IsAllDownAtFirst) {
-    EXPECT_EQ(StatusFileContent().Text(), DOWN);
+TEST(TheExpectedCsv, IsAllDownAtFirst) {
+    EXPECT_EQ(ExpectedCsv().Text(), DOWN);
 }
 
-TEST(TheStatusFilesContent, FollowsTheEvents) {
-    StatusFileContent content;
+TEST(TheExpectedCsv, FollowsTheEvents) {
+    ExpectedCsv content;
     for (const OrvEvent event :
          {OrvEvent::PANEL_CLOUD_ENABLED, OrvEvent::CLOUD_CONNECTED, OrvEvent::ETHERNET_CONNECTED,
           OrvEvent::CELLULAR_CONNECTED, OrvEvent::CELLULAR_DISCONNECTED, OrvEvent::ETHERNET_IP_LOST, OrvEvent::FAILURE})
@@ -68,10 +68,10 @@ TEST_F(TheLimit, IsForgivenWithTime) {
 }
 
 /// A status file in a folder of its own, and a library that writes it when told.
-class AStatusFile : public testing::Test {
+class AWatchedCsv : public testing::Test {
 protected:
-    AStatusFile() : watch(loop, file, [this] { Repair(); }) { Write(DOWN); }
-    ~AStatusFile() override {
+    AWatchedCsv() : watch(loop, file, [this] { Repair(); }) { Write(DOWN); }
+    ~AWatchedCsv() override {
         std::remove(file.c_str());
         rmdir(folder.c_str());
     }
@@ -84,7 +84,7 @@ protected:
         ++repairs;
         Write(DOWN);
         if (repairs >= leaveAfter)
-            loop.Leave();
+            loop.Quit();
     }
     std::string Content() const {
         std::ostringstream text;
@@ -92,7 +92,7 @@ protected:
         return text.str();
     }
     void RunFor(std::chrono::milliseconds time) {
-        Timer limit(loop, [this] { loop.Leave(); });
+        Timer limit(loop, [this] { loop.Quit(); });
         limit.Once(time);
         loop.Run();
     }
@@ -102,10 +102,10 @@ protected:
     EventLoop loop;
     int repairs = 0;
     int leaveAfter = 1;
-    StatusFileWatch watch;
+    CsvWatch watch;
 };
 
-TEST_F(AStatusFile, ThatCannotBeWatchedSaysWhichLimitIsReached) {
+TEST_F(AWatchedCsv, ThatCannotBeWatchedSaysWhichLimitIsReached) {
 #if defined(__has_feature)
 #if __has_feature(undefined_behavior_sanitizer)
     GTEST_SKIP() << "the sanitizer needs descriptors of its own";
@@ -117,7 +117,7 @@ TEST_F(AStatusFile, ThatCannotBeWatchedSaysWhichLimitIsReached) {
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
     std::string reason;
     try {
-        const StatusFileWatch another(loop, file, [] {});
+        const CsvWatch another(loop, file, [] {});
     } catch (const std::system_error& error) {
         reason = error.what();
     }
@@ -125,7 +125,7 @@ TEST_F(AStatusFile, ThatCannotBeWatchedSaysWhichLimitIsReached) {
     EXPECT_EQ(reason, "watch files (see fs.inotify.max_user_instances): Too many open files");
 }
 
-TEST_F(AStatusFile, IsPutRightWhenAnotherProgramHasWrittenIt) {
+TEST_F(AWatchedCsv, IsPutRightWhenAnotherProgramHasWrittenIt) {
     watch.SetActive(true);
     Write("something else");
     RunFor(10s);
@@ -133,21 +133,21 @@ TEST_F(AStatusFile, IsPutRightWhenAnotherProgramHasWrittenIt) {
     EXPECT_EQ(Content(), DOWN);
 }
 
-TEST_F(AStatusFile, IsPutRightWhenItIsLongerThanItMustBe) {
+TEST_F(AWatchedCsv, IsPutRightWhenItIsLongerThanItMustBe) {
     watch.SetActive(true);
     Write(std::string(DOWN) + "\n");
     RunFor(10s);
     EXPECT_EQ(repairs, 1);
 }
 
-TEST_F(AStatusFile, IsMadeAnewWhenItWasRemoved) {
+TEST_F(AWatchedCsv, IsMadeAnewWhenItWasRemoved) {
     watch.SetActive(true);
     std::remove(file.c_str());
     RunFor(10s);
     EXPECT_EQ(Content(), DOWN);
 }
 
-TEST_F(AStatusFile, IsMadeAnewWhenItWasReplaced) {
+TEST_F(AWatchedCsv, IsMadeAnewWhenItWasReplaced) {
     watch.SetActive(true);
     std::ofstream(folder + "/other") << "something else";
     std::rename((folder + "/other").c_str(), file.c_str());
@@ -155,7 +155,7 @@ TEST_F(AStatusFile, IsMadeAnewWhenItWasReplaced) {
     EXPECT_EQ(Content(), DOWN);
 }
 
-TEST_F(AStatusFile, IsPutRightEachTime) {
+TEST_F(AWatchedCsv, IsPutRightEachTime) {
     watch.SetActive(true);
     for (leaveAfter = 1; leaveAfter <= 3; ++leaveAfter) {
         Write("something else");
@@ -164,14 +164,14 @@ TEST_F(AStatusFile, IsPutRightEachTime) {
     }
 }
 
-TEST_F(AStatusFile, IsLeftAloneWhenItIsRight) {
+TEST_F(AWatchedCsv, IsLeftAloneWhenItIsRight) {
     watch.SetActive(true);
     Write(DOWN);
     RunFor(500ms);
     EXPECT_EQ(repairs, 0);
 }
 
-TEST_F(AStatusFile, IsLeftAloneBeforeThereIsAClient) {
+TEST_F(AWatchedCsv, IsLeftAloneBeforeThereIsAClient) {
     Write("something else");
     RunFor(500ms);
     EXPECT_EQ(repairs, 0);
@@ -180,7 +180,7 @@ TEST_F(AStatusFile, IsLeftAloneBeforeThereIsAClient) {
     EXPECT_EQ(repairs, 1);
 }
 
-TEST_F(AStatusFile, IsCheckedAgainstWhatWasReported) {
+TEST_F(AWatchedCsv, IsCheckedAgainstWhatWasReported) {
     watch.SetActive(true);
     watch.Reported(OrvEvent::CLOUD_CONNECTED);
     Write(DOWN);
