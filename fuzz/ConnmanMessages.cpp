@@ -110,7 +110,7 @@ DBusMessagePtr Built(FuzzedDataProvider& input) {
     return message;
 }
 
-bool IsSound(const OrvPlatform::ConnmanServiceNews& news) {
+bool IsSound(const OrvPlatform::ConnmanServiceUpdate& news) {
     const auto isShort = [](const std::string& text) { return text.size() <= 255; };
     const auto areFew = [&](const std::optional<std::vector<std::string>>& texts) {
         return !texts ||
@@ -120,11 +120,11 @@ bool IsSound(const OrvPlatform::ConnmanServiceNews& news) {
            isShort(news.interfaceName.value_or("")) && areFew(news.servers) && areFew(news.configuredServers);
 }
 
-bool AreSound(const std::vector<OrvPlatform::ConnmanServiceNews>& all) {
+bool AreSound(const std::vector<OrvPlatform::ConnmanServiceUpdate>& all) {
     return all.size() <= Messages::MOST_SERVICES && std::all_of(all.begin(), all.end(), IsSound);
 }
 
-void CarryOut(const OrvPlatform::ConnmanServices& services) {
+void Execute(const OrvPlatform::ConnmanServices& services) {
     OrvPlatform::PendingOrders wanted;
     wanted.OrderTop("eth0");
     wanted.OrderServers("eth0", {"192.0.2.1"});
@@ -161,18 +161,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         Require(AreSound(*all), "the list is sound");
         services.Replace(*all);
     }
-    CarryOut(services);
+    Execute(services);
     if (const auto changed = Messages::ReadServicesChanged(*message)) {
         Require(AreSound(changed->ordered) && changed->removed.size() <= Messages::MOST_SERVICES, "the order is sound");
         services.Reorder(changed->ordered, changed->removed);
     }
-    CarryOut(services);
+    Execute(services);
     if (dbus_message_get_type(message.get()) == DBUS_MESSAGE_TYPE_SIGNAL && Messages::IsPropertyChanged(*message)) {
         if (const auto news = Messages::ReadPropertyChanged(*message)) {
             Require(IsSound(*news), "the news is sound");
             services.Update(*news);
         }
     }
-    CarryOut(services);
+    Execute(services);
     return 0;
 }

@@ -14,7 +14,7 @@ using OrvPlatformFake::Entries;
 namespace Entry = OrvPlatformFake::Entry;
 
 /// What a logger of the level lets through of one record a call.
-Entries LetThrough(int level) {
+Entries Logged(int level) {
     OrvPlatformFake::FakeGateway::Reset();
     CommonUtils::Logger logger("L", level);
     logger.Trace("tag");
@@ -31,12 +31,12 @@ TEST(ALogLevel, IsTheLeastSevereThatALoggerEmits) {
     const std::string info = Entry::Info("L", "text");
     const std::string warning = Entry::Warning("L", "text");
     const std::string error = Entry::Error("L", "text");
-    EXPECT_EQ(LetThrough(TRACE), (Entries{trace, debug, info, warning, error}));
-    EXPECT_EQ(LetThrough(DEBUG), (Entries{debug, info, warning, error}));
-    EXPECT_EQ(LetThrough(INFO), (Entries{info, warning, error}));
-    EXPECT_EQ(LetThrough(WARNING), (Entries{warning, error}));
-    EXPECT_EQ(LetThrough(ERROR), Entries{error});
-    EXPECT_EQ(LetThrough(CRITICAL), Entries{});
+    EXPECT_EQ(Logged(TRACE), (Entries{trace, debug, info, warning, error}));
+    EXPECT_EQ(Logged(DEBUG), (Entries{debug, info, warning, error}));
+    EXPECT_EQ(Logged(INFO), (Entries{info, warning, error}));
+    EXPECT_EQ(Logged(WARNING), (Entries{warning, error}));
+    EXPECT_EQ(Logged(ERROR), Entries{error});
+    EXPECT_EQ(Logged(CRITICAL), Entries{});
 }
 
 } // namespace

@@ -109,7 +109,7 @@ ConnmanView Connman::ReadServices(MessageBus& bus) {
         return Unknown(reply.message ? "its answer is of an unknown form" : Escaped(reply.error));
     ConnmanView fresh;
     fresh.state = Known::PRESENT;
-    for (const OrvPlatform::ConnmanServiceNews& service : *list) {
+    for (const OrvPlatform::ConnmanServiceUpdate& service : *list) {
         ConnmanView::Service seen;
         seen.interface = Escaped(service.interfaceName.value_or(""));
         seen.state = Escaped(service.state.value_or("unknown"));

@@ -32,7 +32,7 @@ std::unique_ptr<LogOutput> ConfiguredOutput(const GatewayConfig::Log& configured
 constexpr const char* SOURCE = "GatewayConfig";
 
 /// On standard error as well: whoever wrote the settings may look there only.
-void TellProblems(const std::vector<std::string>& problems, const LogLevels& levels, LogSink sink, LogChannel& log) {
+void LogProblems(const std::vector<std::string>& problems, const LogLevels& levels, LogSink sink, LogChannel& log) {
     const bool logShowsErrors = levels.Of(SOURCE) <= LogLevel::ERROR;
     for (const std::string& problem : problems) {
         if (logShowsErrors)
@@ -44,7 +44,7 @@ void TellProblems(const std::vector<std::string>& problems, const LogLevels& lev
 
 void Report(const LoadedConfig& loaded, LogChannel& log) {
     const GatewayConfig::Log& configured = loaded.config.log;
-    TellProblems(loaded.problems, configured.levels, configured.sink, log);
+    LogProblems(loaded.problems, configured.levels, configured.sink, log);
     const LogLevel threshold = configured.levels.Of(SOURCE);
     const auto tell = [&](LogLevel level, const std::vector<std::string>& texts) {
         for (const std::string& text : texts)
@@ -117,7 +117,7 @@ bool ReloadLogLevels() noexcept {
             reread.problems.push_back("The levels of the log stay as they were, " + before.Text() +
                                       ", because of what is wrong with " + reread.file +
                                       ". Mend it (orv-config-check tells when it is right) and read it anew");
-            TellProblems(reread.problems, before, running.log.sink, log);
+            LogProblems(reread.problems, before, running.log.sink, log);
             return false;
         }
         PutLogLevelsInForce(reread.levels);

@@ -71,7 +71,7 @@ void ScriptPoke(PokeOutcome outcome) {
 
 /// Any route that sees the cloud lost clears the process's memory of the reported cloud, one that then sees it
 /// connected sets it.
-void LetAnotherRouteSee(bool cloud) {
+void NotifyAnotherRoute(bool cloud) {
     OrvRoute other([] { return OrvRoute::Clock::time_point(START); });
     other.UpdateRoute(cloud, true, true);
     other.Tick();
@@ -111,7 +111,7 @@ public:
     /// The step on the route alone; what it writes stands in the journal afterwards.
     bool Drive(const Action& action) {
         if (action.kind == Action::OTHER_ROUTE)
-            LetAnotherRouteSee(action.cloud);
+            NotifyAnotherRoute(action.cloud);
         Journal::Clear();
         if (action.kind == Action::ASK)
             return route->CloudReconnectNeeded();
@@ -176,7 +176,7 @@ protected:
     /// A route before its first step, in a process whose memory of the reported cloud is known.
     std::unique_ptr<Pair> Fresh() {
         FakeCurl::Reset();
-        LetAnotherRouteSee(false);
+        NotifyAnotherRoute(false);
         ConnInterfaceString.clear();
         process = {};
         return std::make_unique<Pair>(process);

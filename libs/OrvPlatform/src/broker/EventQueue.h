@@ -32,8 +32,8 @@ public:
 
     void Clear() {
         for (std::size_t index = 0; index < used; ++index) {
-            LetGoIfLarge(slots[index].topic);
-            LetGoIfLarge(slots[index].payload);
+            ReleaseIfLarge(slots[index].topic);
+            ReleaseIfLarge(slots[index].payload);
         }
         used = 0;
         if (slots.size() > MOST_KEPT) {
@@ -55,7 +55,7 @@ public:
     static constexpr std::size_t MOST_KEPT = 32;
 
 private:
-    static void LetGoIfLarge(std::string& text) {
+    static void ReleaseIfLarge(std::string& text) {
         constexpr std::size_t kept = 1024;
         if (text.capacity() > kept)
             std::string().swap(text);

@@ -147,7 +147,7 @@ bool QueueOwner::Core::Open(const std::optional<LastWill>& will, Time deadline) 
 // A delivery thread that is in a callback, or held up by the log, is not waited for: this one does its work meanwhile.
 void QueueOwner::Core::AwaitAnswer(unsigned asked, Time deadline) {
     ++connectWaiters;
-    while (generation == asked && link.Current() == Link::State::CONNECTING &&
+    while (generation == asked && link.Current() == StateMachine::State::CONNECTING &&
            std::chrono::steady_clock::now() < deadline) {
         if (OnDeliveryThread())
             RunOnce();
@@ -295,7 +295,7 @@ bool QueueOwner::Core::StartThread() {
 // The thread ends by itself once the connection is given up. It is waited for, unless an application's callback would
 // be waited for with it; then the next StartThread or Abandon does.
 void QueueOwner::Core::RetireThread() {
-    if (link.Current() != Link::State::CLOSED || delivering || OnDeliveryThread())
+    if (link.Current() != StateMachine::State::CLOSED || delivering || OnDeliveryThread())
         return;
     running = false;
     std::thread ending = std::move(thread);

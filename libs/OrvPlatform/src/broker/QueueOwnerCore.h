@@ -59,7 +59,7 @@ public:
 private:
     using Time = std::chrono::steady_clock::time_point;
 
-    using Link = OrvPlatform::LinkStateMachine;
+    using StateMachine = OrvPlatform::LinkStateMachine;
     using Severity = OrvPlatform::ClientRecord::Severity;
 
     // The delivery thread.
@@ -171,7 +171,7 @@ private:
     unsigned dropped ORV_GUARDED_BY(mutex) = 0;     // events for which there was no memory
 
     // The connection.
-    Link link ORV_GUARDED_BY(mutex);
+    StateMachine link ORV_GUARDED_BY(mutex);
     unsigned generation ORV_GUARDED_BY(mutex) = 0; // counts the clients that were taken away
     std::unique_ptr<OrvPlatform::MosquittoClient> client ORV_GUARDED_BY(mutex);
     std::string failure ORV_GUARDED_BY(mutex); // why the first attempt failed

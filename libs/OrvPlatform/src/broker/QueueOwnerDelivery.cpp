@@ -52,7 +52,7 @@ std::string QueueOwner::Core::Seconds(std::chrono::steady_clock::duration durati
 void QueueOwner::Core::Run(unsigned ownNumber) noexcept {
     MutexLock lock(mutex);
     while (threadNumber == ownNumber) {
-        if (link.Current() == Link::State::CLOSED) {
+        if (link.Current() == StateMachine::State::CLOSED) {
             // Not while the log is away: a Connect meanwhile counts on this thread.
             if (records.IsEmpty()) {
                 running = false;
@@ -79,7 +79,7 @@ void QueueOwner::Core::RunOnce() noexcept {
     pollfd waits[] = {{waker.Descriptor(), POLLIN, 0}, {socket, pollEvents, 0}};
     // A connection that is up gets along without the clock.
     const std::chrono::milliseconds limit =
-        link.IsUp() ? Link::MAINTENANCE_INTERVAL : OrvPlatform::TimeUntil(link.NextDue(lastClockReading));
+        link.IsUp() ? StateMachine::MAINTENANCE_INTERVAL : OrvPlatform::TimeUntil(link.NextDue(lastClockReading));
 
     ++pollers;
     {
@@ -138,19 +138,19 @@ void QueueOwner::Core::Advance(Time now) noexcept {
     if (link.IsUp())
         silence.Served(now);
     switch (link.Advance(now)) {
-    case Link::Due::MAINTENANCE:
+    case StateMachine::Due::MAINTENANCE:
         SendPending();
         client->KeepAlive();
         break;
-    case Link::Due::ATTEMPT_TIMED_OUT:
+    case StateMachine::Due::ATTEMPT_TIMED_OUT:
         changed.notify_all();
         LogFailedAttempt([] { return std::string("no answer within 10 s"); });
         break;
-    case Link::Due::RECONNECT:
+    case StateMachine::Due::RECONNECT:
         changed.notify_all();
         BeginReconnect();
         break;
-    case Link::Due::NOTHING:
+    case StateMachine::Due::NOTHING:
         break;
     }
 }
@@ -185,13 +185,13 @@ void QueueOwner::Core::QueueEvent(Event::Kind kind) noexcept {
 
 void QueueOwner::Core::OnConnack(int code) noexcept {
     const Time now = std::chrono::steady_clock::now();
-    const Link::Answer answer = link.Answered(code, now);
-    if (answer == Link::Answer::IGNORED || answer == Link::Answer::REFUSED)
+    const StateMachine::Answer answer = link.Answered(code, now);
+    if (answer == StateMachine::Answer::IGNORED || answer == StateMachine::Answer::REFUSED)
         return;
     changed.notify_all();
     silence.Begin(now);
     reportedRefusals = 0;
-    if (answer == Link::Answer::RECONNECTED)
+    if (answer == StateMachine::Answer::RECONNECTED)
         return; // to be restored
     QueueEvent(Event::Kind::CONNECTED);
     const unsigned refused = std::exchange(refusedOffline, 0);
@@ -211,10 +211,10 @@ void QueueOwner::Core::OnDisconnected(int error) noexcept {
     };
     // A broker that has heard nothing ends the connection in the same way as one that prefers another client.
     switch (link.Lost(now, error == MOSQ_ERR_CONN_LOST && silent == silent.zero())) {
-    case Link::Loss::CONNECT_FAILED:
+    case StateMachine::Loss::CONNECT_FAILED:
         SetFailure(reason);
         break;
-    case Link::Loss::CONNECTION_LOST:
+    case StateMachine::Loss::CONNECTION_LOST:
         OrvPlatform::tallies.brokerLosses.Add();
         outstanding.DropUnassured();
         // Also for a Connect that has not yet seen that it was accepted.
@@ -225,10 +225,10 @@ void QueueOwner::Core::OnDisconnected(int error) noexcept {
         Wake();
         LogLoss();
         break;
-    case Link::Loss::ATTEMPT_FAILED:
+    case StateMachine::Loss::ATTEMPT_FAILED:
         LogFailedAttempt(reason);
         break;
-    case Link::Loss::IGNORED:
+    case StateMachine::Loss::IGNORED:
         return;
     }
     changed.notify_all();
@@ -236,12 +236,12 @@ void QueueOwner::Core::OnDisconnected(int error) noexcept {
 
 void QueueOwner::Core::LogLoss() noexcept {
     switch (link.ReportOfLoss()) {
-    case Link::LossReport::LOSS:
+    case StateMachine::LossReport::LOSS:
         Log(Severity::WARNING, [this]() ORV_REQUIRES(mutex) {
             return "lost the connection to " + endpoint + ": " + failure + "; reconnecting";
         });
         break;
-    case Link::LossReport::EVICTION:
+    case StateMachine::LossReport::EVICTION:
         if (Log(Severity::ERROR, [] {
                 return std::string(
                     "the broker keeps throwing this client off: another client uses the same id; leave [broker] "
@@ -249,7 +249,7 @@ void QueueOwner::Core::LogLoss() noexcept {
             }))
             link.EvictionReported();
         break;
-    case Link::LossReport::NONE:
+    case StateMachine::LossReport::NONE:
         break;
     }
 }

@@ -73,7 +73,7 @@ public:
             Read(Trimmed(rest.substr(0, end), BLANKS));
             rest.remove_prefix(std::min(end + 1, rest.size()));
         }
-        TellUnlisted();
+        ReportUnlisted();
         CheckTogether();
         return std::move(parsed);
     }
@@ -184,7 +184,7 @@ private:
             ++unlisted;
     }
 
-    void TellUnlisted() {
+    void ReportUnlisted() {
         if (unlisted != 0)
             parsed.problems.push_back(name + ": " + std::to_string(unlisted) + " more faults are not listed");
     }

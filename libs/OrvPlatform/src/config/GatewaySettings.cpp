@@ -241,7 +241,7 @@ std::vector<Setting> NetworkSettings() {
     };
 }
 
-std::vector<Setting> GatewaySettings() {
+std::vector<Setting> ControllerSettings() {
     return {
         {"gateway", "controller", "the file name of a program, without its folder, or nothing",
          [](const std::string& value, GatewayConfig& config) {
@@ -306,7 +306,7 @@ const std::vector<Setting>& Settings() {
     // Never destroyed, like the configuration itself.
     static const auto& all = *[] {
         auto settings = std::make_unique<std::vector<Setting>>(BrokerSettings());
-        for (const auto& part : {NetworkSettings(), GatewaySettings(), LogSettings()})
+        for (const auto& part : {NetworkSettings(), ControllerSettings(), LogSettings()})
             settings->insert(settings->end(), part.begin(), part.end());
         return settings.release();
     }();

@@ -75,7 +75,7 @@ void ForEachEntry(const Value& dictionary, const Each& each) {
     }
 }
 
-void ReadProperty(const std::string& name, const Value& value, ConnmanServiceNews& news) {
+void ReadProperty(const std::string& name, const Value& value, ConnmanServiceUpdate& news) {
     if (name == "State")
         news.state = value.Text();
     else if (name == "Immutable")
@@ -91,11 +91,11 @@ void ReadProperty(const std::string& name, const Value& value, ConnmanServiceNew
         });
 }
 
-std::vector<ConnmanServiceNews> ReadServiceArray(const Value& array) {
-    std::vector<ConnmanServiceNews> all;
+std::vector<ConnmanServiceUpdate> ReadServiceArray(const Value& array) {
+    std::vector<ConnmanServiceUpdate> all;
     for (Value entry = array.Inside(); entry.Is(DBUS_TYPE_STRUCT) && all.size() < MOST_SERVICES; entry.Next()) {
         Value field = entry.Inside();
-        ConnmanServiceNews news;
+        ConnmanServiceUpdate news;
         news.path = field.Text(DBUS_TYPE_OBJECT_PATH).value_or(std::string());
         field.Next();
         ForEachEntry(field, [&](const std::string& name, const Value& value) { ReadProperty(name, value, news); });
@@ -200,7 +200,7 @@ std::optional<std::string> ReadNewOwner(DBusMessage& signal) {
     return IsUniqueName(name) ? name : std::string();
 }
 
-std::optional<std::vector<ConnmanServiceNews>> ReadServices(DBusMessage& reply) {
+std::optional<std::vector<ConnmanServiceUpdate>> ReadServices(DBusMessage& reply) {
     if (!dbus_message_has_signature(&reply, SERVICES_SIGNATURE))
         return {};
     return ReadServiceArray(Value(reply));
@@ -225,10 +225,10 @@ std::optional<ServicesChanged> ReadServicesChanged(DBusMessage& signal) {
     return changed;
 }
 
-std::optional<ConnmanServiceNews> ReadPropertyChanged(DBusMessage& signal) {
+std::optional<ConnmanServiceUpdate> ReadPropertyChanged(DBusMessage& signal) {
     if (!dbus_message_has_signature(&signal, "sv"))
         return {};
-    ConnmanServiceNews news;
+    ConnmanServiceUpdate news;
     news.path = dbus_message_get_path(&signal);
     Value argument(signal);
     const std::string name = argument.Text().value_or(std::string());

@@ -40,18 +40,18 @@ ORV_SHARED_WITH_TOOLS std::string ReadOwner(DBusMessage& reply);
 std::optional<std::string> ReadNewOwner(DBusMessage& signal);
 
 /// GetServices' answer.
-ORV_SHARED_WITH_TOOLS std::optional<std::vector<ConnmanServiceNews>> ReadServices(DBusMessage& reply);
+ORV_SHARED_WITH_TOOLS std::optional<std::vector<ConnmanServiceUpdate>> ReadServices(DBusMessage& reply);
 
 bool IsServicesChanged(DBusMessage& signal);
 bool IsPropertyChanged(DBusMessage& signal);
 
 struct ServicesChanged {
-    std::vector<ConnmanServiceNews> ordered;
+    std::vector<ConnmanServiceUpdate> ordered;
     std::vector<std::string> removed;
 };
 std::optional<ServicesChanged> ReadServicesChanged(DBusMessage& signal);
 
 /// PropertyChanged of a service.
-std::optional<ConnmanServiceNews> ReadPropertyChanged(DBusMessage& signal);
+std::optional<ConnmanServiceUpdate> ReadPropertyChanged(DBusMessage& signal);
 
 } // namespace OrvPlatform::ConnmanMessages

@@ -70,7 +70,7 @@ void ConnmanRunner::RunOnce() {
     }
     bus.HandleArrived();
     if (bus.IsOpen() && Clock::now() >= NextWake()) {
-        AskAgain();
+        QueryAgain();
         return; // what has arrived behind the answers comes first
     }
     const ConnmanCall next = NextCall();
@@ -85,7 +85,7 @@ ConnmanRunner::Clock::time_point ConnmanRunner::NextWake() const {
     return owner.empty() || stale ? std::min(nextTry, forDoubt) : forDoubt;
 }
 
-void ConnmanRunner::AskAgain() {
+void ConnmanRunner::QueryAgain() {
     if (owner.empty() || (doubted && Clock::now() >= nextDoubt)) {
         doubted = false;
         nextDoubt = Clock::now() + limits.longestRetry;
@@ -193,8 +193,7 @@ void ConnmanRunner::Refresh(const ConnmanCall* executed) {
         reply.message.reset();
     if (!ApplyList(reply, executed)) {
         nextTry = Clock::now() + backoff.Next();
-        if (bus.IsOpen() && owner == askedOwner && !owner.empty() && !IsStopping() &&
-            !HasGoneUnheard(reply, askedOwner))
+        if (bus.IsOpen() && owner == askedOwner && !owner.empty() && !IsStopping() && !OwnerHasGone(reply, askedOwner))
             Report(Loss::LIST, "the connection manager does not list its services: " +
                                    (reply.message ? "its answer is of an unknown form" : reply.error));
         return;
@@ -225,7 +224,7 @@ bool ConnmanRunner::ApplyList(const MessageBus::Reply& reply, const ConnmanCall*
 }
 
 /// The bus said so in its answer to a call, and not before.
-bool ConnmanRunner::HasGoneUnheard(const MessageBus::Reply& reply, const std::string& askedOwner) {
+bool ConnmanRunner::OwnerHasGone(const MessageBus::Reply& reply, const std::string& askedOwner) {
     if (!reply.isOwnerless || owner != askedOwner)
         return false;
     owner.clear();
@@ -266,14 +265,14 @@ void ConnmanRunner::Execute(const ConnmanCall& call) {
         const MutexLock lock(shared->mutex);
         shared->services.NoteWritten(call.path, call.servers);
         shared->orders.Done(call);
-    } else if (bus.IsOpen() && owner == askedOwner && !IsStopping() && !HasGoneUnheard(reply, askedOwner)) {
-        std::string remark;
+    } else if (bus.IsOpen() && owner == askedOwner && !IsStopping() && !OwnerHasGone(reply, askedOwner)) {
+        std::string message;
         {
             const MutexLock lock(shared->mutex);
-            remark = shared->orders.Refused(call, reply.error);
+            message = shared->orders.Refused(call, reply.error);
         }
-        if (!remark.empty())
-            logger.Warning() << remark;
+        if (!message.empty())
+            logger.Warning() << message;
     }
 }
 
@@ -293,15 +292,15 @@ MessageBus::Reply ConnmanRunner::Call(DBusMessagePtr message, const std::string&
 }
 
 ConnmanCall ConnmanRunner::NextCall() {
-    std::vector<std::string> remarks;
+    std::vector<std::string> messages;
     ConnmanCall next;
     {
         const MutexLock lock(shared->mutex);
         if (shared->picture == ConnmanShared::Picture::KNOWN && !stale)
-            next = shared->orders.Next(shared->services, remarks);
+            next = shared->orders.Next(shared->services, messages);
     }
-    for (const std::string& remark : remarks)
-        logger.Warning() << remark;
+    for (const std::string& message : messages)
+        logger.Warning() << message;
     return next;
 }
 
@@ -346,7 +345,7 @@ void ConnmanRunner::HandleServicesChanged(DBusMessage& signal) {
 }
 
 void ConnmanRunner::HandlePropertyChanged(DBusMessage& signal) {
-    const std::optional<ConnmanServiceNews> news = ConnmanMessages::ReadPropertyChanged(signal);
+    const std::optional<ConnmanServiceUpdate> news = ConnmanMessages::ReadPropertyChanged(signal);
     if (!news)
         return;
     const MutexLock lock(shared->mutex);

@@ -44,7 +44,7 @@ private:
     void Connect();
     std::string SubscribeAndFindOwner();
     std::string FindOwner();
-    void AskAgain();
+    void QueryAgain();
     Clock::time_point NextWake() const;
     void BusLost();
     void BusFailed(const std::string& reason);
@@ -53,7 +53,7 @@ private:
     void Report(Loss loss, const std::string& text);
     void Refresh(const ConnmanCall* executed);
     bool ApplyList(const MessageBus::Reply& reply, const ConnmanCall* executed);
-    bool HasGoneUnheard(const MessageBus::Reply& reply, const std::string& askedOwner);
+    bool OwnerHasGone(const MessageBus::Reply& reply, const std::string& askedOwner);
     void ForgetLeftovers() ORV_REQUIRES(shared->mutex);
     void Execute(const ConnmanCall& call);
     MessageBus::Reply Call(DBusMessagePtr message, const std::string& what);

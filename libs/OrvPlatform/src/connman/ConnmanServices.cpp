@@ -7,7 +7,7 @@ namespace OrvPlatform {
 
 namespace {
 
-void Apply(const ConnmanServiceNews& news, ConnmanService& service) {
+void Apply(const ConnmanServiceUpdate& news, ConnmanService& service) {
     service.interfaceName = news.interfaceName.value_or(service.interfaceName);
     service.state = news.state.value_or(service.state);
     service.immutable = news.immutable.value_or(service.immutable);
@@ -26,9 +26,9 @@ bool ConnmanService::HasServers(const std::vector<std::string>& wanted) const {
     return servers.empty() && writtenServers == wanted;
 }
 
-void ConnmanServices::Replace(const std::vector<ConnmanServiceNews>& all) {
+void ConnmanServices::Replace(const std::vector<ConnmanServiceUpdate>& all) {
     std::vector<ConnmanService> next;
-    for (const ConnmanServiceNews& news : all) {
+    for (const ConnmanServiceUpdate& news : all) {
         ConnmanService service;
         service.path = news.path;
         if (const ConnmanService* known = Find(news.path))
@@ -39,10 +39,11 @@ void ConnmanServices::Replace(const std::vector<ConnmanServiceNews>& all) {
     services = std::move(next);
 }
 
-bool ConnmanServices::Reorder(const std::vector<ConnmanServiceNews>& ordered, const std::vector<std::string>& removed) {
+bool ConnmanServices::Reorder(const std::vector<ConnmanServiceUpdate>& ordered,
+                              const std::vector<std::string>& removed) {
     bool complete = true;
     std::vector<ConnmanService> next;
-    for (const ConnmanServiceNews& news : ordered) {
+    for (const ConnmanServiceUpdate& news : ordered) {
         const ConnmanService* known = Find(news.path);
         ConnmanService service;
         if (known)
@@ -53,7 +54,7 @@ bool ConnmanServices::Reorder(const std::vector<ConnmanServiceNews>& ordered, co
         next.push_back(std::move(service));
     }
     const auto isNamed = [&](const ConnmanService& service) {
-        const auto samePath = [&](const ConnmanServiceNews& news) { return news.path == service.path; };
+        const auto samePath = [&](const ConnmanServiceUpdate& news) { return news.path == service.path; };
         return std::find(removed.begin(), removed.end(), service.path) != removed.end() ||
                std::any_of(ordered.begin(), ordered.end(), samePath);
     };
@@ -62,7 +63,7 @@ bool ConnmanServices::Reorder(const std::vector<ConnmanServiceNews>& ordered, co
     return complete;
 }
 
-void ConnmanServices::Update(const ConnmanServiceNews& news) {
+void ConnmanServices::Update(const ConnmanServiceUpdate& news) {
     if (ConnmanService* service = Find(news.path))
         Apply(news, *service);
 }

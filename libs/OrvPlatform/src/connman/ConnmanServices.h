@@ -12,7 +12,7 @@ namespace OrvPlatform {
 constexpr const char* NO_SERVERS = "none";
 
 /// What one message of the connection manager says about one service; what it does not mention is empty.
-struct ConnmanServiceNews {
+struct ConnmanServiceUpdate {
     std::string path;
     std::optional<std::string> interfaceName;
     std::optional<std::string> state;
@@ -42,14 +42,14 @@ struct ConnmanService {
 class ConnmanServices {
 public:
     /// The whole list, as GetServices answers it.
-    void Replace(const std::vector<ConnmanServiceNews>& all);
+    void Replace(const std::vector<ConnmanServiceUpdate>& all);
 
     /// The new order, as ServicesChanged tells it.
     /// @return false when it does not fit what was known: the whole list must be asked for again.
-    bool Reorder(const std::vector<ConnmanServiceNews>& ordered, const std::vector<std::string>& removed);
+    bool Reorder(const std::vector<ConnmanServiceUpdate>& ordered, const std::vector<std::string>& removed);
 
     /// News about one service. An unknown one is ignored: ServicesChanged introduces it.
-    void Update(const ConnmanServiceNews& news);
+    void Update(const ConnmanServiceUpdate& news);
 
     /// We have configured these name servers.
     void NoteWritten(const std::string& path, const std::vector<std::string>& written);

@@ -36,7 +36,7 @@ bool PendingOrders::HasServersFor(const std::string& interfaceName) const {
                        [&](const Order& order) { return !order.isTop && order.interfaceName == interfaceName; });
 }
 
-ConnmanCall PendingOrders::Next(const ConnmanServices& services, std::vector<std::string>& remarks) {
+ConnmanCall PendingOrders::Next(const ConnmanServices& services, std::vector<std::string>& messages) {
     const auto fulfilled = [&](const Order& order) { return IsFulfilled(order, services); };
     orders.erase(std::remove_if(orders.begin(), orders.end(), fulfilled), orders.end());
 
@@ -46,9 +46,9 @@ ConnmanCall PendingOrders::Next(const ConnmanServices& services, std::vector<std
         const ConnmanService* service = services.Of(order.interfaceName);
         const std::string obstacle = Obstacle(order, service);
         if (!obstacle.empty()) {
-            std::string remark = Remark(order, obstacle);
-            if (!remark.empty())
-                remarks.push_back(std::move(remark));
+            std::string message = FailureMessage(order, obstacle);
+            if (!message.empty())
+                messages.push_back(std::move(message));
             continue;
         }
         const auto kind = order.isTop ? ConnmanCall::Kind::MOVE : ConnmanCall::Kind::SET_SERVERS;
@@ -87,7 +87,7 @@ std::string PendingOrders::Refused(const ConnmanCall& call, const std::string& r
     if (found == orders.end())
         return {};
     found->resting = true;
-    return Remark(*found, reason);
+    return FailureMessage(*found, reason);
 }
 
 void PendingOrders::Retry() {
@@ -95,7 +95,7 @@ void PendingOrders::Retry() {
         order.resting = false;
 }
 
-std::string PendingOrders::Remark(Order& order, const std::string& reason) {
+std::string PendingOrders::FailureMessage(Order& order, const std::string& reason) {
     if (order.remarked == reason)
         return {};
     order.remarked = reason;

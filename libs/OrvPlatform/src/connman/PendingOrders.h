@@ -33,8 +33,8 @@ public:
     bool HasServersFor(const std::string& interfaceName) const;
 
     /// The next call to make. Orders that are fulfilled already are dropped on the way.
-    /// @param remarks gets a text for each order that has to wait, once for each order and reason
-    ConnmanCall Next(const ConnmanServices& services, std::vector<std::string>& remarks);
+    /// @param messages gets a text for each order that has to wait, once for each order and reason
+    ConnmanCall Next(const ConnmanServices& services, std::vector<std::string>& messages);
 
     /// The call was obeyed. Nothing happens when its order has been replaced meanwhile.
     void Done(const ConnmanCall& call);
@@ -59,7 +59,7 @@ private:
     void Add(bool isTop, const std::string& interfaceName, const std::vector<std::string>& servers);
     static bool IsFulfilled(const Order& order, const ConnmanServices& services);
     static std::string Obstacle(const Order& order, const ConnmanService* service);
-    static std::string Remark(Order& order, const std::string& reason);
+    static std::string FailureMessage(Order& order, const std::string& reason);
 
     std::vector<Order> orders; ///< in the order in which they were given
     std::uint64_t lastId = 0;

@@ -54,7 +54,7 @@ void LogChannel::Write(const LogRecord& record) noexcept {
         return;
     }
     try {
-        TellLoss();
+        ReportLoss();
     } catch (const std::exception&) {
         // Told with a later record.
     }
@@ -85,7 +85,7 @@ void LogChannel::NoteLoss(const char* reason) noexcept {
     }
 }
 
-void LogChannel::TellLoss() {
+void LogChannel::ReportLoss() {
     if (lost == 0)
         return;
     const std::string count = lost == 1 ? "1 record was" : std::to_string(lost) + " records were";

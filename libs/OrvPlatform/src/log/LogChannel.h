@@ -42,7 +42,7 @@ public:
 private:
     void Compose(const LogRecord& record);
     void NoteLoss(const char* reason) noexcept;
-    void TellLoss();
+    void ReportLoss();
 
     std::mutex mutex;
     const std::unique_ptr<LogOutput> output;

@@ -21,7 +21,7 @@ struct Character {
 };
 
 /// The lead byte gives the length, the payload bits of the first byte and the least code that needs that length.
-Character Lead(unsigned char first, char32_t& least) {
+Character DecodeFirstByte(unsigned char first, char32_t& least) {
     if (first >= 0xc2 && first <= 0xdf) {
         least = 0x80;
         return {first & 0x1fU, 2};
@@ -39,7 +39,7 @@ Character Lead(unsigned char first, char32_t& least) {
 
 Character Decode(std::string_view text) {
     char32_t least = 0;
-    Character character = Lead(Byte(text[0]), least);
+    Character character = DecodeFirstByte(Byte(text[0]), least);
     if (character.length == 0 || character.length > text.size())
         return {};
     for (std::size_t i = 1; i < character.length; ++i) {

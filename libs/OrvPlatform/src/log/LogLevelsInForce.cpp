@@ -27,7 +27,7 @@ const LogLevels& LevelsOf(const Kept* kept) {
     return kept != nullptr ? kept->levels : LogLevelsAtStart();
 }
 
-const Kept* FindOrKeep(const LogLevels& levels) {
+const Kept* FindOrStore(const LogLevels& levels) {
     const std::string text = levels.Text();
     const Kept* head = newest.load(std::memory_order_acquire);
     for (;;) {
@@ -48,7 +48,7 @@ const LogLevels& LogLevelsInForce() {
 }
 
 void PutLogLevelsInForce(const LogLevels& levels) {
-    const Kept* kept = FindOrKeep(levels);
+    const Kept* kept = FindOrStore(levels);
     inForce.store(kept, std::memory_order_release);
     numberInForce.store(kept->number, std::memory_order_release);
 }

@@ -25,7 +25,7 @@ constexpr auto SLACK = 2s;
 class BrokerTest : public testing::Test {
 protected:
     explicit BrokerTest(std::uint16_t port) {
-        GatewaySettings() = {};
+        TestConfig() = {};
         BrokerSettings().clientIdSuffix.clear();
         BrokerSettings().port = port;
         OrvPlatformFake::Journal::Clear();

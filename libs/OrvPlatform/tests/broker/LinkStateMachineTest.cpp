@@ -63,7 +63,7 @@ void PrintTo(const Step& step, std::ostream* out) {
 class ALinkInAnyState : public testing::TestWithParam<Step> {
 protected:
     /// Leads a fresh link there. What it pauses for ends in 5 s at the latest, its attempts do in 3 s and 10 s.
-    static void LeadTo(Link& link, Link::State state) {
+    static void BringTo(Link& link, Link::State state) {
         if (state == Link::State::CLOSED)
             return;
         link.ConnectBegun(Link::Time{1h} + 3s);
@@ -81,7 +81,7 @@ protected:
 
 TEST_P(ALinkInAnyState, GoesWhereTheTableSays) {
     Link link(1);
-    LeadTo(link, GetParam().from);
+    BringTo(link, GetParam().from);
     ASSERT_EQ(link.Current(), GetParam().from);
     GetParam().event(link, Link::Time{1h} + 1s);
     EXPECT_EQ(link.Current(), GetParam().to);

@@ -126,7 +126,7 @@ TEST_F(ACallback, MayDeleteTheClient) {
     }
     EXPECT_TRUE(WaitUntil([&] { return deleted.load(); }));
     EXPECT_TRUE(witness.NextMessage()) << "the last will was not spoken";
-    witness.BreakOff();
+    witness.DropConnection();
     EXPECT_TRUE(WaitUntil([&] { return ProcessFigures::Now().threads <= before.threads; }));
     EXPECT_TRUE(WaitUntil([&] { return ProcessFigures::Now().descriptors <= before.descriptors; }));
 }

@@ -10,8 +10,8 @@ using QUILMQTT::QueueOwner;
 class AProgramBesideTheController : public RealBrokerTest {
 protected:
     AProgramBesideTheController() {
-        GatewaySettings().program = "other";
-        GatewaySettings().gateway.controller = "controller";
+        TestConfig().program = "other";
+        TestConfig().gateway.controller = "controller";
     }
 
     static constexpr const char* LED = "/orv/led/connected_services_green";
@@ -86,7 +86,7 @@ TEST_F(AProgramBesideTheController, LeavesNoWillForTheGateway) {
 }
 
 TEST_F(AProgramBesideTheController, LearnsFromTheSettingsWhichTopicsAreTheGateways) {
-    GatewaySettings().gateway.topics = {"/mine/#"};
+    TestConfig().gateway.topics = {"/mine/#"};
     TestClient client;
     ASSERT_TRUE(client.Connect());
     EXPECT_EQ(client.PublishRetainedMessage(LED, "On", true), 0);
@@ -98,7 +98,7 @@ TEST_F(AProgramBesideTheController, LearnsFromTheSettingsWhichTopicsAreTheGatewa
 
 TEST_F(AProgramBesideTheController, SpeaksForTheGatewayWhereNobodyIsNamedOrItself) {
     for (const char* controller : {"", "other"}) {
-        GatewaySettings().gateway.controller = controller;
+        TestConfig().gateway.controller = controller;
         TestClient client(FreshId("client"));
         ASSERT_TRUE(client.Connect());
         EXPECT_EQ(client.PublishRetainedMessage(LED, std::string("by ") + controller, true), 0);

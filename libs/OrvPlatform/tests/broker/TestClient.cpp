@@ -6,13 +6,13 @@
 
 namespace OrvTest {
 
-OrvPlatform::GatewayConfig& GatewaySettings() {
+OrvPlatform::GatewayConfig& TestConfig() {
     static OrvPlatform::GatewayConfig settings;
     return settings;
 }
 
 OrvPlatform::GatewayConfig::Broker& BrokerSettings() {
-    return GatewaySettings().broker;
+    return TestConfig().broker;
 }
 
 std::string FreshId(const std::string& beginning) {
@@ -66,5 +66,5 @@ std::vector<std::string> TestClient::Delivered() const {
 } // namespace OrvTest
 
 const OrvPlatform::GatewayConfig& OrvPlatform::Config() {
-    return OrvTest::GatewaySettings();
+    return OrvTest::TestConfig();
 }

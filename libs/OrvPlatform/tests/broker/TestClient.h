@@ -14,7 +14,7 @@
 namespace OrvTest {
 
 /// The settings that a QueueOwner made after the change finds. They stand in for the configuration file.
-OrvPlatform::GatewayConfig& GatewaySettings();
+OrvPlatform::GatewayConfig& TestConfig();
 OrvPlatform::GatewayConfig::Broker& BrokerSettings();
 
 /// An id that this process has not used yet: clients are numbered per id and process, however often a test is repeated.

@@ -26,7 +26,7 @@ protected:
 };
 
 TEST_F(AGatewayOnAScriptedBus, FindsAConnectionManagerThatComesRightBehindTheAnswerThatThereIsNone) {
-    const auto question = bus.Introduced();
+    const auto question = bus.SetUpMatches();
     bus.Send(bus.Error(question, bus.DRIVER, DBUS_ERROR_NAME_HAS_NO_OWNER),
              bus.OwnerChanged(bus.DRIVER, "", bus.MANAGER));
     bus.Send(bus.Services(bus.Expect("GetServices"), {{"eth0", "ready"}}));
@@ -34,13 +34,13 @@ TEST_F(AGatewayOnAScriptedBus, FindsAConnectionManagerThatComesRightBehindTheAns
 }
 
 TEST_F(AGatewayOnAScriptedBus, KnowsThatAConnectionManagerHasGoneRightBehindTheAnswerWhoItIs) {
-    const auto question = bus.Introduced();
+    const auto question = bus.SetUpMatches();
     bus.Send(bus.Return(question, bus.DRIVER, bus.MANAGER), bus.OwnerChanged(bus.DRIVER, bus.MANAGER, ""));
     EXPECT_TRUE(IsLogged("net.connman is not on the message bus"));
 }
 
 TEST_F(AGatewayOnAScriptedBus, HearsOfAStateRightBehindTheListOfServices) {
-    bus.Send(bus.Return(bus.Introduced(), bus.DRIVER, bus.MANAGER));
+    bus.Send(bus.Return(bus.SetUpMatches(), bus.DRIVER, bus.MANAGER));
     const auto question = bus.Expect("GetServices");
     link.SetTopPriorityInterface("wwan0");
     bus.Send(bus.Services(question, {{"eth0", "ready"}, {"wwan0", "idle"}}),
@@ -49,21 +49,21 @@ TEST_F(AGatewayOnAScriptedBus, HearsOfAStateRightBehindTheListOfServices) {
 }
 
 TEST_F(AGatewayOnAScriptedBus, HearsOfAnOrderRightBehindTheListOfServices) {
-    bus.Send(bus.Return(bus.Introduced(), bus.DRIVER, bus.MANAGER));
+    bus.Send(bus.Return(bus.SetUpMatches(), bus.DRIVER, bus.MANAGER));
     bus.Send(bus.Services(bus.Expect("GetServices"), {{"eth0", "ready"}, {"wwan0", "ready"}}),
              bus.Reordered(bus.MANAGER, {{"wwan0", ""}, {"eth0", ""}}));
     EXPECT_TRUE(BecomesTop("wwan0"));
 }
 
 TEST_F(AGatewayOnAScriptedBus, TakesTheListForNewerThanTheSignalsBeforeIt) {
-    bus.Send(bus.Return(bus.Introduced(), bus.DRIVER, bus.MANAGER));
+    bus.Send(bus.Return(bus.SetUpMatches(), bus.DRIVER, bus.MANAGER));
     bus.Send(bus.StateChanged(bus.MANAGER, {"eth0", "idle"}),
              bus.Services(bus.Expect("GetServices"), {{"eth0", "ready"}}));
     EXPECT_TRUE(BecomesTop("eth0"));
 }
 
 TEST_F(AGatewayOnAScriptedBus, TriesAgainWhenTheCauseOfARefusalEndsRightBehindIt) {
-    bus.IntroducedWith({{"eth0", "ready"}, {"wwan0", "ready"}});
+    bus.SetUpWith({{"eth0", "ready"}, {"wwan0", "ready"}});
     ASSERT_TRUE(BecomesTop("eth0"));
     link.SetTopPriorityInterface("wwan0");
     bus.Send(bus.Error(bus.Expect("MoveBefore"), bus.MANAGER, "net.connman.Error.InvalidService"),
@@ -72,7 +72,7 @@ TEST_F(AGatewayOnAScriptedBus, TriesAgainWhenTheCauseOfARefusalEndsRightBehindIt
 }
 
 TEST_F(AGatewayOnAScriptedBus, ActsOnAllThatHasArrivedBehindAnAnswer) {
-    bus.Send(bus.Return(bus.Introduced(), bus.DRIVER, bus.MANAGER));
+    bus.Send(bus.Return(bus.SetUpMatches(), bus.DRIVER, bus.MANAGER));
     const auto question = bus.Expect("GetServices");
     link.SetTopPriorityInterface("wwan0");
     bus.Send(bus.Services(question, {{"eth0", "ready"}, {"wwan0", "ready"}}),
@@ -89,20 +89,20 @@ TEST_F(AGatewayOnAScriptedBus, SaysOnceThatTheBusFrozeBehindTheGreetingAndGoesOn
     EXPECT_FALSE(link.SetTopPriorityInterface("wwan0"));
     bus.Accept(); // as frozen as before
     bus.Send(bus.Return(bus.Expect("Hello"), bus.DRIVER, ":1.2"));
-    bus.IntroducedWith({{"eth0", "ready"}, {"wwan0", "ready"}});
+    bus.SetUpWith({{"eth0", "ready"}, {"wwan0", "ready"}});
     bus.Expect("MoveBefore");
     EXPECT_EQ(Logged("is not reachable"), 1U);
 }
 
 TEST_F(AGatewayOnAScriptedBus, SaysThatTheBusFrozeWithTheQuestionWhoTheConnectionManagerIs) {
-    bus.Introduced();
+    bus.SetUpMatches();
     ASSERT_TRUE(IsLogged("is not reachable (no answer within 300 ms); orders wait until it is"));
-    bus.IntroducedWith({{"eth0", "ready"}});
+    bus.SetUpWith({{"eth0", "ready"}});
     EXPECT_TRUE(BecomesTop("eth0"));
 }
 
 TEST_F(AGatewayOnAScriptedBus, AsksAgainFromTimeToTimeWhileTheConnectionManagerCountsAsAway) {
-    bus.Send(bus.Error(bus.Introduced(), bus.DRIVER, DBUS_ERROR_NAME_HAS_NO_OWNER));
+    bus.Send(bus.Error(bus.SetUpMatches(), bus.DRIVER, DBUS_ERROR_NAME_HAS_NO_OWNER));
     for (int again = 0; again < 5; ++again)
         bus.Send(bus.Error(bus.Expect("GetNameOwner"), bus.DRIVER, DBUS_ERROR_NAME_HAS_NO_OWNER));
     bus.Send(bus.Return(bus.Expect("GetNameOwner"), bus.DRIVER, bus.MANAGER));
@@ -112,7 +112,7 @@ TEST_F(AGatewayOnAScriptedBus, AsksAgainFromTimeToTimeWhileTheConnectionManagerC
 }
 
 TEST_F(AGatewayOnAScriptedBus, LooksForAConnectionManagerThatHasGoneUnheard) {
-    bus.IntroducedWith({{"eth0", "ready"}, {"wwan0", "ready"}});
+    bus.SetUpWith({{"eth0", "ready"}, {"wwan0", "ready"}});
     ASSERT_TRUE(BecomesTop("eth0"));
     link.SetTopPriorityInterface("wwan0");
     bus.Send(bus.Error(bus.Expect("MoveBefore"), bus.DRIVER, DBUS_ERROR_SERVICE_UNKNOWN));
@@ -122,7 +122,7 @@ TEST_F(AGatewayOnAScriptedBus, LooksForAConnectionManagerThatHasGoneUnheard) {
 }
 
 TEST_F(AGatewayOnAScriptedBus, PausesBeforeItTurnsToABusThatHungUp) {
-    bus.Send(bus.Error(bus.Introduced(), bus.DRIVER, DBUS_ERROR_NAME_HAS_NO_OWNER));
+    bus.Send(bus.Error(bus.SetUpMatches(), bus.DRIVER, DBUS_ERROR_NAME_HAS_NO_OWNER));
     ASSERT_TRUE(IsLogged("net.connman is not on the message bus"));
     bus.HangUp();
     EXPECT_TRUE(IsLogged("is not reachable (connection lost)"));

@@ -271,8 +271,8 @@ TEST_F(AGateway, SaysThatTheBusIsFrozenFromTheStart) {
 
 TEST_F(AGateway, SaysOnceThatThereIsNoBus) {
     bus.Stop();
-    const int turnedAway = bus.TurnAway(3, [this] { link.TopPriorityInterface(); });
-    EXPECT_EQ(turnedAway, 3);
+    const int refused = bus.RefuseConnections(3, [this] { link.TopPriorityInterface(); });
+    EXPECT_EQ(refused, 3);
     ASSERT_TRUE(IsLogged("is not reachable"));
     bus.Start();
     const FakeConnmanProcess connman(bus, "eth0:ready");

@@ -53,7 +53,7 @@ TEST(AForkingGateway, KeepsItsThreadOutOfLibdbus) {
         return WaitUntil([&] { return link.TopPriorityInterface() == name; }, limit);
     };
     link.TopPriorityInterface();
-    bus.IntroducedWith({{"eth0", "ready"}, {"wwan0", "ready"}});
+    bus.SetUpWith({{"eth0", "ready"}, {"wwan0", "ready"}});
     ASSERT_TRUE(becomesTop("eth0", PATIENCE));
     const auto news = bus.StateChanged(bus.MANAGER, {"eth0", "failure"});
 

@@ -26,7 +26,7 @@ class AScriptedGateway : public testing::Test, protected LogWatch {
 protected:
     AScriptedGateway() {
         link.TopPriorityInterface();
-        bus.IntroducedWith({{"eth0", "ready"}, {"wwan0", "ready"}});
+        bus.SetUpWith({{"eth0", "ready"}, {"wwan0", "ready"}});
         EXPECT_TRUE(BecomesTop("eth0"));
     }
 
@@ -40,7 +40,7 @@ protected:
         ASSERT_TRUE(BecomesTop("wwan0"));
     }
 
-    void AnswerTheDoubt() {
+    void AnswerOwnerQuery() {
         bus.Send(bus.Return(bus.Expect("GetNameOwner"), bus.DRIVER, bus.MANAGER));
         bus.Send(bus.Services(bus.Expect("GetServices"), {{"eth0", "ready"}, {"wwan0", "ready"}}));
     }
@@ -53,7 +53,7 @@ TEST_F(AScriptedGateway, BelievesOnlyTheBusWhoTheConnectionManagerIs) {
     for (const std::string name : {"", ScriptedBus::STRANGER}) {
         bus.Send(bus.OwnerChanged(bus.STRANGER, bus.MANAGER, name), bus.OwnerChanged(bus.MANAGER, bus.MANAGER, name));
     }
-    AnswerTheDoubt();
+    AnswerOwnerQuery();
     SendFence();
     EXPECT_EQ(Logged("net.connman is not on the message bus"), 0U);
     EXPECT_EQ(Logged("connection manager found"), 1U);
@@ -72,7 +72,7 @@ TEST_F(AScriptedGateway, BelievesOnlyTheConnectionManagerHowTheServicesAre) {
 TEST_F(AScriptedGateway, SaysOnceThatAStrangerSendsSignals) {
     for (int i = 0; i < 100; ++i)
         bus.Send(bus.StateChanged(bus.STRANGER, {"eth0", "failure"}));
-    AnswerTheDoubt();
+    AnswerOwnerQuery();
     SendFence();
     EXPECT_EQ(Logged("a signal net.connman.Service.PropertyChanged from :1.66, which is not the connection manager, is "
                      "ignored; so will be all others, without a word"),
@@ -166,8 +166,8 @@ TEST(AStrangeBus, ThatNamesNoUniqueNameIsNotBelieved) {
     ConnmanClient link{bus.Address(), {300ms, 300ms, 20ms, 200ms, 2000ms}};
     link.TopPriorityInterface();
     for (const std::string name : {"", "net.connman", "no name at all"})
-        bus.Send(bus.Return(bus.Introduced(), bus.DRIVER, name));
-    bus.Introduced();
+        bus.Send(bus.Return(bus.SetUpMatches(), bus.DRIVER, name));
+    bus.SetUpMatches();
     EXPECT_EQ(log.Logged("is not reachable (it names no owner of net.connman)"), 1U);
 }
 

@@ -42,27 +42,27 @@ TEST_F(AnUnansweredGateway, NeverWaitsForABusThatDoesNotGreet) {
 
 TEST_F(AnUnansweredGateway, NeverWaitsForABusThatOwesTheConnectionManagersName) {
     link.TopPriorityInterface();
-    bus.Introduced();
+    bus.SetUpMatches();
     ExpectNoCallToWait();
 }
 
 TEST_F(AnUnansweredGateway, NeverWaitsForTheListOfServices) {
     link.TopPriorityInterface();
-    bus.Send(bus.Return(bus.Introduced(), bus.DRIVER, bus.MANAGER));
+    bus.Send(bus.Return(bus.SetUpMatches(), bus.DRIVER, bus.MANAGER));
     bus.Expect("GetServices");
     ExpectNoCallToWait();
 }
 
 TEST_F(AnUnansweredGateway, NeverWaitsForAConnectionManagerThatOwesAnAnswer) {
     link.SetTopPriorityInterface("wwan0");
-    bus.IntroducedWith({{"eth0", "ready"}, {"wwan0", "ready"}});
+    bus.SetUpWith({{"eth0", "ready"}, {"wwan0", "ready"}});
     bus.Expect("MoveBefore");
     ExpectNoCallToWait();
 }
 
 TEST_F(AnUnansweredGateway, StopsWhileTheConnectionManagerOwesAnAnswer) {
     link.SetTopPriorityInterface("wwan0");
-    bus.IntroducedWith({{"eth0", "ready"}, {"wwan0", "ready"}});
+    bus.SetUpWith({{"eth0", "ready"}, {"wwan0", "ready"}});
     bus.Expect("MoveBefore");
     EXPECT_LT(TimeOf([&] { link.Stop(); }), PATIENCE);
 }

@@ -9,13 +9,13 @@ namespace {
 using Texts = std::vector<std::string>;
 using Kind = ConnmanCall::Kind;
 
-ConnmanServiceNews News(const std::string& interfaceName, const std::string& state) {
+ConnmanServiceUpdate Update(const std::string& interfaceName, const std::string& state) {
     return {"/" + interfaceName, interfaceName, state, false, Texts{"192.0.2.53"}, Texts{}};
 }
 
 class OrdersForTwoConnectedServices : public testing::Test {
 protected:
-    OrdersForTwoConnectedServices() { services.Replace({News("eth0", "online"), News("wwan0", "ready")}); }
+    OrdersForTwoConnectedServices() { services.Replace({Update("eth0", "online"), Update("wwan0", "ready")}); }
 
     ConnmanCall Next() { return wanted.Next(services, remarks); }
 
@@ -75,7 +75,7 @@ TEST_F(OrdersForTwoConnectedServices, SurviveTheEndOfAnOlderOne) {
     const ConnmanCall older = Next();
     wanted.OrderTop("eth0");
     wanted.Done(older);
-    services.Replace({News("wwan0", "ready"), News("eth0", "online")});
+    services.Replace({Update("wwan0", "ready"), Update("eth0", "online")});
     EXPECT_EQ(Next().path, "/eth0");
 }
 
@@ -136,14 +136,14 @@ TEST_F(OrdersForTwoConnectedServices, TellNoServersFromTheNetworksOwnByWhatWasWr
 
 TEST(ConnmanServicesOrder, NeedsANewListWhenAnUnknownServiceComesWithoutProperties) {
     ConnmanServices services;
-    services.Replace({News("eth0", "online")});
+    services.Replace({Update("eth0", "online")});
     EXPECT_FALSE(services.Reorder({{"/wwan0", {}, {}, {}, {}, {}}, {"/eth0", {}, {}, {}, {}, {}}}, {}));
     EXPECT_EQ(services.TopInterface(), "");
 }
 
 TEST(ConnmanServicesOrder, NeedsANewListWhenAServiceIsNeitherNamedNorRemoved) {
     ConnmanServices services;
-    services.Replace({News("eth0", "online"), News("wwan0", "ready")});
+    services.Replace({Update("eth0", "online"), Update("wwan0", "ready")});
     EXPECT_FALSE(services.Reorder({{"/wwan0", {}, {}, {}, {}, {}}}, {}));
     EXPECT_EQ(services.TopInterface(), "wwan0");
 }
@@ -151,7 +151,7 @@ TEST(ConnmanServicesOrder, NeedsANewListWhenAServiceIsNeitherNamedNorRemoved) {
 TEST(ConnmanServicesOrder, HasNoTopInterfaceWhileTheFirstServiceIsNotConnected) {
     ConnmanServices services;
     EXPECT_EQ(services.TopInterface(), "");
-    services.Replace({News("eth0", "configuration"), News("wwan0", "ready")});
+    services.Replace({Update("eth0", "configuration"), Update("wwan0", "ready")});
     EXPECT_EQ(services.TopInterface(), "");
     services.Update({"/eth0", {}, "ready", {}, {}, {}});
     EXPECT_EQ(services.TopInterface(), "eth0");

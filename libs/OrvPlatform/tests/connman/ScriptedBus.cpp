@@ -209,7 +209,7 @@ ScriptedBus::Message ScriptedBus::Reordered(const std::string& sender, const std
     return message;
 }
 
-ScriptedBus::Message ScriptedBus::Introduced() {
+ScriptedBus::Message ScriptedBus::SetUpMatches() {
     Accept();
     Send(Return(Expect("Hello"), DRIVER, ":1.1"));
     for (int rules = 0; rules < 3; ++rules)
@@ -217,8 +217,8 @@ ScriptedBus::Message ScriptedBus::Introduced() {
     return Expect("GetNameOwner");
 }
 
-void ScriptedBus::IntroducedWith(const std::vector<ScriptedService>& services) {
-    Send(Return(Introduced(), DRIVER, MANAGER));
+void ScriptedBus::SetUpWith(const std::vector<ScriptedService>& services) {
+    Send(Return(SetUpMatches(), DRIVER, MANAGER));
     Send(Services(Expect("GetServices"), services));
 }
 

@@ -63,9 +63,9 @@ public:
     static std::string PathOf(const std::string& interfaceName) { return "/net/connman/service/" + interfaceName; }
 
     /// The greeting and what comes behind it, up to the question who the connection manager is.
-    Message Introduced();
+    Message SetUpMatches();
     /// All of that, and the list of services.
-    void IntroducedWith(const std::vector<ScriptedService>& services);
+    void SetUpWith(const std::vector<ScriptedService>& services);
 
 private:
     void Append(DBusMessage& message, std::string& bytes);

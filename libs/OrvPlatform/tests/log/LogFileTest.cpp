@@ -35,7 +35,7 @@ protected:
 };
 
 TEST_F(ALogFile, HoldsOneLineARecordWithTimeLevelLoggerAndText) {
-    Say(*Open(100000, 3), "text");
+    LogInfo(*Open(100000, 3), "text");
     EXPECT_TRUE(
         std::regex_match(Content(path), std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z info \[Test\] text\n)")))
         << Content(path);
@@ -45,7 +45,7 @@ TEST_F(ALogFile, HasTheTimeInUtcWhateverTheTimeZone) {
     const std::time_t before = std::time(nullptr);
     RunInChild({{"TZ", "XYZ-5:30"}}, [this] {
         ::tzset();
-        Say(*Open(100000, 3), "text");
+        LogInfo(*Open(100000, 3), "text");
     });
     const std::time_t after = std::time(nullptr);
     std::tm shown = {};
@@ -55,37 +55,37 @@ TEST_F(ALogFile, HasTheTimeInUtcWhateverTheTimeZone) {
 }
 
 TEST_F(ALogFile, ContinuesWhereTheLastProcessEnded) {
-    Say(*Open(100000, 3), "first");
-    Say(*Open(100000, 3), "second");
+    LogInfo(*Open(100000, 3), "first");
+    LogInfo(*Open(100000, 3), "second");
     EXPECT_EQ(LinesIn(path), (Lines{"info [Test] first", "info [Test] second"}));
 }
 
 // A 32-bit processor with 32-bit times could not look at it.
 TEST_F(ALogFile, MayHaveADateBeyond2038) {
-    Say(*Open(100000, 3), "first");
+    LogInfo(*Open(100000, 3), "first");
     ASSERT_EQ(std::system(("touch -d 2040-01-01 " + path).c_str()), 0); // NOLINT(concurrency-mt-unsafe)
-    Say(*Open(100000, 3), "second");
+    LogInfo(*Open(100000, 3), "second");
     EXPECT_EQ(LinesIn(path), (Lines{"info [Test] first", "info [Test] second"}));
 }
 
 TEST_F(ALogFile, IsWrittenBeforeTheRecordsCallReturns) {
     const auto log = Open(100000, 3);
-    Say(*log, "text");
+    LogInfo(*log, "text");
     EXPECT_EQ(LinesIn(path), Lines{"info [Test] text"});
 }
 
 TEST_F(ALogFile, ReachesTheStorageOnlyWhenAsked) {
     const auto log = Open(100000, 3);
     filesBroughtToStorage = 0;
-    Say(*log, "text");
+    LogInfo(*log, "text");
     EXPECT_EQ(filesBroughtToStorage, 0);
-    Say(*log, "text", true);
+    LogInfo(*log, "text", true);
     EXPECT_EQ(filesBroughtToStorage, 1);
 }
 
 TEST_F(ALogFile, MakesItsFolder) {
     LogChannel log(MakeFileSink(folder.Path("new/gateway.log"), 100000, 3));
-    Say(log, "text");
+    LogInfo(log, "text");
     EXPECT_EQ(LinesIn(folder.Path("new/gateway.log")), Lines{"info [Test] text"});
 }
 
@@ -93,7 +93,7 @@ TEST_F(ALogFile, GoesOnInAFreshFileWhenFullAndLosesNothingMeanwhile) {
     const auto log = Open(1000, 100);
     Lines expected;
     for (int i = 0; i < 100; ++i) {
-        Say(*log, std::to_string(i));
+        LogInfo(*log, std::to_string(i));
         expected.push_back("info [Test] " + std::to_string(i));
     }
     Lines found;
@@ -108,18 +108,18 @@ TEST_F(ALogFile, GoesOnInAFreshFileWhenFullAndLosesNothingMeanwhile) {
 }
 
 TEST_F(ALogFile, IsFilledToTheLastByte) {
-    Say(*Open(1000, 2), "1");
+    LogInfo(*Open(1000, 2), "1");
     const auto log = Open(2 * Content(path).size(), 2);
-    Say(*log, "2");
+    LogInfo(*log, "2");
     EXPECT_EQ(LinesIn(path), (Lines{"info [Test] 1", "info [Test] 2"}));
-    Say(*log, "3");
+    LogInfo(*log, "3");
     EXPECT_EQ(LinesIn(path), Lines{"info [Test] 3"});
 }
 
 TEST_F(ALogFile, KeepsNoMoreFilesThanItMay) {
     const auto log = Open(200, 2);
     for (int i = 0; i < 50; ++i)
-        Say(*log, std::to_string(i));
+        LogInfo(*log, std::to_string(i));
     EXPECT_EQ(LinesIn(path).back(), "info [Test] 49");
     EXPECT_TRUE(std::filesystem::exists(path + ".1"));
     EXPECT_FALSE(std::filesystem::exists(path + ".2"));
@@ -128,7 +128,7 @@ TEST_F(ALogFile, KeepsNoMoreFilesThanItMay) {
 TEST_F(ALogFile, AloneIsEmptiedWhenFull) {
     const auto log = Open(200, 1);
     for (int i = 0; i < 50; ++i)
-        Say(*log, std::to_string(i));
+        LogInfo(*log, std::to_string(i));
     EXPECT_LE(Content(path).size(), 200U);
     EXPECT_EQ(LinesIn(path).back(), "info [Test] 49");
     EXPECT_FALSE(std::filesystem::exists(path + ".1"));
@@ -139,7 +139,7 @@ TEST_F(ALogFile, TakesOneDescriptorHoweverOftenItIsFull) {
     const auto before = descriptors();
     auto log = Open(200, 3);
     for (int i = 0; i < 50; ++i)
-        Say(*log, std::to_string(i));
+        LogInfo(*log, std::to_string(i));
     EXPECT_EQ(descriptors(), before + 1);
     log.reset();
     EXPECT_EQ(descriptors(), before);
@@ -147,7 +147,7 @@ TEST_F(ALogFile, TakesOneDescriptorHoweverOftenItIsFull) {
 
 TEST_F(ALogFile, IsNotInheritedByStartedPrograms) {
     const auto log = Open(100000, 3);
-    Say(*log, "text");
+    LogInfo(*log, "text");
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
         std::error_code gone;
         if (std::filesystem::read_symlink(entry.path(), gone) == path) {
@@ -163,10 +163,10 @@ TEST_F(ALogFileThatCannotBeWritten, LosesRecordsSaysSoOnceAndTellsHowManyWhenItW
     const Ended ended = RunInChild({}, [&] {
         LogChannel log(MakeFileSink(elsewhere, 100000, 3));
         for (int i = 0; i < 3; ++i)
-            Say(log, "lost");
+            LogInfo(log, "lost");
         std::filesystem::create_directories(folder.Path("not/yet"));
-        Say(log, "first");
-        Say(log, "second");
+        LogInfo(log, "first");
+        LogInfo(log, "second");
         ::_exit(static_cast<int>(ReadCounters().lostLogRecords));
     });
     EXPECT_EQ(ended.exitStatus, 3) << "as many as are counted for the program";
@@ -181,7 +181,7 @@ TEST_F(ALogFileThatCannotBeWritten, SurvivesAFullDisk) {
     const Ended ended = RunInChild({}, [] {
         LogChannel log(MakeFileSink("/dev/full", 100000, 3));
         for (int i = 0; i < 3; ++i)
-            Say(log, "lost", true);
+            LogInfo(log, "lost", true);
     });
     EXPECT_EQ(ended.exitStatus, 0);
     EXPECT_EQ(ended.Lines(), Lines{"The log loses records: /dev/full: No space left on device"});
@@ -192,9 +192,9 @@ TEST_F(ALogFileThatCannotBeWritten, IsLookedForAgainWithEachRecord) {
     std::filesystem::create_symlink("/dev/full", link);
     RunInChild({}, [&link] {
         LogChannel log(MakeFileSink(link, 100000, 3));
-        Say(log, "lost");
+        LogInfo(log, "lost");
         std::filesystem::remove(link);
-        Say(log, "text");
+        LogInfo(log, "text");
     });
     EXPECT_EQ(LinesIn(link).at(0), "info [Test] text");
 }
@@ -204,7 +204,7 @@ TEST_F(ALogFileThatCannotBeWritten, DoesNotGrowWhenItsOldFilesCannotBeRenamed) {
     const Ended ended = RunInChild({}, [this] {
         const auto log = Open(200, 2);
         for (int i = 0; i < 50; ++i)
-            Say(*log, std::to_string(i));
+            LogInfo(*log, std::to_string(i));
     });
     EXPECT_EQ(ended.Lines(), Lines{"The log loses records: " + path + ".1: Is a directory"});
     EXPECT_LE(Content(path).size(), 200U);
@@ -219,12 +219,12 @@ TEST_F(ALogFileThatCannotBeWritten, EndsAHalfWrittenLineBeforeTheNextRecord) {
         limit.rlim_cur = 60;
         ::setrlimit(RLIMIT_FSIZE, &limit);
         const auto log = Open(100000, 3);
-        Say(*log, "first");
-        Say(*log, "second");
-        Say(*log, "third");
+        LogInfo(*log, "first");
+        LogInfo(*log, "second");
+        LogInfo(*log, "third");
         limit.rlim_cur = whole;
         ::setrlimit(RLIMIT_FSIZE, &limit);
-        Say(*log, "fourth");
+        LogInfo(*log, "fourth");
     });
     EXPECT_EQ(ended.exitStatus, 0) << "signal " << ended.signal;
     const Lines lines = LinesIn(path);
@@ -283,9 +283,9 @@ TEST_F(ARecord, OfACancelledThreadIsWrittenBeforeTheThreadEnds) {
     const auto log = Open(100000, 3);
     std::thread thread([&log] {
         ::pthread_cancel(::pthread_self());
-        Say(*log, "last words");
+        LogInfo(*log, "last words");
         ::pthread_testcancel();
-        Say(*log, "never said");
+        LogInfo(*log, "never said");
     });
     thread.join();
     EXPECT_EQ(LinesIn(path), Lines{"info [Test] last words"});

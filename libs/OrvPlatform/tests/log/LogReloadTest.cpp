@@ -49,7 +49,7 @@ protected:
     std::map<std::string, std::string> variables;
 };
 
-void SayAllLevels(Logger& logger) {
+void LogAllLevels(Logger& logger) {
     logger.Trace() << "trace";
     logger.Debug() << "debug";
     logger.Warning() << "warning";
@@ -66,13 +66,13 @@ TEST_F(LevelsThatChange, ApplyToLoggersThatExist) {
     EXPECT_EQ(
         Logged([this] {
             Logger logger("L", 0);
-            SayAllLevels(logger);
+            LogAllLevels(logger);
             PutLevel("debug");
             ReloadLogLevels();
-            SayAllLevels(logger);
+            LogAllLevels(logger);
             PutLevel("warning");
             ReloadLogLevels();
-            SayAllLevels(logger);
+            LogAllLevels(logger);
         }),
         (Lines{"error [L] error", "info [GatewayConfig] The levels of the log are now debug", "debug [L] debug",
                "warning [L] warning", "error [L] error", "info [GatewayConfig] The levels of the log are now warning",
@@ -100,7 +100,7 @@ TEST_F(LevelsThatChange, NeverLowerWhatALoggerWasMadeWith) {
                   Logger logger("L", 3);
                   PutLevel("trace,GatewayConfig=off");
                   ReloadLogLevels();
-                  SayAllLevels(logger);
+                  LogAllLevels(logger);
               }),
               (Lines{"warning [L] warning", "error [L] error"}));
 }
@@ -111,7 +111,7 @@ TEST_F(LevelsThatChange, ApplyToLoggersThatAreMadeLater) {
                   PutLevel("warning,GatewayConfig=off");
                   ReloadLogLevels();
                   Logger logger("L", 0);
-                  SayAllLevels(logger);
+                  LogAllLevels(logger);
               }),
               (Lines{"warning [L] warning", "error [L] error"}));
 }
@@ -163,7 +163,7 @@ TEST_F(LevelsThatChange, StayWhenTheFileIsAtFault) {
             MustFail();
             std::filesystem::remove(file);
             MustFail();
-            SayAllLevels(logger);
+            LogAllLevels(logger);
         }),
         (Lines{"error [GatewayConfig] " + file +
                    ":2: [log] level = \"loud\" is not valid, warning stays in force. Valid: trace, debug, info, "

@@ -33,7 +33,7 @@ protected:
 
 TEST_F(StandardError, TakesWholeLines) {
     LogChannel log(MakeStderrSink(ends[1]));
-    Say(log, "text");
+    LogInfo(log, "text");
     char buffer[200] = {};
     const auto count = ::read(ends[0], buffer, sizeof buffer);
     EXPECT_EQ(WithoutTime(std::string(buffer, static_cast<std::size_t>(count))), "info [Test] text\n");
@@ -73,7 +73,7 @@ TEST_F(StandardErrorToTheJournal, IsPlainWhenItWasLedElsewhere) {
     ASSERT_EQ(::pipe2(other, O_CLOEXEC), 0);
     NameJournal(other[1]);
     LogChannel log(MakeStderrSink(ends[1]));
-    Say(log, "text");
+    LogInfo(log, "text");
     EXPECT_EQ(WithoutTime(Received()), "info [Test] text\n");
     ::close(other[0]);
     ::close(other[1]);
@@ -91,7 +91,7 @@ TEST_F(StandardErrorWithoutAReader, DoesNotEndTheProgram) {
     const Ended ended = RunInChild({}, [this] {
         std::signal(SIGPIPE, SIG_DFL);
         LogChannel log(MakeStderrSink(ends[1]));
-        Say(log, "lost");
+        LogInfo(log, "lost");
     });
     EXPECT_EQ(ended.exitStatus, 0) << "signal " << ended.signal;
     EXPECT_EQ(ended.Lines(), Lines{"The log loses records: standard error: Broken pipe"});
@@ -101,7 +101,7 @@ TEST_F(StandardErrorWithoutAReader, LeavesThePipeSignalAsTheProgramHasIt) {
     const Ended ended = RunInChild({}, [this] {
         std::signal(SIGPIPE, SIG_DFL);
         LogChannel log(MakeStderrSink(ends[1]));
-        Say(log, "lost");
+        LogInfo(log, "lost");
         ::raise(SIGPIPE);
     });
     EXPECT_EQ(ended.Lines().size(), 1U);
@@ -155,21 +155,21 @@ TEST_F(ASyslogDaemon, GetsADatagramARecordWithTheDaemonFacilityAndNoTime) {
 }
 
 TEST_F(ASyslogDaemon, IsFoundAgainAfterItsRestart) {
-    Say(log, "before");
+    LogInfo(log, "before");
     EXPECT_EQ(Receive(), Header(30) + "info [Test] before");
     Stop();
     Start();
-    Say(log, "after");
+    LogInfo(log, "after");
     EXPECT_EQ(Receive(), Header(30) + "info [Test] after");
 }
 
 TEST_F(ASyslogDaemon, ThatIsGoneCostsTheRecordsOnly) {
     const Ended ended = RunInChild({}, [this] {
         Stop();
-        Say(log, "lost");
-        Say(log, "lost");
+        LogInfo(log, "lost");
+        LogInfo(log, "lost");
         Start();
-        Say(log, "after");
+        LogInfo(log, "after");
         for (int i = 0; i < 2; ++i)
             std::fprintf(stderr, "%s\n", Receive().substr(Header(30).size()).c_str());
     });
@@ -183,14 +183,14 @@ TEST_F(ASyslogDaemon, ThatHangsCostsTheRecordsOnly) {
     const Ended ended = RunInChild({}, [this] {
         // More than any socket queue takes; a sink that waits for the daemon never comes to the end.
         for (int i = 0; i < 20000; ++i)
-            Say(log, "text");
+            LogInfo(log, "text");
     });
     EXPECT_EQ(ended.exitStatus, 0) << "signal " << ended.signal;
     EXPECT_EQ(ended.Lines(), Lines{"The log loses records: " + path + ": Resource temporarily unavailable"});
 }
 
 TEST_F(ASyslogDaemon, GetsTheBeginningOfARecordThatIsTooLong) {
-    Say(log, std::string(1024 * 1024, 'x'));
+    LogInfo(log, std::string(1024 * 1024, 'x'));
     EXPECT_EQ(Receive(),
               Header(30) + "info [Test] " + std::string(MAX_RECORD_BYTES, 'x') + " [cut, 1048576 bytes in all]");
 }
@@ -205,7 +205,7 @@ protected:
         for (int thread = 0; thread < threads; ++thread)
             all.emplace_back([&log, thread] {
                 for (int i = 0; i < records; ++i)
-                    Say(log, std::to_string(thread) + " " + std::to_string(i));
+                    LogInfo(log, std::to_string(thread) + " " + std::to_string(i));
             });
         for (std::thread& thread : all)
             thread.join();
@@ -261,7 +261,7 @@ TEST_F(SeveralThreadsAndASyslogDaemon, LoseNothingThatTheDaemonTakes) {
     for (int thread = 0; thread < threads; ++thread)
         all.emplace_back([this, thread, &sent, &received] {
             for (int i = 0; i < records; ++i) {
-                Say(log, "text " + std::to_string(thread));
+                LogInfo(log, "text " + std::to_string(thread));
                 // Never more under way than a socket queue takes.
                 for (++sent; sent - received > 5;)
                     std::this_thread::yield();
@@ -269,7 +269,7 @@ TEST_F(SeveralThreadsAndASyslogDaemon, LoseNothingThatTheDaemonTakes) {
         });
     for (std::thread& thread : all)
         thread.join();
-    Say(log, "the end");
+    LogInfo(log, "the end");
     daemon.join();
     EXPECT_EQ(received, threads * records);
 }

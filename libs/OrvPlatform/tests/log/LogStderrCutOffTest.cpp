@@ -23,7 +23,7 @@ protected:
         const int little = 1;
         ::setsockopt(writer, SOL_SOCKET, SO_SNDBUF, &little, sizeof little);
         log = std::make_unique<LogChannel>(MakeStderrSink(writer));
-        Say(*log, std::string(8000, 'x'));
+        LogInfo(*log, std::string(8000, 'x'));
         begin = Drain(reader);
         EXPECT_EQ(begin.back(), 'x') << "the record is not cut off";
     }
@@ -41,7 +41,7 @@ protected:
 TEST_F(ARecordThatASocketHasCutOff, IsFinishedBeforeTheNextOne) {
     std::string text = begin;
     while (text.find("after") == std::string::npos) {
-        Say(*log, "after");
+        LogInfo(*log, "after");
         const std::string more = Drain(reader);
         ASSERT_NE(more, "");
         text += more;
@@ -56,8 +56,8 @@ TEST_F(ARecordThatASocketHasCutOff, IsNotFinishedElsewhereButCounted) {
     OpenPipe(laterReader, laterWriter);
     ::dup2(laterWriter, writer);
     testing::internal::CaptureStderr();
-    Say(*log, "after");
-    Say(*log, "later");
+    LogInfo(*log, "after");
+    LogInfo(*log, "later");
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "The log loses records: standard error was replaced in the middle of a record\n");
     EXPECT_EQ(NextLines(laterReader, 3), (Lines{"info [Test] after", "info [Test] later",
@@ -69,11 +69,11 @@ TEST_F(ARecordThatASocketHasCutOff, IsNotFinishedElsewhereButCounted) {
 
 TEST_F(ARecordThatASocketHasCutOff, IsFinishedByTheProcessThatBeganIt) {
     const Ended child = RunInChild({}, [this] {
-        Say(*log, "after, in the child");
+        LogInfo(*log, "after, in the child");
         std::fputs(Drain(reader).c_str(), stderr);
     });
     EXPECT_EQ(child.Lines(), Lines{"info [Test] after, in the child"});
-    Say(*log, "after, in the parent");
+    LogInfo(*log, "after, in the parent");
     EXPECT_EQ(Drain(reader).front(), 'x');
 }
 
@@ -84,7 +84,7 @@ TEST(StandardErrorInAFile, MayHaveADateBeyond2038) {
     const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     ASSERT_EQ(std::system(("touch -d 2040-01-01 " + path).c_str()), 0); // NOLINT(concurrency-mt-unsafe)
     LogChannel log(MakeStderrSink(file));
-    Say(log, "text");
+    LogInfo(log, "text");
     ::close(file);
     EXPECT_EQ(LinesIn(path), Lines{"info [Test] text"});
 }
@@ -93,7 +93,7 @@ TEST(StandardErrorOnAFullDisk, CostsTheRecordsOnly) {
     const int full = ::open("/dev/full", O_WRONLY | O_CLOEXEC);
     const Ended ended = RunInChild({}, [full] {
         LogChannel log(MakeStderrSink(full));
-        Say(log, "lost");
+        LogInfo(log, "lost");
     });
     EXPECT_EQ(ended.Lines(), Lines{"The log loses records: standard error: No space left on device"});
     ::close(full);

@@ -65,9 +65,9 @@ protected:
     }
 
     /// More than any reader leaves room for, each as long as `bytes` or a little longer.
-    static void SayTooMuch(LogChannel& log, std::size_t bytes) {
+    static void LogTooMuch(LogChannel& log, std::size_t bytes) {
         for (std::size_t i = 0; i < TooMany(bytes); ++i)
-            Say(log, std::to_string(i) + std::string(bytes, 'x') + "end");
+            LogInfo(log, std::to_string(i) + std::string(bytes, 'x') + "end");
     }
 
     /// Nothing but whole records in their order, and in the end the truth about how many are missing.
@@ -79,7 +79,7 @@ protected:
         std::size_t said = TooMany(bytes);
         std::size_t accountedFor = 0;
         OrvTest::WaitUntil([&] {
-            Say(log, "after");
+            LogInfo(log, "after");
             ++said;
             text += Drain(reader); // a terminal may need some time to have room again
             accountedFor = 0;
@@ -122,7 +122,7 @@ INSTANTIATE_TEST_SUITE_P(Kinds, StandardErrorOf,
 TEST_P(StandardErrorOf, ThatNobodyReadsIsNotWaitedFor) {
     Run([this] {
         LogChannel log(MakeStderrSink(writer));
-        SayTooMuch(log, 100);
+        LogTooMuch(log, 100);
         ExpectWholeRecordsAndTheCountOfTheOthers(log, 100);
     });
 }
@@ -130,7 +130,7 @@ TEST_P(StandardErrorOf, ThatNobodyReadsIsNotWaitedFor) {
 TEST_P(StandardErrorOf, ThatNobodyReadsIsNotWaitedForWithLongRecords) {
     Run([this] {
         LogChannel log(MakeStderrSink(writer));
-        SayTooMuch(log, 7000);
+        LogTooMuch(log, 7000);
         ExpectWholeRecordsAndTheCountOfTheOthers(log, 7000);
     });
 }
@@ -149,9 +149,9 @@ TEST_P(StandardErrorOf, ThatNobodyReadsIsNotWaitedForWithoutAFreeDescriptor) {
         LogChannel log(MakeStderrSink(writer));
         {
             const NoDescriptorToSpare tight;
-            Say(log, "first");
+            LogInfo(log, "first");
             EXPECT_EQ(NextLines(reader, 1), Lines{"info [Test] first"});
-            SayTooMuch(log, 100);
+            LogTooMuch(log, 100);
         }
         ExpectWholeRecordsAndTheCountOfTheOthers(log, 100);
     });
@@ -160,7 +160,7 @@ TEST_P(StandardErrorOf, ThatNobodyReadsIsNotWaitedForWithoutAFreeDescriptor) {
 TEST_P(StandardErrorOf, KeepsTheFlagsThatItSharesWithOtherPrograms) {
     const int before = ::fcntl(writer, F_GETFL);
     LogChannel log(MakeStderrSink(writer));
-    Say(log, "text");
+    LogInfo(log, "text");
     EXPECT_EQ(::fcntl(writer, F_GETFL), before);
 }
 
@@ -170,7 +170,7 @@ TEST_P(StandardErrorOf, KeepsTheOrderWithWhatTheProgramItselfWrites) {
     std::string text;
     for (int i = 0; i < 10; ++i) {
         ASSERT_EQ(::write(writer, "own\n", 4), 4);
-        Say(log, std::to_string(i));
+        LogInfo(log, std::to_string(i));
         expected.insert(expected.end(), {"own", "info [Test] " + std::to_string(i)});
     }
     EXPECT_EQ(NextLines(reader, expected.size()), expected);
@@ -178,12 +178,12 @@ TEST_P(StandardErrorOf, KeepsTheOrderWithWhatTheProgramItselfWrites) {
 
 TEST_P(StandardErrorOf, IsTakenAsItIsAtTheTimeOfTheRecord) {
     LogChannel log(MakeStderrSink(writer));
-    Say(log, "before");
+    LogInfo(log, "before");
     int laterReader = -1;
     int laterWriter = -1;
     OpenPipe(laterReader, laterWriter);
     ASSERT_EQ(::dup2(laterWriter, writer), writer);
-    Say(log, "after");
+    LogInfo(log, "after");
     EXPECT_EQ(NextLines(reader, 1), Lines{"info [Test] before"});
     EXPECT_EQ(NextLines(laterReader, 1), Lines{"info [Test] after"});
     // Nothing keeps the former one open: who reads it sees the end.
@@ -199,9 +199,9 @@ TEST_P(StandardErrorOf, MayBeClosedForATime) {
         LogChannel log(MakeStderrSink(writer));
         const int kept = ::dup(writer);
         ::close(writer);
-        Say(log, "lost");
+        LogInfo(log, "lost");
         ::dup2(kept, writer);
-        Say(log, "after");
+        LogInfo(log, "after");
         EXPECT_EQ(NextLines(reader, 2).at(0), "info [Test] after");
     });
 }
@@ -214,7 +214,7 @@ TEST_P(StandardErrorOfAPipe, LosesNothingOfABurstThatThePipeTakes) {
     Lines expected;
     for (int i = 0; i < 400; ++i) {
         const std::string text = std::to_string(i) + std::string(100, 'x');
-        Say(log, text);
+        LogInfo(log, text);
         expected.push_back("info [Test] " + text);
     }
     EXPECT_EQ(NextLines(reader, expected.size()), expected);
@@ -226,8 +226,8 @@ TEST_P(StandardErrorOfAPipe, TakesALongRecordWholeOrNotAtAll) {
         LogChannel log(MakeStderrSink(writer));
         testing::internal::CaptureStderr();
         for (int i = 0; i < 20; ++i) {
-            Say(log, std::string(bytes, 'x'));
-            Say(log, "short");
+            LogInfo(log, std::string(bytes, 'x'));
+            LogInfo(log, "short");
         }
         testing::internal::GetCapturedStderr();
         EXPECT_EQ(Drain(reader).back(), '\n') << bytes;
@@ -261,10 +261,10 @@ TEST_P(StandardErrorOfATerminal, ThatAPersonHasStoppedIsNotWaitedFor) {
     Run([this] {
         LogChannel log(MakeStderrSink(writer));
         ASSERT_EQ(::tcflow(writer, TCOOFF), 0);
-        Say(log, "lost");
-        Say(log, "lost");
+        LogInfo(log, "lost");
+        LogInfo(log, "lost");
         ASSERT_EQ(::tcflow(writer, TCOON), 0);
-        Say(log, "after");
+        LogInfo(log, "after");
         EXPECT_EQ(NextLines(reader, 2),
                   (Lines{"info [Test] after", "warning [Log] 2 records were lost before the previous one "
                                               "(standard error: its reader does not keep up)"}));

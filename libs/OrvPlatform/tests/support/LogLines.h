@@ -18,7 +18,7 @@ inline Lines LinesIn(const std::string& path) {
     return lines;
 }
 
-inline void Say(LogChannel& log, const std::string& text, bool flush = false) {
+inline void LogInfo(LogChannel& log, const std::string& text, bool flush = false) {
     LogRecord record{LogLevel::INFO, "Test", {}, text};
     record.flush = flush;
     log.Write(record);

@@ -122,7 +122,7 @@ void PrivateBus::Start() {
     daemon->ReadLine();
 }
 
-int PrivateBus::TurnAway(int connections, const std::function<void()>& begin) const {
+int PrivateBus::RefuseConnections(int connections, const std::function<void()>& begin) const {
     constexpr int PATIENCE_MS = 20'000;
     sockaddr_un address{};
     address.sun_family = AF_UNIX;

@@ -44,7 +44,7 @@ public:
     void Thaw() const;
     /// In the place of a stopped bus: calls `begin`, then accepts and closes so many connections.
     /// @return how many came in good time
-    int TurnAway(int connections, const std::function<void()>& begin) const;
+    int RefuseConnections(int connections, const std::function<void()>& begin) const;
     std::string Address() const { return "unix:path=" + folder + "/bus"; }
 
 private:

@@ -29,7 +29,7 @@ public:
     bool Publish(MqttMessage message);
     void Disconnect();
     /// Breaks the connection off, so that the broker speaks the last will.
-    void BreakOff() { socket.Close(); }
+    void DropConnection() { socket.Close(); }
 
     std::optional<MqttMessage> NextMessage(std::chrono::milliseconds limit = PATIENCE);
     /// The next message on that topic; others before it are dropped.

@@ -21,23 +21,23 @@ const std::string FEATURES = "/orv/apps_control/features/";
 /// An application that notes what it is told.
 class Listener : public IOrvStackClientHandler {
 public:
-    void OnInitConfirmation(const Confirmation& answer) override { Hear("init " + ConfirmationText(answer)); }
-    void OnAppActionIndication(const AppAction& action) override { Hear(AppActionText(action)); }
+    void OnInitConfirmation(const Confirmation& answer) override { Record("init " + ConfirmationText(answer)); }
+    void OnAppActionIndication(const AppAction& action) override { Record(AppActionText(action)); }
     void OnAppStatusIndication(const std::string&, const AppStatus&) override {}
-    void OnDeviceProbeIndication(const std::string& guid) override { Hear("panel " + guid); }
-    void OnDeviceOnlineStatusIndication(bool online) override { Hear(online ? "panel up" : "panel down"); }
+    void OnDeviceProbeIndication(const std::string& guid) override { Record("panel " + guid); }
+    void OnDeviceOnlineStatusIndication(bool online) override { Record(online ? "panel up" : "panel down"); }
     void OnDeviceCellularStatusIndication(const CellularStatus& item, const std::string& value) override {
-        Hear(CellularStatusText(item) + " " + value);
+        Record(CellularStatusText(item) + " " + value);
     }
     void OnFeatureShutdownReadinessIndication(const std::string& app, bool ready) override {
-        Hear(app + (ready ? " ready" : " not ready"));
+        Record(app + (ready ? " ready" : " not ready"));
     }
 
     Lines heard;
     std::function<void()> then;
 
 private:
-    void Hear(const std::string& line) {
+    void Record(const std::string& line) {
         heard.push_back(line);
         if (then)
             then();

@@ -45,7 +45,7 @@ public:
         const std::lock_guard<std::mutex> lock(mutex);
         return static_cast<std::size_t>(std::count(lines.begin(), lines.end(), line));
     }
-    bool WasTold(const std::string& line) const {
+    bool HasReceived(const std::string& line) const {
         return WaitUntil([&] { return Count(line) != 0; });
     }
 

@@ -75,7 +75,7 @@ TEST_F(OnARealBroker, TheWillIsSilentAfterDeInit) {
 TEST_F(OnARealBroker, TheWillNamesTheFeatureOfTheLastInit) {
     Begin("alarm");
     Publish("/orv/panel/guid", "quiet now");
-    EXPECT_TRUE(application->WasTold("guid quiet now")); // the name must not change under a message
+    EXPECT_TRUE(application->HasReceived("guid quiet now")); // the name must not change under a message
     client->Init("door");
     client.reset();
     EXPECT_EQ(Seen(FEATURES + "door/available"), "false");
@@ -97,7 +97,7 @@ TEST_F(OnARealBroker, AllSubscriptionsAreInForce) {
     };
     for (const auto& [topic, payload, line] : messages) {
         Publish(topic, payload);
-        EXPECT_TRUE(application->WasTold(line)) << topic;
+        EXPECT_TRUE(application->HasReceived(line)) << topic;
     }
 }
 
@@ -110,7 +110,7 @@ TEST_F(OnARealBroker, WhatWasRetainedBeforeIsToldAfterTheConfirmation) {
             confirmedFirst = false;
     };
     Begin("alarm");
-    EXPECT_TRUE(application->WasTold("guid 4711"));
+    EXPECT_TRUE(application->HasReceived("guid 4711"));
     // Two filters match it, and each brings the retained message.
     EXPECT_TRUE(WaitUntil([&] { return application->Count("ready door") == 2; }));
     EXPECT_TRUE(confirmedFirst);
@@ -119,7 +119,7 @@ TEST_F(OnARealBroker, WhatWasRetainedBeforeIsToldAfterTheConfirmation) {
 TEST_F(OnARealBroker, AnOrderToOneselfComesBack) {
     Begin("alarm");
     client->AppActionRequest("alarm", AppAction::DISABLED);
-    EXPECT_TRUE(application->WasTold("action DISABLED"));
+    EXPECT_TRUE(application->HasReceived("action DISABLED"));
     EXPECT_EQ(application->Count("status alarm available"), 0U);
 }
 
@@ -138,7 +138,7 @@ TEST_F(OnARealBroker, ALargePayloadOfAnyBytesArrivesWhole) {
     std::string payload(1U << 20U, '\0');
     payload.back() = '\xff';
     Publish("/orv/modem/sim/provider", payload);
-    EXPECT_TRUE(application->WasTold("PROVIDER " + payload));
+    EXPECT_TRUE(application->HasReceived("PROVIDER " + payload));
 }
 
 TEST_F(OnARealBroker, AnApplicationMayPublishInsideACallback) {
@@ -205,7 +205,7 @@ TEST_F(OnARealBroker, AClientMayBeDestroyedWhileMessagesPourIn) {
         client->SetHandler(application);
         client->Init("alarm");
         client->Start();
-        EXPECT_TRUE(application->WasTold("guid enabled"));
+        EXPECT_TRUE(application->HasReceived("guid enabled"));
         client.reset();
     }
     enough = true;
@@ -245,7 +245,7 @@ TEST_F(WhenTheBrokerFails, InitIsAnsweredNackAndCanBeRepeated) {
     EXPECT_EQ(application->Count("init ACK"), 1U);
     RawClient publisher(Broker().Port());
     EXPECT_TRUE(publisher.Publish({"/orv/panel/guid", "4711", 1, false, false, 0}));
-    EXPECT_TRUE(application->WasTold("guid 4711"));
+    EXPECT_TRUE(application->HasReceived("guid 4711"));
 }
 
 TEST_F(WhenTheBrokerFails, SubscriptionsAndStateAreRestoredByThemselves) {
@@ -295,7 +295,7 @@ TEST_F(ASecondApplication, RunsBesideTheFirstAndTakesItsOrders) {
     EXPECT_EQ(application->Count("action RELOAD"), 0U);
     EXPECT_EQ(application->Count("status door ready"), 0U);
     client->AppActionRequest("alarm", AppAction::ENABLED);
-    EXPECT_TRUE(application->WasTold("action ENABLED"));
+    EXPECT_TRUE(application->HasReceived("action ENABLED"));
 }
 
 } // namespace
