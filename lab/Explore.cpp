@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // explore SECONDS [--from SEED] [--jobs NUMBER]   runs one seed after the other, for so long
-// explore --seed SEED [--tell]                    runs that one; with --tell each step of it is printed
+// explore --seed SEED [--trace]                  runs that one; with --trace each step of it is printed
 //
 // Each batch of seeds runs in a process of its own, so that a crash, a leak or a hang is laid at the door of its seed.
 // Exit status: 0 when nothing was found, otherwise 1, and the seed is printed.
@@ -40,15 +40,15 @@ struct Course {
     std::uint64_t steps;
 };
 
-Course RunSeed(std::uint64_t seed, bool tell) {
-    Simulation simulation(seed, tell);
+Course RunSeed(std::uint64_t seed, bool trace) {
+    Simulation simulation(seed, trace);
     Program program(simulation, seed);
     simulation.Run([&] { program.Run(); });
     return {simulation.Fingerprint(), simulation.Steps()};
 }
 
-int RunOne(std::uint64_t seed, bool tell) {
-    const Course course = RunSeed(seed, tell);
+int RunOne(std::uint64_t seed, bool trace) {
+    const Course course = RunSeed(seed, trace);
     std::printf("seed %llu: %llu steps, fingerprint %016llx\n", static_cast<unsigned long long>(seed),
                 static_cast<unsigned long long>(course.steps), static_cast<unsigned long long>(course.fingerprint));
     return 0;
@@ -172,7 +172,7 @@ int Explore(std::chrono::seconds duration, std::uint64_t from, unsigned jobs) {
 }
 
 int Misused() {
-    std::fprintf(stderr, "usage: orv-explore SECONDS [--from SEED] [--jobs NUMBER] | --seed SEED [--tell]\n");
+    std::fprintf(stderr, "usage: orv-explore SECONDS [--from SEED] [--jobs NUMBER] | --seed SEED [--trace]\n");
     return 2;
 }
 
@@ -184,11 +184,11 @@ int main(int count, char** words) {
     std::uint64_t from = std::random_device{}();
     std::uint64_t jobs = 1;
     bool one = false;
-    bool tell = false;
+    bool trace = false;
     for (int index = 1; index < count; ++index) {
         const std::string word = words[index];
-        if (word == "--tell") {
-            tell = true;
+        if (word == "--trace") {
+            trace = true;
             continue;
         }
         const bool named = word == "--seed" || word == "--from" || word == "--jobs";
@@ -201,7 +201,7 @@ int main(int count, char** words) {
         (word == "--seed" ? seed : word == "--from" ? from : word == "--jobs" ? jobs : seconds) = number;
     }
     if (one)
-        return RunOne(seed, tell);
+        return RunOne(seed, trace);
     if (seconds == 0 || jobs == 0)
         return Misused();
     return Explore(std::chrono::seconds(seconds), from, static_cast<unsigned>(jobs));

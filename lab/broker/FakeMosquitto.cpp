@@ -249,7 +249,7 @@ int mosquitto_loop_read(mosquitto* client, int /*packets*/) {
     const Packet packet = std::move(connection.toClient.front());
     connection.toClient.pop_front();
     client->lastIn = Now();
-    Simulation::Current()->Tell("    " + client->id + " reads: " + Text(packet));
+    Simulation::Current()->Trace("    " + client->id + " reads: " + Text(packet));
     const int error = Handle(client, packet);
     return error == MOSQ_ERR_SUCCESS ? error : End(client, error);
 }

@@ -40,5 +40,5 @@ struct mosquitto {
     int stood = 0;       // of them, those that lasted until everybody waited
     bool stands = false; // this connection is one of those
     OrvLab::Time late = 0;
-    OrvLab::Time heldUpBefore = 0;
+    OrvLab::Time stallTimeBefore = 0;
 };

@@ -10,16 +10,16 @@ WatchedCall::WatchedCall(Program& where, Model& whose, const char* what, Time lo
       name(what),
       limit(longest),
       awaitsCallbacks(callbacksToo),
-      heldUpBefore(program.sim.HeldUpSoFar()) {
-    program.sim.Tell("  " + program.sim.Self().name + " calls " + model.name + " " + name);
+      stallTimeBefore(program.sim.StallTimeSoFar()) {
+    program.sim.Trace("  " + program.sim.Self().name + " calls " + model.name + " " + name);
     place = program.calls.insert(program.calls.end(), this);
 }
 
 WatchedCall::~WatchedCall() {
     program.calls.erase(place);
-    const Time heldUp = program.sim.HeldUp() - heldUpBefore;
-    program.sim.Tell("  " + program.sim.Self().name + " comes back from " + model.name + " " + name);
-    if (waited > limit + heldUp)
+    const Time stallTime = program.sim.StallTime() - stallTimeBefore;
+    program.sim.Trace("  " + program.sim.Self().name + " comes back from " + model.name + " " + name);
+    if (waited > limit + stallTime)
         program.sim.Fail(model.name + ": " + name + " has waited for " +
                          std::to_string(static_cast<double>(waited) / SECOND) + " s");
 }
@@ -89,7 +89,7 @@ void LabClient::Callback(const char* which, Act act) {
     Program& where = program;
     Model& story = model; // the callback may destroy this
     story.BeginCallback(which);
-    where.sim.Tell("  " + story.name + " is called: " + which);
+    where.sim.Trace("  " + story.name + " is called: " + which);
     if (*canary != story.number)
         where.sim.Fail(story.name + ": called when its members are gone");
     where.sim.Step(which);

@@ -31,10 +31,10 @@ LogObject::~LogObject() {
         return;
     if (sim->Self().locks != 0)
         sim->Fail("writes to the log and holds a lock: " + record->text.str());
-    sim->Tell("    log: " + record->text.str());
+    sim->Trace("    log: " + record->text.str());
     sim->Step("log");
     if (OrvLab::LabLog::longestStall != 0 && sim->OneInSchedule(6))
-        sim->HoldUp(
+        sim->Stall(
             static_cast<OrvLab::Time>(sim->AnyNumber() % static_cast<std::uint64_t>(OrvLab::LabLog::longestStall)));
 }
 

@@ -205,7 +205,7 @@ void Model::Handed(const Packet& packet) {
         Fail(topic + "=" + payload + " is published, which was superseded");
 }
 
-bool Model::WasAsked(const Publication& one) {
+bool Model::WasRequested(const Publication& one) {
     return one.status != QueueOwner::MALFORMED_TOPIC && one.status != QueueOwner::PAYLOAD_TOO_LARGE;
 }
 
@@ -213,7 +213,7 @@ bool Model::WasAsked(const Publication& one) {
 bool Model::IsSuperseded(const Publication& one) const {
     return std::any_of(publications.begin(), publications.end(), [&](const Publication& other) {
         return other.topic == one.topic && (other.retained || !one.retained) && one.ended != 0 && other.ended != 0 &&
-               other.begun > one.ended && WasAsked(other);
+               other.begun > one.ended && WasRequested(other);
     });
 }
 
@@ -227,7 +227,7 @@ bool Model::IsLatestForSure(const Publication& one) const {
 std::set<std::string> Model::RetainedTopics() const {
     std::set<std::string> topics;
     for (const Publication& one : publications)
-        if (one.retained && WasAsked(one))
+        if (one.retained && WasRequested(one))
             topics.insert(one.topic);
     return topics;
 }
@@ -236,7 +236,7 @@ std::set<std::string> Model::RetainedTopics() const {
 std::vector<const Model::Publication*> Model::LatestRetained(const std::string& topic) const {
     std::vector<const Publication*> latest;
     for (const Publication& one : publications)
-        if (one.retained && one.topic == topic && WasAsked(one) && !IsSuperseded(one))
+        if (one.retained && one.topic == topic && WasRequested(one) && !IsSuperseded(one))
             latest.push_back(&one);
     return latest;
 }
@@ -252,7 +252,7 @@ void Model::CheckSettled(const ScriptedBroker& broker) const {
         if (one.session != session || one.status != QueueOwner::HANDED_OVER || !one.assured ||
             one.topic.rfind("p/", 0) != 0)
             continue;
-        if (!broker.HasHeard(one.payload))
+        if (!broker.HasReceived(one.payload))
             Fail(one.topic + "=" + one.payload + " was accepted and never arrived");
         if (one.completed != 1 && !stoppedInSession)
             Fail(one.topic + "=" + one.payload + " was accepted and never acknowledged");
@@ -269,7 +269,7 @@ void Model::CheckSettled(const ScriptedBroker& broker) const {
 void Model::CheckRestored(const Connection& connection, const ScriptedBroker& broker) const {
     std::set<std::pair<std::string, int>> subscribed;
     std::vector<Packet> announced;
-    for (const Packet& packet : connection.heard) {
+    for (const Packet& packet : connection.received) {
         if (packet.type == Packet::Type::SUBSCRIBE) {
             if (!announced.empty())
                 Fail("subscribes after it has announced");
@@ -320,7 +320,7 @@ void Model::CheckAnnounced(const std::vector<Packet>& announced) const {
     for (const Packet& packet : announced) {
         const auto asked = std::find_if(publications.begin(), publications.end(), [&](const Publication& one) {
             return one.topic == packet.topic && one.payload == packet.payload && one.retained == packet.retained &&
-                   one.assured == (packet.qos > 0) && WasAsked(one) && !IsSuperseded(one);
+                   one.assured == (packet.qos > 0) && WasRequested(one) && !IsSuperseded(one);
         });
         if (asked == publications.end())
             Fail("announces " + Text(packet) + ", which is not what was asked last");
@@ -332,7 +332,7 @@ void Model::CheckAnnounced(const std::vector<Packet>& announced) const {
     const bool hasPlain =
         std::any_of(announced.begin(), announced.end(), [](const Packet& packet) { return !packet.retained; });
     for (const Publication& one : publications)
-        if (!one.retained && one.topic == willTopic && one.session == session && WasAsked(one) && !hasPlain &&
+        if (!one.retained && one.topic == willTopic && one.session == session && WasRequested(one) && !hasPlain &&
             IsLatestForSure(one))
             Fail("does not announce " + one.topic + "=" + one.payload + ", the latest on the will's topic");
 }

@@ -97,7 +97,7 @@ private:
     void BeginLifecycle();
     void EndLifecycle(bool isUp);
     bool IsState(const Publication& one) const { return one.retained || willTopics.count(one.topic) != 0; }
-    static bool WasAsked(const Publication& one);
+    static bool WasRequested(const Publication& one);
     bool IsSuperseded(const Publication& one) const;
     bool IsLatestForSure(const Publication& one) const;
     std::vector<const Publication*> LatestRetained(const std::string& topic) const;

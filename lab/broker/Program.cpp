@@ -101,9 +101,10 @@ void Program::ApplicationThread() {
 }
 
 void Program::BrokerThread() {
-    using Mood = ScriptedBroker::Mood;
-    constexpr Mood MOODS[] = {Mood::HEALTHY, Mood::FLAKY, Mood::REFUSING, Mood::FROZEN, Mood::DOWN};
-    broker.SetMood(MOODS[random.Weighted({4, 4, 0, 0, 1})]);
+    using Behaviour = ScriptedBroker::Behaviour;
+    constexpr Behaviour BEHAVIOURS[] = {Behaviour::HEALTHY, Behaviour::FLAKY, Behaviour::REFUSING, Behaviour::FROZEN,
+                                        Behaviour::DOWN};
+    broker.SetBehaviour(BEHAVIOURS[random.Weighted({4, 4, 0, 0, 1})]);
     while (threadsLeft > 0) {
         sim.Sleep(static_cast<Time>(random.Below(random.OneIn(3) ? 4000 : 200)) * MILLISECOND);
         switch (random.Weighted({8, 3, 2, 1})) {
@@ -111,7 +112,7 @@ void Program::BrokerThread() {
             broker.Send(TOPIC_OF_MESSAGES);
             break;
         case 1:
-            broker.SetMood(MOODS[random.Weighted({6, 4, 1, 2, 2})]);
+            broker.SetBehaviour(BEHAVIOURS[random.Weighted({6, 4, 1, 2, 2})]);
             break;
         case 2:
             broker.DropAll();
@@ -226,7 +227,7 @@ void Program::Collect() {
     constexpr Time SETTLED = 20 * SECOND;
     broker.Heal();
     LabLog::longestStall = 0;
-    sim.HesitateNoMore();
+    sim.DisableStalls();
     sim.Sleep(SETTLED);
     for (const auto& slot : slots)
         if (slot)

@@ -68,7 +68,7 @@ private:
     const char* const name;
     const Time limit;
     const bool awaitsCallbacks;
-    const Time heldUpBefore;
+    const Time stallTimeBefore;
     Time waited = 0;
     std::list<WatchedCall*>::iterator place;
 };

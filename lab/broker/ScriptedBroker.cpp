@@ -47,7 +47,7 @@ long Connection::Receive(void* /*buffer*/, std::size_t size) {
 }
 
 bool ScriptedBroker::IsServed(const Connection& connection) const {
-    return mood != Mood::FROZEN && connection.fate != Connection::Fate::MUTE;
+    return behaviour != Behaviour::FROZEN && connection.fate != Connection::Fate::MUTE;
 }
 
 Time ScriptedBroker::NextEvent() const {
@@ -89,10 +89,10 @@ void ScriptedBroker::Advance(Time now) {
                       connections.end());
 }
 
-void ScriptedBroker::SetMood(Mood changed) {
-    if (changed == Mood::DOWN)
+void ScriptedBroker::SetBehaviour(Behaviour changed) {
+    if (changed == Behaviour::DOWN)
         Restart();
-    mood = changed;
+    behaviour = changed;
 }
 
 void ScriptedBroker::DropAll() {
@@ -109,7 +109,7 @@ void ScriptedBroker::Restart() {
 }
 
 void ScriptedBroker::Heal() {
-    mood = Mood::HEALTHY;
+    behaviour = Behaviour::HEALTHY;
     healed = true;
     for (const auto& connection : connections) {
         if (connection->fate == Connection::Fate::MUTE && !connection->isAccepted)
@@ -135,7 +135,7 @@ void ScriptedBroker::Send(const std::string& topic) {
 }
 
 std::shared_ptr<Connection> ScriptedBroker::Accept() {
-    if (mood == Mood::DOWN)
+    if (behaviour == Behaviour::DOWN)
         return nullptr;
     auto connection = std::make_shared<Connection>();
     connection->number = ++accepted;
@@ -147,7 +147,7 @@ std::shared_ptr<Connection> ScriptedBroker::Accept() {
         connection->latency = MILLISECOND;
         connection->window = 1000;
     }
-    if (mood == Mood::FLAKY)
+    if (behaviour == Behaviour::FLAKY)
         DrawFate(*connection);
     connections.push_back(connection);
     return connection;
@@ -172,11 +172,11 @@ void ScriptedBroker::Read(Connection& connection) {
         const Packet packet = std::move(connection.toBroker.front());
         connection.toBroker.pop_front();
         connection.lastHeard = sim.Now();
-        connection.heard.push_back(packet);
-        sim.Tell("    broker reads from " + connection.client + ": " + Text(packet));
+        connection.received.push_back(packet);
+        sim.Trace("    broker reads from " + connection.client + ": " + Text(packet));
         Handle(connection, packet);
         if (connection.isAccepted && --connection.packetsUntilFate == 0)
-            Meet(connection);
+            ApplyFate(connection);
     }
     if (connection.toBroker.empty() && connection.clientGone && !connection.closed)
         Close(connection);
@@ -216,7 +216,7 @@ void ScriptedBroker::Handle(Connection& connection, const Packet& packet) {
 }
 
 void ScriptedBroker::Keep(const Packet& publication) {
-    heard.insert(publication.payload);
+    received.insert(publication.payload);
     if (!publication.retained)
         return;
     if (publication.payload.empty())
@@ -232,7 +232,7 @@ void ScriptedBroker::OnConnect(Connection& connection, const Packet& packet) {
         Close(connection);
         return;
     }
-    if (connection.fate == Fate::REFUSED || mood == Mood::REFUSING) {
+    if (connection.fate == Fate::REFUSED || behaviour == Behaviour::REFUSING) {
         Reply(connection, Plain(Packet::Type::CONNACK, 0, random.Between(1, 6)));
         connection.closing = true;
         return;
@@ -249,11 +249,11 @@ void ScriptedBroker::OnConnect(Connection& connection, const Packet& packet) {
     if (connection.fate == Fate::EVICTED)
         connection.closing = true;
     if (connection.packetsUntilFate == 0)
-        Meet(connection);
+        ApplyFate(connection);
 }
 
 // What was drawn for this connection comes true.
-void ScriptedBroker::Meet(Connection& connection) {
+void ScriptedBroker::ApplyFate(Connection& connection) {
     switch (connection.fate) {
     case Connection::Fate::DROPPED_LATER:
         Close(connection);
@@ -283,7 +283,7 @@ void ScriptedBroker::Reply(Connection& connection, Packet packet, Time later) {
 void ScriptedBroker::Close(Connection& connection) {
     if (connection.closed)
         return;
-    sim.Tell("    broker closes the connection of " + connection.client);
+    sim.Trace("    broker closes the connection of " + connection.client);
     connection.closed = true;
     // What was on its way arrives, but for a reset.
     if (random.OneIn(3))

@@ -97,15 +97,15 @@ public:
     bool closed = false;     // by the broker
 
     std::map<std::string, int> filters;
-    std::vector<Packet> heard; // everything that the broker has read
-    unsigned messages = 0;     // sent to the client
+    std::vector<Packet> received; // everything that the broker has read
+    unsigned messages = 0;        // sent to the client
     int nextId = 1;
 };
 
 /// A broker at the edge of the client library: what it does follows from the seed and from what it is told.
 class ScriptedBroker final : public Surroundings {
 public:
-    enum class Mood { HEALTHY, FLAKY, REFUSING, FROZEN, DOWN };
+    enum class Behaviour { HEALTHY, FLAKY, REFUSING, FROZEN, DOWN };
 
     ScriptedBroker(Simulation& simulation, std::uint64_t seed) : sim(simulation), random(seed) {}
 
@@ -114,7 +114,7 @@ public:
 
     /// @name What happens to it
     /// @{
-    void SetMood(Mood mood);
+    void SetBehaviour(Behaviour behaviour);
     void DropAll();
     /// Ends every connection and forgets what it has retained.
     void Restart();
@@ -132,7 +132,7 @@ public:
     Connection* Of(const std::string& client) const;
     const std::map<std::string, std::string>& Retained() const { return retained; }
     /// Payloads of all publications that it has ever read.
-    bool HasHeard(const std::string& payload) const { return heard.count(payload) != 0; }
+    bool HasReceived(const std::string& payload) const { return received.count(payload) != 0; }
 
 private:
     void DrawFate(Connection& connection);
@@ -140,7 +140,7 @@ private:
     void Handle(Connection& connection, const Packet& packet);
     void OnConnect(Connection& connection, const Packet& packet);
     void Reply(Connection& connection, Packet packet, Time later = 0);
-    void Meet(Connection& connection);
+    void ApplyFate(Connection& connection);
     void Close(Connection& connection);
     void SpeakLastWill(Connection& connection);
     void Keep(const Packet& publication);
@@ -148,12 +148,12 @@ private:
 
     Simulation& sim;
     Random random;
-    Mood mood = Mood::HEALTHY;
+    Behaviour behaviour = Behaviour::HEALTHY;
     std::vector<std::shared_ptr<Connection>> connections;
     bool healed = false;
     int accepted = 0;
     std::map<std::string, std::string> retained;
-    std::set<std::string> heard;
+    std::set<std::string> received;
 };
 
 } // namespace OrvLab

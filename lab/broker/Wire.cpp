@@ -45,7 +45,7 @@ Wire::Connections Wire::ConnectionsOf(const std::string& id) {
 
 void Wire::Jumped(Time by) {
     Simulation& sim = *Simulation::Current();
-    const bool everybodyWaits = sim.HeldUp() == sim.HeldUpSoFar();
+    const bool everybodyWaits = sim.StallTime() == sim.StallTimeSoFar();
     for (mosquitto* client : Living()) {
         if (client->isActive && !client->stands && everybodyWaits) {
             client->stands = true;
@@ -54,11 +54,11 @@ void Wire::Jumped(Time by) {
         const char* what = client->isActive && isAttended(client->id) ? LiesAbout(*client) : nullptr;
         if (what == nullptr) {
             client->late = 0;
-            client->heldUpBefore = sim.HeldUpSoFar();
+            client->stallTimeBefore = sim.StallTimeSoFar();
             continue;
         }
         client->late += by;
-        if (client->late > sim.HeldUp() - client->heldUpBefore)
+        if (client->late > sim.StallTime() - client->stallTimeBefore)
             sim.Fail(client->id + ": " + what + ", for " + std::to_string(static_cast<double>(client->late) / SECOND) +
                      " s");
     }

@@ -93,7 +93,7 @@ int Poll(Simulation& simulation, pollfd* all, nfds_t count, int milliseconds) {
     simulation.Step("poll");
     if (milliseconds != 0 && simulation.Self().locks != 0)
         simulation.Fail("waits in poll and holds a lock");
-    const bool interrupted = simulation.IsUnruly() && simulation.OneInSchedule(30);
+    const bool interrupted = simulation.HasSpuriousWakeUps() && simulation.OneInSchedule(30);
     if (milliseconds != 0 && !interrupted) {
         const Time deadline = milliseconds < 0 ? NEVER : simulation.Now() + milliseconds * MILLISECOND;
         simulation.Wait(

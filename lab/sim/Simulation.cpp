@@ -23,16 +23,16 @@ Simulation* Simulation::Current() {
     return current != nullptr && current->running != nullptr ? current : nullptr;
 }
 
-Simulation::Simulation(std::uint64_t number, bool tell)
+Simulation::Simulation(std::uint64_t number, bool trace)
     : seed(number),
-      telling(tell),
+      tracing(trace),
       schedule(number * 2 + 1),
       strategy(schedule.OneIn(2) ? Strategy::RANDOM : Strategy::PRIORITIES),
       stickiness(schedule.Weighted({3, 2, 0, 0, 2, 0, 0, 0, 2, 0, 0, 0, 2, 0, 2})),
       length(500U << schedule.Below(3)),
-      hesitates(schedule.OneIn(3) ? 50U << schedule.Below(4) : 0),
+      stallOdds(schedule.OneIn(3) ? 50U << schedule.Below(4) : 0),
       pace(schedule.OneIn(4) ? MILLISECOND / 2 : MICROSECOND),
-      unruly(schedule.OneIn(3)) {
+      spuriousWakeUps(schedule.OneIn(3)) {
     current = this;
 }
 
@@ -72,26 +72,26 @@ Simulation::Thread& Simulation::Start(const std::string& name, std::function<voi
 
 void Simulation::Step(const char* doing) {
     running->doing = doing;
-    if (hesitates != 0 && schedule.OneIn(hesitates)) {
+    if (stallOdds != 0 && schedule.OneIn(stallOdds)) {
         const Time longest = (schedule.OneIn(8) ? 2000 : 50) * MILLISECOND;
-        HoldUp(static_cast<Time>(schedule.Next() % static_cast<std::uint64_t>(longest)));
+        Stall(static_cast<Time>(schedule.Next() % static_cast<std::uint64_t>(longest)));
         return;
     }
     Reschedule();
 }
 
-void Simulation::HoldUp(Time duration) {
-    heldUp += duration;
-    running->heldUpUntil = now + duration;
+void Simulation::Stall(Time duration) {
+    stallTime += duration;
+    running->stalledUntil = now + duration;
     Reschedule();
 }
 
-Time Simulation::HeldUpSoFar() const {
+Time Simulation::StallTimeSoFar() const {
     Time toCome = 0;
     for (const auto& thread : threads)
-        if (!thread->ended && thread->heldUpUntil > now)
-            toCome += thread->heldUpUntil - now;
-    return heldUp - toCome;
+        if (!thread->ended && thread->stalledUntil > now)
+            toCome += thread->stalledUntil - now;
+    return stallTime - toCome;
 }
 
 bool Simulation::WaitFor(const char* doing, bool (*isReady)(void*), void* argument, Time deadline) {
@@ -143,7 +143,7 @@ std::size_t Simulation::ThreadsAlive() const {
 void Simulation::GatherReady() {
     candidates.clear();
     for (const auto& thread : threads) {
-        if (thread->ended || thread->heldUpUntil > now)
+        if (thread->ended || thread->stalledUntil > now)
             continue;
         if (thread->isReady == nullptr || thread->deadline <= now || thread->isReady(thread->readyArgument))
             candidates.push_back(thread.get());
@@ -167,8 +167,8 @@ void Simulation::Reschedule() {
     }
     Thread* next = Choose();
     Mix(static_cast<std::uint64_t>(next->number) ^ static_cast<std::uint64_t>(now) << 8U);
-    if (telling)
-        Tell(next->name + ": " + next->doing);
+    if (tracing)
+        Trace(next->name + ": " + next->doing);
     if (next == &before)
         return;
     running = next;
@@ -213,8 +213,8 @@ void Simulation::Jump() {
     for (const auto& thread : threads) {
         if (thread->ended)
             continue;
-        if (thread->heldUpUntil > now)
-            next = std::min(next, thread->heldUpUntil);
+        if (thread->stalledUntil > now)
+            next = std::min(next, thread->stalledUntil);
         else
             next = std::min(next, thread->deadline);
     }
@@ -241,8 +241,8 @@ void Simulation::Mix(std::uint64_t number) {
     fingerprint = (fingerprint ^ number) * 0x100000001b3U;
 }
 
-void Simulation::Tell(const std::string& what) {
-    if (telling)
+void Simulation::Trace(const std::string& what) {
+    if (tracing)
         std::printf("%10.6f %s\n", static_cast<double>(now - 1000 * SECOND) / SECOND, what.c_str());
 }
 

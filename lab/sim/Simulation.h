@@ -56,11 +56,11 @@ public:
         const void* condition = nullptr; // a condition variable that it waits for
         int locks = 0;                   // mutexes that it holds
         std::int64_t priority = 0;
-        Time heldUpUntil = 0; // as by a machine that does something else
+        Time stalledUntil = 0; // as by a machine that does something else
     };
 
-    /// @param tell prints each step on standard output
-    Simulation(std::uint64_t seed, bool tell);
+    /// @param trace prints each step on standard output
+    Simulation(std::uint64_t seed, bool trace);
     ~Simulation();
     Simulation(const Simulation&) = delete;
     Simulation& operator=(const Simulation&) = delete;
@@ -99,21 +99,21 @@ public:
     std::size_t ThreadsAlive() const;
 
     /// The thread that runs does nothing for so long, and it is not its fault.
-    void HoldUp(Time duration);
+    void Stall(Time duration);
     /// For how long threads were and are going to be held up, all together.
-    Time HeldUp() const { return heldUp; }
+    Time StallTime() const { return stallTime; }
     /// The same without what is still to come.
-    Time HeldUpSoFar() const;
+    Time StallTimeSoFar() const;
     /// From now on the machine has time for this program alone.
-    void HesitateNoMore() { hesitates = 0; }
+    void DisableStalls() { stallOdds = 0; }
     bool OneInSchedule(unsigned often) { return schedule.OneIn(often); }
     std::uint64_t AnyNumber() { return schedule.Next(); }
     /// Whether spurious wake-ups and interrupted calls are part of this course.
-    bool IsUnruly() const { return unruly; }
+    bool HasSpuriousWakeUps() const { return spuriousWakeUps; }
 
     /// @name What is told
     /// @{
-    void Tell(const std::string& what);
+    void Trace(const std::string& what);
     /// Something that must not be has happened: says so and ends the process with FAILED.
     [[noreturn]] void Fail(const std::string& what);
     static constexpr int FAILED = 3;
@@ -136,19 +136,19 @@ private:
     void Mix(std::uint64_t number);
 
     const std::uint64_t seed;
-    const bool telling;
+    const bool tracing;
     Random schedule;
 
     // The character of this course.
     Strategy strategy;
     unsigned stickiness;  // of 16 steps, how many are left to whoever is running
     std::uint64_t length; // a guess, for the changes of priority
-    unsigned hesitates;   // one step in so many holds its thread up; 0: none
+    unsigned stallOdds;   // one step in so many holds its thread up; 0: none
     Time pace;            // of the clock, a step at most
-    bool unruly;
+    bool spuriousWakeUps;
 
     Time now = 1000 * SECOND;
-    Time heldUp = 0;
+    Time stallTime = 0;
     std::function<void(Time)> jumpListener;
     std::uint64_t steps = 0;
     std::uint64_t fingerprint = 0xcbf29ce484222325U;

@@ -48,7 +48,7 @@ bool Wait(Simulation& simulation, const void* condition, pthread_mutex_t* mutex,
     Simulation::Thread& self = simulation.Self();
     self.condition = condition;
     Release(simulation, mutex);
-    const bool spurious = simulation.IsUnruly() && simulation.OneInSchedule(20);
+    const bool spurious = simulation.HasSpuriousWakeUps() && simulation.OneInSchedule(20);
     if (spurious)
         simulation.Step("wait, woken for nothing");
     else

@@ -56,7 +56,7 @@ void PublishAndWait(Simulation& simulation, bool writes) {
     mosquitto_destroy(client);
 }
 
-void HearOf(Model& model, int connections) {
+void CallOnConnect(Model& model, int connections) {
     for (; connections > 0; --connections) {
         model.BeginCallback("OnConnect");
         model.Connected();
@@ -64,13 +64,13 @@ void HearOf(Model& model, int connections) {
     }
 }
 
-void ConnectAndHearOf(Simulation& simulation, int connections) {
+void ConnectWithCallbacks(Simulation& simulation, int connections) {
     Model model(simulation, 1);
     model.BeginConnect("");
     mosquitto* client = Connected(simulation);
     model.EndConnect(true);
     simulation.Sleep(SECOND);
-    HearOf(model, connections);
+    CallOnConnect(model, connections);
     model.CheckSettled(*Wire::broker);
     mosquitto_destroy(client);
 }
@@ -96,9 +96,10 @@ TEST(AnInvariant, LetsNoPacketLieUnread) {
 }
 
 TEST(AnInvariant, DemandsOnConnectOnceForEachConnection) {
-    Fails([](Simulation& simulation) { ConnectAndHearOf(simulation, 2); }, "OnConnect 2 times for 1 connections");
-    Fails([](Simulation& simulation) { ConnectAndHearOf(simulation, 0); }, "OnConnect 0 to 0 times for 1 connections");
-    RunAll([](Simulation& simulation) { ConnectAndHearOf(simulation, 1); });
+    Fails([](Simulation& simulation) { ConnectWithCallbacks(simulation, 2); }, "OnConnect 2 times for 1 connections");
+    Fails([](Simulation& simulation) { ConnectWithCallbacks(simulation, 0); },
+          "OnConnect 0 to 0 times for 1 connections");
+    RunAll([](Simulation& simulation) { ConnectWithCallbacks(simulation, 1); });
 }
 
 } // namespace OrvLab

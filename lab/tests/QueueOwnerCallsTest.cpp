@@ -17,12 +17,12 @@ constexpr std::uint64_t SEEDS = 1500;
 using Body = std::function<void(LabClient& client)>;
 
 /// Fails by ending the process: the seed and what is wrong stand on standard error.
-void RunTogether(const std::vector<Body>& bodies, ScriptedBroker::Mood mood,
+void RunTogether(const std::vector<Body>& bodies, ScriptedBroker::Behaviour behaviour,
                  const std::function<void(LabClient& client)>& inCallbacks = {}) {
     for (std::uint64_t seed = 0; seed < SEEDS; ++seed) {
         Simulation simulation(seed, false);
         Program program(simulation, seed);
-        program.broker.SetMood(mood);
+        program.broker.SetBehaviour(behaviour);
         program.inCallbacks = inCallbacks;
         simulation.Run([&] { program.RunTogether(bodies); });
     }
@@ -41,7 +41,7 @@ TEST(ADisconnect, IsNotHeldUpByAnotherThreadThatConnects) {
                      client.ConnectAsked(false);
                      client.DisconnectAsked();
                  }},
-                ScriptedBroker::Mood::HEALTHY);
+                ScriptedBroker::Behaviour::HEALTHY);
 }
 
 TEST(AConnect, EndsWhenAnotherThreadsHasTakenItsPlace) {
@@ -51,7 +51,7 @@ TEST(AConnect, EndsWhenAnotherThreadsHasTakenItsPlace) {
                      ConnectTwice(client);
                  },
                  ConnectTwice},
-                ScriptedBroker::Mood::FLAKY, [&](LabClient& client) {
+                ScriptedBroker::Behaviour::FLAKY, [&](LabClient& client) {
                     if (++connects < 4)
                         client.ConnectAsked(false);
                 });

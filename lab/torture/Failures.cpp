@@ -29,7 +29,7 @@ std::atomic<int> armed{-1};
 std::atomic<long> failsAt{0};
 std::atomic<bool> failsLater{false};
 std::atomic<long> failed{0};
-std::atomic<bool> tells{false};
+std::atomic<bool> printsPlaces{false};
 thread_local bool counted = false;
 
 /// This one is to fail.
@@ -39,7 +39,7 @@ bool Fails(Call call, int error) {
     const long number = ++counts[static_cast<std::size_t>(call)];
     if (armed != static_cast<int>(call) || number < failsAt || (number > failsAt && !failsLater))
         return false;
-    if (failed++ == 0 && tells) {
+    if (failed++ == 0 && printsPlaces) {
         const Tortured not_this(false);
         std::fprintf(stderr, "%s number %ld fails:\n", NameOf(call), number);
         __sanitizer_print_stack_trace();
@@ -90,8 +90,8 @@ long Failures::Failed() {
     return failed;
 }
 
-void Failures::TellWhere(bool tell) {
-    tells = tell;
+void Failures::PrintPlaces(bool print) {
+    printsPlaces = print;
 }
 
 Tortured::Tortured(bool isCounted) : before(counted) {

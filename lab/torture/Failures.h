@@ -23,7 +23,7 @@ public:
     static long Count(Call call);
     static long Failed();
     /// Prints where the first failure happens.
-    static void TellWhere(bool tell);
+    static void PrintPlaces(bool print);
 };
 
 /// The thread that has one is counted, and the threads that it starts meanwhile are for good.

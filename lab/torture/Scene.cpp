@@ -209,22 +209,22 @@ void Scene::Leave() {
     client.reset();
 }
 
-void Scene::Demand(const char* what, const std::function<bool()>& condition) {
+void Scene::Check(const char* what, const std::function<bool()>& condition) {
     if (!Within(20s, condition))
         Fail(std::string("afterwards, in vain: ") + what);
 }
 
 void Scene::DemandWords() {
-    Demand("a status reaches the broker", [this] {
+    Check("a status reaches the broker", [this] {
         client->AppStatusRequest(AppStatus::READY);
         return broker.Latest(STATUS) == "ready";
     });
-    Demand("a message reaches the application", [this] {
+    Check("a message reaches the application", [this] {
         const int before = handler->panels;
         broker.Send(GUID, "0123456789abcdef0123456789abcdef");
         return Within(100ms, [&] { return handler->panels != before; });
     });
-    Demand("what is kept is told again after a loss", [this] {
+    Check("what is kept is told again after a loss", [this] {
         client->EventUpdateRequest(OrvEvent::CLOUD_CONNECTED);
         broker.DropAll();
         broker.Send("/orv/apps_control/features/Ent/status/EntCon", "false");
@@ -240,7 +240,7 @@ void Scene::DemandSupervision() {
         SkipTime(30s);
         Ticks(2);
     }
-    Demand("a lost cloud is searched over Cellular", [this] {
+    Check("a lost cloud is searched over Cellular", [this] {
         broker.Send(DNS, "");
         client->EventUpdateRequest(OrvEvent::CLOUD_DISCONNECTED);
         Ticks(1);
@@ -258,7 +258,7 @@ void Scene::DemandAll() {
         client = OrvStackSdk::CreateClient();
     client->SetHandler(handler);
     client->Init("alarm");
-    Demand("Init is confirmed", [this] { return handler->connected.load(); });
+    Check("Init is confirmed", [this] { return handler->connected.load(); });
     client->Start();
     DemandWords();
     DemandSupervision();

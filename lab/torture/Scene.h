@@ -43,7 +43,7 @@ private:
     void Ticks(int count);
     void DemandWords();
     void DemandSupervision();
-    void Demand(const char* what, const std::function<bool()>& condition);
+    void Check(const char* what, const std::function<bool()>& condition);
 
     SmallBroker broker;
     std::string folder;

@@ -208,7 +208,7 @@ int RunOne(const std::vector<std::string>& words) {
     for (const Program& program : programs)
         for (std::size_t call = 0; call < CALLS; ++call)
             if (words[0] == program.name && words[1] == NameOf(static_cast<Call>(call))) {
-                Failures::TellWhere(true);
+                Failures::PrintPlaces(true);
                 static Told told;
                 Run({&program, static_cast<Call>(call), std::stol(words[2]), words[3] == "later"}, told);
                 std::cout << "failed " << told.failed << " times, nothing found" << std::endl;
