@@ -1,11 +1,11 @@
 # SPDX-License-Identifier: Apache-2.0
 """What moves the WAN route, side by side: gateway-app, NetworkManager with its connectivity check, ConnMan with its online
-check, each alone on a gateway box of its own, under the same faults. A stand-in for a product's cloud connection tries
+check, each alone on a gateway box of its own, under the same faults. A client in place of a product's cloud connection tries
 again and again to make a new TLS connection.
 
 For each contestant and fault a line: seconds from the fault to the first new TLS connection to the cloud over Cellular;
 moves of the default route; how many of them were unproven, that is without a handshake or check over the new path that
-the cloud has seen in the 30 s before; the part of the time, and the longest time without, in which the stand-in reached
+the cloud has seen in the 30 s before; the part of the time, and the longest time without, in which that client reached
 the cloud; bytes of the contestant's own checks on Cellular (IP bytes on TCP ports 80 and 443; look-ups not counted), and
 what that makes an hour; the machine's load. Asserts nothing. Needs root, `script/bootstrap bench box`, and gateway-app and
 orv-source-routes (built; ORV_BUILD names the folder).
@@ -87,7 +87,7 @@ class Trial:
         self.page = self.in_cloud(str(HERE / "peers/check_page.py"), CLOUD, ETHERNET, CELLULAR)
         subprocess.run(self.on_gateway("nft", "-f", "-"), input=COUNTERS, text=True, check=True)
         self.contestant.start(box, folder)
-        with open(folder / "stand-in", "w", encoding="utf-8") as log:
+        with open(folder / "cloud-client", "w", encoding="utf-8") as log:
             box.start(
                 "nice",
                 "-n",
@@ -95,7 +95,7 @@ class Trial:
                 "env",
                 "RES_OPTIONS=timeout:1 attempts:2",
                 "/usr/bin/python3",
-                str(HERE / "peers/stand_in.py"),
+                str(HERE / "peers/cloud_client.py"),
                 "cloud.box.test",
                 "8883",
                 stdout=log,
@@ -129,7 +129,7 @@ class Trial:
             results.write(json.dumps(result) + "\n")
 
     def attempts(self) -> list[dict[str, Any]]:
-        lines = (self.folder / "stand-in").read_text(encoding="utf-8").splitlines()
+        lines = (self.folder / "cloud-client").read_text(encoding="utf-8").splitlines()
         return [json.loads(line) for line in lines if line.startswith("{") and line.endswith("}")]
 
     def over_cellular(self, since: float) -> float | None:

@@ -51,13 +51,13 @@ class Application:
         """A place in the log: `said` looks behind it."""
         return len(self.log())
 
-    def said(self, text: str, since: int = 0) -> bool:
+    def has_logged(self, text: str, since: int = 0) -> bool:
         return text in self.log()[since:]
 
     def wait_for(self, text: str, seconds: float, since: int = 0) -> int:
         """Waits for a log line that holds `text`; returns the place behind it."""
         wait_until(
-            lambda: self.said(text, since), seconds + SLACK, lambda: f'"{text}" in the log\n{self.interesting()}'
+            lambda: self.has_logged(text, since), seconds + SLACK, lambda: f'"{text}" in the log\n{self.interesting()}'
         )
         place: int = self.log().index(text, since) + len(text)
         return place

@@ -30,10 +30,10 @@ def main(folder: pathlib.Path, address: str, eth_prefix: str, cell_prefix: str) 
             return right
         return answers[(folder / f"answer-{side(peer)}").read_text(encoding="ascii").strip()]
 
-    def tell(caller: Caller, outcome: str) -> None:
+    def log(caller: Caller, outcome: str) -> None:
         print(stamp(caller.taken), side(caller.address), f"{caller.address}:{caller.port}", outcome, flush=True)
 
-    Endpoint(address, PORT, manner, tell, REPLY).run()
+    Endpoint(address, PORT, manner, log, REPLY).run()
 
 
 if __name__ == "__main__":

@@ -16,7 +16,7 @@ from pathlib import Path
 import paho.mqtt.client as mqtt
 
 from orv_testbed.broker import Broker
-from orv_testbed.connman.stand_in import ConnmanStandIn
+from orv_testbed.connman.fake_connman_process import FakeConnmanProcess
 from orv_testbed.programs import program
 from orv_testbed.topics import ALL, PANEL_GUID, of_feature
 from orv_testbed.waiting import wait_until
@@ -30,7 +30,7 @@ class Observer:
 
     def __init__(self, port: int) -> None:
         self.lock = threading.Lock()
-        self.messages: list[Message] = []
+        self.received: list[Message] = []
         self.subscribed = threading.Event()
         self.lost = threading.Event()
         self.client = mqtt.Client(client_id="observer")
@@ -47,15 +47,15 @@ class Observer:
 
     def note(self, _client: mqtt.Client, _data: object, message: mqtt.MQTTMessage) -> None:
         with self.lock:
-            self.messages.append(Message(message.topic, message.payload.decode(), bool(message.retain)))
+            self.received.append(Message(message.topic, message.payload.decode(), bool(message.retain)))
 
-    def heard(self, topic: str | None = None) -> list[Message]:
+    def messages(self, topic: str | None = None) -> list[Message]:
         with self.lock:
-            return [message for message in self.messages if topic in (None, message.topic)]
+            return [message for message in self.received if topic in (None, message.topic)]
 
     def forget(self) -> None:
         with self.lock:
-            self.messages.clear()
+            self.received.clear()
 
     def publish(self, topic: str, payload: str) -> None:
         self.client.publish(topic, payload, qos=1).wait_for_publish(PATIENCE)
@@ -83,7 +83,7 @@ class Application:
         assert self.process.stdin and self.process.stdout
         self.input, self.output = self.process.stdin, self.process.stdout
         self.lock = threading.Lock()
-        self.callbacks: list[str] = []
+        self.received: list[str] = []
         self.reader = threading.Thread(target=self.read, daemon=True)
         self.reader.start()
 
@@ -92,15 +92,15 @@ class Application:
             callback = re.match(r"\S+ < (.*)", line)
             if callback:
                 with self.lock:
-                    self.callbacks.append(callback.group(1))
+                    self.received.append(callback.group(1))
 
-    def told(self) -> list[str]:
+    def callbacks(self) -> list[str]:
         with self.lock:
-            return list(self.callbacks)
+            return list(self.received)
 
     def forget(self) -> None:
         with self.lock:
-            self.callbacks.clear()
+            self.received.clear()
 
     def do(self, *lines: str) -> None:
         for line in lines:
@@ -144,7 +144,7 @@ class Fleet:
             folder = Path(parts.enter_context(tempfile.TemporaryDirectory(prefix="orv-fleet-")))
             self.broker = Broker(folder)
             parts.callback(self.broker.stop)
-            self.connman = ConnmanStandIn(folder / "bus", "eth0:ready wwan0:ready")
+            self.connman = FakeConnmanProcess(folder / "bus", "eth0:ready wwan0:ready")
             parts.callback(self.connman.close)
             self.observer = Observer(self.broker.port)
             parts.callback(self.observer.close)
@@ -171,23 +171,23 @@ class Fleet:
         return of_feature(application.name, kind)
 
     def words(self, application: Application, kind: str) -> list[str]:
-        return [message.payload for message in self.observer.heard(self.topic(application, kind))]
+        return [message.payload for message in self.observer.messages(self.topic(application, kind))]
 
     def await_words(self, kind: str, *words: str) -> None:
         """Each application has said exactly these words, in this order, since the observer last forgot."""
 
-        def said(application: Application) -> str:
+        def described(application: Application) -> str:
             return f"{application.name}/{kind} to say {words}; it said {self.words(application, kind)}"
 
         for one in self.alive():
-            wait_until(lambda: self.words(one, kind) == list(words), PATIENCE, lambda: said(one))
+            wait_until(lambda: self.words(one, kind) == list(words), PATIENCE, lambda: described(one))
 
     def await_in_all(self, callback: str, receivers: Sequence[Application] | None = None) -> None:
-        def told(application: Application) -> str:
-            return f"{application.name} to be told {callback}; it was told {application.told()}"
+        def missing_callback(application: Application) -> str:
+            return f"{application.name} to be told {callback}; it was told {application.callbacks()}"
 
         for one in receivers or self.alive():
-            wait_until(lambda: callback in one.told(), PATIENCE, lambda: told(one))
+            wait_until(lambda: callback in one.callbacks(), PATIENCE, lambda: missing_callback(one))
 
     def order_and_settle(self, application: Application, action: str) -> None:
         """Orders one application to do something, then lets everybody hear a mark: what came before it has arrived."""

@@ -139,23 +139,23 @@ class Modem(dbus.service.Object):
         self.context.available = bool(there)
         if not there:
             self.context.set_active(False)
-        self.tell(CONNECTIONS, "Attached", dbus.Boolean(there))
+        self.emit_change(CONNECTIONS, "Attached", dbus.Boolean(there))
 
     @dbus.service.method("box.Control", in_signature="s")
     def Address(self, address: str) -> None:
         self.context.address = address
 
     def switch(self, name: str, value: Any) -> None:
-        self.tell(MODEM, name, value)
+        self.emit_change(MODEM, name, value)
         state = self.properties[MODEM]
         if not state["Powered"]:
-            self.tell(MODEM, "Online", dbus.Boolean(False))
+            self.emit_change(MODEM, "Online", dbus.Boolean(False))
         if not state["Online"]:
             self.context.set_active(False)
         offered = (SIM, REGISTRATION, CONNECTIONS) if state["Online"] else (SIM,) if state["Powered"] else ()
-        self.tell(MODEM, "Interfaces", texts(*offered))
+        self.emit_change(MODEM, "Interfaces", texts(*offered))
 
-    def tell(self, interface: str, name: str, value: Any) -> None:
+    def emit_change(self, interface: str, name: str, value: Any) -> None:
         if self.properties[interface].get(name) == value:
             return
         self.properties[interface][name] = value

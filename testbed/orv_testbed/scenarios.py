@@ -199,7 +199,7 @@ class Loopback:
             self.journal.sequences["states"].append(state[1].strip())
         self.log.append(line)
 
-    def say(self, command: str, number: int) -> None:
+    def run_command(self, command: str, number: int) -> None:
         assert self.process and self.process.stdin
         mark = f"{MARK} {number}"
         self.process.stdin.write(f"{command}\nnote {mark}\n")
@@ -272,7 +272,7 @@ def follow(gateway: Loopback, scenario: pathlib.Path, expected: Journal, counts:
         if words[0] in SURROUNDINGS:
             gateway.change(words)
         else:
-            gateway.say(command, number)
+            gateway.run_command(command, number)
         if started:
             await_counts(gateway.journal, wanted, expected)
     gateway.finish()

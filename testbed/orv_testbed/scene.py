@@ -143,7 +143,7 @@ class Scene:
         """
 
         def follows() -> bool:
-            return on_cellular or self.application.said("eth cloud lost", since)
+            return on_cellular or self.application.has_logged("eth cloud lost", since)
 
         before = "permit" if self.witness.payloads(INHIBIT_DNS) else None
         self.settles(

@@ -39,18 +39,18 @@ class Browser:
     def quit(self) -> None:
         self.driver.quit()
 
-    def tell(self, command: str, **parameters: Any) -> Any:
+    def cdp_command(self, command: str, **parameters: Any) -> Any:
         """A command of the browser's own."""
         return self.driver.execute_cdp_cmd(command, parameters)
 
     def size(self, width: int = 1440, height: int = 1000) -> None:
-        self.tell(
+        self.cdp_command(
             "Emulation.setDeviceMetricsOverride", width=width, height=height, deviceScaleFactor=1, mobile=width < 500
         )
 
     def prefer(self, scheme: str = "light", motion: str = "no-preference") -> None:
         wishes = {"prefers-color-scheme": scheme, "prefers-reduced-motion": motion}
-        self.tell(
+        self.cdp_command(
             "Emulation.setEmulatedMedia",
             features=[{"name": name, "value": value} for name, value in wishes.items()],
         )
@@ -144,6 +144,6 @@ class Page:
         PICTURES.mkdir(parents=True, exist_ok=True)
         path = PICTURES / f"{name}.png"
         self.browser.run("scrollTo(0, 0)")
-        picture = self.browser.tell("Page.captureScreenshot", captureBeyondViewport=whole)
+        picture = self.browser.cdp_command("Page.captureScreenshot", captureBeyondViewport=whole)
         path.write_bytes(base64.b64decode(picture["data"]))
         return path

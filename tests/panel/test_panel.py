@@ -131,9 +131,9 @@ def test_two_pages_show_the_same(page: Page, second: Page, browser: Browser) -> 
 
 
 def test_a_page_that_has_slept_catches_up(second: Page, panel: Panel, browser: Browser) -> None:
-    browser.tell("Page.setWebLifecycleState", state="frozen")
+    browser.cdp_command("Page.setWebLifecycleState", state="frozen")
     panel.press("loss eth 10")
-    browser.tell("Page.setWebLifecycleState", state="active")
+    browser.cdp_command("Page.setWebLifecycleState", state="active")
     second.wait(lambda: second.in_force() == ["box loss eth 10"], "what has happened meanwhile")
 
 

@@ -21,7 +21,7 @@ def check_all(fleet: Fleet) -> None:
         fleet.order_and_settle(ordered, "reload")
         for application in fleet.applications:
             expected = 1 if application is ordered else 0
-            actual = application.told().count("OnAppActionIndication RELOAD")
+            actual = application.callbacks().count("OnAppActionIndication RELOAD")
             assert actual == expected, f"{application.name}: {actual} orders, not {expected}"
 
 

@@ -17,7 +17,7 @@ def test_a_dead_first_address_does_not_keep_it_from_the_cloud(box: Box, make_sce
     scene = make_scene().start()
     started, connected = (scene.application.monotonic(what)[0] for what in ("start", "cloud_connected"))
     assert connected - started > 0.25  # the dead one was first
-    assert not scene.application.said(FAILED)
+    assert not scene.application.has_logged(FAILED)
     # The way over Cellular is the same; the poke has always known it.
     scene.box("provider", "eth", "dead")
     scene.application.wait_for_cloud("wwan0", 25)
@@ -44,7 +44,9 @@ def test_a_clock_that_is_behind_is_told_once(box: Box, make_scene: MakeScene) ->
     scene.expected_complaints = ("poke error 60",)
     scene.application.wait_for(FAILED + "the certificate for cloud.box.test is not valid before ", 10)
     scene.application.wait_for("462 days after what the clock says", 1)
-    assert scene.application.said("the clock says: is the clock right?") or scene.application.said("the clock is wrong")
+    assert scene.application.has_logged("the clock says: is the clock right?") or scene.application.has_logged(
+        "the clock is wrong"
+    )
     wait_until(lambda: len(scene.application.transcript("cloud_failed")) >= 4, 30, "four attempts")
     assert len(scene.application.times_of(FAILED)) == 1
     scene.set_clock("0")

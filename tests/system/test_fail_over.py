@@ -29,7 +29,7 @@ def test_a_lost_provider_moves_the_cloud_to_cellular_and_back(scene: Scene) -> N
     assert box.default_interfaces() == ["eth0"]
     application.wait_for("Started Poke to cell if wwan0", 11)
     scene.settles("wwan0", 10)
-    assert application.said("poke success, route to Cell")
+    assert application.has_logged("poke success, route to Cell")
 
     box("provider", "eth", "back")
     application.wait_for("poke success, route to ETH", 20)
@@ -65,7 +65,7 @@ def test_a_short_loss_moves_nothing(scene: Scene) -> None:
     scene.application.wait_for("eth cloud reconnected by itself", 8)
     scene.settles("eth0", 5)
     assert not scene.box.handshakes("cell")
-    assert not scene.application.said("is put on top")
+    assert not scene.application.has_logged("is put on top")
 
 
 def test_a_cloud_that_comes_back_over_cellular_by_itself_stays_there(scene: Scene) -> None:
@@ -75,7 +75,7 @@ def test_a_cloud_that_comes_back_over_cellular_by_itself_stays_there(scene: Scen
     scene.connected = {"wwan0"}
     scene.application.wait_for("cell cloud reconnected by itself", 8)
     scene.settles("wwan0", 5)
-    assert not scene.application.said("Started Poke")
+    assert not scene.application.has_logged("Started Poke")
     scene.application.wait_for("from Ethernet (eth0) to Cellular (wwan0): Ethernet has no link, and ConnMan took", 3)
     assert len(scene.application.lines_of("the WAN route has moved from")) == 1
 
@@ -93,7 +93,7 @@ def test_without_proof_nothing_is_moved(scene: Scene, answer: str, code: int) ->
     witness.wait_for(INHIBIT_DNS, "permit")
     assert box.default_interfaces() == ["eth0"]
     assert box.order() == ["eth0", "wwan0"]
-    assert not application.said("is put on top")
+    assert not application.has_logged("is put on top")
     assert not box.handshakes("cell")
 
     box("cloud-tls", "ok", "cell")
@@ -123,7 +123,7 @@ def test_a_boot_without_an_ethernet_cable_is_on_cellular_until_it_is_plugged_in(
     scene.expected_complaints = ("cannot put eth0 on top now",)
     scene.connected = {"wwan0"}
     scene.settles_on_the_only_interface(15, since=0)
-    assert not scene.application.said("Started Poke")
+    assert not scene.application.has_logged("Started Poke")
     scene.connected = {"eth0", "wwan0"}
     box("cable", "in")
     scene.settles("eth0", 30)

@@ -86,14 +86,14 @@ def begin_poke_anew(scene: Scene) -> int:
         place = application.mark()
         box("lease", "eth", "back")
         wait_until(lambda: has_address(application), SLACK, "Ethernet's address")
-        if comes_within(1, lambda: application.said("Started Poke eth if eth0", place)):
+        if comes_within(1, lambda: application.has_logged("Started Poke eth if eth0", place)):
             return application.wait_for("Started Poke eth if eth0", 0, place)
     raise AssertionError(f"no poke over Ethernet begins anew\n{application.interesting()}")
 
 
 def attempts_fail_at_once(application: Application, place: int) -> bool:
     """An attempt that was under way when the address was lost goes on, and may hang until the grace is over."""
-    return comes_within(GRACE_S / 2, lambda: application.said("poke error 7", place), pause=0.01)
+    return comes_within(GRACE_S / 2, lambda: application.has_logged("poke error 7", place), pause=0.01)
 
 
 def in_grace(application: Application) -> bool:
@@ -142,7 +142,7 @@ def test_a_name_server_that_knows_the_interfaces_name_makes_no_proof(quick_scene
     place = pull_ethernet_while_it_is_poked(scene)
     scene.application.wait_for("poke error 45", GRACE_S, place)
     scene.settles("wwan0", 5)
-    assert not scene.application.said("poke success, route to ETH", place)
+    assert not scene.application.has_logged("poke success, route to ETH", place)
 
 
 @pytest.mark.parametrize("address", ["0.0.0.0", "10.11.0.1", "198.51.100.99"])
@@ -154,7 +154,7 @@ def test_a_lie_about_the_cloud_proves_nothing(scene: Scene, address: str) -> Non
     scene.box("provider", "eth", "dead")
     scene.application.wait_for("Started Poke to cell if wwan0", 15)
     scene.application.wait_for("poke cell aborted", 25)
-    assert not scene.application.said("is put on top")
+    assert not scene.application.has_logged("is put on top")
     scene.box("names", "cell", "back")
     scene.settles("wwan0", 40)
 
@@ -264,7 +264,7 @@ def test_a_neighbour_that_crashes_all_the_time_does_not_pull_the_route_back(
     )
     assert box.default_interfaces() == ["wwan0"]
     assert scene.application.route_state() == "CELLULAR_ACTIVE"
-    assert not scene.application.said("poke success, route to ETH")
+    assert not scene.application.has_logged("poke success, route to ETH")
     assert scene.witness.payloads(GREEN)[greens:] in ([], ["On"])
     neighbour.kill()
     scene.settles("wwan0", 20)

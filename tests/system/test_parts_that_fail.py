@@ -91,7 +91,7 @@ def test_a_closed_cloud_moves_nothing(scene: Scene) -> None:
     scene.application.wait_for("Started Poke to cell if wwan0", 15)
     scene.application.wait_for("poke error 7", 5)
     scene.application.wait_for("poke cell aborted", 21)
-    assert not scene.application.said("is put on top")
+    assert not scene.application.has_logged("is put on top")
     assert scene.box.default_interfaces() == ["eth0"]
     scene.box("cloud", "up")
     scene.settles("eth0", 15)
@@ -106,7 +106,7 @@ def test_a_lease_that_ends_costs_no_more_than_a_dead_provider(scene: Scene) -> N
     scene.application.wait_for("Started Poke to cell if wwan0", 15)
     place = scene.application.mark()
     scene.application.wait_for("poke success, route to Cell", 20)
-    assert not scene.application.said("poke error 28", place)
+    assert not scene.application.has_logged("poke error 28", place)
     scene.application.wait_for_cloud("wwan0", 5)
     scene.box("lease", "eth", "back")
     scene.settles("eth0", 30)

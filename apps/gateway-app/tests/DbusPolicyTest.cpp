@@ -15,7 +15,7 @@ using OrvPlatform::Testing::TemporaryFolder;
 using Words = std::vector<std::string>;
 
 const std::string OURS = ORV_GATEWAY_APP_FOLDER "/orv.dbus.conf";
-const std::string DEBIANS = ORV_CONNMAN_STAND_IN "/debian-connman.conf";
+const std::string DEBIANS = ORV_FAKE_CONNMAN "/debian-connman.conf";
 const std::string STRICT = ORV_SHIPPED_CONFIG "/connman-policy.conf";
 constexpr const char* DENIED = "org.freedesktop.DBus.Error.AccessDenied";
 

@@ -60,7 +60,7 @@ class Service(dbus.service.Object):
             signature="sv",
         )
 
-    def tell(self, name: str) -> None:
+    def emit_change(self, name: str) -> None:
         self.PropertyChanged(name, self.properties()[name])
 
     @dbus.service.signal(SERVICE, signature="sv")
@@ -81,8 +81,8 @@ class Service(dbus.service.Object):
     def SetProperty(self, name: str, value: Any) -> None:
         self.manager.note("SetProperty", self.interface, name + "=" + ",".join(value))
         self.configured = [str(server) for server in value] or None
-        self.tell("Nameservers.Configuration")
-        self.tell("Nameservers")
+        self.emit_change("Nameservers.Configuration")
+        self.emit_change("Nameservers")
 
 
 class Manager(dbus.service.Object):
@@ -100,7 +100,7 @@ class Manager(dbus.service.Object):
         if method in self.refused:
             raise dbus.DBusException("refused by the test", name=self.refused[method])
 
-    def tell_order(self, added: Sequence[Service], removed: Sequence[str] = ()) -> None:
+    def emit_services_changed(self, added: Sequence[Service], removed: Sequence[str] = ()) -> None:
         changed = [
             (
                 path_of(service.interface),
@@ -131,11 +131,11 @@ class Manager(dbus.service.Object):
                 added.append(service)
             elif service.state != state:
                 service.state = state
-                service.tell("State")
+                service.emit_change("State")
             self.services.append(service)
         for service in known.values():
             service.remove_from_connection()
-        self.tell_order(added, [path_of(interface) for interface in known])
+        self.emit_services_changed(added, [path_of(interface) for interface in known])
 
     def command(self, word: str, *arguments: Any) -> str:
         if word == "services":
@@ -144,10 +144,10 @@ class Manager(dbus.service.Object):
         elif word == "state":
             service = self.find(arguments[0])
             service.state = arguments[1]
-            service.tell("State")
+            service.emit_change("State")
         elif word == "mute-servers":
             self.find(arguments[0]).offered = []
-            self.find(arguments[0]).tell("Nameservers")
+            self.find(arguments[0]).emit_change("Nameservers")
         elif word == "quiet":
             self.quiet = True
         elif word == "refuse":

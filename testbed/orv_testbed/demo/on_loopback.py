@@ -25,7 +25,7 @@ from typing import Any
 from orv_testbed import witness
 from orv_testbed.broker import Broker
 from orv_testbed.certificates import Authority, hash_of
-from orv_testbed.connman.stand_in import ConnmanStandIn, StandInError
+from orv_testbed.connman.fake_connman_process import FakeConnmanError, FakeConnmanProcess
 from orv_testbed.demo.expected_wire import differences, kept, wire_differences
 from orv_testbed.demo.neighbours import Neighbours
 from orv_testbed.demo.transcript import Transcript
@@ -108,7 +108,7 @@ class Demo:
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="orv-demo-", dir="/var/tmp" if private else None))
         self.processes: list[subprocess.Popen[str]] = []
         self.broker: Broker | None = None
-        self.connman: ConnmanStandIn | None = None
+        self.connman: FakeConnmanProcess | None = None
         self.handshakes: list[str] = []
         self.wire: list[str] = []
         self.beacons: set[str] = set()
@@ -208,7 +208,7 @@ class Demo:
         endpoint = self.start_cloud()
         self.broker = Broker(self.folder)
         self.transcript.line("demo", f"private broker on 127.0.0.1:{self.broker.port}")
-        self.connman = ConnmanStandIn(self.folder / "bus", f"{ETHERNET}:ready {CELLULAR}:ready")
+        self.connman = FakeConnmanProcess(self.folder / "bus", f"{ETHERNET}:ready {CELLULAR}:ready")
         self.transcript.line("demo", f"fake connection manager on {self.connman.address}")
         self.record(self.broker.port)
         neighbours = Neighbours(self.broker.port)
@@ -274,7 +274,7 @@ def main(arguments: Sequence[str]) -> int:
     except Refused as reason:
         print(f"demo: {reason}", file=sys.stderr)
         return 77
-    except (NotInTime, StandInError, OSError, RuntimeError, subprocess.CalledProcessError) as error:
+    except (NotInTime, FakeConnmanError, OSError, RuntimeError, subprocess.CalledProcessError) as error:
         print(f"demo: {error}", file=sys.stderr)
         return 1
     finally:

@@ -69,12 +69,12 @@ class Channel:
         assert isinstance(answer, dict)
         return answer
 
-    def ask(self, execute: str, **arguments: Any) -> Any:
-        self.send({"execute": execute, "arguments": arguments})
+    def execute(self, command: str, **arguments: Any) -> Any:
+        self.send({"execute": command, "arguments": arguments})
         while True:
             answer = self.receive()
             if "error" in answer:
-                raise AgentError(f"{execute}: {answer['error'].get('desc')}")
+                raise AgentError(f"{command}: {answer['error'].get('desc')}")
             if "return" in answer:
                 return answer["return"]
 
@@ -96,9 +96,9 @@ def run(folder: pathlib.Path, *command: str, seconds: float = 60, given: str = "
         arguments["env"] = ["PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C.UTF-8", "DEBIAN_FRONTEND=noninteractive"]
         if given:
             arguments["input-data"] = base64.b64encode(given.encode()).decode()
-        process = channel.ask("guest-exec", **arguments)["pid"]
+        process = channel.execute("guest-exec", **arguments)["pid"]
         while True:
-            state = channel.ask("guest-exec-status", pid=process)
+            state = channel.execute("guest-exec-status", pid=process)
             if state["exited"]:
                 break
             if time.monotonic() >= deadline:
@@ -111,11 +111,11 @@ def run(folder: pathlib.Path, *command: str, seconds: float = 60, given: str = "
     return Outcome(state.get("exitcode", 128 + state.get("signal", 0)), text("out-data"), text("err-data"))
 
 
-def monitor(folder: pathlib.Path, execute: str, **arguments: Any) -> Any:
-    """Tells qemu itself something."""
+def monitor(folder: pathlib.Path, command: str, **arguments: Any) -> Any:
+    """A command to qemu itself."""
     with Channel(folder / "monitor", 10) as channel:
-        channel.ask("qmp_capabilities")
-        return channel.ask(execute, **arguments)
+        channel.execute("qmp_capabilities")
+        return channel.execute(command, **arguments)
 
 
 def print_outcome(folder: pathlib.Path, *command: str) -> int:

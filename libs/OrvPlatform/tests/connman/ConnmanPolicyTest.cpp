@@ -7,7 +7,7 @@
 namespace OrvTest {
 namespace {
 
-const std::string DEBIANS = ORV_CONNMAN_STAND_IN "/debian-connman.conf";
+const std::string DEBIANS = ORV_FAKE_CONNMAN "/debian-connman.conf";
 const std::string SHIPPED = ORV_SHIPPED_CONFIG "/connman-policy.conf";
 
 class TheSystemBusPolicy : public testing::Test, protected LogWatch {

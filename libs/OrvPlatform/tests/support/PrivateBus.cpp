@@ -30,7 +30,7 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
     return pointers;
 }
 
-const std::string STAND_IN = ORV_CONNMAN_STAND_IN;
+const std::string FAKE_CONNMAN = ORV_FAKE_CONNMAN;
 
 } // namespace
 
@@ -92,14 +92,14 @@ std::string Child::ReadLine() const {
 
 PrivateBus::PrivateBus(const std::vector<std::string>& policies)
     : folder((std::filesystem::temp_directory_path() / "orv-bus-XXXXXX").string()),
-      configuration(STAND_IN + "/bus.conf") {
+      configuration(FAKE_CONNMAN + "/bus.conf") {
     if (!mkdtemp(folder.data()))
         throw std::runtime_error("cannot make " + folder);
     std::filesystem::permissions(folder, std::filesystem::perms(0711)); // other users come to the bus, too
     if (!policies.empty()) {
         configuration = folder + "/bus.conf";
         std::ofstream file(configuration);
-        file << "<busconfig><include>" << STAND_IN << "/system-bus.conf</include>";
+        file << "<busconfig><include>" << FAKE_CONNMAN << "/system-bus.conf</include>";
         for (const std::string& policy : policies)
             file << "<include>" << policy << "</include>";
         file << "</busconfig>\n";
@@ -149,7 +149,8 @@ void PrivateBus::Thaw() const {
 }
 
 FakeConnmanProcess::FakeConnmanProcess(const PrivateBus& bus, const std::string& services, const std::string& before)
-    : process({"/usr/bin/python3", "-B", STAND_IN + "/fake_connman.py"}, {"DBUS_SYSTEM_BUS_ADDRESS=" + bus.Address()}) {
+    : process({"/usr/bin/python3", "-B", FAKE_CONNMAN + "/fake_connman.py"},
+              {"DBUS_SYSTEM_BUS_ADDRESS=" + bus.Address()}) {
     Do(before);
     Do("services " + services);
 }
@@ -166,7 +167,7 @@ std::string FakeConnmanProcess::Calls() const {
 }
 
 HostilePeer::HostilePeer(const PrivateBus& bus)
-    : process({"/usr/bin/python3", "-B", STAND_IN + "/hostile_peer.py", std::to_string(getpid())},
+    : process({"/usr/bin/python3", "-B", FAKE_CONNMAN + "/hostile_peer.py", std::to_string(getpid())},
               {"DBUS_SYSTEM_BUS_ADDRESS=" + bus.Address()}) {
     if (process.ReadLine() != "ready")
         throw std::runtime_error("the hostile peer does not start");

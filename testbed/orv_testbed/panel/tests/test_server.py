@@ -34,21 +34,21 @@ class Served:
     def host(self) -> str:
         return f"127.0.0.1:{self.server.port}"
 
-    def ask(self, method: str, path: str, body: str | None = None, **headers: str) -> http.client.HTTPResponse:
+    def request(self, method: str, path: str, body: str | None = None, **headers: str) -> http.client.HTTPResponse:
         connection = http.client.HTTPConnection("127.0.0.1", self.server.port, timeout=SLACK)
         connection.request(method, path, body, {name.replace("_", "-"): value for name, value in headers.items()})
         return connection.getresponse()
 
     def fault(self, name: str, **headers: str) -> int:
         ours = {"Origin": f"http://{self.host}", "X_Panel_Token": self.server.token}
-        return self.ask("POST", "/faults", json.dumps({"fault": name}), **{**ours, **headers}).status
+        return self.request("POST", "/faults", json.dumps({"fault": name}), **{**ours, **headers}).status
 
 
 class Page:
     """What a page's EventSource hears."""
 
     def __init__(self, served: Served) -> None:
-        self.answer = served.ask("GET", "/events", Origin=f"http://{served.host}")
+        self.answer = served.request("GET", "/events", Origin=f"http://{served.host}")
         assert self.answer.status == 200
 
     def next(self) -> dict[str, Any]:
@@ -86,7 +86,7 @@ def test_it_listens_on_loopback_alone(served: Served) -> None:
 
 @pytest.mark.parametrize("path", ["/", "/panel.js", "/panel.css", "/timeline.js", "/icon.svg"])
 def test_the_page_may_load_and_reach_nothing_but_its_server(served: Served, path: str) -> None:
-    answer = served.ask("GET", path)
+    answer = served.request("GET", path)
     policy = answer.headers["Content-Security-Policy"]
     assert answer.status == 200 and answer.read()
     assert policy.startswith("default-src 'none';") and "unsafe" not in policy and "http" not in policy
@@ -95,26 +95,26 @@ def test_the_page_may_load_and_reach_nothing_but_its_server(served: Served, path
 
 @pytest.mark.parametrize("path", ["/../server.py", "/%2e%2e/server.py", "//etc/passwd", "/page/panel.js", "/faults"])
 def test_nothing_else_is_served(served: Served, path: str) -> None:
-    assert served.ask("GET", path).status == 404
+    assert served.request("GET", path).status == 404
 
 
 @pytest.mark.parametrize("path", ["/", "/events", "/panel.js"])
 @pytest.mark.parametrize("host", ["evil.example", "evil.example:80", "127.0.0.1", "127.0.0.1:1", "[::1]:80", ""])
 def test_a_name_that_only_leads_here_is_refused(served: Served, path: str, host: str) -> None:
-    assert served.ask("GET", path, Host=host).status == 403
+    assert served.request("GET", path, Host=host).status == 403
 
 
 @pytest.mark.parametrize("origin", ["http://evil.example", "null", "http://127.0.0.1:1", "https://127.0.0.1", ""])
 def test_a_foreign_page_hears_nothing_and_does_nothing(served: Served, origin: str) -> None:
-    assert served.ask("GET", "/events", Origin=origin).status == 403
+    assert served.request("GET", "/events", Origin=origin).status == 403
     assert served.fault("cable out", Origin=origin) == 403
     assert served.pressed == []
 
 
 def test_what_another_site_embeds_is_refused_and_its_link_to_the_panel_is_not(served: Served) -> None:
-    assert served.ask("GET", "/events", Sec_Fetch_Site="cross-site").status == 403
-    assert served.ask("GET", "/panel.js", Sec_Fetch_Site="same-site").status == 403
-    assert served.ask("GET", "/", Sec_Fetch_Site="cross-site").status == 200
+    assert served.request("GET", "/events", Sec_Fetch_Site="cross-site").status == 403
+    assert served.request("GET", "/panel.js", Sec_Fetch_Site="same-site").status == 403
+    assert served.request("GET", "/", Sec_Fetch_Site="cross-site").status == 200
 
 
 @pytest.mark.parametrize("token", ["", "x", "é"])
@@ -125,7 +125,7 @@ def test_a_fault_needs_the_token_of_the_page(served: Served, token: str) -> None
 
 def test_a_fault_needs_an_origin(served: Served) -> None:
     body = json.dumps({"fault": "cable out"})
-    assert served.ask("POST", "/faults", body, X_Panel_Token=served.server.token).status == 403
+    assert served.request("POST", "/faults", body, X_Panel_Token=served.server.token).status == 403
     assert served.pressed == []
 
 
@@ -137,14 +137,14 @@ def test_a_page_gets_the_token_and_presses_a_fault_with_it(served: Served) -> No
 
 def test_what_is_wrong_with_a_fault_is_said(served: Served) -> None:
     headers = {"Origin": f"http://{served.host}", "X_Panel_Token": served.server.token}
-    answer = served.ask("POST", "/faults", json.dumps({"fault": "cable stuck"}), **headers)
+    answer = served.request("POST", "/faults", json.dumps({"fault": "cable stuck"}), **headers)
     assert (answer.status, answer.read()) == (409, b"the cable is stuck\n")
 
 
 @pytest.mark.parametrize("body", ["", "{", "[]", "3", '{"fault": 3}', "[" * 900, "x" * 2000])
 def test_a_body_that_names_no_fault_is_refused(served: Served, body: str) -> None:
     headers = {"Origin": f"http://{served.host}", "X_Panel_Token": served.server.token}
-    assert served.ask("POST", "/faults", body, **headers).status == 400
+    assert served.request("POST", "/faults", body, **headers).status == 400
     assert served.pressed == []
 
 
@@ -156,7 +156,7 @@ def test_a_panel_that_only_shows_has_neither_token_nor_faults(read_only: Served)
 
 @pytest.mark.parametrize("method", ["PUT", "DELETE", "OPTIONS", "TRACE", "PATCH"])
 def test_other_methods_are_refused(served: Served, method: str) -> None:
-    assert served.ask(method, "/faults").status == 501
+    assert served.request(method, "/faults").status == 501
 
 
 def test_several_pages_hear_the_same(served: Served) -> None:
@@ -185,7 +185,9 @@ def test_a_page_that_does_not_read_holds_up_nobody(served: Served) -> None:
 
 def test_there_is_an_end_to_the_pages_and_one_that_goes_makes_room(served: Served) -> None:
     pages = [Page(served) for _ in range(MOST_PAGES)]
-    assert served.ask("GET", "/events").status == 503
-    assert served.ask("GET", "/").status == 200
+    assert served.request("GET", "/events").status == 503
+    assert served.request("GET", "/").status == 200
     pages.pop().answer.close()
-    wait_until(lambda: served.ask("GET", "/events").status == 200, HEARTBEAT * 3 + SLACK, "room for a page", pause=0.3)
+    wait_until(
+        lambda: served.request("GET", "/events").status == 200, HEARTBEAT * 3 + SLACK, "room for a page", pause=0.3
+    )

@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""stand_in.py HOST PORT
+"""cloud_client.py HOST PORT
 
-A stand-in for a product's connection to the cloud: looks HOST up and makes a TLS connection, again and again, bound to
+In place of a product's connection to the cloud: looks HOST up and makes a TLS connection, again and again, bound to
 nothing, so that it takes whatever way the gateway offers. Writes a JSON line for every attempt: when it began and ended
 (seconds since 1970) and from which address it was made, or null when it failed.
 """

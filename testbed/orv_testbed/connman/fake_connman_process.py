@@ -14,11 +14,11 @@ PATIENCE = 10  # seconds for each of the two to start
 HERE = pathlib.Path(__file__).resolve().parent
 
 
-class StandInError(Exception):
+class FakeConnmanError(Exception):
     pass
 
 
-class ConnmanStandIn:
+class FakeConnmanProcess:
     """Runs until close(), or until the process (the thread) that made it ends.
 
     `socket` is the path of the bus, in a folder of the caller's; `services` are the words behind fake_connman.py's command.
@@ -30,7 +30,7 @@ class ConnmanStandIn:
         try:
             daemon = ("dbus-daemon", "--nofork", "--nopidfile", "--syslog-only", f"--config-file={HERE / 'bus.conf'}")
             bus = self.start(*daemon, f"--address={self.address}", "--print-address=1")
-            self.hear(bus, self.address, f"a message bus at {socket} (package dbus-daemon)")
+            self.await_line(bus, self.address, f"a message bus at {socket} (package dbus-daemon)")
             # python3-dbus is there for the system's Python only.
             environment = {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": self.address}
             connman = self.start("/usr/bin/python3", "-B", str(HERE / "fake_connman.py"), env=environment)
@@ -38,7 +38,7 @@ class ConnmanStandIn:
             self.orders: IO[str] = connman.stdin  # it ends at their end
             self.orders.write(f"services {services}\n")
             self.orders.flush()
-            self.hear(connman, "ok", "the fake connection manager (packages python3-dbus, python3-gi)")
+            self.await_line(connman, "ok", "the fake connection manager (packages python3-dbus, python3-gi)")
         except BaseException:
             self.close()
             raise
@@ -51,14 +51,16 @@ class ConnmanStandIn:
         return process
 
     @staticmethod
-    def hear(process: subprocess.Popen[str], expected: str, what: str) -> None:
+    def await_line(process: subprocess.Popen[str], expected: str, what: str) -> None:
         assert process.stdout
         watchdog = threading.Timer(PATIENCE, process.kill)
         watchdog.start()
-        said = process.stdout.readline()
+        line = process.stdout.readline()
         watchdog.cancel()
-        if not said.startswith(expected):
-            raise StandInError(f"cannot start {what} within {PATIENCE} s; script/bootstrap installs what is missing")
+        if not line.startswith(expected):
+            raise FakeConnmanError(
+                f"cannot start {what} within {PATIENCE} s; script/bootstrap installs what is missing"
+            )
 
     def close(self) -> None:
         for process in reversed(self.processes):
