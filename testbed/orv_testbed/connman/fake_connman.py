@@ -75,7 +75,7 @@ class Service(dbus.service.Object):
         order.remove(self)
         order.insert(order.index(other), self)
         if not self.manager.quiet:
-            GLib.timeout_add(NOTICE_DELAY_MS, self.manager.tell_order, [])
+            GLib.timeout_add(NOTICE_DELAY_MS, self.manager.emit_services_changed, [])
 
     @dbus.service.method(SERVICE, in_signature="sv")
     def SetProperty(self, name: str, value: Any) -> None:
