@@ -192,6 +192,8 @@ def test_a_fail_over_is_followed(
     for one in seen():
         jsonschema.validate(one, SCHEMA)
     assert any(one["leds"]["yellow"] == "blink" for one in seen())
+    retained = {topic["topic"]: topic["retained"] for topic in seen()[-1]["topics"]}
+    assert retained["/orv/led/connected_services_yellow"] is True  # though it has changed since orv-status connected
     reasons = [one["application"]["status"]["route"]["last_move"] for one in seen()]
     assert "a poke over Cellular succeeded" in [move for move in reasons if move][0]["reason"]
     follower.terminate()

@@ -6,6 +6,7 @@
 #include <base/Text.h>
 #include <log/LogEscape.h>
 #include <mosquitto.h>
+#include <mqtt_protocol.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -71,13 +72,17 @@ void Broker::Away(const std::string& reason) {
     view.topics.clear(); // what was retained may be another text by now
 }
 
-void Broker::Begin(Time now) {
+void Broker::Begin(Time now, bool inVersion5) {
     begun = now;
+    version5 = inVersion5;
+    refusal.clear();
     nextTry = now + RETRY;
     client.reset(mosquitto_new(clientId.c_str(), true, this));
     if (!client)
         return Away("no client can be made");
     mosquitto_int_option(client.get(), MOSQ_OPT_TCP_NODELAY, 1);
+    if (version5)
+        mosquitto_int_option(client.get(), MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
     if (!settings.user.empty())
         mosquitto_username_pw_set(client.get(), settings.user.c_str(), settings.password.c_str());
     // Exceptions do not pass through C.
@@ -98,15 +103,19 @@ void Broker::Begin(Time now) {
 
 void Broker::OnConnected(int code) {
     if (code != 0) {
-        view.reason = Joined({"it refuses: ", mosquitto_connack_string(code)});
+        if (code != MQTT_RC_UNSUPPORTED_PROTOCOL_VERSION)
+            refusal =
+                Joined({"it refuses: ", version5 ? mosquitto_reason_string(code) : mosquitto_connack_string(code)});
         return;
     }
     view.state = Known::PRESENT;
     view.reason.clear();
     changed = true;
+    // Of two subscriptions that match the broker takes either, so both ask for the same.
+    const int options = version5 ? MQTT_SUB_OPT_RETAIN_AS_PUBLISHED : 0;
     // The broker sends what it has retained before it looks at the next packet.
-    mosquitto_subscribe(client.get(), nullptr, EVERYTHING, 0);
-    mosquitto_subscribe(client.get(), &lastSubscription, GREEN, 0);
+    mosquitto_subscribe_v5(client.get(), nullptr, EVERYTHING, 0, options, nullptr);
+    mosquitto_subscribe_v5(client.get(), &lastSubscription, GREEN, 0, options, nullptr);
 }
 
 void Broker::OnMessage(const mosquitto_message& message) {
@@ -115,7 +124,11 @@ void Broker::OnMessage(const mosquitto_message& message) {
     const auto bytes = static_cast<std::size_t>(std::max(message.payloadlen, 0));
     const std::string_view payload(static_cast<const char*>(message.payload), std::min(bytes, SHOWN_BYTES));
     changed = true;
-    if (bytes == 0) {
+    // In version 3.1.1 a live message has no mark, whether it is retained or not.
+    std::optional<bool> retained;
+    if (version5 || message.retain)
+        retained = message.retain;
+    if (bytes == 0 && retained.value_or(true)) {
         view.topics.erase(topic); // so a retained message is taken back
         return;
     }
@@ -123,13 +136,13 @@ void Broker::OnMessage(const mosquitto_message& message) {
         ++view.left;
         return;
     }
-    view.topics[topic] = {Escaped(payload), bytes, message.retain};
+    view.topics[topic] = {Escaped(payload), bytes, retained};
 }
 
 void Broker::Step(Time now) {
     if (!client) {
         if (now >= nextTry)
-            Begin(now);
+            Begin(now, true);
         return;
     }
     int result = mosquitto_loop_write(client.get(), 1);
@@ -146,9 +159,10 @@ void Broker::Step(Time now) {
         result = mosquitto_loop_misc(client.get());
     if (result == MOSQ_ERR_SUCCESS && Socket() < 0)
         result = MOSQ_ERR_CONN_LOST;
+    if (result != MOSQ_ERR_SUCCESS && version5 && refusal.empty() && view.state != Known::PRESENT)
+        return Begin(now, false);
     if (result != MOSQ_ERR_SUCCESS)
-        return Away(view.reason.rfind("it refuses", 0) == 0 ? std::string(view.reason)
-                                                            : FailureText(result, systemError));
+        return Away(refusal.empty() ? FailureText(result, systemError) : refusal);
     if (view.state != Known::PRESENT && now - begun > PATIENCE)
         Away("it does not answer");
 }

@@ -20,7 +20,8 @@ struct BrokerSettings {
 };
 
 /// A client of the gateway's broker that subscribes to everything under /orv and publishes nothing. It has no thread:
-/// its owner polls its socket. A broker that is away is tried again each second.
+/// its owner polls its socket. A broker that is away is tried again each second. It speaks MQTT 5, whose brokers tell
+/// of each message whether it is retained, and version 3.1.1 with a broker that knows no other.
 class Broker {
 public:
     using Time = std::chrono::steady_clock::time_point;
@@ -45,7 +46,7 @@ private:
     struct Destroy {
         void operator()(mosquitto* handle) const;
     };
-    void Begin(Time now);
+    void Begin(Time now, bool inVersion5);
     void Away(const std::string& reason);
     void OnConnected(int code);
     void OnMessage(const mosquitto_message& message);
@@ -54,6 +55,8 @@ private:
     const std::string clientId;
     std::unique_ptr<mosquitto, Destroy> client;
     BrokerView view;
+    bool version5 = true;
+    std::string refusal; // of the connection that was begun last
     Time nextTry;
     Time begun;
     int lastSubscription = 0;

@@ -77,12 +77,11 @@ void AddBroker(Object all, const BrokerView& view) {
     Object leds = all.Inner("leds");
     leds.Text("green", LedState(view, GREEN)).Text("yellow", LedState(view, YELLOW));
     cJSON* const topics = all.List("topics");
-    for (const auto& [topic, message] : view.topics)
-        Appended(topics)
-            .Text("topic", topic)
-            .Text("payload", message.payload)
-            .Number("bytes", message.bytes)
-            .Bool("retained", message.retained);
+    for (const auto& [topic, message] : view.topics) {
+        Object one = Appended(topics);
+        one.Text("topic", topic).Text("payload", message.payload).Number("bytes", message.bytes);
+        one.Tree("retained", message.retained ? cJSON_CreateBool(*message.retained) : cJSON_CreateNull());
+    }
 }
 
 void AddNetwork(Object all, const NetworkView& view, bool counts) {

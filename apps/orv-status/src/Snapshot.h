@@ -16,9 +16,9 @@ enum class Known : int { UNKNOWN, AWAY, PRESENT };
 /// What the gateway's broker told. Texts come from other programs and are escaped already, see Escaped().
 struct BrokerView {
     struct Message {
-        std::string payload;   ///< its beginning
-        std::size_t bytes = 0; ///< how long it was
-        bool retained = false;
+        std::string payload;          ///< its beginning
+        std::size_t bytes = 0;        ///< how long it was
+        std::optional<bool> retained; ///< by the broker; nothing where the broker does not tell
     };
     Known state = Known::UNKNOWN;
     std::string address;

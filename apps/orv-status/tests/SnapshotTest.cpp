@@ -200,6 +200,20 @@ TEST_F(AHealthyGateway, HasNoNewsInCountsAndTimes) {
     EXPECT_NE(Fingerprint(snapshot), before);
 }
 
+TEST_F(AHealthyGateway, SaysOfEachTopicWhetherItIsRetained) {
+    const std::string before = Fingerprint(snapshot);
+    const auto says = [this](const char* value) {
+        return Json(snapshot).find(std::string("Green\",\"bytes\":5,\"retained\":") + value + "}") != std::string::npos;
+    };
+    Receive("/orv/other", "Green");
+    EXPECT_TRUE(says("true"));
+    EXPECT_NE(Fingerprint(snapshot), before);
+    snapshot.broker.topics["/orv/other"].retained = false;
+    EXPECT_TRUE(says("false"));
+    snapshot.broker.topics["/orv/other"].retained.reset();
+    EXPECT_TRUE(says("null"));
+}
+
 TEST_F(AHealthyGateway, IsJsonWithoutAnythingThatSteersATerminal) {
     snapshot.application.text = "{\"name\":\"a\\u001b[2Jb\xff\",\"list\":[\"\\u0007\"]}";
     const std::string json = Json(snapshot);
