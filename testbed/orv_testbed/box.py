@@ -68,14 +68,16 @@ class Box:
     def command(*words: str) -> list[str]:
         return [str(TESTBED / "box"), *words]
 
-    def start(self, *command: str, stdout: Any, stderr: Any = None, **environment: str) -> subprocess.Popen[str]:
+    def start(
+        self, *command: str, stdout: Any, stderr: Any = None, stdin: Any = subprocess.DEVNULL, **environment: str
+    ) -> subprocess.Popen[str]:
         """Starts a program on the gateway, which ends with the box at the latest."""
         process = subprocess.Popen(
             self.command("exec", *command),
             env={**self.environment, **environment},
             text=True,
             errors="replace",
-            stdin=subprocess.DEVNULL,
+            stdin=stdin,
             stdout=stdout,
             stderr=stderr,
         )

@@ -1,9 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
 """An independent client of the gateway's broker, run on the gateway.
 
-witness         writes every message as a JSON line, retained as it was published, "connected" with each connection and
-                "listening" when the broker has taken the subscription; connects again after a loss
-witness --kept  writes what the broker keeps, one JSON object, and ends
+witness            writes every message as a JSON line, retained as it was published, "connected" with each connection and
+                   "listening" when the broker has taken the subscription; connects again after a loss
+witness --publish  the same, and publishes what it reads, written alike
+witness --kept     writes what the broker keeps, one JSON object, and ends
+
+With --port PORT behind it for another port than 1883.
 """
 from __future__ import annotations
 
@@ -26,7 +29,13 @@ def text(message: mqtt.MQTTMessage) -> str:
     return message.payload.decode("utf-8", "replace")
 
 
-def watch() -> None:
+def publish_what_is_read(client: mqtt.Client) -> None:
+    for line in sys.stdin:
+        message = json.loads(line)
+        client.publish(message["topic"], message["payload"], qos=1, retain=message["retained"])
+
+
+def watch(port: int, publishes: bool) -> None:
     def connected(client: mqtt.Client, *_: object) -> None:
         print("connected", flush=True)
         client.subscribe(ALL, options=AS_PUBLISHED)
@@ -41,7 +50,9 @@ def watch() -> None:
     witness = mqtt.Client(client_id="witness", protocol=mqtt.MQTTv5)
     witness.on_connect, witness.on_subscribe, witness.on_message = connected, subscribed, received
     witness.reconnect_delay_set(0.2, 1)  # type: ignore[arg-type]  # any number will do
-    witness.connect_async("127.0.0.1", PORT, keepalive=5)
+    witness.connect_async("127.0.0.1", port, keepalive=5)
+    if publishes:
+        threading.Thread(target=publish_what_is_read, args=(witness,), daemon=True).start()
     witness.loop_forever(retry_first_connection=True)
 
 
@@ -76,8 +87,13 @@ def kept(port: int) -> dict[str, str]:
     return found
 
 
-if __name__ == "__main__":
-    if sys.argv[1:] == ["--kept"]:
-        print(json.dumps(kept(PORT)))
+def main(words: list[str]) -> None:
+    port = int(words[words.index("--port") + 1]) if "--port" in words else PORT
+    if "--kept" in words:
+        print(json.dumps(kept(port)))
     else:
-        watch()
+        watch(port, "--publish" in words)
+
+
+if __name__ == "__main__":
+    main(sys.argv[1:])

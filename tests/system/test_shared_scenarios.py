@@ -1,0 +1,56 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The scenarios of tests/scenarios on a gateway box: what happens is what happens in virtual time."""
+from __future__ import annotations
+
+import pathlib
+import shutil
+
+import pytest
+
+from orv_testbed.box import Box
+from orv_testbed.programs import TREE, program
+from orv_testbed.scenarios.run import Cannot, Failed, on_box, on_loopback
+
+SCENARIOS = sorted((TREE / "tests/scenarios").glob("*.orv"))
+
+
+def name(scenario: pathlib.Path) -> str:
+    return scenario.stem
+
+
+@pytest.mark.parametrize("scenario", SCENARIOS, ids=name)
+def test_a_box_does_what_the_simulation_does(box: Box, scenario: pathlib.Path) -> None:
+    journal, _ = on_box(program("orv-shell"), scenario, box)
+    assert journal.lines()
+
+
+def a_simulation_that(folder: pathlib.Path, *command: str) -> str:
+    """orv-shell, but for its simulation, whose output is changed by `command`."""
+    shell = folder / "orv-shell"
+    shutil.copy(program("orv-shell"), shell)
+    simulation = folder / "orv-simulate"
+    words = " ".join(f"'{word}'" for word in command)
+    simulation.write_text(f"#!/bin/sh\n'{program('orv-simulate')}' \"$@\" | {words}\n", encoding="ascii")
+    simulation.chmod(0o755)
+    return str(shell)
+
+
+@pytest.mark.parametrize(
+    "change, seen",
+    [
+        ("s, retained /orv/led/, /orv/led/,", "+session: retained /orv/led/connected_services_yellow 'On'"),
+        ("/led.*green Off/d", "+session: retained /orv/led/connected_services_green 'Off'"),
+        ("s/OnInitConfirmation ACK/OnInitConfirmation NACK/", "+callbacks: OnInitConfirmation ACK"),
+        ("s/start delay to cell/no delay/", "+states: eth cloud lost, start delay to cell"),
+    ],
+)
+def test_a_difference_is_seen(box: Box, tmp_path: pathlib.Path, change: str, seen: str) -> None:
+    scenario = TREE / "tests/scenarios/events-and-leds.orv"
+    with pytest.raises(Failed) as fault:
+        on_box(a_simulation_that(tmp_path, "sed", change), scenario, box)
+    assert seen in str(fault.value)
+
+
+def test_a_machine_without_interfaces_for_the_purpose_says_so() -> None:
+    with pytest.raises(Cannot, match="13: ethernet dead: not on a real broker.*run it on a gateway box"):
+        on_loopback(program("orv-shell"), TREE / "tests/scenarios/fail-over-and-return.orv")
