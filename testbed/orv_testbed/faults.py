@@ -282,8 +282,11 @@ class Faults:
                 self._processes.end("modem")  # it comes back as after a boot, when ConnMan does
                 self._gateway.start_modem()
                 self._gateway.start_connman()
+        elif state == "crash":
+            self._processes.end("connman", signal.SIGKILL)
+            self._gateway.start_connman()
         else:
-            self._freeze_or_thaw("connman", state, "connman stop|start|freeze|thaw")
+            self._freeze_or_thaw("connman", state, "connman stop|start|crash|freeze|thaw")
 
     def bus(self, state: str = "") -> None:
         self._freeze_or_thaw("bus", state, "bus freeze|thaw")

@@ -9,6 +9,8 @@ import pytest
 from orv_testbed.scene import Scene
 from orv_testbed.topics import GREEN, INHIBIT_DNS
 
+CONNMAN_CRASHED = ("net.connman is not on the message bus", "cannot put eth0 on top now", "cannot set name servers of")
+
 
 @pytest.mark.long
 def test_an_ethernet_that_flaps_for_two_minutes_settles(scene: Scene) -> None:
@@ -58,6 +60,14 @@ def test_a_frozen_broker_does_not_stop_the_fail_over(scene: Scene) -> None:
     scene.application.wait_for("route is eth, reconnecting", 20)
     scene.witness.wait_for(INHIBIT_DNS, "permit", 10)
     scene.settles("eth0", 10)
+
+
+def test_a_crashed_connection_manager_leaves_the_way_over_cellular_open(scene: Scene) -> None:
+    scene.expected_complaints = CONNMAN_CRASHED
+    scene.box("connman", "crash")
+    scene.settles("eth0", 30)
+    scene.box("provider", "eth", "dead")
+    scene.settles("wwan0", 30)
 
 
 def test_a_frozen_bus_holds_nothing_up(scene: Scene) -> None:
