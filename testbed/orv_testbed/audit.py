@@ -15,7 +15,7 @@ if TYPE_CHECKING:
     from orv_testbed.scene import Scene
 
 # (place in the application's log, by how many seconds its clock is off from there on)
-Clocks = Sequence[tuple[int, int]]
+Clocks = Sequence[tuple[int, float]]
 
 NAME_SERVERS = {"eth0": "10.21.0.53", "wwan0": "10.22.0.53"}
 CLOCK_GRAIN = 0.001  # both logs have milliseconds
@@ -23,7 +23,7 @@ CLOCK_GRAIN = 0.001  # both logs have milliseconds
 
 def true_times(log: str, clocks: Clocks) -> Iterator[tuple[float, str]]:
     """(true time, line) of each line of the log."""
-    place, remaining, off = 0, list(clocks), 0
+    place, remaining, off = 0, list(clocks), 0.0
     for line in log.splitlines(keepends=True):
         while remaining and remaining[0][0] <= place:
             off = remaining.pop(0)[1]

@@ -8,12 +8,12 @@ import pathlib
 import signal
 import subprocess
 import tempfile
-from typing import Any
+from typing import Any, Self
 
 from orv_testbed.programs import TESTBED, program
 from orv_testbed.status_files import ERRORS, STATUSES, read_statuses
 
-LONGEST_COMMAND = 90  # seconds
+LONGEST_COMMAND: float = 90  # seconds
 
 
 class Failed(AssertionError):
@@ -23,6 +23,9 @@ class Failed(AssertionError):
 class Box:
     """Up within `with`. `name` has 8 small letters and digits at most."""
 
+    kind: tuple[str, ...] = ()  # what follows `up`
+    longest_command = LONGEST_COMMAND
+
     def __init__(self, name: str) -> None:
         self.name = name
         self.folder = pathlib.Path(tempfile.gettempdir()) / f"orv-box-{name}"
@@ -30,16 +33,21 @@ class Box:
             **os.environ,
             "ORV_BOX": name,
             "ORV_BOX_DIR": str(self.folder),
-            "ORV_SOURCE_ROUTES": program("orv-source-routes"),
             "PYTHONPATH": str(TESTBED),  # for the package's programs on the gateway
             "PYTHONDONTWRITEBYTECODE": "1",
+            **self.brings(),
         }
         self.processes: list[subprocess.Popen[str]] = []
 
-    def __enter__(self) -> Box:
+    @staticmethod
+    def brings() -> dict[str, str]:
+        """Programs of this tree that run on the gateway, by the variable that names each."""
+        return {"ORV_SOURCE_ROUTES": program("orv-source-routes")}
+
+    def __enter__(self) -> Self:
         self("down")
         try:
-            self("up")
+            self("up", *self.kind)
         except BaseException:
             self("down")
             raise
@@ -61,7 +69,7 @@ class Box:
 
     def try_to(self, *words: str, **options: Any) -> subprocess.CompletedProcess[str]:
         """A command that may fail."""
-        options = {"env": self.environment, "timeout": LONGEST_COMMAND, "stdin": subprocess.DEVNULL, **options}
+        options = {"env": self.environment, "timeout": self.longest_command, "stdin": subprocess.DEVNULL, **options}
         return subprocess.run(self.command(*words), text=True, capture_output=True, check=False, **options)
 
     @staticmethod

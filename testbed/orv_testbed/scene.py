@@ -31,15 +31,18 @@ BY_INTERFACE = "by the interface"
 
 class Scene:
     def __init__(self, box: Box, folder: pathlib.Path, *options: str, clock: bool = False) -> None:
+        self.take(box, Witness(box, folder), Application(box, folder, *options, clock=clock))
+
+    def take(self, box: Box, witness: Witness, application: Application) -> None:
         self.box = box
-        self.witness = Witness(box, folder)
-        self.application = Application(box, folder, *options, clock=clock)
+        self.witness = witness
+        self.application = application
         self.connected = {"eth0", "wwan0"}  # what ConnMan must show as connected in the end
         self.expected_complaints: tuple[str, ...] = ()
         self.neighbours: tuple[str, ...] = ()  # other applications, by name: what they say of themselves is theirs
         self.wire_cut_at: int | None = None  # the place in the log from which on messages may be missing on the wire
         self.orders_may_be_late = False  # the connection manager may confirm what is no longer wanted
-        self.clocks: list[tuple[int, int]] = []  # see audit.Clocks
+        self.clocks: list[tuple[int, float]] = []  # see audit.Clocks
         self.undo: list[tuple[str, ...]] = []
 
     def start(self) -> Scene:

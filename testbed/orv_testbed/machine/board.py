@@ -53,6 +53,7 @@ class Board:
             run("cp", "--sparse=always", image / file, self.folder)
         self._layout.log("console").symlink_to("../machine/console")
         (self.folder / "console").touch()
+        (self.folder / "seen").touch()
 
     def give_authority(self) -> None:
         """The machine trusts Debian's authorities, and the cloud's: in the bundle and under its hash."""

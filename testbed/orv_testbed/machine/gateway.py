@@ -2,38 +2,36 @@
 """The MIPS32 machine as the scenarios see it: its box, its power, its services, its journal."""
 from __future__ import annotations
 
-import os
-import pathlib
-import subprocess
-import tempfile
+import json
 import time
 from collections.abc import Callable
 
+from orv_testbed.box import Box
+from orv_testbed.box_processes import started_at
 from orv_testbed.machine import agent
+from orv_testbed.status_files import STATUSES
 
-ROOT = pathlib.Path(__file__).resolve().parents[3]
 # Each limit is for a machine that runs as fast as the host allows: an emulated one on a busy host may need many times as long.
 PATIENCE = 4.0
-STATUS_FILE = "/var/tmp/new_enterprise_statuses.csv"
-GREEN = "/orv/led/connected_services_green"
-INHIBIT = "/orv/network/wan/inhibit_dns"
+SERVICES = ("mosquitto", "connman", "orv-source-routes", "gateway-app")
 
 
-class Gateway:
+class Gateway(Box):
     """A box whose gateway is a machine."""
 
-    def __init__(self, name: str) -> None:
-        self.folder = pathlib.Path(tempfile.gettempdir()) / f"orv-box-{name}"
-        self.machine = self.folder / "machine"
-        self.environment = {**os.environ, "ORV_BOX": name, "ORV_BOX_DIR": str(self.folder)}
+    kind = ("--machine", "mipsel")
+    longest_command = 300 * PATIENCE
 
-    def box(self, *words: str, seconds: float = 120) -> str:
-        command = [str(ROOT / "testbed/box"), *words]
-        done = subprocess.run(
-            command, env=self.environment, capture_output=True, text=True, timeout=seconds * PATIENCE, check=False
-        )
-        assert done.returncode == 0, f"box {' '.join(words)}: {done.stdout}{done.stderr}"
-        return done.stdout
+    def __init__(self, name: str) -> None:
+        super().__init__(name)
+        self.machine = self.folder / "machine"
+        self._forgotten: dict[str, int] = {}
+
+    @staticmethod
+    def brings() -> dict[str, str]:
+        return {}  # they are installed in it
+
+    # ---- commands and power
 
     def run(self, *command: str, seconds: float = 30) -> agent.Outcome:
         return agent.run(self.machine, *command, seconds=seconds * PATIENCE)
@@ -45,10 +43,28 @@ class Gateway:
         return outcome.output.strip()
 
     def cut_power(self) -> None:
-        self.box("power", "cut")
+        self("power", "cut")
 
     def boot(self, clock: str | None = None) -> None:
-        self.box("power", "on", *([clock] if clock else []))
+        self("power", "on", *([clock] if clock else []))
+
+    def is_off(self) -> bool:
+        """Whether the machine has switched itself off, or its power was cut."""
+        try:
+            pid, at = (self.folder / "pid/gateway").read_text(encoding="ascii").split()
+        except OSError:
+            return True
+        return started_at(int(pid)) != at
+
+    def clock_offset(self) -> float:
+        """By how many seconds the machine's clock is ahead of the host's."""
+        with agent.Channel(self.machine / "agent", 10 * PATIENCE) as channel:
+            agent.synchronise(channel)
+            before = time.time()
+            theirs = int(channel.execute("guest-get-time")) / 1e9
+            return theirs - (before + time.time()) / 2
+
+    # ---- waiting
 
     def wait(self, condition: Callable[[], object], seconds: float, what: str) -> float:
         """Waits until the condition holds, also over moments in which the machine does not answer; returns for how long."""
@@ -62,31 +78,50 @@ class Gateway:
             except (agent.AgentError, AssertionError) as error:
                 last = error
             time.sleep(0.5)
-        raise AssertionError(f"not within {seconds * PATIENCE:.0f} s: {what}; last: {last}\n{self.report()}")
-
-    def report(self) -> str:
-        try:
-            return self.sh(
-                "systemctl --failed --no-legend; journalctl -b -u gateway-app -u mosquitto --no-pager | tail -n 40"
-            )
-        except (agent.AgentError, AssertionError) as error:
-            return f"{error}\n" + (self.machine / "console").read_text(errors="replace")[-3000:]
-
-    def property(self, unit: str, name: str) -> str:
-        return self.sh(f"systemctl show --property={name} --value {unit}")
-
-    def cloud(self) -> str:
-        """What the application tells systemd about itself."""
-        return self.property("gateway-app", "StatusText")
-
-    def is_connected(self, interface: str) -> bool:
-        return f"over {interface}" in self.cloud() and self.default_interface() == interface
+        raise AssertionError(f"not within {seconds * PATIENCE:.0f} s: {what}; last: {last}\n{self.story()}")
 
     def wait_for_cloud(self, interface: str = "eth0", seconds: float = 60) -> float:
         return self.wait(lambda: self.is_connected(interface), seconds, f"the cloud over {interface}")
 
-    def default_interface(self) -> str:
-        return self.sh("ip route show default | sed -n 's/.* dev \\([^ ]*\\).*/\\1/p' | head -n 1")
+    def wait_for_restart(self, unit: str, before: str) -> None:
+        """Until systemd has started a service again whose main process was `before`."""
+        self.wait(
+            lambda: self.property(unit, "ActiveState") == "active" and self.main_process(unit) not in (before, "0"),
+            60,
+            f"{unit} runs again",
+        )
+
+    def story(self) -> str:
+        """For whoever has waited in vain."""
+        try:
+            return self.sh(
+                "systemctl --failed --no-legend; ip -br address; ip route; "
+                "journalctl -b -u gateway-app -u mosquitto --no-pager | tail -n 40"
+            )
+        except (agent.AgentError, AssertionError) as error:
+            return f"{error}\n" + (self.machine / "console").read_text(errors="replace")[-3000:]
+
+    # ---- what can be seen of it
+
+    def property(self, unit: str, name: str) -> str:
+        return self.sh(f"systemctl show --property={name} --value {unit}")
+
+    def main_process(self, unit: str) -> str:
+        return self.property(unit, "MainPID")
+
+    def failed_units(self) -> str:
+        return self.sh("systemctl --failed --no-legend --plain")
+
+    def journal(self, unit: str) -> str:
+        return self.sh(f"journalctl -b -u {unit} -o cat --no-pager")
+
+    def is_connected(self, interface: str) -> bool:
+        """By what the application tells systemd about itself."""
+        told = self.property("gateway-app", "StatusText")
+        return f"over {interface}" in told and self.default_interfaces() == [interface]
+
+    def default_interfaces(self) -> list[str]:
+        return [route["dev"] for route in json.loads(self.sh("ip -json route show default") or "[]")]
 
     def kept(self, topic: str) -> str:
         """What the machine's broker keeps on a topic, empty for nothing."""
@@ -94,13 +129,16 @@ class Gateway:
             *("mosquitto_sub", "-u", "orv-diagnostics", "-P", "for-diagnostics", "-t", topic, "-C", "1", "-W", "3")
         ).output.strip()
 
-    def journal(self, unit: str) -> str:
-        return self.sh(f"journalctl -b -u {unit} -o cat --no-pager")
+    def forget_handshakes(self) -> None:
+        self._forgotten = {side: len(super(Gateway, self).handshakes(side)) for side in ("eth", "cell")}
 
-    def handshakes(self, side: str) -> int:
-        """How many TLS handshakes the cloud's endpoint has completed over this side."""
-        lines = [line.split() for line in self.box("log", "cloud-https").splitlines()]
-        return sum(1 for words in lines if words[1] == side and words[3] == "handshake")
+    def handshakes(self, side: str) -> list[str]:
+        return super().handshakes(side)[self._forgotten.get(side, 0) :]
 
-    def failed_units(self) -> str:
-        return self.sh("systemctl --failed --no-legend --plain")
+    def file(self, path: str) -> str | None:
+        outcome = self.run("cat", path)
+        return outcome.output if outcome.status == 0 else None
+
+    def says_up(self) -> bool:
+        """Whether the status file says that the cloud is connected."""
+        return '"Cloud Connection","Up"' in (self.file(STATUSES) or "")

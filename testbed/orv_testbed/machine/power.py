@@ -3,7 +3,8 @@
 
 Becomes the machine: qemu, with a network card at each provider. FOLDER holds kernel, initrd.gz and disk.img, and gets the
 serial console's log and the sockets of guest agent and monitor. To end this process is to cut the machine's power. CLOCK
-is the time of its real-time clock at the start, such as 2000-01-01; without it, now.
+is the time of its real-time clock at the start, such as 2000-01-01; without it, now. ORV_MACHINE_SHIFT=N: by its own clock the
+machine executes an instruction in 2^N ns, however fast the host is; without it, as fast as the host can.
 """
 import ctypes
 import fcntl
@@ -52,6 +53,10 @@ def command(folder: pathlib.Path, taps: list[int], clock: str) -> list[str]:
     words += ["-monitor", "none", "-qmp", f"unix:{folder}/monitor,server=on,wait=off"]
     words += ["-chardev", f"socket,id=agent,path={folder}/agent,server=on,wait=off", "-device", "virtio-serial-pci"]
     words += ["-device", "virtserialport,chardev=agent,name=org.qemu.guest_agent.0"]
+    words += ["-chardev", f"file,id=seen,path={folder}/seen,append=on"]
+    words += ["-device", "virtserialport,chardev=seen,name=testbed.seen"]
+    if "ORV_MACHINE_SHIFT" in os.environ:
+        words += ["-icount", f"shift={os.environ['ORV_MACHINE_SHIFT']},sleep=on"]
     # Without the board's own network card: it would be eth0.
     for (side, address), tap in zip(CARDS, taps):
         words += [

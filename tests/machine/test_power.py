@@ -1,0 +1,95 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The power is cut, again and again, and a gateway boots with a wrong clock."""
+from __future__ import annotations
+
+import os
+import random
+import time
+
+import pytest
+
+from orv_testbed.machine import agent
+from orv_testbed.machine.gateway import Gateway
+from orv_testbed.topics import GREEN, MODEM_CONNECTION
+
+POWER_CUTS = int(os.environ.get("ORV_POWER_CUTS", "9"))
+OURS = "liborvplatform1 liborvstacksdk1 orv-tools mosquitto connman"
+# The broker stores what it keeps each second, and has always something new to store.
+WRITE_STORE = """
+sed -i 's/^autosave_interval.*/autosave_interval 1/' /etc/mosquitto/mosquitto.conf
+systemctl restart mosquitto
+systemd-run --quiet --collect --unit=writer sh -c '
+    n=1000
+    while :; do
+        n=$((n + 1))
+        mosquitto_pub -u orv-application -P for-applications -t /orv/modem/sim/conn_status -m $n -r
+    done'
+"""
+# The status file is written, the connection manager moves the route and writes its settings.
+WRITE_FILES = "systemctl restart gateway-app connman"
+
+
+def is_whole_again(gateway: Gateway) -> None:
+    gateway.wait_for_cloud("eth0", 120)
+    assert gateway.failed_units() == ""
+    assert gateway.sh(f"dpkg --verify {OURS} | grep -v ' c ' || true") == ""
+    gateway.sh("orv-config-check /etc/orv/gateway.ini")
+    gateway.wait(gateway.says_up, 10, "the status file")
+    gateway.wait(lambda: gateway.kept(GREEN) == "On", 10, "the green LED")
+    kept = gateway.kept(MODEM_CONNECTION)
+    assert kept == "" or kept.isdigit(), kept
+    assert "Error" not in gateway.journal("mosquitto")
+
+
+def cut_and_boot(gateway: Gateway, writing: str, delay: float) -> None:
+    gateway.sh(writing)
+    try:
+        gateway.sh(f"sleep {delay:.2f}")  # the moment of the cut
+    except agent.AgentError:
+        pass
+    gateway.cut_power()
+    gateway.boot()
+    is_whole_again(gateway)
+
+
+def test_a_power_cut_while_the_broker_stores_breaks_nothing(gateway: Gateway) -> None:
+    cut_and_boot(gateway, WRITE_STORE, random.uniform(0, 4))
+
+
+@pytest.mark.long
+@pytest.mark.parametrize("number", range(POWER_CUTS))
+def test_a_power_cut_at_any_moment_breaks_nothing(gateway: Gateway, number: int) -> None:
+    if number % 3 == 0:
+        cut_and_boot(gateway, WRITE_STORE, random.uniform(0, 4))
+    elif number % 3 == 1:
+        gateway("provider", "eth", "dead")
+        gateway.wait_for_cloud("wwan0", 60)
+        gateway("provider", "eth", "back")
+        cut_and_boot(gateway, WRITE_FILES, random.uniform(0, 3))
+    else:
+        cut_during_boot(gateway, random.randrange(30_000))
+
+
+def cut_during_boot(gateway: Gateway, told: int) -> None:
+    """When so many characters have come on the console."""
+    console = gateway.machine / "console"
+    gateway.cut_power()
+    before = console.stat().st_size
+    gateway.boot()
+    gateway.wait(lambda: console.stat().st_size >= before + told, 60, "a boot")
+    gateway.cut_power()
+    gateway.boot()
+    is_whole_again(gateway)
+
+
+@pytest.mark.long
+def test_a_clock_that_is_wrong_at_boot_is_told_and_survived(gateway: Gateway) -> None:
+    gateway.sh("systemctl --no-block poweroff")
+    gateway.wait(gateway.is_off, 60, "power off")
+    gateway.boot("2000-01-01T00:00:00")
+    gateway.wait(lambda: "not valid before" in gateway.journal("gateway-app"), 120, "the reason in the log")
+    assert gateway.property("gateway-app", "ActiveState") == "active"
+    assert not gateway.says_up()
+    gateway.sh(f"date -s @{int(time.time())}")
+    gateway.wait_for_cloud("eth0", 90)
+    gateway.wait(gateway.says_up, 10, "the status file")
