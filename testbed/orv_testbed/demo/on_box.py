@@ -88,6 +88,8 @@ class BoxDemo:
         self.box = box
         self.run = Run(transcript)
         self.transcript = transcript
+        self.application: subprocess.Popen[str]  # not on a machine, where it is a service
+        self.patience = 1.0  # as many times as long as on a box of this host
 
     def watch(self) -> None:
         """Follows the wire and the default route."""
@@ -101,23 +103,22 @@ class BoxDemo:
         follow(routes.stdout, lambda _: self.on_route())
         self.on_route()
 
-    def start_application(self) -> subprocess.Popen[str]:
+    def start_application(self) -> None:
         transcript = self.box.folder / "app.jsonl"
         transcript.touch()
-        application = self.box.start(
+        self.application = self.box.start(
             *("env", f"ORV_LOG_LEVEL={LOG_LEVEL}", "RES_OPTIONS=timeout:1 attempts:2", program("gateway-app")),
             *("--name", "demo", "--cloud-host", "cloud.box.test", "--tick-ms", "100"),
             *("--transcript", str(transcript)),
             stdout=subprocess.DEVNULL,
             stderr=subprocess.PIPE,
         )
-        self.log_reader = follow(application.stderr, self.on_log)
+        self.log_reader = follow(self.application.stderr, self.on_log)
         happenings = subprocess.Popen(
             ["tail", "-F", "-n", "+1", str(transcript)], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True
         )
         self.box.processes.append(happenings)
         follow(happenings.stdout, self.on_happening)
-        return application
 
     def on_message(self, line: str) -> None:
         retained, topic, payload = (line.split(" ", 2) + [""])[:3]
@@ -155,15 +156,26 @@ class BoxDemo:
         elif what == "event":
             self.transcript.line("event", happening["event"], "cyan")
 
+    def signal(self, name: str) -> None:
+        """`box exec` has replaced itself by the program."""
+        self.application.send_signal(signal.Signals[f"SIG{name}"])
+
+    def end_application(self) -> int:
+        """Returns its exit status."""
+        self.signal("TERM")
+        status = self.application.wait(10)
+        self.log_reader.join(2)
+        return status
+
     def play(self) -> list[str]:
         run = self.run
         run.begin = time.monotonic()
         self.watch()
-        application = self.start_application()
+        self.start_application()
         run.note("route state", "ETHERNET_ACTIVE", "ETHERNET_ACTIVE", "bold")
         wait_until(
             lambda: run.now("cloud connection") == "Ethernet" and run.now("green LED") == "On",
-            20,
+            20 * self.patience,
             "the cloud connection over Ethernet",
         )
 
@@ -174,7 +186,7 @@ class BoxDemo:
             lambda: run.now("cloud connection") == "Cellular"
             and run.now("route state") == "CELLULAR_ACTIVE"
             and run.now("green LED") == "On",
-            40,
+            40 * self.patience,
             "the fail-over to Cellular",
         )
 
@@ -185,25 +197,29 @@ class BoxDemo:
             lambda: run.now("cloud connection") == "Ethernet"
             and run.now("route state") == "ETHERNET_ACTIVE"
             and run.now("default route") == "eth0",
-            60,
+            60 * self.patience,
             "the return to Ethernet",
         )
 
         run.show(2)
         run.mark("the application reports a failure")
-        application.send_signal(signal.SIGUSR1)  # `box exec` has replaced itself by the program
-        wait_until(lambda: run.now("green LED") == run.now("yellow LED") == "Blink", 10, "both LEDs blinking")
+        self.signal("USR1")
+        wait_until(
+            lambda: run.now("green LED") == run.now("yellow LED") == "Blink", 10 * self.patience, "both LEDs blinking"
+        )
 
-        wait_until(self.box.error_file, 5, "the error file")
+        wait_until(self.box.error_file, 5 * self.patience, "the error file")
         faults = self.show_files()
 
         run.show(1)
         run.mark("the application is told to end")
-        application.send_signal(signal.SIGTERM)
-        status = application.wait(10)
-        self.log_reader.join(2)
+        status = self.end_application()
         run.events.append({"t": time.monotonic() - run.begin, "end": True})
         return faults + self.judge(status)
+
+    def states(self) -> list[str]:
+        """Of the route supervision, as far as they are judged."""
+        return self.run.lanes["route state"]
 
     def judge(self, status: int) -> list[str]:
         faults = [] if status == 0 else [f"the application ended with exit status {status}"]
@@ -216,6 +232,7 @@ class BoxDemo:
             if seen != wanted:
                 faults.append(f"{lane}: {seen}, but it must be {wanted}")
 
+        self.run.lanes["route state"] = self.states()
         expect("route state", [*route_states.STATES, route_states.STATES[0]])
         expect("default route", ["eth0", "wwan0", "eth0"])
         expect("DNS topic", ["inhibit", "permit"])
@@ -248,16 +265,20 @@ def interrupted(*_: object) -> None:
     raise KeyboardInterrupt
 
 
-def main(folder: str, colour: str) -> int:
+def show(
+    transcript: Transcript,
+    make_box: Callable[[str], Box],
+    make_demo: Callable[[Any, Transcript], BoxDemo],
+    *picture: str,
+) -> int:
+    """`picture`: the folder, and the name where it is not "demo"."""
     for number in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, interrupted)
-    transcript = Transcript(colour == "colour")
-    transcript.chapter("A gateway comes up: two providers, a cloud, ConnMan, a broker")
     try:
-        with Box(f"d{os.getpid() % 10**7}") as box:  # a name has no more characters than this
-            demo = BoxDemo(box, transcript)
+        with make_box(f"d{os.getpid() % 10**7}") as box:  # a name has no more characters than this
+            demo = make_demo(box, transcript)
             faults = demo.play()
-            demo.draw(pathlib.Path(folder))
+            demo.draw(pathlib.Path(picture[0]), *picture[1:])
     except KeyboardInterrupt:
         print("\ndemo: interrupted", file=sys.stderr)
         return 130
@@ -265,6 +286,12 @@ def main(folder: str, colour: str) -> int:
         print(f"demo: {error}", file=sys.stderr)
         return 1
     return transcript.verdict(faults, "Fail-over, return and failure went as they must.")
+
+
+def main(folder: str, colour: str) -> int:
+    transcript = Transcript(colour == "colour")
+    transcript.chapter("A gateway comes up: two providers, a cloud, ConnMan, a broker")
+    return show(transcript, Box, BoxDemo, folder)
 
 
 if __name__ == "__main__":

@@ -30,15 +30,14 @@ class OwnApplication(BoxDemo):
         self.command = command
         self.has_logged = False
 
-    def start_application(self) -> subprocess.Popen[str]:
-        application = self.box.start(
+    def start_application(self) -> None:
+        self.application = self.box.start(
             *("env", f"ORV_LOG_LEVEL={LOG_LEVEL}", "RES_OPTIONS=timeout:1 attempts:2", *self.command),
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
         )
-        follow(application.stdout, lambda line: self.transcript.line("app", line))
-        self.log_reader = follow(application.stderr, self.on_log)
-        return application
+        follow(self.application.stdout, lambda line: self.transcript.line("app", line))
+        self.log_reader = follow(self.application.stderr, self.on_log)
 
     def on_log(self, line: str) -> None:
         if not self.has_logged and "[Orv" in line:
@@ -56,7 +55,7 @@ class OwnApplication(BoxDemo):
     def play(self) -> list[str]:
         self.run.begin = time.monotonic()
         self.watch()
-        self.application = self.start_application()
+        self.start_application()
         self.reach("start", "the program reports the cloud connected", lambda: self.has_cloud() and self.leads("eth0"))
         self.run.show(2)
         self.run.mark("Ethernet provider dies")
