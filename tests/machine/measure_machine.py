@@ -1,0 +1,200 @@
+# SPDX-License-Identifier: Apache-2.0
+"""script/measure machine [SECONDS [SHIFT]]
+
+Figures of the gateway on the MIPS32 machine, whose clock advances by 2^SHIFT ns with each instruction (2: 250 million
+instructions a second; an empty word: as fast as this host emulates it). Each steady state is watched for SECONDS (300) of the
+machine's own time. Asserts nothing. Takes a quarter of an hour or more.
+"""
+from __future__ import annotations
+
+import json
+import os
+import re
+import sys
+import time
+from typing import Any
+
+from orv_testbed.calls import Calls
+from orv_testbed.machine.gateway import SERVICES, Gateway
+from orv_testbed.machine.scene import MachineScene
+
+OURS = ("liborvplatform1", "liborvstacksdk1", "orv-tools")
+NEIGHBOURS = ("mosquitto", "connman", "dnsmasq-base", "dbus")
+PROGRAMS = "/usr/bin/gateway-app /usr/sbin/orv-source-routes"
+NEIGHBOURS_PROGRAMS = "/usr/sbin/mosquitto /usr/sbin/connmand /usr/sbin/dnsmasq /usr/bin/dbus-daemon"
+FIXED = "head -c 16777216 /dev/zero | openssl dgst -sha256"
+# Run on the machine: what has been counted so far, as JSON.
+SAMPLE = """
+import json, os
+def read(path):
+    try:
+        return open(path).read()
+    except OSError:
+        return ""
+def number(text, name):
+    return sum(int(line.split()[1]) for line in text.splitlines() if line.split()[0] == name)
+told = {"uptime": float(read("/proc/uptime").split()[0]), "units": {}}
+told["sectors"] = int(read("/sys/block/vda/stat").split()[6])
+for unit in UNITS:
+    group = "/sys/fs/cgroup/system.slice/" + unit + ".service/"
+    figures = told["units"][unit] = dict(wakes=0, rss=0, pss=0, written=0)
+    figures["cpu_us"] = number(read(group + "cpu.stat"), "usage_usec")
+    for pid in read(group + "cgroup.procs").split():
+        memory = read("/proc/" + pid + "/smaps_rollup").split("\\n", 1)[-1]
+        figures["rss"] += number(memory, "Rss:")
+        figures["pss"] += number(memory, "Pss:")
+        figures["written"] += number(read("/proc/" + pid + "/io"), "write_bytes:")
+        for thread in os.listdir("/proc/" + pid + "/task"):
+            figures["wakes"] += number(read("/proc/" + pid + "/task/" + thread + "/status"), "voluntary_ctxt_switches:")
+print(json.dumps(told))
+"""
+UNITS = (*SERVICES, "dbus", "systemd-journald")
+
+
+def sample(gateway: Gateway) -> dict[str, Any]:
+    told = gateway.run("python3", "-c", SAMPLE.replace("UNITS", repr(UNITS), 1), seconds=120)
+    assert told.status == 0, told.errors
+    figures: dict[str, Any] = json.loads(told.output)
+    return figures
+
+
+def uptime(gateway: Gateway) -> float:
+    return float(gateway.sh("cut -d' ' -f1 /proc/uptime"))
+
+
+def rest(gateway: Gateway, seconds: float) -> None:
+    """The machine's own seconds, which may be longer than the host's."""
+    end = uptime(gateway) + seconds
+    while (left := end - uptime(gateway)) > 0:
+        time.sleep(max(1.0, left))
+
+
+def steady_state(gateway: Gateway, tick: int, seconds: float) -> None:
+    gateway.sh(
+        f"sed -i '/^tick-ms=/d' /etc/orv/gateway-app.ini; echo tick-ms={tick} >>/etc/orv/gateway-app.ini; "
+        "systemctl restart gateway-app"
+    )
+    gateway.wait_for_cloud("eth0", 120)
+    rest(gateway, 20)
+    gateway.sh("sync")
+    before = sample(gateway)
+    rest(gateway, seconds)
+    gateway.sh("sync")
+    after = sample(gateway)
+    elapsed = after["uptime"] - before["uptime"]
+    rhythm = f"a tick each {tick} ms" if tick else "ticks by the situation"
+    print(f"\nsteady state, {rhythm}, {elapsed:.0f} s of the machine:")
+    print(f"  {'':20} {'processor':>9} {'wake-ups/s':>10} {'RSS kB':>8} {'PSS kB':>8} {'written kB/h':>12}")
+    for unit in UNITS:
+        now, then = after["units"][unit], before["units"][unit]
+        share = (now["cpu_us"] - then["cpu_us"]) / elapsed / 1e4
+        wakes = (now["wakes"] - then["wakes"]) / elapsed
+        written = (now["written"] - then["written"]) / 1024 / elapsed * 3600
+        print(f"  {unit:20} {share:8.2f}% {wakes:10.1f} {now['rss']:8} {now['pss']:8} {written:12.0f}")
+    flash = (after["sectors"] - before["sectors"]) / 2 / elapsed * 3600
+    print(f"  written to the disk, all together: {flash:.0f} kB/h", flush=True)
+
+
+def fail_over(gateway: Gateway) -> None:
+    scene = MachineScene(gateway, "info")
+    try:
+        scene.start()
+        gateway("provider", "eth", "dead")
+        scene.application.wait_for_cloud("wwan0", 120)
+        gateway("provider", "eth", "back")
+        scene.application.wait_for_cloud("eth0", 120)
+        rest(gateway, 15)
+        calls = Calls()
+        calls.add("a fail-over and the return", scene.application.stop())
+        authorities = gateway.sh("grep -c BEGIN /etc/ssl/certs/ca-certificates.crt")
+        print(f"\nthe library's calls through a fail-over and the return, with {authorities} authorities:")
+        print("\n".join(calls.lines()), flush=True)
+    finally:
+        scene.close()
+
+
+def first_connection(gateway: Gateway) -> None:
+    lines = gateway.sh(
+        "journalctl -b -o short-monotonic -u gateway-app --no-pager | grep 'connected to the cloud, from'"
+    )
+    told = re.match(r"\[ *([\d.]+)\]", lines)
+    assert told, lines
+    print(f"from the kernel's start to the first connection to the cloud: {float(told[1]):.1f} s", flush=True)
+
+
+def fixed_computation(gateway: Gateway) -> None:
+    gateway.sh(FIXED, seconds=120)
+    begun, theirs = time.monotonic(), uptime(gateway)
+    gateway.sh(FIXED, seconds=120)
+    host, own = time.monotonic() - begun, uptime(gateway) - theirs
+    print(f"SHA-256 of 16 MB: {own:.2f} s of the machine's time, {host:.2f} s of the host's", flush=True)
+
+
+def installed_sizes(gateway: Gateway) -> None:
+    fields = "${Package}|${Installed-Size}|${Pre-Depends}, ${Depends}|${Provides}\\n"
+    packages, provided = {}, {}
+    for line in gateway.sh(f"dpkg-query -W -f '{fields}'").splitlines():
+        name, size, needs, provides = fields_of(line)
+        packages[name] = (int(size), needs)
+        provided.update({words.split()[0]: name for words in provides.split(",") if words.split()})
+
+    def closure(names: tuple[str, ...]) -> set[str]:
+        found: set[str] = set()
+        waiting = list(names)
+        while waiting:
+            name = waiting.pop()
+            if name in found:
+                continue
+            found.add(name)
+            for need in packages[name][1].split(","):
+                choices = [words.split()[0].split(":")[0] for words in need.split("/") if words.split()]
+                there = [choice if choice in packages else provided.get(choice) for choice in choices]
+                waiting += [choice for choice in there if choice][:1]
+        return found
+
+    def tell(what: str, names: set[str]) -> None:
+        print(f"  {what}: {len(names)} packages, {sum(packages[name][0] for name in names)} kB")
+
+    print("\ninstalled sizes, as the packages tell them:")
+    tell("ours", set(OURS))
+    tell("ours and all that they depend on", closure(OURS))
+    tell("those, mosquitto, ConnMan, dnsmasq, D-Bus and theirs", closure(OURS + NEIGHBOURS))
+
+    def files(programs: str) -> int:
+        libraries = f"ldd {programs} | sed -n 's/.*\\(=> \\|^\\t\\)\\(\\/[^ ]*\\) (.*/\\2/p'"
+        sizes = gateway.sh(f"({libraries}; printf '%s\\n' {programs}) | sort -u | xargs stat -L -c %s")
+        return sum(map(int, sizes.split()))
+
+    print("what has to be there of it, programs and the libraries that they load:")
+    print(f"  {PROGRAMS}: {files(PROGRAMS) // 1024} kB")
+    print(f"  with {NEIGHBOURS_PROGRAMS}: {files(PROGRAMS + ' ' + NEIGHBOURS_PROGRAMS) // 1024} kB", flush=True)
+
+
+def fields_of(line: str) -> list[str]:
+    """The name and the size are before the first two bars, what is provided behind the last; others part alternatives."""
+    name, size, rest_of_it = line.split("|", 2)
+    needs, _, provides = rest_of_it.rpartition("|")
+    return [name, size, needs.replace("|", "/"), provides]
+
+
+def main() -> None:
+    seconds = float(sys.argv[1]) if len(sys.argv) > 1 else 300
+    shift = sys.argv[2] if len(sys.argv) > 2 else "2"
+    if shift:
+        os.environ["ORV_MACHINE_SHIFT"] = shift
+        print(f"the machine executes {1000 / 2 ** int(shift):.0f} million instructions a second of its own time")
+    begun = time.monotonic()
+    with Gateway(f"m{os.getpid():x}") as gateway:
+        gateway.cut_power()  # the boot that made it connect Cellular for the first time is no ordinary one
+        gateway.boot()
+        gateway.wait_for_cloud("eth0", 300)
+        first_connection(gateway)
+        fixed_computation(gateway)
+        installed_sizes(gateway)
+        fail_over(gateway)
+        for tick in (0, 250, 25):
+            steady_state(gateway, tick, seconds)
+    print(f"{time.monotonic() - begun:.0f} s of the host in all")
+
+
+main()
