@@ -87,7 +87,8 @@ if(ORV_BUILD_APPS)
     SUMMARY "programs for the connected-services stack of a gateway"
     DESCRIPTION "orv-shell makes every call of the connected-services client library by hand or\nfrom a scenario file. gateway-app is the reference application.\norv-status shows whether the cloud is reached, over which path, and why.\norv-config-check says what is wrong with a configuration file.\norv-source-routes gives connections that are bound to an interface a route.\nServices are neither enabled nor started."
     DEPENDS "liborvstacksdk${major} ${same}, liborvplatform${major} ${same}"
-    CONTROL ${PROJECT_SOURCE_DIR}/cmake/package/tools/conffiles ${PROJECT_SOURCE_DIR}/cmake/package/tools/postinst)
+    CONTROL ${PROJECT_SOURCE_DIR}/cmake/package/tools/conffiles ${PROJECT_SOURCE_DIR}/cmake/package/tools/postinst
+      ${PROJECT_SOURCE_DIR}/cmake/package/tools/postrm)
 endif()
 
 include(CPack)
