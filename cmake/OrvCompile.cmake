@@ -34,8 +34,9 @@ add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
 # Relative source names keep a build folder out of log lines, coverage and debug information.
 add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
 
-add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast -Wcast-align -Woverloaded-virtual
-                    -Wconversion -Wsign-conversion -Wformat=2 -Wimplicit-fallthrough)
+set(is_cpp "$<COMPILE_LANGUAGE:CXX>")
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow "$<${is_cpp}:-Wnon-virtual-dtor;-Wold-style-cast>" -Wcast-align
+                    $<${is_cpp}:-Woverloaded-virtual> -Wconversion -Wsign-conversion -Wformat=2 -Wimplicit-fallthrough)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   add_compile_options(-Wthread-safety)
 endif()
