@@ -1,5 +1,5 @@
 # What is installed, and in which package it goes: one CMake package and one pkg-config file each for the library and for
-# the platform. Components: runtime, dev, test-dev, platform, platform-dev, app-support-dev, tools.
+# the platform. Components: runtime, dev, c-runtime, c-dev, test-dev, platform, platform-dev, app-support-dev, tools.
 
 include(CMakePackageConfigHelpers)
 set(ORV_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake)
@@ -28,7 +28,16 @@ endfunction()
 orv_install_package(OrvStackSdk TARGETS OrvStackSdk COMPONENT runtime DEVEL_COMPONENT dev PKGCONFIG orvstacksdk.pc)
 install(DIRECTORY libs/OrvStackSdk/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT dev)
 
-# A component of the same CMake package, in a package of its own: find_package(OrvStackSdk COMPONENTS Testing)
+# Components of the same CMake package, in packages of their own: find_package(OrvStackSdk COMPONENTS C)
+install(TARGETS OrvStackSdkC EXPORT OrvStackSdkCTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT c-runtime NAMELINK_COMPONENT c-dev)
+install(EXPORT OrvStackSdkCTargets NAMESPACE OrvStackSdk:: DESTINATION ${ORV_CMAKE_DIR}/OrvStackSdk COMPONENT c-dev)
+export(EXPORT OrvStackSdkCTargets NAMESPACE OrvStackSdk:: FILE ${PROJECT_BINARY_DIR}/OrvStackSdkCTargets.cmake)
+install(DIRECTORY libs/OrvStackSdkC/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT c-dev)
+configure_file(cmake/package/orvstacksdk-c.pc.in orvstacksdk-c.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/orvstacksdk-c.pc DESTINATION ${ORV_PKGCONFIG_DIR} COMPONENT c-dev)
+
+# and COMPONENTS Testing
 if(ORV_BUILD_TEST_KIT)
   install(TARGETS OrvStackSdkTesting EXPORT OrvStackSdkTestingTargets
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT test-dev)

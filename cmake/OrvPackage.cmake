@@ -62,6 +62,15 @@ orv_debian_package(dev liborvstacksdk-dev SECTION libdevel
   SUMMARY "connected-services client library for gateways - development"
   DESCRIPTION "Headers, the CMake package OrvStackSdk and the pkg-config file orvstacksdk for\nbuilding applications against liborvstacksdk${major}."
   DEPENDS "liborvstacksdk${major} ${same}")
+orv_debian_package(c-runtime liborvstacksdkc${major}
+  SUMMARY "connected-services client library for gateways - for C"
+  DESCRIPTION "The functions in C over liborvstacksdk${major}, for applications in C and in languages\nthat call C, such as Python."
+  DEPENDS "liborvstacksdk${major} (>= ${PROJECT_VERSION})"
+  CONTROL ${PROJECT_SOURCE_DIR}/cmake/package/triggers)
+orv_debian_package(c-dev liborvstacksdkc-dev SECTION libdevel
+  SUMMARY "connected-services client library for gateways - development in C"
+  DESCRIPTION "The header, the component C of the CMake package OrvStackSdk and the pkg-config\nfile orvstacksdk-c for building applications against liborvstacksdkc${major}."
+  DEPENDS "liborvstacksdkc${major} ${same}, liborvstacksdk-dev ${same}")
 if(ORV_BUILD_TEST_KIT)
   orv_debian_package(test-dev liborvstacksdk-test-dev SECTION libdevel
     SUMMARY "connected-services client library for gateways - test kit"

@@ -34,6 +34,21 @@ told=$(grep -F 'pkg-config --cflags --libs orvstacksdk' "$sources/README.md" | s
 (cd "$build" && eval "$told" && mv mine "$output/readme/told")
 rm -rf "$build"
 
+# The programs of docs/other-languages.md: the one in C by CMake, in a project without C++, and by pkg-config.
+build=$(mktemp -d)
+cp "$sources/first-steps.c" "$build"
+cp "$sources/c.cmake" "$build/CMakeLists.txt"
+mkdir -p "$output/c"
+for compiler in gcc clang; do
+    cmake -S "$build" -B "$build/$compiler" -DCMAKE_C_COMPILER=$compiler -DCMAKE_C_FLAGS="$flags" >/dev/null
+    cmake --build "$build/$compiler" >/dev/null
+    mv "$build/$compiler/first-steps" "$output/c/cmake-$compiler"
+    # shellcheck disable=SC2046,SC2086  # words on purpose
+    $compiler -std=c99 $flags "$sources/first-steps.c" $(pkg-config --cflags --libs orvstacksdk-c) -o "$output/c/pkgconfig-$compiler"
+done
+cp "$sources/first-steps.py" "$output/c/python"
+rm -rf "$build"
+
 # The platform has a package of its own.
 build=$(mktemp -d)
 cp "$sources/platform.cpp" "$build"

@@ -138,6 +138,74 @@ TEST_F(AnExample, PublishesWhatTheModemManagerKnows) {
     EXPECT_EQ(NextPayload("/orv/modem/sim/strength"), "60");
 }
 
+/// The first steps in another language, with the name of the application in them.
+struct FirstSteps {
+    std::string name;
+    Words program;
+};
+
+std::ostream& operator<<(std::ostream& stream, const FirstSteps& steps) {
+    return stream << steps.name;
+}
+
+class TheFirstSteps : public AnExample, public ::testing::WithParamInterface<FirstSteps> {
+protected:
+    void Begin() {
+#ifdef ORV_LIBRARIES
+        setenv("LD_LIBRARY_PATH", ORV_LIBRARIES, 1);
+#endif
+        Words words{"sh", "-c", "log=$0; exec \"$@\" >\"$log\"", folder.Path("said")};
+        words.insert(words.end(), GetParam().program.begin(), GetParam().program.end());
+        program = std::make_unique<ChildProgram>(words, folder.Path("log"));
+    }
+
+    const std::string feature = "/orv/apps_control/features/" + GetParam().name;
+    const std::string init = feature + "/init";
+};
+
+TEST_P(TheFirstSteps, AnnounceTheApplicationHearAndObeyAndSayGoodBye) {
+    ASSERT_TRUE(neighbour->Subscribe(feature + "/#"));
+    Publish("/orv/panel/guid", "4711");
+    Begin();
+    EXPECT_EQ(NextPayload(feature + "/available"), "true") << Content(folder.Path("log"));
+    EXPECT_EQ(NextPayload(init), "booting");
+    EXPECT_EQ(NextPayload(init), "ready");
+    EXPECT_TRUE(EventuallyHolds("said", "panel 4711\n"));
+    Publish("/orv/modem/sim/strength", "-71");
+    EXPECT_TRUE(EventuallyHolds("said", "panel 4711\nsignal -71\n"));
+    ASSERT_TRUE(neighbour->Publish({init, "reload", 1}));
+    EXPECT_EQ(NextPayload(init), "reload");
+    EXPECT_EQ(NextPayload(init), "booting");
+    EXPECT_EQ(NextPayload(init), "ready");
+    EXPECT_TRUE(EventuallyHolds("said", "panel 4711\nsignal -71\nreads its settings again\n"));
+    EXPECT_EQ(program->End(SIGTERM), 0) << Content(folder.Path("log"));
+    program.reset();
+    ASSERT_TRUE(neighbour->Publish({feature + "/last", "", 1}));
+    const auto next = neighbour->NextMessage();
+    ASSERT_TRUE(next);
+    EXPECT_EQ(next->topic, feature + "/last"); // and no last will before it
+}
+
+TEST_P(TheFirstSteps, SayThatThereIsNoBrokerAndEnd) {
+    broker->Stop();
+    Begin();
+    siginfo_t ended{};
+    EXPECT_TRUE(WaitUntil([&] {
+        return waitid(P_PID, static_cast<id_t>(program->Pid()), &ended, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+               ended.si_pid != 0;
+    }));
+    EXPECT_EQ(program->End(SIGKILL), 1);
+    program.reset();
+    EXPECT_NE(Content(folder.Path("log")).find("no broker\n"), std::string::npos) << Content(folder.Path("log"));
+}
+
+INSTANTIATE_TEST_SUITE_P(InC, TheFirstSteps,
+                         ::testing::Values(FirstSteps{"doorbell", {ORV_EXAMPLES "/first-steps-c"}}));
+#ifdef ORV_FIRST_STEPS_PY
+INSTANTIATE_TEST_SUITE_P(InPython, TheFirstSteps,
+                         ::testing::Values(FirstSteps{"window", {"/usr/bin/python3", "-B", ORV_FIRST_STEPS_PY}}));
+#endif
+
 struct Call {
     std::string program;
     Words arguments;
