@@ -37,7 +37,7 @@ starts "$work/by-tree/first-steps"
 
 PKG_CONFIG_PATH=$libraries/pkgconfig
 export PKG_CONFIG_PATH
-for package in orvstacksdk orvplatform; do
+for package in orvstacksdk orvstacksdk-c orvplatform; do
     stray=$(pkg-config --cflags --libs $package | tr ' ' '\n' | grep -E '^-[IL]' | cut -c 3- | xargs realpath -m | grep -v "^$work/moved" || true)
     [ -z "$stray" ] || fail "$package.pc leads to $stray"
 done
