@@ -65,7 +65,7 @@ orv_debian_package(dev liborvstacksdk-dev SECTION libdevel
 orv_debian_package(c-runtime liborvstacksdkc${major}
   SUMMARY "connected-services client library for gateways - for C"
   DESCRIPTION "The functions in C over liborvstacksdk${major}, for applications in C and in languages\nthat call C, such as Python."
-  DEPENDS "liborvstacksdk${major} (>= ${PROJECT_VERSION})"
+  DEPENDS "liborvstacksdk${major} (>= ${PROJECT_VERSION}), liborvplatform${major} (>= ${PROJECT_VERSION})"
   CONTROL ${PROJECT_SOURCE_DIR}/cmake/package/triggers)
 orv_debian_package(c-dev liborvstacksdkc-dev SECTION libdevel
   SUMMARY "connected-services client library for gateways - development in C"
