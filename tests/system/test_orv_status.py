@@ -198,3 +198,11 @@ def test_a_fail_over_is_followed(
     assert "a poke over Cellular succeeded" in [move for move in reasons if move][0]["reason"]
     follower.terminate()
     assert follower.wait(timeout=SLACK) == HEALTHY
+
+
+def test_who_follows_and_goes_away_leaves_nothing_behind(box: Box) -> None:
+    following = box.start(program("orv-status"), "--follow", "--json", stdout=subprocess.PIPE)
+    assert following.stdout
+    assert json.loads(following.stdout.readline())["version"] == 1
+    following.stdout.close()
+    following.wait(SLACK)

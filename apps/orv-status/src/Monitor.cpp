@@ -2,6 +2,7 @@
 #include "Monitor.h"
 
 #include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -59,10 +60,12 @@ bool Monitor::Wait(Clock::time_point deadline, int wake) {
 
 bool Monitor::Poll(Clock::time_point deadline, int wake) {
     const short forBroker = static_cast<short>(POLLIN | (broker.WantsWrite() ? POLLOUT : 0));
-    std::array<pollfd, 5> all{{{broker.Socket(), forBroker, 0},
+    constexpr short onlyItsEnd = 0;
+    std::array<pollfd, 6> all{{{broker.Socket(), forBroker, 0},
                                {network.Descriptor(), POLLIN, 0},
                                {connman.Descriptor(), POLLIN, 0},
                                {application.Descriptor(), POLLIN, 0},
+                               {STDOUT_FILENO, onlyItsEnd, 0},
                                {wake, POLLIN, 0}}};
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
     poll(all.data(), all.size(), static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, PACE.count())));
@@ -71,7 +74,7 @@ bool Monitor::Poll(Clock::time_point deadline, int wake) {
     if (application.Descriptor() >= 0)
         news = application.Changed() || news;
     news = news || all[1].revents != 0 || all[2].revents != 0;
-    return all.back().revents == 0;
+    return all[4].revents == 0 && all[5].revents == 0;
 }
 
 Snapshot Monitor::Take() {

@@ -32,7 +32,7 @@ public:
     /// answered is unknown.
     void Settle(Clock::time_point deadline);
     /// Until there is news, or `deadline`.
-    /// @return false when `wake` became readable
+    /// @return false when `wake` became readable, or nobody reads the standard output any more
     bool Wait(Clock::time_point deadline, int wake);
 
     /// What is known now.
