@@ -9,32 +9,44 @@ from __future__ import annotations
 
 import argparse
 import contextlib
-import pathlib
+import errno
+import fcntl
+import os
 import signal
 import sys
+import tempfile
 import threading
 from collections.abc import Iterator, Sequence
+from typing import IO
 
 from orv_testbed.box import Box, Failed
+from orv_testbed.panel.arguments import PORT, options
 from orv_testbed.panel.box_gateway import BoxGateway, attached
 from orv_testbed.panel.follower import FOLLOW, Follower
 from orv_testbed.panel.hub import Hub
 from orv_testbed.panel.server import Server
 from orv_testbed.programs import Missing
 
-PORT = 8420  # the same each time, so that a page that is open finds the next panel
+OWN_BOX = "panel"
+ENDINGS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
 
 
-def options(arguments: Sequence[str]) -> argparse.Namespace:
-    parser = argparse.ArgumentParser(prog="panel", description="shows a gateway in a browser")
-    parser.add_argument("--port", type=int, help=f"on 127.0.0.1 (default: {PORT}, or another if that is taken)")
-    parser.add_argument("--box", metavar="NAME", help="a box that is up already, instead of one of its own")
-    parser.add_argument("--log", type=pathlib.Path, metavar="FILE", help="with --box: the log of the application on it")
-    parser.add_argument("--on", nargs=argparse.REMAINDER, metavar="COMMAND", help="a gateway that this command reaches")
-    chosen = parser.parse_args(arguments)
-    if chosen.on is not None and (not chosen.on or chosen.box):
-        parser.error("--on is followed by the command that reaches the gateway, such as: --on ssh root@gateway")
-    return chosen
+def say(words: str) -> None:
+    print(f"panel: {words}", flush=True)
+
+
+def take_lock() -> IO[bytes]:
+    """As long as it is held, the box is ours; without it, what is there of the box is left over from one that was killed."""
+    path = os.path.join(tempfile.gettempdir(), f"orv-box-{OWN_BOX}.lock")
+    lock = os.fdopen(os.open(path, os.O_RDWR | os.O_CREAT | os.O_NOFOLLOW, 0o600), "r+b")
+    try:
+        fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+    except BlockingIOError:
+        lock.close()
+        raise Failed(
+            f"a panel with its box is up already: open that, end it by Ctrl-C, or use --box {OWN_BOX}"
+        ) from None
+    return lock
 
 
 @contextlib.contextmanager
@@ -44,8 +56,9 @@ def gateway(chosen: argparse.Namespace, hub: Hub) -> Iterator[BoxGateway | None]
     elif chosen.box:
         yield BoxGateway(hub, attached(chosen.box), chosen.log)
     else:
-        print("panel: a gateway comes up: two providers, a cloud, ConnMan, a broker, gateway-app", flush=True)
-        with Box("panel") as box:
+        lock = take_lock()
+        say("a gateway comes up: two providers, a cloud, ConnMan, a broker, gateway-app")
+        with lock, Box(OWN_BOX) as box:
             made = BoxGateway(hub, box, box.folder / "gateway-app.log")
             made.start_application()
             yield made
@@ -55,19 +68,23 @@ def make_server(hub: Hub, port: int | None, made: BoxGateway | None) -> Server:
     press = made.desk.press if made else None
     try:
         return Server(hub, PORT if port is None else port, press)
-    except OSError:
-        if port is not None:
-            raise
-        return Server(hub, 0, press)
+    except OSError as error:
+        if port is None:
+            return Server(hub, 0, press)
+        why = {errno.EADDRINUSE: "it is taken", errno.EACCES: "that needs root"}.get(error.errno or 0, error.strerror)
+        raise Failed(f"cannot listen on port {port}: {why}; give another one, or none") from error
 
 
 def interrupted(*_: object) -> None:
+    """Whoever loses patience meanwhile is not to leave half a gateway behind."""
+    for number in ENDINGS:
+        signal.signal(number, signal.SIG_IGN)
     raise KeyboardInterrupt
 
 
 def main(arguments: Sequence[str]) -> int:
     chosen = options(arguments)
-    for number in (signal.SIGTERM, signal.SIGHUP):
+    for number in ENDINGS:
         signal.signal(number, interrupted)
     hub = Hub()
     try:
@@ -75,11 +92,14 @@ def main(arguments: Sequence[str]) -> int:
             command = made.follow_command() if made else [*chosen.on, *FOLLOW]
             hub.put("gateway", {"on": None if made else " ".join(chosen.on), "box": made.box.name if made else None})
             server = make_server(hub, chosen.port, made)
-            follower = Follower(hub, command, made.box.environment if made else None)
+            follower = Follower(hub, command, made.box.environment if made else None, say=say)
             follower.start()
             server.start()
             try:
-                print(f"panel: {server.url}\npanel: Ctrl-C ends it", flush=True)
+                say(server.url)
+                if made:
+                    say(f"faults from another terminal: ORV_BOX={made.box.name} testbed/box, such as loss eth 30")
+                say("Ctrl-C ends it")
                 threading.Event().wait()
             finally:
                 follower.stop()

@@ -5,7 +5,7 @@ from __future__ import annotations
 import shlex
 import subprocess
 import threading
-from collections.abc import Mapping, Sequence
+from collections.abc import Callable, Mapping, Sequence
 from typing import IO
 
 from orv_testbed.panel import status
@@ -16,15 +16,24 @@ FOLLOW = ("orv-status", "--follow", "--json")
 LONGEST_LINE = 4 << 20  # bytes; 500 topics take 300 kB
 LONGEST_WORDS = 300
 PAUSE = 1.0  # seconds before it is run again
+NOTHING_ELSE = "the command may print nothing but what orv-status does, so no greeting of a shell either"
+REMEDIES = {127: " (orv-status comes with the package orv-tools)"}
 
 
 class Follower:
     """Brings each status to the hub, and in the section "source" whether there is anybody to tell one."""
 
     def __init__(
-        self, hub: Hub, command: Sequence[str], environment: Mapping[str, str] | None = None, pause: float = PAUSE
+        self,
+        hub: Hub,
+        command: Sequence[str],
+        environment: Mapping[str, str] | None = None,
+        pause: float = PAUSE,
+        say: Callable[[str], None] = lambda words: None,
     ) -> None:
         self.hub = hub
+        self.say = say  # to whoever has started the panel, each trouble once
+        self.said = ""
         self.environment = environment
         self.command = list(command)
         self.pause = pause
@@ -51,6 +60,9 @@ class Follower:
             words = self._follow()
             if self.ended.is_set():
                 return
+            if words != self.said:
+                self.say(f"the gateway does not answer: {words}; trying again")
+                self.said = words
             self.hub.lose_sight()
             self._tell("away", words)
             self.ended.wait(self.pause)
@@ -64,6 +76,8 @@ class Follower:
             )
         except OSError as error:
             return f"{self.command[0]} cannot be run: {error.strerror}"
+        if self.ended.is_set():
+            end_all([self.process])
         complaints = threading.Thread(target=self._hear_complaints, args=(self.process.stderr,), daemon=True)
         complaints.start()
         assert self.process.stdout
@@ -71,20 +85,24 @@ class Follower:
         end_all([self.process])
         complaints.join(1)
         said = f": {self.last_words}" if self.last_words else ""
-        return trouble or f"the command has ended with exit status {self.process.returncode}{said}"
+        remedy = REMEDIES.get(self.process.returncode, "")
+        return trouble or f"the command has ended with exit status {self.process.returncode}{said}{remedy}"
 
     def _read(self, stream: IO[bytes]) -> str:
         """Until the stream ends; returns what is wrong with it, if anything is."""
         while line := stream.readline(LONGEST_LINE):
             if not line.endswith(b"\n") and len(line) == LONGEST_LINE:
-                return f"a line of more than {LONGEST_LINE >> 20} MiB is no status"
+                return f"a line of more than {LONGEST_LINE >> 20} MiB is no status: {NOTHING_ELSE}"
             if not line.endswith(b"\n"):
                 return ""  # torn off with its writer
             try:
                 self.hub.take(status.read(line))
             except status.Unreadable as error:
-                return f"what the command printed is no status: {error}"
+                return f"what the command printed is no status: {error}; {NOTHING_ELSE}"
             self._tell("running", "")
+            if self.said:
+                self.say("the gateway answers again")
+                self.said = ""
         return ""
 
     def _hear_complaints(self, stream: IO[bytes]) -> None:

@@ -101,3 +101,36 @@ def test_a_command_that_is_not_there_is_named() -> None:
         assert "/nowhere/orv-status" in source(hub)["command"]
     finally:
         follower.stop()
+
+
+def test_a_shell_that_greets_is_told_from_a_status_and_the_remedy_is_named(follow: Follow) -> None:
+    hub = follow("print('Welcome to gateway 7')\nprint(status, end='')\ntime.sleep(60)")
+    wait_for(hub, "away")
+    assert "no JSON: Welcome to gateway 7" in source(hub)["words"] and "no greeting of a shell" in source(hub)["words"]
+
+
+def test_a_gateway_without_the_program_is_told_which_package_it_lacks(follow: Follow) -> None:
+    hub = follow("sys.stderr.write('sh: orv-status: not found\\n')\nsys.exit(127)")
+    wait_for(hub, "away")
+    assert source(hub)["words"].endswith("sh: orv-status: not found (orv-status comes with the package orv-tools)")
+
+
+def test_complaints_without_end_are_not_collected(follow: Follow) -> None:
+    hub = follow("sys.stderr.write('x' * 2**20)\nsys.exit(3)")
+    wait_for(hub, "away")
+    assert len(source(hub)["words"]) < 500
+
+
+def test_each_trouble_is_said_once_in_the_terminal(tmp_path: pathlib.Path) -> None:
+    said: list[str] = []
+    runs = tmp_path / "runs"
+    program = f"import sys; open({str(runs)!r}, 'a').write('x'); sys.exit('no route to host')"
+    follower = Follower(Hub(), [sys.executable, "-c", program], pause=0, say=said.append)
+    follower.start()
+    try:
+        wait_until(lambda: runs.exists() and runs.stat().st_size >= 3, SLACK, "three runs")
+    finally:
+        follower.stop()
+    assert said == [
+        "the gateway does not answer: the command has ended with exit status 1: no route to host; trying again"
+    ]
