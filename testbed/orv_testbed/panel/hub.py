@@ -43,6 +43,7 @@ class Hub:
         self.decisions: collections.deque[dict[str, Any]] = collections.deque(maxlen=MOST_DECISIONS)
         self.counted = {"events": 0, "decisions": 0}
         self.lanes: dict[str, str] = {}
+        self.forgotten: dict[str, dict[str, Any]] = {}  # lane -> its last event that is kept no more
         self.offset: float | None = None  # the gateway's clock less our own
         self.last: dict[str, Any] | None = None
 
@@ -80,6 +81,7 @@ class Hub:
     def _begin_anew(self) -> None:
         self.epoch += 1
         self.events.clear()
+        self.forgotten.clear()
         self.lanes.clear()
         self.offset = self.last = None
 
@@ -117,6 +119,8 @@ class Hub:
         now = self.now()
         if now is None:  # there is no time to note it at before the first status
             return
+        if len(self.events) == MOST_EVENTS and "lane" in (oldest := self.events[0]):
+            self.forgotten[oldest["lane"]] = oldest
         self.events.append({"t": round(now, 3), **event})
         self.counted["events"] += 1
         self.news.notify_all()
@@ -144,6 +148,8 @@ class Hub:
                 seen.counts[name] = self.counted[name]
                 if fresh > 0:
                     message[name] = list(entries)[-fresh:]
+                if name == "events" and fresh > len(entries):
+                    message[name] = [*self.forgotten.values(), *message[name]]  # a lane that stands still is known, too
             if whole:
                 message["whole"] = True
             return message

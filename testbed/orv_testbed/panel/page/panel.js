@@ -8,6 +8,7 @@ import { html, say } from "./svg.js";
 import { Timeline } from "./timeline.js";
 
 const SILENCE = 7000; // ms; the server says something every two seconds
+const MOST_SPOKEN = 4;
 const byId = (id) => document.getElementById(id);
 
 let known = {};
@@ -30,16 +31,30 @@ function connect() {
     lastWord = performance.now();
     take(JSON.parse(event.data));
   };
-  stream.onerror = () => link("lost", "the panel's server is away, trying again");
+  stream.onerror = loseServer;
 }
 
 // Neither a page that has slept nor a connection that died unnoticed is told by anybody.
 setInterval(() => {
   if (performance.now() - lastWord > SILENCE || stream.readyState === EventSource.CLOSED) {
-    link("lost", "the panel's server is away, trying again");
+    loseServer();
     connect();
   }
 }, 1000);
+
+function loseServer() {
+  if (document.documentElement.classList.contains("stale")) return;
+  document.documentElement.classList.add("stale");
+  link("lost", "the panel's server is away, trying again");
+  notice(`The panel's server is away. What is shown was so at ${new Date().toLocaleTimeString([], { hour12: false })}.`);
+  document.title = "Away – Gateway";
+  showTime();
+}
+
+function notice(words) {
+  byId("notice").hidden = !words;
+  say(byId("notice"), words);
+}
 
 function link(kind, words) {
   byId("link").className = `link ${kind}`;
@@ -47,6 +62,7 @@ function link(kind, words) {
 }
 
 function take(message) {
+  document.documentElement.classList.remove("stale");
   if (message.whole) {
     known = {};
     topicRows.clear();
@@ -59,7 +75,7 @@ function take(message) {
   Object.assign(known, sections);
   if (message.catalogue) faults.build(message.catalogue);
   if (message.faults && known.catalogue) faults.show(known.faults);
-  if (events) timeline.add(events);
+  if (events) timeline.add(events, message.whole);
   if (decisions) showDecisions(decisions, message.whole);
   const away = known.source?.state === "away";
   if (message.status || message.source || message.faults || message.whole) showStatus(away);
@@ -68,10 +84,12 @@ function take(message) {
 }
 
 function showSource(away) {
-  byId("notice").hidden = !away;
-  if (away) say(byId("notice"), `What is shown is not known any more: ${known.source.words}. Trying again: ${known.source.command}`);
-  link(away || known.source?.state !== "running" ? "lost" : "live", away ? "the gateway does not answer" :
-    known.source?.state === "running" ? `live${known.gateway?.on ? ` by ${known.gateway.on}` : ""}` : "waiting for the gateway");
+  const { state, words, command } = known.source || {};
+  const waiting = state === "starting" ? `Nothing is known yet. Waiting for the first words of: ${command}` : "";
+  notice(away ? `What is shown is not known any more: ${words}. Trying again: ${command}` : waiting);
+  const live = `live${known.gateway?.on ? ` by ${known.gateway.on}` : ""}`;
+  link(state === "running" ? "live" : "lost",
+    { running: live, away: "the gateway does not answer" }[state] || "waiting for the gateway");
 }
 
 function showStatus(away) {
@@ -83,13 +101,18 @@ function showStatus(away) {
   document.title = `${shown.headline} – Gateway`;
   drawing.show(shown);
   if (!away && known.status) showTopics(known.status.topics, known.status.broker);
-  showDuration();
+  showTime();
 }
 
-function showDuration() {
-  const begin = known.source?.state === "away" ? null : since(known.status);
+/** For how long it has been so; and, where only what changes is told, when that was last. */
+function showTime() {
+  const stale = document.documentElement.classList.contains("stale") || known.source?.state !== "running";
+  const begin = since(known.status);
   const now = gatewayNow();
-  say(byId("duration"), begin === null || now === null ? "" : `for ${length(now - begin)}`);
+  say(byId("duration"), stale || begin === null || now === null ? "" : `for ${length(now - begin)}`);
+  const heard = !stale && known.gateway?.on && known.status && now !== null;
+  byId("heard").hidden = !heard;
+  if (heard) say(byId("heard"), `last change ${length(now - known.status.monotonic)} ago`);
 }
 
 function length(seconds) {
@@ -106,7 +129,13 @@ function showDecisions(decisions, whole) {
     list.prepend(html("li", {}, html("time", { datetime: time, title: time }, clock), html("span", {}, words)));
   }
   while (list.children.length > 200) list.lastChild.remove();
-  if (!whole) byId("spoken").textContent = decisions.map((decision) => decision.words).join(". ");
+  if (!whole) speak(decisions.map((decision) => decision.words));
+}
+
+/** What a screen reader is to say; of a flood, the end. */
+function speak(words) {
+  const before = words.length > MOST_SPOKEN ? [`${words.length - MOST_SPOKEN} earlier ones`] : [];
+  byId("spoken").textContent = [...before, ...words.slice(-MOST_SPOKEN)].join(". ");
 }
 
 function showTopics(topics, broker) {
@@ -139,5 +168,5 @@ function showTopic({ topic, payload, bytes, retained }) {
   if (fresh) requestAnimationFrame(() => row.classList.add("fresh"));
 }
 
-setInterval(showDuration, 500);
+setInterval(showTime, 500);
 connect();

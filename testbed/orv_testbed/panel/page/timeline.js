@@ -7,15 +7,18 @@ export const LANES = ["route state", "green LED", "yellow LED", "DNS topic", "de
 const SPANS = [15, 30, 60, 120, 300, 900, 3600];
 const LIGHT = { paper: "#ffffff", grid: "#e3e7eb", text: "#1c2630", soft: "#55626f", mark: "#1c2630", on: "#10202b" };
 const DARK = { paper: "#1a2128", grid: "#323d47", text: "#e6ebf0", soft: "#a5b1bd", mark: "#e6ebf0", on: "#10202b" };
-const COLOURS = {
-  ETHERNET_ACTIVE: "#63b58a", ETHERNET_LOST_DELAY: "#e9bd55", POKING_CELLULAR: "#eb9d5d", SWITCHING_TO_CELLULAR: "#de7a66",
-  CELLULAR_ACTIVE: "#7fa3dc", SWITCHING_TO_ETHERNET: "#ac8fd0", ETHERNET_SETTLE_DELAY: "#8ecae6",
-  inhibit: "#de7a66", permit: "#63b58a", Ethernet: "#63b58a", Cellular: "#7fa3dc", eth0: "#63b58a", wwan0: "#7fa3dc",
+// Those that follow each other, or mean the opposite, differ for the colour-blind, too.
+export const COLOURS = {
+  ETHERNET_ACTIVE: "#61b68f", ETHERNET_LOST_DELAY: "#edbd54", POKING_CELLULAR: "#dd6225", SWITCHING_TO_CELLULAR: "#cc7452",
+  CELLULAR_ACTIVE: "#acb7fa", SWITCHING_TO_ETHERNET: "#9d7db7", ETHERNET_SETTLE_DELAY: "#a7e6fa",
+  inhibit: "#cc7452", permit: "#61b68f", Ethernet: "#61b68f", Cellular: "#acb7fa", eth0: "#61b68f", wwan0: "#acb7fa",
 };
 const LAMPS = { "green LED": { On: "#63b96c", Blink: "#b4dfb8" }, "yellow LED": { On: "#ffc93c", Blink: "#ffe9a8" } };
 const OTHERS = ["#9db8b8", "#c9c2a5", "#c295ae"];
 const EMPTY = ["Off", "none"];
 const NARROW = 640;
+const MOST_EVENTS = 8000; // as many as the server keeps
+const LEAST_WIDTH = 1.5;
 
 const colour = (lane, value) => (LAMPS[lane] || {})[value] || COLOURS[value] ||
   OTHERS[[...value].reduce((sum, letter) => sum + letter.codePointAt(0), 0) % OTHERS.length];
@@ -41,6 +44,21 @@ export function bars(events, lane, begin, end) {
   }
   return found.filter((bar) => bar[1] >= begin && bar[1] > bar[0]);
 }
+
+/** Of bars in places of the picture those that can be told apart: of several in one place the widest. */
+function distinct(found) {
+  const shown = [];
+  for (const bar of found) {
+    const last = shown[shown.length - 1];
+    if (!last || bar[1] - last[0] >= 2 * LEAST_WIDTH) shown.push(bar);
+    else if (bar[1] - bar[0] > last[1] - last[0]) shown[shown.length - 1] = [last[0], bar[1], bar[2]];
+    else last[1] = bar[1];
+  }
+  return shown;
+}
+
+/** So that lines pass behind what is written. */
+const halo = (paper) => ({ stroke: paper, "stroke-width": 4, "stroke-linejoin": "round", "paint-order": "stroke" });
 
 export class Timeline {
   /** `now`: a function that gives the gateway's time, or null. */
@@ -85,9 +103,17 @@ export class Timeline {
 
   reset() { this.events = []; }
 
-  add(events) {
+  /** `whole`: these are all there are. */
+  add(events, whole) {
     this.events.push(...events);
-    if (this.events.length > 10000) this.events.splice(0, this.events.length - 8000);
+    if (this.events.length > MOST_EVENTS * 1.25) this.forget(this.events.length - MOST_EVENTS);
+    if (whole) this.draw();
+  }
+
+  /** What a lane was last stays known. */
+  forget(count) {
+    const last = new Map(this.events.slice(0, count).filter((event) => event.lane).map((event) => [event.lane, event]));
+    this.events.splice(0, count, ...last.values());
   }
 
   draw() {
@@ -134,52 +160,59 @@ export class Timeline {
       const anchor = at > width - 40 ? "end" : at < left + 25 ? "start" : "middle";
       root.append(write([at, bottom + 16], ink.soft, ago(behind + back), { "text-anchor": anchor }));
     }
+    const [drawn, lines, labels] = [svg("g"), svg("g"), svg("g", { "pointer-events": "none" })];
+    root.append(drawn, lines, labels);
     LANES.forEach((lane, row) => {
       const y = top + row * pitch;
       const anchor = narrow ? {} : { "text-anchor": "end" };
-      root.append(write([narrow ? left : left - 12, narrow ? y + 12 : y + 21], ink.text, lane, { "font-weight": 600, ...anchor }));
-      for (const [from, to, value] of bars(this.events, lane, begin, end)) {
-        root.append(this.bar(lane, value, x(from), x(to), y + offset, ink, write));
+      labels.append(write([narrow ? left : left - 12, narrow ? y + 12 : y + 21], ink.text, lane, { "font-weight": 600, ...anchor }));
+      const shown = distinct(bars(this.events, lane, begin, end).map(([from, to, value]) => [x(from), x(to), value]));
+      for (const [from, to, value] of shown) {
+        drawn.append(this.bar(lane, value, from, to, y + offset, ink));
+        const fits = to - from > 6.9 * value.length + 10;
+        const [fill, paper] = EMPTY.includes(value) ? [ink.soft, ink.paper] : [ink.on, colour(lane, value)];
+        if (fits) labels.append(write([from + 6, y + offset + 17], fill, value, { "font-size": 11, ...halo(paper) }));
       }
     });
-    this.marks(root, begin, end, x, { ink, width, bottom, write });
+    this.marks(lines, labels, begin, end, x, { ink, width, bottom, write });
     return root;
   }
 
-  marks(root, begin, end, x, { ink, width, bottom, write }) {
+  marks(lines, labels, begin, end, x, { ink, width, bottom, write }) {
     const taken = [0, 0]; // up to where each of the two rows is written
+    let last = -LEAST_WIDTH;
     for (const event of this.events.filter((one) => one.mark && one.t >= begin && one.t <= end)) {
       const at = x(event.t);
+      if (at - last < LEAST_WIDTH) continue;
+      last = at;
       const room = 6.6 * event.mark.length + 12;
       const from = at + room > width ? at - room : at;
       const row = taken.findIndex((used) => used <= from);
       const title = svg("title");
       title.textContent = event.mark;
-      root.append(svg("line", { x1: at, y1: row === 1 ? 34 : 18, x2: at, y2: bottom, stroke: ink.mark,
+      lines.append(svg("line", { x1: at, y1: row === 1 ? 34 : 18, x2: at, y2: bottom, stroke: ink.mark,
         "stroke-dasharray": "3 3" }, title));
       if (row < 0) continue; // the line alone, where there is no room
       taken[row] = from + room;
-      root.append(write([from === at ? at + 5 : at - 5, 14 + 16 * row], ink.mark, event.mark,
-        { "text-anchor": from === at ? "start" : "end" }));
+      labels.append(write([from === at ? at + 5 : at - 5, 14 + 16 * row], ink.mark, event.mark,
+        { "text-anchor": from === at ? "start" : "end", ...halo(ink.paper) }));
     }
   }
 
-  bar(lane, value, from, to, y, ink, write) {
-    const width = Math.max(to - from, 1.5);
+  bar(lane, value, from, to, y, ink) {
+    const width = Math.max(to - from, LEAST_WIDTH);
     const hollow = EMPTY.includes(value);
     const title = svg("title");
     title.textContent = `${lane}: ${value}`;
-    const rect = svg("rect", { x: from.toFixed(1), y, width: width.toFixed(1), height: 26, rx: 4,
+    const rect = svg("rect", { x: from.toFixed(1), y, width: width.toFixed(1), height: 26, rx: Math.min(4, width / 2),
       fill: hollow ? "none" : colour(lane, value), stroke: hollow ? ink.soft : "none" });
     if (hollow) rect.setAttribute("stroke-dasharray", "2 3");
     const group = svg("g", { "data-lane": lane, "data-value": value }, title, rect);
-    if (value === "Blink") {
-      for (let at = from + 7; at < to - 3; at += 14) {
-        const w = Math.min(7, to - at);
-        group.append(svg("rect", { x: at.toFixed(1), y: y + 21, width: w.toFixed(1), height: 5, fill: LAMPS[lane]?.On || ink.soft }));
-      }
+    if (value !== "Blink") return group;
+    for (let at = from + 7; at < to - 3; at += 14) {
+      const w = Math.min(7, to - at);
+      group.append(svg("rect", { x: at.toFixed(1), y: y + 21, width: w.toFixed(1), height: 5, fill: LAMPS[lane]?.On || ink.soft }));
     }
-    if (width > 6.9 * value.length + 10) group.append(write([from + 6, y + 17], hollow ? ink.soft : ink.on, value, { "font-size": 11 }));
     return group;
   }
 
