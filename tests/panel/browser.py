@@ -109,12 +109,19 @@ class Page:
         return self.all('.fault button[aria-pressed="true"]', "title")
 
     def undo_all(self) -> None:
-        if self.in_force():
+        def nothing() -> bool:
+            return self.all('[data-fault="undo all"]', "ariaDisabled") == ["true"]
+
+        if not nothing():
             self.press("undo all")
-            self.wait(lambda: not self.in_force(), "no fault in force", 30)
+            self.wait(nothing, "no fault in force", 30)
 
     def wait_for_cloud(self, over: str, seconds: float = 60) -> None:
         self.wait(lambda: self.text("state") == f"Cloud over {over}", f"the cloud over {over}", seconds)
+
+    def notice(self) -> str:
+        """What is said above everything, if anything is."""
+        return "".join(self.all("#notice:not([hidden])"))
 
     def bars(self, lane: str) -> list[str]:
         return list(

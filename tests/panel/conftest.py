@@ -8,7 +8,7 @@ import pathlib
 import subprocess
 import sys
 import urllib.request
-from collections.abc import Iterator
+from collections.abc import Iterator, Mapping
 
 import pytest
 
@@ -23,27 +23,30 @@ from orv_testbed.waiting import SLACK, wait_until
 class Panel:
     """The panel as a process of its own, which can be ended and started again on the same port."""
 
-    def __init__(self, box: Box, log: pathlib.Path, folder: pathlib.Path) -> None:
-        self.box, self.log, self.folder = box, log, folder
+    def __init__(self, folder: pathlib.Path, environment: Mapping[str, str], *arguments: str) -> None:
+        self.said = folder / "panel.out"
+        self.environment = environment
+        self.arguments = arguments
         self.port = free_port()
         self.url = f"http://127.0.0.1:{self.port}/"
         self.process: subprocess.Popen[str] | None = None
 
     def start(self) -> None:
-        said = self.folder / "panel.out"
-        with said.open("w", encoding="utf-8") as output:
+        with self.said.open("w", encoding="utf-8") as output:
             self.process = subprocess.Popen(
-                [sys.executable, "-B", "-m", "orv_testbed.panel"]
-                + ["--port", str(self.port), "--box", self.box.name, "--log", str(self.log)],
-                env=self.box.environment,
+                [sys.executable, "-B", "-m", "orv_testbed.panel", "--port", str(self.port), *self.arguments],
+                env=self.environment,
                 stdin=subprocess.DEVNULL,
                 stdout=output,
                 stderr=output,
                 text=True,
+                start_new_session=True,
             )
-        wait_until(
-            lambda: self.url in said.read_text(encoding="utf-8"), SLACK, lambda: said.read_text(encoding="utf-8")
-        )
+        wait_until(lambda: "Ctrl-C ends it" in self.words(), SLACK, self.words)
+
+    def words(self) -> str:
+        """What it has said in the terminal."""
+        return self.said.read_text(encoding="utf-8")
 
     def press(self, words: str) -> None:
         """Presses a fault's button as another page does."""
@@ -62,7 +65,7 @@ class Panel:
     def stop(self) -> None:
         assert self.process
         self.process.terminate()
-        assert self.process.wait(SLACK) == 0
+        assert self.process.wait(SLACK) == 0, self.words()
 
 
 @pytest.fixture(scope="session")
@@ -71,12 +74,18 @@ def box() -> Iterator[Box]:
         yield made
 
 
+def start_application(box: Box, log: pathlib.Path) -> None:
+    gateway = BoxGateway(Hub(), box, log)
+    gateway.start_application()
+    gateway.stop()
+
+
 @pytest.fixture(scope="session")
 def panel(box: Box, tmp_path_factory: pytest.TempPathFactory) -> Iterator[Panel]:
     folder = tmp_path_factory.mktemp("panel")
     log = folder / "gateway-app.log"
-    BoxGateway(Hub(), box, log).start_application()
-    made = Panel(box, log, folder)
+    start_application(box, log)
+    made = Panel(folder, box.environment, "--box", box.name, "--log", str(log))
     made.start()
     yield made
     made.stop()

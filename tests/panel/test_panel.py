@@ -95,9 +95,11 @@ def make_readme_picture(picture: pathlib.Path) -> None:
 def test_a_page_finds_the_server_that_has_been_started_again(page: Page, panel: Panel) -> None:
     panel.stop()
     page.wait(lambda: "away" in page.text("link"), "that the server is away")
+    assert page.notice().startswith("The panel's server is away. What is shown was so at ")
+    assert page.text("duration") == "" and page.style(".flow", "animation-name") == "none"
     page.keep_picture("server-away")
     panel.start()
-    page.wait(lambda: page.text("link") == "live", "the server")
+    page.wait(lambda: page.text("link") == "live" and page.notice() == "", "the server")
     page.wait_for_cloud("Ethernet")
     page.press("cable out")  # the new server has a new token
     page.wait(lambda: page.in_force() == ["box cable out"], "the fault in force")
@@ -115,6 +117,22 @@ def second(page: Page, panel: Panel, browser: Browser) -> Iterator[Page]:
     browser.driver.switch_to.window(made)
     browser.driver.close()
     browser.driver.switch_to.window(first)
+
+
+def test_a_fault_that_is_made_in_a_terminal_is_in_force_in_the_page(page: Page, box: Box) -> None:
+    box("cable", "out")
+    page.wait(lambda: page.in_force() == ["box cable out"], "the button of the fault pressed")
+    page.wait(lambda: "cable out" in page.all("#timeline line > title"), "the mark")
+    box("loss", "cell", "33")
+    page.wait(lambda: page.all(".by-hand:not(:empty)") == ["loss cell 33"], "a fault that has no button")
+    assert page.text("fault-words") == "In force: cable out, loss cell 33"
+    page.keep_picture("by-hand")
+    page.press("loss cell off")
+    page.wait(lambda: page.all(".by-hand:not(:empty)") == [], "that fault undone")
+    assert "loss cell 33" not in box("status")
+    box("cable", "in")
+    page.wait(lambda: page.in_force() == [], "the button of the fault released")
+    page.wait_for_cloud("Ethernet")
 
 
 def test_two_pages_show_the_same(page: Page, second: Page, browser: Browser) -> None:

@@ -8,11 +8,12 @@ import threading
 
 from orv_testbed import route_states
 from orv_testbed.box import Box, Failed
+from orv_testbed.fault_record import faults_in_force
 from orv_testbed.panel.faults import FaultDesk
 from orv_testbed.panel.hub import Hub
 from orv_testbed.programs import program
 
-LOOK = 0.05  # seconds between two looks at the log
+LOOK = 0.05  # seconds between two looks at the log and at the faults in force
 
 
 def attached(name: str) -> Box:
@@ -28,12 +29,11 @@ class BoxGateway:
         self.hub = hub
         self.box = box
         self.log = log
-        self.desk = FaultDesk(hub, box)
+        self.desk = FaultDesk(hub, box, lambda: faults_in_force(box))
         self.over = threading.Event()
-        self.reader: threading.Thread | None = None
-        if log:
-            self.reader = threading.Thread(target=self._read_log, daemon=True)
-            self.reader.start()
+        self.place, self.rest, self.state = 0, "", "ETHERNET_ACTIVE"  # of the log
+        self.watcher = threading.Thread(target=self._watch, daemon=True)
+        self.watcher.start()
 
     def follow_command(self) -> list[str]:
         return self.box.command("exec", program("orv-status"), "--follow", "--json")
@@ -52,21 +52,23 @@ class BoxGateway:
 
     def stop(self) -> None:
         self.over.set()
-        if self.reader:
-            self.reader.join(5)
+        self.watcher.join(5)
 
-    def _read_log(self) -> None:
-        """The lane "route state", of which no status tells."""
-        assert self.log
-        place, rest, state = 0, "", "ETHERNET_ACTIVE"
+    def _watch(self) -> None:
+        """What neither a status nor a button tells of."""
         while not self.over.wait(LOOK):
-            if not self.log.exists() or self.hub.now() is None:
-                continue
-            with open(self.log, encoding="utf-8", errors="replace") as file:
-                file.seek(place)
-                text = rest + file.read()
-                first, place = place == 0, file.tell()
-            *lines, rest = text.split("\n")
-            states = [found for found in map(route_states.entered, lines) if found]
-            for state in states[-1:] if first else states or [state]:  # what was before the panel has no time here
-                self.hub.lane("route state", state)
+            self.desk.look()
+            if self.log and self.log.exists() and self.hub.now() is not None:
+                self._read_log(self.log)
+
+    def _read_log(self, log: pathlib.Path) -> None:
+        """The lane "route state"."""
+        with open(log, encoding="utf-8", errors="replace") as file:
+            file.seek(self.place)
+            text = self.rest + file.read()
+            first, self.place = self.place == 0, file.tell()
+        *lines, self.rest = text.split("\n")
+        states = [found for found in map(route_states.entered, lines) if found]
+        for state in states[-1:] if first else states or [self.state]:  # what was before the panel has no time here
+            self.state = state
+            self.hub.lane("route state", state)

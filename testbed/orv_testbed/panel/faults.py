@@ -4,8 +4,9 @@ from __future__ import annotations
 
 import threading
 from collections.abc import Callable
-from typing import Any, NamedTuple
+from typing import NamedTuple
 
+from orv_testbed import fault_record
 from orv_testbed.panel.hub import Hub
 
 Box = Callable[..., str]  # box(*words) -> what it printed; raises where it fails
@@ -30,7 +31,7 @@ def of_side(group: str, side: str, wrong_address: str) -> list[Kind]:
             {
                 "mute": f"names {side} mute",
                 "lies": f"names {side} lie {wrong_address}",
-                "dead address first": f"names {side} first 198.51.100.66",
+                "dead first": f"names {side} first 198.51.100.66",
             },
             f"names {side} back",
             "back",
@@ -53,7 +54,7 @@ CATALOGUE = [
     Kind("Ethernet", "lease", {"ends": "lease eth end"}, "lease eth back", "back"),
     *of_side("Cellular", "cell", "10.12.0.1"),
     Kind("Cellular", "bearer", {"out": "cellular out"}, "cellular in", "in"),
-    Kind("Cellular", "modem", {"falls off": "cellular gone"}, "cellular reset", "back, new address"),
+    Kind("Cellular", "modem", {"falls off": "cellular gone"}, "cellular reset", "reset"),
     Kind("Cloud", "both services", {"down": "cloud down"}, "cloud up", "up"),
     Kind("Cloud", "MQTT broker", {"refuses": "cloud-mqtt refused"}, "cloud-mqtt ok", "ok"),
     *(
@@ -81,7 +82,7 @@ CATALOGUE = [
         "authorities",
         {"all": "authorities full", "in one file": "authorities bundle"},
         "authorities one",
-        "the cloud's alone",
+        "default",
     ),
     Kind(
         "Gateway", "wall clock", {"a day late": "clock -86400", "a year ahead": "clock +31536000"}, "clock 0", "right"
@@ -92,46 +93,66 @@ ALLOWED = {words for kind in CATALOGUE for words in (*kind.faults.values(), kind
 UNDO_ALL = "undo all"
 
 
-def kind_of(words: str) -> Kind | None:
-    return next((kind for kind in CATALOGUE if words == kind.undo or words in kind.faults.values()), None)
+def kind_of(fault: str) -> Kind | None:
+    """Of a fault in force, which may have been made by hand in words that no button has, such as `loss eth 33`."""
+    exact = (kind for kind in CATALOGUE if fault in kind.faults.values())
+    ended = (kind for kind in CATALOGUE if not fault_record.after([fault], *kind.undo.split()))
+    return next(exact, None) or next(ended, None)
 
 
 class FaultDesk:
-    """Presses the buttons, one after the other, and keeps what is in force. Safe to be called from any thread."""
+    """Presses the buttons, one after the other, and keeps what is in force, whoever made it. Safe to be called from any
+    thread. `in_force()`: what the box has noted."""
 
-    def __init__(self, hub: Hub, box: Box) -> None:
+    def __init__(self, hub: Hub, box: Box, in_force: Callable[[], list[str]]) -> None:
         self.hub = hub
         self.box = box
-        self.lock = threading.Lock()
-        self.in_force: dict[str, str] = {}  # what takes it back -> the fault
+        self.look_up = in_force
+        self.pressing = threading.Lock()
+        self.telling = threading.Lock()
+        self.busy: str | None = None
+        self.in_force = in_force()
         hub.put("catalogue", [kind._asdict() for kind in CATALOGUE])
-        self._tell(None)
+        self.look()
 
-    def _tell(self, busy: str | None) -> None:
-        state: dict[str, Any] = {"in_force": sorted(self.in_force.values()), "busy": busy}
-        self.hub.put("faults", state)
+    def look(self) -> None:
+        """Tells the pages what is in force now, and marks what has changed."""
+        with self.telling:
+            before, self.in_force = self.in_force, self.look_up()
+            for words in changes(before, self.in_force):
+                self.hub.mark(words)
+            kinds = ((fault, kind_of(fault)) for fault in self.in_force)
+            undo = {fault: kind.undo if kind else None for fault, kind in kinds}
+            self.hub.put("faults", {"in_force": self.in_force, "undo": undo, "busy": self.busy})
 
     def press(self, name: str) -> str:
         """Returns what is wrong, or nothing once it is done."""
         if name != UNDO_ALL and name not in ALLOWED:
             return f"there is no such fault: {name[:80]}"
-        with self.lock:
-            steps = list(self.in_force)[::-1] if name == UNDO_ALL else [name]
+        with self.pressing:
+            steps = self._undoing() if name == UNDO_ALL else [name]
             trouble = [self._do(words) for words in steps]
-            self._tell(None)
         return "; ".join(words for words in trouble if words)
 
+    def _undoing(self) -> list[str]:
+        kinds = map(kind_of, reversed(self.look_up()))
+        return list(dict.fromkeys(kind.undo for kind in kinds if kind))
+
     def _do(self, words: str) -> str:
-        kind = kind_of(words)
-        assert kind
-        self._tell(words)
+        self.busy = words
+        self.look()
         try:
             self.box(*words.split())
         except Exception as error:  # whatever it is, the page is to say it
             return str(error)
-        if words == kind.undo:
-            self.in_force.pop(kind.undo, None)
-        else:
-            self.in_force[kind.undo] = words
-        self.hub.mark(words)
+        finally:
+            self.busy = None
+            self.look()
         return ""
+
+
+def changes(before: list[str], after: list[str]) -> list[str]:
+    """The words that have led from one to the other."""
+    ended = (kind_of(fault) for fault in before if fault not in after)
+    undone = dict.fromkeys(kind.undo for kind in ended if kind)
+    return [fault for fault in after if fault not in before] or list(undone)

@@ -25,23 +25,24 @@ export class Faults {
       const undo = html("button", { type: "button", "data-fault": kind.undo, title: `box ${kind.undo}`,
         "aria-label": `Undo ${kind.group}, ${kind.name}: ${kind.undo_name}`, "aria-disabled": "true" }, `↶ ${kind.undo_name}`);
       groups.get(kind.group).append(html("div", { class: "fault", "data-kind": kind.undo },
-        html("span", {}, kind.name), html("div", {}, ...buttons), undo));
+        html("span", {}, kind.name), html("div", {}, ...buttons, html("span", { class: "by-hand" })), undo));
     }
     document.getElementById("fault-groups").replaceChildren(...groups.values());
     this.section.hidden = false;
   }
 
-  show({ in_force: inForce, busy }) {
+  /** `undo`: what takes back each fault that is in force; `busy`: the words that are being carried out. */
+  show({ in_force: inForce, undo, busy }) {
     for (const row of document.querySelectorAll(".fault")) {
-      const kind = this.kinds.find((one) => one.undo === row.dataset.kind);
-      const stands = Object.values(kind.faults).some((words) => inForce.includes(words));
-      row.classList.toggle("in-force", stands);
-      for (const button of row.querySelectorAll("div > button")) {
-        button.setAttribute("aria-pressed", String(inForce.includes(button.dataset.fault)));
-      }
-      row.lastChild.setAttribute("aria-disabled", String(!stands));
+      const standing = inForce.filter((words) => undo[words] === row.dataset.kind);
+      row.classList.toggle("in-force", standing.length > 0);
+      const buttons = [...row.querySelectorAll("div > button")];
+      for (const button of buttons) button.setAttribute("aria-pressed", String(standing.includes(button.dataset.fault)));
+      const others = standing.filter((words) => !buttons.some((button) => button.dataset.fault === words));
+      say(row.querySelector(".by-hand"), others.join(", "));
+      row.lastChild.setAttribute("aria-disabled", String(standing.length === 0));
     }
-    document.getElementById("undo-all").setAttribute("aria-disabled", String(inForce.length === 0));
+    document.getElementById("undo-all").setAttribute("aria-disabled", String(!inForce.some((words) => undo[words])));
     if (busy) say(this.words, `box ${busy} …`);
     else if (!this.trouble) say(this.words, inForce.length ? `In force: ${inForce.join(", ")}` : "None in force");
   }
