@@ -23,6 +23,14 @@ OPTIONS = (
     *("--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE 127.0.0.1", "--lang=en-US"),
 )
 
+LISTEN = """
+window.spoken = [];
+for (const one of document.querySelectorAll("[aria-live], [role=status], [role=alert]")) {
+  new MutationObserver(() => window.spoken.push([one.id, one.textContent]))
+    .observe(one, { childList: true, characterData: true, subtree: true });
+}
+"""
+
 
 class Browser:
     def __init__(self, downloads: pathlib.Path) -> None:
@@ -61,9 +69,8 @@ class Browser:
     def complaints(self) -> list[str]:
         """What the console has said since the last look, other than that the server was away."""
         said = [entry["message"] for entry in self.driver.get_log("browser")]
-        return [
-            words for words in said if "ERR_CONNECTION_REFUSED" not in words and "ERR_INCOMPLETE_CHUNKED" not in words
-        ]
+        away = ("ERR_CONNECTION_REFUSED", "ERR_INCOMPLETE_CHUNKED", "ERR_INTERNET_DISCONNECTED")
+        return [words for words in said if not any(reason in words for reason in away)]
 
 
 class Page:
@@ -99,6 +106,9 @@ class Page:
         script = "return getComputedStyle(document.querySelector(arguments[0])).getPropertyValue(arguments[1])"
         return str(self.browser.run(script, selector, name))
 
+    def led(self, name: str) -> str:
+        return self.classes(f'[data-led="{name}"]').split()[-1]
+
     def press(self, words: str) -> None:
         """Presses the button of a fault, as a mouse does."""
         button = self.browser.driver.find_element(By.CSS_SELECTOR, f'button[data-fault="{words}"]')
@@ -131,6 +141,14 @@ class Page:
                 lane,
             )
         )
+
+    def listen(self) -> None:
+        """Notes from now on what a screen reader speaks by itself."""
+        self.browser.run(LISTEN)
+
+    def spoken(self) -> list[list[str]]:
+        """Since then: where, and what."""
+        return list(self.browser.run("return window.spoken"))
 
     def type(self, *keys: str) -> None:
         for key in keys:

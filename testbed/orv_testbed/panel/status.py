@@ -20,7 +20,16 @@ class Unreadable(ValueError):
 
 
 def text(value: object, otherwise: str = "") -> str:
-    return value[:LONGEST_TEXT] if isinstance(value, str) else otherwise
+    """What can be seen as it is, in the order in which it stands: no control characters, no change of direction."""
+    if not isinstance(value, str):
+        return otherwise
+    return "".join(one if one.isprintable() else escaped(one) for one in value[:LONGEST_TEXT])[:LONGEST_TEXT]
+
+
+def escaped(character: str) -> str:
+    return (
+        character.encode("ascii", "backslashreplace").decode("ascii") if ord(character) > 127 else repr(character)[1:-1]
+    )
 
 
 def number(value: object) -> float | None:

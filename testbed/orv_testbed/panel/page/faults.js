@@ -36,7 +36,7 @@ export class Faults {
     for (const row of document.querySelectorAll(".fault")) {
       const standing = inForce.filter((words) => undo[words] === row.dataset.kind);
       row.classList.toggle("in-force", standing.length > 0);
-      const buttons = [...row.querySelectorAll("div > button")];
+      const buttons = [...row.querySelectorAll(":scope > div > button")];
       for (const button of buttons) button.setAttribute("aria-pressed", String(standing.includes(button.dataset.fault)));
       const others = standing.filter((words) => !buttons.some((button) => button.dataset.fault === words));
       say(row.querySelector(".by-hand"), others.join(", "));

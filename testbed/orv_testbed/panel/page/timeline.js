@@ -160,7 +160,8 @@ export class Timeline {
       const anchor = at > width - 40 ? "end" : at < left + 25 ? "start" : "middle";
       root.append(write([at, bottom + 16], ink.soft, ago(behind + back), { "text-anchor": anchor }));
     }
-    const [drawn, lines, labels] = [svg("g"), svg("g"), svg("g", { "pointer-events": "none" })];
+    const hidden = { "aria-hidden": "true" }; // it is drawn anew several times a second; aria-label says it in words
+    const [drawn, lines, labels] = [svg("g", hidden), svg("g", hidden), svg("g", { ...hidden, "pointer-events": "none" })];
     root.append(drawn, lines, labels);
     LANES.forEach((lane, row) => {
       const y = top + row * pitch;

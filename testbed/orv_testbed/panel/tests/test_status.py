@@ -75,3 +75,18 @@ def test_long_texts_and_many_topics_are_cut() -> None:
 def test_what_is_no_status_is_said_to_be_none(told: bytes) -> None:
     with pytest.raises(status.Unreadable):
         status.read(told)
+
+
+@pytest.mark.parametrize(
+    ("told", "shown"),
+    [
+        ("plain, Grüße, 网关", "plain, Grüße, 网关"),
+        ("evil\u202egnp.exe", "evil\\u202egnp.exe"),
+        ("\u2066\u200f\ufeff", "\\u2066\\u200f\\ufeff"),
+        ("\x1b[31m\x00\x7f\x9b\n", "\\x1b[31m\\x00\\x7f\\x9b\\n"),
+        ("\ud800", "\\ud800"),
+    ],
+)
+def test_what_cannot_be_seen_is_shown_by_its_number(told: str, shown: str) -> None:
+    read = as_read(topics=[{"topic": told, "payload": told}], cloud__reason=told)
+    assert read["topics"][0]["topic"] == read["topics"][0]["payload"] == read["cloud"]["reason"] == shown
