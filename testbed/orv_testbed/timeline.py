@@ -22,20 +22,20 @@ Marks = list[tuple[float, str]]
 
 LANE_ORDER = ["route state", "green LED", "yellow LED", "DNS topic", "default route", "cloud connection"]
 COLOURS = {
-    "ETHERNET_ACTIVE": "#4c9f70",
-    "ETHERNET_LOST_DELAY": "#e3b23c",
-    "POKING_CELLULAR": "#e08e45",
-    "SWITCHING_TO_CELLULAR": "#c8553d",
-    "CELLULAR_ACTIVE": "#5b7db1",
-    "SWITCHING_TO_ETHERNET": "#8f6bb3",
-    "ETHERNET_SETTLE_DELAY": "#8ecae6",
+    "ETHERNET_ACTIVE": "#61b68f",
+    "ETHERNET_LOST_DELAY": "#edbd54",
+    "POKING_CELLULAR": "#dd6225",
+    "SWITCHING_TO_CELLULAR": "#cc7452",
+    "CELLULAR_ACTIVE": "#acb7fa",
+    "SWITCHING_TO_ETHERNET": "#9d7db7",
+    "ETHERNET_SETTLE_DELAY": "#a7e6fa",
     "Off": "#d0d4d9",
-    "inhibit": "#c8553d",
-    "permit": "#4c9f70",
-    "Ethernet": "#4c9f70",
-    "Cellular": "#5b7db1",
-    "eth0": "#4c9f70",
-    "wwan0": "#5b7db1",
+    "inhibit": "#cc7452",
+    "permit": "#61b68f",
+    "Ethernet": "#61b68f",
+    "Cellular": "#acb7fa",
+    "eth0": "#61b68f",
+    "wwan0": "#acb7fa",
     "none": "#d0d4d9",
 }
 LAMPS = {"green LED": {"On": "#63b96c", "Blink": "#b4dfb8"}, "yellow LED": {"On": "#ffc93c", "Blink": "#ffe9a8"}}

@@ -7,10 +7,11 @@ import itertools
 from typing import Any
 
 import pytest
-from colours import EYES, colour, contrast, distance
 from selenium.webdriver.common.keys import Keys
 
 from browser import Browser, Page
+from colours import EYES, colour, contrast, distance
+from orv_testbed import timeline
 
 LEAST_TEXT_CONTRAST, LEAST_GRAPHICS_CONTRAST = 4.5, 3.0
 LEAST_DISTANCE = 18.0
@@ -163,6 +164,7 @@ def test_colours_are_told_apart_by_every_eye(page: Page, browser: Browser, schem
     lamps = ("green-lamp", "yellow-lamp", "card")
     names = [*meanings, *lamps, *(f"{name}-soft" for name in meanings[:4])]
     page_colours, bars = browser.driver.execute_async_script(COLOURS_OF_THE_PAGE, names)
+    assert {name: timeline.COLOURS[name] for name in bars} == bars, "the demo's picture has the same"
     of = {name: colour(words) for name, words in page_colours.items()}
     pairs = [*itertools.combinations(meanings, 2), *itertools.combinations(lamps, 2)]
     apart = {pair: distance(of[pair[0]], of[pair[1]], eye) for pair in pairs}
@@ -192,6 +194,7 @@ def test_nothing_is_told_by_colour_alone(page: Page, browser: Browser) -> None:
         assert len(set(shapes)) == len(shapes), shapes
     assert page.text("mark") == "E"
     page.press("cloud down")
+    page.wait(lambda: page.in_force() == ["box cloud down"], "the fault in force")
     page.wait(lambda: page.text("mark") == "✕", "the mark of a lost cloud")
     page.wait(lambda: page.all("[data-led-text]") == ["○ off", "◐ blinks"], "the LEDs in words")
     before = "return getComputedStyle(document.querySelector('.fault.in-force > span'), '::before').content"
