@@ -48,15 +48,17 @@ def command(folder: pathlib.Path, taps: list[int], clock: str) -> list[str]:
     words += ["-kernel", str(folder / "kernel"), "-initrd", str(folder / "initrd.gz")]
     words += ["-append", "console=ttyS0 net.ifnames=0 systemd.show_status=1"]
     words += ["-drive", f"file={folder}/disk.img,format=raw,if=virtio"]
-    words += ["-rtc", f"base={clock}", "-serial", "chardev:console"]
+    # The kernel finds out how fast the processor's counter is by the real-time clock: both have to follow the same time.
+    shift = os.environ.get("ORV_MACHINE_SHIFT")
+    if shift:
+        words += ["-icount", f"shift={shift},sleep=on"]
+    words += ["-rtc", f"base={clock},clock={'vm' if shift else 'host'}", "-serial", "chardev:console"]
     words += ["-chardev", f"file,id=console,path={folder}/console,append=on"]
     words += ["-monitor", "none", "-qmp", f"unix:{folder}/monitor,server=on,wait=off"]
     words += ["-chardev", f"socket,id=agent,path={folder}/agent,server=on,wait=off", "-device", "virtio-serial-pci"]
     words += ["-device", "virtserialport,chardev=agent,name=org.qemu.guest_agent.0"]
     words += ["-chardev", f"file,id=seen,path={folder}/seen,append=on"]
     words += ["-device", "virtserialport,chardev=seen,name=testbed.seen"]
-    if "ORV_MACHINE_SHIFT" in os.environ:
-        words += ["-icount", f"shift={os.environ['ORV_MACHINE_SHIFT']},sleep=on"]
     # Without the board's own network card: it would be eth0.
     for (side, address), tap in zip(CARDS, taps):
         words += [
