@@ -74,6 +74,22 @@ if(ORV_BUILD_APPS)
     DESTINATION ${ORV_CMAKE_DIR}/OrvAppSupport COMPONENT app-support-dev)
 endif()
 
+# All that the packages are made of, and no tests.
+add_custom_target(installed)
+add_dependencies(installed OrvStackSdk)
+if(ORV_BUILD_TEST_KIT)
+  add_dependencies(installed OrvStackSdkTesting)
+endif()
+if(ORV_PLATFORM STREQUAL "linux")
+  add_dependencies(installed OrvPlatform)
+endif()
+if(ORV_BUILD_APPS)
+  add_dependencies(installed OrvLog OrvNetlink OrvSignals gateway-app orv-config-check orv-shell orv-source-routes orv-status)
+  if(ORV_BUILD_TEST_KIT)
+    add_dependencies(installed orv-simulate)
+  endif()
+endif()
+
 if(ORV_BUILD_TESTS AND ORV_BUILD_APPS AND ORV_PLATFORM STREQUAL "linux" AND NOT ORV_SANITIZE AND NOT CMAKE_CROSSCOMPILING)
   add_test(NAME InstalledElsewhere
     COMMAND ${PROJECT_SOURCE_DIR}/tests/consumer/elsewhere.sh ${PROJECT_BINARY_DIR} ${CMAKE_CXX_COMPILER})
