@@ -55,13 +55,17 @@ if(NOT ORV_SANITIZE AND NOT ORV_COVERAGE)
 endif()
 
 if(ORV_SANITIZE)
+  # A report needs files and lines, not types and variables.
+  add_compile_options(-gline-tables-only)
   add_compile_options(-fsanitize=${ORV_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${ORV_SANITIZE})
 else()
   add_link_options(LINKER:--no-undefined)
 endif()
 
+# Only for what is asked about, the library and what shares its inline functions: each program writes its counts when it ends,
+# and several thousand do.
 if(ORV_COVERAGE)
-  add_compile_options(--coverage -fprofile-update=atomic)
+  set(ORV_COVERAGE_OPTIONS --coverage -fprofile-update=atomic)
   add_link_options(--coverage)
 endif()
