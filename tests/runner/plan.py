@@ -35,22 +35,20 @@ SHORT: tuple[Group, ...] = (
     ),
 )
 
+# While the tests of one build wait, the next is built.
 ALL: tuple[Group, ...] = (
-    (Step("lint"), Step("python-test")),
-    (Step("preset-test coverage"),),
-    (Step("preset-test asan-ubsan"),),
-    (Step("explore 60"),),
-    (Step("preset-test tsan"),),
-    (Step("fuzz 10"),),
+    (Step("lint"), Step("python-test"), Step("preset-test --build coverage")),
+    (Step("preset-test coverage"), Step("preset-test --build asan-ubsan", gives_way=True)),
+    (Step("preset-test asan-ubsan"), Step("preset-test --build tsan", gives_way=True)),
+    (Step("preset-test tsan"), Step("preset-test --build release", gives_way=True)),
     (Step("preset-test release"),),
-    (Step("external-platform-test"), Step("docs")),
-    (Step("abi check"),),
+    (Step("fuzz 10"),),
+    (Step("external-platform-test"), Step("docs"), Step("abi check")),
     (Step("demo --no-color", RELEASED), Step("demo --loopback --no-color", RELEASED), Step("multi-app-test", RELEASED)),
     (Step("panel-test", RELEASED),),
-    (Step("system-test", RELEASED), Step("lint --tidy", gives_way=True)),
+    (Step("system-test", RELEASED), Step("lint --tidy", gives_way=True), Step("explore 60", gives_way=True)),
+    (Step("package-test"), Step("cross-test")),
     (Step("package"),),
-    (Step("package-test"),),
-    (Step("cross-test"),),
     (Step("size --run"),),
 )
 

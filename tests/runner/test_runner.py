@@ -5,6 +5,7 @@ import dataclasses
 import os
 import pathlib
 import subprocess
+import time
 from collections.abc import Callable
 
 import pytest
@@ -103,6 +104,27 @@ def test_a_step_that_gives_way_leaves_the_others_their_time(tree: AddStep) -> No
     polite = dataclasses.replace(tree("polite", "nice"), gives_way=True)
     runs = run.run_group((ordinary, polite))
     assert [int(one.last_line()) for one in runs] == [os.nice(0), 19]
+
+
+def test_a_step_that_gives_way_does_so_to_other_sessions_too(tree: AddStep) -> None:
+    if not os.path.exists("/proc/self/autogroup"):
+        pytest.skip("this kernel shares the processor among processes only")
+    polite = dataclasses.replace(tree("polite", "cat /proc/self/autogroup"), gives_way=True)
+    own = pathlib.Path("/proc/self/autogroup").read_text().split()
+    given = run.run_group((polite,))[0].last_line().split()
+    assert given[0] != own[0]
+    assert given[-1] == "19"
+
+
+def test_a_run_that_breaks_off_ends_the_step_that_gives_way(tree: AddStep, monkeypatch: pytest.MonkeyPatch) -> None:
+    def break_off(_: run.Run) -> str:
+        raise KeyboardInterrupt
+
+    monkeypatch.setattr(run.Run, "line", break_off)
+    begin = time.monotonic()
+    with pytest.raises(KeyboardInterrupt):
+        run.run_group((tree("ordinary", "true"), dataclasses.replace(tree("polite", "exec sleep 60"), gives_way=True)))
+    assert time.monotonic() - begin < 50
 
 
 def test_a_failed_test_fails_a_step_that_exits_well(tree: AddStep) -> None:
