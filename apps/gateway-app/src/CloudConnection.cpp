@@ -153,7 +153,7 @@ void CloudConnection::Answered() {
 
 void CloudConnection::CheckLife() {
     const KeepAlive keepAlive = handler.keepAlive();
-    if (SilentFor(socket) > keepAlive.Silence())
+    if (silence.IsPassed(keepAlive, SilentFor(socket), Now()))
         return End("no sign of life from the cloud");
     lifeTimer.Once(ProbeWhenOverdue(socket, keepAlive));
     AfterStep(mosquitto_loop_misc(client.get()), 0);

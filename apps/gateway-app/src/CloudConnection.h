@@ -71,7 +71,8 @@ private:
     Dialled dialled; // RACING, CONNECTING, CONNECTED
     CloudRace race;  // RACING
     BackOff backOff;
-    Timer deadline;  // DIALLING, RACING, CONNECTING: the attempt has failed. WAITING: the next attempt.
+    Timer deadline; // DIALLING, RACING, CONNECTING: the attempt has failed. WAITING: the next attempt.
+    SilenceLimit silence;
     Timer lifeTimer; // CONNECTED: signs of life, and the protocol's own timekeeping
 
     State state = State::CLOSED;

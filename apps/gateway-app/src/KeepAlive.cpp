@@ -54,6 +54,15 @@ std::chrono::milliseconds KeepAlive::UsualPace() const {
     return Patience() / 4;
 }
 
+bool SilenceLimit::IsPassed(const KeepAlive& keepAlive, std::chrono::milliseconds silentFor,
+                            std::chrono::steady_clock::time_point now) {
+    if (keepAlive.Period() != period) {
+        period = keepAlive.Period();
+        begun = now;
+    }
+    return std::min<std::chrono::steady_clock::duration>(silentFor, now - begun) > keepAlive.Silence();
+}
+
 void SetLossDetection(int socket, const KeepAlive& keepAlive) {
     SetOption(socket, SOL_SOCKET, SO_KEEPALIVE, 1);
     SetOption(socket, IPPROTO_TCP, TCP_KEEPINTVL, static_cast<int>(keepAlive.Interval().count()));

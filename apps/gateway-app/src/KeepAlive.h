@@ -30,6 +30,18 @@ private:
     std::chrono::seconds period;
 };
 
+/// Whether the other end has been silent for too long, while the keep-alive may change: a silence that was in order
+/// under the earlier one, which asked seldom, is no loss. The next one has its time from its own beginning on.
+class SilenceLimit {
+public:
+    bool IsPassed(const KeepAlive& keepAlive, std::chrono::milliseconds silentFor,
+                  std::chrono::steady_clock::time_point now);
+
+private:
+    std::chrono::seconds period{0};
+    std::chrono::steady_clock::time_point begun;
+};
+
 /// Lets the kernel end the connection when its path is silent: an idle one is asked for a sign of life in every period,
 /// and a limit without an acknowledgement is the end, whether data are under way or not.
 void SetLossDetection(int socket, const KeepAlive& keepAlive);

@@ -49,6 +49,34 @@ TEST(AKeepAliveOfASecond, LeavesTimeForThreeAnswersOfAPeerThatAnswersOnceInHalfA
     EXPECT_GT(quick.UserTimeout(), quick.AnswerTime() + 2 * 500ms);
 }
 
+/// After twenty silent seconds on Cellular, as they are usual there.
+class ASilenceUnderAKeepAliveOfHalfAMinute : public testing::Test {
+protected:
+    ASilenceUnderAKeepAliveOfHalfAMinute() { EXPECT_FALSE(limit.IsPassed(KeepAlive(30s), 0s, {})); }
+
+    bool IsPassedUnderTheQuickOne(std::chrono::milliseconds later) {
+        return limit.IsPassed(KeepAlive(1s), 20s + later, changed + later);
+    }
+
+    const std::chrono::steady_clock::time_point changed{20s};
+    SilenceLimit limit;
+};
+
+TEST_F(ASilenceUnderAKeepAliveOfHalfAMinute, IsNoLossWhenTheQuickOneBegins) {
+    EXPECT_FALSE(IsPassedUnderTheQuickOne(0ms));
+    EXPECT_FALSE(IsPassedUnderTheQuickOne(2500ms));
+}
+
+TEST_F(ASilenceUnderAKeepAliveOfHalfAMinute, IsALossWhenTheQuickOneHasAskedInVain) {
+    EXPECT_FALSE(IsPassedUnderTheQuickOne(0ms));
+    EXPECT_TRUE(IsPassedUnderTheQuickOne(2501ms));
+}
+
+TEST_F(ASilenceUnderAKeepAliveOfHalfAMinute, IsALossWhenItIsTooLongForThatOneToo) {
+    EXPECT_FALSE(limit.IsPassed(KeepAlive(30s), 37500ms, changed + 20s));
+    EXPECT_TRUE(limit.IsPassed(KeepAlive(30s), 37501ms, changed + 20s));
+}
+
 /// Both ends of a TCP connection on loopback.
 class AnIdleConnection : public testing::Test {
 protected:
