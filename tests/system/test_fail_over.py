@@ -52,8 +52,10 @@ def test_a_lost_provider_moves_the_cloud_to_cellular_and_back(scene: Scene) -> N
     )
     status = application.status()
     assert status["route"]["last_move"]["from"] == "cellular"
-    assert {"path": "cellular", "result": "succeeded", "code": 0}.items() <= status["pokes"][1].items()
-    assert 0 < status["pokes"][1]["at_most_s"] < SLACK
+    # The latest first; who was on Cellular for longer has asked in vain over Ethernet meanwhile.
+    proof = next(poke for poke in status["pokes"] if poke["path"] == "cellular")
+    assert (proof["result"], proof["code"]) == ("succeeded", 0)
+    assert 0 < proof["at_most_s"] < SLACK
     counters = status["counters"]
     assert (counters["fail_overs"], counters["returns"], counters["cloud_losses"]) == (1, 1, 1)
     assert counters["seconds_on_cellular"] > 0 and counters["cellular_received_bytes"] > 1000
