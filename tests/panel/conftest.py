@@ -65,7 +65,7 @@ class Panel:
     def stop(self) -> None:
         assert self.process
         self.process.terminate()
-        assert self.process.wait(SLACK) == 0, self.words()
+        assert self.process.wait(4 * SLACK) == 0, self.words()
 
 
 @pytest.fixture(scope="session")

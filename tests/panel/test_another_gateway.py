@@ -160,6 +160,6 @@ def test_ctrl_c_ends_it_and_the_command(looking: Panel, reach: Reach, mode: str)
     wait_until((reach.folder / "pid").exists, SLACK, "the command")
     for _ in range(2):  # whoever loses patience presses it again
         os.killpg(looking.process.pid, signal.SIGINT)
-    assert looking.process.wait(SLACK) == 0, looking.words()
+    assert looking.process.wait(4 * SLACK) == 0, looking.words()
     assert "Traceback" not in looking.words()
     wait_until(lambda: not pathlib.Path(f"/proc/{reach.pid()}").exists(), SLACK, "the end of the command")
