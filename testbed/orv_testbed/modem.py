@@ -176,7 +176,7 @@ class Modem(dbus.service.Object):
         elif message.get_member() == "GetContexts":
             reply.append([(dbus.ObjectPath(CONTEXT_PATH), self.context.GetProperties())], signature="a(oa{sv})")
         elif message.get_member() == "SetProperty":
-            GLib.idle_add(self.tell, interface, *message.get_args_list())
+            GLib.idle_add(self.emit_change, interface, *message.get_args_list())
         else:
             return unhandled
         self.bus.send_message(reply)
