@@ -28,9 +28,32 @@ void AddCredentials(CLI::App& parser, CloudSettings& cloud) {
         });
 }
 
-} // namespace
+AppOptions Parse(const std::vector<std::string>& arguments);
 
-AppOptions ReadOptions(const std::vector<std::string>& arguments) {
+/// Whether the command line would do without the file, so that a fault must be in the file.
+bool IsSoundWithoutFile(const std::vector<std::string>& arguments) try {
+    std::vector<std::string> others;
+    bool isItsFile = false; // the word after --config
+    for (const std::string& argument : arguments) {
+        if (!isItsFile && argument != "--config" && argument.rfind("--config=", 0) != 0)
+            others.push_back(argument);
+        isItsFile = !isItsFile && argument == "--config";
+    }
+    Parse(others);
+    return true;
+} catch (const OptionsError&) {
+    return false;
+}
+
+/// The program, and the file when it is the file that is at fault.
+std::string PlaceOfFault(const CLI::App& parser, const std::vector<std::string>& arguments) {
+    const std::vector<std::string> files = parser.get_config_ptr()->results();
+    const bool inFile = !files.empty() && IsSoundWithoutFile(arguments);
+    return parser.get_name() + ": " + (inFile ? files.front() + ": " : "");
+}
+
+/// As they were given: the client id is empty where there is none.
+AppOptions Parse(const std::vector<std::string>& arguments) {
     AppOptions options;
     auto tick = static_cast<int>(options.tick.count());
     auto keepAliveEthernet = static_cast<int>(options.keepAliveEthernet.count());
@@ -90,14 +113,43 @@ AppOptions ReadOptions(const std::vector<std::string>& arguments) {
     } catch (const CLI::ParseError& error) {
         std::ostringstream text;
         const int status = parser.exit(error, text, text);
-        throw OptionsError{text.str(), status == 0 ? 0 : 2};
+        if (status == 0)
+            throw OptionsError{text.str(), 0};
+        throw OptionsError{PlaceOfFault(parser, arguments) + text.str(), 2};
     }
     options.tick = std::chrono::milliseconds(tick);
     options.keepAliveEthernet = std::chrono::seconds(keepAliveEthernet);
     options.keepAliveCellular = std::chrono::seconds(keepAliveCellular);
+    return options;
+}
+
+void SetDefaultClientId(AppOptions& options) {
     if (options.cloud.clientId.empty())
         options.cloud.clientId = options.name;
+}
+
+} // namespace
+
+AppOptions ReadOptions(const std::vector<std::string>& arguments) {
+    AppOptions options = Parse(arguments);
+    SetDefaultClientId(options);
     return options;
+}
+
+ReloadedOptions ReloadOptions(const AppOptions& running, const std::vector<std::string>& arguments) {
+    ReloadedOptions reloaded;
+    reloaded.options = Parse(arguments);
+    const auto keep = [&](std::string AppOptions::*option, const char* name) {
+        if (reloaded.options.*option != running.*option)
+            reloaded.waiting += (reloaded.waiting.empty() ? "" : ", ") + std::string(name);
+        reloaded.options.*option = running.*option;
+    };
+    keep(&AppOptions::name, "name");
+    keep(&AppOptions::lock, "lock");
+    keep(&AppOptions::statusFile, "status-file");
+    keep(&AppOptions::transcript, "transcript");
+    SetDefaultClientId(reloaded.options);
+    return reloaded;
 }
 
 } // namespace GatewayApp

@@ -38,4 +38,16 @@ struct OptionsError {
 /// @throws OptionsError
 AppOptions ReadOptions(const std::vector<std::string>& arguments);
 
+/// What a reload makes of the options.
+struct ReloadedOptions {
+    AppOptions options;
+    /// The names of those that have changed and keep their old value until the next start, such as "name, lock".
+    std::string waiting;
+};
+
+/// Reads the same again while the application runs. Name, lock, status file and transcript stay what they are.
+/// @param running what the application runs with
+/// @throws OptionsError
+ReloadedOptions ReloadOptions(const AppOptions& running, const std::vector<std::string>& arguments);
+
 } // namespace GatewayApp

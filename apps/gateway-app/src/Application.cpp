@@ -141,6 +141,7 @@ void Application::Started() {
     if (failed)
         Report(OrvEvent::FAILURE);
     client->AppStatusRequest(AppStatus::READY);
+    lastTick = Now(); // there was none yet
     if (csvWatch)
         csvWatch->SetActive(true);
     SetTickTimer();
@@ -150,7 +151,10 @@ void Application::Started() {
 }
 
 void Application::Tick() {
-    tickDurations.Measure([this] { client->Tick(options.tick); });
+    const auto now = Now();
+    const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(now - lastTick);
+    tickDurations.Measure([&] { client->Tick(elapsed); });
+    lastTick = now;
     rhythm.Ticked(Now());
     nextTick = {};
     FollowCloudPath();
@@ -288,17 +292,17 @@ void Application::Reload() {
     if (started)
         client->AppStatusRequest(AppStatus::BOOTING);
     try {
-        const AppOptions fresh = ReadOptions(arguments);
-        const bool other = fresh.cloud != options.cloud;
-        options.cloud = fresh.cloud;
-        options.keepAliveEthernet = fresh.keepAliveEthernet;
-        options.keepAliveCellular = fresh.keepAliveCellular;
+        const ReloadedOptions reloaded = ReloadOptions(options, arguments);
+        const bool other = reloaded.options.cloud != options.cloud;
+        if (reloaded.options.tick != options.tick)
+            rhythm.SetFixed(reloaded.options.tick);
+        options = reloaded.options;
         WarnOfCredentials();
-        ethernetGuard.SettingsAre(fresh.cloud);
-        if (options.tick != fresh.tick)
-            rhythm.SetFixed(fresh.tick);
-        options.tick = fresh.tick;
+        ethernetGuard.SettingsAre(options.cloud);
         logger.Info() << "options read anew" << (other ? ", the cloud is another one" : "");
+        if (!reloaded.waiting.empty() && reloaded.waiting != waitingOptions)
+            logger.Warning() << "changed options that are taken at the next start only: " << reloaded.waiting;
+        waitingOptions = reloaded.waiting;
         SetTickTimer();
         if (other) {
             Report(options.cloud.host.empty() ? OrvEvent::PANEL_CLOUD_DISABLED : OrvEvent::PANEL_CLOUD_ENABLED);

@@ -142,8 +142,10 @@ private:
     GrowingCount cellularReceived;
     GrowingCount cellularSent;
     std::chrono::steady_clock::time_point defaultRouteSince; // when it last changed; at first the beginning of time
+    std::chrono::steady_clock::time_point lastTick;
     std::chrono::steady_clock::time_point nextTick;
-    std::string cloudPath; // ConnInterfaceString as it was last seen
+    std::string cloudPath;      // ConnInterfaceString as it was last seen
+    std::string waitingOptions; // for the next start, as they were last logged
     DurationHistogram tickDurations;
     DurationHistogram eventDurations;
 };

@@ -139,6 +139,27 @@ TEST_F(OptionsInAFile, AreTakenAndReadAnew) {
     EXPECT_EQ(ReadOptions({"--config", path}).cloud.host, "second.example");
 }
 
+TEST_F(OptionsInAFile, KeepWhatBelongsToTheStartOnAReload) {
+    const AppOptions running = ReadOptions({"--config", path});
+    Write("name=other\nlock=/other\nstatus-file=/other.json\ntranscript=/t.json\ntick-ms=500\n");
+    const ReloadedOptions reloaded = ReloadOptions(running, {"--config", path});
+    EXPECT_EQ(reloaded.waiting, "name, lock, status-file, transcript");
+    EXPECT_EQ(reloaded.options.name, running.name);
+    EXPECT_EQ(reloaded.options.cloud, running.cloud);
+    EXPECT_EQ(reloaded.options.lock, running.lock);
+    EXPECT_EQ(reloaded.options.statusFile, running.statusFile);
+    EXPECT_EQ(reloaded.options.transcript, running.transcript);
+    EXPECT_EQ(reloaded.options.tick, 500ms);
+}
+
+TEST_F(OptionsInAFile, NameNothingThatWaitsWhenAReloadChangesNothingOfIt) {
+    const AppOptions running = ReadOptions({"--config", path});
+    Write("cloud-client-id=mine\n");
+    const ReloadedOptions reloaded = ReloadOptions(running, {"--config", path});
+    EXPECT_EQ(reloaded.waiting, "");
+    EXPECT_EQ(reloaded.options.cloud.clientId, "mine");
+}
+
 TEST_F(OptionsInAFile, YieldToTheCommandLine) {
     Write("cloud-host=file.example\n");
     EXPECT_EQ(ReadOptions({"--config", path, "--cloud-host", "line.example"}).cloud.host, "line.example");
@@ -147,6 +168,20 @@ TEST_F(OptionsInAFile, YieldToTheCommandLine) {
 TEST_F(OptionsInAFile, AreRefusedWhenUnknown) {
     Write("cluod-host=file.example\n");
     EXPECT_NE(ErrorOf({"--config", path}).find("cluod-host"), std::string::npos);
+}
+
+TEST_F(OptionsInAFile, AreRefusedWithTheFilesName) {
+    const std::string place = "gateway-app: " + path + ": ";
+    for (const char* line : {"cloud-port=0\n", "no-such-option=1\n", "cloud-cert=/c.pem\n"}) {
+        Write(line);
+        EXPECT_EQ(ErrorOf({"--config", path}).rfind(place, 0), 0U) << ErrorOf({"--config", path});
+        EXPECT_EQ(ErrorOf({"--config=" + path}).rfind(place, 0), 0U) << line;
+    }
+}
+
+TEST_F(OptionsInAFile, AreNotBlamedForTheCommandLine) {
+    Write("cloud-port=443\n");
+    EXPECT_EQ(ErrorOf({"--config", path, "--tick-ms", "5"}).rfind("gateway-app: --tick-ms: ", 0), 0U);
 }
 
 } // namespace

@@ -40,10 +40,8 @@ protected:
     /// Runs it until that time, when it gets SIGTERM; everything that At was told happens meanwhile.
     void RunUntil(std::chrono::milliseconds end) {
         At(end, [] { raise(SIGTERM); });
-        AppOptions options = ReadOptions(arguments);
-        options.lock.clear();
-        options.statusFile = statusFile;
-        Application application(options, arguments);
+        arguments.insert(arguments.end(), {"--lock", "", "--status-file", statusFile});
+        Application application(ReadOptions(arguments), arguments);
         application.Run();
     }
 
@@ -203,6 +201,15 @@ TEST_F(TheLifeOfTheApplication, LosesItsCloudConnectionWithTheAddressUnderIt) {
     EXPECT_NE(gateway.journal.Text().find("cloud connection: its address 192.0.2.2 is gone"), std::string::npos);
 }
 
+TEST_F(TheLifeOfTheApplicationWithAnOptionsFile, StaysTheSameAtItsCloudWhenAReloadNamesItOtherwise) {
+    IsReloadedWith("cloud-host=cloud.example\nname=other\n");
+    At(2s, [&] {
+        EXPECT_EQ("", gateway.journal.Text({"cloud connection"}));
+        EXPECT_EQ(gateway.broker.Published(FEATURE + "/init"), (Payloads{"booting", "ready"}));
+    });
+    RunUntil(3s);
+}
+
 class TheLogOfTheApplication : public TheLifeOfTheApplication {
 protected:
     TheLogOfTheApplication() : TheLifeOfTheApplication(WithRecords()) {
@@ -327,6 +334,20 @@ TEST_F(AFailOverThatFails, StandsInTheStatusFile) {
     text << std::ifstream(statusFile).rdbuf();
     std::remove(statusFile.c_str());
     EXPECT_NE(text.str().find(R"("no_fail_over":"over wwan0 the endpoint )"), std::string::npos) << text.str();
+}
+
+TEST_F(TheLogOfTheApplication, SaysOnceWhichOptionsWaitForTheNextStart) {
+    const std::string path = ::testing::TempDir() + "waiting-of-" + std::to_string(getpid()) + ".ini";
+    std::ofstream(path) << "tick-ms=200\n";
+    arguments = {"--config", path};
+    At(1s, [&] { std::ofstream(path, std::ios::trunc) << "tick-ms=200\nname=other\ntranscript=/dev/null\n"; });
+    for (const auto time : {1100ms, 1200ms})
+        At(time, [] { raise(SIGHUP); });
+    RunUntil(2s);
+    std::remove(path.c_str());
+    EXPECT_EQ(Lines("changed options that are taken at the next start only: name, transcript").size(), 1U)
+        << gateway.journal.Text({"log"});
+    EXPECT_EQ(Lines("changed options").size(), 1U);
 }
 
 TEST_F(TheLogOfTheApplication, HasNoWarningOfItsOwnAfterAHealthyStart) {
