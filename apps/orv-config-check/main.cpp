@@ -3,7 +3,11 @@
 #include "config/GatewayConfig.h"
 
 #include <CLI/CLI.hpp>
+#include <unistd.h>
+
+#include <cerrno>
 #include <iostream>
+#include <system_error>
 
 namespace {
 
@@ -46,5 +50,12 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : WRONG_USE;
     }
-    return Check(path, file->count() == 0, quiet);
+    const bool isNamed = file->count() != 0;
+    // The advice of an application, to name another file in the environment, is none for who has named one here.
+    if (isNamed && access(path.c_str(), R_OK) != 0) {
+        std::cerr << "orv-config-check: " << path << ": cannot be read (" << std::generic_category().message(errno)
+                  << "); nothing was checked\n";
+        return FAULTS_FOUND;
+    }
+    return Check(path, !isNamed, quiet);
 }

@@ -78,6 +78,8 @@ never_says err s3cret
 }
 expect 1 "$folder/missing.ini"
 says err "$folder/missing.ini: cannot be read (No such file or directory)"
+never_says err ORV_GATEWAY_CONFIG
+is_silent out
 
 expect 2 --nonsense
 expect 2 one two
