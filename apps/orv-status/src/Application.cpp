@@ -122,7 +122,7 @@ ApplicationView ReadApplication(std::string_view text, double now, const Process
     view.state = State::RUNNING;
     if (cJSON_IsFalse(Field(all.get(), "running"))) {
         view.state = State::ENDED;
-        view.reason = "it has ended in good order";
+        view.reason = "it was stopped";
     } else if (!isThere(static_cast<long>(NumberOf(all.get(), "pid", 0)), NumberOf(all.get(), "process_start", 0))) {
         view.state = State::GONE;
         view.reason = "its process is not there any more";

@@ -33,6 +33,16 @@ std::string FailureText(int result, int systemError) {
     return result == MOSQ_ERR_ERRNO ? OrvPlatform::ErrorText(systemError) : mosquitto_strerror(result);
 }
 
+std::string RefusalText(int code, bool version5) {
+    const char* const text = version5 ? mosquitto_reason_string(code) : mosquitto_connack_string(code);
+    const bool isAboutUser =
+        version5 ? code == MQTT_RC_BAD_USERNAME_OR_PASSWORD || code == MQTT_RC_NOT_AUTHORIZED
+                 : code == CONNACK_REFUSED_BAD_USERNAME_PASSWORD || code == CONNACK_REFUSED_NOT_AUTHORIZED;
+    return Joined({text, isAboutUser ? " Set a user and password that it knows: username and password in [broker] of "
+                                       "gateway.ini, or --user and --password-file"
+                                     : ""});
+}
+
 } // namespace
 
 void Broker::Destroy::operator()(mosquitto* handle) const {
@@ -62,10 +72,10 @@ bool Broker::TakeChanged() {
     return std::exchange(changed, false);
 }
 
-void Broker::Away(const std::string& reason) {
+void Broker::Disconnected(Known state, const std::string& reason) {
     client.reset();
-    changed = changed || view.state != Known::AWAY || view.reason != reason;
-    view.state = Known::AWAY;
+    changed = changed || view.state != state || view.reason != reason;
+    view.state = state;
     view.reason = reason;
     view.complete = false;
     view.left = 0;
@@ -104,8 +114,7 @@ void Broker::Begin(Time now, bool inVersion5) {
 void Broker::OnConnected(int code) {
     if (code != 0) {
         if (code != MQTT_RC_UNSUPPORTED_PROTOCOL_VERSION)
-            refusal =
-                Joined({"it refuses: ", version5 ? mosquitto_reason_string(code) : mosquitto_connack_string(code)});
+            refusal = RefusalText(code, version5);
         return;
     }
     view.state = Known::PRESENT;
@@ -162,7 +171,7 @@ void Broker::Step(Time now) {
     if (result != MOSQ_ERR_SUCCESS && version5 && refusal.empty() && view.state != Known::PRESENT)
         return Begin(now, false);
     if (result != MOSQ_ERR_SUCCESS)
-        return Away(refusal.empty() ? FailureText(result, systemError) : refusal);
+        return refusal.empty() ? Away(FailureText(result, systemError)) : Disconnected(Known::REFUSING, refusal);
     if (view.state != Known::PRESENT && now - begun > PATIENCE)
         Away("it does not answer");
 }

@@ -38,7 +38,7 @@ public:
 
     const BrokerView& View() const { return view; }
     /// The answer is there: connected with all retained messages, or not to be reached.
-    bool Settled() const { return view.complete || view.state == Known::AWAY; }
+    bool Settled() const { return view.complete || view.state == Known::AWAY || view.state == Known::REFUSING; }
     /// Whether something has changed since the last call.
     bool TakeChanged();
 
@@ -47,7 +47,8 @@ private:
         void operator()(mosquitto* handle) const;
     };
     void Begin(Time now, bool inVersion5);
-    void Away(const std::string& reason);
+    void Disconnected(Known state, const std::string& reason);
+    void Away(const std::string& reason) { Disconnected(Known::AWAY, reason); }
     void OnConnected(int code);
     void OnMessage(const mosquitto_message& message);
 

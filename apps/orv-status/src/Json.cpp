@@ -111,7 +111,7 @@ void AddConnman(Object all, const ConnmanView& view) {
     cJSON* const services = connman.List("services");
     for (const ConnmanView::Service& service : view.services) {
         Object one = Appended(services);
-        one.Text("interface", service.interface).Text("state", service.state);
+        one.TextOrNull("interface", service.interface).Text("state", service.state);
         AddTexts(one.List("name_servers"), service.nameServers);
     }
 }

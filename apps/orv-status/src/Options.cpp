@@ -3,8 +3,11 @@
 
 #include "Pieces.h"
 
+#include <base/Text.h>
 #include <getopt.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 
 namespace OrvStatus {
@@ -121,6 +124,26 @@ Options ReadOptions(int count, char** words) {
         Misused("cannot understand ", words[optind]);
     CheckCombination(options);
     return options;
+}
+
+std::string ReadPassword(const std::string& path) {
+    char* line = nullptr;
+    std::size_t room = 0;
+    errno = 0;
+    std::FILE* const file = std::fopen(path.c_str(), "re");
+    const ssize_t size = file != nullptr ? getline(&line, &room, file) : -1;
+    const int error = errno;
+    if (file != nullptr)
+        std::fclose(file);
+    std::string first(size > 0 ? line : "");
+    std::free(line); // NOLINT(cppcoreguidelines-no-malloc): getline's
+    if (size <= 0)
+        throw Ending{Joined({"orv-status: cannot read a password from ", path, ": ",
+                             error != 0 ? OrvPlatform::ErrorText(error) : "it is empty", "\n"}),
+                     WRONG_USE};
+    if (first.back() == '\n')
+        first.pop_back();
+    return first;
 }
 
 } // namespace OrvStatus

@@ -27,4 +27,8 @@ struct Ending {
 /// @throws Ending for --help, --version and what cannot be understood
 Options ReadOptions(int count, char** words);
 
+/// The first line of the file.
+/// @throws Ending when there is none, with the reason and never with what is in the file
+std::string ReadPassword(const std::string& path);
+
 } // namespace OrvStatus

@@ -95,8 +95,8 @@ Verdict Judge(const Snapshot& snapshot) {
     case AppState::GONE:
     case AppState::STUCK:
         // What it has published is retained, so the topics still say what it said last.
-        verdict.basis =
-            Joined({"gateway-app is ", Text(snapshot.application.state), ": ", snapshot.application.reason});
+        verdict.basis = Joined({"gateway-app ", snapshot.application.state == AppState::ENDED ? "has " : "is ",
+                                Text(snapshot.application.state), ": ", snapshot.application.reason});
         break;
     }
     verdict.exitStatus = ExitStatus(verdict);
@@ -132,6 +132,8 @@ const char* Text(Known state) {
         break;
     case Known::AWAY:
         return "away";
+    case Known::REFUSING:
+        return "refusing";
     case Known::PRESENT:
         return "present";
     }

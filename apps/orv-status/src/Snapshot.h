@@ -10,8 +10,9 @@
 
 namespace OrvStatus {
 
-/// Whether a part could be asked. AWAY is an answer: it is known not to be there.
-enum class Known : int { UNKNOWN, AWAY, PRESENT };
+/// Whether a part could be asked. AWAY is an answer: it is known not to be there. REFUSING is a broker that is there
+/// and takes no connection from this program.
+enum class Known : int { UNKNOWN, AWAY, REFUSING, PRESENT };
 
 /// What the gateway's broker told. Texts come from other programs and are escaped already, see Escaped().
 struct BrokerView {

@@ -4,12 +4,11 @@
 #include "Options.h"
 #include "Pieces.h"
 #include "Table.h"
+#include "signals/Signals.h"
 
 #include <config/GatewayConfig.h>
 #include <connman/MessageBus.h>
 #include <langinfo.h>
-#include <pthread.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <clocale>
@@ -18,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <optional>
 #include <string>
 
 namespace {
@@ -27,23 +27,6 @@ using namespace OrvStatus;
 
 constexpr auto FIRST_ANSWER = 1500ms;
 constexpr auto REFRESH_INTERVAL = 1s; // also without news: a process may have gone
-constexpr int WRONG_USE = 2;
-
-std::string FirstLine(const std::string& path) {
-    char* line = nullptr;
-    std::size_t room = 0;
-    std::FILE* const file = std::fopen(path.c_str(), "re");
-    const ssize_t size = file != nullptr ? getline(&line, &room, file) : -1;
-    if (file != nullptr)
-        std::fclose(file);
-    std::string first(size > 0 ? line : "");
-    std::free(line); // NOLINT(cppcoreguidelines-no-malloc): getline's
-    if (size <= 0)
-        throw Ending{Joined({"orv-status: cannot read a password from ", path, "\n"}), WRONG_USE};
-    if (!first.empty() && first.back() == '\n')
-        first.pop_back();
-    return first;
-}
 
 MonitorSettings ReadSettings(const Options& options) {
     const OrvPlatform::LoadedConfig loaded = OrvPlatform::LoadGatewayConfig();
@@ -57,23 +40,13 @@ MonitorSettings ReadSettings(const Options& options) {
     settings.broker.user = options.user.empty() ? config.broker.username : options.user;
     settings.broker.password = options.user.empty() ? config.broker.password : "";
     if (!options.passwordFile.empty())
-        settings.broker.password = FirstLine(options.passwordFile);
+        settings.broker.password = ReadPassword(options.passwordFile);
     settings.busAddress = OrvPlatform::MessageBus::Address(config.connman.busAddress);
     settings.ethernet = config.interfaces.ethernet;
     settings.cellular = config.interfaces.cellular;
     settings.statusFile = options.statusFile;
     settings.hasEndpoint = !config.cloud.endpoint.empty();
     return settings;
-}
-
-int OpenSignals() {
-    sigset_t set;
-    sigemptyset(&set);
-    for (const int signal : {SIGTERM, SIGINT})
-        sigaddset(&set, signal);
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    std::signal(SIGPIPE, SIG_IGN);
-    return signalfd(-1, &set, SFD_CLOEXEC);
 }
 
 /// @return false when nobody reads any more
@@ -133,7 +106,13 @@ int main(int count, char** words) {
     std::setlocale(LC_ALL, ""); // NOLINT(concurrency-mt-unsafe): before there is a thread
     try {
         const Options options = ReadOptions(count, words);
-        return Run(options, options.pace == Pace::ONCE ? -1 : OpenSignals());
+        std::optional<OrvSignals::Signals> signals;
+        if (options.pace != Pace::ONCE) {
+            OrvSignals::Block({SIGTERM, SIGINT});
+            std::signal(SIGPIPE, SIG_IGN);
+            signals.emplace(std::initializer_list<int>{SIGTERM, SIGINT});
+        }
+        return Run(options, signals ? signals->Descriptor() : -1);
     } catch (const Ending& ending) {
         std::fputs(ending.text.c_str(), ending.exitStatus == 0 ? stdout : stderr);
         return ending.exitStatus;

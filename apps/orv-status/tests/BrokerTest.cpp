@@ -96,11 +96,15 @@ TEST_F(AListener, ForgetsWhatIsTakenBackAndNothingElse) {
     EXPECT_TRUE(listener.Until([this] { return listener.Last() == nullptr; }));
 }
 
-TEST_F(AListener, SaysWhyItIsAwayNow) {
+TEST_F(AListener, SaysWhetherItIsRefusedOrTheBrokerIsAway) {
     OrvTest::MosquittoBroker strict("allow_anonymous false\n");
     Listener stranger(strict.Port());
     ASSERT_TRUE(stranger.Settles());
-    EXPECT_EQ(stranger.View().reason, "it refuses: Not authorized");
+    EXPECT_EQ(stranger.View().state, Known::REFUSING);
+    EXPECT_EQ(
+        stranger.View().reason,
+        "Not authorized. Set a user and password that it knows: username and password in [broker] of gateway.ini, "
+        "or --user and --password-file");
     strict.Kill();
     EXPECT_TRUE(stranger.Until([&] { return stranger.View().reason == "Connection refused"; }))
         << stranger.View().reason;

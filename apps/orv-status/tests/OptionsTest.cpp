@@ -2,7 +2,9 @@
 #include "Options.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -63,6 +65,32 @@ TEST(TheOptions, AreRefusedWithTheRemedy) {
         EXPECT_EQ(ending.exitStatus, 2) << words.front();
         EXPECT_NE(ending.text.find("orv-status --help"), std::string::npos);
     }
+}
+
+class APasswordFile : public testing::Test {
+protected:
+    ~APasswordFile() override { std::remove(path.c_str()); }
+    std::string Refusal() const {
+        try {
+            return ReadPassword(path);
+        } catch (const Ending& ending) {
+            EXPECT_EQ(ending.exitStatus, 2);
+            return ending.text;
+        }
+    }
+    const std::string path = testing::TempDir() + "orv-status-password-" + std::to_string(getpid());
+};
+
+TEST_F(APasswordFile, HoldsThePasswordAsItsFirstLine) {
+    std::ofstream(path) << "s3cret\nmore\n";
+    EXPECT_EQ(ReadPassword(path), "s3cret");
+}
+
+TEST_F(APasswordFile, IsRefusedWithTheReasonWhenItCannotBeRead) {
+    const std::string refused = "orv-status: cannot read a password from ";
+    EXPECT_EQ(Refusal(), refused + path + ": No such file or directory\n");
+    std::ofstream(path).close();
+    EXPECT_EQ(Refusal(), refused + path + ": it is empty\n");
 }
 
 TEST(TheOptions, AreAllInTheHelpTheManualAndTheCompletion) {

@@ -88,7 +88,8 @@ TEST_F(AHealthyGateway, IsUnknownWhenWhoSaidSoMayBeGone) {
     for (const AppState state : {AppState::ENDED, AppState::GONE, AppState::STUCK}) {
         WithoutApplication(state);
         EXPECT_EQ(Judged().exitStatus, 30) << Text(state);
-        EXPECT_EQ(Judged().basis, "gateway-app is " + std::string(Text(state)) + ": so it is");
+        EXPECT_EQ(Judged().basis, std::string("gateway-app ") + (state == AppState::ENDED ? "has " : "is ") +
+                                      Text(state) + ": so it is");
     }
 }
 
@@ -122,6 +123,7 @@ TEST_F(AHealthyGateway, ShowsThatAServiceHasNoInterface) {
     EXPECT_NE(
         Table(snapshot, {false, false}).find("ConnMan      eth0 online, then wwan0 ready, then (no interface) idle\n"),
         std::string::npos);
+    EXPECT_NE(Json(snapshot).find(R"({"interface":null,"state":"idle")"), std::string::npos) << Json(snapshot);
 }
 
 class AGatewayThatCouldNotFailOver : public AHealthyGateway {
