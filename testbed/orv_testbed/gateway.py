@@ -16,7 +16,7 @@ from orv_testbed.certificates import hash_of
 from orv_testbed.commands import Word, run, succeeds
 from orv_testbed.layout import CELLULAR, CLOUD_NAME, BoxError, Layout
 from orv_testbed.networks import Namespace
-from orv_testbed.programs import TESTBED, TOOLS, TREE, daemon
+from orv_testbed.programs import TESTBED, TOOLS, TREE, Missing, daemon, program
 from orv_testbed.waiting import comes_within
 
 BUS_ADDRESS = "unix:path=/run/dbus/system_bus_socket"
@@ -156,16 +156,13 @@ class Gateway:
         self._await(lambda: self.namespace.listens(1883), 5, "the gateway's broker does not start", "broker")
 
     def _start_routes(self) -> None:
-        named = os.environ.get("ORV_SOURCE_ROUTES")
-        programs = [pathlib.Path(named)] if named else sorted(TREE.glob("build/*/bin/orv-source-routes"))
-        for program in programs:
-            if os.access(program, os.X_OK):
-                self._processes.start("routes", self.command(program))
-                return
-        unbuilt = (
-            "orv-source-routes is not built: connections bound to the interface without the default route will fail"
-        )
-        print(f"box: {unbuilt}", file=sys.stderr)
+        try:
+            routes = os.environ.get("ORV_SOURCE_ROUTES") or program("orv-source-routes")
+        except Missing as error:
+            unbound = "connections bound to the interface without the default route will fail"
+            print(f"box: {error}; {unbound}", file=sys.stderr)
+            return
+        self._processes.start("routes", self.command(routes))
 
     # ---- modem and connection manager
 
