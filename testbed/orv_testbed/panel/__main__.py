@@ -15,7 +15,7 @@ import os
 import signal
 import sys
 import tempfile
-import threading
+import time
 from collections.abc import Iterator, Sequence
 from typing import IO
 
@@ -28,6 +28,8 @@ from orv_testbed.panel.server import Server
 from orv_testbed.programs import Missing
 
 OWN_BOX = "panel"
+# Seconds. A signal that another thread receives, or that comes just before a wait without end, ends no such wait.
+LOOK = 0.5
 ENDINGS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
 
 
@@ -100,7 +102,8 @@ def main(arguments: Sequence[str]) -> int:
                 if made:
                     say(f"faults from another terminal: ORV_BOX={made.box.name} testbed/box, such as loss eth 30")
                 say("Ctrl-C ends it")
-                threading.Event().wait()
+                while True:
+                    time.sleep(LOOK)
             finally:
                 follower.stop()
                 server.stop()

@@ -2,16 +2,20 @@
 """What is wrong on the command line is said before anything is built or brought up."""
 from __future__ import annotations
 
+import ctypes
 import os
+import pathlib
+import signal
 import socket
 import subprocess
 import sys
+import time
 
 import pytest
 
 from orv_testbed.panel.arguments import options
 from orv_testbed.programs import TREE
-from orv_testbed.waiting import SLACK
+from orv_testbed.waiting import SLACK, wait_until
 
 
 def run(*command: str) -> subprocess.CompletedProcess[str]:
@@ -61,3 +65,22 @@ def test_a_port_that_is_taken_is_named_with_the_remedy() -> None:
         done = run(sys.executable, "-B", "-m", "orv_testbed.panel", "--port", port, "--on", "true")
     assert done.returncode == 1
     assert done.stderr == f"panel: cannot listen on port {port}: it is taken; give another one, or none\n"
+
+
+def is_asleep(pid: int) -> bool:
+    time.sleep(0.01)
+    return pathlib.Path(f"/proc/{pid}/stat").read_text(encoding="ascii").rsplit(")", 1)[1].split()[0] == "S"
+
+
+def test_a_signal_that_another_thread_receives_ends_it_too() -> None:
+    # So does one that comes just before the main thread waits.
+    command = [sys.executable, "-B", "-m", "orv_testbed.panel", "--port", "0", "--on", "sh", "-c", "sleep 600"]
+    with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as panel:
+        try:
+            assert panel.stdout and any("Ctrl-C ends it" in line for line in panel.stdout)
+            wait_until(lambda: all(is_asleep(panel.pid) for _ in range(20)), SLACK, "the main thread waits")
+            others = [int(name) for name in os.listdir(f"/proc/{panel.pid}/task") if int(name) != panel.pid]
+            assert ctypes.CDLL(None).tgkill(panel.pid, others[-1], signal.SIGTERM) == 0
+            assert panel.wait(4 * SLACK) == 0
+        finally:
+            panel.kill()
