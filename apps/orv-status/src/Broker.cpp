@@ -38,9 +38,13 @@ std::string RefusalText(int code, bool version5) {
     const bool isAboutUser =
         version5 ? code == MQTT_RC_BAD_USERNAME_OR_PASSWORD || code == MQTT_RC_NOT_AUTHORIZED
                  : code == CONNACK_REFUSED_BAD_USERNAME_PASSWORD || code == CONNACK_REFUSED_NOT_AUTHORIZED;
-    return Joined({text, isAboutUser ? " Set a user and password that it knows: username and password in [broker] of "
-                                       "gateway.ini, or --user and --password-file"
-                                     : ""});
+    if (!isAboutUser)
+        return text;
+    // The texts of version 3.1.1 end in a full stop.
+    return Joined(
+        {text, version5 ? "." : "",
+         " Set a user and password that it knows: username and password in [broker] of gateway.ini, or --user "
+         "and --password-file"});
 }
 
 } // namespace
