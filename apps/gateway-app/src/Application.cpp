@@ -59,7 +59,8 @@ Application::Application(AppOptions appOptions, std::vector<std::string> command
              [this](const std::string& reason, std::chrono::milliseconds delay) { OnCloudFailed(reason, delay); },
              [this] { return CloudKeepAlive(); }},
             [this] { return std::generate_canonical<double, 32>(randomness); }),
-      ethernetGuard(loop, InterfaceName("Ethernet"), options.cloud, [this](OrvEvent event) { Report(event); }),
+      ethernetGuard(loop, InterfaceName("Ethernet"), options.cloud, [this](OrvEvent event) { Report(event); },
+                    [this] { cloud.Reopen("Ethernet has been proved"); }),
       pokeExplainer(loop, InterfaceName("Ethernet"), InterfaceName("Cellular"),
                     OrvResources::CreateStaticConfigStore()->GetValue(ENDPOINT),
                     [this](const PokeExplainer::Failure& failure) { OnPokeFailed(failure); }),
@@ -275,6 +276,8 @@ void Application::OnCloudFailed(const std::string& reason, std::chrono::millisec
     statusWriter.Changed();
     if (reason.rfind("the broker refused", 0) == 0)
         ethernetGuard.CloudRefused();
+    else
+        ethernetGuard.CloudFailed();
     Record("cloud_failed", {{"reason", JsonText(reason)}, {"retry_ms", std::to_string(delay.count())}});
 }
 

@@ -39,9 +39,10 @@ const char* Text(EthernetProbation::End end) {
 } // namespace
 
 EthernetGuard::EthernetGuard(EventLoop& eventLoop, std::string ethernetInterface, CloudSettings cloudSettings,
-                             Report reportEvent)
+                             Report reportEvent, TryCloud tryCloudNow)
     : interface(std::move(ethernetInterface)),
       report(std::move(reportEvent)),
+      tryCloud(std::move(tryCloudNow)),
       logger("GatewayApp", OrvLog::INFO),
       settings(std::move(cloudSettings)),
       prover(eventLoop),
@@ -85,6 +86,13 @@ void EthernetGuard::CloudIs(bool connected) {
 
 void EthernetGuard::CloudRefused() {
     probation.CloudRefused();
+    AfterChange(probation.Active());
+}
+
+void EthernetGuard::CloudFailed() {
+    const bool was = probation.Active();
+    probation.CloudFailed(Now());
+    AfterChange(was);
 }
 
 void EthernetGuard::SettingsAre(const CloudSettings& cloudSettings) {
@@ -116,8 +124,10 @@ void EthernetGuard::OnProof(const PathProver::Result& result) {
                          << " answers over neither interface, though Cellular has just been proved: the fault is the "
                             "broker's, and no move of the route cures it";
     }
-    probation.Proved(result.good, Now());
+    const bool tryIt = probation.Proved(result.good, Now());
     AfterChange(was);
+    if (tryIt)
+        tryCloud();
 }
 
 void EthernetGuard::AfterChange(bool wasActive) {

@@ -19,8 +19,11 @@ class EthernetGuard {
 public:
     /// Brings an event to the client library; called inside the operations below, and from the loop.
     using Report = std::function<void(OrvStackSdk::OrvEvent event)>;
+    /// Has the cloud connection begin an attempt now, over the path that has the route; called from the loop.
+    using TryCloud = std::function<void()>;
 
-    EthernetGuard(EventLoop& eventLoop, std::string ethernetInterface, CloudSettings cloudSettings, Report reportEvent);
+    EthernetGuard(EventLoop& eventLoop, std::string ethernetInterface, CloudSettings cloudSettings, Report reportEvent,
+                  TryCloud tryCloudNow);
     ~EthernetGuard();
 
     /// @name What has happened
@@ -31,6 +34,8 @@ public:
     void RouteHasMoved(bool toCellular);
     void CloudIs(bool connected);
     void CloudRefused();
+    /// An attempt to connect has failed otherwise.
+    void CloudFailed();
     void SettingsAre(const CloudSettings& cloudSettings);
     /// @}
 
@@ -46,6 +51,7 @@ private:
 
     const std::string interface;
     const Report report;
+    const TryCloud tryCloud;
     CommonUtils::Logger logger;
     CloudSettings settings;
     EthernetProbation probation;

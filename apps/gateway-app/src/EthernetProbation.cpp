@@ -70,10 +70,21 @@ void EthernetProbation::MovedToEthernet(Time now) {
 
 void EthernetProbation::CloudIs(bool connected, Time now) {
     refused = false;
+    ethernetReaches = false;
     if (connected)
         cloudAwaySince.reset();
     else if (!cloudAwaySince)
         cloudAwaySince = now;
+}
+
+void EthernetProbation::CloudRefused() {
+    refused = true;
+    ethernetReaches = false;
+}
+
+void EthernetProbation::CloudFailed(Time now) {
+    if (active && ethernetReaches)
+        Lift(End::CLOUD_LOST, now);
 }
 
 void EthernetProbation::CellularIs(bool usable, Time now) {
@@ -88,20 +99,30 @@ void EthernetProbation::EthernetIs(bool usable, Time now) {
     ethernetUsable = usable;
 }
 
-void EthernetProbation::Proved(bool isGood, Time now) {
-    proving.reset();
+bool EthernetProbation::Proved(bool isGood, Time now) {
     if (!active)
-        return;
+        return false;
+    const bool held = proving && proving->hold > 0s;
+    proving.reset();
     nextWithoutCloud = now + REST_WITHOUT_CLOUD;
-    if (!isGood)
-        return BeginSeries(now);
-    ++good;
-    if (CellularFails(now))
-        return Lift(End::CLOUD_LOST, now);
+    if (!isGood) {
+        BeginSeries(now);
+        return false;
+    }
     const Stage& stage = STAGES.at(level);
-    if (good >= stage.proofs && now - begun >= length)
-        return Lift(End::PROVED, now);
-    nextProof = std::max(now, nextProof + stage.length / stage.proofs);
+    if (held) {
+        ++good;
+        nextProof = std::max(now, nextProof + stage.length / stage.proofs);
+    } else {
+        nextProof = std::max(nextProof, nextWithoutCloud);
+    }
+    if (good >= stage.proofs && now - begun >= length) {
+        Lift(End::PROVED, now);
+        return false;
+    }
+    const bool asked = ethernetReaches;
+    ethernetReaches = CellularFails(now);
+    return ethernetReaches && !asked;
 }
 
 void EthernetProbation::Passed(Time now) {
@@ -139,12 +160,14 @@ std::optional<EthernetProbation::Time> EthernetProbation::NextDue() const {
 void EthernetProbation::Lift(End reason, Time now) {
     active = false;
     proving.reset();
+    ethernetReaches = false;
     ended = reason;
     counted = now;
 }
 
 void EthernetProbation::BeginSeries(Time now) {
     good = 0;
+    ethernetReaches = false;
     nextProof = now + STAGES.at(level).length / STAGES.at(level).proofs;
 }
 

@@ -16,7 +16,8 @@ namespace GatewayApp {
 /// until the first of them is an hour old. It ends
 ///  - when Ethernet has proved itself: several connections to the cloud in a row, spread over the probation;
 ///  - when Cellular has no address or link any more, at once: any path is better;
-///  - when Cellular does not reach the cloud for some seconds and Ethernet does, by one proof;
+///  - when Cellular does not reach the cloud for some seconds and Ethernet does, by one proof, and then Cellular is
+///    tried once more and fails: the cloud may have come back on both;
 ///  - when the cloud has been away for a quarter of an hour, whatever the proofs say.
 ///
 /// Events and time in, decisions out: no socket, no clock, no lock. One thread.
@@ -40,12 +41,16 @@ public:
     void MovedToEthernet(Time now);
     void CloudIs(bool connected, Time now);
     /// The cloud's broker has answered over Cellular and refused: the path is good, another one would not help.
-    void CloudRefused() { refused = true; }
+    void CloudRefused();
+    /// An attempt to connect to the cloud has failed otherwise.
+    void CloudFailed(Time now);
     /// Link and address. Unusable ends a probation.
     void CellularIs(bool usable, Time now);
     void EthernetIs(bool usable, Time now);
     /// A proof has ended, the one that was asked for last.
-    void Proved(bool good, Time now);
+    /// @return true when the cloud is to be tried over Cellular at once, in an attempt of its own. CloudIs, CloudRefused
+    ///         or CloudFailed tells the end of that attempt.
+    [[nodiscard]] bool Proved(bool good, Time now);
     /// Time has passed.
     void Passed(Time now);
     /// @}
@@ -77,6 +82,7 @@ private:
     bool ethernetUsable = false;
     std::optional<Proof> proving;
     bool refused = false;
+    bool ethernetReaches = false; // the cloud, and whether Cellular does is being tried
     std::optional<Time> cloudAwaySince = Time();
     std::deque<Time> failOvers;  // the moves to Cellular of the last hour, at most five
     std::optional<Time> counted; // the last move to Cellular, or the end of the probation that followed it

@@ -33,6 +33,7 @@ protected:
         ASSERT_TRUE(FailOver());
     }
     /// Time passes as the probation wishes; every proof takes `taking` and ends so. Until `end` or the probation's end.
+    /// What is tried over Cellular after a proof fails.
     void ProveUntil(Time end, bool good, std::chrono::seconds taking = 10s) {
         while (probation.Active() && now < end) {
             const auto look = probation.NextDue();
@@ -44,11 +45,20 @@ protected:
             if (probation.Due(now)) {
                 ++proofs;
                 now += taking;
-                probation.Proved(good, now);
+                if (probation.Proved(good, now))
+                    probation.CloudFailed(now);
             }
         }
         if (probation.Active())
             now = end;
+    }
+    /// The cloud is lost on Cellular, and when it has been away for long enough, a proof over Ethernet succeeds.
+    /// @return what Proved returned
+    bool ProveWhileCellularFails() {
+        probation.CloudIs(false, now);
+        now += 5s;
+        EXPECT_TRUE(probation.Due(now));
+        return probation.Proved(true, now);
     }
     /// How long a probation lasts in which every proof is good.
     std::chrono::seconds LastingWithGoodProofs() {
@@ -135,7 +145,7 @@ TEST_F(AnEthernet, HasItsLaterProofsHeldUntilTheyLeaveLittleOut) {
         const auto proof = probation.Due(*next);
         ASSERT_TRUE(proof);
         EXPECT_GE(proof->hold * 1.2, *next - now);
-        probation.Proved(false, *next + 1s);
+        EXPECT_FALSE(probation.Proved(false, *next + 1s));
         EXPECT_NEAR(static_cast<double>(LastingWithGoodProofs().count()), static_cast<double>(length.count()), 120);
         Return();
         now += 25min;
@@ -214,6 +224,57 @@ TEST_F(AnEthernet, IsTakenWithOneProofWhenCellularHasNotReachedTheCloudForFiveSe
     ProveUntil(now + 1min, true, 1s);
     EXPECT_EQ(probation.Ended(), End::CLOUD_LOST);
     EXPECT_EQ(now - begin, 6s);
+}
+
+TEST_F(AnEthernet, IsNotTakenBeforeCellularHasBeenTriedOnceMoreAndFailed) {
+    BeOnProbation();
+    probation.CloudFailed(now); // before the proof: the cloud's broker may have come back since
+    EXPECT_TRUE(ProveWhileCellularFails());
+    EXPECT_TRUE(probation.Active());
+    probation.CloudFailed(now + 5s);
+    EXPECT_EQ(probation.Ended(), End::CLOUD_LOST);
+}
+
+TEST_F(AnEthernet, StaysOnProbationWhenTheCloudIsBackOnCellularToo) {
+    BeOnProbation();
+    EXPECT_TRUE(ProveWhileCellularFails());
+    probation.CloudIs(true, now);
+    probation.CloudIs(false, now);
+    probation.CloudFailed(now);
+    EXPECT_TRUE(probation.Active());
+    probation.CloudIs(true, now);
+    ProveUntil(now + 1h, true);
+    EXPECT_EQ(probation.Ended(), End::PROVED);
+    EXPECT_EQ(proofs, 5); // beside the one that was not held
+}
+
+TEST_F(AnEthernet, StaysOnProbationWhenTheBrokerRefusesWhatIsTriedOverCellular) {
+    BeOnProbation();
+    EXPECT_TRUE(ProveWhileCellularFails());
+    probation.CloudRefused();
+    probation.CloudFailed(now);
+    EXPECT_TRUE(probation.Active());
+}
+
+TEST_F(AnEthernet, StaysOnProbationWhenAProofFailsBeforeWhatIsTriedOverCellular) {
+    BeOnProbation();
+    EXPECT_TRUE(ProveWhileCellularFails());
+    now += 5s;
+    ASSERT_TRUE(probation.Due(now));
+    EXPECT_FALSE(probation.Proved(false, now));
+    probation.CloudFailed(now);
+    EXPECT_TRUE(probation.Active());
+}
+
+TEST_F(AnEthernet, HasOneAttemptMadeOverCellularHoweverManyProofsSucceedMeanwhile) {
+    BeOnProbation();
+    EXPECT_TRUE(ProveWhileCellularFails());
+    EXPECT_FALSE(probation.Due(now + 5s - 1ms));
+    ASSERT_EQ(probation.NextDue(), now + 5s);
+    ASSERT_TRUE(probation.Due(now + 5s));
+    EXPECT_FALSE(probation.Proved(true, now + 5s));
+    probation.CloudFailed(now + 5s);
+    EXPECT_EQ(probation.Ended(), End::CLOUD_LOST);
 }
 
 TEST_F(AnEthernet, IsNotTakenWithoutAnyProofWhenCellularDoesNotReachTheCloud) {
@@ -303,7 +364,8 @@ TEST_F(AnEthernet, GivesUpAHeldProofForAQuickOneWhenCellularDoesNotReachTheCloud
     ASSERT_TRUE(quick);
     EXPECT_EQ(quick->hold, 0s);
     EXPECT_FALSE(probation.Due(now + 6s));
-    probation.Proved(true, now + 6s);
+    EXPECT_TRUE(probation.Proved(true, now + 6s));
+    probation.CloudFailed(now + 6s);
     EXPECT_EQ(probation.Ended(), End::CLOUD_LOST);
 }
 
@@ -311,7 +373,7 @@ TEST_F(AnEthernet, DoesNotTakeAProofThatComesTooLate) {
     BeOnProbation();
     ASSERT_TRUE(probation.Due(now + 12s));
     probation.CellularIs(false, now + 13s);
-    probation.Proved(true, now + 14s);
+    EXPECT_FALSE(probation.Proved(true, now + 14s));
     EXPECT_EQ(probation.Ended(), End::CELLULAR_LOST);
 }
 

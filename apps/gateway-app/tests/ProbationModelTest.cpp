@@ -12,6 +12,7 @@
 #include <optional>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace GatewayApp {
@@ -50,7 +51,15 @@ public:
         for (const Time end = now + time; now < end; now += STEP)
             Step();
     }
+    /// The cloud is down on both paths, and back after that time.
+    void RunWithTheCloudDown(Duration time) {
+        const std::array<Path, 2> before = std::exchange(paths, {Path{0, 1, 1s}, Path{0, 1, 1s}});
+        Run(time);
+        paths = before;
+    }
     int Switches() const { return switches; }
+    bool OnProbation() const { return probation.Active(); }
+    EthernetProbation::End Ended() const { return probation.Ended(); }
     double Up() const { return static_cast<double>(connectedSteps) / static_cast<double>(steps); }
 
 private:
@@ -79,10 +88,12 @@ private:
         }
         if (!connected && now >= nextAttempt) {
             connected = Chance(Current().connects);
-            nextAttempt = now + 5s;
+            nextAttempt = now + 5s + std::chrono::milliseconds(random() % 5000);
             ends = now + Life(Current());
             if (connected)
                 probation.CloudIs(true, now);
+            else
+                probation.CloudFailed(now);
         }
     }
     void Route() {
@@ -113,7 +124,8 @@ private:
         probation.Passed(now);
         if (proofEnds && now >= *proofEnds) {
             proofEnds.reset();
-            probation.Proved(proofGood, now);
+            if (probation.Proved(proofGood, now))
+                nextAttempt = now;
         }
         if (const auto proof = probation.Due(now)) {
             const Path& ethernet = paths.at(0);
@@ -124,7 +136,7 @@ private:
     }
 
     std::mt19937 random;
-    const std::array<Path, 2> paths;
+    std::array<Path, 2> paths;
     EthernetProbation probation;
     Time now = Time() + 1h;
     State state = State::ETHERNET;
@@ -176,6 +188,17 @@ TEST_P(TheRouteUnder, MovesAtMostTenTimesInAnHour) {
 }
 
 const Path GOOD{};
+
+TEST(ACloudThatComesBack, IsUsedOverThePathThatHasTheRoute) {
+    for (unsigned seed = 0; seed < Hours(); ++seed) {
+        Gateway gateway({"", GOOD, GOOD, 0}, seed);
+        while (!gateway.OnProbation())
+            gateway.RunWithTheCloudDown(100ms);
+        gateway.RunWithTheCloudDown(20s + seed % 100 * 100ms);
+        gateway.Run(20s);
+        EXPECT_EQ(gateway.Ended(), EthernetProbation::End::NONE) << "seed " << seed;
+    }
+}
 
 INSTANTIATE_TEST_SUITE_P(
     AFault, TheRouteUnder,
