@@ -188,7 +188,9 @@ DBusMessagePtr MessageBus::Next() {
 }
 
 void MessageBus::Deliver(DBusMessage& message) const {
-    if (signalHandler && dbus_message_get_type(&message) == DBUS_MESSAGE_TYPE_SIGNAL)
+    // libdbus tells the end of the connection by a signal of its own, which nobody has sent.
+    if (signalHandler && dbus_message_get_type(&message) == DBUS_MESSAGE_TYPE_SIGNAL &&
+        dbus_message_get_sender(&message))
         signalHandler(message);
 }
 

@@ -69,6 +69,12 @@ TEST_F(AScriptedGateway, BelievesOnlyTheConnectionManagerHowTheServicesAre) {
     SendFence();
 }
 
+TEST_F(AScriptedGateway, TakesTheEndOfTheBusForNoStrangersSignal) {
+    bus.HangUp();
+    EXPECT_TRUE(IsLogged("(connection lost)"));
+    EXPECT_EQ(Logged("a signal"), 0U);
+}
+
 TEST_F(AScriptedGateway, SaysOnceThatAStrangerSendsSignals) {
     for (int i = 0; i < 100; ++i)
         bus.Send(bus.StateChanged(bus.STRANGER, {"eth0", "failure"}));
