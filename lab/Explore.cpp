@@ -4,7 +4,7 @@
 //
 // Each batch of seeds runs in a process of its own, so that a crash, a leak or a hang is laid at the door of its seed.
 // Exit status: 0 when nothing was found, otherwise 1, and the seed is printed.
-#include "broker/Program.h"
+#include "Explored.h"
 #include "sim/Simulation.h"
 
 #include <sys/mman.h>
@@ -27,7 +27,6 @@
 
 namespace {
 
-using OrvLab::Program;
 using OrvLab::Simulation;
 using Clock = std::chrono::steady_clock;
 
@@ -42,8 +41,7 @@ struct Course {
 
 Course RunSeed(std::uint64_t seed, bool trace) {
     Simulation simulation(seed, trace);
-    Program program(simulation, seed);
-    simulation.Run([&] { program.Run(); });
+    OrvLab::RunExplored(simulation, seed);
     return {simulation.Fingerprint(), simulation.Steps()};
 }
 

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "broker/Program.h"
 
-#include "broker/LabLog.h"
 #include "broker/OutstandingPublications.h"
 #include "broker/Wire.h"
 #include "config/GatewayConfig.h"
+#include "sim/LabLog.h"
 
 #include <algorithm>
 #include <utility>

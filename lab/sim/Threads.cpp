@@ -89,6 +89,7 @@ int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
 int __real_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
                                   const timespec* deadline);
 pthread_t __real_pthread_self();
+int __real_pthread_setname_np(pthread_t thread, const char* name);
 DIR* __real_opendir(const char* name);
 std::int64_t __real__ZNSt6chrono3_V212steady_clock3nowEv();
 unsigned __real__ZNSt13random_device9_M_getvalEv(void* self);
@@ -131,6 +132,10 @@ int __wrap_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mu
 pthread_t __wrap_pthread_self() {
     Simulation* simulation = Simulation::Current();
     return simulation != nullptr ? static_cast<pthread_t>(simulation->Self().number) : __real_pthread_self();
+}
+
+int __wrap_pthread_setname_np(pthread_t thread, const char* name) {
+    return Simulation::Current() != nullptr ? 0 : __real_pthread_setname_np(thread, name);
 }
 
 // The search for the pair of sockets that a client makes for itself finds none.

@@ -59,8 +59,9 @@ Application::Application(AppOptions appOptions, std::vector<std::string> command
              [this](const std::string& reason, std::chrono::milliseconds delay) { OnCloudFailed(reason, delay); },
              [this] { return CloudKeepAlive(); }},
             [this] { return std::generate_canonical<double, 32>(randomness); }),
-      ethernetGuard(loop, InterfaceName("Ethernet"), options.cloud, [this](OrvEvent event) { Report(event); },
-                    [this] { cloud.Reopen("Ethernet has been proved"); }),
+      ethernetGuard(
+          loop, InterfaceName("Ethernet"), options.cloud, [this](OrvEvent event) { Report(event); },
+          [this] { cloud.Reopen("Ethernet has been proved"); }),
       pokeExplainer(loop, InterfaceName("Ethernet"), InterfaceName("Cellular"),
                     OrvResources::CreateStaticConfigStore()->GetValue(ENDPOINT),
                     [this](const PokeExplainer::Failure& failure) { OnPokeFailed(failure); }),

@@ -3,12 +3,17 @@
 
 #include "sim/Simulation.h"
 
+#include <functional>
+#include <string>
+
 namespace OrvLab {
 
 /// The log of a simulated program.
 struct LabLog {
     /// What a record may take, now and then, at most. 0: none takes any time.
     static Time longestStall;
+    /// Told of each record.
+    static std::function<void(const std::string& text)> onRecord;
 };
 
 } // namespace OrvLab

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The log, as a thing that may take its time and under which no lock may be held.
-#include "broker/LabLog.h"
+#include "sim/LabLog.h"
 
 #include "CommonUtils/Logger.h"
 #include "sim/Simulation.h"
@@ -11,6 +11,7 @@
 namespace OrvLab {
 
 Time LabLog::longestStall = 0;
+std::function<void(const std::string& text)> LabLog::onRecord;
 
 } // namespace OrvLab
 
@@ -32,6 +33,8 @@ LogObject::~LogObject() {
     if (sim->Self().locks != 0)
         sim->Fail("writes to the log and holds a lock: " + record->text.str());
     sim->Trace("    log: " + record->text.str());
+    if (OrvLab::LabLog::onRecord)
+        OrvLab::LabLog::onRecord(record->text.str());
     sim->Step("log");
     if (OrvLab::LabLog::longestStall != 0 && sim->OneInSchedule(6))
         sim->Stall(
