@@ -2,6 +2,7 @@
 #include "Simulation.h"
 
 #include "CommandError.h"
+#include "Duration.h"
 
 #include <OrvStackSdk/OrvStackSdk.h>
 
@@ -9,6 +10,7 @@
 #include <array>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 
 #include <poll.h>
@@ -24,6 +26,7 @@ using std::chrono::milliseconds;
 constexpr int NO_CONNECTION = 7; // libcurl's number
 constexpr const char* ETHERNET = "eth0";
 constexpr const char* CELLULAR = "wwan0";
+constexpr std::size_t REMEMBERED = 1000;
 
 GatewayOptions Options() {
     GatewayOptions options;
@@ -41,6 +44,17 @@ std::string TimeStamp(milliseconds time) {
 
 bool BeginsWith(const std::string& text, const char* beginning) {
     return text.rfind(beginning, 0) == 0;
+}
+
+/// What the route supervision says about its state in a line of the journal; empty when that is not its subject.
+std::string StateIn(const std::string& line) {
+    for (const char* beginning : {"log debug OrvRoute <Tick> \"", "log error OrvRoute \""}) {
+        if (BeginsWith(line, beginning)) {
+            const std::size_t start = line.find_first_not_of(' ', std::strlen(beginning));
+            return line.substr(start, line.size() - 1 - start);
+        }
+    }
+    return {};
 }
 
 } // namespace
@@ -106,14 +120,14 @@ void Simulation::Execute(const std::string& line) {
         return;
     if (input.StopsAtFailure() && statement->id != CommandId::NOTE)
         Show(">", Printable(line.substr(line.find_first_not_of(" \t"))));
-    if (IsAboutSurroundings(statement->id))
-        ChangeSurroundings(*statement);
+    if (IsAboutSurroundings(*statement))
+        AttendToSurroundings(*statement);
     else
         shell.Execute(*statement, Now());
     LetTimePass();
 }
 
-void Simulation::ChangeSurroundings(const Statement& statement) {
+void Simulation::AttendToSurroundings(const Statement& statement) {
     const Words& arguments = statement.arguments;
     switch (statement.id) {
     case CommandId::BROKER:
@@ -124,6 +138,8 @@ void Simulation::ChangeSurroundings(const Statement& statement) {
         return gateway.connman.RefuseToMove(arguments[0] == "frozen");
     case CommandId::ETHERNET:
         return PathBecomes(ETHERNET, arguments[0]);
+    case CommandId::EXPECT:
+        return Await(*statement.expectation);
     case CommandId::PUBLISH:
         return gateway.broker.Publish(arguments[0], arguments[1], arguments.size() > 2);
     default:
@@ -138,6 +154,31 @@ void Simulation::PathBecomes(const std::string& interface, const std::string& fa
         gateway.poke.Fails(interface, NO_CONNECTION);
     else
         gateway.poke.Reaches(interface);
+}
+
+/// Stops right after what was expected: nothing that falls due later has happened yet.
+void Simulation::Await(const Expectation& expectation) {
+    ShowWhatHappened();
+    const bool came = gateway.AdvanceUntil(
+        [&] {
+            ShowWhatHappened();
+            return Fulfilled(expectation);
+        },
+        expectation.limit);
+    if (!came)
+        throw CommandError(CallbackText({expectation.name, expectation.arguments, {}}) + " has not come within " +
+                           DurationText(expectation.limit));
+}
+
+bool Simulation::Fulfilled(const Expectation& expectation) {
+    if (expectation.name == Expectation::ROUTE)
+        return expectation.arguments.empty() || gateway.connman.Top() == expectation.arguments.front();
+    const auto found = std::find_if(happened.begin(), happened.end(),
+                                    [&](const Callback& candidate) { return Matches(candidate, expectation); });
+    if (found == happened.end())
+        return false;
+    happened.erase(found);
+    return true;
 }
 
 /// As far as the command waits, and at least until what it has caused has arrived.
@@ -159,16 +200,22 @@ void Simulation::LetTimePass() {
 }
 
 void Simulation::ShowWhatHappened() {
-    for (const auto& message : gateway.broker.Published())
+    for (const auto& message : gateway.broker.Published()) {
         Show("*", std::string("publish ") + (message.retained ? "retained " : "") + Quote(message.topic) + " " +
                       Quote(message.payload));
+        happened.push_back({Expectation::PUBLISHED, {message.topic, message.payload}, {}});
+    }
     gateway.broker.Clear();
     for (const auto& entry : gateway.journal.Entries()) {
+        if (const std::string state = StateIn(entry.what); !state.empty())
+            happened.push_back({Expectation::STATE, {state}, {}});
         // Publications stand above as the broker has taken them, and what neighbours say is a command.
         if (!BeginsWith(entry.what, "publish") && !BeginsWith(entry.what, "neighbour publishes"))
             Show("*", Printable(entry.what));
     }
     gateway.journal.Clear();
+    while (happened.size() > REMEMBERED)
+        happened.pop_front();
     for (const Callback& callback : shell.TakeCallbacks())
         Show("<", CallbackText(callback));
 }

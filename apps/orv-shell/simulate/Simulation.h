@@ -8,6 +8,7 @@
 #include <OrvStackSdk/Testing.h>
 
 #include <chrono>
+#include <deque>
 #include <string>
 
 namespace OrvShell {
@@ -33,7 +34,9 @@ private:
     bool Step();
     bool AwaitInput();
     void Execute(const std::string& line);
-    void ChangeSurroundings(const Statement& statement);
+    void AttendToSurroundings(const Statement& statement);
+    void Await(const Expectation& expectation);
+    bool Fulfilled(const Expectation& expectation);
     void PathBecomes(const std::string& interface, const std::string& fate);
     void LetTimePass();
     void ShowWhatHappened();
@@ -45,6 +48,7 @@ private:
     OrvStackSdk::Testing::Gateway gateway;
     Shell shell;
     OrvSignals::Signals signals;
+    std::deque<Callback> happened; // what could be expected, and no expect has asked for
     bool interrupted = false;
     bool failed = false;
 };

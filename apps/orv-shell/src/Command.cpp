@@ -17,11 +17,21 @@ const char* const EXPECT_DETAILS =
     "Waits until the callback has come, and fails when it has not within the time (default 5s). A callback that came\n"
     "before and was not expected yet counts. Arguments that are left out may be anything.\n"
     "  expect OnDeviceCellularStatusIndication STRENGTH \"-71 dBm\" within 2s\n"
-    "  expect reconnect within 15s        asks CloudReconnectNeeded after each tick";
+    "  expect reconnect within 15s        asks CloudReconnectNeeded after each tick\n"
+    "With --simulate also, of what was not expected yet:\n"
+    "  expect published /orv/network/wan/inhibit_dns inhibit within 15s\n"
+    "  expect route wwan0 within 15s      the connection manager has it on top\n"
+    "  expect state \"poke success, route to Cell\" within 15s        the route supervision says so";
 
 const char* const PATH_DETAILS =
     "dead: nothing comes back; refused: an answer comes at once, and it is a refusal; back: the cloud is reached.\n"
     "It holds for attempts that begin later. What the application learns of it by itself stands in event.";
+
+/// What else can be expected.
+const std::vector<CallbackForm> OTHER_FORMS{{Expectation::RECONNECT, {}},
+                                            {Expectation::PUBLISHED, {Kind::TEXT, Kind::TEXT}},
+                                            {Expectation::ROUTE, {Kind::TEXT}},
+                                            {Expectation::STATE, {Kind::TEXT}}};
 
 std::string Usage(const Command& command) {
     std::string usage = command.name;
@@ -39,16 +49,17 @@ Words ExpectationNames() {
     Words names;
     for (const CallbackForm& form : CallbackForms())
         names.push_back(form.name);
-    names.emplace_back(Expectation::RECONNECT);
+    for (const CallbackForm& form : OTHER_FORMS)
+        names.push_back(form.name);
     return names;
 }
 
 CallbackForm FormOf(const std::string& word) {
-    if (word == Expectation::RECONNECT)
-        return {word, {}};
-    for (const CallbackForm& form : CallbackForms()) {
-        if (form.name == word)
-            return form;
+    for (const std::vector<CallbackForm>* forms : {&CallbackForms(), &OTHER_FORMS}) {
+        for (const CallbackForm& form : *forms) {
+            if (form.name == word)
+                return form;
+        }
     }
     throw CommandError("no such callback: " + Quote(word) + "; valid are: " + Join(ExpectationNames(), ", "));
 }
@@ -80,7 +91,12 @@ void CheckCount(const Command& command, std::size_t count) {
 
 } // namespace
 
-bool IsAboutSurroundings(CommandId id) {
+bool IsAboutSurroundings(const Statement& statement) {
+    const CommandId id = statement.id;
+    if (statement.expectation) {
+        const std::string& name = statement.expectation->name;
+        return name == Expectation::PUBLISHED || name == Expectation::ROUTE || name == Expectation::STATE;
+    }
     return id == CommandId::BROKER || id == CommandId::CELLULAR || id == CommandId::CONNMAN ||
            id == CommandId::ETHERNET || id == CommandId::PUBLISH;
 }

@@ -56,6 +56,9 @@ struct Command {
 /// What `expect` waits for. Arguments that are left out may be anything.
 struct Expectation {
     static constexpr const char* RECONNECT = "reconnect";
+    static constexpr const char* PUBLISHED = "published";
+    static constexpr const char* ROUTE = "route";
+    static constexpr const char* STATE = "state";
 
     std::string name;
     Words arguments;
@@ -70,7 +73,7 @@ struct Statement {
 };
 
 /// Whether it is about what surrounds the application: only a simulated gateway (--simulate) is in the shell's hands.
-bool IsAboutSurroundings(CommandId id);
+bool IsAboutSurroundings(const Statement& statement);
 
 /// All commands in alphabetical order.
 const std::vector<Command>& Commands();

@@ -39,12 +39,12 @@ std::string ProblemWithName(const std::string& app) {
     return {};
 }
 
+} // namespace
+
 bool Matches(const Callback& callback, const Expectation& expectation) {
     return callback.name == expectation.name && expectation.arguments.size() <= callback.arguments.size() &&
            std::equal(expectation.arguments.begin(), expectation.arguments.end(), callback.arguments.begin());
 }
-
-} // namespace
 
 Shell::Shell(ClientMaker maker, Print printer)
     : makeClient(std::move(maker)), print(std::move(printer)), callbacks(std::make_shared<CallbackQueue>()) {}
@@ -63,6 +63,9 @@ void Shell::Create() {
 
 void Shell::Execute(const Statement& statement, Clock::time_point now) {
     const Words& arguments = statement.arguments;
+    if (IsAboutSurroundings(statement))
+        throw CommandError("this gateway's surroundings are real and not in the shell's hands; orv-shell --simulate "
+                           "has a gateway where they are");
     switch (statement.id) {
     case CommandId::ACTION:
         return Client().AppActionRequest(arguments[0], ActionOf(arguments[1]));
@@ -117,8 +120,7 @@ void Shell::Execute(const Statement& statement, Clock::time_point now) {
     case CommandId::CONNMAN:
     case CommandId::ETHERNET:
     case CommandId::PUBLISH:
-        throw CommandError("this gateway's surroundings are real and not in the shell's hands; orv-shell --simulate "
-                           "has a gateway where they are");
+        return;
     case CommandId::ADVANCE:
     case CommandId::WAIT:
         waitEnd = now + ParseDuration(arguments[0]);

@@ -15,6 +15,9 @@
 
 namespace OrvShell {
 
+/// Whether it is what was expected.
+bool Matches(const Callback& callback, const Expectation& expectation);
+
 /// Carries commands out on a client of the library. Not for several threads: one loop makes all calls.
 class Shell {
 public:

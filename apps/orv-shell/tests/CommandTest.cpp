@@ -104,7 +104,7 @@ TEST(AnExpectation, IsRefusedWhenNoCallbackCanFulfilIt) {
         ErrorOf("expect OnReload"),
         "no such callback: OnReload; valid are: OnInitConfirmation, OnAppActionIndication, OnAppStatusIndication, "
         "OnDeviceProbeIndication, OnDeviceOnlineStatusIndication, OnDeviceCellularStatusIndication, "
-        "OnFeatureShutdownReadinessIndication, reconnect");
+        "OnFeatureShutdownReadinessIndication, reconnect, published, route, state");
     EXPECT_EQ(ErrorOf("expect OnAppActionIndication RELOAD twice"), "too many arguments: OnAppActionIndication has 1");
     EXPECT_EQ(ErrorOf("expect OnDeviceOnlineStatusIndication up"), "no such word: up; valid are: true, false");
     EXPECT_EQ(ErrorOf("expect"), "CALLBACK is missing; usage: expect CALLBACK [ARGUMENT ...] [within DURATION]");
@@ -133,5 +133,5 @@ TEST(Completion, OffersWhatMayStandNext) {
     EXPECT_EQ(NextWords({"stop"}), Words{});
     EXPECT_EQ(NextWords({"nonsense"}), Words{});
     EXPECT_EQ(NextWords({"expect", "OnDeviceOnlineStatusIndication"}), (Words{"true", "false", "within"}));
-    EXPECT_EQ(NextWords({"expect"}).size(), 8u);
+    EXPECT_EQ(NextWords({"expect"}).size(), 11u);
 }

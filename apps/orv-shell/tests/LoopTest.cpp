@@ -315,7 +315,8 @@ TEST_F(AScenario, IsCarriedOutAtOnceWhenItsLinesCameTogetherAndMoreMayCome) {
 }
 
 TEST_F(AScenario, CannotChangeTheSurroundingsOfARealGateway) {
-    for (const char* const line : {"broker lost", "cellular dead", "connman frozen", "ethernet back", "publish /a b"}) {
+    for (const char* const line : {"broker lost", "cellular dead", "connman frozen", "ethernet back", "publish /a b",
+                                   "expect route wwan0", "expect published /a b", "expect state ready"}) {
         EXPECT_EQ(Run(line), 1);
         EXPECT_EQ(errors, place + ":1: this gateway's surroundings are real and not in the shell's hands; orv-shell "
                                   "--simulate has a gateway where they are\n");

@@ -121,3 +121,39 @@ TEST_F(ASimulatedScenario, EndsAtACommandThatFails) {
     EXPECT_EQ(Lines({"never"}), "");
     EXPECT_NE(Lines({"01:00:00.000Z * disconnect ORV_Stack"}), "");
 }
+
+TEST_F(ASimulatedScenario, StopsRightAfterWhatItExpects) {
+    EXPECT_EQ(Run(std::string(CONNECTED) + "event CLOUD_DISCONNECTED\n"
+                                           "expect published /orv/network/wan/inhibit_dns inhibit within 15s\n"
+                                           "note the attempt has begun\n"
+                                           "expect route wwan0\n"
+                                           "note the order is given\n"
+                                           "expect state \"route is Cell, reconnecting\"\n"
+                                           "note the move is seen\n"),
+              0)
+        << errors;
+    const std::vector<std::string> order{"inhibit_dns inhibit\n",           "\nthe attempt has begun\n",
+                                         "poke success, route to Cell",     "\nthe order is given\n",
+                                         "route is Cell, reconnecting\"\n", "\nthe move is seen\n"};
+    std::size_t place = 0;
+    for (const std::string& text : order) {
+        place = output.find(text, place);
+        ASSERT_NE(place, std::string::npos) << text << "\n" << output;
+    }
+}
+
+TEST_F(ASimulatedScenario, CountsOnceWhatCameBeforeItWasExpected) {
+    const std::string once =
+        "init alarm\nevent ETHERNET_CONNECTED\nexpect published /orv/led/connected_services_yellow On\n";
+    EXPECT_EQ(Run(once), 0) << errors;
+    EXPECT_EQ(Run(once + "expect published /orv/led/connected_services_yellow within 1s\n"), 1);
+    EXPECT_EQ(errors, path + ":4: published /orv/led/connected_services_yellow has not come within 1s\n");
+}
+
+TEST_F(ASimulatedScenario, KnowsTheErrorsOfTheRouteSupervisionAsItsStates) {
+    EXPECT_EQ(Run(std::string(CONNECTED) + "cellular refused\n"
+                                           "event CLOUD_DISCONNECTED\n"
+                                           "expect state \"poke error 7\" within 15s\n"),
+              0)
+        << errors;
+}
