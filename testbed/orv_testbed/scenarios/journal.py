@@ -17,7 +17,7 @@ SIMULATED = re.compile(r"\S+ (.) (.*)")
 SIMULATED_STATE = re.compile(r'log (debug|error) OrvRoute (?:<Tick> )?"(.*)"')
 SIMULATED_ORDER = re.compile(r"connman top (\S+)")
 RAN_OUT_OF_TIME = "error: poke error 28"
-TAKES_TIME = ("advance", "wait", "expect reconnect")
+TAKES_TIME = ("advance", "wait", "expect reconnect", "expect published", "expect route", "expect state")
 
 
 class Failed(Exception):
@@ -77,6 +77,17 @@ def words_of(text: str) -> list[str]:
     return shlex.split(text, comments=True)
 
 
+def quoted(text: str) -> str:
+    """As one word of a scenario."""
+    if re.fullmatch(r"[0-9A-Za-z_+.,:/%@=?!()-]+", text):
+        return text
+    return '"' + "".join(c if " " <= c <= "~" and c not in '"\\' else escaped(c) for c in text) + '"'
+
+
+def escaped(character: str) -> str:
+    return "\\" + character if character in '"\\' else "".join(f"\\x{byte:02x}" for byte in character.encode())
+
+
 def commands_of(scenario: pathlib.Path) -> list[str]:
     lines = scenario.read_text(encoding="utf-8").splitlines()
     return [line.strip() for line in lines if words_of(line)]
@@ -123,6 +134,6 @@ def simulate(shell: str, scenario: pathlib.Path, kinds: Collection[str]) -> tupl
     return journal, [*counts[1:], journal.count()]
 
 
-def difference(expected: Journal, seen: Journal) -> str:
-    lines = difflib.unified_diff(expected.lines(), seen.lines(), "in virtual time", "on this gateway", lineterm="", n=3)
+def difference(expected: Journal, seen: Journal, here: str = "in virtual time", there: str = "on this gateway") -> str:
+    lines = difflib.unified_diff(expected.lines(), seen.lines(), here, there, lineterm="", n=3)
     return "\n".join(lines)
