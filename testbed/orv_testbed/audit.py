@@ -2,6 +2,8 @@
 """What must hold on the gateway, whatever has happened to it."""
 from __future__ import annotations
 
+import itertools
+import re
 from collections.abc import Iterator, Sequence
 from typing import TYPE_CHECKING
 
@@ -55,6 +57,34 @@ def unproven_moves(application: Application, box: Box, clocks: Clocks = ()) -> l
                     begin <= time + CLOCK_GRAIN and time <= now + CLOCK_GRAIN for time in handshakes[side]
                 ):
                     faults.append(f"no handshake over {side} since {begin}, only {handshakes[side]}, before: {line}")
+    return faults
+
+
+MOVED = re.compile(r" info .*the WAN route has moved from \w+ \((\w+)\) to \w+ \((\w+)\): ")
+LASTING = 8.0  # seconds; a move that nobody has ordered is told of after three
+
+
+def moves_not_told_once(application: Application) -> list[str]:
+    """Moves of the route without a line of the log, or with more than one, whoever has made them."""
+    log = application.log()
+    told = [match.groups() for line in log.splitlines() if (match := MOVED.search(line))]
+    faults = [f"{one} is followed by {other}" for one, other in itertools.pairwise(told) if one[1] != other[0]]
+    routes = [
+        (entry["monotonic"], entry["default_route" if entry["what"] == "start" else "interface"])
+        for entry in application.transcript()
+        if entry["what"] in ("start", "default_route")
+    ]
+    ends = [time for time, _ in routes[1:]] + application.monotonic("end")[-1:]
+
+    def changes(least: float) -> int:
+        paths = [path for (time, path), end in zip(routes, ends) if path in NAME_SERVERS and end - time >= least]
+        return sum(1 for _ in itertools.groupby(paths)) - 1 if paths else 0
+
+    in_vain = log.count("the kernel's default route still leads elsewhere")
+    if not changes(LASTING) <= len(told) <= changes(0) + in_vain:
+        faults.append(
+            f"the route has moved {changes(LASTING)} to {changes(0) + in_vain} times, and the log tells of {told}"
+        )
     return faults
 
 

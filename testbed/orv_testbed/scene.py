@@ -162,6 +162,7 @@ class Scene:
     def audit(self) -> None:
         """What must hold in every scenario, whatever happened in it."""
         faults = audit.unproven_moves(self.application, self.box, self.clocks)
+        faults += audit.moves_not_told_once(self.application)
         if not self.orders_may_be_late:
             faults += audit.orders_without_a_decision(self.application)
         faults += [

@@ -37,8 +37,12 @@ void RouteMoves::DefaultRouteIs(Path path, Time now) {
 }
 
 void RouteMoves::OrderedByLibrary(Path path, Time now) {
-    if (path == settled)
+    if (path == settled) {
+        ordered.reset(); // what it had ordered before is taken back
+        if (!IsWan(route) || route == settled)
+            begun.reset();
         return;
+    }
     ordered = path;
     if (!begun)
         begun = now;

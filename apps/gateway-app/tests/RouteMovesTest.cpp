@@ -87,6 +87,31 @@ TEST_F(ARouteOverEthernet, WasOrderedAwayThoughTheKernelDoesNotFollow) {
     EXPECT_FALSE(Take()) << "it was told of already";
 }
 
+TEST_F(ARouteOverEthernet, HasNotMovedWhenTheLibraryOrdersItBackBeforeTheKernelHasFollowed) {
+    Library(Path::CELLULAR);
+    Pass(1s);
+    Library(Path::ETHERNET);
+    Pass(1h);
+    EXPECT_FALSE(Take());
+    Kernel(Path::CELLULAR);
+    Pass(3s);
+    const auto move = Take();
+    ASSERT_TRUE(move);
+    EXPECT_FALSE(move->ordered);
+}
+
+TEST_F(ARouteOverEthernet, IsMovedByTheKernelAloneWhenTheLibraryOrdersItBackInVain) {
+    Kernel(Path::CELLULAR);
+    Pass(100ms);
+    Library(Path::ETHERNET);
+    EXPECT_FALSE(Take());
+    Pass(2900ms);
+    const auto move = Take();
+    ASSERT_TRUE(move);
+    EXPECT_EQ(move->to, Path::CELLULAR);
+    EXPECT_FALSE(move->ordered);
+}
+
 TEST_F(ARouteOverEthernet, HasNotMovedWhenItIsBackAtOnce) {
     Kernel(Path::CELLULAR);
     Pass(1s);

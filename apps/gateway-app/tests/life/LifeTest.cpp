@@ -261,15 +261,95 @@ TEST_F(TheLogOfTheApplication, HasOneLineForAFailOverAndOneForTheReturn) {
         Lines("from Cellular (wwan0) to Ethernet (eth0): a poke over Ethernet succeeded; the switch took ").size(), 1U);
 }
 
-TEST_F(TheLogOfTheApplication, HasOneLineForAMoveOfConnMansWithoutAnAddress) {
+/// Ethernet is taken away and comes back.
+struct Interruption {
+    const char* name;
+    void (*takeAway)(Surroundings&);
+    void (*bringBack)(Surroundings&);
+    const char* reason;
+};
+
+class TheLogOfTheApplicationWithoutEthernet : public TheLogOfTheApplication,
+                                              public ::testing::WithParamInterface<Interruption> {};
+
+TEST_P(TheLogOfTheApplicationWithoutEthernet, HasOneLineForAMoveOfConnMansAndOneForTheReturn) {
     At(2s, [&] {
-        around.AddressesBecome("", "198.51.100.2");
+        GetParam().takeAway(around);
+        gateway.poke.Fails("eth0", 28);
+        around.cloudBreaks("timed out");
         around.DefaultRouteBecomes("wwan0");
-        around.cloudAnswers("198.51.100.2");
     });
-    RunUntil(60s);
+    At(4s, [&] { around.cloudAnswers("198.51.100.2"); });
+    At(60s, [&] {
+        EXPECT_EQ(Moves(), 1U);
+        GetParam().bringBack(around);
+        gateway.poke.Reaches("eth0");
+    });
+    At(62s, [&] {
+        EXPECT_EQ(gateway.connman.Top(), "eth0");
+        around.DefaultRouteBecomes("eth0");
+        around.cloudAnswers("192.0.2.2");
+    });
+    RunUntil(10min);
+    EXPECT_EQ(Moves(), 2U);
+    EXPECT_EQ(
+        Lines(std::string("log info GatewayApp \"the WAN route has moved from Ethernet (eth0) to Cellular (wwan0): ") +
+              GetParam().reason + ", and ConnMan took the other interface; the switch took ")
+            .size(),
+        1U);
+    EXPECT_EQ(
+        Lines("log info GatewayApp \"the WAN route has moved from Cellular (wwan0) to Ethernet (eth0): a poke over "
+              "Ethernet succeeded")
+            .size(),
+        1U);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , TheLogOfTheApplicationWithoutEthernet,
+    ::testing::Values(Interruption{"NoLink",
+                                   [](Surroundings& around) {
+                                       around.EthernetLinkBecomes(Surroundings::Link::DOWN);
+                                       around.AddressesBecome("", "198.51.100.2");
+                                   },
+                                   [](Surroundings& around) {
+                                       around.EthernetLinkBecomes(Surroundings::Link::UP);
+                                       around.AddressesBecome("192.0.2.2", "198.51.100.2");
+                                   },
+                                   "Ethernet has no link"},
+                      Interruption{"NoInterface",
+                                   [](Surroundings& around) { around.EthernetLinkBecomes(Surroundings::Link::GONE); },
+                                   [](Surroundings& around) { around.EthernetLinkBecomes(Surroundings::Link::UP); },
+                                   "Ethernet has no link"},
+                      Interruption{"NoAddress",
+                                   [](Surroundings& around) { around.AddressesBecome("", "198.51.100.2"); },
+                                   [](Surroundings& around) { around.AddressesBecome("192.0.2.2", "198.51.100.2"); },
+                                   "Ethernet has no address"}),
+    [](const auto& interruption) { return interruption.param.name; });
+
+TEST_F(TheLogOfTheApplication, HasOneLineForAMoveOfAnotherProgramsAndOneForTheReturn) {
+    At(2s, [&] { around.DefaultRouteBecomes("wwan0"); });
+    At(30s, [&] {
+        EXPECT_EQ(Moves(), 1U);
+        around.DefaultRouteBecomes("eth0");
+    });
+    RunUntil(10min);
+    EXPECT_EQ(Moves(), 2U);
+    for (const char* ends : {"Ethernet (eth0) to Cellular (wwan0)", "Cellular (wwan0) to Ethernet (eth0)"})
+        EXPECT_EQ(Lines(std::string("log info GatewayApp \"the WAN route has moved from ") + ends +
+                        ": not by this application: ConnMan's order has changed, or another program has set the route; "
+                        "the switch took 3.")
+                      .size(),
+                  1U);
+}
+
+TEST_F(TheLogOfTheApplication, HasOneLineForAMoveThatTheKernelDoesNotFollow) {
+    At(2s, [&] {
+        gateway.poke.Fails("eth0", 28);
+        around.cloudBreaks("timed out");
+    });
+    RunUntil(10min);
     EXPECT_EQ(Moves(), 1U);
-    EXPECT_EQ(Lines("Ethernet has no address, and ConnMan took the other interface; the switch took ").size(), 1U);
+    EXPECT_EQ(Lines("succeeded, but the kernel's default route still leads elsewhere; the switch took ").size(), 1U);
 }
 
 TEST_F(TheLogOfTheApplication, SaysOnceInAnOutageWhyCellularDoesNotTakeOver) {

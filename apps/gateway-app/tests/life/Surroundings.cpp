@@ -87,6 +87,13 @@ void Surroundings::AddressesBecome(const std::string& ethernet, const std::strin
         addressesChange();
 }
 
+void Surroundings::EthernetLinkBecomes(Link state) {
+    links.front().name = state == Link::GONE ? "gone" : "eth0";
+    links.front().running = state == Link::UP;
+    if (addressesChange)
+        addressesChange();
+}
+
 void Surroundings::DefaultRouteBecomes(const std::string& interface) {
     defaultRoute = interface;
     if (defaultRouteChanges)

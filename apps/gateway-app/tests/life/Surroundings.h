@@ -24,6 +24,9 @@ struct Surroundings {
 
     /// eth0 has this address, wwan0 that one; empty: none. At first both have one.
     void AddressesBecome(const std::string& ethernet, const std::string& cellular);
+    /// Ethernet has a link or not, or there is no such interface. At first it has one.
+    enum class Link : int { UP, DOWN, GONE };
+    void EthernetLinkBecomes(Link state);
     /// Another program writes the library's status file.
     void AnotherProgramWritesTheCsv() const {
         if (repairCsv)

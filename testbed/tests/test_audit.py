@@ -1,0 +1,51 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What is asked of each scenario in the end finds what it is to find."""
+from __future__ import annotations
+
+import json
+import pathlib
+
+import pytest
+
+from orv_testbed.application import Application
+from orv_testbed.audit import moves_not_told_once
+
+THERE, BACK = ("Ethernet (eth0)", "Cellular (wwan0)"), ("Cellular (wwan0)", "Ethernet (eth0)")
+
+
+class Recorded(Application):
+    """An application that has ended: the default route's interfaces with the seconds for which each had it, and its log."""
+
+    def __init__(self, folder: pathlib.Path, routes: list[tuple[str, float]], moves: list[tuple[str, str]]) -> None:
+        self.log_file, self.transcript_file = folder / "app.log", folder / "transcript.jsonl"
+        told = "2026-01-01T00:00:00.000Z info [GatewayApp] the WAN route has moved from {} to {}: a reason\n"
+        self.log_file.write_text("".join(told.format(*move) for move in moves), encoding="utf-8")
+        now, entries = 100.0, []
+        for number, (interface, seconds) in enumerate(routes):
+            what = ("default_route", "interface") if number else ("start", "default_route")
+            entries.append({"what": what[0], what[1]: interface, "monotonic": now})
+            now += seconds
+        entries.append({"what": "end", "monotonic": now})
+        self.transcript_file.write_text("".join(json.dumps(entry) + "\n" for entry in entries), encoding="utf-8")
+
+
+ONCE = [("eth0", 20.0), ("wwan0", 20.0)]
+
+
+@pytest.mark.parametrize(
+    "routes, moves, right",
+    [
+        (ONCE, [THERE], True),
+        (ONCE, [], False),
+        (ONCE, [THERE, THERE], False),
+        (ONCE, [THERE, BACK], False),
+        ([*ONCE, ("", 2.0), ("eth0", 20.0)], [THERE, BACK], True),
+        ([*ONCE, ("", 2.0), ("eth0", 20.0)], [THERE], False),
+        ([("", 5.0), *ONCE], [THERE], True),
+        ([("eth0", 20.0), ("wwan0", 1.0), ("eth0", 20.0)], [], True),  # back before it counted
+    ],
+)
+def test_each_move_of_the_route_is_told_once(
+    tmp_path: pathlib.Path, routes: list[tuple[str, float]], moves: list[tuple[str, str]], right: bool
+) -> None:
+    assert (moves_not_told_once(Recorded(tmp_path, routes, moves)) == []) == right
