@@ -12,7 +12,7 @@ from orv_testbed.box_processes import BoxProcesses
 from orv_testbed.gateway import Gateway
 from orv_testbed.layout import BoxError, Layout, Usage
 from orv_testbed.networks import Networks
-from orv_testbed.programs import Missing, program
+from orv_testbed.programs import Missing
 
 
 def interrupted(number: int, _: object) -> NoReturn:
@@ -20,9 +20,7 @@ def interrupted(number: int, _: object) -> NoReturn:
 
 
 def do(layout: Layout, word: str, *words: str) -> None:
-    if word == "watch" and not words and not layout.has_machine():
-        do(layout, "exec", program("orv-status"), "--watch")
-    elif word == "exec" and words and not layout.has_machine():
+    if word == "exec" and words and not layout.has_machine():
         # Scenarios run many commands on the gateway: nothing that they do not need is loaded for them.
         layout.check_caller()
         processes = BoxProcesses(layout)

@@ -8,6 +8,7 @@ import signal
 import sys
 from collections.abc import Callable
 
+from orv_testbed import watch
 from orv_testbed.box_processes import BoxProcesses
 from orv_testbed.cloud import Cloud
 from orv_testbed.commands import succeeds
@@ -18,7 +19,7 @@ from orv_testbed.host import check_host
 from orv_testbed.layout import BoxError, Layout, Usage
 from orv_testbed.machine.board import WORDS, Board
 from orv_testbed.networks import Networks
-from orv_testbed.programs import Missing
+from orv_testbed.programs import Missing, program
 from orv_testbed.report import Report
 
 # How many words may follow each fault's name.
@@ -95,7 +96,18 @@ class GatewayBox:
         if not self.processes.alive("gateway"):
             raise self.layout.not_up()
 
+    def watch(self) -> int:
+        """Shows the gateway until Ctrl-C; returns the exit status."""
+        if self.layout.has_machine():
+            self.layout.check_caller()
+            return watch.repeat(self.board.look, self.record)  # also over a power cut
+        self.need_up()
+        status = (program("orv-status"), "--watch", "--color", watch.colour())
+        return watch.follow(self.gateway.command(*status), self.record)
+
     def do(self, word: str, *words: str) -> None:
+        if word == "watch" and not words:
+            raise SystemExit(self.watch())
         if word in WORDS and self.layout.has_machine():
             self.need_up()
             self.board.do(word, *words)

@@ -29,11 +29,13 @@ def test_the_screen_follows_what_happens_to_the_gateway(box: Box) -> None:  # no
 
     try:
         wait_until(lambda: shows("default route over eth0"), SLACK, lambda: f"the route on the screen: {shown}")
+        assert "\x1b[H\x1b[2Jfaults       none\r\ncloud " in shown
         shown = ""
         box("cable", "out")
         wait_until(lambda: shows("default route over wwan0"), 10 + SLACK, lambda: f"the other route: {shown}")
+        wait_until(lambda: shows("faults       cable out\r\n"), SLACK, lambda: f"the fault on the screen: {shown}")
         watch.send_signal(signal.SIGINT)
-        watch.wait(SLACK)
+        assert watch.wait(SLACK) == 30  # orv-status cannot tell: there is no application
     finally:
         watch.kill()
         watch.wait()

@@ -7,6 +7,7 @@ import shutil
 import signal
 import subprocess
 
+from orv_testbed import watch
 from orv_testbed.box_processes import PYTHON, BoxProcesses
 from orv_testbed.certificates import hash_of
 from orv_testbed.commands import Word, run
@@ -19,6 +20,9 @@ from orv_testbed.waiting import comes_within
 CERTIFICATES = "/etc/ssl/certs"
 BUNDLE = "ca-certificates.crt"
 CONNECT_CELLULAR = ("sh", "/opt/testbed/connect-cellular")
+# As the user that may read the LEDs; see machine/set-up.
+STATUS = ("orv-status", "--user", "orv-diagnostics", "--password-file", "/dev/stdin")
+DIAGNOSTICS_PASSWORD = "for-diagnostics"
 SET_BEARER = ("dbus-send", "--system", "--print-reply=literal", "--dest=org.ofono", "/modem", "box.Control.Bearer")
 # Those that a machine carries out in its own way; what it cannot, it says.
 WORDS = frozenset(
@@ -119,6 +123,17 @@ class Board:
             case _:
                 can = 'not on a machine; see what "box exec systemctl" can do there'
                 raise BoxError(f"{' '.join((word, *words))}: {can}")
+
+    def look(self) -> str:
+        """What orv-status shows on the machine."""
+        if not self._is_on():
+            raise BoxError(f"the machine is off: {self._layout.command} power on")
+        words = (*STATUS, "--color", watch.colour())
+        try:
+            outcome = agent.run(self.folder, *words, seconds=30, given=DIAGNOSTICS_PASSWORD + "\n")
+        except agent.AgentError as error:
+            raise BoxError(f"the machine does not answer: {error}") from error
+        return outcome.output or outcome.errors
 
     def become(self, *command: str) -> None:
         """Ends this process with what a command on the machine comes to."""
