@@ -185,6 +185,7 @@ CloudConnection::CloudConnection(EventLoop& eventLoop, CloudSettings cloudSettin
         source.clear();
         handler.onLost(reason);
     };
+    around.keepAlive = handler.keepAlive;
 }
 
 CloudConnection::~CloudConnection() = default;

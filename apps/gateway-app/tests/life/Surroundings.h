@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "KeepAlive.h"
 #include "PathProver.h"
 #include "WanInterfaces.h"
 
@@ -39,6 +40,7 @@ struct Surroundings {
     /// @{
     std::function<void(const std::string& source)> cloudAnswers;
     std::function<void(const std::string& reason)> cloudBreaks;
+    std::function<KeepAlive()> keepAlive;
     std::function<void()> addressesChange;
     std::function<void(const std::string& interface)> defaultRouteChanges;
     std::function<void()> repairCsv;
