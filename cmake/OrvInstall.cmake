@@ -98,7 +98,9 @@ if(ORV_BUILD_TESTS AND ORV_BUILD_APPS AND ORV_PLATFORM STREQUAL "linux" AND NOT 
   if(NOT ORV_COVERAGE) # whose static libraries ask more of a link than a consumer knows
     add_test(NAME GatewayAppCopied
       COMMAND ${PROJECT_SOURCE_DIR}/tests/consumer/gateway-app.sh ${PROJECT_BINARY_DIR} ${CMAKE_CXX_COMPILER})
-    set_tests_properties(GatewayAppCopied PROPERTIES LABELS binary TIMEOUT 600)
+    add_test(NAME ExamplesCopied
+      COMMAND ${PROJECT_SOURCE_DIR}/tests/consumer/examples.sh ${PROJECT_BINARY_DIR} ${CMAKE_CXX_COMPILER})
+    set_tests_properties(GatewayAppCopied ExamplesCopied PROPERTIES LABELS binary TIMEOUT 600)
   endif()
   if(ORV_BUILD_TEST_KIT AND NOT ORV_COVERAGE)
     add_test(NAME InstalledTestKit
