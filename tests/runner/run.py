@@ -4,6 +4,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import os
 import pathlib
 import shutil
@@ -21,6 +22,7 @@ LOGS = TREE / "build" / "test-logs"
 REPORTS = TREE / "build" / "test-reports"
 SKIPPED = 77
 SHOWN_LINES = 60
+TIME_TO_END = 30  # seconds
 SLOWEST = 20
 # Linux shares the processor among sessions first ("autogroup"), and boxes are sessions of their own: niceness alone counts
 # only within one.
@@ -54,11 +56,17 @@ class Run:
                 stdout=log,
                 stderr=subprocess.STDOUT,
                 start_new_session=step.gives_way,
+                process_group=None if step.gives_way else 0,
             )
 
     def stop(self) -> None:
-        """For one that no Ctrl-C reaches, because it is a session of its own."""
-        if self.step.gives_way and self.process.poll() is None:
+        """Ends the step with all that it has started: first as Ctrl-C would, so that it takes down what it has set up."""
+        if self.process.poll() is not None:
+            return
+        with contextlib.suppress(ProcessLookupError):
+            os.killpg(self.process.pid, signal.SIGINT)
+            with contextlib.suppress(subprocess.TimeoutExpired):
+                self.process.wait(TIME_TO_END)
             os.killpg(self.process.pid, signal.SIGTERM)
 
     @staticmethod
@@ -148,8 +156,13 @@ def summary(runs: list[Run], seconds: float) -> int:
     return 1 if failed else 0
 
 
+def break_off(number: int, _: object) -> None:
+    sys.exit(128 + number)
+
+
 def main() -> int:
     begin = time.monotonic()
+    signal.signal(signal.SIGTERM, break_off)
     try:
         groups = plan.named(sys.argv[1:])
     except KeyError as error:

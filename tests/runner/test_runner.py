@@ -4,6 +4,7 @@ from __future__ import annotations
 import dataclasses
 import os
 import pathlib
+import signal
 import subprocess
 import time
 from collections.abc import Callable
@@ -13,6 +14,7 @@ import pytest
 import plan
 import reports
 import run
+from orv_testbed.waiting import wait_until
 
 AddStep = Callable[[str, str], plan.Step]
 
@@ -116,15 +118,28 @@ def test_a_step_that_gives_way_does_so_to_other_sessions_too(tree: AddStep) -> N
     assert given[-1] == "19"
 
 
-def test_a_run_that_breaks_off_ends_the_step_that_gives_way(tree: AddStep, monkeypatch: pytest.MonkeyPatch) -> None:
+@pytest.mark.parametrize("gives_way", [False, True])
+def test_a_run_that_breaks_off_ends_what_its_steps_have_started(
+    tree: AddStep, monkeypatch: pytest.MonkeyPatch, tmp_path: pathlib.Path, gives_way: bool
+) -> None:
     def break_off(_: run.Run) -> str:
         raise KeyboardInterrupt
 
     monkeypatch.setattr(run.Run, "line", break_off)
+    begun, child = tmp_path / "begun", tmp_path / "child"
+    long = tree("long", f"python3 -c 'import time; time.sleep(60)' & echo $! >{child}; : >{begun}; wait")
+    quick = tree("quick", f"until [ -e {begun} ]; do sleep 0.02; done")
     begin = time.monotonic()
     with pytest.raises(KeyboardInterrupt):
-        run.run_group((tree("ordinary", "true"), dataclasses.replace(tree("polite", "exec sleep 60"), gives_way=True)))
+        run.run_group((quick, dataclasses.replace(long, gives_way=gives_way)))
     assert time.monotonic() - begin < 50
+    wait_until(lambda: not pathlib.Path(f"/proc/{child.read_text().strip()}").exists(), 10, "its child ends, too")
+
+
+def test_a_run_that_is_told_to_end_breaks_off() -> None:
+    with pytest.raises(SystemExit) as end:
+        run.break_off(signal.SIGTERM, None)
+    assert end.value.code == 143
 
 
 def test_a_failed_test_fails_a_step_that_exits_well(tree: AddStep) -> None:
