@@ -53,6 +53,30 @@ def test_each_script_explains_itself_and_does_nothing_else(script: str) -> None:
     assert said.stderr == ""
 
 
+@pytest.mark.parametrize(
+    "page, quoted, changed",
+    [
+        ("docs/broker.md", "the broker does not keep up", "the broker cannot keep up"),
+        ("docs/connman.md", "is put on top", "was put on top"),
+        ("docs/route.md", "poke cell aborted", "poke aborted"),
+        ("docs/status.md", "and ConnMan took the other interface", "and ConnMan chose the other interface"),
+        ("docs/logging.md", "route is Cell, reconnecting", "the route is Cell, reconnecting"),
+        ("docs/panel.md", "what the command printed is no status", "what the command prints is no status"),
+        ("apps/gateway-app/README.md", "is not for …", "is not one for …"),
+    ],
+)
+def test_a_page_may_not_change_what_the_log_says(page: str, quoted: str, changed: str, tmp_path: pathlib.Path) -> None:
+    text = (TREE / page).read_text(encoding="utf-8")
+    assert quoted in text
+    copy = tmp_path / pathlib.Path(page).name
+    copy.write_text(text.replace(quoted, changed), encoding="utf-8")
+    command = str(TREE / "script/lib/quoted-lines")
+    assert subprocess.run([command, page], cwd=TREE, capture_output=True).returncode == 0
+    said = subprocess.run([command, str(copy)], cwd=TREE, capture_output=True, text=True)
+    assert said.returncode == 1
+    assert changed.split(" …")[0] in said.stdout
+
+
 @pytest.mark.parametrize("measurement", MEASUREMENTS)
 def test_each_measurement_explains_itself(measurement: str) -> None:
     said = said_by(f"./measure {measurement} --help")
