@@ -181,9 +181,9 @@ TEST_F(AGatewayWithACloud, SaysThatWithoutAnEndpointNoRouteMoves) {
 /// What the application tells about itself.
 class AStatusOfItsOwn : public AGatewayWithACloud {
 protected:
-    bool Has(const std::string& text) const { return Content(statusFile).find(text) != std::string::npos; }
-    bool EventuallyHas(const std::string& text) const {
-        return Eventually([&] { return Has(text); });
+    bool StatusHas(const std::string& text) const { return Content(statusFile).find(text) != std::string::npos; }
+    bool StatusEventuallyHas(const std::string& text) const {
+        return Eventually([&] { return StatusHas(text); });
     }
     /// How many of the log's lines hold the text.
     int Lines(const std::string& text) const {
@@ -196,37 +196,37 @@ protected:
 
 TEST_F(AStatusOfItsOwn, HasTheCloudItsPathAndSinceWhen) {
     StartConnectedApp();
-    EXPECT_TRUE(EventuallyHas("\"cloud\":{\"state\":\"connected\",\"path\":\"ethernet\",\"interface\":\"eth0\","
-                              "\"source\":\"10.11.0.2\""));
-    EXPECT_TRUE(EventuallyHas("\"reason\":\"connected over eth0\""));
-    EXPECT_TRUE(Has("\"running\":true") && Has("\"session_ready\":true"));
-    EXPECT_TRUE(Has("\"route\":{\"path\":\"ethernet\""));
-    EXPECT_TRUE(Has("\"cloud_losses\":0,"));
+    EXPECT_TRUE(StatusEventuallyHas("\"cloud\":{\"state\":\"connected\",\"path\":\"ethernet\",\"interface\":\"eth0\","
+                                    "\"source\":\"10.11.0.2\""));
+    EXPECT_TRUE(StatusEventuallyHas("\"reason\":\"connected over eth0\""));
+    EXPECT_TRUE(StatusHas("\"running\":true") && StatusHas("\"session_ready\":true"));
+    EXPECT_TRUE(StatusHas("\"route\":{\"path\":\"ethernet\""));
+    EXPECT_TRUE(StatusHas("\"cloud_losses\":0,"));
 }
 
 TEST_F(AStatusOfItsOwn, HasTheLossOfTheCloudAndItsReason) {
     StartConnectedApp();
     ASSERT_TRUE(Ip("addr flush dev eth0"));
-    EXPECT_TRUE(EventuallyHas("\"state\":\"disconnected\",\"path\":\"none\""));
-    EXPECT_TRUE(EventuallyHas("\"reason\":\"its address 10.11.0.2 is gone\""));
-    EXPECT_TRUE(EventuallyHas("\"cloud_losses\":1,"));
+    EXPECT_TRUE(StatusEventuallyHas("\"state\":\"disconnected\",\"path\":\"none\""));
+    EXPECT_TRUE(StatusEventuallyHas("\"reason\":\"its address 10.11.0.2 is gone\""));
+    EXPECT_TRUE(StatusEventuallyHas("\"cloud_losses\":1,"));
 }
 
 TEST_F(AStatusOfItsOwn, SaysThatItHasEnded) {
     StartConnectedApp();
-    ASSERT_TRUE(EventuallyHas("\"cloud\":{\"state\":\"connected\""));
+    ASSERT_TRUE(StatusEventuallyHas("\"cloud\":{\"state\":\"connected\""));
     EXPECT_EQ(app->End(SIGTERM), 0);
-    EXPECT_TRUE(Has("\"running\":false"));
-    EXPECT_TRUE(Has("\"cloud_losses\":0,")) << "its own good-bye is no loss";
+    EXPECT_TRUE(StatusHas("\"running\":false"));
+    EXPECT_TRUE(StatusHas("\"cloud_losses\":0,")) << "its own good-bye is no loss";
 }
 
 TEST_F(AStatusOfItsOwn, HasAMoveThatOthersMade) {
     ASSERT_TRUE(Ip("addr add 10.12.0.2/24 dev wwan0"));
     StartConnectedApp();
     ASSERT_TRUE(Ip("route replace default via 10.12.0.1"));
-    EXPECT_TRUE(EventuallyHas("\"from\":\"ethernet\",\"to\":\"cellular\",\"reason\":\"not by this application"));
-    EXPECT_TRUE(EventuallyHas("\"route\":{\"path\":\"cellular\",\"interface\":\"wwan0\""));
-    EXPECT_TRUE(Has("\"fail_overs\":1,\"returns\":0"));
+    EXPECT_TRUE(StatusEventuallyHas("\"from\":\"ethernet\",\"to\":\"cellular\",\"reason\":\"not by this application"));
+    EXPECT_TRUE(StatusEventuallyHas("\"route\":{\"path\":\"cellular\",\"interface\":\"wwan0\""));
+    EXPECT_TRUE(StatusHas("\"fail_overs\":1,\"returns\":0"));
     EXPECT_EQ(Lines("the WAN route has moved from Ethernet (eth0) to Cellular (wwan0): "), 1);
 }
 
