@@ -52,7 +52,7 @@ TEST(TheShippedFile, HasTheDefaults) {
 
 TEST(TheShippedFile, ShowsEachDefaultAsALineToTakeTheMarkAwayFrom) {
     std::ifstream file(ORV_SHIPPED_OPTIONS);
-    const std::string uncommented = testing::TempDir() + "gateway-app-uncommented.ini";
+    const std::string uncommented = testing::TempDir() + "gateway-app-uncommented-" + std::to_string(getpid()) + ".ini";
     std::ofstream out(uncommented);
     int options = 0;
     for (std::string line; std::getline(file, line);) {

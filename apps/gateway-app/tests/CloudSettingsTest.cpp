@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
@@ -31,7 +32,7 @@ TEST(AnEndpoint, IsAHostAndAPortWhateverElseIsWrittenThere) {
 
 class APasswordFile : public testing::Test {
 protected:
-    APasswordFile() { settings.passwordFile = testing::TempDir() + "gateway-app-password"; }
+    APasswordFile() { settings.passwordFile = testing::TempDir() + "gateway-app-password-" + std::to_string(getpid()); }
     ~APasswordFile() override { std::remove(settings.passwordFile.c_str()); }
     void Write(const std::string& text, mode_t mode = 0600) const {
         std::ofstream(settings.passwordFile) << text;
