@@ -6,11 +6,7 @@
 # shellcheck source=tests/consumer/head.sh
 . "$(dirname "$0")/head.sh"
 
-cp -r "$tree/apps/examples" "$work/copy"
-quietly cmake -S "$work/copy" -B "$work/build" -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_PREFIX_PATH="$work/prefix"
-quietly cmake --build "$work/build" --parallel 2
-LD_LIBRARY_PATH=$(dirname "$(find "$work/prefix" -name libOrvStackSdk.so)")
-export LD_LIBRARY_PATH
+build_copy_of apps/examples
 for program in settings led-driver name-server-guard modem-data; do
     ! "$work/build/$program" --help 2>"$work/said" || fail "$program knows no --help, but accepts it"
     grep -q "^usage: $program" "$work/said" || fail "the copy of $program says: $(cat "$work/said")"

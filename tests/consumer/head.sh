@@ -20,3 +20,11 @@ quietly() {
     }
 }
 quietly cmake --install "$build" --prefix "$work/prefix"
+# build_copy_of FOLDER: a folder of the tree, copied out of it to $work/copy and built against the installation in $work/build
+build_copy_of() {
+    cp -r "$tree/$1" "$work/copy"
+    quietly cmake -S "$work/copy" -B "$work/build" -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_PREFIX_PATH="$work/prefix"
+    quietly cmake --build "$work/build" --parallel 2
+    LD_LIBRARY_PATH=$(dirname "$(find "$work/prefix" -name libOrvStackSdk.so)")
+    export LD_LIBRARY_PATH
+}
