@@ -26,6 +26,8 @@ import traceback
 from typing import Any
 
 from orv_testbed.box import Box
+from orv_testbed.layout import CELLULAR, CLOUD_ADDRESS, CLOUD_NAME, ETHERNET
+from orv_testbed.networks import Namespace
 from orv_testbed.timestamps import at
 from peers.contestants import CONTESTANTS
 
@@ -41,7 +43,7 @@ FAULTS = {
     "lying-names": (("names", "eth", "lie", "192.0.2.7"),),
     "portal-on-cellular": (("portal", "cell", "on"), ("provider", "eth", "dead")),
 }
-CLOUD, ETHERNET, CELLULAR = "198.51.100.10", "10.11.0.", "10.12.0."
+BEHIND_ETHERNET, BEHIND_CELLULAR = f"{ETHERNET.net}.", f"{CELLULAR.net}."
 FRESH = 30.0  # seconds that a proof is good for
 COUNTERS = """table inet bench {
 counter check {}
@@ -55,8 +57,7 @@ class Route(threading.Thread):
 
     def __init__(self, box: Box) -> None:
         super().__init__(daemon=True)
-        holder = (box.folder / "pid/gateway").read_text(encoding="ascii").split()[0]
-        self.table = pathlib.Path(f"/proc/{holder}/net/route")
+        self.table = pathlib.Path(f"/proc/{box.pid_of('gateway')}/net/route")
         self.moves: list[Move] = []
         self.ended = threading.Event()
 
@@ -83,9 +84,9 @@ class Trial:
     def __init__(self, name: str, box: Box, folder: pathlib.Path) -> None:
         self.box, self.folder = box, folder
         self.contestant = CONTESTANTS[name]()
-        self.namespace = box.environment["ORV_BOX"]
-        self.page = self.in_cloud(str(HERE / "peers/check_page.py"), CLOUD, ETHERNET, CELLULAR)
-        subprocess.run(self.on_gateway("nft", "-f", "-"), input=COUNTERS, text=True, check=True)
+        self.gateway, self.cloud = Namespace(f"{box.name}-gw"), Namespace(f"{box.name}-cloud")
+        self.page = self.in_cloud(str(HERE / "peers/check_page.py"), CLOUD_ADDRESS, BEHIND_ETHERNET, BEHIND_CELLULAR)
+        subprocess.run(self.gateway.command("nft", "-f", "-"), input=COUNTERS, text=True, check=True)
         self.contestant.start(box, folder)
         with open(folder / "cloud-client", "w", encoding="utf-8") as log:
             box.start(
@@ -96,7 +97,7 @@ class Trial:
                 "RES_OPTIONS=timeout:1 attempts:2",
                 "/usr/bin/python3",
                 str(HERE / "peers/cloud_client.py"),
-                "cloud.box.test",
+                CLOUD_NAME,
                 "8883",
                 stdout=log,
                 stderr=log,
@@ -104,13 +105,10 @@ class Trial:
         self.route = Route(box)
         self.route.start()
 
-    def on_gateway(self, *command: str) -> list[str]:
-        return ["ip", "netns", "exec", f"{self.namespace}-gw", *command]
-
     def in_cloud(self, *command: str) -> subprocess.Popen[bytes]:
         with open(self.folder / "checks", "w", encoding="utf-8") as log:
             return subprocess.Popen(
-                ["ip", "netns", "exec", f"{self.namespace}-cloud", "/usr/bin/python3", *command],
+                self.cloud.command("/usr/bin/python3", *command),
                 stdin=subprocess.DEVNULL,
                 stdout=log,
                 stderr=log,
@@ -138,14 +136,14 @@ class Trial:
             (
                 entry["end"]
                 for entry in self.attempts()
-                if entry["begin"] >= since and (entry["from"] or "").startswith(CELLULAR)
+                if entry["begin"] >= since and (entry["from"] or "").startswith(BEHIND_CELLULAR)
             ),
             None,
         )
 
     def check_bytes(self) -> int:
         told = subprocess.run(
-            self.on_gateway("nft", "list", "counter", "inet", "bench", "check"),
+            self.gateway.command("nft", "list", "counter", "inet", "bench", "check"),
             text=True,
             capture_output=True,
             check=True,

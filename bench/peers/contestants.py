@@ -11,10 +11,11 @@ from typing import Protocol
 
 from orv_testbed.application import Application
 from orv_testbed.box import Box
+from orv_testbed.layout import CLOUD_NAME
 from orv_testbed.programs import daemon
 from orv_testbed.waiting import wait_until
 
-CHECK = "http://cloud.box.test/check"
+CHECK = f"http://{CLOUD_NAME}/check"
 
 
 def end(box: Box, process: str) -> None:

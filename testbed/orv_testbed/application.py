@@ -10,6 +10,7 @@ from typing import Any
 from orv_testbed import route_states
 from orv_testbed.box import Box
 from orv_testbed.calls import Figures
+from orv_testbed.layout import CLOUD_NAME
 from orv_testbed.programs import program
 from orv_testbed.waiting import SLACK, wait_until
 
@@ -35,7 +36,7 @@ class Application:
                 "RES_OPTIONS=timeout:1 attempts:2",
                 program("gateway-app"),
                 "--cloud-host",
-                "cloud.box.test",
+                CLOUD_NAME,
                 "--transcript",
                 str(self.transcript_file),
                 *options,

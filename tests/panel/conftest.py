@@ -2,6 +2,7 @@
 """A box with gateway-app, the panel beside it, and its page in a browser; all of them for all tests."""
 from __future__ import annotations
 
+import contextlib
 import json
 import os
 import pathlib
@@ -103,14 +104,22 @@ def browser(downloads: pathlib.Path) -> Iterator[Browser]:
     made.quit()
 
 
+@contextlib.contextmanager
+def opened(browser: Browser, panel: Panel) -> Iterator[Page]:
+    """A panel's page in the usual window. Afterwards the browser must have nothing to complain of."""
+    browser.size()
+    browser.prefer()
+    page = Page(browser, panel.url).open()
+    browser.complaints()
+    yield page
+    assert browser.complaints() == []
+
+
 @pytest.fixture
 def page(panel: Panel, browser: Browser) -> Iterator[Page]:
     """The page, on a gateway that reaches the cloud over Ethernet; in the end each fault is taken back."""
-    browser.size()
-    browser.prefer()
-    made = Page(browser, panel.url).open()
-    made.wait_for_cloud("Ethernet")
-    browser.complaints()
-    yield made
-    made.undo_all()
-    assert browser.complaints() == []
+    with opened(browser, panel) as made:
+        made.wait_for_cloud("Ethernet")
+        browser.complaints()
+        yield made
+        made.undo_all()

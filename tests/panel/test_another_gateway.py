@@ -10,7 +10,7 @@ from collections.abc import Iterator
 import pytest
 
 from browser import Browser, Page
-from conftest import Panel, start_application
+from conftest import Panel, opened, start_application
 from orv_testbed.box import Box
 from orv_testbed.programs import TESTBED, program
 from orv_testbed.waiting import SLACK, wait_until
@@ -78,12 +78,8 @@ def looking(other: Box, reach: Reach, tmp_path: pathlib.Path) -> Iterator[Panel]
 
 @pytest.fixture
 def page(looking: Panel, browser: Browser) -> Iterator[Page]:
-    browser.size()
-    browser.prefer()
-    made = Page(browser, looking.url).open()
-    browser.complaints()
-    yield made
-    assert browser.complaints() == []
+    with opened(browser, looking) as made:
+        yield made
 
 
 def test_its_fail_over_is_seen_and_nothing_can_be_done_to_it(page: Page, other: Box, reach: Reach) -> None:

@@ -6,11 +6,12 @@ import pathlib
 
 from orv_testbed.application import Application
 from orv_testbed.box import Box
+from orv_testbed.topics import of_feature
 from orv_testbed.waiting import SLACK, wait_until
 
 # The library's own, whose texts and levels are fixed: it hears the echo of the state that it has announced itself.
 ECHOES = [
-    f"[OrvSessionMqtt] (topic=/orv/apps_control/features/gateway-app/init, message={state}): Message is not handled"
+    f"[OrvSessionMqtt] (topic={of_feature('gateway-app', 'init')}, message={state}): Message is not handled"
     for state in ("booting", "ready")
 ]
 

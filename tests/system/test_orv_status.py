@@ -14,11 +14,12 @@ import pytest
 
 from orv_testbed.box import Box
 from orv_testbed.programs import TREE, program
+from orv_testbed.topics import GREEN, MODEM_SIM, YELLOW
 from orv_testbed.waiting import SLACK, wait_until
 
 SCHEMA = json.loads((TREE / "docs/orv-status.schema.json").read_text(encoding="utf-8"))
 HEALTHY, ON_CELLULAR, NO_CLOUD, CANNOT_TELL = 0, 10, 20, 30
-HOSTILE = "/orv/modem/sim/provider"
+HOSTILE = MODEM_SIM + "provider"
 
 
 class Status:
@@ -157,7 +158,7 @@ def test_a_stuck_application_is_not_believed(status: Status, application: subpro
 )
 def test_a_hostile_payload_is_shown_harmlessly(box: Box, status: Status, payload: bytes) -> None:
     publish(box, HOSTILE, payload)
-    publish(box, "/orv/led/connected_services_green", payload)
+    publish(box, GREEN, payload)
     raw = status.run("--json").stdout
     seen = json.loads(raw)
     jsonschema.validate(seen, SCHEMA)
@@ -193,7 +194,7 @@ def test_a_fail_over_is_followed(
         jsonschema.validate(one, SCHEMA)
     assert any(one["leds"]["yellow"] == "blink" for one in seen())
     retained = {topic["topic"]: topic["retained"] for topic in seen()[-1]["topics"]}
-    assert retained["/orv/led/connected_services_yellow"] is True  # though it has changed since orv-status connected
+    assert retained[YELLOW] is True  # though it has changed since orv-status connected
     reasons = [one["application"]["status"]["route"]["last_move"] for one in seen()]
     assert "a poke over Cellular succeeded" in [move for move in reasons if move][0]["reason"]
     follower.terminate()

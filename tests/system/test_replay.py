@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 import pathlib
+import shlex
 from collections.abc import Sequence
 
 import pytest
@@ -11,10 +12,10 @@ import pytest
 from orv_testbed.box import Box
 from orv_testbed.fixtures import MakeScene
 from orv_testbed.scenarios import replay
+from orv_testbed.scenarios.recording import RECORD_THE_WIRE
 from orv_testbed.topics import GREEN, MODEM_SIM, of_feature
 from orv_testbed.waiting import SLACK, wait_until
 
-RECORDER = ("mosquitto_sub", "-V", "mqttv5", "--retain-as-published", "-t", "/orv/#", "-F", "%j")
 RELOAD = (of_feature("gateway-app", "init"), "reload")
 STRENGTH = (MODEM_SIM + "strength", '-71 "dBm"')
 
@@ -25,7 +26,7 @@ def tell(box: Box, topic: str, payload: str) -> None:
 
 def record_a_fail_over(box: Box, make_scene: MakeScene, wire: pathlib.Path) -> None:
     with open(wire, "w", encoding="utf-8") as output:
-        recorder = box.start(*RECORDER, stdout=output)
+        recorder = box.start(*shlex.split(RECORD_THE_WIRE), stdout=output)
 
     def is_heard() -> bool:
         tell(box, "/orv/recording", "begins")
@@ -69,7 +70,7 @@ def test_a_fail_over_becomes_a_scenario_that_does_the_same(
         assert "event CLOUD_DISCONNECTED" in scenario and "expect OnAppActionIndication RELOAD" in scenario
         if recordings:
             assert "in the run and in virtual time" in said
-            assert 'publish /orv/modem/sim/strength "-71 \\"dBm\\""' in scenario
+            assert f'publish {STRENGTH[0]} "-71 \\"dBm\\""' in scenario
     assert in_order(
         scenario,
         (
@@ -85,4 +86,4 @@ def test_a_fail_over_becomes_a_scenario_that_does_the_same(
     place = max(number for number, line in enumerate(lines) if json.loads(line)["topic"] == GREEN)
     wire.write_text("\n".join(lines[:place] + lines[place + 1 :]), encoding="utf-8")
     status, _, said = replayed(capsys, transcript, "--wire", wire)
-    assert status == 1 and "+session: retained /orv/led/connected_services_green" in said
+    assert status == 1 and f"+session: retained {GREEN}" in said

@@ -10,6 +10,7 @@ import pytest
 from orv_testbed.box import Box
 from orv_testbed.programs import TREE, program
 from orv_testbed.scenarios.run import Cannot, Failed, on_box, on_loopback
+from orv_testbed.topics import GREEN, YELLOW
 
 SCENARIOS = sorted((TREE / "tests/scenarios").glob("*.orv"))
 
@@ -38,8 +39,8 @@ def a_simulation_that(folder: pathlib.Path, *command: str) -> str:
 @pytest.mark.parametrize(
     "change, seen",
     [
-        ("s, retained /orv/led/, /orv/led/,", "+session: retained /orv/led/connected_services_yellow 'On'"),
-        ("/led.*green Off/d", "+session: retained /orv/led/connected_services_green 'Off'"),
+        ("s, retained /orv/led/, /orv/led/,", f"+session: retained {YELLOW} 'On'"),
+        ("/led.*green Off/d", f"+session: retained {GREEN} 'Off'"),
         ("s/OnInitConfirmation ACK/OnInitConfirmation NACK/", "+callbacks: OnInitConfirmation ACK"),
         ("s/start delay to cell/no delay/", "+states: eth cloud lost, start delay to cell"),
     ],

@@ -249,6 +249,10 @@ class BoxDemo:
                 faults.append(f"{path} is not as it must be")
         return faults
 
+    def conclusion(self) -> str:
+        """What is to be said when there are no faults."""
+        return "Fail-over, return and failure went as they must."
+
     def draw(self, folder: pathlib.Path, name: str = "demo") -> None:
         folder.mkdir(parents=True, exist_ok=True)
         events, picture, raster = (folder / f"{name}.{kind}" for kind in ("jsonl", "svg", "png"))
@@ -271,7 +275,7 @@ def show(
     make_demo: Callable[[Any, Transcript], BoxDemo],
     *picture: str,
 ) -> int:
-    """`picture`: the folder, and the name where it is not "demo"."""
+    """`picture`: the folder, and the name where it is not "demo". Returns the exit status."""
     for number in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, interrupted)
     try:
@@ -285,7 +289,7 @@ def show(
     except (AssertionError, OSError, RuntimeError, subprocess.SubprocessError) as error:
         print(f"demo: {error}", file=sys.stderr)
         return 1
-    return transcript.verdict(faults, "Fail-over, return and failure went as they must.")
+    return transcript.verdict(faults, demo.conclusion())
 
 
 def main(folder: str, colour: str) -> int:

@@ -6,8 +6,6 @@ program's standard error. What the program does not tell is not drawn, and is sa
 """
 from __future__ import annotations
 
-import os
-import pathlib
 import signal
 import subprocess
 import sys
@@ -15,12 +13,13 @@ import time
 from collections.abc import Callable, Sequence
 
 from orv_testbed.box import Box
-from orv_testbed.demo.on_box import LOG_LEVEL, BoxDemo, follow, interrupted
+from orv_testbed.demo.on_box import LOG_LEVEL, BoxDemo, follow, show
 from orv_testbed.demo.transcript import Transcript
+from orv_testbed.layout import CLOUD_ADDRESS, CLOUD_NAME
 from orv_testbed.topics import CLOUD
 from orv_testbed.waiting import NotInTime, wait_until
 
-ADDRESS = "cloud.box.test (198.51.100.10), ports 443 and 8883"
+ADDRESS = f"{CLOUD_NAME} ({CLOUD_ADDRESS}), ports 443 and 8883"
 LONGEST = {"start": 15, "fail-over": 45, "return": 60, "end": 10}  # seconds
 
 
@@ -104,6 +103,11 @@ class OwnApplication(BoxDemo):
         self.log_reader.join(2)
         return [] if status in (0, -signal.SIGTERM) else [f"the program has ended with exit status {status}"]
 
+    def conclusion(self) -> str:
+        self.transcript.chapter("What is not in the picture:")
+        print("\n".join(f"- {words}" for words in self.untold()), flush=True)
+        return "The program has been through the outage."
+
     def untold(self) -> list[str]:
         """What is missing in the picture, and why."""
         lanes = self.run.lanes
@@ -135,25 +139,9 @@ class OwnApplication(BoxDemo):
 
 
 def main(folder: str, colour: str, *command: str) -> int:
-    for number in (signal.SIGTERM, signal.SIGHUP):
-        signal.signal(number, interrupted)
     transcript = Transcript(colour == "colour")
     transcript.chapter("A gateway comes up: two providers, a cloud, ConnMan, a broker")
-    try:
-        with Box(f"d{os.getpid() % 10**7}") as box:  # a name has no more characters than this
-            demo = OwnApplication(box, transcript, command)
-            faults = demo.play()
-            demo.draw(pathlib.Path(folder), "app")
-            untold = demo.untold()
-    except KeyboardInterrupt:
-        print("\ndemo: interrupted", file=sys.stderr)
-        return 130
-    except (AssertionError, OSError, RuntimeError, subprocess.SubprocessError) as error:
-        print(f"demo: {error}", file=sys.stderr)
-        return 1
-    transcript.chapter("What is not in the picture:")
-    print("\n".join(f"- {words}" for words in untold), flush=True)
-    return transcript.verdict(faults, "The program has been through the outage.")
+    return show(transcript, Box, lambda box, lines: OwnApplication(box, lines, command), folder, "app")
 
 
 if __name__ == "__main__":

@@ -10,6 +10,7 @@ from orv_testbed.box import Box
 from orv_testbed.box_processes import started_at
 from orv_testbed.machine import agent
 from orv_testbed.status_files import STATUSES
+from orv_testbed.waiting import wait_until
 
 # Each limit is for a machine that runs as fast as the host allows: an emulated one on a busy host may need many times as long.
 PATIENCE = 4.0
@@ -69,16 +70,18 @@ class Gateway(Box):
     def wait(self, condition: Callable[[], object], seconds: float, what: str) -> float:
         """Waits until the condition holds, also over moments in which the machine does not answer; returns for how long."""
         began = time.monotonic()
-        last: object = None
-        while time.monotonic() < began + seconds * PATIENCE:
+        last: list[object] = [None]
+
+        def holds() -> object:
             try:
-                last = condition()
-                if last:
-                    return time.monotonic() - began
+                last[0] = condition()
             except (agent.AgentError, AssertionError) as error:
-                last = error
-            time.sleep(0.5)
-        raise AssertionError(f"not within {seconds * PATIENCE:.0f} s: {what}; last: {last}\n{self.story()}")
+                last[0] = error
+                return False
+            return last[0]
+
+        wait_until(holds, seconds * PATIENCE, lambda: f"{what}; last: {last[0]}\n{self.story()}", pause=0.5)
+        return time.monotonic() - began
 
     def wait_for_cloud(self, interface: str = "eth0", seconds: float = 60) -> float:
         return self.wait(lambda: self.is_connected(interface), seconds, f"the cloud over {interface}")
