@@ -15,14 +15,14 @@ from orv_testbed.topics import GREEN, MODEM_CONNECTION
 POWER_CUTS = int(os.environ.get("ORV_POWER_CUTS", "9"))
 OURS = "liborvplatform1 liborvstacksdk1 orv-tools mosquitto connman"
 # The broker stores what it keeps each second, and has always something new to store.
-WRITE_STORE = """
+WRITE_STORE = f"""
 sed -i 's/^autosave_interval.*/autosave_interval 1/' /etc/mosquitto/mosquitto.conf
 systemctl restart mosquitto
 systemd-run --quiet --collect --unit=writer sh -c '
     n=1000
     while :; do
         n=$((n + 1))
-        mosquitto_pub -u orv-application -P for-applications -t /orv/modem/sim/conn_status -m $n -r
+        mosquitto_pub -u orv-application -P for-applications -t {MODEM_CONNECTION} -m $n -r
     done'
 """
 # The status file is written, the connection manager moves the route and writes its settings.

@@ -10,6 +10,7 @@ from datetime import datetime
 from typing import Any, NamedTuple
 
 from orv_testbed.scenarios.journal import Published
+from orv_testbed.topics import ALL
 
 LOG_LINE = re.compile(r"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z) (\w+) \[(\w+)\] (.*)")
 MOST_CHARACTERS = 100_000  # in a line
@@ -19,7 +20,7 @@ FIELDS: dict[str, dict[str, type]] = {
     "default_route": {"interface": str},
     "path": {"path": str},
 }
-RECORD_THE_WIRE = "mosquitto_sub -V mqttv5 --retain-as-published -t '/orv/#' -F %j"
+RECORD_THE_WIRE = f"mosquitto_sub -V mqttv5 --retain-as-published -t '{ALL}' -F %j"
 
 
 class Unreadable(Exception):
