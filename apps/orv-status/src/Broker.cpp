@@ -35,9 +35,9 @@ std::string FailureText(int result, int systemError) {
 
 std::string RefusalText(int code, bool version5) {
     const char* const text = version5 ? mosquitto_reason_string(code) : mosquitto_connack_string(code);
-    const bool isAboutUser =
-        version5 ? code == MQTT_RC_BAD_USERNAME_OR_PASSWORD || code == MQTT_RC_NOT_AUTHORIZED
-                 : code == CONNACK_REFUSED_BAD_USERNAME_PASSWORD || code == CONNACK_REFUSED_NOT_AUTHORIZED;
+    // The codes of the two versions do not overlap.
+    const bool isAboutUser = code == MQTT_RC_BAD_USERNAME_OR_PASSWORD || code == MQTT_RC_NOT_AUTHORIZED ||
+                             code == CONNACK_REFUSED_BAD_USERNAME_PASSWORD || code == CONNACK_REFUSED_NOT_AUTHORIZED;
     if (!isAboutUser)
         return text;
     // The texts of version 3.1.1 end in a full stop.

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <string>
 
 namespace OrvNetlink {
 
@@ -13,6 +14,7 @@ namespace {
 
 constexpr std::size_t RECEIVE_ROOM = 32768; // the largest part of a dump that the kernel sends at once
 constexpr int DUMP_ATTEMPTS = 5;
+constexpr std::size_t ALIGNMENT = NLMSG_ALIGNTO; // of the messages in a buffer
 
 [[noreturn]] void Fail(const char* what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -68,15 +70,14 @@ bool Socket::ReadNotifications(const Receiver& receiver) {
 
 bool Socket::Dump(std::uint16_t type, std::uint8_t family, const Receiver& receiver) {
     for (int attempt = 0; attempt < DUMP_ATTEMPTS; ++attempt) {
-        std::vector<std::vector<char>> messages;
+        std::string messages; // their bytes, as they would stand in one receive buffer
         const bool consistent = DumpOnce(type, family, [&messages](const nlmsghdr& message) {
-            const auto* bytes = static_cast<const char*>(static_cast<const void*>(&message));
-            messages.emplace_back(bytes, bytes + message.nlmsg_len);
+            messages.append(static_cast<const char*>(static_cast<const void*>(&message)), message.nlmsg_len);
+            messages.append((ALIGNMENT - messages.size() % ALIGNMENT) % ALIGNMENT, '\0');
         });
         if (!consistent)
             continue;
-        for (const std::vector<char>& message : messages)
-            receiver(*static_cast<const nlmsghdr*>(static_cast<const void*>(message.data())));
+        ForEachMessage(messages.data(), static_cast<ssize_t>(messages.size()), receiver);
         return true;
     }
     return false;
