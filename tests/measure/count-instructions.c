@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 /* A plugin of the emulator: counts the guest's instructions, thread by thread, and prints the count whenever the guest
-   sets a mark (a prctl that no kernel knows, see Measure.cpp). The few declarations of the plugin interface stand here
-   because the emulator's package does not bring its header. */
+   sets a mark (a prctl that no kernel knows, see Measure.cpp), and the sum at the guest's end. The few declarations of
+   the plugin interface stand here because the emulator's package does not bring its header. */
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -15,6 +15,7 @@ void qemu_plugin_register_vcpu_tb_exec_cb(struct qemu_plugin_tb* tb, void (*call
 void qemu_plugin_register_vcpu_syscall_cb(plugin_id id,
                                           void (*callback)(plugin_id, unsigned int, int64_t, uint64_t, uint64_t,
                                                            uint64_t, uint64_t, uint64_t, uint64_t, uint64_t, uint64_t));
+void qemu_plugin_register_atexit_cb(plugin_id id, void (*callback)(plugin_id, void*), void* data);
 
 int qemu_plugin_version = 1;
 
@@ -42,9 +43,18 @@ static void called(plugin_id id, unsigned int thread, int64_t number, uint64_t a
         fprintf(stderr, "mark %u %u %llu\n", (unsigned)a2, thread, (unsigned long long)counts[thread]);
 }
 
+static void ended(plugin_id id, void* data) {
+    (void)id, (void)data;
+    unsigned long long sum = 0;
+    for (unsigned thread = 0; thread < MAX_THREADS; ++thread)
+        sum += counts[thread];
+    fprintf(stderr, "total %llu\n", sum);
+}
+
 __attribute__((visibility("default"))) int qemu_plugin_install(plugin_id id, const void* info, int argc, char** argv) {
     (void)info, (void)argc, (void)argv;
     qemu_plugin_register_vcpu_tb_trans_cb(id, translated);
     qemu_plugin_register_vcpu_syscall_cb(id, called);
+    qemu_plugin_register_atexit_cb(id, ended, NULL);
     return 0;
 }
