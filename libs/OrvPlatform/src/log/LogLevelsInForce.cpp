@@ -17,14 +17,20 @@ struct Kept {
 };
 
 std::atomic<const Kept*> newest{nullptr};
-std::atomic<const Kept*> inForce{nullptr}; // null: the levels of the start
+// A number only, so that those in force and their number cannot disagree.
 std::atomic<unsigned> numberInForce{0};
 
 constexpr unsigned BITS_OF_A_LEVEL = 3;
 static_assert(static_cast<int>(LogLevel::OFF) < (1 << BITS_OF_A_LEVEL));
 
-const LogLevels& LevelsOf(const Kept* kept) {
-    return kept != nullptr ? kept->levels : LogLevelsAtStart();
+/// @param number as it was read with acquire from numberInForce
+const LogLevels& LevelsOf(unsigned number) {
+    if (number == 0)
+        return LogLevelsAtStart();
+    const Kept* kept = newest.load(std::memory_order_acquire);
+    while (kept->number != number)
+        kept = kept->before;
+    return kept->levels;
 }
 
 const Kept* FindOrStore(const LogLevels& levels) {
@@ -44,13 +50,11 @@ const Kept* FindOrStore(const LogLevels& levels) {
 } // namespace
 
 const LogLevels& LogLevelsInForce() {
-    return LevelsOf(inForce.load(std::memory_order_acquire));
+    return LevelsOf(numberInForce.load(std::memory_order_acquire));
 }
 
 void PutLogLevelsInForce(const LogLevels& levels) {
-    const Kept* kept = FindOrStore(levels);
-    inForce.store(kept, std::memory_order_release);
-    numberInForce.store(kept->number, std::memory_order_release);
+    numberInForce.store(FindOrStore(levels)->number, std::memory_order_release);
 }
 
 LogThreshold::LogThreshold(std::string_view source, LogLevel ownLevel) : own(ownLevel) {
@@ -65,9 +69,8 @@ LogLevel LogThreshold::Of(std::string_view source) const {
 }
 
 LogLevel LogThreshold::LookUp(std::string_view source) const {
-    const Kept* kept = inForce.load(std::memory_order_acquire);
-    const LogLevel threshold = std::max(own, LevelsOf(kept).Of(source));
-    const unsigned number = kept == nullptr ? 0 : kept->number;
+    const unsigned number = numberInForce.load(std::memory_order_acquire);
+    const LogLevel threshold = std::max(own, LevelsOf(number).Of(source));
     remembered.store(number << BITS_OF_A_LEVEL | static_cast<unsigned>(threshold), std::memory_order_relaxed);
     return threshold;
 }

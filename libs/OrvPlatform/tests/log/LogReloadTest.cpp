@@ -61,6 +61,22 @@ void MustFail() { // in the child
         std::exit(1);
 }
 
+void AtOnce(const std::function<void()>& one, const std::function<void()>& other) {
+    std::atomic<int> arrived{0};
+    const auto meet = [&arrived] {
+        ++arrived;
+        while (arrived < 2)
+            std::this_thread::yield();
+    };
+    std::thread thread([&] {
+        meet();
+        one();
+    });
+    meet();
+    other();
+    thread.join();
+}
+
 TEST_F(LevelsThatChange, ApplyToLoggersThatExist) {
     PutLevel("error");
     EXPECT_EQ(
@@ -244,6 +260,28 @@ TEST_F(LevelsThatChange, MayChangeWhileThreadsLog) {
     });
     for (const std::string& line : lines)
         ASSERT_EQ(line, "debug [Shared] now and then");
+}
+
+TEST_F(LevelsThatChange, AreTheSameForAllLoggersWhenTwoThreadsChangedThemAtOnce) {
+    EXPECT_EQ(Logged([] {
+                  OrvPlatform::LogLevels quiet;
+                  quiet.level = OrvPlatform::LogLevel::ERROR;
+                  OrvPlatform::LogLevels loud;
+                  loud.level = OrvPlatform::LogLevel::DEBUG;
+                  for (int round = 0; round < 500 && !HasFailure(); ++round) {
+                      OrvPlatform::PutLogLevelsInForce(quiet);
+                      const OrvPlatform::LogThreshold foundQuiet("Quiet", OrvPlatform::LogLevel::TRACE);
+                      OrvPlatform::PutLogLevelsInForce(loud);
+                      const OrvPlatform::LogThreshold foundLoud("Loud", OrvPlatform::LogLevel::TRACE);
+                      AtOnce([&quiet] { OrvPlatform::PutLogLevelsInForce(quiet); },
+                             [&loud] { OrvPlatform::PutLogLevelsInForce(loud); });
+                      const OrvPlatform::LogLevel expected = OrvPlatform::LogLevelsInForce().level;
+                      EXPECT_EQ(foundQuiet.Of("Quiet"), expected) << "round " << round;
+                      EXPECT_EQ(foundLoud.Of("Loud"), expected) << "round " << round;
+                  }
+                  std::exit(HasFailure() ? 1 : 0);
+              }),
+              Lines{});
 }
 
 } // namespace
