@@ -127,9 +127,9 @@ void ConnmanClient::Stop() noexcept {
     {
         const MutexLock lock(shared->mutex);
         shared->stopping = true;
-        shared->waker.Wake();
         if (!thread)
             return;
+        shared->waker.Wake();
         // A bus whose backlog is full holds the thread inside connect(); the process must end all the same.
         const auto deadline = std::chrono::steady_clock::now() + limits.stop;
         while (!shared->ended && shared->hasEnded.wait_until(shared->mutex, deadline) != std::cv_status::timeout) {
@@ -144,14 +144,23 @@ void ConnmanClient::Stop() noexcept {
 }
 
 void ConnmanClient::BeforeFork() noexcept {
+    // Made here: the child may find no memory, and could not go on without.
+    std::shared_ptr<ConnmanShared> made;
+    try {
+        made = std::make_shared<ConnmanShared>();
+    } catch (const std::bad_alloc&) {
+        // The child's calls will do nothing.
+    }
     // Connecting to a bus whose backlog is full can hold the library; the fork must come about all the same.
     const bool inTime = TryLockLibdbusFor(limits.fork);
     shared->mutex.lock();
+    childsShared = std::move(made);
     hasLibrary = inTime; // another thread's fork has its own word there until it lets go of the mutex
 }
 
 void ConnmanClient::AfterForkInParent() noexcept {
     const bool holdsLibrary = hasLibrary;
+    childsShared.reset();
     shared->mutex.unlock();
     if (holdsLibrary)
         LibdbusMutex().unlock();
@@ -160,9 +169,14 @@ void ConnmanClient::AfterForkInParent() noexcept {
 void ConnmanClient::AfterForkInChild() noexcept {
     if (hasLibrary)
         LibdbusMutex().unlock();
-    parentsShared = std::move(shared);
     parentsThread = thread.release();
-    shared = std::make_shared<ConnmanShared>();
+    if (!childsShared) {
+        shared->stopping = true;
+        shared->mutex.unlock();
+        return;
+    }
+    parentsShared = std::move(shared);
+    shared = std::move(childsShared);
     shared->stopping = parentsShared->stopping || !hasLibrary;
 }
 

@@ -31,7 +31,8 @@ public:
     void Stop() noexcept;
 
     /// Called around fork(), so that a child that goes on without exec does not inherit a locked lock or a dead thread.
-    /// Where the thread does not come out of libdbus in time, the child's calls do nothing.
+    /// Where the thread does not come out of libdbus in time, or there is no memory for what a child needs, the child's
+    /// calls do nothing.
     void BeforeFork() noexcept ORV_NO_LOCK_ANALYSIS;
     void AfterForkInParent() noexcept ORV_NO_LOCK_ANALYSIS;
     void AfterForkInChild() noexcept ORV_NO_LOCK_ANALYSIS;
@@ -46,6 +47,8 @@ private:
     std::shared_ptr<ConnmanShared> shared; ///< outlives this object where the thread does not end in time
     std::unique_ptr<std::thread> thread;
     bool hasLibrary = false; ///< BeforeFork holds LibdbusMutex
+
+    std::shared_ptr<ConnmanShared> childsShared; ///< from BeforeFork until after the fork; null without memory
 
     // What a forked child got from its parent and must not touch.
     std::shared_ptr<ConnmanShared> parentsShared;

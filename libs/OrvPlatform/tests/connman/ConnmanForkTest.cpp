@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // A child that goes on without exec has its parent's locks and none of its threads.
 #include "ConnmanFixture.h"
+#include "CountedNew.h"
 #include "ScriptedBus.h"
 #include "connman/MessageBus.h"
 
 #include <cerrno>
 #include <fcntl.h>
+#include <functional>
 #include <future>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,13 +19,16 @@ using namespace std::chrono_literals;
 using OrvPlatform::ConnmanClient;
 
 /// Forks as fork() does with the handlers in place; a child that hangs is ended.
+/// @param first what the child does before the handlers run
 /// @return whether `inChild` held in the child
 template <typename Claim>
-bool HoldsInChild(ConnmanClient& link, const Claim& inChild) {
+bool HoldsInChild(
+    ConnmanClient& link, const Claim& inChild, const std::function<void()>& first = [] {}) {
     link.BeforeFork();
     const pid_t child = fork();
     if (child == 0) {
         alarm(static_cast<unsigned>(PATIENCE.count()));
+        first();
         link.AfterForkInChild();
         _exit(inChild() ? 0 : 1);
     }
@@ -94,7 +99,7 @@ TEST(AGatewayThatForksInTwoThreads, KeepsNoLockWhenOneOfThemDoesNotGetLibdbus) {
     OrvPlatform::LibdbusMutex().unlock();
 }
 
-/// Closes every descriptor, as daemons do, and gives most of the numbers to the end of a pipe.
+/// Closes every descriptor, as daemons do, and gives all numbers that were used to the end of a pipe.
 /// @return the other end
 int PipeInThePlaceOfAllDescriptors() {
     constexpr int LAST = 60;
@@ -102,9 +107,16 @@ int PipeInThePlaceOfAllDescriptors() {
     close_range(3, ~0U, 0);
     if (pipe2(ends, O_NONBLOCK | O_CLOEXEC) != 0)
         return -1;
-    for (int number = ends[1] + 1; number <= LAST; ++number)
-        dup2(ends[1], number);
-    return ends[0];
+    const int other = dup2(ends[0], LAST + 1);
+    for (int number = 3; number <= LAST; ++number)
+        if (number != ends[1])
+            dup2(ends[1], number);
+    return other;
+}
+
+bool IsEmpty(int pipe) {
+    char byte = 0;
+    return read(pipe, &byte, 1) == -1 && errno == EAGAIN;
 }
 
 TEST_F(AConnectedGateway, HasNoDescriptorInAForkedChildThatTheChildCouldClose) {
@@ -116,10 +128,33 @@ TEST_F(AConnectedGateway, HasNoDescriptorInAForkedChildThatTheChildCouldClose) {
         const int other = PipeInThePlaceOfAllDescriptors();
         const bool works = link.SetTopPriorityInterface("wwan0") && BecomesTop("wwan0");
         link.Stop();
-        char byte = 0;
-        return works && read(other, &byte, 1) == -1 && errno == EAGAIN;
+        return works && IsEmpty(other);
     }));
 }
+
+#ifndef ORV_ALLOCATIONS_NOT_COUNTED
+TEST(AForkedChild, NeedsNoMemoryForItsBeginning) {
+    ConnmanClient link("unix:path=/nowhere", FAST);
+    EXPECT_TRUE(HoldsInChild(
+        link, [] { return !HasFailedAllocation(); }, [] { FailAllocation(1); }));
+}
+
+TEST_F(AConnectedGateway, DoesNothingInAForkedChildForWhichThereWasNoMemory) {
+    ASSERT_TRUE(IsLogged("connection manager found"));
+    const auto refuses = [this] { return !link.SetTopPriorityInterface("wwan0"); };
+    FailAllocation(1);
+    EXPECT_TRUE(HoldsInChild(link, [&] {
+        const int other = PipeInThePlaceOfAllDescriptors();
+        const bool idle = refuses() && !link.SetDnsConfiguration("eth0", {}) && link.TopPriorityInterface().empty();
+        link.Stop();
+        return idle && IsEmpty(other) && HoldsInChild(link, refuses);
+    }));
+    EXPECT_TRUE(HasFailedAllocation());
+    EXPECT_EQ(link.TopPriorityInterface(), "eth0");
+    EXPECT_TRUE(link.SetTopPriorityInterface("wwan0"));
+    EXPECT_TRUE(BecomesTop("wwan0"));
+}
+#endif
 
 } // namespace
 } // namespace OrvTest
