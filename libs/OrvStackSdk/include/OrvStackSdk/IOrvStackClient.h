@@ -15,8 +15,8 @@ namespace OrvStackSdk {
 /// Order: SetHandler, Init, Start, then Tick periodically and any requests, then Stop, DeInit, and the release of the
 /// last pointer. The order is not enforced: requests are passed on in any state.
 ///
-/// Threads: the client has no thread of its own. Make all calls on one thread of the application, or inside a callback.
-/// EventUpdateRequest, Tick and CloudReconnectNeeded are safe on any thread.
+/// Threads: the client has no thread of its own. Make all calls on one thread of the application, all but SetHandler
+/// and Init also inside a callback. EventUpdateRequest, Tick and CloudReconnectNeeded are safe on any thread.
 ///
 /// Blocking: Init waits at most 3 s for the broker, DeInit and the release at most 1 s each. EventUpdateRequest waits
 /// for the disk of the status files. No other call waits.
@@ -34,13 +34,13 @@ public:
     virtual ~IOrvStackClient() = default;
 
     /// Sets the receiver of the callbacks. The client does not keep it alive. Without a receiver, callbacks are
-    /// dropped. Call this before Init, never while messages may arrive.
+    /// dropped. Call this before Init, never while messages may arrive or inside a callback.
     virtual void SetHandler(std::weak_ptr<IOrvStackClientHandler> handler) = 0;
 
     /// Connects to the broker under the application's name and calls OnInitConfirmation before it returns.
     /// If the connection ends without DeInit, the broker announces the application as unavailable.
     /// A further call connects again, under the new name. Do not call it while messages may arrive, because their
-    /// delivery reads the name.
+    /// delivery reads the name, nor inside a callback.
     /// @param appName the application's (feature's) name, one level of its topics: UTF-8, not empty, without NUL, "/",
     ///                "+" and "#". The name is not checked. With "+", "#", a NUL or invalid UTF-8 no connection is
     ///                made (NACK). With a "/", or with an empty name, the topics differ from those that the stack

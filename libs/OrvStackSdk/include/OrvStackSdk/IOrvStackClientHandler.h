@@ -11,16 +11,16 @@ namespace OrvStackSdk {
 ///
 /// Threads: OnInitConfirmation runs inside Init, on the thread that called it. All other callbacks run on the broker
 /// connection's delivery thread, one at a time, and may run while the application is inside a call of the client. A
-/// slow callback delays the messages behind it. Every call of the client is allowed inside a callback, even the release
-/// of the last pointer to it.
+/// slow callback delays the messages behind it. All calls of the client except SetHandler and Init are allowed inside
+/// any callback, OnInitConfirmation included, even the release of the last pointer to it.
 ///
 /// No exception may leave a callback.
 class ORVSTACKSDK_EXPORT IOrvStackClientHandler {
 public:
     virtual ~IOrvStackClientHandler() = default;
 
-    /// The answer to Init: ACK if the broker accepted the connection, otherwise NACK (call Init again to retry). It
-    /// comes before the subscriptions are made.
+    /// The answer to Init: ACK if the broker accepted the connection, otherwise NACK (to retry, call Init again when it
+    /// has returned). It comes before the subscriptions are made.
     virtual void OnInitConfirmation(const Confirmation& confirmation) = 0;
 
     /// An action for this application has arrived. While the application is BOOTING, RELOAD is not passed on: the

@@ -22,8 +22,8 @@
 /// Values: those of the enumerations below are the C++ ones. Any other number is ORV_INVALID_ARGUMENT, and the call
 /// does nothing.
 ///
-/// Threads: make all calls on one thread, or inside a callback. orv_client_event, orv_client_tick and
-/// orv_client_cloud_reconnect_needed are safe on any thread.
+/// Threads: make all calls on one thread; all but orv_client_init may also be made inside a callback.
+/// orv_client_event, orv_client_tick and orv_client_cloud_reconnect_needed are safe on any thread.
 
 #ifdef __cplusplus
 extern "C" {
@@ -88,7 +88,7 @@ enum orv_event {
 /// Threads: they run on the broker connection's delivery thread, one at a time, and may run while the application is
 /// inside a function of this client. A slow callback delays the messages behind it.
 ///
-/// Every function of the client is allowed inside a callback, orv_client_destroy included.
+/// Every function of the client but orv_client_init is allowed inside a callback, orv_client_destroy included.
 ///
 /// Texts belong to the library and are valid until the callback returns. `length` is the number of bytes; a NUL follows
 /// them. A text of a message may hold any bytes, a NUL too.
