@@ -21,6 +21,11 @@ def colour() -> str:
     return "always" if sys.stdout.isatty() and not os.environ.get("NO_COLOR") else "never"
 
 
+def end_at_interrupt() -> None:
+    """By an exception, also where a script has started us in the background, which ignores the signal."""
+    signal.signal(signal.SIGINT, signal.default_int_handler)
+
+
 class Screen:
     def __init__(self, record: FaultRecord) -> None:
         self._record = record
@@ -45,6 +50,7 @@ class Screen:
 
 def follow(command: Sequence[str], record: FaultRecord) -> int:
     """Shows what this orv-status --watch draws until it or we are ended; returns its exit status."""
+    end_at_interrupt()
     screen = Screen(record)
     with subprocess.Popen(command, stdout=subprocess.PIPE) as child:
         assert child.stdout
@@ -60,6 +66,7 @@ def follow(command: Sequence[str], record: FaultRecord) -> int:
 
 def repeat(look: Callable[[], str], record: FaultRecord) -> int:
     """Shows what `look` gives, again and again, until we are ended; a BoxError of it is shown, too."""
+    end_at_interrupt()
     screen = Screen(record)
     try:
         while True:

@@ -14,7 +14,14 @@ from orv_testbed.waiting import SLACK, wait_until
 
 def test_the_screen_follows_what_happens_to_the_gateway(box: Box) -> None:  # noqa: F811
     ours, theirs = pty.openpty()
-    watch = subprocess.Popen(box.command("watch"), env=box.environment, stdin=theirs, stdout=theirs, stderr=theirs)
+    watch = subprocess.Popen(
+        box.command("watch"),
+        env=box.environment,
+        stdin=theirs,
+        stdout=theirs,
+        stderr=theirs,
+        preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_IGN),  # as a shell's "&" does
+    )
     os.close(theirs)
     os.set_blocking(ours, False)
     shown = ""
