@@ -90,6 +90,48 @@ def test_a_remark_and_a_payload_from_outside_add_no_command(
     ]
 
 
+def test_a_name_and_a_time_from_outside_add_no_command(
+    capsys: pytest.CaptureFixture[str], tmp_path: pathlib.Path
+) -> None:
+    transcript, wire = tmp_path / "transcript.jsonl", tmp_path / "wire.jsonl"
+    lines = [START.replace("31T10", "31\\n10"), CONNECTED, at(4, "end")]
+    transcript.write_text("\n".join(lines), encoding="ascii")
+    topic = "/orv/apps_control/features/x\nquit\n#/available"
+    heard = {"tst": "2026-01-31T10:00:00.000000Z+0000", "topic": topic, "retain": 0, "payload": "true"}
+    wire.write_text(json.dumps(heard), encoding="ascii")
+    assert replay.main([str(transcript), "--wire", str(wire)]) == 0
+    scenario = capsys.readouterr().out
+    assert [words_of(line)[0] for line in scenario.splitlines() if words_of(line)] == ["init", "start", "event"]
+
+
+@pytest.mark.parametrize("what", ["log", "message", "expect", "say", "begin", "_init__"])
+def test_what_a_transcript_tells_beyond_gateway_app_is_a_remark(
+    capsys: pytest.CaptureFixture[str], tmp_path: pathlib.Path, what: str
+) -> None:
+    transcript = tmp_path / "transcript.jsonl"
+    transcript.write_text("\n".join([START, CONNECTED, at(2, what), at(4, "end")]), encoding="ascii")
+    assert replay.main([str(transcript), "--name", "alarm"]) == 0
+    scenario = capsys.readouterr().out
+    assert [words_of(line)[0] for line in scenario.splitlines() if words_of(line)] == ["init", "start", "event"]
+
+
+def test_a_payload_that_is_empty_or_no_text_is_no_fault_of_a_recording(
+    capsys: pytest.CaptureFixture[str], tmp_path: pathlib.Path
+) -> None:
+    transcript, wire = tmp_path / "transcript.jsonl", tmp_path / "wire.jsonl"
+    transcript.write_text("\n".join([START, CONNECTED, at(4, "end")]), encoding="ascii")
+    heard = {"tst": "2026-01-31T10:00:03.000000Z+0000", "topic": "/orv/panel/guid", "retain": 0}
+    payloads = [None, [0, 255]]  # as mosquitto_sub writes them
+    wire.write_text("\n".join(json.dumps({**heard, "payload": payload}) for payload in payloads), encoding="ascii")
+    assert replay.main([str(transcript), "--wire", str(wire), "--name", "alarm"]) == 0
+    scenario = capsys.readouterr().out
+    assert [words_of(line) for line in scenario.splitlines() if words_of(line)][-1] == [
+        "publish",
+        "/orv/panel/guid",
+        "",
+    ]
+
+
 def log_line(tenths: int, text: str) -> str:
     return f"2026-01-31T10:00:{tenths // 10:02}.{tenths % 10}00Z {text}"
 

@@ -31,6 +31,11 @@ POKES = {"Started Poke to cell if ": ("cellular", TO_CELLULAR), "Started Poke et
 RAN_OUT_OF_TIME = "28"
 
 
+def remark(text: str) -> str:
+    """A line that is no command, whatever a recording has brought into the text."""
+    return "# " + re.sub(r"[^ -~]", "?", text)
+
+
 class Replay:
     """The lines of a scenario, in the order in which things happened.
 
@@ -70,11 +75,22 @@ class Replay:
     def make(self) -> str:
         begin, end = self.run[0].time, self.run[-1].time
         # What the broker kept is heard when the recording begins, the rest while the run lasts.
-        rest = [item for item in (*self.log, *self.wire) if begin <= item.time <= end or self._was_kept(item, begin)]
+        heard = [(item, self._log) for item in self.log] + [(item, self._message) for item in self.wire]
+        rest = [pair for pair in heard if begin <= pair[0].time <= end or self._was_kept(pair[0], begin)]
+        told = {
+            "event": self._event,
+            "ready": self._ready,
+            "reload": self._reload,
+            "action": self._action,
+            "reconnect": self._reconnect,
+            "path": self._path,
+            "default_route": self._default_route,
+        }
         # A record of the transcript is written after what it tells of has been done.
-        for item in sorted((*rest, *self.run), key=lambda item: item.time):
-            getattr(self, f"_{item.what}", self._remark)(item)
-        return "\n".join([f"# {self.name} as it ran from {self.run[0].fields['time']} on", *self.lines, ""])
+        run = [(item, told.get(item.what, self._remark)) for item in self.run]
+        for item, repeat in sorted((*rest, *run), key=lambda pair: pair[0].time):
+            repeat(item)
+        return "\n".join([remark(f"{self.name} as it ran from {self.run[0].fields['time']} on"), *self.lines, ""])
 
     def _was_kept(self, item: Happening, begin: float) -> bool:
         return item.what == "message" and item.time < begin and item.fields["message"].retained
@@ -93,7 +109,7 @@ class Replay:
 
     def _remark(self, item: Happening) -> None:
         reason = "".join(f": {value}" for key, value in item.fields.items() if key in ("reason", "number"))
-        self.lines.append("# " + re.sub(r"[^ -~]", "?", f"{item.fields.get('time', '')} {item.what}{reason}"))
+        self.lines.append(remark(f"{item.fields.get('time', '')} {item.what}{reason}"))
 
     def _event(self, item: Happening) -> None:
         event = item.fields["event"]
