@@ -56,6 +56,8 @@ def test_no_kind_of_fault_is_left_out() -> None:
         (("connman freeze", "broker thaw"), ["connman freeze"]),
         (("cellular out", "connman start"), ["cellular out"]),
         (("cellular out", "connman stop", "connman start"), []),
+        (("connman crash",), []),
+        (("connman freeze", "connman crash"), []),
         (("clock 60",), ["clock +60"]),
         (("clock -60", "clock +0"), []),
         (("cable out", "loss eth 10", "power cut"), ["loss eth 10", "power cut"]),
