@@ -47,25 +47,25 @@ void Monitor::Settle(Clock::time_point deadline) {
     };
     broker.Step(Clock::now());
     while (!settled() && Clock::now() < deadline)
-        Poll(deadline, -1);
+        Poll(deadline, -1, -1);
 }
 
 bool Monitor::Wait(Clock::time_point deadline, int wake) {
     while (!news && Clock::now() < deadline) {
-        if (!Poll(deadline, wake))
+        if (!Poll(deadline, wake, STDOUT_FILENO))
             return false;
     }
     return true;
 }
 
-bool Monitor::Poll(Clock::time_point deadline, int wake) {
+bool Monitor::Poll(Clock::time_point deadline, int wake, int output) {
     const short forBroker = static_cast<short>(POLLIN | (broker.WantsWrite() ? POLLOUT : 0));
     constexpr short onlyItsEnd = 0;
     std::array<pollfd, 6> all{{{broker.Socket(), forBroker, 0},
                                {network.Descriptor(), POLLIN, 0},
                                {connman.Descriptor(), POLLIN, 0},
                                {application.Descriptor(), POLLIN, 0},
-                               {STDOUT_FILENO, onlyItsEnd, 0},
+                               {output, onlyItsEnd, 0},
                                {wake, POLLIN, 0}}};
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
     poll(all.data(), all.size(), static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, PACE.count())));

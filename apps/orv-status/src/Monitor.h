@@ -39,7 +39,7 @@ public:
     Snapshot Take();
 
 private:
-    bool Poll(Clock::time_point deadline, int wake);
+    bool Poll(Clock::time_point deadline, int wake, int output);
 
     Broker broker;
     Network network;

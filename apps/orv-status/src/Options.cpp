@@ -135,7 +135,7 @@ std::string ReadPassword(const std::string& path) {
     const int error = errno;
     if (file != nullptr)
         std::fclose(file);
-    std::string first(size > 0 ? line : "");
+    std::string first(line, size > 0 ? static_cast<std::size_t>(size) : 0);
     std::free(line); // NOLINT(cppcoreguidelines-no-malloc): getline's
     if (size <= 0)
         throw Ending{Joined({"orv-status: cannot read a password from ", path, ": ",

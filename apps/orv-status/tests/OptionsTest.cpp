@@ -84,6 +84,8 @@ protected:
 TEST_F(APasswordFile, HoldsThePasswordAsItsFirstLine) {
     std::ofstream(path) << "s3cret\nmore\n";
     EXPECT_EQ(ReadPassword(path), "s3cret");
+    std::ofstream(path) << '\0' << "s3cret\n";
+    EXPECT_EQ(ReadPassword(path), std::string("\0s3cret", 7));
 }
 
 TEST_F(APasswordFile, IsRefusedWithTheReasonWhenItCannotBeRead) {
