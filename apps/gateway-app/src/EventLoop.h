@@ -39,7 +39,7 @@ public:
     void Change(int descriptor, std::uint32_t events);
     void Forget(int descriptor);
 
-    /// Serves descriptors until Leave is called.
+    /// Serves descriptors until Quit is called.
     void Run();
     void Quit() { quitting = true; }
 

@@ -34,7 +34,7 @@ enum orv_result {
     ORV_OK = 0,                ///< done, or handed to the broker's connection
     ORV_INVALID_ARGUMENT = -1, ///< a NULL that is not allowed, or a value that is no enumerator; nothing was done
     ORV_NO_MEMORY = -2,        ///< memory has run out; a part of the call may have been done
-    ORV_NO_BROKER = -3,        ///< the broker cannot be reached; the call may be repeated
+    ORV_NO_BROKER = -3,        ///< the broker was not reached, or it has refused; the call may be repeated
     ORV_FAILED = -4            ///< anything else, which no known case leads to
 };
 
@@ -122,9 +122,8 @@ struct orv_client;
 /// Makes a client; see OrvStackSdk::CreateClient. Waits at most 3 s for the broker.
 /// @param callbacks are copied; NULL for none
 /// @param user      handed to every callback; it must live until orv_client_destroy has returned
-/// @param client    where the client is put. The caller owns it and ends it with orv_client_destroy. After an error
-/// NULL
-///                  is put there.
+/// @param client    where the client is put, or NULL after an error. The caller owns it and ends it with
+///                  orv_client_destroy.
 /// @return ORV_NO_BROKER when the broker cannot be reached
 ORVSTACKSDK_EXPORT int orv_client_create(const struct orv_callbacks* callbacks, void* user, struct orv_client** client);
 
@@ -137,7 +136,8 @@ ORVSTACKSDK_EXPORT int orv_client_create(const struct orv_callbacks* callbacks, 
 ORVSTACKSDK_EXPORT void orv_client_destroy(struct orv_client* client);
 
 /// Connects to the broker under the application's name; waits at most 3 s. Callbacks may come before it returns.
-/// @return ORV_NO_BROKER when the connection was not accepted
+/// @return ORV_NO_BROKER when the connection was not accepted, and always for a name that cannot be part of a topic
+///         (with "+" or "#", or no UTF-8)
 ORVSTACKSDK_EXPORT int orv_client_init(struct orv_client* client, const char* app_name);
 
 /// Stops and disconnects cleanly; waits at most 1 s. A callback that is running is not waited for.
