@@ -52,8 +52,10 @@ class Client:
         return self
 
     def __exit__(self, *_: object) -> None:
-        self.call("deinit")
-        self._library.orv_client_destroy(self._client)
+        try:
+            self.call("deinit")
+        finally:
+            self._library.orv_client_destroy(self._client)
 
     def call(self, name: str, *arguments: object) -> int:
         return self._check(name, self._library["orv_client_" + name](self._client, *arguments))
