@@ -16,8 +16,8 @@
 namespace GatewayApp {
 
 /// Keeps a connection to the cloud's broker: MQTT over TLS, driven by the loop. A path that has gone silent is noticed,
-/// whether or not data are under way, in the time that KeepAlive gives: 3 s when it is 1 s. A
-/// failed attempt is repeated with back-off, for ever.
+/// whether or not data are under way, in the time that KeepAlive gives: 3 s when it is 1 s. A failed attempt is
+/// repeated with back-off, for ever.
 class CloudConnection {
 public:
     /// Called on the loop's thread, outside every call of this class but Reopen and Close.

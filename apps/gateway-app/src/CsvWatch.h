@@ -58,7 +58,7 @@ public:
     void Reported(OrvStackSdk::OrvEvent event) { content.Reported(event); }
     /// Whether there is a client that the file speaks for; before, nothing is put right.
     void SetActive(bool isActive);
-    /// The library is slowed down because another program writes the file again and again.
+    /// The repair waits each time because another program writes the file again and again.
     bool IsSlowedDown() const { return limit.Reached(); }
 
 private:

@@ -49,8 +49,7 @@ public:
     void EthernetIs(bool usable, Time now);
     /// A proof has ended, the one that was asked for last.
     /// @return true when the cloud is to be tried over Cellular at once, in an attempt of its own. CloudIs,
-    /// CloudRefused
-    ///         or CloudFailed tells the end of that attempt.
+    ///         CloudRefused or CloudFailed tells the end of that attempt.
     [[nodiscard]] bool Proved(bool good, Time now);
     /// Time has passed.
     void Passed(Time now);

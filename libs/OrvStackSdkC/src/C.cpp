@@ -9,6 +9,7 @@
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 // The platform lives in another shared library; a header of its maker need not say that its symbols are visible.
 #pragma GCC visibility push(default)
@@ -96,6 +97,8 @@ int ResultOf(Action action) noexcept {
         return ORV_NO_MEMORY;
     } catch (const std::out_of_range&) {
         return ORV_INVALID_ARGUMENT;
+    } catch (const std::system_error&) {
+        return ORV_FAILED; // although it is a runtime_error: there is no thread or no descriptor left
     } catch (const std::runtime_error&) {
         return ORV_NO_BROKER;
     } catch (...) {
@@ -103,12 +106,15 @@ int ResultOf(Action action) noexcept {
     }
 }
 
-using Request = int(IOrvStackClient& client, const std::string& text, int number);
+using Request = void(IOrvStackClient& client, const std::string& text, int number);
 
 int Pass(const orv_client* handle, Request* request, const char* text = "", int number = 0) noexcept {
     if (handle == nullptr || text == nullptr)
         return ORV_INVALID_ARGUMENT;
-    return ResultOf([=] { return request(*handle->client, text, number); });
+    return ResultOf([=] {
+        request(*handle->client, text, number);
+        return int{ORV_OK};
+    });
 }
 
 } // namespace
@@ -135,42 +141,29 @@ void orv_client_destroy(orv_client* client) {
 }
 
 int orv_client_init(orv_client* client, const char* app_name) {
-    const auto request = [](IOrvStackClient& stack, const std::string& name, int) {
-        stack.Init(name);
-        return int{ORV_OK};
-    };
+    const auto request = [](IOrvStackClient& stack, const std::string& name, int) { stack.Init(name); };
     const int result = Pass(client, request, app_name);
     return result == ORV_OK && !client->receiver->accepted ? ORV_NO_BROKER : result;
 }
 
 int orv_client_deinit(orv_client* client) {
-    const auto request = [](IOrvStackClient& stack, const std::string&, int) {
-        stack.DeInit();
-        return int{ORV_OK};
-    };
+    const auto request = [](IOrvStackClient& stack, const std::string&, int) { stack.DeInit(); };
     return Pass(client, request);
 }
 
 int orv_client_start(orv_client* client) {
-    const auto request = [](IOrvStackClient& stack, const std::string&, int) {
-        stack.Start();
-        return int{ORV_OK};
-    };
+    const auto request = [](IOrvStackClient& stack, const std::string&, int) { stack.Start(); };
     return Pass(client, request);
 }
 
 int orv_client_stop(orv_client* client) {
-    const auto request = [](IOrvStackClient& stack, const std::string&, int) {
-        stack.Stop();
-        return int{ORV_OK};
-    };
+    const auto request = [](IOrvStackClient& stack, const std::string&, int) { stack.Stop(); };
     return Pass(client, request);
 }
 
 int orv_client_tick(orv_client* client, int elapsed_ms) {
     const auto request = [](IOrvStackClient& stack, const std::string&, int number) {
         stack.Tick(std::chrono::milliseconds(number));
-        return int{ORV_OK};
     };
     return Pass(client, request, "", elapsed_ms);
 }
@@ -178,7 +171,6 @@ int orv_client_tick(orv_client* client, int elapsed_ms) {
 int orv_client_app_status(orv_client* client, int status) {
     const auto request = [](IOrvStackClient& stack, const std::string&, int number) {
         stack.AppStatusRequest(static_cast<AppStatus>(number));
-        return int{ORV_OK};
     };
     return Pass(client, request, "", status);
 }
@@ -186,7 +178,6 @@ int orv_client_app_status(orv_client* client, int status) {
 int orv_client_app_action(orv_client* client, const char* app, int action) {
     const auto request = [](IOrvStackClient& stack, const std::string& text, int number) {
         stack.AppActionRequest(text, static_cast<AppAction>(number));
-        return int{ORV_OK};
     };
     return Pass(client, request, app, action);
 }
@@ -194,38 +185,29 @@ int orv_client_app_action(orv_client* client, const char* app, int action) {
 int orv_client_event(orv_client* client, int event) {
     const auto request = [](IOrvStackClient& stack, const std::string&, int number) {
         stack.EventUpdateRequest(static_cast<OrvEvent>(number));
-        return int{ORV_OK};
     };
     return Pass(client, request, "", event);
 }
 
 int orv_client_cloud_reconnect_needed(orv_client* client) {
-    const auto request = [](IOrvStackClient& stack, const std::string&, int) {
-        return static_cast<int>(stack.CloudReconnectNeeded());
-    };
-    return Pass(client, request);
+    if (client == nullptr)
+        return ORV_INVALID_ARGUMENT;
+    return ResultOf([=] { return static_cast<int>(client->client->CloudReconnectNeeded()); });
 }
 
 int orv_client_request_shutdown(orv_client* client) {
-    const auto request = [](IOrvStackClient& stack, const std::string&, int) {
-        stack.RequestShutdown();
-        return int{ORV_OK};
-    };
+    const auto request = [](IOrvStackClient& stack, const std::string&, int) { stack.RequestShutdown(); };
     return Pass(client, request);
 }
 
 int orv_client_panel_command(orv_client* client, const char* command, int value) {
     const auto request = [](IOrvStackClient& stack, const std::string& text, int number) {
         stack.PanelCommandRequest(text, number);
-        return int{ORV_OK};
     };
     return Pass(client, request, command, value);
 }
 
 int orv_client_connection_status(orv_client* client, const char* status) {
-    const auto request = [](IOrvStackClient& stack, const std::string& text, int) {
-        stack.SendConnectionStatus(text);
-        return int{ORV_OK};
-    };
+    const auto request = [](IOrvStackClient& stack, const std::string& text, int) { stack.SendConnectionStatus(text); };
     return Pass(client, request, status);
 }

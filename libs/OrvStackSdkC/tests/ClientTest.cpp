@@ -7,6 +7,7 @@
 #include <initializer_list>
 #include <memory>
 #include <new>
+#include <system_error>
 
 namespace OrvStackSdk::Testing {
 namespace {
@@ -240,9 +241,13 @@ TEST(ABrokerThatRefuses, IsToldByCreateAndByInit) {
 }
 
 TEST_F(AClientInC, AnswersAnyOtherExceptionWithACode) {
-    OrvPlatformFake::FakeBroker::Get().SetPublishHook([](const std::string&) { throw 4711; });
+    OrvPlatformFake::FakeBroker& broker = OrvPlatformFake::FakeBroker::Get();
+    broker.SetPublishHook([](const std::string&) { throw 4711; });
     EXPECT_EQ(orv_client_connection_status(client, "roaming"), ORV_FAILED);
-    OrvPlatformFake::FakeBroker::Get().SetPublishHook(nullptr);
+    broker.SetPublishHook(
+        [](const std::string&) { throw std::system_error(std::make_error_code(std::errc::io_error)); });
+    EXPECT_EQ(orv_client_connection_status(client, "roaming"), ORV_FAILED);
+    broker.SetPublishHook(nullptr);
 }
 
 void ThrowBadAlloc() {
