@@ -21,6 +21,7 @@ echo $$ >"{folder}/pid"
 while [ "$(cat "{folder}/mode")" = late ]; do sleep 0.1; done
 case $(cat "{folder}/mode") in
     well) exec "{box}" exec "$@" ;;
+    unsure) "{box}" exec "$@" | sed --unbuffered 's/"retained":[a-z]*/"retained":null/g' ;;
     dead) echo 'ssh: connect to host gateway port 22: No route to host' >&2; exit 255 ;;
     binary) head -c 100000 /dev/urandom ;;
     html) echo '<img src=x onerror="document.title=1">' ;;
@@ -117,6 +118,14 @@ def test_a_command_that_dies_is_named_and_run_until_it_reaches_the_gateway_again
     page.wait(lambda: page.notice() == "" and page.bars("green LED") == ["On", "On"], "what was before and what is")
     page.wait(lambda: "the gateway answers again" in looking.words(), "words in the terminal")
     assert looking.words().count("No route to host") == 1
+
+
+def test_a_message_of_which_it_is_not_known_whether_it_is_retained_is_marked_so(page: Page, reach: Reach) -> None:
+    kept = "#topics td:last-child"
+    page.wait(lambda: page.all(kept)[:1] == ["retained"], "the topics")
+    reach.does("unsure")
+    reach.dies()
+    page.wait(lambda: set(page.all(kept)) == {"unknown"}, "the mark")
 
 
 @pytest.mark.parametrize("mode", ["binary", "html", "large"])

@@ -43,6 +43,11 @@ def number(value: object) -> float | None:
     return found if math.isfinite(found) else None
 
 
+def truth(value: object) -> bool | None:
+    """None for what is neither: it is not known."""
+    return value if isinstance(value, bool) else None
+
+
 def within(value: object, *names: str) -> Any:
     for name in names:
         value = value.get(name) if isinstance(value, dict) else None
@@ -89,7 +94,7 @@ def read(line: bytes) -> dict[str, Any]:
                 "topic": text(within(entry, "topic")),
                 "payload": text(within(entry, "payload")),
                 "bytes": number(within(entry, "bytes")),
-                "retained": within(entry, "retained") is True,
+                "retained": truth(within(entry, "retained")),
             }
             for entry in entries(within(told, "topics"), MOST_TOPICS)
         ],

@@ -163,7 +163,8 @@ function showTopic({ topic, payload, bytes, retained }) {
   row.dataset.value = value;
   row.children[1].textContent = payload;
   if (bytes > 200) row.children[1].append(html("span", { class: "cut" }, `the first 200 of ${bytes.toLocaleString()} bytes`));
-  row.children[2].replaceChildren(...(retained ? [html("span", { class: "kept" }, "retained")] : []));
+  const kept = { true: [html("span", { class: "kept" }, "retained")], null: ["unknown"] };
+  row.children[2].replaceChildren(...(kept[retained] ?? []));
   row.classList.remove("fresh");
   if (fresh) requestAnimationFrame(() => row.classList.add("fresh"));
 }

@@ -34,6 +34,12 @@ def test_a_status_is_read_as_it_is() -> None:
     assert read["topics"][0]["retained"] is True
 
 
+@pytest.mark.parametrize("told, shown", [(True, True), (False, False), (None, None), ("true", None), (1, None)])
+def test_whether_a_message_is_retained_may_be_unknown(told: object, shown: bool | None) -> None:
+    read = as_read(topics=[{"topic": "/orv/led/green", "payload": "On", "bytes": 2, "retained": told}])
+    assert read["topics"][0]["retained"] is shown
+
+
 @pytest.mark.parametrize("section", [key for key in ON_ETHERNET if key not in ("version", "monotonic")])
 def test_whatever_stands_in_a_section_the_page_gets_the_same_form(section: str) -> None:
     def form(value: Any) -> Any:
