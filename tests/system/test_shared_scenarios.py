@@ -4,11 +4,15 @@ from __future__ import annotations
 
 import pathlib
 import shutil
+from collections.abc import Callable
 
 import pytest
 
+from orv_testbed import box as boxes
 from orv_testbed.box import Box
 from orv_testbed.programs import TREE, program
+from orv_testbed.scenarios import __main__ as command
+from orv_testbed.scenarios import gateways
 from orv_testbed.scenarios.run import Cannot, Failed, on_box, on_loopback
 from orv_testbed.topics import GREEN, YELLOW
 
@@ -55,3 +59,41 @@ def test_a_difference_is_seen(box: Box, tmp_path: pathlib.Path, change: str, see
 def test_a_machine_without_interfaces_for_the_purpose_says_so() -> None:
     with pytest.raises(Cannot, match="13: ethernet dead: not on a real broker.*run it on a gateway box"):
         on_loopback(program("orv-shell"), TREE / "tests/scenarios/fail-over-and-return.orv")
+
+
+@pytest.mark.parametrize(
+    "fault", [boxes.Failed("box up: no room"), BrokenPipeError("its shell has ended"), Failed("another journal")]
+)
+def test_a_scenario_that_breaks_off_leaves_the_next_one_its_turn(
+    fault: Exception, monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str]
+) -> None:
+    run: list[str] = []
+
+    def begin(_: str, scenario: pathlib.Path) -> None:
+        run.append(scenario.name)
+        raise fault
+
+    monkeypatch.setattr(command, "on_loopback", begin)
+    assert command.main(["orv-shell", "first.orv", "second.orv"]) == 1
+    assert run == ["first.orv", "second.orv"]
+    assert f"second.orv: {fault}" in capsys.readouterr().err
+
+
+def test_a_gateway_that_does_not_come_up_leaves_nothing_behind(
+    monkeypatch: pytest.MonkeyPatch, tmp_path: pathlib.Path
+) -> None:
+    def never(self: gateways.Recorder, _: int) -> None:
+        raise boxes.Failed("no subscription")
+
+    left: list[gateways.Recorder] = []
+    make: Callable[..., None] = gateways.Recorder.__init__
+
+    def remember(self: gateways.Recorder, *arguments: object) -> None:
+        make(self, *arguments)
+        left.append(self)
+
+    monkeypatch.setattr(gateways.Recorder, "__init__", remember)
+    monkeypatch.setattr(gateways.Recorder, "await_subscription", never)
+    with pytest.raises(boxes.Failed):
+        gateways.Loopback(program("orv-shell"), tmp_path, "10ms")
+    assert left[0].process.poll() is not None

@@ -13,14 +13,16 @@ waits until everything has come that came in virtual time; what differs, or come
 from __future__ import annotations
 
 import pathlib
+import subprocess
 import sys
 from collections.abc import Sequence
 
 from orv_testbed.box import Box
 from orv_testbed.scenarios.run import Cannot, Failed, on_box, on_loopback
-from orv_testbed.waiting import NotInTime
 
 SKIPPED = 77
+# A box, a program or a wait that fails spoils its own scenario only.
+FAULTS = (Failed, AssertionError, OSError, subprocess.SubprocessError)
 
 
 def main(arguments: Sequence[str]) -> int:
@@ -44,7 +46,7 @@ def main(arguments: Sequence[str]) -> int:
         except Cannot as reason:
             print(f"{file}:{reason}", flush=True)
             skipped += 1
-        except (Failed, NotInTime) as fault:
+        except FAULTS as fault:
             print(f"{file}: {fault}", file=sys.stderr, flush=True)
             faults += 1
     return 1 if faults else SKIPPED if skipped else 0

@@ -50,12 +50,16 @@ class Gateway:
     def __init__(self, command: list[str]) -> None:
         self.journal = Journal(self.KINDS)
         self.command = command
-        self.recorder = Recorder(self.journal, self.start_program, self.port())
-        self.recorder.await_subscription(1)
         self.process: subprocess.Popen[str] | None = None
         self.said: list[str] = []
         self.log: list[str] = []
         self.readers: list[threading.Thread] = []
+        self.recorder = Recorder(self.journal, self.start_program, self.port())
+        try:
+            self.recorder.await_subscription(1)
+        except BaseException:
+            self.stop()
+            raise
 
     # ---- what differs between gateways
 
