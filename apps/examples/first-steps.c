@@ -10,24 +10,25 @@
 #include <stdio.h>
 #include <unistd.h>
 
-/* Callbacks and signals run beside main's loop: they only write a letter into this pipe, and the loop does the work. */
-static int pipe_ends[2];
+/* Callbacks and signals run beside main's loop: they only write into a pipe, and the loop does the work. */
+static int reloads[2];
+static int ends[2];
 
-static void tell_loop(char letter) {
-    if (write(pipe_ends[1], &letter, 1) < 0) {
-        /* full: the loop has enough to do */
+static void tell_loop(const int pipe_ends[2]) {
+    if (write(pipe_ends[1], "", 1) < 0) {
+        /* full: the loop has been told often enough */
     }
 }
 
 static void on_signal(int number) {
     (void)number;
-    tell_loop('e');
+    tell_loop(ends);
 }
 
 static void on_app_action(void* user, int action) {
     (void)user;
     if (action == ORV_APP_ACTION_RELOAD)
-        tell_loop('r');
+        tell_loop(reloads);
 }
 
 static void on_device_probe(void* user, const char* guid, size_t length) {
@@ -41,14 +42,10 @@ static void on_device_cellular_status(void* user, int item, const char* value, s
         printf("signal %.*s\n", (int)length, value);
 }
 
-/* Does what the letter asks for. Returns 0 when the application is to end. */
-static int obey(struct orv_client* client, char letter) {
-    if (letter == 'e')
-        return 0;
+static void reload(struct orv_client* client) {
     orv_client_app_status(client, ORV_APP_STATUS_BOOTING);
     puts("reads its settings again");
     orv_client_app_status(client, ORV_APP_STATUS_READY);
-    return 1;
 }
 
 /* Returns the result of the first call that fails. */
@@ -60,10 +57,13 @@ static int run(struct orv_client* client) {
     if (result == ORV_OK)
         result = orv_client_app_status(client, ORV_APP_STATUS_READY);
     while (result == ORV_OK && running) {
-        struct pollfd told = {.fd = pipe_ends[0], .events = POLLIN};
-        char letter;
-        if (poll(&told, 1, 200) > 0 && read(pipe_ends[0], &letter, 1) == 1)
-            running = obey(client, letter);
+        struct pollfd told[] = {{.fd = ends[0], .events = POLLIN}, {.fd = reloads[0], .events = POLLIN}};
+        char byte;
+        if (poll(told, 2, 200) > 0) {
+            running = told[0].revents == 0;
+            if (running && read(reloads[0], &byte, 1) == 1)
+                reload(client);
+        }
         result = orv_client_tick(client, 200);
         if (orv_client_cloud_reconnect_needed(client) == 1)
             puts("connects to the cloud again");
@@ -83,7 +83,8 @@ int main(void) {
     int result;
 
     setvbuf(stdout, NULL, _IOLBF, 0);
-    if (pipe(pipe_ends) != 0 || fcntl(pipe_ends[1], F_SETFL, O_NONBLOCK) != 0)
+    if (pipe(reloads) != 0 || pipe(ends) != 0 || fcntl(reloads[1], F_SETFL, O_NONBLOCK) != 0 ||
+        fcntl(ends[1], F_SETFL, O_NONBLOCK) != 0)
         return 1;
     sigaction(SIGINT, &ending, NULL);
     sigaction(SIGTERM, &ending, NULL);
