@@ -13,6 +13,7 @@ from orv_testbed.box import Box
 from orv_testbed.programs import TREE, program
 from orv_testbed.scenarios import __main__ as command
 from orv_testbed.scenarios import gateways
+from orv_testbed.scenarios.recorder import Recorder
 from orv_testbed.scenarios.run import Cannot, Failed, on_box, on_loopback
 from orv_testbed.topics import GREEN, YELLOW
 
@@ -82,18 +83,18 @@ def test_a_scenario_that_breaks_off_leaves_the_next_one_its_turn(
 def test_a_gateway_that_does_not_come_up_leaves_nothing_behind(
     monkeypatch: pytest.MonkeyPatch, tmp_path: pathlib.Path
 ) -> None:
-    def never(self: gateways.Recorder, _: int) -> None:
+    def never(self: Recorder, _: int) -> None:
         raise boxes.Failed("no subscription")
 
-    left: list[gateways.Recorder] = []
-    make: Callable[..., None] = gateways.Recorder.__init__
+    left: list[Recorder] = []
+    make: Callable[..., None] = Recorder.__init__
 
-    def remember(self: gateways.Recorder, *arguments: object) -> None:
+    def remember(self: Recorder, *arguments: object) -> None:
         make(self, *arguments)
         left.append(self)
 
-    monkeypatch.setattr(gateways.Recorder, "__init__", remember)
-    monkeypatch.setattr(gateways.Recorder, "await_subscription", never)
+    monkeypatch.setattr(Recorder, "__init__", remember)
+    monkeypatch.setattr(Recorder, "await_subscription", never)
     with pytest.raises(boxes.Failed):
         gateways.Loopback(program("orv-shell"), tmp_path, "10ms")
     assert left[0].process.poll() is not None
