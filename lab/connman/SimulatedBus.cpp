@@ -253,7 +253,7 @@ void SimulatedBus::Read(BusConnection& connection, DBusMessage& call) {
     const std::string destination = dbus_message_get_destination(&call);
     lastSerial = dbus_message_get_serial(&call);
     if (destination == DBUS_SERVICE_DBUS)
-        return AskBus(connection, call);
+        return HandleBusCall(connection, call);
     if (owner.empty() || destination != owner)
         return Send(connection, BusMessages::Error(call, DBUS_ERROR_SERVICE_UNKNOWN), DBUS_SERVICE_DBUS);
     ++calls;
@@ -263,7 +263,7 @@ void SimulatedBus::Read(BusConnection& connection, DBusMessage& call) {
     asked.push_back({sim.Now() + taking, connection.number, owner, Message(dbus_message_ref(&call))});
 }
 
-void SimulatedBus::AskBus(BusConnection& connection, DBusMessage& call) {
+void SimulatedBus::HandleBusCall(BusConnection& connection, DBusMessage& call) {
     const std::string member = dbus_message_get_member(&call);
     if (member == "GetNameOwner") {
         Message answer =
@@ -289,8 +289,8 @@ void SimulatedBus::Answer(const Asked& one) {
     }
     const bool refuses = manners == Manners::REFUSES && random.OneIn(2);
     refused = refused || refuses;
-    Message answer =
-        refuses ? BusMessages::Error(*one.call, "net.connman.Error.InvalidService") : Carry(*one.call, news);
+    Message answer = refuses ? BusMessages::Error(*one.call, "net.connman.Error.InvalidService")
+                             : HandleManagerCall(*one.call, news);
     const bool newsFirst = random.OneIn(2);
     if (!newsFirst)
         Send(*Find(one.connection), std::move(answer), one.owner);
@@ -303,7 +303,7 @@ void SimulatedBus::Answer(const Asked& one) {
 }
 
 /// What the connection manager does, and says to everybody.
-Message SimulatedBus::Carry(DBusMessage& call, std::vector<Message>& news) {
+Message SimulatedBus::HandleManagerCall(DBusMessage& call, std::vector<Message>& news) {
     const std::string member = dbus_message_get_member(&call);
     if (member == "GetServices")
         return BusMessages::Services(call, services);

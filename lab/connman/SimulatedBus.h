@@ -124,9 +124,9 @@ private:
     };
 
     void Read(BusConnection& connection, DBusMessage& call);
-    void AskBus(BusConnection& connection, DBusMessage& call);
+    void HandleBusCall(BusConnection& connection, DBusMessage& call);
     void Answer(const Asked& asked);
-    Message Carry(DBusMessage& call, std::vector<Message>& news);
+    Message HandleManagerCall(DBusMessage& call, std::vector<Message>& news);
     void Send(BusConnection& connection, Message message, const std::string& sender, Time later = 0);
     void SendAll(const char* rule, Message signal, const std::string& sender);
     void OwnerChanged(const std::string& before);

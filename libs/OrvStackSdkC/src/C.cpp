@@ -39,37 +39,37 @@ public:
     void OnInitConfirmation(const Confirmation& confirmation) override { accepted = confirmation == Confirmation::ACK; }
 
     void OnAppActionIndication(const AppAction& action) override {
-        Tell(callbacks.on_app_action, static_cast<int>(action));
+        Notify(callbacks.on_app_action, static_cast<int>(action));
     }
 
     void OnAppStatusIndication(const std::string&, const AppStatus&) override {}
 
     void OnDeviceProbeIndication(const std::string& guid) override {
-        Tell(callbacks.on_device_probe, guid.c_str(), guid.size());
+        Notify(callbacks.on_device_probe, guid.c_str(), guid.size());
     }
 
     void OnDeviceOnlineStatusIndication(bool online) override {
-        Tell(callbacks.on_device_online_status, static_cast<int>(online));
+        Notify(callbacks.on_device_online_status, static_cast<int>(online));
     }
 
     void OnDeviceCellularStatusIndication(const CellularStatus& item, const std::string& value) override {
-        Tell(callbacks.on_device_cellular_status, static_cast<int>(item), value.c_str(), value.size());
+        Notify(callbacks.on_device_cellular_status, static_cast<int>(item), value.c_str(), value.size());
     }
 
     void OnFeatureShutdownReadinessIndication(const std::string& app, bool ready) override {
-        Tell(callbacks.on_feature_shutdown_readiness, app.c_str(), app.size(), static_cast<int>(ready));
+        Notify(callbacks.on_feature_shutdown_readiness, app.c_str(), app.size(), static_cast<int>(ready));
     }
 
 private:
     template <typename... Arguments>
-    void Tell(void (*callback)(void*, Arguments...), Arguments... arguments) {
+    void Notify(void (*callback)(void*, Arguments...), Arguments... arguments) {
         const std::lock_guard<std::recursive_mutex> lock(mutex);
         if (callback == nullptr || closed)
             return;
         try {
             callback(user, arguments...);
         } catch (...) {
-            quillogger::LogWrapper::Log(ERROR_LEVEL, false, "OrvStackClient", __LINE__, "Tell",
+            quillogger::LogWrapper::Log(ERROR_LEVEL, false, "OrvStackClient", __LINE__, "Notify",
                                         "A callback of the application has thrown an exception");
         }
     }

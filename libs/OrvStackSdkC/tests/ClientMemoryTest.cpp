@@ -81,7 +81,7 @@ TEST(AClientWithoutMemory, IsNotMade) {
     }
 }
 
-void Tell(const std::string& panel) {
+void PublishPanelStatus(const std::string& panel) {
     OrvPlatformFake::FakeBroker::Get().Inject("/orv/panel/connection_status", panel);
     OrvPlatformFake::FakeBroker::Get().Deliver();
 }
@@ -95,9 +95,9 @@ TEST(ACallbackWithoutMemory, EndsThereAndTheNextOneComes) {
         OrvTest::FailAllocation(1);
         static_cast<void>(std::make_unique<Application>());
     };
-    EXPECT_NO_THROW(Tell("UP"));
+    EXPECT_NO_THROW(PublishPanelStatus("UP"));
     application.then = nullptr;
-    Tell("DOWN");
+    PublishPanelStatus("DOWN");
     EXPECT_EQ(application.Heard(), (Lines{"online 1", "online 0"}));
     orv_client_destroy(client);
 }

@@ -29,13 +29,13 @@ protected:
     }
 
     /// Sends this to the client as a message, over the latest connection.
-    void Tell(const std::string& topic, const std::string& message) {
+    void Publish(const std::string& topic, const std::string& message) {
         EXPECT_EQ(client->PublishMessage("echo", topic + "=" + message, false), 0);
     }
 
     /// The delivery thread's allocation of this number fails from now on.
     void Arm(int allocation) {
-        Tell("arm", std::to_string(allocation));
+        Publish("arm", std::to_string(allocation));
         EXPECT_TRUE(WaitUntil([&] { return client->HasReceived("arm", std::to_string(allocation)); }));
     }
 
@@ -83,7 +83,7 @@ protected:
 TEST_F(AClientThatRunsOutOfMemory, LosesTheMessageCountsItAndGoesOn) {
     for (int allocation = 1; allocation <= 20; ++allocation) {
         Arm(allocation);
-        Tell(Long("topic"), Long("payload"));
+        Publish(Long("topic"), Long("payload"));
         ASSERT_TRUE(Check(allocation)) << allocation;
     }
     EXPECT_GE(failures, 3);
