@@ -125,15 +125,21 @@ def test_what_the_platform_has_lost_is_counted(box: Box, status: Status, applica
     assert "\norv_lost_log_records_total 0\n" in metrics
 
 
-@pytest.mark.parametrize("part", ["broker", "connman", "bus"])
-def test_a_frozen_part_holds_nobody_up(box: Box, status: Status, application: subprocess.Popen[str], part: str) -> None:
-    status.becomes("present", "present", "running", HEALTHY)
-    box(part, "freeze")
-    seen = status.seen()
-    assert seen["exit_status"] == HEALTHY  # by the application's own word
-    assert seen["broker" if part == "broker" else "connman"]["state"] != "present"
-    assert seen["broker" if part == "broker" else "connman"]["reason"]
-    box(part, "thaw")
+def test_whichever_parts_are_frozen_nobody_is_held_up(
+    box: Box, status: Status, application: subprocess.Popen[str]
+) -> None:
+    every = ("broker", "connman", "bus")
+    for parts in itertools.chain.from_iterable(itertools.combinations(every, count) for count in (1, 2, 3)):
+        status.becomes("present", "present", "running", HEALTHY)
+        for part in parts:
+            box(part, "freeze")
+        seen = status.seen()
+        assert seen["exit_status"] == HEALTHY, parts  # by the application's own word
+        for told, frozen in (("broker", "broker" in parts), ("connman", parts != ("broker",))):
+            assert (seen[told]["state"] != "present") == frozen, parts
+            assert bool(seen[told]["reason"]) == frozen, parts
+        for part in reversed(parts):
+            box(part, "thaw")
     status.becomes("present", "present", "running", HEALTHY)
 
 
