@@ -10,10 +10,16 @@ import subprocess
 import tempfile
 from typing import Any, Self
 
+from orv_testbed.layout import SIDES
 from orv_testbed.programs import TESTBED, program
 from orv_testbed.status_files import ERRORS, STATUSES, read_statuses
 
 LONGEST_COMMAND: float = 90  # seconds
+
+
+def family_at(side: str, peer: str) -> str:
+    """The family in which the gateway has sent what the cloud has from this peer, "ADDRESS:PORT"."""
+    return SIDES[side].family_of(peer.rpartition(":")[0].strip("[]")) or ""
 
 
 class Failed(AssertionError):
@@ -21,13 +27,15 @@ class Failed(AssertionError):
 
 
 class Box:
-    """Up within `with`. `name` has 8 small letters and digits at most."""
+    """Up within `with`. `name` has 8 small letters and digits at most; `families` as `box up --families` has them."""
 
     kind: tuple[str, ...] = ()  # what follows `up`
     longest_command = LONGEST_COMMAND
 
-    def __init__(self, name: str) -> None:
+    def __init__(self, name: str, families: str | None = None) -> None:
         self.name = name
+        if families:
+            self.kind = ("--families", families)
         self.folder = pathlib.Path(tempfile.gettempdir()) / f"orv-box-{name}"
         self.environment = {
             **os.environ,
@@ -107,8 +115,16 @@ class Box:
 
     def handshakes(self, side: str) -> list[str]:
         """When the connections were taken over this side on which the cloud has completed a TLS handshake."""
+        return [time for time, _ in self.handshakes_by_family(side)]
+
+    def handshakes_by_family(self, side: str) -> list[tuple[str, str]]:
+        """The same, with the family in which each has left the gateway, whatever its provider has translated it to."""
         lines = (line.split() for line in self("log", "cloud-https").splitlines())
-        return [words[0] for words in lines if words[1] == side and words[3] == "handshake"]
+        return [
+            (time, family_at(side, peer))
+            for time, its_side, peer, outcome, *_ in lines
+            if (its_side, outcome) == (side, "handshake")
+        ]
 
     def pid_of(self, process: str) -> int:
         """Of one of the box's own processes."""

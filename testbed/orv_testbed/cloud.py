@@ -4,17 +4,29 @@ from __future__ import annotations
 
 from orv_testbed.box_processes import PYTHON, BoxProcesses
 from orv_testbed.certificates import Authority
-from orv_testbed.layout import CELLULAR, CLOUD_ADDRESS, CLOUD_NAME, ETHERNET, PORTAL_NAME, SIDES, BoxError, Layout, Side
+from orv_testbed.families import Families
+from orv_testbed.layout import (
+    CLOUD_ADDRESS,
+    CLOUD_ADDRESS_6,
+    CLOUD_NAME,
+    ETHERNET,
+    PORTAL_NAME,
+    SIDES,
+    BoxError,
+    Layout,
+    Side,
+)
 from orv_testbed.networks import Namespace
 from orv_testbed.programs import daemon
 from orv_testbed.waiting import comes_within
 
-BROKER = """user root
-listener 8883 {address}
+LISTENER = """listener 8883 {address}
 cafile {tls}/ca.pem
 certfile {tls}/server.pem
 keyfile {tls}/server.key
-allow_anonymous true
+"""
+BROKER = """user root
+{listeners}allow_anonymous true
 set_tcp_nodelay true
 log_type all
 log_timestamp_format %Y-%m-%dT%H:%M:%S
@@ -26,18 +38,23 @@ class Cloud:
         self._layout, self._processes, self._namespace = layout, processes, namespace
         self._folder = layout.state / "cloud"
 
+    def _addresses(self) -> list[str]:
+        families = Families.of(self._layout.state).cloud
+        return [address for family, address in (("4", CLOUD_ADDRESS), ("6", CLOUD_ADDRESS_6)) if family in families]
+
     def start(self) -> None:
         tls = self._layout.certificates
         tls.mkdir(parents=True)
         right = Authority(tls, "ca", "Gateway box CA")
         wrong = Authority(tls, "other-ca", "A CA that the gateway does not know")
-        cloud = f"DNS:{CLOUD_NAME},IP:{CLOUD_ADDRESS}"
+        cloud = f"DNS:{CLOUD_NAME},IP:{CLOUD_ADDRESS},IP:{CLOUD_ADDRESS_6}"
         right.certify("server", CLOUD_NAME, cloud)
         wrong.certify("wrong", CLOUD_NAME, cloud)
         wrong.certify("portal", PORTAL_NAME, f"DNS:{PORTAL_NAME},IP:{ETHERNET.net}.1")
         for side in SIDES.values():
             self.answer(side, "ok")
-        configuration = BROKER.format(address=CLOUD_ADDRESS, tls=tls)
+        listeners = "".join(LISTENER.format(address=address, tls=tls) for address in self._addresses())
+        configuration = BROKER.format(listeners=listeners)
         (self._folder / "mosquitto.conf").write_text(configuration, encoding="utf-8")
         self.open()
 
@@ -51,8 +68,8 @@ class Cloud:
     def open(self) -> None:
         here = self._namespace
         if not self._processes.alive("cloud-https"):
-            arguments = (self._folder, CLOUD_ADDRESS, f"{ETHERNET.net}.", f"{CELLULAR.net}.")
-            self._processes.start("cloud-https", here.command(*PYTHON, "orv_testbed.cloud_https", *arguments))
+            command = here.command(*PYTHON, "orv_testbed.cloud_https", self._folder, *self._addresses())
+            self._processes.start("cloud-https", command)
         if not self._processes.alive("cloud-mqtt"):
             command = here.command(daemon("mosquitto"), "-c", self._folder / "mosquitto.conf")
             self._processes.start("cloud-mqtt", command)

@@ -29,6 +29,9 @@ class Caller:
     port: int
     taken: datetime.datetime
 
+    def __str__(self) -> str:
+        return f"[{self.address}]:{self.port}" if ":" in self.address else f"{self.address}:{self.port}"
+
 
 def context(certificate: pathlib.Path) -> ssl.SSLContext:
     """For a certificate NAME.pem whose key is NAME.key."""
@@ -54,7 +57,8 @@ class Endpoint:
         reply: bytes,
     ) -> None:
         self._manner, self._tell, self._reply = manner, tell, reply
-        self._listener = socket.create_server((address, port), backlog=64)
+        family = socket.AF_INET6 if ":" in address else socket.AF_INET
+        self._listener = socket.create_server((address, port), family=family, backlog=64)
         self.port: int = self._listener.getsockname()[1]
 
     def start(self) -> None:
@@ -62,7 +66,7 @@ class Endpoint:
 
     def run(self) -> None:
         while True:
-            connection, (address, port) = self._listener.accept()
+            connection, (address, port, *_) = self._listener.accept()
             caller = Caller(address, port, datetime.datetime.now(datetime.timezone.utc))
             threading.Thread(target=self._serve, args=(connection, caller), daemon=True).start()
 

@@ -14,8 +14,9 @@ import sys
 from orv_testbed.box_processes import PYTHON, BoxProcesses, python_environment
 from orv_testbed.certificates import hash_of
 from orv_testbed.commands import Word, run, succeeds
-from orv_testbed.layout import CELLULAR, CLOUD_NAME, BoxError, Layout
-from orv_testbed.networks import Namespace
+from orv_testbed.families import Families
+from orv_testbed.layout import CELLULAR, CLOUD_NAME, BoxError, Layout, Side
+from orv_testbed.networks import GATEWAYS_CARDS, Namespace
 from orv_testbed.programs import TESTBED, TOOLS, TREE, Missing, daemon, program
 from orv_testbed.waiting import comes_within
 
@@ -191,7 +192,10 @@ class Gateway:
             self.namespace.ip("link set dev wwan0 up")
         if not self._address.exists():
             self._address.write_text(f"{CELLULAR.net}.50\n", encoding="ascii")
-        network = (self.cellular_address(), "255.255.255.0", f"{CELLULAR.net}.1", CELLULAR.name_server)
+        families = Families.of(self._layout.state).cell
+        address = self.cellular_address() if "4" in families else "-"
+        network = [address, "255.255.255.0", f"{CELLULAR.net}.1", CELLULAR.name_server]
+        network += [f"{CELLULAR.net_6}:1", CELLULAR.name_server_6] if "6" in families else []
         self._processes.start("modem", self.command(*PYTHON, "orv_testbed.modem", "wwan0", *network))
         if not comes_within(10, lambda: self._on_bus_or_ended("modem", "org.ofono")) or not self._processes.alive(
             "modem"
@@ -239,5 +243,15 @@ class Gateway:
         return bool(paths) and self.call("net.connman", paths[0], "net.connman.Service.Connect")
 
     def _both_connected(self) -> bool:
-        states = [line.split()[1] for line in (self.services() or "").splitlines()]
-        return sum(state in ("ready", "online") for state in states) >= 2
+        services = {words[0]: words for words in map(str.split, (self.services() or "").splitlines())}
+        connected = [name for name, words in services.items() if words[1] in ("ready", "online")]
+        return len(connected) >= 2 and all(self._has_ipv6(*one, services) for one in self._with_ipv6())
+
+    def _with_ipv6(self) -> list[tuple[str, Side]]:
+        families = Families.of(self._layout.state)
+        return [(interface, side) for side, interface, _ in GATEWAYS_CARDS if "6" in families.at(side)]
+
+    def _has_ipv6(self, interface: str, side: Side, services: dict[str, list[str]]) -> bool:
+        """An address that may be used, and a name server that ConnMan has heard of."""
+        addresses = self.namespace.ip(f"-6 -o addr show dev {interface} scope global -tentative")
+        return bool(addresses) and side.name_server_6 in services[interface][4].split(",")

@@ -12,6 +12,7 @@ from orv_testbed import watch
 from orv_testbed.box_processes import BoxProcesses
 from orv_testbed.cloud import Cloud
 from orv_testbed.commands import succeeds
+from orv_testbed.families import Families
 from orv_testbed.fault_record import FaultRecord
 from orv_testbed.faults import Faults
 from orv_testbed.gateway import Gateway
@@ -46,7 +47,7 @@ class GatewayBox:
         self.record = FaultRecord(self.layout.state)
         self.report = Report(self.layout, self.processes, self.gateway, self.record)
 
-    def up(self, machine: bool) -> None:
+    def up(self, machine: bool, families: Families) -> None:
         self.layout.check_place()
         check_host()
         image = self.board.find_image() if machine else None
@@ -56,6 +57,8 @@ class GatewayBox:
         try:
             for folder in ("pid", "log"):
                 (self.layout.state / folder).mkdir()
+            families.note(self.layout.state)
+            self.networks.families = families
             if image:
                 self.board.make(image)
             self.networks.make(taps=machine)
@@ -113,9 +116,11 @@ class GatewayBox:
             self.board.do(word, *words)
             if word in FAULTS:
                 self.record.note(word, *words)
-        elif word == "up" and words in ((), ("--machine", "mipsel")):
+        elif word == "up" and (
+            words in ((), ("--machine", "mipsel")) or words[:1] == ("--families",) and len(words) == 2
+        ):
             self.layout.check_caller()
-            self.up(machine=bool(words))
+            self.up("--machine" in words, Families.parse(words[1]) if "--families" in words else Families())
         elif word == "down" and not words:
             self.layout.check_caller()
             self.down()

@@ -2,6 +2,7 @@
 """What a gateway box is called, where it keeps its state, and which addresses it has."""
 from __future__ import annotations
 
+import ipaddress
 import os
 import pathlib
 import re
@@ -10,6 +11,7 @@ from typing import NamedTuple, NoReturn
 
 CLOUD_NAME = "cloud.box.test"
 CLOUD_ADDRESS = "198.51.100.10"  # TEST-NET-2
+CLOUD_ADDRESS_6 = "2001:db8:51::10"  # of the documentation prefix, as all IPv6 addresses of a box
 PORTAL_NAME = "portal.box.test"
 LONGEST_SOCKET = 107  # characters, which the kernel takes
 FORBIDDEN = ("/etc", "/var", "/run")
@@ -30,10 +32,24 @@ class Side(NamedTuple):
     net: str  # between gateway and provider, without the last number
     uplink: str  # between provider and cloud, likewise
     name_server: str  # the provider's own
+    net_6: str  # what the provider has: its first 48 bits
+    uplink_6: str  # between provider and cloud: its first 64 bits
+    name_server_6: str
+
+    @property
+    def pool(self) -> str:
+        """The IPv4 addresses that its customers with IPv6 alone come from, without the last number."""
+        return f"{self.net.rpartition('.')[0]}.64"
+
+    def family_of(self, address: str) -> str | None:
+        """In which family its customer with this address, as the cloud sees it, has sent; None if it is no customer's."""
+        nets = {f"{self.net}.0/24": "4", f"{self.net_6}::/48": "6", f"{self.pool}.0/24": "6"}
+        found = (family for net, family in nets.items() if ipaddress.ip_address(address) in ipaddress.ip_network(net))
+        return next(found, None)
 
 
-ETHERNET = Side("eth", "10.11.0", "10.99.1", "10.21.0.53")
-CELLULAR = Side("cell", "10.12.0", "10.99.2", "10.22.0.53")
+ETHERNET = Side("eth", "10.11.0", "10.99.1", "10.21.0.53", "2001:db8:11", "2001:db8:99:1", "2001:db8:21::53")
+CELLULAR = Side("cell", "10.12.0", "10.99.2", "10.22.0.53", "2001:db8:12", "2001:db8:99:2", "2001:db8:22::53")
 SIDES = {side.name: side for side in (ETHERNET, CELLULAR)}
 
 

@@ -1,12 +1,13 @@
 # SPDX-License-Identifier: Apache-2.0
-"""modem INTERFACE ADDRESS NETMASK ROUTER NAME-SERVER
+"""modem INTERFACE ADDRESS NETMASK ROUTER NAME-SERVER [IPV6-PREFIX IPV6-NAME-SERVER]
 
 As much of the modem manager's D-Bus interface (org.ofono) as ConnMan needs to see one attached modem whose data
 connection runs over INTERFACE, so that ConnMan has a service of its genuine type "cellular". The bearer is switched with
 
   dbus-send --system --dest=org.ofono /modem box.Control.Bearer boolean:false
 
-and another address is given to the next data connection with box.Control.Address string:ADDRESS.
+and another address is given to the next data connection with box.Control.Address string:ADDRESS. An ADDRESS of "-" means a
+data connection with IPv6 alone.
 """
 from __future__ import annotations
 
@@ -20,6 +21,7 @@ import dbus.service
 from gi.repository import GLib
 
 INTERFACE, ADDRESS, NETMASK, ROUTER, NAME_SERVER = sys.argv[1:6]
+IPV6 = sys.argv[6:8]  # prefix and name server; the addresses come from the provider's router
 OFONO = "org.ofono"
 MODEM = OFONO + ".Modem"
 SIM = OFONO + ".SimManager"
@@ -58,7 +60,7 @@ class Context(dbus.service.Object):
         self.address = ADDRESS
 
     def settings(self) -> Any:
-        if not self.active:
+        if not self.active or self.address == "-":
             return dictionary({})
         return dictionary(
             {
@@ -71,12 +73,32 @@ class Context(dbus.service.Object):
             }
         )
 
+    @staticmethod
+    def protocol() -> str:
+        return ("ipv6" if ADDRESS == "-" else "dual") if IPV6 else "ip"
+
+    def settings_6(self) -> Any:
+        if not self.active or not IPV6:
+            return dictionary({})
+        prefix, name_server = IPV6
+        return dictionary(
+            {
+                "Interface": INTERFACE,
+                "Address": f"{prefix}::",
+                "PrefixLength": dbus.Byte(64),
+                "Gateway": "fe80::1",
+                "DomainNameServers": texts(name_server),
+            }
+        )
+
     def set_active(self, active: bool) -> None:
         if active and not self.available:
             return
         if active != self.active:
             self.active = active
             self.PropertyChanged("Settings", self.settings())
+            if IPV6:
+                self.PropertyChanged("IPv6.Settings", self.settings_6())
             self.PropertyChanged("Active", dbus.Boolean(active))
 
     @dbus.service.method(CONTEXT, out_signature="a{sv}")
@@ -86,8 +108,9 @@ class Context(dbus.service.Object):
                 "Type": "internet",
                 "Active": dbus.Boolean(self.active),
                 "AccessPointName": "box",
-                "Protocol": "ip",
+                "Protocol": self.protocol(),
                 "Settings": self.settings(),
+                "IPv6.Settings": self.settings_6(),
             }
         )
 

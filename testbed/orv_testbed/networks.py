@@ -12,7 +12,19 @@ from collections.abc import Iterator
 
 from orv_testbed.box_processes import BoxProcesses
 from orv_testbed.commands import is_mount_point, run, succeeds
-from orv_testbed.layout import CELLULAR, CLOUD_ADDRESS, CLOUD_NAME, ETHERNET, SIDES, BoxError, Layout, Side
+from orv_testbed.families import Families
+from orv_testbed.ipv6 import NAMES_BEHIND_DNS64, Ipv6
+from orv_testbed.layout import (
+    CELLULAR,
+    CLOUD_ADDRESS,
+    CLOUD_ADDRESS_6,
+    CLOUD_NAME,
+    ETHERNET,
+    SIDES,
+    BoxError,
+    Layout,
+    Side,
+)
 from orv_testbed.waiting import comes_within
 
 RUN = pathlib.Path("/run")
@@ -83,9 +95,13 @@ class Networks:
         self.providers = {side.name: Namespace(f"{layout.name}-{side.name}") for side in SIDES.values()}
         self.cloud = Namespace(f"{layout.name}-cloud")
         self.all = [self.gateway, *self.providers.values(), self.cloud]
+        self.families = Families.of(layout.state)
 
     def provider(self, side: Side) -> Namespace:
         return self.providers[side.name]
+
+    def ipv6(self, side: Side) -> Ipv6:
+        return Ipv6(self._layout, self._processes, side, self.provider(side), self.cloud)
 
     def check(self) -> None:
         for namespace in self.all:
@@ -100,6 +116,9 @@ class Networks:
         self._add()
         for namespace in self.all:
             namespace.ip("link set lo up")
+            if self.families.has_ipv6() and namespace is not self.gateway:
+                # Duplicate address detection keeps nobody waiting but the gateway.
+                run(*namespace.command("sysctl", "-qw", "net.ipv6.conf.default.accept_dad=0"))
         for side, interface, address in GATEWAYS_CARDS:
             if taps:
                 run(*self.provider(side).command("ip", "tuntap", "add", "dev", "lan", "mode", "tap"))
@@ -108,6 +127,8 @@ class Networks:
                 # Without this the kernel leaves UDP checksums to the "hardware", and ConnMan's DHCP client drops the answers.
                 run(*self.provider(side).command("ethtool", "-K", "lan", "tx", "off"))
         self.cloud.ip(f"addr add {CLOUD_ADDRESS}/32 dev lo")
+        if self.families.has_ipv6():
+            self.cloud.ip(f"addr add {CLOUD_ADDRESS_6}/128 dev lo")
         for side in SIDES.values():
             self._make_cable(self.provider(side), "up", self.cloud, side.name)
             self.cloud.ip(f"addr add {side.uplink}.2/30 dev {side.name}")
@@ -149,14 +170,21 @@ class Networks:
         """A router with DHCP and a name server of its own, which only its own customers reach."""
         namespace = self.provider(side)
         namespace.ip(f"addr add {side.name_server}/32 dev lo")
-        namespace.ip(f"addr add {side.net}.1/24 dev lan")
+        families = self.families.at(side)
+        if "4" in families:
+            namespace.ip(f"addr add {side.net}.1/24 dev lan")
         namespace.ip(f"addr add {side.uplink}.1/30 dev up")
         namespace.ip("link set dev lan up")
         namespace.ip("link set dev up up")
         namespace.ip(f"route add {CLOUD_ADDRESS}/32 via {side.uplink}.2")
         # A provider forwards only its own customers' addresses.
         run(*namespace.command("sysctl", "-qw", "net.ipv4.ip_forward=1", "net.ipv4.conf.lan.rp_filter=1"))
+        if "6" in families:
+            self.ipv6(side).make()
         self.start_names(side)
+        if families == "6":
+            self.ipv6(side).start_translation()
+            self.ipv6(side).start_dns64()
 
     def start_names(
         self, side: Side, lie: str | None = None, about: str | None = None, first: str | None = None
@@ -166,18 +194,28 @@ class Networks:
         if lie and not about:
             answers = [f"--address=/#/{lie}"]
         elif about != CLOUD_NAME:  # its record would be told before the lie
-            addresses = [first, CLOUD_ADDRESS] if first else [CLOUD_ADDRESS]
+            addresses = [first] if first else []
+            addresses += [CLOUD_ADDRESS] if "4" in self.families.cloud else []
+            addresses += [CLOUD_ADDRESS_6] if "6" in self.families.cloud else []
             answers += ["--no-round-robin", *(f"--host-record={CLOUD_NAME},{address}" for address in addresses)]
         if about:
             answers += [f"--address=/{about}/{lie}"]
         namespace = self.provider(side)
         options = ["--keep-in-foreground", "--conf-file=/dev/null", "--user=root", "--pid-file=", "--no-resolv"]
         options += ["--no-hosts", "--interface=lan", "--interface=lo", "--bind-interfaces", "--dhcp-authoritative"]
-        options += ["--no-ping", f"--dhcp-range={side.net}.100,{side.net}.200,255.255.255.0,1h"]
-        options += [f"--dhcp-leasefile={self._layout.state}/leases-{namespace.name}"]
-        options += [f"--dhcp-option=option:router,{side.net}.1", f"--dhcp-option=option:dns-server,{side.name_server}"]
+        port = 53
+        if "4" in self.families.at(side):
+            options += ["--no-ping", f"--dhcp-range={side.net}.100,{side.net}.200,255.255.255.0,1h"]
+            options += [f"--dhcp-leasefile={self._layout.state}/leases-{namespace.name}"]
+            options += [
+                f"--dhcp-option=option:router,{side.net}.1",
+                f"--dhcp-option=option:dns-server,{side.name_server}",
+            ]
+        else:
+            port = NAMES_BEHIND_DNS64
+            options += [f"--port={port}"]
         name = f"names-{side.name}"
         command = namespace.command("dnsmasq", *options, *answers, "--log-facility=-", "--log-queries")
         self._processes.start(name, command)
-        if not comes_within(5, lambda: namespace.listens(53)):
+        if not comes_within(5, lambda: namespace.listens(port)):
             raise BoxError(f"the name server of {side.name} does not start, see {self._layout.log(name)}")

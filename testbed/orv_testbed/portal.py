@@ -20,7 +20,7 @@ PLAIN, SECURE = 80, (443, 8883)
 
 def open_port(port: int, manner: ssl.SSLContext | Manner, name: str) -> None:
     def log(caller: Caller, outcome: str) -> None:
-        print(stamp(caller.taken), port, f"{caller.address}:{caller.port}", outcome, flush=True)
+        print(stamp(caller.taken), port, caller, outcome, flush=True)
 
     reply = f"HTTP/1.1 302 Found\r\nLocation: https://{name}/\r\nContent-Length: 0\r\nConnection: close\r\n\r\n"
     Endpoint("", port, lambda _: manner, log, reply.encode()).start()

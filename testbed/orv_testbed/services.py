@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""One line a service, in ConnMan's order: interface, state, type, address, name servers, path."""
+"""One line a service, in ConnMan's order: interface, state, type, address, name servers, IPv6 address, path."""
 from __future__ import annotations
 
 import dbus
@@ -14,6 +14,7 @@ def main() -> None:
             properties.get("Type", "-"),
             properties.get("IPv4", {}).get("Address", "-"),
             ",".join(properties.get("Nameservers", [])) or "-",
+            properties.get("IPv6", {}).get("Address", "-"),
             path,
         )
 
