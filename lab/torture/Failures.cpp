@@ -3,6 +3,7 @@
 // AddressSanitizer's own stand behind them, so that it goes on watching.
 #include "torture/Failures.h"
 
+#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -12,9 +13,12 @@
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
+#include <unwind.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -30,7 +34,34 @@ std::atomic<long> failsAt{0};
 std::atomic<bool> failsLater{false};
 std::atomic<long> failed{0};
 std::atomic<bool> printsPlaces{false};
+std::atomic<Place*> placeTold{nullptr};
+std::atomic<std::atomic<long>*> failedTold{nullptr};
 thread_local bool counted = false;
+
+struct Walk {
+    Place& place;
+    std::size_t depth;
+};
+
+_Unwind_Reason_Code NoteFrame(_Unwind_Context* context, void* given) {
+    Walk& walk = *static_cast<Walk*>(given);
+    if (walk.depth == sizeof(walk.place.addresses) / sizeof(walk.place.addresses[0]))
+        return _URC_END_OF_STACK;
+    walk.place.addresses[walk.depth++] = _Unwind_GetIP(context);
+    return _URC_NO_REASON;
+}
+
+void TellPlace(Call call, long number) {
+    const Tortured notThis(false);
+    if (Place* place = placeTold) {
+        Walk walk{*place, 0};
+        _Unwind_Backtrace(NoteFrame, &walk);
+    }
+    if (printsPlaces) {
+        std::fprintf(stderr, "%s number %ld fails:\n", NameOf(call), number);
+        __sanitizer_print_stack_trace();
+    }
+}
 
 /// This one is to fail.
 bool Fails(Call call, int error) {
@@ -39,11 +70,10 @@ bool Fails(Call call, int error) {
     const long number = ++counts[static_cast<std::size_t>(call)];
     if (armed != static_cast<int>(call) || number < failsAt || (number > failsAt && !failsLater))
         return false;
-    if (failed++ == 0 && printsPlaces) {
-        const Tortured not_this(false);
-        std::fprintf(stderr, "%s number %ld fails:\n", NameOf(call), number);
-        __sanitizer_print_stack_trace();
-    }
+    if (failed++ == 0)
+        TellPlace(call, number);
+    if (std::atomic<long>* told = failedTold)
+        ++*told;
     errno = error;
     return true;
 }
@@ -92,6 +122,14 @@ long Failures::Failed() {
 
 void Failures::PrintPlaces(bool print) {
     printsPlaces = print;
+}
+
+void Failures::NotePlace(Place* place) {
+    placeTold = place;
+}
+
+void Failures::NoteFailed(std::atomic<long>* count) {
+    failedTold = count;
 }
 
 Tortured::Tortured(bool isCounted) : before(counted) {
@@ -159,6 +197,12 @@ ORV_REPLACES ssize_t send(int socket, const void* bytes, std::size_t size, int f
     return Fails(Call::SEND, ECONNRESET) ? -1 : real(socket, bytes, size, flags);
 }
 
+ORV_REPLACES ssize_t sendto(int socket, const void* bytes, std::size_t size, int flags, const sockaddr* address,
+                            socklen_t length) {
+    ORV_REAL(sendto);
+    return Fails(Call::SEND, ECONNRESET) ? -1 : real(socket, bytes, size, flags, address, length);
+}
+
 ORV_REPLACES ssize_t sendmsg(int socket, const msghdr* message, int flags) {
     ORV_REAL(sendmsg);
     return Fails(Call::SEND, ECONNRESET) ? -1 : real(socket, message, flags);
@@ -179,9 +223,20 @@ ORV_REPLACES ssize_t read(int file, void* bytes, std::size_t size) {
     return Fails(Call::RECEIVE, EIO) ? -1 : real(file, bytes, size);
 }
 
+// In short pieces: time that is skipped is over for whoever waits, too.
 ORV_REPLACES int poll(pollfd* waits, nfds_t count, int milliseconds) {
     ORV_REAL(poll);
-    return Fails(Call::POLL, ENOMEM) ? -1 : real(waits, count, milliseconds);
+    constexpr int PIECE = 10;
+    if (Fails(Call::POLL, ENOMEM))
+        return -1;
+    if (!OrvLab::counted || (milliseconds >= 0 && milliseconds <= PIECE))
+        return real(waits, count, milliseconds);
+    using Clock = std::chrono::steady_clock;
+    const auto limit = Clock::now() + std::chrono::milliseconds(milliseconds);
+    int ready = 0;
+    while (ready == 0 && (milliseconds < 0 || Clock::now() < limit))
+        ready = real(waits, count, PIECE);
+    return ready;
 }
 
 ORV_REPLACES int eventfd(unsigned first, int flags) {
@@ -224,6 +279,11 @@ FILE* PlainFopen(const char* path, const char* mode) {
     return fopen(path, mode);
 }
 
+ORV_REPLACES DIR* opendir(const char* path) {
+    ORV_REAL(opendir);
+    return Fails(Call::OPEN, EMFILE) ? nullptr : real(path);
+}
+
 ORV_REPLACES ssize_t write(int file, const void* bytes, std::size_t size) {
     ORV_REAL(write);
     return Fails(Call::WRITE, ENOSPC) ? -1 : real(file, bytes, size);
@@ -232,6 +292,16 @@ ORV_REPLACES ssize_t write(int file, const void* bytes, std::size_t size) {
 ORV_REPLACES ssize_t writev(int file, const iovec* pieces, int count) {
     ORV_REAL(writev);
     return Fails(Call::WRITE, ENOSPC) ? -1 : real(file, pieces, count);
+}
+
+ORV_REPLACES int fdatasync(int file) {
+    ORV_REAL(fdatasync);
+    return Fails(Call::WRITE, EIO) ? -1 : real(file);
+}
+
+ORV_REPLACES int rename(const char* from, const char* to) {
+    ORV_REAL(rename);
+    return Fails(Call::WRITE, EROFS) ? -1 : real(from, to);
 }
 
 ORV_REPLACES int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*),

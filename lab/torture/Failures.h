@@ -1,14 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <atomic>
 #include <cstddef>
+#include <cstdint>
 
 namespace OrvLab {
 
-/// Calls of the system that can be made to fail. What C++ takes with new and what C libraries take count apart.
+/// Calls of the system that can be made to fail, each with its siblings. What C++ takes with new and what C libraries
+/// take count apart.
 enum class Call { NEW, MALLOC, SOCKET, CONNECT, SEND, RECEIVE, POLL, EVENTFD, OPEN, WRITE, THREAD };
 constexpr std::size_t CALLS = 11;
 const char* NameOf(Call call);
+
+struct Place {
+    std::uintptr_t addresses[24];
+};
 
 /// How often a call is made, and which one fails. Counted are the calls of the threads that belong to what is tortured:
 /// the one that says so, and those that it starts.
@@ -24,6 +31,10 @@ public:
     static long Failed();
     /// Prints where the first failure happens.
     static void PrintPlaces(bool print);
+    /// Where the first failure happens is put there, as addresses of code from the inside outwards; null for none.
+    static void NotePlace(Place* place);
+    /// How often something has failed is put there, too.
+    static void NoteFailed(std::atomic<long>* count);
 };
 
 /// The thread that has one is counted, and the threads that it starts meanwhile are for good.
@@ -37,5 +48,8 @@ public:
 private:
     const bool before;
 };
+
+/// How many transfers of libcurl have been begun and not been released.
+long TransfersLeft();
 
 } // namespace OrvLab

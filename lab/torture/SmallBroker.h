@@ -26,9 +26,9 @@ public:
     std::uint16_t Port() const { return OrvTest::PortOf(listener); }
     /// Every connection ends.
     void DropAll();
-    void Send(const std::string& topic, const std::string& payload);
+    void Send(const char* topic, const char* payload);
     /// The latest message on that topic, retained or not; empty for none.
-    std::string Latest(const std::string& topic) const;
+    std::string Latest(const char* topic) const;
 
 private:
     struct Session {

@@ -1,28 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
-// torture [--points NUMBER] [--jobs NUMBER]       at most so many points of each program and call; 0, the default: each
-// one torture --one PROGRAM CALL NUMBER once|later    that one, and where it is
+// torture [--seconds NUMBER] [--from SEED] [--jobs NUMBER] [--program NAME]
+//     each point, in an order that follows from the seed; with --seconds as many as there is time for
+// torture --one PROGRAM CALL NUMBER once|later
+//     that one, and where it is
 //
-// Each attempt is a process of its own. Exit status: 0 when nothing was found, otherwise 1.
-#include "torture/Failures.h"
-#include "torture/Scene.h"
-
-#include <fcntl.h>
-#include <sched.h>
-#include <sys/mman.h>
-#include <sys/mount.h>
-#include <sys/wait.h>
-#include <unistd.h>
+// Exit status: 0 when nothing was found, otherwise 1.
+#include "sim/Random.h"
+#include "torture/Attempt.h"
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <csignal>
+#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <fstream>
 #include <iostream>
 #include <list>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -32,188 +23,165 @@ namespace {
 using namespace OrvLab;
 using Clock = std::chrono::system_clock;
 
-constexpr std::chrono::seconds HANGS{100};
-
-struct Point {
-    const Program* program;
-    Call call;
-    long number; // 0: nothing fails
-    bool later;
-};
-
-std::string Text(const Point& point) {
-    return std::string(point.program->name) + " " + NameOf(point.call) + " " + std::to_string(point.number) +
-           (point.later ? " later" : " once");
-}
-
-/// What an attempt tells, in memory that it shares.
-struct Told {
-    std::atomic<long> counts[CALLS];
-    std::atomic<long> failed;
-};
-
-struct Attempt {
-    Point point;
-    pid_t process;
-    Told* told;
-    std::string output;
-    Clock::time_point begun;
-};
-
-// The status files have fixed paths.
-void HaveVarTmpAlone() {
-    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("tmpfs", "/var/tmp", "tmpfs", 0, "mode=1777,size=1m") != 0)
-        Fail("no mount namespace of its own");
-}
-
-void Run(const Point& point, Told& told) {
-    HaveVarTmpAlone();
-    Scene scene;
-    const Tortured counted;
-    point.program->before(scene);
-    Failures::Reset();
-    if (point.number != 0)
-        Failures::Arm(point.call, point.number, point.later);
-    point.program->tortured(scene);
-    Failures::Disarm();
-    for (std::size_t call = 0; call < CALLS; ++call)
-        told.counts[call] = Failures::Count(static_cast<Call>(call));
-    told.failed = Failures::Failed();
-    if (point.program->demandsAll)
-        scene.DemandAll();
-}
-
-Attempt Begin(const Point& point) {
-    static int number = 0;
-    Attempt attempt{point, 0, nullptr, "/tmp/orv-torture-" + std::to_string(getpid()) + "-" + std::to_string(++number),
-                    Clock::now()};
-    void* memory = mmap(nullptr, sizeof(Told), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    attempt.told = new (memory) Told{};
-    std::cout.flush();
-    attempt.process = fork();
-    if (attempt.process != 0)
-        return attempt;
-    const int file = open(attempt.output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    dup2(file, STDERR_FILENO);
-    dup2(file, STDOUT_FILENO);
-    Run(point, *attempt.told);
-    std::exit(0);
-}
-
-/// Empty when nothing is wrong.
-std::string Verdict(int status) {
-    if (WIFSIGNALED(status))
-        return std::string("ends by ") + strsignal(WTERMSIG(status));
-    return WEXITSTATUS(status) == 0 ? "" : "exit status " + std::to_string(WEXITSTATUS(status));
-}
+constexpr std::size_t MOST_DOUBTFUL = 5;
 
 class Torture {
 public:
-    Torture(unsigned most, unsigned parallel) : points(most), jobs(parallel) {}
+    Torture(std::chrono::seconds duration, std::uint64_t seed, unsigned parallel, std::string program)
+        : limit(duration), from(seed), random(seed), jobs(parallel), only(std::move(program)) {}
 
     int RunAll();
 
 private:
-    void Add(const Program& program);
+    void Add(const ProgramKind& program);
+    void AddPoints(const ProgramKind& program, Call call, long count);
+    bool IsOver() const { return limit.count() != 0 && Clock::now() - begin >= limit; }
     void Collect();
-    void Finish(const Attempt& attempt, const std::string& verdict);
+    void TryAgain();
+    void Note(const Attempt& attempt);
+    void Report() const;
 
-    const unsigned points;
+    struct Ranked {
+        long rank; // among those of the same program and call
+        std::uint64_t draw;
+        Point point;
+    };
+
+    const Clock::time_point begin = Clock::now();
+    const std::chrono::seconds limit;
+    const std::uint64_t from;
+    Random random;
     const unsigned jobs;
-    std::vector<Point> todo;
+    const std::string only;
+    std::vector<Ranked> todo;
     std::list<Attempt> running;
+    long all[CALLS] = {};
     long tried[CALLS] = {};
     long reached[CALLS] = {};
+    std::vector<Point> doubtful;
     int found = 0;
 };
 
-void Torture::Add(const Program& program) {
-    Attempt plain = Begin({&program, Call::NEW, 0, false});
-    int status = 0;
-    waitpid(plain.process, &status, 0);
-    if (status != 0)
-        Finish(plain, "without any failure: " + Verdict(status));
-    else
-        unlink(plain.output.c_str());
+void Torture::Add(const ProgramKind& program) {
+    Attempt plain({&program, Call::NEW, 0, false});
+    plain.Wait();
+    if (!plain.Verdict().empty()) {
+        ++found;
+        std::cout << "torture: " << program.name << " without any failure: " << plain.Verdict() << "\n";
+        plain.PrintCourse();
+        return;
+    }
     std::cout << program.name << ":";
     for (std::size_t index = 0; index < CALLS; ++index) {
-        const long count = plain.told->counts[index];
-        std::cout << " " << NameOf(static_cast<Call>(index)) << " " << count;
-        if (static_cast<Call>(index) == Call::MALLOC && program.leavesMalloc)
-            continue;
-        const long step = points == 0 ? 1 : std::max(1L, count / static_cast<long>(points));
-        for (long number = 1; number <= count; number += step)
-            for (const bool later : {false, true})
-                todo.push_back({&program, static_cast<Call>(index), number, later});
+        std::cout << " " << NameOf(static_cast<Call>(index)) << " " << plain.Count(index);
+        AddPoints(program, static_cast<Call>(index), plain.Count(index));
     }
     std::cout << std::endl;
 }
 
-void Torture::Finish(const Attempt& attempt, const std::string& verdict) {
+void Torture::AddPoints(const ProgramKind& program, Call call, long count) {
+    all[static_cast<std::size_t>(call)] += 2 * count;
+    for (const bool later : {false, true}) {
+        std::vector<Ranked> points;
+        for (long number = 1; number <= count; ++number)
+            points.push_back({0, random.Next(), {&program, call, number, later}});
+        std::sort(points.begin(), points.end(), [](const Ranked& a, const Ranked& b) { return a.draw < b.draw; });
+        for (Ranked& point : points) {
+            point.rank = &point - points.data();
+            todo.push_back(point);
+        }
+    }
+}
+
+void Torture::Note(const Attempt& attempt) {
     const auto index = static_cast<std::size_t>(attempt.point.call);
     ++tried[index];
-    reached[index] += attempt.told->failed != 0 ? 1 : 0;
-    munmap(attempt.told, sizeof(Told));
-    if (!verdict.empty()) {
+    reached[index] += attempt.HasFailed() ? 1 : 0;
+    if (attempt.Verdict().empty())
+        return;
+    if (attempt.IsDoubtful() && doubtful.size() < MOST_DOUBTFUL)
+        doubtful.push_back(attempt.point);
+    else
         ++found;
-        std::cout << "torture: " << Text(attempt.point) << ": " << verdict << "\n";
-        std::ifstream output(attempt.output);
-        std::string line;
-        for (int lines = 0; lines < 40 && std::getline(output, line); ++lines)
-            std::cout << "    " << line << "\n";
-        std::cout.flush();
+    const auto after = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin);
+    std::cout << "torture: " << attempt.point.Text() << ": " << attempt.Verdict() << ", after " << after.count()
+              << " s\n";
+    attempt.PrintCourse();
+}
+
+/// What was waited for in vain is waited for once more, with nothing else going on.
+void Torture::TryAgain() {
+    for (const Point& point : doubtful) {
+        bool failsAgain = false;
+        for (int count = 0; count < 3 && !failsAgain; ++count) {
+            Attempt again(point);
+            again.Wait();
+            failsAgain = !again.Verdict().empty();
+        }
+        found += failsAgain ? 1 : 0;
+        std::cout << "torture: " << point.Text() << ": tried again alone, "
+                  << (failsAgain ? "fails again" : "and nothing found: the machine was busy") << std::endl;
     }
-    unlink(attempt.output.c_str());
 }
 
 void Torture::Collect() {
     for (auto attempt = running.begin(); attempt != running.end();) {
-        int status = 0;
-        std::string verdict;
-        if (waitpid(attempt->process, &status, WNOHANG) == attempt->process) {
-            verdict = Verdict(status);
-        } else if (Clock::now() - attempt->begun > HANGS) {
-            kill(attempt->process, SIGKILL);
-            waitpid(attempt->process, &status, 0);
-            verdict = "hangs";
-        } else {
+        if (!attempt->HasEnded()) {
             ++attempt;
             continue;
         }
-        Finish(*attempt, verdict);
+        Note(*attempt);
         attempt = running.erase(attempt);
     }
 }
 
 int Torture::RunAll() {
-    const auto begin = Clock::now();
-    for (const Program& program : programs)
-        Add(program);
-    for (auto next = todo.begin(); next != todo.end() || !running.empty();) {
-        while (next != todo.end() && running.size() < jobs)
-            running.push_back(Begin(*next++));
+    std::cout << "torture: from seed " << from << std::endl;
+    for (const ProgramKind& program : AllPrograms())
+        if (only.empty() || only == program.name)
+            Add(program);
+    for (const ProgramKind& program : FaultyPrograms())
+        if (only == program.name)
+            Add(program);
+    if (todo.empty() && found == 0) {
+        std::cerr << "torture: no such program: " << only << "\n";
+        return 2;
+    }
+    // One of each program and call after the other: the rare ones are tried whole before the frequent ones.
+    std::sort(todo.begin(), todo.end(),
+              [](const Ranked& a, const Ranked& b) { return a.rank != b.rank ? a.rank < b.rank : a.draw < b.draw; });
+    for (auto next = todo.begin(); (next != todo.end() && !IsOver()) || !running.empty();) {
+        while (next != todo.end() && !IsOver() && running.size() < jobs)
+            running.emplace_back((next++)->point);
         Collect();
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
-    for (std::size_t index = 0; index < CALLS; ++index)
-        std::cout << "torture: " << NameOf(static_cast<Call>(index)) << ": " << tried[index] << " attempts, in "
-                  << reached[index] << " it failed\n";
-    std::cout << "torture: " << todo.size() << " attempts, " << found << " faults, "
-              << std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin).count() << " s" << std::endl;
+    TryAgain();
+    Report();
     return found == 0 ? 0 : 1;
 }
 
-int RunOne(const std::vector<std::string>& words) {
-    for (const Program& program : programs)
-        for (std::size_t call = 0; call < CALLS; ++call)
-            if (words[0] == program.name && words[1] == NameOf(static_cast<Call>(call))) {
+void Torture::Report() const {
+    long sum = 0;
+    for (std::size_t index = 0; index < CALLS; ++index) {
+        sum += tried[index];
+        std::cout << "torture: " << NameOf(static_cast<Call>(index)) << ": " << tried[index] << " of " << all[index]
+                  << " points, in " << reached[index] << " it failed\n";
+    }
+    std::cout << "torture: " << sum << " of " << todo.size() << " points, " << found << " faults, "
+              << std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin).count() << " s" << std::endl;
+}
+
+int RunOne(const std::string& name, const std::string& call, long number, bool later) {
+    for (const ProgramKind& program : AllPrograms())
+        for (std::size_t index = 0; index < CALLS; ++index)
+            if (name == program.name && call == NameOf(static_cast<Call>(index))) {
                 Failures::PrintPlaces(true);
-                static Told told;
-                Run({&program, static_cast<Call>(call), std::stol(words[2]), words[3] == "later"}, told);
-                std::cout << "failed " << told.failed << " times, nothing found" << std::endl;
+                const long failed = RunPoint({&program, static_cast<Call>(index), number, later}, nullptr);
+                std::cout << "failed " << failed << " times, nothing found" << std::endl;
                 return 0;
             }
+    std::cerr << "torture: no such program or call: " << name << " " << call << "\n";
     return 2;
 }
 
@@ -222,10 +190,18 @@ int RunOne(const std::vector<std::string>& words) {
 int main(int count, char** given) {
     const std::vector<std::string> words(given + 1, given + count);
     if (words.size() == 5 && words[0] == "--one")
-        return RunOne({words.begin() + 1, words.end()});
-    unsigned points = 0;
-    unsigned jobs = 4;
-    for (std::size_t index = 0; index + 1 < words.size(); index += 2)
-        (words[index] == "--points" ? points : jobs) = static_cast<unsigned>(std::stoul(words[index + 1]));
-    return Torture(points, jobs).RunAll();
+        return RunOne(words[1], words[2], std::stol(words[3]), words[4] == "later");
+    unsigned long seconds = 0;
+    unsigned long seed = std::random_device{}();
+    unsigned long jobs = 4;
+    std::string program;
+    for (std::size_t index = 0; index + 1 < words.size(); index += 2) {
+        if (words[index] == "--program")
+            program = words[index + 1];
+        else
+            (words[index] == "--seconds" ? seconds
+             : words[index] == "--from"  ? seed
+                                         : jobs) = std::stoul(words[index + 1]);
+    }
+    return Torture(std::chrono::seconds(seconds), seed, static_cast<unsigned>(jobs), program).RunAll();
 }

@@ -1,0 +1,129 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "torture/Attempt.h"
+
+#include <fcntl.h>
+#include <sanitizer/common_interface_defs.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <new>
+#include <thread>
+
+// Where memory is wanting, OpenSSL leaks: that is not ours, and would hide what is.
+extern "C" const char* __lsan_default_suppressions() { // NOLINT
+    return "leak:libcrypto.so\nleak:libssl.so\n";
+}
+
+namespace OrvLab {
+
+namespace {
+
+constexpr std::chrono::seconds HANGS{200};
+
+// The status files have fixed paths.
+void HaveVarTmpAlone() {
+    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("tmpfs", "/var/tmp", "tmpfs", 0, "mode=1777,size=1m") != 0)
+        Fail("no mount namespace of its own");
+}
+
+} // namespace
+
+std::string Point::Text() const {
+    return std::string(program->name) + " " + NameOf(call) + " " + std::to_string(number) +
+           (later ? " later" : " once");
+}
+
+long RunPoint(const Point& point, std::atomic<long>* counts) {
+    HaveVarTmpAlone();
+    Gateway gateway(point.program->equipment);
+    const Tortured counted;
+    auto program = point.program->make(gateway);
+    program->Before();
+    Failures::Reset();
+    if (point.number != 0)
+        Failures::Arm(point.call, point.number, point.later);
+    program->Tortured();
+    Failures::Disarm();
+    for (std::size_t call = 0; counts != nullptr && call < CALLS; ++call)
+        counts[call] = Failures::Count(static_cast<Call>(call));
+    program->DemandAll();
+    program.reset();
+    if (TransfersLeft() > 2) // a route each, of which a program has two at most
+        Fail("transfers that nobody has released: " + std::to_string(TransfersLeft()));
+    return Failures::Failed();
+}
+
+Attempt::Attempt(const Point& which)
+    : point(which),
+      told(new (mmap(nullptr, sizeof(Told), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Told{}) {
+    static int number = 0;
+    output = "/tmp/orv-torture-" + std::to_string(getpid()) + "-" + std::to_string(++number);
+    std::cout.flush();
+    process = fork();
+    if (process != 0)
+        return;
+    const int file = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    dup2(file, STDERR_FILENO);
+    dup2(file, STDOUT_FILENO);
+    Failures::NotePlace(&told->place);
+    Failures::NoteFailed(&told->failed);
+    RunPoint(point, told->counts);
+    std::exit(0);
+}
+
+Attempt::~Attempt() {
+    munmap(told, sizeof(Told));
+    unlink(output.c_str());
+}
+
+bool Attempt::HasEnded() {
+    int status = 0;
+    if (waitpid(process, &status, WNOHANG) == process) {
+        if (WIFSIGNALED(status))
+            verdict = std::string("ends by ") + strsignal(WTERMSIG(status));
+        else if (WEXITSTATUS(status) != 0)
+            verdict = "exit status " + std::to_string(WEXITSTATUS(status));
+        doubtful = WIFEXITED(status) && WEXITSTATUS(status) == IN_VAIN;
+        return true;
+    }
+    if (std::chrono::system_clock::now() - begun < HANGS)
+        return false;
+    kill(process, SIGKILL);
+    waitpid(process, &status, 0);
+    verdict = "hangs";
+    doubtful = true;
+    return true;
+}
+
+void Attempt::Wait() {
+    while (!HasEnded())
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+}
+
+void Attempt::PrintCourse() const {
+    std::ifstream text(output);
+    std::string line;
+    for (int lines = 0; lines < 40 && std::getline(text, line); ++lines)
+        std::cout << "    " << line << "\n";
+    if (told->place.addresses[0] != 0)
+        std::cout << "    the call that failed:\n";
+    for (const std::uintptr_t address : told->place.addresses) {
+        char function[300] = "";
+        if (address != 0)
+            __sanitizer_symbolize_pc(reinterpret_cast<void*>(address - 1), "%f %s:%l", function, sizeof(function));
+        if (*function != '\0')
+            std::cout << "        " << function << "\n";
+    }
+    std::cout.flush();
+}
+
+} // namespace OrvLab

@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: Apache-2.0
+// Programs with a fault each, which the torture must find. They run only when they are named.
+#include "torture/Failures.h"
+#include "torture/Programs.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <stdexcept>
+#include <thread>
+
+namespace OrvLab {
+
+namespace {
+
+class Faulty : public Program {
+protected:
+    /// Whether it has failed.
+    static bool TakesADescriptor() {
+        const int file = eventfd(0, EFD_CLOEXEC);
+        if (file >= 0)
+            close(file);
+        return file < 0;
+    }
+    bool failed = false;
+};
+
+class Leaking final : public Faulty {
+    void Tortured() override {
+        char* volatile text = new char[100];
+        if (!TakesADescriptor())
+            delete[] text;
+    }
+};
+
+class Crashing final : public Faulty {
+    void Tortured() override {
+        char* volatile nowhere = nullptr;
+        if (TakesADescriptor())
+            *nowhere = 1;
+    }
+};
+
+class Throwing final : public Faulty {
+    void Tortured() override {
+        Try("TakesADescriptor", [] {
+            if (TakesADescriptor())
+                throw std::runtime_error("no descriptor");
+        });
+    }
+};
+
+class Forgetting final : public Faulty {
+    void Tortured() override { failed = TakesADescriptor(); }
+    void DemandAll() override {
+        if (failed)
+            Fail("afterwards, in vain: that it is remembered", IN_VAIN);
+    }
+};
+
+/// In a thread that has begun before.
+class Ending final : public Faulty {
+    void Tortured() override {
+        std::thread([] {
+            if (TakesADescriptor())
+                throw std::runtime_error("on a thread of its own");
+        }).join();
+    }
+};
+
+class Hopeless final : public Faulty {
+    void Tortured() override { Fail("does not work at all"); }
+};
+
+template <typename Kind>
+std::unique_ptr<Program> Make(Gateway&) {
+    return std::make_unique<Kind>();
+}
+
+} // namespace
+
+const std::vector<ProgramKind>& FaultyPrograms() {
+    static const std::vector<ProgramKind> all{
+        {"leaking", {}, Make<Leaking>},       {"crashing", {}, Make<Crashing>}, {"throwing", {}, Make<Throwing>},
+        {"forgetting", {}, Make<Forgetting>}, {"ending", {}, Make<Ending>},     {"hopeless", {}, Make<Hopeless>},
+    };
+    return all;
+}
+
+} // namespace OrvLab

@@ -1,0 +1,119 @@
+// SPDX-License-Identifier: Apache-2.0
+// The platform alone: settings, log, connection manager.
+#include "torture/Programs.h"
+
+#include "CommonUtils/Logger.h"
+#include "CommonUtils/Networking/ConnmanCommands.h"
+#include "OrvPlatform/Settings.h"
+
+namespace OrvLab {
+
+namespace {
+
+using namespace std::chrono_literals;
+using CommonUtils::Networking::ConnmanCommands;
+
+constexpr std::chrono::milliseconds PATIENCE{1500};
+
+void LogSomething() {
+    Try("Logger", [] {
+        CommonUtils::Logger logger("A logger of a name that is rather long", 0);
+        logger.Warning("tag") << "a number " << 42 << " and a text " << std::string(300, 'x');
+    });
+}
+
+// Settings that cannot be read are reported, and the defaults are in force for good: nothing is demanded of a process
+// to which that happens.
+class ReadingSettings final : public Program {
+    void Tortured() override {
+        Try("ReloadLogLevels", [] { OrvPlatform::ReloadLogLevels(); });
+        LogSomething();
+    }
+};
+
+class Reloading final : public Program {
+public:
+    explicit Reloading(Gateway& theGateway) : gateway(theGateway) {}
+
+private:
+    void Before() override { HaveSettings(); }
+
+    void Tortured() override {
+        for (const char* level : {"error", "debug"}) {
+            gateway.SetLogLevel(level);
+            Try("ReloadLogLevels", [] { OrvPlatform::ReloadLogLevels(); });
+            LogSomething();
+        }
+    }
+
+    void DemandAll() override {
+        const auto says = [this](const char* level) {
+            gateway.SetLogLevel(level);
+            const bool reloaded = OrvPlatform::ReloadLogLevels();
+            gateway.ForgetLog();
+            LogSomething();
+            return reloaded && gateway.Logs("a number 42");
+        };
+        Demand("a level that is reloaded is in force", [&] { return says("trace") && !says("error"); });
+    }
+
+    Gateway& gateway;
+};
+
+class Ordering final : public Program {
+public:
+    explicit Ordering(Gateway& theGateway) : gateway(theGateway) {}
+
+private:
+    static ConnmanCommands& Connman() { return ConnmanCommands::GetInstance(); }
+
+    void Before() override { HaveSettings(); }
+
+    void Tortured() override {
+        Order("lo", "192.0.2.1");
+        Within(PATIENCE, [this] { return gateway.bus->Top() == "lo"; });
+        gateway.bus->DropAll();
+        Order("eth9", "");
+        SkipTime(1s);
+        Within(PATIENCE, [this] { return gateway.bus->Top() == "eth9"; });
+        Try("GetTopPriorityInterface", [] { Connman().GetTopPriorityInterface(); });
+    }
+
+    void Order(const char* interfaceName, const char* server) {
+        Try("SetTopPriorityInterface", [=] { Connman().SetTopPriorityInterface(interfaceName); });
+        Try("SetDnsConfiguration", [=] { Connman().SetDnsConfiguration("lo", server, ""); });
+    }
+
+    void DemandAll() override {
+        Demand("the wanted interface is on top", [this] {
+            Connman().SetTopPriorityInterface("lo");
+            SkipTime(1s);
+            return Within(200ms,
+                          [this] { return gateway.bus->Top() == "lo" && Connman().GetTopPriorityInterface() == "lo"; });
+        });
+        Demand("the wanted name server is set", [this] {
+            Connman().SetDnsConfiguration("lo", "192.0.2.7", "");
+            SkipTime(1s);
+            return Within(200ms,
+                          [this] { return gateway.bus->Servers("lo") == std::vector<std::string>{"192.0.2.7"}; });
+        });
+    }
+
+    Gateway& gateway;
+};
+
+} // namespace
+
+std::unique_ptr<Program> ReadSettings(Gateway&) {
+    return std::make_unique<ReadingSettings>();
+}
+
+std::unique_ptr<Program> ReloadLevels(Gateway& gateway) {
+    return std::make_unique<Reloading>(gateway);
+}
+
+std::unique_ptr<Program> OrderTheWay(Gateway& gateway) {
+    return std::make_unique<Ordering>(gateway);
+}
+
+} // namespace OrvLab
