@@ -5,6 +5,7 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -15,11 +16,19 @@ using OrvNetlink::Address;
 using OrvNetlink::Link;
 using OrvNetlink::Route;
 
+namespace {
+
+bool IsWayOut(const Route& route) {
+    return route.table == RT_TABLE_MAIN && route.IsDefault() && !route.IsUnreachable() && !route.IsOver();
+}
+
+} // namespace
+
 NetworkWatcher::NetworkWatcher(EventLoop& eventLoop, WanInterfaces wanInterfaces, Handler newsHandler)
     : loop(eventLoop),
       wan(std::move(wanInterfaces)),
       handler(std::move(newsHandler)),
-      notifications(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE) {
+      notifications(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_IFADDR | RTMGRP_IPV6_ROUTE) {
     ReadAll();
     defaultInterface = FindDefaultInterface();
     loop.Watch(notifications.Descriptor(), EPOLLIN, [this](std::uint32_t) { ReadNotifications(); });
@@ -39,6 +48,10 @@ void NetworkWatcher::ReadNotifications() {
         const WanInterfaces::Events more = ReadAll();
         events.insert(events.end(), more.begin(), more.end());
     }
+    if (routersMayDiffer && !missedSome) {
+        const WanInterfaces::Events more = ReadRouters();
+        events.insert(events.end(), more.begin(), more.end());
+    }
     if (!events.empty())
         handler.onEvents(events);
     // Asked for rather than followed: the kernel drops routes without a word when a link goes.
@@ -50,25 +63,45 @@ void NetworkWatcher::ReadNotifications() {
 }
 
 WanInterfaces::Events NetworkWatcher::Take(const nlmsghdr& message) {
-    if (const std::optional<Link> link = OrvNetlink::ReadLink(message))
+    const std::optional<Link> link = OrvNetlink::ReadLink(message);
+    routersMayDiffer = routersMayDiffer || link; // it may be told to drop routes without a word
+    if (link)
         return message.nlmsg_type == RTM_NEWLINK ? wan.LinkSeen(*link) : wan.LinkGone(*link);
     if (const std::optional<Address> address = OrvNetlink::ReadAddress(message))
         return message.nlmsg_type == RTM_NEWADDR ? wan.AddressSeen(*address) : wan.AddressGone(*address);
+    const std::optional<Route> route = OrvNetlink::ReadRoute(message);
+    routersMayDiffer = routersMayDiffer || (route && route->family == AF_INET6 && IsWayOut(*route));
     return {};
 }
 
 WanInterfaces::Events NetworkWatcher::ReadAll() {
     std::vector<Link> links;
     std::vector<Address> addresses;
+    std::vector<unsigned> routers;
     const bool whole = requests.Dump(RTM_GETLINK, AF_UNSPEC, [&](const nlmsghdr& message) {
         if (std::optional<Link> link = OrvNetlink::ReadLink(message))
             links.push_back(std::move(*link));
-    }) && requests.Dump(RTM_GETADDR, AF_INET, [&](const nlmsghdr& message) {
+    }) && requests.Dump(RTM_GETADDR, AF_UNSPEC, [&](const nlmsghdr& message) {
         if (const std::optional<Address> address = OrvNetlink::ReadAddress(message))
             addresses.push_back(*address);
-    });
+    }) && DumpRouters(routers);
     missedSome = !whole; // what changes all the time brings the next notification
-    return whole ? wan.Replace(links, addresses) : WanInterfaces::Events{};
+    routersMayDiffer = missedSome;
+    return whole ? wan.Replace(links, addresses, std::move(routers)) : WanInterfaces::Events{};
+}
+
+WanInterfaces::Events NetworkWatcher::ReadRouters() {
+    std::vector<unsigned> routers;
+    routersMayDiffer = !DumpRouters(routers);
+    return routersMayDiffer ? WanInterfaces::Events{} : wan.RoutersAre(std::move(routers));
+}
+
+bool NetworkWatcher::DumpRouters(std::vector<unsigned>& links) {
+    return requests.Dump(RTM_GETROUTE, AF_INET6, [&](const nlmsghdr& message) {
+        const std::optional<Route> route = OrvNetlink::ReadRoute(message);
+        if (route && IsWayOut(*route))
+            links.push_back(route->link);
+    });
 }
 
 std::optional<Link> NetworkWatcher::Find(const std::string& interface) {
@@ -83,11 +116,26 @@ std::optional<Link> NetworkWatcher::Find(const std::string& interface) {
 
 std::string NetworkWatcher::FindDefaultInterface() {
     std::optional<Route> best;
-    bool whole = requests.Dump(RTM_GETROUTE, AF_INET, [&](const nlmsghdr& message) {
+    std::vector<Route> six; // those of the best metric
+    bool whole = requests.Dump(RTM_GETROUTE, AF_UNSPEC, [&](const nlmsghdr& message) {
         const std::optional<Route> route = OrvNetlink::ReadRoute(message);
-        if (route && route->table == RT_TABLE_MAIN && route->IsDefault() && (!best || route->metric < best->metric))
+        if (!route || route->table != RT_TABLE_MAIN || !route->IsDefault() || route->IsOver())
+            return;
+        if (route->family == AF_INET6) {
+            if (!six.empty() && route->metric < six.front().metric)
+                six.clear();
+            if (six.empty() || route->metric == six.front().metric)
+                six.push_back(*route);
+        } else if (!route->IsUnreachable() && (!best || route->metric < best->metric)) {
             best = route;
+        }
     });
+    // The connection manager moves IPv4's. Where it leaves that alone, because the interface has no IPv4, it is IPv6's
+    // that tells.
+    const bool agree =
+        best && std::any_of(six.begin(), six.end(), [&](const Route& route) { return route.link == best->link; });
+    if (!agree && !six.empty() && !six.front().IsUnreachable())
+        best = six.front();
     std::string name;
     if (best) {
         whole = whole && requests.Dump(RTM_GETLINK, AF_UNSPEC, [&](const nlmsghdr& message) {

@@ -28,6 +28,7 @@ public:
     ~NetworkWatcher();
 
     const WanInterfaces& Wan() const { return wan; }
+    /// The interface of the default route, IPv6's where the families differ; empty: none.
     const std::string& DefaultInterface() const { return defaultInterface; }
     /// The interface as the kernel has it at this moment, its counts included; nothing when there is none.
     std::optional<OrvNetlink::Link> Find(const std::string& interface);
@@ -36,6 +37,8 @@ private:
     void ReadNotifications();
     WanInterfaces::Events Take(const nlmsghdr& message);
     WanInterfaces::Events ReadAll();
+    WanInterfaces::Events ReadRouters();
+    bool DumpRouters(std::vector<unsigned>& links);
     std::string FindDefaultInterface();
 
     EventLoop& loop;
@@ -43,7 +46,8 @@ private:
     const Handler handler;
     OrvNetlink::Socket notifications;
     OrvNetlink::Socket requests;
-    bool missedSome = false; // notifications; everything has to be read
+    bool missedSome = false;       // notifications; everything has to be read
+    bool routersMayDiffer = false; // IPv6's default routes have to be read
     std::string defaultInterface;
 };
 

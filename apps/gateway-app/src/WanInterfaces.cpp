@@ -18,7 +18,8 @@ WanInterfaces::WanInterfaces(const std::string& ethernet, const std::string& cel
                   OrvEvent::ETHERNET_IP_LOST,
                   0,
                   false,
-                  {}},
+                  {},
+                  false},
                  {cellular,
                   OrvEvent::CELLULAR_CONNECTED,
                   OrvEvent::CELLULAR_DISCONNECTED,
@@ -26,7 +27,8 @@ WanInterfaces::WanInterfaces(const std::string& ethernet, const std::string& cel
                   OrvEvent::CELLULAR_IP_LOST,
                   0,
                   false,
-                  {}}} {}
+                  {},
+                  false}} {}
 
 WanInterfaces::Interface* WanInterfaces::ByIndex(unsigned index) {
     for (Interface& interface : interfaces) {
@@ -42,10 +44,29 @@ void WanInterfaces::SetRunning(Interface& interface, bool running, Events& event
     interface.running = running;
 }
 
-void WanInterfaces::SetAddresses(Interface& interface, std::vector<Address> addresses, Events& events) {
-    if (interface.addresses.empty() != addresses.empty())
-        events.push_back(addresses.empty() ? interface.lost : interface.gained);
+bool WanInterfaces::Interface::ReachesOut() const {
+    return std::any_of(addresses.begin(), addresses.end(),
+                       [this](const Address& own) { return own.Usable() && (own.address.IsIpv4() || router); });
+}
+
+void WanInterfaces::SetReach(Interface& interface, std::vector<Address> addresses, bool router, Events& events) {
+    const bool before = interface.ReachesOut();
     interface.addresses = std::move(addresses);
+    interface.router = router;
+    if (interface.ReachesOut() != before)
+        events.push_back(before ? interface.lost : interface.gained);
+}
+
+bool WanInterfaces::HasRouter(unsigned index) const {
+    return std::find(routers.begin(), routers.end(), index) != routers.end();
+}
+
+WanInterfaces::Events WanInterfaces::RoutersAre(std::vector<unsigned> links) {
+    Events events;
+    routers = std::move(links);
+    for (Interface& interface : interfaces)
+        SetReach(interface, interface.addresses, HasRouter(interface.index), events);
+    return events;
 }
 
 WanInterfaces::Events WanInterfaces::LinkSeen(const Link& link) {
@@ -57,7 +78,7 @@ WanInterfaces::Events WanInterfaces::LinkSeen(const Link& link) {
         if (interface.name != link.name)
             continue;
         if (interface.index != link.index)
-            SetAddresses(interface, {}, events);
+            SetReach(interface, {}, HasRouter(link.index), events);
         interface.index = link.index;
         SetRunning(interface, link.running, events);
     }
@@ -68,7 +89,7 @@ WanInterfaces::Events WanInterfaces::LinkGone(const Link& link) {
     Events events;
     if (Interface* interface = ByIndex(link.index)) {
         SetRunning(*interface, false, events);
-        SetAddresses(*interface, {}, events);
+        SetReach(*interface, {}, false, events);
         interface->index = 0;
     }
     return events;
@@ -80,9 +101,12 @@ WanInterfaces::Events WanInterfaces::AddressSeen(const Address& address) {
     if (interface == nullptr || !address.global)
         return events;
     std::vector<Address> addresses = interface->addresses;
-    if (std::find(addresses.begin(), addresses.end(), address) == addresses.end())
+    const auto known = std::find(addresses.begin(), addresses.end(), address);
+    if (known == addresses.end())
         addresses.push_back(address);
-    SetAddresses(*interface, std::move(addresses), events);
+    else
+        *known = address; // its state has changed
+    SetReach(*interface, std::move(addresses), interface->router, events);
     return events;
 }
 
@@ -93,12 +117,14 @@ WanInterfaces::Events WanInterfaces::AddressGone(const Address& address) {
         return events;
     std::vector<Address> addresses = interface->addresses;
     addresses.erase(std::remove(addresses.begin(), addresses.end(), address), addresses.end());
-    SetAddresses(*interface, std::move(addresses), events);
+    SetReach(*interface, std::move(addresses), interface->router, events);
     return events;
 }
 
-WanInterfaces::Events WanInterfaces::Replace(const std::vector<Link>& links, const std::vector<Address>& addresses) {
+WanInterfaces::Events WanInterfaces::Replace(const std::vector<Link>& links, const std::vector<Address>& addresses,
+                                             std::vector<unsigned> withRouter) {
     Events events;
+    routers = std::move(withRouter);
     for (Interface& interface : interfaces) {
         const auto link =
             std::find_if(links.begin(), links.end(), [&](const Link& one) { return one.name == interface.name; });
@@ -109,7 +135,7 @@ WanInterfaces::Events WanInterfaces::Replace(const std::vector<Link>& links, con
         std::copy_if(addresses.begin(), addresses.end(), std::back_inserter(own), [&](const Address& address) {
             return exists && address.link == interface.index && address.global;
         });
-        SetAddresses(interface, std::move(own), events);
+        SetReach(interface, std::move(own), HasRouter(interface.index), events);
     }
     return events;
 }
@@ -118,7 +144,7 @@ WanInterfaces::Events WanInterfaces::State() const {
     Events events;
     for (const Interface& interface : interfaces) {
         events.push_back(interface.running ? interface.connected : interface.disconnected);
-        events.push_back(interface.addresses.empty() ? interface.lost : interface.gained);
+        events.push_back(interface.ReachesOut() ? interface.gained : interface.lost);
     }
     return events;
 }

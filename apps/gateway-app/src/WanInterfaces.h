@@ -12,8 +12,12 @@
 namespace GatewayApp {
 
 /// What the kernel says about the two WAN interfaces, and which events follow from it: one for each change, none for a
-/// repetition. An interface has an address when it has a global IPv4 address (169.254.x.y does not count). No input and
-/// output of its own.
+/// repetition. No input and output of its own.
+///
+/// An interface has an address when it can reach the outside with one family at least: it has a global IPv4 address
+/// (169.254.x.y does not count), or an IPv6 address beyond its link, global or unique local, together with a default
+/// route. Not counted are addresses that are tentative or that another host has; deprecated ones are. A change of
+/// family or prefix is no event of its own.
 class WanInterfaces {
 public:
     using Events = std::vector<OrvStackSdk::OrvEvent>;
@@ -29,15 +33,20 @@ public:
     Events AddressGone(const OrvNetlink::Address& address);
     /// @}
 
+    /// The interfaces, by index, that have an IPv6 default route.
+    Events RoutersAre(std::vector<unsigned> links);
+
     /// The whole state anew: at the start, and when notifications were lost.
-    Events Replace(const std::vector<OrvNetlink::Link>& links, const std::vector<OrvNetlink::Address>& addresses);
+    /// @param withRouter as in RoutersAre
+    Events Replace(const std::vector<OrvNetlink::Link>& links, const std::vector<OrvNetlink::Address>& addresses,
+                   std::vector<unsigned> withRouter = {});
 
     /// The present state as four events, what is down included.
     Events State() const;
 
     /// The kernel knows the interface.
     bool Exists(Path path) const { return Of(path).index != 0; }
-    bool HasAddress(Path path) const { return !Of(path).addresses.empty(); }
+    bool HasAddress(Path path) const { return Of(path).ReachesOut(); }
     bool Running(Path path) const { return Of(path).running; }
     /// Link and address.
     bool Usable(Path path) const { return Of(path).running && HasAddress(path); }
@@ -51,15 +60,20 @@ private:
         OrvStackSdk::OrvEvent connected, disconnected, gained, lost;
         unsigned index = 0; // 0: the kernel does not know it
         bool running = false;
-        std::vector<OrvNetlink::Address> addresses;
+        std::vector<OrvNetlink::Address> addresses; // beyond the link
+        bool router = false;                        // has an IPv6 default route
+
+        bool ReachesOut() const;
     };
 
     const Interface& Of(Path path) const { return interfaces[static_cast<std::size_t>(path)]; }
     Interface* ByIndex(unsigned index);
     static void SetRunning(Interface& interface, bool running, Events& events);
-    static void SetAddresses(Interface& interface, std::vector<OrvNetlink::Address> addresses, Events& events);
+    static void SetReach(Interface& interface, std::vector<OrvNetlink::Address> addresses, bool router, Events& events);
+    bool HasRouter(unsigned index) const;
 
     Interface interfaces[2];
+    std::vector<unsigned> routers;
 };
 
 } // namespace GatewayApp

@@ -7,7 +7,7 @@ namespace GatewayApp {
 namespace {
 
 using OrvNetlink::Address;
-using OrvNetlink::Ipv4;
+using OrvNetlink::IpAddress;
 using OrvNetlink::Link;
 using OrvStackSdk::OrvEvent;
 using Events = WanInterfaces::Events;
@@ -17,7 +17,17 @@ const Link ETH_DOWN{2, "eth0", false, false};
 const Link CELL_UP{3, "wwan0", true, false};
 
 Address Ip(unsigned link, const char* address) {
-    return Address{link, *Ipv4::Parse(address), 24, false, true};
+    return Address{link, *IpAddress::Parse(address), 24, false, true};
+}
+
+Address Ipv6(unsigned link, const char* address) {
+    Address result{link, *IpAddress::Parse(address), 64, false, true};
+    return result;
+}
+
+Address Tentative(Address address) {
+    address.tentative = true;
+    return address;
 }
 
 class AGatewayWithEthernet : public testing::Test {
@@ -96,7 +106,72 @@ TEST_F(AGatewayWithEthernet, CatchesUpAfterLostNotifications) {
     EXPECT_EQ(wan.Replace({ETH_DOWN, CELL_UP}, {Ip(3, "10.12.0.2")}), Events{});
 }
 
+TEST_F(AGatewayWithEthernet, CountsAnIpv6AddressOnceThereIsARouter) {
+    wan.LinkSeen(CELL_UP);
+    EXPECT_EQ(wan.AddressSeen(Ipv6(3, "2001:db8:12::a")), Events{});
+    EXPECT_FALSE(wan.HasAddress(WanInterfaces::Path::CELLULAR));
+    EXPECT_EQ(wan.RoutersAre({2}), Events{});
+    EXPECT_EQ(wan.RoutersAre({3}), Events{OrvEvent::CELLULAR_IP_GAINED});
+    EXPECT_TRUE(wan.Usable(WanInterfaces::Path::CELLULAR));
+    EXPECT_EQ(wan.RoutersAre({}), Events{OrvEvent::CELLULAR_IP_LOST});
+}
+
+TEST_F(AGatewayWithEthernet, CountsAUniqueLocalAddressWithARouterToo) {
+    wan.LinkSeen(CELL_UP);
+    wan.RoutersAre({3});
+    EXPECT_EQ(wan.AddressSeen(Ipv6(3, "fd12::a")), Events{OrvEvent::CELLULAR_IP_GAINED});
+}
+
+TEST_F(AGatewayWithEthernet, DoesNotCountAnIpv6AddressThatIsNotReadyOrAnothers) {
+    wan.LinkSeen(CELL_UP);
+    wan.RoutersAre({3});
+    const Address address = Ipv6(3, "2001:db8:12::a");
+    EXPECT_EQ(wan.AddressSeen(Tentative(address)), Events{});
+    EXPECT_EQ(wan.AddressSeen(address), Events{OrvEvent::CELLULAR_IP_GAINED});
+    Address anothers = address;
+    anothers.duplicate = true;
+    EXPECT_EQ(wan.AddressSeen(anothers), Events{OrvEvent::CELLULAR_IP_LOST});
+}
+
+TEST_F(AGatewayWithEthernet, CountsADeprecatedAddress) {
+    wan.LinkSeen(CELL_UP);
+    wan.RoutersAre({3});
+    Address address = Ipv6(3, "2001:db8:12::a");
+    wan.AddressSeen(address);
+    address.deprecated = true;
+    EXPECT_EQ(wan.AddressSeen(address), Events{});
+}
+
+TEST_F(AGatewayWithEthernet, TellsNothingWhenOnlyTheFamilyChanges) {
+    EXPECT_EQ(wan.RoutersAre({2}), Events{});
+    EXPECT_EQ(wan.AddressSeen(Ipv6(2, "2001:db8:11::a")), Events{});
+    EXPECT_EQ(wan.AddressGone(Ip(2, "10.11.0.2")), Events{});
+    EXPECT_EQ(wan.AddressSeen(Ip(2, "10.11.0.2")), Events{});
+    EXPECT_EQ(wan.RoutersAre({}), Events{});
+    EXPECT_EQ(wan.AddressGone(Ipv6(2, "2001:db8:11::a")), Events{});
+}
+
+TEST_F(AGatewayWithEthernet, TellsNothingWhenOnlyThePrefixChanges) {
+    wan.Replace({ETH_UP}, {Ipv6(2, "2001:db8:11::a")}, {2});
+    EXPECT_EQ(wan.AddressSeen(Tentative(Ipv6(2, "2001:db8:99::a"))), Events{});
+    EXPECT_EQ(wan.AddressSeen(Ipv6(2, "2001:db8:99::a")), Events{});
+    EXPECT_EQ(wan.AddressGone(Ipv6(2, "2001:db8:11::a")), Events{});
+}
+
+TEST_F(AGatewayWithEthernet, FindsTheRouterOfAnInterfaceThatComesLater) {
+    wan.RoutersAre({3});
+    EXPECT_EQ(wan.LinkSeen(CELL_UP), Events{OrvEvent::CELLULAR_CONNECTED});
+    EXPECT_EQ(wan.AddressSeen(Ipv6(3, "2001:db8:12::a")), Events{OrvEvent::CELLULAR_IP_GAINED});
+}
+
+TEST_F(AGatewayWithEthernet, CatchesUpWithBothFamilies) {
+    EXPECT_EQ(wan.Replace({ETH_UP}, {Ipv6(2, "2001:db8:11::a")}, {2}), Events{});
+    EXPECT_EQ(wan.Replace({ETH_UP}, {Ipv6(2, "2001:db8:11::a")}, {}), Events{OrvEvent::ETHERNET_IP_LOST});
+}
+
 TEST_F(AGatewayWithEthernet, KnowsWhoseAnAddressIs) {
+    wan.AddressSeen(Ipv6(2, "2001:db8:11::a"));
+    EXPECT_EQ(wan.OwnerOf("2001:db8:11::a"), "eth0");
     EXPECT_EQ(wan.OwnerOf("10.11.0.2"), "eth0");
     EXPECT_EQ(wan.OwnerOf("10.11.0.9"), "");
     EXPECT_EQ(wan.OwnerOf(""), "");

@@ -8,7 +8,7 @@
 namespace OrvSourceRoutes {
 
 using OrvNetlink::Address;
-using OrvNetlink::Ipv4;
+using OrvNetlink::IpAddress;
 using OrvNetlink::Link;
 using OrvNetlink::Route;
 using OrvNetlink::Rule;
@@ -28,17 +28,19 @@ bool Contains(const Container& container, const Value& value) {
 
 /// What the main table shows of an interface's routers.
 struct Seen {
-    Ipv4 ofDefault;
-    std::vector<Ipv4> neighbours; // with a host route of their own
-    std::vector<Ipv4> ofHosts;    // routers of host routes
-    std::vector<Ipv4> ofNetworks; // routers of other routes
+    IpAddress ofDefault;
+    std::vector<IpAddress> neighbours; // with a host route of their own
+    std::vector<IpAddress> ofHosts;    // routers of host routes
+    std::vector<IpAddress> ofNetworks; // routers of other routes
 
-    bool LeadsSomewhere(const Ipv4& router) const { return Contains(ofHosts, router) || Contains(ofNetworks, router); }
+    bool LeadsSomewhere(const IpAddress& router) const {
+        return Contains(ofHosts, router) || Contains(ofNetworks, router);
+    }
 };
 
 Seen SeenInMainTable(const std::vector<Route>& routes, const Address& address) {
     Seen seen;
-    const auto note = [](std::vector<Ipv4>& routers, const Ipv4& router) {
+    const auto note = [](std::vector<IpAddress>& routers, const IpAddress& router) {
         if (!Contains(routers, router))
             routers.push_back(router);
     };
@@ -59,20 +61,20 @@ Seen SeenInMainTable(const std::vector<Route>& routes, const Address& address) {
 }
 
 /// The router of the interface, as far as the connection manager's own routes say; 0.0.0.0 when they do not.
-Ipv4 CertainRouter(const Seen& seen) {
+IpAddress CertainRouter(const Seen& seen) {
     if (seen.ofDefault)
         return seen.ofDefault;
     if (seen.neighbours.size() == 1)
         return seen.neighbours.front();
-    const auto leads = [&seen](const Ipv4& router) { return seen.LeadsSomewhere(router); };
+    const auto leads = [&seen](const IpAddress& router) { return seen.LeadsSomewhere(router); };
     const bool one = std::count_if(seen.neighbours.begin(), seen.neighbours.end(), leads) == 1;
-    return one ? *Find(seen.neighbours, leads) : Ipv4{};
+    return one ? *Find(seen.neighbours, leads) : IpAddress{};
 }
 
 /// A router that other routes go via, if there is only one; 0.0.0.0 otherwise.
-Ipv4 LikelyRouter(const Seen& seen) {
-    const std::vector<Ipv4>& routers = seen.ofHosts.empty() ? seen.ofNetworks : seen.ofHosts;
-    return routers.size() == 1 ? routers.front() : Ipv4{};
+IpAddress LikelyRouter(const Seen& seen) {
+    const std::vector<IpAddress>& routers = seen.ofHosts.empty() ? seen.ofNetworks : seen.ofHosts;
+    return routers.size() == 1 ? routers.front() : IpAddress{};
 }
 
 bool SamePlace(const Route& one, const Route& other) {
@@ -101,7 +103,7 @@ void Planner::DecideFor(const InterfaceTable& entry, const Snapshot& snapshot, P
         remembered.erase(entry.interface);
         return refuse(link == nullptr ? "the interface does not exist" : "the interface has no IPv4 address");
     }
-    const Ipv4 gateway = FindGateway(entry, *address, snapshot);
+    const IpAddress gateway = FindGateway(entry, *address, snapshot);
     if (!link->running)
         return refuse("the link is down");
     if (!gateway && !link->pointToPoint)
@@ -117,29 +119,29 @@ void Planner::DecideFor(const InterfaceTable& entry, const Snapshot& snapshot, P
         route.prefixLength = address->prefixLength;
         plan.routes.push_back(route);
     }
-    route.destination = Ipv4{};
+    route.destination = IpAddress{};
     route.prefixLength = 0;
     route.gateway = gateway;
     plan.routes.push_back(route);
-    plan.rules.push_back(Rule{entry.table, entry.table, OWN_PROTOCOL, entry.interface, Ipv4{}});
-    plan.rules.push_back(Rule{BEHIND_MAIN, entry.table, OWN_PROTOCOL, {}, address->address});
+    plan.rules.push_back(Rule{entry.table, entry.table, OWN_PROTOCOL, entry.interface, IpAddress{}});
+    plan.rules.push_back(Rule{BEHIND_MAIN, entry.table, OWN_PROTOCOL, {}, address->address, 32});
     reason = "bound connections go " + (gateway ? "via " + gateway.Text() : std::string("over the link")) + " from " +
              address->address.Text() + " (table " + std::to_string(entry.table) + ")";
 }
 
-Ipv4 Planner::FindGateway(const InterfaceTable& entry, const Address& address, const Snapshot& snapshot) {
+IpAddress Planner::FindGateway(const InterfaceTable& entry, const Address& address, const Snapshot& snapshot) {
     Router& router = remembered[entry.interface];
     if (!(router.address == address)) {
         const Route* left = Find(snapshot.routes, [&](const Route& route) {
             return route.protocol == OWN_PROTOCOL && route.table == entry.table && route.IsDefault() &&
                    route.link == address.link && route.source == address.address;
         });
-        router = Router{address, left == nullptr ? Ipv4{} : left->gateway, false};
+        router = Router{address, left == nullptr ? IpAddress{} : left->gateway, false};
     }
     const Seen seen = SeenInMainTable(snapshot.routes, address);
-    if (const Ipv4 certain = CertainRouter(seen))
+    if (const IpAddress certain = CertainRouter(seen))
         router = Router{address, certain, false};
-    else if (const Ipv4 likely = LikelyRouter(seen); likely && (!router.gateway || router.guessed))
+    else if (const IpAddress likely = LikelyRouter(seen); likely && (!router.gateway || router.guessed))
         router = Router{address, likely, true};
     return router.gateway;
 }

@@ -59,14 +59,14 @@ public:
 private:
     struct Router {
         OrvNetlink::Address address;
-        OrvNetlink::Ipv4 gateway;
+        OrvNetlink::IpAddress gateway;
         /// It may be the router of some other network as well.
         bool guessed = false;
     };
 
     void DecideFor(const InterfaceTable& entry, const Snapshot& snapshot, Plan& plan);
-    OrvNetlink::Ipv4 FindGateway(const InterfaceTable& entry, const OrvNetlink::Address& address,
-                                 const Snapshot& snapshot);
+    OrvNetlink::IpAddress FindGateway(const InterfaceTable& entry, const OrvNetlink::Address& address,
+                                      const Snapshot& snapshot);
 
     const std::vector<InterfaceTable> tables;
     std::map<std::string, Router> remembered;

@@ -8,7 +8,7 @@ namespace OrvSourceRoutes {
 namespace {
 
 using OrvNetlink::Address;
-using OrvNetlink::Ipv4;
+using OrvNetlink::IpAddress;
 using OrvNetlink::Link;
 using OrvNetlink::Route;
 using OrvNetlink::Rule;
@@ -17,8 +17,8 @@ constexpr std::uint8_t SOMEBODY_ELSE = RTPROT_BOOT;
 constexpr unsigned ETH = 2;
 constexpr unsigned CELL = 3;
 
-Ipv4 Ip(const char* text) {
-    return *Ipv4::Parse(text);
+IpAddress Ip(const char* text) {
+    return *IpAddress::Parse(text);
 }
 
 /// What ConnMan leaves in the kernel with Ethernet as default service and Cellular beside it.
@@ -39,7 +39,8 @@ protected:
     }
 
     void Main(unsigned link, const char* destination, unsigned length, const char* gateway) {
-        now.routes.push_back({RT_TABLE_MAIN, SOMEBODY_ELSE, link, Ip(destination), length, Ip(gateway), Ipv4{}, 0});
+        now.routes.push_back(
+            {RT_TABLE_MAIN, SOMEBODY_ELSE, link, Ip(destination), length, Ip(gateway), IpAddress{}, 0});
     }
     void RemoveRoutesOf(unsigned link) {
         std::vector<Route> kept;
@@ -61,12 +62,12 @@ protected:
     Plan Decide() { return planner.Decide(now); }
 
     /// The router that the plan gives bound connections of the table; 0.0.0.0 without one.
-    static Ipv4 RouterIn(const Plan& plan, std::uint32_t table) {
+    static IpAddress RouterIn(const Plan& plan, std::uint32_t table) {
         for (const Route& route : plan.routes) {
             if (route.table == table && route.IsDefault())
                 return route.gateway;
         }
-        return Ipv4{};
+        return IpAddress{};
     }
 
     /// Puts the changes into the snapshot, as the kernel would.
@@ -87,14 +88,15 @@ protected:
 
 TEST_F(AGateway, GivesEachInterfaceItsRulesItsNetworkAndADefaultRoute) {
     const Plan plan = Decide();
-    const std::vector<Route> routes = {{1011, OWN_PROTOCOL, ETH, Ip("10.11.0.0"), 24, Ipv4{}, Ip("10.11.0.179"), 0},
-                                       {1011, OWN_PROTOCOL, ETH, Ipv4{}, 0, Ip("10.11.0.1"), Ip("10.11.0.179"), 0},
-                                       {1012, OWN_PROTOCOL, CELL, Ip("10.12.0.0"), 24, Ipv4{}, Ip("10.12.0.50"), 0},
-                                       {1012, OWN_PROTOCOL, CELL, Ipv4{}, 0, Ip("10.12.0.1"), Ip("10.12.0.50"), 0}};
-    const std::vector<Rule> rules = {{1011, 1011, OWN_PROTOCOL, "eth0", Ipv4{}},
-                                     {BEHIND_MAIN, 1011, OWN_PROTOCOL, "", Ip("10.11.0.179")},
-                                     {1012, 1012, OWN_PROTOCOL, "wwan0", Ipv4{}},
-                                     {BEHIND_MAIN, 1012, OWN_PROTOCOL, "", Ip("10.12.0.50")}};
+    const std::vector<Route> routes = {
+        {1011, OWN_PROTOCOL, ETH, Ip("10.11.0.0"), 24, IpAddress{}, Ip("10.11.0.179"), 0},
+        {1011, OWN_PROTOCOL, ETH, IpAddress{}, 0, Ip("10.11.0.1"), Ip("10.11.0.179"), 0},
+        {1012, OWN_PROTOCOL, CELL, Ip("10.12.0.0"), 24, IpAddress{}, Ip("10.12.0.50"), 0},
+        {1012, OWN_PROTOCOL, CELL, IpAddress{}, 0, Ip("10.12.0.1"), Ip("10.12.0.50"), 0}};
+    const std::vector<Rule> rules = {{1011, 1011, OWN_PROTOCOL, "eth0", IpAddress{}},
+                                     {BEHIND_MAIN, 1011, OWN_PROTOCOL, "", Ip("10.11.0.179"), 32},
+                                     {1012, 1012, OWN_PROTOCOL, "wwan0", IpAddress{}},
+                                     {BEHIND_MAIN, 1012, OWN_PROTOCOL, "", Ip("10.12.0.50"), 32}};
     EXPECT_EQ(plan.routes, routes);
     EXPECT_EQ(plan.rules, rules);
     EXPECT_EQ(plan.reasons.at("eth0"), "bound connections go via 10.11.0.1 from 10.11.0.179 (table 1011)");
@@ -185,7 +187,7 @@ TEST_F(AGateway, DoesNotTakeAHostOfAnotherNetworkForTheRouter) {
 
 TEST_F(AGateway, LooksAtTheMainTableOnly) {
     RemoveRoutesOf(CELL);
-    now.routes.push_back({77, SOMEBODY_ELSE, CELL, Ipv4{}, 0, Ip("10.12.0.9"), Ipv4{}, 0});
+    now.routes.push_back({77, SOMEBODY_ELSE, CELL, IpAddress{}, 0, Ip("10.12.0.9"), IpAddress{}, 0});
     EXPECT_FALSE(RouterIn(Decide(), 1012));
 }
 
@@ -241,7 +243,7 @@ TEST_F(AGateway, NeedsNoRouterOnAPointToPointLink) {
     now.links[2].pointToPoint = true;
     now.addresses[2].prefixLength = 32;
     const Plan plan = Decide();
-    const Route direct{1012, OWN_PROTOCOL, CELL, Ipv4{}, 0, Ipv4{}, Ip("10.12.0.50"), 0};
+    const Route direct{1012, OWN_PROTOCOL, CELL, IpAddress{}, 0, IpAddress{}, Ip("10.12.0.50"), 0};
     EXPECT_EQ(plan.routes.back(), direct);
     EXPECT_EQ(plan.reasons.at("wwan0"), "bound connections go over the link from 10.12.0.50 (table 1012)");
 }
@@ -270,8 +272,8 @@ TEST_F(AGateway, RemovesTheRulesAndTheRoutesWithTheAddress) {
     Apply(Difference(now, Decide()));
     LoseAddressOf(CELL);
     const Changes changes = Difference(now, Decide());
-    const std::vector<Rule> rules = {{1012, 1012, OWN_PROTOCOL, "wwan0", Ipv4{}},
-                                     {BEHIND_MAIN, 1012, OWN_PROTOCOL, "", Ip("10.12.0.50")}};
+    const std::vector<Rule> rules = {{1012, 1012, OWN_PROTOCOL, "wwan0", IpAddress{}},
+                                     {BEHIND_MAIN, 1012, OWN_PROTOCOL, "", Ip("10.12.0.50"), 32}};
     EXPECT_EQ(changes.rulesToRemove, rules);
     EXPECT_EQ(changes.routesToRemove.size(), 2U);
     EXPECT_TRUE(changes.routesToAdd.empty());
@@ -281,8 +283,8 @@ TEST_F(AGateway, ExchangesTheRuleForTheAddressWithTheAddress) {
     Apply(Difference(now, Decide()));
     now.addresses[2].address = Ip("10.12.0.51");
     const Changes changes = Difference(now, Decide());
-    EXPECT_EQ(changes.rulesToRemove, (std::vector<Rule>{{BEHIND_MAIN, 1012, OWN_PROTOCOL, "", Ip("10.12.0.50")}}));
-    EXPECT_EQ(changes.rulesToAdd, (std::vector<Rule>{{BEHIND_MAIN, 1012, OWN_PROTOCOL, "", Ip("10.12.0.51")}}));
+    EXPECT_EQ(changes.rulesToRemove, (std::vector<Rule>{{BEHIND_MAIN, 1012, OWN_PROTOCOL, "", Ip("10.12.0.50"), 32}}));
+    EXPECT_EQ(changes.rulesToAdd, (std::vector<Rule>{{BEHIND_MAIN, 1012, OWN_PROTOCOL, "", Ip("10.12.0.51"), 32}}));
 }
 
 TEST_F(AGateway, ReplacesTheRouterInOneStep) {
@@ -296,16 +298,17 @@ TEST_F(AGateway, ReplacesTheRouterInOneStep) {
 }
 
 TEST_F(AGateway, RemovesWhatItLeftInAnotherTable) {
-    now.rules = {{900, 900, OWN_PROTOCOL, "eth0", Ipv4{}}};
-    now.routes.push_back({900, OWN_PROTOCOL, ETH, Ipv4{}, 0, Ip("10.11.0.1"), Ip("10.11.0.179"), 0});
+    now.rules = {{900, 900, OWN_PROTOCOL, "eth0", IpAddress{}}};
+    now.routes.push_back({900, OWN_PROTOCOL, ETH, IpAddress{}, 0, Ip("10.11.0.1"), Ip("10.11.0.179"), 0});
     const Changes changes = Difference(now, Decide());
     EXPECT_EQ(changes.rulesToRemove.size(), 1U);
     EXPECT_EQ(changes.routesToRemove.size(), 1U);
 }
 
 TEST_F(AGateway, LeavesTheEntriesOfOthersAlone) {
-    now.rules = {{5, 1011, SOMEBODY_ELSE, "eth0", Ipv4{}}, {32768, 1011, SOMEBODY_ELSE, "", Ip("10.11.0.179")}};
-    now.routes.push_back({1011, SOMEBODY_ELSE, ETH, Ipv4{}, 0, Ip("10.11.0.9"), Ipv4{}, 50});
+    now.rules = {{5, 1011, SOMEBODY_ELSE, "eth0", IpAddress{}},
+                 {32768, 1011, SOMEBODY_ELSE, "", Ip("10.11.0.179"), 32}};
+    now.routes.push_back({1011, SOMEBODY_ELSE, ETH, IpAddress{}, 0, Ip("10.11.0.9"), IpAddress{}, 50});
     const Changes changes = Difference(now, Plan{});
     EXPECT_TRUE(changes.rulesToRemove.empty() && changes.routesToRemove.empty());
 }

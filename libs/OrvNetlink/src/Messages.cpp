@@ -18,6 +18,14 @@ namespace {
 constexpr std::size_t MAX_ATTRIBUTE = 64;
 constexpr unsigned LOWER_UP = 1U << 16; // IFF_LOWER_UP; its header does not go with net/if.h
 
+std::size_t SizeOf(std::uint8_t family) {
+    return family == AF_INET6 ? 16 : 4;
+}
+
+bool IsIp(std::uint8_t family) {
+    return family == AF_INET || family == AF_INET6;
+}
+
 /// The attributes of one message by their number.
 class Attributes {
 public:
@@ -41,7 +49,9 @@ public:
                         std::min<std::size_t>(sizeof(copy), mnl_attr_get_payload_len(found.at(type))));
         return copy;
     }
-    Ipv4 Ip(std::uint16_t type) const { return Ipv4{Number(type)}; }
+    IpAddress Ip(std::uint16_t type, std::uint8_t family) const {
+        return Sized(type, SizeOf(family)) ? IpAddress::Of(family, mnl_attr_get_payload(found.at(type))) : IpAddress{};
+    }
     std::string Text(std::uint16_t type) const {
         const bool terminated = Has(type) && mnl_attr_validate(found.at(type), MNL_TYPE_NUL_STRING) >= 0;
         return terminated ? mnl_attr_get_str(found.at(type)) : std::string();
@@ -69,6 +79,11 @@ const Header* HeaderOf(const nlmsghdr& message, std::uint16_t added, std::uint16
         mnl_nlmsg_get_payload_len(&message) < sizeof(Header))
         return nullptr;
     return static_cast<const Header*>(mnl_nlmsg_get_payload(&message));
+}
+
+void PutIp(nlmsghdr& message, std::uint16_t type, const IpAddress& address) {
+    if (address)
+        mnl_attr_put(&message, type, SizeOf(address.Family()), &address.bytes[16 - SizeOf(address.Family())]);
 }
 
 nlmsghdr& Begin(void* buffer, std::uint16_t type, std::uint16_t flags) {
@@ -100,77 +115,88 @@ std::optional<Link> ReadLink(const nlmsghdr& message) {
 
 std::optional<Address> ReadAddress(const nlmsghdr& message) {
     const auto* header = HeaderOf<ifaddrmsg>(message, RTM_NEWADDR, RTM_DELADDR);
-    if (header == nullptr || header->ifa_family != AF_INET)
+    if (header == nullptr || !IsIp(header->ifa_family))
         return std::nullopt;
     const Attributes attributes(message, sizeof(*header));
+    const std::uint8_t family = header->ifa_family;
+    const bool six = family == AF_INET6;
     Address address;
     address.link = header->ifa_index;
     // On a point-to-point link IFA_ADDRESS is the other end.
-    address.address = attributes.Has(IFA_LOCAL) ? attributes.Ip(IFA_LOCAL) : attributes.Ip(IFA_ADDRESS);
+    address.address = attributes.Ip(attributes.Has(IFA_LOCAL) ? IFA_LOCAL : IFA_ADDRESS, family);
     address.prefixLength = header->ifa_prefixlen;
-    address.secondary = (header->ifa_flags & IFA_F_SECONDARY) != 0;
-    const Ipv4 linkLocal = *Ipv4::Parse("169.254.0.0");
-    address.global = header->ifa_scope == RT_SCOPE_UNIVERSE && address.address.Network(16) != linkLocal;
+    const std::uint32_t flags = attributes.Number(IFA_FLAGS, header->ifa_flags);
+    address.secondary = !six && (flags & IFA_F_SECONDARY) != 0;
+    address.temporary = six && (flags & IFA_F_TEMPORARY) != 0;
+    address.tentative = (flags & (IFA_F_TENTATIVE | IFA_F_OPTIMISTIC)) == IFA_F_TENTATIVE;
+    address.duplicate = (flags & IFA_F_DADFAILED) != 0;
+    address.deprecated = (flags & IFA_F_DEPRECATED) != 0;
+    address.global = header->ifa_scope == RT_SCOPE_UNIVERSE && !address.address.IsLinkLocal();
     return address;
 }
 
 std::optional<Route> ReadRoute(const nlmsghdr& message) {
     const auto* header = HeaderOf<rtmsg>(message, RTM_NEWROUTE, RTM_DELROUTE);
-    if (header == nullptr || header->rtm_family != AF_INET || header->rtm_type != RTN_UNICAST ||
-        (header->rtm_flags & RTM_F_CLONED) != 0)
+    if (header == nullptr || !IsIp(header->rtm_family) || (header->rtm_flags & RTM_F_CLONED) != 0 ||
+        (header->rtm_type != RTN_UNICAST && header->rtm_type != RTN_UNREACHABLE))
         return std::nullopt;
     const Attributes attributes(message, sizeof(*header));
-    if (!attributes.Has(RTA_OIF))
+    const bool leads = header->rtm_type == RTN_UNICAST;
+    if (leads && !attributes.Has(RTA_OIF))
         return std::nullopt;
     Route route;
+    route.family = header->rtm_family;
     route.table = attributes.Number(RTA_TABLE, header->rtm_table);
     route.protocol = header->rtm_protocol;
-    route.link = attributes.Number(RTA_OIF);
-    route.destination = attributes.Ip(RTA_DST);
+    route.link = leads ? attributes.Number(RTA_OIF) : 0; // the kernel names the loopback interface
+    route.destination = attributes.Ip(RTA_DST, route.family);
     route.prefixLength = header->rtm_dst_len;
-    route.gateway = attributes.Ip(RTA_GATEWAY);
-    route.source = attributes.Ip(RTA_PREFSRC);
+    route.gateway = attributes.Ip(RTA_GATEWAY, route.family);
+    route.source = attributes.Ip(RTA_PREFSRC, route.family);
     route.metric = attributes.Number(RTA_PRIORITY);
+    // In the kernel's hundredths of a second; zero: it does not expire.
+    if (const auto left = attributes.Copy<rta_cacheinfo>(RTA_CACHEINFO).rta_expires; left != 0)
+        route.lifetime = std::chrono::milliseconds(std::int64_t{left} * 10);
     return route;
 }
 
 std::optional<Rule> ReadRule(const nlmsghdr& message) {
     const auto* header = HeaderOf<fib_rule_hdr>(message, RTM_NEWRULE, RTM_DELRULE);
-    if (header == nullptr || header->family != AF_INET || header->action != FR_ACT_TO_TBL || header->dst_len != 0)
+    if (header == nullptr || !IsIp(header->family) || header->action != FR_ACT_TO_TBL || header->dst_len != 0)
         return std::nullopt;
     const Attributes attributes(message, sizeof(*header));
     const bool forAnInterface = attributes.Has(FRA_OIFNAME) && header->src_len == 0;
-    const bool forAnAddress = !attributes.Has(FRA_OIFNAME) && header->src_len == 32;
-    if (!forAnInterface && !forAnAddress)
+    const bool forANetwork = !attributes.Has(FRA_OIFNAME) && header->src_len != 0;
+    if (!forAnInterface && !forANetwork)
         return std::nullopt;
     Rule rule;
+    rule.family = header->family;
     rule.priority = attributes.Number(FRA_PRIORITY);
     rule.table = attributes.Number(FRA_TABLE, header->table);
     rule.protocol = attributes.Byte(FRA_PROTOCOL);
     rule.interface = attributes.Text(FRA_OIFNAME);
-    rule.source = attributes.Ip(FRA_SRC);
+    rule.source = attributes.Ip(FRA_SRC, rule.family);
+    rule.prefixLength = header->src_len;
     return rule;
 }
 
 nlmsghdr& WriteRoute(void* buffer, std::uint16_t type, std::uint16_t flags, const Route& route) {
     nlmsghdr& message = Begin(buffer, type, flags);
     auto& header = *static_cast<rtmsg*>(mnl_nlmsg_put_extra_header(&message, sizeof(rtmsg)));
-    header.rtm_family = AF_INET;
+    header.rtm_family = route.family;
     header.rtm_dst_len = static_cast<unsigned char>(route.prefixLength);
     header.rtm_table = RT_TABLE_UNSPEC; // the table's number may not fit here, RTA_TABLE has it
     header.rtm_protocol = route.protocol;
-    header.rtm_scope = route.gateway ? RT_SCOPE_UNIVERSE : RT_SCOPE_LINK;
-    header.rtm_type = RTN_UNICAST;
+    header.rtm_scope = route.gateway || route.IsUnreachable() ? RT_SCOPE_UNIVERSE : RT_SCOPE_LINK;
+    header.rtm_type = route.IsUnreachable() ? RTN_UNREACHABLE : RTN_UNICAST;
     // The gateway is looked up in the main table, where the network may come a moment later.
     header.rtm_flags = route.gateway ? RTNH_F_ONLINK : 0;
     mnl_attr_put_u32(&message, RTA_TABLE, route.table);
-    mnl_attr_put_u32(&message, RTA_OIF, route.link);
-    if (route.destination)
-        mnl_attr_put_u32(&message, RTA_DST, route.destination.networkOrder);
-    if (route.gateway)
-        mnl_attr_put_u32(&message, RTA_GATEWAY, route.gateway.networkOrder);
-    if (route.source)
-        mnl_attr_put_u32(&message, RTA_PREFSRC, route.source.networkOrder);
+    if (!route.IsUnreachable())
+        mnl_attr_put_u32(&message, RTA_OIF, route.link);
+    PutIp(message, RTA_DST, route.destination);
+    PutIp(message, RTA_GATEWAY, route.gateway);
+    PutIp(message, RTA_PREFSRC, route.source);
     if (route.metric != 0)
         mnl_attr_put_u32(&message, RTA_PRIORITY, route.metric);
     return message;
@@ -179,16 +205,15 @@ nlmsghdr& WriteRoute(void* buffer, std::uint16_t type, std::uint16_t flags, cons
 nlmsghdr& WriteRule(void* buffer, std::uint16_t type, std::uint16_t flags, const Rule& rule) {
     nlmsghdr& message = Begin(buffer, type, flags);
     auto& header = *static_cast<fib_rule_hdr*>(mnl_nlmsg_put_extra_header(&message, sizeof(fib_rule_hdr)));
-    header.family = AF_INET;
+    header.family = rule.family;
     header.action = FR_ACT_TO_TBL;
-    header.src_len = rule.source ? 32 : 0;
+    header.src_len = static_cast<std::uint8_t>(rule.prefixLength);
     mnl_attr_put_u32(&message, FRA_TABLE, rule.table);
     mnl_attr_put_u32(&message, FRA_PRIORITY, rule.priority);
     mnl_attr_put_u8(&message, FRA_PROTOCOL, rule.protocol);
     if (!rule.interface.empty())
         mnl_attr_put_strz(&message, FRA_OIFNAME, rule.interface.c_str());
-    if (rule.source)
-        mnl_attr_put_u32(&message, FRA_SRC, rule.source.networkOrder);
+    PutIp(message, FRA_SRC, rule.source);
     return message;
 }
 

@@ -49,7 +49,7 @@ constexpr auto FOR_EVER = std::chrono::hours(24 * 365);
 OrvNetlink::Address On(unsigned link, const std::string& text) {
     OrvNetlink::Address address;
     address.link = link;
-    address.address = *OrvNetlink::Ipv4::Parse(text);
+    address.address = *OrvNetlink::IpAddress::Parse(text);
     address.prefixLength = 24;
     address.global = true;
     return address;

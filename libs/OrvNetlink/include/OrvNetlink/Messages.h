@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
-#include "OrvNetlink/Ipv4.h"
+#include "OrvNetlink/IpAddress.h"
 
 #include <linux/netlink.h>
 
+#include <sys/socket.h>
+
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -24,60 +27,82 @@ struct Link {
     std::uint64_t sentBytes = 0;
 };
 
-/// An IPv4 address of an interface.
+/// An address of an interface.
 struct Address {
     unsigned link = 0;
-    Ipv4 address;
+    IpAddress address;
     unsigned prefixLength = 0;
-    /// Another address of the same network came before it.
+    /// IPv4: another address of the same network came before it.
     bool secondary = false;
-    /// Usable beyond its own link: not 127.0.0.1, not 169.254.x.y.
+    /// Usable beyond its own link: not loopback, not link-local (169.254.x.y, fe80::).
     bool global = false;
 
+    /// @name IPv6 only
+    /// @{
+    bool tentative = false;  ///< nobody knows yet whether another host has it; no connection can use it
+    bool duplicate = false;  ///< another host has it
+    bool deprecated = false; ///< its preferred lifetime is over: for new connections only when there is no other
+    bool temporary = false;  ///< a privacy address, replaced from time to time
+    /// @}
+
+    /// A connection can have it as its own address.
+    bool Usable() const { return global && !tentative && !duplicate; }
     bool operator==(const Address& other) const {
         return link == other.link && address == other.address && prefixLength == other.prefixLength;
     }
 };
 
-/// An IPv4 unicast route with at most one next hop.
+/// A unicast route with at most one next hop, or one that says that there is no way (link 0, unreachable).
 struct Route {
     std::uint32_t table = 0;
-    /// Who installed it, one of the kernel's protocol numbers.
+    /// Who installed it, one of the kernel's protocol numbers (RTPROT_RA: a router's advertisement).
     std::uint8_t protocol = 0;
     unsigned link = 0;
-    Ipv4 destination;
+    IpAddress destination;
     unsigned prefixLength = 0;
-    Ipv4 gateway;
-    Ipv4 source;
+    IpAddress gateway;
+    IpAddress source;
+    /// The smaller is better. IPv6 knows no 0: the kernel makes 1024 of it.
     std::uint32_t metric = 0;
+    std::uint8_t family = AF_INET;
+    /// How long it has still to live. Not set: until somebody removes it. Not positive: it is over, the kernel uses it
+    /// no more, and will remove it within half a minute.
+    std::optional<std::chrono::milliseconds> lifetime{};
 
     bool IsDefault() const { return prefixLength == 0; }
+    bool IsOver() const { return lifetime && lifetime->count() <= 0; }
+    bool IsUnreachable() const { return link == 0; }
+    /// Whether it is the same route; what is left of its lifetime does not matter.
     bool operator==(const Route& other) const {
         return table == other.table && protocol == other.protocol && link == other.link &&
                destination == other.destination && prefixLength == other.prefixLength && gateway == other.gateway &&
-               source == other.source && metric == other.metric;
+               source == other.source && metric == other.metric && family == other.family;
     }
 };
 
-/// An IPv4 rule of the form "oif INTERFACE lookup TABLE" or "from ADDRESS lookup TABLE".
+/// A rule of the form "oif INTERFACE lookup TABLE" or "from NETWORK lookup TABLE".
 struct Rule {
     std::uint32_t priority = 0;
     std::uint32_t table = 0;
     std::uint8_t protocol = 0;
-    /// Empty in a rule for an address.
+    /// Empty in a rule for a network.
     std::string interface;
-    /// 0.0.0.0 in a rule for an interface.
-    Ipv4 source;
+    /// None in a rule for an interface.
+    IpAddress source;
+    /// Of the source; 0 in a rule for an interface.
+    unsigned prefixLength = 0;
+    std::uint8_t family = AF_INET;
 
     bool operator==(const Rule& other) const {
         return priority == other.priority && table == other.table && protocol == other.protocol &&
-               interface == other.interface && source == other.source;
+               interface == other.interface && source == other.source && prefixLength == other.prefixLength &&
+               family == other.family;
     }
 };
 
 /// @name Reading a message
 /// What a message of the matching kind (new or gone) says; nothing for another kind of message and for what the
-/// structures above cannot express (another family, a multipath or blackhole route, a rule of another form).
+/// structures above cannot express (a third family, a multipath or blackhole route, a rule of another form).
 /// @{
 std::optional<Link> ReadLink(const nlmsghdr& message);
 std::optional<Address> ReadAddress(const nlmsghdr& message);
