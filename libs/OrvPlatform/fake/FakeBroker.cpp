@@ -114,6 +114,7 @@ void FakeBroker::Reset() {
     State& broker = Broker();
     const std::lock_guard<std::mutex> lock(broker.mutex);
     broker.reachable = true;
+    broker.refused.clear();
     broker.publishStatus = 0;
     broker.publishHook = nullptr;
     broker.takenHook = nullptr;
@@ -127,6 +128,11 @@ void FakeBroker::Reset() {
 void FakeBroker::SetReachable(bool reachable) {
     const std::lock_guard<std::mutex> lock(Broker().mutex);
     Broker().reachable = reachable;
+}
+
+void FakeBroker::SetRefused(const std::string& clientId) {
+    const std::lock_guard<std::mutex> lock(Broker().mutex);
+    Broker().refused = clientId;
 }
 
 void FakeBroker::SetPublishStatus(int status) {
@@ -212,7 +218,7 @@ bool FakeBroker::RestoreConnections() {
     {
         const std::lock_guard<std::mutex> lock(Broker().mutex);
         for (const auto& client : Broker().clients)
-            if (client->dropped && Broker().reachable)
+            if (client->dropped && Broker().Takes(*client))
                 ids.push_back(client->id);
     }
     for (const auto& id : ids)

@@ -20,6 +20,9 @@ public:
     /// Whether connections are accepted from now on.
     void SetReachable(bool reachable);
 
+    /// Refuses this client's connections alone from now on; empty: nobody's.
+    void SetRefused(const std::string& clientId);
+
     /// What every publication returns from now on; 0 lets them through, and with them the state that was refused while
     /// the client was connected.
     void SetPublishStatus(int status);

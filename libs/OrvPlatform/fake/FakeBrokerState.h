@@ -61,6 +61,7 @@ struct State {
     std::mutex mutex;
     std::condition_variable callbackEnded;
     bool reachable = true;
+    std::string refused; // the client whose connections are not taken
     int publishStatus = 0;
     std::function<void(const std::string&)> publishHook;
     std::function<void(const FakeBroker::Taken&)> takenHook;
@@ -70,6 +71,9 @@ struct State {
     std::map<std::string, std::string> retained;
     std::deque<Message> waiting;
     std::vector<std::shared_ptr<Client>> clients;
+
+    /// Whether a connection of the client is accepted. The mutex is held.
+    bool Takes(const Client& client) const { return reachable && client.id != refused; }
 
     void Wait(Message message) {
         if (clock)
@@ -92,8 +96,8 @@ struct State {
     bool Connect(Client& client, std::optional<Will> will) {
         const std::lock_guard<std::mutex> lock(mutex);
         client.filters.clear();
-        client.connected = reachable;
-        client.delivering = reachable;
+        client.connected = Takes(client);
+        client.delivering = client.connected;
         client.dropped = false;
         client.will = std::move(will);
         client.announced.BeginSession(client.will ? client.will->topic : "");
@@ -130,7 +134,7 @@ struct State {
     QUILMQTT::QueueOwner* Restore(const std::string& clientId) {
         const std::lock_guard<std::mutex> lock(mutex);
         for (const auto& client : clients) {
-            if (client->id != clientId || !client->dropped || !reachable)
+            if (client->id != clientId || !client->dropped || !Takes(*client))
                 continue;
             client->dropped = false;
             client->connected = true;

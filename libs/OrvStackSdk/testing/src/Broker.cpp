@@ -81,6 +81,12 @@ void Broker::RefuseConnections(bool refuse) {
         Kit::Get().ReconnectLater();
 }
 
+void Broker::RefuseInit(bool refuse) {
+    FakeBroker::Get().SetRefused(refuse ? SESSION : "");
+    if (!refuse)
+        Kit::Get().ReconnectLater();
+}
+
 void Broker::RefusePublications(bool refuse) {
     using QUILMQTT::QueueOwner;
     FakeBroker::Get().SetPublishStatus(refuse ? QueueOwner::OUTSTANDING_FULL : QueueOwner::HANDED_OVER);

@@ -89,6 +89,34 @@ TEST_F(AnApplicationOnTheKit, IsRefused) {
     EXPECT_EQ(listener->heard, (Lines{"init NACK", "init ACK"}));
 }
 
+TEST_F(AnApplicationOnTheKit, IsRefusedByInitAlone) {
+    gateway.broker.RefuseInit(true);
+    client = CreateClient();
+    client->SetHandler(listener);
+    client->Init("alarm");
+    EXPECT_FALSE(gateway.broker.IsConnected());
+    gateway.broker.RefuseInit(false);
+    gateway.Advance(10s);
+    EXPECT_FALSE(gateway.broker.IsConnected()) << "it has not asked again";
+    client->Init("alarm");
+    EXPECT_EQ(listener->heard, (Lines{"init NACK", "init ACK"}));
+}
+
+TEST_F(AnApplicationOnTheKit, HasItsRouteSupervisionBackWhileItsOwnReconnectionIsRefused) {
+    Begin();
+    gateway.broker.RefuseInit(true);
+    EXPECT_TRUE(gateway.broker.IsConnected()) << "what stands stays";
+    gateway.broker.BreakConnections();
+    gateway.Advance(250ms);
+    EXPECT_FALSE(gateway.broker.IsConnected());
+    EXPECT_EQ(gateway.journal.Text({"broker connections are back"}), "broker connections are back\n");
+    gateway.Advance(10s);
+    EXPECT_FALSE(gateway.broker.IsConnected());
+    gateway.broker.RefuseInit(false);
+    gateway.Advance(250ms);
+    EXPECT_TRUE(gateway.broker.IsConnected());
+}
+
 TEST_F(AnApplicationOnTheKit, StaysAwayWhileItsReconnectionIsRefused) {
     Begin();
     gateway.broker.RefuseConnections(true);

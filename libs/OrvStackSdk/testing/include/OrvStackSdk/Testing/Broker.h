@@ -57,6 +57,11 @@ public:
     /// Those that stand stay.
     void RefuseConnections(bool refuse);
 
+    /// From now on Init alone is refused and answers NACK, though CreateClient succeeds, or is taken again. On a
+    /// gateway the broker may go, or run out of connections, between the two. A connection that stands stays; once
+    /// broken, it does not come back meanwhile.
+    void RefuseInit(bool refuse);
+
     /// From now on publications are refused, as on a connection that does not keep up, or taken again.
     void RefusePublications(bool refuse);
 
