@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "EthernetGuard.h"
 
+#include "Clock.h"
 #include "log/LogLevel.h"
 
 #include <algorithm>
@@ -13,10 +14,6 @@ using namespace std::chrono_literals;
 using OrvStackSdk::OrvEvent;
 
 namespace {
-
-EthernetProbation::Time Now() {
-    return EthernetProbation::Clock::now();
-}
 
 const char* Text(EthernetProbation::End end) {
     switch (end) {

@@ -16,6 +16,17 @@ TEST_F(TheLifeOfTheApplication, BeginsWithoutABrokerAndGoesOnWhenItIsThere) {
     RunUntil(31s);
 }
 
+TEST_F(TheLifeOfTheApplication, GoesOnOnlyWhenTheBrokerHasConfirmedItsName) {
+    gateway.broker.RefuseInit(true);
+    At(20s, [&] {
+        EXPECT_EQ(gateway.broker.Published(CLOUD), Payloads{}) << "no event was reported";
+        EXPECT_EQ(gateway.journal.Text({"publish ORV_Stack"}), "") << "nothing was announced";
+        gateway.broker.RefuseInit(false);
+    });
+    At(30s, [&] { EXPECT_EQ(gateway.broker.Published(FEATURE + "/init"), (Payloads{"booting", "ready"})); });
+    RunUntil(31s);
+}
+
 TEST_F(TheLifeOfTheApplication, MovesToCellularAndBackWithItsCloudConnection) {
     At(1s, [&] { around.cloudAnswers("192.0.2.2"); });
     At(2s, [&] {

@@ -172,17 +172,17 @@ CloudConnection::CloudConnection(EventLoop& eventLoop, CloudSettings cloudSettin
       dialer(eventLoop),
       race(eventLoop, {[](const CloudRace::Winner&) {}, [](const std::string&) {}}),
       backOff(milliseconds(500), milliseconds(500), std::move(random)),
-      deadline(eventLoop, [] {}),
+      deadline(eventLoop, [this] { OnDeadline(); }),
       lifeTimer(eventLoop, [] {}) {
     auto& around = Surroundings::Present();
     around.cloudAnswers = [this](const std::string& address) {
+        deadline.Stop();
         state = State::CONNECTED;
         source = address;
         handler.onConnected(address);
     };
     around.cloudBreaks = [this](const std::string& reason) {
-        state = State::DIALLING;
-        source.clear();
+        Dial();
         handler.onLost(reason);
     };
     around.keepAlive = handler.keepAlive;
@@ -193,8 +193,7 @@ CloudConnection::~CloudConnection() = default;
 void CloudConnection::Reopen(const std::string& reason) {
     Surroundings::Present().gateway.journal.Note("cloud connection: " + reason);
     const bool was = Connected();
-    state = State::DIALLING;
-    source.clear();
+    Dial();
     if (was)
         handler.onLost(reason);
 }
@@ -202,6 +201,19 @@ void CloudConnection::Reopen(const std::string& reason) {
 void CloudConnection::Reopen(const CloudSettings& cloudSettings, const std::string& reason) {
     settings = cloudSettings;
     Reopen(reason);
+}
+
+void CloudConnection::Dial() {
+    state = State::DIALLING;
+    source.clear();
+    deadline.Once(std::chrono::seconds(5));
+}
+
+void CloudConnection::OnDeadline() {
+    const std::string reason = Surroundings::Present().attemptsFail;
+    Dial();
+    if (!reason.empty())
+        handler.onFailed(reason, milliseconds(0));
 }
 
 bool CloudConnection::BegunSince(std::chrono::steady_clock::time_point) const {

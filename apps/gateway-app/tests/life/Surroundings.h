@@ -49,6 +49,9 @@ struct Surroundings {
     /// What the application's own try over an interface comes to; at first no try ever ends.
     std::optional<PathProver::Result> proof;
 
+    /// Why each attempt to connect to the cloud fails after 5 s; empty: it lasts until the cloud answers.
+    std::string attemptsFail;
+
     OrvStackSdk::Testing::Gateway& gateway;
     std::vector<OrvNetlink::Link> links;
     std::vector<OrvNetlink::Address> addresses;

@@ -1,0 +1,115 @@
+// SPDX-License-Identifier: Apache-2.0
+// An Ethernet that has failed twice: what the application makes of it, what it tells the library, and when the route
+// returns.
+#include "LifeScene.h"
+
+namespace GatewayApp {
+namespace {
+
+constexpr auto BEGINS = 40400ms; // the probation, with the second move to Cellular
+
+/// At 45 s the cloud is connected over Cellular again, and Ethernet would reach it, too.
+class AnEthernetThatFailedAgain : public TheLogOfTheApplication {
+protected:
+    AnEthernetThatFailedAgain() {
+        around.proof = PathProver::Result{};
+        around.proof->good = true;
+        FailsOver(2s);
+        At(16s, [&] { gateway.poke.Reaches("eth0"); });
+        At(17s, [&] {
+            around.DefaultRouteBecomes("eth0");
+            around.cloudAnswers("192.0.2.2");
+        });
+        FailsOver(30s);
+        At(45s, [&] {
+            gateway.poke.Reaches("eth0");
+            gateway.journal.Clear();
+        });
+    }
+
+    void FailsOver(std::chrono::milliseconds time) {
+        At(time, [&] {
+            gateway.poke.Fails("eth0", 28);
+            around.cloudBreaks("timed out");
+        });
+        At(time + 12s, [&] {
+            around.DefaultRouteBecomes("wwan0");
+            around.cloudAnswers("198.51.100.2");
+        });
+    }
+
+    void CellularLosesTheCloud(std::chrono::milliseconds time, const std::string& reason) {
+        At(time, [&, reason] {
+            around.attemptsFail = reason;
+            around.cloudBreaks(reason);
+        });
+    }
+
+    void RouteIs(const std::string& interface, std::chrono::milliseconds time) {
+        At(time, [&, interface, time] { EXPECT_EQ(gateway.connman.Top(), interface) << time.count() << " ms"; });
+    }
+
+    std::size_t Ends(const std::string& reason) const {
+        return Lines("Ethernet's probation is over: " + reason).size();
+    }
+};
+
+TEST_F(AnEthernetThatFailedAgain, HasTheRouteBackWhenItHasProvedItself) {
+    RouteIs("wwan0", BEGINS + 59s);
+    RouteIs("eth0", BEGINS + 62s);
+    RunUntil(BEGINS + 63s);
+    EXPECT_EQ(Ends("it has proved itself"), 1U);
+}
+
+TEST_F(AnEthernetThatFailedAgain, IsNotTakenWhileItsProofsFail) {
+    around.proof->good = false;
+    around.proof->connected = true;
+    RouteIs("wwan0", 20min);
+    RunUntil(20min);
+    EXPECT_EQ(Ends(""), 0U);
+}
+
+TEST_F(AnEthernetThatFailedAgain, HasTheRouteBackWhenCellularLosesTheCloudToo) {
+    CellularLosesTheCloud(46s, "timed out");
+    RouteIs("wwan0", 55s);
+    RouteIs("eth0", 58s);
+    RunUntil(59s);
+    EXPECT_EQ(Ends("it reaches the cloud and Cellular does not"), 1U);
+}
+
+TEST_F(AnEthernetThatFailedAgain, IsNotTakenWhenTheCloudIsBackOnCellular) {
+    CellularLosesTheCloud(46s, "timed out");
+    At(50s, [&] { around.cloudAnswers("198.51.100.2"); });
+    RouteIs("wwan0", BEGINS + 59s);
+    RunUntil(BEGINS + 59s);
+    EXPECT_EQ(Ends(""), 0U);
+}
+
+TEST_F(AnEthernetThatFailedAgain, IsNotTakenForACloudThatRefusesOverCellular) {
+    CellularLosesTheCloud(46s, "the broker refused: not authorised");
+    RouteIs("wwan0", 80s);
+    RunUntil(80s);
+    EXPECT_EQ(Ends(""), 0U);
+}
+
+TEST_F(AnEthernetThatFailedAgain, HasTheRouteBackAtOnceWhenCellularHasNoAddress) {
+    At(46s, [&] { around.AddressesBecome("192.0.2.2", ""); });
+    RouteIs("eth0", 47s);
+    RunUntil(48s);
+    EXPECT_EQ(Ends("Cellular is lost"), 1U);
+}
+
+TEST_F(AnEthernetThatFailedAgain, IsNotPokedThoughItsAddressComesAnew) {
+    int before = 0;
+    At(46s, [&] {
+        before = gateway.poke.Attempts("eth0");
+        around.AddressesBecome("", "198.51.100.2");
+        around.AddressesBecome("192.0.2.2", "198.51.100.2");
+    });
+    RunUntil(50s);
+    EXPECT_EQ(gateway.poke.Attempts("eth0"), before);
+    EXPECT_EQ(Lines("event ETHERNET_IP_GAINED, not reported: Ethernet is on probation").size(), 1U);
+}
+
+} // namespace
+} // namespace GatewayApp
