@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What is called all the time must not touch the heap.
+// What is called all the time must not touch the heap. On the bare fakes, because it is about the objects that are
+// shipped, with their real clocks; the test kit has other ones.
 #include "CountedNew.h"
 #include "FakeBroker.h"
 #include "FakeGateway.h"

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+// The client alone, between a recording session and a recording application: the test kit has whole clients only.
 #include "ClientScene.h"
 #include "FakeLogger.h"
 

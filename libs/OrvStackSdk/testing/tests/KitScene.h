@@ -23,7 +23,9 @@ class Listener : public IOrvStackClientHandler {
 public:
     void OnInitConfirmation(const Confirmation& answer) override { Record("init " + ConfirmationText(answer)); }
     void OnAppActionIndication(const AppAction& action) override { Record(AppActionText(action)); }
-    void OnAppStatusIndication(const std::string&, const AppStatus&) override {}
+    void OnAppStatusIndication(const std::string& app, const AppStatus& status) override {
+        Record(app + " is " + AppStatusText(status));
+    }
     void OnDeviceProbeIndication(const std::string& guid) override { Record("panel " + guid); }
     void OnDeviceOnlineStatusIndication(bool online) override { Record(online ? "panel up" : "panel down"); }
     void OnDeviceCellularStatusIndication(const CellularStatus& item, const std::string& value) override {
