@@ -12,55 +12,96 @@ class Step:
 
     name: str
     environment: tuple[tuple[str, str], ...] = ()
-    gives_way: bool = False  # to the other steps of its group: it computes what time they leave
+    after: tuple[str, ...] = ()  # names of steps that must have ended, passed or failed, before this one begins
 
     @property
     def file_name(self) -> str:
         return "-".join(self.name.replace("-", " ").split())
 
 
-# Steps of one group run at the same time: they mostly wait, or compute what time the others leave.
-Group = tuple[Step, ...]
+@dataclasses.dataclass(frozen=True)
+class Lane:
+    """Steps that run one after the other. The lanes of a plan run side by side."""
+
+    steps: tuple[Step, ...]
+    gives_way: bool = False  # to the other lanes: it computes what time they leave
+
+
+Plan = tuple[Lane, ...]
 
 SANITIZED = (("ORV_BUILD", "build/asan-ubsan"),)
 RELEASED = (("ORV_BUILD", "build/release"),)
 
+BUILD_ASAN = "preset-test --build asan-ubsan"
+BUILD_COVERAGE = "preset-test --build coverage"
+BUILD_RELEASE = "preset-test --build release"
+BUILD_TSAN = "preset-test --build tsan"
+BUILD_MIPSEL = "cross-test --build"
+
 # What a developer runs before a commit: one build, under sanitizers, and everything on it.
-SHORT: tuple[Group, ...] = (
-    (Step("lint"), Step("python-test"), Step("preset-test --build asan-ubsan")),
-    (
-        Step("preset-test asan-ubsan"),
-        Step("demo --loopback --no-color", SANITIZED),
-        Step("system-test --short", SANITIZED),
+SHORT: Plan = (
+    Lane((Step(BUILD_ASAN), Step("preset-test asan-ubsan"))),
+    Lane((Step("lint"), Step("python-test"), Step("demo --loopback --no-color", SANITIZED, after=(BUILD_ASAN,)))),
+    Lane((Step("system-test --short", SANITIZED, after=(BUILD_ASAN,)),)),
+)
+
+# Tests mostly wait. What they leave of the processors goes into the builds of the next ones. package and size build in the
+# folders whose tests must have ended.
+ALL: Plan = (
+    Lane(
+        (
+            Step("lint"),
+            Step("python-test"),
+            Step("system-test", RELEASED, after=(BUILD_RELEASE,)),
+            Step("panel-test", RELEASED),
+            Step("demo --no-color", RELEASED),
+            Step("demo --loopback --no-color", RELEASED),
+            Step("multi-app-test", RELEASED),
+            Step("package-test", after=("preset-test release",)),
+            Step("package", after=("cross-test",)),
+            Step("size --run"),
+        ),
+    ),
+    Lane(
+        (
+            Step("preset-test release", after=(BUILD_RELEASE,)),
+            Step("external-platform-test"),
+            Step("docs"),
+            Step("abi check"),
+            Step("preset-test asan-ubsan", after=(BUILD_ASAN,)),
+            Step("cross-test", after=(BUILD_MIPSEL,)),
+            Step("preset-test tsan", after=(BUILD_TSAN,)),
+            Step("preset-test coverage", after=(BUILD_COVERAGE,)),
+        ),
+    ),
+    Lane(
+        (
+            Step(BUILD_RELEASE),
+            Step(BUILD_ASAN),
+            Step(BUILD_MIPSEL),
+            Step(BUILD_TSAN),
+            Step(BUILD_COVERAGE),
+            Step("lint --tidy"),
+            Step("fuzz 10"),
+            Step("explore 60"),
+        ),
+        gives_way=True,
     ),
 )
 
-# While the tests of one build wait, the next is built.
-ALL: tuple[Group, ...] = (
-    (Step("lint"), Step("python-test"), Step("preset-test --build coverage")),
-    (Step("preset-test coverage"), Step("preset-test --build asan-ubsan", gives_way=True)),
-    (Step("preset-test asan-ubsan"), Step("preset-test --build tsan", gives_way=True)),
-    (Step("preset-test tsan"), Step("preset-test --build release", gives_way=True)),
-    (Step("preset-test release"),),
-    (Step("fuzz 10"),),
-    (Step("external-platform-test"), Step("docs"), Step("abi check")),
-    (Step("demo --no-color", RELEASED), Step("demo --loopback --no-color", RELEASED), Step("multi-app-test", RELEASED)),
-    (Step("panel-test", RELEASED),),
-    (Step("system-test", RELEASED), Step("lint --tidy", gives_way=True), Step("explore 60", gives_way=True)),
-    (Step("package-test"), Step("cross-test")),
-    (Step("package"),),
-    (Step("size --run"),),
-)
+
+def steps(plan: Plan) -> list[Step]:
+    return [step for lane in plan for step in lane.steps]
 
 
-def named(names: list[str]) -> tuple[Group, ...]:
+def named(names: list[str]) -> Plan:
     """The plan for the command line: nothing, "all", or steps by name, one after the other."""
     if not names:
         return SHORT
     if names == ["all"]:
         return ALL
-    known = {step.name: step for plan in (SHORT, ALL) for group in plan for step in group}
+    known = {step.name: step for step in steps(SHORT) + steps(ALL)}
     unknown = [name for name in names if name not in known]
     if unknown:
         raise KeyError(f"no such step: {', '.join(unknown)}; there are: all, {', '.join(sorted(known))}")
-    return tuple((known[name],) for name in names)
+    return (Lane(tuple(dataclasses.replace(known[name], after=()) for name in names)),)

@@ -11,6 +11,7 @@ import shutil
 import signal
 import subprocess
 import sys
+import threading
 import time
 from concurrent import futures
 
@@ -20,6 +21,7 @@ import reports
 TREE = pathlib.Path(__file__).resolve().parents[2]
 LOGS = TREE / "build" / "test-logs"
 REPORTS = TREE / "build" / "test-reports"
+ADOPT = pathlib.Path(__file__).resolve().with_name("adopt.py")
 SKIPPED = 77
 SHOWN_LINES = 60
 TIME_TO_END = 30  # seconds
@@ -32,31 +34,33 @@ GIVING_WAY = ["sh", "-c", '{ echo 19 >/proc/self/autogroup; } 2>/dev/null; exec 
 class Run:
     """One step under way, and what has become of it."""
 
-    def __init__(self, step: plan.Step) -> None:
+    def __init__(self, step: plan.Step, gives_way: bool = False) -> None:
         self.step = step
         self.log = LOGS / f"{step.file_name}.log"
         self.reports = REPORTS / step.file_name
         shutil.rmtree(self.reports, ignore_errors=True)
         self.reports.mkdir(parents=True)
+        self.processor_time = self.reports / "processor-time"
         words = step.name.split()
-        before = GIVING_WAY if step.gives_way else []
+        before = GIVING_WAY if gives_way else []
         environment = {**os.environ, **{name: self._value(value) for name, value in step.environment}}
         environment["ORV_REPORTS"] = str(self.reports)
         self.begin = time.monotonic()
         self.seconds = 0.0
+        self.processor_seconds = 0.0
         self.tests: list[reports.Test] = []
         self.second_tries: list[str] = []
         self.verdict = "running"
         with self.log.open("wb") as log:
             self.process = subprocess.Popen(
-                [*before, TREE / "script" / words[0], *words[1:]],
+                [*before, ADOPT, self.processor_time, TREE / "script" / words[0], *words[1:]],
                 cwd=TREE,
                 env=environment,
                 stdin=subprocess.DEVNULL,
                 stdout=log,
                 stderr=subprocess.STDOUT,
-                start_new_session=step.gives_way,
-                process_group=None if step.gives_way else 0,
+                start_new_session=gives_way,
+                process_group=None if gives_way else 0,
             )
 
     def stop(self) -> None:
@@ -76,6 +80,8 @@ class Run:
     def finish(self) -> Run:
         status = self.process.wait()
         self.seconds = time.monotonic() - self.begin
+        with contextlib.suppress(OSError):
+            self.processor_seconds = float(self.processor_time.read_text(encoding="ascii"))
         self.tests = reports.read(self.reports)
         self.second_tries = reports.second_tries(self.reports)
         if status == SKIPPED and not os.environ.get("ORV_REQUIRE_NAMESPACES"):
@@ -114,19 +120,61 @@ class Run:
         return "\n".join(parts)
 
 
-def run_group(group: plan.Group) -> list[Run]:
-    runs = [Run(step) for step in group]
-    with futures.ThreadPoolExecutor(len(runs)) as waiting:
-        try:
-            for done in futures.as_completed([waiting.submit(run.finish) for run in runs]):
-                run = done.result()
+class Schedule:
+    """The lanes of a plan, side by side. Breaks off with the first exception that its user or a lane raises."""
+
+    def __init__(self, lanes: plan.Plan) -> None:
+        self.lanes = lanes
+        self.runs: dict[str, Run] = {}
+        self.ended: set[str] = set()
+        self.over = False
+        self.changed = threading.Condition()
+
+    def run(self) -> list[Run]:
+        """All runs, in the plan's order."""
+        with futures.ThreadPoolExecutor(len(self.lanes)) as threads:
+            try:
+                for done in futures.as_completed([threads.submit(self._run_lane, lane) for lane in self.lanes]):
+                    done.result()
+            finally:
+                with self.changed:
+                    self.over = True
+                    self.changed.notify_all()
+                for run in list(self.runs.values()):
+                    run.stop()
+        return [self.runs[step.name] for step in plan.steps(self.lanes)]
+
+    def _run_lane(self, lane: plan.Lane) -> None:
+        for step in lane.steps:
+            run = self._begin(step, lane.gives_way)
+            if run is None:
+                return
+            run.finish()
+            with self.changed:
+                self.ended.add(step.name)
+                self.changed.notify_all()
                 print(run.line(), flush=True)
                 if run.verdict == "FAILED":
                     print(run.reasons(), flush=True)
-        finally:
-            for run in runs:
-                run.stop()
-    return runs
+
+    def _begin(self, step: plan.Step, gives_way: bool) -> Run | None:
+        """Waits for what the step needs; None when the schedule breaks off before."""
+        with self.changed:
+            self.changed.wait_for(lambda: self.over or self.ended.issuperset(step.after))
+            if self.over:
+                return None
+            self.runs[step.name] = Run(step, gives_way)
+            return self.runs[step.name]
+
+
+def table(runs: list[Run], begin: float) -> list[str]:
+    """When each step began and what it took, in the plan's order."""
+    lines = [f"{'':<32} {'begun at':>9} {'took':>7} {'processor':>10}"]
+    lines += [
+        f"{run.step.name:<32} {run.begin - begin:7.0f} s {run.seconds:5.0f} s {run.processor_seconds:8.0f} s"
+        for run in runs
+    ]
+    return [*lines, f"{'all':<32} {'':>9} {'':>7} {sum(run.processor_seconds for run in runs):8.0f} s"]
 
 
 def summary(runs: list[Run], seconds: float) -> int:
@@ -164,14 +212,13 @@ def main() -> int:
     begin = time.monotonic()
     signal.signal(signal.SIGTERM, break_off)
     try:
-        groups = plan.named(sys.argv[1:])
+        lanes = plan.named(sys.argv[1:])
     except KeyError as error:
         print(f"test: {error.args[0]}", file=sys.stderr)
         return 2
     LOGS.mkdir(parents=True, exist_ok=True)
-    runs: list[Run] = []
-    for group in groups:
-        runs += run_group(group)
+    runs = Schedule(lanes).run()
+    print("", *table(runs, begin), sep="\n")
     return summary(runs, time.monotonic() - begin)
 
 

@@ -64,16 +64,40 @@ def test_an_unknown_step_is_named_beside_those_there_are() -> None:
         plan.named(["nonsense"])
 
 
-def test_each_step_is_a_command_of_the_script_folder() -> None:
-    for group in plan.SHORT + plan.ALL:
-        for step in group:
-            command = run.TREE / "script" / step.name.split()[0]
-            assert os.access(command, os.X_OK), step.name
+@pytest.fixture(params=[plan.SHORT, plan.ALL], ids=["short", "all"])
+def shipped(request: pytest.FixtureRequest) -> plan.Plan:
+    lanes: plan.Plan = request.param
+    return lanes
 
 
-def test_logs_of_different_steps_do_not_overwrite_each_other() -> None:
-    names = [step.file_name for group in plan.ALL for step in group]
+def test_each_step_is_a_command_of_the_script_folder(shipped: plan.Plan) -> None:
+    for step in plan.steps(shipped):
+        command = run.TREE / "script" / step.name.split()[0]
+        assert os.access(command, os.X_OK), step.name
+
+
+def test_logs_of_different_steps_do_not_overwrite_each_other(shipped: plan.Plan) -> None:
+    names = [step.file_name for step in plan.steps(shipped)]
     assert len(set(names)) == len(names)
+
+
+def test_no_step_of_a_plan_waits_for_ever(shipped: plan.Plan) -> None:
+    waiting = [list(lane.steps) for lane in shipped]
+    ended: set[str] = set()
+    while any(waiting):
+        ready = [lane.pop(0) for lane in waiting if lane and ended.issuperset(lane[0].after)]
+        assert ready, [lane[0].name for lane in waiting if lane]
+        ended |= {step.name for step in ready}
+
+
+def test_tests_of_builds_are_never_run_side_by_side_for_some_share_files_of_the_machine(shipped: plan.Plan) -> None:
+    lanes = {
+        number
+        for number, lane in enumerate(shipped)
+        for step in lane.steps
+        if step.name.startswith(("preset-test", "cross-test")) and "--build" not in step.name
+    }
+    assert len(lanes) == 1
 
 
 @pytest.fixture
@@ -94,26 +118,61 @@ def tree(tmp_path: pathlib.Path, monkeypatch: pytest.MonkeyPatch) -> AddStep:
     return add
 
 
+def run_beside(*steps: plan.Step, gives_way: bool = False) -> list[run.Run]:
+    return run.Schedule(tuple(plan.Lane((step,), gives_way) for step in steps)).run()
+
+
+def test_steps_of_a_lane_follow_each_other_and_a_step_begins_when_what_it_needs_has_ended(
+    tree: AddStep, tmp_path: pathlib.Path
+) -> None:
+    one, two = tree("one", f"sleep 0.1; echo one >>{tmp_path}/order"), tree("two", f"echo two >>{tmp_path}/order")
+    three = dataclasses.replace(tree("three", f"echo three >>{tmp_path}/order"), after=("two",))
+    runs = run.Schedule((plan.Lane((three,)), plan.Lane((one, two)))).run()
+    assert (tmp_path / "order").read_text().split() == ["one", "two", "three"]
+    assert [done.step.name for done in runs] == ["three", "one", "two"]
+
+
+def test_a_step_begins_although_what_it_needs_has_failed(tree: AddStep) -> None:
+    after = dataclasses.replace(tree("after", "true"), after=("bad",))
+    assert [one.verdict for one in run_beside(tree("bad", "exit 3"), after)] == ["FAILED", "ok"]
+
+
+def test_processor_time_is_that_of_everything_that_a_step_has_started(tree: AddStep, tmp_path: pathlib.Path) -> None:
+    burn = "python3 -c 'import time\nwhile time.process_time() < 0.3: pass'"
+    # The second has lost its parent when it ends, as a box's programs have.
+    text = f"{burn}\nsh -c '{tmp_path}/orphan &'\nuntil [ -e {tmp_path}/burnt ]; do sleep 0.02; done; sleep 0.1"
+    (tmp_path / "orphan").write_text(f"#!/bin/sh\n{burn}\n: >{tmp_path}/burnt\n")
+    (tmp_path / "orphan").chmod(0o755)
+    done = run_beside(tree("busy", text))[0]
+    assert done.verdict == "ok"
+    assert done.processor_seconds >= 0.6
+
+
+def test_a_step_ends_as_its_command_does(tree: AddStep, tmp_path: pathlib.Path) -> None:
+    for text, status in (("exit 77", 77), ("kill -TERM $$", 143)):
+        command = [run.ADOPT, tmp_path / "time", run.TREE / "script" / tree("one", text).name]
+        assert subprocess.run(command).returncode == status
+
+
 def test_a_step_that_exits_with_an_error_fails_the_run(tree: AddStep, capsys: pytest.CaptureFixture[str]) -> None:
-    runs = run.run_group((tree("good", "true"), tree("bad", "echo the reason; exit 3")))
+    runs = run_beside(tree("good", "true"), tree("bad", "echo the reason; exit 3"))
     assert [one.verdict for one in runs] == ["ok", "FAILED"]
     assert run.summary(runs, 1) == 1
     assert "the reason" in capsys.readouterr().out
 
 
 def test_a_step_that_gives_way_leaves_the_others_their_time(tree: AddStep) -> None:
-    ordinary = tree("ordinary", "nice")
-    polite = dataclasses.replace(tree("polite", "nice"), gives_way=True)
-    runs = run.run_group((ordinary, polite))
+    lanes = (plan.Lane((tree("ordinary", "nice"),)), plan.Lane((tree("polite", "nice"),), gives_way=True))
+    runs = run.Schedule(lanes).run()
     assert [int(one.last_line()) for one in runs] == [os.nice(0), 19]
 
 
 def test_a_step_that_gives_way_does_so_to_other_sessions_too(tree: AddStep) -> None:
     if not os.path.exists("/proc/self/autogroup"):
         pytest.skip("this kernel shares the processor among processes only")
-    polite = dataclasses.replace(tree("polite", "cat /proc/self/autogroup"), gives_way=True)
+    polite = tree("polite", "cat /proc/self/autogroup")
     own = pathlib.Path("/proc/self/autogroup").read_text()  # nothing where nobody has begun a session yet
-    given = run.run_group((polite,))[0].last_line()
+    given = run_beside(polite, gives_way=True)[0].last_line()
     assert given.endswith(" nice 19")
     assert given.split()[:1] != own.split()[:1]
 
@@ -131,7 +190,7 @@ def test_a_run_that_breaks_off_ends_what_its_steps_have_started(
     quick = tree("quick", f"until [ -e {begun} ]; do sleep 0.02; done")
     begin = time.monotonic()
     with pytest.raises(KeyboardInterrupt):
-        run.run_group((quick, dataclasses.replace(long, gives_way=gives_way)))
+        run.Schedule((plan.Lane((quick,)), plan.Lane((long,), gives_way))).run()
     assert time.monotonic() - begin < 50
     wait_until(lambda: not pathlib.Path(f"/proc/{child.read_text().strip()}").exists(), 10, "its child ends, too")
 
@@ -143,18 +202,18 @@ def test_a_run_that_is_told_to_end_breaks_off() -> None:
 
 
 def test_a_failed_test_fails_a_step_that_exits_well(tree: AddStep) -> None:
-    runs = run.run_group((tree("sly", f"cat >$ORV_REPORTS/x.xml <<'E'\n{CTEST}\nE\n"),))
+    runs = run_beside(tree("sly", f"cat >$ORV_REPORTS/x.xml <<'E'\n{CTEST}\nE\n"))
     assert [one.verdict for one in runs] == ["FAILED"]
 
 
 def test_what_needed_a_second_try_is_named_at_the_end(tree: AddStep, capsys: pytest.CaptureFixture[str]) -> None:
     text = f"cat >$ORV_REPORTS/x.xml <<'E'\n{PYTEST_OF_ONE}\nE\necho test_box::test_up >$ORV_REPORTS/second-tries"
-    assert run.summary(run.run_group((tree("box", text),)), 1) == 0
+    assert run.summary(run_beside(tree("box", text)), 1) == 0
     assert "\nneeded a second try: box: test_box::test_up\n1 passed, 0 failed\n" in capsys.readouterr().out
 
 
 def test_a_run_without_any_test_fails(tree: AddStep, capsys: pytest.CaptureFixture[str]) -> None:
-    assert run.summary(run.run_group((tree("good", "true"),)), 1) == 1
+    assert run.summary(run_beside(tree("good", "true")), 1) == 1
     assert capsys.readouterr().out.endswith("no test ran\n0 passed, 1 failed\n")
 
 
@@ -163,9 +222,9 @@ def test_what_may_not_run_here_is_skipped_only_where_that_is_allowed(
 ) -> None:
     step = tree("box", "echo not run: no namespaces; exit 77")
     monkeypatch.setenv("ORV_REQUIRE_NAMESPACES", "1")
-    assert run.run_group((step,))[0].verdict == "FAILED"
+    assert run_beside(step)[0].verdict == "FAILED"
     monkeypatch.setenv("ORV_REQUIRE_NAMESPACES", "")
-    assert run.run_group((step,))[0].verdict == "skipped"
+    assert run_beside(step)[0].verdict == "skipped"
 
 
 def test_script_test_says_what_it_can_do() -> None:
