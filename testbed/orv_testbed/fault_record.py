@@ -35,6 +35,8 @@ def change(word: str, *words: str) -> tuple[str, list[str]]:
             return f"names {side} (lie|first) .*", [said]
         case ("cable", "in") | ("cellular", "reset"):
             return f"{word} .*", []
+        case ("ipv6", side, "renumber"):
+            return "", []  # nothing that lasts
         case ("cellular", "in"):
             return "cellular out", []
         case (("broker" | "connman"), "stop"):

@@ -15,8 +15,8 @@ from orv_testbed.box_processes import PYTHON, BoxProcesses, python_environment
 from orv_testbed.certificates import hash_of
 from orv_testbed.commands import Word, run, succeeds
 from orv_testbed.families import Families
-from orv_testbed.layout import CELLULAR, CLOUD_NAME, BoxError, Layout, Side
-from orv_testbed.networks import GATEWAYS_CARDS, Namespace
+from orv_testbed.layout import CELLULAR, CLOUD_NAME, SIDES, BoxError, Layout, Side
+from orv_testbed.networks import Namespace
 from orv_testbed.programs import TESTBED, TOOLS, TREE, Missing, daemon, program
 from orv_testbed.waiting import comes_within
 
@@ -245,13 +245,11 @@ class Gateway:
     def _both_connected(self) -> bool:
         services = {words[0]: words for words in map(str.split, (self.services() or "").splitlines())}
         connected = [name for name, words in services.items() if words[1] in ("ready", "online")]
-        return len(connected) >= 2 and all(self._has_ipv6(*one, services) for one in self._with_ipv6())
-
-    def _with_ipv6(self) -> list[tuple[str, Side]]:
         families = Families.of(self._layout.state)
-        return [(interface, side) for side, interface, _ in GATEWAYS_CARDS if "6" in families.at(side)]
+        with_ipv6 = [side for side in SIDES.values() if "6" in families.at(side)]
+        return len(connected) >= 2 and all(self._has_ipv6(side, services[side.interface]) for side in with_ipv6)
 
-    def _has_ipv6(self, interface: str, side: Side, services: dict[str, list[str]]) -> bool:
+    def _has_ipv6(self, side: Side, service: list[str]) -> bool:
         """An address that may be used, and a name server that ConnMan has heard of."""
-        addresses = self.namespace.ip(f"-6 -o addr show dev {interface} scope global -tentative")
-        return bool(addresses) and side.name_server_6 in services[interface][4].split(",")
+        addresses = self.namespace.ip(f"-6 -o addr show dev {side.interface} scope global -tentative")
+        return bool(addresses) and side.name_server_6 in service[4].split(",")

@@ -13,6 +13,7 @@ from orv_testbed.box_processes import BoxProcesses
 from orv_testbed.cloud import Cloud
 from orv_testbed.commands import succeeds
 from orv_testbed.families import Families
+from orv_testbed.family_faults import FamilyFaults
 from orv_testbed.fault_record import FaultRecord
 from orv_testbed.faults import Faults
 from orv_testbed.gateway import Gateway
@@ -23,12 +24,14 @@ from orv_testbed.networks import Networks
 from orv_testbed.programs import Missing, program
 from orv_testbed.report import Report
 
+FAMILY_FAULTS = ("ipv4", "ipv6")
 # How many words may follow each fault's name.
 FAULTS = {
     **dict.fromkeys(("provider", "loss", "bandwidth", "portal", "lease", "cloud-tls"), 2),
     **dict.fromkeys(("cable", "cellular", "cloud", "cloud-mqtt", "broker", "connman", "bus"), 1),
     **dict.fromkeys(("var-tmp", "authorities", "clock"), 1),
     "names": 4,
+    **dict.fromkeys(FAMILY_FAULTS, 2),
 }
 ENDED_FIRST = ("routes", "connman", "modem", "broker", "resolver", "bus")
 
@@ -44,6 +47,7 @@ class GatewayBox:
         self.gateway = Gateway(self.layout, self.processes, self.networks.gateway)
         self.board = Board(self.layout, self.processes, self.networks)
         self.faults = Faults(self.layout, self.processes, self.networks, self.cloud, self.gateway)
+        self.family_faults = FamilyFaults(self.layout, self.networks)
         self.record = FaultRecord(self.layout.state)
         self.report = Report(self.layout, self.processes, self.gateway, self.record)
 
@@ -137,7 +141,8 @@ class GatewayBox:
             self.report.wait_route(*words)
         elif word in FAULTS and len(words) <= FAULTS[word]:
             self.need_up()
-            fault: Callable[..., None] = getattr(self.faults, word.replace("-", "_"))
+            those = self.family_faults if word in FAMILY_FAULTS else self.faults
+            fault: Callable[..., None] = getattr(those, word.replace("-", "_"))
             fault(*words)
             self.record.note(word, *words)
         else:

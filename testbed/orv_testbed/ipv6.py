@@ -52,17 +52,26 @@ class Ipv6:
     def __init__(self, layout: Layout, processes: BoxProcesses, side: Side, here: Namespace, cloud: Namespace) -> None:
         self._layout, self._processes = layout, processes
         self._side, self._here, self._cloud = side, here, cloud
-        self._note = layout.state / f"prefix-{side.name}"
         self._folder = layout.state / f"ipv6-{side.name}"
 
-    # ---- its prefix
+    def _known(self, what: str, otherwise: int) -> int:
+        note = self._folder / what
+        return int(note.read_text(encoding="ascii")) if note.exists() else otherwise
 
-    def number(self) -> int:
-        return int(self._note.read_text(encoding="ascii")) if self._note.exists() else 1
+    def _note(self, what: str, number: int) -> None:
+        (self._folder / what).write_text(f"{number}\n", encoding="ascii")
 
     def prefix(self, number: int | None = None) -> str:
         """The first 64 bits of its customers' addresses, which it may change."""
-        return f"{self._side.net_6}:{self.number() if number is None else number:x}"
+        return f"{self._side.net_6}:{number or self._known('prefix', 1):x}"
+
+    def lifetime(self) -> int:
+        """For how many seconds it says that it is a router; 0: it says that it is none."""
+        return self._known("lifetime", LIFETIME)
+
+    def is_taken(self) -> bool:
+        """Whether somebody else has the gateway's address."""
+        return bool(self._known("taken", 0))
 
     # ---- coming up
 
@@ -76,22 +85,50 @@ class Ipv6:
         self._cloud.ip(f"route add {side.net_6}::/48 via {side.uplink_6}::1")
         here.ip(f"route add {CLOUD_ADDRESS_6}/128 via {side.uplink_6}::2")
         here.ip(f"addr add {self.prefix()}::1/64 dev lan nodad")
-        own = f"iifname lan ip6 saddr != {{ {side.net_6}::/48, fe80::/10 }} drop;"
-        here.filter("own_ipv6", f"chain forward {{ type filter hook forward priority 0; {own} }}")
-        self.start_router()
+        self._forward_own()
+        self._start_router()
 
-    def start_router(self, lifetime: int = LIFETIME, deprecated: int | None = None) -> None:
-        """It advertises itself and its prefix at once. `deprecated`: the number of a prefix that is not to be used any more."""
+    def _forward_own(self) -> None:
+        """It forwards only its own customers' addresses, of its prefix as it is now."""
+        own = f"iifname lan ip6 saddr != {self.prefix()}::/64 drop;"
+        self._here.filter("own_ipv6", f"chain forward {{ type filter hook forward priority 0; {own} }}")
+
+    def _start_router(self) -> None:
+        """It advertises itself and its prefix at once, and the one before as not to be used any more."""
         name = f"router-{self._side.name}"
         self._processes.end(name)
         options = ["--keep-in-foreground", "--conf-file=/dev/null", "--user=root", "--pid-file=", "--port=0"]
         options += ["--interface=lan", "--bind-interfaces", "--log-facility=-", "--log-dhcp", "--leasefile-ro"]
-        options += ["--enable-ra", f"--ra-param=lan,{BETWEEN},{lifetime}"]
+        options += ["--enable-ra", f"--ra-param=lan,{BETWEEN},{self.lifetime()}"]
         options += [f"--dhcp-range={self.prefix()}::,ra-stateless,64,{LIFETIME}"]
-        if deprecated is not None:
-            options += [f"--dhcp-range={self.prefix(deprecated)}::,ra-stateless,64,deprecated"]
+        if number := self._known("prefix", 1) - 1:
+            options += [f"--dhcp-range={self.prefix(number)}::,ra-stateless,64,deprecated"]
         options += [f"--dhcp-option=option6:dns-server,[{self._side.name_server_6}]"]
         self._processes.start(name, self._here.command("dnsmasq", *options))
+
+    # ---- what becomes of it
+
+    def advertise(self, lifetime: int = LIFETIME) -> None:
+        self._note("lifetime", lifetime)
+        self._start_router()
+
+    def renumber(self, taken: bool = False) -> None:
+        """Another prefix, without a word before: what comes from the old one is dropped from now on. `taken`: somebody
+        has the gateway's address of the new one already."""
+        number = self._known("prefix", 1) + 1
+        self._note("prefix", number)
+        self._note("taken", int(taken))
+        self._here.ip(f"addr add {self.prefix()}::1/64 dev lan nodad")
+        if taken:
+            self._here.ip(f"addr add {self.prefix()}:{self._gateways_identifier()}/64 dev lan nodad")
+        self._forward_own()
+        self._start_router()
+
+    def _gateways_identifier(self) -> str:
+        """The last 64 bits of the gateway's address, which it makes of its hardware's (RFC 4291, appendix A)."""
+        mac = bytes(int(part, 16) for part in self._side.gateways_mac.split(":"))
+        bits = bytes([mac[0] ^ 2]) + mac[1:3] + b"\xff\xfe" + mac[3:]
+        return bits.hex(":", 2)
 
     # ---- the way to IPv4
 

@@ -35,6 +35,8 @@ class Side(NamedTuple):
     net_6: str  # what the provider has: its first 48 bits
     uplink_6: str  # between provider and cloud: its first 64 bits
     name_server_6: str
+    interface: str  # the gateway's
+    gateways_mac: str
 
     @property
     def pool(self) -> str:
@@ -48,8 +50,28 @@ class Side(NamedTuple):
         return next(found, None)
 
 
-ETHERNET = Side("eth", "10.11.0", "10.99.1", "10.21.0.53", "2001:db8:11", "2001:db8:99:1", "2001:db8:21::53")
-CELLULAR = Side("cell", "10.12.0", "10.99.2", "10.22.0.53", "2001:db8:12", "2001:db8:99:2", "2001:db8:22::53")
+ETHERNET = Side(
+    name="eth",
+    net="10.11.0",
+    uplink="10.99.1",
+    name_server="10.21.0.53",
+    net_6="2001:db8:11",
+    uplink_6="2001:db8:99:1",
+    name_server_6="2001:db8:21::53",
+    interface="eth0",
+    gateways_mac="02:00:00:00:0a:01",
+)
+CELLULAR = Side(
+    name="cell",
+    net="10.12.0",
+    uplink="10.99.2",
+    name_server="10.22.0.53",
+    net_6="2001:db8:12",
+    uplink_6="2001:db8:99:2",
+    name_server_6="2001:db8:22::53",
+    interface="wwan0",
+    gateways_mac="02:00:00:00:0b:01",
+)
 SIDES = {side.name: side for side in (ETHERNET, CELLULAR)}
 
 

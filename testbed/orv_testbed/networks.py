@@ -14,17 +14,7 @@ from orv_testbed.box_processes import BoxProcesses
 from orv_testbed.commands import is_mount_point, run, succeeds
 from orv_testbed.families import Families
 from orv_testbed.ipv6 import NAMES_BEHIND_DNS64, Ipv6
-from orv_testbed.layout import (
-    CELLULAR,
-    CLOUD_ADDRESS,
-    CLOUD_ADDRESS_6,
-    CLOUD_NAME,
-    ETHERNET,
-    SIDES,
-    BoxError,
-    Layout,
-    Side,
-)
+from orv_testbed.layout import CLOUD_ADDRESS, CLOUD_ADDRESS_6, CLOUD_NAME, SIDES, BoxError, Layout, Side
 from orv_testbed.waiting import comes_within
 
 RUN = pathlib.Path("/run")
@@ -32,7 +22,6 @@ NETNS = RUN / "netns"
 # The first namespace leaves /run/netns mounted on itself. A box that finds it otherwise notes so; the last one unmounts it.
 NOTE = RUN / "orv-box-netns"
 LOCK_PATIENCE = 30  # seconds
-GATEWAYS_CARDS = ((ETHERNET, "eth0", "02:00:00:00:0a:01"), (CELLULAR, "wwan0", "02:00:00:00:0b:01"))
 
 
 class Namespace:
@@ -119,11 +108,11 @@ class Networks:
             if self.families.has_ipv6() and namespace is not self.gateway:
                 # Duplicate address detection keeps nobody waiting but the gateway.
                 run(*namespace.command("sysctl", "-qw", "net.ipv6.conf.default.accept_dad=0"))
-        for side, interface, address in GATEWAYS_CARDS:
+        for side in SIDES.values():
             if taps:
                 run(*self.provider(side).command("ip", "tuntap", "add", "dev", "lan", "mode", "tap"))
             else:
-                self._make_cable(self.gateway, interface, self.provider(side), "lan", address)
+                self._make_cable(self.gateway, side.interface, self.provider(side), "lan", side.gateways_mac)
                 # Without this the kernel leaves UDP checksums to the "hardware", and ConnMan's DHCP client drops the answers.
                 run(*self.provider(side).command("ethtool", "-K", "lan", "tx", "off"))
         self.cloud.ip(f"addr add {CLOUD_ADDRESS}/32 dev lo")

@@ -45,6 +45,18 @@ def of_side(group: str, side: str, wrong_address: str) -> list[Kind]:
             "full",
         ),
         Kind(group, "captive portal", {"on": f"portal {side} on"}, f"portal {side} off", "off"),
+        Kind(group, "IPv4", {"dead": f"ipv4 {side} dead"}, f"ipv4 {side} back", "back"),
+        Kind(
+            group,
+            "IPv6",
+            {
+                "dead": f"ipv6 {side} dead",
+                "no router": f"ipv6 {side} no-router",
+                "address taken": f"ipv6 {side} duplicate",
+            },
+            f"ipv6 {side} back",
+            "back",
+        ),
     ]
 
 

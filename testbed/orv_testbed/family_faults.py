@@ -1,0 +1,59 @@
+# SPDX-License-Identifier: Apache-2.0
+"""What can go wrong in one IP family alone, one method a command."""
+from __future__ import annotations
+
+from orv_testbed.families import Families
+from orv_testbed.ipv6 import Ipv6
+from orv_testbed.layout import BoxError, Layout, Side, misused, side_named
+from orv_testbed.networks import Networks
+
+IPV6 = "ipv6 eth|cell dead|no-router|duplicate|back, or ipv6 eth|cell renumber"
+
+
+class FamilyFaults:
+    def __init__(self, layout: Layout, networks: Networks) -> None:
+        self._layout, self._networks = layout, networks
+
+    def _kill(self, side: Side, family: str) -> None:
+        """What the customers send in that family is dropped, and the name server is mute in it."""
+        ours = f"meta nfproto ipv{family}"
+        ask = f"{ours} iifname lan meta l4proto {{ tcp, udp }} th dport 53 drop;"
+        self._networks.provider(side).filter(
+            f"dead_ipv{family}",
+            f"chain forward {{ type filter hook forward priority 0; {ours} iifname lan drop; {ours} oifname lan drop; }}",
+            f"chain input {{ type filter hook input priority 0; {ask} }}",
+        )
+
+    def ipv4(self, side: str = "", state: str = "") -> None:
+        which = side_named(side)
+        if state == "dead":
+            self._kill(which, "4")
+        elif state == "back":
+            self._networks.provider(which).unfilter("dead_ipv4")
+        else:
+            misused("ipv4", "ipv4 eth|cell dead|back")
+
+    def ipv6(self, side: str = "", state: str = "") -> None:
+        which = side_named(side)
+        if "6" not in Families.of(self._layout.state).at(which):
+            raise BoxError(f"{side} has no IPv6: take the box down, and {self._layout.command} up --families {side}=46")
+        ipv6 = self._networks.ipv6(which)
+        if state == "renumber":
+            ipv6.renumber()
+        elif state in ("dead", "no-router", "duplicate", "back"):
+            self._take_back(which, ipv6)
+            if state == "dead":
+                self._kill(which, "6")
+            elif state == "no-router":
+                ipv6.advertise(lifetime=0)
+            elif state == "duplicate":
+                ipv6.renumber(taken=True)
+        else:
+            misused("ipv6", IPV6)
+
+    def _take_back(self, side: Side, ipv6: Ipv6) -> None:
+        self._networks.provider(side).unfilter("dead_ipv6")
+        if ipv6.is_taken():
+            ipv6.renumber()
+        if not ipv6.lifetime():
+            ipv6.advertise()

@@ -1,0 +1,111 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The box's faults of one IP family are what they are called, leave the other family alone, and are gone when taken back."""
+from __future__ import annotations
+
+import json
+import os
+from collections.abc import Iterator
+from typing import Any
+
+import pytest
+
+from orv_testbed.box import Box, Failed
+from orv_testbed.fault_record import faults_in_force
+from orv_testbed.fixtures import NO_NAMESPACES, can_make_namespaces
+from orv_testbed.waiting import SLACK, wait_until
+
+CLOUD = {"4": "198.51.100.10", "6": "2001:db8:51::10"}
+IDENTIFIER = "0:ff:fe00:a01"  # of eth0's address
+
+
+@pytest.fixture(name="dual", scope="module")
+def a_box_with_both_families_on_ethernet() -> Iterator[Box]:
+    if not can_make_namespaces():
+        pytest.skip(NO_NAMESPACES)
+    with Box(f"f{os.getpid():x}", "eth=46") as box:
+        yield box
+
+
+def fetches(box: Box, family: str) -> bool:
+    to = ("--resolve", f"cloud.box.test:443:{CLOUD[family]}", "https://cloud.box.test/")
+    return box("exec", "curl", "-s", "-m", "2", "--interface", "if!eth0", *to, must_succeed=False) == "ok\n"
+
+
+def addresses(box: Box) -> dict[str, dict[str, Any]]:
+    """The global IPv6 addresses of eth0, with their flags."""
+    links = json.loads(box("exec", "ip", "-6", "-json", "addr", "show", "dev", "eth0", "scope", "global"))
+    return {one["local"]: one for link in links if link for one in link["addr_info"] if one}
+
+
+def default_routes(box: Box) -> list[str]:
+    return box("exec", "ip", "-6", "route", "show", "default", "dev", "eth0").splitlines()
+
+
+def is_usable(box: Box, prefix: str) -> bool:
+    found = addresses(box).get(f"{prefix}:{IDENTIFIER}")
+    return found is not None and not {"tentative", "dadfailed", "deprecated"} & found.keys()
+
+
+def newest_prefix(box: Box) -> int:
+    return max(int(address.split(":")[3], 16) for address in addresses(box))
+
+
+@pytest.mark.parametrize("broken, other", ["46", "64"])
+def test_a_dead_family_leads_nowhere_and_the_other_works(dual: Box, broken: str, other: str) -> None:
+    before = (addresses(dual).keys(), len(default_routes(dual)))
+    assert fetches(dual, "4") and fetches(dual, "6")
+    dual(f"ipv{broken}", "eth", "dead")
+    assert not fetches(dual, broken)
+    assert fetches(dual, other)
+    assert (addresses(dual).keys(), len(default_routes(dual))) == before
+    dual(f"ipv{broken}", "eth", "back")
+    assert fetches(dual, broken)
+
+
+def test_a_renumbered_prefix_leaves_a_deprecated_address_that_nobody_forwards(dual: Box) -> None:
+    old = newest_prefix(dual)
+    dual("ipv6", "eth", "renumber")
+    new = f"2001:db8:11:{old + 1:x}"
+    wait_until(lambda: is_usable(dual, new), 5 + SLACK, "the new address")
+    before = addresses(dual)[f"2001:db8:11:{old:x}:{IDENTIFIER}"]
+    assert before["deprecated"]
+    assert fetches(dual, "6")
+    bound = ("exec", "curl", "-s", "-m", "2", "--interface", before["local"])
+    to = ("--resolve", f"cloud.box.test:443:{CLOUD['6']}", "https://cloud.box.test/")
+    assert dual(*bound, *to, must_succeed=False) == ""
+    assert faults_in_force(dual) == []
+
+
+def test_a_router_that_is_none_any_more_leaves_the_address_and_no_route(dual: Box) -> None:
+    prefix = f"2001:db8:11:{newest_prefix(dual):x}"
+    dual("ipv6", "eth", "no-router")
+    wait_until(lambda: not default_routes(dual), 5 + SLACK, "the end of the IPv6 default route")
+    assert is_usable(dual, prefix)
+    assert fetches(dual, "4")
+    assert "  ipv6 eth no-router\n" in dual("status")
+    dual("ipv6", "eth", "back")
+    wait_until(lambda: default_routes(dual), 5 + SLACK, "an IPv6 default route")
+    assert fetches(dual, "6")
+
+
+def test_an_address_that_somebody_else_has_is_not_used_until_the_fault_is_taken_back(dual: Box) -> None:
+    taken = newest_prefix(dual) + 1
+    dual("ipv6", "eth", "duplicate")
+    address = f"2001:db8:11:{taken:x}:{IDENTIFIER}"
+    # The kernel takes it away when it learns that, and makes it again with the next advertisement.
+    wait_until(lambda: "tentative" in addresses(dual).get(address, {}), 5 + SLACK, "an address to be checked")
+    wait_until(lambda: address not in addresses(dual), 5 + SLACK, "the end of an address that is a duplicate")
+    assert not fetches(dual, "6")
+    assert fetches(dual, "4")
+    assert faults_in_force(dual) == ["ipv6 eth duplicate"]
+    dual("ipv6", "eth", "back")
+    wait_until(lambda: is_usable(dual, f"2001:db8:11:{taken + 1:x}"), 5 + SLACK, "an address of its own")
+    assert fetches(dual, "6")
+    assert faults_in_force(dual) == []
+
+
+def test_a_provider_without_ipv6_has_no_faults_of_ipv6(dual: Box) -> None:
+    with pytest.raises(Failed, match="cell has no IPv6: take the box down, and .* up --families cell=46"):
+        dual("ipv6", "cell", "dead")
+    with pytest.raises(Failed, match=r"ipv6: use ipv6 eth\|cell dead\|no-router\|duplicate\|back, or"):
+        dual("ipv6", "eth", "gone")
