@@ -2,6 +2,7 @@
 """What must hold on the gateway, whatever has happened to it."""
 from __future__ import annotations
 
+import functools
 import itertools
 import re
 from collections.abc import Iterator, Sequence
@@ -24,14 +25,25 @@ CLOCK_GRAIN = 0.001  # both logs have milliseconds
 
 
 def true_times(log: str, clocks: Clocks) -> Iterator[tuple[float, str]]:
-    """(true time, line) of each line of the log."""
-    place, remaining, off = 0, list(clocks), 0.0
-    for line in log.splitlines(keepends=True):
-        while remaining and remaining[0][0] <= place:
-            off = remaining.pop(0)[1]
-        place += len(line)
-        if line[:2] == "20":
-            yield at(line.split(" ", 1)[0]) - off, line.rstrip("\n")
+    """(true time, line) of each line of the log.
+
+    Nobody knows exactly between which two lines a clock was changed: a line is from the time that is nearest to the one before.
+    """
+    offsets = [0.0, *(off for _, off in clocks)]
+    last: float | None = None
+    for line in log.splitlines():
+        if line[:2] != "20":
+            continue
+        told = at(line.split(" ", 1)[0])
+        if last is None:
+            last = told - (clocks[0][1] if clocks and clocks[0][0] == 0 else 0.0)
+        else:
+            last = min((told - off for off in offsets), key=functools.partial(_distance, last))
+        yield last, line
+
+
+def _distance(one: float, other: float) -> float:
+    return abs(one - other)
 
 
 def unproven_moves(application: Application, box: Box, clocks: Clocks = ()) -> list[str]:

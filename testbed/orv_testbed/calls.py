@@ -8,6 +8,23 @@ from typing import Any
 
 Figures = dict[str, Any]  # of gateway-app, at its end
 
+# A call that waits gives the processor up by itself; it may do that for a moment where two threads share a lock. One that
+# does not is as long as the machine is slow, or as long as others have the processor.
+LONGEST_PAUSE_US = 100_000
+# No call may be as long as the shortest wait for a broker, the bus or a name server.
+LONGEST_US = 2_500_000
+
+
+def waits(figures: Figures) -> list[str]:
+    """Which calls of the library have waited."""
+    faults = []
+    for call in Calls.KINDS:
+        longest, effort = figures[call]["longest_us"], figures[call]["longest"]
+        paused = longest - effort["cpu_us"] if effort["waits"] else 0
+        if longest >= LONGEST_US or paused >= LONGEST_PAUSE_US:
+            faults.append(f"{call} has waited: {longest} us, {effort}")
+    return faults
+
 
 class Calls:
     KINDS = ("tick", "event_update")

@@ -74,7 +74,7 @@ class Cloud:
             command = here.command(daemon("mosquitto"), "-c", self._folder / "mosquitto.conf")
             self._processes.start("cloud-mqtt", command)
         for what, process, port in (("endpoint", "cloud-https", 443), ("broker", "cloud-mqtt", 8883)):
-            if not comes_within(5, lambda: here.listens(port)):
+            if not comes_within(20, lambda: here.listens(port)):
                 raise BoxError(f"the cloud's {what} does not start, see {self._layout.log(process)}")
 
     def close(self) -> None:

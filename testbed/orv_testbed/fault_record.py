@@ -9,7 +9,7 @@ import re
 
 from orv_testbed.box import Box
 
-NO_FAULT = {"back", "off", "up", "ok", "one"}  # as a command's last word
+NO_FAULT = {"back", "off", "up", "ok", "one", "gone", "renumber"}  # as a command's last word
 
 
 def faults_in_force(box: Box) -> list[str]:
@@ -47,6 +47,10 @@ def change(word: str, *words: str) -> tuple[str, list[str]]:
             return f"{word} stop", []
         case (("broker" | "connman" | "bus"), "thaw"):
             return f"{word} freeze", []
+        case ("program", name, "thaw"):
+            return f"program {name} freeze", []
+        case ("lease", _, "renumber"):
+            return "lease .*", []  # it gives leases
         case ("names", _, "mute") | (("cable" | "cellular" | "broker" | "connman" | "bus"), _):
             return re.escape(said), [said]
         case ("cloud-tls", how, *side):

@@ -17,6 +17,8 @@ from orv_testbed.waiting import comes_within
 
 MUTE_NAMES = "chain input { type filter hook input priority 0; udp dport 53 drop; tcp dport 53 drop; }"
 PORTAL_PORTS = "{ 80, 443, 8883 }"
+SLOW_TABLE = "77"
+SLOW_RULES = [("iif", device, "priority", "100", "lookup", SLOW_TABLE) for device in ("lan", "up")]
 
 
 def is_address(word: str) -> bool:
@@ -104,6 +106,37 @@ class Faults:
             ):
                 raise BoxError("this machine's kernel cannot limit a bandwidth (it lacks sch_tbf)")
 
+    def mtu(self, side: str = "", octets: str = "") -> None:
+        """A black hole: what is longer than that disappears on the way, and nobody is told."""
+        namespace = self._networks.provider(side_named(side))
+        if octets == "off":
+            namespace.unfilter("mtu")
+            return
+        if not re.fullmatch(r"[1-9][0-9]{2,4}", octets):
+            misused("mtu", "mtu eth|cell BYTES|off, with 100 bytes at least")
+        rule = f"meta length > {octets} counter drop;"
+        namespace.filter("mtu", f"chain forward {{ type filter hook forward priority -2; {rule} }}")
+
+    def delay(self, side: str = "", milliseconds: str = "") -> None:
+        """Not every kernel has netem: a program holds up what goes to the cloud and what comes from there."""
+        namespace, process = self._networks.provider(side_named(side)), f"delay-{side}"
+        if not re.fullmatch(r"[1-9][0-9]{0,4}|off", milliseconds):
+            misused("delay", "delay eth|cell MILLISECONDS|off")
+        for rule in SLOW_RULES:
+            succeeds("ip", "-n", namespace.name, "rule", "del", *rule)
+        self._processes.end(process)
+        if milliseconds == "off":
+            return
+        log = self._layout.log(process)
+        log.unlink(missing_ok=True)
+        program = (*PYTHON, "orv_testbed.slow_line", "slow", milliseconds)
+        self._processes.start(process, namespace.command(*program))
+        if not comes_within(20, lambda: "at work" in log.read_text(encoding="utf-8")):
+            raise BoxError(f"nothing delays packets (is there /dev/net/tun?), see {log}")
+        namespace.ip(f"route add default dev slow table {SLOW_TABLE}")
+        for rule in SLOW_RULES:
+            namespace.ip(f"rule add {' '.join(rule)}")
+
     def portal(self, side: str = "", state: str = "") -> None:
         """A captive portal lets nothing through and answers every connection itself, also those that were there before."""
         namespace = self._networks.provider(side_named(side))
@@ -112,7 +145,7 @@ class Faults:
             if not self._processes.alive(process):
                 program = (*PYTHON, "orv_testbed.portal", self._layout.certificates, PORTAL_NAME)
                 self._processes.start(process, namespace.command(*program))
-            if not comes_within(5, lambda: namespace.listens(8883)):
+            if not comes_within(20, lambda: namespace.listens(8883)):
                 raise BoxError(f"the portal does not start, see {self._layout.log(process)}")
             redirect = f"iifname lan tcp dport {PORTAL_PORTS} redirect;"
             namespace.filter(
@@ -134,15 +167,24 @@ class Faults:
             gateway.ip("-4 addr flush dev eth0")
         elif (side, what) == ("eth", "back"):
             provider.unfilter("no_lease")
-            # ConnMan asks for a lease when the link comes up.
             if self._has_carrier("eth0") and not gateway.ip("-4 -o addr show dev eth0 scope global"):
-                self.cable("out")
-                # Of a carrier that is gone for a moment it hears nothing.
-                if not comes_within(5, self._connman_has_no_ethernet):
-                    raise BoxError(f"ConnMan does not notice the cable, see {self._layout.log('connman')}")
-                self.cable("in")
+                self._pull_and_plug_the_cable()
+        elif (side, what) == ("eth", "renumber"):
+            provider.unfilter("no_lease")
+            self._processes.end("names-eth")
+            self._networks.renumber(ETHERNET)
+            self._networks.start_names(ETHERNET)
+            if self._has_carrier("eth0"):
+                self._pull_and_plug_the_cable()
         else:
-            misused("lease", "lease eth end|back")
+            misused("lease", "lease eth end|back|renumber")
+
+    def _pull_and_plug_the_cable(self) -> None:
+        """ConnMan asks for a lease when the link comes up. Of a carrier that is gone for a moment it hears nothing."""
+        self.cable("out")
+        if not comes_within(5, self._connman_has_no_ethernet):
+            raise BoxError(f"ConnMan does not notice the cable, see {self._layout.log('connman')}")
+        self.cable("in")
 
     def _connman_has_no_ethernet(self) -> bool:
         services = self._gateway.services()  # None while it is stopped or frozen

@@ -12,19 +12,13 @@ from typing import Protocol
 import pytest
 
 from orv_testbed.box import Box
-from orv_testbed.calls import Calls, Figures
+from orv_testbed.calls import Calls, Figures, waits
 from orv_testbed.scene import Scene
 
 NO_NAMESPACES = (
     "this machine does not let us make namespaces: run as root, in a container with --privileged, in a chroot "
     "with its root mounted on itself"
 )
-# A call that waits gives the processor up by itself; it may do that for a moment where two threads share a lock. One that
-# does not is as long as the machine is slow, or as long as others have the processor.
-LONGEST_PAUSE_US = 100_000
-# No call may be as long as the shortest wait for a broker, the bus or a name server.
-LONGEST_US = 2_500_000
-
 JudgeCalls = Callable[[Figures], None]
 
 
@@ -56,10 +50,7 @@ def judge_calls(request: pytest.FixtureRequest) -> JudgeCalls:
 
     def judge(figures: Figures) -> None:
         request.node.user_properties.append(("calls", {call: figures[call] for call in Calls.KINDS}))
-        for call in Calls.KINDS:
-            longest, effort = figures[call]["longest_us"], figures[call]["longest"]
-            paused = longest - effort["cpu_us"] if effort["waits"] else 0
-            assert longest < LONGEST_US and paused < LONGEST_PAUSE_US, f"{call} has waited: {longest} us, {effort}"
+        assert not waits(figures)
 
     return judge
 

@@ -21,15 +21,17 @@ from orv_testbed.host import check_host
 from orv_testbed.layout import BoxError, Layout, Usage
 from orv_testbed.machine.board import WORDS, Board
 from orv_testbed.networks import Networks
+from orv_testbed.program_faults import ProgramFaults
 from orv_testbed.programs import Missing, program
 from orv_testbed.report import Report
 
 FAMILY_FAULTS = ("ipv4", "ipv6")
 # How many words may follow each fault's name.
 FAULTS = {
-    **dict.fromkeys(("provider", "loss", "bandwidth", "portal", "lease", "cloud-tls"), 2),
+    **dict.fromkeys(("provider", "loss", "bandwidth", "delay", "mtu"), 2),
+    **dict.fromkeys(("portal", "lease", "cloud-tls", "program"), 2),
     **dict.fromkeys(("cable", "cellular", "cloud", "cloud-mqtt", "broker", "connman", "bus"), 1),
-    **dict.fromkeys(("var-tmp", "authorities", "clock"), 1),
+    **dict.fromkeys(("var-tmp", "authorities", "clock", "neighbour"), 1),
     "names": 4,
     **dict.fromkeys(FAMILY_FAULTS, 2),
 }
@@ -48,6 +50,7 @@ class GatewayBox:
         self.board = Board(self.layout, self.processes, self.networks)
         self.faults = Faults(self.layout, self.processes, self.networks, self.cloud, self.gateway)
         self.family_faults = FamilyFaults(self.layout, self.networks)
+        self.programs = ProgramFaults(self.layout, self.processes, self.gateway)
         self.record = FaultRecord(self.layout.state)
         self.report = Report(self.layout, self.processes, self.gateway, self.record)
 
@@ -141,7 +144,13 @@ class GatewayBox:
             self.report.wait_route(*words)
         elif word in FAULTS and len(words) <= FAULTS[word]:
             self.need_up()
-            those = self.family_faults if word in FAMILY_FAULTS else self.faults
+            those = (
+                self.family_faults
+                if word in FAMILY_FAULTS
+                else self.programs
+                if word in ("program", "neighbour")
+                else self.faults
+            )
             fault: Callable[..., None] = getattr(those, word.replace("-", "_"))
             fault(*words)
             self.record.note(word, *words)

@@ -22,6 +22,7 @@ NETNS = RUN / "netns"
 # The first namespace leaves /run/netns mounted on itself. A box that finds it otherwise notes so; the last one unmounts it.
 NOTE = RUN / "orv-box-netns"
 LOCK_PATIENCE = 30  # seconds
+NETMASKS = {24: "255.255.255.0", 25: "255.255.255.128"}
 
 
 class Namespace:
@@ -175,6 +176,25 @@ class Networks:
             self.ipv6(side).start_translation()
             self.ipv6(side).start_dns64()
 
+    def _numbers(self, side: Side) -> tuple[int, int, int, int]:
+        """The first and the last host that may have a lease, the router, and how long the network's part is."""
+        return (202, 250, 254, 25) if self._renumbered(side).exists() else (100, 200, 1, 24)
+
+    def _renumbered(self, side: Side) -> pathlib.Path:
+        return self._layout.state / f"renumbered-{side.name}"
+
+    def renumber(self, side: Side) -> None:
+        """The provider goes over to its other network, with another router, where no lease of this one is valid."""
+        namespace, note = self.provider(side), self._renumbered(side)
+        *_, router, length = self._numbers(side)
+        namespace.ip(f"addr del {side.net}.{router}/{length} dev lan")
+        if note.exists():
+            note.unlink()
+        else:
+            note.touch()
+        *_, router, length = self._numbers(side)
+        namespace.ip(f"addr add {side.net}.{router}/{length} dev lan")
+
     def start_names(
         self, side: Side, lie: str | None = None, about: str | None = None, first: str | None = None
     ) -> None:
@@ -194,10 +214,14 @@ class Networks:
         options += ["--no-hosts", "--interface=lan", "--interface=lo", "--bind-interfaces", "--dhcp-authoritative"]
         port = 53
         if "4" in self.families.at(side):
-            options += ["--no-ping", f"--dhcp-range={side.net}.100,{side.net}.200,255.255.255.0,1h"]
+            first_host, last_host, router, length = self._numbers(side)
+            options += [
+                "--no-ping",
+                f"--dhcp-range={side.net}.{first_host},{side.net}.{last_host},{NETMASKS[length]},1h",
+            ]
             options += [f"--dhcp-leasefile={self._layout.state}/leases-{namespace.name}"]
             options += [
-                f"--dhcp-option=option:router,{side.net}.1",
+                f"--dhcp-option=option:router,{side.net}.{router}",
                 f"--dhcp-option=option:dns-server,{side.name_server}",
             ]
         else:
@@ -206,5 +230,5 @@ class Networks:
         name = f"names-{side.name}"
         command = namespace.command("dnsmasq", *options, *answers, "--log-facility=-", "--log-queries")
         self._processes.start(name, command)
-        if not comes_within(5, lambda: namespace.listens(port)):
+        if not comes_within(20, lambda: namespace.listens(port)):
             raise BoxError(f"the name server of {side.name} does not start, see {self._layout.log(name)}")

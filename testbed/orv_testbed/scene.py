@@ -161,6 +161,11 @@ class Scene:
 
     def audit(self) -> None:
         """What must hold in every scenario, whatever happened in it."""
+        faults = self.faults()
+        assert not faults, "\n".join(faults) + "\n" + self.application.interesting()
+
+    def faults(self) -> list[str]:
+        """What `audit` finds wrong."""
         faults = audit.unproven_moves(self.application, self.box, self.clocks)
         faults += audit.moves_not_told_once(self.application)
         if not self.orders_may_be_late:
@@ -172,9 +177,8 @@ class Scene:
         ]
         faults += audit.inhibits_not_told(self.application, self.witness, self.wire_cut_at)
         allowed = EVERYDAY + self.expected_complaints
-        faults += [
+        return faults + [
             f"an unexpected word in the log: {line}"
             for line in self.application.complaints()
             if not any(text in line for text in allowed)
         ]
-        assert not faults, "\n".join(faults) + "\n" + self.application.interesting()

@@ -8,7 +8,8 @@ import pathlib
 import pytest
 
 from orv_testbed.application import Application
-from orv_testbed.audit import moves_not_told_once
+from orv_testbed.audit import moves_not_told_once, true_times
+from orv_testbed.timestamps import at
 
 THERE, BACK = ("Ethernet (eth0)", "Cellular (wwan0)"), ("Cellular (wwan0)", "Ethernet (eth0)")
 
@@ -49,3 +50,23 @@ def test_each_move_of_the_route_is_told_once(
     tmp_path: pathlib.Path, routes: list[tuple[str, float]], moves: list[tuple[str, str]], right: bool
 ) -> None:
     assert (moves_not_told_once(Recorded(tmp_path, routes, moves)) == []) == right
+
+
+HOUR = 3600.0
+
+
+@pytest.mark.parametrize("marked_at", [1, 2, 3], ids=["before its change", "at its change", "after its change"])
+def test_a_clock_that_is_put_forward_and_back_does_not_change_when_something_was(marked_at: int) -> None:
+    """The place that a scenario notes for the change is not exactly the one where the log shows it."""
+    told = ["10:00:00", "10:00:01", "11:00:02", "11:00:03", "10:00:04"]
+    lines = [f"2026-01-01T{time}.000Z info [Test] a line\n" for time in told]
+    clocks = [(len("".join(lines[:marked_at])), HOUR), (len("".join(lines[:4])), 0.0)]
+    times = [time for time, _ in true_times("".join(lines), clocks)]
+    assert [time - times[0] for time in times] == [0, 1, 2, 3, 4]
+
+
+def test_a_clock_that_was_wrong_at_the_start_is_taken_off() -> None:
+    lines = "2026-01-01T10:00:00.000Z info [Test] one\n2026-01-01T09:00:01.000Z info [Test] another\n"
+    (wrong, _), (right, _) = true_times(lines, [(0, HOUR), (20, 0.0)])
+    assert right - wrong == 1
+    assert right == at("2026-01-01T09:00:01.000Z")

@@ -2,6 +2,8 @@
 """The box's faults are what they are called, and are gone when they are taken back."""
 from __future__ import annotations
 
+import pathlib
+import re
 import subprocess
 import time
 from collections.abc import Callable
@@ -10,7 +12,7 @@ import pytest
 
 from orv_testbed.box import Box
 from orv_testbed.scene import PORTAL, Scene
-from orv_testbed.waiting import SLACK, wait_until
+from orv_testbed.waiting import SLACK, comes_within, wait_until
 
 CLOUD = "https://cloud.box.test/"
 SIDES = [("eth", "eth0"), ("cell", "wwan0")]
@@ -44,11 +46,11 @@ while taken.recv(4096): pass
 """
 
 
-def fetch(box: Box, interface: str, url: str = CLOUD) -> tuple[int, str]:
+def fetch(box: Box, interface: str, url: str = CLOUD, seconds: str = "10") -> tuple[int, str]:
     """Fetches a page through an interface; returns (curl's exit status, body)."""
     done = subprocess.run(
         box.command(
-            "exec", "curl", "--silent", "--show-error", "--max-time", "10", "--interface", f"if!{interface}", url
+            "exec", "curl", "--silent", "--show-error", "--max-time", seconds, "--interface", f"if!{interface}", url
         ),
         env=box.environment,
         text=True,
@@ -298,3 +300,89 @@ def test_an_ethernet_adapter_that_is_pulled_comes_back(box: Box) -> None:
     box("cable", "in")
     wait_until(carries(box, "eth0"), SLACK, "the cloud over Ethernet")
     wait_until(lambda: box.order() == ["eth0", "wwan0"], SLACK, "Ethernet on top again")
+
+
+@on_each_side
+def test_a_long_way_takes_its_time_in_either_direction(box: Box, side: str, interface: str) -> None:
+    def seconds() -> float:
+        begun = time.monotonic()
+        assert fetch(box, interface) == (0, "ok\n")
+        return time.monotonic() - begun
+
+    box("delay", side, "200")
+    assert seconds() > 3 * 0.4  # TCP's handshake, at least one round trip of TLS, the answer
+    other = "wwan0" if side == "eth" else "eth0"
+    assert fetch(box, other) == (0, "ok\n")
+    box("delay", side, "off")
+    rules = subprocess.run(
+        ["ip", "-n", f"{box.name}-{side}", "rule"], check=True, capture_output=True, text=True
+    ).stdout
+    assert "lookup 77" not in rules
+    assert fetch(box, interface) == (0, "ok\n")
+
+
+@on_each_side
+def test_a_black_hole_takes_what_is_long(box: Box, side: str, interface: str) -> None:
+    connect = "import socket; socket.create_connection(('198.51.100.10', 443), 5)"
+    box("mtu", side, "600")
+    box("exec", "/usr/bin/python3", "-c", connect)
+    timed_out = 28
+    assert fetch(box, interface, seconds="3")[0] == timed_out  # a certificate is longer
+    box("mtu", side, "off")
+    assert fetch(box, interface) == (0, "ok\n")
+    for wrong in ("99", "-1", "", "many"):
+        with pytest.raises(AssertionError, match=r"mtu: use mtu eth\|cell BYTES\|off"):
+            box("mtu", side, wrong)
+
+
+def test_a_provider_that_renumbers_gives_another_address_and_another_router(box: Box) -> None:
+    for network in (r"10\.11\.0\.2\d\d/25", r"10\.11\.0\.1\d\d/24"):
+        box("lease", "eth", "renumber")
+        wait_until(lambda: re.fullmatch(network, address_of(box, "eth0") or ""), SLACK, f"an address like {network}")
+        wait_until(carries(box, "eth0"), SLACK, "the cloud over Ethernet")
+        wait_until(lambda: box.order() == ["eth0", "wwan0"], SLACK, "Ethernet on top again")
+    # Lies and lost leases leave the numbers as they are.
+    box("lease", "eth", "renumber")
+    box("lease", "eth", "end")
+    box("names", "eth", "lie", "192.0.2.7")
+    box("names", "eth", "back")
+    box("lease", "eth", "back")
+    wait_until(lambda: (address_of(box, "eth0") or "").endswith("/25"), SLACK, "the other network")
+
+
+def test_a_program_is_suspended_by_its_name(box: Box, tmp_path: pathlib.Path) -> None:
+    box("exec", "sh", "-c", "echo 1 >/run/count")
+    counting = 'n=0; while :; do n=$((n + 1)); echo $n >"$0"; done'
+    with open(tmp_path / "log", "w", encoding="utf-8") as log:
+        box.start("bash", "-c", f"exec -a counter bash -c '{counting}' /run/count", stdout=log, stderr=log)
+
+    def goes_on() -> bool:
+        before = box.file("/run/count")
+        return comes_within(1, lambda: box.file("/run/count") != before)
+
+    wait_until(goes_on, SLACK, "that it counts")
+    box("program", "counter", "freeze")
+    assert not goes_on()
+    box("program", "counter", "thaw")
+    assert goes_on()
+    assert "no program named nobody runs on the gateway" in box.try_to("program", "nobody", "freeze").stderr
+
+
+def test_neighbours_do_what_they_are_called_for_until_they_are_gone(box: Box) -> None:
+    def of_nobody() -> int:
+        return int(box("exec", "sh", "-c", "find /var/tmp -user nobody | wc -l"))
+
+    box("neighbour", "litters")
+    wait_until(lambda: of_nobody() > 20, SLACK, "litter")
+    box("neighbour", "floods")  # instead of the first
+    wait_until(lambda: "New client connected from 127.0.0.1" in box("log", "broker"), SLACK, "a client of the broker")
+    wait_until(lambda: "protocol error" in box("log", "broker"), SLACK, "nonsense on the broker")
+    assert of_nobody() == 0
+    box("neighbour", "crashes")
+    wait_until(lambda: box("log", "neighbour").count("at work") >= 2, SLACK, "the second start")
+    box("neighbour", "gone")
+    assert not runs(box, "orv-shell") and not runs(box, "crash-all-the-time")
+
+
+def runs(box: Box, name: str) -> bool:
+    return box.try_to("program", name, "thaw").returncode == 0

@@ -10,11 +10,15 @@ import pytest
 
 TREE = pathlib.Path(__file__).resolve().parents[2]
 SCRIPTS = sorted(path.name for path in (TREE / "script").iterdir() if path.is_file())
-MEASUREMENTS = ["fail-over", "flapping", "cellular-bytes", "chaos", "soak", "side-by-side"]
+MEASUREMENTS = ["fail-over", "flapping", "cellular-bytes", "soak", "side-by-side"]
 MISUSED = [
     "abi",
     "abi nonsense",
     "bootstrap nonsense",
+    "chaos nonsense",
+    "chaos --seed",
+    "chaos --seed nonsense",
+    "chaos --replay",
     "cross-test nonsense",
     "demo nonsense",
     "docs nonsense",

@@ -219,7 +219,7 @@ def test_a_frozen_reader_of_the_log_holds_nothing_up(
 def test_a_hostile_neighbour_on_the_bus_changes_nothing(box: Box, scene: Scene, tmp_path: pathlib.Path) -> None:
     scene.expected_complaints = ("which is not the connection manager, is ignored",)
     with open(tmp_path / "neighbour.log", "w", encoding="utf-8") as log:
-        box.start("/usr/bin/python3", "-u", "-m", "orv_testbed.hostile_neighbour", stdout=log, stderr=log)
+        box.start("/usr/bin/python3", "-u", "-m", "orv_testbed.hostile_neighbour", "forges", stdout=log, stderr=log)
         wait_until(
             lambda: "at work" in (tmp_path / "neighbour.log").read_text(encoding="utf-8"), SLACK, "its first round"
         )

@@ -26,7 +26,8 @@ DIAGNOSTICS_PASSWORD = "for-diagnostics"
 SET_BEARER = ("dbus-send", "--system", "--print-reply=literal", "--dest=org.ofono", "/modem", "box.Control.Bearer")
 # Those that a machine carries out in its own way; what it cannot, it says.
 WORDS = frozenset(
-    "services exec cable cellular broker connman bus var-tmp authorities clock lease status wait-route".split()
+    "services exec cable cellular broker connman bus var-tmp authorities clock lease program neighbour status "
+    "wait-route".split()
 )
 
 

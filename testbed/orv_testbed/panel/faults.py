@@ -44,6 +44,8 @@ def of_side(group: str, side: str, wrong_address: str) -> list[Kind]:
             f"bandwidth {side} off",
             "full",
         ),
+        Kind(group, "delay", {f"{ms} ms": f"delay {side} {ms}" for ms in (300, 1500)}, f"delay {side} off", "none"),
+        Kind(group, "longest packet", {"600 bytes": f"mtu {side} 600"}, f"mtu {side} off", "any"),
         Kind(group, "captive portal", {"on": f"portal {side} on"}, f"portal {side} off", "off"),
         Kind(group, "IPv4", {"dead": f"ipv4 {side} dead"}, f"ipv4 {side} back", "back"),
         Kind(
@@ -88,6 +90,19 @@ CATALOGUE = [
     Kind("Gateway", "ConnMan", {"stopped": "connman stop"}, "connman start", "start"),
     Kind("Gateway", "ConnMan, frozen", {"frozen": "connman freeze"}, "connman thaw", "thaw"),
     Kind("Gateway", "message bus", {"frozen": "bus freeze"}, "bus thaw", "thaw"),
+    Kind("Gateway", "gateway-app", {"suspended": "program gateway-app freeze"}, "program gateway-app thaw", "goes on"),
+    Kind(
+        "Gateway",
+        "neighbour",
+        {
+            "crashes": "neighbour crashes",
+            "forges on the bus": "neighbour forges",
+            "floods the broker": "neighbour floods",
+            "litters /var/tmp": "neighbour litters",
+        },
+        "neighbour gone",
+        "gone",
+    ),
     Kind("Gateway", "/var/tmp", {"full": "var-tmp full", "read-only": "var-tmp read-only"}, "var-tmp ok", "ok"),
     Kind(
         "Gateway",

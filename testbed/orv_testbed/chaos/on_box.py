@@ -1,0 +1,169 @@
+# SPDX-License-Identifier: Apache-2.0
+"""A gateway box as chaos sees it, and everything about it that must agree when the last fault is over."""
+from __future__ import annotations
+
+import collections
+import os
+import pathlib
+import re
+import subprocess
+
+from orv_testbed import audit
+from orv_testbed.application import Application
+from orv_testbed.box import Box
+from orv_testbed.calls import waits
+from orv_testbed.chaos.faults import BROKER, Words
+from orv_testbed.chaos.schedule import Schedule
+from orv_testbed.scene import Scene
+from orv_testbed.topics import INHIBIT_DNS
+from orv_testbed.waiting import NotInTime, comes_within, wait_until
+from orv_testbed.wire import Witness
+
+SETTLES = 150.0  # seconds after the last remedy; a probation of Ethernet may go on for longer
+READER, APPLICATION = "log-reader", "gateway-app"
+# Otherwise any application that is started would put Ethernet on top.
+CONTROLLER = "[gateway]\ncontroller = gateway-app\n"
+MOST = {"descriptors": ("fd", 40), "threads": ("task", 9)}
+LOOK_UPS = 30.0  # seconds
+LOST = "records were lost"
+PROBATION, PROBATION_ENDS = "Ethernet is on probation", "Ethernet's probation is over"
+# What is compared at the end of each round.
+INVARIANTS = (
+    "the application lives, and ends in good order when it is told to",
+    "the cloud is connected over the right interface",
+    "route state",
+    "default route",
+    "ConnMan's order and name servers",
+    "what the events say",
+    "status file",
+    "error file",
+    "what the broker keeps",
+    "each move is proved by a handshake that the cloud has seen",
+    "each move is told once",
+    "each order follows from a decision",
+    "each message is retained as it must be",
+    "the DNS topic follows the decisions",
+    "every complaint in the log is explained by a fault",
+    "no call of the library has waited",
+    "no descriptor and no thread is left over",
+)
+
+
+class GatewayOnBox:
+    """One round: `folder` gets its logs."""
+
+    def __init__(self, box: Box, folder: pathlib.Path, schedule: Schedule) -> None:
+        self._box, self._folder = box, folder
+        kinds = {strike.words[0] for strike in schedule.strikes}
+        self._clock = "clock" in kinds
+        self._with_reader = any(strike.words[:2] == ("program", READER) for strike in schedule.strikes)
+        self._suspended = any(strike.words[:2] == ("program", APPLICATION) for strike in schedule.strikes)
+        self._messages_get_lost = "broker" in kinds or self._suspended
+        # ConnMan carries out late what it was told while it or the bus was frozen; and a clock that jumps mixes up the log.
+        self._orders_may_be_late = bool(kinds & {"connman", "bus", "clock"})
+        self._explained = tuple({text for strike in schedule.strikes for text in strike.fault.explains})
+        self._clocks: list[tuple[int, float]] = []
+        self._witness = Witness(box, folder)
+        self._scene: Scene | None = None
+        settings = box.folder / "gateway/etc/orv/gateway.ini"
+        settings.write_text(settings.read_text(encoding="utf-8") + CONTROLLER, encoding="utf-8")
+
+    def do(self, words: Words) -> None:
+        if words[0] == "clock":
+            self._clocks.append((self._scene.application.mark() if self._scene else 0, int(words[1])))
+        if self._scene is None and words[0] == "program":
+            return  # there is nothing to suspend yet
+        try:
+            self._box(*words)
+        except subprocess.TimeoutExpired as error:
+            raise AssertionError(str(error)) from error
+
+    def start(self) -> None:
+        scene = Scene.__new__(Scene)
+        scene.take(self._box, self._witness, self._application())
+        scene.neighbours = ("neighbour",)
+        scene.expected_complaints = self._explained
+        scene.orders_may_be_late = self._orders_may_be_late
+        scene.clocks = self._clocks
+        if self._messages_get_lost:
+            scene.wire_cut_at = 0
+            scene.expected_complaints += BROKER
+        self._scene = scene
+
+    def _application(self) -> Application:
+        if not self._with_reader:
+            return Application(self._box, self._folder, clock=self._clock)
+        reading, writing = os.pipe()
+        application = Application(self._box, self._folder, clock=self._clock, output=writing)
+        os.close(writing)
+        with open(application.log_file, "ab") as log:
+            self._box.start("bash", "-c", f"exec -a {READER} cat", stdin=reading, stdout=log)
+        os.close(reading)
+        return application
+
+    def verdict(self) -> list[str]:
+        scene = self._scene
+        assert scene is not None, "no application was started"
+        faults = []
+        try:
+            self._settle(scene)
+        except NotInTime as error:
+            faults.append(str(error).partition("\n")[0])
+        faults += self._left_over(scene.application)
+        ended = scene.application.process.poll()
+        if ended is not None:
+            return [*faults, f"the application has ended by itself, status {ended}"]
+        try:
+            figures = scene.application.stop()
+            for process in self._box.processes[-1:] if self._with_reader else ():
+                process.wait(10)  # it has read all
+        except (AssertionError, subprocess.TimeoutExpired, IndexError) as error:
+            return [*faults, f"the application does not end in good order: {error!r}"]
+        if not self._suspended:  # for as long as that, a call has waited
+            faults += waits(figures)
+        if scene.application.has_logged(LOST):
+            return faults  # the log tells too little
+        return faults + scene.faults()
+
+    @staticmethod
+    def _left_over(application: Application) -> list[str]:
+        """Name look-ups that nobody waits for may go on for a while."""
+        here = pathlib.Path(f"/proc/{application.process.pid}")
+        found: dict[str, int] = {}
+
+        def few() -> bool:
+            try:
+                found.update({what: len(list((here / folder).iterdir())) for what, (folder, _) in MOST.items()})
+            except OSError:
+                return True  # it has ended
+            return all(found[what] <= most for what, (_, most) in MOST.items())
+
+        if comes_within(LOOK_UPS, few, pause=1):
+            return []
+        try:
+            kinds = collections.Counter(re.sub("[0-9]+", "N", os.readlink(one)) for one in (here / "fd").iterdir())
+        except OSError:
+            return []
+        return [f"left over: {found}, which must be at most {MOST}: {dict(kinds)}"]
+
+    def _settle(self, scene: Scene) -> None:
+        faults: list[str] = []
+
+        def settled() -> bool:
+            if scene.application.process.poll() is not None:
+                return True
+            interface = "wwan0" if self._on_probation(scene.application) else "eth0"
+            told = scene.witness.payloads(INHIBIT_DNS)
+            inhibit = "inhibit" if interface == "wwan0" else "permit" if told else None
+            state = "CELLULAR_ACTIVE" if interface == "wwan0" else "ETHERNET_ACTIVE"
+            if scene.application.has_logged(LOST):
+                state = scene.application.route_state()  # the log's, which nobody can compare
+            faults[:] = audit.unsettled(scene, interface, state, inhibit)
+            return not faults
+
+        wait_until(settled, SETTLES, lambda: "; ".join(faults), pause=0.5)
+
+    @staticmethod
+    def _on_probation(application: Application) -> bool:
+        log = application.log()
+        return log.rfind(PROBATION) > log.rfind(PROBATION_ENDS)

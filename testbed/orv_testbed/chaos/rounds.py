@@ -1,0 +1,81 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Rounds of chaos, several side by side, and what came of them."""
+from __future__ import annotations
+
+import collections
+import concurrent.futures
+import dataclasses
+import itertools
+import pathlib
+import threading
+import time
+from collections.abc import Callable, Iterable, Sequence
+
+from orv_testbed.chaos.schedule import Schedule
+
+# Plays a schedule on the box of that number; `folder` gets logs. Returns what was wrong.
+Play = Callable[[Schedule, int, pathlib.Path], list[str]]
+
+
+@dataclasses.dataclass(frozen=True)
+class Result:
+    schedule: Schedule
+    faults: list[str]
+    seconds: float
+    folder: pathlib.Path
+
+
+class Rounds:
+    def __init__(self, play: Play, boxes: int, folder: pathlib.Path) -> None:
+        self._play, self._boxes, self._folder = play, boxes, folder
+        self._numbers = itertools.count(1)
+        self._free = list(range(boxes))
+        self._lock = threading.Lock()
+        self.results: list[Result] = []
+
+    def run(self, schedules: Iterable[Schedule], tell: Callable[[Result], None], until: float | None = None) -> None:
+        """Begins none after `until`, of time.monotonic(). `tell` is called once for each, in the order of their ends."""
+        remaining = iter(schedules)
+
+        def worker() -> None:
+            while until is None or time.monotonic() < until:
+                with self._lock:
+                    schedule = next(remaining, None)
+                if schedule is None:
+                    return
+                result = self._one(schedule)
+                with self._lock:
+                    self.results.append(result)
+                    tell(result)
+
+        with concurrent.futures.ThreadPoolExecutor(self._boxes) as pool:
+            for done in [pool.submit(worker) for _ in range(self._boxes)]:
+                done.result()
+
+    def fail(self, schedules: Sequence[Schedule]) -> list[bool]:
+        """Which of them fail; side by side."""
+        with concurrent.futures.ThreadPoolExecutor(self._boxes) as pool:
+            return [bool(result.faults) for result in pool.map(self._one, schedules)]
+
+    def _one(self, schedule: Schedule) -> Result:
+        with self._lock:
+            number = self._free.pop()
+            folder = self._folder / f"round-{next(self._numbers)}-seed-{schedule.seed}"
+        begun = time.monotonic()
+        try:
+            folder.mkdir(parents=True)
+            schedule.save(folder / "schedule")
+            faults = self._play(schedule, number, folder)
+        finally:
+            with self._lock:
+                self._free.append(number)
+        return Result(schedule, faults, time.monotonic() - begun, folder)
+
+    def summary(self, invariants: int) -> str:
+        drawn = collections.Counter(strike.words for result in self.results for strike in result.schedule.strikes)
+        failed = sum(bool(result.faults) for result in self.results)
+        hours = sum(result.seconds for result in self.results) / 3600
+        return (
+            f"{len(self.results)} rounds, {sum(drawn.values())} faults of {len(drawn)} kinds, "
+            f"{invariants * len(self.results)} invariants checked, {failed} rounds failed, {hours:.2f} box-hours"
+        )

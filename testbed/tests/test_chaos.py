@@ -1,0 +1,251 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Schedules of chaos: drawn, kept, played and shrunk. No box: the gateway is a list of what it was told, time is virtual."""
+from __future__ import annotations
+
+import itertools
+import pathlib
+from collections.abc import Sequence
+
+import pytest
+
+from orv_testbed.chaos.faults import FAULTS, Words
+from orv_testbed.chaos.play import Clock, play
+from orv_testbed.chaos.rounds import Result, Rounds
+from orv_testbed.chaos.schedule import NoSchedule, Schedule, Strike, draw, load, overlap
+from orv_testbed.chaos.shrink import shrink
+from orv_testbed.fault_record import after
+
+SEEDS = range(300)
+BROKER = Strike(10, 20, ("broker", "stop"))
+ETHERNET = Strike(0, 30, ("provider", "eth", "dead"))
+CABLE = Strike(25, 26, ("cable", "out"))
+
+
+def words_of(schedule: Schedule) -> list[Words]:
+    return [strike.words for strike in schedule.strikes]
+
+
+class VirtualClock(Clock):
+    def __init__(self) -> None:
+        self.time = 1000.0
+
+    def now(self) -> float:
+        return self.time
+
+    def sleep(self, seconds: float) -> None:
+        assert seconds >= 0
+        self.time += seconds
+
+
+class FakeGateway:
+    """Notes when it was told what. `breaks`: a command that the box cannot carry out."""
+
+    def __init__(self, clock: VirtualClock, breaks: Words = (), takes: float = 0, wrong: Sequence[str] = ()) -> None:
+        self.clock, self.breaks, self.takes, self.wrong = clock, breaks, takes, list(wrong)
+        self.told: list[tuple[float, str]] = []
+
+    def note(self, what: str) -> None:
+        self.told.append((round(self.clock.time - 1000, 1), what))
+
+    def do(self, words: Words) -> None:
+        self.note(" ".join(words))
+        self.clock.time += self.takes
+        if words == self.breaks:
+            raise AssertionError("no such thing")
+
+    def start(self) -> None:
+        self.note("start")
+
+    def verdict(self) -> list[str]:
+        self.note("verdict")
+        return self.wrong
+
+
+# ---- drawing
+
+
+def test_the_same_seed_is_the_same_schedule_and_another_one_is_not() -> None:
+    assert draw(7) == draw(7)
+    assert len({draw(seed) for seed in SEEDS}) == len(SEEDS)
+
+
+def test_every_fault_is_drawn() -> None:
+    assert {words for seed in SEEDS for words in words_of(draw(seed))} == {fault.words for fault in FAULTS}
+
+
+def test_faults_that_stand_in_each_others_way_never_overlap() -> None:
+    for seed in SEEDS:
+        for one, other in itertools.combinations(draw(seed).strikes, 2):
+            if one.fault.occupies & other.fault.occupies:
+                assert not overlap(one, other), f"seed {seed}"
+
+
+def test_several_faults_are_in_force_at_a_time_and_some_before_the_start() -> None:
+    def most(schedule: Schedule) -> int:
+        return max(sum(one.begin <= other.begin <= one.end for one in schedule.strikes) for other in schedule.strikes)
+
+    assert max(most(draw(seed)) for seed in SEEDS) >= 6
+    assert any(strike.begin == 0 for seed in SEEDS for strike in draw(seed).strikes)
+
+
+@pytest.mark.parametrize("fault", FAULTS, ids=lambda fault: "-".join(fault.words))
+def test_each_remedy_takes_its_fault_back(fault: object) -> None:
+    assert isinstance(fault, type(FAULTS[0]))
+    assert after(after([], *fault.words), *fault.remedy) == []
+
+
+# ---- a file
+
+
+def test_a_schedule_that_was_saved_is_the_same(tmp_path: pathlib.Path) -> None:
+    for seed in SEEDS:
+        draw(seed).save(tmp_path / "schedule")
+        assert load(tmp_path / "schedule") == draw(seed)
+
+
+@pytest.mark.parametrize(
+    "text",
+    [
+        "",
+        "[]",
+        '{"seed": 1}',
+        '{"seed": 1, "strikes": ["1 2 no such fault"]}',
+        '{"seed": 1, "strikes": ["2 1 broker stop"]}',
+        '{"seed": 1, "strikes": ["-1 1 broker stop"]}',
+        '{"seed": 1, "strikes": ["1"]}',
+        '{"seed": null, "strikes": []}',
+    ],
+)
+def test_what_is_no_schedule_is_refused(tmp_path: pathlib.Path, text: str) -> None:
+    (tmp_path / "schedule").write_text(text, encoding="utf-8")
+    with pytest.raises(NoSchedule):
+        load(tmp_path / "schedule")
+    with pytest.raises(NoSchedule):
+        load(tmp_path / "missing")
+
+
+# ---- playing
+
+
+def test_each_fault_comes_and_goes_at_its_time_and_the_verdict_comes_last() -> None:
+    clock = VirtualClock()
+    gateway = FakeGateway(clock)
+    assert play(Schedule(1, (ETHERNET, BROKER, CABLE)), gateway, clock) == []
+    assert gateway.told == [
+        (0, "provider eth dead"),  # before the application starts
+        (0, "start"),
+        (10, "broker stop"),
+        (20, "broker start"),
+        (25, "cable out"),
+        (26, "cable in"),
+        (30, "provider eth back"),
+        (30, "verdict"),
+    ]
+
+
+def test_a_slow_box_makes_orders_late_and_leaves_none_out() -> None:
+    clock = VirtualClock()
+    gateway = FakeGateway(clock, takes=7)
+    play(Schedule(1, (BROKER, CABLE)), gateway, clock)
+    assert gateway.told == [
+        (0, "start"),
+        (10, "broker stop"),
+        (20, "broker start"),
+        (27, "cable out"),
+        (34, "cable in"),
+        (41, "verdict"),
+    ]
+
+
+def test_what_is_wrong_is_handed_on() -> None:
+    clock = VirtualClock()
+    assert play(Schedule(1, (BROKER,)), FakeGateway(clock, wrong=["default route"]), clock) == ["default route"]
+
+
+def test_a_box_that_cannot_do_it_is_named_and_nothing_is_judged() -> None:
+    clock = VirtualClock()
+    gateway = FakeGateway(clock, breaks=("broker", "start"))
+    assert play(Schedule(1, (BROKER, CABLE)), gateway, clock) == ["the box: broker start: no such thing"]
+    assert gateway.told[-1] == (20, "broker start")
+
+
+# ---- rounds
+
+
+def test_rounds_are_counted_and_what_failed_is_told(tmp_path: pathlib.Path) -> None:
+    def fails_with_a_stopped_broker(schedule: Schedule, _number: int, _folder: pathlib.Path) -> list[str]:
+        return ["LED"] if ("broker", "stop") in words_of(schedule) else []
+
+    schedules = [draw(seed) for seed in range(60)]
+    told: list[Result] = []
+    rounds = Rounds(fails_with_a_stopped_broker, 3, tmp_path)
+    rounds.run(schedules, told.append)
+    assert {result.schedule for result in told} == set(schedules)
+    failing = [schedule for schedule in schedules if ("broker", "stop") in words_of(schedule)]
+    assert failing and {result.schedule for result in told if result.faults} == set(failing)
+    drawn = sum(len(schedule.strikes) for schedule in schedules)
+    assert rounds.summary(10).startswith(f"60 rounds, {drawn} faults of ")
+    assert f"600 invariants checked, {len(failing)} rounds failed" in rounds.summary(10)
+    for result in told:
+        assert load(result.folder / "schedule") == result.schedule
+
+
+def test_no_box_has_two_rounds_at_a_time(tmp_path: pathlib.Path) -> None:
+    busy: set[int] = set()
+
+    def play_alone(_schedule: Schedule, number: int, _folder: pathlib.Path) -> list[str]:
+        assert number not in busy
+        busy.add(number)
+        busy.remove(number)
+        return []
+
+    rounds = Rounds(play_alone, 4, tmp_path)
+    rounds.run([draw(1)] * 200, lambda result: None)
+    assert len(rounds.results) == 200
+
+
+# ---- shrinking
+
+
+def containing(*matter: Words) -> Schedule:
+    return next(found for found in map(draw, itertools.count()) if set(matter) <= set(words_of(found)))
+
+
+@pytest.mark.parametrize("at_once", [1, 2, 5])
+def test_what_matters_is_left_when_a_schedule_is_shrunk(at_once: int) -> None:
+    matter = {("broker", "stop"), ("provider", "eth", "dead")}
+    found = containing(*matter)
+    assert len(found.strikes) > 4
+    tried = 0
+
+    def fail(schedules: Sequence[Schedule]) -> list[bool]:
+        nonlocal tried
+        assert 0 < len(schedules) <= at_once
+        tried += len(schedules)
+        return [matter <= set(words_of(schedule)) for schedule in schedules]
+
+    small = shrink(found, fail, at_once)
+    assert set(words_of(small)) == matter and len(small.strikes) == 2
+    assert all(strike.end - strike.begin < 0.5 for strike in small.strikes)
+    assert small.seed == found.seed
+    assert tried < 80
+
+
+def test_a_fault_that_must_last_is_not_shortened_beyond_that() -> None:
+    long = Strike(3, 28, ("broker", "stop"))
+
+    def fail(schedules: Sequence[Schedule]) -> list[bool]:
+        return [any(s.words == long.words and s.end - s.begin > 5 for s in one.strikes) for one in schedules]
+
+    (left,) = shrink(Schedule(1, (ETHERNET, long, CABLE)), fail).strikes
+    assert (left.begin, left.words) == (long.begin, long.words)
+    assert 5 < left.end - left.begin <= 10
+
+
+def test_a_schedule_that_fails_only_as_a_whole_stays_whole() -> None:
+    found = next(schedule for schedule in map(draw, itertools.count()) if len(schedule.strikes) > 4)
+
+    def fail(schedules: Sequence[Schedule]) -> list[bool]:
+        return [len(schedule.strikes) == len(found.strikes) for schedule in schedules]
+
+    assert words_of(shrink(found, fail)) == words_of(found)
