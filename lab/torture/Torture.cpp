@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// torture [--seconds NUMBER] [--from SEED] [--jobs NUMBER] [--program NAME]
-//     each point, in an order that follows from the seed; with --seconds as many as there is time for
+// torture [--seconds NUMBER] [--from SEED] [--jobs NUMBER] [--program NAME] [--faults NUMBER]
+//     each point, in an order that follows from the seed; with --seconds as many as there is time for, and with
+//     --faults no more after so many faults
 // torture --one PROGRAM CALL NUMBER once|later
 //     that one, and where it is
 //
@@ -27,15 +28,24 @@ constexpr std::size_t MOST_DOUBTFUL = 5;
 
 class Torture {
 public:
-    Torture(std::chrono::seconds duration, std::uint64_t seed, unsigned parallel, std::string program)
-        : limit(duration), from(seed), random(seed), jobs(parallel), only(std::move(program)) {}
+    struct Options {
+        unsigned long seconds = 0;
+        unsigned long seed = std::random_device{}();
+        unsigned long jobs = 4;
+        unsigned long faults = 0;
+        std::string program;
+    };
+
+    explicit Torture(const Options& given)
+        : options(given), limit(given.seconds), random(given.seed), only(given.program) {}
 
     int RunAll();
 
 private:
     void Add(const ProgramKind& program);
     void AddPoints(const ProgramKind& program, Call call, long count);
-    bool IsOver() const { return limit.count() != 0 && Clock::now() - begin >= limit; }
+    void TryPoints();
+    bool IsOver() const;
     void Collect();
     void TryAgain();
     void Note(const Attempt& attempt);
@@ -48,18 +58,18 @@ private:
     };
 
     const Clock::time_point begin = Clock::now();
+    const Options options;
     const std::chrono::seconds limit;
-    const std::uint64_t from;
     Random random;
-    const unsigned jobs;
     const std::string only;
     std::vector<Ranked> todo;
+    std::size_t next = 0;
     std::list<Attempt> running;
     long all[CALLS] = {};
     long tried[CALLS] = {};
     long reached[CALLS] = {};
     std::vector<Point> doubtful;
-    int found = 0;
+    unsigned long found = 0;
 };
 
 void Torture::Add(const ProgramKind& program) {
@@ -122,6 +132,21 @@ void Torture::TryAgain() {
         std::cout << "torture: " << point.Text() << ": tried again alone, "
                   << (failsAgain ? "fails again" : "and nothing found: the machine was busy") << std::endl;
     }
+    doubtful.clear();
+}
+
+bool Torture::IsOver() const {
+    return (limit.count() != 0 && Clock::now() - begin >= limit) ||
+           (options.faults != 0 && found + doubtful.size() >= options.faults);
+}
+
+void Torture::TryPoints() {
+    while ((next < todo.size() && !IsOver()) || !running.empty()) {
+        while (next < todo.size() && !IsOver() && running.size() < options.jobs)
+            running.emplace_back(todo[next++].point);
+        Collect();
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
 }
 
 void Torture::Collect() {
@@ -136,7 +161,7 @@ void Torture::Collect() {
 }
 
 int Torture::RunAll() {
-    std::cout << "torture: from seed " << from << std::endl;
+    std::cout << "torture: from seed " << options.seed << std::endl;
     for (const ProgramKind& program : AllPrograms())
         if (only.empty() || only == program.name)
             Add(program);
@@ -150,13 +175,10 @@ int Torture::RunAll() {
     // One of each program and call after the other: the rare ones are tried whole before the frequent ones.
     std::sort(todo.begin(), todo.end(),
               [](const Ranked& a, const Ranked& b) { return a.rank != b.rank ? a.rank < b.rank : a.draw < b.draw; });
-    for (auto next = todo.begin(); (next != todo.end() && !IsOver()) || !running.empty();) {
-        while (next != todo.end() && !IsOver() && running.size() < jobs)
-            running.emplace_back((next++)->point);
-        Collect();
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    TryAgain();
+    do {
+        TryPoints();
+        TryAgain();
+    } while (next < todo.size() && !IsOver());
     Report();
     return found == 0 ? 0 : 1;
 }
@@ -191,17 +213,19 @@ int main(int count, char** given) {
     const std::vector<std::string> words(given + 1, given + count);
     if (words.size() == 5 && words[0] == "--one")
         return RunOne(words[1], words[2], std::stol(words[3]), words[4] == "later");
-    unsigned long seconds = 0;
-    unsigned long seed = std::random_device{}();
-    unsigned long jobs = 4;
-    std::string program;
+    Torture::Options options;
     for (std::size_t index = 0; index + 1 < words.size(); index += 2) {
+        const std::string& value = words[index + 1];
         if (words[index] == "--program")
-            program = words[index + 1];
-        else
-            (words[index] == "--seconds" ? seconds
-             : words[index] == "--from"  ? seed
-                                         : jobs) = std::stoul(words[index + 1]);
+            options.program = value;
+        else if (words[index] == "--seconds")
+            options.seconds = std::stoul(value);
+        else if (words[index] == "--from")
+            options.seed = std::stoul(value);
+        else if (words[index] == "--jobs")
+            options.jobs = std::stoul(value);
+        else if (words[index] == "--faults")
+            options.faults = std::stoul(value);
     }
-    return Torture(std::chrono::seconds(seconds), seed, static_cast<unsigned>(jobs), program).RunAll();
+    return Torture(options).RunAll();
 }

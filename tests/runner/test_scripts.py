@@ -41,6 +41,10 @@ MISUSED = [
     "size nonsense",
     "test nonsense",
     "torture nonsense",
+    "torture --one begin new none once",
+    "trial",
+    "trial nonsense",
+    "trial . --explore",
 ]
 
 
