@@ -17,11 +17,6 @@
 #include <new>
 #include <thread>
 
-// Where memory is wanting, OpenSSL leaks: that is not ours, and would hide what is.
-extern "C" const char* __lsan_default_suppressions() { // NOLINT
-    return "leak:libcrypto.so\nleak:libssl.so\n";
-}
-
 namespace OrvLab {
 
 namespace {

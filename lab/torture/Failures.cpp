@@ -6,6 +6,7 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <link.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sanitizer/common_interface_defs.h>
@@ -22,6 +23,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <new>
 
 namespace OrvLab {
@@ -37,6 +39,32 @@ std::atomic<bool> printsPlaces{false};
 std::atomic<Place*> placeTold{nullptr};
 std::atomic<std::atomic<long>*> failedTold{nullptr};
 thread_local bool counted = false;
+
+// Where memory is wanting, OpenSSL leaks and crashes by itself, later: its own memory is never wanting.
+struct Code {
+    std::uintptr_t begin;
+    std::uintptr_t end;
+};
+Code openssl[2] = {};
+
+int NoteOpenssl(dl_phdr_info* library, std::size_t, void*) {
+    const bool isCrypto = std::strstr(library->dlpi_name, "libcrypto.so") != nullptr;
+    if (!isCrypto && std::strstr(library->dlpi_name, "libssl.so") == nullptr)
+        return 0;
+    Code code{library->dlpi_addr, library->dlpi_addr};
+    for (int index = 0; index < library->dlpi_phnum; ++index) {
+        const auto& part = library->dlpi_phdr[index];
+        code.end = std::max<std::uintptr_t>(code.end, library->dlpi_addr + part.p_vaddr + part.p_memsz);
+    }
+    openssl[isCrypto ? 0 : 1] = code;
+    return 0;
+}
+
+bool IsOpenssl(const void* caller) {
+    const auto address = reinterpret_cast<std::uintptr_t>(caller);
+    return std::any_of(std::begin(openssl), std::end(openssl),
+                       [&](const Code& code) { return address >= code.begin && address < code.end; });
+}
 
 struct Walk {
     Place& place;
@@ -107,6 +135,7 @@ void Failures::Disarm() {
 }
 
 void Failures::Reset() {
+    dl_iterate_phdr(NoteOpenssl, nullptr);
     for (auto& count : counts)
         count = 0;
     failed = 0;
@@ -144,6 +173,7 @@ Tortured::~Tortured() {
 
 using OrvLab::Call;
 using OrvLab::Fails;
+using OrvLab::IsOpenssl;
 
 #define ORV_REPLACES __attribute__((visibility("default")))
 // The real one, looked up without a lock: whoever comes first finds the same.
@@ -159,21 +189,23 @@ void __interceptor_free(void* memory);
 int __interceptor_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*),
                                  void* argument);
 
+#define ORV_NO_MEMORY_FOR_CALLER (!IsOpenssl(__builtin_return_address(0)) && Fails(Call::MALLOC, ENOMEM))
+
 ORV_REPLACES void* malloc(std::size_t size) {
-    return Fails(Call::MALLOC, ENOMEM) ? nullptr : __interceptor_malloc(size);
+    return ORV_NO_MEMORY_FOR_CALLER ? nullptr : __interceptor_malloc(size);
 }
 
 ORV_REPLACES void* calloc(std::size_t count, std::size_t size) {
-    return Fails(Call::MALLOC, ENOMEM) ? nullptr : __interceptor_calloc(count, size);
+    return ORV_NO_MEMORY_FOR_CALLER ? nullptr : __interceptor_calloc(count, size);
 }
 
 ORV_REPLACES void* realloc(void* memory, std::size_t size) {
-    return Fails(Call::MALLOC, ENOMEM) ? nullptr : __interceptor_realloc(memory, size);
+    return ORV_NO_MEMORY_FOR_CALLER ? nullptr : __interceptor_realloc(memory, size);
 }
 
 ORV_REPLACES char* strdup(const char* text) {
     const std::size_t size = std::strlen(text) + 1;
-    void* copy = malloc(size);
+    void* copy = ORV_NO_MEMORY_FOR_CALLER ? nullptr : __interceptor_malloc(size);
     return static_cast<char*>(copy == nullptr ? nullptr : std::memcpy(copy, text, size));
 }
 

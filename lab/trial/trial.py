@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import argparse
+import contextlib
 import hashlib
 import json
 import os
@@ -21,6 +22,16 @@ SCRATCH = PLACE / "tree"
 BUILD = SCRATCH / "build" / "asan-ubsan"
 LOGS = PLACE / "logs"
 INSTRUMENTS = ["orv-explore", "orv-explore-connman", "orv-torture"]
+# The tests of what a fault touches, by the beginning of the file's name.
+TESTS = {
+    "libs/OrvPlatform/src/base/": ["orv-platform-base-tests"],
+    "libs/OrvPlatform/src/broker/": ["orv-broker-tests"],
+    "libs/OrvPlatform/src/config/": ["orv-platform-config-tests"],
+    "libs/OrvPlatform/src/connman/": ["orv-connman-tests"],
+    "libs/OrvPlatform/src/log/": ["orv-platform-log-tests"],
+    "libs/OrvStackSdk/src/": ["orv-stack-sdk-tests", "orv-route-tests", "orv-poke-tests"],
+    "libs/OrvStackSdkC/src/": ["orv-stack-sdk-c-fake-tests"],
+}
 COLUMNS = ["fault", "touches", "explore broker", "explore connman", "torture", "found", "tests"]
 MOST_OF_A_BUILD = 1800  # seconds
 GRACE = 240  # what an instrument may take beyond its time: a seed that hangs, a point that is tried again
@@ -38,8 +49,10 @@ def run(command: list[str], log: pathlib.Path, limit: float) -> tuple[int, str]:
             try:
                 process.wait(limit)
             except subprocess.TimeoutExpired:
-                os.killpg(process.pid, signal.SIGKILL)
                 raise Ended(f"not ended after {limit:.0f} s") from None
+            finally:
+                with contextlib.suppress(ProcessLookupError):
+                    os.killpg(process.pid, signal.SIGKILL)
     return process.returncode, log.read_text(errors="replace")
 
 
@@ -104,9 +117,9 @@ def restore(names: Iterable[str]) -> None:
             (SCRATCH / name).unlink(missing_ok=True)
 
 
-def build(target: str, log: str) -> bool:
+def build(targets: list[str], log: str) -> bool:
     jobs = str(os.cpu_count() or 2)
-    return run(["cmake", "--build", str(BUILD), "-j", jobs, "--target", target], LOGS / log, MOST_OF_A_BUILD)[0] == 0
+    return run(["cmake", "--build", str(BUILD), "-j", jobs, "--target", *targets], LOGS / log, MOST_OF_A_BUILD)[0] == 0
 
 
 def programs() -> dict[str, str]:
@@ -123,14 +136,16 @@ def explored(program: str, seconds: int, log: str) -> str:
     begin = time.monotonic()
     try:
         command = [str(BUILD / "bin" / program), str(seconds), "--jobs", str(os.cpu_count() or 2)]
-        _, said = run(command, LOGS / log, seconds + GRACE)
+        status, said = run(command, LOGS / log, seconds + GRACE)
     except Ended as ended:
         return f"FOUND: {ended}"
     counted = re.search(r"explore: (\d+) seeds", said)
     seeds = counted.group(1) if counted else "?"
     took = time.monotonic() - begin
     found = re.search(r"(?m)^explore: seed (\d+) (?:fails|hangs)", said)
-    return f"FOUND: seed {found.group(1)}, {seeds} seeds, {took:.0f} s" if found else f"no: {seeds} seeds, {took:.0f} s"
+    if found or status != 0:
+        return f"FOUND: {'seed ' + found.group(1) if found else 'status ' + str(status)}, {seeds} seeds, {took:.0f} s"
+    return f"no: {seeds} seeds, {took:.0f} s"
 
 
 def tortured(seconds: int, log: str) -> str:
@@ -156,21 +171,25 @@ def tortured(seconds: int, log: str) -> str:
     return f"FOUND: {found.group(1) if found else 'status ' + str(status)}, {points} points, {took:.0f} s"
 
 
-def tested(changed: set[str], seconds: int, log: str) -> str:
-    """The tests of the programs that the fault has changed, without those of the laboratory."""
+def tested(names: list[str], seconds: int, name: str) -> str:
+    """The tests of the files of these names. They are for comparison: nothing more is built than they need."""
+    owned = {test for prefix, tests in TESTS.items() for test in tests if any(one.startswith(prefix) for one in names)}
+    if not owned:
+        return "none of their own"
+    if not build(sorted(owned), f"{name}.tests-build.log"):
+        return "do not build"
     listed = json.loads(subprocess.check_output(["ctest", "--show-only=json-v1"], cwd=BUILD))
     numbers = [
         str(number)
         for number, test in enumerate(listed["tests"], 1)
-        if any(pathlib.Path(word).name in changed for word in test.get("command", []))
-        and not any(one["name"] == "LABELS" and "lab" in one["value"] for one in test["properties"])
+        if any(pathlib.Path(word).name in owned for word in test.get("command", []))
     ]
-    if not numbers:
-        return SAME
     begin = time.monotonic()
     command = ["ctest", "--test-dir", str(BUILD), "-j", str(2 * (os.cpu_count() or 2)), "--timeout", "60"]
     try:
-        _, said = run([*command, "--stop-on-failure", "-I", "0,0,0," + ",".join(numbers)], LOGS / log, seconds)
+        _, said = run(
+            [*command, "--stop-on-failure", "-I", "0,0,0," + ",".join(numbers)], LOGS / f"{name}.tests.log", seconds
+        )
     except Ended as ended:
         return f"no: {ended}"
     took = time.monotonic() - begin
@@ -186,7 +205,7 @@ def try_fault(patch: pathlib.Path, sound: dict[str, str], options: argparse.Name
     refused = apply(patch)
     if refused:
         return [*head, f"cannot be applied: {refused.splitlines()[0]}", "", "", "", ""]
-    if not build("lab/all", f"{name}.build.log"):
+    if not build(["lab/all"], f"{name}.build.log"):
         return [*head, "does not build", "", "", "", ""]
     now = programs()
     tries: list[Callable[[], str]] = [
@@ -199,12 +218,7 @@ def try_fault(patch: pathlib.Path, sound: dict[str, str], options: argparse.Name
         for program, attempt in zip(INSTRUMENTS, tries, strict=True)
     ]
     found = "yes" if any(one.startswith("FOUND") for one in said) else "no"
-    tests = "not run"
-    if options.tests:
-        tests = "do not build"
-        if build("libs/all", f"{name}.tests-build.log"):
-            changed = {one for one, content in programs().items() if content != sound.get(one)}
-            tests = tested(changed - set(INSTRUMENTS), options.tests, f"{name}.tests.log")
+    tests = tested(touched, options.tests, name) if options.tests else "not run"
     return [*head, *said, found, tests]
 
 
@@ -215,7 +229,7 @@ def prepare() -> dict[str, str]:
     status, said = run(
         ["cmake", "--preset", "asan-ubsan", f"-DORV_TOOLS={tools}"], LOGS / "configure.log", MOST_OF_A_BUILD
     )
-    if status != 0 or not build("lab/all", "build.log") or not build("libs/all", "tests-build.log"):
+    if status != 0 or not build(["lab/all"], "build.log"):
         sys.exit(f"trial: the tree itself does not build: see {LOGS}\n{said[-2000:] if status else ''}")
     return programs()
 
@@ -260,5 +274,6 @@ def main() -> int:
 
 
 if __name__ == "__main__":
+    signal.signal(signal.SIGTERM, lambda number, frame: sys.exit("trial: told to end"))
     shutil.rmtree(LOGS, ignore_errors=True)
     sys.exit(main())
