@@ -10,6 +10,8 @@ from typing import TYPE_CHECKING
 
 from orv_testbed.application import Application
 from orv_testbed.box import Box
+from orv_testbed.layout import SIDES
+from orv_testbed.passages import Passage
 from orv_testbed.timestamps import at
 from orv_testbed.topics import CLOUD, GREEN, INHIBIT_DNS, NO_NETWORK, YELLOW
 from orv_testbed.wire import AVAILABLE, Witness
@@ -97,6 +99,24 @@ def moves_not_told_once(application: Application) -> list[str]:
         faults.append(
             f"the route has moved {changes(LASTING)} to {changes(0) + in_vain} times, and the log tells of {told}"
         )
+    return faults
+
+
+POKED_PORT = 443  # no other program of a scene connects to it
+POKES = {"eth": "Started Poke eth if", "cell": "Started Poke to cell if"}
+
+
+def pokes_on_a_wrong_way(application: Application, passages: Sequence[Passage], others_poke: bool) -> list[str]:
+    """Connections bound to an interface that have left over another one, in either family.
+
+    Such a one has the address of the interface that it is bound to, or comes over a side that has never been poked.
+    """
+    faults = []
+    for passage in (one for one in passages if one.port == POKED_PORT):
+        if SIDES[passage.side].family_of(passage.source) != passage.family:
+            faults.append(f"another interface's address: {passage}")
+        if not others_poke and not application.has_logged(POKES[passage.side]):
+            faults.append(f"nobody has poked over {passage.side}: {passage}")
     return faults
 
 

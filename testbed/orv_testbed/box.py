@@ -10,6 +10,7 @@ import subprocess
 import tempfile
 from typing import Any, Self
 
+from orv_testbed import passages
 from orv_testbed.layout import SIDES
 from orv_testbed.programs import TESTBED, program
 from orv_testbed.status_files import ERRORS, STATUSES, read_statuses
@@ -125,6 +126,10 @@ class Box:
             for time, its_side, peer, outcome, *_ in lines
             if (its_side, outcome) == (side, "handshake")
         ]
+
+    def passages(self) -> list[passages.Passage]:
+        """The TCP connections that the gateway has begun, as they came to the providers, the first one first."""
+        return passages.read((self.folder / "log/passages").read_text(encoding="ascii"))
 
     def pid_of(self, process: str) -> int:
         """Of one of the box's own processes."""

@@ -88,7 +88,12 @@ class Gateway:
         self._start_routes()
         self.start_connman()
         self._await(self._connect_cellular, 10, "ConnMan shows no cellular service", "connman", "modem")
-        self._await(self._both_connected, 20, "ConnMan does not connect both interfaces", "connman")
+        # With IPv6 there are detection of duplicates, advertisements and DHCPv6 to wait for, too.
+        patience = 45 if Families.of(self._layout.state).has_ipv6() else 20
+        if not comes_within(patience, self._both_connected):
+            raise BoxError(
+                f"ConnMan does not connect both interfaces, see {self._layout.log('connman')}; its services:\n{self.services()}"
+            )
 
     def _await(self, condition: object, seconds: float, fault: str, *logs: str) -> None:
         assert callable(condition)

@@ -10,7 +10,7 @@ import subprocess
 import sys
 from collections.abc import Iterator
 
-from orv_testbed.box_processes import BoxProcesses
+from orv_testbed.box_processes import PYTHON, BoxProcesses
 from orv_testbed.commands import is_mount_point, run, succeeds
 from orv_testbed.families import Families
 from orv_testbed.ipv6 import NAMES_BEHIND_DNS64, Ipv6
@@ -125,6 +125,8 @@ class Networks:
             self.cloud.ip(f"link set dev {side.name} up")
             self.cloud.ip(f"route add {side.net}.0/24 via {side.uplink}.1")
             self._make_provider(side)
+        watched = (f"{side.name}={self.provider(side).name}" for side in SIDES.values())
+        self._processes.start("passages", [*PYTHON, "orv_testbed.passages", *watched])
 
     def _add(self) -> None:
         with boxes_locked() as locked:

@@ -8,12 +8,14 @@ from collections.abc import Iterable
 from orv_testbed.box_processes import BoxProcesses
 from orv_testbed.fault_record import FaultRecord
 from orv_testbed.gateway import Gateway
-from orv_testbed.layout import BoxError, Layout
+from orv_testbed.layout import SIDES, BoxError, Layout
 from orv_testbed.networks import Namespace
+from orv_testbed.passages import read
 from orv_testbed.waiting import comes_within
 
 ORDINARY = ("lookup local", "lookup main", "lookup default")
 SHOWN_LINES = 10
+CLOUDS_PORTS = {443: "https", 8883: "mqtts"}
 
 
 class Report:
@@ -35,13 +37,25 @@ class Report:
         self._indented(self._record.in_force() or ["none"])
         print("services, in ConnMan's order:")
         self._indented((self._gateway.services() or "ConnMan does not answer").splitlines())
+        print("the latest connections to the cloud:")
+        self._indented(self._latest_connections() or ["none"])
         print("routes:")
         self._indented(self._namespace.ip("route").splitlines())
+        self._indented(self._namespace.ip("-6 route show default").splitlines())
         rules = self._namespace.ip("rule").splitlines()
         self._indented(f"rule {rule}" for rule in rules if not any(word in rule for word in ORDINARY))
         print("name servers:")
         known = (self._layout.gateway_root / "run/connman/resolv.conf").read_text(encoding="utf-8").splitlines()
         self._indented(line.removeprefix("nameserver").strip() for line in known if line.startswith("nameserver"))
+
+    def _latest_connections(self) -> list[str]:
+        """Of each of the cloud's ports, with the interface and the family in which it left the gateway."""
+        passages = read(self._layout.log("passages").read_text(encoding="ascii"))
+        latest = {one.port: one for one in passages if one.port in CLOUDS_PORTS}
+        return [
+            f"{CLOUDS_PORTS[port]}: over {SIDES[one.side].interface}, IPv{one.family}, begun {one.time}"
+            for port, one in sorted(latest.items())
+        ]
 
     @staticmethod
     def _indented(lines: Iterable[str]) -> None:

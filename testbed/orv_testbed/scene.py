@@ -8,6 +8,7 @@ from collections.abc import Callable
 from orv_testbed import audit
 from orv_testbed.application import Application
 from orv_testbed.box import Box
+from orv_testbed.passages import Passage
 from orv_testbed.topics import INHIBIT_DNS
 from orv_testbed.waiting import SLACK, wait_until
 from orv_testbed.wire import Witness
@@ -44,6 +45,11 @@ class Scene:
         self.orders_may_be_late = False  # the connection manager may confirm what is no longer wanted
         self.clocks: list[tuple[int, float]] = []  # see audit.Clocks
         self.undo: list[tuple[str, ...]] = []
+        self._passed_before = len(box.passages())
+
+    def passages(self) -> list[Passage]:
+        """The connections that the gateway has begun since then, as they came to the providers."""
+        return self.box.passages()[self._passed_before :]
 
     def start(self) -> Scene:
         self.application.wait_for_cloud("eth0", 10)
@@ -168,6 +174,7 @@ class Scene:
         """What `audit` finds wrong."""
         faults = audit.unproven_moves(self.application, self.box, self.clocks)
         faults += audit.moves_not_told_once(self.application)
+        faults += audit.pokes_on_a_wrong_way(self.application, self.passages(), bool(self.neighbours))
         if not self.orders_may_be_late:
             faults += audit.orders_without_a_decision(self.application)
         faults += [

@@ -8,7 +8,8 @@ import pathlib
 import pytest
 
 from orv_testbed.application import Application
-from orv_testbed.audit import moves_not_told_once, true_times
+from orv_testbed.audit import POKES, moves_not_told_once, pokes_on_a_wrong_way, true_times
+from orv_testbed.passages import Passage
 from orv_testbed.timestamps import at
 
 THERE, BACK = ("Ethernet (eth0)", "Cellular (wwan0)"), ("Cellular (wwan0)", "Ethernet (eth0)")
@@ -70,3 +71,35 @@ def test_a_clock_that_was_wrong_at_the_start_is_taken_off() -> None:
     (wrong, _), (right, _) = true_times(lines, [(0, HOUR), (20, 0.0)])
     assert right - wrong == 1
     assert right == at("2026-01-01T09:00:01.000Z")
+
+
+def passage(side: str, source: str, port: int = 443) -> Passage:
+    family, target = ("6", "2001:db8:51::10") if ":" in source else ("4", "198.51.100.10")
+    return Passage("2026-01-01T00:00:00.000Z", side, family, source, 40000, target, port)
+
+
+@pytest.mark.parametrize(
+    "poked, passages, right",
+    [
+        (["eth"], [passage("eth", "10.11.0.179")], True),
+        (["eth"], [passage("eth", "2001:db8:11:2::1")], True),
+        (["cell"], [passage("cell", "10.12.0.50"), passage("cell", "2001:db8:12:1::1")], True),
+        (["cell"], [passage("cell", "10.11.0.179")], False),
+        (["cell"], [passage("cell", "2001:db8:11:1::1")], False),
+        (["cell"], [passage("eth", "10.11.0.179")], False),
+        (["cell"], [passage("eth", "2001:db8:11:1::1")], False),
+        ([], [passage("eth", "10.12.0.50", port=8883)], True),  # the cloud connection, which is bound to nothing
+    ],
+)
+def test_a_poke_leaves_over_its_interface_in_either_family(
+    tmp_path: pathlib.Path, poked: list[str], passages: list[Passage], right: bool
+) -> None:
+    application = Recorded(tmp_path, ONCE, [])
+    application.log_file.write_text("".join(f"{POKES[side]} an interface\n" for side in poked), encoding="utf-8")
+    assert (pokes_on_a_wrong_way(application, passages, others_poke=False) == []) == right
+
+
+def test_what_another_application_pokes_is_its_own_affair(tmp_path: pathlib.Path) -> None:
+    application = Recorded(tmp_path, ONCE, [])
+    assert pokes_on_a_wrong_way(application, [passage("eth", "10.11.0.179")], others_poke=True) == []
+    assert pokes_on_a_wrong_way(application, [passage("eth", "10.12.0.50")], others_poke=True)

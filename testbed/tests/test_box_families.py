@@ -55,6 +55,11 @@ def has_addresses(box: Box, interface: str) -> list[str]:
     ]
 
 
+def came(box: Box, side: str) -> list[tuple[str, str]]:
+    """Family and target of the connections that the gateway has begun over this side."""
+    return [(one.family, one.target) for one in box.passages() if one.side == side]
+
+
 def answers(box: Box, side: str, kind: str) -> list[str]:
     """The cloud's addresses by the provider's own name server; asked over IPv6 where there is no IPv4."""
     server = SIDES[side].name_server_6 if kind == "6" else SIDES[side].name_server
@@ -75,8 +80,10 @@ def test_each_provider_has_the_families_that_it_was_given(eth: str, cell: str, c
             for family in (one for one in kind if one in cloud):
                 assert fetches(box, interface, family, addresses[family]), f"{interface}, IPv{family}"
                 assert [came_in for _, came_in in box.handshakes_by_family(side)].count(family) == 1
+                assert came(box, side)[-1] == (family, addresses[family])
             if kind == "6":
                 assert fetches(box, interface, "6", translated)
+                assert came(box, side)[-1] == ("6", translated)
             names = [addresses[family] for family in cloud]
             if kind == "6" and cloud == "4":
                 names.append(translated)

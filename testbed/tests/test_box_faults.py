@@ -76,6 +76,10 @@ def carries(box: Box, interface: str) -> Callable[[], bool]:
     return lambda: fetch(box, interface) == (0, "ok\n")
 
 
+def begun(box: Box, side: str) -> int:
+    return sum(one.side == side for one in box.passages())
+
+
 def queries(box: Box, side: str) -> int:
     return box("log", f"names-{side}").count("query[A] cloud.box.test")
 
@@ -386,3 +390,16 @@ def test_neighbours_do_what_they_are_called_for_until_they_are_gone(box: Box) ->
 
 def runs(box: Box, name: str) -> bool:
     return box.try_to("program", name, "thaw").returncode == 0
+
+
+@on_each_side
+def test_a_connection_that_leads_nowhere_is_seen_once_and_where_it_was_sent(
+    box: Box, side: str, interface: str
+) -> None:
+    box("provider", side, "dead")
+    other = "cell" if side == "eth" else "eth"
+    to = ("--resolve", "cloud.box.test:443:198.51.100.10", CLOUD)
+    box("exec", "curl", "-s", "-m", "3", "--interface", f"if!{interface}", *to, must_succeed=False)
+    wait_until(lambda: begun(box, side) == 1, SLACK, "the connection at the provider")
+    assert begun(box, other) == 0
+    assert f"https: over {interface}, IPv4, begun " in box("status")
