@@ -74,6 +74,11 @@ void Flush(DBusConnection& connection) {
     }
 }
 
+/// What changes something is decided by all that is known, a question may be asked at any time.
+bool IsOrder(DBusMessage& message) {
+    return dbus_message_has_member(&message, "MoveBefore") || dbus_message_has_member(&message, "SetProperty");
+}
+
 /// At least one, at most all of those that have arrived.
 void ReadSome(DBusConnection& connection) {
     auto& arrived = connection.wire->toClient;
@@ -135,6 +140,8 @@ void dbus_connection_unref(DBusConnection* connection) {
 
 dbus_bool_t dbus_connection_send(DBusConnection* connection, DBusMessage* message, dbus_uint32_t* serial) {
     OrvLab::Enter("send");
+    if (OrvLab::IsOrder(*message) && !connection->incoming.empty())
+        Simulation::Current()->Fail("gives an order before it has heard what it has read");
     *serial = ++connection->serial;
     Message copy(dbus_message_copy(message));
     dbus_message_set_serial(copy.get(), *serial);
@@ -161,6 +168,8 @@ dbus_bool_t dbus_connection_get_is_connected(DBusConnection* connection) {
 }
 
 dbus_bool_t dbus_watch_get_enabled(DBusWatch* watch) {
+    if (!watch->connection->incoming.empty())
+        Simulation::Current()->Fail("waits for the bus before it has heard what it has read");
     const bool reads = (watch->flags & DBUS_WATCH_READABLE) != 0;
     return reads || !watch->connection->outgoing.empty() ? TRUE : FALSE;
 }
