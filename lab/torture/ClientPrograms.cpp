@@ -221,10 +221,7 @@ public:
     using Application::Application;
 
 private:
-    void Before() override {
-        Create();
-        Init();
-    }
+    void Before() override { DemandInit(); }
 };
 
 class Working final : public Connected {
@@ -288,8 +285,7 @@ public:
 
 private:
     void Before() override {
-        Create();
-        Init();
+        DemandInit();
         Work();
     }
     void Tortured() override {

@@ -84,6 +84,7 @@ ALL: Plan = (
             Step("lint --tidy"),
             Step("fuzz 10"),
             Step("explore 60"),
+            Step("torture 75"),
         ),
         gives_way=True,
     ),
