@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Planner.h"
 
+#include "Ipv6Plan.h"
+
 #include <linux/rtnetlink.h>
 
 #include <algorithm>
@@ -45,7 +47,7 @@ Seen SeenInMainTable(const std::vector<Route>& routes, const Address& address) {
             routers.push_back(router);
     };
     for (const Route& route : routes) {
-        if (route.table != RT_TABLE_MAIN || route.link != address.link)
+        if (route.family != AF_INET || route.table != RT_TABLE_MAIN || route.link != address.link)
             continue;
         const bool toHost = route.prefixLength == 32;
         const bool inOwnNetwork =
@@ -77,9 +79,23 @@ IpAddress LikelyRouter(const Seen& seen) {
     return routers.size() == 1 ? routers.front() : IpAddress{};
 }
 
+/// The interface of the best default route; empty when there is none.
+std::string DefaultInterface(const Snapshot& snapshot) {
+    const Route* best = nullptr;
+    for (const Route& route : snapshot.routes) {
+        if (route.family == AF_INET && route.table == RT_TABLE_MAIN && route.IsDefault() && !route.IsUnreachable() &&
+            (best == nullptr || route.metric < best->metric))
+            best = &route;
+    }
+    const Link* link = best == nullptr
+                           ? nullptr
+                           : Find(snapshot.links, [&](const Link& candidate) { return candidate.index == best->link; });
+    return link == nullptr ? std::string() : link->name;
+}
+
 bool SamePlace(const Route& one, const Route& other) {
-    return one.table == other.table && one.destination == other.destination && one.prefixLength == other.prefixLength &&
-           one.metric == other.metric;
+    return one.family == other.family && one.table == other.table && one.destination == other.destination &&
+           one.prefixLength == other.prefixLength && one.metric == other.metric;
 }
 
 } // namespace
@@ -88,7 +104,22 @@ Plan Planner::Decide(const Snapshot& snapshot) {
     Plan plan;
     for (const InterfaceTable& entry : tables)
         DecideFor(entry, snapshot, plan);
+    DecideIpv6(snapshot, plan);
     return plan;
+}
+
+void Planner::DecideIpv6(const Snapshot& snapshot, Plan& plan) {
+    std::vector<Ipv6State> states;
+    for (const InterfaceTable& entry : tables) {
+        states.push_back(LookAtIpv6(entry, snapshot));
+        AddIpv6Table(entry, states.back(), plan);
+        if (!states.back().ownNetworks.empty())
+            withIpv6.insert(entry.interface);
+        if (withIpv6.count(entry.interface) != 0)
+            plan.reasons[entry.interface + ", IPv6"] = Ipv6Reason(entry, states.back());
+    }
+    const std::string& told = snapshot.defaultInterface;
+    AddIpv6Default(tables, states, told.empty() ? DefaultInterface(snapshot) : told, plan);
 }
 
 void Planner::DecideFor(const InterfaceTable& entry, const Snapshot& snapshot, Plan& plan) {
@@ -97,7 +128,7 @@ void Planner::DecideFor(const InterfaceTable& entry, const Snapshot& snapshot, P
 
     const Link* link = Find(snapshot.links, [&](const Link& candidate) { return candidate.name == entry.interface; });
     const Address* address = link == nullptr ? nullptr : Find(snapshot.addresses, [&](const Address& candidate) {
-        return candidate.link == link->index && candidate.global && !candidate.secondary;
+        return candidate.link == link->index && candidate.global && !candidate.secondary && candidate.address.IsIpv4();
     });
     if (address == nullptr) {
         remembered.erase(entry.interface);
@@ -133,8 +164,8 @@ IpAddress Planner::FindGateway(const InterfaceTable& entry, const Address& addre
     Router& router = remembered[entry.interface];
     if (!(router.address == address)) {
         const Route* left = Find(snapshot.routes, [&](const Route& route) {
-            return route.protocol == OWN_PROTOCOL && route.table == entry.table && route.IsDefault() &&
-                   route.link == address.link && route.source == address.address;
+            return route.family == AF_INET && route.protocol == OWN_PROTOCOL && route.table == entry.table &&
+                   route.IsDefault() && route.link == address.link && route.source == address.address;
         });
         router = Router{address, left == nullptr ? IpAddress{} : left->gateway, false};
     }

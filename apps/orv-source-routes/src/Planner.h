@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,6 +20,10 @@ inline constexpr std::uint8_t OWN_PROTOCOL = 111;
 /// route.
 inline constexpr std::uint32_t BEHIND_MAIN = 32768;
 
+/// The metric of its IPv6 routes. The kernel knows none without, and takes 1024 for those of advertised routers: in the
+/// main table this program's has to come first.
+inline constexpr std::uint32_t IPV6_METRIC = 100;
+
 /// Which table belongs to which interface. The rule that leads to it has the same number as priority.
 struct InterfaceTable {
     std::string interface;
@@ -31,13 +36,15 @@ struct Snapshot {
     std::vector<OrvNetlink::Address> addresses;
     std::vector<OrvNetlink::Route> routes; // of all tables
     std::vector<OrvNetlink::Rule> rules;
+    /// The interface that the connection manager calls its default; empty when it does not tell.
+    std::string defaultInterface{};
 };
 
 /// What the kernel should have of this program's entries.
 struct Plan {
     std::vector<OrvNetlink::Route> routes;
     std::vector<OrvNetlink::Rule> rules;
-    /// By interface: one line for the log that says what a bound connection finds, and why.
+    /// By interface ("eth0", "eth0, IPv6"): one line for the log that says what a bound connection finds, and why.
     std::map<std::string, std::string> reasons;
 };
 
@@ -50,6 +57,9 @@ struct Plan {
 /// What 1. and 2. say is remembered as long as the interface keeps its address, and counts for more than 3.; so does an
 /// entry of this program from before a crash, when its source is the interface's address.
 /// A point-to-point link needs no router.
+///
+/// That is IPv4. In IPv6 the kernel keeps a default route for each advertised router itself, see Ipv6Plan.h. Which of
+/// these is the default is for the connection manager to say, and for the IPv4 default route where there is none.
 class Planner {
 public:
     explicit Planner(std::vector<InterfaceTable> interfaceTables) : tables(std::move(interfaceTables)) {}
@@ -64,12 +74,14 @@ private:
         bool guessed = false;
     };
 
+    void DecideIpv6(const Snapshot& snapshot, Plan& plan);
     void DecideFor(const InterfaceTable& entry, const Snapshot& snapshot, Plan& plan);
     OrvNetlink::IpAddress FindGateway(const InterfaceTable& entry, const OrvNetlink::Address& address,
                                       const Snapshot& snapshot);
 
     const std::vector<InterfaceTable> tables;
     std::map<std::string, Router> remembered;
+    std::set<std::string> withIpv6; // those that have had it: of others there is nothing to say
 };
 
 /// What has to be done so that the kernel has the plan's entries and no other of this program's.

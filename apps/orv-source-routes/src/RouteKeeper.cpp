@@ -20,7 +20,7 @@ namespace {
 /// @return false when the kernel's state changes all the time
 template <typename Item, typename Read>
 bool Fill(std::vector<Item>& items, OrvNetlink::Socket& requests, std::uint16_t type, Read read) {
-    return requests.Dump(type, AF_INET, [&](const nlmsghdr& message) {
+    return requests.Dump(type, AF_UNSPEC, [&](const nlmsghdr& message) {
         if (std::optional<Item> item = read(message))
             items.push_back(std::move(*item));
     });
@@ -29,13 +29,26 @@ bool Fill(std::vector<Item>& items, OrvNetlink::Socket& requests, std::uint16_t 
 std::string Describe(const Route& route) {
     const std::string target =
         route.IsDefault() ? "default" : route.destination.Text() + "/" + std::to_string(route.prefixLength);
+    const std::string kind = route.IsUnreachable() ? "unreachable " : "";
     const std::string via = route.gateway ? " via " + route.gateway.Text() : std::string();
-    return "route " + target + via + " in table " + std::to_string(route.table);
+    return "route " + kind + target + via + " in table " + std::to_string(route.table);
 }
 
 std::string Describe(const Rule& rule) {
-    const std::string what = rule.interface.empty() ? "from " + rule.source.Text() : "oif " + rule.interface;
-    return "rule " + what + " lookup " + std::to_string(rule.table);
+    const std::string length =
+        rule.prefixLength == rule.source.Bits() ? std::string() : "/" + std::to_string(rule.prefixLength);
+    const std::string what = rule.interface.empty() ? "from " + rule.source.Text() + length : "oif " + rule.interface;
+    return (rule.family == AF_INET6 ? "IPv6 rule " : "rule ") + what + " lookup " + std::to_string(rule.table);
+}
+
+std::optional<std::chrono::milliseconds> FirstExpiry(const Snapshot& snapshot) {
+    constexpr std::chrono::milliseconds behind(20);
+    std::optional<std::chrono::milliseconds> first;
+    for (const Route& route : snapshot.routes) {
+        if (route.IsDefault() && route.lifetime && !route.IsOver() && (!first || *route.lifetime + behind < *first))
+            first = *route.lifetime + behind;
+    }
+    return first;
 }
 
 /// The kernel's setting; 0 when there is none.
@@ -63,6 +76,7 @@ bool RouteKeeper::Refresh() {
     const std::optional<Snapshot> snapshot = ReadSnapshot(requests);
     if (!snapshot)
         return ReportFailures({"cannot see the kernel's links, addresses, routes and rules: they change all the time"});
+    nextExpiry = FirstExpiry(*snapshot);
     const Plan plan = planner.Decide(*snapshot);
     const bool done = ReportFailures(Apply(Difference(*snapshot, plan)));
     if (done)

@@ -6,6 +6,7 @@
 #include <CommonUtils/Logger.h>
 #include <OrvNetlink/Socket.h>
 
+#include <chrono>
 #include <map>
 #include <optional>
 #include <set>
@@ -28,6 +29,9 @@ public:
     /// @throws std::system_error when the kernel does not let this process change routes
     bool Refresh();
 
+    /// When the next router's lifetime is over, from the last Refresh on; nothing when none will be.
+    std::optional<std::chrono::milliseconds> NextExpiry() const { return nextExpiry; }
+
     /// Removes everything that this program made.
     /// @return false when it could not be removed, or the kernel's state changes too fast to be seen
     bool Withdraw();
@@ -44,6 +48,7 @@ private:
     OrvNetlink::Socket requests;
     Planner planner;
     std::map<std::string, std::string> reported;
+    std::optional<std::chrono::milliseconds> nextExpiry;
     Failures failures; // of the last attempt: each is reported once
     CommonUtils::Logger logger;
 };

@@ -64,13 +64,16 @@ bool Run(std::vector<InterfaceTable> tables) {
     OrvSignals::Block({SIGTERM, SIGINT});
     const OrvSignals::Signals signals({SIGTERM, SIGINT});
     // Opened before the first look, so that nothing is missed between the two.
-    OrvNetlink::Socket notifications(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE |
-                                     (1U << (RTNLGRP_IPV4_RULE - 1)));
+    OrvNetlink::Socket notifications(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_IFADDR |
+                                     RTMGRP_IPV6_ROUTE | (1U << (RTNLGRP_IPV4_RULE - 1)) |
+                                     (1U << (RTNLGRP_IPV6_RULE - 1)));
     RouteKeeper keeper(std::move(tables));
     for (;;) {
         const bool done = keeper.Refresh();
         pollfd waiting[] = {{signals.Descriptor(), POLLIN, 0}, {notifications.Descriptor(), POLLIN, 0}};
-        poll(waiting, 2, done ? -1 : RETRY_MS);
+        // Nobody tells that a router's lifetime is over, nor that it has been renewed.
+        const int untilNews = keeper.NextExpiry() ? static_cast<int>(keeper.NextExpiry()->count()) : -1;
+        poll(waiting, 2, done ? untilNews : RETRY_MS);
         if (waiting[0].revents != 0)
             break;
         // Only a hint: the kernel drops some routes without a word, so the whole state is read anew.

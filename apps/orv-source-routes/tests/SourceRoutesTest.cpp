@@ -1,16 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // The program itself, in a network namespace of its own.
-#include "ChildProgram.h"
-#include "PrivateNetwork.h"
-#include "RouteKeeper.h"
+#include "SourceRoutesProgram.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
 
 namespace OrvSourceRoutes {
 namespace {
@@ -19,33 +13,6 @@ using PrivateNetwork::Eventually;
 using PrivateNetwork::Ip;
 
 const auto* const environment = testing::AddGlobalTestEnvironment(new PrivateNetwork::InPrivateNetwork);
-
-/// The program under test as a child process.
-class Program : public PrivateNetwork::ChildProgram {
-public:
-    explicit Program(const std::string& log = {})
-        : ChildProgram({ORV_SOURCE_ROUTES, "--interface", "eth0=1011", "--interface", "wwan0=1012"}, log) {}
-};
-
-/// A file for a program's log, gone with the object.
-struct LogFile {
-    LogFile() { close(mkstemp(path.data())); }
-    ~LogFile() { std::remove(path.c_str()); }
-
-    std::ptrdiff_t LinesWith(const std::string& text) const {
-        std::ifstream file(path);
-        std::ptrdiff_t lines = 0;
-        for (std::string line; std::getline(file, line);)
-            lines += line.find(text) != std::string::npos ? 1 : 0;
-        return lines;
-    }
-
-    std::string path = testing::TempDir() + "orv-source-routes-XXXXXX";
-};
-
-bool Shell(const std::string& command) {
-    return std::system(command.c_str()) == 0; // NOLINT(concurrency-mt-unsafe): one thread
-}
 
 /// True when the kernel takes the cloud's answer that comes in over the interface for the address.
 bool TakesAnAnswerFor(const std::string& address, const std::string& interface) {
@@ -77,14 +44,6 @@ protected:
             Ip(std::string(leave) + " 2>/dev/null");
     }
 
-    /// This program's entries in the kernel, routes and rules together.
-    std::size_t OwnEntries() {
-        OrvNetlink::Socket requests;
-        const Snapshot now = ReadSnapshot(requests).value();
-        const auto own = [](const auto& entry) { return entry.protocol == OWN_PROTOCOL; };
-        return static_cast<std::size_t>(std::count_if(now.routes.begin(), now.routes.end(), own) +
-                                        std::count_if(now.rules.begin(), now.rules.end(), own));
-    }
     bool EventuallyVia(const std::string& router, const std::string& interface) {
         return Eventually([&] { return GoesVia(router, interface); });
     }

@@ -76,7 +76,7 @@ private:
     /// The best default route first, and those of one metric in the kernel's order.
     void TakeRoute(const nlmsghdr& message) {
         const std::optional<Route> route = OrvNetlink::ReadRoute(message);
-        if (!route || route->table != RT_TABLE_MAIN || !route->IsDefault())
+        if (!route || route->table != RT_TABLE_MAIN || !route->IsDefault() || route->IsUnreachable())
             return;
         auto place = view.defaults.end();
         while (place != view.defaults.begin() && route->metric < std::prev(place)->metric)

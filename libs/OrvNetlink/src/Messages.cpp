@@ -3,6 +3,7 @@
 
 #include <libmnl/libmnl.h>
 #include <linux/fib_rules.h>
+#include <linux/icmpv6.h>
 #include <linux/if_addr.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
@@ -157,6 +158,8 @@ std::optional<Route> ReadRoute(const nlmsghdr& message) {
     // In the kernel's hundredths of a second; zero: it does not expire.
     if (const auto left = attributes.Copy<rta_cacheinfo>(RTA_CACHEINFO).rta_expires; left != 0)
         route.lifetime = std::chrono::milliseconds(std::int64_t{left} * 10);
+    if (const unsigned preference = attributes.Byte(RTA_PREF); preference != 0)
+        route.preference = preference == ICMPV6_ROUTER_PREF_HIGH ? 1 : -1;
     return route;
 }
 
@@ -190,7 +193,7 @@ nlmsghdr& WriteRoute(void* buffer, std::uint16_t type, std::uint16_t flags, cons
     header.rtm_scope = route.gateway || route.IsUnreachable() ? RT_SCOPE_UNIVERSE : RT_SCOPE_LINK;
     header.rtm_type = route.IsUnreachable() ? RTN_UNREACHABLE : RTN_UNICAST;
     // The gateway is looked up in the main table, where the network may come a moment later.
-    header.rtm_flags = route.gateway ? RTNH_F_ONLINK : 0;
+    header.rtm_flags = route.gateway && !route.gateway.IsLinkLocal() ? RTNH_F_ONLINK : 0;
     mnl_attr_put_u32(&message, RTA_TABLE, route.table);
     if (!route.IsUnreachable())
         mnl_attr_put_u32(&message, RTA_OIF, route.link);

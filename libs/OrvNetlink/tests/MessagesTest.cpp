@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <libmnl/libmnl.h>
+#include <linux/icmpv6.h>
 #include <linux/if_addr.h>
 #include <linux/rtnetlink.h>
 
@@ -103,6 +104,19 @@ TEST(ARoute, TellsHowLongItHasToLive) {
     EXPECT_EQ(left(60000).lifetime, 600s);
     EXPECT_FALSE(left(60000).IsOver());
     EXPECT_TRUE(left(-1).IsOver());
+}
+
+TEST(ARoute, TellsWhatItsRouterThinksOfItself) {
+    const auto preferred = [](std::uint8_t preference) {
+        alignas(nlmsghdr) char room[MESSAGE_ROOM];
+        nlmsghdr& message = WriteRoute(room, RTM_NEWROUTE, 0,
+                                       {RT_TABLE_MAIN, RTPROT_RA, ETH, {}, 0, Ip("fe80::1"), {}, 1024, AF_INET6});
+        mnl_attr_put_u8(&message, RTA_PREF, preference);
+        return ReadRoute(message).value().preference;
+    };
+    EXPECT_EQ(preferred(ICMPV6_ROUTER_PREF_LOW), -1);
+    EXPECT_EQ(preferred(ICMPV6_ROUTER_PREF_MEDIUM), 0);
+    EXPECT_EQ(preferred(ICMPV6_ROUTER_PREF_HIGH), 1);
 }
 
 TEST(ARule, IsReadAsItWasWritten) {

@@ -68,11 +68,13 @@ struct Route {
     /// How long it has still to live. Not set: until somebody removes it. Not positive: it is over, the kernel uses it
     /// no more, and will remove it within half a minute.
     std::optional<std::chrono::milliseconds> lifetime{};
+    /// What the router says of itself among several: -1 low, 0 medium, 1 high.
+    int preference = 0;
 
     bool IsDefault() const { return prefixLength == 0; }
     bool IsOver() const { return lifetime && lifetime->count() <= 0; }
     bool IsUnreachable() const { return link == 0; }
-    /// Whether it is the same route; what is left of its lifetime does not matter.
+    /// Whether it is the same route; its lifetime and preference do not matter.
     bool operator==(const Route& other) const {
         return table == other.table && protocol == other.protocol && link == other.link &&
                destination == other.destination && prefixLength == other.prefixLength && gateway == other.gateway &&
