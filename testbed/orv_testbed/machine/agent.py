@@ -3,14 +3,25 @@
 from __future__ import annotations
 
 import base64
+import contextlib
 import dataclasses
 import json
+import os
 import pathlib
 import random
+import secrets
+import signal
 import socket
 import sys
 import time
-from typing import Any
+from collections.abc import Iterator
+from typing import IO, Any
+
+ENVIRONMENT = ["PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C.UTF-8", "DEBIAN_FRONTEND=noninteractive"]
+INTO_FILES = 'mkdir -m 700 "$1" && exec >"$1/out" 2>"$1/err" && shift && exec "$@"'
+PACES = (0.1, 0.5)  # seconds between two looks at what a command has printed, at first and in the long run
+PIECE = 65536  # bytes
+PLACE = "/run"  # for those files
 
 
 class AgentError(Exception):
@@ -93,7 +104,7 @@ def run(folder: pathlib.Path, *command: str, seconds: float = 60, given: str = "
     with Channel(folder / "agent", seconds) as channel:
         synchronise(channel)
         arguments: dict[str, Any] = {"path": command[0], "arg": list(command[1:]), "capture-output": True}
-        arguments["env"] = ["PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C.UTF-8", "DEBIAN_FRONTEND=noninteractive"]
+        arguments["env"] = ENVIRONMENT
         if given:
             arguments["input-data"] = base64.b64encode(given.encode()).decode()
         process = channel.execute("guest-exec", **arguments)["pid"]
@@ -118,13 +129,84 @@ def monitor(folder: pathlib.Path, command: str, **arguments: Any) -> Any:
         return channel.execute(command, **arguments)
 
 
+@contextlib.contextmanager
+def opened(folder: pathlib.Path, seconds: float = 60) -> Iterator[Channel]:
+    """For a few requests: meanwhile nobody else can make any."""
+    with Channel(folder / "agent", seconds) as channel:
+        synchronise(channel)
+        yield channel
+
+
+class Running:
+    """A command under way on the machine, whose output is fetched from files there."""
+
+    def __init__(self, folder: pathlib.Path, *command: str) -> None:
+        self.folder = folder
+        self.place = f"{PLACE}/testbed-{secrets.token_hex(8)}"
+        self.handles: dict[str, int] = {}
+        self.ended = False
+        words = ["-c", INTO_FILES, "sh", self.place, *command]
+        with opened(folder) as channel:
+            self.process = channel.execute("guest-exec", path="/bin/sh", arg=words, env=ENVIRONMENT)["pid"]
+
+    def look(self, outputs: dict[str, IO[bytes]]) -> int | None:
+        """Passes on what is new; returns the exit status once it has ended."""
+        with opened(self.folder) as channel:
+            state = channel.execute("guest-exec-status", pid=self.process)
+            self.ended = state["exited"]
+            for name, output in outputs.items():
+                for piece in self._pieces(channel, name):
+                    output.write(piece)
+                output.flush()
+        return int(state.get("exitcode", 128 + state.get("signal", 0))) if self.ended else None
+
+    def _pieces(self, channel: Channel, name: str) -> Iterator[bytes]:
+        try:
+            if name not in self.handles:
+                self.handles[name] = channel.execute("guest-file-open", path=f"{self.place}/{name}", mode="r")
+        except AgentError:
+            if self.ended:
+                raise
+            return  # not made yet
+        # Whoever has read to the end of a file has to move before there is more.
+        channel.execute("guest-file-seek", handle=self.handles[name], offset=0, whence="cur")
+        while (read := channel.execute("guest-file-read", handle=self.handles[name], count=PIECE))["count"]:
+            yield base64.b64decode(read["buf-b64"])
+
+    def end(self) -> None:
+        """Ends it if it still runs, and leaves nothing of it behind."""
+        script = 'rm -rf "$2"' if self.ended else 'kill "$1"; rm -rf "$2"'
+        with opened(self.folder, 10) as channel:
+            for handle in self.handles.values():
+                channel.execute("guest-file-close", handle=handle)
+            words = ["-c", script, "sh", str(self.process), self.place]
+            channel.execute("guest-exec", path="/bin/sh", arg=words, env=ENVIRONMENT)
+
+
+def pass_on(folder: pathlib.Path, *command: str, output: IO[bytes], errors: IO[bytes]) -> int:
+    """Runs a command on the machine as root, and passes on what it prints while it runs; returns its exit status. It ends
+    with its caller."""
+    running = Running(folder, *command)
+    pace, longest_pace = PACES
+    try:
+        while (status := running.look({"out": output, "err": errors})) is None:
+            time.sleep(pace)
+            pace = min(1.5 * pace, longest_pace)
+        return status
+    finally:
+        with contextlib.suppress(AgentError):
+            running.end()
+
+
 def print_outcome(folder: pathlib.Path, *command: str) -> int:
     """Runs a command on the machine, prints what it says, and returns its exit status."""
     try:
-        outcome = run(folder, *command, seconds=300)
+        return pass_on(folder, *command, output=sys.stdout.buffer, errors=sys.stderr.buffer)
     except AgentError as error:
         print(f"the machine: {error}", file=sys.stderr)
         return 125
-    sys.stdout.write(outcome.output)
-    sys.stderr.write(outcome.errors)
-    return outcome.status
+    except KeyboardInterrupt:
+        return 128 + signal.SIGINT
+    except BrokenPipeError:
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # what is left is written there at the end
+        return 128 + signal.SIGPIPE
