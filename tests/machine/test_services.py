@@ -80,7 +80,7 @@ def test_a_full_disk_stops_nothing(gateway: Gateway) -> None:
     gateway.sh("systemctl restart gateway-app")
     gateway.wait_for_restart("gateway-app", before)
     gateway.wait_for_cloud("eth0", 60)
-    assert gateway.says_up()
+    gateway.wait(gateway.says_up, 10, "the status file")
     assert gateway.failed_units() == ""
 
 

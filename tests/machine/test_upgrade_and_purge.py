@@ -24,7 +24,7 @@ def test_packages_go_back_and_forth_while_they_run(gateway: Gateway) -> None:
         before = gateway.main_process("gateway-app")
         gateway.sh(f"{INSTALL} /opt/{folder}/*.deb", seconds=300)
         assert gateway.main_process("gateway-app") == before  # until somebody restarts it
-        assert gateway.is_connected("eth0")
+        gateway.wait_for_cloud("eth0", 10)
         gateway.sh("systemctl daemon-reload; systemctl restart orv-source-routes gateway-app")
         gateway.wait_for_cloud("eth0", 60)
         assert gateway.sh(SETTINGS) == settings
