@@ -37,6 +37,7 @@ BUILD_COVERAGE = "preset-test --build coverage"
 BUILD_RELEASE = "preset-test --build release"
 BUILD_TSAN = "preset-test --build tsan"
 BUILD_MIPSEL = "cross-test --build"
+BUILD_MACHINE = "machine-test --build"
 
 # What a developer runs before a commit: one build, under sanitizers, and everything on it.
 SHORT: Plan = (
@@ -46,7 +47,7 @@ SHORT: Plan = (
 )
 
 # Tests mostly wait. What they leave of the processors goes into the builds of the next ones. package and size build in the
-# folders whose tests must have ended.
+# folders whose tests must have ended, and machine-test installs what package leaves.
 ALL: Plan = (
     Lane(
         (
@@ -88,6 +89,8 @@ ALL: Plan = (
         ),
         gives_way=True,
     ),
+    Lane((Step(BUILD_MACHINE),), gives_way=True),
+    Lane((Step("machine-test", after=(BUILD_MACHINE, "package")),)),
 )
 
 
