@@ -231,9 +231,16 @@ void Application::OnDefaultRoute(const std::string& interface) {
     statusWriter.Changed();
     rhythm.RouteMoves(defaultRouteSince);
     SetTickTimer();
-    // An attempt keeps the path on which it began.
-    if (!interface.empty() && !cloud.Connected())
+    if (interface.empty())
+        return;
+    // An attempt keeps the path on which it began; so does a connection that was made between the two moves.
+    const bool awaited = std::exchange(awaitedDefault, {}) == interface;
+    ownDoing = true;
+    if (!cloud.Connected())
         cloud.Reopen("the default route has changed");
+    else if (awaited && cloudInterface != interface)
+        cloud.Reopen("the default route has followed");
+    ownDoing = false;
 }
 
 void Application::OnCloudConnected(const std::string& source) {

@@ -136,6 +136,7 @@ private:
     std::string cloudInterface;   // the WAN interface that the cloud connection runs over; empty: none, or another one
     std::string lastCloudFailure; // as logged; empty after a success
     std::string lastCloudLoss;    // the reason
+    std::string awaitedDefault;   // the default route's new interface when the library has moved first; else empty
     std::chrono::steady_clock::time_point cloudLostAt; // for the last time
     std::chrono::steady_clock::time_point lastMoveAt;  // of the route; at first when this was made
     RunStatus runStatus;

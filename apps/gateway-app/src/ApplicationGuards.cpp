@@ -38,8 +38,11 @@ void Application::OnRouteMoved() {
     pokeExplainer.RouteHasMoved(toCellular);
     // Before the next tick, which would begin a poke over Ethernet.
     ethernetGuard.RouteHasMoved(toCellular);
-    // What began after the default route had moved is on the new path already.
-    const bool begun = cloud.BegunSince(defaultRouteSince);
+    // What began after the default route had moved is on the new path already. Usually the kernel has moved it by now.
+    const std::string interface = InterfaceName(toCellular ? "Cellular" : "Ethernet");
+    const bool followed = network.DefaultInterface() == interface;
+    awaitedDefault = followed ? std::string() : interface;
+    const bool begun = followed && cloud.BegunSince(defaultRouteSince);
     logger.Debug() << "the WAN route has changed, "
                    << (begun ? "the cloud connection has begun there" : "connecting to the cloud anew");
     Record("reconnect", {{"begun", JsonBool(begun)}});

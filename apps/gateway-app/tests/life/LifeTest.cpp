@@ -47,13 +47,49 @@ TEST_F(TheLifeOfTheApplication, MovesToCellularAndBackWithItsCloudConnection) {
                                  "cloud connection: the WAN route has changed\n"
                                  "cloud connection: the default route has changed\n",
                                  gateway.journal.Text({"poke wwan0", "cloud connection"})));
+        gateway.journal.Clear();
         gateway.poke.Reaches("eth0");
     });
-    At(20s, [&] {
+    At(16s, [&] {
         EXPECT_EQ(gateway.connman.Top(), "eth0");
         EXPECT_EQ(gateway.broker.Retained("/orv/network/wan/inhibit_dns"), "permit");
+        around.cloudAnswers("198.51.100.2"); // sooner than the kernel has followed, thus over Cellular again
+        around.DefaultRouteBecomes("eth0");
     });
     RunUntil(21s);
+    EXPECT_EQ("", Difference("poke eth0 reached the cloud\n"
+                             "cloud connection: the WAN route has changed\n"
+                             "cloud connection: the default route has followed\n"
+                             "cloud connection closed\n",
+                             gateway.journal.Text({"poke eth0 reached", "cloud connection"})));
+}
+
+TEST_F(TheLifeOfTheApplication, KeepsACloudConnectionThatHasBegunOnTheNewPath) {
+    At(1s, [&] { around.cloudAnswers("192.0.2.2"); });
+    At(2s, [&] {
+        gateway.poke.Fails("eth0", 28);
+        around.cloudBreaks("timed out");
+    });
+    At(12s + 300ms, [&] {
+        EXPECT_EQ(gateway.connman.Top(), "wwan0");
+        gateway.journal.Clear();
+        around.DefaultRouteBecomes("wwan0"); // before the library says that the route has moved
+    });
+    At(20s, [&] {
+        EXPECT_EQ("cloud connection: the default route has changed\n", gateway.journal.Text({"cloud connection"}));
+    });
+    RunUntil(21s);
+}
+
+TEST_F(TheLifeOfTheApplication, WaitsForADefaultRouteBeforeItConnectsAnew) {
+    At(1s, [&] {
+        gateway.journal.Clear();
+        around.DefaultRouteBecomes("");
+        EXPECT_EQ("", gateway.journal.Text({"cloud connection"}));
+        around.DefaultRouteBecomes("wwan0");
+        EXPECT_EQ("cloud connection: the default route has changed\n", gateway.journal.Text({"cloud connection"}));
+    });
+    RunUntil(2s);
 }
 
 TEST_F(TheLifeOfTheApplication, ReadsItsOptionsAnewOnReload) {
@@ -325,6 +361,23 @@ TEST_F(AFailOverThatFails, IsExplainedOnceByAMissingRouteForBoundConnections) {
                            "(ip rule)?"),
               std::string::npos)
         << said[0];
+}
+
+TEST_F(AFailOverThatFails, IsNoMatterOnceTheRouteIsOnCellularWhereEthernetIsExplained) {
+    around.proof = PathProver::Result{false, "its name is not found", false, false, PathProver::Cause::NAME};
+    At(2s, [&] {
+        gateway.poke.Fails("eth0", 6);
+        around.cloudBreaks("timed out");
+    });
+    At(13s, [&] {
+        EXPECT_EQ(gateway.connman.Top(), "wwan0");
+        around.DefaultRouteBecomes("wwan0");
+        around.cloudAnswers("198.51.100.2");
+    });
+    RunUntil(5min);
+    const Payloads said = Lines("does not prove the path to the cloud: ");
+    ASSERT_EQ(said.size(), 1U);
+    EXPECT_NE(said[0].find("over eth0 the endpoint "), std::string::npos) << said[0];
 }
 
 TEST_F(AFailOverThatFails, StandsInTheStatusFile) {

@@ -111,5 +111,28 @@ TEST_F(AnEthernetThatFailedAgain, IsNotPokedThoughItsAddressComesAnew) {
     EXPECT_EQ(Lines("event ETHERNET_IP_GAINED, not reported: Ethernet is on probation").size(), 1U);
 }
 
+TEST_F(AnEthernetThatFailedAgain, LetsTheLossOfCellularBeSeenSoon) {
+    arguments.insert(arguments.end(), {"--cloud-keepalive-ethernet-s", "3", "--cloud-keepalive-cellular-s", "40"});
+    At(20s, [&] { EXPECT_EQ(around.keepAlive().Period(), 3s); });
+    At(46s,
+       [&] { EXPECT_EQ(around.keepAlive().Period(), 3s) << "on probation the route returns as soon as it is lost"; });
+    RunUntil(47s);
+}
+
+TEST_F(AnEthernetThatFailedAgain, IsProvedAtTheCloudThatAReloadNames) {
+    const std::string path = ::testing::TempDir() + "probation-of-" + std::to_string(getpid()) + ".ini";
+    std::ofstream(path) << "cloud-host=cloud.example\n";
+    arguments = {"--config", path, "--tick-ms", "200"};
+    At(46s, [&] {
+        std::ofstream(path, std::ios::trunc) << "cloud-host=other.example\n";
+        gateway.journal.Clear();
+        raise(SIGHUP);
+    });
+    RunUntil(70s);
+    std::remove(path.c_str());
+    EXPECT_NE("", gateway.journal.Text({"proof over eth0 to other.example"}));
+    EXPECT_EQ("", gateway.journal.Text({"proof over eth0 to cloud.example"}));
+}
+
 } // namespace
 } // namespace GatewayApp

@@ -205,6 +205,7 @@ void CloudConnection::Reopen(const CloudSettings& cloudSettings, const std::stri
 
 void CloudConnection::Dial() {
     state = State::DIALLING;
+    begun = Now();
     source.clear();
     deadline.Once(std::chrono::seconds(5));
 }
@@ -216,8 +217,8 @@ void CloudConnection::OnDeadline() {
         handler.onFailed(reason, milliseconds(0));
 }
 
-bool CloudConnection::BegunSince(std::chrono::steady_clock::time_point) const {
-    return false;
+bool CloudConnection::BegunSince(std::chrono::steady_clock::time_point moment) const {
+    return state != State::CLOSED && begun >= moment;
 }
 
 void CloudConnection::Close() {
@@ -263,8 +264,10 @@ struct PathProver::Attempt {};
 
 PathProver::PathProver(EventLoop& eventLoop) : loop(eventLoop) {}
 PathProver::~PathProver() = default;
-void PathProver::Begin(const CloudSettings&, const std::string&, std::chrono::seconds, Callback callback) {
+void PathProver::Begin(const CloudSettings& settings, const std::string& interface, std::chrono::seconds,
+                       Callback callback) {
     auto& around = Surroundings::Present();
+    around.gateway.journal.Note("proof over " + interface + " to " + settings.host);
     if (around.proof)
         around.gateway.After(milliseconds(500), [callback, result = *around.proof] { callback(result); });
 }

@@ -2,6 +2,14 @@
 // What the application tells its parts and the library, which each do the right thing when they are told.
 #include "LifeScene.h"
 
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
 namespace GatewayApp {
 namespace {
 
@@ -61,6 +69,80 @@ TEST_F(TheLifeOfTheApplication, AsksForSignsOfLifeSeldomOnCellular) {
         EXPECT_EQ(around.keepAlive().Period(), 40s);
     });
     RunUntil(2s);
+}
+
+TEST_F(TheLifeOfTheApplication, AsksTheBrokerAgainAfterPausesThatGrow) {
+    gateway.broker.RefuseConnections(true);
+    const auto attempts = [&] {
+        const std::string all = gateway.journal.Text({"connect OrvRoute refused"});
+        return std::count(all.begin(), all.end(), '\n');
+    };
+    At(10s, [&] {
+        EXPECT_GE(attempts(), 4);
+        EXPECT_LE(attempts(), 10);
+        gateway.journal.Clear();
+    });
+    RunUntil(70s);
+    EXPECT_GE(attempts(), 12 - 1); // one in 5 s at the most
+    EXPECT_LE(attempts(), 24 + 1); // one in 2.5 s at the least
+}
+
+TEST_F(TheLifeOfTheApplication, SaysThatTheCloudIsAwayWhenItHasTheStatusFileMended) {
+    At(1s, [&] {
+        gateway.broker.Clear();
+        around.AnotherProgramWritesTheCsv();
+        EXPECT_EQ(gateway.broker.Published(CLOUD), Payloads{"false"});
+    });
+    RunUntil(2s);
+}
+
+TEST_F(TheLifeOfTheApplication, FailsOverInTimeByItsOwnRhythm) {
+    arguments = {"--cloud-host", "cloud.example"};
+    At(1s, [&] { around.cloudAnswers("192.0.2.2"); });
+    At(5min, [&] {
+        gateway.poke.Fails("eth0", 28);
+        around.cloudBreaks("timed out");
+    });
+    At(5min + 10s, [&] { EXPECT_EQ(gateway.connman.Top(), "eth0"); });
+    At(5min + 10s + 300ms, [&] { EXPECT_EQ(gateway.connman.Top(), "wwan0"); });
+    RunUntil(6min);
+}
+
+/// A service manager's end of the notification socket, with a name outside the file system.
+class TheLifeOfTheApplicationUnderAWatchdog : public TheLifeOfTheApplication {
+protected:
+    TheLifeOfTheApplicationUnderAWatchdog() : receiver(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
+        const std::string name = "@orv-life-" + std::to_string(getpid());
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::memcpy(address.sun_path + 1, name.data() + 1, name.size() - 1);
+        const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+        EXPECT_EQ(bind(receiver, reinterpret_cast<sockaddr*>(&address), size), 0);
+        setenv("NOTIFY_SOCKET", name.c_str(), 1);
+        setenv("WATCHDOG_USEC", "60000000", 1);
+    }
+    ~TheLifeOfTheApplicationUnderAWatchdog() override {
+        close(receiver);
+        unsetenv("NOTIFY_SOCKET");
+        unsetenv("WATCHDOG_USEC");
+    }
+    /// How many of the messages that have come since the last call are signs of life.
+    int SignsOfLife() const {
+        int signs = 0;
+        char text[200];
+        for (ssize_t size = 0; (size = recv(receiver, text, sizeof(text), 0)) >= 0;)
+            signs += std::string(text, static_cast<std::size_t>(size)) == "WATCHDOG=1" ? 1 : 0;
+        return signs;
+    }
+
+    const int receiver;
+};
+
+TEST_F(TheLifeOfTheApplicationUnderAWatchdog, ShowsTwiceInItsTimeThatItLives) {
+    At(29s, [&] { EXPECT_EQ(SignsOfLife(), 0); });
+    At(31s, [&] { EXPECT_EQ(SignsOfLife(), 1); });
+    At(91s, [&] { EXPECT_EQ(SignsOfLife(), 2); });
+    RunUntil(92s);
 }
 
 TEST_F(TheLifeOfTheApplication, EndsOnAnInterrupt) {
