@@ -102,6 +102,14 @@ void Application::WatchCsv() {
 }
 
 void Application::RepairCsv() {
+    if (csvWatch->VainWrites() > 0) {
+        if (csvWatch->VainWrites() == 1)
+            logger.Warning() << STATUS_CSV
+                             << " does not hold what was written: its folder is full or read-only, or the "
+                             << "file belongs to another user (df, ls -l); it is tried again";
+        SendEvent(CloudState());
+        return;
+    }
     if (!csvForeign)
         logger.Info() << STATUS_CSV << " was written or removed by another program, another client of the library it "
                       << "may be; it is put right, now and from now on";

@@ -26,6 +26,8 @@ namespace {
 constexpr int FULL_LIMIT = 60;
 constexpr auto REFILL = 5s;
 constexpr auto SHORTLY = 100ms; // the other program may not have finished
+constexpr std::chrono::seconds FIRST_PAUSE = 1s;
+constexpr std::chrono::seconds LONGEST_PAUSE = 1min;
 
 std::string Line(const char* name, const char* value) {
     return std::string("\"") + name + "\",\"" + value + '"';
@@ -87,7 +89,8 @@ CsvWatch::CsvWatch(EventLoop& eventLoop, std::string path, std::function<void()>
       file(std::move(path)),
       repair(std::move(putRight)),
       notifications(OpenNotifications()),
-      timer(eventLoop, [this] { Check(); }) {
+      timer(eventLoop, [this] { Check(); }),
+      writeAgain(eventLoop, [this] { WriteAgain(); }) {
     const std::string folder = FolderAndName(file).first;
     // The folder and not the file, which may be removed, or replaced by another one.
     if (inotify_add_watch(notifications.Number(), folder.c_str(),
@@ -104,6 +107,28 @@ void CsvWatch::SetActive(bool isActive) {
     active = isActive;
     if (active)
         ScheduleCheck();
+}
+
+void CsvWatch::Reported(OrvEvent event) {
+    content.Reported(event);
+    if (IsRight()) {
+        written = true;
+        vainWrites = 0;
+    } else if (written) {
+        written = false;
+        const unsigned doublings = std::min(vainWrites, 6U);
+        writeAgain.Once(std::min(LONGEST_PAUSE, FIRST_PAUSE * (1U << doublings)));
+    }
+}
+
+void CsvWatch::WriteAgain() {
+    written = true;
+    if (!active || IsRight()) {
+        vainWrites = 0;
+        return;
+    }
+    ++vainWrites;
+    repair();
 }
 
 void CsvWatch::OnChange() {
@@ -125,7 +150,7 @@ void CsvWatch::OnChange() {
 }
 
 void CsvWatch::ScheduleCheck() {
-    if (!active || waiting || IsRight())
+    if (!active || waiting || !written || IsRight())
         return;
     waiting = true;
     timer.Once(limit.Wait(Now()));

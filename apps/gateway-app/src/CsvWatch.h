@@ -45,7 +45,9 @@ private:
 };
 
 /// Notices within a second that another program has written or removed the status file: every client of the library
-/// that is made on the gateway writes "all is down" into it. One thread.
+/// that is made on the gateway writes "all is down" into it. Notices too that the library's own text has not reached
+/// the file, because its folder is full or read-only: the library does not tell. Then it is put right after 1, 2, 4 s
+/// and so on, at last once a minute, until it holds what it must. One thread.
 class CsvWatch {
 public:
     /// @param path the file; its folder must exist
@@ -54,17 +56,21 @@ public:
     CsvWatch(EventLoop& eventLoop, std::string path, std::function<void()> putRight);
     ~CsvWatch();
 
-    /// To be told of every event that is reported to the library.
-    void Reported(OrvStackSdk::OrvEvent event) { content.Reported(event); }
+    /// To be told of every event, once it has been reported to the library.
+    void Reported(OrvStackSdk::OrvEvent event);
     /// Whether there is a client that the file speaks for; before, nothing is put right.
     void SetActive(bool isActive);
     /// The repair waits each time because another program writes the file again and again.
     bool IsSlowedDown() const { return limit.Reached(); }
+    /// How often the library has been made to write what did not reach the file; 0 once it has, and when another
+    /// program wrote the file.
+    unsigned VainWrites() const { return vainWrites; }
 
 private:
     void OnChange();
     void ScheduleCheck();
     void Check();
+    void WriteAgain();
     bool IsRight() const;
 
     EventLoop& loop;
@@ -74,8 +80,11 @@ private:
     RepairLimit limit;
     Descriptor notifications;
     Timer timer;
+    Timer writeAgain;
     bool active = false;
     bool waiting = false;
+    bool written = true; // as far as it is the library's affair
+    unsigned vainWrites = 0;
 };
 
 } // namespace GatewayApp

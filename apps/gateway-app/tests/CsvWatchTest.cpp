@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "CsvWatch.h"
 
+#include "Clock.h"
+
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -80,7 +82,7 @@ protected:
         return mkdtemp(path.data());
     }
     void Write(const std::string& text) const { std::ofstream(file) << text; }
-    void Repair() {
+    virtual void Repair() {
         ++repairs;
         Write(DOWN);
         if (repairs >= leaveAfter)
@@ -186,6 +188,54 @@ TEST_F(AWatchedCsv, IsCheckedAgainstWhatWasReported) {
     Write(DOWN);
     RunFor(10s);
     EXPECT_EQ(repairs, 1);
+}
+
+/// A library whose text does not reach the file, as when the folder is read-only: nothing tells of it.
+class AWatchedCsvInAFolderThatTakesNothing : public AWatchedCsv {
+protected:
+    AWatchedCsvInAFolderThatTakesNothing() {
+        watch.SetActive(true);
+        leaveAfter = 1000; // the loop is left by the test
+    }
+    void Repair() override {
+        ++repairs;
+        vainWhenRepaired = watch.VainWrites();
+        if (repairs > vain) {
+            Write(UP);
+            loop.Quit();
+        }
+        watch.Reported(OrvEvent::CLOUD_CONNECTED); // as the application does with each event
+    }
+
+    static constexpr const char* UP = "\"Enterprise Feature\",\"Disabled\"\n\"Cloud Connection\",\"Up\"\n"
+                                      "\"Ethernet\",\"Down\"\n\"Cellular\",\"Down\"";
+    int vain = 0; // so many times more it takes nothing
+    unsigned vainWhenRepaired = 0;
+};
+
+TEST_F(AWatchedCsvInAFolderThatTakesNothing, GetsItsTextAsSoonAsTheFolderTakesIt) {
+    watch.Reported(OrvEvent::CLOUD_CONNECTED); // the file says "Down" all the same
+    RunFor(60s);
+    EXPECT_EQ(repairs, 1);
+    EXPECT_EQ(Content(), UP);
+    EXPECT_EQ(watch.VainWrites(), 0U);
+}
+
+TEST_F(AWatchedCsvInAFolderThatTakesNothing, IsTriedAgainAndAgainAndTheApplicationKnowsHowOften) {
+    vain = 1;
+    watch.Reported(OrvEvent::CLOUD_CONNECTED);
+    const auto begin = Now();
+    RunFor(60s);
+    EXPECT_EQ(repairs, 2);
+    EXPECT_GE(Now() - begin, 3s); // 1 s, then 2 s
+    EXPECT_EQ(Content(), UP);
+}
+
+TEST_F(AWatchedCsvInAFolderThatTakesNothing, IsNotTakenForAFileThatAnotherProgramWrites) {
+    watch.Reported(OrvEvent::CLOUD_CONNECTED);
+    Write(""); // a full folder: emptied, and nothing written
+    RunFor(60s);
+    EXPECT_EQ(vainWhenRepaired, 1U);
 }
 
 } // namespace

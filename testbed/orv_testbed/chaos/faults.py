@@ -20,8 +20,9 @@ BROKER = (
 ORDERS = ("cannot put", "cannot set name servers", "as top interface, restarting SM")
 MANAGER = (*ORDERS, "not on the message bus", "has not answered", "message bus", "Invalid service")
 # While the bus hangs, the gateway cannot know what the connection manager does by itself.
-NO_NEWS = ("another program has replaced it",)
+NO_NEWS = ("another program has replaced it", "the default route still leads over")
 MOVES = ("Ethernet is on probation", "answers over neither interface")
+FILES = ("does not hold what was written",)
 NO_FAIL_OVER = ("no fail-over to Cellular",)
 PATH = (*POKES, *MOVES, *NO_FAIL_OVER)
 
@@ -79,8 +80,8 @@ FAULTS = (
     _fault("connman freeze", "connman thaw", MANAGED, (*PATH, *MANAGER)),
     _fault("connman crash", "connman start", MANAGED, (*PATH, *MANAGER)),
     _fault("bus freeze", "bus thaw", MANAGED, (*PATH, *MANAGER, *NO_NEWS)),
-    _fault("var-tmp full", "var-tmp ok", "var-tmp"),
-    _fault("var-tmp read-only", "var-tmp ok", "var-tmp"),
+    _fault("var-tmp full", "var-tmp ok", "var-tmp", FILES),
+    _fault("var-tmp read-only", "var-tmp ok", "var-tmp", FILES),
     _fault("program gateway-app freeze", "program gateway-app thaw", "application", (*PATH, *BROKER, *MANAGER)),
     _fault("program log-reader freeze", "program log-reader thaw", "log clock", ("records were lost",)),
     _fault("neighbour crashes", "neighbour gone", "neighbour broker"),

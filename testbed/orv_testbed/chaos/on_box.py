@@ -23,7 +23,7 @@ SETTLES = 150.0  # seconds after the last remedy; a probation of Ethernet may go
 READER, APPLICATION = "log-reader", "gateway-app"
 # Otherwise any application that is started would put Ethernet on top.
 CONTROLLER = "[gateway]\ncontroller = gateway-app\n"
-MOST = {"descriptors": ("fd", 40), "threads": ("task", 9)}
+MOST = {"descriptors": ("fd", 48), "threads": ("task", 9)}
 LOOK_UPS = 30.0  # seconds
 LOST = "records were lost"
 PROBATION, PROBATION_ENDS = "Ethernet is on probation", "Ethernet's probation is over"

@@ -250,7 +250,13 @@ std::optional<OrvNetlink::Link> NetworkWatcher::Find(const std::string&) {
 void ExpectedCsv::Reported(OrvStackSdk::OrvEvent) {}
 
 CsvWatch::CsvWatch(EventLoop& eventLoop, std::string path, std::function<void()> putRight)
-    : loop(eventLoop), file(std::move(path)), repair(std::move(putRight)), timer(eventLoop, [] {}) {}
+    : loop(eventLoop),
+      file(std::move(path)),
+      repair(std::move(putRight)),
+      timer(eventLoop, [] {}),
+      writeAgain(eventLoop, [] {}) {}
+
+void CsvWatch::Reported(OrvStackSdk::OrvEvent) {}
 
 CsvWatch::~CsvWatch() {
     Surroundings::Present().repairCsv = nullptr;
