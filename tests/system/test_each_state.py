@@ -2,11 +2,13 @@
 """A fault in each state of the route: what comes of it, and that everything is right again in the end."""
 from __future__ import annotations
 
+import time
+
 import pytest
 
 from orv_testbed.route_states import STATES
 from orv_testbed.scene import Scene
-from orv_testbed.topics import GREEN
+from orv_testbed.topics import CLOUD, GREEN
 from orv_testbed.waiting import SLACK, wait_until
 
 BROKER_AWAY = (
@@ -21,6 +23,13 @@ NOT_CONNECTED = ("there is no service on this interface", "its service is not co
 CONNMAN_AWAY = (
     NOT_CONNECTED + CONNMAN_FROZEN + ("net.connman is not on the message bus", "poke error 6", "poke error 7")
 )
+MODEM_RESET = (
+    "cannot put wwan0 on top now",
+    "poke error 7",
+    "poke error 45",
+    "poke error 6",
+    "no fail-over to Cellular",
+)
 in_each_state = pytest.mark.parametrize("state", STATES)
 
 # Ethernet's provider is dead in the states before its return has begun.
@@ -28,23 +37,67 @@ ENDS_ON = {
     state: "eth0" if state in ("ETHERNET_ACTIVE", "SWITCHING_TO_ETHERNET", "ETHERNET_SETTLE_DELAY") else "wwan0"
     for state in STATES
 }
+ENDS_ON_RESET = {**ENDS_ON, "ETHERNET_ACTIVE": "wwan0"}
+
+
+TRUE_AGAIN_WITHIN = 3.0  # seconds from the session's return
+
+
+def expected_to_be_kept(scene: Scene) -> dict[str, str]:
+    """By what the application has reported, whatever became of it on the wire."""
+    connected = scene.application.reported("CLOUD_CONNECTED", "CLOUD_DISCONNECTED") == "CLOUD_CONNECTED"
+    return {CLOUD: "true" if connected else "false", GREEN: "On" if connected else "Off"}
 
 
 @in_each_state
-def test_a_restarted_broker_knows_everything_again(scene: Scene, state: str) -> None:
+def test_a_restarted_broker_knows_what_happened_while_it_was_away(scene: Scene, state: str) -> None:
+    """The cloud is lost, or comes back, during the outage; in each state there is news to tell afterwards."""
     scene.reach(state)
     scene.cut_wire()
-    scene.expected_complaints += BROKER_AWAY + CONNMAN_FROZEN
-    connections = scene.witness.connections()
+    scene.expected_complaints += (
+        *BROKER_AWAY,
+        *CONNMAN_FROZEN,
+        "Ethernet is on probation",
+        "answers over neither interface",
+    )
     scene.box("broker", "stop")
     scene.release()
-    scene.box("broker", "start")
+    was_connected = scene.application.cloud_interface() is not None
+    scene.box("cloud-mqtt", "refused" if was_connected else "ok")
+    if not was_connected:
+        scene.box("provider", "eth", "back")
     wait_until(
-        lambda: scene.witness.connections() > connections and scene.witness.payloads(GREEN, latest_connection=True),
-        5 + SLACK,
-        "the LED on the restarted broker",
+        lambda: (scene.application.cloud_interface() is None) == was_connected, 40 + SLACK, "news during the outage"
     )
-    scene.settles(ENDS_ON[state], 30)
+    scene.box("broker", "start")
+    place = scene.application.wait_for("connected again to", 10)
+    begun = time.monotonic()
+    told: list[object] = []
+
+    def true_again() -> bool:
+        kept = scene.witness.kept()
+        told[:] = [expected_to_be_kept(scene), kept]
+        return all(kept.get(topic) == payload for topic, payload in expected_to_be_kept(scene).items())
+
+    wait_until(true_again, TRUE_AGAIN_WITHIN + SLACK, lambda: f"the truth on the restarted broker: {told}")
+    print(f"true again {time.monotonic() - begun:.2f} s after {scene.application.log()[:place].splitlines()[-1]}")
+    scene.box("cloud-mqtt", "ok")
+    scene.box("provider", "eth", "back")
+    scene.settles("eth0", 120)
+
+
+@in_each_state
+def test_a_modem_that_is_reset_comes_back_in_each_state(scene: Scene, state: str) -> None:
+    scene.expected_complaints = MODEM_RESET
+    scene.reach(state)
+    # Nobody on a frozen bus or in a frozen connection manager hears of the modem.
+    scene.release()
+    scene.box("cellular", "reset")
+    if state == "ETHERNET_ACTIVE":
+        scene.box("provider", "eth", "dead")
+    scene.settles(ENDS_ON_RESET[state], 60)
+    addresses = {line.split()[0]: line.split()[3] for line in scene.box("services").splitlines()}
+    assert addresses["wwan0"] == "10.12.0.51"
 
 
 @in_each_state
