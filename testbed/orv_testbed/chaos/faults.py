@@ -85,7 +85,7 @@ FAULTS = (
     _fault("program gateway-app freeze", "program gateway-app thaw", "application", (*PATH, *BROKER, *MANAGER)),
     _fault("program log-reader freeze", "program log-reader thaw", "log clock", ("records were lost",)),
     _fault("neighbour crashes", "neighbour gone", "neighbour broker"),
-    _fault("neighbour forges", "neighbour gone", "neighbour", ("which is not the connection manager, is ignored",)),
+    _fault("neighbour forges", "neighbour gone", "neighbour bus", ("which is not the connection manager, is ignored",)),
     _fault("neighbour floods", "neighbour gone", "neighbour broker"),
     _fault("neighbour litters", "neighbour gone", "neighbour var-tmp"),
     _fault("clock -94608000", "clock +0", "clock", PATH),
