@@ -22,7 +22,7 @@ if TYPE_CHECKING:
 # (place in the application's log, by how many seconds its clock is off from there on)
 Clocks = Sequence[tuple[int, float]]
 
-NAME_SERVERS = {"eth0": "10.21.0.53", "wwan0": "10.22.0.53"}
+INTERFACES = {side.interface: side for side in SIDES.values()}
 CLOCK_GRAIN = 0.001  # both logs have milliseconds
 
 
@@ -91,7 +91,7 @@ def moves_not_told_once(application: Application) -> list[str]:
     ends = [time for time, _ in routes[1:]] + application.monotonic("end")[-1:]
 
     def changes(least: float) -> int:
-        paths = [path for (time, path), end in zip(routes, ends) if path in NAME_SERVERS and end - time >= least]
+        paths = [path for (time, path), end in zip(routes, ends) if path in INTERFACES and end - time >= least]
         return sum(1 for _ in itertools.groupby(paths)) - 1 if paths else 0
 
     in_vain = log.count("the kernel's default route still leads elsewhere")
@@ -187,6 +187,18 @@ def expected_statuses(application: Application) -> dict[str, str]:
     }
 
 
+def told_once(services: list[tuple[str, str]]) -> list[tuple[str, list[str]]]:
+    """ConnMan lists a name server twice that the router advertises and DHCPv6 tells, too."""
+    return [(name, list(dict.fromkeys(servers.split(",")))) for name, servers in services]
+
+
+def name_servers(box: Box, interface: str) -> list[str]:
+    """What the provider offers."""
+    side = INTERFACES[interface]
+    offers = {"4": side.name_server, "6": side.name_server_6}
+    return [offers[family] for family in box.families.at(side)]
+
+
 def unsettled(scene: Scene, interface: str, state: str, inhibit: str | None) -> list[str]:
     """What is not yet as it must be when the cloud is connected over `interface` and nothing is under way."""
     box, application = scene.box, scene.application
@@ -206,7 +218,11 @@ def unsettled(scene: Scene, interface: str, state: str, inhibit: str | None) -> 
     ):
         return faults
     compare("default route", box.default_interfaces(), [interface])
-    compare("ConnMan's order and name servers", box.services(), [(name, NAME_SERVERS[name]) for name in order])
+    compare(
+        "ConnMan's order and name servers",
+        told_once(box.services()),
+        [(name, name_servers(box, name)) for name in order],
+    )
     compare(
         "what the events say",
         expected_statuses(application),

@@ -11,6 +11,7 @@ import tempfile
 from typing import Any, Self
 
 from orv_testbed import passages
+from orv_testbed.families import Families
 from orv_testbed.layout import SIDES
 from orv_testbed.programs import TESTBED, program
 from orv_testbed.status_files import ERRORS, STATUSES, read_statuses
@@ -37,6 +38,7 @@ class Box:
         self.name = name
         if families:
             self.kind = ("--families", families)
+        self.families = Families.parse(families) if families else Families()
         self.folder = pathlib.Path(tempfile.gettempdir()) / f"orv-box-{name}"
         self.environment = {
             **os.environ,

@@ -35,11 +35,12 @@ def can_make_namespaces() -> bool:
 
 
 @pytest.fixture
-def box(tmp_path: pathlib.Path) -> Iterator[Box]:
-    """A gateway of its own for each test, all of its parts running; their logs are kept beside the application's."""
+def box(request: pytest.FixtureRequest, tmp_path: pathlib.Path) -> Iterator[Box]:
+    """A gateway of its own for each test, all of its parts running; their logs are kept beside the application's. The
+    fixture's parameter, if it has one, is what `box up --families` is told."""
     if not can_make_namespaces():
         pytest.skip(NO_NAMESPACES)
-    with Box(f"t{os.getpid():x}") as made:
+    with Box(f"t{os.getpid():x}", getattr(request, "param", None)) as made:
         yield made
         shutil.copytree(made.folder / "log", tmp_path / "box-log")
 
