@@ -2,10 +2,10 @@
 """script/measure families [TIMES [FAMILIES...]]
 
 Measures boot, fail-over to Cellular and return on gateway boxes with IPv4, both IP families, or IPv6 alone on each side: from
-the start of the application, the death of Ethernet's provider or its coming back until the cloud is connected over the interface.
-FAMILIES as in "eth=46,cell=6,cloud=4"; without any: all nine combinations, with a cloud that both sides can reach. Prints
-seconds, the median of TIMES boxes (default: 1), behind them the difference to IPv4 alone, and the families in which the cloud was
-connected each time. A step that takes more than 60 s, and those behind it, show as "-". Asserts nothing.
+the start of the application, the death of Ethernet's provider or its coming back until the cloud is connected over the
+interface. FAMILIES as in "eth=46,cell=6,cloud=4"; without any: all nine combinations, with a cloud that both sides can reach.
+Prints seconds, the median of TIMES boxes (default: 1), behind them the difference to IPv4 alone, and the families in which the
+cloud was connected each time. A step that takes more than 60 s, and those behind it, show as "-". Asserts nothing.
 """
 from __future__ import annotations
 
