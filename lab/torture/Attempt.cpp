@@ -6,12 +6,14 @@
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <new>
@@ -61,12 +63,16 @@ Attempt::Attempt(const Point& which)
     : point(which),
       told(new (mmap(nullptr, sizeof(Told), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Told{}) {
     static int number = 0;
-    output = "/tmp/orv-torture-" + std::to_string(getpid()) + "-" + std::to_string(++number);
+    folder = (std::filesystem::temp_directory_path() / "orv-torture-").string() + std::to_string(getpid()) + "-" +
+             std::to_string(++number);
+    std::filesystem::create_directory(folder);
     std::cout.flush();
     process = fork();
     if (process != 0)
         return;
-    const int file = open(output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    setenv("TMPDIR", folder.c_str(), 1);
+    const int file = open((folder + "/output").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     dup2(file, STDERR_FILENO);
     dup2(file, STDOUT_FILENO);
     Failures::NotePlace(&told->place);
@@ -77,7 +83,8 @@ Attempt::Attempt(const Point& which)
 
 Attempt::~Attempt() {
     munmap(told, sizeof(Told));
-    unlink(output.c_str());
+    std::error_code ignored;
+    std::filesystem::remove_all(folder, ignored);
 }
 
 bool Attempt::HasEnded() {
@@ -105,7 +112,7 @@ void Attempt::Wait() {
 }
 
 void Attempt::PrintCourse() const {
-    std::ifstream text(output);
+    std::ifstream text(folder + "/output");
     std::string line;
     for (int lines = 0; lines < 40 && std::getline(text, line); ++lines)
         std::cout << "    " << line << "\n";

@@ -52,7 +52,7 @@ private:
         Place place;
     };
 
-    std::string output;
+    std::string folder; // for what it writes
     Told* told;
     pid_t process;
     const std::chrono::system_clock::time_point begun = std::chrono::system_clock::now();
