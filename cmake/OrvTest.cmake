@@ -1,9 +1,11 @@
-# orv_add_test(NAME SOURCES ... LIBRARIES ... [LABELS ...] [LOCKS ...] [TIMEOUT s] [WRAPPER command...])
+# orv_add_test(NAME SOURCES ... LIBRARIES ... [LABELS ...] [LOCKS ...] [TIMEOUT s] [WRAPPER command...] [COVERING])
 #   One GoogleTest program. ctest knows each of its tests by its own name and runs each in a process of its own.
 #   LABELS: unit, broker, tls, bus, ... (ctest -L unit).
 #   LOCKS: resources that no two tests may use at a time, e.g. var-tmp (the status files have fixed paths).
 #   TIMEOUT: of each test (default: 60 s).
 #   WRAPPER: the command that starts the program, for tests that need surroundings of their own.
+#   COVERING: the build with coverage counters has it, too: it covers the library, or has tests that can run neither under a
+#     sanitizer nor as emulated code. The target "covering" builds these programs, and their tests have that label.
 
 find_package(GTest REQUIRED)
 include(GoogleTest)
@@ -16,6 +18,8 @@ if(CMAKE_CROSSCOMPILING OR (ORV_CCACHE AND NOT DEFINED ENV{CCACHE_DISABLE}))
   set(precompile OFF)
 endif()
 option(ORV_PRECOMPILE_TEST_HEADERS "Compile what most tests include once for all of them" ${precompile})
+
+add_custom_target(covering)
 
 # orv_compile_as_test(TARGET)
 function(orv_compile_as_test target)
@@ -39,7 +43,7 @@ if(ORV_PRECOMPILE_TEST_HEADERS)
 endif()
 
 function(orv_add_test name)
-  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "TIMEOUT" "SOURCES;LIBRARIES;LABELS;LOCKS;WRAPPER")
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "COVERING" "TIMEOUT" "SOURCES;LIBRARIES;LABELS;LOCKS;WRAPPER")
   if(NOT name MATCHES "^[a-z-]+-tests$")
     message(FATAL_ERROR "a test program is called like orv-log-tests, but this one: ${name}")
   endif()
@@ -47,6 +51,10 @@ function(orv_add_test name)
     add_executable(${name} EXCLUDE_FROM_ALL ${ARG_SOURCES})
   else()
     add_executable(${name} ${ARG_SOURCES})
+  endif()
+  if(ARG_COVERING)
+    list(APPEND ARG_LABELS covering)
+    add_dependencies(covering ${name})
   endif()
   target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES} GTest::gtest GTest::gtest_main Threads::Threads)
   orv_compile_as_test(${name})
