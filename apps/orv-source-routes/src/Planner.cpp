@@ -79,8 +79,14 @@ IpAddress LikelyRouter(const Seen& seen) {
     return routers.size() == 1 ? routers.front() : IpAddress{};
 }
 
-/// The interface of the best default route; empty when there is none.
-std::string DefaultInterface(const Snapshot& snapshot) {
+bool SamePlace(const Route& one, const Route& other) {
+    return one.family == other.family && one.table == other.table && one.destination == other.destination &&
+           one.prefixLength == other.prefixLength && one.metric == other.metric;
+}
+
+} // namespace
+
+std::string Ipv4DefaultInterface(const Snapshot& snapshot) {
     const Route* best = nullptr;
     for (const Route& route : snapshot.routes) {
         if (route.family == AF_INET && route.table == RT_TABLE_MAIN && route.IsDefault() && !route.IsUnreachable() &&
@@ -92,13 +98,6 @@ std::string DefaultInterface(const Snapshot& snapshot) {
                            : Find(snapshot.links, [&](const Link& candidate) { return candidate.index == best->link; });
     return link == nullptr ? std::string() : link->name;
 }
-
-bool SamePlace(const Route& one, const Route& other) {
-    return one.family == other.family && one.table == other.table && one.destination == other.destination &&
-           one.prefixLength == other.prefixLength && one.metric == other.metric;
-}
-
-} // namespace
 
 Plan Planner::Decide(const Snapshot& snapshot) {
     Plan plan;
@@ -119,7 +118,7 @@ void Planner::DecideIpv6(const Snapshot& snapshot, Plan& plan) {
             plan.reasons[entry.interface + ", IPv6"] = Ipv6Reason(entry, states.back());
     }
     const std::string& told = snapshot.defaultInterface;
-    AddIpv6Default(tables, states, told.empty() ? DefaultInterface(snapshot) : told, plan);
+    AddIpv6Default(tables, states, told.empty() ? Ipv4DefaultInterface(snapshot) : told, plan);
 }
 
 void Planner::DecideFor(const InterfaceTable& entry, const Snapshot& snapshot, Plan& plan) {

@@ -40,6 +40,9 @@ struct Snapshot {
     std::string defaultInterface{};
 };
 
+/// The interface of the best IPv4 default route; empty when there is none.
+std::string Ipv4DefaultInterface(const Snapshot& snapshot);
+
 /// What the kernel should have of this program's entries.
 struct Plan {
     std::vector<OrvNetlink::Route> routes;

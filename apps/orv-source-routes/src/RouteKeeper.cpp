@@ -72,11 +72,13 @@ std::optional<Snapshot> ReadSnapshot(OrvNetlink::Socket& requests) {
 RouteKeeper::RouteKeeper(std::vector<InterfaceTable> tables)
     : planner(std::move(tables)), logger("OrvSourceRoutes", OrvLog::INFO) {}
 
-bool RouteKeeper::Refresh() {
-    const std::optional<Snapshot> snapshot = ReadSnapshot(requests);
+bool RouteKeeper::Refresh(const std::string& defaultInterface) {
+    std::optional<Snapshot> snapshot = ReadSnapshot(requests);
     if (!snapshot)
         return ReportFailures({"cannot see the kernel's links, addresses, routes and rules: they change all the time"});
+    snapshot->defaultInterface = defaultInterface;
     nextExpiry = FirstExpiry(*snapshot);
+    ipv4Default = Ipv4DefaultInterface(*snapshot);
     const Plan plan = planner.Decide(*snapshot);
     const bool done = ReportFailures(Apply(Difference(*snapshot, plan)));
     if (done)

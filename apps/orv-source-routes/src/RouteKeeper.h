@@ -25,9 +25,13 @@ public:
     explicit RouteKeeper(std::vector<InterfaceTable> tables);
 
     /// Looks at the kernel's state and corrects this program's entries.
+    /// @param defaultInterface what the connection manager calls its default; empty when it does not tell
     /// @return false when something could not be done and is worth another attempt
     /// @throws std::system_error when the kernel does not let this process change routes
-    bool Refresh();
+    bool Refresh(const std::string& defaultInterface = {});
+
+    /// The interface of the best IPv4 default route, from the last Refresh on; empty when there is none.
+    const std::string& Ipv4Default() const { return ipv4Default; }
 
     /// When the next router's lifetime is over, from the last Refresh on; nothing when none will be.
     std::optional<std::chrono::milliseconds> NextExpiry() const { return nextExpiry; }
@@ -49,6 +53,7 @@ private:
     Planner planner;
     std::map<std::string, std::string> reported;
     std::optional<std::chrono::milliseconds> nextExpiry;
+    std::string ipv4Default;
     Failures failures; // of the last attempt: each is reported once
     CommonUtils::Logger logger;
 };

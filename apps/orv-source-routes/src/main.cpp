@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "ConnmanDefault.h"
 #include "Options.h"
 #include "RouteKeeper.h"
 #include "log/LogLevel.h"
@@ -6,6 +7,7 @@
 
 #include <CommonUtils/Logger.h>
 #include <GatewayMainBaseUnits/IpInterfacesMapping.h>
+#include <config/GatewayConfig.h>
 #include <linux/rtnetlink.h>
 #include <poll.h>
 
@@ -14,6 +16,7 @@
 #include <cstring>
 #include <exception>
 #include <stdexcept>
+#include <utility>
 
 namespace {
 
@@ -68,14 +71,21 @@ bool Run(std::vector<InterfaceTable> tables) {
                                      RTMGRP_IPV6_ROUTE | (1U << (RTNLGRP_IPV4_RULE - 1)) |
                                      (1U << (RTNLGRP_IPV6_RULE - 1)));
     RouteKeeper keeper(std::move(tables));
-    for (;;) {
-        const bool done = keeper.Refresh();
-        pollfd waiting[] = {{signals.Descriptor(), POLLIN, 0}, {notifications.Descriptor(), POLLIN, 0}};
+    ConnmanDefault connman(
+        OrvPlatform::MessageBus::Address(OrvPlatform::LoadGatewayConfig().config.connman.busAddress));
+    for (std::string ipv4Default;;) {
+        const bool done = keeper.Refresh(connman.Interface());
+        if (std::exchange(ipv4Default, keeper.Ipv4Default()) != keeper.Ipv4Default())
+            connman.AskAgain();
+        pollfd waiting[] = {{signals.Descriptor(), POLLIN, 0},
+                            {notifications.Descriptor(), POLLIN, 0},
+                            {connman.Descriptor(), POLLIN, 0}};
         // Nobody tells that a router's lifetime is over, nor that it has been renewed.
         const int untilNews = keeper.NextExpiry() ? static_cast<int>(keeper.NextExpiry()->count()) : -1;
-        poll(waiting, 2, done ? untilNews : RETRY_MS);
+        poll(waiting, 3, done ? untilNews : RETRY_MS);
         if (waiting[0].revents != 0)
             break;
+        connman.TakeChanged();
         // Only a hint: the kernel drops some routes without a word, so the whole state is read anew.
         static_cast<void>(notifications.ReadNotifications([](const nlmsghdr&) {}));
     }

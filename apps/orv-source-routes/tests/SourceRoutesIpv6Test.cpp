@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The program itself and the kernel's own answers to router advertisements, in a network namespace of the test's own.
+#include "PrivateBus.h"
 #include "RouterAdvertisement.h"
 #include "SourceRoutesProgram.h"
 
@@ -148,6 +149,44 @@ TEST_F(ANetworkWithTwoIpv6Providers, SendsWhatIsNotBoundWhereTheDefaultIs) {
     EXPECT_TRUE(BoundGoesThere("wwan0", CELL_PREFIX));
     EXPECT_EQ(program.End(SIGTERM), 0);
     EXPECT_EQ(UnboundGoesOver(), "wwan0");
+}
+
+TEST_F(ANetworkWithTwoIpv6Providers, SendsWhatIsNotBoundWhereTheConnectionManagersDefaultIs) {
+    OrvTest::PrivateBus bus;
+    bus.Start();
+    const OrvTest::FakeConnmanProcess connman(bus, "eth0:ready wwan0:ready");
+    Program program({}, bus.Address());
+    BothAdvertise();
+    EXPECT_TRUE(Eventually([] { return Ip("-6 route show default | grep -q 'dev eth0 proto 111'"); }));
+    connman.Do("services wwan0:ready eth0:ready");
+    EXPECT_TRUE(Eventually([] { return Ip("-6 route show default | grep -q 'dev wwan0 proto 111'"); }));
+    EXPECT_EQ(UnboundGoesOver(), "wwan0");
+    // A frozen one has not changed its mind.
+    connman.Freeze();
+    ASSERT_TRUE(Advertise("eth0-far", {0}));
+    EXPECT_TRUE(Eventually([] { return !BoundGoesThere("eth0", ETH_PREFIX); }));
+    EXPECT_EQ(UnboundGoesOver(), "wwan0");
+    connman.Thaw();
+    connman.Do("services eth0:ready wwan0:ready");
+    EXPECT_TRUE(Eventually([] { return UnboundGoesOver().empty(); }));
+}
+
+TEST_F(ANetworkWithTwoIpv6Providers, AsksTheConnectionManagerWhenTheIpv4DefaultMoves) {
+    ASSERT_TRUE(Ip("addr add 10.11.0.179/24 dev eth0") && Ip("addr add 10.12.0.50/24 dev wwan0"));
+    ASSERT_TRUE(Ip("route add default via 10.11.0.1"));
+    OrvTest::PrivateBus bus;
+    bus.Start();
+    const OrvTest::FakeConnmanProcess connman(bus, "eth0:ready wwan0:ready");
+    Program program({}, bus.Address());
+    BothAdvertise();
+    ASSERT_TRUE(Eventually([] { return Ip("-6 route show default | grep -q 'dev eth0 proto 111'"); }));
+    connman.Do("quiet");
+    ASSERT_TRUE(Shell(
+        "DBUS_SYSTEM_BUS_ADDRESS=" + bus.Address() +
+        " dbus-send --system --print-reply --dest=net.connman "
+        "/net/connman/service/wwan0 net.connman.Service.MoveBefore objpath:/net/connman/service/eth0 >/dev/null"));
+    ASSERT_TRUE(Ip("route replace default via 10.12.0.1"));
+    EXPECT_TRUE(Eventually([] { return UnboundGoesOver() == "wwan0"; }));
 }
 
 TEST_F(ANetworkWithTwoIpv6Providers, GetsTheRouteBackWithTheCarrier) {

@@ -20,8 +20,11 @@ namespace OrvSourceRoutes {
 /// The program under test as a child process.
 class Program : public PrivateNetwork::ChildProgram {
 public:
-    explicit Program(const std::string& log = {})
-        : ChildProgram({ORV_SOURCE_ROUTES, "--interface", "eth0=1011", "--interface", "wwan0=1012"}, log) {}
+    /// @param bus the message bus on which it looks for ConnMan: never this machine's own
+    explicit Program(const std::string& log = {}, const std::string& bus = "unix:path=/nonexistent/bus")
+        : ChildProgram({"env", "DBUS_SYSTEM_BUS_ADDRESS=" + bus, ORV_SOURCE_ROUTES, "--interface", "eth0=1011",
+                        "--interface", "wwan0=1012"},
+                       log) {}
 };
 
 /// A file for a program's log, gone with the object.

@@ -163,6 +163,15 @@ TEST_F(AConnectedGateway, EmptiesAServicesNameServersWithoutGivingItAnUnspecifie
     EXPECT_EQ(CallsUntilNow(), "");
 }
 
+TEST_F(AConnectedGateway, SetsNameServersOfBothFamiliesAsideAndGivesThemBack) {
+    link.SetDnsConfiguration("wwan0", {"2001:db8::53", "198.51.100.1"});
+    EXPECT_EQ(CallsUntilNow(), "SetProperty wwan0 Nameservers.Configuration=2001:db8::53,198.51.100.1");
+    link.SetDnsConfiguration("wwan0", {"0.0.0.0"});
+    EXPECT_EQ(CallsUntilNow(), "SetProperty wwan0 Nameservers.Configuration=none");
+    link.SetDnsConfiguration("wwan0", {});
+    EXPECT_EQ(CallsUntilNow(), "SetProperty wwan0 Nameservers.Configuration=");
+}
+
 TEST_F(AConnectedGateway, RefusesANameServerThatIsNoAddress) {
     EXPECT_FALSE(link.SetDnsConfiguration("wwan0", {"dns.example"}));
     EXPECT_FALSE(link.SetDnsConfiguration("wwan0", {"dns.example"}));

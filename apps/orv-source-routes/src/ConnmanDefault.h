@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include <base/Waker.h>
+#include <connman/MessageBus.h>
+
+#include <atomic>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+
+namespace OrvSourceRoutes {
+
+/// Follows which service is ConnMan's first, on a thread of its own because its bus may be frozen. Orders nothing.
+class ConnmanDefault {
+public:
+    /// @param address of the message bus
+    explicit ConnmanDefault(std::string address);
+    ~ConnmanDefault();
+    ConnmanDefault(const ConnmanDefault&) = delete;
+    ConnmanDefault& operator=(const ConnmanDefault&) = delete;
+
+    /// The interface of the first service, if that is connected; empty otherwise, and while ConnMan does not tell.
+    std::string Interface() const;
+    /// ConnMan tells of a new order a tenth of a second after it has changed the routes: asks for it now.
+    void AskAgain();
+    /// Readable when Interface may have changed, until TakeChanged.
+    int Descriptor() const { return news.Descriptor(); }
+    void TakeChanged() { news.Clear(); }
+
+private:
+    void Run();
+    void Follow(OrvPlatform::MessageBus& bus);
+    std::optional<std::string> Ask(OrvPlatform::MessageBus& bus);
+    void Set(const std::string& fresh);
+
+    const std::string busAddress;
+    OrvPlatform::Waker wake;
+    OrvPlatform::Waker news;
+    std::atomic<bool> stopping{false};
+    std::atomic<bool> asked{false};
+
+    mutable std::mutex mutex;
+    std::string interface;
+
+    std::thread thread;
+};
+
+} // namespace OrvSourceRoutes
