@@ -48,8 +48,9 @@ def _distance(one: float, other: float) -> float:
     return abs(one - other)
 
 
-def unproven_moves(application: Application, box: Box, clocks: Clocks = ()) -> list[str]:
-    """Switches of the route that the cloud cannot confirm: no TLS handshake over that path within the attempt."""
+def unproven_moves(application: Application, box: Box, clocks: Clocks = (), grain: float = CLOCK_GRAIN) -> list[str]:
+    """Switches of the route that the cloud cannot confirm: no TLS handshake over that path within the attempt. The two clocks
+    agree within `grain` seconds."""
     attempts: dict[str, float | None] = {"eth": None, "cell": None}
     ends = {"poke success, route to Cell": "cell", "poke success, route to ETH": "eth"}
     begins = {"Started Poke to cell if": "cell", "Started Poke eth if": "eth"}
@@ -67,9 +68,7 @@ def unproven_moves(application: Application, box: Box, clocks: Clocks = ()) -> l
         for text, side in ends.items():
             if text in line:
                 begin, attempts[side] = attempts[side], None
-                if begin is None or not any(
-                    begin <= time + CLOCK_GRAIN and time <= now + CLOCK_GRAIN for time in handshakes[side]
-                ):
+                if begin is None or not any(begin <= time + grain and time <= now + grain for time in handshakes[side]):
                     faults.append(f"no handshake over {side} since {begin}, only {handshakes[side]}, before: {line}")
     return faults
 

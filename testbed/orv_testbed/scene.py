@@ -44,6 +44,7 @@ class Scene:
         self.wire_cut_at: int | None = None  # the place in the log from which on messages may be missing on the wire
         self.orders_may_be_late = False  # the connection manager may confirm what is no longer wanted
         self.clocks: list[tuple[int, float]] = []  # see audit.Clocks
+        self.clock_grain = audit.CLOCK_GRAIN
         self.undo: list[tuple[str, ...]] = []
         self._passed_before = len(box.passages())
 
@@ -172,7 +173,7 @@ class Scene:
 
     def faults(self) -> list[str]:
         """What `audit` finds wrong."""
-        faults = audit.unproven_moves(self.application, self.box, self.clocks)
+        faults = audit.unproven_moves(self.application, self.box, self.clocks, self.clock_grain)
         faults += audit.moves_not_told_once(self.application)
         faults += audit.pokes_on_a_wrong_way(self.application, self.passages(), bool(self.neighbours))
         if not self.orders_may_be_late:

@@ -4,11 +4,13 @@ from __future__ import annotations
 
 import json
 import pathlib
+from typing import cast
 
 import pytest
 
 from orv_testbed.application import Application
-from orv_testbed.audit import POKES, moves_not_told_once, pokes_on_a_wrong_way, true_times
+from orv_testbed.audit import POKES, moves_not_told_once, pokes_on_a_wrong_way, true_times, unproven_moves
+from orv_testbed.box import Box
 from orv_testbed.passages import Passage
 from orv_testbed.timestamps import at
 
@@ -103,3 +105,25 @@ def test_what_another_application_pokes_is_its_own_affair(tmp_path: pathlib.Path
     application = Recorded(tmp_path, ONCE, [])
     assert pokes_on_a_wrong_way(application, [passage("eth", "10.11.0.179")], others_poke=True) == []
     assert pokes_on_a_wrong_way(application, [passage("eth", "10.12.0.50")], others_poke=True)
+
+
+class Answered:
+    """A box whose cloud has completed a handshake over Cellular at a time of its own clock."""
+
+    def __init__(self, time: str) -> None:
+        self.time = time
+
+    def handshakes(self, side: str) -> list[str]:
+        return [self.time] if side == "cell" else []
+
+
+@pytest.mark.parametrize("grain, proven", [(0.001, False), (0.4, True)])
+def test_a_proof_counts_within_what_two_clocks_may_differ(tmp_path: pathlib.Path, grain: float, proven: bool) -> None:
+    application = Recorded(tmp_path, ONCE, [])
+    application.log_file.write_text(
+        "2026-01-01T00:00:05.100Z debug [OrvRoute] Tick: Started Poke to cell if wwan0\n"
+        "2026-01-01T00:00:05.500Z debug [OrvRoute] Tick: poke success, route to Cell\n",
+        encoding="utf-8",
+    )
+    box = cast(Box, Answered("2026-01-01T00:00:05.880Z"))
+    assert (unproven_moves(application, box, grain=grain) == []) == proven

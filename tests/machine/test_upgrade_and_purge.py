@@ -41,5 +41,5 @@ def test_a_purge_leaves_nothing(gateway: Gateway) -> None:
     )
     assert set(left.split()) <= BY_HAND, left
     assert gateway.sh("find /run /var/tmp -iname '*orv*' -o -iname '*gateway-app*' -o -iname 'new_enterprise*'") == ""
-    assert gateway.sh("ip rule | grep -v 'lookup local\\|lookup main\\|lookup default' || true") == ""
+    assert gateway.sh("{ ip rule; ip -6 rule; } | grep -v 'lookup local\\|lookup main\\|lookup default' || true") == ""
     assert gateway.failed_units() == ""

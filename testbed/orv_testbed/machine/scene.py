@@ -115,7 +115,9 @@ class MachineScene(Scene):
         seen = Seen(gateway)
         self.take(gateway, ServiceWitness(gateway, seen), ServiceApplication(gateway, seen))
         self.gateway = gateway
-        self.clocks = [(0, gateway.clock_offset())]
+        offset, error = gateway.clock_offset()
+        self.clocks = [(0, offset)]
+        self.clock_grain += error
         gateway.sh("systemctl start gateway-app")
 
     def close(self) -> None:
