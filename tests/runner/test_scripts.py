@@ -10,7 +10,7 @@ import pytest
 
 TREE = pathlib.Path(__file__).resolve().parents[2]
 SCRIPTS = sorted(path.name for path in (TREE / "script").iterdir() if path.is_file())
-MEASUREMENTS = ["fail-over", "flapping", "cellular-bytes", "soak", "side-by-side"]
+MEASUREMENTS = ["fail-over", "flapping", "cellular-bytes", "soak", "kit", "side-by-side"]
 MISUSED = [
     "abi",
     "abi nonsense",

@@ -68,8 +68,8 @@ public:
     /// Slow delivery: messages reach the application this long after they were published, in their order.
     void SetLatency(std::chrono::milliseconds latency);
 
-    /// How long a connection that was lost takes to come back; 250 ms at first. On a gateway it is between 0.25 s and
-    /// 4 s, the longer the broker was away.
+    /// How long a connection takes to come back, from the next Return, BreakConnections or end of a refusal on; 250 ms
+    /// at first. On a gateway it is between 0.25 s and 4 s, the longer the broker was away.
     void SetReconnectDelay(std::chrono::milliseconds delay);
 
 private:

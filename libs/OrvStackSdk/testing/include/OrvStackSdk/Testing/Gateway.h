@@ -55,7 +55,9 @@ public:
     /// Lets time pass: everything that falls due meanwhile happens at its time and in order (the application's steps,
     /// messages, connections that come back), and at the end nothing is left to be delivered. What is due at the same
     /// time happens in the order in which it was asked for.
-    /// An exception that a step or a callback throws leaves this function; time stands where it was thrown.
+    /// An exception that a step or a callback throws leaves this function; time stands where it was thrown, and such a
+    /// step does not run again.
+    /// @throws std::invalid_argument when the duration is negative
     void Advance(std::chrono::milliseconds duration);
 
     /// Lets time pass until `condition` holds; it is asked after everything that happens.
