@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-"""One IP family breaks on Ethernet, which has both, and the other one is good: the cloud stays, and so does the route."""
+"""Providers with both IP families: the cloud follows the route, and a family that breaks alone moves nothing."""
 from __future__ import annotations
 
 import pytest
@@ -52,3 +52,17 @@ def test_a_family_that_breaks_on_ethernet_costs_no_switch(scene: Scene, fault: s
     assert {one.side for one in scene.passages()} == {"eth"}
     events = [entry["event"] for entry in scene.application.transcript("event")]
     assert events.count("ETHERNET_IP_GAINED") == 1 and "ETHERNET_IP_LOST" not in events
+
+
+@pytest.mark.parametrize("box", ["eth=4,cell=46", "eth=46,cell=4", "eth=46,cell=46"], indirect=True)
+def test_the_cloud_is_reached_over_the_interface_that_has_the_route(scene: Scene) -> None:
+    scene.settles("eth0", 5)
+    assert {one.side for one in scene.passages()} == {"eth"}
+    before = scene.application.mark()
+    scene.box("provider", "eth", "dead")
+    moved = scene.application.wait_for("poke success, route to Cell", 20, before)
+    scene.settles("wwan0", 10)
+    scene.box("provider", "eth", "back")
+    scene.application.wait_for("cell to eth delay done", 30, moved)
+    scene.settles("eth0", 10)
+    assert [one for one in scene.passages() if one.port == MQTTS][-1].side == "eth"

@@ -57,7 +57,7 @@ Application::Application(AppOptions appOptions, std::vector<std::string> command
             {[this](const std::string& source) { OnCloudConnected(source); },
              [this](const std::string& reason) { OnCloudLost(reason); },
              [this](const std::string& reason, std::chrono::milliseconds delay) { OnCloudFailed(reason, delay); },
-             [this] { return CloudKeepAlive(); }},
+             [this] { return CloudKeepAlive(); }, [this](const std::string& source) { return IsDetour(source); }},
             [this] { return std::generate_canonical<double, 32>(randomness); }),
       ethernetGuard(
           loop, InterfaceName("Ethernet"), options.cloud, [this](OrvEvent event) { Report(event); },
@@ -241,6 +241,12 @@ void Application::OnDefaultRoute(const std::string& interface) {
     else if (awaited && cloudInterface != interface)
         cloud.Reopen("the default route has followed");
     ownDoing = false;
+}
+
+/// The two families may have their default routes over different interfaces.
+bool Application::IsDetour(const std::string& source) const {
+    const std::string interface = network.Wan().OwnerOf(source);
+    return !interface.empty() && !network.DefaultInterface().empty() && interface != network.DefaultInterface();
 }
 
 void Application::OnCloudConnected(const std::string& source) {

@@ -74,6 +74,7 @@ private:
     void SendEvent(OrvStackSdk::OrvEvent event);
     OrvStackSdk::OrvEvent CloudState() const;
     KeepAlive CloudKeepAlive() const;
+    bool IsDetour(const std::string& source) const;
     void WarnOfCredentials();
     void SetTickTimer();
     void FollowCloudPath();

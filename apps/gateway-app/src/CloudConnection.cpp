@@ -4,7 +4,6 @@
 #include "Clock.h"
 
 #include <mosquitto.h>
-#include <netdb.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
@@ -28,17 +27,6 @@ constexpr BackOff::Duration LONGEST_FIRST = 2s; // leaves time for attempts befo
 int ProtocolSeconds(const KeepAlive& keepAlive) {
     constexpr int shortest = 10;
     return std::max(shortest, 4 * static_cast<int>(keepAlive.Period().count()));
-}
-
-std::string OwnAddress(int socket) {
-    sockaddr_storage address{};
-    socklen_t size = sizeof(address);
-    char text[NI_MAXHOST] = {};
-    auto* generic = static_cast<sockaddr*>(static_cast<void*>(&address));
-    if (getsockname(socket, generic, &size) != 0 ||
-        getnameinfo(generic, size, text, sizeof(text), nullptr, 0, NI_NUMERICHOST) != 0)
-        return {};
-    return text;
 }
 
 } // namespace
@@ -101,6 +89,8 @@ void CloudConnection::OnDialled(Dialled found) {
         return End(found.failure);
     state = State::RACING;
     dialled = std::move(found);
+    if (handler.isDetour)
+        dialled.addresses = WithoutDetours(dialled.addresses, handler.isDetour);
     race.Begin(settings, dialled, ProtocolSeconds(handler.keepAlive()));
 }
 

@@ -30,6 +30,9 @@ public:
         std::function<void(const std::string& reason, std::chrono::milliseconds delay)> onFailed;
         /// How often an idle connection is asked for a sign of life on the path that it has now; asked again and again.
         std::function<KeepAlive()> keepAlive;
+        /// Optional: whether what leaves from this own address leaves over another interface than the route. Addresses
+        /// of the cloud that would be reached so are left alone while there are others.
+        std::function<bool(const std::string& source)> isDetour{};
     };
 
     CloudConnection(EventLoop& eventLoop, CloudSettings cloudSettings, Handler cloudHandler, BackOff::Random random);

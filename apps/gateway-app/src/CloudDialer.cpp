@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <iterator>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -36,6 +37,21 @@ std::vector<std::string> Resolve(const std::string& host) {
             addresses.emplace_back(text.data());
     }
     return addresses;
+}
+
+/// The own address from which the kernel would reach this one; empty when there is no route.
+std::string SourceTowards(const std::string& address) {
+    addrinfo hints{};
+    hints.ai_socktype = SOCK_DGRAM; // connecting it asks for the route only
+    hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+    addrinfo* found = nullptr;
+    if (getaddrinfo(address.c_str(), "9", &hints, &found) != 0)
+        return {};
+    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(found, &freeaddrinfo);
+    const Descriptor probe(socket(found->ai_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (probe.Number() < 0 || connect(probe.Number(), found->ai_addr, found->ai_addrlen) != 0)
+        return {};
+    return OwnAddress(probe.Number());
 }
 
 Dialled Begin(const CloudSettings& settings) {
@@ -70,6 +86,25 @@ std::vector<std::string> InTurn(const std::vector<std::string>& addresses) {
             result.push_back(second[i]);
     }
     return result;
+}
+
+std::vector<std::string> WithoutDetours(const std::vector<std::string>& addresses,
+                                        const std::function<bool(const std::string& source)>& isDetour) {
+    std::vector<std::string> direct;
+    std::copy_if(addresses.begin(), addresses.end(), std::back_inserter(direct),
+                 [&](const std::string& address) { return !isDetour(SourceTowards(address)); });
+    return direct.empty() ? addresses : direct;
+}
+
+std::string OwnAddress(int socket) {
+    sockaddr_storage address{};
+    socklen_t size = sizeof(address);
+    char text[NI_MAXHOST] = {};
+    auto* generic = static_cast<sockaddr*>(static_cast<void*>(&address));
+    if (getsockname(socket, generic, &size) != 0 ||
+        getnameinfo(generic, size, text, sizeof(text), nullptr, 0, NI_NUMERICHOST) != 0)
+        return {};
+    return text;
 }
 
 struct CloudDialer::Call {

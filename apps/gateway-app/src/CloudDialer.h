@@ -24,6 +24,14 @@ struct Dialled {
 /// The addresses in the order in which to try them: the resolver's, with the families in turn.
 std::vector<std::string> InTurn(const std::vector<std::string>& addresses);
 
+/// The socket's own address in numbers; empty when it has none.
+std::string OwnAddress(int socket);
+
+/// The addresses without those that would be reached from an own address for which `isDetour` holds; all when none
+/// would be left. Asks the kernel, sends nothing.
+std::vector<std::string> WithoutDetours(const std::vector<std::string>& addresses,
+                                        const std::function<bool(const std::string& source)>& isDetour);
+
 /// Resolves the name and reads the credentials. Resolving a name cannot be interrupted and takes as long as silent name
 /// servers let it; it must not hold up the loop, so it happens on a helper thread that knows nothing but the settings
 /// it was given. What it makes belongs to one thread at a time: to the helper until it is handed over, then to the
