@@ -118,7 +118,12 @@ def test_the_cloud_has_ipv6_where_a_provider_has_it() -> None:
 def test_what_is_no_family_leaves_no_box_behind() -> None:
     if not can_make_namespaces():
         pytest.skip(NO_NAMESPACES)
-    box = Box(f"t{os.getpid():x}", "eth=7")
+    box = Box(f"t{os.getpid():x}")
     with pytest.raises(Failed, match="families: use"):
-        box("up", *box.kind)
+        box("up", "--families", "eth=7")
     assert not box.folder.exists()
+
+
+def test_what_is_no_family_is_refused_before_there_is_a_box() -> None:
+    with pytest.raises(BoxError, match="families: use"):
+        Box("never", "eth=7")
