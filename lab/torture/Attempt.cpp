@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +18,7 @@
 #include <fstream>
 #include <iostream>
 #include <new>
+#include <system_error>
 #include <thread>
 
 namespace OrvLab {
@@ -30,6 +32,13 @@ void HaveVarTmpAlone() {
     if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
         mount("tmpfs", "/var/tmp", "tmpfs", 0, "mode=1777,size=1m") != 0)
         Fail("no mount namespace of its own");
+}
+
+void* SharedMemory(std::size_t size) {
+    void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED)
+        throw std::system_error(errno, std::generic_category(), "mmap");
+    return memory;
 }
 
 } // namespace
@@ -59,15 +68,15 @@ long RunPoint(const Point& point, std::atomic<long>* counts) {
     return Failures::Failed();
 }
 
-Attempt::Attempt(const Point& which)
-    : point(which),
-      told(new (mmap(nullptr, sizeof(Told), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Told{}) {
+Attempt::Attempt(const Point& which) : point(which), told(new (SharedMemory(sizeof(Told))) Told{}) {
     static int number = 0;
     folder = (std::filesystem::temp_directory_path() / "orv-torture-").string() + std::to_string(getpid()) + "-" +
              std::to_string(++number);
     std::filesystem::create_directory(folder);
     std::cout.flush();
     process = fork();
+    if (process < 0)
+        throw std::system_error(errno, std::generic_category(), "fork");
     if (process != 0)
         return;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -89,7 +98,10 @@ Attempt::~Attempt() {
 
 bool Attempt::HasEnded() {
     int status = 0;
-    if (waitpid(process, &status, WNOHANG) == process) {
+    const pid_t ended = waitpid(process, &status, WNOHANG);
+    if (ended < 0)
+        throw std::system_error(errno, std::generic_category(), "waitpid");
+    if (ended == process) {
         if (WIFSIGNALED(status))
             verdict = std::string("ends by ") + strsignal(WTERMSIG(status));
         else if (WEXITSTATUS(status) != 0)

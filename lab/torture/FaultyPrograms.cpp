@@ -4,6 +4,7 @@
 #include "torture/Programs.h"
 
 #include <sys/eventfd.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -69,6 +70,38 @@ class Ending final : public Faulty {
     }
 };
 
+/// In vain the first time at each point, as on a machine that is busy.
+class Hurried final : public Faulty {
+public:
+    static constexpr std::size_t TAKES = 4;
+
+    void Tortured() override {
+        for (std::size_t take = 0; take < TAKES; ++take) {
+            if (!TakesADescriptor())
+                continue;
+            point = failures++ == 0 ? 2 * take : point;
+        }
+    }
+    void DemandAll() override {
+        if (failures > 0 && !wasInVain[point + (failures > 1 ? 1 : 0)].exchange(true))
+            Fail("afterwards, in vain: that there is time enough", IN_VAIN);
+    }
+
+private:
+    // The attempts share it.
+    static std::atomic<bool>* wasInVain;
+    std::size_t point = 0;
+    std::size_t failures = 0;
+};
+
+std::atomic<bool>* Hurried::wasInVain = [] {
+    constexpr std::size_t size = 2 * TAKES * sizeof(std::atomic<bool>);
+    void* shared = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (shared == MAP_FAILED)
+        Fail("no memory that attempts share");
+    return new (shared) std::atomic<bool>[2 * TAKES] {};
+}();
+
 class Hopeless final : public Faulty {
     void Tortured() override { Fail("does not work at all"); }
 };
@@ -84,6 +117,7 @@ const std::vector<ProgramKind>& FaultyPrograms() {
     static const std::vector<ProgramKind> all{
         {"leaking", {}, Make<Leaking>},       {"crashing", {}, Make<Crashing>}, {"throwing", {}, Make<Throwing>},
         {"forgetting", {}, Make<Forgetting>}, {"ending", {}, Make<Ending>},     {"hopeless", {}, Make<Hopeless>},
+        {"hurried", {}, Make<Hurried>},
     };
     return all;
 }

@@ -24,6 +24,7 @@ namespace {
 using namespace OrvLab;
 using Clock = std::chrono::system_clock;
 
+// So many, and no point is begun until they have been tried again.
 constexpr std::size_t MOST_DOUBTFUL = 5;
 
 class Torture {
@@ -46,6 +47,7 @@ private:
     void AddPoints(const ProgramKind& program, Call call, long count);
     void TryPoints();
     bool IsOver() const;
+    bool Begins() const;
     void Collect();
     void TryAgain();
     void Note(const Attempt& attempt);
@@ -109,7 +111,7 @@ void Torture::Note(const Attempt& attempt) {
     reached[index] += attempt.HasFailed() ? 1 : 0;
     if (attempt.Verdict().empty())
         return;
-    if (attempt.IsDoubtful() && doubtful.size() < MOST_DOUBTFUL)
+    if (attempt.IsDoubtful())
         doubtful.push_back(attempt.point);
     else
         ++found;
@@ -140,9 +142,14 @@ bool Torture::IsOver() const {
            (options.faults != 0 && found + doubtful.size() >= options.faults);
 }
 
+/// Whether one more point may be begun now.
+bool Torture::Begins() const {
+    return next < todo.size() && !IsOver() && doubtful.size() < MOST_DOUBTFUL;
+}
+
 void Torture::TryPoints() {
-    while ((next < todo.size() && !IsOver()) || !running.empty()) {
-        while (next < todo.size() && !IsOver() && running.size() < options.jobs)
+    while (Begins() || !running.empty()) {
+        while (Begins() && running.size() < options.jobs)
             running.emplace_back(todo[next++].point);
         Collect();
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
