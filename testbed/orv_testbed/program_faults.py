@@ -54,7 +54,17 @@ class ProgramFaults:
         if pid is not None:
             os.killpg(pid, signal.SIGKILL)
         self._processes.end(NEIGHBOUR, signal.SIGKILL)
+        if pid is not None and not comes_within(10, lambda: pid not in map(group_of, self._gateway.namespace.pids())):
+            raise BoxError("the neighbour cannot be ended")
         run(*self._gateway.command("find", "/var/tmp", "-mindepth", "1", "-user", "nobody", "-delete"))
+
+
+def group_of(pid: str) -> int | None:
+    """The process group of a process; None when it has ended."""
+    try:
+        return os.getpgid(int(pid))
+    except ProcessLookupError:
+        return None
 
 
 def name_of(pid: str) -> str:

@@ -2,6 +2,7 @@
 """The box's faults are what they are called, and are gone when they are taken back."""
 from __future__ import annotations
 
+import contextlib
 import pathlib
 import re
 import subprocess
@@ -384,8 +385,20 @@ def test_neighbours_do_what_they_are_called_for_until_they_are_gone(box: Box) ->
     assert of_nobody() == 0
     box("neighbour", "crashes")
     wait_until(lambda: box("log", "neighbour").count("at work") >= 2, SLACK, "the second start")
+    wait_until(lambda: runs(box, "orv-shell"), SLACK, "the next start")
+    assert "crash-all-the-time" in command_lines(box)
     box("neighbour", "gone")
-    assert not runs(box, "orv-shell") and not runs(box, "crash-all-the-time")
+    assert not runs(box, "orv-shell") and "crash-all-the-time" not in command_lines(box)
+
+
+def command_lines(box: Box) -> str:
+    """Of all that runs on the gateway."""
+    pids = subprocess.run(["ip", "netns", "pids", f"{box.name}-gw"], text=True, capture_output=True, check=True)
+    lines = []
+    for pid in pids.stdout.split():
+        with contextlib.suppress(OSError):  # it has ended
+            lines.append(pathlib.Path(f"/proc/{pid}/cmdline").read_text(encoding="utf-8", errors="replace"))
+    return "\n".join(lines)
 
 
 def runs(box: Box, name: str) -> bool:
