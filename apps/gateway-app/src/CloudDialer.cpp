@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <iterator>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -90,10 +89,16 @@ std::vector<std::string> InTurn(const std::vector<std::string>& addresses) {
 
 std::vector<std::string> WithoutDetours(const std::vector<std::string>& addresses,
                                         const std::function<bool(const std::string& source)>& isDetour) {
-    std::vector<std::string> direct;
-    std::copy_if(addresses.begin(), addresses.end(), std::back_inserter(direct),
-                 [&](const std::string& address) { return !isDetour(SourceTowards(address)); });
-    return direct.empty() ? addresses : direct;
+    std::vector<std::string> rest;
+    bool reached = false;
+    for (const std::string& address : addresses) {
+        const std::string source = SourceTowards(address);
+        if (isDetour(source))
+            continue;
+        rest.push_back(address);
+        reached = reached || !source.empty();
+    }
+    return reached ? rest : addresses;
 }
 
 std::string OwnAddress(int socket) {

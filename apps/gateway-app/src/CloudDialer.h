@@ -27,8 +27,8 @@ std::vector<std::string> InTurn(const std::vector<std::string>& addresses);
 /// The socket's own address in numbers; empty when it has none.
 std::string OwnAddress(int socket);
 
-/// The addresses without those that would be reached from an own address for which `isDetour` holds; all when none
-/// would be left. Asks the kernel, sends nothing.
+/// The addresses without those that would be reached from an own address for which `isDetour` holds; all when no route
+/// leads to any other. Asks the kernel, sends nothing.
 std::vector<std::string> WithoutDetours(const std::vector<std::string>& addresses,
                                         const std::function<bool(const std::string& source)>& isDetour);
 

@@ -5,7 +5,6 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -18,8 +17,14 @@ using OrvNetlink::Route;
 
 namespace {
 
+constexpr std::uint8_t SOURCE_ROUTES = 111; // the protocol number of orv-source-routes' own routes
+
+bool IsMainDefault(const Route& route) {
+    return route.table == RT_TABLE_MAIN && route.IsDefault();
+}
+
 bool IsWayOut(const Route& route) {
-    return route.table == RT_TABLE_MAIN && route.IsDefault() && !route.IsUnreachable() && !route.IsOver();
+    return IsMainDefault(route) && !route.IsUnreachable() && !route.IsOver();
 }
 
 } // namespace
@@ -52,7 +57,8 @@ void NetworkWatcher::ReadNotifications() {
         const WanInterfaces::Events more = ReadRouters();
         events.insert(events.end(), more.begin(), more.end());
     }
-    if (!events.empty())
+    const bool addressesDiffer = std::exchange(addressesMayDiffer, false);
+    if (addressesDiffer || !events.empty())
         handler.onEvents(events);
     // Asked for rather than followed: the kernel drops routes without a word when a link goes.
     const std::string now = FindDefaultInterface();
@@ -67,10 +73,14 @@ WanInterfaces::Events NetworkWatcher::Take(const nlmsghdr& message) {
     routersMayDiffer = routersMayDiffer || link; // it may be told to drop routes without a word
     if (link)
         return message.nlmsg_type == RTM_NEWLINK ? wan.LinkSeen(*link) : wan.LinkGone(*link);
-    if (const std::optional<Address> address = OrvNetlink::ReadAddress(message))
+    if (const std::optional<Address> address = OrvNetlink::ReadAddress(message)) {
+        addressesMayDiffer = true;
+        // The route of a router that is heard again in time is good again without a word; its prefix brings this news.
+        routersMayDiffer = routersMayDiffer || !address->address.IsIpv4();
         return message.nlmsg_type == RTM_NEWADDR ? wan.AddressSeen(*address) : wan.AddressGone(*address);
+    }
     const std::optional<Route> route = OrvNetlink::ReadRoute(message);
-    routersMayDiffer = routersMayDiffer || (route && route->family == AF_INET6 && IsWayOut(*route));
+    routersMayDiffer = routersMayDiffer || (route && route->family == AF_INET6 && IsMainDefault(*route));
     return {};
 }
 
@@ -86,6 +96,7 @@ WanInterfaces::Events NetworkWatcher::ReadAll() {
             addresses.push_back(*address);
     }) && DumpRouters(routers);
     missedSome = !whole; // what changes all the time brings the next notification
+    addressesMayDiffer = true;
     routersMayDiffer = missedSome;
     return whole ? wan.Replace(links, addresses, std::move(routers)) : WanInterfaces::Events{};
 }
@@ -130,11 +141,11 @@ std::string NetworkWatcher::FindDefaultInterface() {
             best = route;
         }
     });
-    // The connection manager moves IPv4's. Where it leaves that alone, because the interface has no IPv4, it is IPv6's
-    // that tells.
-    const bool agree =
-        best && std::any_of(six.begin(), six.end(), [&](const Route& route) { return route.link == best->link; });
-    if (!agree && !six.empty() && !six.front().IsUnreachable())
+    // The connection manager moves IPv4's. IPv6's tells where there is no other, and where orv-source-routes has
+    // followed the connection manager to an interface without IPv4. Anybody on a link can advertise a router: that
+    // moves nothing.
+    const bool tells = !six.empty() && !six.front().IsUnreachable();
+    if (tells && (!best || six.front().protocol == SOURCE_ROUTES))
         best = six.front();
     std::string name;
     if (best) {

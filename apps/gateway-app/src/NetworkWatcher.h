@@ -17,6 +17,7 @@ class NetworkWatcher {
 public:
     /// What the application does with the news; called on the loop's thread.
     struct Handler {
+        /// @param events none when addresses have changed and no event follows from it
         std::function<void(const WanInterfaces::Events& events)> onEvents;
         /// @param interface who has the default route now; empty: nobody
         std::function<void(const std::string& interface)> onDefaultRoute;
@@ -28,7 +29,8 @@ public:
     ~NetworkWatcher();
 
     const WanInterfaces& Wan() const { return wan; }
-    /// The interface of the default route, IPv6's where the families differ; empty: none.
+    /// The interface of the default route, IPv4's unless there is none or orv-source-routes has moved IPv6's elsewhere;
+    /// empty: none.
     const std::string& DefaultInterface() const { return defaultInterface; }
     /// The interface as the kernel has it at this moment, its counts included; nothing when there is none.
     std::optional<OrvNetlink::Link> Find(const std::string& interface);
@@ -48,6 +50,7 @@ private:
     OrvNetlink::Socket requests;
     bool missedSome = false;       // notifications; everything has to be read
     bool routersMayDiffer = false; // IPv6's default routes have to be read
+    bool addressesMayDiffer = false;
     std::string defaultInterface;
 };
 

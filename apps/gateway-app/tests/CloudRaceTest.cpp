@@ -113,7 +113,8 @@ TEST_F(ARace, LeavesOutWhatTheKernelWouldReachOverTheWrongInterface) {
     const auto overHole = [](const std::string& source) { return source == "192.0.2.1"; };
     EXPECT_EQ(WithoutDetours({HOLE, "127.0.0.1"}, overHole), List{"127.0.0.1"});
     EXPECT_EQ(WithoutDetours({HOLE, "192.0.2.3"}, overHole), List({HOLE, "192.0.2.3"})) << "there is nothing else";
-    EXPECT_EQ(WithoutDetours({HOLE, "203.0.113.1"}, overHole), List{"203.0.113.1"}) << "no route leads nowhere wrong";
+    EXPECT_EQ(WithoutDetours({HOLE, "203.0.113.1"}, overHole), List({HOLE, "203.0.113.1"})) << "no route leads there";
+    EXPECT_EQ(WithoutDetours({"203.0.113.1", HOLE, "127.0.0.1"}, overHole), List({"203.0.113.1", "127.0.0.1"}));
     if (sixIsThere) {
         const auto overSix = [](const std::string& source) { return source == "2001:db8::1"; };
         EXPECT_EQ(WithoutDetours({HOLE_SIX, "127.0.0.1"}, overSix), List{"127.0.0.1"});

@@ -98,13 +98,34 @@ TEST_F(ANetworkWithBothFamilies, FindsWhatWasThereBefore) {
     EXPECT_EQ(watcher.DefaultInterface(), "wwan0");
 }
 
+TEST_F(ANetworkWithBothFamilies, TellsOfAnAddressThatGoesAlsoWhereTheOtherFamilyStays) {
+    int calls = 0;
+    NetworkWatcher watcher(loop, WanInterfaces("eth0", "wwan0"),
+                           {[&](const Events& events) {
+                                ++calls;
+                                told.insert(told.end(), events.begin(), events.end());
+                            },
+                            [](const std::string&) {}});
+    ASSERT_TRUE(Ip("addr add 10.11.0.179/24 dev eth0") && Advertise("eth0-far", {600, "2001:db8:11::"}));
+    EXPECT_TRUE(
+        Until([&] { return watcher.DefaultInterface() == "eth0" && watcher.Wan().OwnerOf("10.11.0.179") == "eth0"; }));
+    EXPECT_TRUE(Until([] { return Ip("-6 addr show dev eth0 scope global -tentative | grep -q 2001:db8:11"); }));
+    calls = 0;
+    ASSERT_TRUE(Ip("addr del 10.11.0.179/24 dev eth0"));
+    EXPECT_TRUE(Until([&] { return calls > 0 && watcher.Wan().OwnerOf("10.11.0.179").empty(); }));
+    EXPECT_EQ(told, Events{OrvEvent::ETHERNET_IP_GAINED});
+}
+
 TEST_F(ANetworkWithBothFamilies, TakesTheDefaultInterfaceOnWhichTheFamiliesAgree) {
     ASSERT_TRUE(Ip("addr add 10.12.0.50/24 dev wwan0") && Ip("route add default via 10.12.0.1"));
     ASSERT_TRUE(Ip("-6 route add default via fe80::1 dev eth0") && Ip("-6 route append default via fe80::1 dev wwan0"));
     const NetworkWatcher::Handler nobody{[](const Events&) {}, [](const std::string&) {}};
     EXPECT_EQ(NetworkWatcher(loop, WanInterfaces("eth0", "wwan0"), nobody).DefaultInterface(), "wwan0");
-    // IPv6 has been moved, and IPv4 has only one way.
-    ASSERT_TRUE(Ip("-6 route add default via fe80::1 dev eth0 metric 100"));
+    // Anybody can advertise a router.
+    ASSERT_TRUE(Ip("-6 route del default via fe80::1 dev wwan0"));
+    EXPECT_EQ(NetworkWatcher(loop, WanInterfaces("eth0", "wwan0"), nobody).DefaultInterface(), "wwan0");
+    // IPv6 has been moved with the connection manager's order, and IPv4 has only one way.
+    ASSERT_TRUE(Ip("-6 route add default via fe80::1 dev eth0 metric 100 proto 111"));
     EXPECT_EQ(NetworkWatcher(loop, WanInterfaces("eth0", "wwan0"), nobody).DefaultInterface(), "eth0");
     // Whoever has the default has no IPv6.
     ASSERT_TRUE(Ip("-6 route add unreachable default metric 50"));
