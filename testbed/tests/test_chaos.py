@@ -4,10 +4,14 @@ from __future__ import annotations
 
 import itertools
 import pathlib
+import subprocess
 from collections.abc import Sequence
+from typing import Any
 
 import pytest
 
+from orv_testbed.box import Failed
+from orv_testbed.chaos import __main__ as chaos
 from orv_testbed.chaos.faults import FAULTS, Words
 from orv_testbed.chaos.play import Clock, play
 from orv_testbed.chaos.rounds import Result, Rounds
@@ -55,6 +59,8 @@ class FakeGateway:
 
     def start(self) -> None:
         self.note("start")
+        if self.breaks == ("start",):
+            raise OSError("no application")
 
     def verdict(self) -> list[str]:
         self.note("verdict")
@@ -169,6 +175,72 @@ def test_a_box_that_cannot_do_it_is_named_and_nothing_is_judged() -> None:
     assert gateway.told[-1] == (20, "broker start")
 
 
+def test_an_application_that_cannot_be_started_is_a_failure_of_the_box() -> None:
+    clock = VirtualClock()
+    gateway = FakeGateway(clock, breaks=("start",))
+    assert play(Schedule(1, (BROKER,)), gateway, clock) == ["the box: start of the application: no application"]
+    assert gateway.told == [(0, "start")]
+
+
+# ---- a box that does not come up, and one that does not go down
+
+
+class FakeBox:
+    """`raises`: by what it does."""
+
+    raises: dict[str, Exception] = {}
+
+    def __init__(self, name: str) -> None:
+        self.folder = pathlib.Path()
+
+    def act(self, what: str) -> None:
+        if what in self.raises:
+            raise self.raises[what]
+
+    def __enter__(self) -> FakeBox:
+        self.act("up")
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.act("down")
+
+
+@pytest.mark.parametrize("when", ["up", "gateway"])
+@pytest.mark.parametrize(
+    "error", [Failed("no room"), OSError("no room"), subprocess.TimeoutExpired("box up", 90)], ids=repr
+)
+def test_a_box_that_does_not_come_up_is_named_and_the_other_rounds_go_on(
+    when: str, error: Exception, tmp_path: pathlib.Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    def gateway_on(box: FakeBox, *_: Any) -> FakeGateway:
+        box.act("gateway")
+        return FakeGateway(VirtualClock())
+
+    (tmp_path / "log").mkdir()
+    monkeypatch.chdir(tmp_path)
+    monkeypatch.setattr(chaos, "Box", FakeBox)
+    monkeypatch.setattr(chaos, "GatewayOnBox", gateway_on)
+    monkeypatch.setattr(chaos, "play", lambda *_: [])
+    monkeypatch.setattr(FakeBox, "raises", {when: error})
+    rounds = Rounds(chaos.on_box, 1, tmp_path / "kept")
+    rounds.run([Schedule(1, (BROKER,)), Schedule(2, (CABLE,))], lambda result: None)
+    assert [result.faults for result in rounds.results] == [[f"the box: {error}"]] * 2
+    assert "2 rounds failed, 2 of them for want of a box" in rounds.summary()
+
+
+def test_a_box_that_does_not_go_down_hides_nothing(tmp_path: pathlib.Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    (tmp_path / "log").mkdir()
+    monkeypatch.chdir(tmp_path)
+    monkeypatch.setattr(chaos, "Box", FakeBox)
+    monkeypatch.setattr(chaos, "GatewayOnBox", lambda *_: None)
+    monkeypatch.setattr(chaos, "play", lambda *_: ["LED"])
+    monkeypatch.setattr(FakeBox, "raises", {"down": Failed("busy")})
+    rounds = Rounds(chaos.on_box, 1, tmp_path / "kept")
+    rounds.run([Schedule(1, (BROKER,))], lambda result: None)
+    assert [result.faults for result in rounds.results] == [["LED", "the box: busy"]]
+    assert "1 rounds failed, 0 of them for want of a box" in rounds.summary()
+
+
 # ---- rounds
 
 
@@ -184,8 +256,8 @@ def test_rounds_are_counted_and_what_failed_is_told(tmp_path: pathlib.Path) -> N
     failing = [schedule for schedule in schedules if ("broker", "stop") in words_of(schedule)]
     assert failing and {result.schedule for result in told if result.faults} == set(failing)
     drawn = sum(len(schedule.strikes) for schedule in schedules)
-    assert rounds.summary(10).startswith(f"60 rounds, {drawn} faults of ")
-    assert f"600 invariants checked, {len(failing)} rounds failed" in rounds.summary(10)
+    assert rounds.summary().startswith(f"60 rounds, {drawn} faults of ")
+    assert f" kinds, {len(failing)} rounds failed" in rounds.summary()
     for result in told:
         assert load(result.folder / "schedule") == result.schedule
 
@@ -229,6 +301,16 @@ def test_what_matters_is_left_when_a_schedule_is_shrunk(at_once: int) -> None:
     assert all(strike.end - strike.begin < 0.5 for strike in small.strikes)
     assert small.seed == found.seed
     assert tried < 80
+
+
+def test_a_failure_of_the_box_is_not_the_fault_that_is_shrunk(tmp_path: pathlib.Path) -> None:
+    faults: dict[tuple[Strike, ...], list[str]] = {
+        (BROKER,): ["the box: busy"],
+        (CABLE,): ["the box: busy", "LED"],
+        (ETHERNET,): ["LED"],
+    }
+    rounds = Rounds(lambda schedule, _number, _folder: faults[schedule.strikes], 1, tmp_path)
+    assert rounds.fail([Schedule(1, strikes) for strikes in faults]) == [False, True, True]
 
 
 def test_a_fault_that_must_last_is_not_shortened_beyond_that() -> None:

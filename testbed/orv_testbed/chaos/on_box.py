@@ -27,26 +27,6 @@ MOST = {"descriptors": ("fd", 48), "threads": ("task", 9)}
 LOOK_UPS = 30.0  # seconds
 LOST = "records were lost"
 PROBATION, PROBATION_ENDS = "Ethernet is on probation", "Ethernet's probation is over"
-# What is compared at the end of each round.
-INVARIANTS = (
-    "the application lives, and ends in good order when it is told to",
-    "the cloud is connected over the right interface",
-    "route state",
-    "default route",
-    "ConnMan's order and name servers",
-    "what the events say",
-    "status file",
-    "error file",
-    "what the broker keeps",
-    "each move is proved by a handshake that the cloud has seen",
-    "each move is told once",
-    "each order follows from a decision",
-    "each message is retained as it must be",
-    "the DNS topic follows the decisions",
-    "every complaint in the log is explained by a fault",
-    "no call of the library has waited",
-    "no descriptor and no thread is left over",
-)
 
 
 class GatewayOnBox:
@@ -73,10 +53,7 @@ class GatewayOnBox:
             self._clocks.append((self._scene.application.mark() if self._scene else 0, int(words[1])))
         if self._scene is None and words[0] == "program":
             return  # there is nothing to suspend yet
-        try:
-            self._box(*words)
-        except subprocess.TimeoutExpired as error:
-            raise AssertionError(str(error)) from error
+        self._box(*words)
 
     def start(self) -> None:
         scene = Scene.__new__(Scene)

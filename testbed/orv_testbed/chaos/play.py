@@ -2,6 +2,7 @@
 """Plays a schedule on a gateway, and says what was wrong."""
 from __future__ import annotations
 
+import subprocess
 import time
 from typing import Protocol
 
@@ -9,6 +10,9 @@ from orv_testbed.chaos.faults import Words
 from orv_testbed.chaos.schedule import Schedule
 
 BEGIN = 0.0
+# What a box raises that cannot do as it is told.
+BOX_FAILURES = (AssertionError, OSError, subprocess.SubprocessError)
+OF_THE_BOX = "the box: "  # begins what is wrong with the box, not with the gateway
 
 
 class Gateway(Protocol):
@@ -42,12 +46,15 @@ def play(schedule: Schedule, gateway: Gateway, clock: Clock) -> list[str]:
     begun: float | None = None
     for when, words in schedule.orders():
         if begun is None and when > BEGIN:
-            gateway.start()
+            try:
+                gateway.start()
+            except BOX_FAILURES as error:
+                return [f"{OF_THE_BOX}start of the application: {error}"]
             begun = clock.now()
         if begun is not None:
             clock.sleep(max(0.0, begun + when - clock.now()))
         try:
             gateway.do(words)
-        except AssertionError as error:
-            return [f"the box: {' '.join(words)}: {error}"]
+        except BOX_FAILURES as error:
+            return [f"{OF_THE_BOX}{' '.join(words)}: {error}"]
     return gateway.verdict()
