@@ -4,8 +4,12 @@
 #include <linux/rtnetlink.h>
 
 #include <algorithm>
+#include <cstring>
+#include <iterator>
 
 namespace OrvSourceRoutes {
+
+const char* const IPV6_SUFFIX = ", IPv6";
 
 using OrvNetlink::Address;
 using OrvNetlink::IpAddress;
@@ -14,6 +18,12 @@ using OrvNetlink::Route;
 using OrvNetlink::Rule;
 
 namespace {
+
+const Link* FindLink(const InterfaceTable& entry, const Snapshot& snapshot) {
+    const auto found = std::find_if(snapshot.links.begin(), snapshot.links.end(),
+                                    [&](const Link& candidate) { return candidate.name == entry.interface; });
+    return found == snapshot.links.end() ? nullptr : &*found;
+}
 
 bool IsOthersInMainTable(const Route& route, unsigned link) {
     return route.family == AF_INET6 && route.table == RT_TABLE_MAIN && route.protocol != OWN_PROTOCOL &&
@@ -85,11 +95,9 @@ void FindRouter(Ipv6State& state, const InterfaceTable& entry, const Snapshot& s
 
 Ipv6State LookAtIpv6(const InterfaceTable& entry, const Snapshot& snapshot) {
     Ipv6State state;
-    const auto link = std::find_if(snapshot.links.begin(), snapshot.links.end(),
-                                   [&](const Link& candidate) { return candidate.name == entry.interface; });
-    if (link == snapshot.links.end())
+    state.link = FindLink(entry, snapshot);
+    if (state.link == nullptr)
         return state;
-    state.link = &*link;
     FindNetworks(state, entry, snapshot);
     FindRouter(state, entry, snapshot);
     return state;
@@ -145,6 +153,37 @@ void AddIpv6Default(const std::vector<InterfaceTable>& tables, const std::vector
             route.gateway = states[i].gateway;
         plan.routes.push_back(route);
     }
+}
+
+void LeaveOutIpv6(Plan& plan) {
+    const auto leaveOut = [](auto& entries) {
+        const auto isIpv6 = [](const auto& entry) { return entry.family == AF_INET6; };
+        entries.erase(std::remove_if(entries.begin(), entries.end(), isIpv6), entries.end());
+    };
+    leaveOut(plan.routes);
+    leaveOut(plan.rules);
+    for (auto reason = plan.reasons.begin(); reason != plan.reasons.end();) {
+        const std::size_t comma = reason->first.rfind(IPV6_SUFFIX);
+        const bool isIpv6 = comma != std::string::npos && comma + std::strlen(IPV6_SUFFIX) == reason->first.size();
+        reason = isIpv6 ? plan.reasons.erase(reason) : std::next(reason);
+    }
+}
+
+std::optional<std::chrono::milliseconds> FirstExpiry(const std::vector<InterfaceTable>& tables,
+                                                     const Snapshot& snapshot) {
+    constexpr std::chrono::milliseconds behind(20);
+    std::optional<std::chrono::milliseconds> first;
+    for (const InterfaceTable& entry : tables) {
+        const Link* link = FindLink(entry, snapshot);
+        for (const Route& route : snapshot.routes) {
+            if (link == nullptr || !IsOthersInMainTable(route, link->index) || !route.IsDefault() || !route.lifetime)
+                continue;
+            const std::chrono::milliseconds over =
+                std::min<std::chrono::milliseconds>(*route.lifetime + behind, std::chrono::hours(1));
+            first = first ? std::min(*first, over) : over;
+        }
+    }
+    return first;
 }
 
 } // namespace OrvSourceRoutes

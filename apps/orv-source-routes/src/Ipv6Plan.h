@@ -3,10 +3,15 @@
 
 #include "Planner.h"
 
+#include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace OrvSourceRoutes {
+
+/// Ends the name of an interface whose line in the log is about IPv6.
+extern const char* const IPV6_SUFFIX;
 
 /// What an interface has of IPv6, as far as the kernel and the routers' advertisements say.
 struct Ipv6State {
@@ -35,5 +40,13 @@ std::string Ipv6Reason(const InterfaceTable& entry, const Ipv6State& state);
 /// @param states of the interfaces, in the order of the tables
 void AddIpv6Default(const std::vector<InterfaceTable>& tables, const std::vector<Ipv6State>& states,
                     const std::string& defaultInterface, Plan& plan);
+
+/// Takes everything of IPv6 out of the plan, for a kernel without rules for it: there all routes are in one table.
+void LeaveOutIpv6(Plan& plan);
+
+/// When to look at the interfaces' routers again: shortly after the first lifetime is over, and within the hour.
+/// Nothing when all of them stay until somebody removes them.
+std::optional<std::chrono::milliseconds> FirstExpiry(const std::vector<InterfaceTable>& tables,
+                                                     const Snapshot& snapshot);
 
 } // namespace OrvSourceRoutes

@@ -107,6 +107,10 @@ Plan Planner::Decide(const Snapshot& snapshot) {
     return plan;
 }
 
+std::optional<std::chrono::milliseconds> Planner::NextExpiry(const Snapshot& snapshot) const {
+    return FirstExpiry(tables, snapshot);
+}
+
 void Planner::DecideIpv6(const Snapshot& snapshot, Plan& plan) {
     std::vector<Ipv6State> states;
     for (const InterfaceTable& entry : tables) {
@@ -115,7 +119,7 @@ void Planner::DecideIpv6(const Snapshot& snapshot, Plan& plan) {
         if (!states.back().ownNetworks.empty())
             withIpv6.insert(entry.interface);
         if (withIpv6.count(entry.interface) != 0)
-            plan.reasons[entry.interface + ", IPv6"] = Ipv6Reason(entry, states.back());
+            plan.reasons[entry.interface + IPV6_SUFFIX] = Ipv6Reason(entry, states.back());
     }
     const std::string& told = snapshot.defaultInterface;
     AddIpv6Default(tables, states, told.empty() ? Ipv4DefaultInterface(snapshot) : told, plan);

@@ -3,8 +3,10 @@
 
 #include <OrvNetlink/Messages.h>
 
+#include <chrono>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -68,6 +70,9 @@ public:
     explicit Planner(std::vector<InterfaceTable> interfaceTables) : tables(std::move(interfaceTables)) {}
 
     Plan Decide(const Snapshot& snapshot);
+
+    /// When the next lifetime of an interface's IPv6 router is over, an hour at the most; nothing when none will be.
+    std::optional<std::chrono::milliseconds> NextExpiry(const Snapshot& snapshot) const;
 
 private:
     struct Router {

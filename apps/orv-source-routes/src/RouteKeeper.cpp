@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "RouteKeeper.h"
 
+#include "Ipv6Plan.h"
 #include "log/LogLevel.h"
 
 #include <linux/rtnetlink.h>
@@ -41,14 +42,26 @@ std::string Describe(const Rule& rule) {
     return (rule.family == AF_INET6 ? "IPv6 rule " : "rule ") + what + " lookup " + std::to_string(rule.table);
 }
 
-std::optional<std::chrono::milliseconds> FirstExpiry(const Snapshot& snapshot) {
-    constexpr std::chrono::milliseconds behind(20);
-    std::optional<std::chrono::milliseconds> first;
+std::string Failure(const std::string& what, const std::error_code& verdict) {
+    return "cannot " + what + ": " + verdict.message() +
+           (verdict.value() == EEXIST ? "; another program's entry stands there, give the interface another table with "
+                                        "--interface NAME=TABLE"
+                                      : "; trying again");
+}
+
+/// What keeps this program's default route out of the main table.
+std::string InTheWay(const Snapshot& snapshot) {
+    std::string which = "a default route";
     for (const Route& route : snapshot.routes) {
-        if (route.IsDefault() && route.lifetime && !route.IsOver() && (!first || *route.lifetime + behind < *first))
-            first = *route.lifetime + behind;
+        if (route.family != AF_INET6 || route.table != RT_TABLE_MAIN || !route.IsDefault() ||
+            route.metric != IPV6_METRIC || route.protocol == OWN_PROTOCOL)
+            continue;
+        which = "default" + (route.gateway ? " via " + route.gateway.Text() : std::string());
+        for (const OrvNetlink::Link& link : snapshot.links)
+            which += link.index == route.link ? " dev " + link.name : "";
     }
-    return first;
+    return "cannot direct IPv6 that is not bound: another program has the route \"" + which + " metric " +
+           std::to_string(IPV6_METRIC) + "\" (see ip -6 route show default); give it another metric";
 }
 
 /// The kernel's setting; 0 when there is none.
@@ -69,18 +82,35 @@ std::optional<Snapshot> ReadSnapshot(OrvNetlink::Socket& requests) {
     return whole ? std::optional<Snapshot>(std::move(snapshot)) : std::nullopt;
 }
 
-RouteKeeper::RouteKeeper(std::vector<InterfaceTable> tables)
-    : planner(std::move(tables)), logger("OrvSourceRoutes", OrvLog::INFO) {}
+std::error_code AskForIpv6Rules(OrvNetlink::Socket& requests) {
+    alignas(nlmsghdr) char room[OrvNetlink::MESSAGE_ROOM];
+    Rule nobodys;
+    nobodys.family = AF_INET6;
+    nobodys.priority = nobodys.table = BEHIND_MAIN;
+    nobodys.protocol = OWN_PROTOCOL;
+    nobodys.interface = "none";
+    return requests.Request(OrvNetlink::WriteRule(room, RTM_DELRULE, 0, nobodys));
+}
+
+RouteKeeper::RouteKeeper(std::vector<InterfaceTable> tables, Ipv6Question question)
+    : planner(std::move(tables)), askForIpv6Rules(std::move(question)), logger("OrvSourceRoutes", OrvLog::INFO) {}
 
 bool RouteKeeper::Refresh(const std::string& defaultInterface) {
     std::optional<Snapshot> snapshot = ReadSnapshot(requests);
     if (!snapshot)
-        return ReportFailures({"cannot see the kernel's links, addresses, routes and rules: they change all the time"});
+        return ReportFailures(
+            {{"cannot see the kernel's links, addresses, routes and rules: they change all the time", true}});
     snapshot->defaultInterface = defaultInterface;
-    nextExpiry = FirstExpiry(*snapshot);
+    nextExpiry = planner.NextExpiry(*snapshot);
     ipv4Default = Ipv4DefaultInterface(*snapshot);
-    const Plan plan = planner.Decide(*snapshot);
-    const bool done = ReportFailures(Apply(Difference(*snapshot, plan)));
+    Plan plan = planner.Decide(*snapshot);
+    const bool wantsIpv6 =
+        std::any_of(plan.rules.begin(), plan.rules.end(), [](const Rule& rule) { return rule.family == AF_INET6; });
+    if (hasIpv6Rules == false || (wantsIpv6 && !HasIpv6Rules())) {
+        LeaveOutIpv6(plan);
+        nextExpiry.reset();
+    }
+    const bool done = ReportFailures(Apply(Difference(*snapshot, plan), *snapshot));
     if (done)
         Report(plan);
     return done;
@@ -88,53 +118,72 @@ bool RouteKeeper::Refresh(const std::string& defaultInterface) {
 
 bool RouteKeeper::Withdraw() {
     const std::optional<Snapshot> snapshot = ReadSnapshot(requests);
-    return snapshot && ReportFailures(Apply(Difference(*snapshot, Plan{})));
+    return snapshot && ReportFailures(Apply(Difference(*snapshot, Plan{}), *snapshot));
 }
 
-RouteKeeper::Failures RouteKeeper::Apply(const Changes& changes) {
+/// Without them the kernel would put the routes of all tables into the main table.
+bool RouteKeeper::HasIpv6Rules() {
+    if (!hasIpv6Rules) {
+        const int verdict = askForIpv6Rules(requests).value();
+        hasIpv6Rules = verdict != EAFNOSUPPORT && verdict != EOPNOTSUPP;
+        if (!*hasIpv6Rules)
+            logger.Warning() << "the kernel has no rules for IPv6 (CONFIG_IPV6_MULTIPLE_TABLES): IPv6 is left out";
+    }
+    return *hasIpv6Rules;
+}
+
+RouteKeeper::Failures RouteKeeper::Apply(const Changes& changes, const Snapshot& snapshot) {
     alignas(nlmsghdr) char room[OrvNetlink::MESSAGE_ROOM];
     Failures found;
+    const auto send = [&](nlmsghdr& message, const std::string& what, int harmless) {
+        const std::error_code verdict = Send(message, what);
+        if (verdict && verdict.value() != harmless)
+            found[Failure(what, verdict)] = true;
+    };
     // A rule stands only while its table is filled.
     for (const Rule& rule : changes.rulesToRemove)
-        found.insert(Send(OrvNetlink::WriteRule(room, RTM_DELRULE, 0, rule), "remove " + Describe(rule), ENOENT));
+        send(OrvNetlink::WriteRule(room, RTM_DELRULE, 0, rule), "remove " + Describe(rule), ENOENT);
     for (const Route& route : changes.routesToRemove)
-        found.insert(Send(OrvNetlink::WriteRoute(room, RTM_DELROUTE, 0, route), "remove " + Describe(route), ESRCH));
-    for (const Changes::Addition& addition : changes.routesToAdd) {
-        const std::uint16_t how = addition.replaces ? NLM_F_REPLACE : NLM_F_EXCL;
-        const std::uint16_t flags = static_cast<std::uint16_t>(NLM_F_CREATE | how);
-        found.insert(Send(OrvNetlink::WriteRoute(room, RTM_NEWROUTE, flags, addition.route),
-                          "add " + Describe(addition.route), 0));
-    }
+        send(OrvNetlink::WriteRoute(room, RTM_DELROUTE, 0, route), "remove " + Describe(route), ESRCH);
+    for (const Changes::Addition& addition : changes.routesToAdd)
+        AddRoute(addition, snapshot, found);
     for (const Rule& rule : changes.rulesToAdd)
-        found.insert(Send(OrvNetlink::WriteRule(room, RTM_NEWRULE, NLM_F_CREATE | NLM_F_EXCL, rule),
-                          "add " + Describe(rule), 0));
-    found.erase(std::string());
+        send(OrvNetlink::WriteRule(room, RTM_NEWRULE, NLM_F_CREATE | NLM_F_EXCL, rule), "add " + Describe(rule), 0);
     return found;
 }
 
-/// @return what went wrong; empty when nothing did
-std::string RouteKeeper::Send(nlmsghdr& message, const std::string& what, int harmless) {
-    const std::error_code verdict = requests.Request(message);
-    if (!verdict || verdict.value() == harmless)
-        return {};
-    if (verdict.value() == EPERM)
-        throw std::system_error(verdict, "cannot " + what + " (run it as root or with CAP_NET_ADMIN)");
-    return "cannot " + what + ": " + verdict.message() +
-           (verdict.value() == EEXIST ? "; another program's entry stands there, give the interface another table with "
-                                        "--interface NAME=TABLE"
-                                      : "; trying again");
+void RouteKeeper::AddRoute(const Changes::Addition& addition, const Snapshot& snapshot, Failures& found) {
+    alignas(nlmsghdr) char room[OrvNetlink::MESSAGE_ROOM];
+    const std::string what = "add " + Describe(addition.route);
+    const std::uint16_t how = addition.replaces ? NLM_F_REPLACE : NLM_F_EXCL;
+    const auto flags = static_cast<std::uint16_t>(NLM_F_CREATE | how);
+    const std::error_code verdict = Send(OrvNetlink::WriteRoute(room, RTM_NEWROUTE, flags, addition.route), what);
+    if (verdict.value() == EEXIST && addition.route.table == RT_TABLE_MAIN)
+        found[InTheWay(snapshot)] = false; // the kernel tells when that one goes
+    else if (verdict)
+        found[Failure(what, verdict)] = true;
 }
 
-/// @return true when there are none
+std::error_code RouteKeeper::Send(nlmsghdr& message, const std::string& what) {
+    const std::error_code verdict = requests.Request(message);
+    if (verdict.value() == EPERM)
+        throw std::system_error(verdict, "cannot " + what + " (run it as root or with CAP_NET_ADMIN)");
+    return verdict;
+}
+
+/// @return true when no other attempt is needed
 bool RouteKeeper::ReportFailures(Failures found) {
-    for (const std::string& failure : found) {
+    for (const auto& [failure, again] : found) {
         if (failures.count(failure) == 0)
             logger.Warning() << failure;
     }
-    if (found.empty() && !failures.empty())
+    const bool done = std::none_of(found.begin(), found.end(), [](const auto& failure) { return failure.second; });
+    const bool better = std::any_of(failures.begin(), failures.end(),
+                                    [&](const auto& failure) { return found.count(failure.first) == 0; });
+    if (done && better)
         reported.clear(); // so that the log says how it is now
     failures = std::move(found);
-    return failures.empty();
+    return done;
 }
 
 void RouteKeeper::Report(const Plan& plan) {

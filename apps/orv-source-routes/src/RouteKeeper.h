@@ -7,10 +7,11 @@
 #include <OrvNetlink/Socket.h>
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <optional>
-#include <set>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace OrvSourceRoutes {
@@ -19,10 +20,18 @@ namespace OrvSourceRoutes {
 /// @throws std::system_error
 std::optional<Snapshot> ReadSnapshot(OrvNetlink::Socket& requests);
 
+/// Whether the kernel has rules for IPv6: it is asked to remove one that is not there.
+/// @return EAFNOSUPPORT, or EOPNOTSUPP where it has no rules at all; otherwise the verdict on that removal
+/// @throws std::system_error
+std::error_code AskForIpv6Rules(OrvNetlink::Socket& requests);
+
 /// Brings the kernel's rules and routes in line with the plan. One thread.
 class RouteKeeper {
 public:
-    explicit RouteKeeper(std::vector<InterfaceTable> tables);
+    using Ipv6Question = std::function<std::error_code(OrvNetlink::Socket&)>;
+
+    /// @param question asked once, before the first route in IPv6
+    explicit RouteKeeper(std::vector<InterfaceTable> tables, Ipv6Question question = AskForIpv6Rules);
 
     /// Looks at the kernel's state and corrects this program's entries.
     /// @param defaultInterface what the connection manager calls its default; empty when it does not tell
@@ -41,16 +50,21 @@ public:
     bool Withdraw();
 
 private:
-    using Failures = std::set<std::string>;
+    /// By their texts: whether another attempt is of use before the kernel tells of a change.
+    using Failures = std::map<std::string, bool>;
 
-    Failures Apply(const Changes& changes);
-    std::string Send(nlmsghdr& message, const std::string& what, int harmless);
+    bool HasIpv6Rules();
+    Failures Apply(const Changes& changes, const Snapshot& snapshot);
+    void AddRoute(const Changes::Addition& addition, const Snapshot& snapshot, Failures& found);
+    std::error_code Send(nlmsghdr& message, const std::string& what);
     bool ReportFailures(Failures found);
     void Report(const Plan& plan);
     void CheckReversePathFilter(const std::string& interface);
 
     OrvNetlink::Socket requests;
     Planner planner;
+    const Ipv6Question askForIpv6Rules;
+    std::optional<bool> hasIpv6Rules; // not asked yet
     std::map<std::string, std::string> reported;
     std::optional<std::chrono::milliseconds> nextExpiry;
     std::string ipv4Default;

@@ -175,6 +175,27 @@ TEST_F(AGatewayWithIpv6, TakesTheRouterAwayWhenItsLifetimeIsOver) {
     EXPECT_EQ(InMain(), std::vector<Route>{Own(RT_TABLE_MAIN, 0, "::", 0)});
 }
 
+TEST_F(AGatewayWithIpv6, IsLookedAtAgainWhenTheFirstLifetimeIsOver) {
+    RouteOf(CELL).lifetime = 90s;
+    EXPECT_GT(planner.NextExpiry(now), 90s);
+    EXPECT_LT(planner.NextExpiry(now), 91s);
+    RouteOf(CELL).lifetime = -1s;
+    EXPECT_GT(planner.NextExpiry(now), 600s);
+    RouteOf(ETH).lifetime.reset();
+    EXPECT_FALSE(planner.NextExpiry(now));
+}
+
+TEST_F(AGatewayWithIpv6, IsLookedAtAgainWithinTheHour) {
+    RouteOf(ETH).lifetime = RouteOf(CELL).lifetime = 100 * 24h;
+    EXPECT_EQ(planner.NextExpiry(now), 1h);
+}
+
+TEST_F(AGatewayWithIpv6, IsNotLookedAtForTheSakeOfOtherInterfacesRouters) {
+    now.links.push_back({9, "lan0", true, false});
+    Advertised(9, "fe80::5").lifetime = 3s;
+    EXPECT_GT(planner.NextExpiry(now), 600s);
+}
+
 TEST_F(AGatewayWithIpv6, TakesTheRouterOfHigherPreference) {
     Advertised(ETH, "fe80::9").preference = 1;
     EXPECT_EQ(RouterIn(1011), Ip("fe80::9"));

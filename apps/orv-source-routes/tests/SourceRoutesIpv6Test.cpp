@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // The program itself and the kernel's own answers to router advertisements, in a network namespace of the test's own.
 #include "PrivateBus.h"
+#include "RouteKeeper.h"
 #include "RouterAdvertisement.h"
 #include "SourceRoutesProgram.h"
 
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <memory>
 
@@ -199,6 +201,47 @@ TEST_F(ANetworkWithTwoIpv6Providers, GetsTheRouteBackWithTheCarrier) {
     ASSERT_TRUE(Eventually([] { return !LinkLocalOf("wwan0-far").empty() && !LinkLocalOf("wwan0").empty(); }));
     ASSERT_TRUE(Advertise("wwan0-far", {600, CELL_PREFIX + ":"}));
     EXPECT_TRUE(Eventually([] { return BothBoundGoThere(); }));
+}
+
+TEST_F(ANetworkWithTwoIpv6Providers, SaysOnceWhoseRouteStandsInTheWayOfTheDefault) {
+    ASSERT_TRUE(Ip("addr add 10.11.0.179/24 dev eth0") && Ip("route add default via 10.11.0.1"));
+    ASSERT_TRUE(Ip("-6 route add default via fe80::7 dev wwan0-far metric 100 proto static"));
+    const LogFile log;
+    Program program(log.path);
+    BothAdvertise();
+    EXPECT_TRUE(Eventually([&] { return log.LinesWith("wwan0, IPv6: bound connections go via") == 1; }));
+    EXPECT_TRUE(BothBoundGoThere());
+    EXPECT_EQ(log.LinesWith("another program has the route \"default via fe80::7 dev wwan0-far metric 100\""), 1);
+    EXPECT_EQ(log.LinesWith("--interface"), 0);
+    ASSERT_TRUE(Ip("-6 route del default via fe80::7 dev wwan0-far metric 100"));
+    EXPECT_TRUE(Eventually([] { return Ip("-6 route show default | grep -q 'dev eth0 proto 111'"); }));
+    EXPECT_EQ(log.LinesWith("cannot"), 1);
+}
+
+TEST_F(ANetworkWithTwoIpv6Providers, LeavesIpv6OutWhereTheKernelHasNoRulesForIt) {
+    ASSERT_TRUE(Ip("addr add 10.11.0.179/24 dev eth0") && Ip("route add default via 10.11.0.1"));
+    BothAdvertise();
+    for (const int verdict : {EAFNOSUPPORT, EOPNOTSUPP}) {
+        RouteKeeper keeper({{"eth0", 1011}, {"wwan0", 1012}},
+                           [&](OrvNetlink::Socket&) { return std::error_code(verdict, std::generic_category()); });
+        testing::internal::CaptureStderr();
+        EXPECT_TRUE(keeper.Refresh());
+        EXPECT_TRUE(keeper.Refresh());
+        const std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_NE(log.find("eth0: bound connections go via 10.11.0.1"), std::string::npos) << log;
+        const std::size_t warning = log.find("IPv6 is left out");
+        EXPECT_NE(warning, std::string::npos) << log;
+        EXPECT_EQ(log.find("IPv6 is left out", warning + 1), std::string::npos) << log;
+        EXPECT_EQ(log.find("0, IPv6:"), std::string::npos) << log;
+        EXPECT_EQ(OwnEntries(), 4U);
+        EXPECT_EQ(keeper.NextExpiry(), std::nullopt);
+        EXPECT_TRUE(keeper.Withdraw());
+    }
+}
+
+TEST_F(ANetworkWithTwoIpv6Providers, HasAKernelWithRulesForIpv6) {
+    OrvNetlink::Socket requests;
+    EXPECT_EQ(AskForIpv6Rules(requests).value(), ENOENT);
 }
 
 TEST_F(ANetworkWithTwoIpv6Providers, SaysNothingOfIpv6WhereItIsSwitchedOff) {
