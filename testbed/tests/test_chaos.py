@@ -14,7 +14,7 @@ from orv_testbed.box import Failed
 from orv_testbed.chaos import __main__ as chaos
 from orv_testbed.chaos.faults import FAULTS, Words
 from orv_testbed.chaos.play import Clock, play
-from orv_testbed.chaos.rounds import Result, Rounds
+from orv_testbed.chaos.rounds import HOPELESS, Result, Rounds
 from orv_testbed.chaos.schedule import NoSchedule, Schedule, Strike, draw, load, overlap
 from orv_testbed.chaos.shrink import shrink
 from orv_testbed.fault_record import after
@@ -226,6 +226,17 @@ def test_a_box_that_does_not_come_up_is_named_and_the_other_rounds_go_on(
     rounds.run([Schedule(1, (BROKER,)), Schedule(2, (CABLE,))], lambda result: None)
     assert [result.faults for result in rounds.results] == [[f"the box: {error}"]] * 2
     assert "2 rounds failed, 2 of them for want of a box" in rounds.summary()
+
+
+def test_no_round_is_begun_any_more_where_no_box_comes_up(tmp_path: pathlib.Path) -> None:
+    played = itertools.count()
+
+    def works_once(*_: Any) -> list[str]:
+        return [] if next(played) == 5 else ["the box: no room"]
+
+    rounds = Rounds(works_once, 1, tmp_path)
+    rounds.run([draw(1)] * 200, lambda result: None)
+    assert len(rounds.results) == 6 + HOPELESS
 
 
 def test_a_box_that_does_not_go_down_hides_nothing(tmp_path: pathlib.Path, monkeypatch: pytest.MonkeyPatch) -> None:

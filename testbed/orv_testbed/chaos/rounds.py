@@ -14,6 +14,7 @@ from collections.abc import Callable, Iterable, Sequence
 from orv_testbed.chaos.play import OF_THE_BOX
 from orv_testbed.chaos.schedule import Schedule
 
+HOPELESS = 10  # rounds in a row that no box could carry out
 # Plays a schedule on the box of that number; `folder` gets logs. Returns what was wrong.
 Play = Callable[[Schedule, int, pathlib.Path], list[str]]
 
@@ -40,13 +41,16 @@ class Rounds:
         self.results: list[Result] = []
 
     def run(self, schedules: Iterable[Schedule], tell: Callable[[Result], None], until: float | None = None) -> None:
-        """Begins none after `until`, of time.monotonic(). `tell` is called once for each, in the order of their ends."""
+        """Begins none after `until`, of time.monotonic(), and none where no box works.
+
+        `tell` is called once for each, in the order of their ends.
+        """
         remaining = iter(schedules)
 
         def worker() -> None:
             while until is None or time.monotonic() < until:
                 with self._lock:
-                    schedule = next(remaining, None)
+                    schedule = None if self._is_hopeless() else next(remaining, None)
                 if schedule is None:
                     return
                 result = self._one(schedule)
@@ -57,6 +61,10 @@ class Rounds:
         with concurrent.futures.ThreadPoolExecutor(self._boxes) as pool:
             for done in [pool.submit(worker) for _ in range(self._boxes)]:
                 done.result()
+
+    def _is_hopeless(self) -> bool:
+        last = self.results[-HOPELESS:]
+        return len(last) == HOPELESS and all(result.faults and not result.found for result in last)
 
     def fail(self, schedules: Sequence[Schedule]) -> list[bool]:
         """Which of them fail, and not for want of a box; side by side."""
