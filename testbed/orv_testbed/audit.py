@@ -31,14 +31,16 @@ def true_times(log: str, clocks: Clocks) -> Iterator[tuple[float, str]]:
 
     Nobody knows exactly between which two lines a clock was changed: a line is from the time that is nearest to the one before.
     """
-    offsets = [0.0, *(off for _, off in clocks)]
+    offsets = [off for _, off in clocks]
+    if not clocks or clocks[0][0] > 0:
+        offsets.insert(0, 0.0)
     last: float | None = None
     for line in log.splitlines():
         if line[:2] != "20":
             continue
         told = at(line.split(" ", 1)[0])
         if last is None:
-            last = told - (clocks[0][1] if clocks and clocks[0][0] == 0 else 0.0)
+            last = told - offsets[0]
         else:
             last = min((told - off for off in offsets), key=functools.partial(_distance, last))
         yield last, line

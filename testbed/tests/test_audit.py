@@ -75,6 +75,12 @@ def test_a_clock_that_was_wrong_at_the_start_is_taken_off() -> None:
     assert right == at("2026-01-01T09:00:01.000Z")
 
 
+def test_a_clock_that_is_behind_from_the_start_is_not_taken_for_right_when_that_is_nearer() -> None:
+    lines = "".join(f"2026-01-01T10:00:0{second}.000Z info [Test] a line\n" for second in range(3))
+    times = [time for time, _ in true_times(lines, [(0, -0.5)])]
+    assert [time - times[0] for time in times] == [0, 1, 2]
+
+
 def passage(side: str, source: str, port: int = 443) -> Passage:
     family, target = ("6", "2001:db8:51::10") if ":" in source else ("4", "198.51.100.10")
     return Passage("2026-01-01T00:00:00.000Z", side, family, source, 40000, target, port)
