@@ -3,7 +3,9 @@
 
 #include <connman/ConnmanMessages.h>
 
+#include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -17,13 +19,15 @@ namespace Messages = OrvPlatform::ConnmanMessages;
 
 namespace {
 
-constexpr auto PATIENCE = 1000ms;
-constexpr auto RETRY = 1s;
-constexpr auto LOOK_AGAIN = 60s; // also without a signal: any local program may have filled the bus's queue
+constexpr std::chrono::seconds FIRST_PAUSE = 1s;
+constexpr std::chrono::seconds LONGEST_PAUSE = 10s; // without a bus
+// Also without a signal: any local program may have filled the bus's queue.
+constexpr std::chrono::seconds LOOK_AGAIN = 60s;
 
 } // namespace
 
-ConnmanDefault::ConnmanDefault(std::string address) : busAddress(std::move(address)) {
+ConnmanDefault::ConnmanDefault(std::string address, std::chrono::milliseconds wait)
+    : busAddress(std::move(address)), patience(wait) {
     wake.Open();
     news.Open();
     thread = std::thread([this] { Run(); });
@@ -57,25 +61,39 @@ void ConnmanDefault::Set(const std::string& fresh) {
 
 void ConnmanDefault::Run() {
     MessageBus bus(wake, [this] { return stopping.load(); });
+    std::chrono::seconds pause = FIRST_PAUSE;
     while (!stopping) {
-        if (bus.Open(busAddress, PATIENCE).empty())
+        if (bus.Open(busAddress, patience).empty() && Listen(bus)) {
+            pause = FIRST_PAUSE;
             Follow(bus);
+        }
         Set({});
         bus.Close();
-        const auto until = MessageBus::Clock::now() + RETRY;
+        const auto until = MessageBus::Clock::now() + pause;
         while (!stopping && MessageBus::Clock::now() < until)
             bus.Wait(until);
+        pause = std::min(2 * pause, LONGEST_PAUSE);
     }
+}
+
+/// @return false when the bus does not do it: changes would go unheard
+bool ConnmanDefault::Listen(MessageBus& bus) {
+    const std::string signals = "type='signal',sender='" + std::string(Messages::NAME) + "',interface='";
+    const std::string rules[] = {
+        "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" + std::string(Messages::NAME) +
+            "'",
+        signals + Messages::MANAGER + "',member='ServicesChanged'",
+        signals + Messages::SERVICE + "',member='PropertyChanged',arg0='State'",
+    };
+    return std::all_of(std::begin(rules), std::end(rules), [&](const std::string& rule) {
+        return bus.CallBus(Messages::AddMatch(rule), patience).message != nullptr;
+    });
 }
 
 void ConnmanDefault::Follow(MessageBus& bus) {
     bool changed = true;
     bus.OnSignal([&changed](DBusMessage&) { changed = true; }); // whoever sent it: the answer is asked of ConnMan
-    const std::string name = Messages::NAME;
-    for (const std::string& rule :
-         {"type='signal',sender='" + name + "'",
-          "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" + name + "'"})
-        bus.CallBus(Messages::AddMatch(rule), PATIENCE);
+    std::chrono::seconds pause = FIRST_PAUSE;
     while (!stopping && bus.IsOpen()) {
         changed = false;
         asked = false;
@@ -84,7 +102,9 @@ void ConnmanDefault::Follow(MessageBus& bus) {
             break;
         if (fresh)
             Set(*fresh);
-        const auto until = MessageBus::Clock::now() + LOOK_AGAIN;
+        // The signal that led to a question without an answer does not come again.
+        const auto until = MessageBus::Clock::now() + (fresh ? LOOK_AGAIN : pause);
+        pause = fresh ? FIRST_PAUSE : std::min(2 * pause, LOOK_AGAIN);
         bus.HandleArrived();
         while (!stopping && bus.IsOpen() && !changed && !asked && MessageBus::Clock::now() < until)
             bus.Wait(until);
@@ -94,11 +114,13 @@ void ConnmanDefault::Follow(MessageBus& bus) {
 
 /// @return nothing when it cannot be told: what was true before counts
 std::optional<std::string> ConnmanDefault::Ask(MessageBus& bus) {
-    const MessageBus::Reply owner = bus.CallBus(Messages::GetNameOwner(), PATIENCE);
+    const MessageBus::Reply owner = bus.CallBus(Messages::GetNameOwner(), patience);
     if (!owner.message)
         return owner.isOwnerless ? std::optional<std::string>(std::string()) : std::nullopt;
-    const MessageBus::Reply reply =
-        bus.Call(Messages::GetServices(Messages::ReadOwner(*owner.message)), PATIENCE, [] {});
+    const std::string name = Messages::ReadOwner(*owner.message);
+    if (name.empty())
+        return std::nullopt;
+    const MessageBus::Reply reply = bus.Call(Messages::GetServices(name), patience, [] {});
     const auto list = reply.message ? Messages::ReadServices(*reply.message) : std::nullopt;
     if (!list)
         return std::nullopt;

@@ -5,6 +5,7 @@
 #include <connman/MessageBus.h>
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -16,7 +17,8 @@ namespace OrvSourceRoutes {
 class ConnmanDefault {
 public:
     /// @param address of the message bus
-    explicit ConnmanDefault(std::string address);
+    /// @param wait for an answer of the bus
+    explicit ConnmanDefault(std::string address, std::chrono::milliseconds wait = std::chrono::seconds(1));
     ~ConnmanDefault();
     ConnmanDefault(const ConnmanDefault&) = delete;
     ConnmanDefault& operator=(const ConnmanDefault&) = delete;
@@ -31,11 +33,13 @@ public:
 
 private:
     void Run();
+    bool Listen(OrvPlatform::MessageBus& bus);
     void Follow(OrvPlatform::MessageBus& bus);
     std::optional<std::string> Ask(OrvPlatform::MessageBus& bus);
     void Set(const std::string& fresh);
 
     const std::string busAddress;
+    const std::chrono::milliseconds patience;
     OrvPlatform::Waker wake;
     OrvPlatform::Waker news;
     std::atomic<bool> stopping{false};

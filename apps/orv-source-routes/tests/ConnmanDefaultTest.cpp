@@ -1,0 +1,103 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "ConnmanDefault.h"
+
+#include "ScriptedBus.h"
+
+#include <dbus/dbus.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <poll.h>
+#include <string>
+
+namespace OrvSourceRoutes {
+namespace {
+
+using namespace std::chrono_literals;
+using OrvTest::ScriptedBus;
+
+// A question comes within the bus's 20 s of patience, or the test fails: well before the look of each minute.
+class ConnmansDefault : public testing::Test {
+protected:
+    /// True once the interface is the one; false when it is not in good time.
+    bool Becomes(const std::string& interface) {
+        while (connman.Interface() != interface) {
+            pollfd news{connman.Descriptor(), POLLIN, 0};
+            if (poll(&news, 1, 20'000) != 1)
+                return false;
+            connman.TakeChanged();
+        }
+        return true;
+    }
+    ScriptedBus::Message KnowsWhoConnmanIs() {
+        bus.Send(bus.Return(bus.Expect("GetNameOwner"), bus.DRIVER, bus.MANAGER));
+        return bus.Expect("GetServices");
+    }
+    std::string NextRule() {
+        const ScriptedBus::Message call = bus.Expect("AddMatch");
+        const char* rule = "";
+        dbus_message_get_args(call.get(), nullptr, DBUS_TYPE_STRING, &rule, DBUS_TYPE_INVALID);
+        std::string text = rule;
+        bus.Send(bus.Return(call, bus.DRIVER));
+        return text;
+    }
+
+    ScriptedBus bus;
+    ConnmanDefault connman{bus.Address(), 20s}; // however slow this machine is
+};
+
+TEST_F(ConnmansDefault, IsTheFirstServicesInterface) {
+    bus.SetUpWith({{"eth0", "ready"}, {"wwan0", "ready"}});
+    EXPECT_TRUE(Becomes("eth0"));
+    bus.Send(bus.Reordered(bus.MANAGER, {{"wwan0", ""}, {"eth0", ""}}));
+    bus.Send(bus.Services(KnowsWhoConnmanIs(), {{"wwan0", "ready"}, {"eth0", "ready"}}));
+    EXPECT_TRUE(Becomes("wwan0"));
+}
+
+TEST_F(ConnmansDefault, IsAskedForAgainSoonAfterAnError) {
+    bus.SetUpWith({{"eth0", "ready"}});
+    ASSERT_TRUE(Becomes("eth0"));
+    bus.Send(bus.Reordered(bus.MANAGER, {{"wwan0", ""}, {"eth0", ""}}));
+    bus.Send(bus.Error(KnowsWhoConnmanIs(), bus.MANAGER, "net.connman.Error.Failed"));
+    bus.Send(bus.Services(KnowsWhoConnmanIs(), {{"wwan0", "ready"}}));
+    EXPECT_TRUE(Becomes("wwan0"));
+}
+
+TEST_F(ConnmansDefault, IsAskedForAgainSoonAfterAnAnswerThatCannotBeRead) {
+    bus.SetUpWith({{"eth0", "ready"}});
+    ASSERT_TRUE(Becomes("eth0"));
+    bus.Send(bus.Reordered(bus.MANAGER, {{"wwan0", ""}, {"eth0", ""}}));
+    bus.Send(bus.Return(KnowsWhoConnmanIs(), bus.MANAGER, "no list"));
+    bus.Send(bus.Services(KnowsWhoConnmanIs(), {{"wwan0", "ready"}}));
+    EXPECT_TRUE(Becomes("wwan0"));
+}
+
+TEST_F(ConnmansDefault, IsAskedForAgainSoonWhenTheBusDoesNotTellWhoConnmanIs) {
+    bus.SetUpWith({{"eth0", "ready"}});
+    ASSERT_TRUE(Becomes("eth0"));
+    bus.Send(bus.Reordered(bus.MANAGER, {{"wwan0", ""}, {"eth0", ""}}));
+    bus.Send(bus.Error(bus.Expect("GetNameOwner"), bus.DRIVER, DBUS_ERROR_LIMITS_EXCEEDED));
+    bus.Send(bus.Services(KnowsWhoConnmanIs(), {{"wwan0", "ready"}}));
+    EXPECT_TRUE(Becomes("wwan0"));
+}
+
+TEST_F(ConnmansDefault, IsNotFollowedOnABusThatDoesNotPassItsSignalsOn) {
+    bus.Accept();
+    bus.Send(bus.Return(bus.Expect("Hello"), bus.DRIVER, ":1.1"));
+    bus.Send(bus.Error(bus.Expect("AddMatch"), bus.DRIVER, DBUS_ERROR_LIMITS_EXCEEDED));
+    bus.SetUpWith({{"eth0", "ready"}});
+    EXPECT_TRUE(Becomes("eth0"));
+}
+
+TEST_F(ConnmansDefault, IsNotAskedForWhenSomethingElseOfAServiceChanges) {
+    bus.Accept();
+    bus.Send(bus.Return(bus.Expect("Hello"), bus.DRIVER, ":1.1"));
+    EXPECT_EQ(NextRule(), "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg0='net.connman'");
+    EXPECT_EQ(NextRule(),
+              "type='signal',sender='net.connman',interface='net.connman.Manager',member='ServicesChanged'");
+    EXPECT_EQ(NextRule(), "type='signal',sender='net.connman',interface='net.connman.Service',"
+                          "member='PropertyChanged',arg0='State'");
+}
+
+} // namespace
+} // namespace OrvSourceRoutes
