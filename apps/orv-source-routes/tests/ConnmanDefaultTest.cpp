@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <poll.h>
+#include <stdexcept>
 #include <string>
 
 namespace OrvSourceRoutes {
@@ -85,6 +86,7 @@ TEST_F(ConnmansDefault, IsNotFollowedOnABusThatDoesNotPassItsSignalsOn) {
     bus.Accept();
     bus.Send(bus.Return(bus.Expect("Hello"), bus.DRIVER, ":1.1"));
     bus.Send(bus.Error(bus.Expect("AddMatch"), bus.DRIVER, DBUS_ERROR_LIMITS_EXCEEDED));
+    EXPECT_THROW(bus.Expect("GetNameOwner"), std::runtime_error) << "it has hung up";
     bus.SetUpWith({{"eth0", "ready"}});
     EXPECT_TRUE(Becomes("eth0"));
 }
