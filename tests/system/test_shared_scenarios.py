@@ -10,7 +10,7 @@ import pytest
 
 from orv_testbed import box as boxes
 from orv_testbed.box import Box
-from orv_testbed.programs import TREE, program
+from orv_testbed.programs import TREE, Missing, program
 from orv_testbed.scenarios import __main__ as command
 from orv_testbed.scenarios import gateways
 from orv_testbed.scenarios.recorder import Recorder
@@ -63,7 +63,13 @@ def test_a_machine_without_interfaces_for_the_purpose_says_so() -> None:
 
 
 @pytest.mark.parametrize(
-    "fault", [boxes.Failed("box up: no room"), BrokenPipeError("its shell has ended"), Failed("another journal")]
+    "fault",
+    [
+        boxes.Failed("box up: no room"),
+        Missing("no broker"),
+        BrokenPipeError("its shell has ended"),
+        Failed("another journal"),
+    ],
 )
 def test_a_scenario_that_breaks_off_leaves_the_next_one_its_turn(
     fault: Exception, monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str]

@@ -18,11 +18,12 @@ import sys
 from collections.abc import Sequence
 
 from orv_testbed.box import Box
+from orv_testbed.programs import Missing
 from orv_testbed.scenarios.run import Cannot, Failed, on_box, on_loopback
 
 SKIPPED = 77
 # A box, a program or a wait that fails spoils its own scenario only.
-FAULTS = (Failed, AssertionError, OSError, subprocess.SubprocessError)
+FAULTS = (Failed, Missing, AssertionError, OSError, subprocess.SubprocessError)
 
 
 def main(arguments: Sequence[str]) -> int:
