@@ -107,14 +107,17 @@ POKED_PORT = 443  # no other program of a scene connects to it
 POKES = {"eth": "Started Poke eth if", "cell": "Started Poke to cell if"}
 
 
-def pokes_on_a_wrong_way(application: Application, passages: Sequence[Passage], others_poke: bool) -> list[str]:
+def pokes_on_a_wrong_way(
+    application: Application, passages: Sequence[Passage], others_poke: bool, addresses_lent: bool = False
+) -> list[str]:
     """Connections bound to an interface that have left over another one, in either family.
 
-    Such a one has the address of the interface that it is bound to, or comes over a side that has never been poked.
+    Such a one has the address of the interface that it is bound to, or comes over a side that has never been poked. But the
+    kernel also lends another interface's address to what is bound to one that has lost its own (`addresses_lent`).
     """
     faults = []
     for passage in (one for one in passages if one.port == POKED_PORT):
-        if SIDES[passage.side].family_of(passage.source) != passage.family:
+        if not addresses_lent and SIDES[passage.side].family_of(passage.source) != passage.family:
             faults.append(f"another interface's address: {passage}")
         if not others_poke and not application.has_logged(POKES[passage.side]):
             faults.append(f"nobody has poked over {passage.side}: {passage}")

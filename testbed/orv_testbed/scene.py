@@ -41,6 +41,7 @@ class Scene:
         self.connected = {"eth0", "wwan0"}  # what ConnMan must show as connected in the end
         self.expected_complaints: tuple[str, ...] = ()
         self.neighbours: tuple[str, ...] = ()  # other applications, by name: what they say of themselves is theirs
+        self.addresses_lent = False  # an interface loses its address while it is poked
         self.wire_cut_at: int | None = None  # the place in the log from which on messages may be missing on the wire
         self.orders_may_be_late = False  # the connection manager may confirm what is no longer wanted
         self.clocks: list[tuple[int, float]] = []  # see audit.Clocks
@@ -175,7 +176,9 @@ class Scene:
         """What `audit` finds wrong."""
         faults = audit.unproven_moves(self.application, self.box, self.clocks, self.clock_grain)
         faults += audit.moves_not_told_once(self.application)
-        faults += audit.pokes_on_a_wrong_way(self.application, self.passages(), bool(self.neighbours))
+        faults += audit.pokes_on_a_wrong_way(
+            self.application, self.passages(), bool(self.neighbours), self.addresses_lent
+        )
         if not self.orders_may_be_late:
             faults += audit.orders_without_a_decision(self.application)
         faults += [

@@ -113,6 +113,15 @@ def test_what_another_application_pokes_is_its_own_affair(tmp_path: pathlib.Path
     assert pokes_on_a_wrong_way(application, [passage("eth", "10.12.0.50")], others_poke=True)
 
 
+def test_a_lent_address_is_no_fault_but_a_side_that_nobody_has_poked_is_one(tmp_path: pathlib.Path) -> None:
+    lent = passage("eth", "10.12.0.50")
+    for poked, right in (("eth", True), ("cell", False)):
+        application = Recorded(tmp_path, ONCE, [])
+        application.log_file.write_text(f"{POKES[poked]} an interface\n", encoding="utf-8")
+        faults = pokes_on_a_wrong_way(application, [lent], others_poke=False, addresses_lent=True)
+        assert (faults == []) == right
+
+
 class Answered:
     """A box whose cloud has completed a handshake over Cellular at a time of its own clock."""
 

@@ -43,6 +43,7 @@ def pull_ethernet_while_it_is_poked(scene: Scene) -> int:
     box, application = scene.box, scene.application
     errors = ("poke error 7", "poke error 28", "poke error 45")
     scene.expected_complaints = (*errors, "cannot put eth0 on top now", "Invalid service")
+    scene.addresses_lent = True
     scene.reach("CELLULAR_ACTIVE")
     # An attempt that fails at once is followed by one that begins with the look at its interface.
     box("cloud-tls", "refused", "eth")
