@@ -130,7 +130,7 @@ std::string NetworkWatcher::FindDefaultInterface() {
     std::vector<Route> six; // those of the best metric
     bool whole = requests.Dump(RTM_GETROUTE, AF_UNSPEC, [&](const nlmsghdr& message) {
         const std::optional<Route> route = OrvNetlink::ReadRoute(message);
-        if (!route || route->table != RT_TABLE_MAIN || !route->IsDefault() || route->IsOver())
+        if (!route || !IsMainDefault(*route) || route->IsOver())
             return;
         if (route->family == AF_INET6) {
             if (!six.empty() && route->metric < six.front().metric)
