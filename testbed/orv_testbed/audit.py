@@ -105,6 +105,7 @@ def moves_not_told_once(application: Application) -> list[str]:
 
 POKED_PORT = 443  # no other program of a scene connects to it
 POKES = {"eth": "Started Poke eth if", "cell": "Started Poke to cell if"}
+ADDRESS_LOST = {"eth": "event ETHERNET_IP_LOST", "cell": "event CELLULAR_IP_LOST"}
 
 
 def pokes_on_a_wrong_way(
@@ -113,11 +114,13 @@ def pokes_on_a_wrong_way(
     """Connections bound to an interface that have left over another one, in either family.
 
     Such a one has the address of the interface that it is bound to, or comes over a side that has never been poked. But the
-    kernel also lends another interface's address to what is bound to one that has lost its own (`addresses_lent`).
+    kernel also lends another interface's address to what is bound to one that has lost its own. The application has told of
+    that, or it was in no state to (`addresses_lent`).
     """
     faults = []
     for passage in (one for one in passages if one.port == POKED_PORT):
-        if not addresses_lent and SIDES[passage.side].family_of(passage.source) != passage.family:
+        lent = addresses_lent or application.has_logged(ADDRESS_LOST[passage.side])
+        if not lent and SIDES[passage.side].family_of(passage.source) != passage.family:
             faults.append(f"another interface's address: {passage}")
         if not others_poke and not application.has_logged(POKES[passage.side]):
             faults.append(f"nobody has poked over {passage.side}: {passage}")

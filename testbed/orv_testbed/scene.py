@@ -41,7 +41,9 @@ class Scene:
         self.connected = {"eth0", "wwan0"}  # what ConnMan must show as connected in the end
         self.expected_complaints: tuple[str, ...] = ()
         self.neighbours: tuple[str, ...] = ()  # other applications, by name: what they say of themselves is theirs
-        self.addresses_lent = False  # an interface loses its address while it is poked
+        self.addresses_lent = (
+            False  # an interface loses its address while it is poked, and the application may not notice
+        )
         self.wire_cut_at: int | None = None  # the place in the log from which on messages may be missing on the wire
         self.orders_may_be_late = False  # the connection manager may confirm what is no longer wanted
         self.clocks: list[tuple[int, float]] = []  # see audit.Clocks

@@ -122,6 +122,15 @@ def test_a_lent_address_is_no_fault_but_a_side_that_nobody_has_poked_is_one(tmp_
         assert (faults == []) == right
 
 
+def test_an_address_may_be_lent_on_the_side_that_has_lost_its_own_and_on_no_other(tmp_path: pathlib.Path) -> None:
+    lent = passage("eth", "10.12.0.50")
+    for lost, right in (("ETHERNET", True), ("CELLULAR", False)):
+        application = Recorded(tmp_path, ONCE, [])
+        application.log_file.write_text(f"{POKES['eth']} eth0\nevent {lost}_IP_LOST\n", encoding="utf-8")
+        faults = pokes_on_a_wrong_way(application, [lent], others_poke=False)
+        assert (faults == []) == right
+
+
 class Answered:
     """A box whose cloud has completed a handshake over Cellular at a time of its own clock."""
 
