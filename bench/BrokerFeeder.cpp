@@ -50,6 +50,8 @@ BrokerFeeder::BrokerFeeder() {
     if (pipe(ends) != 0)
         throw std::runtime_error("no pipe");
     process = fork();
+    if (process < 0)
+        throw std::runtime_error("cannot fork");
     if (process == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         Feed(listener, ends[0]);

@@ -40,6 +40,7 @@ protected:
             _exit(body());
         }
         int status = 0;
+        EXPECT_GT(child, 0);
         EXPECT_EQ(waitpid(child, &status, 0), child);
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }

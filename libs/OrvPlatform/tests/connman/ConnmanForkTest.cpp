@@ -34,7 +34,7 @@ bool HoldsInChild(
     }
     link.AfterForkInParent();
     int status = -1;
-    return waitpid(child, &status, 0) == child && status == 0;
+    return child > 0 && waitpid(child, &status, 0) == child && status == 0;
 }
 
 TEST_F(AConnectedGateway, AnswersInAForkedChildToo) {

@@ -267,6 +267,8 @@ protected:
     void Launch() {
         const std::string settings = "ORV_GATEWAY_CONFIG=" + SettingsOfAnother();
         process = fork();
+        if (process < 0)
+            throw std::runtime_error("cannot fork");
         if (process == 0) {
             execl("/usr/bin/env", "env", settings.c_str(), ORV_NEWCOMER, "door", nullptr);
             _exit(127);
