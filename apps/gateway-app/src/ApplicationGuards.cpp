@@ -79,9 +79,11 @@ void Application::CheckDefaultRoute() {
     const RouteContradiction::Step step = contradiction.Observe(kernel, top, Now());
     const std::string& wanted = contradiction.WanTop();
     if (step == RouteContradiction::Step::CHANGE_ORDER) {
-        logger.Warning() << "the default route leads over " << kernel << ", but ConnMan has " << top
-                         << " on top: another program has replaced it. ConnMan is asked to set it anew; keep other "
-                         << "programs from setting default routes (ip monitor route shows when it happens)";
+        logger.Warning()
+            << "the default route leads over " << kernel << ", but ConnMan has " << top
+            << " on top: another program has replaced it, or the news of ConnMan has stopped coming. ConnMan is "
+            << "asked to set it anew; keep other programs from setting default routes (ip monitor route "
+            << "shows when it happens)";
         const std::string ethernet = InterfaceName("Ethernet");
         connman.SetTopPriorityInterface(top == ethernet ? InterfaceName("Cellular") : ethernet);
     } else if (step == RouteContradiction::Step::RESTORE_ORDER) {
