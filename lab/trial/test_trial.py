@@ -3,13 +3,14 @@
 
 from __future__ import annotations
 
-import argparse
 import os
 import pathlib
 
 import pytest
 
-from lab.trial import trial
+from lab.trial import instruments, trial
+from lab.trial.instruments import Chaos, Explorer, Instrument, Outcome, Torture, Verdict
+from lab.trial.scratch import Scratch, touched_by
 
 PATCH = """A fault, as git format-patch writes it.
 
@@ -19,87 +20,236 @@ PATCH = """A fault, as git format-patch writes it.
 -hello
 +hell
 """
+EXPLORED = "explore: 40 seeds, 900 steps, 1 s, 40 seeds a second"
+TORTURED = "torture: 5 of 900 points, {} faults, 3 s"
+ROUNDS = "4 rounds, 30 faults of 9 kinds, {} rounds failed, {} of them for want of a box, 0.07 box-hours"
 
 
-@pytest.fixture(name="place")
-def small_tree(tmp_path: pathlib.Path, monkeypatch: pytest.MonkeyPatch) -> pathlib.Path:
-    """Two copies of a tree with one file, and the patch."""
-    for name in ("sound", "scratch"):
-        (tmp_path / name / "libs").mkdir(parents=True)
-        (tmp_path / name / "libs" / "Greeting.cpp").write_text("hello\n")
-    for constant, name in (
-        ("TREE", "sound"),
-        ("SCRATCH", "scratch"),
-        ("BUILD", "built"),
-        ("LOGS", "logs"),
-        ("PLACE", "."),
-    ):
-        (tmp_path / name).mkdir(exist_ok=True)
-        monkeypatch.setattr(trial, constant, tmp_path / name)
-    (tmp_path / "built" / "bin").mkdir()
+@pytest.fixture(name="scratch")
+def small_tree(tmp_path: pathlib.Path) -> Scratch:
+    """A tree with one file, its copy, and the patch; "built" is what the file says, as if it were a program."""
+    scratch = Scratch(tmp_path / "tree", tmp_path / "place")
+    for one in (scratch.tree, scratch.copy):
+        (one / "libs").mkdir(parents=True)
+        (one / "libs" / "Greeting.cpp").write_text("hello\n")
+    (scratch.built / "bin").mkdir(parents=True)
+    scratch.sound.mkdir()
+    scratch.logs.mkdir()
     (tmp_path / "fault.patch").write_text(PATCH)
-    return tmp_path
+    return scratch
 
 
-def instrument(place: pathlib.Path, name: str, said: str, status: int = 0) -> None:
-    program = place / "built" / "bin" / name
-    program.write_text(f"#!/bin/sh\ncat <<'SAID'\n{said}\nSAID\nexit {status}\n")
-    program.chmod(0o755)
+def program(path: pathlib.Path, said: str, status: int = 0) -> None:
+    path.parent.mkdir(parents=True, exist_ok=True)
+    path.write_text(f"#!/bin/sh\ncat <<'SAID'\n{said}\nSAID\nexit {status}\n")
+    path.chmod(0o755)
 
 
-def test_a_fault_is_planted_in_the_copy_alone_and_taken_out_again(place: pathlib.Path) -> None:
-    planted = place / "scratch" / "libs" / "Greeting.cpp"
+def built(scratch: Scratch, name: str, said: str, status: int = 0, sound: int = 0) -> None:
+    """`sound` is what the program without the fault answers."""
+    program(scratch.built / "bin" / name, said, status)
+    program(scratch.sound / name, "", sound)
+    program(scratch.copy / "libs/OrvStackSdk/tests/support/with-test-endpoint", "", 0)
+    # For torture: what is given to it is a program and its options, behind four words.
+    (scratch.copy / "libs/OrvStackSdk/tests/support/with-test-endpoint").write_text('#!/bin/sh\nshift 3\nexec "$@"\n')
+
+
+def explorer() -> Instrument:
+    return Explorer(1, "explore broker", "orv-explore")
+
+
+class Told(Instrument):
+    """Is made of the greeting, and says what it is told."""
+
+    made_of = ("greeting",)
+    targets = ("greeting",)
+
+    def __init__(self, name: str, sound: Verdict, faulty: Verdict) -> None:
+        super().__init__(1)
+        self.name, self._said, self.runs = name, [sound, faulty], 0
+
+    def run(self, scratch: Scratch, log: str) -> Outcome:
+        self.runs += 1
+        return Outcome(self._said[self.runs > 1])
+
+
+class Last(Told):
+    last = True
+
+
+def builds(scratch: Scratch, monkeypatch: pytest.MonkeyPatch, good: bool = True) -> None:
+    def build(targets: list[str], log: str) -> bool:
+        (scratch.built / "greeting").write_text((scratch.copy / "libs" / "Greeting.cpp").read_text())
+        return good
+
+    build([], "")
+    monkeypatch.setattr(scratch, "build", build)
+
+
+def after_control(scratch: Scratch, *told: Instrument, first: bool = False) -> trial.Trial:
+    held = trial.Trial(scratch, told, 0, first)
+    held.control()
+    return held
+
+
+def test_a_fault_is_planted_in_the_copy_alone_and_taken_out_again(scratch: Scratch) -> None:
+    patch = scratch.tree.parent / "fault.patch"
+    planted = scratch.copy / "libs" / "Greeting.cpp"
     os.utime(planted, (0, 0))
-    assert trial.apply(place / "fault.patch") == ""
+    assert scratch.apply(patch) == ""
     assert planted.read_text() == "hell\n"
-    assert (place / "sound" / "libs" / "Greeting.cpp").read_text() == "hello\n"
+    assert (scratch.tree / "libs" / "Greeting.cpp").read_text() == "hello\n"
     os.utime(planted, (0, 0))
-    trial.restore(trial.touched_by(place / "fault.patch"))
+    scratch.restore(touched_by(patch))
     assert planted.read_text() == "hello\n"
     assert planted.stat().st_mtime > 0  # or what was built of the fault would be kept
 
 
-def test_a_fault_that_does_not_fit_is_said_so(place: pathlib.Path) -> None:
-    (place / "scratch" / "libs" / "Greeting.cpp").write_text("good morning\n")
-    row = trial.try_fault(place / "fault.patch", {}, argparse.Namespace(explore=1, torture=1, tests=0))
-    assert row[:2] == ["fault", "Greeting.cpp"] and row[2].startswith("cannot be applied")
+@pytest.mark.parametrize(
+    ("said", "status", "sound", "means"),
+    [
+        ("explore: seed 12 fails\n" + EXPLORED, 1, 0, "FOUND: seed 12, 40 seeds, 0 s"),
+        ("explore: seed 12 fails\n" + EXPLORED, 1, 1, "did not work: seed 12 fails without the fault, too"),
+        (EXPLORED, 0, 0, "no: 40 seeds, 0 s"),
+        (EXPLORED.replace("40", "0", 1), 0, 0, "did not work: status 0, " + EXPLORED.replace("40", "0", 1)),
+        ("explore: fork: no memory", 2, 0, "did not work: status 2, explore: fork: no memory"),
+        ("Segmentation fault", 139, 0, "did not work: status 139, Segmentation fault"),
+    ],
+)
+def test_what_an_explorer_says_is_understood(scratch: Scratch, said: str, status: int, sound: int, means: str) -> None:
+    built(scratch, "orv-explore", said, status, sound)
+    assert str(explorer().look(scratch, "log")) == means
+
+
+@pytest.mark.parametrize(
+    ("said", "status", "sound", "means"),
+    [
+        (
+            "torture: begin new 4 once: exit status 1, after 2 s\n" + TORTURED.format(1),
+            1,
+            0,
+            "FOUND: begin new 4 once, 5 points, 0 s",
+        ),
+        (
+            "torture: begin without any failure: hangs\n" + TORTURED.format(1),
+            1,
+            0,
+            "FOUND: begin without any failure, 5 points, 0 s",
+        ),
+        (
+            "torture: work new 4 once: exit status 9, after 2 s\n"
+            "torture: work new 4 once: tried again alone, and nothing found: the machine was busy\n"
+            "torture: begin new 5 once: exit status 9, after 2 s\n"
+            "torture: begin new 5 once: tried again alone, fails again\n" + TORTURED.format(1),
+            1,
+            0,
+            "FOUND: begin new 5 once, 5 points, 0 s",
+        ),
+        (
+            "torture: begin new 4 once: exit status 1, after 2 s\n" + TORTURED.format(1),
+            1,
+            1,
+            "did not work: begin new 4 once fails without the fault, too",
+        ),
+        (TORTURED.format(0), 0, 0, "no: 5 points, 0 s"),
+        ("no test endpoint", 77, 0, "did not work: status 77, no test endpoint"),
+    ],
+)
+def test_what_the_torture_says_is_understood(scratch: Scratch, said: str, status: int, sound: int, means: str) -> None:
+    built(scratch, "orv-torture", said, status, sound)
+    assert str(Torture(1).look(scratch, "log")) == means
 
 
 @pytest.mark.parametrize(
     ("said", "status", "means"),
     [
-        (
-            "explore: seed 12 fails\nexplore: 40 seeds, 900 steps, 1 s, 40 seeds a second",
-            1,
-            "FOUND: seed 12, 40 seeds, 0 s",
-        ),
-        ("explore: 5000 seeds, 900 steps, 1 s, 40 seeds a second", 0, "no: 5000 seeds, 0 s"),
-        ("Segmentation fault", 139, "FOUND: status 139, ? seeds, 0 s"),
+        ("seed 7: FAILED after 9 s\n" + ROUNDS.format(1, 0), 1, "FOUND: seed 7, 4 rounds, 0 s"),
+        ("seed 7: FAILED after 9 s\n" + ROUNDS.format(1, 1), 1, "no: 4 rounds, 0 s"),
+        (ROUNDS.format(0, 0), 0, "no: 4 rounds, 0 s"),
+        (ROUNDS.format(4, 4), 1, "did not work: status 1, " + ROUNDS.format(4, 4)[:80]),
+        ("chaos: not run: no root", 77, "did not work: status 77, chaos: not run: no root"),
     ],
 )
-def test_what_an_explorer_says_is_understood(place: pathlib.Path, said: str, status: int, means: str) -> None:
-    instrument(place, "orv-explore", said, status)
-    assert trial.explored("orv-explore", 1, "log") == means
+def test_what_chaos_says_is_understood(scratch: Scratch, said: str, status: int, means: str) -> None:
+    program(scratch.copy / "script" / "chaos", said, status)
+    assert str(Chaos(4).look(scratch, "log")) == means
 
 
-def test_an_instrument_that_does_not_end_has_found_something(
-    place: pathlib.Path, monkeypatch: pytest.MonkeyPatch
+def test_an_instrument_that_does_not_end_has_found_nothing(scratch: Scratch, monkeypatch: pytest.MonkeyPatch) -> None:
+    monkeypatch.setattr(instruments, "GRACE", 0)
+    built(scratch, "orv-explore", "")
+    (scratch.built / "bin" / "orv-explore").write_text("#!/bin/sh\nexec sleep 600\n")
+    assert str(explorer().look(scratch, "log")) == "did not work: not ended after 1 s"
+
+
+@pytest.mark.parametrize(
+    ("fits", "good", "why"), [(False, True, "cannot be applied: error:"), (True, False, "does not build")]
+)
+def test_a_patch_that_does_not_fit_or_build_does_not_count(
+    scratch: Scratch, monkeypatch: pytest.MonkeyPatch, fits: bool, good: bool, why: str
 ) -> None:
-    monkeypatch.setattr(trial, "GRACE", 0)
-    (place / "built" / "bin" / "orv-explore").write_text("#!/bin/sh\nexec sleep 600\n")
-    (place / "built" / "bin" / "orv-explore").chmod(0o755)
-    assert trial.explored("orv-explore", 1, "log") == "FOUND: not ended after 1 s"
+    told = Told("one", Verdict.NOTHING, Verdict.FOUND)
+    builds(scratch, monkeypatch, good)
+    held = after_control(scratch, told)
+    if not fits:
+        (scratch.copy / "libs" / "Greeting.cpp").write_text("good morning\n")
+    row = held.plant(scratch.tree.parent / "fault.patch")
+    assert not row.counts and row.unfit.startswith(why)
+    assert told.runs == 1  # for the control
+    assert trial.summary([row]) == "0 of 0 found; 1 do not count"
 
 
-def test_only_what_the_fault_has_changed_is_run(place: pathlib.Path, monkeypatch: pytest.MonkeyPatch) -> None:
-    for name in trial.INSTRUMENTS:
-        instrument(place, name, "explore: 1 seeds")
-    sound = trial.programs()
+@pytest.mark.parametrize(
+    ("verdict", "found", "counts"),
+    [(Verdict.FOUND, True, True), (Verdict.NOTHING, False, True), (Verdict.BROKEN, False, False)],
+)
+def test_a_fault_is_found_by_a_check_that_fails_and_by_nothing_else(
+    scratch: Scratch, monkeypatch: pytest.MonkeyPatch, verdict: Verdict, found: bool, counts: bool
+) -> None:
+    builds(scratch, monkeypatch)
+    held = after_control(scratch, Told("one", Verdict.NOTHING, verdict))
+    row = held.plant(scratch.tree.parent / "fault.patch")
+    assert (row.found, row.counts) == (found, counts)
 
-    def build(targets: list[str], log: str) -> bool:
-        instrument(place, "orv-explore", "explore: seed 3 fails", 1)
-        return True
 
-    monkeypatch.setattr(trial, "build", build)
-    row = trial.try_fault(place / "fault.patch", sound, argparse.Namespace(explore=1, torture=1, tests=0))
-    assert row[2:] == ["FOUND: seed 3, ? seeds, 0 s", "same program", "same program", "yes", "not run"]
+def test_only_what_the_fault_has_changed_is_run(scratch: Scratch, monkeypatch: pytest.MonkeyPatch) -> None:
+    builds(scratch, monkeypatch)
+    other = Told("other", Verdict.NOTHING, Verdict.FOUND)
+    other.made_of = ("bin/other",)
+    built(scratch, "other", "")
+    row = after_control(scratch, other).plant(scratch.tree.parent / "fault.patch")
+    assert [str(one) for one in row.outcomes] == ["same program"]
+
+
+@pytest.mark.parametrize(("first", "runs"), [(False, [2, 2, 1]), (True, [2, 1, 1])])
+def test_the_last_instrument_and_after_the_first_finding_any_looks_for_nothing_more(
+    scratch: Scratch, monkeypatch: pytest.MonkeyPatch, first: bool, runs: list[int]
+) -> None:
+    builds(scratch, monkeypatch)
+    told = [kind("one", Verdict.NOTHING, Verdict.FOUND) for kind in (Told, Told, Last)]
+    after_control(scratch, *told, first=first).plant(scratch.tree.parent / "fault.patch")
+    assert [one.runs for one in told] == runs
+
+
+@pytest.mark.parametrize("sound", [Verdict.FOUND, Verdict.BROKEN])
+def test_without_a_sound_tree_that_passes_nothing_counts(
+    scratch: Scratch, monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str], sound: Verdict
+) -> None:
+    builds(scratch, monkeypatch)
+    held = trial.Trial(scratch, [Told("one", sound, Verdict.FOUND)], 0, False)
+    assert trial.hold(held, [scratch.tree.parent / "fault.patch"], scratch.place / "table.md") == 1
+    said = capsys.readouterr()
+    assert "means nothing" in said.err and "fault |" in said.out and "hell" not in said.out
+
+
+def test_the_table_begins_with_the_control(scratch: Scratch, monkeypatch: pytest.MonkeyPatch) -> None:
+    builds(scratch, monkeypatch)
+    held = trial.Trial(scratch, [Told("one", Verdict.NOTHING, Verdict.FOUND)], 0, False)
+    table = scratch.place / "table.md"
+    assert trial.hold(held, [scratch.tree.parent / "fault.patch"], table) == 0
+    assert table.read_text().splitlines() == [
+        "| fault | touches | one | found | tests |",
+        "| --- | --- | --- | --- | --- |",
+        "| none (control) |  | no | no |  |",
+        "| fault | Greeting.cpp | FOUND | yes | not run |",
+    ]

@@ -3,277 +3,178 @@
 from __future__ import annotations
 
 import argparse
-import contextlib
-import hashlib
-import json
-import os
+import dataclasses
 import pathlib
-import re
 import shutil
 import signal
-import subprocess
 import sys
-import time
-from collections.abc import Callable, Iterable
+from collections.abc import Sequence
+
+from lab.trial.instruments import Chaos, Explorer, Instrument, Outcome, Torture, Verdict, tested
+from lab.trial.scratch import Scratch, Stopwatch, touched_by
 
 TREE = pathlib.Path(__file__).resolve().parents[2]
-PLACE = TREE / "build" / "trial"
-SCRATCH = PLACE / "tree"
-BUILD = SCRATCH / "build" / "asan-ubsan"
-LOGS = PLACE / "logs"
-INSTRUMENTS = ["orv-explore", "orv-explore-connman", "orv-torture"]
-# The tests of what a fault touches, by the beginning of the file's name.
-TESTS = {
-    "libs/OrvPlatform/src/base/": ["orv-platform-base-tests"],
-    "libs/OrvPlatform/src/broker/": ["orv-broker-tests"],
-    "libs/OrvPlatform/src/config/": ["orv-platform-config-tests"],
-    "libs/OrvPlatform/src/connman/": ["orv-connman-tests"],
-    "libs/OrvPlatform/src/log/": ["orv-platform-log-tests"],
-    "libs/OrvStackSdk/src/": ["orv-stack-sdk-tests", "orv-route-tests", "orv-poke-tests"],
-    "libs/OrvStackSdkC/src/": ["orv-stack-sdk-c-fake-tests"],
-}
-COLUMNS = ["fault", "touches", "explore broker", "explore connman", "torture", "found", "tests"]
-MOST_OF_A_BUILD = 1800  # seconds
-GRACE = 240  # what an instrument may take beyond its time: a seed that hangs, a point that is tried again
-SAME = "same program"
+UNTRIED = Outcome(Verdict.NOT_RUN)
 
 
-class Ended(Exception):
-    """A command has not ended in time."""
+@dataclasses.dataclass(frozen=True)
+class Row:
+    """What came of a fault."""
+
+    name: str
+    touched: Sequence[str]
+    unfit: str = ""  # why it does not count
+    outcomes: Sequence[Outcome] = ()
+    tests: str = ""
+
+    @property
+    def found(self) -> bool:
+        return any(one.verdict is Verdict.FOUND for one in self.outcomes)
+
+    @property
+    def counts(self) -> bool:
+        """Where nothing was found, each instrument that could find it must have worked."""
+        return not self.unfit and (self.found or all(one.verdict is not Verdict.BROKEN for one in self.outcomes))
+
+    def cells(self) -> list[str]:
+        verdict = ("yes" if self.found else "no") if self.counts else f"does not count: {self.unfit or 'see left'}"
+        touched = ", ".join(sorted({pathlib.Path(one).name for one in self.touched}))
+        return [self.name, touched, *map(str, self.outcomes), verdict, self.tests]
 
 
-def run(command: list[str], log: pathlib.Path, limit: float) -> tuple[int, str]:
-    """Exit status and output; after `limit` seconds the command and what it has started are ended."""
-    with log.open("w") as output:
-        with subprocess.Popen(command, cwd=SCRATCH, stdout=output, stderr=output, start_new_session=True) as process:
-            try:
-                process.wait(limit)
-            except subprocess.TimeoutExpired:
-                raise Ended(f"not ended after {limit:.0f} s") from None
-            finally:
-                with contextlib.suppress(ProcessLookupError):
-                    os.killpg(process.pid, signal.SIGKILL)
-    return process.returncode, log.read_text(errors="replace")
+class Trial:
+    def __init__(self, scratch: Scratch, instruments: Sequence[Instrument], tests: int, first: bool) -> None:
+        self._scratch, self._instruments, self._tests, self._first = scratch, instruments, tests, first
+        self._sound: dict[str, dict[str, str]] = {}
+
+    @property
+    def columns(self) -> list[str]:
+        return ["fault", "touches", *(one.name for one in self._instruments), "found", "tests"]
+
+    def control(self) -> list[Outcome]:
+        """The sound tree, which each instrument must pass. Afterwards it is known what they are made of."""
+        for one in self._instruments:
+            self._scratch.keep_sound(one.kept)
+            self._sound[one.name] = self._scratch.content(one.made_of)
+        return [one.look(self._scratch, f"control.{one.name.replace(' ', '-')}.log") for one in self._instruments]
+
+    def plant(self, patch: pathlib.Path) -> Row:
+        touched = touched_by(patch)
+        try:
+            return self._planted(patch, touched)
+        finally:
+            self._scratch.restore(touched)
+
+    def _planted(self, patch: pathlib.Path, touched: Sequence[str]) -> Row:
+        row = Row(patch.stem, touched, outcomes=[UNTRIED] * len(self._instruments))
+        refused = self._scratch.apply(patch)
+        if refused:
+            return dataclasses.replace(row, unfit=f"cannot be applied: {refused.splitlines()[0]}")
+        if not self._scratch.build(targets(self._instruments), f"{patch.stem}.build.log"):
+            return dataclasses.replace(row, unfit="does not build")
+        outcomes: list[Outcome] = []
+        for one in self._instruments:
+            found = any(earlier.verdict is Verdict.FOUND for earlier in outcomes)
+            outcomes.append(self._tried(one, patch.stem, found))
+        tests = tested(self._scratch, list(touched), self._tests, patch.stem) if self._tests else "not run"
+        return dataclasses.replace(row, outcomes=outcomes, tests=tests)
+
+    def _tried(self, instrument: Instrument, name: str, found: bool) -> Outcome:
+        if found and (self._first or instrument.last):
+            return UNTRIED
+        if self._scratch.content(instrument.made_of) == self._sound[instrument.name]:
+            return Outcome(Verdict.UNCHANGED)
+        return instrument.look(self._scratch, f"{name}.{instrument.name.replace(' ', '-')}.log")
 
 
-def write(target: pathlib.Path, source: pathlib.Path) -> None:
-    """With the time of now, so that what was built of another content is built again."""
-    if (
-        target.is_file()
-        and target.read_bytes() == source.read_bytes()
-        and target.stat().st_mode == source.stat().st_mode
-    ):
-        return
-    target.parent.mkdir(parents=True, exist_ok=True)
-    target.unlink(missing_ok=True)
-    if source.is_symlink():
-        target.symlink_to(os.readlink(source))
-        return
-    target.write_bytes(source.read_bytes())
-    target.chmod(source.stat().st_mode)
+def targets(instruments: Sequence[Instrument]) -> list[str]:
+    return sorted({target for one in instruments for target in one.targets})
 
 
-def copy_tree() -> None:
-    """The tree as it stands, uncommitted changes too, into the scratch folder; nothing else is left there but its build."""
-    listed = subprocess.check_output(["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard"], cwd=TREE)
-    names = {name for name in listed.decode().split("\0") if name and (TREE / name).exists()}
-    for name in names:
-        write(SCRATCH / name, TREE / name)
-    for path in SCRATCH.rglob("*"):
-        name = str(path.relative_to(SCRATCH))
-        if not name.startswith("build") and (path.is_file() or path.is_symlink()) and name not in names:
-            path.unlink()
-
-
-def touched_by(patch: pathlib.Path) -> list[str]:
-    """The files of the patch, as the tree knows them."""
-    found = re.findall(r"(?m)^(?:---|\+\+\+) (?:[ab]/)?(\S+)", patch.read_text(errors="replace"))
-    return sorted({name for name in found if name != "/dev/null"})
-
-
-def apply(patch: pathlib.Path) -> str:
-    """Empty, or why it cannot be applied."""
-    # Otherwise git would find the tree's own repository, and leave out all that is not in it.
-    environment = {**os.environ, "GIT_CEILING_DIRECTORIES": str(PLACE)}
-    said = subprocess.run(
-        ["git", "apply", "--whitespace=nowarn", str(patch.resolve())],
-        cwd=SCRATCH,
-        env=environment,
-        capture_output=True,
-        text=True,
-        check=False,
-    )
-    for name in touched_by(patch):
-        if (SCRATCH / name).exists():
-            os.utime(SCRATCH / name)
-    return said.stderr.strip()
-
-
-def restore(names: Iterable[str]) -> None:
-    for name in names:
-        if (TREE / name).exists():
-            write(SCRATCH / name, TREE / name)
-        else:
-            (SCRATCH / name).unlink(missing_ok=True)
-
-
-def build(targets: list[str], log: str) -> bool:
-    jobs = str(os.cpu_count() or 2)
-    return run(["cmake", "--build", str(BUILD), "-j", jobs, "--target", *targets], LOGS / log, MOST_OF_A_BUILD)[0] == 0
-
-
-def programs() -> dict[str, str]:
-    """What each program that has been built is made of."""
-    return {
-        path.name: hashlib.sha256(path.read_bytes()).hexdigest()
-        for path in (BUILD / "bin").iterdir()
-        if path.is_file() and os.access(path, os.X_OK)
-    }
-
-
-def explored(program: str, seconds: int, log: str) -> str:
-    """What one of the explorers says of the fault."""
-    begin = time.monotonic()
-    try:
-        command = [str(BUILD / "bin" / program), str(seconds), "--jobs", str(os.cpu_count() or 2)]
-        status, said = run(command, LOGS / log, seconds + GRACE)
-    except Ended as ended:
-        return f"FOUND: {ended}"
-    counted = re.search(r"explore: (\d+) seeds", said)
-    seeds = counted.group(1) if counted else "?"
-    took = time.monotonic() - begin
-    found = re.search(r"(?m)^explore: seed (\d+) (?:fails|hangs)", said)
-    if found or status != 0:
-        return f"FOUND: {'seed ' + found.group(1) if found else 'status ' + str(status)}, {seeds} seeds, {took:.0f} s"
-    return f"no: {seeds} seeds, {took:.0f} s"
-
-
-def tortured(seconds: int, log: str) -> str:
-    begin = time.monotonic()
-    command = [
-        "libs/OrvStackSdk/tests/support/with-test-endpoint",
-        "/usr/bin/python3",
-        "-B",
-        "lab/torture/with_cloud.py",
-        str(BUILD / "bin" / "orv-torture"),
-        *("--seconds", str(seconds), "--faults", "1", "--jobs", str(4 * (os.cpu_count() or 2))),
-    ]
-    try:
-        status, said = run(command, LOGS / log, seconds + GRACE)
-    except Ended as ended:
-        return f"FOUND: {ended}"
-    counted = re.search(r"(?m)^torture: (\d+) of \d+ points", said)
-    points = counted.group(1) if counted else "?"
-    took = time.monotonic() - begin
-    found = re.search(r"(?m)^torture: (\S+ \S+ \d+ (?:once|later)|\S+ without any failure)", said)
-    if status == 0:
-        return f"no: {points} points, {took:.0f} s"
-    return f"FOUND: {found.group(1) if found else 'status ' + str(status)}, {points} points, {took:.0f} s"
-
-
-def tested(names: list[str], seconds: int, name: str) -> str:
-    """The tests of the files of these names. They are for comparison: nothing more is built than they need."""
-    owned = {test for prefix, tests in TESTS.items() for test in tests if any(one.startswith(prefix) for one in names)}
-    if not owned:
-        return "none of their own"
-    if not build(sorted(owned), f"{name}.tests-build.log"):
-        return "do not build"
-    listed = json.loads(subprocess.check_output(["ctest", "--show-only=json-v1"], cwd=BUILD))
-    numbers = [
-        str(number)
-        for number, test in enumerate(listed["tests"], 1)
-        if any(pathlib.Path(word).name in owned for word in test.get("command", []))
-    ]
-    begin = time.monotonic()
-    command = ["ctest", "--test-dir", str(BUILD), "-j", str(2 * (os.cpu_count() or 2)), "--timeout", "60"]
-    try:
-        _, said = run(
-            [*command, "--stop-on-failure", "-I", "0,0,0," + ",".join(numbers)], LOGS / f"{name}.tests.log", seconds
-        )
-    except Ended as ended:
-        return f"no: {ended}"
-    took = time.monotonic() - begin
-    failed = re.search(r"(?m)^\s*\d+ - (\S+) \(", said)
-    return f"FOUND: {failed.group(1)}, {took:.0f} s" if failed else f"no: {len(numbers)} tests, {took:.0f} s"
-
-
-def try_fault(patch: pathlib.Path, sound: dict[str, str], options: argparse.Namespace) -> list[str]:
-    """The row of the table."""
-    name = patch.stem
-    touched = touched_by(patch)
-    head = [name, ", ".join(pathlib.Path(one).name for one in touched)]
-    refused = apply(patch)
-    if refused:
-        return [*head, f"cannot be applied: {refused.splitlines()[0]}", "", "", "", ""]
-    if not build(["lab/all"], f"{name}.build.log"):
-        return [*head, "does not build", "", "", "", ""]
-    now = programs()
-    tries: list[Callable[[], str]] = [
-        lambda: explored("orv-explore", options.explore, f"{name}.broker.log"),
-        lambda: explored("orv-explore-connman", options.explore, f"{name}.connman.log"),
-        lambda: tortured(options.torture, f"{name}.torture.log"),
-    ]
-    said = [
-        attempt() if now[program] != sound[program] else SAME
-        for program, attempt in zip(INSTRUMENTS, tries, strict=True)
-    ]
-    found = "yes" if any(one.startswith("FOUND") for one in said) else "no"
-    tests = tested(touched, options.tests, name) if options.tests else "not run"
-    return [*head, *said, found, tests]
-
-
-def prepare() -> dict[str, str]:
-    LOGS.mkdir(parents=True, exist_ok=True)
-    copy_tree()
-    tools = os.environ.get("ORV_TOOLS", str(TREE / "build" / "tools"))
-    status, said = run(
-        ["cmake", "--preset", "asan-ubsan", f"-DORV_TOOLS={tools}"], LOGS / "configure.log", MOST_OF_A_BUILD
-    )
-    if status != 0 or not build(["lab/all"], "build.log"):
-        sys.exit(f"trial: the tree itself does not build: see {LOGS}\n{said[-2000:] if status else ''}")
-    return programs()
-
-
-def show(row: list[str], table: pathlib.Path) -> None:
-    line = "| " + " | ".join(cell.replace("|", "/") for cell in row) + " |"
+def show(cells: Sequence[str], table: pathlib.Path) -> None:
+    line = "| " + " | ".join(cell.replace("|", "/") for cell in cells) + " |"
     print(line, flush=True)
     with table.open("a") as output:
         output.write(line + "\n")
 
 
-def main() -> int:
+def say(words: str) -> None:
+    print(f"trial: {words}", file=sys.stderr, flush=True)
+
+
+def summary(rows: Sequence[Row]) -> str:
+    counting = [row for row in rows if row.counts]
+    found = sum(row.found for row in counting)
+    return f"{found} of {len(counting)} found" + (
+        f"; {len(rows) - len(counting)} do not count" if len(counting) < len(rows) else ""
+    )
+
+
+def chosen(options: argparse.Namespace) -> list[Instrument]:
+    found: list[Instrument] = [
+        Explorer(options.explore, "explore broker", "orv-explore"),
+        Explorer(options.explore, "explore connman", "orv-explore-connman"),
+        Torture(options.torture),
+        Chaos(options.chaos),
+    ]
+    return [one for one in found if one.effort > 0]
+
+
+def hold(trial: Trial, patches: Sequence[pathlib.Path], table: pathlib.Path) -> int:
+    show(trial.columns, table)
+    show(["---"] * len(trial.columns), table)
+    say("control: the sound tree")
+    control = trial.control()
+    show(["none (control)", "", *map(str, control), "no", ""], table)
+    if any(one.verdict is not Verdict.NOTHING for one in control):
+        say("an instrument does not pass the tree without a fault, so what it says of one means nothing")
+        return 1
+    rows: list[Row] = []
+    for number, patch in enumerate(patches, 1):
+        watch = Stopwatch()
+        rows.append(trial.plant(patch))
+        show(rows[-1].cells(), table)
+        say(f"{patch.name} took {watch}; {len(patches) - number} to go")
+    print(f"trial: {summary(rows)}; {table}")
+    return 0 if any(row.counts for row in rows) else 1
+
+
+def main(words: Sequence[str]) -> int:
     parser = argparse.ArgumentParser(prog="trial")
     parser.add_argument("folder", type=pathlib.Path)
     parser.add_argument("--only", default="")
     parser.add_argument("--explore", type=int, default=30)
     parser.add_argument("--torture", type=int, default=60)
+    parser.add_argument("--chaos", type=int, default=4)
     parser.add_argument("--tests", type=int, default=120)
-    options = parser.parse_args()
+    parser.add_argument("--first", action="store_true")
+    options = parser.parse_args(words)
     patches = [one for one in sorted(options.folder.glob("*.patch")) if options.only in one.name]
     if not patches:
-        sys.exit(f"trial: no such patches in {options.folder}")
-    sound = prepare()
+        say(f"{options.folder} holds no {'*' + options.only + '*.patch' if options.only else '*.patch'}")
+        return 2
+    instruments = chosen(options)
+    if not instruments:
+        say("no instrument is left: each has no time")
+        return 2
+    scratch = Scratch(TREE, TREE / "build" / "trial")
+    shutil.rmtree(scratch.logs, ignore_errors=True)
+    scratch.logs.mkdir(parents=True)
+    say(f"{len(patches)} faults; builds the tree without them, in {scratch.copy}")
+    scratch.update()
+    if not scratch.configure() or not scratch.build(targets(instruments), "build.log"):
+        say(f"the tree itself does not build: see {scratch.logs}")
+        return 1
     out = TREE / "out" / "trial"
     out.mkdir(parents=True, exist_ok=True)
     table = out / f"{options.folder.resolve().name}.md"
     table.unlink(missing_ok=True)
-    show(COLUMNS, table)
-    show(["---"] * len(COLUMNS), table)
-    found = 0
-    for patch in patches:
-        begin = time.monotonic()
-        try:
-            row = try_fault(patch, sound, options)
-        finally:
-            restore(touched_by(patch))
-        found += row[COLUMNS.index("found")] == "yes"
-        show(row, table)
-        print(f"trial: {patch.name} took {time.monotonic() - begin:.0f} s", file=sys.stderr, flush=True)
-    print(f"trial: {found} of {len(patches)} found; {table}")
-    return 0
+    return hold(Trial(scratch, instruments, options.tests, options.first), patches, table)
 
 
 if __name__ == "__main__":
     signal.signal(signal.SIGTERM, lambda number, frame: sys.exit("trial: told to end"))
-    shutil.rmtree(LOGS, ignore_errors=True)
-    sys.exit(main())
+    try:
+        sys.exit(main(sys.argv[1:]))
+    except KeyboardInterrupt:
+        sys.exit("trial: told to end")

@@ -1,0 +1,195 @@
+# SPDX-License-Identifier: Apache-2.0
+"""The instruments as a trial runs them, and what their words mean.
+
+Only a check that has failed is a finding, and only if what it has found passes without the fault. An instrument that
+ends in any other way has not worked.
+"""
+from __future__ import annotations
+
+import abc
+import dataclasses
+import enum
+import json
+import os
+import pathlib
+import re
+import subprocess
+
+from lab.trial.scratch import JOBS, Ended, Scratch, Stopwatch
+
+GRACE = 240  # seconds that an instrument may take beyond its time: a seed that hangs, a point that is tried again
+ALONE = 240  # seconds for one seed or point
+MOST_OF_A_ROUND = 400  # seconds
+FIRST_SCHEDULE = 4200  # of chaos: the same seeds for each fault, and for the sound tree
+
+
+class Verdict(enum.Enum):
+    FOUND = "FOUND"
+    NOTHING = "no"
+    UNCHANGED = "same program"
+    NOT_RUN = "not run"
+    BROKEN = "did not work"
+
+
+@dataclasses.dataclass(frozen=True)
+class Outcome:
+    verdict: Verdict
+    how: str = ""
+
+    def __str__(self) -> str:
+        return f"{self.verdict.value}: {self.how}" if self.how else self.verdict.value
+
+
+class Instrument(abc.ABC):
+    """`made_of`: the built files on which its findings depend. `effort`: seconds; of chaos rounds."""
+
+    name: str
+    targets: tuple[str, ...]
+    made_of: tuple[str, ...]
+    kept: tuple[str, ...] = ()  # programs of which a sound copy is needed
+    last = False  # looks only for what no other one has found
+
+    def __init__(self, effort: int) -> None:
+        self.effort = effort
+
+    @abc.abstractmethod
+    def run(self, scratch: Scratch, log: str) -> Outcome:
+        """Looks for a fault in what is built, until it has found one or its time is over."""
+
+    def look(self, scratch: Scratch, log: str) -> Outcome:
+        try:
+            return self.run(scratch, log)
+        except Ended as ended:
+            return Outcome(Verdict.BROKEN, str(ended))
+
+
+def passes(scratch: Scratch, command: list[str], log: str) -> bool:
+    try:
+        return scratch.run(command, log, ALONE)[0] == 0
+    except Ended:
+        return False
+
+
+def last_words(status: int, said: str) -> Outcome:
+    return Outcome(Verdict.BROKEN, f"status {status}, {(said.strip().splitlines() or ['no word'])[-1][:80]}")
+
+
+class Explorer(Instrument):
+    def __init__(self, effort: int, name: str, program: str) -> None:
+        super().__init__(effort)
+        self.name, self.targets, self.kept, self.made_of = name, (program,), (program,), (f"bin/{program}",)
+
+    def run(self, scratch: Scratch, log: str) -> Outcome:
+        watch = Stopwatch()
+        program = self.targets[0]
+        status, said = scratch.run(
+            [str(scratch.built / "bin" / program), str(self.effort), "--jobs", str(JOBS)], log, self.effort + GRACE
+        )
+        counted = re.search(r"(?m)^explore: (\d+) seeds", said)
+        found = re.search(r"(?m)^explore: seed (\d+) fails", said)
+        how = f"{counted.group(1) if counted else '?'} seeds, {watch}"
+        if found:
+            seed = found.group(1)
+            if not passes(scratch, [str(scratch.sound / program), "--seed", seed], f"{log}.sound"):
+                return Outcome(Verdict.BROKEN, f"seed {seed} fails without the fault, too")
+            return Outcome(Verdict.FOUND, f"seed {seed}, {how}")
+        if status == 0 and counted and int(counted.group(1)) > 0:
+            return Outcome(Verdict.NOTHING, how)
+        return last_words(status, said)
+
+
+def tortured_with(program: pathlib.Path) -> list[str]:
+    endpoint = "libs/OrvStackSdk/tests/support/with-test-endpoint"
+    return [endpoint, "/usr/bin/python3", "-B", "lab/torture/with_cloud.py", str(program)]
+
+
+class Torture(Instrument):
+    name, targets, kept, made_of = "torture", ("orv-torture",), ("orv-torture",), ("bin/orv-torture",)
+
+    def run(self, scratch: Scratch, log: str) -> Outcome:
+        watch = Stopwatch()
+        options = ["--seconds", str(self.effort), "--faults", "1", "--jobs", str(4 * JOBS)]
+        status, said = scratch.run(
+            [*tortured_with(scratch.built / "bin" / "orv-torture"), *options], log, self.effort + GRACE
+        )
+        counted = re.search(r"(?m)^torture: (\d+) of \d+ points, (\d+) faults", said)
+        if not counted:
+            return last_words(status, said)
+        how = f"{counted.group(1)} points, {watch}"
+        if status == 0 and int(counted.group(1)) > 0:
+            return Outcome(Verdict.NOTHING, how)
+        points = re.findall(r"(?m)^torture: (\S+ \S+ \d+ (?:once|later)|\S+ without any failure): (.*)", said)
+        busy = {point for point, words in points if "and nothing found" in words}
+        found = [point for point, _ in points if point not in busy]
+        if int(counted.group(2)) == 0 or not found:
+            return last_words(status, said)
+        return self._compared(scratch, found[0], how, log)
+
+    @staticmethod
+    def _compared(scratch: Scratch, point: str, how: str, log: str) -> Outcome:
+        sound = tortured_with(scratch.sound / "orv-torture")
+        program = point.split()[0]
+        alone = ["--seconds", "1", "--program", program] if "without" in point else ["--one", *point.split()]
+        if not passes(scratch, [*sound, *alone], f"{log}.sound"):
+            return Outcome(Verdict.BROKEN, f"{point} fails without the fault, too")
+        return Outcome(Verdict.FOUND, f"{point}, {how}")
+
+
+class Chaos(Instrument):
+    """The same few schedules each time."""
+
+    name = "chaos"
+    targets = ("gateway-app", "orv-source-routes", "orv-shell", "orv-status")
+    made_of = ("bin/gateway-app", "lib/*.so*")
+    last = True
+
+    def run(self, scratch: Scratch, log: str) -> Outcome:
+        watch = Stopwatch()
+        rounds = self.effort
+        command = ["env", f"ORV_BUILD={scratch.built}", "script/chaos", "--seed", str(FIRST_SCHEDULE)]
+        status, said = scratch.run(
+            [*command, "--rounds", str(rounds), "--boxes", str(min(4, rounds))], log, MOST_OF_A_ROUND * rounds
+        )
+        summed = re.search(r"(?m)^(\d+) rounds, .* (\d+) rounds failed, (\d+) of them for want of a box", said)
+        if not summed or summed.group(1) == summed.group(3):
+            return last_words(status, said)
+        how = f"{summed.group(1)} rounds, {watch}"
+        if summed.group(2) == summed.group(3):
+            return Outcome(Verdict.NOTHING, how)
+        seeds = " ".join(re.findall(r"(?m)^seed (\d+): FAILED", said))
+        return Outcome(Verdict.FOUND, f"seed {seeds}, {how}")
+
+
+# The tests of what a fault touches, by the beginning of the file's name.
+TESTS = {
+    "libs/OrvPlatform/src/base/": ["orv-platform-base-tests"],
+    "libs/OrvPlatform/src/broker/": ["orv-broker-tests"],
+    "libs/OrvPlatform/src/config/": ["orv-platform-config-tests"],
+    "libs/OrvPlatform/src/connman/": ["orv-connman-tests"],
+    "libs/OrvPlatform/src/log/": ["orv-platform-log-tests"],
+    "libs/OrvStackSdk/src/": ["orv-stack-sdk-tests", "orv-route-tests", "orv-poke-tests"],
+    "libs/OrvStackSdkC/src/": ["orv-stack-sdk-c-fake-tests"],
+}
+
+
+def tested(scratch: Scratch, names: list[str], seconds: int, name: str) -> str:
+    """The tests of the files of these names. They are for comparison: nothing more is built than they need."""
+    owned = {test for prefix, tests in TESTS.items() for test in tests if any(one.startswith(prefix) for one in names)}
+    if not owned:
+        return "none of their own"
+    if not scratch.build(sorted(owned), f"{name}.tests-build.log"):
+        return "do not build"
+    listed = json.loads(subprocess.check_output(["ctest", "--show-only=json-v1"], cwd=scratch.built))
+    numbers = [
+        str(number)
+        for number, test in enumerate(listed["tests"], 1)
+        if any(os.path.basename(word) in owned for word in test.get("command", []))
+    ]
+    watch = Stopwatch()
+    command = ["ctest", "--test-dir", str(scratch.built), "-j", str(2 * JOBS), "--timeout", "60", "--stop-on-failure"]
+    try:
+        _, said = scratch.run([*command, "-I", "0,0,0," + ",".join(numbers)], f"{name}.tests.log", seconds)
+    except Ended as ended:
+        return f"no: {ended}"
+    failed = re.search(r"(?m)^\s*\d+ - (\S+) \(", said)
+    return f"FOUND: {failed.group(1)}, {watch}" if failed else f"no: {len(numbers)} tests, {watch}"

@@ -1,0 +1,144 @@
+# SPDX-License-Identifier: Apache-2.0
+"""A copy of the tree in which faults are planted, and what is built of it."""
+from __future__ import annotations
+
+import contextlib
+import dataclasses
+import hashlib
+import os
+import pathlib
+import re
+import shutil
+import signal
+import subprocess
+import time
+from collections.abc import Iterable
+
+MOST_OF_A_BUILD = 1800  # seconds
+MOST_OF_AN_END = 60  # seconds, from SIGTERM on
+JOBS = os.cpu_count() or 2
+
+
+class Ended(Exception):
+    """A command has not ended in time."""
+
+
+def touched_by(patch: pathlib.Path) -> list[str]:
+    """The files of the patch, as the tree knows them."""
+    found = re.findall(r"(?m)^(?:---|\+\+\+) (?:[ab]/)?(\S+)", patch.read_text(errors="replace"))
+    return sorted({name for name in found if name != "/dev/null"})
+
+
+def write(target: pathlib.Path, source: pathlib.Path) -> None:
+    """With the time of now, so that what was built of another content is built again."""
+    if (
+        target.is_file()
+        and target.read_bytes() == source.read_bytes()
+        and target.stat().st_mode == source.stat().st_mode
+    ):
+        return
+    target.parent.mkdir(parents=True, exist_ok=True)
+    target.unlink(missing_ok=True)
+    if source.is_symlink():
+        target.symlink_to(os.readlink(source))
+        return
+    target.write_bytes(source.read_bytes())
+    target.chmod(source.stat().st_mode)
+
+
+def end(process: subprocess.Popen[bytes]) -> None:
+    """With what it has started. Boxes are taken down where there is time."""
+    for sent, limit in ((signal.SIGTERM, MOST_OF_AN_END), (signal.SIGKILL, MOST_OF_AN_END)):
+        with contextlib.suppress(ProcessLookupError, subprocess.TimeoutExpired):
+            os.killpg(process.pid, sent)
+            process.wait(limit)
+
+
+class Scratch:
+    def __init__(self, tree: pathlib.Path, place: pathlib.Path) -> None:
+        self.tree, self.place = tree, place
+        self.copy, self.logs, self.sound = place / "tree", place / "logs", place / "sound"
+        self.built = self.copy / "build" / "asan-ubsan"
+
+    def run(self, command: list[str], log: str, limit: float) -> tuple[int, str]:
+        """Exit status and output; after `limit` seconds the command and what it has started are ended."""
+        path = self.logs / log
+        with path.open("w") as output:
+            with subprocess.Popen(
+                command, cwd=self.copy, stdout=output, stderr=output, start_new_session=True
+            ) as process:
+                try:
+                    process.wait(limit)
+                except subprocess.TimeoutExpired:
+                    raise Ended(f"not ended after {limit:.0f} s") from None
+                finally:
+                    end(process)
+        return process.returncode, path.read_text(errors="replace")
+
+    def update(self) -> None:
+        """The tree as it stands, uncommitted changes too; nothing else is left there but its build."""
+        listed = subprocess.check_output(
+            ["git", "ls-files", "-z", "--cached", "--others", "--exclude-standard"], cwd=self.tree
+        )
+        names = {name for name in listed.decode().split("\0") if name and (self.tree / name).exists()}
+        for name in names:
+            write(self.copy / name, self.tree / name)
+        for path in self.copy.rglob("*"):
+            name = str(path.relative_to(self.copy))
+            if not name.startswith("build") and (path.is_file() or path.is_symlink()) and name not in names:
+                path.unlink()
+
+    def apply(self, patch: pathlib.Path) -> str:
+        """Empty, or why it cannot be applied."""
+        # Otherwise git would find the tree's own repository, and leave out all that is not in it.
+        said = subprocess.run(
+            ["git", "apply", "--whitespace=nowarn", str(patch.resolve())],
+            cwd=self.copy,
+            env={**os.environ, "GIT_CEILING_DIRECTORIES": str(self.place)},
+            capture_output=True,
+            text=True,
+            check=False,
+        )
+        for name in touched_by(patch):
+            if (self.copy / name).exists():
+                os.utime(self.copy / name)
+        return (said.stderr.strip() or f"git apply: status {said.returncode}") if said.returncode else ""
+
+    def restore(self, names: Iterable[str]) -> None:
+        for name in names:
+            if (self.tree / name).exists():
+                write(self.copy / name, self.tree / name)
+            else:
+                (self.copy / name).unlink(missing_ok=True)
+
+    def configure(self) -> bool:
+        tools = os.environ.get("ORV_TOOLS", str(self.tree / "build" / "tools"))
+        command = ["cmake", "--preset", "asan-ubsan", f"-DORV_TOOLS={tools}"]
+        return self.run(command, "configure.log", MOST_OF_A_BUILD)[0] == 0
+
+    def build(self, targets: list[str], log: str) -> bool:
+        command = ["cmake", "--build", str(self.built), "-j", str(JOBS), "--target", *targets]
+        return self.run(command, log, MOST_OF_A_BUILD)[0] == 0
+
+    def content(self, patterns: Iterable[str]) -> dict[str, str]:
+        """What the built files of these patterns are made of."""
+        return {
+            str(path.relative_to(self.built)): hashlib.sha256(path.read_bytes()).hexdigest()
+            for pattern in patterns
+            for path in self.built.glob(pattern)
+            if path.is_file() and not path.is_symlink()
+        }
+
+    def keep_sound(self, programs: Iterable[str]) -> None:
+        """Copies of what was built without a fault, for what is tried again."""
+        self.sound.mkdir(exist_ok=True)
+        for name in programs:
+            shutil.copy2(self.built / "bin" / name, self.sound / name)
+
+
+@dataclasses.dataclass
+class Stopwatch:
+    begin: float = dataclasses.field(default_factory=time.monotonic)
+
+    def __str__(self) -> str:
+        return f"{time.monotonic() - self.begin:.0f} s"
