@@ -227,6 +227,14 @@ def test_what_may_not_run_here_is_skipped_only_where_that_is_allowed(
     assert run_beside(step)[0].verdict == "skipped"
 
 
+def test_what_hardly_any_machine_allows_may_be_left_out_everywhere(
+    tree: AddStep, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.setenv("ORV_REQUIRE_NAMESPACES", "1")
+    step = dataclasses.replace(tree("machine", "exit 77"), optional=True)
+    assert run_beside(step)[0].verdict == "skipped"
+
+
 def test_script_test_says_what_it_can_do() -> None:
     tree = pathlib.Path(__file__).resolve().parents[2]
     said = subprocess.run([tree / "script/test", "--help"], capture_output=True, text=True, check=True).stdout
