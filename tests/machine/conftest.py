@@ -24,6 +24,7 @@ def machine() -> Iterator[Gateway]:
 
 @pytest.fixture
 def gateway(machine: Gateway) -> Gateway:
+    machine.take_back_faults()
     machine.wait_for_cloud("eth0", 90)
     return machine
 

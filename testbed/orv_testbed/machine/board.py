@@ -22,6 +22,7 @@ BUNDLE = "ca-certificates.crt"
 CONNECT_CELLULAR = ("sh", "/opt/testbed/connect-cellular")
 # As the user that may read the LEDs; see machine/set-up.
 STATUS = ("orv-status", "--user", "orv-diagnostics", "--password-file", "/dev/stdin")
+BOOT = 1200  # seconds that it may take on a busy host
 DIAGNOSTICS_PASSWORD = "for-diagnostics"
 SET_BEARER = ("dbus-send", "--system", "--print-reply=literal", "--dest=org.ofono", "/modem", "box.Control.Bearer")
 # Those that a machine carries out in its own way; what it cannot, it says.
@@ -87,16 +88,16 @@ class Board:
         sides = (self._networks.provider(side).name for side in (ETHERNET, CELLULAR))
         command = self._networks.gateway.command(*PYTHON, "orv_testbed.machine.power", self.folder, *sides, *clock)
         self._processes.start("gateway", command)
-        if not comes_within(20, (self.folder / "agent").is_socket):
+        if not comes_within(60, (self.folder / "agent").is_socket):
             raise BoxError(f"qemu does not start, see {self._layout.log('gateway')}")
 
     def wait(self) -> None:
         """The guest agent comes up with the system; the services may still be starting."""
-        if not comes_within(300, lambda: not self._is_on() or self._does("true")) or not self._is_on():
+        if not comes_within(BOOT, lambda: not self._is_on() or self._does("true")) or not self._is_on():
             console = (self.folder / "console").read_text(encoding="utf-8", errors="replace").splitlines()
             raise BoxError("the machine does not come up; its console: " + "\n".join(console[-20:]))
         # As on the box, the cellular service is connected once; from then on ConnMan does it by itself.
-        if not comes_within(200, lambda: self._does(*CONNECT_CELLULAR)):
+        if not comes_within(BOOT, lambda: self._does(*CONNECT_CELLULAR)):
             raise BoxError("the machine's ConnMan does not connect its cellular service")
 
     def _is_on(self) -> bool:

@@ -14,7 +14,7 @@ from orv_testbed.status_files import STATUSES
 from orv_testbed.waiting import wait_until
 
 # Each limit is for a machine that runs as fast as the host allows: an emulated one on a busy host may need many times as long.
-PATIENCE = 4.0
+PATIENCE = 8.0
 SERVICES = ("mosquitto", "connman", "orv-source-routes", "gateway-app")
 
 
@@ -32,6 +32,13 @@ class Gateway(Box):
     @staticmethod
     def brings() -> dict[str, str]:
         return {}  # they are installed in it
+
+    def take_back_faults(self) -> None:
+        """Those that a scenario which has failed may leave behind: power, providers, links."""
+        if self.is_off():
+            self.boot()
+        for words in (("provider", "eth", "back"), ("provider", "cell", "back"), ("cable", "in")):
+            self(*words)
 
     # ---- commands and power
 

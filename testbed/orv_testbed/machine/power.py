@@ -6,6 +6,7 @@ serial console's log and the sockets of guest agent and monitor. To end this pro
 is the time of its real-time clock at the start, such as 2000-01-01; without it, now. ORV_MACHINE_SHIFT=N: by its own clock the
 machine executes an instruction in 2^N ns, however fast the host is; without it, as fast as the host can.
 """
+import contextlib
 import ctypes
 import fcntl
 import os
@@ -76,11 +77,10 @@ def main() -> None:
     taps = [open_tap(namespace) for namespace in sys.argv[2:4]]
     ctypes.CDLL(None).setns(home, CLONE_NEWNET)
     # What is measured and waited for on it is to tell of the machine, not of what else this host has to do.
-    os.nice(-10)
-    try:
+    with contextlib.suppress(OSError):  # a container may not
+        os.nice(-10)
+    with contextlib.suppress(OSError):  # a kernel without groups of processes
         pathlib.Path("/proc/self/autogroup").write_text("-10", encoding="ascii")
-    except OSError:
-        pass  # a kernel without groups of processes
     words = command(folder, taps, sys.argv[4] if len(sys.argv) > 4 else "utc")
     os.execvp(words[0], words)
 

@@ -16,10 +16,14 @@ from orv_testbed.waiting import SLACK, wait_until
 from orv_testbed.wire import Message, Witness
 
 TRANSCRIPT = "/run/gateway-app/transcript.jsonl"
+CURSOR = "/run/observer.cursor"  # the observer tells what the journal has after it
 DROP_IN = "/run/systemd/system/gateway-app.service.d/scene.conf"
 LOG_LEVEL = "info,OrvRoute=debug"
 FRESH = f"""
 systemctl stop observer gateway-app mosquitto
+journalctl --sync
+rm -f {CURSOR}
+journalctl --quiet --lines=1 --cursor-file={CURSOR} >/dev/null
 rm -f /var/lib/mosquitto/mosquitto.db /var/tmp/new_enterprise_*.csv {TRANSCRIPT}
 mkdir -p {pathlib.PurePosixPath(DROP_IN).parent}
 printf '[Service]\\nEnvironment=ORV_LOG_LEVEL=%s\\n' '{{level}}' >{DROP_IN}
@@ -40,7 +44,9 @@ systemctl restart gateway-app
 
 def prepare(gateway: Gateway, level: str) -> None:
     """Broker and status files as on a new gateway, the observer telling, and gateway-app stopped."""
+    seen = Seen(gateway)
     gateway.sh(FRESH.format(level=level))
+    wait_until(lambda: seen.lines("Subscribed"), SLACK, "the observer's subscription")
     gateway.forget_handshakes()
 
 
