@@ -5,6 +5,7 @@ from __future__ import annotations
 import itertools
 import pathlib
 import subprocess
+import threading
 from collections.abc import Sequence
 from typing import Any
 
@@ -18,6 +19,7 @@ from orv_testbed.chaos.rounds import HOPELESS, Result, Rounds
 from orv_testbed.chaos.schedule import NoSchedule, Schedule, Strike, draw, load, overlap
 from orv_testbed.chaos.shrink import shrink
 from orv_testbed.fault_record import after
+from orv_testbed.waiting import comes_within
 
 SEEDS = range(300)
 BROKER = Strike(10, 20, ("broker", "stop"))
@@ -271,6 +273,25 @@ def test_rounds_are_counted_and_what_failed_is_told(tmp_path: pathlib.Path) -> N
     assert f" kinds, {len(failing)} rounds failed" in rounds.summary()
     for result in told:
         assert load(result.folder / "schedule") == result.schedule
+
+
+def test_an_interrupted_run_begins_no_round_and_tells_none_that_was_under_way(tmp_path: pathlib.Path) -> None:
+    begun = threading.Barrier(2)
+
+    def interrupted(schedule: Schedule, _number: int, _folder: pathlib.Path) -> list[str]:
+        if schedule.seed < 2:
+            begun.wait(30)
+        if schedule.seed == 0:
+            raise KeyboardInterrupt
+        comes_within(5, lambda: rounds.interrupted)
+        return ["its box was interrupted, too"]
+
+    rounds = Rounds(interrupted, 2, tmp_path)
+    told: list[Result] = []
+    with pytest.raises(KeyboardInterrupt):
+        rounds.run(map(draw, range(9)), told.append)
+    assert not told and not rounds.results
+    assert len(list(tmp_path.iterdir())) == 2
 
 
 def test_no_box_has_two_rounds_at_a_time(tmp_path: pathlib.Path) -> None:

@@ -76,10 +76,14 @@ def main(words: list[str]) -> int:
                 1 if asked.seed is not None and not asked.minutes else 10**9 if asked.minutes else 5
             )
             until = time.monotonic() + 60 * asked.minutes if asked.minutes else None
+            print(f"seeds from {first}; a round takes one to four minutes", flush=True)
             rounds.run(map(draw, range(first, first + count)), tell, until)
     except NoSchedule as error:
         print(f"chaos: {error}", file=sys.stderr)
         return 2
+    except KeyboardInterrupt:
+        print(f"{rounds.summary()}; interrupted")
+        return 130
     print(rounds.summary())
     return 1 if any(result.faults for result in rounds.results) else 0
 

@@ -38,29 +38,37 @@ class Rounds:
         self._numbers = itertools.count(1)
         self._free = list(range(boxes))
         self._lock = threading.Lock()
+        self.interrupted = False
         self.results: list[Result] = []
 
     def run(self, schedules: Iterable[Schedule], tell: Callable[[Result], None], until: float | None = None) -> None:
         """Begins none after `until`, of time.monotonic(), and none where no box works.
 
-        `tell` is called once for each, in the order of their ends.
+        `tell` is called once for each, in the order of their ends. After KeyboardInterrupt those under way end untold.
         """
         remaining = iter(schedules)
 
         def worker() -> None:
             while until is None or time.monotonic() < until:
                 with self._lock:
-                    schedule = None if self._is_hopeless() else next(remaining, None)
+                    schedule = None if self.interrupted or self._is_hopeless() else next(remaining, None)
                 if schedule is None:
                     return
                 result = self._one(schedule)
                 with self._lock:
+                    if self.interrupted:
+                        return
                     self.results.append(result)
                     tell(result)
 
         with concurrent.futures.ThreadPoolExecutor(self._boxes) as pool:
-            for done in [pool.submit(worker) for _ in range(self._boxes)]:
-                done.result()
+            workers = [pool.submit(worker) for _ in range(self._boxes)]
+            try:
+                for done in workers:
+                    done.result()
+            except KeyboardInterrupt:
+                self.interrupted = True
+                raise
 
     def _is_hopeless(self) -> bool:
         last = self.results[-HOPELESS:]
