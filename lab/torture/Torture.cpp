@@ -24,6 +24,8 @@ namespace {
 using namespace OrvLab;
 using Clock = std::chrono::system_clock;
 
+// After so many points it tells how far it has come.
+constexpr std::size_t STAGE = 1000;
 // So many, and no point is begun until they have been tried again.
 constexpr std::size_t MOST_DOUBTFUL = 5;
 
@@ -52,6 +54,7 @@ private:
     void TryAgain();
     void Note(const Attempt& attempt);
     void Report() const;
+    long Seconds() const { return std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin).count(); }
 
     struct Ranked {
         long rank; // among those of the same program and call
@@ -115,9 +118,7 @@ void Torture::Note(const Attempt& attempt) {
         doubtful.push_back(attempt.point);
     else
         ++found;
-    const auto after = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin);
-    std::cout << "torture: " << attempt.point.Text() << ": " << attempt.Verdict() << ", after " << after.count()
-              << " s\n";
+    std::cout << "torture: " << attempt.point.Text() << ": " << attempt.Verdict() << ", after " << Seconds() << " s\n";
     attempt.PrintCourse();
 }
 
@@ -149,8 +150,12 @@ bool Torture::Begins() const {
 
 void Torture::TryPoints() {
     while (Begins() || !running.empty()) {
-        while (Begins() && running.size() < options.jobs)
+        while (Begins() && running.size() < options.jobs) {
             running.emplace_back(todo[next++].point);
+            if (next % STAGE == 0)
+                std::cout << "torture: " << next << " of " << todo.size() << " points begun, after " << Seconds()
+                          << " s" << std::endl;
+        }
         Collect();
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
@@ -197,8 +202,8 @@ void Torture::Report() const {
         std::cout << "torture: " << NameOf(static_cast<Call>(index)) << ": " << tried[index] << " of " << all[index]
                   << " points, in " << reached[index] << " it failed\n";
     }
-    std::cout << "torture: " << sum << " of " << todo.size() << " points, " << found << " faults, "
-              << std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin).count() << " s" << std::endl;
+    std::cout << "torture: " << sum << " of " << todo.size() << " points, " << found << " faults, " << Seconds() << " s"
+              << std::endl;
 }
 
 int RunOne(const std::string& name, const std::string& call, long number, bool later) {
