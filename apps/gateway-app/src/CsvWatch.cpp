@@ -91,16 +91,20 @@ CsvWatch::CsvWatch(EventLoop& eventLoop, std::string path, std::function<void()>
       notifications(OpenNotifications()),
       timer(eventLoop, [this] { Check(); }),
       writeAgain(eventLoop, [this] { WriteAgain(); }) {
-    const std::string folder = FolderAndName(file).first;
-    // The folder and not the file, which may be removed, or replaced by another one.
-    if (inotify_add_watch(notifications.Number(), folder.c_str(),
-                          IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE) < 0)
-        throw std::system_error(errno, std::generic_category(), "watch " + folder);
+    if (!WatchFolder())
+        throw std::system_error(errno, std::generic_category(), "watch " + FolderAndName(file).first);
     loop.Watch(notifications.Number(), EPOLLIN, [this](std::uint32_t) { OnChange(); });
 }
 
 CsvWatch::~CsvWatch() {
     loop.Forget(notifications.Number());
+}
+
+/// The folder and not the file, which may be removed, or replaced by another one.
+bool CsvWatch::WatchFolder() {
+    watching = inotify_add_watch(notifications.Number(), FolderAndName(file).first.c_str(),
+                                 IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE) >= 0;
+    return watching;
 }
 
 void CsvWatch::SetActive(bool isActive) {
@@ -111,6 +115,7 @@ void CsvWatch::SetActive(bool isActive) {
 
 void CsvWatch::Reported(OrvEvent event) {
     content.Reported(event);
+    watching = watching || WatchFolder();
     if (IsRight()) {
         written = true;
         vainWrites = 0;
@@ -135,6 +140,7 @@ void CsvWatch::OnChange() {
     const std::string name = FolderAndName(file).second;
     alignas(inotify_event) std::array<char, 4096> buffer{};
     bool ours = false;
+    bool folderGone = false; // removed, or what was mounted there is
     ssize_t size = 0;
     while ((size = read(notifications.Number(), buffer.data(), buffer.size())) > 0) {
         for (ssize_t at = 0; at < size;) {
@@ -142,10 +148,13 @@ void CsvWatch::OnChange() {
             std::memcpy(&event, buffer.data() + at, sizeof(event));
             const char* const changed = buffer.data() + at + sizeof(event);
             ours = ours || (event.mask & IN_Q_OVERFLOW) != 0 || (event.len > 0 && name == changed);
+            folderGone = folderGone || (event.mask & IN_IGNORED) != 0;
             at += static_cast<ssize_t>(sizeof(event) + event.len);
         }
     }
-    if (ours)
+    if (folderGone)
+        WatchFolder();
+    if (ours || folderGone)
         ScheduleCheck();
 }
 

@@ -67,6 +67,7 @@ public:
     unsigned VainWrites() const { return vainWrites; }
 
 private:
+    bool WatchFolder();
     void OnChange();
     void ScheduleCheck();
     void Check();
@@ -79,6 +80,7 @@ private:
     ExpectedCsv content;
     RepairLimit limit;
     Descriptor notifications;
+    bool watching = false;
     Timer timer;
     Timer writeAgain;
     bool active = false;

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -106,6 +107,38 @@ protected:
     int leaveAfter = 1;
     CsvWatch watch;
 };
+
+// As where a file system is taken away that was mounted on the folder.
+TEST_F(AWatchedCsv, IsPutRightInAFolderThatHasTakenThePlaceOfTheWatchedOne) {
+    watch.SetActive(true);
+    std::remove(file.c_str());
+    rmdir(folder.c_str());
+    ASSERT_EQ(mkdir(folder.c_str(), 0700), 0);
+    RunFor(5s);
+    ASSERT_EQ(Content(), DOWN);
+    leaveAfter = 2;
+    Timer other(loop, [this] { Write("another program's"); });
+    other.Once(1ms);
+    RunFor(10s);
+    EXPECT_EQ(repairs, 2);
+    EXPECT_EQ(Content(), DOWN);
+}
+
+TEST_F(AWatchedCsv, IsWatchedAgainWithTheNextEventWhereItsFolderWasMissing) {
+    watch.SetActive(true);
+    std::remove(file.c_str());
+    rmdir(folder.c_str());
+    leaveAfter = 1;
+    RunFor(5s);
+    ASSERT_EQ(mkdir(folder.c_str(), 0700), 0);
+    Write(DOWN);
+    watch.Reported(OrvEvent::CLOUD_DISCONNECTED);
+    Timer other(loop, [this] { Write("another program's"); });
+    other.Once(1ms);
+    leaveAfter = repairs + 1;
+    RunFor(10s);
+    EXPECT_EQ(Content(), DOWN);
+}
 
 TEST_F(AWatchedCsv, ThatCannotBeWatchedSaysWhichLimitIsReached) {
 #if defined(__has_feature)
