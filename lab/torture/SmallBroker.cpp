@@ -1,11 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "torture/SmallBroker.h"
 
-#include "torture/Failures.h"
-
-#include <poll.h>
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <chrono>
 
@@ -17,7 +12,6 @@ using OrvTest::MqttPacket;
 namespace {
 
 constexpr std::chrono::milliseconds PATIENCE{1000};
-constexpr int LOOK_AGAIN = 5; // milliseconds
 
 bool Matches(const std::string& filter, const std::string& topic) {
     return filter == topic || (filter.back() == '#' && topic.rfind(filter.substr(0, filter.size() - 1), 0) == 0);
@@ -25,21 +19,12 @@ bool Matches(const std::string& filter, const std::string& topic) {
 
 } // namespace
 
-SmallBroker::SmallBroker() : listener(OrvTest::ListenOnLoopback(0, 16)), thread([this] { Serve(); }) {}
-
-SmallBroker::~SmallBroker() {
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        stopping = true;
-    }
-    thread.join();
+SmallBroker::SmallBroker() : SmallServer(OrvTest::ListenOnLoopback(0, 16)) {
+    Begin();
 }
 
-void SmallBroker::DropAll() {
-    const Tortured notThis(false);
-    const std::lock_guard<std::mutex> lock(mutex);
-    for (Session& session : sessions)
-        session.ended = true;
+SmallBroker::~SmallBroker() {
+    End();
 }
 
 void SmallBroker::Send(const char* topic, const char* payload) {
@@ -55,36 +40,7 @@ std::string SmallBroker::Latest(const char* topic) const {
     return found == latest.end() ? std::string() : found->second;
 }
 
-void SmallBroker::Serve() {
-    for (;;) {
-        std::vector<pollfd> waits{{listener.Get(), POLLIN, 0}};
-        {
-            const std::lock_guard<std::mutex> lock(mutex);
-            if (stopping)
-                return;
-            sessions.remove_if([](const Session& session) { return session.ended; });
-            for (const Session& session : sessions)
-                waits.push_back({session.socket.Get(), POLLIN, 0});
-        }
-        if (poll(waits.data(), waits.size(), LOOK_AGAIN) <= 0)
-            continue;
-        const std::lock_guard<std::mutex> lock(mutex);
-        auto session = sessions.begin();
-        for (std::size_t index = 1; index < waits.size(); ++index, ++session)
-            if (waits[index].revents != 0)
-                Handle(*session);
-        if (waits[0].revents != 0)
-            Accept();
-    }
-}
-
-void SmallBroker::Accept() {
-    OrvTest::Descriptor socket(accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-    if (socket)
-        sessions.push_back({std::move(socket), {}});
-}
-
-void SmallBroker::Handle(Session& session) {
+void SmallBroker::Read(BrokerSession& session) {
     const int socket = session.socket.Get();
     const auto packet = OrvTest::ReadPacket(socket, PATIENCE);
     if (!packet || packet->type == MqttPacket::Type::DISCONNECT) {
@@ -118,7 +74,7 @@ void SmallBroker::Handle(Session& session) {
 
 void SmallBroker::PassOn(const MqttMessage& message) {
     latest[message.topic] = message.payload;
-    for (Session& session : sessions)
+    for (BrokerSession& session : sessions)
         if (std::any_of(session.filters.begin(), session.filters.end(),
                         [&](const std::string& filter) { return Matches(filter, message.topic); }))
             OrvTest::WriteWhole(session.socket.Get(), OrvTest::Encode(message));

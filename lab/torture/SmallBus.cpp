@@ -2,9 +2,7 @@
 #include "torture/SmallBus.h"
 
 #include "connman/BusMessages.h"
-#include "torture/Failures.h"
 
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -16,7 +14,6 @@ namespace OrvLab {
 
 namespace {
 
-constexpr int LOOK_AGAIN = 5; // milliseconds
 constexpr const char* MANAGER = ":1.7";
 
 OrvTest::Descriptor ListenAt(const std::string& path) {
@@ -32,21 +29,12 @@ OrvTest::Descriptor ListenAt(const std::string& path) {
 
 } // namespace
 
-SmallBus::SmallBus(const std::string& path) : listener(ListenAt(path)), thread([this] { Serve(); }) {}
-
-SmallBus::~SmallBus() {
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        stopping = true;
-    }
-    thread.join();
+SmallBus::SmallBus(const std::string& path) : SmallServer(ListenAt(path)) {
+    Begin();
 }
 
-void SmallBus::DropAll() {
-    const Tortured notThis(false);
-    const std::lock_guard<std::mutex> lock(mutex);
-    for (Session& session : sessions)
-        session.ended = true;
+SmallBus::~SmallBus() {
+    End();
 }
 
 std::string SmallBus::Top() const {
@@ -64,30 +52,7 @@ std::vector<std::string> SmallBus::Servers(const std::string& interfaceName) con
     return {};
 }
 
-void SmallBus::Serve() {
-    for (;;) {
-        std::vector<pollfd> waits{{listener.Get(), POLLIN, 0}};
-        {
-            const std::lock_guard<std::mutex> lock(mutex);
-            if (stopping)
-                return;
-            sessions.remove_if([](const Session& session) { return session.ended; });
-            for (const Session& session : sessions)
-                waits.push_back({session.socket.Get(), POLLIN, 0});
-        }
-        if (poll(waits.data(), waits.size(), LOOK_AGAIN) <= 0)
-            continue;
-        const std::lock_guard<std::mutex> lock(mutex);
-        auto session = sessions.begin();
-        for (std::size_t index = 1; index < waits.size(); ++index, ++session)
-            if (waits[index].revents != 0)
-                Read(*session);
-        if (waits[0].revents != 0)
-            sessions.push_back({OrvTest::Descriptor(accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC)), {}});
-    }
-}
-
-void SmallBus::Read(Session& session) {
+void SmallBus::Read(BusSession& session) {
     char bytes[4096];
     const ssize_t count = recv(session.socket.Get(), bytes, sizeof(bytes), 0);
     session.ended = session.ended || count <= 0;
@@ -99,7 +64,7 @@ void SmallBus::Read(Session& session) {
 }
 
 /// One line of the greeting, if it is there.
-bool SmallBus::Greet(Session& session) {
+bool SmallBus::Greet(BusSession& session) {
     const std::size_t end = session.received.find("\r\n");
     if (end == std::string::npos)
         return false;
@@ -114,7 +79,7 @@ bool SmallBus::Greet(Session& session) {
 }
 
 /// One message, if it is there.
-bool SmallBus::Take(Session& session) {
+bool SmallBus::Take(BusSession& session) {
     const auto have = static_cast<int>(session.received.size());
     const int size = have < DBUS_MINIMUM_HEADER_SIZE
                          ? DBUS_MINIMUM_HEADER_SIZE
@@ -128,7 +93,7 @@ bool SmallBus::Take(Session& session) {
     return true;
 }
 
-void SmallBus::Handle(Session& session, DBusMessage& call) {
+void SmallBus::Handle(BusSession& session, DBusMessage& call) {
     std::vector<Message> news;
     if (dbus_message_has_destination(&call, MANAGER)) {
         const Message answer = Carry(call, news);
@@ -138,7 +103,7 @@ void SmallBus::Handle(Session& session, DBusMessage& call) {
         Send(session, *BusMessages::Return(call, asksForOwner ? MANAGER : ":1.1"), DBUS_SERVICE_DBUS);
     }
     for (const Message& signal : news)
-        for (Session& each : sessions)
+        for (BusSession& each : sessions)
             Send(each, *signal, MANAGER);
 }
 
@@ -162,7 +127,7 @@ Message SmallBus::Carry(DBusMessage& call, std::vector<Message>& news) {
     return BusMessages::Return(dbus_message_get_serial(&call));
 }
 
-void SmallBus::Send(Session& session, DBusMessage& message, const char* sender) {
+void SmallBus::Send(BusSession& session, DBusMessage& message, const char* sender) {
     char* bytes = nullptr;
     int size = 0;
     // A copy: what has a serial is locked, and goes to nobody else.
