@@ -5,7 +5,7 @@ from __future__ import annotations
 import pathlib
 from typing import NamedTuple
 
-from orv_testbed.layout import SIDES, Side, misused
+from orv_testbed.layout import CELLULAR, SIDES, Side, misused
 
 WORDS = "up --families [eth=4|46|6],[cell=4|46|6],[cloud=4|46|6]"
 KINDS = ("4", "46", "6")
@@ -47,6 +47,12 @@ class Families(NamedTuple):
 
     def has_ipv6(self) -> bool:
         return any("6" in kind for kind in self)
+
+    def of_modem(self, address: str) -> list[str]:
+        """What the modem is told of its provider's network: its own IPv4 address there, netmask, router, name server, and with
+        IPv6 prefix and name server."""
+        network = [address if "4" in self.cell else "-", "255.255.255.0", f"{CELLULAR.net}.1", CELLULAR.name_server]
+        return network + ([f"{CELLULAR.net_6}:1", CELLULAR.name_server_6] if "6" in self.cell else [])
 
     def at(self, side: Side) -> str:
         return self.eth if side.name == "eth" else self.cell

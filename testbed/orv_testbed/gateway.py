@@ -197,10 +197,7 @@ class Gateway:
             self.namespace.ip("link set dev wwan0 up")
         if not self._address.exists():
             self._address.write_text(f"{CELLULAR.net}.50\n", encoding="ascii")
-        families = Families.of(self._layout.state).cell
-        address = self.cellular_address() if "4" in families else "-"
-        network = [address, "255.255.255.0", f"{CELLULAR.net}.1", CELLULAR.name_server]
-        network += [f"{CELLULAR.net_6}:1", CELLULAR.name_server_6] if "6" in families else []
+        network = Families.of(self._layout.state).of_modem(self.cellular_address())
         self._processes.start("modem", self.command(*PYTHON, "orv_testbed.modem", "wwan0", *network))
         if not comes_within(10, lambda: self._on_bus_or_ended("modem", "org.ofono")) or not self._processes.alive(
             "modem"

@@ -38,6 +38,16 @@ FAULTS = {
 ENDED_FIRST = ("routes", "connman", "modem", "broker", "resolver", "bus")
 
 
+def read_options(*words: str) -> tuple[bool, Families]:
+    """What follows `up`: whether the gateway is a machine, and which families there are."""
+    named = dict(zip(words[::2], words[1::2]))
+    if 2 * len(named) != len(words) or not named.keys() <= {"--machine", "--families"}:
+        raise Usage
+    if named.get("--machine", "mipsel") != "mipsel":
+        raise Usage
+    return "--machine" in named, Families.parse(named["--families"]) if "--families" in named else Families()
+
+
 class GatewayBox:
     """All parts of the box that the environment names, whether it is up or not."""
 
@@ -71,7 +81,7 @@ class GatewayBox:
             self.networks.make(taps=machine)
             self.cloud.start()
             if machine:
-                self.board.give_authority()
+                self.board.prepare_disk(families)
                 self.board.start()
                 self.board.wait()
             else:
@@ -123,11 +133,10 @@ class GatewayBox:
             self.board.do(word, *words)
             if word in FAULTS:
                 self.record.note(word, *words)
-        elif word == "up" and (
-            words in ((), ("--machine", "mipsel")) or words[:1] == ("--families",) and len(words) == 2
-        ):
+        elif word == "up":
+            wanted = read_options(*words)
             self.layout.check_caller()
-            self.up("--machine" in words, Families.parse(words[1]) if "--families" in words else Families())
+            self.up(*wanted)
         elif word == "down" and not words:
             self.layout.check_caller()
             self.down()

@@ -1,10 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
-"""One machine for all scenarios, which run in their order: each leaves it connected over Ethernet."""
+"""One machine for all scenarios with the same IP families, which run in their order: each leaves it connected over Ethernet."""
 from __future__ import annotations
 
 import os
-import pathlib
-import shutil
 from collections.abc import Iterator
 
 import pytest
@@ -14,12 +12,13 @@ from orv_testbed.machine.scene import MachineScene
 
 
 @pytest.fixture(scope="session")
-def machine() -> Iterator[Gateway]:
-    with Gateway(f"m{os.getpid():x}") as gateway:
+def machine(request: pytest.FixtureRequest) -> Iterator[Gateway]:
+    """The fixture's parameter, if it has one, is what `box up --families` is told."""
+    with Gateway(f"m{os.getpid():x}", getattr(request, "param", None)) as gateway:
         yield gateway
-        kept = pathlib.Path(os.environ.get("ORV_MACHINE_CONSOLE", ""))
-        if kept.name:
-            shutil.copy(gateway.machine / "console", kept)
+        if kept := os.environ.get("ORV_MACHINE_CONSOLE"):
+            with open(kept, "ab") as all_boots:
+                all_boots.write((gateway.machine / "console").read_bytes())
 
 
 @pytest.fixture

@@ -11,7 +11,8 @@ from orv_testbed import watch
 from orv_testbed.box_processes import PYTHON, BoxProcesses
 from orv_testbed.certificates import hash_of
 from orv_testbed.commands import Word, run
-from orv_testbed.layout import CELLULAR, ETHERNET, BoxError, Layout, misused
+from orv_testbed.families import Families
+from orv_testbed.layout import CELLULAR, ETHERNET, SIDES, BoxError, Layout, Side, misused
 from orv_testbed.machine import agent
 from orv_testbed.networks import Networks
 from orv_testbed.programs import TREE
@@ -19,6 +20,8 @@ from orv_testbed.waiting import comes_within
 
 CERTIFICATES = "/etc/ssl/certs"
 BUNDLE = "ca-certificates.crt"
+MODEM_SETTINGS = "/etc/default/modem"
+SERVICES = ("/usr/bin/python3", "/opt/testbed/services.py")
 CONNECT_CELLULAR = ("sh", "/opt/testbed/connect-cellular")
 # As the user that may read the LEDs; see machine/set-up.
 STATUS = ("orv-status", "--user", "orv-diagnostics", "--password-file", "/dev/stdin")
@@ -61,8 +64,9 @@ class Board:
         (self.folder / "console").touch()
         (self.folder / "seen").touch()
 
-    def give_authority(self) -> None:
-        """The machine trusts Debian's authorities, and the cloud's: in the bundle and under its hash."""
+    def prepare_disk(self, families: Families) -> None:
+        """The machine trusts Debian's authorities, and the cloud's: in the bundle and under its hash. And its modem is told
+        what the provider offers."""
         disk, bundle = self.folder / "disk.img", self.folder / BUNDLE
         authority = self._layout.certificates / "ca.pem"
         self._debugfs(disk, "-R", f"cat {CERTIFICATES}/{BUNDLE}", into=bundle)
@@ -73,8 +77,15 @@ class Board:
             f"write {bundle} {CERTIFICATES}/{BUNDLE}",
             f"write {authority} {CERTIFICATES}/gateway-box-ca.pem",
             f"symlink {CERTIFICATES}/{hash_of(authority)}.0 gateway-box-ca.pem",
+            f"write {self._note_network(families)} {MODEM_SETTINGS}",
         )
         self._debugfs(disk, "-w", "-f", "/dev/stdin", told="\n".join(changes) + "\n")
+
+    def _note_network(self, families: Families) -> pathlib.Path:
+        settings = self.folder / "modem"
+        network = " ".join(families.of_modem(f"{CELLULAR.net}.50"))
+        settings.write_text(f"NETWORK={network}\n", encoding="ascii")
+        return settings
 
     def _debugfs(self, disk: Word, *words: str, into: pathlib.Path | None = None, told: str = "") -> None:
         log = self._layout.log("debugfs")
@@ -99,15 +110,34 @@ class Board:
         # As on the box, the cellular service is connected once; from then on ConnMan does it by itself.
         if not comes_within(BOOT, lambda: self._does(*CONNECT_CELLULAR)):
             raise BoxError("the machine's ConnMan does not connect its cellular service")
+        with_ipv6 = [side for side in SIDES.values() if "6" in self._networks.families.at(side)]
+        if not comes_within(BOOT, lambda: all(map(self._has_ipv6, with_ipv6)), pause=1):
+            raise BoxError(f"the machine gets no IPv6, see {self._layout.command} services")
+
+    def _has_ipv6(self, side: Side) -> bool:
+        """An address that may be used, and a name server that ConnMan has heard of."""
+        addresses = ("ip", "-6", "-o", "addr", "show", "dev", side.interface, "scope", "global", "-tentative")
+        services = [line.split() for line in self._said(*SERVICES).splitlines()]
+        named = any(words[0] == side.interface and side.name_server_6 in words[4].split(",") for words in services)
+        return named and bool(self._said(*addresses))
 
     def _is_on(self) -> bool:
         return self._processes.alive("gateway")
 
     def _does(self, *command: str) -> bool:
+        outcome = self._outcome(*command)
+        return outcome is not None and outcome.status == 0
+
+    def _said(self, *command: str) -> str:
+        outcome = self._outcome(*command)
+        return outcome.output if outcome else ""
+
+    def _outcome(self, *command: str) -> agent.Outcome | None:
+        """None when the machine does not answer."""
         try:
-            return self._is_on() and agent.run(self.folder, *command, seconds=300).status == 0
+            return agent.run(self.folder, *command, seconds=300) if self._is_on() else None
         except agent.AgentError:
-            return False
+            return None
 
     # ---- the box's words
 
@@ -116,7 +146,7 @@ class Board:
             case ("exec", _, *_):
                 self.become(*words)
             case ("services",):
-                self.become("/usr/bin/python3", "/opt/testbed/services.py")
+                self.become(*SERVICES)
             case ("cable", "out" | "in"):
                 agent.monitor(self.folder, "set_link", name="card-eth", up=words[0] == "in")
             case ("cellular", "out" | "in"):

@@ -21,11 +21,11 @@ SERVICES = ("mosquitto", "connman", "orv-source-routes", "gateway-app")
 class Gateway(Box):
     """A box whose gateway is a machine."""
 
-    kind = ("--machine", "mipsel")
     longest_command = 300 * PATIENCE
 
-    def __init__(self, name: str) -> None:
-        super().__init__(name)
+    def __init__(self, name: str, families: str | None = None) -> None:
+        super().__init__(name, families)
+        self.kind = ("--machine", "mipsel", *self.kind)
         self.machine = self.folder / "machine"
         self._forgotten: dict[str, int] = {}
 
@@ -37,8 +37,8 @@ class Gateway(Box):
         """Those that a scenario which has failed may leave behind: power, providers, links."""
         if self.is_off():
             self.boot()
-        for words in (("provider", "eth", "back"), ("provider", "cell", "back"), ("cable", "in")):
-            self(*words)
+        for words in ("provider eth back", "provider cell back", "ipv4 eth back", "cloud-mqtt ok", "cable in"):
+            self(*words.split())
 
     # ---- commands and power
 
