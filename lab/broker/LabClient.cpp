@@ -97,6 +97,7 @@ void LabClient::Callback(const char* which, Act act) {
     where.ActAtRandom(this);
     where.sim.Step("return from the callback");
     story.EndCallback();
+    where.ThrowAtRandom();
 }
 
 void LabClient::OnPublish(const std::string& /*topic*/, const std::string& message) {

@@ -7,6 +7,7 @@
 #include "sim/LabLog.h"
 
 #include <algorithm>
+#include <stdexcept>
 #include <utility>
 
 namespace OrvLab {
@@ -167,6 +168,20 @@ void Program::ActAtRandom(LabClient* called) {
         Act(*client, slot, false);
 }
 
+void Program::ThrowAtRandom() {
+    class OfItsOwn {};
+    if (isCollecting || inCallbacks || budget <= 0 || !random.OneIn(12))
+        return;
+    switch (random.Below(3)) {
+    case 0:
+        throw std::runtime_error("from a callback");
+    case 1:
+        throw OfItsOwn();
+    default:
+        throw 1;
+    }
+}
+
 void Program::Act(LabClient& client, std::shared_ptr<LabClient>& slot, bool inCallback) {
     switch (random.Weighted({6, 3, 4, 14, 1, 2})) {
     case 0:
@@ -222,12 +237,34 @@ void Program::PublishAtRandom(LabClient& client) {
     }
 }
 
+/// For much longer than any pause between two attempts, of which there are neither too many nor too few.
+void Program::StayAway() {
+    constexpr Time SO_LONG = 600 * SECOND;
+    constexpr int MOST = 600;
+    constexpr int LEAST = 30;
+    constexpr Time CALLS_RETURN = 5 * SECOND;
+    broker.SetBehaviour(ScriptedBroker::Behaviour::DOWN);
+    broker.DropAll();
+    sim.Sleep(CALLS_RETURN);
+    const auto clients = std::count_if(slots.begin(), slots.end(), [](const auto& slot) { return slot != nullptr; });
+    const int before = broker.Attempts();
+    sim.Sleep(SO_LONG);
+    const int attempts = broker.Attempts() - before;
+    // A callback that was under way may have destroyed one.
+    const auto up =
+        std::count_if(slots.begin(), slots.end(), [](const auto& slot) { return slot && slot->Story().IsKnownUp(); });
+    if (attempts > MOST * clients || attempts < LEAST * up)
+        sim.Fail(std::to_string(attempts) + " attempts to reach a broker that is away for ten minutes");
+}
+
 void Program::Collect() {
     isCollecting = true;
     constexpr Time SETTLED = 20 * SECOND;
-    broker.Heal();
     LabLog::longestStall = 0;
     sim.DisableStalls();
+    if (random.OneIn(12))
+        StayAway();
+    broker.Heal();
     sim.Sleep(SETTLED);
     for (const auto& slot : slots)
         if (slot)

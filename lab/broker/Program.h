@@ -91,6 +91,8 @@ public:
 
     /// Something, by the thread that runs; in a callback with the client that was called.
     void ActAtRandom(LabClient* called);
+    /// As an application's callback does that has gone wrong.
+    void ThrowAtRandom();
 
     Simulation& sim;
     ScriptedBroker broker;
@@ -104,6 +106,7 @@ private:
     void PublishAtRandom(LabClient& client);
     void Pause();
     std::shared_ptr<LabClient> Make();
+    void StayAway();
     void Collect();
     void CollectFrom(LabClient& client);
     void CheckRoom();

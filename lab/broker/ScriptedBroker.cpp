@@ -135,6 +135,7 @@ void ScriptedBroker::Send(const std::string& topic) {
 }
 
 std::shared_ptr<Connection> ScriptedBroker::Accept() {
+    ++attempts;
     if (behaviour == Behaviour::DOWN)
         return nullptr;
     auto connection = std::make_shared<Connection>();

@@ -126,6 +126,8 @@ public:
 
     /// A new connection; null when it is refused by the system.
     std::shared_ptr<Connection> Accept();
+    /// How often that has been tried.
+    int Attempts() const { return attempts; }
 
     const std::vector<std::shared_ptr<Connection>>& Connections() const { return connections; }
     /// The latest one of this client that was accepted and is open; null for none.
@@ -152,6 +154,7 @@ private:
     std::vector<std::shared_ptr<Connection>> connections;
     bool healed = false;
     int accepted = 0;
+    int attempts = 0;
     std::map<std::string, std::string> retained;
     std::set<std::string> received;
 };

@@ -224,8 +224,12 @@ void ConnmanProgram::Collect() {
     sim.Sleep(SETTLED);
     CheckOrders();
     CheckPicture();
+    if (random.OneIn(2))
+        OrderServers("ppp0", AnyServers()); // waits for an interface that never comes
     CheckLastOrders();
     CheckIdle();
+    if (random.OneIn(3))
+        CheckRestart();
 }
 
 /// What was asked for last has come true, or was true already when it was asked for.
@@ -277,6 +281,27 @@ void ConnmanProgram::CheckLastOrders() {
     if (bus.Top() != other || !isSet("eth0", servers) || !isSet("wwan0", none))
         sim.Fail("three orders do not come true within a second");
     CheckPicture();
+}
+
+/// The connection manager is away for a while. What is ordered meanwhile comes true, and what was ordered before stays.
+void ConnmanProgram::CheckRestart() {
+    const std::string wanted = random.OneIn(2) ? bus.Top() : AnyInterface();
+    bus.EndManager();
+    sim.Sleep(SECOND);
+    const std::string told = client->TopPriorityInterface();
+    if (!told.empty())
+        sim.Fail("without a connection manager " + told + " is said to be on top");
+    OrderTop(wanted);
+    Pause(3000);
+    bus.StartManager();
+    bus.Heal();
+    sim.Sleep(SETTLED);
+    CheckPicture();
+    if (bus.Top() != wanted)
+        sim.Fail(wanted + " was ordered while there was no connection manager, and is not on top");
+    if (bus.Of("eth0")->written != Servers{"203.0.113.77"} ||
+        bus.Of("wwan0")->written != Servers{OrvPlatform::NO_SERVERS})
+        sim.Fail("name servers that were ordered do not last");
 }
 
 /// With nothing to do nobody is asked.

@@ -57,6 +57,7 @@ private:
     void CheckOrders();
     void CheckPicture();
     void CheckLastOrders();
+    void CheckRestart();
     void CheckIdle();
     void End();
 
