@@ -39,9 +39,9 @@ ConnmanDefault::~ConnmanDefault() {
     thread.join();
 }
 
-std::string ConnmanDefault::Interface() const {
+ConnmanView ConnmanDefault::View() const {
     const std::lock_guard<std::mutex> lock(mutex);
-    return interface;
+    return view;
 }
 
 void ConnmanDefault::AskAgain() {
@@ -49,12 +49,12 @@ void ConnmanDefault::AskAgain() {
     wake.Wake();
 }
 
-void ConnmanDefault::Set(const std::string& fresh) {
+void ConnmanDefault::Set(const ConnmanView& fresh) {
     {
         const std::lock_guard<std::mutex> lock(mutex);
-        if (interface == fresh)
+        if (view == fresh)
             return;
-        interface = fresh;
+        view = fresh;
     }
     news.Wake();
 }
@@ -84,6 +84,7 @@ bool ConnmanDefault::Listen(MessageBus& bus) {
             "'",
         signals + Messages::MANAGER + "',member='ServicesChanged'",
         signals + Messages::SERVICE + "',member='PropertyChanged',arg0='State'",
+        signals + Messages::SERVICE + "',member='PropertyChanged',arg0='Nameservers'",
     };
     return std::all_of(std::begin(rules), std::end(rules), [&](const std::string& rule) {
         return bus.CallBus(Messages::AddMatch(rule), patience).message != nullptr;
@@ -97,7 +98,7 @@ void ConnmanDefault::Follow(MessageBus& bus) {
     while (!stopping && bus.IsOpen()) {
         changed = false;
         asked = false;
-        const std::optional<std::string> fresh = Ask(bus);
+        const std::optional<ConnmanView> fresh = Ask(bus);
         if (stopping)
             break;
         if (fresh)
@@ -113,10 +114,10 @@ void ConnmanDefault::Follow(MessageBus& bus) {
 }
 
 /// @return nothing when it cannot be told: what was true before counts
-std::optional<std::string> ConnmanDefault::Ask(MessageBus& bus) {
+std::optional<ConnmanView> ConnmanDefault::Ask(MessageBus& bus) {
     const MessageBus::Reply owner = bus.CallBus(Messages::GetNameOwner(), patience);
     if (!owner.message)
-        return owner.isOwnerless ? std::optional<std::string>(std::string()) : std::nullopt;
+        return owner.isOwnerless ? std::optional<ConnmanView>(ConnmanView{}) : std::nullopt;
     const std::string name = Messages::ReadOwner(*owner.message);
     if (name.empty())
         return std::nullopt;
@@ -124,9 +125,17 @@ std::optional<std::string> ConnmanDefault::Ask(MessageBus& bus) {
     const auto list = reply.message ? Messages::ReadServices(*reply.message) : std::nullopt;
     if (!list)
         return std::nullopt;
-    const ConnmanServiceUpdate first = list->empty() ? ConnmanServiceUpdate{} : list->front();
-    const std::string state = first.state.value_or("");
-    return state == "ready" || state == "online" ? first.interfaceName.value_or("") : std::string();
+    ConnmanView told;
+    for (const ConnmanServiceUpdate& service : *list) {
+        const std::string state = service.state.value_or("");
+        if ((state != "ready" && state != "online") || !service.interfaceName)
+            continue;
+        if (&service == &list->front())
+            told.defaultInterface = *service.interfaceName;
+        if (service.servers)
+            told.nameServers[*service.interfaceName] = *service.servers;
+    }
+    return told;
 }
 
 } // namespace OrvSourceRoutes

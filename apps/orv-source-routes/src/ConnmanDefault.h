@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "Planner.h"
+
 #include <base/Waker.h>
 #include <connman/MessageBus.h>
 
@@ -13,7 +15,8 @@
 
 namespace OrvSourceRoutes {
 
-/// Follows which service is ConnMan's first, on a thread of its own because its bus may be frozen. Orders nothing.
+/// Follows which service is ConnMan's first and which name servers they have, on a thread of its own because its bus
+/// may be frozen. Orders nothing.
 class ConnmanDefault {
 public:
     /// @param address of the message bus
@@ -23,11 +26,11 @@ public:
     ConnmanDefault(const ConnmanDefault&) = delete;
     ConnmanDefault& operator=(const ConnmanDefault&) = delete;
 
-    /// The interface of the first service, if that is connected; empty otherwise, and while ConnMan does not tell.
-    std::string Interface() const;
+    /// The default is the interface of the first service, if that is connected.
+    ConnmanView View() const;
     /// ConnMan tells of a new order a tenth of a second after it has changed the routes: asks for it now.
     void AskAgain();
-    /// Readable when Interface may have changed, until TakeChanged.
+    /// Readable when View may have changed, until TakeChanged.
     int Descriptor() const { return news.Descriptor(); }
     void TakeChanged() { news.Clear(); }
 
@@ -35,8 +38,8 @@ private:
     void Run();
     bool Listen(OrvPlatform::MessageBus& bus);
     void Follow(OrvPlatform::MessageBus& bus);
-    std::optional<std::string> Ask(OrvPlatform::MessageBus& bus);
-    void Set(const std::string& fresh);
+    std::optional<ConnmanView> Ask(OrvPlatform::MessageBus& bus);
+    void Set(const ConnmanView& fresh);
 
     const std::string busAddress;
     const std::chrono::milliseconds patience;
@@ -46,7 +49,7 @@ private:
     std::atomic<bool> asked{false};
 
     mutable std::mutex mutex;
-    std::string interface;
+    ConnmanView view;
 
     std::thread thread;
 };

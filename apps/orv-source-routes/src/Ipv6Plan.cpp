@@ -91,6 +91,27 @@ void FindRouter(Ipv6State& state, const InterfaceTable& entry, const Snapshot& s
         state.gateway = best->gateway;
 }
 
+/// Those beyond their link.
+std::vector<IpAddress> Ipv6ServersOf(const std::string& interface,
+                                     const std::map<std::string, std::vector<std::string>>& nameServers) {
+    std::vector<IpAddress> servers;
+    const auto found = nameServers.find(interface);
+    if (found == nameServers.end())
+        return servers;
+    for (const std::string& text : found->second) {
+        const std::optional<IpAddress> server = IpAddress::Parse(text);
+        if (server && !server->IsIpv4() && !server->IsLinkLocal())
+            servers.push_back(*server);
+    }
+    return servers;
+}
+
+bool IsOnLink(const IpAddress& server, const Ipv6State& state) {
+    return std::any_of(state.onLink.begin(), state.onLink.end(), [&](const Route& network) {
+        return server.Network(network.prefixLength) == network.destination;
+    });
+}
+
 } // namespace
 
 Ipv6State LookAtIpv6(const InterfaceTable& entry, const Snapshot& snapshot) {
@@ -152,6 +173,24 @@ void AddIpv6Default(const std::vector<InterfaceTable>& tables, const std::vector
         if (has)
             route.gateway = states[i].gateway;
         plan.routes.push_back(route);
+    }
+}
+
+void AddIpv6NameServers(const std::vector<InterfaceTable>& tables, const std::vector<Ipv6State>& states,
+                        const std::string& defaultInterface,
+                        const std::map<std::string, std::vector<std::string>>& nameServers, Plan& plan) {
+    std::vector<IpAddress> done = Ipv6ServersOf(defaultInterface, nameServers);
+    for (std::size_t i = 0; i < tables.size(); ++i) {
+        if (tables[i].interface == defaultInterface || !states[i].HasWayOut())
+            continue;
+        for (const IpAddress& server : Ipv6ServersOf(tables[i].interface, nameServers)) {
+            if (std::find(done.begin(), done.end(), server) != done.end() || IsOnLink(server, states[i]))
+                continue;
+            Route route = NewRoute(RT_TABLE_MAIN, states[i].link->index, server, server.Bits());
+            route.gateway = states[i].gateway;
+            plan.routes.push_back(route);
+            done.push_back(server);
+        }
     }
 }
 

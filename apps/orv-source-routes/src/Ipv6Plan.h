@@ -4,6 +4,7 @@
 #include "Planner.h"
 
 #include <chrono>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -40,6 +41,13 @@ std::string Ipv6Reason(const InterfaceTable& entry, const Ipv6State& state);
 /// @param states of the interfaces, in the order of the tables
 void AddIpv6Default(const std::vector<InterfaceTable>& tables, const std::vector<Ipv6State>& states,
                     const std::string& defaultInterface, Plan& plan);
+
+/// The main table's routes to the name servers of an interface that has not the default: each provider answers its own
+/// customers only, and without them the questions would go over the default. None to a server that is on a link, or
+/// that the default interface has, too.
+void AddIpv6NameServers(const std::vector<InterfaceTable>& tables, const std::vector<Ipv6State>& states,
+                        const std::string& defaultInterface,
+                        const std::map<std::string, std::vector<std::string>>& nameServers, Plan& plan);
 
 /// Takes everything of IPv6 out of the plan, for a kernel without rules for it: there all routes are in one table.
 void LeaveOutIpv6(Plan& plan);

@@ -121,8 +121,10 @@ void Planner::DecideIpv6(const Snapshot& snapshot, Plan& plan) {
         if (withIpv6.count(entry.interface) != 0)
             plan.reasons[entry.interface + IPV6_SUFFIX] = Ipv6Reason(entry, states.back());
     }
-    const std::string& told = snapshot.defaultInterface;
-    AddIpv6Default(tables, states, told.empty() ? Ipv4DefaultInterface(snapshot) : told, plan);
+    const std::string& told = snapshot.connman.defaultInterface;
+    const std::string defaultInterface = told.empty() ? Ipv4DefaultInterface(snapshot) : told;
+    AddIpv6Default(tables, states, defaultInterface, plan);
+    AddIpv6NameServers(tables, states, defaultInterface, snapshot.connman.nameServers, plan);
 }
 
 void Planner::DecideFor(const InterfaceTable& entry, const Snapshot& snapshot, Plan& plan) {

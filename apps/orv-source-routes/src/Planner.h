@@ -32,14 +32,23 @@ struct InterfaceTable {
     std::uint32_t table = 0;
 };
 
+/// What the connection manager tells; nothing while it does not.
+struct ConnmanView {
+    std::string defaultInterface{};
+    std::map<std::string, std::vector<std::string>> nameServers{}; ///< of each interface with a connected service
+
+    bool operator==(const ConnmanView& other) const {
+        return defaultInterface == other.defaultInterface && nameServers == other.nameServers;
+    }
+};
+
 /// What the kernel has at one moment.
 struct Snapshot {
     std::vector<OrvNetlink::Link> links;
     std::vector<OrvNetlink::Address> addresses;
     std::vector<OrvNetlink::Route> routes; // of all tables
     std::vector<OrvNetlink::Rule> rules;
-    /// The interface that the connection manager calls its default; empty when it does not tell.
-    std::string defaultInterface{};
+    ConnmanView connman{};
 };
 
 /// The interface of the best IPv4 default route; empty when there is none.

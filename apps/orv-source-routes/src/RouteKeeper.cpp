@@ -95,12 +95,12 @@ std::error_code AskForIpv6Rules(OrvNetlink::Socket& requests) {
 RouteKeeper::RouteKeeper(std::vector<InterfaceTable> tables, Ipv6Question question)
     : planner(std::move(tables)), askForIpv6Rules(std::move(question)), logger("OrvSourceRoutes", OrvLog::INFO) {}
 
-bool RouteKeeper::Refresh(const std::string& defaultInterface) {
+bool RouteKeeper::Refresh(const ConnmanView& connman) {
     std::optional<Snapshot> snapshot = ReadSnapshot(requests);
     if (!snapshot)
         return ReportFailures(
             {{"cannot see the kernel's links, addresses, routes and rules: they change all the time", true}});
-    snapshot->defaultInterface = defaultInterface;
+    snapshot->connman = connman;
     nextExpiry = planner.NextExpiry(*snapshot);
     ipv4Default = Ipv4DefaultInterface(*snapshot);
     Plan plan = planner.Decide(*snapshot);
@@ -158,8 +158,11 @@ void RouteKeeper::AddRoute(const Changes::Addition& addition, const Snapshot& sn
     const std::uint16_t how = addition.replaces ? NLM_F_REPLACE : NLM_F_EXCL;
     const auto flags = static_cast<std::uint16_t>(NLM_F_CREATE | how);
     const std::error_code verdict = Send(OrvNetlink::WriteRoute(room, RTM_NEWROUTE, flags, addition.route), what);
-    if (verdict.value() == EEXIST && addition.route.table == RT_TABLE_MAIN)
+    const bool othersStands = verdict.value() == EEXIST && addition.route.table == RT_TABLE_MAIN;
+    if (othersStands && addition.route.IsDefault())
         found[InTheWay(snapshot)] = false; // the kernel tells when that one goes
+    else if (othersStands)
+        return; // the way to a name server is that program's affair
     else if (verdict)
         found[Failure(what, verdict)] = true;
 }

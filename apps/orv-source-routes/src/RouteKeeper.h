@@ -34,10 +34,9 @@ public:
     explicit RouteKeeper(std::vector<InterfaceTable> tables, Ipv6Question question = AskForIpv6Rules);
 
     /// Looks at the kernel's state and corrects this program's entries.
-    /// @param defaultInterface what the connection manager calls its default; empty when it does not tell
     /// @return false when something could not be done and is worth another attempt
     /// @throws std::system_error when the kernel does not let this process change routes
-    bool Refresh(const std::string& defaultInterface = {});
+    bool Refresh(const ConnmanView& connman = {});
 
     /// The interface of the best IPv4 default route, from the last Refresh on; empty when there is none.
     const std::string& Ipv4Default() const { return ipv4Default; }

@@ -74,7 +74,7 @@ bool Run(std::vector<InterfaceTable> tables) {
     ConnmanDefault connman(
         OrvPlatform::MessageBus::Address(OrvPlatform::LoadGatewayConfig().config.connman.busAddress));
     for (std::string ipv4Default;;) {
-        const bool done = keeper.Refresh(connman.Interface());
+        const bool done = keeper.Refresh(connman.View());
         if (std::exchange(ipv4Default, keeper.Ipv4Default()) != keeper.Ipv4Default())
             connman.AskAgain();
         pollfd waiting[] = {{signals.Descriptor(), POLLIN, 0},

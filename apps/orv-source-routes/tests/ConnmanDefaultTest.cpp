@@ -7,9 +7,11 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <map>
 #include <poll.h>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace OrvSourceRoutes {
 namespace {
@@ -22,7 +24,7 @@ class ConnmansDefault : public testing::Test {
 protected:
     /// True once the interface is the one; false when it is not in good time.
     bool Becomes(const std::string& interface) {
-        while (connman.Interface() != interface) {
+        while (connman.View().defaultInterface != interface) {
             pollfd news{connman.Descriptor(), POLLIN, 0};
             if (poll(&news, 1, 20'000) != 1)
                 return false;
@@ -43,7 +45,7 @@ protected:
         return text;
     }
 
-    ScriptedBus bus;
+    ScriptedBus bus{4};
     ConnmanDefault connman{bus.Address(), 20s}; // however slow this machine is
 };
 
@@ -53,6 +55,18 @@ TEST_F(ConnmansDefault, IsTheFirstServicesInterface) {
     bus.Send(bus.Reordered(bus.MANAGER, {{"wwan0", ""}, {"eth0", ""}}));
     bus.Send(bus.Services(KnowsWhoConnmanIs(), {{"wwan0", "ready"}, {"eth0", "ready"}}));
     EXPECT_TRUE(Becomes("wwan0"));
+}
+
+TEST_F(ConnmansDefault, ComesWithTheNameServersOfTheConnectedServices) {
+    bus.SetUpWith({{"eth0", "ready", "2001:db8:21::53"}, {"wwan0", "idle"}});
+    ASSERT_TRUE(Becomes("eth0"));
+    using Servers = std::map<std::string, std::vector<std::string>>;
+    EXPECT_EQ(connman.View().nameServers, (Servers{{"eth0", {"2001:db8:21::53"}}}));
+    bus.Send(bus.Reordered(bus.MANAGER, {{"wwan0", ""}, {"eth0", ""}}));
+    bus.Send(
+        bus.Services(KnowsWhoConnmanIs(), {{"wwan0", "online", "2001:db8:22::53"}, {"eth0", "ready", "10.21.0.53"}}));
+    ASSERT_TRUE(Becomes("wwan0"));
+    EXPECT_EQ(connman.View().nameServers, (Servers{{"eth0", {"10.21.0.53"}}, {"wwan0", {"2001:db8:22::53"}}}));
 }
 
 TEST_F(ConnmansDefault, IsAskedForAgainSoonAfterAnError) {
@@ -97,8 +111,10 @@ TEST_F(ConnmansDefault, IsNotAskedForWhenSomethingElseOfAServiceChanges) {
     EXPECT_EQ(NextRule(), "type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg0='net.connman'");
     EXPECT_EQ(NextRule(),
               "type='signal',sender='net.connman',interface='net.connman.Manager',member='ServicesChanged'");
-    EXPECT_EQ(NextRule(), "type='signal',sender='net.connman',interface='net.connman.Service',"
-                          "member='PropertyChanged',arg0='State'");
+    const std::string ofService = "type='signal',sender='net.connman',interface='net.connman.Service',";
+    EXPECT_EQ(NextRule(), ofService + "member='PropertyChanged',arg0='State'");
+    EXPECT_EQ(NextRule(), ofService + "member='PropertyChanged',arg0='Nameservers'");
+    bus.Send(bus.Error(bus.Expect("GetNameOwner"), bus.DRIVER, DBUS_ERROR_NAME_HAS_NO_OWNER));
 }
 
 } // namespace

@@ -35,7 +35,7 @@ class AGatewayWithIpv6 : public testing::Test {
 protected:
     AGatewayWithIpv6() {
         now.links = {{1, "lo", true, false}, {ETH, "eth0", true, false}, {CELL, "wwan0", true, false}};
-        now.defaultInterface = "eth0";
+        now.connman.defaultInterface = "eth0";
         for (const unsigned link : {ETH, CELL}) {
             Has(link, "fe80::a", 64, false);
             Kernel(link, "fe80::", 64);
@@ -135,7 +135,7 @@ TEST_F(AGatewayWithIpv6, ChangesNothingOnceAllStands) {
 
 TEST_F(AGatewayWithIpv6, MovesTheDefaultWithTheConnectionManager) {
     Carry(Difference(now, Decide()));
-    now.defaultInterface = "wwan0";
+    now.connman.defaultInterface = "wwan0";
     EXPECT_EQ(InMain(), std::vector<Route>{Own(RT_TABLE_MAIN, CELL, "::", 0, "fe80::2")});
     const Changes changes = Difference(now, Decide());
     ASSERT_EQ(changes.routesToAdd.size(), 1U);
@@ -144,7 +144,7 @@ TEST_F(AGatewayWithIpv6, MovesTheDefaultWithTheConnectionManager) {
 }
 
 TEST_F(AGatewayWithIpv6, FollowsTheIpv4DefaultWhereNoConnectionManagerTells) {
-    now.defaultInterface.clear();
+    now.connman.defaultInterface.clear();
     EXPECT_TRUE(InMain().empty());
     now.routes.push_back({RT_TABLE_MAIN, RTPROT_BOOT, CELL, {}, 0, Ip("10.12.0.1"), {}, 0});
     EXPECT_EQ(InMain(), std::vector<Route>{Own(RT_TABLE_MAIN, CELL, "::", 0, "fe80::2")});
@@ -165,8 +165,33 @@ TEST_F(AGatewayWithIpv6, LeavesTheDefaultAloneWhenNobodyHasIpv6) {
 }
 
 TEST_F(AGatewayWithIpv6, LeavesTheDefaultAloneWhenSomeOtherInterfaceHasIt) {
-    now.defaultInterface = "vpn0";
+    now.connman.defaultInterface = "vpn0";
     EXPECT_TRUE(InMain().empty());
+}
+
+TEST_F(AGatewayWithIpv6, AsksTheNameServersOfTheOtherProviderOverItsOwnInterface) {
+    now.connman.nameServers = {{"eth0", {"2001:db8:21::53"}}, {"wwan0", {"2001:db8:22::53", "2001:db8:22::53"}}};
+    const Route toCellulars = Own(RT_TABLE_MAIN, CELL, "2001:db8:22::53", 128, "fe80::2");
+    EXPECT_EQ(InMain(), (std::vector<Route>{Own(RT_TABLE_MAIN, ETH, "::", 0, "fe80::1"), toCellulars}));
+    now.connman.defaultInterface = "wwan0";
+    EXPECT_TRUE(Plans(Own(RT_TABLE_MAIN, ETH, "2001:db8:21::53", 128, "fe80::1")));
+    EXPECT_FALSE(Plans(toCellulars)) << "the default route leads there";
+}
+
+TEST_F(AGatewayWithIpv6, AsksTheOtherProvidersNameServersAlsoWhenTheDefaultInterfaceHasNoIpv6) {
+    LoseRouterOf(ETH);
+    now.connman.nameServers = {{"wwan0", {"2001:db8:22::53"}}};
+    EXPECT_TRUE(Plans(Own(RT_TABLE_MAIN, CELL, "2001:db8:22::53", 128, "fe80::2")));
+    LoseRouterOf(CELL);
+    EXPECT_TRUE(InMain().empty());
+}
+
+TEST_F(AGatewayWithIpv6, LeavesANameServerAloneThatBothHaveOrThatNeedsNoRouter) {
+    now.connman.nameServers = {
+        {"eth0", {"2001:db8:5::53"}},
+        {"wwan0", {"2001:db8:5::53", "2001:db8:12::53", "fe80::53", "10.22.0.53", "none"}},
+    };
+    EXPECT_EQ(InMain(), std::vector<Route>{Own(RT_TABLE_MAIN, ETH, "::", 0, "fe80::1")});
 }
 
 TEST_F(AGatewayWithIpv6, TakesTheRouterAwayWhenItsLifetimeIsOver) {
@@ -287,7 +312,7 @@ TEST(AGatewayWithoutIpv6, SaysNothingOfIt) {
     Snapshot now;
     now.links = {{ETH, "eth0", true, false}};
     now.addresses = {{ETH, Ip("10.11.0.179"), 24, false, true}};
-    now.defaultInterface = "eth0";
+    now.connman.defaultInterface = "eth0";
     const Plan plan = planner.Decide(now);
     EXPECT_EQ(plan.reasons.size(), 1U);
     EXPECT_TRUE(plan.routes.empty());

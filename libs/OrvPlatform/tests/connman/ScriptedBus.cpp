@@ -65,7 +65,8 @@ void AppendServices(DBusMessageIter& arguments, const std::vector<ScriptedServic
 
 } // namespace
 
-ScriptedBus::ScriptedBus() : folder((std::filesystem::temp_directory_path() / "orv-bus-XXXXXX").string()) {
+ScriptedBus::ScriptedBus(int rulesOfTheClient)
+    : matchRules(rulesOfTheClient), folder((std::filesystem::temp_directory_path() / "orv-bus-XXXXXX").string()) {
     if (!mkdtemp(folder.data()))
         throw std::runtime_error("cannot make " + folder);
     sockaddr_un address{};
@@ -162,10 +163,10 @@ void ScriptedBus::AppendProperties(DBusMessageIter& dictionary, const ScriptedSe
                        [&](DBusMessageIter& name) { AppendText(name, service.interfaceName); });
         dbus_message_iter_close_container(&value, &inner);
     });
-    AppendProperty(dictionary, "Nameservers", "as", [](DBusMessageIter& value) {
+    AppendProperty(dictionary, "Nameservers", "as", [&](DBusMessageIter& value) {
         DBusMessageIter inner;
         dbus_message_iter_open_container(&value, DBUS_TYPE_ARRAY, "s", &inner);
-        AppendText(inner, "192.0.2.53");
+        AppendText(inner, service.nameServer);
         dbus_message_iter_close_container(&value, &inner);
     });
 }
@@ -212,7 +213,7 @@ ScriptedBus::Message ScriptedBus::Reordered(const std::string& sender, const std
 ScriptedBus::Message ScriptedBus::SetUpMatches() {
     Accept();
     Send(Return(Expect("Hello"), DRIVER, ":1.1"));
-    for (int rules = 0; rules < 3; ++rules)
+    for (int rule = 0; rule < matchRules; ++rule)
         Send(Return(Expect("AddMatch"), DRIVER));
     return Expect("GetNameOwner");
 }

@@ -13,6 +13,7 @@ namespace OrvTest {
 struct ScriptedService {
     std::string interfaceName;
     std::string state;
+    std::string nameServer = "192.0.2.53";
 };
 
 /// A message bus, and everybody on it, played by the test: one client, to which it says what the test wants, in the
@@ -25,7 +26,8 @@ public:
     static constexpr const char* MANAGER = ":1.7";   ///< the connection manager
     static constexpr const char* STRANGER = ":1.66"; ///< any local user
 
-    ScriptedBus();
+    /// @param rulesOfTheClient so many signals the client asks for
+    explicit ScriptedBus(int rulesOfTheClient = 3);
     ~ScriptedBus();
     ScriptedBus(const ScriptedBus&) = delete;
     ScriptedBus& operator=(const ScriptedBus&) = delete;
@@ -72,6 +74,7 @@ private:
     void Write(const std::string& bytes) const;
     void ReadMore();
 
+    const int matchRules;
     std::string folder;
     int listener = -1;
     int client = -1;
