@@ -4,7 +4,8 @@
 
 Takes commands on standard input, one a line, and answers each with one line:
 
-  services INTERFACE:STATE[:immutable|:unbound] ...   the services, in their order; the first such line brings it onto the
+  services INTERFACE:STATE[:immutable|:unbound|:ipv4-off|:ipv6-off] ...
+                                             the services, in their order; the first such line brings it onto the
                                              bus; an unbound one tells no interface
   state INTERFACE STATE                      a service's state changes
   mute-servers INTERFACE                     the network offers no name servers
@@ -39,6 +40,7 @@ class Service(dbus.service.Object):
         super().__init__(manager.bus, path_of(interface))
         self.manager, self.interface = manager, interface
         self.state, self.immutable, self.bound = state, "immutable" in flags, "unbound" not in flags
+        self.off = [flag for flag in flags if flag.endswith("-off")]
         self.offered = [OFFERED]
         self.configured: list[str] | None = None
 
@@ -48,8 +50,13 @@ class Service(dbus.service.Object):
         ethernet = {"MTU": dbus.UInt16(1500)}
         if self.bound:  # one that has never been connected, such as a modem's, may name no interface
             ethernet["Interface"] = self.interface
+        methods = {}
+        for family, on in (("4", "dhcp"), ("6", "auto")):
+            method = "off" if f"ipv{family}-off" in self.off else on
+            methods[f"IPv{family}.Configuration"] = dbus.Dictionary({"Method": method}, signature="sv")
         return dbus.Dictionary(
             {
+                **methods,
                 "Type": "ethernet",
                 "State": self.state,
                 "Immutable": dbus.Boolean(self.immutable),
@@ -59,6 +66,17 @@ class Service(dbus.service.Object):
             },
             signature="sv",
         )
+
+    def take(self, state: str, flags: Sequence[str]) -> None:
+        """What it becomes; of the flags only the families that are off."""
+        off = [flag for flag in flags if flag.endswith("-off")]
+        if off != self.off:
+            self.off = off
+            self.emit_change("IPv4.Configuration")
+            self.emit_change("IPv6.Configuration")
+        if state != self.state:
+            self.state = state
+            self.emit_change("State")
 
     def emit_change(self, name: str) -> None:
         self.PropertyChanged(name, self.properties()[name])
@@ -129,9 +147,8 @@ class Manager(dbus.service.Object):
             if service is None:
                 service = Service(self, interface, state, flags)
                 added.append(service)
-            elif service.state != state:
-                service.state = state
-                service.emit_change("State")
+            else:
+                service.take(state, flags)
             self.services.append(service)
         for service in known.values():
             service.remove_from_connection()

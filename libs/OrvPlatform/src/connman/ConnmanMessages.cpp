@@ -89,6 +89,11 @@ void ReadProperty(const std::string& name, const Value& value, ConnmanServiceUpd
             if (item == "Interface")
                 news.interfaceName = content.Text();
         });
+    else if (name == "IPv4.Configuration" || name == "IPv6.Configuration")
+        ForEachEntry(value, [&](const std::string& item, const Value& content) {
+            if (item == "Method")
+                (name == "IPv4.Configuration" ? news.ipv4Off : news.ipv6Off) = content.Text() == "off";
+        });
 }
 
 std::vector<ConnmanServiceUpdate> ReadServiceArray(const Value& array) {

@@ -269,11 +269,20 @@ void ConnmanRunner::Execute(const ConnmanCall& call) {
         std::string message;
         {
             const MutexLock lock(shared->mutex);
-            message = shared->orders.Refused(call, reply.error);
+            message = shared->orders.Refused(call, reply.error + Remedy(call, reply.error));
         }
         if (!message.empty())
             logger.Warning() << message;
     }
+}
+
+/// What a site has to set whose networks have different IP families: ConnMan keeps that, so it is nobody's to set
+/// unasked.
+std::string ConnmanRunner::Remedy(const ConnmanCall& call, const std::string& error) const {
+    if (call.kind != ConnmanCall::Kind::MOVE || error.find("InvalidService") == std::string::npos)
+        return {};
+    const std::string command = shared->services.RemedyForMove(call.path, call.before);
+    return command.empty() ? command : "; the two have different IP families, \"" + command + "\" lets them be moved";
 }
 
 MessageBus::Reply ConnmanRunner::Call(DBusMessagePtr message, const std::string& what) {

@@ -56,6 +56,7 @@ private:
     bool OwnerHasGone(const MessageBus::Reply& reply, const std::string& askedOwner);
     void ForgetLeftovers() ORV_REQUIRES(shared->mutex);
     void Execute(const ConnmanCall& call);
+    std::string Remedy(const ConnmanCall& call, const std::string& error) const ORV_REQUIRES(shared->mutex);
     MessageBus::Reply Call(DBusMessagePtr message, const std::string& what);
     ConnmanCall NextCall();
     void LogNotes();

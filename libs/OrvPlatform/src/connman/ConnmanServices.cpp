@@ -2,6 +2,7 @@
 #include "connman/ConnmanServices.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace OrvPlatform {
 
@@ -11,6 +12,8 @@ void Apply(const ConnmanServiceUpdate& news, ConnmanService& service) {
     service.interfaceName = news.interfaceName.value_or(service.interfaceName);
     service.state = news.state.value_or(service.state);
     service.immutable = news.immutable.value_or(service.immutable);
+    service.ipv4Off = news.ipv4Off.value_or(service.ipv4Off);
+    service.ipv6Off = news.ipv6Off.value_or(service.ipv6Off);
     service.servers = news.servers.value_or(service.servers);
     service.configuredServers = news.configuredServers.value_or(service.configuredServers);
 }
@@ -87,6 +90,27 @@ const ConnmanService* ConnmanServices::Of(const std::string& interfaceName) cons
         found = found ? found : &service;
     }
     return found;
+}
+
+std::string ConnmanServices::RemedyForMove(const std::string& path, const std::string& before) const {
+    const auto at = [&](const std::string& wanted) {
+        return std::find_if(services.begin(), services.end(),
+                            [&](const auto& service) { return service.path == wanted; });
+    };
+    const auto one = at(path);
+    const auto other = at(before);
+    if (one == services.end() || other == services.end())
+        return {};
+    const auto command = [](const ConnmanService& service, const char* method) {
+        return "connmanctl config " + service.path.substr(service.path.rfind('/') + 1) + " --ipv6 " + method;
+    };
+    for (const auto& [service, peer] : {std::pair(*one, *other), std::pair(*other, *one)}) {
+        if (service.ipv6Off && !peer.ipv4Off)
+            return command(service, "auto");
+        if (service.ipv4Off && !peer.ipv6Off)
+            return command(peer, "off");
+    }
+    return {};
 }
 
 ConnmanService* ConnmanServices::Find(const std::string& path) {

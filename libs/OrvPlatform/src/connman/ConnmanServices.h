@@ -19,6 +19,8 @@ struct ConnmanServiceUpdate {
     std::optional<bool> immutable;
     std::optional<std::vector<std::string>> servers;
     std::optional<std::vector<std::string>> configuredServers;
+    std::optional<bool> ipv4Off{}; ///< by configuration, which ConnMan also writes itself
+    std::optional<bool> ipv6Off{};
 };
 
 /// One service of the connection manager: a network that an interface can use or uses.
@@ -27,6 +29,8 @@ struct ConnmanService {
     std::string interfaceName;
     std::string state;
     bool immutable = false;
+    bool ipv4Off = false;
+    bool ipv6Off = false;
     std::vector<std::string> servers;                       ///< in use
     std::vector<std::string> configuredServers;             ///< by configuration, without words that are no address
     std::optional<std::vector<std::string>> writtenServers; ///< the configuration that we have made ourselves
@@ -65,6 +69,10 @@ public:
 
     /// The interface's service, a connected one if there is one; null when it has none.
     const ConnmanService* Of(const std::string& interfaceName) const;
+
+    /// The command after which ConnMan moves one service before the other, where it refuses because one of them has an
+    /// IP family switched off; empty when that cannot be why.
+    std::string RemedyForMove(const std::string& path, const std::string& before) const;
 
     const std::vector<ConnmanService>& All() const { return services; }
 

@@ -148,6 +148,20 @@ TEST_F(AConnectedGateway, LogsARefusalOnceAndTriesAgainWhenTheServicesChange) {
     EXPECT_TRUE(BecomesTop("wwan0"));
 }
 
+TEST_F(AConnectedGateway, SaysWhatToSetWhenAMoveIsRefusedBecauseOfTheIpFamilies) {
+    connman->Do("refuse MoveBefore net.connman.Error.InvalidService");
+    connman->Do("services eth0:ready wwan0:ready:ipv4-off");
+    link.SetTopPriorityInterface("wwan0");
+    EXPECT_TRUE(IsLogged("\"connmanctl config eth0 --ipv6 off\" lets them be moved"));
+    connman->Do("services eth0:ready wwan0:ready:ipv6-off");
+    EXPECT_TRUE(IsLogged("\"connmanctl config wwan0 --ipv6 auto\" lets them be moved"));
+    connman->Do("services eth0:ready:ipv6-off wwan0:ready:ipv4-off");
+    connman->Do("refuse MoveBefore net.connman.Error.Failed");
+    connman->Do("services eth0:ready:ipv6-off wwan0:online:ipv4-off");
+    EXPECT_TRUE(IsLogged("cannot put wwan0 on top now: net.connman.Error.Failed"));
+    EXPECT_EQ(Logged("lets them be moved"), 2U);
+}
+
 TEST_F(AConnectedGateway, EmptiesAServicesNameServersWithoutGivingItAnUnspecifiedAddress) {
     EXPECT_TRUE(link.SetDnsConfiguration("wwan0", {"0.0.0.0"}));
     EXPECT_EQ(CallsUntilNow(), "SetProperty wwan0 Nameservers.Configuration=none");
