@@ -85,8 +85,9 @@ def tick_step(end: float) -> float:
 
 def colour(lane: str, value: str, unknown: dict[str, int]) -> str:
     known = {**COLOURS, **LAMPS.get(lane, {})}
-    if value in known:
-        return known[value]
+    plain = value.removesuffix(", IPv6")
+    if plain in known:
+        return known[plain]
     return PALETTE[unknown.setdefault(value, len(unknown)) % len(PALETTE)]
 
 

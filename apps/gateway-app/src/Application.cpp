@@ -243,6 +243,10 @@ void Application::OnDefaultRoute(const std::string& interface) {
     ownDoing = false;
 }
 
+const char* Application::FamilyOf(const std::string& address) {
+    return address.find(':') == std::string::npos ? "IPv4" : "IPv6";
+}
+
 /// The two families may have their default routes over different interfaces.
 bool Application::IsDetour(const std::string& source) const {
     const std::string interface = network.Wan().OwnerOf(source);
@@ -254,7 +258,9 @@ void Application::OnCloudConnected(const std::string& source) {
     cloudInterface = network.Wan().OwnerOf(source);
     logger.Info() << "connected to the cloud, from " << source
                   << (cloudInterface.empty() ? std::string() : " over " + cloudInterface);
-    Record("cloud_connected", {{"source", JsonText(source)}, {"interface", JsonText(cloudInterface)}});
+    Record("cloud_connected", {{"source", JsonText(source)},
+                               {"interface", JsonText(cloudInterface)},
+                               {"family", JsonText(FamilyOf(source))}});
     ethernetGuard.CloudIs(true);
     Report(OrvEvent::CLOUD_CONNECTED);
     CloudChanged("connected over " + (cloudInterface.empty() ? "another interface" : cloudInterface));

@@ -164,6 +164,7 @@ std::string Application::StatusText() {
     runStatus.cloudState = options.cloud.host.empty() ? "disabled" : (cloud.Connected() ? "connected" : "disconnected");
     runStatus.cloudInterface = cloudInterface;
     runStatus.cloudSource = cloud.Source();
+    runStatus.cloudFamily = cloud.Connected() ? FamilyOf(cloud.Source()) : std::string();
     // A connection from an address that is no WAN interface's runs elsewhere.
     runStatus.cloudPath =
         cloud.Connected() ? Word(cloudInterface.empty() ? Path::OTHER : PathOf(cloudInterface)) : "none";

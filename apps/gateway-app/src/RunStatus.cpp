@@ -125,6 +125,7 @@ std::string RunStatus::Json(const Moment& written) const {
                                   .Text("state", cloudState)
                                   .Text("path", cloudPath)
                                   .Text("interface", cloudInterface)
+                                  .Text("family", cloudFamily)
                                   .Text("source", cloudSource)
                                   .Text("host", cloudHost)
                                   .At("since", cloudSince)

@@ -62,7 +62,7 @@ struct RunStatus {
 
     std::string cloudState; ///< "connected", "disconnected", "disabled"
     std::string cloudPath;  ///< by which the connection runs; "none" without one
-    std::string cloudInterface, cloudSource, cloudHost;
+    std::string cloudInterface, cloudFamily, cloudSource, cloudHost;
     Moment cloudSince;
     std::string cloudReason;  ///< of the last change
     std::string cloudFailure; ///< of the last attempt that failed; empty after a success

@@ -12,7 +12,8 @@ TEST_F(AGatewayWithACloud, ReportsTheStateOfEverythingAtTheStart) {
     for (const char* event : {"PANEL_CLOUD_ENABLED", "ETHERNET_CONNECTED", "ETHERNET_IP_GAINED", "CELLULAR_CONNECTED",
                               "CELLULAR_IP_LOST", "CLOUD_CONNECTED"})
         EXPECT_EQ(Count("\"event\":\"" + std::string(event) + "\",\"reported\":true"), 1) << event;
-    EXPECT_TRUE(Has("\"what\":\"cloud_connected\",\"source\":\"10.11.0.2\",\"interface\":\"eth0\""));
+    EXPECT_TRUE(
+        Has("\"what\":\"cloud_connected\",\"source\":\"10.11.0.2\",\"interface\":\"eth0\",\"family\":\"IPv4\""));
 }
 
 TEST_F(AGatewayWithACloud, ReportsWhatHappensToTheInterfaces) {

@@ -145,12 +145,10 @@ class BoxDemo:
         happening = json.loads(line)
         what = happening["what"]
         if what == "cloud_connected":
-            self.run.note(
-                "cloud connection",
-                "Ethernet" if happening["interface"] == "eth0" else "Cellular",
-                f"connected from {happening['source']} ({happening['interface']})",
-                "green",
-            )
+            side = "Ethernet" if happening["interface"] == "eth0" else "Cellular"
+            in_ipv6 = happening["family"] == "IPv6"
+            said = f"connected from {happening['source']} ({happening['interface']}, {happening['family']})"
+            self.run.note("cloud connection", f"{side}, IPv6" if in_ipv6 else side, said, "green")
         elif what == "cloud_lost":
             self.run.note("cloud connection", "none", f"lost: {happening.get('reason', '')}", "red")
         elif what == "event":
