@@ -224,7 +224,11 @@ def unsettled(scene: Scene, interface: str, state: str, inhibit: str | None) -> 
         and compare("route state", application.route_state(), state)
     ):
         return faults
-    compare("default route", box.default_interfaces(), [interface])
+    families = box.families.at(INTERFACES[interface])
+    if "4" in families:  # otherwise ConnMan leaves some IPv4 default that leads nowhere, or none
+        compare("default route", box.default_interfaces(), [interface])
+    if "6" in box.families.eth + box.families.cell:
+        compare("IPv6's default route", box.unbound_ipv6(), interface if "6" in families else "none")
     compare(
         "ConnMan's order and name servers",
         told_once(box.services()),

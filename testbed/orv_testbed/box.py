@@ -116,6 +116,12 @@ class Box:
         routes = subprocess.run(command, text=True, capture_output=True, check=True)
         return [route["dev"] for route in json.loads(routes.stdout)]
 
+    def unbound_ipv6(self) -> str | None:
+        """The interface over which what is not bound goes in IPv6; "none" where programs are told that there is no way. None:
+        that is nobody's affair here, or not settled."""
+        routes = json.loads(self("exec", "ip", "-6", "-json", "route", "show", "default", "metric", "100"))
+        return "none" if "unreachable" in str(routes) else routes[0]["dev"] if routes else None
+
     def handshakes(self, side: str) -> list[str]:
         """When the connections were taken over this side on which the cloud has completed a TLS handshake."""
         return [time for time, _ in self.handshakes_by_family(side)]

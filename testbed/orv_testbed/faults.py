@@ -119,11 +119,15 @@ class Faults:
 
     def delay(self, side: str = "", milliseconds: str = "") -> None:
         """Not every kernel has netem: a program holds up what goes to the cloud and what comes from there."""
-        namespace, process = self._networks.provider(side_named(side)), f"delay-{side}"
+        which = side_named(side)
+        namespace, process = self._networks.provider(which), f"delay-{side}"
         if not re.fullmatch(r"[1-9][0-9]{0,4}|off", milliseconds):
             misused("delay", "delay eth|cell MILLISECONDS|off")
-        for rule in SLOW_RULES:
-            succeeds("ip", "-n", namespace.name, "rule", "del", *rule)
+        # Where it has IPv6 alone IPv4 is behind its translation, and delayed, too.
+        families = {"4", *self._networks.families.at(which)}
+        ways = [(f"-{family}", rule) for family in sorted(families) for rule in SLOW_RULES]
+        for family, rule in ways:
+            succeeds("ip", family, "-n", namespace.name, "rule", "del", *rule)
         self._processes.end(process)
         if milliseconds == "off":
             return
@@ -133,9 +137,10 @@ class Faults:
         self._processes.start(process, namespace.command(*program))
         if not comes_within(20, lambda: "at work" in log.read_text(encoding="utf-8")):
             raise BoxError(f"nothing delays packets (is there /dev/net/tun?), see {log}")
-        namespace.ip(f"route add default dev slow table {SLOW_TABLE}")
-        for rule in SLOW_RULES:
-            namespace.ip(f"rule add {' '.join(rule)}")
+        for family in families:
+            namespace.ip(f"-{family} route add default dev slow table {SLOW_TABLE}")
+        for family, rule in ways:
+            namespace.ip(f"{family} rule add {' '.join(rule)}")
 
     def portal(self, side: str = "", state: str = "") -> None:
         """A captive portal lets nothing through and answers every connection itself, also those that were there before."""

@@ -87,13 +87,14 @@ class Gateway:
         self.start_modem()
         self._start_routes()
         self.start_connman()
-        self._await(self._connect_cellular, 10, "ConnMan shows no cellular service", "connman", "modem")
+        self._await(self._connect_cellular, 20, "ConnMan shows no cellular service", "connman", "modem")
         # With IPv6 there are detection of duplicates, advertisements and DHCPv6 to wait for, too.
         patience = 45 if Families.of(self._layout.state).has_ipv6() else 20
         if not comes_within(patience, self._both_connected):
             raise BoxError(
                 f"ConnMan does not connect both interfaces, see {self._layout.log('connman')}; its services:\n{self.services()}"
             )
+        self._let_services_be_moved()
 
     def _await(self, condition: object, seconds: float, fault: str, *logs: str) -> None:
         assert callable(condition)
@@ -208,6 +209,10 @@ class Gateway:
             )
 
     def start_connman(self) -> None:
+        # ConnMan waits for the news of an IPv6 address, and there is none of one that was there before the connection. It
+        # switches IPv6 on again when it connects.
+        if "6" in Families.of(self._layout.state).cell and self.namespace.has("wwan0"):
+            run(*self.namespace.command("sysctl", "-qw", "net.ipv6.conf.wwan0.disable_ipv6=1"))
         options = ("--nodaemon", "--config=/etc/orv/connman.conf", "--nodnsproxy")
         self._processes.start("connman", self.command(daemon("connmand"), *options))
         come = "ConnMan does not come onto the bus"
@@ -233,6 +238,19 @@ class Gateway:
         asked = self.call("org.freedesktop.DBus", "/", "org.freedesktop.DBus.GetNameOwner", f"string:{name}")
         return asked or not self._processes.alive(process)
 
+    def configure(self, interface: str, family: str, method: str) -> None:
+        """How ConnMan configures the interface's service in that family, as `connmanctl config` sets it."""
+        if self._ask_bus(*PYTHON, "orv_testbed.services", interface, family, method) is None:
+            raise BoxError(f"ConnMan does not take {family} {method} for {interface}")
+
+    def _let_services_be_moved(self) -> None:
+        """What a site must set whose two networks have no family in common: see docs/connman.md."""
+        families = Families.of(self._layout.state)
+        if (families.eth, families.cell) == ("4", "6"):
+            self.configure("eth0", "IPv6", "off")
+        elif (families.eth, families.cell) == ("6", "4"):
+            self.configure("wwan0", "IPv6", "auto")
+
     def services(self) -> str | None:
         """One line a service; see services.py. None when ConnMan does not answer."""
         return self._ask_bus(*PYTHON, "orv_testbed.services")
@@ -252,6 +270,9 @@ class Gateway:
         return len(connected) >= 2 and all(self._has_ipv6(side, services[side.interface]) for side in with_ipv6)
 
     def _has_ipv6(self, side: Side, service: list[str]) -> bool:
-        """An address that may be used, and a name server that ConnMan has heard of."""
+        """An address that may be used, and a name server that ConnMan has heard of and has not lost again."""
         addresses = self.namespace.ip(f"-6 -o addr show dev {side.interface} scope global -tentative")
-        return bool(addresses) and side.name_server_6 in service[4].split(",")
+        told = side.name_server_6 in service[4].split(",")
+        # Of both families on both sides the list of three name servers leaves one out.
+        listed = (self._root / "run/connman/resolv.conf").read_text(encoding="ascii")
+        return bool(addresses) and told and (side.name_server_6 in listed or listed.count("nameserver") > 2)

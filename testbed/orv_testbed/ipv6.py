@@ -17,7 +17,7 @@ if TYPE_CHECKING:
 # Tayga translates no address for documentation behind the well-known prefix.
 TRANSLATED = "2001:db8:64::/96"
 LIFETIME = 1800  # seconds, of a router and of a prefix
-BETWEEN = 10  # seconds between two advertisements that nobody has asked for
+BETWEEN = 4  # seconds between two advertisements that nobody has asked for
 NAMES_BEHIND_DNS64 = 5300  # the port of the name server that DNS64 asks
 
 TAYGA = """tun-device nat64

@@ -12,6 +12,7 @@ from orv_testbed.box import Box, Failed
 from orv_testbed.families import Families
 from orv_testbed.fixtures import NO_NAMESPACES, can_make_namespaces
 from orv_testbed.layout import SIDES, BoxError
+from orv_testbed.waiting import SLACK, wait_until
 
 INTERFACES = {"eth": "eth0", "cell": "wwan0"}
 # Asks a name server for the cloud's addresses, bound to an interface: A, then AAAA, one record at most of each.
@@ -89,6 +90,13 @@ def test_each_provider_has_the_families_that_it_was_given(eth: str, cell: str, c
                 names.append(translated)
             assert answers(box, side, kind) == names
         assert box.order() == ["eth0", "wwan0"]
+
+
+def test_a_connection_manager_that_was_killed_finds_a_modem_with_ipv6_alone_again() -> None:
+    with made("cell=6") as box:
+        wait_until(lambda: box.order() == ["eth0", "wwan0"], SLACK, "both services")
+        box("connman", "crash")
+        wait_until(lambda: sorted(box.order()) == ["eth0", "wwan0"], 15 + SLACK, "both services again")
 
 
 def test_a_box_with_ipv4_alone_has_no_ipv6_on_its_way(box: Box) -> None:

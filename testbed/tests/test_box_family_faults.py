@@ -4,6 +4,8 @@ from __future__ import annotations
 
 import json
 import os
+import subprocess
+import time
 from collections.abc import Iterator
 from typing import Any
 
@@ -15,6 +17,7 @@ from orv_testbed.fixtures import NO_NAMESPACES, can_make_namespaces
 from orv_testbed.waiting import SLACK, wait_until
 
 CLOUD = {"4": "198.51.100.10", "6": "2001:db8:51::10"}
+TRANSLATED = "2001:db8:64::c633:640a"
 IDENTIFIER = "0:ff:fe00:a01"  # of eth0's address
 
 
@@ -60,6 +63,26 @@ def test_a_dead_family_leads_nowhere_and_the_other_works(dual: Box, broken: str,
     assert (addresses(dual).keys(), len(default_routes(dual))) == before
     dual(f"ipv{broken}", "eth", "back")
     assert fetches(dual, broken)
+
+
+@pytest.mark.parametrize("families, address", [("eth=46", CLOUD["6"]), ("eth=6,cloud=4", TRANSLATED)])
+def test_a_long_way_takes_its_time_in_ipv6_too(families: str, address: str) -> None:
+    if not can_make_namespaces():
+        pytest.skip(NO_NAMESPACES)
+    with Box(f"d{os.getpid():x}", families) as box:
+
+        def seconds() -> float:
+            begun = time.monotonic()
+            to = ("--resolve", f"cloud.box.test:443:{address}", "https://cloud.box.test/")
+            assert box("exec", "curl", "-s", "-m", "9", "--interface", "if!eth0", *to) == "ok\n"
+            return time.monotonic() - begun
+
+        box("delay", "eth", "200")
+        assert seconds() > 3 * 0.4  # TCP's handshake, at least one round trip of TLS, the answer
+        box("delay", "eth", "off")
+        command = ["ip", "-6", "-n", f"{box.name}-eth", "rule"]
+        assert "lookup 77" not in subprocess.run(command, check=True, capture_output=True, text=True).stdout
+        seconds()
 
 
 def test_a_renumbered_prefix_leaves_a_deprecated_address_that_nobody_forwards(dual: Box) -> None:

@@ -54,7 +54,21 @@ def test_a_family_that_breaks_on_ethernet_costs_no_switch(scene: Scene, fault: s
     assert events.count("ETHERNET_IP_GAINED") == 1 and "ETHERNET_IP_LOST" not in events
 
 
-@pytest.mark.parametrize("box", ["eth=4,cell=46", "eth=46,cell=4", "eth=46,cell=46"], indirect=True)
+# Between IPv4 alone and IPv6 alone ConnMan moves services only as the box has set it. An IPv4 cloud is behind NAT64.
+@pytest.mark.parametrize(
+    "box",
+    [
+        "eth=4,cell=6,cloud=4",
+        "eth=6,cell=4",
+        "eth=6,cell=6,cloud=4",
+        "eth=46,cell=46",
+        *(
+            pytest.param(one, marks=pytest.mark.matrix)
+            for one in ("eth=4,cell=46", "eth=46,cell=4", "eth=46,cell=6,cloud=4", "eth=6,cell=46")
+        ),
+    ],
+    indirect=True,
+)
 def test_the_cloud_is_reached_over_the_interface_that_has_the_route(scene: Scene) -> None:
     scene.settles("eth0", 5)
     assert {one.side for one in scene.passages()} == {"eth"}
@@ -66,3 +80,36 @@ def test_the_cloud_is_reached_over_the_interface_that_has_the_route(scene: Scene
     scene.application.wait_for("cell to eth delay done", 30, moved)
     scene.settles("eth0", 10)
     assert [one for one in scene.passages() if one.port == MQTTS][-1].side == "eth"
+
+
+def source_of_the_cloud_connection(scene: Scene) -> str:
+    """The first 64 bits of the gateway's address on the latest connection to the cloud."""
+    return ":".join([one for one in scene.passages() if one.port == MQTTS][-1].source.split(":")[:4])
+
+
+@pytest.mark.parametrize("box", ["eth=6,cell=6"], indirect=True)
+def test_prefixes_that_are_renumbered_during_a_fail_over_are_used_at_once(scene: Scene) -> None:
+    scene.reach_ethernet_lost_delay()
+    before = scene.application.mark()
+    scene.box("ipv6", "cell", "renumber")
+    moved = scene.application.wait_for("poke success, route to Cell", 20, before)
+    scene.settles("wwan0", 10)
+    assert source_of_the_cloud_connection(scene) == "2001:db8:12:2"
+    scene.box("ipv6", "eth", "renumber")
+    scene.box("provider", "eth", "back")
+    scene.application.wait_for("cell to eth delay done", 30, moved)
+    scene.settles("eth0", 10)
+    assert source_of_the_cloud_connection(scene) == "2001:db8:11:2"
+    events = [entry["event"] for entry in scene.application.transcript("event")]
+    assert not {"ETHERNET_IP_LOST", "CELLULAR_IP_LOST"} & set(events)
+
+
+@pytest.mark.parametrize("box", ["eth=6,cell=4"], indirect=True)
+def test_ethernet_with_ipv6_alone_has_no_address_while_no_router_is_there(scene: Scene) -> None:
+    before = scene.application.mark()
+    scene.box("ipv6", "eth", "no-router")
+    lost = scene.application.wait_for("event ETHERNET_IP_LOST", 10, before)
+    scene.application.wait_for("route is Cell, reconnecting", 30, lost)
+    scene.box("ipv6", "eth", "back")
+    scene.application.wait_for("cell to eth delay done", 40, lost)
+    scene.settles("eth0", 10)
