@@ -1,8 +1,10 @@
-# orv_add_test(NAME SOURCES ... LIBRARIES ... [LABELS ...] [LOCKS ...] [TIMEOUT s] [WRAPPER command...] [COVERING])
-#   One GoogleTest program. ctest knows each of its tests by its own name and runs each in a process of its own.
+# orv_add_test(NAME SOURCES ... LIBRARIES ... [LABELS ...] [LOCKS ...] [TIMEOUT s] [WRAPPER command...] [PROCESSES n] [COVERING])
+#   One GoogleTest program. ctest knows each of its tests by its own name and runs each in a process of its own. With
+#   ORV_TESTS_TOGETHER in its environment it runs them in few processes (tests/runner/together.py).
 #   LABELS: unit, broker, tls, bus, ... (ctest -L unit).
 #   LOCKS: resources that no two tests may use at a time, e.g. var-tmp (the status files have fixed paths).
-#   TIMEOUT: of each test (default: 60 s).
+#   TIMEOUT: of each test (default: 300 s).
+#   PROCESSES: how many those are (default: 1); more where tests mostly wait.
 #   WRAPPER: the command that starts the program, for tests that need surroundings of their own.
 #   COVERING: the build with coverage counters has it, too: it covers the library, or has tests that can run neither under a
 #     sanitizer nor as emulated code. The target "covering" builds these programs, and their tests have that label.
@@ -42,8 +44,36 @@ if(ORV_PRECOMPILE_TEST_HEADERS)
   target_precompile_headers(orv-test-headers PRIVATE ${PROJECT_SOURCE_DIR}/cmake/OrvTestHeaders.h)
 endif()
 
+# orv_or_together(TIMEOUT PROCESSES COMMAND...)
+#   What ctest does with the program whose tests have just been asked for.
+function(orv_or_together timeout processes)
+  get_property(included DIRECTORY PROPERTY TEST_INCLUDE_FILES)
+  list(POP_BACK included one_by_one)
+  set(properties_of_one ${properties})
+  set(limit 300) # as the presets have it
+  if(timeout)
+    string(APPEND properties_of_one " TIMEOUT ${timeout}")
+    set(limit ${timeout})
+  endif()
+  if(NOT processes)
+    set(processes 1)
+  endif()
+  list(JOIN ARGN "]==] [==[" command)
+  set(together "")
+  foreach(number RANGE 1 ${processes})
+    string(APPEND together "  add_test(${name}.${number} [==[${PROJECT_SOURCE_DIR}/tests/runner/together.py]==] --limit ${limit}"
+      " --part ${number}/${processes} [==[${command}]==])\n  set_tests_properties(${name}.${number} PROPERTIES ${properties}"
+      " TIMEOUT 1800 WORKING_DIRECTORY [==[${CMAKE_CURRENT_BINARY_DIR}]==])\n")
+  endforeach()
+  # A list, such as two labels, does not survive gtest_discover_tests' own PROPERTIES.
+  set(file ${CMAKE_CURRENT_BINARY_DIR}/${name}-for-ctest.cmake)
+  file(WRITE ${file} "if(DEFINED ENV{ORV_TESTS_TOGETHER})\n${together}else()\n  include([==[${one_by_one}]==])\n"
+    "  if(${name}_names)\n    set_tests_properties(\${${name}_names} PROPERTIES ${properties_of_one})\n  endif()\nendif()\n")
+  set_property(DIRECTORY PROPERTY TEST_INCLUDE_FILES ${included} ${file})
+endfunction()
+
 function(orv_add_test name)
-  cmake_parse_arguments(PARSE_ARGV 1 ARG "COVERING" "TIMEOUT" "SOURCES;LIBRARIES;LABELS;LOCKS;WRAPPER")
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "COVERING" "TIMEOUT;PROCESSES" "SOURCES;LIBRARIES;LABELS;LOCKS;WRAPPER")
   if(NOT name MATCHES "^[a-z-]+-tests$")
     message(FATAL_ERROR "a test program is called like orv-log-tests, but this one: ${name}")
   endif()
@@ -65,24 +95,19 @@ function(orv_add_test name)
     # The property that ctest asks for a command to put before the program.
     set_target_properties(${name} PROPERTIES CROSSCOMPILING_EMULATOR "${ARG_WRAPPER};${CMAKE_CROSSCOMPILING_EMULATOR}")
   endif()
-  # Asked for their tests when ctest runs, not when they are built: a program for another processor is slow to ask.
-  gtest_discover_tests(${name} TEST_LIST ${name}_names DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60)
   set(properties PROCESSORS 1)
-  foreach(property LABELS TIMEOUT)
-    if(ARG_${property})
-      string(APPEND properties " ${property} \"${ARG_${property}}\"")
-    endif()
-  endforeach()
+  if(ARG_LABELS)
+    string(APPEND properties " LABELS \"${ARG_LABELS}\"")
+  endif()
   if(ARG_LOCKS)
     string(APPEND properties " RESOURCE_LOCK \"${ARG_LOCKS}\"")
   endif()
   if(ARG_WRAPPER)
     string(APPEND properties " SKIP_RETURN_CODE 77")
   endif()
-  # A list, such as two labels, does not survive gtest_discover_tests' own PROPERTIES.
-  set(file ${CMAKE_CURRENT_BINARY_DIR}/${name}-properties.cmake)
-  file(WRITE ${file} "if(${name}_names)\n  set_tests_properties(\${${name}_names} PROPERTIES ${properties})\nendif()\n")
-  set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${file})
+  # Asked for their tests when ctest runs, not when they are built: a program for another processor is slow to ask.
+  gtest_discover_tests(${name} TEST_LIST ${name}_names DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60)
+  orv_or_together("${ARG_TIMEOUT}" "${ARG_PROCESSES}" ${ARG_WRAPPER} ${CMAKE_CROSSCOMPILING_EMULATOR} ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/${name})
 endfunction()
 
 # orv_runnable(VARIABLE TARGET)

@@ -29,15 +29,20 @@ def _verdict(case: ElementTree.Element) -> tuple[str, str]:
 
 
 def read(folder: pathlib.Path) -> list[Test]:
-    """All tests of the reports in a folder. A report that cannot be read counts as one failed test."""
+    """All tests of the reports in a folder. A report that cannot be read counts as one failed test. Where ctest has run
+    many tests as one, what counts is the report of that name."""
     tests: list[Test] = []
-    for file in sorted(folder.glob("*.xml")):
+    files = sorted(folder.glob("*.xml"))
+    together = {file.stem for file in files}
+    for file in files:
         try:
             cases = list(ElementTree.parse(file).iter("testcase"))
         except ElementTree.ParseError as error:
             tests.append(Test(f"the report {file.name}", 0.0, "failed", f"cannot be read: {error}"))
             continue
         for case in cases:
+            if case.get("name") in together:
+                continue
             verdict, output = _verdict(case)
             # ctest repeats a test's name as its class.
             owner, name = case.get("classname", ""), case.get("name", "")

@@ -1,0 +1,142 @@
+# SPDX-License-Identifier: Apache-2.0
+from __future__ import annotations
+
+import pathlib
+import subprocess
+from collections.abc import Callable
+
+import pytest
+
+import reports
+import together
+
+# Speaks as a GoogleTest program does. What a test does is in its name.
+PROGRAM = r"""#!/usr/bin/python3 -B
+import os, signal, sys, time
+given = sys.argv[1]
+if os.environ.get("TEST_WITHOUT_SURROUNDINGS"):
+    print("not run: no namespaces")
+    sys.exit(77)
+if given == "--gtest_list_tests":
+    print("Running main() from gtest_main.cc\nA.\n  " + "\n  ".join(os.environ["TEST_NAMES"].split()))
+    sys.exit()
+names = given.partition("=")[2].split(":")
+for name in names:
+    print(f"[ RUN      ] {name}", flush=True)
+    open(os.environ["TEST_ORDER"], "a").write(f"{os.getpid()} {name}\n")
+    verdict = "OK"
+    if "Crash" in name:
+        print("about to crash", end="", flush=True)
+        os.kill(os.getpid(), signal.SIGSEGV)
+    if "Hang" in name:
+        time.sleep(60)
+    if "Leave" in name:
+        sys.exit(0)
+    if "Fail" in name:
+        verdict = "FAILED"
+        print("expected 1, was 2")
+    if "Skip" in name:
+        verdict = "SKIPPED"
+    if "HalfALine" in name:
+        print("without an end", end="")
+    print(f"[{verdict:>9} ] {name} (12 ms)" if verdict != "OK" else f"[       OK ] {name} (12 ms)", flush=True)
+print("AddressSanitizer: leaks" if "A.Leak" in names else "")
+sys.exit(1 if any("Fail" in name or "Leak" in name for name in names) else 0)
+"""
+
+Run = Callable[..., dict[str, str]]
+
+
+@pytest.fixture
+def order(tmp_path: pathlib.Path) -> pathlib.Path:
+    return tmp_path / "order"
+
+
+@pytest.fixture
+def run(tmp_path: pathlib.Path, order: pathlib.Path, monkeypatch: pytest.MonkeyPatch) -> Run:
+    """The verdicts of the tests of a program that has these."""
+    program = tmp_path / "some-tests"
+    program.write_text(PROGRAM)
+    program.chmod(0o755)
+    monkeypatch.setenv("TEST_ORDER", str(order))
+
+    def run_them(*tests: str, part: int = 1, parts: int = 1, limit: float = 30) -> dict[str, str]:
+        monkeypatch.setenv("TEST_NAMES", " ".join(tests))
+        return {
+            test.name: test.verdict
+            for test in together.run([str(program)], together.names([str(program)])[part - 1 :: parts], limit)
+        }
+
+    return run_them
+
+
+def test_all_tests_of_a_program_run_in_one_process(run: Run, order: pathlib.Path) -> None:
+    assert run("Passes", "PassesWithHalfALine", "Skip") == {
+        "A.Passes": "passed",
+        "A.PassesWithHalfALine": "passed",
+        "A.Skip": "skipped",
+    }
+    assert len({line.split()[0] for line in order.read_text().splitlines()}) == 1
+
+
+def test_each_test_is_in_one_part(run: Run) -> None:
+    tests = ["One", "Two", "Three", "Four", "Five"]
+    found = [name for part in (1, 2, 3) for name in run(*tests, part=part, parts=3)]
+    assert sorted(found) == sorted(f"A.{test}" for test in tests)
+
+
+@pytest.mark.parametrize("how", ["Crash", "Hang", "Leave"])
+def test_a_test_that_ends_the_process_fails_and_those_after_it_run(run: Run, how: str) -> None:
+    assert run("One", how, "Two", limit=1.5) == {"A.One": "passed", f"A.{how}": "failed", "A.Two": "passed"}
+
+
+def test_a_failure_is_one_failure(run: Run) -> None:
+    assert run("One", "Fails", "Two") == {"A.One": "passed", "A.Fails": "failed", "A.Two": "passed"}
+
+
+def test_a_program_that_fails_after_its_tests_is_a_failure(run: Run) -> None:
+    assert run("One", "Leak") == {"A.One": "passed", "A.Leak": "passed", "some-tests outside its tests": "failed"}
+
+
+def test_a_program_that_cannot_be_started_fails_with_all_its_tests() -> None:
+    tests = together.run(["/bin/false"], ["A.One", "A.Two"], 10)
+    assert [test.verdict for test in tests] == ["failed"] * 3
+
+
+def start(tmp_path: pathlib.Path, run: Run) -> subprocess.CompletedProcess[str]:
+    command = [together.__file__, "--limit", "5", "--part", "1/1", str(tmp_path / "some-tests")]
+    return subprocess.run(command, capture_output=True, text=True)
+
+
+def test_surroundings_that_cannot_be_had_skip_the_program(
+    run: Run, tmp_path: pathlib.Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.setenv("TEST_WITHOUT_SURROUNDINGS", "1")
+    done = start(tmp_path, run)
+    assert (done.returncode, "not run: no namespaces" in done.stdout) == (77, True)
+
+
+def test_the_report_names_each_test_and_what_a_failed_one_said(
+    run: Run, tmp_path: pathlib.Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    monkeypatch.setenv("ORV_REPORTS", str(tmp_path))
+    monkeypatch.setenv("TEST_NAMES", "One Crash Fails Skip")
+    assert start(tmp_path, run).returncode == 1
+    told = {test.name: test for test in reports.read(tmp_path)}
+    assert {name: test.verdict for name, test in told.items()} == {
+        "A.One": "passed",
+        "A.Crash": "failed",
+        "A.Fails": "failed",
+        "A.Skip": "skipped",
+    }
+    assert "about to crash" in told["A.Crash"].output and "SIGSEGV" in told["A.Crash"].output
+    assert "expected 1, was 2" in told["A.Fails"].output
+    assert told["A.One"].seconds == 0.012
+
+
+def test_what_ctest_has_run_as_one_is_counted_by_its_tests(tmp_path: pathlib.Path) -> None:
+    (tmp_path / "ctest.xml").write_text(
+        '<testsuite><testcase name="some-tests.1"/><testcase name="Other.Test"/></testsuite>'
+    )
+    together.write(tmp_path / "some-tests.1.xml", [together.Test("A.One", "passed"), together.Test("A.Two", "passed")])
+    assert sorted(test.name for test in reports.read(tmp_path)) == ["A.One", "A.Two", "Other.Test"]
