@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "torture/Attempt.h"
 
+#include "torture/OpenDescriptors.h"
+
 #include <fcntl.h>
 #include <sanitizer/common_interface_defs.h>
 #include <sched.h>
@@ -48,8 +50,9 @@ std::string Point::Text() const {
            (later ? " later" : " once");
 }
 
-long RunPoint(const Point& point, std::atomic<long>* counts) {
+long RunPoint(const Point& point, std::atomic<long>* counts, std::atomic<long>* descriptors) {
     HaveVarTmpAlone();
+    OpenDescriptors::AreNotOurs();
     Gateway gateway(point.program->equipment);
     const Tortured counted;
     auto program = point.program->make(gateway);
@@ -65,6 +68,10 @@ long RunPoint(const Point& point, std::atomic<long>* counts) {
     program.reset();
     if (TransfersLeft() > 2) // a route each, of which a program has two at most
         Fail("transfers that nobody has released: " + std::to_string(TransfersLeft()));
+    if (descriptors != nullptr)
+        *descriptors = OpenDescriptors::Fewest();
+    if (point.most >= 0 && TransfersLeft() == 0)
+        Demand("no descriptor is left", [&] { return OpenDescriptors::Count() <= point.most; });
     return Failures::Failed();
 }
 
@@ -86,7 +93,7 @@ Attempt::Attempt(const Point& which) : point(which), told(new (SharedMemory(size
     dup2(file, STDOUT_FILENO);
     Failures::NotePlace(&told->place);
     Failures::NoteFailed(&told->failed);
-    RunPoint(point, told->counts);
+    RunPoint(point, told->counts, point.number == 0 ? &told->descriptors : nullptr);
     std::exit(0);
 }
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // An application in C++, from its beginning to its end.
+#include "torture/OpenDescriptors.h"
 #include "torture/Programs.h"
 
 #include "OrvStackSdk/OrvStackSdk.h"
@@ -28,12 +29,21 @@ public:
     std::atomic<int> panels{0};
 
 private:
+    std::atomic<bool> isConfirming{false};
+
     void OnInitConfirmation(const OrvStackSdk::Confirmation& answer) override {
+        isConfirming = true;
+        std::this_thread::sleep_for(2ms); // an application may take its time
+        isConfirming = false;
         connected = answer == OrvStackSdk::Confirmation::ACK;
     }
     void OnAppActionIndication(const AppAction&) override {}
     void OnAppStatusIndication(const std::string&, const AppStatus&) override {}
-    void OnDeviceProbeIndication(const std::string&) override { ++panels; }
+    void OnDeviceProbeIndication(const std::string&) override {
+        ++panels;
+        if (isConfirming)
+            Fail("an indication overtakes the confirmation");
+    }
     void OnDeviceOnlineStatusIndication(bool) override {}
     void OnDeviceCellularStatusIndication(const OrvStackSdk::CellularStatus&, const std::string&) override {}
     void OnFeatureShutdownReadinessIndication(const std::string&, bool) override {}
@@ -47,6 +57,7 @@ public:
 protected:
     void Create();
     void Init();
+    void LearnOfTheWan();
     void Work();
     void LoseTheBroker();
     void LoseTheCloud();
@@ -85,6 +96,12 @@ void Application::Event(OrvEvent event) {
     Try("EventUpdateRequest", [&] { client->EventUpdateRequest(event); });
 }
 
+void Application::LearnOfTheWan() {
+    for (const OrvEvent event : {OrvEvent::PANEL_CLOUD_ENABLED, OrvEvent::ETHERNET_CONNECTED,
+                                 OrvEvent::ETHERNET_IP_GAINED, OrvEvent::CLOUD_CONNECTED})
+        Event(event);
+}
+
 void Application::Work() {
     if (!client)
         return;
@@ -94,9 +111,7 @@ void Application::Work() {
     Try("SendConnectionStatus", [this] { client->SendConnectionStatus("online"); });
     Try("RequestShutdown", [this] { client->RequestShutdown(); });
     Try("CloudReconnectNeeded", [this] { client->CloudReconnectNeeded(); });
-    for (const OrvEvent event : {OrvEvent::PANEL_CLOUD_ENABLED, OrvEvent::ETHERNET_CONNECTED,
-                                 OrvEvent::ETHERNET_IP_GAINED, OrvEvent::CLOUD_CONNECTED})
-        Event(event);
+    LearnOfTheWan();
     const int before = handler->panels;
     broker.Send(STATUS, "enabled");
     broker.Send(GUID, "0123456789abcdef0123456789abcdef");
@@ -151,6 +166,7 @@ void Application::DemandInit() {
         return client != nullptr;
     });
     client->SetHandler(handler);
+    broker.Retain(GUID, "0123456789abcdef0123456789abcdef");
     Demand("Init is confirmed", [this] {
         client->Init("alarm");
         return handler->connected.load();
@@ -175,6 +191,8 @@ void Application::DemandWords() {
         SkipTime(5s);
         return Within(3000ms, [&] { return broker.Latest(CLOUD) == "true"; });
     });
+    Demand("no program that is started inherits the connection to the broker",
+           [this] { return !OpenDescriptors::IsConnectionInherited(broker.Port()); });
 }
 
 void Application::DemandSupervision() {
@@ -209,9 +227,14 @@ public:
     using Application::Application;
 
 private:
-    void Before() override { HaveSettings(); }
+    void Before() override {
+        HaveSettings();
+        gateway.HaveForeignStatusFile();
+    }
     void Tortured() override {
         Create();
+        if (client)
+            LearnOfTheWan();
         Init();
     }
 };
@@ -230,6 +253,7 @@ public:
 
 private:
     void Tortured() override {
+        gateway.HaveForeignStatusFile();
         Work();
         LoseTheBroker();
     }

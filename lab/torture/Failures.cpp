@@ -119,8 +119,8 @@ struct Start {
 } // namespace
 
 const char* NameOf(Call call) {
-    static const char* const names[] = {"new",  "malloc",  "socket", "connect", "send",  "receive",
-                                        "poll", "eventfd", "open",   "write",   "thread"};
+    static const char* const names[] = {"new",  "malloc",  "socket", "connect", "send",   "receive",
+                                        "poll", "eventfd", "open",   "write",   "unlink", "thread"};
     return names[static_cast<std::size_t>(call)];
 }
 
@@ -334,6 +334,11 @@ ORV_REPLACES int fdatasync(int file) {
 ORV_REPLACES int rename(const char* from, const char* to) {
     ORV_REAL(rename);
     return Fails(Call::WRITE, EROFS) ? -1 : real(from, to);
+}
+
+ORV_REPLACES int unlink(const char* path) {
+    ORV_REAL(unlink);
+    return Fails(Call::UNLINK, EPERM) ? -1 : real(path);
 }
 
 ORV_REPLACES int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*),

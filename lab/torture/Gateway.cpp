@@ -3,6 +3,7 @@
 
 #include "torture/Failures.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -55,7 +56,7 @@ void Demand(const char* what, const std::function<bool()>& condition) {
         Fail(std::string("afterwards, in vain: ") + what, IN_VAIN);
 }
 
-Gateway::Gateway(const Equipment& equipment) {
+Gateway::Gateway(const Equipment& equipment) : speaks(equipment.speaks) {
     std::string place = (std::filesystem::temp_directory_path() / "orv-torture-XXXXXX").string();
     if (mkdtemp(place.data()) == nullptr)
         Fail("cannot make " + place);
@@ -84,7 +85,8 @@ void Gateway::SetLogLevel(const char* level) const {
     std::ofstream(folder + "/gateway.ini")
         << "[broker]\nport = " << broker.Port() << "\n[interfaces]\nethernet = eth9\ncellular = lo\n"
         << "[connman]\nbus_address = unix:path=" << folder << "/bus\n[cloud]\nendpoint = " << endpoint
-        << "\n[log]\nlevel = " << level << "\nsink = file\nfile = " << LogFile() << "\n";
+        << "\n[log]\nlevel = " << level << "\nsink = " << (speaks ? "stderr" : "file") << "\nfile = " << LogFile()
+        << "\n";
 }
 
 bool Gateway::Logs(const std::string& text) {
@@ -92,6 +94,16 @@ bool Gateway::Logs(const std::string& text) {
     std::ifstream log(LogFile());
     const std::string said{std::istreambuf_iterator<char>(log), std::istreambuf_iterator<char>()};
     return said.find(text) != std::string::npos;
+}
+
+void Gateway::HaveForeignStatusFile() {
+    const Tortured notThis(false);
+    constexpr const char* FILE = "/var/tmp/new_enterprise_statuses.csv";
+    constexpr uid_t NOBODY = 65534;
+    std::filesystem::remove(FILE);
+    std::ofstream(FILE) << "not ours";
+    if (chmod(FILE, 0666) != 0 || chown(FILE, NOBODY, NOBODY) != 0)
+        Fail("cannot leave a foreign file");
 }
 
 void Gateway::ForgetLog() {

@@ -13,8 +13,9 @@ namespace OrvLab {
 
 /// What a gateway has beside the broker.
 struct Equipment {
-    bool bus = false;   ///< with the connection manager
-    bool cloud = false; ///< the endpoint is the one at ORV_CLOUD_PORT; otherwise nobody answers a poke
+    bool bus = false;    ///< with the connection manager
+    bool cloud = false;  ///< the endpoint is the one at ORV_CLOUD_PORT; otherwise nobody answers a poke
+    bool speaks = false; ///< logs to standard error, not to a file
 };
 
 /// The surroundings of one application, of its own: a broker, settings, a log, perhaps more. None of it ever fails.
@@ -30,6 +31,8 @@ public:
     /// Whether the log says so. From then on what it has said before counts no more.
     bool Logs(const std::string& text);
     void ForgetLog();
+    /// Somebody else's, which anybody may write to, stands in the place of the status file.
+    static void HaveForeignStatusFile();
 
     SmallBroker broker;
     std::string folder;
@@ -38,6 +41,7 @@ public:
 private:
     std::string LogFile() const { return folder + "/log"; }
 
+    const bool speaks;
     std::string endpoint = "127.0.0.1:9";
 };
 

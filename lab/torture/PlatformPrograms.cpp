@@ -5,6 +5,12 @@
 #include "CommonUtils/Logger.h"
 #include "CommonUtils/Networking/ConnmanCommands.h"
 #include "OrvPlatform/Settings.h"
+#include "Sockets.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdlib>
 
 namespace OrvLab {
 
@@ -60,6 +66,68 @@ private:
     Gateway& gateway;
 };
 
+/// What the environment says stands above the file, whatever is read anew.
+class Overriding final : public Program {
+public:
+    explicit Overriding(Gateway& theGateway) : gateway(theGateway) { setenv("ORV_LOG_LEVEL", "trace", 1); }
+
+private:
+    void Before() override { HaveSettings(); }
+
+    void Tortured() override {
+        gateway.SetLogLevel("error");
+        Try("ReloadLogLevels", [] { OrvPlatform::ReloadLogLevels(); });
+        LogSomething();
+    }
+
+    void DemandAll() override {
+        Demand("the environment's level is in force", [this] {
+            OrvPlatform::ReloadLogLevels();
+            gateway.ForgetLog();
+            LogSomething();
+            return gateway.Logs("a number 42");
+        });
+    }
+
+    Gateway& gateway;
+};
+
+/// Standard error is a pipe, as under a supervisor that collects what its programs say.
+class Speaking final : public Program {
+public:
+    Speaking() {
+        int ends[2];
+        if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
+            Fail("no pipe");
+        reading = OrvTest::Descriptor(ends[0]);
+        standardError = OrvTest::Descriptor(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
+        dup2(ends[1], STDERR_FILENO);
+        close(ends[1]);
+    }
+    ~Speaking() override { dup2(standardError.Get(), STDERR_FILENO); }
+
+private:
+    void Before() override { HaveSettings(); }
+
+    void Tortured() override {
+        for (int count = 0; count < 5; ++count)
+            LogSomething();
+    }
+
+    void DemandAll() override {
+        Demand("a record is heard", [this] {
+            LogSomething();
+            char bytes[4096];
+            const ssize_t count = read(reading.Get(), bytes, sizeof bytes);
+            return count > 0 &&
+                   std::string(bytes, static_cast<std::size_t>(count)).find("a number 42") != std::string::npos;
+        });
+    }
+
+    OrvTest::Descriptor reading;
+    OrvTest::Descriptor standardError;
+};
+
 class Ordering final : public Program {
 public:
     explicit Ordering(Gateway& theGateway) : gateway(theGateway) {}
@@ -110,6 +178,14 @@ std::unique_ptr<Program> ReadSettings(Gateway&) {
 
 std::unique_ptr<Program> ReloadLevels(Gateway& gateway) {
     return std::make_unique<Reloading>(gateway);
+}
+
+std::unique_ptr<Program> Speak(Gateway&) {
+    return std::make_unique<Speaking>();
+}
+
+std::unique_ptr<Program> OverrideLevels(Gateway& gateway) {
+    return std::make_unique<Overriding>(gateway);
 }
 
 std::unique_ptr<Program> OrderTheWay(Gateway& gateway) {

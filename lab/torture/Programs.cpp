@@ -15,7 +15,8 @@ const std::vector<ProgramKind>& AllPrograms() {
         {"orders", {true, false}, OrderTheWay}, {"begin", {}, BeginAndInit},
         {"work", {}, WorkAndLoseTheBroker},     {"supervise", {}, LookForTheCloud},
         {"fail-over", {true, true}, FailOver},  {"leave", {}, Leave},
-        {"c", {true, false}, LiveInC},
+        {"c", {true, false}, LiveInC},          {"speak", {false, false, true}, Speak},
+        {"override", {}, OverrideLevels},
     };
     return all;
 }

@@ -44,6 +44,8 @@ void HaveSettings();
 /// @{
 std::unique_ptr<Program> ReadSettings(Gateway& gateway);
 std::unique_ptr<Program> ReloadLevels(Gateway& gateway);
+std::unique_ptr<Program> Speak(Gateway& gateway);
+std::unique_ptr<Program> OverrideLevels(Gateway& gateway);
 std::unique_ptr<Program> OrderTheWay(Gateway& gateway);
 std::unique_ptr<Program> BeginAndInit(Gateway& gateway);
 std::unique_ptr<Program> WorkAndLoseTheBroker(Gateway& gateway);

@@ -33,6 +33,12 @@ void SmallBroker::Send(const char* topic, const char* payload) {
     PassOn({topic, payload, 0, false, false, 0});
 }
 
+void SmallBroker::Retain(const char* topic, const char* payload) {
+    const Tortured notThis(false);
+    const std::lock_guard<std::mutex> lock(mutex);
+    retained[topic] = payload;
+}
+
 std::string SmallBroker::Latest(const char* topic) const {
     const Tortured notThis(false);
     const std::lock_guard<std::mutex> lock(mutex);
@@ -54,6 +60,9 @@ void SmallBroker::Read(BrokerSession& session) {
     case MqttPacket::Type::SUBSCRIBE:
         session.filters.push_back(OrvTest::SubscribedFilter(*packet));
         OrvTest::WriteWhole(socket, OrvTest::EncodeSuback(OrvTest::PacketId(*packet), 1));
+        for (const auto& [topic, payload] : retained)
+            if (Matches(session.filters.back(), topic))
+                OrvTest::WriteWhole(socket, OrvTest::Encode(MqttMessage{topic, payload, 0, true, false, 0}));
         break;
     case MqttPacket::Type::PUBLISH: {
         MqttMessage message = OrvTest::DecodePublish(*packet);

@@ -25,6 +25,8 @@ public:
 
     std::uint16_t Port() const { return OrvTest::PortOf(listener); }
     void Send(const char* topic, const char* payload);
+    /// The same, for those who subscribe from now on.
+    void Retain(const char* topic, const char* payload);
     /// The latest message on that topic, retained or not; empty for none.
     std::string Latest(const char* topic) const;
 
@@ -33,6 +35,7 @@ private:
     void PassOn(const OrvTest::MqttMessage& message);
 
     std::map<std::string, std::string> latest;
+    std::map<std::string, std::string> retained;
 };
 
 } // namespace OrvLab

@@ -46,7 +46,7 @@ public:
 
 private:
     void Add(const ProgramKind& program);
-    void AddPoints(const ProgramKind& program, Call call, long count);
+    void AddPoints(const ProgramKind& program, Call call, long count, long descriptors);
     void TryPoints();
     bool IsOver() const;
     bool Begins() const;
@@ -89,17 +89,17 @@ void Torture::Add(const ProgramKind& program) {
     std::cout << program.name << ":";
     for (std::size_t index = 0; index < CALLS; ++index) {
         std::cout << " " << NameOf(static_cast<Call>(index)) << " " << plain.Count(index);
-        AddPoints(program, static_cast<Call>(index), plain.Count(index));
+        AddPoints(program, static_cast<Call>(index), plain.Count(index), plain.Descriptors());
     }
     std::cout << std::endl;
 }
 
-void Torture::AddPoints(const ProgramKind& program, Call call, long count) {
+void Torture::AddPoints(const ProgramKind& program, Call call, long count, long descriptors) {
     all[static_cast<std::size_t>(call)] += 2 * count;
     for (const bool later : {false, true}) {
         std::vector<Ranked> points;
         for (long number = 1; number <= count; ++number)
-            points.push_back({0, random.Next(), {&program, call, number, later}});
+            points.push_back({0, random.Next(), {&program, call, number, later, descriptors}});
         std::sort(points.begin(), points.end(), [](const Ranked& a, const Ranked& b) { return a.draw < b.draw; });
         for (Ranked& point : points) {
             point.rank = &point - points.data();
@@ -210,8 +210,10 @@ int RunOne(const std::string& name, const std::string& call, long number, bool l
     for (const ProgramKind& program : AllPrograms())
         for (std::size_t index = 0; index < CALLS; ++index)
             if (name == program.name && call == NameOf(static_cast<Call>(index))) {
+                Attempt plain({&program, Call::NEW, 0, false});
+                plain.Wait();
                 Failures::PrintPlaces(true);
-                const long failed = RunPoint({&program, static_cast<Call>(index), number, later}, nullptr);
+                const long failed = RunPoint({&program, static_cast<Call>(index), number, later, plain.Descriptors()});
                 std::cout << "failed " << failed << " times, nothing found" << std::endl;
                 return 0;
             }
