@@ -99,12 +99,12 @@ have_programs() {
     done
 }
 
-# run_ctest PRESET [ARGUMENT...]: a build that is slow to start a program runs its tests in few processes. Under
-# AddressSanitizer each has one of its own, and a test that needs another one before it fails.
+# run_ctest PRESET [ARGUMENT...]: the emulator is slow to start a program, so it runs tests in few processes. Elsewhere
+# each has one of its own, and a test that needs another one before it fails.
 run_ctest() {
     local preset=$1
     shift
-    case $preset$* in tsan | mipsel-release-j*) export ORV_TESTS_TOGETHER=1 ;; esac
+    case $preset$* in mipsel-release-j*) export ORV_TESTS_TOGETHER=1 ;; esac
     [ -z "${ORV_REPORTS-}" ] || set -- --output-junit "$ORV_REPORTS/ctest.xml" "$@"
     # Most tests wait: for a broker, a time limit, a process.
     ctest --preset "$preset" -j"${ORV_TEST_JOBS:-$((2 * $(nproc)))}" "$@"
