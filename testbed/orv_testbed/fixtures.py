@@ -13,6 +13,7 @@ import pytest
 
 from orv_testbed.box import Box
 from orv_testbed.calls import Calls, Figures, waits
+from orv_testbed.families import Families
 from orv_testbed.scene import Scene
 
 NO_NAMESPACES = (
@@ -34,13 +35,25 @@ def can_make_namespaces() -> bool:
     )
 
 
+def skip_without_what_a_box_needs(families: str | None = None) -> None:
+    """`families` as `box up --families` is told."""
+    if not can_make_namespaces():
+        pytest.skip(NO_NAMESPACES)
+    if families is None:
+        return
+    if "6" in families and not pathlib.Path("/proc/sys/net/ipv6").is_dir():
+        pytest.skip("this machine has no IPv6")
+    if "6" in Families.parse(families) and not pathlib.Path("/dev/net/tun").is_char_device():
+        pytest.skip("this machine has no /dev/net/tun, which NAT64 needs")
+
+
 @pytest.fixture
 def box(request: pytest.FixtureRequest, tmp_path: pathlib.Path) -> Iterator[Box]:
     """A gateway of its own for each test, all of its parts running; their logs are kept beside the application's. The
     fixture's parameter, if it has one, is what `box up --families` is told."""
-    if not can_make_namespaces():
-        pytest.skip(NO_NAMESPACES)
-    with Box(f"t{os.getpid():x}", getattr(request, "param", None)) as made:
+    families = getattr(request, "param", None)
+    skip_without_what_a_box_needs(families)
+    with Box(f"t{os.getpid():x}", families) as made:
         yield made
         shutil.copytree(made.folder / "log", tmp_path / "box-log")
 

@@ -3,14 +3,13 @@
 from __future__ import annotations
 
 import os
-import pathlib
 import subprocess
 
 import pytest
 
 from orv_testbed.box import Box, Failed
 from orv_testbed.families import Families
-from orv_testbed.fixtures import NO_NAMESPACES, can_make_namespaces
+from orv_testbed.fixtures import skip_without_what_a_box_needs
 from orv_testbed.layout import SIDES, BoxError
 from orv_testbed.waiting import SLACK, wait_until
 
@@ -29,14 +28,10 @@ for kind, family in ((1, socket.AF_INET), (28, socket.AF_INET6)):
     if int.from_bytes(answer[6:8], "big"):
         print(socket.inet_ntop(family, answer[-len(socket.inet_pton(family, "::" if kind == 28 else "0.0.0.0")):]))
 """
-NO_TUN = "this machine has no /dev/net/tun, which NAT64 needs"
 
 
 def made(families: str) -> Box:
-    if not can_make_namespaces():
-        pytest.skip(NO_NAMESPACES)
-    if "6" in Families.parse(families) and not pathlib.Path("/dev/net/tun").is_char_device():
-        pytest.skip(NO_TUN)
+    skip_without_what_a_box_needs(families)
     return Box(f"t{os.getpid():x}", families)
 
 
@@ -124,8 +119,7 @@ def test_the_cloud_has_ipv6_where_a_provider_has_it() -> None:
 
 
 def test_what_is_no_family_leaves_no_box_behind() -> None:
-    if not can_make_namespaces():
-        pytest.skip(NO_NAMESPACES)
+    skip_without_what_a_box_needs()
     box = Box(f"t{os.getpid():x}")
     with pytest.raises(Failed, match="families: use"):
         box("up", "--families", "eth=7")

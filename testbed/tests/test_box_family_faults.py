@@ -13,7 +13,7 @@ import pytest
 
 from orv_testbed.box import Box, Failed
 from orv_testbed.fault_record import faults_in_force
-from orv_testbed.fixtures import NO_NAMESPACES, can_make_namespaces
+from orv_testbed.fixtures import skip_without_what_a_box_needs
 from orv_testbed.waiting import SLACK, wait_until
 
 CLOUD = {"4": "198.51.100.10", "6": "2001:db8:51::10"}
@@ -23,8 +23,7 @@ IDENTIFIER = "0:ff:fe00:a01"  # of eth0's address
 
 @pytest.fixture(name="dual", scope="module")
 def a_box_with_both_families_on_ethernet() -> Iterator[Box]:
-    if not can_make_namespaces():
-        pytest.skip(NO_NAMESPACES)
+    skip_without_what_a_box_needs("eth=46")
     with Box(f"f{os.getpid():x}", "eth=46") as box:
         yield box
 
@@ -67,8 +66,7 @@ def test_a_dead_family_leads_nowhere_and_the_other_works(dual: Box, broken: str,
 
 @pytest.mark.parametrize("families, address", [("eth=46", CLOUD["6"]), ("eth=6,cloud=4", TRANSLATED)])
 def test_a_long_way_takes_its_time_in_ipv6_too(families: str, address: str) -> None:
-    if not can_make_namespaces():
-        pytest.skip(NO_NAMESPACES)
+    skip_without_what_a_box_needs(families)
     with Box(f"d{os.getpid():x}", families) as box:
 
         def seconds() -> float:
