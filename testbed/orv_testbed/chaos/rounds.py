@@ -64,10 +64,11 @@ class Rounds:
         with concurrent.futures.ThreadPoolExecutor(self._boxes) as pool:
             workers = [pool.submit(worker) for _ in range(self._boxes)]
             try:
-                for done in workers:
+                for done in concurrent.futures.as_completed(workers):
                     done.result()
             except KeyboardInterrupt:
                 self.interrupted = True
+                print("interrupted; the rounds under way end first", flush=True)
                 raise
 
     def _is_hopeless(self) -> bool:
