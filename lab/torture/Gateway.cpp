@@ -33,7 +33,8 @@ namespace OrvLab {
 using namespace std::chrono_literals;
 
 void Fail(const std::string& what, int status) {
-    std::fprintf(stderr, "%s\n", what.c_str());
+    std::printf("%s\n", what.c_str()); // standard error may be what is tortured
+    std::fflush(stdout);
     _exit(status);
 }
 

@@ -8,8 +8,10 @@
 #include "Sockets.h"
 
 #include <fcntl.h>
+#include <sanitizer/common_interface_defs.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdlib>
 
 namespace OrvLab {
@@ -103,6 +105,7 @@ public:
         standardError = OrvTest::Descriptor(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
         dup2(ends[1], STDERR_FILENO);
         close(ends[1]);
+        __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<std::intptr_t>(STDOUT_FILENO))); // NOLINT
     }
     ~Speaking() override { dup2(standardError.Get(), STDERR_FILENO); }
 
