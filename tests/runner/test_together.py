@@ -28,8 +28,9 @@ for name in names:
     if "Crash" in name:
         print("about to crash", end="", flush=True)
         os.kill(os.getpid(), signal.SIGSEGV)
-    if "Hang" in name:
-        time.sleep(60)
+    while "Hang" in name:
+        print(end="*", file=open(os.environ["TEST_CLOCK"], "a"))
+        time.sleep(0.01)
     if "Leave" in name:
         sys.exit(0)
     if "Fail" in name:
@@ -54,18 +55,20 @@ def order(tmp_path: pathlib.Path) -> pathlib.Path:
 
 @pytest.fixture
 def run(tmp_path: pathlib.Path, order: pathlib.Path, monkeypatch: pytest.MonkeyPatch) -> Run:
-    """The verdicts of the tests of a program that has these."""
+    """The verdicts of the tests of a program that has these. Time goes on only while a test hangs."""
+    clock = tmp_path / "clock"
+    clock.touch()
+    monkeypatch.setenv("TEST_CLOCK", str(clock))
     program = tmp_path / "some-tests"
     program.write_text(PROGRAM)
     program.chmod(0o755)
     monkeypatch.setenv("TEST_ORDER", str(order))
 
-    def run_them(*tests: str, part: int = 1, parts: int = 1, limit: float = 30) -> dict[str, str]:
+    def run_them(*tests: str, part: int = 1, parts: int = 1) -> dict[str, str]:
         monkeypatch.setenv("TEST_NAMES", " ".join(tests))
-        return {
-            test.name: test.verdict
-            for test in together.run([str(program)], together.names([str(program)])[part - 1 :: parts], limit)
-        }
+        mine = together.names([str(program)])[part - 1 :: parts]
+        done = together.run([str(program)], mine, limit=20, clock=lambda: clock.stat().st_size)
+        return {test.name: test.verdict for test in done}
 
     return run_them
 
@@ -87,7 +90,19 @@ def test_each_test_is_in_one_part(run: Run) -> None:
 
 @pytest.mark.parametrize("how", ["Crash", "Hang", "Leave"])
 def test_a_test_that_ends_the_process_fails_and_those_after_it_run(run: Run, how: str) -> None:
-    assert run("One", how, "Two", limit=1.5) == {"A.One": "passed", f"A.{how}": "failed", "A.Two": "passed"}
+    assert run("One", how, "Two") == {"A.One": "passed", f"A.{how}": "failed", "A.Two": "passed"}
+
+
+def test_each_test_has_the_limit_for_itself() -> None:
+    now = 0.0
+    course = together.Course(lambda: now)
+    for name in ("A.One", "A.Two"):
+        now += 15
+        course.take(f"[ RUN      ] {name}")
+        assert course.seconds == 0
+        now += 15
+        assert course.seconds == 15
+        course.take(f"[       OK ] {name} (15000 ms)")
 
 
 def test_a_failure_is_one_failure(run: Run) -> None:
@@ -99,12 +114,12 @@ def test_a_program_that_fails_after_its_tests_is_a_failure(run: Run) -> None:
 
 
 def test_a_program_that_cannot_be_started_fails_with_all_its_tests() -> None:
-    tests = together.run(["/bin/false"], ["A.One", "A.Two"], 10)
+    tests = together.run(["/bin/false"], ["A.One", "A.Two"], 60)
     assert [test.verdict for test in tests] == ["failed"] * 3
 
 
 def start(tmp_path: pathlib.Path, run: Run) -> subprocess.CompletedProcess[str]:
-    command = [together.__file__, "--limit", "5", "--part", "1/1", str(tmp_path / "some-tests")]
+    command = [together.__file__, "--limit", "60", "--part", "1/1", str(tmp_path / "some-tests")]
     return subprocess.run(command, capture_output=True, text=True)
 
 

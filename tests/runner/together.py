@@ -21,11 +21,13 @@ import sys
 import tempfile
 import time
 import xml.etree.ElementTree as ElementTree
+from collections.abc import Callable
 from typing import IO
 
 POLL = 0.5  # seconds
 BEGINS = re.compile(r"\[ RUN      \] (\S+)$")
 ENDS = re.compile(r"\[ +(OK|FAILED|SKIPPED) +\] (\S+?)(?:, where .*)? \((\d+) ms\)$")
+Clock = Callable[[], float]  # in seconds
 VERDICTS = {"OK": "passed", "FAILED": "failed", "SKIPPED": "skipped"}
 NOT_IN_XML = re.compile("[^\t\n\r\x20-\ud7ff\ue000-\ufffd]")
 
@@ -41,21 +43,27 @@ class Test:
 class Course:
     """What a program tells of its tests while they run."""
 
-    def __init__(self) -> None:
+    def __init__(self, clock: Clock) -> None:
         self.tests: list[Test] = []
         self.outside = ""  # what is said before, between and after them
-        self.begun = time.monotonic()
+        self._clock = clock
+        self._begun = clock()
 
     @property
     def running(self) -> Test | None:
         return self.tests[-1] if self.tests and not self.tests[-1].verdict else None
+
+    @property
+    def seconds(self) -> float:
+        """Since the last test began, or the program."""
+        return self._clock() - self._begun
 
     def take(self, line: str) -> None:
         """A whole line, or what is left when the program has ended."""
         begins, ends, test = BEGINS.search(line), ENDS.search(line), self.running
         if begins and test is None:
             self.tests.append(Test(begins[1]))
-            self.begun = time.monotonic()
+            self._begun = self._clock()
         elif test is None:
             self.outside += line + "\n"
         elif ends and ends[2] == test.name:
@@ -68,7 +76,7 @@ class Course:
         """The test that runs has failed."""
         test = self.running
         assert test is not None
-        test.verdict, test.seconds = "failed", time.monotonic() - self.begun
+        test.verdict, test.seconds = "failed", self.seconds
         test.said += why + "\n"
 
 
@@ -96,7 +104,7 @@ def told(status: int) -> str:
 class Process:
     """The program under way with some of its tests."""
 
-    def __init__(self, command: list[str], tests: list[str], log: IO[str]) -> None:
+    def __init__(self, command: list[str], tests: list[str], log: IO[str], clock: Clock) -> None:
         # The first report ends the process: so it is known which test it belongs to.
         options = ":".join(filter(None, [os.environ.get("TSAN_OPTIONS"), "halt_on_error=1"]))
         self.log = log
@@ -109,7 +117,7 @@ class Process:
                 env={**os.environ, "TSAN_OPTIONS": options},
                 process_group=0,
             )
-        self.course = Course()
+        self.course = Course(clock)
         self.line = ""
 
     def follow(self, limit: float) -> str:
@@ -122,7 +130,7 @@ class Process:
                 self.course.take(self.line)
                 return f"took longer than {limit:.0f} s" if too_long else told(status)
             self._read()
-            too_long = time.monotonic() - self.course.begun > limit
+            too_long = self.course.seconds > limit
             if too_long:
                 self.kill()
 
@@ -136,12 +144,12 @@ class Process:
             self.course.take(line)
 
 
-def run(command: list[str], tests: list[str], limit: float) -> list[Test]:
+def run(command: list[str], tests: list[str], limit: float, clock: Clock = time.monotonic) -> list[Test]:
     """In as many processes as it takes."""
     done: list[Test] = []
     while rest := [name for name in tests if name not in {test.name for test in done}]:
         with tempfile.NamedTemporaryFile("r", errors="replace") as log:
-            process = Process(command, rest, log)
+            process = Process(command, rest, log, clock)
             try:
                 end = process.follow(limit)
             finally:
