@@ -179,7 +179,11 @@ void AddIpv6Default(const std::vector<InterfaceTable>& tables, const std::vector
 void AddIpv6NameServers(const std::vector<InterfaceTable>& tables, const std::vector<Ipv6State>& states,
                         const std::string& defaultInterface,
                         const std::map<std::string, std::vector<std::string>>& nameServers, Plan& plan) {
-    std::vector<IpAddress> done = Ipv6ServersOf(defaultInterface, nameServers);
+    std::vector<IpAddress> done;
+    for (std::size_t i = 0; i < tables.size(); ++i) {
+        if (tables[i].interface == defaultInterface && states[i].HasWayOut())
+            done = Ipv6ServersOf(defaultInterface, nameServers);
+    }
     for (std::size_t i = 0; i < tables.size(); ++i) {
         if (tables[i].interface == defaultInterface || !states[i].HasWayOut())
             continue;

@@ -194,6 +194,12 @@ TEST_F(AGatewayWithIpv6, LeavesANameServerAloneThatBothHaveOrThatNeedsNoRouter) 
     EXPECT_EQ(InMain(), std::vector<Route>{Own(RT_TABLE_MAIN, ETH, "::", 0, "fe80::1")});
 }
 
+TEST_F(AGatewayWithIpv6, AsksANameServerThatBothHaveOverTheOtherInterfaceWhenTheDefaultHasNoRouter) {
+    now.connman.nameServers = {{"eth0", {"2001:db8:5::53"}}, {"wwan0", {"2001:db8:5::53"}}};
+    LoseRouterOf(ETH);
+    EXPECT_TRUE(Plans(Own(RT_TABLE_MAIN, CELL, "2001:db8:5::53", 128, "fe80::2")));
+}
+
 TEST_F(AGatewayWithIpv6, TakesTheRouterAwayWhenItsLifetimeIsOver) {
     RouteOf(ETH).lifetime = -1s;
     EXPECT_FALSE(RouterIn(1011));
