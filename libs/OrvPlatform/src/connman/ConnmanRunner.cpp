@@ -277,12 +277,12 @@ void ConnmanRunner::Execute(const ConnmanCall& call) {
 }
 
 /// What a site has to set whose networks have different IP families: ConnMan keeps that, so it is nobody's to set
-/// unasked.
+/// unasked. Whether they differ is not known here: a method that is not "off" may have found no address.
 std::string ConnmanRunner::Remedy(const ConnmanCall& call, const std::string& error) const {
     if (call.kind != ConnmanCall::Kind::MOVE || error.find("InvalidService") == std::string::npos)
         return {};
     const std::string command = shared->services.RemedyForMove(call.path, call.before);
-    return command.empty() ? command : "; the two have different IP families, \"" + command + "\" lets them be moved";
+    return command.empty() ? command : "; if their IP families differ, \"" + command + "\" lets them be moved";
 }
 
 MessageBus::Reply ConnmanRunner::Call(DBusMessagePtr message, const std::string& what) {

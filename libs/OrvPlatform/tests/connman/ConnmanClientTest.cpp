@@ -152,9 +152,9 @@ TEST_F(AConnectedGateway, SaysWhatToSetWhenAMoveIsRefusedBecauseOfTheIpFamilies)
     connman->Do("refuse MoveBefore net.connman.Error.InvalidService");
     connman->Do("services eth0:ready wwan0:ready:ipv4-off");
     link.SetTopPriorityInterface("wwan0");
-    EXPECT_TRUE(IsLogged("\"connmanctl config eth0 --ipv6 off\" lets them be moved"));
+    EXPECT_TRUE(IsLogged("if their IP families differ, \"connmanctl config eth0 --ipv6 off\" lets them be moved"));
     connman->Do("services eth0:ready wwan0:ready:ipv6-off");
-    EXPECT_TRUE(IsLogged("\"connmanctl config wwan0 --ipv6 auto\" lets them be moved"));
+    EXPECT_TRUE(IsLogged("if their IP families differ, \"connmanctl config wwan0 --ipv6 auto\" lets them be moved"));
     connman->Do("services eth0:ready:ipv6-off wwan0:ready:ipv4-off");
     connman->Do("refuse MoveBefore net.connman.Error.Failed");
     connman->Do("services eth0:ready:ipv6-off wwan0:online:ipv4-off");
