@@ -2,6 +2,7 @@
 #include "CsvWatch.h"
 
 #include "Clock.h"
+#include "log/LogLevel.h"
 
 #include <fcntl.h>
 #include <sys/epoll.h>
@@ -85,7 +86,8 @@ void RepairLimit::Refill(Time now) {
 }
 
 CsvWatch::CsvWatch(EventLoop& eventLoop, std::string path, std::function<void()> putRight)
-    : loop(eventLoop),
+    : logger("GatewayApp", OrvLog::INFO),
+      loop(eventLoop),
       file(std::move(path)),
       repair(std::move(putRight)),
       notifications(OpenNotifications()),
@@ -102,9 +104,17 @@ CsvWatch::~CsvWatch() {
 
 /// The folder and not the file, which may be removed, or replaced by another one.
 bool CsvWatch::WatchFolder() {
-    watching = inotify_add_watch(notifications.Number(), FolderAndName(file).first.c_str(),
-                                 IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE) >= 0;
-    return watching;
+    watched = inotify_add_watch(notifications.Number(), FolderAndName(file).first.c_str(),
+                                IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_MOVE_SELF);
+    return watched >= 0;
+}
+
+void CsvWatch::WatchAnotherFolder() {
+    inotify_rm_watch(notifications.Number(), watched); // it stays with a folder that was renamed
+    if (!WatchFolder())
+        logger.Warning() << "what other programs write into " << file
+                         << " is not noticed any more: its folder cannot be watched: "
+                         << std::generic_category().message(errno) << "; it is tried again";
 }
 
 void CsvWatch::SetActive(bool isActive) {
@@ -115,7 +125,8 @@ void CsvWatch::SetActive(bool isActive) {
 
 void CsvWatch::Reported(OrvEvent event) {
     content.Reported(event);
-    watching = watching || WatchFolder();
+    if (watched < 0)
+        WatchFolder();
     if (IsRight()) {
         written = true;
         vainWrites = 0;
@@ -140,7 +151,7 @@ void CsvWatch::OnChange() {
     const std::string name = FolderAndName(file).second;
     alignas(inotify_event) std::array<char, 4096> buffer{};
     bool ours = false;
-    bool folderGone = false; // removed, or what was mounted there is
+    bool folderGone = false; // removed, renamed, or what was mounted there is gone
     ssize_t size = 0;
     while ((size = read(notifications.Number(), buffer.data(), buffer.size())) > 0) {
         for (ssize_t at = 0; at < size;) {
@@ -148,12 +159,12 @@ void CsvWatch::OnChange() {
             std::memcpy(&event, buffer.data() + at, sizeof(event));
             const char* const changed = buffer.data() + at + sizeof(event);
             ours = ours || (event.mask & IN_Q_OVERFLOW) != 0 || (event.len > 0 && name == changed);
-            folderGone = folderGone || (event.mask & IN_IGNORED) != 0;
+            folderGone = folderGone || (event.wd == watched && (event.mask & (IN_IGNORED | IN_MOVE_SELF)) != 0);
             at += static_cast<ssize_t>(sizeof(event) + event.len);
         }
     }
     if (folderGone)
-        WatchFolder();
+        WatchAnotherFolder();
     if (ours || folderGone)
         ScheduleCheck();
 }

@@ -3,6 +3,7 @@
 
 #include "EventLoop.h"
 
+#include <CommonUtils/Logger.h>
 #include <OrvStackSdk/OrvEnums.h>
 
 #include <chrono>
@@ -47,7 +48,8 @@ private:
 /// Notices within a second that another program has written or removed the status file: every client of the library
 /// that is made on the gateway writes "all is down" into it. Notices too that the library's own text has not reached
 /// the file, because its folder is full or read-only: the library does not tell. Then it is put right after 1, 2, 4 s
-/// and so on, at last once a minute, until it holds what it must. One thread.
+/// and so on, at last once a minute, until it holds what it must. Where the folder is gone, or has another name, the
+/// one that has taken its place is watched, from the next event on if there is none yet. One thread.
 class CsvWatch {
 public:
     /// @param path the file; its folder must exist
@@ -68,19 +70,21 @@ public:
 
 private:
     bool WatchFolder();
+    void WatchAnotherFolder();
     void OnChange();
     void ScheduleCheck();
     void Check();
     void WriteAgain();
     bool IsRight() const;
 
+    CommonUtils::Logger logger;
     EventLoop& loop;
     const std::string file;
     const std::function<void()> repair;
     ExpectedCsv content;
     RepairLimit limit;
     Descriptor notifications;
-    bool watching = false;
+    int watched = -1; // the folder, by the kernel's number for it; -1: none
     Timer timer;
     Timer writeAgain;
     bool active = false;

@@ -10,6 +10,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -121,6 +122,69 @@ TEST_F(AWatchedCsv, IsPutRightInAFolderThatHasTakenThePlaceOfTheWatchedOne) {
     other.Once(1ms);
     RunFor(10s);
     EXPECT_EQ(repairs, 2);
+    EXPECT_EQ(Content(), DOWN);
+}
+
+/// Its folder has got another name.
+class AWatchedCsvWhoseFolderWasRenamed : public AWatchedCsv {
+protected:
+    AWatchedCsvWhoseFolderWasRenamed() {
+        watch.SetActive(true);
+        std::rename(folder.c_str(), renamed.c_str());
+    }
+    ~AWatchedCsvWhoseFolderWasRenamed() override {
+        std::remove((renamed + "/status.csv").c_str());
+        rmdir(renamed.c_str());
+    }
+    void IsChangedByAnotherProgram() {
+        leaveAfter = repairs + 1;
+        Timer other(loop, [this] { Write("another program's"); });
+        other.Once(1ms);
+        RunFor(10s);
+    }
+    static int WatchedFolders() {
+        int count = 0;
+        for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
+            std::ifstream descriptor(entry.path());
+            for (std::string line; std::getline(descriptor, line);)
+                count += line.rfind("inotify wd:", 0) == 0 ? 1 : 0;
+        }
+        return count;
+    }
+
+    const std::string renamed = folder + "-renamed";
+};
+
+TEST_F(AWatchedCsvWhoseFolderWasRenamed, IsPutRightInTheNewOne) {
+    ASSERT_EQ(mkdir(folder.c_str(), 0700), 0);
+    RunFor(5s);
+    ASSERT_EQ(Content(), DOWN);
+    IsChangedByAnotherProgram();
+    EXPECT_EQ(repairs, 2);
+    EXPECT_EQ(Content(), DOWN);
+    EXPECT_EQ(WatchedFolders(), 1);
+}
+
+TEST_F(AWatchedCsvWhoseFolderWasRenamed, IsPutRightWhenTheFolderHasItsNameBack) {
+    ASSERT_EQ(std::rename(renamed.c_str(), folder.c_str()), 0);
+    for (int times = 1; times <= 2; ++times) {
+        IsChangedByAnotherProgram();
+        EXPECT_EQ(repairs, times);
+    }
+}
+
+TEST_F(AWatchedCsvWhoseFolderWasRenamed, SaysOnceThatItIsNotWatchedUntilThereIsAnother) {
+    testing::internal::CaptureStderr();
+    RunFor(5s);
+    watch.Reported(OrvEvent::CLOUD_DISCONNECTED);
+    const std::string log = testing::internal::GetCapturedStderr();
+    const std::string warning = "is not noticed any more: its folder cannot be watched: No such file or directory";
+    EXPECT_NE(log.find(warning), std::string::npos) << log;
+    EXPECT_EQ(log.find(warning), log.rfind(warning)) << log;
+    ASSERT_EQ(mkdir(folder.c_str(), 0700), 0);
+    Write(DOWN);
+    watch.Reported(OrvEvent::CLOUD_DISCONNECTED);
+    IsChangedByAnotherProgram();
     EXPECT_EQ(Content(), DOWN);
 }
 

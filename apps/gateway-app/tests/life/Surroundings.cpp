@@ -7,6 +7,7 @@
 #include "EventLoop.h"
 #include "NetworkWatcher.h"
 #include "PathProver.h"
+#include "log/LogLevel.h"
 
 #include <OrvPlatform/Counters.h>
 #include <OrvPlatform/Settings.h>
@@ -250,7 +251,8 @@ std::optional<OrvNetlink::Link> NetworkWatcher::Find(const std::string&) {
 void ExpectedCsv::Reported(OrvStackSdk::OrvEvent) {}
 
 CsvWatch::CsvWatch(EventLoop& eventLoop, std::string path, std::function<void()> putRight)
-    : loop(eventLoop),
+    : logger("GatewayApp", OrvLog::INFO),
+      loop(eventLoop),
       file(std::move(path)),
       repair(std::move(putRight)),
       timer(eventLoop, [] {}),
