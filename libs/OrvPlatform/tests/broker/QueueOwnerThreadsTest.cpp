@@ -142,15 +142,30 @@ TEST_F(ACallback, AndADestructionUnderLoadDoNotMeet) {
     flood.join();
 }
 
+/// While it lives, the process may have as many descriptors as its hard limit allows.
+class AsManyDescriptorsAsAllowed {
+public:
+    AsManyDescriptorsAsAllowed() {
+        EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+        const rlimit most{before.rlim_max, before.rlim_max};
+        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &most), 0);
+    }
+    ~AsManyDescriptorsAsAllowed() { setrlimit(RLIMIT_NOFILE, &before); }
+    AsManyDescriptorsAsAllowed(const AsManyDescriptorsAsAllowed&) = delete;
+    AsManyDescriptorsAsAllowed& operator=(const AsManyDescriptorsAsAllowed&) = delete;
+
+    rlim_t Count() const { return before.rlim_max; }
+
+private:
+    rlimit before{};
+};
+
 TEST_F(ACallback, ComesOnDescriptorsAbove1024Too) {
-    rlimit limit{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    limit.rlim_cur = limit.rlim_max;
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    const AsManyDescriptorsAsAllowed allowed;
     std::vector<Descriptor> occupied;
     while (occupied.empty() || occupied.back().Get() < 1100) {
         occupied.emplace_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
-        ASSERT_TRUE(occupied.back()) << "the hard limit is " << limit.rlim_max << " descriptors";
+        ASSERT_TRUE(occupied.back()) << "the hard limit is " << allowed.Count() << " descriptors";
     }
     TestClient client;
     ASSERT_TRUE(client.Connect());
