@@ -200,5 +200,55 @@ TEST_F(TheLifeOfTheApplication, CountsNoReconnectionOfItsOwnAsALoss) {
     EXPECT_NE(text.str().find(R"("cloud_losses":1,)"), std::string::npos) << text.str();
 }
 
+/// What it tells of the connection that it has in the end.
+class TheFamilyOfTheCloudConnection : public TheLifeOfTheApplication {
+protected:
+    ~TheFamilyOfTheCloudConnection() override {
+        std::remove(statusFile.c_str());
+        std::remove(transcript.c_str());
+    }
+    void IsToldOfACloudThatSees(const std::string& source) {
+        const std::string base = ::testing::TempDir() + "family-of-" + std::to_string(getpid());
+        statusFile = base + ".json";
+        transcript = base + ".transcript";
+        arguments.insert(arguments.end(), {"--transcript", transcript});
+        if (!source.empty())
+            At(1s, [&, source] { around.cloudAnswers(source); });
+        At(1900ms, [&] { status = Content(statusFile); });
+        RunUntil(2s);
+    }
+    static std::string Content(const std::string& path) {
+        std::stringstream text;
+        text << std::ifstream(path).rdbuf();
+        return text.str();
+    }
+    bool InTheStatusFile(const std::string& family) const {
+        return status.find("\"family\":\"" + family + "\"") != std::string::npos;
+    }
+    bool InTheTranscript(const std::string& family) const {
+        return Content(transcript).find("\"family\":\"" + family + "\"") != std::string::npos;
+    }
+
+    std::string transcript;
+    std::string status;
+};
+
+TEST_F(TheFamilyOfTheCloudConnection, IsIpv6FromAnAddressOfThatFamily) {
+    IsToldOfACloudThatSees("2001:db8:11::2");
+    EXPECT_TRUE(InTheStatusFile("IPv6")) << status;
+    EXPECT_TRUE(InTheTranscript("IPv6")) << Content(transcript);
+}
+
+TEST_F(TheFamilyOfTheCloudConnection, IsIpv4FromAnAddressOfThatFamily) {
+    IsToldOfACloudThatSees("192.0.2.2");
+    EXPECT_TRUE(InTheStatusFile("IPv4")) << status;
+    EXPECT_TRUE(InTheTranscript("IPv4")) << Content(transcript);
+}
+
+TEST_F(TheFamilyOfTheCloudConnection, IsEmptyWithoutAConnection) {
+    IsToldOfACloudThatSees("");
+    EXPECT_TRUE(InTheStatusFile("")) << status;
+}
+
 } // namespace
 } // namespace GatewayApp
