@@ -41,7 +41,11 @@ for name in names:
     if "HalfALine" in name:
         print("without an end", end="")
     print(f"[{verdict:>9} ] {name} (12 ms)" if verdict != "OK" else f"[       OK ] {name} (12 ms)", flush=True)
+    if "LastOfAll" in name:
+        sys.exit(0)
 print("AddressSanitizer: leaks" if "A.Leak" in names else "")
+if "A.Torn" in names:
+    os.abort()
 sys.exit(1 if any("Fail" in name or "Leak" in name for name in names) else 0)
 """
 
@@ -111,6 +115,15 @@ def test_a_failure_is_one_failure(run: Run) -> None:
 
 def test_a_program_that_fails_after_its_tests_is_a_failure(run: Run) -> None:
     assert run("One", "Leak") == {"A.One": "passed", "A.Leak": "passed", "some-tests outside its tests": "failed"}
+
+
+def test_a_program_that_crashes_after_a_failed_test_is_a_failure_too(run: Run) -> None:
+    assert run("Fails", "Torn") == {"A.Fails": "failed", "A.Torn": "passed", "some-tests outside its tests": "failed"}
+
+
+def test_a_program_that_ends_well_before_its_last_test_is_a_failure(run: Run) -> None:
+    verdicts = run("LastOfAll", "Two")
+    assert verdicts == {"A.LastOfAll": "passed", "A.Two": "passed", "some-tests outside its tests": "failed"}
 
 
 def test_a_program_that_cannot_be_started_fails_with_all_its_tests() -> None:

@@ -54,6 +54,11 @@ class Course:
         return self.tests[-1] if self.tests and not self.tests[-1].verdict else None
 
     @property
+    def status(self) -> int:
+        """What the program ends with after these tests if nothing else is wrong."""
+        return int(any(test.verdict == "failed" for test in self.tests))
+
+    @property
     def seconds(self) -> float:
         """Since the last test began, or the program."""
         return self._clock() - self._begun
@@ -157,10 +162,9 @@ def run(command: list[str], tests: list[str], limit: float, clock: Clock = time.
         course = process.course
         if course.running:
             course.give_up(f"the program {end} while this test ran")
-        elif not course.tests or process.process.returncode and all(test.verdict != "failed" for test in course.tests):
-            done.append(
-                Test(f"{pathlib.Path(command[-1]).name} outside its tests", "failed", 0.0, course.outside + end)
-            )
+        elif process.process.returncode != course.status or len(course.tests) < len(rest):
+            outside = f"{pathlib.Path(command[-1]).name} outside its tests"
+            done.append(Test(outside, "failed", 0.0, course.outside + end))
         if not course.tests:
             return done + [Test(name, "failed", 0.0, "not run") for name in rest]
         done += course.tests
