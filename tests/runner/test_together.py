@@ -38,6 +38,7 @@ for name in names:
         print("expected 1, was 2")
     if "Skip" in name:
         verdict = "SKIPPED"
+        print("no such namespace")
     if "HalfALine" in name:
         print("without an end", end="")
     print(f"[{verdict:>9} ] {name} (12 ms)" if verdict != "OK" else f"[       OK ] {name} (12 ms)", flush=True)
@@ -144,7 +145,7 @@ def test_surroundings_that_cannot_be_had_skip_the_program(
     assert (done.returncode, "not run: no namespaces" in done.stdout) == (77, True)
 
 
-def test_the_report_names_each_test_and_what_a_failed_one_said(
+def test_the_report_names_each_test_and_why_it_failed_or_was_skipped(
     run: Run, tmp_path: pathlib.Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
     monkeypatch.setenv("ORV_REPORTS", str(tmp_path))
@@ -159,6 +160,7 @@ def test_the_report_names_each_test_and_what_a_failed_one_said(
     }
     assert "about to crash" in told["A.Crash"].output and "SIGSEGV" in told["A.Crash"].output
     assert "expected 1, was 2" in told["A.Fails"].output
+    assert told["A.Skip"].output == "no such namespace\n"
     assert told["A.One"].seconds == 0.012
 
 

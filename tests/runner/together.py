@@ -177,9 +177,11 @@ def write(file: pathlib.Path, tests: list[Test]) -> None:
         case = ElementTree.SubElement(
             suite, "testcase", name=test.name, classname=test.name, time=f"{test.seconds:.3f}"
         )
-        if test.verdict != "passed":
-            kind = ElementTree.SubElement(case, "failure" if test.verdict == "failed" else "skipped")
-            kind.text = NOT_IN_XML.sub("?", test.said)
+        said = NOT_IN_XML.sub("?", test.said)
+        if test.verdict == "failed":
+            ElementTree.SubElement(case, "failure").text = said
+        elif test.verdict == "skipped":
+            ElementTree.SubElement(case, "skipped", message=said)
     ElementTree.ElementTree(suite).write(file, encoding="utf-8")
 
 
