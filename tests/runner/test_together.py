@@ -164,6 +164,78 @@ def test_the_report_names_each_test_and_why_it_failed_or_was_skipped(
     assert told["A.One"].seconds == 0.012
 
 
+# As GoogleTest 1.12 writes them.
+LIST = """\
+Running main() from ./googletest/src/gtest_main.cc
+Types/0.  # TypeParam = int
+  AreWide
+DISABLED_Suite.
+  Passes
+Plain.
+  IsNotDISABLED_AtAll
+  Skips
+Few/Numbers.
+  AreSmall/0  # GetParam() = 2
+  AreSmall/1  # GetParam() = 5
+  DISABLED_AreLarge/0  # GetParam() = 2
+"""
+OUTPUT = """\
+[----------] 1 test from Types/0, where TypeParam = int
+[ RUN      ] Types/0.AreWide
+t.cpp:8: Failure
+Expected: (sizeof(TypeParam)) > (4U), actual: 4 vs 4
+[  FAILED  ] Types/0.AreWide, where TypeParam = int (0 ms)
+[----------] 1 test from Types/0 (0 ms total)
+
+[----------] 2 tests from Plain
+[ RUN      ] Plain.IsNotDISABLED_AtAll
+[       OK ] Plain.IsNotDISABLED_AtAll (0 ms)
+[ RUN      ] Plain.Skips
+t.cpp:11: Skipped
+no namespaces
+[  SKIPPED ] Plain.Skips (0 ms)
+[----------] 2 tests from Plain (0 ms total)
+
+[----------] 2 tests from Few/Numbers
+[ RUN      ] Few/Numbers.AreSmall/0
+[       OK ] Few/Numbers.AreSmall/0 (0 ms)
+[ RUN      ] Few/Numbers.AreSmall/1
+t.cpp:3: Failure
+Expected: (GetParam()) < (3), actual: 5 vs 3
+[  FAILED  ] Few/Numbers.AreSmall/1, where GetParam() = 5 (17 ms)
+[ DISABLED ] Few/Numbers.DISABLED_AreLarge/0
+[----------] 2 tests from Few/Numbers (0 ms total)
+
+[----------] Global test environment tear-down
+[  FAILED  ] 2 tests, listed below:
+[  FAILED  ] Types/0.AreWide, where TypeParam = int
+[  FAILED  ] Few/Numbers.AreSmall/1, where GetParam() = 5
+"""
+
+
+def test_what_googletest_writes_of_types_parameters_and_disabled_tests_is_understood(tmp_path: pathlib.Path) -> None:
+    program = tmp_path / "parameters"
+    program.write_text(
+        f"#!/bin/sh\ncase $1 in\n--gtest_list_tests) cat {tmp_path}/list ;;\n*) cat {tmp_path}/output; exit 1 ;;\nesac\n"
+    )
+    program.chmod(0o755)
+    (tmp_path / "list").write_text(LIST)
+    (tmp_path / "output").write_text(OUTPUT)
+    verdicts = {
+        "Types/0.AreWide": "failed",
+        "Plain.IsNotDISABLED_AtAll": "passed",
+        "Plain.Skips": "skipped",
+        "Few/Numbers.AreSmall/0": "passed",
+        "Few/Numbers.AreSmall/1": "failed",
+    }
+    names = together.names([str(program)])
+    assert names == list(verdicts)
+    done = {test.name: test for test in together.run([str(program)], names, limit=60)}
+    assert {name: test.verdict for name, test in done.items()} == verdicts
+    assert done["Few/Numbers.AreSmall/1"].said == "t.cpp:3: Failure\nExpected: (GetParam()) < (3), actual: 5 vs 3\n"
+    assert done["Few/Numbers.AreSmall/1"].seconds == 0.017
+
+
 def test_what_ctest_has_run_as_one_is_counted_by_its_tests(tmp_path: pathlib.Path) -> None:
     (tmp_path / "ctest.xml").write_text(
         '<testsuite><testcase name="some-tests.1"/><testcase name="Other.Test"/></testsuite>'

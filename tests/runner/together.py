@@ -29,6 +29,7 @@ BEGINS = re.compile(r"\[ RUN      \] (\S+)$")
 ENDS = re.compile(r"\[ +(OK|FAILED|SKIPPED) +\] (\S+?)(?:, where .*)? \((\d+) ms\)$")
 Clock = Callable[[], float]  # in seconds
 VERDICTS = {"OK": "passed", "FAILED": "failed", "SKIPPED": "skipped"}
+DISABLED = re.compile("(^|/)DISABLED_")
 NOT_IN_XML = re.compile("[^\t\n\r\x20-\ud7ff\ue000-\ufffd]")
 
 
@@ -97,7 +98,7 @@ def names(command: list[str]) -> list[str]:
         word = line.split("#")[0].strip()
         if not line.startswith(" "):
             suite = word
-        elif word and "DISABLED_" not in suite + word:
+        elif word and not DISABLED.search(suite) and not DISABLED.search(word):
             found.append(suite + word)
     return found
 
