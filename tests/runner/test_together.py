@@ -132,6 +132,13 @@ def test_a_program_that_cannot_be_started_fails_with_all_its_tests() -> None:
     assert [test.verdict for test in tests] == ["failed"] * 3
 
 
+def test_a_program_that_runs_other_tests_than_it_should_fails(tmp_path: pathlib.Path) -> None:
+    said = ["[ RUN      ] A.One", "[       OK ] A.One (0 ms)", "[ RUN      ] A.Two"]
+    (tmp_path / "said").write_text("\n".join(said) + "\n")
+    tests = together.run(["sh", "-c", f"cat {tmp_path}/said"], ["A.Two", "A.Three"], limit=60)
+    assert [(test.name, test.verdict) for test in tests] == [("A.Two", "failed"), ("A.Three", "failed")]
+
+
 def start(tmp_path: pathlib.Path, run: Run) -> subprocess.CompletedProcess[str]:
     command = [together.__file__, "--limit", "60", "--part", "1/1", str(tmp_path / "some-tests")]
     return subprocess.run(command, capture_output=True, text=True)
