@@ -16,7 +16,11 @@ class NotInTime(AssertionError):
 
 def comes_within(seconds: float, condition: Callable[[], object], pause: float = 0.02) -> bool:
     """Whether `condition()` comes true before the time is over."""
-    deadline = time.monotonic() + seconds
+    return comes_by(time.monotonic() + seconds, condition, pause)
+
+
+def comes_by(deadline: float, condition: Callable[[], object], pause: float = 0.02) -> bool:
+    """Whether `condition()` comes true before `time.monotonic()` says so much."""
     while not condition():
         if time.monotonic() >= deadline:
             return False

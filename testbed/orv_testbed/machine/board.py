@@ -6,6 +6,7 @@ import pathlib
 import shutil
 import signal
 import subprocess
+import time
 
 from orv_testbed import watch
 from orv_testbed.box_processes import PYTHON, BoxProcesses
@@ -16,7 +17,7 @@ from orv_testbed.layout import CELLULAR, ETHERNET, SIDES, BoxError, Layout, Side
 from orv_testbed.machine import agent
 from orv_testbed.networks import Networks
 from orv_testbed.programs import TREE
-from orv_testbed.waiting import comes_within
+from orv_testbed.waiting import comes_by, comes_within
 
 CERTIFICATES = "/etc/ssl/certs"
 BUNDLE = "ca-certificates.crt"
@@ -25,7 +26,7 @@ SERVICES = ("/usr/bin/python3", "/opt/testbed/services.py")
 CONNECT_CELLULAR = ("sh", "/opt/testbed/connect-cellular")
 # As the user that may read the LEDs; see machine/set-up.
 STATUS = ("orv-status", "--user", "orv-diagnostics", "--password-file", "/dev/stdin")
-BOOT = 1200  # seconds that it may take on a busy host
+BOOT = 1800  # seconds that it may take on a busy host until both services are there; less than a box's word may take
 DIAGNOSTICS_PASSWORD = "for-diagnostics"
 SET_BEARER = ("dbus-send", "--system", "--print-reply=literal", "--dest=org.ofono", "/modem", "box.Control.Bearer")
 # Those that a machine carries out in its own way; what it cannot, it says.
@@ -104,14 +105,15 @@ class Board:
 
     def wait(self) -> None:
         """The guest agent comes up with the system; the services may still be starting."""
-        if not comes_within(BOOT, lambda: not self._is_on() or self._does("true")) or not self._is_on():
+        deadline = time.monotonic() + BOOT
+        if not comes_by(deadline, lambda: not self._is_on() or self._does("true")) or not self._is_on():
             console = (self.folder / "console").read_text(encoding="utf-8", errors="replace").splitlines()
             raise BoxError("the machine does not come up; its console: " + "\n".join(console[-20:]))
         # As on the box, the cellular service is connected once; from then on ConnMan does it by itself.
-        if not comes_within(BOOT, lambda: self._does(*CONNECT_CELLULAR)):
+        if not comes_by(deadline, lambda: self._does(*CONNECT_CELLULAR)):
             raise BoxError("the machine's ConnMan does not connect its cellular service")
         with_ipv6 = [side for side in SIDES.values() if "6" in self._networks.families.at(side)]
-        if not comes_within(BOOT, lambda: all(map(self._has_ipv6, with_ipv6)), pause=1):
+        if not comes_by(deadline, lambda: all(map(self._has_ipv6, with_ipv6)), pause=1):
             raise BoxError(f"the machine gets no IPv6, see {self._layout.command} services")
 
     def _has_ipv6(self, side: Side) -> bool:
