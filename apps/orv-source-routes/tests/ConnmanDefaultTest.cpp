@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <poll.h>
 #include <stdexcept>
@@ -22,15 +23,36 @@ using OrvTest::ScriptedBus;
 // A question comes within the bus's 20 s of patience, or the test fails: well before the look of each minute.
 class ConnmansDefault : public testing::Test {
 protected:
+    using Servers = std::map<std::string, std::vector<std::string>>;
+
     /// True once the interface is the one; false when it is not in good time.
     bool Becomes(const std::string& interface) {
-        while (connman.View().defaultInterface != interface) {
+        return Eventually([&] { return connman.View().defaultInterface == interface; });
+    }
+    bool Eventually(const std::function<bool()>& isSo) {
+        while (!isSo()) {
             pollfd news{connman.Descriptor(), POLLIN, 0};
             if (poll(&news, 1, 20'000) != 1)
                 return false;
             connman.TakeChanged();
         }
         return true;
+    }
+    ScriptedBus::Message NameServersChanged(const std::string& interface, const char* server) {
+        ScriptedBus::Message message =
+            bus.Signal(bus.MANAGER, bus.PathOf(interface), "net.connman.Service", "PropertyChanged");
+        DBusMessageIter arguments;
+        DBusMessageIter variant;
+        DBusMessageIter list;
+        const char* name = "Nameservers";
+        dbus_message_iter_init_append(message.get(), &arguments);
+        dbus_message_iter_append_basic(&arguments, DBUS_TYPE_STRING, &name);
+        dbus_message_iter_open_container(&arguments, DBUS_TYPE_VARIANT, "as", &variant);
+        dbus_message_iter_open_container(&variant, DBUS_TYPE_ARRAY, "s", &list);
+        dbus_message_iter_append_basic(&list, DBUS_TYPE_STRING, &server);
+        dbus_message_iter_close_container(&variant, &list);
+        dbus_message_iter_close_container(&arguments, &variant);
+        return message;
     }
     ScriptedBus::Message KnowsWhoConnmanIs() {
         bus.Send(bus.Return(bus.Expect("GetNameOwner"), bus.DRIVER, bus.MANAGER));
@@ -60,13 +82,20 @@ TEST_F(ConnmansDefault, IsTheFirstServicesInterface) {
 TEST_F(ConnmansDefault, ComesWithTheNameServersOfTheConnectedServices) {
     bus.SetUpWith({{"eth0", "ready", "2001:db8:21::53"}, {"wwan0", "idle"}});
     ASSERT_TRUE(Becomes("eth0"));
-    using Servers = std::map<std::string, std::vector<std::string>>;
     EXPECT_EQ(connman.View().nameServers, (Servers{{"eth0", {"2001:db8:21::53"}}}));
     bus.Send(bus.Reordered(bus.MANAGER, {{"wwan0", ""}, {"eth0", ""}}));
     bus.Send(
         bus.Services(KnowsWhoConnmanIs(), {{"wwan0", "online", "2001:db8:22::53"}, {"eth0", "ready", "10.21.0.53"}}));
     ASSERT_TRUE(Becomes("wwan0"));
     EXPECT_EQ(connman.View().nameServers, (Servers{{"eth0", {"10.21.0.53"}}, {"wwan0", {"2001:db8:22::53"}}}));
+}
+
+TEST_F(ConnmansDefault, ComesWithTheNameServersThatAServiceHasGotSince) {
+    bus.SetUpWith({{"eth0", "ready", "2001:db8:21::53"}});
+    ASSERT_TRUE(Becomes("eth0"));
+    bus.Send(NameServersChanged("eth0", "2001:db8:22::53"));
+    bus.Send(bus.Services(KnowsWhoConnmanIs(), {{"eth0", "ready", "2001:db8:22::53"}}));
+    EXPECT_TRUE(Eventually([&] { return connman.View().nameServers == Servers{{"eth0", {"2001:db8:22::53"}}}; }));
 }
 
 TEST_F(ConnmansDefault, IsAskedForAgainSoonAfterAnError) {

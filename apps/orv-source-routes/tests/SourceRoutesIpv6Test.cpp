@@ -218,6 +218,52 @@ TEST_F(ANetworkWithTwoIpv6Providers, SaysOnceWhoseRouteStandsInTheWayOfTheDefaul
     EXPECT_EQ(log.LinesWith("cannot"), 1);
 }
 
+/// With a name server that ConnMan lists for Cellular, beyond Cellular's own link; the default is Ethernet's.
+class ANameServerOfTheOtherIpv6Provider : public ANetworkWithTwoIpv6Providers {
+protected:
+    ANameServerOfTheOtherIpv6Provider() {
+        connman.defaultInterface = "eth0";
+        connman.nameServers = {{"wwan0", {SERVER}}};
+    }
+    static std::string RouteToIt() { return Output("ip -6 route show " + std::string(SERVER)); }
+    /// What is logged meanwhile.
+    std::string Refresh() {
+        testing::internal::CaptureStderr();
+        EXPECT_TRUE(keeper.Refresh(connman)) << "no other attempt is needed";
+        return testing::internal::GetCapturedStderr();
+    }
+
+    static constexpr const char* SERVER = "2001:db8:22::53";
+    ConnmanView connman;
+    RouteKeeper keeper{{{"eth0", 1011}, {"wwan0", 1012}}};
+};
+
+TEST_F(ANameServerOfTheOtherIpv6Provider, HasARouteUntilTheConnectionManagerListsItNoMore) {
+    BothAdvertise();
+    Refresh();
+    const std::string route = RouteToIt();
+    EXPECT_NE(route.find("dev wwan0 proto 111"), std::string::npos) << route;
+    connman.nameServers.clear();
+    Refresh();
+    EXPECT_EQ(RouteToIt(), "");
+    EXPECT_TRUE(BothBoundGoThere());
+    EXPECT_TRUE(keeper.Withdraw());
+}
+
+TEST_F(ANameServerOfTheOtherIpv6Provider, IsLeftToTheRouteOfAnotherProgramWithoutAWord) {
+    BothAdvertise();
+    ASSERT_TRUE(Ip("-6 route add " + std::string(SERVER) + " via fe80::7 dev wwan0 metric 100 proto static"));
+    const std::string others = RouteToIt();
+    for (int times = 0; times < 2; ++times) {
+        const std::string log = Refresh();
+        EXPECT_EQ(log.find("cannot"), std::string::npos) << log;
+        EXPECT_EQ(RouteToIt(), others);
+    }
+    EXPECT_TRUE(BothBoundGoThere());
+    EXPECT_TRUE(keeper.Withdraw());
+    EXPECT_EQ(RouteToIt(), others);
+}
+
 TEST_F(ANetworkWithTwoIpv6Providers, LeavesIpv6OutWhereTheKernelHasNoRulesForIt) {
     ASSERT_TRUE(Ip("addr add 10.11.0.179/24 dev eth0") && Ip("route add default via 10.11.0.1"));
     BothAdvertise();
