@@ -12,7 +12,7 @@ import together
 
 # Speaks as a GoogleTest program does. What a test does is in its name.
 PROGRAM = r"""#!/usr/bin/python3 -B
-import os, signal, sys, time
+import os, resource, signal, subprocess, sys, time
 given = sys.argv[1]
 if os.environ.get("TEST_WITHOUT_SURROUNDINGS"):
     print("not run: no namespaces")
@@ -31,6 +31,10 @@ for name in names:
     while "Hang" in name:
         print(end="*", file=open(os.environ["TEST_CLOCK"], "a"))
         time.sleep(0.01)
+    if "Disk" in name:
+        resource.setrlimit(resource.RLIMIT_FSIZE, (0, resource.RLIM_INFINITY))
+    if "Daemon" in name:
+        subprocess.Popen([os.environ["TEST_DAEMON"]], start_new_session=True)
     if "Leave" in name:
         sys.exit(0)
     if "Fail" in name:
@@ -112,6 +116,32 @@ def test_each_test_has_the_limit_for_itself() -> None:
 
 def test_a_failure_is_one_failure(run: Run) -> None:
     assert run("One", "Fails", "Two") == {"A.One": "passed", "A.Fails": "failed", "A.Two": "passed"}
+
+
+def test_a_test_may_limit_how_large_files_become(run: Run) -> None:
+    assert run("One", "FullDisk") == {"A.One": "passed", "A.FullDisk": "passed"}
+
+
+def test_what_a_test_leaves_behind_is_not_waited_for(
+    run: Run, tmp_path: pathlib.Path, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    daemon, told, waited = tmp_path / "daemon", tmp_path / "told", tmp_path / "waited"
+    daemon.write_text(f"#!/bin/sh\nfor i in $(seq 6000); do [ ! -e {told} ] || exit; sleep 0.1; done\n: >{waited}\n")
+    daemon.chmod(0o755)
+    monkeypatch.setenv("TEST_DAEMON", str(daemon))
+    try:
+        assert run("Daemon", "Two") == {"A.Daemon": "passed", "A.Two": "passed"}
+        assert not waited.exists()
+    finally:
+        told.touch()
+
+
+def test_all_that_a_test_says_is_kept(tmp_path: pathlib.Path) -> None:
+    much = "x" + 200000 * "é"  # no part of the pipe's size ends with a whole letter
+    said = f"[ RUN      ] A.One\n{much}\n[  FAILED  ] A.One (0 ms)\nnot half a line"
+    (tmp_path / "said").write_text(said, encoding="utf-8")
+    tests = together.run(["sh", "-c", f"cat {tmp_path}/said; exit 1"], ["A.One"], limit=60)
+    assert [(test.verdict, test.said == much + "\n") for test in tests] == [("failed", True)]
 
 
 def test_a_program_that_fails_after_its_tests_is_a_failure(run: Run) -> None:

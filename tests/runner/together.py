@@ -15,16 +15,16 @@ import dataclasses
 import os
 import pathlib
 import re
+import select
 import signal
 import subprocess
 import sys
-import tempfile
 import time
 import xml.etree.ElementTree as ElementTree
 from collections.abc import Callable
-from typing import IO
 
 POLL = 0.5  # seconds
+PIPE = 65536  # bytes that one holds at most
 BEGINS = re.compile(r"\[ RUN      \] (\S+)$")
 ENDS = re.compile(r"\[ +(OK|FAILED|SKIPPED) +\] (\S+?)(?:, where .*)? \((\d+) ms\)$")
 Clock = Callable[[], float]  # in seconds
@@ -110,33 +110,38 @@ def told(status: int) -> str:
 class Process:
     """The program under way with some of its tests."""
 
-    def __init__(self, command: list[str], tests: list[str], log: IO[str], clock: Clock) -> None:
+    def __init__(self, command: list[str], tests: list[str], clock: Clock) -> None:
         # The first report ends the process: so it is known which test it belongs to.
         options = ":".join(filter(None, [os.environ.get("TSAN_OPTIONS"), "halt_on_error=1"]))
-        self.log = log
-        with open(log.name, "ab") as output:
-            self.process = subprocess.Popen(
-                [*command, "--gtest_filter=" + ":".join(tests)],
-                stdin=subprocess.DEVNULL,
-                stdout=output,
-                stderr=subprocess.STDOUT,
-                env={**os.environ, "TSAN_OPTIONS": options},
-                process_group=0,
-            )
+        # A pipe, for a test may limit how large its process's files become.
+        self.output, output = os.pipe()
+        os.set_blocking(self.output, False)
+        self.process = subprocess.Popen(
+            [*command, "--gtest_filter=" + ":".join(tests)],
+            stdin=subprocess.DEVNULL,
+            stdout=output,
+            stderr=subprocess.STDOUT,
+            env={**os.environ, "TSAN_OPTIONS": options},
+            process_group=0,
+        )
+        os.close(output)
+        self.ended = os.pidfd_open(self.process.pid)
         self.course = Course(clock)
-        self.line = ""
+        self.line = b""
 
     def follow(self, limit: float) -> str:
         """Until the process has ended; how it did."""
         too_long = False
+        waited_for = [self.ended, self.output]
         while True:
-            with contextlib.suppress(subprocess.TimeoutExpired):
-                status = self.process.wait(POLL)
-                self._read()
-                self.course.take(self.line)
+            select.select(waited_for, [], [], POLL)
+            status = self.process.poll()
+            if not self._read():  # nobody writes any more
+                waited_for = [self.ended]
+            if status is not None:
+                self.course.take(self.line.decode(errors="replace"))
                 return f"took longer than {limit:.0f} s" if too_long else told(status)
-            self._read()
-            too_long = self.course.seconds > limit
+            too_long = too_long or self.course.seconds > limit
             if too_long:
                 self.kill()
 
@@ -144,22 +149,33 @@ class Process:
         with contextlib.suppress(ProcessLookupError):
             os.killpg(self.process.pid, signal.SIGKILL)
 
-    def _read(self) -> None:
-        *lines, self.line = (self.line + self.log.read()).split("\n")
+    def close(self) -> None:
+        """Ends what the tests have left behind, too."""
+        self.kill()
+        os.close(self.output)
+        os.close(self.ended)
+
+    def _read(self) -> bool:
+        """What has been written until now. Not when all writers are gone: a test may leave one behind."""
+        try:
+            said = os.read(self.output, PIPE)
+        except BlockingIOError:
+            return True
+        *lines, self.line = (self.line + said).split(b"\n")
         for line in lines:
-            self.course.take(line)
+            self.course.take(line.decode(errors="replace"))
+        return said != b""
 
 
 def run(command: list[str], tests: list[str], limit: float, clock: Clock = time.monotonic) -> list[Test]:
     """In as many processes as it takes."""
     done: list[Test] = []
     while rest := [name for name in tests if name not in {test.name for test in done}]:
-        with tempfile.NamedTemporaryFile("r", errors="replace") as log:
-            process = Process(command, rest, log, clock)
-            try:
-                end = process.follow(limit)
-            finally:
-                process.kill()  # what the tests have left behind, too
+        process = Process(command, rest, clock)
+        try:
+            end = process.follow(limit)
+        finally:
+            process.close()
         course = process.course
         asked_for = [test for test in course.tests if test.name in rest]
         if course.running:
