@@ -198,7 +198,7 @@ protected:
 TEST_F(AStatusOfItsOwn, HasTheCloudItsPathAndSinceWhen) {
     StartConnectedApp();
     EXPECT_TRUE(StatusEventuallyHas("\"cloud\":{\"state\":\"connected\",\"path\":\"ethernet\",\"interface\":\"eth0\","
-                                    "\"source\":\"10.11.0.2\""));
+                                    "\"family\":\"IPv4\",\"source\":\"10.11.0.2\""));
     EXPECT_TRUE(StatusEventuallyHas("\"reason\":\"connected over eth0\""));
     EXPECT_TRUE(StatusHas("\"running\":true") && StatusHas("\"session_ready\":true"));
     EXPECT_TRUE(StatusHas("\"route\":{\"path\":\"ethernet\""));
