@@ -94,6 +94,8 @@ def test_prefixes_that_are_renumbered_during_a_fail_over_are_used_at_once(scene:
     moved = scene.application.wait_for("poke success, route to Cell", 20, before)
     scene.settles("wwan0", 10)
     assert source_of_the_cloud_connection(scene) == "2001:db8:12:2"
+    # Until the new prefix is there the kernel prefers Cellular's address to the deprecated one.
+    scene.addresses_lent = True
     scene.box("ipv6", "eth", "renumber")
     scene.box("provider", "eth", "back")
     scene.application.wait_for("cell to eth delay done", 30, moved)
