@@ -25,6 +25,7 @@ CONNMAN_AWAY = (
 )
 MODEM_RESET = (
     "cannot put wwan0 on top now",
+    "cannot set name servers of wwan0 now",
     "poke error 7",
     "poke error 45",
     "poke error 6",
