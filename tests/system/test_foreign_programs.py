@@ -49,4 +49,4 @@ def test_a_status_file_that_another_client_has_written_is_put_right(scene: Scene
             '"Enterprise Feature","Disabled"\n"Cloud Connection","Down"\n"Ethernet","Down"\n"Cellular","Down"',
             encoding="utf-8",
         )
-        wait_until(lambda: scene.box.status_file() == statuses, 1, "the status file put right")
+        wait_until(lambda: scene.box.status_file() == statuses, 1 + SLACK, "the status file put right")

@@ -257,6 +257,7 @@ def test_a_var_tmp_that_takes_nothing_costs_the_files_and_no_more(scene: Scene, 
         SLACK,
         "the loss of the link",
     )
+    scene.application.wait_for("does not hold what was written", 10)
     scene.box("var-tmp", "ok")
     # No further event tells the file.
     wait_until(lambda: scene.box.status_file().get("Ethernet") == "Down", 30 + SLACK, "the link in the status file")

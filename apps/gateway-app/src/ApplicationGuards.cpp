@@ -105,7 +105,7 @@ void Application::WatchCsv() {
 
 void Application::RepairCsv() {
     if (csvWatch->VainWrites() > 0) {
-        if (csvWatch->VainWrites() == 1)
+        if (csvWatch->VainWrites() == 2) // the first may have been overtaken by another program's
             logger.Warning() << STATUS_CSV
                              << " does not hold what was written: its folder is full or read-only, or the "
                              << "file belongs to another user (df, ls -l); it is tried again";
