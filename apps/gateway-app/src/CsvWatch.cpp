@@ -111,10 +111,12 @@ bool CsvWatch::WatchFolder() {
 
 void CsvWatch::WatchAnotherFolder() {
     inotify_rm_watch(notifications.Number(), watched); // it stays with a folder that was renamed
-    if (!WatchFolder())
-        logger.Warning() << "what other programs write into " << file
-                         << " is not noticed any more: its folder cannot be watched: "
-                         << std::generic_category().message(errno) << "; it is tried again";
+    if (WatchFolder())
+        return;
+    const int error = errno;
+    logger.Warning() << "what other programs write into " << file
+                     << " is not noticed any more: its folder cannot be watched: "
+                     << std::generic_category().message(error) << "; it is tried again";
 }
 
 void CsvWatch::SetActive(bool isActive) {
