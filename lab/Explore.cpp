@@ -30,7 +30,11 @@ namespace {
 using OrvLab::Simulation;
 using Clock = std::chrono::steady_clock;
 
+#ifdef ORV_LAB_THREAD_SANITIZER
+constexpr std::uint64_t BATCH = 100;
+#else
 constexpr std::uint64_t BATCH = 500;
+#endif
 // A seed takes a millisecond or two; this is for a machine that is busy with other things.
 constexpr std::chrono::seconds HANGS{120};
 

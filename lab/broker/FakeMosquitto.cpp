@@ -58,7 +58,7 @@ int End(mosquitto* client, int error, int systemError = 0) {
     CloseSocket(client);
     errno = systemError;
     if (client->onDisconnect != nullptr)
-        client->onDisconnect(client, client->user, client->isDisconnecting ? 0 : error);
+        OrvLab::Watch([&] { client->onDisconnect(client, client->user, client->isDisconnecting ? 0 : error); });
     return error;
 }
 
@@ -85,7 +85,7 @@ int Open(mosquitto* client) {
 
 int OnConnack(mosquitto* client, int code) {
     if (client->onConnect != nullptr)
-        client->onConnect(client, client->user, code);
+        OrvLab::Watch([&] { client->onConnect(client, client->user, code); });
     if (code != 0)
         return code <= 5 ? MOSQ_ERR_CONN_REFUSED : MOSQ_ERR_PROTOCOL;
     if (!client->isActive)
@@ -109,7 +109,7 @@ void OnMessage(mosquitto* client, const Packet& packet) {
     std::string payload = packet.payload;
     mosquitto_message message{packet.id,  topic.data(),   payload.data(), static_cast<int>(payload.size()),
                               packet.qos, packet.retained};
-    client->onMessage(client, client->user, &message);
+    OrvLab::Watch([&] { client->onMessage(client, client->user, &message); });
 }
 
 int Handle(mosquitto* client, const Packet& packet) {
@@ -125,11 +125,11 @@ int Handle(mosquitto* client, const Packet& packet) {
         if (found == client->unacknowledged.end())
             return MOSQ_ERR_SUCCESS;
         client->unacknowledged.erase(found);
-        client->onPublish(client, client->user, packet.id);
+        OrvLab::Watch([&] { client->onPublish(client, client->user, packet.id); });
         return MOSQ_ERR_SUCCESS;
     }
     case Packet::Type::SUBACK:
-        client->onSubscribe(client, client->user, packet.id, 1, &packet.code);
+        OrvLab::Watch([&] { client->onSubscribe(client, client->user, packet.id, 1, &packet.code); });
         return MOSQ_ERR_SUCCESS;
     case Packet::Type::PINGRESP:
         client->pinged = 0;
@@ -151,10 +151,12 @@ int NextId(mosquitto* client) {
 extern "C" {
 
 int mosquitto_lib_init() {
+    const OrvLab::Unwatched unwatched;
     return MOSQ_ERR_SUCCESS;
 }
 
 mosquitto* mosquitto_new(const char* id, bool /*clean*/, void* user) {
+    const OrvLab::Unwatched unwatched;
     Simulation::Current()->Step("mosquitto_new");
     auto* client = new mosquitto;
     client->id = id;
@@ -165,6 +167,7 @@ mosquitto* mosquitto_new(const char* id, bool /*clean*/, void* user) {
 }
 
 void mosquitto_destroy(mosquitto* client) {
+    const OrvLab::Unwatched unwatched;
     {
         const Use use(client, "mosquitto_destroy");
         Wire::Living().erase(client);
@@ -174,51 +177,64 @@ void mosquitto_destroy(mosquitto* client) {
 }
 
 void mosquitto_connect_callback_set(mosquitto* client, void (*callback)(mosquitto*, void*, int)) {
+    const OrvLab::Unwatched unwatched;
     client->onConnect = callback;
 }
 void mosquitto_disconnect_callback_set(mosquitto* client, void (*callback)(mosquitto*, void*, int)) {
+    const OrvLab::Unwatched unwatched;
     client->onDisconnect = callback;
 }
 void mosquitto_message_callback_set(mosquitto* client, void (*callback)(mosquitto*, void*, const mosquitto_message*)) {
+    const OrvLab::Unwatched unwatched;
     client->onMessage = callback;
 }
 void mosquitto_publish_callback_set(mosquitto* client, void (*callback)(mosquitto*, void*, int)) {
+    const OrvLab::Unwatched unwatched;
     client->onPublish = callback;
 }
 void mosquitto_subscribe_callback_set(mosquitto* client, void (*callback)(mosquitto*, void*, int, int, const int*)) {
+    const OrvLab::Unwatched unwatched;
     client->onSubscribe = callback;
 }
 
 int mosquitto_threaded_set(mosquitto* /*client*/, bool /*threaded*/) {
+    const OrvLab::Unwatched unwatched;
     return MOSQ_ERR_SUCCESS;
 }
 int mosquitto_max_inflight_messages_set(mosquitto* /*client*/, unsigned /*most*/) {
+    const OrvLab::Unwatched unwatched;
     return MOSQ_ERR_SUCCESS;
 }
 int mosquitto_int_option(mosquitto* /*client*/, mosq_opt_t /*option*/, int /*value*/) {
+    const OrvLab::Unwatched unwatched;
     return MOSQ_ERR_SUCCESS;
 }
 int mosquitto_username_pw_set(mosquitto* /*client*/, const char* /*name*/, const char* /*password*/) {
+    const OrvLab::Unwatched unwatched;
     return MOSQ_ERR_SUCCESS;
 }
 
 int mosquitto_will_set(mosquitto* client, const char* topic, int size, const void* payload, int /*qos*/, bool retain) {
+    const OrvLab::Unwatched unwatched;
     client->will = {topic, std::string(static_cast<const char*>(payload), static_cast<std::size_t>(size)), retain};
     return MOSQ_ERR_SUCCESS;
 }
 
 int mosquitto_connect_async(mosquitto* client, const char* /*host*/, int /*port*/, int keepAlive) {
+    const OrvLab::Unwatched unwatched;
     const Use use(client, "mosquitto_connect_async");
     client->keepAlive = keepAlive * OrvLab::SECOND;
     return Open(client);
 }
 
 int mosquitto_reconnect_async(mosquitto* client) {
+    const OrvLab::Unwatched unwatched;
     const Use use(client, "mosquitto_reconnect_async");
     return Open(client);
 }
 
 int mosquitto_disconnect(mosquitto* client) {
+    const OrvLab::Unwatched unwatched;
     const Use use(client, "mosquitto_disconnect");
     client->isDisconnecting = true;
     if (client->socket < 0)
@@ -230,16 +246,19 @@ int mosquitto_disconnect(mosquitto* client) {
 }
 
 int mosquitto_socket(mosquitto* client) {
+    const OrvLab::Unwatched unwatched;
     const Use use(client, "mosquitto_socket");
     return client->socket;
 }
 
 bool mosquitto_want_write(mosquitto* client) {
+    const OrvLab::Unwatched unwatched;
     const Use use(client, "mosquitto_want_write");
     return !client->out.empty();
 }
 
 int mosquitto_loop_read(mosquitto* client, int /*packets*/) {
+    const OrvLab::Unwatched unwatched;
     const Use use(client, "mosquitto_loop_read");
     if (client->socket < 0)
         return MOSQ_ERR_NO_CONN;
@@ -255,6 +274,7 @@ int mosquitto_loop_read(mosquitto* client, int /*packets*/) {
 }
 
 int mosquitto_loop_write(mosquitto* client, int /*packets*/) {
+    const OrvLab::Unwatched unwatched;
     const Use use(client, "mosquitto_loop_write");
     if (client->socket < 0)
         return MOSQ_ERR_NO_CONN;
@@ -268,7 +288,7 @@ int mosquitto_loop_write(mosquitto* client, int /*packets*/) {
         client->connection->toBroker.push_back(packet);
         client->lastOut = Now();
         if (packet.type == Packet::Type::PUBLISH && packet.qos == 0)
-            client->onPublish(client, client->user, packet.id);
+            OrvLab::Watch([&] { client->onPublish(client, client->user, packet.id); });
         if (packet.type == Packet::Type::DISCONNECT) {
             End(client, MOSQ_ERR_SUCCESS);
             return MOSQ_ERR_SUCCESS;
@@ -278,6 +298,7 @@ int mosquitto_loop_write(mosquitto* client, int /*packets*/) {
 }
 
 int mosquitto_loop_misc(mosquitto* client) {
+    const OrvLab::Unwatched unwatched;
     const Use use(client, "mosquitto_loop_misc");
     if (client->socket < 0)
         return MOSQ_ERR_NO_CONN;
@@ -295,6 +316,7 @@ int mosquitto_loop_misc(mosquitto* client) {
 }
 
 int mosquitto_subscribe(mosquitto* client, int* id, const char* filter, int qos) {
+    const OrvLab::Unwatched unwatched;
     const Use use(client, "mosquitto_subscribe");
     if (qos < 0 || qos > 2)
         return MOSQ_ERR_INVAL;
@@ -311,6 +333,7 @@ int mosquitto_subscribe(mosquitto* client, int* id, const char* filter, int qos)
 
 int mosquitto_publish(mosquitto* client, int* id, const char* topic, int size, const void* payload, int qos,
                       bool retain) {
+    const OrvLab::Unwatched unwatched;
     const Use use(client, "mosquitto_publish");
     Packet packet;
     packet.type = Packet::Type::PUBLISH;

@@ -33,6 +33,7 @@ LabClient::LabClient(Program& where, Model& story)
     : QueueOwner(story.name), program(where), model(story), canary(new int(story.number)) {}
 
 LabClient::~LabClient() {
+    const Unwatched unwatched;
     StopAsked();
     canary.reset();
     model.Destroyed();
@@ -43,7 +44,7 @@ bool LabClient::ConnectAsked(bool withWill) {
     const std::string willTopic = withWill ? "w" + std::to_string(model.number) : std::string();
     const WatchedCall call(program, model, "Connect", LIMIT, false);
     model.BeginConnect(willTopic);
-    const bool connected = withWill ? Connect(willTopic, "will", true) : Connect();
+    const bool connected = Watch([&] { return withWill ? Connect(willTopic, "will", true) : Connect(); });
     model.EndConnect(connected);
     if (!connected && model.Session() != 0 && Wire::ClientsOf(model.name) != 0)
         program.sim.Fail(model.name + ": Connect returns false and leaves a client");
@@ -53,7 +54,7 @@ bool LabClient::ConnectAsked(bool withWill) {
 bool LabClient::DisconnectAsked() {
     const WatchedCall call(program, model, "Disconnect", SECOND, false);
     const int before = model.BeginDisconnect();
-    const bool was = Disconnect();
+    const bool was = Watch([&] { return Disconnect(); });
     model.EndDisconnect(before);
     if (model.Session() != 0 && Wire::ClientsOf(model.name) != 0)
         program.sim.Fail(model.name + ": Disconnect leaves a client");
@@ -63,7 +64,7 @@ bool LabClient::DisconnectAsked() {
 bool LabClient::SubscribeAsked(const std::string& filter, int qos) {
     const WatchedCall call(program, model, "Subscribe", 0, false);
     const std::size_t which = model.BeginSubscribe(filter, qos);
-    const bool made = Subscribe(filter, qos);
+    const bool made = Watch([&] { return Subscribe(filter, qos); });
     model.EndSubscribe(which, made);
     return made;
 }
@@ -71,8 +72,9 @@ bool LabClient::SubscribeAsked(const std::string& filter, int qos) {
 int LabClient::PublishAsked(const std::string& topic, const std::string& payload, bool retained, bool assured) {
     const WatchedCall call(program, model, "Publish", 0, false);
     const std::size_t which = model.BeginPublish(topic, payload, retained, assured);
-    const int status =
-        retained ? PublishRetainedMessage(topic, payload, assured) : PublishMessage(topic, payload, assured);
+    const int status = Watch([&] {
+        return retained ? PublishRetainedMessage(topic, payload, assured) : PublishMessage(topic, payload, assured);
+    });
     model.EndPublish(which, status);
     return status;
 }
@@ -80,12 +82,13 @@ int LabClient::PublishAsked(const std::string& topic, const std::string& payload
 void LabClient::StopAsked() {
     const WatchedCall call(program, model, "StopDelivery", 0, true);
     const int before = model.BeginStop();
-    StopDelivery();
+    Watch([&] { StopDelivery(); });
     model.EndStop(before);
 }
 
 template <typename Act>
 void LabClient::Callback(const char* which, Act act) {
+    const Unwatched unwatched;
     Program& where = program;
     Model& story = model; // the callback may destroy this
     story.BeginCallback(which);

@@ -133,7 +133,13 @@ void Program::Pause() {
 
 std::shared_ptr<LabClient> Program::Make() {
     models.push_back(std::make_unique<Model>(sim, static_cast<int>(models.size()) + 1));
-    return std::make_shared<LabClient>(*this, *models.back());
+    Model& model = *models.back();
+    auto* made = Watch([&] { return new LabClient(*this, model); });
+    Races::Release(made); // as whoever hands it to another thread must
+    return {made, [&model](LabClient* client) {
+                Races::Acquire(&model); // after all calls, as the last of those who shared it
+                Watch([&] { delete client; });
+            }};
 }
 
 // In a callback only on the client that was called, which is there until it returns. Elsewhere a share of it is held.
@@ -183,6 +189,8 @@ void Program::ThrowAtRandom() {
 }
 
 void Program::Act(LabClient& client, std::shared_ptr<LabClient>& slot, bool inCallback) {
+    const Model& model = client.Story();
+    Races::Acquire(&client);
     switch (random.Weighted({6, 3, 4, 14, 1, 2})) {
     case 0:
         client.ConnectAsked(random.OneIn(2));
@@ -206,6 +214,7 @@ void Program::Act(LabClient& client, std::shared_ptr<LabClient>& slot, bool inCa
             std::shared_ptr<LabClient>().swap(slot);
         break;
     }
+    Races::Release(&model);
 }
 
 void Program::SubscribeAtRandom(LabClient& client) {

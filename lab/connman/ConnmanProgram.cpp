@@ -78,7 +78,7 @@ ConnmanProgram::~ConnmanProgram() {
 }
 
 void ConnmanProgram::Run() {
-    client = std::make_unique<OrvPlatform::ConnmanClient>("the bus of the lab");
+    client = Watch([] { return std::make_unique<OrvPlatform::ConnmanClient>("the bus of the lab"); });
     threadsLeft = 1 + random.Between(1, 3);
     std::vector<Simulation::Thread*> threads;
     for (int number = 1; number < threadsLeft; ++number)
@@ -145,13 +145,15 @@ void ConnmanProgram::Act() {
         break;
     case 4: {
         const WatchedCall call(*this, "order of nonsense");
-        if (client->SetTopPriorityInterface("") || client->SetDnsConfiguration("eth0", {"no address"}))
+        if (Watch([&] {
+                return client->SetTopPriorityInterface("") || client->SetDnsConfiguration("eth0", {"no address"});
+            }))
             sim.Fail("takes an order that makes no sense");
         break;
     }
     default: {
         const WatchedCall call(*this, "TopPriorityInterface");
-        client->TopPriorityInterface();
+        Watch([&] { return client->TopPriorityInterface(); });
         break;
     }
     }
@@ -161,7 +163,7 @@ void ConnmanProgram::OrderTop(const std::string& interfaceName) {
     const WatchedCall call(*this, "SetTopPriorityInterface " + interfaceName);
     const std::size_t number = orders.size();
     orders.push_back({"", interfaceName, {}, sim.Now(), ++events, 0, false});
-    const bool done = client->SetTopPriorityInterface(interfaceName);
+    const bool done = Watch([&] { return client->SetTopPriorityInterface(interfaceName); });
     orders[number].accepted = done;
     orders[number].ended = ++events;
 }
@@ -170,7 +172,7 @@ void ConnmanProgram::OrderServers(const std::string& interfaceName, const Server
     const WatchedCall call(*this, "SetDnsConfiguration " + interfaceName);
     const std::size_t number = orders.size();
     orders.push_back({interfaceName, interfaceName, servers, sim.Now(), ++events, 0, false});
-    const bool done = client->SetDnsConfiguration(interfaceName, servers);
+    const bool done = Watch([&] { return client->SetDnsConfiguration(interfaceName, servers); });
     orders[number].accepted = done;
     orders[number].ended = ++events;
 }
@@ -249,7 +251,7 @@ void ConnmanProgram::CheckOrders() {
 }
 
 void ConnmanProgram::CheckPicture() {
-    const std::string told = client->TopPriorityInterface();
+    const std::string told = Watch([&] { return client->TopPriorityInterface(); });
     if (told != bus.Top())
         sim.Fail("on top is " + bus.Top() + ", it tells \"" + told + "\"");
 }
@@ -288,7 +290,7 @@ void ConnmanProgram::CheckRestart() {
     const std::string wanted = random.OneIn(2) ? bus.Top() : AnyInterface();
     bus.EndManager();
     sim.Sleep(SECOND);
-    const std::string told = client->TopPriorityInterface();
+    const std::string told = Watch([&] { return client->TopPriorityInterface(); });
     if (!told.empty())
         sim.Fail("without a connection manager " + told + " is said to be on top");
     OrderTop(wanted);
@@ -317,11 +319,11 @@ void ConnmanProgram::End() {
     sim.DisableStalls();
     {
         const WatchedCall call(*this, "Stop", FOR_STOP);
-        client->Stop();
+        Watch([&] { client->Stop(); });
     }
     if (client->SetTopPriorityInterface("eth0") || !client->TopPriorityInterface().empty())
         sim.Fail("takes an order after its end");
-    client.reset();
+    Watch([&] { client.reset(); });
     LabLog::longestStall = 0;
     sim.Sleep(SETTLED); // a thread that could not be waited for
     if (sim.ThreadsAlive() != 1)

@@ -60,7 +60,7 @@ void Disconnect(DBusConnection& connection) {
     connection.wire->clientGone = true;
     if (connection.remove != nullptr)
         for (DBusWatch* watch : {&connection.reading, &connection.writing})
-            connection.remove(watch, connection.user);
+            Watch([&] { connection.remove(watch, connection.user); });
     close(std::exchange(connection.socket, -1));
 }
 
@@ -99,6 +99,7 @@ void dbus_connection_set_change_sigpipe(dbus_bool_t /*change*/) {}
 void dbus_connection_set_exit_on_disconnect(DBusConnection* /*connection*/, dbus_bool_t /*exits*/) {}
 
 DBusConnection* dbus_connection_open_private(const char* /*address*/, DBusError* error) {
+    const OrvLab::Unwatched unwatched;
     OrvLab::Enter("open the bus");
     if (const OrvLab::Time taking = FakeDbus::bus->ConnectingTakes())
         Simulation::Current()->Sleep(taking);
@@ -117,20 +118,24 @@ DBusConnection* dbus_connection_open_private(const char* /*address*/, DBusError*
 dbus_bool_t dbus_connection_set_watch_functions(DBusConnection* connection, DBusAddWatchFunction add,
                                                 DBusRemoveWatchFunction remove, DBusWatchToggledFunction /*toggled*/,
                                                 void* user, DBusFreeFunction /*free*/) {
+    const OrvLab::Unwatched unwatched;
     OrvLab::Enter("set watch functions");
     connection->remove = remove;
     connection->user = user;
     if (add == nullptr || !connection->isConnected)
         return TRUE;
-    return add(&connection->reading, user) && add(&connection->writing, user) ? TRUE : FALSE;
+    return OrvLab::Watch([&] { return add(&connection->reading, user) && add(&connection->writing, user); }) ? TRUE
+                                                                                                             : FALSE;
 }
 
 void dbus_connection_close(DBusConnection* connection) {
+    const OrvLab::Unwatched unwatched;
     OrvLab::Enter("close the bus");
     OrvLab::Disconnect(*connection);
 }
 
 void dbus_connection_unref(DBusConnection* connection) {
+    const OrvLab::Unwatched unwatched;
     OrvLab::Enter("release the bus");
     if (connection->isConnected)
         Simulation::Current()->Fail("releases a connection that is open");
@@ -139,6 +144,7 @@ void dbus_connection_unref(DBusConnection* connection) {
 }
 
 dbus_bool_t dbus_connection_send(DBusConnection* connection, DBusMessage* message, dbus_uint32_t* serial) {
+    const OrvLab::Unwatched unwatched;
     OrvLab::Enter("send");
     if (OrvLab::IsOrder(*message) && !connection->incoming.empty())
         Simulation::Current()->Fail("gives an order before it has heard what it has read");
@@ -153,6 +159,7 @@ dbus_bool_t dbus_connection_send(DBusConnection* connection, DBusMessage* messag
 }
 
 DBusMessage* dbus_connection_pop_message(DBusConnection* connection) {
+    const OrvLab::Unwatched unwatched;
     OrvLab::Enter("take a message");
     if (connection->incoming.empty() && !connection->isConnected && !std::exchange(connection->isTold, true))
         return dbus_message_new_signal(DBUS_PATH_LOCAL, DBUS_INTERFACE_LOCAL, "Disconnected");
@@ -164,10 +171,12 @@ DBusMessage* dbus_connection_pop_message(DBusConnection* connection) {
 }
 
 dbus_bool_t dbus_connection_get_is_connected(DBusConnection* connection) {
+    const OrvLab::Unwatched unwatched;
     return connection->isConnected ? TRUE : FALSE;
 }
 
 dbus_bool_t dbus_watch_get_enabled(DBusWatch* watch) {
+    const OrvLab::Unwatched unwatched;
     if (!watch->connection->incoming.empty())
         Simulation::Current()->Fail("waits for the bus before it has heard what it has read");
     const bool reads = (watch->flags & DBUS_WATCH_READABLE) != 0;
@@ -175,14 +184,17 @@ dbus_bool_t dbus_watch_get_enabled(DBusWatch* watch) {
 }
 
 unsigned dbus_watch_get_flags(DBusWatch* watch) {
+    const OrvLab::Unwatched unwatched;
     return watch->flags;
 }
 
 int dbus_watch_get_unix_fd(DBusWatch* watch) {
+    const OrvLab::Unwatched unwatched;
     return watch->connection->socket;
 }
 
 dbus_bool_t dbus_watch_handle(DBusWatch* watch, unsigned flags) {
+    const OrvLab::Unwatched unwatched;
     OrvLab::Enter("handle the socket");
     DBusConnection& connection = *watch->connection;
     if ((flags & DBUS_WATCH_READABLE) != 0)

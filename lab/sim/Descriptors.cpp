@@ -137,12 +137,14 @@ int __real_shutdown(int number, int how);
 ssize_t __real_recv(int number, void* buffer, std::size_t size, int flags);
 
 int __wrap_poll(pollfd* all, nfds_t count, int milliseconds) {
+    const OrvLab::Unwatched unwatched;
     Simulation* simulation = Simulation::Current();
     return simulation != nullptr ? OrvLab::Poll(*simulation, all, count, milliseconds)
                                  : __real_poll(all, count, milliseconds);
 }
 
 int __wrap_close(int number) {
+    const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(number))
         return __real_close(number);
     Simulation* simulation = Simulation::Current();
@@ -153,27 +155,37 @@ int __wrap_close(int number) {
 }
 
 int __wrap_eventfd(unsigned value, int flags) {
+    const OrvLab::Unwatched unwatched;
     if (Simulation::Current() == nullptr)
         return __real_eventfd(value, flags);
     return Descriptors::Of().Open(std::make_shared<OrvLab::EventCounter>());
 }
 
 int __wrap_eventfd_write(int number, eventfd_t value) {
+    const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(number))
         return __real_eventfd_write(number, value);
     Simulation::Current()->Step("wake");
-    dynamic_cast<OrvLab::EventCounter&>(OrvLab::Existing(number, "eventfd_write")).count += value;
+    auto& counter = dynamic_cast<OrvLab::EventCounter&>(OrvLab::Existing(number, "eventfd_write"));
+    OrvLab::Races::Release(&counter);
+    counter.count += value;
     return 0;
 }
 
 int __wrap_eventfd_read(int number, eventfd_t* value) {
+    const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(number))
         return __real_eventfd_read(number, value);
     Simulation::Current()->Step("clear wake-ups");
-    return OrvLab::Existing(number, "eventfd_read").Receive(value, sizeof *value) < 0 ? -1 : 0;
+    OrvLab::OpenFile& counter = OrvLab::Existing(number, "eventfd_read");
+    if (counter.Receive(value, sizeof *value) < 0)
+        return -1;
+    OrvLab::Races::Acquire(&counter);
+    return 0;
 }
 
 int __wrap_ioctl(int number, unsigned long request, void* argument) {
+    const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(number))
         return number < 0 && Simulation::Current() != nullptr ? -1 : __real_ioctl(number, request, argument);
     if (request == FIONREAD)
@@ -182,6 +194,7 @@ int __wrap_ioctl(int number, unsigned long request, void* argument) {
 }
 
 int __wrap_fcntl64(int number, int command, ...) {
+    const OrvLab::Unwatched unwatched;
     va_list arguments;
     va_start(arguments, command);
     const long argument = va_arg(arguments, long);
@@ -192,6 +205,7 @@ int __wrap_fcntl64(int number, int command, ...) {
 }
 
 int __wrap_shutdown(int number, int how) {
+    const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(number))
         return __real_shutdown(number, how);
     Simulation::Current()->Step("shutdown");
@@ -200,6 +214,7 @@ int __wrap_shutdown(int number, int how) {
 }
 
 ssize_t __wrap_recv(int number, void* buffer, std::size_t size, int flags) {
+    const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(number))
         return __real_recv(number, buffer, size, flags);
     Simulation::Current()->Step("recv");

@@ -23,6 +23,10 @@
 #include <sanitizer/common_interface_defs.h>
 #endif
 
+#ifdef ORV_LAB_THREAD_SANITIZER
+#include <sanitizer/tsan_interface.h>
+#endif
+
 #if defined(__x86_64__)
 // As swapcontext, without its two system calls, which would take most of the time, and without the signal mask.
 extern "C" void OrvLabSwap(void** from, void* to);
@@ -95,7 +99,11 @@ void Swap(ucontext_t& from, ucontext_t& to) {
 
 } // namespace
 
+#ifdef ORV_LAB_THREAD_SANITIZER
+Fiber::Fiber() : thread(__tsan_get_current_fiber()) {}
+#else
 Fiber::Fiber() = default;
+#endif
 
 #if defined(__x86_64__)
 void Fiber::Prepare() {
@@ -121,6 +129,9 @@ Fiber::Fiber(std::function<void()> main) : body(std::move(main)), stack(TakeStac
     stackBottom = static_cast<char*>(stack) + PAGE;
     stackSize = STACK - PAGE;
     Prepare();
+#ifdef ORV_LAB_THREAD_SANITIZER
+    thread = __tsan_create_fiber(0);
+#endif
 }
 
 Fiber::~Fiber() {
@@ -128,6 +139,9 @@ Fiber::~Fiber() {
         return;
 #ifdef ORV_LAB_ADDRESS_SANITIZER
     __asan_unpoison_memory_region(stackBottom, stackSize);
+#endif
+#ifdef ORV_LAB_THREAD_SANITIZER
+    __tsan_destroy_fiber(thread);
 #endif
     FreeStacks().push_back(stack);
 }
@@ -148,6 +162,12 @@ void Fiber::Leave(Fiber& next, bool forGood) {
 #ifdef ORV_LAB_ADDRESS_SANITIZER
     leaving = this;
     __sanitizer_start_switch_fiber(forGood ? nullptr : &fakeStack, next.stackBottom, next.stackSize);
+#elif defined(ORV_LAB_THREAD_SANITIZER)
+    watched = Races::watched;
+    if (forGood)
+        Races::Watch(true); // it wants no thread to end otherwise
+    Races::watched = next.watched;
+    __tsan_switch_to_fiber(next.thread, __tsan_switch_to_fiber_no_sync);
 #else
     static_cast<void>(forGood);
 #endif

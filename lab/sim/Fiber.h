@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include "sim/Races.h"
+
 #include <cstddef>
 #include <functional>
 
@@ -42,9 +44,13 @@ private:
     void* stack = nullptr;
     const void* stackBottom = nullptr;
     std::size_t stackSize = 0;
-    void* fakeStack = nullptr;
+    [[maybe_unused]] void* fakeStack = nullptr;
     void* exceptions[2] = {nullptr, nullptr};
     int error = 0;
+#ifdef ORV_LAB_THREAD_SANITIZER
+    void* thread = nullptr; // to the sanitizer
+    bool watched = true;
+#endif
 };
 
 } // namespace OrvLab

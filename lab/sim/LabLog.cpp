@@ -27,6 +27,7 @@ LogObject::LogObject(std::unique_ptr<Record> content) noexcept : record(std::mov
 LogObject::LogObject(LogObject&&) noexcept = default;
 
 LogObject::~LogObject() {
+    const OrvLab::Unwatched unwatched;
     OrvLab::Simulation* sim = OrvLab::Simulation::Current();
     if (!record || sim == nullptr)
         return;
@@ -42,16 +43,19 @@ LogObject::~LogObject() {
 }
 
 LogObject& LogObject::operator<<(const char* text) {
+    const OrvLab::Unwatched unwatched;
     record->text << text;
     return *this;
 }
 
 LogObject& LogObject::operator<<(const std::string& text) {
+    const OrvLab::Unwatched unwatched;
     record->text << text;
     return *this;
 }
 
 std::ostream* LogObject::Stream() noexcept {
+    const OrvLab::Unwatched unwatched;
     return &record->text;
 }
 
@@ -61,6 +65,7 @@ Logger::Logger(Logger&&) noexcept = default;
 Logger& Logger::operator=(Logger&&) noexcept = default;
 
 LogObject Logger::Debug(const char* /*tag*/) {
+    const OrvLab::Unwatched unwatched;
     return LogObject(std::make_unique<LogObject::Record>());
 }
 

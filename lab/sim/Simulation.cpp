@@ -19,7 +19,8 @@ constexpr unsigned MOST_IN_A_ROW = 500;
 
 } // namespace
 
-Simulation* Simulation::Current() {
+// Asked before it is known whether the fiber is watched.
+__attribute__((no_sanitize("thread"))) Simulation* Simulation::Current() {
     return current != nullptr && current->running != nullptr ? current : nullptr;
 }
 
@@ -41,10 +42,12 @@ Simulation::~Simulation() {
 }
 
 void Simulation::Run(std::function<void()> body) {
+    Races::Begin();
     Thread& first = Start("main", std::move(body));
     running = &first;
     outside.SwitchTo(*first.fiber);
     running = nullptr;
+    Races::Acquire(this);
 }
 
 Simulation::Thread& Simulation::Start(const std::string& name, std::function<void()> body) {
@@ -55,6 +58,8 @@ Simulation::Thread& Simulation::Start(const std::string& name, std::function<voi
     thread.body = std::move(body);
     thread.priority = static_cast<std::int64_t>(schedule.Below(1U << 20U)) + 1;
     thread.fiber = std::make_unique<Fiber>([this, &thread] {
+        const Unwatched unwatched;
+        Races::Acquire(&thread);
         try {
             thread.body();
         } catch (const std::exception& exception) {
@@ -64,9 +69,12 @@ Simulation::Thread& Simulation::Start(const std::string& name, std::function<voi
         if (thread.locks != 0)
             Fail(thread.name + " ends and holds a lock");
         thread.ended = true;
+        Races::Release(&thread);
+        Races::Release(this);
         thread.doing = "ended";
         Reschedule();
     });
+    Races::Release(&thread);
     return thread;
 }
 
@@ -112,6 +120,7 @@ void Simulation::Sleep(Time duration) {
 
 void Simulation::Join(Thread& thread) {
     Wait("join", [&] { return thread.ended; });
+    Races::Acquire(&thread);
 }
 
 void Simulation::Notify(const void* condition, bool all) {

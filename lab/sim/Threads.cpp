@@ -31,12 +31,14 @@ void Lock(Simulation& simulation, pthread_mutex_t* mutex) {
     if (holder != 0)
         simulation.Wait("lock", [&] { return holder == 0; });
     holder = simulation.Self().number;
+    Races::Acquire(mutex);
     ++simulation.Self().locks;
 }
 
 void Release(Simulation& simulation, pthread_mutex_t* mutex) {
     if (Holder(mutex) != simulation.Self().number)
         simulation.Fail("unlocks what it has not locked");
+    Races::Release(mutex);
     Holder(mutex) = 0;
     --simulation.Self().locks;
 }
@@ -105,6 +107,7 @@ void __real__ZNSt6thread4joinEv(std::thread* self);
 void __real__ZNSt6thread6detachEv(std::thread* self);
 
 int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+    const OrvLab::Unwatched unwatched;
     Simulation* simulation = Simulation::Current();
     if (simulation == nullptr)
         return __real_pthread_mutex_lock(mutex);
@@ -113,6 +116,7 @@ int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
 }
 
 int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
+    const OrvLab::Unwatched unwatched;
     Simulation* simulation = Simulation::Current();
     if (simulation == nullptr)
         return __real_pthread_mutex_unlock(mutex);
@@ -123,6 +127,7 @@ int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
 
 int __wrap_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
                                   const timespec* deadline) {
+    const OrvLab::Unwatched unwatched;
     Simulation* simulation = Simulation::Current();
     if (simulation == nullptr)
         return __real_pthread_cond_clockwait(condition, mutex, clock, deadline);
@@ -130,20 +135,24 @@ int __wrap_pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mu
 }
 
 pthread_t __wrap_pthread_self() {
+    const OrvLab::Unwatched unwatched;
     Simulation* simulation = Simulation::Current();
     return simulation != nullptr ? static_cast<pthread_t>(simulation->Self().number) : __real_pthread_self();
 }
 
 int __wrap_pthread_setname_np(pthread_t thread, const char* name) {
+    const OrvLab::Unwatched unwatched;
     return Simulation::Current() != nullptr ? 0 : __real_pthread_setname_np(thread, name);
 }
 
 // The search for the pair of sockets that a client makes for itself finds none.
 DIR* __wrap_opendir(const char* name) {
+    const OrvLab::Unwatched unwatched;
     return Simulation::Current() != nullptr ? nullptr : __real_opendir(name);
 }
 
 std::int64_t __wrap__ZNSt6chrono3_V212steady_clock3nowEv() {
+    const OrvLab::Unwatched unwatched;
     Simulation* simulation = Simulation::Current();
     if (simulation == nullptr)
         return __real__ZNSt6chrono3_V212steady_clock3nowEv();
@@ -152,6 +161,7 @@ std::int64_t __wrap__ZNSt6chrono3_V212steady_clock3nowEv() {
 }
 
 unsigned __wrap__ZNSt13random_device9_M_getvalEv(void* self) {
+    const OrvLab::Unwatched unwatched;
     Simulation* simulation = Simulation::Current();
     return simulation != nullptr ? static_cast<unsigned>(simulation->AnyNumber())
                                  : __real__ZNSt13random_device9_M_getvalEv(self);
@@ -159,6 +169,7 @@ unsigned __wrap__ZNSt13random_device9_M_getvalEv(void* self) {
 
 void __wrap__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE(std::condition_variable* self,
                                                                       std::unique_lock<std::mutex>& lock) {
+    const OrvLab::Unwatched unwatched;
     Simulation* simulation = Simulation::Current();
     if (simulation == nullptr)
         __real__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE(self, lock);
@@ -167,6 +178,7 @@ void __wrap__ZNSt18condition_variable4waitERSt11unique_lockISt5mutexE(std::condi
 }
 
 void __wrap__ZNSt18condition_variable10notify_allEv(std::condition_variable* self) {
+    const OrvLab::Unwatched unwatched;
     Simulation* simulation = Simulation::Current();
     if (simulation == nullptr) {
         __real__ZNSt18condition_variable10notify_allEv(self);
@@ -177,6 +189,7 @@ void __wrap__ZNSt18condition_variable10notify_allEv(std::condition_variable* sel
 }
 
 void __wrap__ZNSt18condition_variable10notify_oneEv(std::condition_variable* self) {
+    const OrvLab::Unwatched unwatched;
     Simulation* simulation = Simulation::Current();
     if (simulation == nullptr) {
         __real__ZNSt18condition_variable10notify_oneEv(self);
@@ -189,6 +202,7 @@ void __wrap__ZNSt18condition_variable10notify_oneEv(std::condition_variable* sel
 void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(std::thread* self,
                                                                                                   ThreadState* state,
                                                                                                   void (*depend)()) {
+    const OrvLab::Unwatched unwatched;
     Simulation* simulation = Simulation::Current();
     if (simulation == nullptr) {
         __real__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE(self, state,
@@ -196,12 +210,13 @@ void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_
         return;
     }
     const std::shared_ptr<std::thread::_State> body(std::move(*state));
-    Simulation::Thread& thread = simulation->Start("", [body]() mutable { body->_M_run(); });
+    Simulation::Thread& thread = simulation->Start("", [body]() mutable { OrvLab::Watch([&] { body->_M_run(); }); });
     OrvLab::IdOf(self) = std::thread::id(static_cast<pthread_t>(thread.number));
     simulation->Step("started a thread");
 }
 
 void __wrap__ZNSt6thread4joinEv(std::thread* self) {
+    const OrvLab::Unwatched unwatched;
     Simulation* simulation = Simulation::Current();
     if (simulation == nullptr) {
         __real__ZNSt6thread4joinEv(self);
@@ -215,6 +230,7 @@ void __wrap__ZNSt6thread4joinEv(std::thread* self) {
 }
 
 void __wrap__ZNSt6thread6detachEv(std::thread* self) {
+    const OrvLab::Unwatched unwatched;
     Simulation* simulation = Simulation::Current();
     if (simulation == nullptr) {
         __real__ZNSt6thread6detachEv(self);

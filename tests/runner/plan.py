@@ -86,7 +86,8 @@ ALL: Plan = (
             Step(BUILD_COVERAGE),
             Step("lint --tidy"),  # and all that lint checks without it
             Step("fuzz 10"),
-            Step("explore 60"),
+            Step("explore 46"),
+            Step("explore --race 14"),
             Step("torture 75"),
         ),
         gives_way=True,

@@ -23,6 +23,7 @@ MISUSED = [
     "demo nonsense",
     "docs nonsense",
     "explore nonsense",
+    "explore --race nonsense",
     "explore --seed",
     "explore --seed nonsense",
     "external-platform-test nonsense",
