@@ -43,7 +43,7 @@ class Status:
         assert done.returncode == seen["exit_status"]
         return seen
 
-    def becomes(self, *expected: str | int) -> dict[str, Any]:
+    def becomes(self, *expected: str | int, seconds: float = 0) -> dict[str, Any]:
         """Waits until broker, ConnMan, application and exit status are as expected; returns the object."""
         last: list[dict[str, Any]] = []
 
@@ -51,7 +51,7 @@ class Status:
             last.append(self.seen())
             return of_parts(last[-1]) == expected
 
-        wait_until(there, SLACK, lambda: f"{expected}, but {last[-1]}")
+        wait_until(there, seconds + SLACK, lambda: f"{expected}, but {last[-1]}")
         return last[-1]
 
 
@@ -83,12 +83,31 @@ def test_a_healthy_gateway_is_on_ethernet(status: Status, application: subproces
     assert seen["cloud"]["basis"] == "gateway-app says so"
     assert seen["network"]["default_routes"][0]["interface"] == "eth0"
     assert [service["interface"] for service in seen["connman"]["services"]] == ["eth0", "wwan0"]
-    assert status.text().startswith("cloud        connected over Ethernet since ")
+    assert status.text().startswith("cloud        connected over Ethernet in IPv4 since ")
     assert "orv_fail_overs_total 0\n" in status.text("--metrics")
     assert status.run("--quiet").stdout == b""
     application.terminate()
     application.wait(timeout=SLACK)
     assert status.becomes("present", "present", "ended", CANNOT_TELL)["application"]["status"]["running"] is False
+
+
+@pytest.mark.parametrize("box", ["eth=46,cell=6"], indirect=True)
+def test_the_family_in_use_is_named_and_addresses_of_both_count(
+    box: Box, status: Status, application: subprocess.Popen[str]
+) -> None:
+    seen = status.becomes("present", "present", "running", HEALTHY)
+    assert seen["cloud"]["family"] == seen["application"]["status"]["cloud"]["family"] == "IPv6"
+    assert status.text().startswith("cloud        connected over Ethernet in IPv6 since ")
+    assert "not possible" not in status.text()  # Cellular has no IPv4, and could take over all the same
+    ethernet, cellular = (one["addresses"] for one in seen["network"]["interfaces"])
+    assert any("." in one for one in ethernet) and any(":" in one for one in ethernet)
+    assert cellular and all(":" in one and not one.startswith("fe80") for one in cellular)
+    routes = [(route["family"], route["interface"]) for route in seen["network"]["default_routes"]]
+    assert routes[:2] == [("IPv4", "eth0"), ("IPv6", "eth0")] and ("IPv6", "wwan0") in routes
+    box("provider", "eth", "dead")
+    seen = status.becomes("present", "present", "running", ON_CELLULAR, seconds=20)
+    assert seen["network"]["default_routes"][0]["interface"] == "wwan0"
+    assert seen["network"]["path"] == "cellular" and seen["cloud"]["family"] == "IPv6"
 
 
 @pytest.mark.parametrize("broker, connman, app", itertools.product((True, False), repeat=3))

@@ -59,6 +59,7 @@ void ReadFields(const cJSON* all, ApplicationView& view) {
     const cJSON* const cloud = Field(all, "cloud");
     view.cloudState = TextOf(cloud, "state");
     view.cloudPath = TextOf(cloud, "path");
+    view.cloudFamily = TextOf(cloud, "family");
     view.cloudInterface = TextOf(cloud, "interface");
     view.cloudReason = TextOf(cloud, "reason");
     view.cloudFailure = TextOf(cloud, "last_failure");
@@ -134,26 +135,39 @@ ApplicationView ReadApplication(std::string_view text, double now, const Process
 }
 
 ApplicationWatch::ApplicationWatch(std::string path) : file(std::move(path)) {
+    notifications.Reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    WatchFolder();
+}
+
+void ApplicationWatch::WatchFolder() {
     const std::size_t slash = file.rfind('/');
     const std::string folder = slash == std::string::npos ? "." : file.substr(0, slash + 1);
-    notifications.Reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    if (notifications.IsOpen() &&
-        inotify_add_watch(notifications.Number(), folder.c_str(), IN_MOVED_TO | IN_CLOSE_WRITE | IN_DELETE) < 0)
-        notifications.Reset();
+    watched = inotify_add_watch(notifications.Number(), folder.c_str(),
+                                IN_MOVED_TO | IN_CLOSE_WRITE | IN_DELETE | IN_MOVE_SELF);
 }
 
 bool ApplicationWatch::Changed() {
     alignas(inotify_event) std::array<char, 4096> buffer{};
     const std::string name = file.substr(file.rfind('/') + 1);
     bool changed = false;
+    bool folderGone = watched < 0; // removed, renamed, or what was mounted there is gone
     ssize_t size = 0;
     while ((size = read(notifications.Number(), buffer.data(), buffer.size())) > 0) {
         for (ssize_t at = 0; at < size;) {
             inotify_event event{};
             std::memcpy(&event, buffer.data() + at, sizeof(event));
-            changed = changed || event.len == 0 || name == buffer.data() + at + sizeof(event);
+            const bool ofFolder = (event.mask & (IN_IGNORED | IN_MOVE_SELF)) != 0;
+            folderGone = folderGone || (ofFolder && event.wd == watched);
+            changed = changed || (event.mask & IN_Q_OVERFLOW) != 0 ||
+                      (event.len > 0 && name == buffer.data() + at + sizeof(event));
             at += static_cast<ssize_t>(sizeof(event) + event.len);
         }
+    }
+    if (folderGone) {
+        const bool wasWatched = watched >= 0;
+        inotify_rm_watch(notifications.Number(), watched); // it stays with a folder that was renamed
+        WatchFolder();
+        changed = changed || wasWatched || watched >= 0;
     }
     return changed;
 }

@@ -29,14 +29,18 @@ public:
 
     ApplicationView Read(double now) const;
 
-    /// Readable when the file may have changed; -1 while its folder is not there.
+    /// Readable when the file may have changed; -1 where the kernel has none left for this user.
     int Descriptor() const { return notifications.Number(); }
+    /// Looks too for a folder that has come, or has taken the watched one's place.
     /// @return whether the file itself was meant
     bool Changed();
 
 private:
+    void WatchFolder();
+
     const std::string file;
     OrvPlatform::FileDescriptor notifications;
+    int watched = -1; // the folder, by the kernel's number for it; -1: none
 };
 
 } // namespace OrvStatus

@@ -64,7 +64,8 @@ void AddTexts(cJSON* list, const std::vector<std::string>& texts) {
 
 void AddCloud(Object all, const Verdict& verdict) {
     Object cloud = all.Inner("cloud");
-    cloud.Text("state", verdict.state).Text("path", verdict.path).TextOrNull("since", verdict.since);
+    cloud.Text("state", verdict.state).Text("path", verdict.path).TextOrNull("family", verdict.family);
+    cloud.TextOrNull("since", verdict.since);
     if (verdict.sinceMonotonic)
         cloud.Number("since_monotonic", *verdict.sinceMonotonic);
     cloud.TextOrNull("reason", verdict.reason).Text("basis", verdict.basis);
@@ -101,6 +102,7 @@ void AddNetwork(Object all, const NetworkView& view, bool counts) {
     for (const NetworkView::DefaultRoute& route : view.defaults)
         Appended(routes)
             .Text("interface", route.interface)
+            .Text("family", route.isIpv6 ? "IPv6" : "IPv4")
             .TextOrNull("gateway", route.gateway)
             .Number("metric", route.metric);
 }

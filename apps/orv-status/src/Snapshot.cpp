@@ -35,6 +35,7 @@ int ExitStatus(const Verdict& verdict) {
 void TakeFromApplication(const ApplicationView& application, Verdict& verdict) {
     verdict.state = application.cloudState;
     verdict.path = application.cloudPath;
+    verdict.family = application.cloudFamily;
     verdict.since = application.cloudSince.utc;
     verdict.sinceMonotonic = application.cloudSince.monotonic;
     verdict.reason = application.cloudReason;

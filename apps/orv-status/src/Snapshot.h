@@ -43,11 +43,13 @@ struct NetworkView {
         std::string interface;
         std::string gateway;
         std::uint32_t metric = 0;
+        bool isIpv6 = false;
     };
     Known state = Known::UNKNOWN;
     std::string reason;
-    std::vector<Interface> interfaces;  ///< the two WAN ones
-    std::vector<DefaultRoute> defaults; ///< of the main table, the best first
+    std::vector<Interface> interfaces; ///< the two WAN ones
+    std::vector<DefaultRoute>
+        defaults; ///< of the main table: those of the family that tells the path, then the other's
 
     /// "ethernet", "cellular", "other" or "none".
     std::string Path() const;
@@ -93,7 +95,7 @@ struct ApplicationView {
     // The file's fields, where the state is neither ABSENT nor UNREADABLE
     std::string name;
     std::string started;
-    std::string cloudState, cloudPath, cloudInterface, cloudReason, cloudFailure;
+    std::string cloudState, cloudPath, cloudFamily, cloudInterface, cloudReason, cloudFailure;
     Moment cloudSince;
     bool probation = false;
     std::string
@@ -107,6 +109,7 @@ struct ApplicationView {
 struct Verdict {
     std::string state = "unknown"; ///< "connected", "disconnected", "disabled"
     std::string path = "unknown";  ///< "ethernet", "cellular", "other", "none"
+    std::string family;            ///< "IPv4", "IPv6"; empty: unknown, or not connected
     std::string since;             ///< empty: unknown
     std::optional<double> sinceMonotonic;
     std::string reason;

@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <string_view>
+#include <utility>
 
 namespace OrvStatus {
 
@@ -42,6 +43,7 @@ void AddCloudText(std::string& text, const Verdict& verdict) {
         Append(text, {"connected, over an interface that is ", verdict.path == "other" ? "neither" : "unknown"});
     else
         Append(text, {"connected over ", PathName(verdict.path)});
+    Append(text, {verdict.family.empty() ? "" : " in ", verdict.family});
 }
 
 /// Shape and word beside the colour, for those who cannot see it.
@@ -81,8 +83,12 @@ void AddNetworkRows(std::string& rows, const NetworkView& network) {
     if (network.state != Known::PRESENT)
         return AddRow(rows, "network", {"unknown: ", network.reason});
     std::string routes;
-    for (const NetworkView::DefaultRoute& route : network.defaults)
-        AddItem(routes, ", then ", {route.interface, route.gateway.empty() ? "" : " by ", route.gateway});
+    bool six = false;
+    for (const NetworkView::DefaultRoute& route : network.defaults) {
+        const bool sameFamily = std::exchange(six, route.isIpv6) == route.isIpv6;
+        AddItem(routes, sameFamily ? ", then " : (six ? ", in IPv6 " : ", in IPv4 "),
+                {route.interface, route.gateway.empty() ? "" : " by ", route.gateway});
+    }
     AddRow(rows, "network", {routes.empty() ? "no default route" : "default route over ", routes});
     for (const NetworkView::Interface& interface : network.interfaces)
         AddInterfaceRow(rows, interface);

@@ -16,7 +16,7 @@ using State = ApplicationView::State;
 
 const std::string STATUS_FILE =
     R"({"version":1,"name":"alarm","pid":42,"process_start":7,"running":true,"started":"S",)"
-    R"("written_monotonic":100.0,"cloud":{"state":"connected","path":"cellular","interface":"wwan0",)"
+    R"("written_monotonic":100.0,"cloud":{"state":"connected","path":"cellular","interface":"wwan0","family":"IPv6",)"
     R"("since":"C","since_monotonic":50.5,"reason":"why","last_failure":""},)"
     R"("route":{"ethernet_on_probation":true,"no_fail_over":"N","last_move":{"time":"M","from":"ethernet",)"
     R"("to":"cellular","reason":"because"}},"longest_tick_us":2000,)"
@@ -39,6 +39,7 @@ TEST(AStatusFile, IsRead) {
     EXPECT_EQ(view.name, "alarm");
     EXPECT_EQ(view.cloudState, "connected");
     EXPECT_EQ(view.cloudPath, "cellular");
+    EXPECT_EQ(view.cloudFamily, "IPv6");
     EXPECT_EQ(view.cloudSince.monotonic, 50.5);
     EXPECT_EQ(view.lastMoveReason, "because");
     EXPECT_TRUE(view.probation);
@@ -75,6 +76,10 @@ TEST(AStatusFile, ThatIsNoneOfOursIsUnreadable) {
     }
 }
 
+TEST(AStatusFile, NeedNotNameAFamily) {
+    EXPECT_EQ(ReadApplication(With(R"("family":"IPv6",)", ""), 101, Alive).cloudFamily, "");
+}
+
 TEST(AStatusFile, SteersNoTerminal) {
     const ApplicationView view =
         ReadApplication(With("\"reason\":\"why\"", "\"reason\":\"\\u001b[2J\\n\""), 101, Alive);
@@ -107,6 +112,11 @@ protected:
     ~AWatchedFile() override { std::filesystem::remove_all(folder); }
     State Read() const { return ApplicationWatch(path).Read(101).state; }
 
+    void IsReplaced() const {
+        std::ofstream(folder + "/another") << "text";
+        std::filesystem::rename(folder + "/another", path);
+    }
+
     const std::string folder = testing::TempDir() + "orv-status-" + std::to_string(getpid());
     const std::string path = folder + "/status.json";
 };
@@ -134,6 +144,49 @@ TEST_F(AWatchedFile, TellsWhenItIsReplaced) {
     std::filesystem::rename(folder + "/another", path);
     EXPECT_TRUE(watch.Changed());
     EXPECT_FALSE(watch.Changed());
+}
+
+TEST_F(AWatchedFile, TellsOfItsFolderThatIsRemovedAndMadeAnew) {
+    ApplicationWatch watch(path);
+    if (watch.Descriptor() < 0)
+        GTEST_SKIP() << "this user has no inotify instance left (fs.inotify.max_user_instances)";
+    std::filesystem::remove_all(folder);
+    EXPECT_TRUE(watch.Changed());
+    EXPECT_FALSE(watch.Changed()) << "there is no folder yet";
+    std::filesystem::create_directories(folder);
+    EXPECT_TRUE(watch.Changed()) << "the file may have come with its folder";
+    IsReplaced();
+    EXPECT_TRUE(watch.Changed());
+    EXPECT_FALSE(watch.Changed());
+}
+
+TEST_F(AWatchedFile, TellsInTheFolderThatHasTakenThePlaceOfOneThatWasRenamed) {
+    ApplicationWatch watch(path);
+    if (watch.Descriptor() < 0)
+        GTEST_SKIP() << "this user has no inotify instance left (fs.inotify.max_user_instances)";
+    const std::string renamed = folder + "-renamed";
+    std::filesystem::rename(folder, renamed);
+    std::filesystem::create_directories(folder);
+    EXPECT_TRUE(watch.Changed());
+    EXPECT_FALSE(watch.Changed());
+    std::ofstream(renamed + "/status.json") << "text";
+    EXPECT_FALSE(watch.Changed()) << "it is another file";
+    std::filesystem::remove_all(renamed);
+    EXPECT_FALSE(watch.Changed());
+    IsReplaced();
+    EXPECT_TRUE(watch.Changed());
+}
+
+TEST_F(AWatchedFile, TellsOfAFolderThatWasNotThereWhenTheWatchBegan) {
+    std::filesystem::remove_all(folder);
+    ApplicationWatch watch(path);
+    if (watch.Descriptor() < 0)
+        GTEST_SKIP() << "this user has no inotify instance left (fs.inotify.max_user_instances)";
+    EXPECT_FALSE(watch.Changed());
+    std::filesystem::create_directories(folder);
+    EXPECT_TRUE(watch.Changed());
+    IsReplaced();
+    EXPECT_TRUE(watch.Changed());
 }
 
 } // namespace

@@ -32,6 +32,7 @@ protected:
         application.name = "alarm";
         application.cloudState = "connected";
         application.cloudPath = "ethernet";
+        application.cloudFamily = "IPv4";
         application.cloudReason = "connected over eth0";
         application.cloudSince = {"2026-01-02T03:00:00.000Z", 755};
         application.counters = {{"fail_overs", 2}, {"returns", 1}};
@@ -105,17 +106,52 @@ TEST_F(AHealthyGateway, HasItsLedsFromTheirTopicsAlone) {
 }
 
 TEST_F(AHealthyGateway, IsShownAsATable) {
-    EXPECT_EQ(Table(snapshot, {false, false}),
-              "cloud        connected over Ethernet since 2026-01-02T03:00:00.000Z (4 min): connected over eth0\n"
-              "             alarm says so\n"
-              "LEDs         [*] green on   [ ] yellow off\n"
-              "network      default route over eth0 by 10.1.0.1\n"
-              "  eth0       Ethernet, up, 10.1.0.2/24\n"
-              "  wwan0      Cellular, up, 10.2.0.2/24\n"
-              "ConnMan      eth0 online, then wwan0 ready\n"
-              "broker       127.0.0.1:1883, 3 topics\n"
-              "gateway-app  running since , 2 fail-overs, 1 returns, unknown losses of the cloud\n");
+    EXPECT_EQ(
+        Table(snapshot, {false, false}),
+        "cloud        connected over Ethernet in IPv4 since 2026-01-02T03:00:00.000Z (4 min): connected over eth0\n"
+        "             alarm says so\n"
+        "LEDs         [*] green on   [ ] yellow off\n"
+        "network      default route over eth0 by 10.1.0.1\n"
+        "  eth0       Ethernet, up, 10.1.0.2/24\n"
+        "  wwan0      Cellular, up, 10.2.0.2/24\n"
+        "ConnMan      eth0 online, then wwan0 ready\n"
+        "broker       127.0.0.1:1883, 3 topics\n"
+        "gateway-app  running since , 2 fail-overs, 1 returns, unknown losses of the cloud\n");
     EXPECT_NE(Table(snapshot, {true, true}).find("\x1b[32m\u25cf\x1b[0m green on"), std::string::npos);
+}
+
+TEST_F(AHealthyGateway, NamesTheFamilyOfItsConnection) {
+    const std::string before = Fingerprint(snapshot);
+    snapshot.application.cloudFamily = "IPv6";
+    EXPECT_EQ(Table(snapshot, {}).find("cloud        connected over Ethernet in IPv6 since "), 0U);
+    EXPECT_NE(Json(snapshot).find(R"("path":"ethernet","family":"IPv6",)"), std::string::npos) << Json(snapshot);
+    EXPECT_NE(Fingerprint(snapshot), before) << "it is news";
+}
+
+TEST_F(AHealthyGateway, KnowsNoFamilyWhereItsConnectionIsOnlyInferred) {
+    WithoutApplication(AppState::ABSENT);
+    EXPECT_EQ(Table(snapshot, {}).find("cloud        connected over Ethernet\n"), 0U) << Table(snapshot, {});
+    EXPECT_NE(Json(snapshot).find(R"("path":"ethernet","family":null,)"), std::string::npos) << Json(snapshot);
+}
+
+TEST_F(AHealthyGateway, ShowsTheDefaultRoutesOfBothFamilies) {
+    const auto network = [this] {
+        const std::string table = Table(snapshot, {});
+        const std::size_t begin = table.find("\nnetwork ") + 14;
+        return table.substr(begin, table.find('\n', begin) - begin);
+    };
+    snapshot.network.defaults = {{"eth0", "10.1.0.1", 0, false},
+                                 {"wwan0", "10.2.0.1", 9, false},
+                                 {"eth0", "fe80::1", 100, true},
+                                 {"wwan0", "fe80::2", 1024, true}};
+    EXPECT_EQ(network(), "default route over eth0 by 10.1.0.1, then wwan0 by 10.2.0.1, "
+                         "in IPv6 eth0 by fe80::1, then wwan0 by fe80::2");
+    EXPECT_NE(Json(snapshot).find(R"({"interface":"eth0","family":"IPv6","gateway":"fe80::1","metric":100})"),
+              std::string::npos)
+        << Json(snapshot);
+    snapshot.network.defaults = {{"wwan0", "", 100, true}, {"eth0", "10.1.0.1", 0, false}};
+    EXPECT_EQ(network(), "default route over wwan0, in IPv4 eth0 by 10.1.0.1");
+    EXPECT_EQ(snapshot.network.Path(), "cellular");
 }
 
 TEST_F(AHealthyGateway, ShowsThatAServiceHasNoInterface) {
@@ -170,7 +206,7 @@ TEST_F(AGatewayThatCouldNotFailOver, DoesNotGuessWithoutConnMan) {
 
 TEST_F(AHealthyGateway, IsShownOnALine) {
     EXPECT_EQ(Line(snapshot),
-              "cloud connected over Ethernet (connected over eth0); green on, yellow off; default route eth0; "
+              "cloud connected over Ethernet in IPv4 (connected over eth0); green on, yellow off; default route eth0; "
               "broker present, ConnMan present, gateway-app running");
 }
 

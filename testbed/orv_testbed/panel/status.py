@@ -131,8 +131,7 @@ def default_interface(network: object) -> str | None:
     if text(within(network, "state")) != "present":
         return None
     routes = entries(within(network, "default_routes"))
-    best = min(routes, key=lambda route: number(within(route, "metric")) or 0, default=None)
-    return text(within(best, "interface"))
+    return text(within(routes[0], "interface")) if routes else ""
 
 
 def application_status(status: object) -> dict[str, Any]:

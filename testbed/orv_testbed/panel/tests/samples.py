@@ -17,6 +17,7 @@ ON_ETHERNET: dict[str, Any] = {
     "cloud": {
         "state": "connected",
         "path": "ethernet",
+        "family": "IPv4",
         "since": "2026-11-22T02:00:11.402Z",
         "since_monotonic": 820.0,
         "reason": "connected over eth0",
@@ -50,7 +51,7 @@ ON_ETHERNET: dict[str, Any] = {
                 ("wwan0", "cellular", "10.12.0.2/24"),
             )
         ],
-        "default_routes": [{"interface": "eth0", "gateway": "10.11.0.1", "metric": 0}],
+        "default_routes": [{"interface": "eth0", "family": "IPv4", "gateway": "10.11.0.1", "metric": 0}],
     },
     "connman": {"state": "present", "reason": None, "services": []},
     "application": {
