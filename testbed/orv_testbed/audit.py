@@ -208,8 +208,8 @@ def name_servers(box: Box, interface: str) -> list[str]:
 
 
 def expected_unbound_ipv6(box: Box, interface: str) -> str | None:
-    """See Box.unbound_ipv6; a provider's router may have said good-bye."""
-    without_router = [fault.split()[1] for fault in faults_in_force(box) if fault.endswith(" no-router")]
+    """See Box.unbound_ipv6; a provider's router may have said good-bye, or not have been heard for long."""
+    without_router = [fault.split()[1] for fault in faults_in_force(box) if fault.endswith((" no-router", " silent"))]
     ways = [
         name for name, side in INTERFACES.items() if "6" in box.families.at(side) and side.name not in without_router
     ]

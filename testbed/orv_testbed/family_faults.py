@@ -3,11 +3,11 @@
 from __future__ import annotations
 
 from orv_testbed.families import Families
-from orv_testbed.ipv6 import Ipv6
+from orv_testbed.ipv6 import LAST, Ipv6
 from orv_testbed.layout import BoxError, Layout, Side, misused, side_named
 from orv_testbed.networks import Networks
 
-IPV6 = "ipv6 eth|cell dead|no-router|duplicate|back, or ipv6 eth|cell renumber"
+IPV6 = "ipv6 eth|cell dead|no-router|silent|duplicate|back, or ipv6 eth|cell renumber"
 
 
 class FamilyFaults:
@@ -40,12 +40,14 @@ class FamilyFaults:
         ipv6 = self._networks.ipv6(which)
         if state == "renumber":
             ipv6.renumber()
-        elif state in ("dead", "no-router", "duplicate", "back"):
+        elif state in ("dead", "no-router", "silent", "duplicate", "back"):
             self._take_back(which, ipv6)
             if state == "dead":
                 self._kill(which, "6")
             elif state == "no-router":
                 ipv6.advertise(lifetime=0)
+            elif state == "silent":
+                ipv6.advertise(lifetime=LAST)
             elif state == "duplicate":
                 ipv6.renumber(taken=True)
         else:
@@ -55,5 +57,5 @@ class FamilyFaults:
         self._networks.provider(side).unfilter("dead_ipv6")
         if ipv6.is_taken():
             ipv6.renumber()
-        if not ipv6.lifetime():
+        if not ipv6.is_a_router():
             ipv6.advertise()

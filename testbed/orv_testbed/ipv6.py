@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import pathlib
+import signal
 from typing import TYPE_CHECKING
 
 from orv_testbed.box_processes import BoxProcesses
@@ -18,6 +19,7 @@ if TYPE_CHECKING:
 TRANSLATED = "2001:db8:64::/96"
 LIFETIME = 1800  # seconds, of a router and of a prefix
 BETWEEN = 4  # seconds between two advertisements that nobody has asked for
+LAST = 6  # seconds, the router's lifetime in the last advertisement of one that falls silent
 NAMES_BEHIND_DNS64 = 5300  # the port of the name server that DNS64 asks
 
 TAYGA = """tun-device nat64
@@ -69,6 +71,10 @@ class Ipv6:
         """For how many seconds it says that it is a router; 0: it says that it is none."""
         return self._known("lifetime", LIFETIME)
 
+    def is_a_router(self) -> bool:
+        """Whether it says that it is one, again and again."""
+        return self.lifetime() == LIFETIME
+
     def is_taken(self) -> bool:
         """Whether somebody else has the gateway's address."""
         return bool(self._known("taken", 0))
@@ -104,7 +110,16 @@ class Ipv6:
         if number := self._known("prefix", 1) - 1:
             options += [f"--dhcp-range={self.prefix(number)}::,ra-stateless,64,deprecated"]
         options += [f"--dhcp-option=option6:dns-server,[{self._side.name_server_6}]"]
+        spoken = self._advertisements(name)
         self._processes.start(name, self._here.command("dnsmasq", *options))
+        if self.lifetime() == LAST:
+            if not comes_within(5, lambda: self._advertisements(name) > spoken):
+                raise BoxError(f"the router of {self._side.name} does not advertise, see {self._layout.log(name)}")
+            self._processes.end(name, signal.SIGKILL)
+
+    def _advertisements(self, name: str) -> int:
+        log = self._layout.log(name)
+        return log.read_text(encoding="utf-8", errors="replace").count("RTR-ADVERT(lan)") if log.exists() else 0
 
     # ---- what becomes of it
 

@@ -109,6 +109,22 @@ def test_a_router_that_is_none_any_more_leaves_the_address_and_no_route(dual: Bo
     assert fetches(dual, "6")
 
 
+def test_a_router_that_falls_silent_is_one_until_its_lifetime_is_over(dual: Box) -> None:
+    prefix = f"2001:db8:11:{newest_prefix(dual):x}"
+    dual("ipv6", "eth", "silent")
+    lifetimes = json.loads(dual("exec", "ip", "-6", "-json", "route", "show", "default", "dev", "eth0", "proto", "ra"))
+    assert [one["expires"] <= 6 for one in lifetimes] == [True]
+    # The kernel does not use it any more, and takes it away when it next looks, twice a minute.
+    wait_until(lambda: not default_routes(dual), 40 + SLACK, "the end of the IPv6 default route")
+    assert is_usable(dual, prefix)
+    assert fetches(dual, "4") and not fetches(dual, "6")
+    assert faults_in_force(dual) == ["ipv6 eth silent"]
+    dual("ipv6", "eth", "back")
+    wait_until(lambda: default_routes(dual), 5 + SLACK, "an IPv6 default route")
+    assert fetches(dual, "6")
+    assert faults_in_force(dual) == []
+
+
 def test_an_address_that_somebody_else_has_is_not_used_until_the_fault_is_taken_back(dual: Box) -> None:
     taken = newest_prefix(dual) + 1
     dual("ipv6", "eth", "duplicate")
@@ -128,5 +144,5 @@ def test_an_address_that_somebody_else_has_is_not_used_until_the_fault_is_taken_
 def test_a_provider_without_ipv6_has_no_faults_of_ipv6(dual: Box) -> None:
     with pytest.raises(Failed, match="cell has no IPv6: take the box down, and .* up --families cell=46"):
         dual("ipv6", "cell", "dead")
-    with pytest.raises(Failed, match=r"ipv6: use ipv6 eth\|cell dead\|no-router\|duplicate\|back, or"):
+    with pytest.raises(Failed, match=r"ipv6: use ipv6 eth\|cell dead\|no-router\|silent\|duplicate\|back, or"):
         dual("ipv6", "eth", "gone")

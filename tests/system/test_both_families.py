@@ -8,6 +8,7 @@ from orv_testbed.scene import Scene
 
 BOTH_ON_ETHERNET = pytest.mark.parametrize("box", ["eth=46,cell=4"], indirect=True)
 MQTTS = 8883
+ROUTER_GONE = 45  # seconds, of one that falls silent: its lifetime, and until the kernel looks
 
 
 def family_in_use(scene: Scene) -> str:
@@ -31,6 +32,7 @@ def connect_anew(scene: Scene) -> None:
         ("ipv4 eth dead", "4", "6"),
         ("ipv6 eth dead", "6", "4"),
         ("ipv6 eth no-router", "6", "4"),
+        ("ipv6 eth silent", "6", "4"),
         ("ipv6 eth duplicate", "6", "4"),
         ("ipv6 eth renumber", "6", "46"),
     ],
@@ -41,7 +43,7 @@ def test_a_family_that_breaks_on_ethernet_costs_no_switch(scene: Scene, fault: s
     was = family_in_use(scene)
     scene.box(*fault.split())
     if was == broken:
-        lost = scene.application.wait_for("the cloud connection has ended", 8, before)
+        lost = scene.application.wait_for("the cloud connection has ended", ROUTER_GONE, before)
         scene.application.wait_for("connected to the cloud, from", 8, lost)
     else:
         connect_anew(scene)
@@ -105,11 +107,28 @@ def test_prefixes_that_are_renumbered_during_a_fail_over_are_used_at_once(scene:
     assert not {"ETHERNET_IP_LOST", "CELLULAR_IP_LOST"} & set(events)
 
 
-@pytest.mark.parametrize("box", ["eth=6,cell=4"], indirect=True)
-def test_ethernet_with_ipv6_alone_has_no_address_while_no_router_is_there(scene: Scene) -> None:
+@BOTH_ON_ETHERNET
+def test_a_router_that_falls_silent_is_the_end_of_an_ethernet_whose_ipv4_is_dead(scene: Scene) -> None:
+    scene.box("ipv4", "eth", "dead")
+    scene.settles("eth0", 10)
+    assert family_in_use(scene) == "6"
     before = scene.application.mark()
-    scene.box("ipv6", "eth", "no-router")
-    lost = scene.application.wait_for("event ETHERNET_IP_LOST", 10, before)
+    scene.box("ipv6", "eth", "silent")
+    lost = scene.application.wait_for("eth cloud lost, start delay to cell", ROUTER_GONE, before)
+    moved = scene.application.wait_for("poke success, route to Cell", 20, lost)
+    scene.settles("wwan0", 10)
+    scene.box("ipv6", "eth", "back")
+    scene.application.wait_for("cell to eth delay done", 40, moved)
+    scene.settles("eth0", 10)
+    assert family_in_use(scene) == "6"
+
+
+@pytest.mark.parametrize("box", ["eth=6,cell=4"], indirect=True)
+@pytest.mark.parametrize("end", ["no-router", "silent"])
+def test_ethernet_with_ipv6_alone_has_no_address_while_no_router_is_there(scene: Scene, end: str) -> None:
+    before = scene.application.mark()
+    scene.box("ipv6", "eth", end)
+    lost = scene.application.wait_for("event ETHERNET_IP_LOST", ROUTER_GONE, before)
     scene.application.wait_for("route is Cell, reconnecting", 30, lost)
     scene.box("ipv6", "eth", "back")
     scene.application.wait_for("cell to eth delay done", 40, lost)

@@ -54,6 +54,7 @@ def of_side(group: str, side: str, wrong_address: str) -> list[Kind]:
             {
                 "dead": f"ipv6 {side} dead",
                 "no router": f"ipv6 {side} no-router",
+                "router silent": f"ipv6 {side} silent",
                 "address taken": f"ipv6 {side} duplicate",
             },
             f"ipv6 {side} back",
