@@ -12,6 +12,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -57,6 +59,13 @@ std::string WithWord(std::string text, const std::string& word, const std::strin
 std::string OwnUser() {
     const passwd* entry = getpwuid(getuid()); // NOLINT(concurrency-mt-unsafe): only the main thread starts brokers
     return entry ? entry->pw_name : "root";
+}
+
+// It listens before it can be ended in good order: SIGTERM kills it in the next moment, and is forgotten in the one
+// after. Only its main loop throws out who begins with nonsense.
+bool Serves(std::uint16_t port) {
+    const Descriptor guest = ConnectToLoopback(port);
+    return guest && WriteWhole(guest.Get(), std::string(2, '\0')) && HasInput(guest.Get(), std::chrono::seconds(2));
 }
 
 } // namespace
@@ -125,7 +134,7 @@ bool MosquittoBroker::TryStart() {
     bool ended = false;
     const bool listens = WaitUntil([&] {
         ended = waitpid(process, nullptr, WNOHANG) == process;
-        return ended || ConnectToLoopback(Port());
+        return ended || Serves(Port());
     });
     if (ended)
         process = 0;

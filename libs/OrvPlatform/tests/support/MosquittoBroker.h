@@ -27,7 +27,7 @@ public:
     /// What it has logged.
     std::string Log() const;
 
-    /// Returns when it listens.
+    /// Returns when it serves clients, and can be stopped.
     void Start();
     /// Returns when it is gone, without a word to its clients.
     void Kill();
