@@ -115,7 +115,6 @@ std::string OwnAddress(int socket) {
 struct CloudDialer::Call {
     CloudSettings settings;
     Callback callback; // run on the loop's thread only
-    std::shared_ptr<Mailbox> mailbox;
     bool wanted = true; // the loop's thread's
     Dialled dialled;    // the helper's until it posts
 };
@@ -144,7 +143,6 @@ void CloudDialer::Dial(const CloudSettings& settings, Callback callback) {
     current = std::make_shared<Call>();
     current->settings = settings;
     current->callback = std::move(callback);
-    current->mailbox = mailbox;
     const auto answer = [call = current] {
         if (call->wanted)
             call->callback(std::move(call->dialled));
@@ -156,9 +154,10 @@ void CloudDialer::Dial(const CloudSettings& settings, Callback callback) {
     }
     ++helpers;
     try {
-        std::thread([call = current, answer] {
+        // The call itself has no share in the mailbox, which may keep it for ever when the loop has gone.
+        std::thread([call = current, box = mailbox, answer] {
             call->dialled = Begin(call->settings);
-            call->mailbox->Post(answer);
+            box->Post(answer);
             --helpers;
         }).detach();
     } catch (const std::system_error& error) {
