@@ -68,7 +68,10 @@ std::string FailureOf(int result, int socketError, const TlsContext& tls, int so
 }
 
 CloudRace::CloudRace(EventLoop& eventLoop, Handler raceHandler)
-    : loop(eventLoop), handler(std::move(raceHandler)), timer(eventLoop, [this] { OnTimer(); }) {}
+    : loop(eventLoop),
+      handler(std::move(raceHandler)),
+      stagger(eventLoop, [this] { OnStagger(); }),
+      slowHandshake(eventLoop, [this] { OnSlowHandshake(); }) {}
 
 CloudRace::~CloudRace() {
     Stop();
@@ -81,11 +84,12 @@ void CloudRace::Begin(const CloudSettings& cloudSettings, const Dialled& found, 
     protocolKeepAlive = keepAlive;
     for (const std::string& address : found.addresses)
         runners.push_back(std::make_unique<Runner>(Runner{address, nullptr, nullptr, -1, false, false, {}}));
-    timer.Once(0ms);
+    stagger.Once(0ms);
 }
 
 void CloudRace::Stop() {
-    timer.Stop();
+    stagger.Stop();
+    slowHandshake.Stop();
     for (const auto& runner : runners) {
         if (runner->socket >= 0)
             loop.Forget(runner->socket);
@@ -93,6 +97,7 @@ void CloudRace::Stop() {
     runners.clear();
     started = 0;
     allowed = 1;
+    nextIsDue = false;
 }
 
 std::string CloudRace::Summary() const {
@@ -111,11 +116,14 @@ int CloudRace::Driven() const {
     return static_cast<int>(std::count_if(runners.begin(), runners.end(), [](const auto& one) { return one->driven; }));
 }
 
-void CloudRace::OnTimer() {
-    if (Driven() > 0)
+void CloudRace::OnStagger() {
+    nextIsDue = true;
+    Continue();
+}
+
+void CloudRace::OnSlowHandshake() {
+    if (Driven() >= allowed)
         ++allowed;
-    else
-        StartNext();
     Continue();
 }
 
@@ -124,13 +132,13 @@ void CloudRace::Continue() {
     for (const auto& runner : runners) {
         if (Driven() < allowed && runner->reached && !runner->driven && runner->failure.empty()) {
             runner->driven = true;
-            timer.Once(SLOW_HANDSHAKE);
+            slowHandshake.Once(SLOW_HANDSHAKE);
             loop.Change(runner->socket, EPOLLIN | EPOLLOUT); // it may have got far already
         }
     }
     const bool waiting = std::any_of(runners.begin(), runners.begin() + static_cast<std::ptrdiff_t>(started),
                                      [](const auto& one) { return one->failure.empty() && !one->driven; });
-    if (Driven() < allowed && !waiting)
+    if (Driven() < allowed && (nextIsDue || !waiting))
         StartNext();
     if (started == runners.size() &&
         std::all_of(runners.begin(), runners.end(), [](const auto& one) { return !one->failure.empty(); })) {
@@ -141,8 +149,9 @@ void CloudRace::Continue() {
 }
 
 void CloudRace::StartNext() {
+    nextIsDue = false;
     while (started < runners.size()) {
-        timer.Once(STAGGER);
+        stagger.Once(STAGGER);
         if (Start(*runners[started++]))
             return;
     }

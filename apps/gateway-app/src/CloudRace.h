@@ -67,16 +67,19 @@ private:
     void Watch(Runner& runner);
     void End(Runner& runner, const std::string& reason);
     void Continue();
-    void OnTimer();
+    void OnStagger();
+    void OnSlowHandshake();
     int Driven() const;
 
     EventLoop& loop;
     const Handler handler;
-    Timer timer;
+    Timer stagger;       // since an address was tried for the last time
+    Timer slowHandshake; // since a handshake was begun for the last time
     CloudSettings settings;
     const Dialled* dialled = nullptr;
     int protocolKeepAlive = 0;
     int allowed = 1;                              // handshakes at a time
+    bool nextIsDue = false;                       // the next address, as soon as another handshake is allowed
     std::vector<std::unique_ptr<Runner>> runners; // one for each address, in their order
     std::size_t started = 0;
 };

@@ -176,6 +176,16 @@ TEST_F(ARace, IsWonByTheAddressThatCompletesTheHandshakeWhenTheFirstOnlyAccepts)
     EXPECT_GE(end.time, 1500ms);
 }
 
+TEST_F(ARace, IsWonByTheLastAddressWhenTheFirstOnlyAcceptsAndTheSecondIsDead) {
+    TlsPeer::Plan silence;
+    silence.mute = true;
+    const TlsPeer mute("127.0.0.2", PORT, good, silence);
+    const TlsPeer cloud("127.0.0.1", PORT, good);
+    const End end = Race({"127.0.0.2", HOLE, "127.0.0.1"});
+    EXPECT_EQ(end.address, "127.0.0.1") << end.failure;
+    EXPECT_GE(end.time, 1500ms);
+}
+
 TEST_F(ARace, AsksOneAddressAtATimeWhileItAnswers) {
     const TlsPeer first("127.0.0.1", PORT, good);
     const TlsPeer second("127.0.0.2", PORT, good);
