@@ -19,6 +19,11 @@
 
 namespace OrvLab {
 
+long OpenFile::Send(const void* /*buffer*/, std::size_t /*size*/) {
+    errno = EBADF;
+    return -1;
+}
+
 Descriptors& Descriptors::Of() {
     static Descriptors descriptors;
     return descriptors;
@@ -60,6 +65,12 @@ public:
         std::memcpy(buffer, &count, sizeof count);
         count = 0;
         return sizeof count;
+    }
+    long Send(const void* buffer, std::size_t size) override {
+        std::uint64_t more = 0;
+        std::memcpy(&more, buffer, std::min(size, sizeof more));
+        count += more;
+        return static_cast<long>(size);
     }
 
     std::uint64_t count = 0;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <memory>
 
@@ -17,6 +18,14 @@ public:
     virtual void ShutDownWriting() {}
     /// As recv(): 0 at the end; -1 with errno set.
     virtual long Receive(void* buffer, std::size_t size) = 0;
+    /// As send(): -1 with errno set.
+    virtual long Send(const void* buffer, std::size_t size);
+    /// No other file has had it.
+    std::uint64_t Identity() const { return identity; }
+
+private:
+    static inline std::uint64_t made = 0;
+    const std::uint64_t identity = ++made;
 };
 
 /// The descriptors of the simulated process. Their numbers are beyond those of the real one.

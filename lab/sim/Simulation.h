@@ -70,6 +70,9 @@ public:
 
     /// Told of each jump of the clock.
     void SetJumpListener(std::function<void(Time by)> listener) { jumpListener = std::move(listener); }
+    /// Asked at each start of a thread by the code that is explored; false: it cannot be started.
+    void SetStartListener(std::function<bool()> listener) { startListener = std::move(listener); }
+    bool MayStart() const { return !startListener || startListener(); }
     void SetSurroundings(Surroundings* what) { surroundings = what; }
 
     /// Runs this as the first thread, and all that it starts, until all have ended.
@@ -150,6 +153,7 @@ private:
     Time now = 1000 * SECOND;
     Time stallTime = 0;
     std::function<void(Time)> jumpListener;
+    std::function<bool()> startListener;
     std::uint64_t steps = 0;
     std::uint64_t fingerprint = 0xcbf29ce484222325U;
     std::int64_t lowest = 0;

@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 
 namespace OrvLab {
@@ -209,6 +210,8 @@ void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_
                                                                                                      depend);
         return;
     }
+    if (!simulation->MayStart())
+        throw std::system_error(EAGAIN, std::generic_category(), "start a thread");
     const std::shared_ptr<std::thread::_State> body(std::move(*state));
     Simulation::Thread& thread = simulation->Start("", [body]() mutable { OrvLab::Watch([&] { body->_M_run(); }); });
     OrvLab::IdOf(self) = std::thread::id(static_cast<pthread_t>(thread.number));
