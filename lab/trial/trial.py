@@ -114,6 +114,7 @@ def chosen(options: argparse.Namespace) -> list[Instrument]:
     found: list[Instrument] = [
         Explorer(options.explore, "explore broker", "orv-explore"),
         Explorer(options.explore, "explore connman", "orv-explore-connman"),
+        Explorer(options.explore, "explore gateway", "orv-explore-gateway"),
         Torture(options.torture),
         Chaos(options.chaos),
     ]

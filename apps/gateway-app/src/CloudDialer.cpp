@@ -114,7 +114,7 @@ std::string OwnAddress(int socket) {
 
 struct CloudDialer::Call {
     CloudSettings settings;
-    Callback callback; // run on the loop's thread only
+    Callback callback;  // run on the loop's thread only
     bool wanted = true; // the loop's thread's
     Dialled dialled;    // the helper's until it posts
 };
