@@ -105,6 +105,8 @@ void OnMessage(mosquitto* client, const Packet& packet) {
         acknowledgement.id = packet.id;
         client->out.push_back(acknowledgement);
     }
+    if (Wire::onMessage != nullptr)
+        Wire::onMessage(client->id, packet);
     std::string topic = packet.topic;
     std::string payload = packet.payload;
     mosquitto_message message{packet.id,  topic.data(),   payload.data(), static_cast<int>(payload.size()),

@@ -134,6 +134,55 @@ void ScriptedBroker::Send(const std::string& topic) {
     }
 }
 
+void ScriptedBroker::Publish(const std::string& topic, const std::string& payload, bool asRetained) {
+    Packet message = Plain(Packet::Type::PUBLISH);
+    message.topic = topic;
+    message.payload = payload;
+    message.retained = asRetained;
+    Keep(message);
+    Deliver(topic, payload);
+}
+
+bool ScriptedBroker::Matches(const std::string& filter, const std::string& topic) {
+    const char last = filter.empty() ? '\0' : filter.back();
+    if (last != '#' && last != '+')
+        return filter == topic;
+    const std::string stem = filter.substr(0, filter.size() - 1);
+    return topic.compare(0, stem.size(), stem) == 0 &&
+           (last == '#' || topic.find('/', stem.size()) == std::string::npos);
+}
+
+// Once to each, however many of its filters match.
+void ScriptedBroker::Deliver(const std::string& topic, const std::string& payload) {
+    for (const auto& connection : connections) {
+        Connection& one = *connection;
+        const auto filter = std::find_if(one.filters.begin(), one.filters.end(),
+                                         [&](const auto& wanted) { return Matches(wanted.first, topic); });
+        if (filter == one.filters.end() || one.closed || !IsServed(one))
+            continue;
+        Packet message = Plain(Packet::Type::PUBLISH, one.nextId++);
+        message.topic = topic;
+        message.qos = filter->second;
+        message.payload = payload;
+        ++one.messages;
+        Reply(one, message);
+    }
+}
+
+void ScriptedBroker::DeliverRetained(Connection& connection, const std::string& filter) {
+    for (const auto& [topic, payload] : retained) {
+        if (!Matches(filter, topic))
+            continue;
+        Packet message = Plain(Packet::Type::PUBLISH, connection.nextId++);
+        message.topic = topic;
+        message.qos = connection.filters[filter];
+        message.payload = payload;
+        message.retained = true;
+        ++connection.messages;
+        Reply(connection, message);
+    }
+}
+
 std::shared_ptr<Connection> ScriptedBroker::Accept() {
     ++attempts;
     if (behaviour == Behaviour::DOWN)
@@ -193,10 +242,14 @@ void ScriptedBroker::Handle(Connection& connection, const Packet& packet) {
         if (granted)
             connection.filters[packet.topic] = packet.qos;
         Reply(connection, Plain(Packet::Type::SUBACK, packet.id, granted ? packet.qos : 0x80));
+        if (passesOn && granted)
+            DeliverRetained(connection, packet.topic);
         break;
     }
     case Packet::Type::PUBLISH:
         Keep(packet);
+        if (passesOn)
+            Deliver(packet.topic, packet.payload);
         if (packet.qos > 0)
             Reply(connection, Plain(Packet::Type::PUBACK, packet.id));
         if (packet.qos > 0 && connection.fate == Connection::Fate::CONFUSED) {
@@ -304,6 +357,8 @@ void ScriptedBroker::SpeakLastWill(Connection& connection) {
     message.payload = will.message;
     message.retained = will.retained;
     Keep(message);
+    if (passesOn)
+        Deliver(message.topic, message.payload);
 }
 
 std::string Text(const Packet& packet) {

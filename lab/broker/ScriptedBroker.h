@@ -120,6 +120,10 @@ public:
     void Restart();
     /// A message for everybody who has subscribed to that topic.
     void Send(const std::string& topic);
+    /// The same as if somebody had published it.
+    void Publish(const std::string& topic, const std::string& payload, bool retained);
+    /// From now on it passes on what is published, and hands what it has retained to whoever subscribes, as brokers do.
+    void PassOn() { passesOn = true; }
     /// From now on it is as good as a broker can be.
     void Heal();
     /// @}
@@ -133,6 +137,7 @@ public:
     /// The latest one of this client that was accepted and is open; null for none.
     Connection* Of(const std::string& client) const;
     const std::map<std::string, std::string>& Retained() const { return retained; }
+    static bool Matches(const std::string& filter, const std::string& topic);
     /// Payloads of all publications that it has ever read.
     bool HasReceived(const std::string& payload) const { return received.count(payload) != 0; }
 
@@ -146,6 +151,8 @@ private:
     void Close(Connection& connection);
     void SpeakLastWill(Connection& connection);
     void Keep(const Packet& publication);
+    void Deliver(const std::string& topic, const std::string& payload);
+    void DeliverRetained(Connection& connection, const std::string& filter);
     bool IsServed(const Connection& connection) const;
 
     Simulation& sim;
@@ -153,6 +160,7 @@ private:
     Behaviour behaviour = Behaviour::HEALTHY;
     std::vector<std::shared_ptr<Connection>> connections;
     bool healed = false;
+    bool passesOn = false;
     int accepted = 0;
     int attempts = 0;
     std::map<std::string, std::string> retained;

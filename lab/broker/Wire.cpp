@@ -9,6 +9,7 @@ namespace OrvLab {
 
 ScriptedBroker* Wire::broker = nullptr;
 void (*Wire::onPublish)(const std::string&, const Packet&) = nullptr;
+void (*Wire::onMessage)(const std::string&, const Packet&) = nullptr;
 bool (*Wire::isAttended)(const std::string&) = nullptr;
 int Wire::lastId = 0;
 

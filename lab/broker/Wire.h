@@ -31,6 +31,8 @@ public:
     static bool (*isAttended)(const std::string& client);
     /// Called when a publication is handed to the library.
     static void (*onPublish)(const std::string& client, const Packet& publication);
+    /// Called when the library hands a message over.
+    static void (*onMessage)(const std::string& client, const Packet& message);
     /// Message ids begin after this one.
     static int lastId;
     /// No client is left from a course that ended before its time.
