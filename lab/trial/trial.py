@@ -115,6 +115,7 @@ def chosen(options: argparse.Namespace) -> list[Instrument]:
         Explorer(options.explore, "explore broker", "orv-explore"),
         Explorer(options.explore, "explore connman", "orv-explore-connman"),
         Explorer(options.explore, "explore gateway", "orv-explore-gateway"),
+        Explorer(options.explore, "explore client", "orv-explore-client"),
         Torture(options.torture),
         Chaos(options.chaos),
     ]

@@ -1,0 +1,392 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "client/ClientProgram.h"
+
+#include "ConnInterfaceString.h"
+#include "OrvStackSdk/OrvStackSdk.h"
+#include "broker/Wire.h"
+#include "client/Edge.h"
+#include "config/GatewayConfig.h"
+#include "sim/LabLog.h"
+
+#include <chrono>
+#include <stdexcept>
+#include <utility>
+
+namespace OrvLab {
+
+namespace {
+
+ClientProgram* program = nullptr;
+Story* present = nullptr;
+
+constexpr Time INIT_LIMIT = 3100 * MILLISECOND;
+constexpr Time DEINIT_LIMIT = 1050 * MILLISECOND;
+// The route says good-bye, the session sends what it has.
+constexpr Time RELEASE_LIMIT = 1250 * MILLISECOND;
+
+OrvPlatform::GatewayConfig& Settings() {
+    static OrvPlatform::GatewayConfig settings;
+    return settings;
+}
+
+} // namespace
+
+ClientProgram::ClientProgram(Simulation& simulation, std::uint64_t seed)
+    : sim(simulation),
+      broker(simulation, seed * 3 + 7),
+      witness(simulation),
+      connman(simulation, seed * 7 + 1),
+      transfers(simulation, seed * 11 + 5),
+      files(seed * 13 + 9),
+      random(seed * 5 + 3),
+      budget(random.Between(10, 90)),
+      helpersTick(random.OneIn(2)) {
+    program = this;
+    present = nullptr;
+    Settings() = {};
+    Settings().broker.clientIdSuffix.clear();
+    Settings().cloud.endpoint = "cloud.example:8443/poke";
+    LabLog::longestStall = random.OneIn(4) ? static_cast<Time>(random.Between(1, 2000)) * MILLISECOND : 0;
+    ConnInterfaceString.clear();
+    RouteReference::path.clear();
+    Edge::Begin();
+    Wire::Reset();
+    Wire::broker = &broker;
+    Wire::onPublish = nullptr;
+    Wire::isAttended = [](const std::string&) { return false; };
+    Wire::onMessage = [](const std::string& /*client*/, const Packet& message) {
+        if (present != nullptr)
+            present->Handed(message.topic, message.payload);
+    };
+    Wire::lastId = 0;
+    broker.PassOn();
+    witness.onEffect = [this](Call& call, const Effect& effect) {
+        if (story == nullptr)
+            sim.Fail("without a client it does: " + effect.what);
+        story->Seen(call, effect);
+    };
+    witness.onEnd = [this](const std::shared_ptr<Call>& call) { story->Returned(call); };
+    witness.onDelivery = [this](const Effect& effect) {
+        if (story == nullptr)
+            sim.Fail("without a client it does: " + effect.what);
+        story->Delivered(effect);
+    };
+    sim.SetSurroundings(&broker);
+    sim.SetJumpListener([this](Time by) {
+        Wire::Jumped(by);
+        witness.Jumped(by);
+    });
+}
+
+ClientProgram::~ClientProgram() {
+    Wire::broker = nullptr;
+    Wire::onMessage = nullptr;
+    LabLog::taker = nullptr;
+    program = nullptr;
+    present = nullptr;
+}
+
+void ClientProgram::Run() {
+    // What all clients of a process have in common is as at its beginning.
+    while (!client)
+        Create();
+    RouteReference::reported = false;
+    Tick();
+    Release(false);
+    const int helpers = static_cast<int>(random.Weighted({2, 3, 2}));
+    threadsLeft = 1 + helpers;
+    std::vector<Simulation::Thread*> all;
+    all.push_back(&sim.Start("application", [this] { ApplicationThread(); }));
+    for (int number = 1; number <= helpers; ++number)
+        all.push_back(&sim.Start("helper " + std::to_string(number), [this] { HelperThread(); }));
+    all.push_back(&sim.Start("gateway", [this] { GatewayThread(); }));
+    for (Simulation::Thread* thread : all)
+        sim.Join(*thread);
+    Collect();
+}
+
+void ClientProgram::Pause() {
+    constexpr int LONGEST[] = {5, 700, 4000, 25'000};
+    sim.Sleep(static_cast<Time>(random.Below(static_cast<unsigned>(LONGEST[random.Weighted({4, 6, 3, 1})]))) *
+              MILLISECOND);
+}
+
+void ClientProgram::ApplicationThread() {
+    for (int acts = random.Between(5, 60); acts > 0 && budget > 0; --acts) {
+        if (random.OneIn(4))
+            Pause();
+        ActAtRandom(false);
+    }
+    isApplicationRunning = false;
+    --threadsLeft;
+}
+
+// Reports events, ticks and asks at its own pace, as every thread may.
+void ClientProgram::HelperThread() {
+    const Time period = static_cast<Time>(random.Between(50, 2500)) * MILLISECOND;
+    while (isApplicationRunning && budget > 0) {
+        if (random.OneIn(3))
+            Report(static_cast<int>(random.Below(random.OneIn(9) ? 13 : 12)));
+        if (helpersTick) {
+            Tick();
+            Ask();
+        }
+        sim.Sleep(random.OneIn(5) ? static_cast<Time>(random.Below(20)) * MILLISECOND : period);
+    }
+    --threadsLeft;
+}
+
+void ClientProgram::GatewayThread() {
+    using Behaviour = ScriptedBroker::Behaviour;
+    constexpr Behaviour BEHAVIOURS[] = {Behaviour::HEALTHY, Behaviour::FLAKY, Behaviour::REFUSING, Behaviour::FROZEN,
+                                        Behaviour::DOWN};
+    while (threadsLeft > 0) {
+        sim.Sleep(static_cast<Time>(random.Below(random.OneIn(3) ? 5000 : 400)) * MILLISECOND);
+        switch (random.Weighted({10, 2, 1, 1, 3, 3})) {
+        case 0:
+            SendAtRandom();
+            break;
+        case 1:
+            broker.SetBehaviour(BEHAVIOURS[random.Weighted({6, 3, 1, 1, 1})]);
+            break;
+        case 2:
+            broker.DropAll();
+            break;
+        case 3:
+            broker.Restart();
+            break;
+        case 4:
+            connman.Change();
+            break;
+        default:
+            files.Meddle();
+            Edge::wallClockAhead += static_cast<Time>(random.Between(-100, 100)) * SECOND;
+            break;
+        }
+    }
+}
+
+template <typename Body>
+std::shared_ptr<Call> ClientProgram::Watched(Call::Kind kind, const std::string& name, const std::string& text,
+                                             int value, Time limit, Body body) {
+    const Client held = client;
+    auto call = witness.Begin(kind, name, limit);
+    call->text = text;
+    call->value = value;
+    call->handlerThere = story->handlerThere;
+    ++calls;
+    try {
+        body(*held, *call);
+    } catch (const std::out_of_range&) {
+        call->threw = true;
+    } catch (const std::runtime_error&) {
+        call->threw = true;
+    }
+    --calls;
+    witness.End(call);
+    return call;
+}
+
+// In a callback, what is allowed in one.
+void ClientProgram::ActAtRandom(bool inCallback) {
+    --budget;
+    if (!client) {
+        if (!inCallback && !isReleasing)
+            Create();
+        return;
+    }
+    switch (random.Weighted({3, 1, 1, 1, 10, 10, 6, 1})) {
+    case 0:
+        if (!inCallback)
+            Init();
+        break;
+    case 1:
+        DeInit();
+        break;
+    case 2:
+        if (random.OneIn(2))
+            Release(inCallback);
+        break;
+    case 3:
+        ReleaseHandler();
+        break;
+    case 4:
+        RequestAtRandom();
+        break;
+    case 5:
+        Report(static_cast<int>(random.Below(random.OneIn(9) ? 14 : 12)));
+        break;
+    case 6:
+        Tick();
+        Ask();
+        break;
+    default:
+        Watched(Call::Kind::OTHER, random.OneIn(2) ? "Start" : "Stop", "", 0, 0,
+                [](auto& one, Call& call) { call.name == "Start" ? one.Start() : one.Stop(); });
+        break;
+    }
+}
+
+// The former client is gone for good before, so that all that is seen is this one's.
+void ClientProgram::Create() {
+    AwaitQuiet();
+    stories.push_back(std::make_unique<Story>(witness, static_cast<int>(stories.size()) + 1));
+    story = present = stories.back().get();
+    const auto call = witness.Begin(Call::Kind::CREATE, "CreateClient", INIT_LIMIT);
+    Client made;
+    try {
+        made = OrvStackSdk::CreateClient();
+    } catch (const std::runtime_error& error) {
+        call->threw = error.what() == std::string("OrvRoute cannot connect to MQTT broker.");
+    }
+    witness.End(call);
+    if (!made)
+        return;
+    client = made;
+    if (random.OneIn(12))
+        return;
+    handler = std::make_shared<LabHandler>(*this);
+    Watched(Call::Kind::OTHER, "SetHandler", "", 0, 0, [&](auto& one, Call&) { one.SetHandler(handler); });
+    story->HandlerIs(true);
+}
+
+// Not while messages may arrive, whose delivery reads the name.
+void ClientProgram::Init() {
+    if (story->isUp)
+        DeInit();
+    while (IsInUse())
+        sim.Sleep(10 * MILLISECOND);
+    sim.Sleep(static_cast<Time>(random.Below(100)) * MILLISECOND);
+    if (!client || isReleasing || story->isUp || IsInUse())
+        return;
+    constexpr const char* NAMES[] = {"app", "App", "shutdown_readiness", "a+b", "\xff", "eine-andere"};
+    const std::string name = NAMES[random.Weighted({12, 2, 1, 1, 1, 2})];
+    isInInit = true;
+    story->Connects(name);
+    Watched(Call::Kind::OTHER, "Init", name, 0, INIT_LIMIT, [&](auto& one, Call&) { one.Init(name); });
+    isInInit = false;
+}
+
+void ClientProgram::DeInit() {
+    story->DeliveryIsInterrupted();
+    Watched(Call::Kind::OTHER, "DeInit", "", 0, DEINIT_LIMIT, [](auto& one, Call&) { one.DeInit(); });
+}
+
+void ClientProgram::Release(bool /*inCallback*/) {
+    if (isInInit || isReleasing)
+        return;
+    isReleasing = true;
+    story->DeliveryIsInterrupted();
+    const auto call = witness.Begin(Call::Kind::RELEASE, "the release", RELEASE_LIMIT);
+    Client().swap(client);
+    witness.End(call);
+    isReleasing = false;
+}
+
+void ClientProgram::ReleaseHandler() {
+    if (!handler)
+        return;
+    story->HandlerIs(false);
+    std::shared_ptr<LabHandler>().swap(handler);
+}
+
+void ClientProgram::Report(int event) {
+    if (!client)
+        return;
+    if (event == 12 && random.OneIn(2))
+        return;
+    const auto call = Watched(Call::Kind::EVENT, "EventUpdateRequest", "", event, 0, [&](auto& one, Call&) {
+        one.EventUpdateRequest(static_cast<OrvStackSdk::OrvEvent>(event));
+    });
+    if (call->threw != (event > 12))
+        sim.Fail("the event " + std::to_string(event) + (call->threw ? " throws" : " does not throw"));
+}
+
+void ClientProgram::Tick() {
+    if (!client)
+        return;
+    Watched(Call::Kind::TICK, "Tick", "", 0, 0, [&](auto& one, Call& call) {
+        one.Tick(std::chrono::milliseconds(random.Between(-10, 1000)));
+        if (!helpersTick)
+            call.path = ConnInterfaceString;
+    });
+}
+
+void ClientProgram::Ask() {
+    if (!client || isAsking)
+        return;
+    isAsking = true;
+    Watched(Call::Kind::RECONNECT, "CloudReconnectNeeded", "", 0, 0,
+            [](auto& one, Call& call) { call.answer = one.CloudReconnectNeeded(); });
+    isAsking = false;
+}
+
+void ClientProgram::RequestAtRandom() {
+    using namespace OrvStackSdk;
+    const int value = static_cast<int>(random.Below(8));
+    const std::string text = AnyText();
+    std::shared_ptr<Call> call;
+    bool isWrong = false;
+    switch (random.Below(5)) {
+    case 0:
+        isWrong = value > 6;
+        call = Watched(Call::Kind::OTHER, "AppStatusRequest", "", value, 0,
+                       [&](auto& one, Call&) { one.AppStatusRequest(static_cast<AppStatus>(value)); });
+        break;
+    case 1:
+        isWrong = value % 5 > 3;
+        call =
+            Watched(Call::Kind::OTHER, "AppActionRequest", random.OneIn(2) ? story->feature : "other", value % 5, 0,
+                    [&](auto& one, Call& made) { one.AppActionRequest(made.text, static_cast<AppAction>(value % 5)); });
+        break;
+    case 2:
+        call = Watched(Call::Kind::OTHER, "RequestShutdown", "", 0, 0, [](auto& one, Call&) { one.RequestShutdown(); });
+        break;
+    case 3:
+        call = Watched(Call::Kind::OTHER, "PanelCommandRequest", text, value + (random.OneIn(9) ? 1 : 0), 0,
+                       [&](auto& one, Call& made) { one.PanelCommandRequest(text, made.value); });
+        break;
+    default:
+        call = Watched(Call::Kind::OTHER, "SendConnectionStatus", text, 0, 0,
+                       [&](auto& one, Call&) { one.SendConnectionStatus(text); });
+        break;
+    }
+    if (call->threw != isWrong)
+        sim.Fail(call->name + " with " + std::to_string(value) + (isWrong ? " does not throw" : " throws"));
+}
+
+bool ClientProgram::IsInUse() const {
+    return calls != 0 || callbacks != 0 || (story->IsDelivering() && !story->IsCutShort());
+}
+
+void ClientProgram::AwaitQuiet() {
+    while (story != nullptr && (IsInUse() || (!story->isGone && !client) || Edge::LivingOwners() != (client ? 2U : 0U)))
+        sim.Sleep(10 * MILLISECOND);
+    if (!client)
+        transfers.Forget();
+}
+
+void ClientProgram::Called(const std::string& what, bool isConfirmation) {
+    ++callbacks;
+    witness.BeginCallback(what);
+    sim.Step("callback");
+    if (!isCollecting && budget > 0 && random.OneIn(3)) {
+        if (random.OneIn(3))
+            Pause();
+        if (client && !(isConfirmation && random.OneIn(2)))
+            ActAtRandom(true);
+    }
+    sim.Step("return from the callback");
+    witness.EndCallback();
+    --callbacks;
+}
+
+} // namespace OrvLab
+
+namespace OrvPlatform {
+
+const GatewayConfig& Config() {
+    return OrvLab::Settings();
+}
+
+} // namespace OrvPlatform

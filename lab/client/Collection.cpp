@@ -1,0 +1,135 @@
+// SPDX-License-Identifier: Apache-2.0
+// The end of a program: all is well, and everything that is owed is collected.
+#include "broker/Wire.h"
+#include "client/ClientProgram.h"
+#include "client/Edge.h"
+#include "client/Words.h"
+#include "sim/LabLog.h"
+
+namespace OrvLab {
+
+namespace {
+
+constexpr Time SETTLED = 20 * SECOND;
+
+} // namespace
+
+void ClientProgram::Collect() {
+    isCollecting = true;
+    LabLog::longestStall = 0;
+    sim.DisableStalls();
+    broker.Heal();
+    connman.Heal();
+    files.Heal();
+    sim.Sleep(SETTLED);
+    AwaitQuiet();
+    if (!client)
+        Create();
+    if (!client)
+        sim.Fail("no client though all is well");
+    CheckRetained();
+    CheckDelivery();
+    CheckRoute();
+    CheckFiles();
+    const bool saysGoodBye = random.OneIn(2);
+    if (saysGoodBye)
+        DeInit();
+    Release(false);
+    CheckEnd(saysGoodBye);
+}
+
+/// A broker that has forgotten everything is told everything again.
+void ClientProgram::CheckRetained() {
+    if (!story->isUp)
+        return;
+    for (int event : {2, 3})
+        Report(event);
+    broker.Restart();
+    sim.Sleep(SETTLED);
+    if (!story->IsQuiet())
+        sim.Fail("a call is not compared though all is quiet");
+    for (const auto& [topic, payloads] : story->Retained()) {
+        const auto found = broker.Retained().find(topic);
+        const std::string retained = found != broker.Retained().end() ? found->second : "";
+        if (payloads.count(retained) == 0)
+            sim.Fail("the broker should retain " + topic + "=" + *payloads.begin() + ", not " + retained);
+    }
+    for (const auto& [topic, payload] : broker.Retained())
+        if (story->Retained().count(topic) == 0 && topic != RouteReference::TOPIC)
+            sim.Fail("the broker retains " + topic + "=" + payload + ", which nobody has asked for");
+    const auto inhibited = broker.Retained().find(RouteReference::TOPIC);
+    if ((inhibited == broker.Retained().end() ? "" : inhibited->second) != story->route.inhibited)
+        sim.Fail("the broker should retain that DNS changes are: " + story->route.inhibited);
+}
+
+/// Each message reaches the application.
+void ClientProgram::CheckDelivery() {
+    Init();
+    if (!story->isUp)
+        Init();
+    sim.Sleep(SECOND);
+    for (const char* topic : {Texts::GUID, Texts::PANEL_CONNECTION, Texts::CELLULAR_TOPICS[0],
+                              Texts::CELLULAR_TOPICS[4], "/orv/apps_control/features/shutdown_readiness/a"})
+        broker.Publish(topic, "ready", false);
+    sim.Sleep(SECOND);
+    if (!story->HasSeenAll())
+        sim.Fail("a message has not reached the application");
+    if (random.OneIn(4))
+        return;
+    broker.DropAll();
+    sim.Sleep(SETTLED);
+    broker.Publish(Texts::GUID, "after a loss", false);
+    sim.Sleep(SECOND);
+    if (!story->HasSeenAll())
+        sim.Fail("a message has not reached the application after a loss");
+}
+
+/// A lost cloud is found over Cellular, and over Ethernet again.
+void ClientProgram::CheckRoute() {
+    const auto demand = [this](RouteReference::State state, const char* top, int seconds) {
+        for (int tick = 0; tick < seconds && (tick < 7 || story->route.state != state); ++tick) {
+            Tick();
+            Ask();
+            sim.Sleep(SECOND);
+        }
+        if (!story->IsQuiet())
+            sim.Fail("a call is not compared though all is quiet");
+        if (story->route.state != state || connman.Top() != top)
+            sim.Fail("the route is in state " + std::to_string(story->route.state) + " over " + connman.Top());
+        if (transfers.Living() != (story->route.hasPoke ? 1U : 0U) || transfers.LivingStacks() != transfers.Living())
+            sim.Fail("a transfer is left");
+    };
+    transfers.Heal(true);
+    for (int event : {6, 5, 0})
+        Report(event);
+    demand(RouteReference::ETHERNET, RouteReference::ETHERNET_NAME, 120);
+    if (random.OneIn(3))
+        return;
+    for (int event : {1, 7, 9, 10})
+        Report(event);
+    demand(RouteReference::CELLULAR, RouteReference::CELLULAR_NAME, 60);
+    for (int event : {0, 6})
+        Report(event);
+    demand(RouteReference::ETHERNET, RouteReference::ETHERNET_NAME, 60);
+}
+
+void ClientProgram::CheckFiles() {
+    if (files.Content(SimulatedFiles::STATUS) != story->StatusText())
+        sim.Fail("the status file has: " + files.Content(SimulatedFiles::STATUS));
+    if (story->failure && files.Content(SimulatedFiles::ERROR) != story->errorText)
+        sim.Fail("the error file has: " + files.Content(SimulatedFiles::ERROR));
+}
+
+void ClientProgram::CheckEnd(bool /*saidGoodBye*/) {
+    sim.Sleep(2 * SECOND);
+    if (!story->isGone || Edge::LivingOwners() != 0)
+        sim.Fail("the client is not gone");
+    if (sim.ThreadsAlive() != 1)
+        sim.Fail("a thread is left");
+    if (Wire::Clients() != 0)
+        sim.Fail("a client of the broker's library is left");
+    if (Descriptors::Of().Count() != 0)
+        sim.Fail("a descriptor is left");
+}
+
+} // namespace OrvLab

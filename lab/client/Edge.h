@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "sim/Simulation.h"
+
+#include <cstddef>
+#include <string>
+
+namespace OrvLab {
+
+/// The edge of the client library, where the witness stands.
+struct Edge {
+    static void Begin();
+    /// Broker connections that were made and not destroyed.
+    static std::size_t LivingOwners();
+    /// What the wall clock is off.
+    static Time wallClockAhead;
+
+    /// @name The witness' words
+    /// @{
+    static std::string Record(const std::string& level, const std::string& logger, const std::string& tag,
+                              const std::string& text);
+    static std::string Publication(const std::string& owner, bool retained, bool assured, const std::string& topic,
+                                   const std::string& payload);
+    /// @}
+};
+
+} // namespace OrvLab

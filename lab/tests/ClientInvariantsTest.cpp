@@ -1,0 +1,183 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the explorer of the client library demands, broken on purpose.
+#include "client/Edge.h"
+#include "client/Story.h"
+#include "client/Witness.h"
+#include "sim/Simulation.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace OrvLab {
+
+namespace {
+
+/// A client whose library is played by the test.
+struct Play {
+    explicit Play(Simulation& simulation) : witness(simulation), story(witness, 1) {
+        RouteReference::reported = false;
+        RouteReference::path.clear();
+        witness.onEffect = [this](Call& call, const Effect& effect) { story.Seen(call, effect); };
+        witness.onEnd = [this](const std::shared_ptr<Call>& call) { story.Returned(call); };
+        witness.onDelivery = [this](const Effect& effect) { story.Delivered(effect); };
+        story.feature = "app";
+        story.HandlerIs(true);
+    }
+
+    std::shared_ptr<Call> Do(Call::Kind kind, const std::string& name, int value,
+                             const std::vector<std::string>& effects) {
+        auto call = witness.Begin(kind, name, 0);
+        call->value = value;
+        for (const std::string& effect : effects)
+            witness.Note(effect);
+        witness.End(call);
+        return call;
+    }
+
+    Witness witness;
+    Story story;
+};
+
+void RunPlay(const std::function<void(Play&)>& play) {
+    Simulation simulation(1, false);
+    simulation.Run([&] {
+        Play one(simulation);
+        play(one);
+    });
+}
+
+void Fails(const std::function<void(Play&)>& play, const char* text) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(RunPlay(play), testing::ExitedWithCode(Simulation::FAILED), text);
+}
+
+constexpr int ETHERNET_CONNECTED = 5;
+
+std::vector<std::string> AnEvent() {
+    const auto led = [](const char* text) { return Edge::Record("trace", "OrvSessionMqtt", "LedUpdateRequest", text); };
+    const std::string yellow = "/orv/led/connected_services_yellow";
+    const std::string green = "/orv/led/connected_services_green";
+    const std::string absent = "/orv/apps_control/features/Ent/status/NoExtNet";
+    return {Edge::Record("trace", "OrvStackClient", "EventUpdateRequest", "(event=ETHERNET_CONNECTED)"),
+            led("(Led=YELLOW, State=ON)"),
+            led(("(Led=" + yellow + ", State=On)").c_str()),
+            Edge::Publication("ORV_Stack", true, false, yellow, "On"),
+            led("(Led=GREEN, State=OFF)"),
+            led(("(Led=" + green + ", State=Off)").c_str()),
+            Edge::Publication("ORV_Stack", true, false, green, "Off"),
+            Edge::Record("trace", "OrvSessionMqtt", "StatusExtNetRequest", "(NoExtNet=1)"),
+            Edge::Publication("ORV_Stack", true, false, absent, "true"),
+            "put on top eth0",
+            "wrote /var/tmp/new_enterprise_statuses.csv=\"Enterprise Feature\",\"Disabled\"\n\"Cloud "
+            "Connection\",\"Down\"\n\"Ethernet\",\"Up\"\n\"Cellular\",\"Down\""};
+}
+
+std::vector<std::string> Without(std::vector<std::string> effects, std::size_t which) {
+    effects.erase(effects.begin() + static_cast<std::ptrdiff_t>(which));
+    return effects;
+}
+
+} // namespace
+
+TEST(AnInvariantOfTheClient, IsMetByAnEvent) {
+    RunPlay([](Play& play) {
+        play.Do(Call::Kind::EVENT, "EventUpdateRequest", ETHERNET_CONNECTED, AnEvent());
+        EXPECT_TRUE(play.story.IsQuiet());
+    });
+}
+
+TEST(AnInvariantOfTheClient, DemandsEachPartOfAnEvent) {
+    for (std::size_t part = 0; part < AnEvent().size(); ++part)
+        Fails(
+            [part](Play& play) {
+                play.Do(Call::Kind::EVENT, "EventUpdateRequest", ETHERNET_CONNECTED, Without(AnEvent(), part));
+            },
+            "should: ");
+}
+
+TEST(AnInvariantOfTheClient, DemandsThatEventsAreOnePieceEach) {
+    Fails(
+        [](Play& play) {
+            auto first = play.witness.Begin(Call::Kind::EVENT, "EventUpdateRequest", 0);
+            first->value = ETHERNET_CONNECTED;
+            const std::vector<std::string> effects = AnEvent();
+            play.witness.Note(effects[0]);
+            play.witness.Note(effects[1]);
+            auto& other = play.witness.sim.Start("another", [&] {
+                play.Do(Call::Kind::EVENT, "EventUpdateRequest", ETHERNET_CONNECTED,
+                        {effects[0], effects[7], effects[8], effects[9], effects[10]});
+            });
+            play.witness.sim.Join(other);
+            for (std::size_t index = 2; index < effects.size(); ++index)
+                play.witness.Note(effects[index]);
+            play.witness.End(first);
+        },
+        "two events are worked on at the same time");
+}
+
+TEST(AnInvariantOfTheClient, DemandsThatATickDoesWhatIsDue) {
+    Fails([](Play& play) { play.Do(Call::Kind::TICK, "Tick", 0, {}); }, "a tick does nothing in state 0");
+    RunPlay([](Play& play) {
+        play.Do(Call::Kind::TICK, "Tick", 0,
+                {"clock", Edge::Record("debug", "OrvRoute", "Tick", "eth cloud lost, start delay to cell")});
+    });
+}
+
+TEST(AnInvariantOfTheClient, LetsNobodyReconnectForNothing) {
+    Fails(
+        [](Play& play) {
+            auto call = play.witness.Begin(Call::Kind::RECONNECT, "CloudReconnectNeeded", 0);
+            call->answer = true;
+            play.witness.End(call);
+        },
+        "told to reconnect for nothing");
+}
+
+TEST(AnInvariantOfTheClient, LetsNoMessageBeSkipped) {
+    const auto seen = [](Play& play, const std::string& payload) {
+        play.witness.Note(Edge::Record("trace", "OrvSessionMqtt", "OnPublish",
+                                       "(topic=/orv/panel/other, message=" + payload + "): Message not handled"));
+    };
+    RunPlay([&](Play& play) {
+        for (const char* payload : {"1", "2"})
+            play.story.Handed("/orv/panel/other", payload);
+        seen(play, "1");
+        seen(play, "2");
+        EXPECT_TRUE(play.story.HasSeenAll());
+    });
+    Fails(
+        [&](Play& play) {
+            for (const char* payload : {"1", "2"})
+                play.story.Handed("/orv/panel/other", payload);
+            seen(play, "2");
+        },
+        "message=1");
+}
+
+TEST(AnInvariantOfTheClient, WatchesTheOrderOfItsEnd) {
+    Fails(
+        [](Play& play) {
+            play.witness.Note(Edge::Record("trace", "OrvStackClient", "~OrvStackClient", ""));
+            play.witness.Note("disconnect OrvRoute");
+        },
+        "its end should: stop the delivery of OrvRoute");
+}
+
+TEST(AnInvariantOfTheClient, LimitsHowLongACallWaits) {
+    Fails(
+        [](Play& play) {
+            play.witness.sim.SetJumpListener([&](Time by) { play.witness.Jumped(by); });
+            auto call = play.witness.Begin(Call::Kind::OTHER, "Stop", 0);
+            play.witness.sim.DisableStalls();
+            play.witness.sim.Sleep(10 * SECOND);
+            play.witness.Note(Edge::Record("trace", "OrvStackClient", "Stop", ""));
+            play.witness.End(call);
+        },
+        "Stop has waited for ");
+}
+
+} // namespace OrvLab
