@@ -6,6 +6,7 @@
 // Exit status: 0 when nothing was found, otherwise 1, and the seed is printed.
 #include "Explored.h"
 #include "sim/Simulation.h"
+#include "sim/ThreadLocals.h"
 
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -25,16 +26,20 @@
 #include <thread>
 #include <vector>
 
+// An explorer may have its own.
+__attribute__((weak)) std::uint64_t OrvLab::SeedsOfAProcess() {
+#ifdef ORV_LAB_THREAD_SANITIZER
+    return 100;
+#else
+    return 500;
+#endif
+}
+
 namespace {
 
 using OrvLab::Simulation;
 using Clock = std::chrono::steady_clock;
 
-#ifdef ORV_LAB_THREAD_SANITIZER
-constexpr std::uint64_t BATCH = 100;
-#else
-constexpr std::uint64_t BATCH = 500;
-#endif
 // A seed takes a millisecond or two; this is for a machine that is busy with other things.
 constexpr std::chrono::seconds HANGS{120};
 
@@ -136,14 +141,15 @@ std::uint64_t Culprit(const Worker& worker) {
 }
 
 int Explore(std::chrono::seconds duration, std::uint64_t from, unsigned jobs) {
+    const OrvLab::ThreadLocals known; // once for all processes
     const auto begin = Clock::now();
     std::vector<Worker> workers(jobs);
     std::uint64_t next = from;
     std::uint64_t ran = 0;
     for (Worker& worker : workers) {
         worker.progress = SharedProgress();
-        Begin(worker, next, next + BATCH);
-        next += BATCH;
+        Begin(worker, next, next + OrvLab::SeedsOfAProcess());
+        next += OrvLab::SeedsOfAProcess();
     }
     std::printf("explore: seeds from %llu\n", static_cast<unsigned long long>(from));
     int found = 0;
@@ -158,8 +164,8 @@ int Explore(std::chrono::seconds duration, std::uint64_t from, unsigned jobs) {
                 ++found;
                 std::printf("explore: seed %llu fails\n", static_cast<unsigned long long>(Culprit(worker)));
             } else if (found == 0 && Clock::now() - begin < duration) {
-                Begin(worker, next, next + BATCH);
-                next += BATCH;
+                Begin(worker, next, next + OrvLab::SeedsOfAProcess());
+                next += OrvLab::SeedsOfAProcess();
             }
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(2));

@@ -158,6 +158,7 @@ void Fiber::Leave(Fiber& next, bool forGood) {
     error = errno;
     // What the C++ runtime keeps of a thread: the exceptions that are caught, and the number of those in flight.
     std::memcpy(static_cast<void*>(exceptions), abi::__cxa_get_globals(), sizeof exceptions);
+    locals.Exchange(); // theirs are kept, and what was there is back
     arriving = &next;
 #ifdef ORV_LAB_ADDRESS_SANITIZER
     leaving = this;
@@ -186,6 +187,7 @@ void Fiber::Arrived() {
     }
 #endif
     std::memcpy(abi::__cxa_get_globals(), static_cast<const void*>(exceptions), sizeof exceptions);
+    locals.Exchange();
     errno = error;
 }
 

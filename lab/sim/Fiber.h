@@ -2,6 +2,7 @@
 #pragma once
 
 #include "sim/Races.h"
+#include "sim/ThreadLocals.h"
 
 #include <cstddef>
 #include <functional>
@@ -47,6 +48,7 @@ private:
     [[maybe_unused]] void* fakeStack = nullptr;
     void* exceptions[2] = {nullptr, nullptr};
     int error = 0;
+    ThreadLocals locals;
 #ifdef ORV_LAB_THREAD_SANITIZER
     void* thread = nullptr; // to the sanitizer
     bool watched = true;

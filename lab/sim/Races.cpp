@@ -42,6 +42,8 @@ void Races::Watch(bool yes) {
 
 void Races::Begin() {
     AnnotateBenignRaceSized(__FILE__, __LINE__, &errno, sizeof errno, "each fiber has its own there");
+    for (const ThreadLocals::Range& range : ThreadLocals::All())
+        AnnotateBenignRaceSized(__FILE__, __LINE__, range.begin, range.size, "each fiber has its own there");
 }
 
 void Races::Acquire(const void* thing) {

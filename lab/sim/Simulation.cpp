@@ -66,6 +66,8 @@ Simulation::Thread& Simulation::Start(const std::string& name, std::function<voi
             Fail("an exception leaves " + thread.name + ": " + exception.what());
         }
         thread.body = nullptr;
+        if (endListener)
+            endListener();
         if (thread.locks != 0)
             Fail(thread.name + " ends and holds a lock");
         thread.ended = true;
@@ -260,6 +262,9 @@ void Simulation::Fail(const std::string& what) {
     std::fprintf(stderr, "seed %llu, %.6f s, %s: %s\n", static_cast<unsigned long long>(seed),
                  static_cast<double>(now - 1000 * SECOND) / SECOND, running != nullptr ? running->name.c_str() : "",
                  what.c_str());
+    if (failureListener)
+        failureListener();
+    const Watched watched; // or this end would be a fault to ThreadSanitizer, too
     _exit(FAILED);
 }
 

@@ -73,6 +73,10 @@ public:
     /// Asked at each start of a thread by the code that is explored; false: it cannot be started.
     void SetStartListener(std::function<bool()> listener) { startListener = std::move(listener); }
     bool MayStart() const { return !startListener || startListener(); }
+    /// Told in each thread of its end, before its locks are counted.
+    void SetEndListener(std::function<void()> listener) { endListener = std::move(listener); }
+    /// Told before a fault ends the process.
+    void SetFailureListener(std::function<void()> listener) { failureListener = std::move(listener); }
     void SetSurroundings(Surroundings* what) { surroundings = what; }
 
     /// Runs this as the first thread, and all that it starts, until all have ended.
@@ -154,6 +158,8 @@ private:
     Time stallTime = 0;
     std::function<void(Time)> jumpListener;
     std::function<bool()> startListener;
+    std::function<void()> endListener;
+    std::function<void()> failureListener;
     std::uint64_t steps = 0;
     std::uint64_t fingerprint = 0xcbf29ce484222325U;
     std::int64_t lowest = 0;

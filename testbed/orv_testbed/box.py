@@ -56,8 +56,7 @@ class Box:
         return {"ORV_SOURCE_ROUTES": program("orv-source-routes")}
 
     def __enter__(self) -> Self:
-        if self._has_left_something():
-            self("down")
+        self("down")
         try:
             self("up", *self.kind)
         except BaseException:
@@ -72,10 +71,6 @@ class Box:
                 process.kill()
             process.wait()
         self("down")
-
-    def _has_left_something(self) -> bool:
-        """Whether there is anything of a box of this name."""
-        return self.folder.exists() or any(pathlib.Path("/run/netns").glob(f"{self.name}-*"))
 
     def __call__(self, *words: str, must_succeed: bool = True) -> str:
         done = self.try_to(*words)

@@ -6,10 +6,8 @@ import fcntl
 import os
 import pathlib
 import re
-from typing import TYPE_CHECKING
 
-if TYPE_CHECKING:  # the command notes a fault without it
-    from orv_testbed.box import Box
+from orv_testbed.box import Box
 
 NO_FAULT = {"back", "off", "up", "ok", "one", "gone", "renumber"}  # as a command's last word
 

@@ -3,9 +3,9 @@
 #include "CommonUtils/Logger.h"
 #include "quillogger/LogWrapper.h"
 #include "support/LoggerFixture.h"
-#include "support/Pattern.h"
 
 #include <atomic>
+#include <regex>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -79,10 +79,9 @@ TEST_F(ALogger, MayBeUsedByAllThreadsAtOnce) {
             thread.join();
     });
     EXPECT_EQ(lines.size(), 3000U);
-    const OrvTest::Pattern whole(
-        R"(info \[Shared\] \d \d+|debug \[Own\] Tag: \d \d+|warning \[Wrapped:\d+\] f\(\): \d)");
+    const std::regex whole(R"(info \[Shared\] \d \d+|debug \[Own\] Tag: \d \d+|warning \[Wrapped:\d+\] f\(\): \d)");
     for (const std::string& line : lines)
-        ASSERT_TRUE(whole.Matches(line)) << line;
+        ASSERT_TRUE(std::regex_match(line, whole)) << line;
 }
 
 // A sanitizer's own locks may be held by a thread that the child does not have: AddressSanitizer's allocator, and the

@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: Apache-2.0
+// Another thread may go on at each call that reads or writes a file. The files are real ones.
+#include "log/SystemCalls.h"
+
+#include "sim/Simulation.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <map>
+#include <utility>
+
+namespace OrvLab {
+
+namespace {
+
+std::map<pthread_key_t, void (*)(void*)>& Destructors() {
+    static std::map<pthread_key_t, void (*)(void*)> destructors;
+    return destructors;
+}
+
+std::map<std::pair<int, pthread_key_t>, const void*>& Values() {
+    static std::map<std::pair<int, pthread_key_t>, const void*> values;
+    return values;
+}
+
+void Step(const char* doing) {
+    if (Simulation* simulation = Simulation::Current())
+        simulation->Step(doing);
+}
+
+} // namespace
+
+void EndThreadsValues() {
+    const int self = Simulation::Current()->Self().number;
+    for (const auto& [key, destroy] : Destructors()) {
+        const auto value = Values().find({self, key});
+        if (value == Values().end() || value->second == nullptr)
+            continue;
+        void* object = const_cast<void*>(value->second);
+        Values().erase(value);
+        Watch([destroy = destroy, object] { destroy(object); });
+    }
+}
+
+} // namespace OrvLab
+
+using OrvLab::Simulation;
+using OrvLab::Unwatched;
+
+extern "C" {
+
+// NOLINTBEGIN(bugprone-reserved-identifier)
+int __real_open64(const char* path, int flags, mode_t mode);
+ssize_t __real_read(int file, void* buffer, std::size_t size);
+ssize_t __real_write(int file, const void* buffer, std::size_t size);
+int __real_rename(const char* from, const char* to);
+int __real_pthread_key_create(pthread_key_t* key, void (*destroy)(void*));
+int __real_pthread_setspecific(pthread_key_t key, const void* value);
+
+int __wrap_open64(const char* path, int flags, ...) {
+    const Unwatched unwatched;
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    OrvLab::Step("open");
+    return __real_open64(path, flags, mode);
+}
+
+ssize_t __wrap_read(int file, void* buffer, std::size_t size) {
+    const Unwatched unwatched;
+    OrvLab::Step("read");
+    return __real_read(file, buffer, size);
+}
+
+// At times only a part of it, as at a signal; but a pipe takes so little whole or not at all.
+ssize_t __wrap_write(int file, const void* buffer, std::size_t size) {
+    const Unwatched unwatched;
+    OrvLab::Step("write");
+    Simulation* simulation = Simulation::Current();
+    struct stat target {};
+    const bool inPart = simulation != nullptr && size > 1 && simulation->HasSpuriousWakeUps() &&
+                        simulation->OneInSchedule(10) && fstat(file, &target) == 0 && S_ISREG(target.st_mode);
+    return __real_write(file, buffer, inPart ? size / 2 : size);
+}
+
+int __wrap_rename(const char* from, const char* to) {
+    const Unwatched unwatched;
+    OrvLab::Step("rename");
+    return __real_rename(from, to);
+}
+
+// What is kept for a thread is kept for a fiber, and destroyed at its end.
+int __wrap_pthread_key_create(pthread_key_t* key, void (*destroy)(void*)) {
+    const Unwatched unwatched;
+    const int error = __real_pthread_key_create(key, destroy);
+    if (error == 0 && destroy != nullptr && Simulation::Current() != nullptr)
+        OrvLab::Destructors().emplace(*key, destroy);
+    return error;
+}
+
+int __wrap_pthread_setspecific(pthread_key_t key, const void* value) {
+    const Unwatched unwatched;
+    Simulation* simulation = Simulation::Current();
+    if (simulation == nullptr)
+        return __real_pthread_setspecific(key, value);
+    OrvLab::Values()[{simulation->Self().number, key}] = value;
+    return 0;
+}
+// NOLINTEND(bugprone-reserved-identifier)
+}
