@@ -9,7 +9,6 @@
 #include <link.h>
 #include <poll.h>
 #include <pthread.h>
-#include <sanitizer/common_interface_defs.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -21,7 +20,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <iterator>
 #include <new>
@@ -35,7 +33,6 @@ std::atomic<int> armed{-1};
 std::atomic<long> failsAt{0};
 std::atomic<bool> failsLater{false};
 std::atomic<long> failed{0};
-std::atomic<bool> printsPlaces{false};
 std::atomic<Place*> placeTold{nullptr};
 std::atomic<std::atomic<long>*> failedTold{nullptr};
 thread_local bool counted = false;
@@ -79,15 +76,11 @@ _Unwind_Reason_Code NoteFrame(_Unwind_Context* context, void* given) {
     return _URC_NO_REASON;
 }
 
-void TellPlace(Call call, long number) {
+void TellPlace() {
     const Tortured notThis(false);
     if (Place* place = placeTold) {
         Walk walk{*place, 0};
         _Unwind_Backtrace(NoteFrame, &walk);
-    }
-    if (printsPlaces) {
-        std::fprintf(stderr, "%s number %ld fails:\n", NameOf(call), number);
-        __sanitizer_print_stack_trace();
     }
 }
 
@@ -99,7 +92,7 @@ bool Fails(Call call, int error) {
     if (armed != static_cast<int>(call) || number < failsAt || (number > failsAt && !failsLater))
         return false;
     if (failed++ == 0)
-        TellPlace(call, number);
+        TellPlace();
     if (std::atomic<long>* told = failedTold)
         ++*told;
     errno = error;
@@ -147,10 +140,6 @@ long Failures::Count(Call call) {
 
 long Failures::Failed() {
     return failed;
-}
-
-void Failures::PrintPlaces(bool print) {
-    printsPlaces = print;
 }
 
 void Failures::NotePlace(Place* place) {

@@ -29,8 +29,6 @@ public:
     static void Reset();
     static long Count(Call call);
     static long Failed();
-    /// Prints where the first failure happens.
-    static void PrintPlaces(bool print);
     /// Where the first failure happens is put there, as addresses of code from the inside outwards; null for none.
     static void NotePlace(Place* place);
     /// How often something has failed is put there, too.

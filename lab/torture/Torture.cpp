@@ -125,6 +125,8 @@ void Torture::Note(const Attempt& attempt) {
 /// What was waited for in vain is waited for once more, with nothing else going on.
 void Torture::TryAgain() {
     for (const Point& point : doubtful) {
+        if (options.faults != 0 && found >= options.faults)
+            break;
         bool failsAgain = false;
         for (int count = 0; count < 3 && !failsAgain; ++count) {
             Attempt again(point);
@@ -212,10 +214,12 @@ int RunOne(const std::string& name, const std::string& call, long number, bool l
             if (name == program.name && call == NameOf(static_cast<Call>(index))) {
                 Attempt plain({&program, Call::NEW, 0, false});
                 plain.Wait();
-                Failures::PrintPlaces(true);
-                const long failed = RunPoint({&program, static_cast<Call>(index), number, later, plain.Descriptors()});
-                std::cout << "failed " << failed << " times, nothing found" << std::endl;
-                return 0;
+                Attempt one({&program, static_cast<Call>(index), number, later, plain.Descriptors()});
+                one.Wait();
+                one.PrintCourse();
+                std::cout << one.point.Text() << ": " << (one.Verdict().empty() ? "nothing found" : one.Verdict())
+                          << (one.HasFailed() ? "" : "; no call has failed") << std::endl;
+                return one.Verdict().empty() ? 0 : 1;
             }
     std::cerr << "torture: no such program or call: " << name << " " << call << "\n";
     return 2;
