@@ -1,8 +1,11 @@
-# orv_add_test(NAME SOURCES ... LIBRARIES ... [LABELS ...] [LOCKS ...] [TIMEOUT s] [WRAPPER command...] [PROCESSES n] [COVERING])
+# orv_add_test(NAME SOURCES ... LIBRARIES ... [LABELS ...] [LOCKS ...] [TIMEOUT s] [WRAPPER command...] [PROCESSES n] [COVERING]
+#              [WRITES_VAR_TMP])
 #   One GoogleTest program. ctest knows each of its tests by its own name and runs each in a process of its own. With
 #   ORV_TESTS_TOGETHER in its environment it runs them in few processes (tests/runner/together.py).
 #   LABELS: unit, broker, tls, bus, ... (ctest -L unit).
-#   LOCKS: resources that no two tests may use at a time, e.g. var-tmp (the status files have fixed paths).
+#   LOCKS: resources that no two tests may use at a time.
+#   WRITES_VAR_TMP: the tests have the status files written, whose paths are fixed. Each process gets a /var/tmp of its own; on
+#     a machine that does not permit that, one such test runs at a time.
 #   TIMEOUT: of each test (default: 300 s).
 #   PROCESSES: how many those are (default: 1); more where tests mostly wait.
 #   WRAPPER: the command that starts the program, for tests that need surroundings of their own.
@@ -67,15 +70,27 @@ function(orv_or_together timeout processes)
   endforeach()
   # A list, such as two labels, does not survive gtest_discover_tests' own PROPERTIES.
   set(file ${CMAKE_CURRENT_BINARY_DIR}/${name}-for-ctest.cmake)
-  file(WRITE ${file} "if(DEFINED ENV{ORV_TESTS_TOGETHER})\n${together}else()\n  include([==[${one_by_one}]==])\n"
+  set(permitted "")
+  if(properties MATCHES var_tmp_lock)
+    set(permitted "execute_process(COMMAND unshare --mount --propagation private mount -t tmpfs orv /var/tmp
+  RESULT_VARIABLE denied OUTPUT_QUIET ERROR_QUIET)
+set(var_tmp_lock)
+if(denied)
+  set(var_tmp_lock RESOURCE_LOCK var-tmp)
+endif()\n")
+  endif()
+  file(WRITE ${file} "${permitted}if(DEFINED ENV{ORV_TESTS_TOGETHER})\n${together}else()\n  include([==[${one_by_one}]==])\n"
     "  if(${name}_names)\n    set_tests_properties(\${${name}_names} PROPERTIES ${properties_of_one})\n  endif()\nendif()\n")
   set_property(DIRECTORY PROPERTY TEST_INCLUDE_FILES ${included} ${file})
 endfunction()
 
 function(orv_add_test name)
-  cmake_parse_arguments(PARSE_ARGV 1 ARG "COVERING" "TIMEOUT;PROCESSES" "SOURCES;LIBRARIES;LABELS;LOCKS;WRAPPER")
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "COVERING;WRITES_VAR_TMP" "TIMEOUT;PROCESSES" "SOURCES;LIBRARIES;LABELS;LOCKS;WRAPPER")
   if(NOT name MATCHES "^[a-z-]+-tests$")
     message(FATAL_ERROR "a test program is called like orv-log-tests, but this one: ${name}")
+  endif()
+  if(ARG_WRITES_VAR_TMP)
+    list(APPEND ARG_SOURCES ${PROJECT_SOURCE_DIR}/libs/OrvStackSdk/tests/support/PrivateVarTmp.cpp)
   endif()
   if(NOT ORV_TEST_PROGRAMS)
     add_executable(${name} EXCLUDE_FROM_ALL ${ARG_SOURCES})
@@ -98,6 +113,9 @@ function(orv_add_test name)
   set(properties PROCESSORS 1)
   if(ARG_LABELS)
     string(APPEND properties " LABELS \"${ARG_LABELS}\"")
+  endif()
+  if(ARG_WRITES_VAR_TMP)
+    string(APPEND properties " \${var_tmp_lock}")
   endif()
   if(ARG_LOCKS)
     string(APPEND properties " RESOURCE_LOCK \"${ARG_LOCKS}\"")

@@ -51,12 +51,14 @@ permits_namespaces() { # for tests: as root or as anybody
     unshare --mount --net true 2>/dev/null || unshare --user --map-root-user --mount --net true 2>/dev/null
 }
 
-# need_boxes: boxes need more than tests do.
+# need_boxes: boxes need more than tests do. Their commands are many short programs in Python, and
+# most of what one costs is to begin: a third of that is compiling the testbed.
 need_boxes() {
     [ "$(id -u)" = 0 ] || skip "network namespaces need root"
     unshare --net --mount --uts true 2>/dev/null ||
         skip "this machine does not let us make namespaces (a container? start it with --privileged; a" \
         "chroot? first mount its root on itself)"
+    [ ! -w testbed ] || PYTHONDONTWRITEBYTECODE='' /usr/bin/python3 -m compileall -q testbed/orv_testbed >/dev/null 2>&1 || true
 }
 
 # quietly LOG COMMAND...: what it prints is shown only if it fails.

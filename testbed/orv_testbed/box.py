@@ -56,7 +56,8 @@ class Box:
         return {"ORV_SOURCE_ROUTES": program("orv-source-routes")}
 
     def __enter__(self) -> Self:
-        self("down")
+        if self._has_left_something():
+            self("down")
         try:
             self("up", *self.kind)
         except BaseException:
@@ -71,6 +72,10 @@ class Box:
                 process.kill()
             process.wait()
         self("down")
+
+    def _has_left_something(self) -> bool:
+        """Whether there is anything of a box of this name."""
+        return self.folder.exists() or any(pathlib.Path("/run/netns").glob(f"{self.name}-*"))
 
     def __call__(self, *words: str, must_succeed: bool = True) -> str:
         done = self.try_to(*words)

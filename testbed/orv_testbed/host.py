@@ -2,8 +2,8 @@
 """What the computer that a box runs on must have."""
 from __future__ import annotations
 
+import importlib.util
 import shutil
-import subprocess
 
 from orv_testbed.commands import succeeds
 from orv_testbed.layout import BoxError
@@ -33,7 +33,7 @@ def check_host() -> None:
     for tool, package in PACKAGES.items():
         if not shutil.which(tool):
             raise BoxError(f"{tool} is missing: {BOOTSTRAP} (package {package})")
-    if subprocess.run(["/usr/bin/python3", "-c", "import dbus, gi"], capture_output=True, check=False).returncode != 0:
+    if not (importlib.util.find_spec("dbus") and importlib.util.find_spec("gi")):
         raise BoxError(f"python3's dbus or gi module is missing: {BOOTSTRAP} (packages python3-dbus, python3-gi)")
     daemon("connmand")
     daemon("mosquitto")

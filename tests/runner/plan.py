@@ -4,6 +4,7 @@
 from __future__ import annotations
 
 import dataclasses
+import os
 
 
 @dataclasses.dataclass(frozen=True)
@@ -33,6 +34,7 @@ class Lane:
 Plan = tuple[Lane, ...]
 
 SANITIZED = (("ORV_BUILD", "build/asan-ubsan"),)
+CROWDED = (("ORV_TEST_JOBS", str(3 * (os.cpu_count() or 1))),)  # hardly anything else is to be done meanwhile
 RELEASED = (("ORV_BUILD", "build/release"),)
 
 BUILD_ASAN = "preset-test --build asan-ubsan"
@@ -44,7 +46,7 @@ BUILD_MACHINE = "machine-test --build"
 
 # What a developer runs before a commit: one build, under sanitizers, and everything on it.
 SHORT: Plan = (
-    Lane((Step(BUILD_ASAN), Step("preset-test asan-ubsan"))),
+    Lane((Step(BUILD_ASAN), Step("preset-test asan-ubsan", CROWDED))),
     Lane((Step("lint"), Step("python-test"), Step("demo --loopback --no-color", SANITIZED, after=(BUILD_ASAN,)))),
     Lane((Step("system-test --short", SANITIZED, after=(BUILD_ASAN,)),)),
 )

@@ -186,6 +186,7 @@ def test_a_run_that_breaks_off_ends_what_its_steps_have_started(
         raise KeyboardInterrupt
 
     monkeypatch.setattr(run.Run, "line", break_off)
+    monkeypatch.setattr(run, "TIME_TO_END", 1)  # what a shell starts in the background heeds no Ctrl-C
     begun, child = tmp_path / "begun", tmp_path / "child"
     long = tree("long", f"python3 -c 'import time; time.sleep(600)' & echo $! >{child}; : >{begun}; wait")
     quick = tree("quick", f"until [ -e {begun} ]; do sleep 0.02; done")

@@ -8,6 +8,7 @@
 #include "RawClient.h"
 #include "WaitUntil.h"
 #include "support/ChildProcess.h"
+#include "support/Pattern.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -15,7 +16,6 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <map>
-#include <regex>
 #include <set>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -166,10 +166,9 @@ TEST_F(AGatewayWithOneFile, KeepsAnyNumberOfClientsApartAndNamesTheirProgramInTh
     EXPECT_EQ(Count(ended.standardError, "lost the connection"), 0U) << ended.standardError;
 
     const std::string log = Content(broker.Folder() + "/log");
-    const std::regex id("as ORV_Stack-" + std::string(PROGRAM) + "-([0-9]+-[0-9]+) ");
-    std::set<std::string> numbers;
-    for (std::sregex_iterator found(log.begin(), log.end(), id), end; found != end; ++found)
-        numbers.insert((*found)[1]);
+    const OrvTest::Pattern id("as ORV_Stack-" + std::string(PROGRAM) + "-([0-9]+-[0-9]+) ");
+    const auto found = id.FindAll(log);
+    const std::set<std::string> numbers(found.begin(), found.end());
     EXPECT_EQ(numbers.size(), 5U) << log;
     EXPECT_EQ(Count(log, "already connected"), 0U) << log;
 }

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "support/LogLines.h"
+#include "support/Pattern.h"
 
 #include <atomic>
 #include <cerrno>
@@ -9,7 +10,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <map>
-#include <regex>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -214,10 +214,11 @@ protected:
     /// Each thread's records whole and in its order.
     static void ExpectAll(const Lines& lines) {
         ASSERT_EQ(lines.size(), static_cast<std::size_t>(threads * records));
+        const OrvTest::Pattern record(R"(.*info \[Test\] (\d) (\d+))");
         std::map<std::string, int> next;
         for (const std::string& line : lines) {
-            std::smatch match;
-            ASSERT_TRUE(std::regex_match(line, match, std::regex(R"(.*info \[Test\] (\d) (\d+))"))) << line;
+            const auto match = record.Match(line);
+            ASSERT_FALSE(match.empty()) << line;
             EXPECT_EQ(match[2], std::to_string(next[match[1]]++));
         }
     }
@@ -252,9 +253,9 @@ TEST_F(SeveralThreadsAndASyslogDaemon, LoseNothingThatTheDaemonTakes) {
     constexpr int records = 100;
     std::atomic<int> received{0};
     std::thread daemon([this, &received] {
-        const std::regex whole(R"(<30>gateway-app\[\d+\]: info \[Test\] text \d)");
+        const OrvTest::Pattern whole(R"(<30>gateway-app\[\d+\]: info \[Test\] text \d)");
         for (std::string packet = Receive(); packet.find("the end") == std::string::npos; packet = Receive())
-            received += std::regex_match(packet, whole) ? 1 : 0;
+            received += whole.Matches(packet) ? 1 : 0;
     });
     std::atomic<int> sent{0};
     std::vector<std::thread> all;

@@ -3,6 +3,7 @@
 // that waits for the reader is ended by the child's alarm.
 #include "CommonUtils/Logger.h"
 #include "log/StandardErrorEnds.h"
+#include "support/Pattern.h"
 
 #include <atomic>
 #include <cstdlib>
@@ -10,7 +11,6 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <regex>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -72,9 +72,9 @@ protected:
 
     /// Nothing but whole records in their order, and in the end the truth about how many are missing.
     void ExpectWholeRecordsAndTheCountOfTheOthers(LogChannel& log, std::size_t bytes) const {
-        const std::regex record("info \\[Test\\] (\\d+)x{" + std::to_string(bytes) + "}end");
-        const std::regex count("warning \\[Log\\] (\\d+) records? w.* lost before the previous one "
-                               "\\(standard error: its reader does not keep up\\)");
+        const OrvTest::Pattern record("info \\[Test\\] (\\d+)x{" + std::to_string(bytes) + "}end");
+        const OrvTest::Pattern count("warning \\[Log\\] (\\d+) records? w.* lost before the previous one "
+                                     "\\(standard error: its reader does not keep up\\)");
         std::string text = Drain(reader);
         std::size_t said = TooMany(bytes);
         std::size_t accountedFor = 0;
@@ -85,20 +85,19 @@ protected:
             accountedFor = 0;
             std::size_t next = 0;
             for (const std::string& line : LogLines(text.substr(0, text.rfind('\n') + 1))) {
-                std::smatch match;
-                if (std::regex_match(line, match, count)) {
-                    accountedFor += std::stoul(match[1]);
+                if (const auto lost = count.Match(line); !lost.empty()) {
+                    accountedFor += std::stoul(lost[1]);
                     continue;
                 }
                 ++accountedFor;
                 if (line == "info [Test] after")
                     continue;
-                const bool whole = std::regex_match(line, match, record);
-                EXPECT_TRUE(whole) << line;
-                if (!whole)
+                const auto whole = record.Match(line);
+                EXPECT_FALSE(whole.empty()) << line;
+                if (whole.empty())
                     return true;
-                EXPECT_GE(std::stoul(match[1]), next);
-                next = std::stoul(match[1]) + 1;
+                EXPECT_GE(std::stoul(whole[1]), next);
+                next = std::stoul(whole[1]) + 1;
             }
             return accountedFor == said;
         });

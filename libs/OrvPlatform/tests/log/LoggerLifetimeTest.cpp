@@ -3,9 +3,9 @@
 #include "CommonUtils/Logger.h"
 #include "quillogger/LogWrapper.h"
 #include "support/LoggerFixture.h"
+#include "support/Pattern.h"
 
 #include <atomic>
-#include <regex>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -79,9 +79,10 @@ TEST_F(ALogger, MayBeUsedByAllThreadsAtOnce) {
             thread.join();
     });
     EXPECT_EQ(lines.size(), 3000U);
-    const std::regex whole(R"(info \[Shared\] \d \d+|debug \[Own\] Tag: \d \d+|warning \[Wrapped:\d+\] f\(\): \d)");
+    const OrvTest::Pattern whole(
+        R"(info \[Shared\] \d \d+|debug \[Own\] Tag: \d \d+|warning \[Wrapped:\d+\] f\(\): \d)");
     for (const std::string& line : lines)
-        ASSERT_TRUE(std::regex_match(line, whole)) << line;
+        ASSERT_TRUE(whole.Matches(line)) << line;
 }
 
 // A sanitizer's own locks may be held by a thread that the child does not have: AddressSanitizer's allocator, and the

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ChildProcess.h"
 
+#include "Pattern.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <sys/wait.h>
@@ -94,8 +95,8 @@ std::vector<std::string> SplitLines(const std::string& text) {
 }
 
 std::string WithoutTime(const std::string& line) {
-    static const std::regex time(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z )");
-    return std::regex_replace(line, time, "");
+    static const OrvTest::Pattern time(R"(^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z )");
+    return time.Without(line);
 }
 
 } // namespace OrvPlatform::Testing
