@@ -128,6 +128,35 @@ def pokes_on_a_wrong_way(
     return faults
 
 
+PROVED_PORT = 8883
+PROOF = re.compile(r" info .*\bproof over (\w+): good")
+PROOFS_BEGIN = "Ethernet is on probation"
+PROOF_SEEN_LATE = 1.0  # seconds; a proof lasts longer, so that its own first packet is in time all the same
+
+
+def proofs_on_a_wrong_way(application: Application, passages: Sequence[Passage], clocks: Clocks = ()) -> list[str]:
+    """Proofs of a path to the cloud's broker without a connection that has left over it, with an address of that interface.
+
+    They are bound, but have the port of the cloud connection, which is not. That one is elsewhere while there are proofs.
+    """
+    faults, before = [], float("-inf")
+    for now, line in true_times(application.log(), clocks):
+        match = PROOF.search(line)
+        if match and (side := INTERFACES.get(match[1])):
+            begun = [
+                one
+                for one in passages
+                if (one.side, one.port) == (side.name, PROVED_PORT)
+                and before <= at(one.time) <= now + PROOF_SEEN_LATE
+                and side.family_of(one.source) == one.family
+            ]
+            if not begun:
+                faults.append(f"no connection has left over {side.name} since {before}, before: {line}")
+        if match or PROOFS_BEGIN in line:
+            before = now
+    return faults
+
+
 DECISIONS = {
     "wwan0": {
         "poke success, route to Cell": True,

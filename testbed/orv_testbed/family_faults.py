@@ -7,7 +7,8 @@ from orv_testbed.ipv6 import LAST, Ipv6
 from orv_testbed.layout import BoxError, Layout, Side, misused, side_named
 from orv_testbed.networks import Networks
 
-IPV6 = "ipv6 eth|cell dead|no-router|silent|duplicate|back, or ipv6 eth|cell renumber"
+IPV4 = "ipv4 eth|cell dead|refused|back"
+IPV6 = "ipv6 eth|cell dead|refused|no-router|silent|duplicate|back, or ipv6 eth|cell renumber"
 
 
 class FamilyFaults:
@@ -24,14 +25,22 @@ class FamilyFaults:
             f"chain input {{ type filter hook input priority 0; {ask} }}",
         )
 
+    def _refuse(self, side: Side, family: str) -> None:
+        """Whatever connection the customers begin in that family is refused at once."""
+        refuse = f"meta nfproto ipv{family} iifname lan meta l4proto tcp reject with tcp reset;"
+        self._networks.provider(side).filter(
+            f"dead_ipv{family}", f"chain forward {{ type filter hook forward priority 0; {refuse} }}"
+        )
+
     def ipv4(self, side: str = "", state: str = "") -> None:
         which = side_named(side)
+        if state not in ("dead", "refused", "back"):
+            misused("ipv4", IPV4)
+        self._networks.provider(which).unfilter("dead_ipv4")
         if state == "dead":
             self._kill(which, "4")
-        elif state == "back":
-            self._networks.provider(which).unfilter("dead_ipv4")
-        else:
-            misused("ipv4", "ipv4 eth|cell dead|back")
+        elif state == "refused":
+            self._refuse(which, "4")
 
     def ipv6(self, side: str = "", state: str = "") -> None:
         which = side_named(side)
@@ -40,10 +49,12 @@ class FamilyFaults:
         ipv6 = self._networks.ipv6(which)
         if state == "renumber":
             ipv6.renumber()
-        elif state in ("dead", "no-router", "silent", "duplicate", "back"):
+        elif state in ("dead", "refused", "no-router", "silent", "duplicate", "back"):
             self._take_back(which, ipv6)
             if state == "dead":
                 self._kill(which, "6")
+            elif state == "refused":
+                self._refuse(which, "6")
             elif state == "no-router":
                 ipv6.advertise(lifetime=0)
             elif state == "silent":

@@ -181,6 +181,7 @@ class Scene:
         faults += audit.pokes_on_a_wrong_way(
             self.application, self.passages(), bool(self.neighbours), self.addresses_lent
         )
+        faults += audit.proofs_on_a_wrong_way(self.application, self.passages(), self.clocks)
         if not self.orders_may_be_late:
             faults += audit.orders_without_a_decision(self.application)
         faults += [

@@ -9,7 +9,14 @@ from typing import cast
 import pytest
 
 from orv_testbed.application import Application
-from orv_testbed.audit import POKES, moves_not_told_once, pokes_on_a_wrong_way, true_times, unproven_moves
+from orv_testbed.audit import (
+    POKES,
+    moves_not_told_once,
+    pokes_on_a_wrong_way,
+    proofs_on_a_wrong_way,
+    true_times,
+    unproven_moves,
+)
 from orv_testbed.box import Box
 from orv_testbed.passages import Passage
 from orv_testbed.timestamps import at
@@ -129,6 +136,31 @@ def test_an_address_may_be_lent_on_the_side_that_has_lost_its_own_and_on_no_othe
         application.log_file.write_text(f"{POKES['eth']} eth0\nevent {lost}_IP_LOST\n", encoding="utf-8")
         faults = pokes_on_a_wrong_way(application, [lent], others_poke=False)
         assert (faults == []) == right
+
+
+def test_each_proof_has_left_over_the_interface_that_it_is_of_in_either_family(tmp_path: pathlib.Path) -> None:
+    application = Recorded(tmp_path, ONCE, [])
+    application.log_file.write_text(
+        "2026-01-01T00:00:10.000Z warning [GatewayApp] Ethernet is on probation: why\n"
+        "2026-01-01T00:00:15.000Z info [GatewayApp] proof over eth0: good\n"
+        "2026-01-01T00:00:25.000Z info [GatewayApp] proof over eth0: good\n",
+        encoding="utf-8",
+    )
+
+    def begun(side: str, source: str, second: int) -> Passage:
+        return passage(side, source, port=8883)._replace(time=f"2026-01-01T00:00:{second:02d}.000Z")
+
+    first, second = begun("eth", "10.11.0.179", 11), begun("eth", "2001:db8:11:1::1", 20)
+    for passages, wrong in (
+        ([first, second], 0),
+        ([first], 1),
+        ([second], 1),
+        ([first._replace(port=443), second], 1),
+        ([begun("eth", "10.11.0.179", 9), second], 1),  # the cloud connection before
+        ([begun("eth", "10.12.0.50", 11), second], 1),  # another interface's address
+        ([begun("cell", "10.12.0.50", 11), begun("cell", "2001:db8:12:1::1", 20)], 2),
+    ):
+        assert len(proofs_on_a_wrong_way(application, passages)) == wrong, passages
 
 
 class Answered:

@@ -64,6 +64,17 @@ def test_a_dead_family_leads_nowhere_and_the_other_works(dual: Box, broken: str,
     assert fetches(dual, broken)
 
 
+@pytest.mark.parametrize("broken, other", ["46", "64"])
+def test_a_family_that_refuses_does_so_at_once_and_the_other_works(dual: Box, broken: str, other: str) -> None:
+    dual(f"ipv{broken}", "eth", "refused")
+    to = ("--resolve", f"cloud.box.test:443:{CLOUD[broken]}", "https://cloud.box.test/")
+    said = dual("exec", "curl", "-sS", "--stderr", "-", "-m", "9", "--interface", "if!eth0", *to, must_succeed=False)
+    assert "curl: (7)" in said
+    assert fetches(dual, other)
+    dual(f"ipv{broken}", "eth", "back")
+    assert fetches(dual, broken)
+
+
 @pytest.mark.parametrize("families, address", [("eth=46", CLOUD["6"]), ("eth=6,cloud=4", TRANSLATED)])
 def test_a_long_way_takes_its_time_in_ipv6_too(families: str, address: str) -> None:
     skip_without_what_a_box_needs(families)
@@ -144,5 +155,5 @@ def test_an_address_that_somebody_else_has_is_not_used_until_the_fault_is_taken_
 def test_a_provider_without_ipv6_has_no_faults_of_ipv6(dual: Box) -> None:
     with pytest.raises(Failed, match="cell has no IPv6: take the box down, and .* up --families cell=46"):
         dual("ipv6", "cell", "dead")
-    with pytest.raises(Failed, match=r"ipv6: use ipv6 eth\|cell dead\|no-router\|silent\|duplicate\|back, or"):
+    with pytest.raises(Failed, match=r"ipv6: use ipv6 eth\|cell dead\|refused\|no-router\|silent\|duplicate\|back, or"):
         dual("ipv6", "eth", "gone")

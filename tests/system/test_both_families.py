@@ -7,7 +7,7 @@ import pytest
 from orv_testbed.scene import Scene
 
 BOTH_ON_ETHERNET = pytest.mark.parametrize("box", ["eth=46,cell=4"], indirect=True)
-MQTTS = 8883
+HTTPS, MQTTS = 443, 8883
 ROUTER_GONE = 45  # seconds, of one that falls silent: its lifetime, and until the kernel looks
 
 
@@ -81,6 +81,29 @@ def test_the_cloud_is_reached_over_the_interface_that_has_the_route(scene: Scene
     scene.application.wait_for("cell to eth delay done", 30, moved)
     scene.settles("eth0", 10)
     assert [one for one in scene.passages() if one.port == MQTTS][-1].side == "eth"
+
+
+def begun_over_cellular(scene: Scene, port: int) -> str:
+    """The families of the connections, in their order."""
+    return "".join(one.family for one in scene.passages() if (one.side, one.port) == ("cell", port))
+
+
+@pytest.mark.parametrize("box", ["eth=46,cell=46"], indirect=True)
+@pytest.mark.parametrize(
+    "fault, begun", [("ipv6 cell dead", "64"), ("ipv6 cell refused", "64"), ("ipv4 cell dead", "6")]
+)
+def test_a_family_that_is_broken_on_cellular_does_not_hold_up_the_other(scene: Scene, fault: str, begun: str) -> None:
+    """The second family is tried while the first is silent: nothing ends, neither a poke nor an attempt of the cloud's."""
+    scene.box(*fault.split())
+    before = scene.application.mark()
+    scene.box("provider", "eth", "dead")
+    moved = scene.application.wait_for("poke success, route to Cell", 20, before)
+    scene.settles("wwan0", 5)
+    assert not scene.application.has_logged("poke error", before)
+    assert not scene.application.has_logged("no connection to the cloud", moved)
+    assert begun_over_cellular(scene, HTTPS).startswith(begun)
+    assert begun_over_cellular(scene, MQTTS).startswith(begun)
+    assert family_in_use(scene) == begun[-1]
 
 
 def source_of_the_cloud_connection(scene: Scene) -> str:

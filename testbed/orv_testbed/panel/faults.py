@@ -47,12 +47,15 @@ def of_side(group: str, side: str, wrong_address: str) -> list[Kind]:
         Kind(group, "delay", {f"{ms} ms": f"delay {side} {ms}" for ms in (300, 1500)}, f"delay {side} off", "none"),
         Kind(group, "longest packet", {"600 bytes": f"mtu {side} 600"}, f"mtu {side} off", "any"),
         Kind(group, "captive portal", {"on": f"portal {side} on"}, f"portal {side} off", "off"),
-        Kind(group, "IPv4", {"dead": f"ipv4 {side} dead"}, f"ipv4 {side} back", "back"),
+        Kind(
+            group, "IPv4", {"dead": f"ipv4 {side} dead", "refuses": f"ipv4 {side} refused"}, f"ipv4 {side} back", "back"
+        ),
         Kind(
             group,
             "IPv6",
             {
                 "dead": f"ipv6 {side} dead",
+                "refuses": f"ipv6 {side} refused",
                 "no router": f"ipv6 {side} no-router",
                 "router silent": f"ipv6 {side} silent",
                 "address taken": f"ipv6 {side} duplicate",
