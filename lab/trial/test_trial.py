@@ -10,7 +10,7 @@ import pytest
 
 from lab.trial import instruments, trial
 from lab.trial.instruments import Chaos, Explorer, Instrument, Outcome, Torture, Verdict
-from lab.trial.scratch import Scratch, touched_by
+from lab.trial.scratch import Scratch, Stopwatch, touched_by
 
 PATCH = """A fault, as git format-patch writes it.
 
@@ -23,6 +23,12 @@ PATCH = """A fault, as git format-patch writes it.
 EXPLORED = "explore: 40 seeds, 900 steps, 1 s, 40 seeds a second"
 TORTURED = "torture: 5 of 900 points, {} faults, 3 s"
 ROUNDS = "4 rounds, 30 faults of 9 kinds, {} rounds failed, {} of them for want of a box, 0.07 box-hours"
+
+
+@pytest.fixture(autouse=True)
+def no_time_passes(monkeypatch: pytest.MonkeyPatch) -> None:
+    """What is said does not depend on how busy the machine is."""
+    monkeypatch.setattr(Stopwatch, "__str__", lambda _: "0 s")
 
 
 @pytest.fixture(name="scratch")
