@@ -177,7 +177,7 @@ void Torture::Collect() {
 int Torture::RunAll() {
     std::cout << "torture: from seed " << options.seed << std::endl;
     for (const ProgramKind& program : AllPrograms())
-        if (only.empty() || only == program.name)
+        if ((only.empty() || only == program.name) && (options.faults == 0 || found < options.faults))
             Add(program);
     for (const ProgramKind& program : FaultyPrograms())
         if (only == program.name)

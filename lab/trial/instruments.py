@@ -17,6 +17,7 @@ import subprocess
 
 from lab.trial.scratch import JOBS, Ended, Scratch, Stopwatch
 
+PATIENCE = 20  # seconds that the torture waits for what has to come
 GRACE = 240  # seconds that an instrument may take beyond its time: a seed that hangs, a point that is tried again
 ALONE = 240  # seconds for one seed or point
 MOST_OF_A_ROUND = 400  # seconds
@@ -41,13 +42,17 @@ class Outcome:
 
 
 class Instrument(abc.ABC):
-    """`made_of`: the built files on which its findings depend. `effort`: seconds; of chaos rounds."""
+    """`made_of`: the built files on which its findings depend. `effort`: seconds; of chaos rounds. `searches`: the folders
+    whose faults it is made for, which it looks for before the others."""
 
     name: str
     targets: tuple[str, ...]
     made_of: tuple[str, ...]
     kept: tuple[str, ...] = ()  # programs of which a sound copy is needed
+    preset = "asan-ubsan"  # by which it is built
+    searches: tuple[str, ...] = ()
     last = False  # looks only for what no other one has found
+    dispensable = False  # where the sound tree does not pass, the trial goes on without it
 
     def __init__(self, effort: int) -> None:
         self.effort = effort
@@ -55,6 +60,10 @@ class Instrument(abc.ABC):
     @abc.abstractmethod
     def run(self, scratch: Scratch, log: str) -> Outcome:
         """Looks for a fault in what is built, until it has found one or its time is over."""
+
+    def prepare(self, scratch: Scratch, log: str) -> Outcome:
+        """Looks at the sound tree."""
+        return self.look(scratch, log)
 
     def look(self, scratch: Scratch, log: str) -> Outcome:
         try:
@@ -75,22 +84,26 @@ def last_words(status: int, said: str) -> Outcome:
 
 
 class Explorer(Instrument):
-    def __init__(self, effort: int, name: str, program: str) -> None:
+    def __init__(self, effort: int, name: str, program: str, *searches: str, preset: str = "asan-ubsan") -> None:
         super().__init__(effort)
         self.name, self.targets, self.kept, self.made_of = name, (program,), (program,), (f"bin/{program}",)
+        self.searches, self.preset = searches, preset
 
     def run(self, scratch: Scratch, log: str) -> Outcome:
         watch = Stopwatch()
         program = self.targets[0]
         status, said = scratch.run(
-            [str(scratch.built / "bin" / program), str(self.effort), "--jobs", str(JOBS)], log, self.effort + GRACE
+            [str(scratch.folder(self.preset) / "bin" / program), str(self.effort), "--jobs", str(JOBS)],
+            log,
+            self.effort + GRACE,
         )
         counted = re.search(r"(?m)^explore: (\d+) seeds", said)
         found = re.search(r"(?m)^explore: seed (\d+) fails", said)
         how = f"{counted.group(1) if counted else '?'} seeds, {watch}"
         if found:
             seed = found.group(1)
-            if not passes(scratch, [str(scratch.sound / program), "--seed", seed], f"{log}.sound"):
+            sound = str(scratch.sound_folder(self.preset) / program)
+            if not passes(scratch, [sound, "--seed", seed], f"{log}.sound"):
                 return Outcome(Verdict.BROKEN, f"seed {seed} fails without the fault, too")
             return Outcome(Verdict.FOUND, f"seed {seed}, {how}")
         if status == 0 and counted and int(counted.group(1)) > 0:
@@ -100,7 +113,15 @@ class Explorer(Instrument):
 
 def tortured_with(program: pathlib.Path) -> list[str]:
     endpoint = "libs/OrvStackSdk/tests/support/with-test-endpoint"
-    return [endpoint, "/usr/bin/python3", "-B", "lab/torture/with_cloud.py", str(program)]
+    return [
+        "env",
+        f"ORV_TORTURE_PATIENCE={PATIENCE}",
+        endpoint,
+        "/usr/bin/python3",
+        "-B",
+        "lab/torture/with_cloud.py",
+        str(program),
+    ]
 
 
 class Torture(Instrument):
@@ -136,29 +157,61 @@ class Torture(Instrument):
 
 
 class Chaos(Instrument):
-    """The same few schedules each time. It builds its programs anew, without sanitizers: with them none starts under a
-    clock of its own."""
+    """The same few schedules each time: those that the sound tree passes twice. A schedule that fails has to fail again, for
+    real programs run in real time. It builds its programs anew, without sanitizers: with them none starts under a clock of
+    its own."""
 
     name = "chaos"
     targets = ("gateway-app", "orv-source-routes", "orv-shell", "orv-status")
     made_of = ("bin/gateway-app", "lib/*.so*")
     last = True
+    dispensable = True
+
+    def __init__(self, effort: int) -> None:
+        super().__init__(effort)
+        self.usable = set(range(FIRST_SCHEDULE, FIRST_SCHEDULE + effort))
+
+    def prepare(self, scratch: Scratch, log: str) -> Outcome:
+        try:
+            for number in (1, 2):
+                watch = Stopwatch()
+                self.usable -= self._failing(scratch, FIRST_SCHEDULE, self.effort, f"{number}.{log}")
+        except Ended as ended:
+            return Outcome(Verdict.BROKEN, str(ended))
+        except NoRounds as none:
+            return none.outcome
+        how = f"{len(self.usable)} of {self.effort} rounds pass twice, {watch}"
+        return Outcome(Verdict.NOTHING if self.usable else Verdict.BROKEN, how)
 
     def run(self, scratch: Scratch, log: str) -> Outcome:
         watch = Stopwatch()
-        rounds = self.effort
-        command = ["env", "-u", "ORV_BUILD", "script/chaos", "--seed", str(FIRST_SCHEDULE)]
-        status, said = scratch.run(
-            [*command, "--rounds", str(rounds), "--boxes", str(min(4, rounds))], log, MOST_OF_A_ROUND * rounds
-        )
+        try:
+            for seed in sorted(self.usable & self._failing(scratch, FIRST_SCHEDULE, self.effort, log)):
+                if self._failing(scratch, seed, 1, f"{seed}.{log}"):
+                    return Outcome(Verdict.FOUND, f"seed {seed}, twice, {watch}")
+        except NoRounds as none:
+            return none.outcome
+        return Outcome(Verdict.NOTHING, f"{len(self.usable)} rounds, {watch}")
+
+    @staticmethod
+    def _failing(scratch: Scratch, first: int, rounds: int, log: str) -> set[int]:
+        """The seeds of rounds that fail, but for want of a box."""
+        command = ["env", "-u", "ORV_BUILD", "script/chaos", "--seed", str(first), "--rounds", str(rounds)]
+        status, said = scratch.run([*command, "--boxes", str(min(4, rounds))], log, MOST_OF_A_ROUND * rounds)
         summed = re.search(r"(?m)^(\d+) rounds, .* (\d+) rounds failed, (\d+) of them for want of a box", said)
         if not summed or summed.group(1) == summed.group(3):
-            return last_words(status, said)
-        how = f"{summed.group(1)} rounds, {watch}"
+            raise NoRounds(last_words(status, said))
         if summed.group(2) == summed.group(3):
-            return Outcome(Verdict.NOTHING, how)
-        seeds = " ".join(re.findall(r"(?m)^seed (\d+): FAILED", said))
-        return Outcome(Verdict.FOUND, f"seed {seeds}, {how}")
+            return set()
+        return {int(seed) for seed in re.findall(r"(?m)^seed (\d+): FAILED", said)}
+
+
+class NoRounds(Exception):
+    """Chaos had none."""
+
+    def __init__(self, outcome: Outcome) -> None:
+        super().__init__(str(outcome))
+        self.outcome = outcome
 
 
 # The tests of what a fault touches, by the beginning of the file's name.

@@ -58,7 +58,11 @@ class Scratch:
     def __init__(self, tree: pathlib.Path, place: pathlib.Path) -> None:
         self.tree, self.place = tree, place
         self.copy, self.logs, self.sound = place / "tree", place / "logs", place / "sound"
-        self.built = self.copy / "build" / "asan-ubsan"
+        self.built = self.folder("asan-ubsan")
+
+    def folder(self, preset: str) -> pathlib.Path:
+        """What is built by the preset."""
+        return self.copy / "build" / preset
 
     def run(self, command: list[str], log: str, limit: float) -> tuple[int, str]:
         """Exit status and output; after `limit` seconds the command and what it has started are ended."""
@@ -111,29 +115,34 @@ class Scratch:
             else:
                 (self.copy / name).unlink(missing_ok=True)
 
-    def configure(self) -> bool:
+    def configure(self, preset: str = "asan-ubsan") -> bool:
         tools = os.environ.get("ORV_TOOLS", str(self.tree / "build" / "tools"))
-        command = ["cmake", "--preset", "asan-ubsan", f"-DORV_TOOLS={tools}"]
-        return self.run(command, "configure.log", MOST_OF_A_BUILD)[0] == 0
+        command = ["cmake", "--preset", preset, f"-DORV_TOOLS={tools}"]
+        return self.run(command, f"configure-{preset}.log", MOST_OF_A_BUILD)[0] == 0
 
-    def build(self, targets: list[str], log: str) -> bool:
-        command = ["cmake", "--build", str(self.built), "-j", str(JOBS), "--target", *targets]
+    def build(self, targets: Iterable[str], log: str, preset: str = "asan-ubsan") -> bool:
+        command = ["cmake", "--build", str(self.folder(preset)), "-j", str(JOBS), "--target", *targets]
         return self.run(command, log, MOST_OF_A_BUILD)[0] == 0
 
-    def content(self, patterns: Iterable[str]) -> dict[str, str]:
+    def content(self, patterns: Iterable[str], preset: str = "asan-ubsan") -> dict[str, str]:
         """What the built files of these patterns are made of."""
+        built = self.folder(preset)
         return {
-            str(path.relative_to(self.built)): hashlib.sha256(path.read_bytes()).hexdigest()
+            str(path.relative_to(built)): hashlib.sha256(path.read_bytes()).hexdigest()
             for pattern in patterns
-            for path in self.built.glob(pattern)
+            for path in built.glob(pattern)
             if path.is_file() and not path.is_symlink()
         }
 
-    def keep_sound(self, programs: Iterable[str]) -> None:
+    def keep_sound(self, programs: Iterable[str], preset: str = "asan-ubsan") -> None:
         """Copies of what was built without a fault, for what is tried again."""
-        self.sound.mkdir(exist_ok=True)
+        kept = self.sound_folder(preset)
+        kept.mkdir(parents=True, exist_ok=True)
         for name in programs:
-            shutil.copy2(self.built / "bin" / name, self.sound / name)
+            shutil.copy2(self.folder(preset) / "bin" / name, kept / name)
+
+    def sound_folder(self, preset: str) -> pathlib.Path:
+        return self.sound if preset == "asan-ubsan" else self.sound / preset
 
 
 @dataclasses.dataclass

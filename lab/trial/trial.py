@@ -15,6 +15,9 @@ from lab.trial.scratch import Scratch, Stopwatch, touched_by
 
 TREE = pathlib.Path(__file__).resolve().parents[2]
 UNTRIED = Outcome(Verdict.NOT_RUN)
+BROKER = "libs/OrvPlatform/src/broker/"
+CONNMAN = "libs/OrvPlatform/src/connman/"
+LOG = ("libs/OrvPlatform/src/log/", "libs/OrvPlatform/src/config/", "libs/OrvPlatform/src/ProcessWide")
 
 
 @dataclasses.dataclass(frozen=True)
@@ -46,6 +49,7 @@ class Trial:
     def __init__(self, scratch: Scratch, instruments: Sequence[Instrument], tests: int, first: bool) -> None:
         self._scratch, self._instruments, self._tests, self._first = scratch, instruments, tests, first
         self._sound: dict[str, dict[str, str]] = {}
+        self.unusable: set[str] = set()
 
     @property
     def columns(self) -> list[str]:
@@ -54,9 +58,19 @@ class Trial:
     def control(self) -> list[Outcome]:
         """The sound tree, which each instrument must pass. Afterwards it is known what they are made of."""
         for one in self._instruments:
-            self._scratch.keep_sound(one.kept)
-            self._sound[one.name] = self._scratch.content(one.made_of)
-        return [one.look(self._scratch, f"control.{one.name.replace(' ', '-')}.log") for one in self._instruments]
+            self._scratch.keep_sound(one.kept, one.preset)
+            self._sound[one.name] = self._scratch.content(one.made_of, one.preset)
+        said = [one.prepare(self._scratch, f"control.{one.name.replace(' ', '-')}.log") for one in self._instruments]
+        passed = {one.name for one, outcome in zip(self._instruments, said) if outcome.verdict is Verdict.NOTHING}
+        self.unusable = {one.name for one in self._instruments if one.dispensable} - passed
+        return said
+
+    def may_begin(self, control: Sequence[Outcome]) -> bool:
+        """Whether each instrument passes the sound tree that is not dispensable."""
+        return all(
+            outcome.verdict is Verdict.NOTHING or one.name in self.unusable
+            for one, outcome in zip(self._instruments, control)
+        )
 
     def plant(self, patch: pathlib.Path) -> Row:
         touched = touched_by(patch)
@@ -70,25 +84,41 @@ class Trial:
         refused = self._scratch.apply(patch)
         if refused:
             return dataclasses.replace(row, unfit=f"cannot be applied: {refused.splitlines()[0]}")
-        if not self._scratch.build(targets(self._instruments), f"{patch.stem}.build.log"):
-            return dataclasses.replace(row, unfit="does not build")
-        outcomes: list[Outcome] = []
-        for one in self._instruments:
-            found = any(earlier.verdict is Verdict.FOUND for earlier in outcomes)
-            outcomes.append(self._tried(one, patch.stem, found))
+        outcomes: dict[Instrument, Outcome] = {}
+        for one in in_order(self._instruments, touched):
+            found = any(earlier.verdict is Verdict.FOUND for earlier in outcomes.values())
+            if one.name in self.unusable or (found and (self._first or one.last)):
+                outcomes[one] = UNTRIED
+                continue
+            log = f"{patch.stem}.{one.name.replace(' ', '-')}.build.log"
+            if not self._scratch.build(one.targets, log, one.preset):
+                return dataclasses.replace(row, unfit="does not build")
+            outcomes[one] = self._tried(one, patch.stem)
         tests = tested(self._scratch, list(touched), self._tests, patch.stem) if self._tests else "not run"
-        return dataclasses.replace(row, outcomes=outcomes, tests=tests)
+        return dataclasses.replace(row, outcomes=[outcomes[one] for one in self._instruments], tests=tests)
 
-    def _tried(self, instrument: Instrument, name: str, found: bool) -> Outcome:
-        if found and (self._first or instrument.last):
-            return UNTRIED
-        if self._scratch.content(instrument.made_of) == self._sound[instrument.name]:
+    def _tried(self, instrument: Instrument, name: str) -> Outcome:
+        if self._scratch.content(instrument.made_of, instrument.preset) == self._sound[instrument.name]:
             return Outcome(Verdict.UNCHANGED)
         return instrument.look(self._scratch, f"{name}.{instrument.name.replace(' ', '-')}.log")
 
 
-def targets(instruments: Sequence[Instrument]) -> list[str]:
-    return sorted({target for one in instruments for target in one.targets})
+def in_order(instruments: Sequence[Instrument], touched: Sequence[str]) -> list[Instrument]:
+    """Those that are made for what is touched come first, those that are to be last come last."""
+
+    def rank(one: Instrument) -> int:
+        return 2 if one.last else 0 if any(name.startswith(one.searches) for name in touched if one.searches) else 1
+
+    return sorted(instruments, key=rank)
+
+
+def build_all(scratch: Scratch, instruments: Sequence[Instrument]) -> bool:
+    """The sound tree, for all of them."""
+    for preset in sorted({one.preset for one in instruments}):
+        targets = sorted({target for one in instruments if one.preset == preset for target in one.targets})
+        if not scratch.configure(preset) or not scratch.build(targets, f"build-{preset}.log", preset):
+            return False
+    return True
 
 
 def show(cells: Sequence[str], table: pathlib.Path) -> None:
@@ -112,10 +142,14 @@ def summary(rows: Sequence[Row]) -> str:
 
 def chosen(options: argparse.Namespace) -> list[Instrument]:
     found: list[Instrument] = [
-        Explorer(options.explore, "explore broker", "orv-explore"),
-        Explorer(options.explore, "explore connman", "orv-explore-connman"),
-        Explorer(options.explore, "explore gateway", "orv-explore-gateway"),
-        Explorer(options.explore, "explore client", "orv-explore-client"),
+        Explorer(options.explore, "explore broker", "orv-explore", BROKER),
+        Explorer(options.explore, "races broker", "orv-explore", BROKER, preset="tsan"),
+        Explorer(options.explore, "explore connman", "orv-explore-connman", CONNMAN),
+        Explorer(options.explore, "races connman", "orv-explore-connman", CONNMAN, preset="tsan"),
+        Explorer(options.explore, "explore gateway", "orv-explore-gateway", "apps/gateway-app/"),
+        Explorer(options.explore, "explore client", "orv-explore-client", "libs/OrvStackSdk/"),
+        Explorer(options.explore, "explore log", "orv-explore-log", *LOG),
+        Explorer(options.explore, "races log", "orv-explore-log", *LOG, preset="tsan"),
         Torture(options.torture),
         Chaos(options.chaos),
     ]
@@ -128,9 +162,11 @@ def hold(trial: Trial, patches: Sequence[pathlib.Path], table: pathlib.Path) -> 
     say("control: the sound tree")
     control = trial.control()
     show(["none (control)", "", *map(str, control), "no", ""], table)
-    if any(one.verdict is not Verdict.NOTHING for one in control):
+    if not trial.may_begin(control):
         say("an instrument does not pass the tree without a fault, so what it says of one means nothing")
         return 1
+    for name in sorted(trial.unusable):
+        say(f"{name} does not pass the tree without a fault: the trial goes on without it")
     rows: list[Row] = []
     for number, patch in enumerate(patches, 1):
         watch = Stopwatch()
@@ -164,7 +200,7 @@ def main(words: Sequence[str]) -> int:
     scratch.logs.mkdir(parents=True)
     say(f"{len(patches)} faults; builds the tree without them, in {scratch.copy}")
     scratch.update()
-    if not scratch.configure() or not scratch.build(targets(instruments), "build.log"):
+    if not build_all(scratch, instruments):
         say(f"the tree itself does not build: see {scratch.logs}")
         return 1
     out = TREE / "out" / "trial"
