@@ -131,10 +131,12 @@ LoadedConfig ReadGatewayConfig(const std::string& path, bool mayBeMissing, const
 RereadLogLevels LogLevelsReadAnew(const GatewayConfig& inForce) {
     const Place place = PlaceOfTheFile();
     LoadedConfig loaded = ReadGatewayConfig(place.path, place.mayBeMissing);
-    if (!loaded.problems.empty()) {
-        // Once more, because what is in force is not the defaults.
-        loaded = ReadGatewayConfig(place.path, place.mayBeMissing, &inForce);
-        return {inForce.log.levels, Escaped(place.path), loaded.problems};
+    while (!loaded.problems.empty()) {
+        // Once more, because what is in force is not the defaults. Without a problem it has been mended in between.
+        const LoadedConfig again = ReadGatewayConfig(place.path, place.mayBeMissing, &inForce);
+        if (!again.problems.empty())
+            return {inForce.log.levels, Escaped(place.path), again.problems};
+        loaded = ReadGatewayConfig(place.path, place.mayBeMissing);
     }
     ApplyLogLevelVariable(loaded); // what it holds that is no level was reported at the start
     return {loaded.config.log.levels, Escaped(place.path), {}};
