@@ -4,8 +4,9 @@
 Measures boot, fail-over to Cellular and return on gateway boxes with IPv4, both IP families, or IPv6 alone on each side: from
 the start of the application, the death of Ethernet's provider or its coming back until the cloud is connected over the
 interface. The provider comes back when a poke has sent its first packet over it, in vain: how much is left of the second that
-TCP waits then must not differ from one combination to the other. FAMILIES as in "eth=46,cell=6,cloud=4"; without any: all nine
-combinations, with a cloud that both sides can reach. Prints seconds, the median of TIMES boxes (default: 1), behind them the
+TCP waits then must not differ from one combination to the other. FAMILIES as in "eth=46,cell=6,cloud=4", or with a fault that
+the box has from the beginning, as in "eth=46,cell=46:ipv6 cell dead"; without any: all nine combinations, with a cloud that
+both sides can reach. Prints seconds, the median of TIMES boxes (default: 1), behind them the
 difference to the median of IPv4 alone, that of the slowest box, too, and the families in which the cloud was connected each
 time. A step that takes more than 60 s, and those behind it, show as "-". Asserts nothing.
 """
@@ -38,7 +39,10 @@ def combination(eth: str, cell: str) -> str:
 def run(families: str) -> list[tuple[float, str]]:
     """For each step that came to its end, its seconds and the family in which the cloud was connected then."""
     results = []
+    families, _, fault = families.partition(":")
     with tempfile.TemporaryDirectory() as folder, Box(f"m{os.getpid():x}", families) as box:
+        if fault:
+            box(*fault.split())
         begun = time.monotonic()
         application = Application(box, pathlib.Path(folder))
         for interface, following in (("eth0", "dead"), ("wwan0", "back"), ("eth0", "")):
@@ -73,13 +77,13 @@ def main() -> None:
     if IPV4_ALONE not in chosen:
         chosen.insert(0, IPV4_ALONE)
     base: list[float | None] = [None] * len(STEPS)
-    print(f"{'seconds, beside IPv4 alone':28}" + "".join(f"{step:>27}" for step in STEPS), flush=True)
+    print(f"{'seconds, beside IPv4 alone':34}" + "".join(f"{step:>27}" for step in STEPS), flush=True)
     for families in sorted(chosen, key=lambda one: one != IPV4_ALONE):
         runs = [run(families) for _ in range(times)]
         cells = [shown(runs, step, base[step]) for step in range(len(STEPS))]
         if families == IPV4_ALONE:
             base = [seconds for _, seconds in cells]
-        print(f"{families:28}" + "".join(f"{cell:>27}" for cell, _ in cells), flush=True)
+        print(f"{families:34}" + "".join(f"{cell:>27}" for cell, _ in cells), flush=True)
 
 
 main()
