@@ -16,7 +16,7 @@ from collections.abc import Iterable
 
 MOST_OF_A_BUILD = 1800  # seconds
 MOST_OF_AN_END = 60  # seconds, from SIGTERM on
-JOBS = os.cpu_count() or 2
+JOBS = len(os.sched_getaffinity(0))
 
 
 class Ended(Exception):

@@ -34,7 +34,7 @@ class Lane:
 Plan = tuple[Lane, ...]
 
 SANITIZED = (("ORV_BUILD", "build/asan-ubsan"),)
-CROWDED = (("ORV_TEST_JOBS", str(3 * (os.cpu_count() or 1))),)  # hardly anything else is to be done meanwhile
+CROWDED = (("ORV_TEST_JOBS", str(3 * len(os.sched_getaffinity(0)))),)  # few other steps are left by then
 RELEASED = (("ORV_BUILD", "build/release"),)
 
 BUILD_ASAN = "preset-test --build asan-ubsan"
