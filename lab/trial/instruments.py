@@ -21,6 +21,7 @@ PATIENCE = 20  # seconds that the torture waits for what has to come
 GRACE = 240  # seconds that an instrument may take beyond its time: a seed that hangs, a point that is tried again
 ALONE = 240  # seconds for one seed or point
 MOST_OF_A_ROUND = 400  # seconds
+MOST_KNOWN = 4  # findings that the sound tree has, too
 FIRST_SCHEDULE = 4200  # of chaos: the same seeds for each fault, and for the sound tree
 
 
@@ -83,32 +84,58 @@ def last_words(status: int, said: str) -> Outcome:
     return Outcome(Verdict.BROKEN, f"status {status}, {(said.strip().splitlines() or ['no word'])[-1][:80]}")
 
 
-class Explorer(Instrument):
+class Searcher(Instrument):
+    """Goes on where it finds what the sound tree has, too: that says nothing of the fault."""
+
+    def run(self, scratch: Scratch, log: str) -> Outcome:
+        watch = Stopwatch()
+        known: list[str] = []
+        while True:
+            left = max(1, round(self.effort - watch.seconds()))
+            name = f"{len(known)}.{log}" if known else log
+            found, count, outcome = self.search(scratch, name, left, known)
+            for one in found:
+                if self.passes_sound(scratch, one, f"{name}.sound"):
+                    return Outcome(Verdict.FOUND, f"{one}, {count}, {watch}")
+            known += found
+            too = f"{known[0]} fails without the fault, too" if known else ""
+            if known and (len(known) >= MOST_KNOWN or watch.seconds() >= self.effort):
+                return Outcome(Verdict.BROKEN if len(known) >= MOST_KNOWN else Verdict.NOTHING, f"{too}, {watch}")
+            if not found:
+                how = ", ".join(filter(None, (count, str(watch), too)))
+                return outcome or Outcome(Verdict.NOTHING, how)
+
+    @abc.abstractmethod
+    def search(
+        self, scratch: Scratch, log: str, seconds: int, known: list[str]
+    ) -> tuple[list[str], str, Outcome | None]:
+        """What it has found, how much it has tried, and what has come of it when it has not worked."""
+
+    @abc.abstractmethod
+    def passes_sound(self, scratch: Scratch, found: str, log: str) -> bool:
+        """Whether the program without the fault passes there."""
+
+
+class Explorer(Searcher):
     def __init__(self, effort: int, name: str, program: str, *searches: str, preset: str = "asan-ubsan") -> None:
         super().__init__(effort)
         self.name, self.targets, self.kept, self.made_of = name, (program,), (program,), (f"bin/{program}",)
         self.searches, self.preset = searches, preset
 
-    def run(self, scratch: Scratch, log: str) -> Outcome:
-        watch = Stopwatch()
-        program = self.targets[0]
-        status, said = scratch.run(
-            [str(scratch.folder(self.preset) / "bin" / program), str(self.effort), "--jobs", str(JOBS)],
-            log,
-            self.effort + GRACE,
-        )
+    def search(
+        self, scratch: Scratch, log: str, seconds: int, known: list[str]
+    ) -> tuple[list[str], str, Outcome | None]:
+        program = str(scratch.folder(self.preset) / "bin" / self.targets[0])
+        behind = ["--from", str(int(known[-1].split()[1]) + 1)] if known else []
+        status, said = scratch.run([program, str(seconds), *behind, "--jobs", str(JOBS)], log, seconds + GRACE)
         counted = re.search(r"(?m)^explore: (\d+) seeds", said)
-        found = re.search(r"(?m)^explore: seed (\d+) fails", said)
-        how = f"{counted.group(1) if counted else '?'} seeds, {watch}"
-        if found:
-            seed = found.group(1)
-            sound = str(scratch.sound_folder(self.preset) / program)
-            if not passes(scratch, [sound, "--seed", seed], f"{log}.sound"):
-                return Outcome(Verdict.BROKEN, f"seed {seed} fails without the fault, too")
-            return Outcome(Verdict.FOUND, f"seed {seed}, {how}")
-        if status == 0 and counted and int(counted.group(1)) > 0:
-            return Outcome(Verdict.NOTHING, how)
-        return last_words(status, said)
+        found = re.findall(r"(?m)^explore: (seed \d+) fails", said)
+        worked = found or (status == 0 and counted and int(counted.group(1)) > 0)
+        return found, f"{counted.group(1) if counted else '?'} seeds", None if worked else last_words(status, said)
+
+    def passes_sound(self, scratch: Scratch, found: str, log: str) -> bool:
+        program = str(scratch.sound_folder(self.preset) / self.targets[0])
+        return passes(scratch, [program, "--seed", found.split()[1]], log)
 
 
 def tortured_with(program: pathlib.Path) -> list[str]:
@@ -124,36 +151,32 @@ def tortured_with(program: pathlib.Path) -> list[str]:
     ]
 
 
-class Torture(Instrument):
+class Torture(Searcher):
     name, targets, kept, made_of = "torture", ("orv-torture",), ("orv-torture",), ("bin/orv-torture",)
 
-    def run(self, scratch: Scratch, log: str) -> Outcome:
-        watch = Stopwatch()
-        options = ["--seconds", str(self.effort), "--faults", "1", "--jobs", str(4 * JOBS)]
+    def search(
+        self, scratch: Scratch, log: str, seconds: int, known: list[str]
+    ) -> tuple[list[str], str, Outcome | None]:
+        options = ["--seconds", str(seconds), "--faults", "1", "--jobs", str(4 * JOBS)]
         status, said = scratch.run(
-            [*tortured_with(scratch.built / "bin" / "orv-torture"), *options], log, self.effort + GRACE
+            [*tortured_with(scratch.built / "bin" / "orv-torture"), *options], log, seconds + GRACE
         )
         counted = re.search(r"(?m)^torture: (\d+) of \d+ points, (\d+) faults", said)
         if not counted:
-            return last_words(status, said)
-        how = f"{counted.group(1)} points, {watch}"
+            return [], "", last_words(status, said)
+        count = f"{counted.group(1)} points"
         if status == 0 and int(counted.group(1)) > 0:
-            return Outcome(Verdict.NOTHING, how)
+            return [], count, None
         points = re.findall(r"(?m)^torture: (\S+ \S+ \d+ (?:once|later)|\S+ without any failure): (.*)", said)
         busy = {point for point, words in points if "and nothing found" in words}
-        found = [point for point, _ in points if point not in busy]
+        found = list(dict.fromkeys(point for point, _ in points if point not in busy))
         if int(counted.group(2)) == 0 or not found:
-            return last_words(status, said)
-        return self._compared(scratch, found[0], how, log)
+            return [], count, last_words(status, said)
+        return found, count, None
 
-    @staticmethod
-    def _compared(scratch: Scratch, point: str, how: str, log: str) -> Outcome:
-        sound = tortured_with(scratch.sound / "orv-torture")
-        program = point.split()[0]
-        alone = ["--seconds", "1", "--program", program] if "without" in point else ["--one", *point.split()]
-        if not passes(scratch, [*sound, *alone], f"{log}.sound"):
-            return Outcome(Verdict.BROKEN, f"{point} fails without the fault, too")
-        return Outcome(Verdict.FOUND, f"{point}, {how}")
+    def passes_sound(self, scratch: Scratch, found: str, log: str) -> bool:
+        alone = ["--seconds", "1", "--program", found.split()[0]] if "without" in found else ["--one", *found.split()]
+        return passes(scratch, [*tortured_with(scratch.sound / "orv-torture"), *alone], log)
 
 
 class Chaos(Instrument):

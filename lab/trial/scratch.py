@@ -149,5 +149,8 @@ class Scratch:
 class Stopwatch:
     begin: float = dataclasses.field(default_factory=time.monotonic)
 
+    def seconds(self) -> float:
+        return time.monotonic() - self.begin
+
     def __str__(self) -> str:
-        return f"{time.monotonic() - self.begin:.0f} s"
+        return f"{self.seconds():.0f} s"

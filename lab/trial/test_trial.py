@@ -66,8 +66,8 @@ def timeless(outcome: Outcome) -> str:
     return re.sub(r"\b\d+ s$", "0 s", str(outcome))
 
 
-def explorer() -> Instrument:
-    return Explorer(1, "explore broker", "orv-explore")
+def explorer(effort: int = 600) -> Instrument:
+    return Explorer(effort, "explore broker", "orv-explore")
 
 
 class Told(Instrument):
@@ -121,7 +121,7 @@ def test_a_fault_is_planted_in_the_copy_alone_and_taken_out_again(scratch: Scrat
     ("said", "status", "sound", "means"),
     [
         ("explore: seed 12 fails\n" + EXPLORED, 1, 0, "FOUND: seed 12, 40 seeds, 0 s"),
-        ("explore: seed 12 fails\n" + EXPLORED, 1, 1, "did not work: seed 12 fails without the fault, too"),
+        ("explore: seed 12 fails\n" + EXPLORED, 1, 1, "did not work: seed 12 fails without the fault, too, 0 s"),
         (EXPLORED, 0, 0, "no: 40 seeds, 0 s"),
         (EXPLORED.replace("40", "0", 1), 0, 0, "did not work: status 0, " + EXPLORED.replace("40", "0", 1)),
         ("explore: fork: no memory", 2, 0, "did not work: status 2, explore: fork: no memory"),
@@ -161,7 +161,7 @@ def test_what_an_explorer_says_is_understood(scratch: Scratch, said: str, status
             "torture: begin new 4 once: exit status 1, after 2 s\n" + TORTURED.format(1),
             1,
             1,
-            "did not work: begin new 4 once fails without the fault, too",
+            "did not work: begin new 4 once fails without the fault, too, 0 s",
         ),
         (TORTURED.format(0), 0, 0, "no: 5 points, 0 s"),
         ("no test endpoint", 77, 0, "did not work: status 77, no test endpoint"),
@@ -169,7 +169,7 @@ def test_what_an_explorer_says_is_understood(scratch: Scratch, said: str, status
 )
 def test_what_the_torture_says_is_understood(scratch: Scratch, said: str, status: int, sound: int, means: str) -> None:
     built(scratch, "orv-torture", said, status, sound)
-    assert timeless(Torture(1).look(scratch, "log")) == means
+    assert timeless(Torture(600).look(scratch, "log")) == means
 
 
 @pytest.mark.parametrize(
@@ -186,6 +186,29 @@ def test_what_the_torture_says_is_understood(scratch: Scratch, said: str, status
 def test_what_chaos_says_is_understood(scratch: Scratch, said: str, status: int, means: str) -> None:
     program(scratch.copy / "script" / "chaos", said, status)
     assert timeless(Chaos(4).look(scratch, "log")) == means
+
+
+def test_a_search_goes_on_behind_what_the_sound_tree_has_too(scratch: Scratch) -> None:
+    built(scratch, "orv-explore", "")
+    (scratch.built / "bin" / "orv-explore").write_text(
+        f"#!/bin/sh\ncase $* in *'--from 13'*) echo 'explore: seed 20 fails';; *) echo 'explore: seed 12 fails';; esac\n"
+        f"echo '{EXPLORED}'\nexit 1\n"
+    )
+    (scratch.sound / "orv-explore").write_text("#!/bin/sh\ntest $2 != 12\n")
+    assert timeless(Explorer(600, "explore broker", "orv-explore").look(scratch, "log")) == (
+        "FOUND: seed 20, 40 seeds, 0 s"
+    )
+
+
+def test_a_sound_tree_with_few_faults_of_its_own_passes(scratch: Scratch) -> None:
+    built(scratch, "orv-explore", "")
+    (scratch.built / "bin" / "orv-explore").write_text(
+        f"#!/bin/sh\ncase $* in *'--from 13'*) s=0;; *) s=1; echo 'explore: seed 12 fails';; esac\n"
+        f"echo '{EXPLORED}'\nexit $s\n"
+    )
+    (scratch.sound / "orv-explore").write_text("#!/bin/sh\nexit 1\n")
+    said = str(Explorer(600, "explore broker", "orv-explore").prepare(scratch, "log"))
+    assert said.startswith("no: 40 seeds, ") and said.endswith("seed 12 fails without the fault, too")
 
 
 def rounds_that_fail(scratch: Scratch, *each: list[int]) -> None:
@@ -225,7 +248,7 @@ def test_races_are_looked_for_in_a_build_of_their_own(scratch: Scratch) -> None:
     program(scratch.folder("tsan") / "bin" / "orv-explore", "explore: seed 12 fails\n" + EXPLORED, 1)
     scratch.keep_sound(["orv-explore"], "tsan")
     program(scratch.sound_folder("tsan") / "orv-explore", "")
-    races = Explorer(1, "races broker", "orv-explore", preset="tsan")
+    races = Explorer(600, "races broker", "orv-explore", preset="tsan")
     assert timeless(races.look(scratch, "log")) == "FOUND: seed 12, 40 seeds, 0 s"
 
 
@@ -233,7 +256,7 @@ def test_an_instrument_that_does_not_end_has_found_nothing(scratch: Scratch, mon
     monkeypatch.setattr(instruments, "GRACE", 0)
     built(scratch, "orv-explore", "")
     (scratch.built / "bin" / "orv-explore").write_text("#!/bin/sh\nexec sleep 600\n")
-    assert str(explorer().look(scratch, "log")) == "did not work: not ended after 1 s"
+    assert str(explorer(1).look(scratch, "log")) == "did not work: not ended after 1 s"
 
 
 @pytest.mark.parametrize(
