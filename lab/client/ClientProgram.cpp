@@ -31,8 +31,19 @@ OrvPlatform::GatewayConfig& Settings() {
 
 } // namespace
 
+// Some gateways are not set up well.
+void ClientProgram::DrawNames(std::uint64_t seed) {
+    RouteReference::ethernetName = seed % 31 == 3 ? "" : "eth0";
+    RouteReference::cellularName = seed % 29 == 5 ? "a-name-of-sixteen" : "wwan0";
+    Settings() = {};
+    Settings().broker.clientIdSuffix.clear();
+    Settings().interfaces.ethernet = RouteReference::ethernetName;
+    Settings().interfaces.cellular = RouteReference::cellularName;
+    Settings().cloud.endpoint = "cloud.example:8443/poke";
+}
+
 ClientProgram::ClientProgram(Simulation& simulation, std::uint64_t seed)
-    : sim(simulation),
+    : sim((DrawNames(seed), simulation)),
       broker(simulation, seed * 3 + 7),
       witness(simulation),
       connman(simulation, seed * 7 + 1),
@@ -43,9 +54,6 @@ ClientProgram::ClientProgram(Simulation& simulation, std::uint64_t seed)
       helpersTick(random.OneIn(2)) {
     program = this;
     present = nullptr;
-    Settings() = {};
-    Settings().broker.clientIdSuffix.clear();
-    Settings().cloud.endpoint = "cloud.example:8443/poke";
     LabLog::longestStall = random.OneIn(4) ? static_cast<Time>(random.Between(1, 2000)) * MILLISECOND : 0;
     ConnInterfaceString.clear();
     RouteReference::path.clear();
@@ -136,36 +144,6 @@ void ClientProgram::HelperThread() {
     --threadsLeft;
 }
 
-void ClientProgram::GatewayThread() {
-    using Behaviour = ScriptedBroker::Behaviour;
-    constexpr Behaviour BEHAVIOURS[] = {Behaviour::HEALTHY, Behaviour::FLAKY, Behaviour::REFUSING, Behaviour::FROZEN,
-                                        Behaviour::DOWN};
-    while (threadsLeft > 0) {
-        sim.Sleep(static_cast<Time>(random.Below(random.OneIn(3) ? 5000 : 400)) * MILLISECOND);
-        switch (random.Weighted({10, 2, 1, 1, 3, 3})) {
-        case 0:
-            SendAtRandom();
-            break;
-        case 1:
-            broker.SetBehaviour(BEHAVIOURS[random.Weighted({6, 3, 1, 1, 1})]);
-            break;
-        case 2:
-            broker.DropAll();
-            break;
-        case 3:
-            broker.Restart();
-            break;
-        case 4:
-            connman.Change();
-            break;
-        default:
-            files.Meddle();
-            Edge::wallClockAhead += static_cast<Time>(random.Between(-100, 100)) * SECOND;
-            break;
-        }
-    }
-}
-
 template <typename Body>
 std::shared_ptr<Call> ClientProgram::Watched(Call::Kind kind, const std::string& name, const std::string& text,
                                              int value, Time limit, Body body) {
@@ -205,7 +183,7 @@ void ClientProgram::ActAtRandom(bool inCallback) {
         break;
     case 2:
         if (random.OneIn(2))
-            Release(inCallback);
+            Release(inCallback && !isHeldByInit && isConfirming);
         break;
     case 3:
         ReleaseHandler();
@@ -263,7 +241,20 @@ void ClientProgram::Init() {
     const std::string name = NAMES[random.Weighted({12, 2, 1, 1, 1, 2})];
     isInInit = true;
     story->Connects(name);
-    Watched(Call::Kind::OTHER, "Init", name, 0, INIT_LIMIT, [&](auto& one, Call&) { one.Init(name); });
+    if (random.OneIn(3)) {
+        // Nobody but the application holds it, and the confirmation may let go of it.
+        auto call = witness.Begin(Call::Kind::OTHER, "Init", INIT_LIMIT + RELEASE_LIMIT);
+        call->text = name;
+        call->handlerThere = story->handlerThere;
+        ++calls;
+        isHeldByInit = false;
+        client->Init(name);
+        isHeldByInit = true;
+        --calls;
+        witness.End(call);
+    } else {
+        Watched(Call::Kind::OTHER, "Init", name, 0, INIT_LIMIT, [&](auto& one, Call&) { one.Init(name); });
+    }
     isInInit = false;
 }
 
@@ -272,8 +263,9 @@ void ClientProgram::DeInit() {
     Watched(Call::Kind::OTHER, "DeInit", "", 0, DEINIT_LIMIT, [](auto& one, Call&) { one.DeInit(); });
 }
 
-void ClientProgram::Release(bool /*inCallback*/) {
-    if (isInInit || isReleasing)
+// While Init is under way, only its own confirmation may let go of the client.
+void ClientProgram::Release(bool inConfirmation) {
+    if ((isInInit && !inConfirmation) || isReleasing)
         return;
     isReleasing = true;
     story->DeliveryIsInterrupted();
@@ -368,17 +360,21 @@ void ClientProgram::AwaitQuiet() {
 
 void ClientProgram::Called(const std::string& what, bool isConfirmation) {
     ++callbacks;
+    isConfirming = isConfirmation;
     witness.BeginCallback(what);
     sim.Step("callback");
     if (!isCollecting && budget > 0 && random.OneIn(3)) {
         if (random.OneIn(3))
             Pause();
+        if (isConfirmation && !isHeldByInit && random.OneIn(3))
+            Release(true);
         if (client && !(isConfirmation && random.OneIn(2)))
             ActAtRandom(true);
     }
     sim.Step("return from the callback");
     witness.EndCallback();
     --callbacks;
+    isConfirming = false;
 }
 
 } // namespace OrvLab

@@ -57,6 +57,7 @@ public:
 private:
     using Client = std::shared_ptr<OrvStackSdk::IOrvStackClient>;
 
+    static void DrawNames(std::uint64_t seed);
     void ApplicationThread();
     void HelperThread();
     void GatewayThread();
@@ -66,7 +67,7 @@ private:
     void Create();
     void Init();
     void DeInit();
-    void Release(bool inCallback);
+    void Release(bool inConfirmation);
     void ReleaseHandler();
     void Report(int event);
     void Tick();
@@ -82,8 +83,10 @@ private:
     bool IsInUse() const; // by a call or by a message
 
     void Collect();
+    void Tour();
     void CheckRetained();
     void CheckDelivery();
+    void ComeAndGo();
     void CheckRoute();
     void CheckFiles();
     void CheckEnd(bool saidGoodBye);
@@ -106,6 +109,8 @@ private:
     bool isCollecting = false;
     bool isAsking = false;
     bool isInInit = false;
+    bool isHeldByInit = true;
+    bool isConfirming = false;
     bool isReleasing = false;
     int calls = 0;     // that are in the client
     int callbacks = 0; // that are under way

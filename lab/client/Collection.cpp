@@ -27,6 +27,8 @@ void ClientProgram::Collect() {
         Create();
     if (!client)
         sim.Fail("no client though all is well");
+    if (random.OneIn(2))
+        Tour();
     CheckRetained();
     CheckDelivery();
     CheckRoute();
@@ -36,6 +38,23 @@ void ClientProgram::Collect() {
         DeInit();
     Release(false);
     CheckEnd(saysGoodBye);
+}
+
+/// Ticks and events at random, with nobody else at work: the route goes where it seldom goes otherwise.
+void ClientProgram::Tour() {
+    const Time period = static_cast<Time>(random.Between(100, 2500)) * MILLISECOND;
+    for (int tick = random.Between(5, 90); tick > 0; --tick) {
+        // Cellular is up and the cloud is lost more often than not.
+        constexpr int EVENTS[] = {1, 1, 10, 10, 0, 6, 7, 11, 9, 5};
+        if (random.OneIn(5))
+            Report(EVENTS[random.Below(10)]);
+        if (random.OneIn(20))
+            connman.Change();
+        Tick();
+        Ask();
+        sim.Sleep(random.OneIn(6) ? static_cast<Time>(random.Below(12'000)) * MILLISECOND : period);
+    }
+    connman.Heal();
 }
 
 /// A broker that has forgotten everything is told everything again.
@@ -84,13 +103,25 @@ void ClientProgram::CheckDelivery() {
         sim.Fail("a message has not reached the application after a loss");
 }
 
+/// A tick sees nothing of what comes and goes before it, but for what is remembered.
+void ClientProgram::ComeAndGo() {
+    const int flag = static_cast<int>(random.Below(3));
+    const bool up = story->Flag(flag);
+    constexpr int UP[] = {0, 6, 10};
+    constexpr int DOWN[] = {1, 7, 11};
+    Report(up ? DOWN[flag] : UP[flag]);
+    Report(up ? UP[flag] : DOWN[flag]);
+}
+
 /// A lost cloud is found over Cellular, and over Ethernet again.
 void ClientProgram::CheckRoute() {
-    const auto demand = [this](RouteReference::State state, const char* top, int seconds) {
+    const auto demand = [this](RouteReference::State state, const std::string& top, int seconds) {
         for (int tick = 0; tick < seconds && (tick < 7 || story->route.state != state); ++tick) {
             Tick();
             Ask();
             sim.Sleep(SECOND);
+            if (random.OneIn(6))
+                ComeAndGo();
         }
         if (!story->IsQuiet())
             sim.Fail("a call is not compared though all is quiet");
@@ -100,20 +131,23 @@ void ClientProgram::CheckRoute() {
             sim.Fail("a transfer is left");
     };
     transfers.Heal(true);
+    if (RouteReference::ethernetName != "eth0" || RouteReference::cellularName != "wwan0")
+        return;
     for (int event : {6, 5, 0})
         Report(event);
-    demand(RouteReference::ETHERNET, RouteReference::ETHERNET_NAME, 120);
+    demand(RouteReference::ETHERNET, RouteReference::ethernetName, 120);
     if (random.OneIn(3))
         return;
     for (int event : {1, 7, 9, 10})
         Report(event);
-    demand(RouteReference::CELLULAR, RouteReference::CELLULAR_NAME, 60);
+    demand(RouteReference::CELLULAR, RouteReference::cellularName, 60);
     for (int event : {0, 6})
         Report(event);
-    demand(RouteReference::ETHERNET, RouteReference::ETHERNET_NAME, 60);
+    demand(RouteReference::ETHERNET, RouteReference::ethernetName, 60);
 }
 
 void ClientProgram::CheckFiles() {
+    Report(2);
     if (files.Content(SimulatedFiles::STATUS) != story->StatusText())
         sim.Fail("the status file has: " + files.Content(SimulatedFiles::STATUS));
     if (story->failure && files.Content(SimulatedFiles::ERROR) != story->errorText)

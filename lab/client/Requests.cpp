@@ -87,7 +87,7 @@ void Story::CompareCreation(Call& call) {
     replay.Expect("log 0 OrvStackClient:30 std::shared_ptr<OrvStackSdk::IOrvStackClient> OrvStackSdk::CreateClient(): "
                   "OrvStackSdk::CreateClient()");
     replay.ExpectRecord("trace", SESSION, SESSION, "");
-    replay.Expect("put on top eth0");
+    replay.Expect("put on top " + RouteReference::ethernetName);
     const bool connected = replay.Expect("connect OrvRoute") != 0;
     if (connected == call.threw)
         Fail(connected ? "CreateClient throws though the broker has accepted"

@@ -7,20 +7,20 @@ namespace OrvLab {
 
 bool RouteReference::reported = false;
 std::string RouteReference::path;
-const char* const RouteReference::ETHERNET_NAME = "eth0";
-const char* const RouteReference::CELLULAR_NAME = "wwan0";
+std::string RouteReference::ethernetName;
+std::string RouteReference::cellularName;
 const char* const RouteReference::TOPIC = "/orv/network/wan/inhibit_dns";
 
 void RouteReference::Note(Replay& replay, const std::string& text) {
     replay.ExpectRecord("debug", "OrvRoute", "Tick", text);
 }
 
-void RouteReference::Order(Replay& replay, const char* interface) {
-    replay.Expect(std::string("put on top ") + interface);
+void RouteReference::Order(Replay& replay, const std::string& interface) {
+    replay.Expect("put on top " + interface);
 }
 
 void RouteReference::NameServers(Replay& replay, const char* first) {
-    replay.Expect(std::string("name servers of ") + CELLULAR_NAME + ": '" + first + "' ''");
+    replay.Expect(std::string("name servers of ") + cellularName + ": '" + first + "' ''");
 }
 
 void RouteReference::Publish(Replay& replay, const char* word) {
@@ -42,7 +42,7 @@ void RouteReference::Update(Replay& replay, bool cloud, bool ethernet, bool cell
     cellularUp = cellular;
     if (!cloud)
         lostSinceSwitch = true;
-    Order(replay, state == TO_CELLULAR || state == CELLULAR ? CELLULAR_NAME : ETHERNET_NAME);
+    Order(replay, state == TO_CELLULAR || state == CELLULAR ? cellularName : ethernetName);
 }
 
 bool RouteReference::MayBeSilent() const {
@@ -138,17 +138,17 @@ void RouteReference::Lost(Replay& replay) {
         state = ETHERNET;
     } else if (replay.Clock() - since >= 10 * SECOND && cellularUp && !drives) {
         drives = true;
-        pokeOver = CELLULAR_NAME;
+        pokeOver = cellularName;
         since = replay.Clock();
         Publish(replay, "inhibit");
-        Note(replay, std::string("Started Poke to cell if ") + CELLULAR_NAME);
+        Note(replay, std::string("Started Poke to cell if ") + cellularName);
         state = POKING;
     }
 }
 
 void RouteReference::Poking(Replay& replay, bool reached) {
     if (drives && reached) {
-        Order(replay, CELLULAR_NAME);
+        Order(replay, cellularName);
         drives = false;
         since = replay.Clock();
         Note(replay, "poke success, route to Cell");
@@ -167,7 +167,7 @@ void RouteReference::Poking(Replay& replay, bool reached) {
 }
 
 void RouteReference::ToCellular(Replay& replay) {
-    if (!replay.TakeBeginningWith(std::string("which is on top: ") + CELLULAR_NAME).empty()) {
+    if (!replay.TakeBeginningWith(std::string("which is on top: ") + cellularName).empty()) {
         reconnect = true;
         Note(replay, "route is Cell, reconnecting");
         Report(replay, "Cellular");
@@ -179,19 +179,19 @@ void RouteReference::ToCellular(Replay& replay) {
     if (replay.Clock() - since < 3 * SECOND)
         return;
     Publish(replay, "permit");
-    Order(replay, ETHERNET_NAME);
+    Order(replay, ethernetName);
     replay.ExpectRecord("error", "OrvRoute", "",
-                        std::string("Failed to set ") + CELLULAR_NAME + " as top interface, restarting SM");
+                        std::string("Failed to set ") + cellularName + " as top interface, restarting SM");
     state = ETHERNET;
 }
 
 void RouteReference::OnCellular(Replay& replay, bool reached) {
     if (ethernetUp && !drives) {
         drives = true;
-        pokeOver = ETHERNET_NAME;
+        pokeOver = ethernetName;
         believesInhibited = true;
         since = replay.Clock();
-        Note(replay, std::string("Started Poke eth if ") + ETHERNET_NAME);
+        Note(replay, std::string("Started Poke eth if ") + ethernetName);
     }
     if (!drives)
         return;
@@ -206,7 +206,7 @@ void RouteReference::OnCellular(Replay& replay, bool reached) {
     NameServers(replay, "0.0.0.0");
     Publish(replay, "permit");
     drives = false;
-    Order(replay, ETHERNET_NAME);
+    Order(replay, ethernetName);
     since = replay.Clock();
     Note(replay, "poke success, route to ETH");
     reported = false;
@@ -214,7 +214,7 @@ void RouteReference::OnCellular(Replay& replay, bool reached) {
 }
 
 void RouteReference::ToEthernet(Replay& replay) {
-    if (!replay.TakeBeginningWith(std::string("which is on top: ") + ETHERNET_NAME).empty()) {
+    if (!replay.TakeBeginningWith(std::string("which is on top: ") + ethernetName).empty()) {
         reconnect = true;
         lostSinceSwitch = false;
         since = replay.Clock();
@@ -226,10 +226,10 @@ void RouteReference::ToEthernet(Replay& replay) {
         replay.Fail("ask which is on top");
     if (replay.Clock() - since < 3 * SECOND)
         return;
-    Order(replay, ETHERNET_NAME);
+    Order(replay, ethernetName);
     NameServers(replay, "");
     replay.ExpectRecord("error", "OrvRoute", "",
-                        std::string("Failed to set ") + ETHERNET_NAME + " as top interface, restarting SM");
+                        std::string("Failed to set ") + ethernetName + " as top interface, restarting SM");
     state = ETHERNET;
 }
 

@@ -28,8 +28,8 @@ public:
     static bool reported;
     static std::string path;
 
-    static const char* const ETHERNET_NAME;
-    static const char* const CELLULAR_NAME;
+    static std::string ethernetName;
+    static std::string cellularName;
     static const char* const TOPIC;
 
 private:
@@ -44,7 +44,7 @@ private:
     void Settling(Replay& replay);
     void Publish(Replay& replay, const char* word);
     static void Note(Replay& replay, const std::string& text);
-    static void Order(Replay& replay, const char* interface);
+    static void Order(Replay& replay, const std::string& interface);
     static void NameServers(Replay& replay, const char* first);
     static void Report(Replay& replay, const char* where);
 

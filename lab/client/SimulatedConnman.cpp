@@ -2,6 +2,7 @@
 #include "client/SimulatedConnman.h"
 
 #include "CommonUtils/Networking/ConnmanCommands.h"
+#include "client/RouteReference.h"
 #include "client/Witness.h"
 
 namespace OrvLab {
@@ -17,6 +18,7 @@ SimulatedConnman* SimulatedConnman::Current() {
 }
 
 SimulatedConnman::SimulatedConnman(Simulation& simulation, std::uint64_t seed) : sim(simulation), random(seed) {
+    top = RouteReference::ethernetName;
     current = this;
 }
 
@@ -33,7 +35,7 @@ void SimulatedConnman::Change() {
         obeys = !obeys;
         break;
     case 2:
-        top = random.OneIn(2) ? "eth0" : "wwan0";
+        top = random.OneIn(2) ? RouteReference::ethernetName : RouteReference::cellularName;
         break;
     default:
         slowness = static_cast<Time>(random.Below(random.OneIn(4) ? 6000 : 400)) * MILLISECOND;

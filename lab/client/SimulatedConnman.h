@@ -32,7 +32,7 @@ private:
     bool obeys = true;
     bool isAway = false;
     Time slowness = 10 * MILLISECOND;
-    std::string top = "eth0";
+    std::string top;
     std::string ordered;
     Time comesTrue = NEVER;
 };

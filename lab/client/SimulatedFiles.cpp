@@ -77,6 +77,7 @@ SimulatedFiles* SimulatedFiles::Current() {
 SimulatedFiles::SimulatedFiles(std::uint64_t seed) : random(seed) {
     current = this;
     mayRemoveOthers = !random.OneIn(3);
+    isRestless = random.OneIn(4);
 }
 
 SimulatedFiles::~SimulatedFiles() {
@@ -145,8 +146,15 @@ void SimulatedFiles::Meddle() {
     Place(path, std::move(node));
 }
 
+void SimulatedFiles::BeforeCall(const char* call) {
+    Simulation::Current()->Step(call);
+    if (isRestless && random.OneIn(12))
+        Meddle();
+}
+
 void SimulatedFiles::Heal() {
     mood = Mood::WELL;
+    isRestless = false;
     mayRemoveOthers = true;
     for (const char* path : {STATUS, ERROR}) {
         const auto found = named.find(path);
@@ -289,35 +297,35 @@ int __wrap_open64(const char* path, int flags, ...) {
     va_end(arguments);
     if (Simulation::Current() == nullptr || SimulatedFiles::Current() == nullptr || !SimulatedFiles::IsWatched(path))
         return __real_open64(path, flags, mode);
-    Simulation::Current()->Step("open");
+    SimulatedFiles::Current()->BeforeCall("open");
     return SimulatedFiles::Current()->Open(path, flags);
 }
 
 int __wrap_fstat64(int number, struct stat* info) {
     if (!Descriptors::IsSimulated(number))
         return __real_fstat64(number, info);
-    Simulation::Current()->Step("fstat");
+    SimulatedFiles::Current()->BeforeCall("fstat");
     return SimulatedFiles::Current()->LookAt(*OrvLab::ExistingFileAt(number, "fstat").node, info);
 }
 
 int __wrap_lstat64(const char* path, struct stat* info) {
     if (Simulation::Current() == nullptr || SimulatedFiles::Current() == nullptr || !SimulatedFiles::IsWatched(path))
         return __real_lstat64(path, info);
-    Simulation::Current()->Step("lstat");
+    SimulatedFiles::Current()->BeforeCall("lstat");
     return SimulatedFiles::Current()->LookAt(path, info);
 }
 
 int __wrap_unlink(const char* path) {
     if (Simulation::Current() == nullptr || SimulatedFiles::Current() == nullptr || !SimulatedFiles::IsWatched(path))
         return __real_unlink(path);
-    Simulation::Current()->Step("unlink");
+    SimulatedFiles::Current()->BeforeCall("unlink");
     return SimulatedFiles::Current()->Remove(path);
 }
 
 int __wrap_ftruncate64(int number, off_t size) {
     if (!Descriptors::IsSimulated(number))
         return __real_ftruncate64(number, size);
-    Simulation::Current()->Step("ftruncate");
+    SimulatedFiles::Current()->BeforeCall("ftruncate");
     OrvLab::OpenedFile& file = OrvLab::ExistingFileAt(number, "ftruncate");
     if (file.node->isVictim)
         Simulation::Current()->Fail("somebody else's file is emptied");
@@ -331,7 +339,7 @@ ssize_t __wrap_readlink(const char* path, char* text, std::size_t size) {
     if (Simulation::Current() == nullptr || std::sscanf(path, "/proc/self/fd/%d", &number) != 1 ||
         !Descriptors::IsSimulated(number))
         return __real_readlink(path, text, size);
-    Simulation::Current()->Step("readlink");
+    SimulatedFiles::Current()->BeforeCall("readlink");
     const OrvLab::OpenedFile& file = OrvLab::ExistingFileAt(number, "readlink");
     const auto& named = SimulatedFiles::Current()->named;
     const auto found = named.find(file.path);
@@ -345,7 +353,7 @@ ssize_t __wrap_readlink(const char* path, char* text, std::size_t size) {
 ssize_t __wrap_write(int number, const void* bytes, std::size_t size) {
     if (!Descriptors::IsSimulated(number))
         return __real_write(number, bytes, size);
-    Simulation::Current()->Step("write");
+    SimulatedFiles::Current()->BeforeCall("write");
     OrvLab::OpenedFile* file = OrvLab::FileAt(number);
     if (file == nullptr)
         Simulation::Current()->Fail("write to what is no file");

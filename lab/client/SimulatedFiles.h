@@ -34,6 +34,8 @@ public:
 
     /// Somebody does something in the folder, or to the disk.
     void Meddle();
+    /// Before each call: in some courses somebody is quicker than the library.
+    void BeforeCall(const char* call);
     /// From now on nobody does, and what cannot be removed is gone.
     void Heal();
     /// What is in the file of that name; "none" when there is none.
@@ -54,6 +56,7 @@ public:
     enum class Mood { WELL, FULL, READ_ONLY, MISSING, NO_DESCRIPTORS };
     Mood mood = Mood::WELL;
     bool mayRemoveOthers = true;
+    bool isRestless = false;
     Random random;
     std::map<std::string, std::shared_ptr<FileNode>> named;
 

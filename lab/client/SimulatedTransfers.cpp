@@ -4,6 +4,7 @@
 #include "client/Witness.h"
 
 #include <curl/curl.h>
+#include <net/if.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -133,6 +134,11 @@ bool SimulatedTransfers::PrepareSocket(Transfer& transfer) {
     transfer.hasPrepared = true;
     const std::string asked = transfer.texts[CURLOPT_INTERFACE].substr(3);
     const int answer = transfer.prepare(transfer.prepareArgument, A_SOCKET, CURLSOCKTYPE_IPCXN);
+    if (asked.empty() || asked.size() >= IFNAMSIZ) { // then libcurl would hold it to nothing
+        if (answer == CURL_SOCKOPT_OK)
+            sim.Fail("a poke over any interface");
+        return false;
+    }
     if (heldTo != asked)
         sim.Fail("a poke over " + asked + " is held to '" + heldTo + "'");
     const bool shall = holdError == 0 || holdError == ENODEV;

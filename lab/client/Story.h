@@ -50,6 +50,8 @@ public:
     /// Whether all messages that were handed over have been seen.
     bool HasSeenAll() const;
     std::string StatusText() const;
+    /// What the events have said: of the cloud, of Ethernet's address, of Cellular's.
+    bool Flag(int which) const { return which == 0 ? cloud : which == 1 ? ethernetIp : cellularIp; }
     /// What the broker retains of this client when it knows everything.
     /// More than one when the calls overlapped.
     std::map<std::string, std::set<std::string>> Retained() const;

@@ -21,6 +21,8 @@ struct Play {
     explicit Play(Simulation& simulation) : witness(simulation), story(witness, 1) {
         RouteReference::reported = false;
         RouteReference::path.clear();
+        RouteReference::ethernetName = "eth0";
+        RouteReference::cellularName = "wwan0";
         witness.onEffect = [this](Call& call, const Effect& effect) { story.Seen(call, effect); };
         witness.onEnd = [this](const std::shared_ptr<Call>& call) { story.Returned(call); };
         witness.onDelivery = [this](const Effect& effect) { story.Delivered(effect); };

@@ -1,9 +1,40 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the gateway's other programs publish.
+// What happens on the gateway meanwhile.
 #include "client/ClientProgram.h"
+#include "client/Edge.h"
 #include "client/Words.h"
 
 namespace OrvLab {
+
+void ClientProgram::GatewayThread() {
+    using Behaviour = ScriptedBroker::Behaviour;
+    constexpr Behaviour BEHAVIOURS[] = {Behaviour::HEALTHY, Behaviour::FLAKY, Behaviour::REFUSING, Behaviour::FROZEN,
+                                        Behaviour::DOWN};
+    while (threadsLeft > 0) {
+        sim.Sleep(static_cast<Time>(random.Below(random.OneIn(3) ? 5000 : 400)) * MILLISECOND);
+        switch (random.Weighted({10, 2, 1, 1, 3, 3})) {
+        case 0:
+            SendAtRandom();
+            break;
+        case 1:
+            broker.SetBehaviour(BEHAVIOURS[random.Weighted({6, 3, 1, 1, 1})]);
+            break;
+        case 2:
+            broker.DropAll();
+            break;
+        case 3:
+            broker.Restart();
+            break;
+        case 4:
+            connman.Change();
+            break;
+        default:
+            files.Meddle();
+            Edge::wallClockAhead += static_cast<Time>(random.Between(-100, 100)) * SECOND;
+            break;
+        }
+    }
+}
 
 std::string ClientProgram::AnyText() {
     switch (random.Below(9)) {
@@ -38,10 +69,13 @@ void ClientProgram::SendAtRandom() {
         topic = own + (random.OneIn(2) ? "/available" : "/supported");
         break;
     case 4:
-        topic = std::string(Texts::FEATURES) + (random.OneIn(2) ? "other/init" : "shutdown_readiness");
+        topic = random.OneIn(3) ? own + "x/init"
+                                : std::string(Texts::FEATURES) + (random.OneIn(2) ? "other/init" : "APP/init");
         break;
     case 5:
         topic = Texts::READINESS + std::string(random.OneIn(3) ? "alarm/" : "alarm");
+        if (random.OneIn(4))
+            topic = own + topic;
         break;
     case 6:
         topic = random.OneIn(2) ? Texts::GUID : Texts::PANEL_CONNECTION;
