@@ -94,7 +94,6 @@ std::string LogProgram::AnySource() {
 }
 
 void LogProgram::Run() {
-    threads = random.Between(1, 4);
     if (random.OneIn(2)) {
         Use();
         for (const char* source : SOURCES) {
@@ -103,13 +102,9 @@ void LogProgram::Run() {
             areRead = true;
         }
     }
-    std::vector<Simulation::Thread*> all;
-    for (int number = 1; number <= threads; ++number)
-        all.push_back(
-            &sim.Start("application " + std::to_string(number), [this, number] { ApplicationThread(number); }));
-    for (Simulation::Thread* thread : all)
-        sim.Join(*thread);
-    CheckEachLevel();
+    // A process costs more than what it does: so it does much.
+    for (int count = random.Between(1, 8); count > 0; --count)
+        WorkTogether();
     const int before = outputs.OpenDescriptors();
     for (int count = random.Between(1, 10); count > 0; --count)
         Act(0);
@@ -119,6 +114,18 @@ void LogProgram::Run() {
     loggers.clear();
     outputs.Check(!outputs.IsPipe() || TellLosses());
     EndThreadsValues();
+}
+
+/// Up to four threads, and what is in force when they have ended.
+void LogProgram::WorkTogether() {
+    const int threads = random.Between(1, 4);
+    std::vector<Simulation::Thread*> all;
+    for (int number = 1; number <= threads; ++number)
+        all.push_back(
+            &sim.Start("application " + std::to_string(number), [this, number] { ApplicationThread(number); }));
+    for (Simulation::Thread* thread : all)
+        sim.Join(*thread);
+    CheckEachLevel();
 }
 
 void LogProgram::ApplicationThread(int number) {

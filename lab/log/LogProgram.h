@@ -56,6 +56,7 @@ private:
         Possible levels;
     };
 
+    void WorkTogether();
     void ApplicationThread(int number);
     void Act(int thread);
     void LogBy(CommonUtils::Logger& logger, const std::string& source, int own, int thread);
@@ -89,7 +90,6 @@ private:
         std::unique_ptr<CommonUtils::Logger> logger;
     };
     std::vector<Shared> loggers;
-    int threads = 0;
     bool isUsed = false;  // the settings of the start are being read, or have been
     bool areRead = false; // they have been
 };
