@@ -63,6 +63,9 @@ auto Asked(const std::string& what, Call call) {
     Witness& witness = *Witness::Current();
     witness.Note(what);
     witness.sim.Step("at the edge");
+    // The machine may do something else just here.
+    if (LabLog::longestStall != 0 && witness.sim.OneInSchedule(30))
+        witness.sim.Stall(static_cast<Time>(witness.sim.AnyNumber() % 50) * MILLISECOND);
     LocksAtEdge()[&witness.sim.Self()] = witness.sim.Self().locks;
     const auto result = call();
     LocksAtEdge().erase(&witness.sim.Self());

@@ -126,6 +126,7 @@ void SimulatedFiles::Meddle() {
     case 3:
         node->kind = FileNode::Kind::LINK;
         node->target = Victim();
+        node->target->isTarget = true;
         break;
     case 4: // a second name of one of ours
         node = Victim();
@@ -344,7 +345,8 @@ ssize_t __wrap_readlink(const char* path, char* text, std::size_t size) {
     const auto& named = SimulatedFiles::Current()->named;
     const auto found = named.find(file.path);
     const bool isThere = found != named.end() && found->second == file.node;
-    const std::string name = file.path + (isThere ? "" : " (deleted)");
+    const std::string name =
+        file.node->isTarget ? "/home/somebody/precious" : file.path + (isThere ? "" : " (deleted)");
     const std::size_t length = std::min(size, name.size());
     std::memcpy(text, name.data(), length);
     return static_cast<ssize_t>(length);

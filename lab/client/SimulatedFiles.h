@@ -19,6 +19,7 @@ struct FileNode {
     bool isOthers = false; // somebody else's: its owner is
     bool isVictim = false; // what is in it concerns nobody who writes status files
     bool isLeased = false;
+    bool isTarget = false; // of a link: it has a name elsewhere
     std::shared_ptr<FileNode> target;
 };
 

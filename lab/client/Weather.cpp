@@ -85,6 +85,8 @@ void ClientProgram::SendAtRandom() {
         break;
     }
     broker.Publish(topic, word, random.OneIn(3));
+    for (unsigned more = random.OneIn(4) ? random.Below(6) : 0; more > 0; --more)
+        broker.Publish(own + "/init", "reload", false);
     if (random.OneIn(6))
         broker.Publish(topic, word, false);
 }
