@@ -12,6 +12,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace GatewayApp {
 
@@ -70,6 +71,7 @@ struct mosquitto {
     bool greeted = false;
     bool secure = false;
     bool toSend = false; // CONNECT
+    bool toPing = false; // the socket did not take it
     bool answered = false;
 };
 
@@ -204,7 +206,7 @@ int mosquitto_socket(mosquitto* client) {
 }
 
 bool mosquitto_want_write(mosquitto* client) {
-    return client->toSend;
+    return client->toSend || client->toPing;
 }
 
 int mosquitto_loop_read(mosquitto* client, int /*packets*/) {
@@ -229,6 +231,8 @@ int mosquitto_loop_write(mosquitto* client, int /*packets*/) {
         return MOSQ_ERR_NO_CONN;
     if (client->socket->broken)
         return Lose(client, MOSQ_ERR_CONN_LOST);
+    if (std::exchange(client->toPing, false))
+        client->socket->Ask(Said::PONG);
     if (!client->toSend || !client->secure)
         return MOSQ_ERR_SUCCESS;
     client->toSend = false;
@@ -252,7 +256,9 @@ int mosquitto_loop_misc(mosquitto* client) {
         return Lose(client, MOSQ_ERR_KEEPALIVE);
     if (client->pinged == OrvLab::NEVER && client->answered && now - client->lastHeard >= client->keepAlive) {
         client->pinged = now;
-        client->socket->Ask(Said::PONG);
+        client->toPing = world.files.OneIn(3);
+        if (!client->toPing)
+            client->socket->Ask(Said::PONG);
     }
     return MOSQ_ERR_SUCCESS;
 }

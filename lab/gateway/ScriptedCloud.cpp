@@ -104,6 +104,8 @@ void CloudSocket::Say(Said what) {
 }
 
 void CloudSocket::FallSilent(Time until) {
+    if (IsSilent(sim.Now()))
+        return;
     SilentFor();
     silentFrom = sim.Now();
     silentUntil = until;

@@ -16,6 +16,7 @@ World::World(Simulation& simulation, std::uint64_t seed)
     : sim(simulation),
       resolver(simulation, seed * 7 + 1),
       cloud(simulation, agenda, seed * 7 + 2),
+      kernel(simulation, seed * 7 + 4),
       files(seed * 7 + 3) {
     present = this;
     sim.SetSurroundings(&agenda);

@@ -4,6 +4,7 @@
 #include "gateway/Agenda.h"
 #include "gateway/Resolver.h"
 #include "gateway/ScriptedCloud.h"
+#include "gateway/ScriptedKernel.h"
 #include "sim/Simulation.h"
 
 #include <cstdint>
@@ -28,6 +29,7 @@ struct World {
     Agenda agenda;
     Resolver resolver;
     ScriptedCloud cloud;
+    ScriptedKernel kernel;
 
     /// Files of credentials that cannot be read, once in so many times.
     unsigned faultyFiles = 0;

@@ -5,6 +5,10 @@
 #include "gateway/Tasks.h"
 #include "gateway/World.h"
 
+#include <OrvNetlink/Socket.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+
 #include <functional>
 #include <memory>
 
@@ -203,6 +207,43 @@ TEST(AnEventLoopOfTheLab, ForgetsADescriptorThatIsClosedThoughItsNumberComesAgai
         GatewayApp::Timer end(loop, [&] { loop.Quit(); });
         end.Once(10ms);
         loop.Run();
+    });
+}
+
+TEST(AScriptedKernel, TellsOfWhatItHadToDrop) {
+    RunAll([](Scene& scene) {
+        ScriptedKernel& kernel = scene.world.kernel;
+        kernel.Heal();
+        OrvNetlink::Socket listener(RTMGRP_LINK);
+        OrvNetlink::Socket asking;
+        const auto ignore = [](const nlmsghdr&) {};
+        kernel.SetCarrier("lan0", false);
+        EXPECT_TRUE(listener.ReadNotifications(ignore));
+        for (int count = 0; count < 1001; ++count)
+            kernel.Chatter();
+        EXPECT_FALSE(listener.ReadNotifications(ignore));
+        EXPECT_TRUE(listener.ReadNotifications(ignore));
+
+        int told = 0;
+        EXPECT_TRUE(asking.Dump(RTM_GETLINK, AF_UNSPEC, [&](const nlmsghdr&) { ++told; }));
+        EXPECT_EQ(told, 2);
+    });
+}
+
+TEST(AScriptedKernel, DropsTheRoutesOfALinkThatGoesDownWithoutAWord) {
+    RunAll([](Scene& scene) {
+        ScriptedKernel& kernel = scene.world.kernel;
+        kernel.Heal();
+        OrvNetlink::Socket routes(RTMGRP_IPV4_ROUTE);
+        OrvNetlink::Socket links(RTMGRP_LINK);
+        int toldRoutes = 0;
+        int toldLinks = 0;
+        kernel.SetUp("lan0", false);
+        EXPECT_TRUE(routes.ReadNotifications([&](const nlmsghdr&) { ++toldRoutes; }));
+        EXPECT_TRUE(links.ReadNotifications([&](const nlmsghdr&) { ++toldLinks; }));
+        EXPECT_TRUE(kernel.Routes().empty());
+        EXPECT_EQ(toldRoutes, 0);
+        EXPECT_EQ(toldLinks, 1);
     });
 }
 
