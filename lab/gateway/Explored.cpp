@@ -2,6 +2,7 @@
 #include "Explored.h"
 
 #include "gateway/CloudProgram.h"
+#include "gateway/RoutesProgram.h"
 #include "gateway/WatcherProgram.h"
 
 namespace {
@@ -15,8 +16,12 @@ void RunProgram(OrvLab::Simulation& simulation, std::uint64_t seed) {
 } // namespace
 
 void OrvLab::RunExplored(Simulation& simulation, std::uint64_t seed) {
-    if (seed % 2 == 0)
-        RunProgram<WatcherProgram>(simulation, seed);
-    else
-        RunProgram<CloudProgram>(simulation, seed);
+    switch (seed % 3) {
+    case 0:
+        return RunProgram<WatcherProgram>(simulation, seed);
+    case 1:
+        return RunProgram<CloudProgram>(simulation, seed);
+    default:
+        return RunProgram<RoutesProgram>(simulation, seed);
+    }
 }

@@ -164,7 +164,9 @@ void KernelWeather::ChangeFour(const std::string& name) {
     if (own.empty() || random.OneIn(4)) {
         if (random.OneIn(5))
             return world.kernel.PutAddress({link->index, "169.254.7.7", 16});
-        return PutFour(name, own.empty() ? 10 : 20);
+        if (own.empty())
+            return PutFour(name, random.OneIn(2) ? 10 : 20);
+        return world.kernel.PutAddress({link->index, name == "eth0" ? "198.18.1.5" : "198.18.2.5", 24});
     }
     world.kernel.RemoveAddress(own[random.Below(static_cast<unsigned>(own.size()))]);
 }
@@ -227,7 +229,10 @@ void KernelWeather::Settle() {
         world.kernel.SetUp(name, true);
         world.kernel.SetCarrier(name, true);
         PutFour(name, 10);
+        PutSix(name);
+        Advertise(name, NEVER);
     }
+    world.sim.Sleep(2 * TENTATIVE);
 }
 
 } // namespace OrvLab

@@ -68,9 +68,9 @@ std::string NetworkModel::OwnerOf(const std::string& address) const {
     return {};
 }
 
-bool NetworkModel::HasSilentExpiry() const {
+bool NetworkModel::HasSilentExpiry(Time since) const {
     return std::any_of(kernel.Routes().begin(), kernel.Routes().end(),
-                       [this](const KernelRoute& route) { return route.expires <= now; });
+                       [&](const KernelRoute& route) { return route.expires <= now && route.expires > since; });
 }
 
 } // namespace OrvLab

@@ -18,8 +18,8 @@ struct NetworkModel {
     /// Who has the default route; empty: nobody.
     std::string DefaultInterface() const;
     std::string OwnerOf(const std::string& address) const;
-    /// A lifetime is over, and the kernel has not said so.
-    bool HasSilentExpiry() const;
+    /// A lifetime is over, since that time, and the kernel has not said so.
+    bool HasSilentExpiry(Time since = 0) const;
 
 private:
     bool IsWayOut(const KernelRoute& route) const;

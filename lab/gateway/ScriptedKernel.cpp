@@ -301,6 +301,9 @@ std::vector<std::string> ScriptedKernel::All(std::uint16_t type, int family) con
 }
 
 int ScriptedKernel::Handle(const nlmsghdr& request) {
+    const bool ofRules = request.nlmsg_type == RTM_NEWRULE || request.nlmsg_type == RTM_DELRULE;
+    if (ofRules && !sixRules && RuleOf(request) && RuleOf(request)->family == AF_INET6)
+        return EAFNOSUPPORT;
     if (random.OneIn(refusals))
         return ENOBUFS;
     switch (request.nlmsg_type) {
@@ -354,8 +357,6 @@ int ScriptedKernel::HandleRule(const nlmsghdr& request, bool removes) {
     const std::optional<KernelRule> rule = RuleOf(request);
     if (!rule)
         return EINVAL;
-    if (rule->family == AF_INET6 && !sixRules)
-        return EAFNOSUPPORT;
     if (onRequest)
         onRequest(nullptr, &*rule, removes);
     const auto known = std::find(rules.begin(), rules.end(), *rule);

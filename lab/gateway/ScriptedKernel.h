@@ -85,6 +85,8 @@ public:
     const std::vector<KernelRule>& Rules() const { return rules; }
     std::uint64_t Generation() const { return generation; }
     int Requests() const { return requests; }
+    bool HasSixRules() const { return sixRules; }
+    bool Refuses() const { return refusals != 0; }
     /// @}
 
     /// From now on requests are carried out, and queues have room.
