@@ -186,6 +186,17 @@ TEST_F(ARace, IsWonByTheLastAddressWhenTheFirstOnlyAcceptsAndTheSecondIsDead) {
     EXPECT_GE(end.time, 1500ms);
 }
 
+TEST_F(ARace, BeginsAThirdHandshakeOnlyWhenTheSecondHasHadItsTimeToo) {
+    TlsPeer::Plan silence;
+    silence.mute = true;
+    const TlsPeer first("127.0.0.2", PORT, good, silence);
+    const TlsPeer second("127.0.0.3", PORT, good, silence);
+    const TlsPeer cloud("127.0.0.1", PORT, good);
+    const End end = Race({"127.0.0.2", "127.0.0.3", "127.0.0.1"});
+    EXPECT_EQ(end.address, "127.0.0.1") << end.failure;
+    EXPECT_GE(end.time, 3000ms);
+}
+
 TEST_F(ARace, AsksOneAddressAtATimeWhileItAnswers) {
     const TlsPeer first("127.0.0.1", PORT, good);
     const TlsPeer second("127.0.0.2", PORT, good);
