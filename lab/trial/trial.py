@@ -146,7 +146,7 @@ def chosen(options: argparse.Namespace) -> list[Instrument]:
         Explorer(options.explore, "races broker", "orv-explore", BROKER, preset="tsan"),
         Explorer(options.explore, "explore connman", "orv-explore-connman", CONNMAN),
         Explorer(options.explore, "races connman", "orv-explore-connman", CONNMAN, preset="tsan"),
-        Explorer(options.explore, "explore gateway", "orv-explore-gateway", "apps/gateway-app/"),
+        Explorer(options.explore, "explore gateway", "orv-explore-gateway", "apps/"),
         Explorer(options.explore, "explore client", "orv-explore-client", "libs/OrvStackSdk/"),
         Explorer(options.explore, "explore log", "orv-explore-log", *LOG),
         Explorer(options.explore, "races log", "orv-explore-log", *LOG, preset="tsan"),
