@@ -51,15 +51,34 @@ def _distance(one: float, other: float) -> float:
     return abs(one - other)
 
 
-def unproven_moves(application: Application, box: Box, clocks: Clocks = (), grain: float = CLOCK_GRAIN) -> list[str]:
+POKED_PORT = 443  # no other program of a scene connects to it
+POKES = {"eth": "Started Poke eth if", "cell": "Started Poke to cell if"}
+ADDRESS_LOST = {"eth": "event ETHERNET_IP_LOST", "cell": "event CELLULAR_IP_LOST"}
+LOSS_HEARD_LATE = 1.0  # seconds
+
+
+def unproven_moves(
+    application: Application,
+    box: Box,
+    passages: Sequence[Passage] = (),
+    clocks: Clocks = (),
+    grain: float = CLOCK_GRAIN,
+) -> list[str]:
     """Switches of the route that the cloud cannot confirm: no TLS handshake over that path within the attempt. The two clocks
-    agree within `grain` seconds."""
+    agree within `grain` seconds.
+
+    The gateway's last word completes the handshake. When its interface is lost at that moment the word does not arrive: then
+    the connection's first packet over that path is enough.
+    """
     attempts: dict[str, float | None] = {"eth": None, "cell": None}
     ends = {"poke success, route to Cell": "cell", "poke success, route to ETH": "eth"}
-    begins = {"Started Poke to cell if": "cell", "Started Poke eth if": "eth"}
+    begins = {text: side for side, text in POKES.items()}
     handshakes = {side: [at(time) for time in box.handshakes(side)] for side in attempts}
+    poked = {side: [at(one.time) for one in passages if (one.side, one.port) == (side, POKED_PORT)] for side in attempts}
+    lines = list(true_times(application.log(), clocks))
+    losses = {side: [time for time, line in lines if ADDRESS_LOST[side] in line] for side in attempts}
     faults = []
-    for now, line in true_times(application.log(), clocks):
+    for now, line in lines:
         for text, side in begins.items():
             if text in line:
                 # One over Ethernet that was stopped goes on with the connection that it had.
@@ -71,7 +90,10 @@ def unproven_moves(application: Application, box: Box, clocks: Clocks = (), grai
         for text, side in ends.items():
             if text in line:
                 begin, attempts[side] = attempts[side], None
-                if begin is None or not any(begin <= time + grain and time <= now + grain for time in handshakes[side]):
+                proofs = handshakes[side]
+                if begin is not None and any(begin <= time <= now + LOSS_HEARD_LATE for time in losses[side]):
+                    proofs = proofs + poked[side]
+                if begin is None or not any(begin <= time + grain and time <= now + grain for time in proofs):
                     faults.append(f"no handshake over {side} since {begin}, only {handshakes[side]}, before: {line}")
     return faults
 
@@ -102,11 +124,6 @@ def moves_not_told_once(application: Application) -> list[str]:
             f"the route has moved {changes(LASTING)} to {changes(0) + in_vain} times, and the log tells of {told}"
         )
     return faults
-
-
-POKED_PORT = 443  # no other program of a scene connects to it
-POKES = {"eth": "Started Poke eth if", "cell": "Started Poke to cell if"}
-ADDRESS_LOST = {"eth": "event ETHERNET_IP_LOST", "cell": "event CELLULAR_IP_LOST"}
 
 
 def pokes_on_a_wrong_way(

@@ -176,7 +176,7 @@ class Scene:
 
     def faults(self) -> list[str]:
         """What `audit` finds wrong."""
-        faults = audit.unproven_moves(self.application, self.box, self.clocks, self.clock_grain)
+        faults = audit.unproven_moves(self.application, self.box, self.passages(), self.clocks, self.clock_grain)
         faults += audit.moves_not_told_once(self.application)
         faults += audit.pokes_on_a_wrong_way(
             self.application, self.passages(), bool(self.neighbours), self.addresses_lent

@@ -183,3 +183,26 @@ def test_a_proof_counts_within_what_two_clocks_may_differ(tmp_path: pathlib.Path
     )
     box = cast(Box, Answered("2026-01-01T00:00:05.880Z"))
     assert (unproven_moves(application, box, grain=grain) == []) == proven
+
+
+def test_the_last_word_of_a_handshake_may_be_lost_with_its_interface(tmp_path: pathlib.Path) -> None:
+    application = Recorded(tmp_path, ONCE, [])
+    lines = [
+        "2026-01-01T00:00:05.100Z debug [OrvRoute] Tick: Started Poke to cell if wwan0\n",
+        "2026-01-01T00:00:05.480Z info [GatewayApp] event CELLULAR_IP_LOST\n",
+        "2026-01-01T00:00:05.500Z debug [OrvRoute] Tick: poke success, route to Cell\n",
+    ]
+    nobody = cast(Box, Answered("2026-01-01T00:00:01.000Z"))
+    in_time, before = (
+        passage("cell", "10.12.0.50")._replace(time=f"2026-01-01T00:00:{second}Z") for second in ("05.200", "03.000")
+    )
+    for log, passages, proven in (
+        (lines, [in_time], True),
+        ([lines[0], lines[2], lines[1].replace("480", "600")], [in_time], True),
+        ([lines[0], lines[2]], [in_time], False),
+        (lines, [before], False),
+        (lines, [in_time._replace(side="eth")], False),
+        (lines, [], False),
+    ):
+        application.log_file.write_text("".join(log), encoding="utf-8")
+        assert (unproven_moves(application, nobody, passages) == []) == proven, (log, passages)

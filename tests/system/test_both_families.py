@@ -88,9 +88,16 @@ def begun_over_cellular(scene: Scene, port: int) -> str:
     return "".join(one.family for one in scene.passages() if (one.side, one.port) == ("cell", port))
 
 
-@pytest.mark.parametrize("box", ["eth=46,cell=46"], indirect=True)
+# ConnMan lists three name servers at most. Of four, Cellular's of IPv6 may be the one that is left out: then nobody finds
+# the cloud's name without IPv4.
 @pytest.mark.parametrize(
-    "fault, begun", [("ipv6 cell dead", "64"), ("ipv6 cell refused", "64"), ("ipv4 cell dead", "6")]
+    "box, fault, begun",
+    [
+        ("eth=46,cell=46", "ipv6 cell dead", "64"),
+        ("eth=46,cell=46", "ipv6 cell refused", "64"),
+        ("eth=4,cell=46", "ipv4 cell dead", "6"),
+    ],
+    indirect=["box"],
 )
 def test_a_family_that_is_broken_on_cellular_does_not_hold_up_the_other(scene: Scene, fault: str, begun: str) -> None:
     """The second family is tried while the first is silent: nothing ends, neither a poke nor an attempt of the cloud's."""
