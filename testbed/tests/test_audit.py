@@ -196,13 +196,14 @@ def test_the_last_word_of_a_handshake_may_be_lost_with_its_interface(tmp_path: p
     in_time, before = (
         passage("cell", "10.12.0.50")._replace(time=f"2026-01-01T00:00:{second}Z") for second in ("05.200", "03.000")
     )
-    for log, passages, proven in (
+    cases: list[tuple[list[str], list[Passage], bool]] = [
         (lines, [in_time], True),
         ([lines[0], lines[2], lines[1].replace("480", "600")], [in_time], True),
         ([lines[0], lines[2]], [in_time], False),
         (lines, [before], False),
         (lines, [in_time._replace(side="eth")], False),
         (lines, [], False),
-    ):
+    ]
+    for log, passages, proven in cases:
         application.log_file.write_text("".join(log), encoding="utf-8")
         assert (unproven_moves(application, nobody, passages) == []) == proven, (log, passages)
