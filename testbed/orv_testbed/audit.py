@@ -74,7 +74,9 @@ def unproven_moves(
     ends = {"poke success, route to Cell": "cell", "poke success, route to ETH": "eth"}
     begins = {text: side for side, text in POKES.items()}
     handshakes = {side: [at(time) for time in box.handshakes(side)] for side in attempts}
-    poked = {side: [at(one.time) for one in passages if (one.side, one.port) == (side, POKED_PORT)] for side in attempts}
+    poked = {
+        side: [at(one.time) for one in passages if (one.side, one.port) == (side, POKED_PORT)] for side in attempts
+    }
     lines = list(true_times(application.log(), clocks))
     losses = {side: [time for time, line in lines if ADDRESS_LOST[side] in line] for side in attempts}
     faults = []
