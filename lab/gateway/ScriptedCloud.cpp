@@ -177,6 +177,10 @@ void ScriptedCloud::Heal() {
     well = true;
     way[0] = way[1] = true;
     ++waysChanged;
+    // One that hangs is started anew: it would be noticed by the protocol's own ping only, after minutes.
+    for (const auto& socket : Open())
+        if (socket->hangs)
+            socket->Break(ECONNRESET);
 }
 
 void ScriptedCloud::SetWay(bool six, bool there) {
