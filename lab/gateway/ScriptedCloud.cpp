@@ -60,11 +60,12 @@ int CloudSocket::Option(int option) const {
 Time CloudSocket::SilentFor() {
     const Time now = sim.Now();
     const Time period = static_cast<Time>(Option(TCP_KEEPIDLE)) * SECOND;
-    const Time heard = std::min(now, silentFrom);
+    const bool over = now >= silentUntil;
+    if (over && silentFrom != NEVER)
+        lastSign = std::max(lastSign, silentUntil); // what was asked meanwhile is answered
+    const Time heard = over ? now : std::min(now, silentFrom);
     if (heard - lastSign >= period)
         lastSign += (heard - lastSign) / period * period;
-    if (now >= silentUntil && silentFrom != NEVER && lastSign < silentUntil)
-        lastSign = silentUntil; // what was asked meanwhile is answered
     return now - lastSign;
 }
 
