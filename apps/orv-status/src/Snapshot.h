@@ -48,8 +48,8 @@ struct NetworkView {
     Known state = Known::UNKNOWN;
     std::string reason;
     std::vector<Interface> interfaces; ///< the two WAN ones
-    std::vector<DefaultRoute>
-        defaults; ///< of the main table: those of the family that tells the path, then the other's
+    /// Of the main table: those of the family that tells the path, then the other's.
+    std::vector<DefaultRoute> defaults;
 
     /// "ethernet", "cellular", "other" or "none".
     std::string Path() const;
