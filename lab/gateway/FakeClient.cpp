@@ -34,6 +34,15 @@ TlsContext::TlsContext(const CloudSettings& settings)
     world.tlsContexts.insert(this);
 }
 
+/// For libcurl's connections.
+TlsContext::TlsContext(const CloudSettings& settings, ssl_ctx_st* foreign)
+    : owned(false), context(foreign), host(settings.host) {
+    OrvLab::World& world = OrvLab::World::Of("TlsContext");
+    if (world.files.OneIn(world.faultyFiles))
+        throw std::runtime_error("cannot read the certificate");
+    world.tlsContexts.insert(this);
+}
+
 TlsContext::~TlsContext() {
     OrvLab::World::Of("~TlsContext").tlsContexts.erase(this);
 }
@@ -73,6 +82,7 @@ struct mosquitto {
     bool toSend = false; // CONNECT
     bool toPing = false; // the socket did not take it
     bool answered = false;
+    bool welcome = false;
 };
 
 namespace {
@@ -95,9 +105,14 @@ int Lose(mosquitto* client, int result) {
     client->socket->closed = true;
     close(client->number);
     client->number = -1;
+    const auto socket = std::move(client->socket);
     client->socket.reset();
-    if (const World* const world = World::Present(); world->onUndone)
+    const World* const world = World::Present();
+    if (world->onUndone)
         world->onUndone();
+    if (client->welcome && world->onClosed)
+        world->onClosed(*socket);
+    client->welcome = false;
     return result;
 }
 
@@ -116,6 +131,9 @@ int Hear(mosquitto* client, Said said) {
     case Said::ACCEPTED:
     case Said::REFUSED:
         client->answered = true;
+        client->welcome = said == Said::ACCEPTED;
+        if (const World* const world = World::Present(); client->welcome && world->onWelcome)
+            world->onWelcome(*client->socket);
         client->onConnect(client, client->user, said == Said::REFUSED ? 5 : 0);
         return said == Said::REFUSED ? Lose(client, MOSQ_ERR_CONN_REFUSED) : MOSQ_ERR_SUCCESS;
     case Said::PONG:
@@ -264,7 +282,9 @@ int mosquitto_loop_misc(mosquitto* client) {
 }
 
 int mosquitto_disconnect(mosquitto* client) {
-    Enter(client, "mosquitto_disconnect");
+    const World& world = Enter(client, "mosquitto_disconnect");
+    if (client->socket && world.onGoodBye)
+        world.onGoodBye();
     return client->socket ? MOSQ_ERR_SUCCESS : MOSQ_ERR_NO_CONN;
 }
 

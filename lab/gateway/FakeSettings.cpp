@@ -1,11 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 // Signals that are taken from a descriptor, and settings that are in no file.
 #include "gateway/FakeSignals.h"
+#include "gateway/World.h"
 #include "signals/Signals.h"
 #include "sim/Descriptors.h"
 #include "sim/Simulation.h"
 
 #include <GatewayMainBaseUnits/IpInterfacesMapping.h>
+#include <OrvPlatform/Counters.h>
+#include <OrvPlatform/Settings.h>
+#include <OrvResources/StaticConfigStore.h>
 #include <config/GatewayConfig.h>
 #include <poll.h>
 #include <unistd.h>
@@ -39,6 +43,10 @@ void Raise(int number) {
         SignalFile::present->waiting.push_back(number);
 }
 
+bool CanRaise() {
+    return SignalFile::present != nullptr;
+}
+
 } // namespace OrvLab
 
 namespace OrvSignals {
@@ -61,6 +69,8 @@ int Signals::Take() {
         return 0;
     const int number = waiting.front();
     waiting.pop_front();
+    if (const OrvLab::World* const world = OrvLab::World::Present(); world != nullptr && world->onSignal)
+        world->onSignal(number);
     return number;
 }
 
@@ -85,4 +95,33 @@ LoadedConfig LoadGatewayConfig() {
     return {};
 }
 
+bool ReloadLogLevels() noexcept {
+    if (const OrvLab::World& world = OrvLab::World::Of("ReloadLogLevels"); world.onReload)
+        world.onReload();
+    return true;
+}
+
+Counters ReadCounters() noexcept {
+    return {};
+}
+
 } // namespace OrvPlatform
+
+namespace OrvResources {
+
+namespace {
+
+class Store final : public IStaticConfigStore {
+public:
+    std::string GetValue(const int& key) override {
+        return key == 0 ? OrvLab::World::Of("GetValue").endpoint : std::string();
+    }
+};
+
+} // namespace
+
+std::unique_ptr<IStaticConfigStore> CreateStaticConfigStore() {
+    return std::make_unique<Store>();
+}
+
+} // namespace OrvResources

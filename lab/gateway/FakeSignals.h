@@ -5,5 +5,7 @@ namespace OrvLab {
 
 /// Sends a signal to the program that is explored; it waits to be taken.
 void Raise(int number);
+/// It takes signals.
+bool CanRaise();
 
 } // namespace OrvLab

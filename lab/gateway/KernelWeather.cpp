@@ -198,15 +198,22 @@ void KernelWeather::ChangeSix(const std::string& name) {
 void KernelWeather::ChangeDefault() {
     const std::string name = AnyInterface();
     const KernelLink* const link = world.kernel.Link(name);
-    const auto routes = world.kernel.Routes();
-    for (const KernelRoute& route : routes)
-        if (route.IsDefault() && route.family == AF_INET && route.protocol == CONNMAN)
-            world.kernel.RemoveRoute(route);
+    MoveDefault("");
     if (link == nullptr || !link->up || random.OneIn(5))
         return;
     world.kernel.PutRoute(DefaultOf(name, random.OneIn(3) ? 5 : 0));
     if (random.OneIn(4) && world.kernel.Link("eth0") != nullptr && world.kernel.Link("eth0")->up)
         world.kernel.PutRoute(DefaultOf("eth0", 7));
+}
+
+void KernelWeather::MoveDefault(const std::string& name) {
+    const auto routes = world.kernel.Routes();
+    for (const KernelRoute& route : routes)
+        if (route.IsDefault() && route.family == AF_INET && route.protocol == CONNMAN)
+            world.kernel.RemoveRoute(route);
+    const KernelLink* const link = world.kernel.Link(name);
+    if (link != nullptr && link->up)
+        world.kernel.PutRoute(DefaultOf(name, 0));
 }
 
 /// Other programs touch what is not theirs.

@@ -17,6 +17,8 @@ public:
     /// Both interfaces with an address and a router each, eth0 first, as after a boot.
     void Boot();
     void Act();
+    /// As the connection manager does it. Nobody: there is none.
+    void MoveDefault(const std::string& name);
     /// What is under way comes to its end.
     void Settle();
 

@@ -114,6 +114,11 @@ void CloudSocket::FallSilent(Time until) {
     GiveUpWhenSilent(own);
 }
 
+void CloudSocket::Revive() {
+    if (IsSilent(sim.Now()))
+        silentUntil = sim.Now();
+}
+
 /// The kernel does by itself.
 void CloudSocket::GiveUpWhenSilent(const std::weak_ptr<CloudSocket>& self) {
     agenda.At(sim.Now() + SECOND / 2, [self] {
@@ -129,7 +134,8 @@ void CloudSocket::GiveUpWhenSilent(const std::weak_ptr<CloudSocket>& self) {
 
 std::shared_ptr<CloudSocket> ScriptedCloud::Connect(const std::string& address) {
     ++tried;
-    if (!way[IsSix(address) ? 1 : 0]) {
+    const std::string source = SourceTowards(address);
+    if (source.empty()) {
         errno = ENETUNREACH;
         return nullptr;
     }
@@ -149,9 +155,11 @@ std::shared_ptr<CloudSocket> ScriptedCloud::Connect(const std::string& address) 
             break;
         }
     }
+    if (isDead && isDead(source))
+        fate.tcp = CloudSocket::Fate::Tcp::MUTE;
     auto socket = std::make_shared<CloudSocket>(sim, agenda, address, fate);
     socket->own = socket;
-    socket->source = SourceTowards(address);
+    socket->source = source;
     sockets.erase(std::remove_if(sockets.begin(), sockets.end(), [](const auto& one) { return one->closed; }),
                   sockets.end());
     sockets.push_back(socket);
@@ -193,7 +201,33 @@ std::string ScriptedCloud::SourceTowards(const std::string& address) const {
     const bool six = IsSix(address);
     if (!way[six ? 1 : 0])
         return {};
+    if (sourceOf)
+        return sourceOf(six);
     return six ? "2001:db8:1::10" : "192.0.2.10";
+}
+
+std::shared_ptr<CloudSocket> ScriptedCloud::Reach(const std::string& source) {
+    auto socket = std::make_shared<CloudSocket>(sim, agenda, "the cloud", CloudSocket::Fate{});
+    socket->own = socket;
+    socket->source = source;
+    socket->Accept();
+    others.push_back(socket);
+    return socket;
+}
+
+void ScriptedCloud::Follow() {
+    std::vector<std::shared_ptr<CloudSocket>> all = Open();
+    for (const auto& one : others)
+        if (auto socket = one.lock())
+            all.push_back(std::move(socket));
+    for (const auto& socket : all) {
+        const bool now = isDead(socket->source);
+        if (now && !socket->lost)
+            socket->FallSilent(NEVER);
+        else if (!now && socket->lost)
+            socket->Revive();
+        socket->lost = now;
+    }
 }
 
 void ScriptedCloud::Trouble() {

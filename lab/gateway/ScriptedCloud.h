@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -52,6 +53,8 @@ public:
     void Break(int why);
     void Say(Said what);
     void FallSilent(Time until);
+    /// The way is there again.
+    void Revive();
     /// @}
 
     const std::string address;
@@ -63,6 +66,7 @@ public:
     bool greeted = false; // TLS has begun
     bool secure = false;  // and is complete
     bool hangs = false;   // the broker; its machine answers
+    bool lost = false;    // its way
     int error = 0;
     bool broken = false;
     Time brokenAt = NEVER;
@@ -106,6 +110,18 @@ public:
     std::uint64_t Ways() const { return waysChanged; }
     void SetGloom(unsigned share) { gloom = share; }
 
+    /// @name Where the way depends on the kernel's network
+    /// @{
+    /// The own address towards a family; empty when there is no way.
+    std::function<std::string(bool six)> sourceOf;
+    /// Whether nothing that leaves from this address arrives.
+    std::function<bool(const std::string& source)> isDead;
+    /// A connection that was made from that address, of nobody's who is listed here.
+    std::shared_ptr<CloudSocket> Reach(const std::string& source);
+    /// Whatever connections have lost their way, or found it again, since the last call.
+    void Follow();
+    /// @}
+
 private:
     Simulation& sim;
     Agenda& agenda;
@@ -116,6 +132,7 @@ private:
     std::uint64_t waysChanged = 0;
     int tried = 0;
     std::vector<std::shared_ptr<CloudSocket>> sockets;
+    std::vector<std::weak_ptr<CloudSocket>> others;
 };
 
 } // namespace OrvLab

@@ -43,6 +43,30 @@ struct World {
     std::function<void(const std::string& address)> onDial;
     /// A connection has not been made, or has been closed by the client.
     std::function<void()> onUndone;
+    /// The client has heard that the broker takes it.
+    std::function<void(CloudSocket& socket)> onWelcome;
+    /// And that connection is closed.
+    std::function<void(const CloudSocket& socket)> onClosed;
+    /// The client says good-bye.
+    std::function<void()> onGoodBye;
+
+    /// What a connection that is bound to an interface comes to.
+    struct Proof {
+        Time duration = 0;
+        bool named = true;    // its name is found
+        std::string source{}; // empty: there is no route
+        bool good = true;     // TLS
+    };
+    std::function<Proof(const std::string& interface)> prove;
+    /// A signal is taken.
+    std::function<void(int number)> onSignal;
+    /// The options are about to be read anew.
+    std::function<void()> onReload;
+    /// What is told to the service manager.
+    std::function<void(const std::string& message)> onNotify;
+
+    /// What gateway.ini names to prove a path with.
+    std::string endpoint;
 };
 
 } // namespace OrvLab

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the explorer of the gateway's programs demands of them, broken on purpose.
 #include "EventLoop.h"
+#include "gateway/ApplicationModel.h"
 #include "gateway/CloudModel.h"
+#include "gateway/FakeFiles.h"
 #include "gateway/Tasks.h"
 #include "gateway/World.h"
 
@@ -9,8 +11,10 @@
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
+#include <csignal>
 #include <functional>
 #include <memory>
+#include <string>
 
 #include <gtest/gtest.h>
 
@@ -19,6 +23,7 @@ namespace OrvLab {
 namespace {
 
 using GatewayApp::Mailbox;
+using OrvStackSdk::OrvEvent;
 using namespace std::chrono_literals;
 
 /// Takes a cloud connection's place.
@@ -56,6 +61,82 @@ struct Scene {
     std::shared_ptr<CloudSocket> standing;
 };
 
+/// Takes the whole application's place: eth0 is there, and the cloud is reached over it.
+struct ApplicationScene {
+    explicit ApplicationScene(Simulation& simulation)
+        : sim(simulation), world(sim, 1), model(world, files, 1), since(sim.Now()) {
+        sim.DisableStalls();
+        model.SettingsAre("cloud.example");
+        world.kernel.Heal();
+        world.kernel.AddLink("eth0", false);
+        world.kernel.PutAddress({world.kernel.Link("eth0")->index, "192.0.2.10", 24});
+        world.kernel.PutRoute({AF_INET, RT_TABLE_MAIN, 3, world.kernel.Link("eth0")->index, false, "", 0, "192.0.2.1"});
+    }
+    void Begin() {
+        model.Notified("READY=1");
+        model.Created(true), model.HandlerSet(), model.Inits("gateway-app"), model.Confirmed(true), model.Starts();
+    }
+    void TellAll() {
+        for (const OrvEvent event :
+             {OrvEvent::PANEL_CLOUD_ENABLED, OrvEvent::ETHERNET_CONNECTED, OrvEvent::ETHERNET_IP_GAINED,
+              OrvEvent::CELLULAR_DISCONNECTED, OrvEvent::CELLULAR_IP_LOST, OrvEvent::CLOUD_DISCONNECTED})
+            model.Reports(event);
+    }
+    void GetReady() {
+        Begin();
+        TellAll();
+        model.Says(OrvStackSdk::AppStatus::READY);
+        model.Notified("STATUS=no cloud connection");
+    }
+    void GetConnected() {
+        socket = world.cloud.Connect("198.51.100.1");
+        model.Welcomed(*socket);
+        since = sim.Now();
+        model.Reports(OrvEvent::CLOUD_CONNECTED);
+        model.Notified("STATUS=cloud over eth0");
+    }
+    void Lose(const char* level) {
+        model.Closed(*socket);
+        since = sim.Now();
+        model.Logged({"GatewayApp", level, "", "the cloud connection has ended: gone"});
+        model.Reports(OrvEvent::CLOUD_DISCONNECTED);
+        model.Notified("STATUS=no cloud connection");
+    }
+    /// With one thing wrong.
+    void WriteStatus(const std::string& right = "", const std::string& wrong = "") {
+        const bool open = model.IsConnected();
+        std::string text =
+            std::string(R"({"running":true,"session_ready":true,"cloud":{"state":")") +
+            (open ? "connected" : "disconnected") + R"(","path":")" + (open ? "ethernet" : "none") +
+            R"(","interface":")" + (open ? "eth0" : "") + R"(","family":")" + (open ? "IPv4" : "") + R"(","source":")" +
+            (open ? "192.0.2.10" : "") + R"(","host":"cloud.example","since_monotonic":)" +
+            std::to_string(static_cast<double>(since) / SECOND) + R"(,"reason":"gone",)" +
+            R"("last_failure":""},"route":{"path":"ethernet","interface":"eth0","expected":"",)" +
+            R"("ethernet_on_probation":false},"counters":{"fail_overs":0,"returns":0,"cloud_losses":0}})";
+        if (!right.empty())
+            text.replace(text.find(right), right.size(), wrong);
+        files.Put(FakeFiles::STATUS, text);
+    }
+    void End() {
+        model.Terminated();
+        model.Notified("STOPPING=1");
+        if (model.IsConnected()) {
+            model.SaysGoodBye();
+            Lose("info");
+        }
+        model.Stops(), model.DeInits(), model.Released();
+        model.Returns();
+    }
+
+    Simulation& sim;
+    World world;
+    FakeFiles files;
+    ApplicationModel model;
+    Time since;
+    std::shared_ptr<CloudSocket> socket;
+};
+
+template <typename Scene>
 void RunAll(const std::function<void(Scene&)>& program) {
     for (std::uint64_t seed = 0; seed < 5; ++seed) {
         Simulation simulation(seed, false);
@@ -65,9 +146,18 @@ void RunAll(const std::function<void(Scene&)>& program) {
     }
 }
 
+void RunAll(const std::function<void(Scene&)>& program) {
+    RunAll<Scene>(program);
+}
+
 void Fails(const std::function<void(Scene&)>& program, const char* text) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(RunAll(program), testing::ExitedWithCode(Simulation::FAILED), text);
+    EXPECT_EXIT(RunAll<Scene>(program), testing::ExitedWithCode(Simulation::FAILED), text);
+}
+
+void ApplicationFails(const std::function<void(ApplicationScene&)>& program, const char* text) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(RunAll<ApplicationScene>(program), testing::ExitedWithCode(Simulation::FAILED), text);
 }
 
 } // namespace
@@ -245,6 +335,178 @@ TEST(AScriptedKernel, DropsTheRoutesOfALinkThatGoesDownWithoutAWord) {
         EXPECT_EQ(toldRoutes, 0);
         EXPECT_EQ(toldLinks, 1);
     });
+}
+
+TEST(AnInvariantOfTheApplication, LetsOneLiveThatIsInOrder) {
+    RunAll<ApplicationScene>([](ApplicationScene& scene) {
+        scene.GetReady();
+        scene.WriteStatus();
+        scene.model.Jumps(SECOND);
+        scene.GetConnected();
+        scene.WriteStatus();
+        scene.model.Jumps(SECOND / 10);
+        scene.socket->Break(ECONNRESET);
+        scene.Lose("warning");
+        scene.files.Put(FakeFiles::STATUS, "");
+        scene.files.full = true;
+        scene.model.Jumps(SECOND / 10);
+        scene.GetConnected();
+        scene.End();
+    });
+}
+
+TEST(AnInvariantOfTheApplication, WantsTheLibrarysCallsInTheirOrderAndOnItsThread) {
+    ApplicationFails([](ApplicationScene& scene) { scene.Begin(), scene.model.Ticks(); }, "Tick out of its order");
+    ApplicationFails([](ApplicationScene& scene) { scene.GetReady(), scene.model.Ticks(), scene.model.Ticks(); },
+                     "has not asked after a tick");
+    ApplicationFails([](ApplicationScene& scene) { scene.GetReady(), scene.model.Inits("gateway-app"); },
+                     "Init out of its order");
+    ApplicationFails([](ApplicationScene& scene) { scene.GetReady(), scene.model.Stops(); }, "nobody has told it to");
+    ApplicationFails(
+        [](ApplicationScene& scene) {
+            scene.GetReady();
+            scene.sim.Join(scene.sim.Start("other", [&] { scene.model.Ticks(); }));
+        },
+        "on another thread");
+}
+
+TEST(AnInvariantOfTheApplication, WantsTheStateOfEverythingOnceAtTheStart) {
+    using OrvStackSdk::AppStatus;
+    ApplicationFails([](ApplicationScene& scene) { scene.Begin(), scene.model.Says(AppStatus::READY); },
+                     "has not told the state of everything");
+    ApplicationFails([](ApplicationScene& scene) { scene.Begin(), scene.TellAll(), scene.TellAll(); }, "twice");
+    ApplicationFails(
+        [](ApplicationScene& scene) {
+            scene.model.TakesSignal(SIGUSR1);
+            scene.GetReady();
+        },
+        "has not told of a failure");
+}
+
+TEST(AnInvariantOfTheApplication, WantsEachConnectionAndLossToldOnceAndInOrder) {
+    ApplicationFails([](ApplicationScene& scene) { scene.GetReady(), scene.model.Reports(OrvEvent::CLOUD_CONNECTED); },
+                     "and nothing has happened");
+    ApplicationFails(
+        [](ApplicationScene& scene) {
+            scene.GetReady(), scene.GetConnected(), scene.model.Reports(OrvEvent::CLOUD_CONNECTED);
+        },
+        "and nothing has happened");
+    ApplicationFails(
+        [](ApplicationScene& scene) {
+            scene.GetReady();
+            scene.model.Welcomed(*scene.world.cloud.Connect("198.51.100.1"));
+            scene.model.Jumps(SECOND / 10);
+        },
+        "does not tell the client library what has become");
+    ApplicationFails(
+        [](ApplicationScene& scene) {
+            scene.GetReady(), scene.GetConnected();
+            scene.socket->Break(ECONNRESET);
+            scene.model.Closed(*scene.socket);
+            scene.model.Welcomed(*scene.world.cloud.Connect("198.51.100.1"));
+            scene.model.Reports(OrvEvent::CLOUD_CONNECTED);
+        },
+        "in another order than it happened");
+}
+
+TEST(AnInvariantOfTheApplication, TellsALossFromItsOwnClosing) {
+    ApplicationFails(
+        [](ApplicationScene& scene) {
+            scene.GetReady(), scene.GetConnected(), scene.sim.Sleep(10 * SECOND), scene.Lose("warning");
+        },
+        "gives up a connection that is good");
+    ApplicationFails(
+        [](ApplicationScene& scene) {
+            scene.GetReady(), scene.GetConnected(), scene.sim.Sleep(10 * SECOND);
+            scene.socket->Break(ECONNRESET);
+            scene.Lose("info");
+        },
+        "takes a loss for its own closing");
+    ApplicationFails(
+        [](ApplicationScene& scene) {
+            scene.GetReady(), scene.GetConnected(), scene.model.Terminated(), scene.Lose("warning");
+        },
+        "takes its own closing for a loss");
+}
+
+TEST(AnInvariantOfTheApplication, WantsWhatTheKernelHasToBeTold) {
+    ApplicationFails(
+        [](ApplicationScene& scene) {
+            scene.GetReady();
+            scene.world.kernel.SetCarrier("eth0", false);
+            scene.model.Jumps(SECOND / 10);
+        },
+        "does not know the link of eth0");
+    ApplicationFails(
+        [](ApplicationScene& scene) { scene.GetReady(), scene.model.Reports(OrvEvent::ETHERNET_CONNECTED); },
+        "twice of Ethernet's link");
+    ApplicationFails(
+        [](ApplicationScene& scene) {
+            scene.GetReady();
+            scene.model.TakesSignal(SIGUSR1);
+            scene.model.Jumps(SECOND / 10);
+        },
+        "does not tell of a failure");
+}
+
+TEST(AnInvariantOfTheApplication, WantsAStatusFileThatSaysWhatIs) {
+    const auto with = [](const char* right, const char* wrong, const char* text) {
+        ApplicationFails(
+            [=](ApplicationScene& scene) {
+                scene.GetReady();
+                scene.GetConnected();
+                scene.WriteStatus(right, wrong);
+                scene.model.Jumps(SECOND / 10);
+            },
+            text);
+    };
+    with("\"connected\"", "\"disconnected\"", "cloud.state \"disconnected\", and it is \"connected\"");
+    with("192.0.2.10", "192.0.2.11", "cloud.source");
+    with("since_monotonic\":1", "since_monotonic\":9", "since another time");
+    with("\"cloud_losses\":0", "\"cloud_losses\":1", "counters.cloud_losses");
+    with("\"expected\":\"\"", "\"expected\":\"Ethernet\"", "route.expected");
+    with("probation\":false", "probation\":true", "ethernet_on_probation");
+    with("\"running\":true", "\"running\":false", "running");
+    ApplicationFails(
+        [](ApplicationScene& scene) {
+            scene.GetReady();
+            scene.model.Notified("STATUS=cloud over wwan0");
+            scene.model.Jumps(SECOND / 10);
+        },
+        "the service manager is shown");
+}
+
+TEST(AnInvariantOfTheApplication, WantsTicksAndSignsOfLifeInTime) {
+    ApplicationFails(
+        [](ApplicationScene& scene) { scene.GetReady(), scene.model.Jumps(SECOND), scene.model.Jumps(3 * SECOND); },
+        "does not tick");
+    ApplicationFails([](ApplicationScene& scene) { scene.model.Notified("READY=1"), scene.model.Jumps(30 * SECOND); },
+                     "does not tell the service manager that it lives");
+}
+
+TEST(AnInvariantOfTheApplication, WantsAnEndInTimeThatSaysSo) {
+    ApplicationFails(
+        [](ApplicationScene& scene) {
+            scene.GetReady(), scene.model.Terminated();
+            scene.sim.Sleep(9 * SECOND);
+            scene.End();
+        },
+        "ms to end");
+    ApplicationFails(
+        [](ApplicationScene& scene) {
+            scene.GetReady(), scene.GetConnected(), scene.model.Terminated(), scene.model.Stops();
+        },
+        "is still connected to the cloud");
+    ApplicationFails(
+        [](ApplicationScene& scene) {
+            scene.GetReady(), scene.GetConnected(), scene.model.Terminated();
+            scene.model.Notified("STOPPING=1");
+            scene.Lose("info");
+        },
+        "does not say good-bye");
+    ApplicationFails([](ApplicationScene& scene) { scene.GetReady(), scene.model.Terminated(), scene.model.Returns(); },
+                     "has not ended the session");
+    ApplicationFails([](ApplicationScene& scene) { scene.GetReady(), scene.WriteStatus(), scene.End(); }, "running");
 }
 
 } // namespace OrvLab

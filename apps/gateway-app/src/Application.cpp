@@ -61,7 +61,7 @@ Application::Application(AppOptions appOptions, std::vector<std::string> command
             [this] { return std::generate_canonical<double, 32>(randomness); }),
       ethernetGuard(
           loop, InterfaceName("Ethernet"), options.cloud, [this](OrvEvent event) { Report(event); },
-          [this] { cloud.Reopen("Ethernet has been proved"); }),
+          [this] { ShowStatus(); }, [this] { cloud.Reopen("Ethernet has been proved"); }),
       pokeExplainer(loop, InterfaceName("Ethernet"), InterfaceName("Cellular"),
                     OrvResources::CreateStaticConfigStore()->GetValue(ENDPOINT),
                     [this](const PokeExplainer::Failure& failure) { OnPokeFailed(failure); }),
@@ -332,6 +332,7 @@ void Application::Reload() {
             ownDoing = true;
             cloud.Reopen(options.cloud, "other cloud settings");
             ownDoing = false;
+            ShowStatus();
         }
     } catch (const OptionsError& error) {
         logger.Error() << "options not read, the old ones stay: " << error.text;

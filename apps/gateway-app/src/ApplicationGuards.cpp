@@ -70,6 +70,7 @@ void Application::FollowCloudPath() {
     cloudPath = ConnInterfaceString;
     logger.Debug() << "the cloud connection is expected over " << cloudPath;
     Record("path", {});
+    statusWriter.Changed();
 }
 
 void Application::CheckDefaultRoute() {

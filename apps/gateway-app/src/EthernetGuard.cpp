@@ -36,9 +36,10 @@ const char* Text(EthernetProbation::End end) {
 } // namespace
 
 EthernetGuard::EthernetGuard(EventLoop& eventLoop, std::string ethernetInterface, CloudSettings cloudSettings,
-                             Report reportEvent, TryCloud tryCloudNow)
+                             Report reportEvent, Tell probationReceiver, TryCloud tryCloudNow)
     : interface(std::move(ethernetInterface)),
       report(std::move(reportEvent)),
+      onLifted(std::move(probationReceiver)),
       tryCloud(std::move(tryCloudNow)),
       logger("GatewayApp", OrvLog::INFO),
       settings(std::move(cloudSettings)),
@@ -142,6 +143,7 @@ void EthernetGuard::Lifted() {
     logger.Info() << "Ethernet's probation is over: " << Text(probation.Ended());
     if (hasAddress)
         report(OrvEvent::ETHERNET_IP_GAINED);
+    onLifted();
 }
 
 } // namespace GatewayApp
