@@ -14,14 +14,18 @@ import os
 import pathlib
 import re
 import subprocess
+import time
+from collections.abc import Iterable, Sequence
 
-from lab.trial.scratch import JOBS, Ended, Scratch, Stopwatch
+from lab.trial.scratch import ASAN, JOBS, Ended, Scratch, Stopwatch
 
 PATIENCE = 20  # seconds that the torture waits for what has to come
 GRACE = 240  # seconds that an instrument may take beyond its time: a seed that hangs, a point that is tried again
 ALONE = 240  # seconds for one seed or point
 MOST_OF_A_ROUND = 400  # seconds
 MOST_KNOWN = 4  # findings that the sound tree has, too
+BRIEF = 10  # seconds in which an explorer finds most of what it finds
+BRIEF_TORTURE = 30  # seconds; the first dozen of them it looks at programs without a failure
 FIRST_SCHEDULE = 4200  # of chaos: the same seeds for each fault, and for the sound tree
 
 
@@ -37,9 +41,24 @@ class Verdict(enum.Enum):
 class Outcome:
     verdict: Verdict
     how: str = ""
+    seconds: float = 0  # of looking
 
     def __str__(self) -> str:
         return f"{self.verdict.value}: {self.how}" if self.how else self.verdict.value
+
+
+@dataclasses.dataclass
+class Search:
+    """What an instrument has done about one tree, which may be in several looks."""
+
+    limit: float  # seconds for all of them
+    sound: bool = False  # the programs without a fault
+    seconds: float = 0
+    tried: int = 0
+    known: list[str] = dataclasses.field(default_factory=list)
+
+    def __str__(self) -> str:
+        return str(Stopwatch(time.monotonic() - self.seconds))
 
 
 class Instrument(abc.ABC):
@@ -50,8 +69,10 @@ class Instrument(abc.ABC):
     targets: tuple[str, ...]
     made_of: tuple[str, ...]
     kept: tuple[str, ...] = ()  # programs of which a sound copy is needed
-    preset = "asan-ubsan"  # by which it is built
+    preset = ASAN  # by which it is built
     searches: tuple[str, ...] = ()
+    brief = 0  # seconds of a first look, where it is worth its time
+    control = 0  # seconds for which the sound tree is looked at before anything has been found
     last = False  # looks only for what no other one has found
     dispensable = False  # where the sound tree does not pass, the trial goes on without it
 
@@ -59,16 +80,16 @@ class Instrument(abc.ABC):
         self.effort = effort
 
     @abc.abstractmethod
-    def run(self, scratch: Scratch, log: str) -> Outcome:
+    def run(self, scratch: Scratch, log: str, search: Search) -> Outcome:
         """Looks for a fault in what is built, until it has found one or its time is over."""
 
-    def prepare(self, scratch: Scratch, log: str) -> Outcome:
+    def prepare(self, scratch: Scratch, log: str, seconds: float) -> Outcome:
         """Looks at the sound tree."""
-        return self.look(scratch, log)
+        return self.look(scratch, log, Search(seconds, sound=True))
 
-    def look(self, scratch: Scratch, log: str) -> Outcome:
+    def look(self, scratch: Scratch, log: str, search: Search | None = None) -> Outcome:
         try:
-            return self.run(scratch, log)
+            return self.run(scratch, log, search or Search(self.effort))
         except Ended as ended:
             return Outcome(Verdict.BROKEN, str(ended))
 
@@ -87,55 +108,61 @@ def last_words(status: int, said: str) -> Outcome:
 class Searcher(Instrument):
     """Goes on where it finds what the sound tree has, too: that says nothing of the fault."""
 
-    def run(self, scratch: Scratch, log: str) -> Outcome:
-        watch = Stopwatch()
-        known: list[str] = []
+    unit: str
+
+    def run(self, scratch: Scratch, log: str, search: Search) -> Outcome:
+        here = len(search.known)
         while True:
-            left = max(1, round(self.effort - watch.seconds()))
-            name = f"{len(known)}.{log}" if known else log
-            found, count, outcome = self.search(scratch, name, left, known)
+            watch = Stopwatch()
+            name = f"{len(search.known)}.{log}" if search.known else log
+            found, tried, unfit = self.search(scratch, name, max(1, round(search.limit - search.seconds)), search)
+            search.seconds += watch.seconds()
+            search.tried += tried
+            count = f"{search.tried} {self.unit}, {search}"
             for one in found:
                 if self.passes_sound(scratch, one, f"{name}.sound"):
-                    return Outcome(Verdict.FOUND, f"{one}, {count}, {watch}")
-            known += found
-            too = f"{known[0]} fails without the fault, too" if known else ""
-            if known and (len(known) >= MOST_KNOWN or watch.seconds() >= self.effort):
-                return Outcome(Verdict.BROKEN if len(known) >= MOST_KNOWN else Verdict.NOTHING, f"{too}, {watch}")
-            if not found:
-                how = ", ".join(filter(None, (count, str(watch), too)))
-                return outcome or Outcome(Verdict.NOTHING, how)
+                    return Outcome(Verdict.FOUND, f"{one}, {count}", search.seconds)
+            search.known += found
+            too = f"{search.known[0]} fails without the fault, too" if search.known else ""
+            if len(search.known) - here >= MOST_KNOWN:
+                return Outcome(Verdict.BROKEN, f"{too}, {search}", search.seconds)
+            if unfit or not found or search.seconds >= search.limit:
+                how = ", ".join(filter(None, (count, too)))
+                return unfit or Outcome(Verdict.NOTHING, how, search.seconds)
 
     @abc.abstractmethod
-    def search(
-        self, scratch: Scratch, log: str, seconds: int, known: list[str]
-    ) -> tuple[list[str], str, Outcome | None]:
+    def search(self, scratch: Scratch, log: str, seconds: int, search: Search) -> tuple[list[str], int, Outcome | None]:
         """What it has found, how much it has tried, and what has come of it when it has not worked."""
 
     @abc.abstractmethod
     def passes_sound(self, scratch: Scratch, found: str, log: str) -> bool:
         """Whether the program without the fault passes there."""
 
+    def program(self, scratch: Scratch, sound: bool) -> str:
+        folder = scratch.sound_folder(self.preset) if sound else scratch.folder(self.preset) / "bin"
+        return str(folder / self.targets[0])
+
 
 class Explorer(Searcher):
-    def __init__(self, effort: int, name: str, program: str, *searches: str, preset: str = "asan-ubsan") -> None:
+    unit = "seeds"
+
+    def __init__(self, effort: int, name: str, program: str, *searches: str, preset: str = ASAN) -> None:
         super().__init__(effort)
         self.name, self.targets, self.kept, self.made_of = name, (program,), (program,), (f"bin/{program}",)
         self.searches, self.preset = searches, preset
+        self.brief = self.control = min(effort, BRIEF)
 
-    def search(
-        self, scratch: Scratch, log: str, seconds: int, known: list[str]
-    ) -> tuple[list[str], str, Outcome | None]:
-        program = str(scratch.folder(self.preset) / "bin" / self.targets[0])
-        behind = ["--from", str(int(known[-1].split()[1]) + 1)] if known else []
+    def search(self, scratch: Scratch, log: str, seconds: int, search: Search) -> tuple[list[str], int, Outcome | None]:
+        program = self.program(scratch, search.sound)
+        behind = ["--from", str(int(search.known[-1].split()[1]) + 1)] if search.known else []
         status, said = scratch.run([program, str(seconds), *behind, "--jobs", str(JOBS)], log, seconds + GRACE)
         counted = re.search(r"(?m)^explore: (\d+) seeds", said)
         found = re.findall(r"(?m)^explore: (seed \d+) fails", said)
-        worked = found or (status == 0 and counted and int(counted.group(1)) > 0)
-        return found, f"{counted.group(1) if counted else '?'} seeds", None if worked else last_words(status, said)
+        tried = int(counted.group(1)) if counted else 0
+        return found, tried, None if found or (status == 0 and tried > 0) else last_words(status, said)
 
     def passes_sound(self, scratch: Scratch, found: str, log: str) -> bool:
-        program = str(scratch.sound_folder(self.preset) / self.targets[0])
-        return passes(scratch, [program, "--seed", found.split()[1]], log)
+        return passes(scratch, [self.program(scratch, True), "--seed", found.split()[1]], log)
 
 
 def tortured_with(program: pathlib.Path) -> list[str]:
@@ -153,26 +180,28 @@ def tortured_with(program: pathlib.Path) -> list[str]:
 
 class Torture(Searcher):
     name, targets, kept, made_of = "torture", ("orv-torture",), ("orv-torture",), ("bin/orv-torture",)
+    unit = "points"
 
-    def search(
-        self, scratch: Scratch, log: str, seconds: int, known: list[str]
-    ) -> tuple[list[str], str, Outcome | None]:
+    def __init__(self, effort: int) -> None:
+        super().__init__(effort)
+        self.control = min(effort, BRIEF_TORTURE)
+
+    def search(self, scratch: Scratch, log: str, seconds: int, search: Search) -> tuple[list[str], int, Outcome | None]:
         options = ["--seconds", str(seconds), "--faults", "1", "--jobs", str(4 * JOBS)]
-        status, said = scratch.run(
-            [*tortured_with(scratch.built / "bin" / "orv-torture"), *options], log, seconds + GRACE
-        )
+        program = pathlib.Path(self.program(scratch, search.sound))
+        status, said = scratch.run([*tortured_with(program), *options], log, seconds + GRACE)
         counted = re.search(r"(?m)^torture: (\d+) of \d+ points, (\d+) faults", said)
         if not counted:
-            return [], "", last_words(status, said)
-        count = f"{counted.group(1)} points"
-        if status == 0 and int(counted.group(1)) > 0:
-            return [], count, None
+            return [], 0, last_words(status, said)
+        tried = int(counted.group(1))
+        if status == 0 and tried > 0:
+            return [], tried, None
         points = re.findall(r"(?m)^torture: (\S+ \S+ \d+ (?:once|later)|\S+ without any failure): (.*)", said)
         busy = {point for point, words in points if "and nothing found" in words}
         found = list(dict.fromkeys(point for point, _ in points if point not in busy))
         if int(counted.group(2)) == 0 or not found:
-            return [], count, last_words(status, said)
-        return found, count, None
+            return [], tried, last_words(status, said)
+        return found, tried, None
 
     def passes_sound(self, scratch: Scratch, found: str, log: str) -> bool:
         alone = ["--seconds", "1", "--program", found.split()[0]] if "without" in found else ["--one", *found.split()]
@@ -181,12 +210,12 @@ class Torture(Searcher):
 
 class Chaos(Instrument):
     """The same few schedules each time: those that the sound tree passes twice. A schedule that fails has to fail again, for
-    real programs run in real time. It builds its programs anew, without sanitizers: with them none starts under a clock of
-    its own."""
+    real programs run in real time. Its programs have no sanitizers: with them none starts under a clock of its own."""
 
     name = "chaos"
     targets = ("gateway-app", "orv-source-routes", "orv-shell", "orv-status")
-    made_of = ("bin/gateway-app", "lib/*.so*")
+    made_of = ("bin/gateway-app", "bin/orv-source-routes", "lib/*.so*")
+    preset = "debug"
     last = True
     dispensable = True
 
@@ -194,7 +223,7 @@ class Chaos(Instrument):
         super().__init__(effort)
         self.usable = set(range(FIRST_SCHEDULE, FIRST_SCHEDULE + effort))
 
-    def prepare(self, scratch: Scratch, log: str) -> Outcome:
+    def prepare(self, scratch: Scratch, log: str, seconds: float) -> Outcome:
         try:
             for number in (1, 2):
                 watch = Stopwatch()
@@ -206,7 +235,7 @@ class Chaos(Instrument):
         how = f"{len(self.usable)} of {self.effort} rounds pass twice, {watch}"
         return Outcome(Verdict.NOTHING if self.usable else Verdict.BROKEN, how)
 
-    def run(self, scratch: Scratch, log: str) -> Outcome:
+    def run(self, scratch: Scratch, log: str, search: Search) -> Outcome:
         watch = Stopwatch()
         try:
             for seed in sorted(self.usable & self._failing(scratch, FIRST_SCHEDULE, self.effort, log)):
@@ -249,9 +278,13 @@ TESTS = {
 }
 
 
-def tested(scratch: Scratch, names: list[str], seconds: int, name: str) -> str:
+def tests_of(names: Iterable[str]) -> set[str]:
+    return {test for prefix, tests in TESTS.items() for test in tests if any(one.startswith(prefix) for one in names)}
+
+
+def tested(scratch: Scratch, names: Sequence[str], seconds: int, name: str) -> str:
     """The tests of the files of these names. They are for comparison: nothing more is built than they need."""
-    owned = {test for prefix, tests in TESTS.items() for test in tests if any(one.startswith(prefix) for one in names)}
+    owned = tests_of(names)
     if not owned:
         return "none of their own"
     if not scratch.build(sorted(owned), f"{name}.tests-build.log"):

@@ -2,6 +2,7 @@
 """A copy of the tree in which faults are planted, and what is built of it."""
 from __future__ import annotations
 
+import concurrent.futures
 import contextlib
 import dataclasses
 import hashlib
@@ -12,10 +13,11 @@ import shutil
 import signal
 import subprocess
 import time
-from collections.abc import Iterable
+from collections.abc import Iterable, Mapping
 
 MOST_OF_A_BUILD = 1800  # seconds
 MOST_OF_AN_END = 60  # seconds, from SIGTERM on
+ASAN = "asan-ubsan"  # the preset of most instruments
 JOBS = len(os.sched_getaffinity(0))
 
 
@@ -46,6 +48,25 @@ def write(target: pathlib.Path, source: pathlib.Path) -> None:
     target.chmod(source.stat().st_mode)
 
 
+def as_it_was(target: pathlib.Path, source: pathlib.Path) -> None:
+    """With the source's time, and in one step: whoever is interrupted leaves no half of it."""
+    target.parent.mkdir(parents=True, exist_ok=True)
+    beside = target.with_name(target.name + ".new")
+    beside.unlink(missing_ok=True)
+    shutil.copy2(source, beside, follow_symlinks=False)
+    beside.replace(target)
+
+
+def state_of(path: pathlib.Path) -> tuple[int, int, int]:
+    """Changes when somebody writes the file."""
+    found = path.lstat()
+    return found.st_mtime_ns, found.st_size, found.st_mode
+
+
+def files_in(folder: pathlib.Path) -> set[str]:
+    return {str(path.relative_to(folder)) for path in folder.rglob("*") if path.is_symlink() or path.is_file()}
+
+
 def end(process: subprocess.Popen[bytes]) -> None:
     """With what it has started. Boxes are taken down where there is time."""
     for sent, limit in ((signal.SIGTERM, MOST_OF_AN_END), (signal.SIGKILL, MOST_OF_AN_END)):
@@ -58,7 +79,10 @@ class Scratch:
     def __init__(self, tree: pathlib.Path, place: pathlib.Path) -> None:
         self.tree, self.place = tree, place
         self.copy, self.logs, self.sound = place / "tree", place / "logs", place / "sound"
-        self.built = self.folder("asan-ubsan")
+        self.built = self.folder(ASAN)
+        self._states: dict[str, dict[str, tuple[int, int, int]]] = {}
+        self._times: dict[str, int] = {}
+        self._running: set[subprocess.Popen[bytes]] = set()
 
     def folder(self, preset: str) -> pathlib.Path:
         """What is built by the preset."""
@@ -71,13 +95,20 @@ class Scratch:
             with subprocess.Popen(
                 command, cwd=self.copy, stdout=output, stderr=output, start_new_session=True
             ) as process:
+                self._running.add(process)
                 try:
                     process.wait(limit)
                 except subprocess.TimeoutExpired:
                     raise Ended(f"not ended after {limit:.0f} s") from None
                 finally:
+                    self._running.discard(process)
                     end(process)
         return process.returncode, path.read_text(errors="replace")
+
+    def end_all(self) -> None:
+        """What other threads have run is ended, too."""
+        for process in list(self._running):
+            end(process)
 
     def update(self) -> None:
         """The tree as it stands, uncommitted changes too; nothing else is left there but its build."""
@@ -94,6 +125,9 @@ class Scratch:
 
     def apply(self, patch: pathlib.Path) -> str:
         """Empty, or why it cannot be applied."""
+        for name in touched_by(patch):
+            if (self.copy / name).exists():
+                self._times[name] = (self.copy / name).stat().st_mtime_ns
         # Otherwise git would find the tree's own repository, and leave out all that is not in it.
         said = subprocess.run(
             ["git", "apply", "--whitespace=nowarn", str(patch.resolve())],
@@ -109,32 +143,77 @@ class Scratch:
         return (said.stderr.strip() or f"git apply: status {said.returncode}") if said.returncode else ""
 
     def restore(self, names: Iterable[str]) -> None:
+        """The sources without the fault, and what was built of them. The sources are as old again as they were, so nothing is
+        built anew: they come last, for an interruption must leave nothing faulty that looks finished."""
+        for preset, states in self._states.items():
+            self._restore_built(preset, states)
         for name in names:
-            if (self.tree / name).exists():
-                write(self.copy / name, self.tree / name)
-            else:
-                (self.copy / name).unlink(missing_ok=True)
+            path = self.copy / name
+            if not (self.tree / name).exists():
+                path.unlink(missing_ok=True)
+                continue
+            beside = path.with_name(path.name + ".new")
+            write(beside, self.tree / name)
+            if self._states and name in self._times:
+                os.utime(beside, ns=(self._times[name], self._times[name]), follow_symlinks=False)
+            beside.replace(path)
 
-    def configure(self, preset: str = "asan-ubsan") -> bool:
+    def keep_built(self, presets: Iterable[str]) -> None:
+        """Remembers what is built now, for `restore`. What is built later by another preset would be taken for sound."""
+        for preset in presets:
+            folder, kept = self.folder(preset), self.kept(preset)
+            for name in files_in(kept) - files_in(folder):
+                (kept / name).unlink()
+            self._states[preset] = {name: state_of(folder / name) for name in files_in(folder)}
+            for name, state in self._states[preset].items():
+                if not (kept / name).is_file() or state_of(kept / name) != state:
+                    as_it_was(kept / name, folder / name)
+
+    def kept(self, preset: str) -> pathlib.Path:
+        return self.place / "kept" / preset
+
+    def _restore_built(self, preset: str, states: Mapping[str, tuple[int, int, int]]) -> None:
+        folder, kept = self.folder(preset), self.kept(preset)
+        there = files_in(folder)
+        for name in there - states.keys():
+            (folder / name).unlink()
+        for name, state in states.items():
+            if name not in there or state_of(folder / name) != state:
+                as_it_was(folder / name, kept / name)
+
+    def configure(self, preset: str = ASAN) -> bool:
         tools = os.environ.get("ORV_TOOLS", str(self.tree / "build" / "tools"))
         command = ["cmake", "--preset", preset, f"-DORV_TOOLS={tools}"]
         return self.run(command, f"configure-{preset}.log", MOST_OF_A_BUILD)[0] == 0
 
-    def build(self, targets: Iterable[str], log: str, preset: str = "asan-ubsan") -> bool:
+    def build(self, targets: Iterable[str], log: str, preset: str = ASAN) -> bool:
         command = ["cmake", "--build", str(self.folder(preset)), "-j", str(JOBS), "--target", *targets]
         return self.run(command, log, MOST_OF_A_BUILD)[0] == 0
 
-    def content(self, patterns: Iterable[str], preset: str = "asan-ubsan") -> dict[str, str]:
-        """What the built files of these patterns are made of."""
-        built = self.folder(preset)
+    def build_several(self, targets: Mapping[str, Iterable[str]], log: str) -> bool:
+        """By preset, side by side: a fault is often one source, which one processor compiles."""
+        with concurrent.futures.ThreadPoolExecutor() as pool:
+            under_way = [
+                pool.submit(self.build, sorted(set(those)), f"{log}.build-{preset}.log", preset)
+                for preset, those in targets.items()
+            ]
+            try:
+                return all([one.result() for one in under_way])
+            except BaseException:
+                self.end_all()
+                raise
+
+    @staticmethod
+    def content(patterns: Iterable[str], folder: pathlib.Path) -> dict[str, str]:
+        """What the files of these patterns are made of."""
         return {
-            str(path.relative_to(built)): hashlib.sha256(path.read_bytes()).hexdigest()
+            str(path.relative_to(folder)): hashlib.sha256(path.read_bytes()).hexdigest()
             for pattern in patterns
-            for path in built.glob(pattern)
+            for path in folder.glob(pattern)
             if path.is_file() and not path.is_symlink()
         }
 
-    def keep_sound(self, programs: Iterable[str], preset: str = "asan-ubsan") -> None:
+    def keep_sound(self, programs: Iterable[str], preset: str = ASAN) -> None:
         """Copies of what was built without a fault, for what is tried again."""
         kept = self.sound_folder(preset)
         kept.mkdir(parents=True, exist_ok=True)
@@ -142,7 +221,7 @@ class Scratch:
             shutil.copy2(self.folder(preset) / "bin" / name, kept / name)
 
     def sound_folder(self, preset: str) -> pathlib.Path:
-        return self.sound if preset == "asan-ubsan" else self.sound / preset
+        return self.sound if preset == ASAN else self.sound / preset
 
 
 @dataclasses.dataclass

@@ -6,12 +6,15 @@ from __future__ import annotations
 import os
 import pathlib
 import re
+import subprocess
+import threading
 
 import pytest
 
 from lab.trial import instruments, trial
-from lab.trial.instruments import Chaos, Explorer, Instrument, Outcome, Torture, Verdict
-from lab.trial.scratch import Scratch, Stopwatch, touched_by
+from lab.trial.instruments import Chaos, Explorer, Instrument, Outcome, Search, Torture, Verdict
+from lab.trial.memory import Memory
+from lab.trial.scratch import ASAN, Ended, Scratch, Stopwatch, touched_by
 
 PATCH = """A fault, as git format-patch writes it.
 
@@ -80,9 +83,9 @@ class Told(Instrument):
         super().__init__(1)
         self.name, self._said, self.runs = name, [sound, faulty], 0
 
-    def run(self, scratch: Scratch, log: str) -> Outcome:
+    def run(self, scratch: Scratch, log: str, search: Search) -> Outcome:
         self.runs += 1
-        return Outcome(self._said[self.runs > 1])
+        return Outcome(self._said[not search.sound])
 
 
 class Last(Told):
@@ -98,8 +101,10 @@ def builds(scratch: Scratch, monkeypatch: pytest.MonkeyPatch, good: bool = True)
     monkeypatch.setattr(scratch, "build", build)
 
 
-def after_control(scratch: Scratch, *told: Instrument, first: bool = False) -> trial.Trial:
-    held = trial.Trial(scratch, told, 0, first)
+def after_control(
+    scratch: Scratch, *told: Instrument, first: bool = False, memory: Memory | None = None
+) -> trial.Trial:
+    held = trial.Trial(scratch, told, 0, first, memory)
     held.control()
     return held
 
@@ -115,6 +120,64 @@ def test_a_fault_is_planted_in_the_copy_alone_and_taken_out_again(scratch: Scrat
     scratch.restore(touched_by(patch))
     assert planted.read_text() == "hello\n"
     assert planted.stat().st_mtime > 0  # or what was built of the fault would be kept
+
+
+def test_what_was_built_of_a_fault_is_taken_back_and_nothing_has_to_be_built_again(scratch: Scratch) -> None:
+    source, planted = scratch.copy / "libs" / "Greeting.cpp", scratch.tree.parent / "fault.patch"
+    same, changed, gone = (scratch.built / name for name in ("same", "changed", "gone"))
+    for path in (source, same, changed, gone):
+        path.write_text("hello\n")
+        os.utime(path, (1000, 1000))
+    scratch.keep_built([ASAN])
+    assert scratch.apply(planted) == ""
+    assert source.stat().st_mtime > 1000
+    changed.write_text("hell\n")
+    gone.unlink()
+    (scratch.built / "new").write_text("hell\n")
+    scratch.restore(touched_by(planted))
+    assert {path.name: path.read_text() for path in scratch.built.glob("*") if path.is_file()} == dict.fromkeys(
+        ("same", "changed", "gone"), "hello\n"
+    )
+    assert [path.stat().st_mtime for path in (source, same, changed, gone)] == [1000] * 4
+    assert source.read_text() == "hello\n"
+
+
+def test_a_trial_that_is_interrupted_builds_the_faulty_source_again(scratch: Scratch) -> None:
+    subprocess.run(["git", "init", "-q", scratch.tree], check=True)
+    source = scratch.copy / "libs" / "Greeting.cpp"
+    os.utime(source, (1000, 1000))
+    scratch.keep_built([ASAN])
+    scratch.apply(scratch.tree.parent / "fault.patch")
+    Scratch(scratch.tree, scratch.place).update()
+    assert source.read_text() == "hello\n"
+    assert source.stat().st_mtime > 1000
+
+
+def test_what_runs_in_other_threads_is_ended_when_one_is_interrupted(
+    scratch: Scratch, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    under_way = threading.Event()
+
+    def build(targets: list[str], log: str, preset: str = ASAN) -> bool:
+        if preset == ASAN:
+            under_way.wait(20)
+            raise KeyboardInterrupt
+        try:
+            return scratch.run(["sh", "-c", "echo; exec sleep 600"], log, 600)[0] == 0
+        except Ended:
+            return False
+
+    def told(self: subprocess.Popen[bytes], timeout: float | None = None) -> int:
+        under_way.set()
+        return waits(self, timeout)
+
+    waits = subprocess.Popen.wait
+    monkeypatch.setattr(subprocess.Popen, "wait", told)
+    monkeypatch.setattr(scratch, "build", build)
+    watch = Stopwatch()
+    with pytest.raises(KeyboardInterrupt):
+        scratch.build_several({ASAN: ["one"], "tsan": ["one"]}, "log")
+    assert watch.seconds() < 100
 
 
 @pytest.mark.parametrize(
@@ -196,7 +259,7 @@ def test_a_search_goes_on_behind_what_the_sound_tree_has_too(scratch: Scratch) -
     )
     (scratch.sound / "orv-explore").write_text("#!/bin/sh\ntest $2 != 12\n")
     assert timeless(Explorer(600, "explore broker", "orv-explore").look(scratch, "log")) == (
-        "FOUND: seed 20, 40 seeds, 0 s"
+        "FOUND: seed 20, 80 seeds, 0 s"
     )
 
 
@@ -206,9 +269,9 @@ def test_a_sound_tree_with_few_faults_of_its_own_passes(scratch: Scratch) -> Non
         f"#!/bin/sh\ncase $* in *'--from 13'*) s=0;; *) s=1; echo 'explore: seed 12 fails';; esac\n"
         f"echo '{EXPLORED}'\nexit $s\n"
     )
-    (scratch.sound / "orv-explore").write_text("#!/bin/sh\nexit 1\n")
-    said = str(Explorer(600, "explore broker", "orv-explore").prepare(scratch, "log"))
-    assert said.startswith("no: 40 seeds, ") and said.endswith("seed 12 fails without the fault, too")
+    (scratch.built / "bin" / "orv-explore").rename(scratch.sound / "orv-explore")
+    said = str(Explorer(600, "explore broker", "orv-explore").prepare(scratch, "log", 600))
+    assert said.startswith("no: 80 seeds, ") and said.endswith("seed 12 fails without the fault, too")
 
 
 def rounds_that_fail(scratch: Scratch, *each: list[int]) -> None:
@@ -229,13 +292,13 @@ def rounds_that_fail(scratch: Scratch, *each: list[int]) -> None:
 def test_chaos_uses_the_rounds_that_the_sound_tree_passes_twice(scratch: Scratch) -> None:
     chaos = Chaos(4)
     rounds_that_fail(scratch, [4200], [4203], [4200, 4203])
-    assert timeless(chaos.prepare(scratch, "log")) == "no: 2 of 4 rounds pass twice, 0 s"
+    assert timeless(chaos.prepare(scratch, "log", 0)) == "no: 2 of 4 rounds pass twice, 0 s"
     assert timeless(chaos.look(scratch, "log")) == "no: 2 rounds, 0 s"
 
 
 def test_chaos_does_not_work_where_the_sound_tree_passes_no_round_twice(scratch: Scratch) -> None:
     rounds_that_fail(scratch, [4200], [4201])
-    assert timeless(Chaos(2).prepare(scratch, "log")) == "did not work: 0 of 2 rounds pass twice, 0 s"
+    assert timeless(Chaos(2).prepare(scratch, "log", 0)) == "did not work: 0 of 2 rounds pass twice, 0 s"
 
 
 @pytest.mark.parametrize(("again", "means"), [([4202], "FOUND: seed 4202, twice, 0 s"), ([], "no: 4 rounds, 0 s")])
@@ -354,3 +417,78 @@ def test_the_table_begins_with_the_control(scratch: Scratch, monkeypatch: pytest
         "| none (control) |  | no | no |  |",
         "| fault | Greeting.cpp | FOUND | yes | not run |",
     ]
+
+
+class Searching(Told):
+    """Says the next word each time, and has looked until the limit."""
+
+    def __init__(self, name: str, *said: Verdict, sound: Verdict = Verdict.NOTHING) -> None:
+        super().__init__(name, sound, Verdict.NOTHING)
+        self.effort, self.brief, self.control = 60, 10, 10
+        self.course: list[tuple[bool, float]] = []
+        self._next, self._of_the_sound_tree = list(said), sound
+
+    def run(self, scratch: Scratch, log: str, search: Search) -> Outcome:
+        self.course.append((search.sound, search.limit))
+        verdict = Verdict.NOTHING if search.sound and search.limit <= self.control else self._of_the_sound_tree
+        return Outcome(verdict if search.sound else self._next.pop(0), "", search.limit)
+
+
+def test_each_has_a_brief_look_before_any_has_a_long_one_and_a_last_one_has_none(
+    scratch: Scratch, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    builds(scratch, monkeypatch)
+    no = Verdict.NOTHING
+    one, other, late = Searching("one", no, no), Searching("other", no, Verdict.FOUND), Searching("late", no)
+    late.brief = 0
+    held = after_control(scratch, one, other, late, first=True)
+    row = held.plant(scratch.tree.parent / "fault.patch")
+    assert [str(outcome) for outcome in row.outcomes] == ["no", "FOUND", "not run"]
+    assert (one.course, late.course) == ([(True, 10), (False, 10), (False, 60)], [(True, 10)])
+
+
+def test_the_control_looks_as_long_as_a_finding_has_taken(scratch: Scratch, monkeypatch: pytest.MonkeyPatch) -> None:
+    builds(scratch, monkeypatch)
+    long = Searching("one", Verdict.FOUND, Verdict.FOUND)
+    held = after_control(scratch, long)
+    patch = scratch.tree.parent / "fault.patch"
+    assert held.plant(patch).found
+    assert held.plant(patch).found  # once is enough
+    assert long.course == [(True, 10), (False, 60), (True, 60), (False, 60)]
+
+
+@pytest.mark.parametrize("sound", [Verdict.FOUND, Verdict.BROKEN])
+def test_a_finding_does_not_count_where_the_sound_tree_fails_when_it_is_looked_at_as_long(
+    scratch: Scratch, monkeypatch: pytest.MonkeyPatch, sound: Verdict
+) -> None:
+    builds(scratch, monkeypatch)
+    row = after_control(scratch, Searching("one", Verdict.FOUND, sound=sound)).plant(
+        scratch.tree.parent / "fault.patch"
+    )
+    assert not row.found and not row.counts
+    assert "but the tree without a fault" in str(row.outcomes[0])
+
+
+def test_a_trial_that_is_resumed_looks_only_at_what_is_not_done(
+    scratch: Scratch, monkeypatch: pytest.MonkeyPatch
+) -> None:
+    builds(scratch, monkeypatch)
+    patch = scratch.tree.parent / "fault.patch"
+
+    def trial_of_one(verdict: Verdict, resume: bool) -> tuple[int, bool]:
+        told = Told("one", Verdict.NOTHING, verdict)
+        told.control = 5
+        row = after_control(scratch, told, memory=Memory(scratch.place / "memory", resume)).plant(patch)
+        return told.runs, row.found
+
+    assert trial_of_one(Verdict.BROKEN, resume=False) == (2, False)
+    # The same program has passed the control before; what did not work is tried again.
+    assert trial_of_one(Verdict.FOUND, resume=True) == (1, True)
+    assert trial_of_one(Verdict.NOTHING, resume=True) == (0, True)
+    assert trial_of_one(Verdict.NOTHING, resume=False) == (1, False)
+    assert trial_of_one(Verdict.FOUND, resume=True) == (0, False)
+    patch.write_text(PATCH.replace("+hell", "+help"))
+    assert trial_of_one(Verdict.FOUND, resume=True) == (1, True)
+    (scratch.copy / "lab").mkdir()
+    (scratch.copy / "lab" / "judge.py").write_text("# what judges has changed\n")
+    assert trial_of_one(Verdict.NOTHING, resume=True) == (1, False)

@@ -10,8 +10,9 @@ import signal
 import sys
 from collections.abc import Sequence
 
-from lab.trial.instruments import Chaos, Explorer, Instrument, Outcome, Torture, Verdict, tested
-from lab.trial.scratch import Scratch, Stopwatch, touched_by
+from lab.trial.instruments import Chaos, Explorer, Instrument, Outcome, Search, Torture, Verdict, tested, tests_of
+from lab.trial.memory import Memory, Row, digest
+from lab.trial.scratch import ASAN, Scratch, Stopwatch, touched_by
 
 TREE = pathlib.Path(__file__).resolve().parents[2]
 UNTRIED = Outcome(Verdict.NOT_RUN)
@@ -20,35 +21,20 @@ CONNMAN = "libs/OrvPlatform/src/connman/"
 LOG = ("libs/OrvPlatform/src/log/", "libs/OrvPlatform/src/config/", "libs/OrvPlatform/src/ProcessWide")
 
 
-@dataclasses.dataclass(frozen=True)
-class Row:
-    """What came of a fault."""
-
-    name: str
-    touched: Sequence[str]
-    unfit: str = ""  # why it does not count
-    outcomes: Sequence[Outcome] = ()
-    tests: str = ""
-
-    @property
-    def found(self) -> bool:
-        return any(one.verdict is Verdict.FOUND for one in self.outcomes)
-
-    @property
-    def counts(self) -> bool:
-        """Where nothing was found, each instrument that could find it must have worked."""
-        return not self.unfit and (self.found or all(one.verdict is not Verdict.BROKEN for one in self.outcomes))
-
-    def cells(self) -> list[str]:
-        verdict = ("yes" if self.found else "no") if self.counts else f"does not count: {self.unfit or 'see left'}"
-        touched = ", ".join(sorted({pathlib.Path(one).name for one in self.touched}))
-        return [self.name, touched, *map(str, self.outcomes), verdict, self.tests]
-
-
 class Trial:
-    def __init__(self, scratch: Scratch, instruments: Sequence[Instrument], tests: int, first: bool) -> None:
+    def __init__(
+        self,
+        scratch: Scratch,
+        instruments: Sequence[Instrument],
+        tests: int,
+        first: bool,
+        memory: Memory | None = None,
+    ) -> None:
         self._scratch, self._instruments, self._tests, self._first = scratch, instruments, tests, first
-        self._sound: dict[str, dict[str, str]] = {}
+        self._memory = memory
+        self._sound: dict[Instrument, dict[str, str]] = {}
+        self._sources: dict[str, str] = {}
+        self._controlled: dict[Instrument, float] = {}
         self.unusable: set[str] = set()
 
     @property
@@ -59,11 +45,26 @@ class Trial:
         """The sound tree, which each instrument must pass. Afterwards it is known what they are made of."""
         for one in self._instruments:
             self._scratch.keep_sound(one.kept, one.preset)
-            self._sound[one.name] = self._scratch.content(one.made_of, one.preset)
-        said = [one.prepare(self._scratch, f"control.{one.name.replace(' ', '-')}.log") for one in self._instruments]
+            self._sound[one] = self._scratch.content(one.made_of, self._scratch.folder(one.preset))
+        self._sources = self._scratch.content(("testbed/**/*.py", "lab/**/*.py"), self._scratch.copy)
+        self._scratch.keep_built({one.preset for one in self._instruments} | ({ASAN} if self._tests else set()))
+        said = [self._controls(one, one.control) for one in self._instruments]
         passed = {one.name for one, outcome in zip(self._instruments, said) if outcome.verdict is Verdict.NOTHING}
         self.unusable = {one.name for one in self._instruments if one.dispensable} - passed
         return said
+
+    def _controls(self, one: Instrument, seconds: float) -> Outcome:
+        """What the instrument says of the sound tree when it looks for so long."""
+        key = digest("control", one.name, self._sound[one])
+        known = self._memory.control(key) if self._memory else None
+        if known and known.seconds >= seconds > 0:
+            self._controlled[one] = known.seconds
+            return known
+        outcome = one.prepare(self._scratch, f"control-{seconds:.0f}.{log_name(one)}", seconds)
+        self._controlled[one] = max(seconds, self._controlled.get(one, 0))
+        if self._memory and outcome.verdict is Verdict.NOTHING and seconds > 0:
+            self._memory.keep_control(key, dataclasses.replace(outcome, seconds=seconds))
+        return outcome
 
     def may_begin(self, control: Sequence[Outcome]) -> bool:
         """Whether each instrument passes the sound tree that is not dispensable."""
@@ -74,10 +75,21 @@ class Trial:
 
     def plant(self, patch: pathlib.Path) -> Row:
         touched = touched_by(patch)
+        key = self._key(patch)
+        if self._memory and (known := self._memory.row(key)):
+            return dataclasses.replace(known, name=patch.stem)
         try:
-            return self._planted(patch, touched)
+            row = self._planted(patch, touched)
         finally:
             self._scratch.restore(touched)
+        if self._memory and row.counts:
+            self._memory.keep_row(key, row)
+        return row
+
+    def _key(self, patch: pathlib.Path) -> str:
+        efforts = [(one.name, one.effort, one.name in self.unusable) for one in self._instruments]
+        made_of = [self._sources, *self._sound.values()]
+        return digest("row", patch.read_text(errors="replace"), efforts, self._tests, self._first, made_of)
 
     def _planted(self, patch: pathlib.Path, touched: Sequence[str]) -> Row:
         row = Row(patch.stem, touched, outcomes=[UNTRIED] * len(self._instruments))
@@ -85,37 +97,81 @@ class Trial:
         if refused:
             return dataclasses.replace(row, unfit=f"cannot be applied: {refused.splitlines()[0]}")
         outcomes: dict[Instrument, Outcome] = {}
-        for one in in_order(self._instruments, touched):
+        searches: dict[Instrument, Search] = {}
+        built: set[Instrument] = set()
+        for look in looks([one for one in self._instruments if one.name not in self.unusable], touched, self._first):
+            one = look.instrument
             found = any(earlier.verdict is Verdict.FOUND for earlier in outcomes.values())
-            if one.name in self.unusable or (found and (self._first or one.last)):
-                outcomes[one] = UNTRIED
+            if found and (self._first or one.last):
+                break
+            if one in outcomes and (one not in searches or outcomes[one].verdict is not Verdict.NOTHING):
                 continue
-            log = f"{patch.stem}.{one.name.replace(' ', '-')}.build.log"
-            if not self._scratch.build(one.targets, log, one.preset):
-                return dataclasses.replace(row, unfit="does not build")
-            outcomes[one] = self._tried(one, patch.stem)
-        tests = tested(self._scratch, list(touched), self._tests, patch.stem) if self._tests else "not run"
-        return dataclasses.replace(row, outcomes=[outcomes[one] for one in self._instruments], tests=tests)
+            if one not in outcomes:
+                if one not in built and not self._scratch.build_several(targets_of(look.built_with), patch.stem):
+                    return dataclasses.replace(row, unfit="does not build")
+                built.update(look.built_with)
+                if self._scratch.content(one.made_of, self._scratch.folder(one.preset)) == self._sound[one]:
+                    outcomes[one] = Outcome(Verdict.UNCHANGED)
+                    continue
+            search = searches.setdefault(one, Search(0))
+            search.limit = look.seconds
+            outcomes[one] = self._looks(one, search, f"{patch.stem}-{look.seconds}.{log_name(one)}")
+        tests = tested(self._scratch, touched, self._tests, patch.stem) if self._tests else "not run"
+        return dataclasses.replace(row, outcomes=[outcomes.get(one, UNTRIED) for one in self._instruments], tests=tests)
 
-    def _tried(self, instrument: Instrument, name: str) -> Outcome:
-        if self._scratch.content(instrument.made_of, instrument.preset) == self._sound[instrument.name]:
-            return Outcome(Verdict.UNCHANGED)
-        return instrument.look(self._scratch, f"{name}.{instrument.name.replace(' ', '-')}.log")
+    def _looks(self, one: Instrument, search: Search, log: str) -> Outcome:
+        outcome = one.look(self._scratch, log, search)
+        if outcome.verdict is not Verdict.FOUND or outcome.seconds <= self._controlled[one]:
+            return outcome
+        # The sound tree must have been looked at for as long.
+        control = self._controls(one, outcome.seconds)
+        if control.verdict is Verdict.NOTHING:
+            return outcome
+        return Outcome(Verdict.BROKEN, f"{outcome.how}, but the tree without a fault: {control}")
 
 
-def in_order(instruments: Sequence[Instrument], touched: Sequence[str]) -> list[Instrument]:
-    """Those that are made for what is touched come first, those that are to be last come last."""
+@dataclasses.dataclass(frozen=True)
+class Look:
+    """An instrument may look more than once at a fault; `seconds` counts from the beginning of the first look."""
 
-    def rank(one: Instrument) -> int:
-        return 2 if one.last else 0 if any(name.startswith(one.searches) for name in touched if one.searches) else 1
+    instrument: Instrument
+    seconds: int
+    built_with: Sequence[Instrument]
 
-    return sorted(instruments, key=rank)
+
+def looks(instruments: Sequence[Instrument], touched: Sequence[str], first: bool) -> list[Look]:
+    """Those that are made for what is touched come first, those that are to be last come last. With `first` each that can has
+    a brief look before any has a long one: most faults are found in the first seconds, by whichever instrument."""
+    last = [one for one in instruments if one.last]
+    own = [one for one in instruments if not one.last and touches(touched, one.searches)]
+    others = [one for one in instruments if not one.last and one not in own]
+    groups = [(one, group) for group in (own, others) for one in group]
+    found = [Look(one, one.brief, group) for one, group in groups if first and 0 < one.brief < one.effort]
+    return (
+        found + [Look(one, one.effort, group) for one, group in groups] + [Look(one, one.effort, [one]) for one in last]
+    )
 
 
-def build_all(scratch: Scratch, instruments: Sequence[Instrument]) -> bool:
+def touches(touched: Sequence[str], folders: Sequence[str]) -> bool:
+    return any(name.startswith(folder) for name in touched for folder in folders)
+
+
+def targets_of(instruments: Sequence[Instrument]) -> dict[str, list[str]]:
+    """By preset."""
+    presets = sorted({one.preset for one in instruments})
+    return {preset: [name for one in instruments if one.preset == preset for name in one.targets] for preset in presets}
+
+
+def log_name(instrument: Instrument) -> str:
+    return f"{instrument.name.replace(' ', '-')}.log"
+
+
+def build_all(scratch: Scratch, instruments: Sequence[Instrument], tests: set[str]) -> bool:
     """The sound tree, for all of them."""
-    for preset in sorted({one.preset for one in instruments}):
-        targets = sorted({target for one in instruments if one.preset == preset for target in one.targets})
+    wanted = targets_of(instruments)
+    if tests:
+        wanted[ASAN] = sorted({*wanted.get(ASAN, ()), *tests})
+    for preset, targets in wanted.items():
         if not scratch.configure(preset) or not scratch.build(targets, f"build-{preset}.log", preset):
             return False
     return True
@@ -156,7 +212,7 @@ def chosen(options: argparse.Namespace) -> list[Instrument]:
     return [one for one in found if one.effort > 0]
 
 
-def hold(trial: Trial, patches: Sequence[pathlib.Path], table: pathlib.Path) -> int:
+def hold(trial: Trial, patches: Sequence[pathlib.Path], table: pathlib.Path, only_prepare: bool = False) -> int:
     show(trial.columns, table)
     show(["---"] * len(trial.columns), table)
     say("control: the sound tree")
@@ -165,6 +221,8 @@ def hold(trial: Trial, patches: Sequence[pathlib.Path], table: pathlib.Path) -> 
     if not trial.may_begin(control):
         say("an instrument does not pass the tree without a fault, so what it says of one means nothing")
         return 1
+    if only_prepare:
+        return 0
     for name in sorted(trial.unusable):
         say(f"{name} does not pass the tree without a fault: the trial goes on without it")
     rows: list[Row] = []
@@ -186,6 +244,8 @@ def main(words: Sequence[str]) -> int:
     parser.add_argument("--chaos", type=int, default=4)
     parser.add_argument("--tests", type=int, default=120)
     parser.add_argument("--first", action="store_true")
+    parser.add_argument("--resume", action="store_true")
+    parser.add_argument("--prepare", action="store_true")
     options = parser.parse_args(words)
     patches = [one for one in sorted(options.folder.glob("*.patch")) if options.only in one.name]
     if not patches:
@@ -196,18 +256,21 @@ def main(words: Sequence[str]) -> int:
         say("no instrument is left: each has no time")
         return 2
     scratch = Scratch(TREE, TREE / "build" / "trial")
-    shutil.rmtree(scratch.logs, ignore_errors=True)
-    scratch.logs.mkdir(parents=True)
+    if not options.resume:
+        shutil.rmtree(scratch.logs, ignore_errors=True)
+    scratch.logs.mkdir(parents=True, exist_ok=True)
     say(f"{len(patches)} faults; builds the tree without them, in {scratch.copy}")
     scratch.update()
-    if not build_all(scratch, instruments):
+    tests = {name for one in patches for name in tests_of(touched_by(one))} if options.tests else set()
+    if not build_all(scratch, instruments, tests):
         say(f"the tree itself does not build: see {scratch.logs}")
         return 1
     out = TREE / "out" / "trial"
     out.mkdir(parents=True, exist_ok=True)
     table = out / f"{options.folder.resolve().name}.md"
     table.unlink(missing_ok=True)
-    return hold(Trial(scratch, instruments, options.tests, options.first), patches, table)
+    memory = Memory(scratch.place / "memory", options.resume)
+    return hold(Trial(scratch, instruments, options.tests, options.first, memory), patches, table, options.prepare)
 
 
 if __name__ == "__main__":
