@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <iterator>
 
 namespace OrvLab {
 
@@ -18,12 +19,6 @@ constexpr Time SETTLED = 40 * SECOND;
 // For so long an old picture may be taken for true: no mood of the bus lasts longer.
 constexpr Time OLD_PICTURE = 60 * SECOND;
 constexpr Time FOR_STOP = 600 * MILLISECOND;
-
-/// As the connection manager is told.
-std::vector<std::string> Written(const std::vector<std::string>& servers) {
-    return servers == std::vector<std::string>{NO_ADDRESS} ? std::vector<std::string>{OrvPlatform::NO_SERVERS}
-                                                           : servers;
-}
 
 } // namespace
 
@@ -60,6 +55,7 @@ ConnmanProgram::ConnmanProgram(Simulation& simulation, std::uint64_t seed)
     : bus(simulation, seed * 3 + 11, *this), sim(simulation), random(seed * 5 + 13) {
     LabLog::longestStall = random.OneIn(4) ? static_cast<Time>(random.Between(1, 3000)) * MILLISECOND : 0;
     LabLog::onRecord = [this](const std::string& text) {
+        records.push_back(text);
         if (text.find("a signal ") == 0 && !bus.HasForged())
             sim.Fail("takes for a stranger's what nobody has forged: " + text);
     };
@@ -77,8 +73,16 @@ ConnmanProgram::~ConnmanProgram() {
     LabLog::onRecord = nullptr;
 }
 
+void ConnmanProgram::Make(OrvPlatform::ConnmanRole role) {
+    client = Watch([role] {
+        return std::make_unique<OrvPlatform::ConnmanClient>("the bus of the lab", OrvPlatform::ConnmanLimits(), role);
+    });
+}
+
 void ConnmanProgram::Run() {
-    client = Watch([] { return std::make_unique<OrvPlatform::ConnmanClient>("the bus of the lab"); });
+    if (random.OneIn(12))
+        return RunFromLeftovers();
+    Make(OrvPlatform::ConnmanRole::CONTROLLER);
     threadsLeft = 1 + random.Between(1, 3);
     std::vector<Simulation::Thread*> threads;
     for (int number = 1; number < threadsLeft; ++number)
@@ -102,7 +106,10 @@ void ConnmanProgram::ApplicationThread() {
 void ConnmanProgram::BusThread() {
     for (int count = random.Between(0, 12); count > 0; --count) {
         Pause(random.OneIn(2) ? 4000 : 30);
-        switch (random.Below(11)) {
+        switch (random.Below(12)) {
+        case 11:
+            bus.SetForestalled(random.OneIn(2));
+            break;
         case 0:
             bus.EndManager();
             break;
@@ -144,11 +151,15 @@ void ConnmanProgram::Act() {
         OrderServers(AnyInterface(), AnyServers());
         break;
     case 4: {
+        static const char* const wrong[] = {"no address", "203.0.113.256", "203.0.113", "::g", "203.0.113.1 ", ""};
+        const std::string server = wrong[random.Below(std::size(wrong))];
         const WatchedCall call(*this, "order of nonsense");
         if (Watch([&] {
-                return client->SetTopPriorityInterface("") || client->SetDnsConfiguration("eth0", {"no address"});
+                return client->SetTopPriorityInterface("") || client->SetDnsConfiguration("", {"203.0.113.1"}) ||
+                       client->SetDnsConfiguration("eth0", {"203.0.113.1", server});
             }))
             sim.Fail("takes an order that makes no sense");
+        wrongServers.insert(server);
         break;
     }
     default: {
@@ -177,17 +188,29 @@ void ConnmanProgram::OrderServers(const std::string& interfaceName, const Server
     orders[number].ended = ++events;
 }
 
+/// As the connection manager is told.
+ConnmanProgram::Servers ConnmanProgram::Written(const Servers& servers) {
+    Servers written;
+    for (const std::string& server : servers)
+        if (server != NO_ADDRESS && server != "::")
+            written.push_back(server);
+    return servers.empty() || !written.empty() ? written : Servers{OrvPlatform::NO_SERVERS};
+}
+
 ConnmanProgram::Servers ConnmanProgram::AnyServers() {
-    switch (random.Below(4)) {
-    case 0:
-        return {};
-    case 1:
-        return {NO_ADDRESS};
-    case 2:
-        return {"203.0.113.1"};
-    default:
-        return {"203.0.113.1", "203.0.113.2"};
-    }
+    static const Servers all[] = {{},
+                                  {},
+                                  {NO_ADDRESS},
+                                  {NO_ADDRESS},
+                                  {"203.0.113.1"},
+                                  {"203.0.113.1", "203.0.113.2"},
+                                  {"2001:db8::53"},
+                                  {"203.0.113.1", "2001:db8::53"},
+                                  {NO_ADDRESS, "203.0.113.2"},
+                                  {"203.0.113.2", "::"},
+                                  {"::"},
+                                  {"::", NO_ADDRESS}};
+    return all[random.Below(std::size(all))];
 }
 
 std::string ConnmanProgram::AnyInterface() {
@@ -210,8 +233,8 @@ void ConnmanProgram::Configured(const std::string& interfaceName, const Servers&
     const auto asksFor = [&](const Order& order) {
         return order.subject == interfaceName && Written(order.servers) == servers;
     };
-    // What an earlier process may have left behind is taken back.
-    if (!servers.empty() && std::none_of(orders.begin(), orders.end(), asksFor))
+    const bool takesBack = servers.empty() && leftOver.count(interfaceName) != 0;
+    if (!takesBack && std::none_of(orders.begin(), orders.end(), asksFor))
         sim.Fail("name servers of " + interfaceName + " are set that nobody has asked for");
 }
 
@@ -232,6 +255,8 @@ void ConnmanProgram::Collect() {
     CheckIdle();
     if (random.OneIn(3))
         CheckRestart();
+    CheckSettled();
+    CheckNotes();
 }
 
 /// What was asked for last has come true, or was true already when it was asked for.
@@ -313,6 +338,17 @@ void ConnmanProgram::CheckIdle() {
     if (bus.Calls() != before)
         sim.Fail("the connection manager is asked " + std::to_string(bus.Calls() - before) +
                  " times with nothing to do");
+}
+
+/// What makes no sense is said once.
+void ConnmanProgram::CheckNotes() {
+    const long wanted = wrongServers.empty() ? 0 : 1;
+    Demand(Records("an order to put an interface on top names none") == wanted &&
+               Records("a DNS setting names no interface") == wanted,
+           "says more or less than once that an order names no interface");
+    for (const std::string& server : wrongServers)
+        Demand(Records(("cannot set name servers of eth0: \"" + server + "\" is no IP address").c_str()) == 1,
+               "says more or less than once that \"" + server + "\" is no address");
 }
 
 void ConnmanProgram::End() {

@@ -50,6 +50,7 @@ private:
     void Act();
     void OrderTop(const std::string& interfaceName);
     void OrderServers(const std::string& interfaceName, const Servers& servers);
+    static Servers Written(const Servers& servers);
     Servers AnyServers();
     std::string AnyInterface();
     void Pause(int most);
@@ -59,13 +60,41 @@ private:
     void CheckLastOrders();
     void CheckRestart();
     void CheckIdle();
+    void CheckNotes();
     void End();
+
+    /// @name With nothing else going on, one thing happens of which is known what follows
+    /// @{
+    void RunFromLeftovers();
+    void CheckSettled();
+    void CheckChanges();
+    void CheckKeptOrders();
+    void CheckNothingToDo();
+    void CheckLatestOrders();
+    void CheckSilence();
+    void CheckAbsence();
+    void CheckStrangers();
+    void CheckManyServices();
+    void CheckRefusal();
+    void CheckSpareService();
+    void CheckImmutable();
+    /// @}
+    void Make(OrvPlatform::ConnmanRole role);
+    void Give(const std::string& interfaceName, bool isAccepted, const Servers* servers = nullptr);
+    void SettleFor(Time duration, int orders, const char* otherwise);
+    void Demand(bool holds, const std::string& otherwise);
+    std::string Second() const { return bus.Top() == "eth0" ? "wwan0" : "eth0"; }
+    long Records(const char* words) const;
 
     Simulation& sim;
     Random random;
     std::unique_ptr<OrvPlatform::ConnmanClient> client;
     std::list<WatchedCall*> calls;
     std::vector<Order> orders;
+    std::set<std::string> wrongServers; // of eth0, in orders that make no sense
+    std::set<std::string> leftOver;     // interfaces whose name servers may be given back unasked
+    std::vector<std::string> records;
+    int ordersBefore = 0;
     std::uint64_t events = 0;
     int threadsLeft = 0;
 };

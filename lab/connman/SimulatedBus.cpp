@@ -12,8 +12,6 @@ namespace OrvLab {
 
 namespace {
 
-constexpr const char* STRANGER = ":1.66";
-
 std::vector<LabService> Boot() {
     return {{"eth0", "online", {}}, {"wwan0", "ready", {}}};
 }
@@ -87,6 +85,7 @@ bool SimulatedBus::IsHeldBack(const Asked& one) const {
 }
 
 std::shared_ptr<BusConnection> SimulatedBus::Accept() {
+    ++attempts;
     if (!running)
         return nullptr;
     connections.push_back(std::make_shared<BusConnection>());
@@ -134,7 +133,16 @@ void SimulatedBus::StartManager() {
     if (random.OneIn(3))
         EndManager();
     const std::string before = owner;
+    TakeName();
+    OwnerChanged(before);
+    if (random.OneIn(2))
+        LeaveUnanswered();
+}
+
+/// A process that is the connection manager from now on.
+void SimulatedBus::TakeName() {
     owner = ":1." + std::to_string(++names + 100);
+    owners.insert(owner);
     std::vector<LabService> fresh = Boot();
     // What was configured is kept on disk, the order is not.
     for (LabService& service : fresh)
@@ -142,19 +150,20 @@ void SimulatedBus::StartManager() {
             service.written = known->written;
     services = std::move(fresh);
     Note();
-    OwnerChanged(before);
-    if (random.OneIn(2))
-        LeaveUnanswered();
 }
 
 void SimulatedBus::ChangeServices() {
     if (owner.empty())
         return;
     const unsigned what = random.Below(4);
+    std::vector<std::string> fresh;
+    std::vector<std::string> removed;
     if (what == 0 && services.size() > 1) {
+        removed.push_back(services.back().Path());
         services.pop_back();
     } else if (what == 1 && services.size() < 2) {
         services.push_back({services.empty() || services[0].interfaceName == "wwan0" ? "eth0" : "wwan0", "ready", {}});
+        fresh.push_back(services.back().Path());
     } else if (what == 2 && services.size() > 1) {
         std::swap(services[0], services[1]);
     } else if (!services.empty()) {
@@ -165,36 +174,14 @@ void SimulatedBus::ChangeServices() {
         return;
     }
     Note();
-    SendAll("ServicesChanged", Reordered(), owner);
-}
-
-void SimulatedBus::Forge() {
-    forged = true;
-    for (const auto& connection : connections) {
-        if (connection->closed || connection->clientGone)
-            continue;
-        const LabService pretended{random.OneIn(2) ? "eth0" : "wwan0", "idle", {}};
-        switch (random.Below(4)) {
-        case 0:
-            Send(*connection, BusMessages::StateChanged(pretended), STRANGER);
-            break;
-        case 1:
-            Send(*connection, BusMessages::Reordered({pretended}), STRANGER);
-            break;
-        case 2:
-            Send(*connection, BusMessages::OwnerChanged(owner, STRANGER), STRANGER);
-            break;
-        default:
-            Send(*connection, BusMessages::Return(lastSerial + random.Below(2)), STRANGER);
-            break;
-        }
-    }
+    SendAll("ServicesChanged", Reordered(fresh, removed), owner);
 }
 
 void SimulatedBus::Heal() {
     healed = true;
     running = true;
     frozen = false;
+    forestalled = false;
     manners = Manners::OBEYS;
     for (const auto& connection : connections)
         connection->window = 1000;
@@ -210,7 +197,7 @@ void SimulatedBus::Heal() {
     for (LabService& service : services)
         service.state = "ready";
     Note();
-    SendAll("ServicesChanged", Reordered(), owner);
+    SendAll("ServicesChanged", BusMessages::Reordered(services), owner);
 }
 
 const LabService* SimulatedBus::Of(const std::string& interfaceName) const {
@@ -250,13 +237,23 @@ void SimulatedBus::Note() {
 }
 
 void SimulatedBus::Read(BusConnection& connection, DBusMessage& call) {
+    if (dbus_message_get_type(&call) != DBUS_MESSAGE_TYPE_METHOD_CALL)
+        sim.Fail("sends what is no call: " + BusMessages::Text(call));
     const std::string destination = dbus_message_get_destination(&call);
     lastSerial = dbus_message_get_serial(&call);
+    if (destination != DBUS_SERVICE_DBUS && owners.count(destination) == 0)
+        sim.Fail("speaks to a stranger: " + BusMessages::Text(call));
     if (destination == DBUS_SERVICE_DBUS)
         return HandleBusCall(connection, call);
     if (owner.empty() || destination != owner)
         return Send(connection, BusMessages::Error(call, DBUS_ERROR_SERVICE_UNKNOWN), DBUS_SERVICE_DBUS);
     ++calls;
+    orders += dbus_message_has_member(&call, "GetServices") ? 0 : 1;
+    const auto isWaitedFor = [&](const Asked& one) { return one.connection == connection.number; };
+    if (std::any_of(asked.begin(), asked.end(), isWaitedFor))
+        sim.Fail("does not wait for the answer to the call before: " + BusMessages::Text(call));
+    if (forestalled)
+        Forestall(connection, call);
     Time taking = static_cast<Time>(random.Between(0, 5)) * MILLISECOND;
     if (manners == Manners::LATE)
         taking = static_cast<Time>(random.Between(1, 12'000)) * MILLISECOND;
@@ -265,6 +262,7 @@ void SimulatedBus::Read(BusConnection& connection, DBusMessage& call) {
 
 void SimulatedBus::HandleBusCall(BusConnection& connection, DBusMessage& call) {
     const std::string member = dbus_message_get_member(&call);
+    ++questions;
     if (member == "GetNameOwner") {
         Message answer =
             owner.empty() ? BusMessages::Error(call, DBUS_ERROR_NAME_HAS_NO_OWNER) : BusMessages::Return(call, owner);
@@ -287,7 +285,9 @@ void SimulatedBus::Answer(const Asked& one) {
              one.owner);
         return;
     }
-    const bool refuses = manners == Manners::REFUSES && random.OneIn(2);
+    const bool isQuestion = dbus_message_has_member(one.call.get(), "GetServices") != FALSE;
+    const bool refuses =
+        (manners == Manners::REFUSES && random.OneIn(2)) || (manners == Manners::REFUSES_ORDERS && !isQuestion);
     refused = refused || refuses;
     Message answer = refuses ? BusMessages::Error(*one.call, "net.connman.Error.InvalidService")
                              : HandleManagerCall(*one.call, news);
@@ -320,7 +320,9 @@ Message SimulatedBus::HandleManagerCall(DBusMessage& call, std::vector<Message>&
             return BusMessages::Error(call, "net.connman.Error.InvalidService");
         listener.Moved(found->interfaceName);
         std::rotate(std::min(before, found), found, std::max(before, found) + 1);
-        news.push_back(Reordered());
+        news.push_back(Reordered({}, {}));
+    } else if (found->immutable) {
+        return BusMessages::Error(call, "net.connman.Error.InvalidProperty");
     } else {
         found->written = BusMessages::WrittenServers(call);
         listener.Configured(found->interfaceName, found->written);
@@ -352,8 +354,9 @@ void SimulatedBus::OwnerChanged(const std::string& before) {
     SendAll("NameOwnerChanged", BusMessages::OwnerChanged(before, owner), DBUS_SERVICE_DBUS);
 }
 
-Message SimulatedBus::Reordered() const {
-    return BusMessages::Reordered(services);
+/// At times with more than has to be said.
+Message SimulatedBus::Reordered(const std::vector<std::string>& fresh, const std::vector<std::string>& removed) {
+    return random.OneIn(4) ? BusMessages::Reordered(services) : BusMessages::Reordered(services, fresh, removed);
 }
 
 BusConnection* SimulatedBus::Find(int number) {

@@ -48,8 +48,10 @@ struct LabService {
     std::string interfaceName;
     std::string state;
     std::vector<std::string> written; // the configuration, as it was asked for
+    std::string variant{};            // of several services of an interface
+    bool immutable = false;           // its name servers cannot be set
 
-    std::string Path() const { return "/net/connman/service/" + interfaceName; }
+    std::string Path() const { return "/net/connman/service/" + interfaceName + variant; }
     bool Connected() const { return state == "ready" || state == "online"; }
 };
 
@@ -67,7 +69,8 @@ protected:
 /// seed and from what they are told.
 class SimulatedBus final : public Surroundings {
 public:
-    enum class Manners { OBEYS, LATE, MUTE, REFUSES };
+    /// REFUSES: one in two; REFUSES_ORDERS: each order, and answers questions.
+    enum class Manners { OBEYS, LATE, MUTE, REFUSES, REFUSES_ORDERS };
 
     SimulatedBus(Simulation& simulation, std::uint64_t seed, BusListener& whoListens);
 
@@ -90,11 +93,36 @@ public:
     void ChangeServices();
     /// A user without rights sends what looks like the connection manager's or the bus's word.
     void Forge();
+    /// A user without rights answers each call before the connection manager does, or does so no more.
+    void SetForestalled(bool isForestalled) {
+        forestalled = isForestalled;
+        forged = forged || isForestalled;
+    }
     /// From now on everything works and obeys.
     void Heal();
     /// @}
 
+    /// @name The same, one by one, for a course that knows what follows
+    /// @{
+    /// What an earlier process has left: interfaces without name servers.
+    void TakeServersAway(const std::string& interfaceName);
+    /// The connection manager is there, and the bus has said so to nobody.
+    void StartManagerUnnoticed();
+    void SetState(const std::string& interfaceName, const char* state);
+    void SetImmutable(const std::string& interfaceName, bool immutable);
+    void Remove(const std::string& interfaceName);
+    void Add(const LabService& service, bool inFront = false);
+    /// So many services in all, of which the last is this interface's.
+    void PutLastOf(std::size_t count, const std::string& interfaceName);
+    /// Those that are nobody's go.
+    void RemoveOthers();
+    /// The connection manager and the bus send what has not their form, or is about somebody else.
+    void SayNonsense();
+    /// @}
+
     bool IsRunning() const { return running && !frozen; }
+    /// The connection manager's unique name; empty while there is none.
+    const std::string& Owner() const { return owner; }
     bool HasForged() const { return forged; }
     const std::vector<LabService>& Services() const { return services; }
     std::string Top() const { return services.empty() || !services[0].Connected() ? "" : services[0].interfaceName; }
@@ -107,6 +135,12 @@ public:
     /// @}
 
     int Calls() const { return calls; }
+    /// Of these, what was to change something.
+    int Orders() const { return orders; }
+    /// Calls to the bus itself.
+    int Questions() const { return questions; }
+    /// Connections that somebody wanted.
+    int Attempts() const { return attempts; }
     /// How long the next connection takes, with nothing to do about it.
     Time ConnectingTakes();
 
@@ -132,7 +166,10 @@ private:
     void OwnerChanged(const std::string& before);
     void LeaveUnanswered();
     bool IsHeldBack(const Asked& one) const;
-    Message Reordered() const;
+    Message Reordered(const std::vector<std::string>& fresh, const std::vector<std::string>& removed);
+    void TakeName();
+    void Forestall(BusConnection& connection, DBusMessage& call);
+    Message Forged();
     BusConnection* Find(int number);
     void Note();
 
@@ -154,6 +191,11 @@ private:
     std::vector<Fact> writings;
     dbus_uint32_t lastSerial = 0; // of the client's calls
     int calls = 0;                // to the connection manager
+    int orders = 0;
+    int questions = 0;
+    int attempts = 0;
+    bool forestalled = false;
+    std::set<std::string> owners; // who was the connection manager at any time
 };
 
 } // namespace OrvLab

@@ -1,16 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "log/LogProgram.h"
 
+#include "log/SettingsProgram.h"
 #include "log/SystemCalls.h"
 
+#include "GatewayMainBaseUnits/IpInterfacesMapping.h"
 #include "OrvPlatform/Settings.h"
-#include "quillogger/LogWrapper.h"
+#include "OrvResources/StaticConfigStore.h"
 
 #include <algorithm>
-#include <cerrno>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <utility>
 
 namespace OrvLab {
@@ -18,24 +21,27 @@ namespace OrvLab {
 namespace {
 
 constexpr int INFO = 2;
+constexpr int ERROR = 4;
 constexpr int OFF = 6;
 constexpr int CRITICAL = 5;
-constexpr int ANY_ERRNO = 77;
 constexpr const char* NAMES[] = {"trace", "debug", "info", "warning", "error", "critical", "off"};
 constexpr const char* SOURCES[] = {"First", "Second", "Third", "Fourth"};
 
-CommonUtils::LogObject Opened(CommonUtils::Logger& logger, int level, const char* tag) {
-    switch (level) {
+constexpr const char* STRANGE = "A\tlogger"; // which no list of levels can name
+constexpr const char* ENDPOINT = "cloud.example:8443/health";
+
+std::string AnyWord(Random& random, int level) {
+    std::string word = NAMES[level];
+    switch (random.Below(6)) {
     case 0:
-        return logger.Trace(tag);
+        return std::to_string(level);
     case 1:
-        return logger.Debug(tag);
+        std::transform(word.begin(), word.end(), word.begin(), [](unsigned char c) { return std::toupper(c); });
+        return word;
     case 2:
-        return logger.Info(tag);
-    case 3:
-        return logger.Warning(tag);
+        return word == "warning" ? "warn" : word == "error" ? "ERR" : word;
     default:
-        return logger.Error(tag);
+        return word;
     }
 }
 
@@ -45,6 +51,23 @@ std::string LevelList::Text() const {
     std::string text = base ? NAMES[*base] : "";
     for (const auto& [source, level] : own)
         text += (text.empty() ? "" : ",") + source + "=" + NAMES[level];
+    return text;
+}
+
+std::string LevelList::Written(Random& random) const {
+    std::string text;
+    const auto add = [&](const std::string& item) {
+        text += (text.empty() ? "" : random.OneIn(5) ? " ,\t" : ",") + item;
+    };
+    if (base && random.OneIn(6))
+        add(AnyWord(random, random.Between(0, OFF)));
+    if (base)
+        add(AnyWord(random, *base));
+    for (const auto& [source, level] : own) {
+        if (random.OneIn(6))
+            add(source + "=" + AnyWord(random, random.Between(0, OFF)));
+        add(source + (random.OneIn(5) ? " = " : "=") + AnyWord(random, level));
+    }
     return text;
 }
 
@@ -63,20 +86,24 @@ int LevelList::Of(const std::string& source) const {
 }
 
 LogProgram::LogProgram(Simulation& simulation, std::uint64_t seed)
-    : sim(simulation), random(seed * 7 + 17), outputs(simulation, random.OneIn(3), random.OneIn(2)) {
+    : sim(simulation), random(seed * 7 + 17), outputs(simulation, LogPlace::Any(random)) {
     if (random.OneIn(3))
         environment = AnyLevels();
-    setenv("ORV_LOG_LEVEL", environment.Text().c_str(), 1);
+    setenv("TZ", "XYZ5", 1); // the log's time is everywhere the same
+    setenv("ORV_LOG_LEVEL", environment.Written(random).c_str(), 1);
     setenv("ORV_GATEWAY_CONFIG", outputs.SettingsFile().c_str(), 1);
-    versions.push_back({AnyLevels(), true});
-    std::ofstream(outputs.SettingsFile()) << SettingsText(versions.back(), outputs);
+    versions.push_back({AnyLevels(), {}});
+    std::ofstream(outputs.SettingsFile()) << SettingsText(versions.back(), false);
     sim.SetEndListener(EndThreadsValues);
 }
 
-std::string LogProgram::SettingsText(const Version& version, const LogOutputs& outputs) {
-    const std::string levels = version.levels.Text();
-    return outputs.Settings() + (levels.empty() ? "" : "level = " + levels + "\n") +
-           (version.isValid ? "" : "level = nonsense\n");
+/// @param other with other settings, too, which nobody reads while the process runs
+std::string LogProgram::SettingsText(const Version& version, bool other) {
+    const std::string levels = version.levels.Written(random);
+    const std::string others =
+        other ? "[interfaces]\nethernet = other\ncellular = others\n"
+              : "[interfaces]\nethernet = up7\ncellular = mob_7\n[cloud]\nendpoint = " + std::string(ENDPOINT) + "\n";
+    return others + outputs.Settings(other) + (levels.empty() ? "" : "level = " + levels + "\n") + version.fault;
 }
 
 LevelList LogProgram::AnyLevels() {
@@ -90,10 +117,11 @@ LevelList LogProgram::AnyLevels() {
 }
 
 std::string LogProgram::AnySource() {
-    return SOURCES[random.Below(std::size(SOURCES))];
+    return random.OneIn(12) ? STRANGE : SOURCES[random.Below(std::size(SOURCES))];
 }
 
 void LogProgram::Run() {
+    SettingsProgram(sim, random, outputs.Folder()).Run();
     if (random.OneIn(2)) {
         Use();
         for (const char* source : SOURCES) {
@@ -105,14 +133,17 @@ void LogProgram::Run() {
     // A process costs more than what it does: so it does much.
     for (int count = random.Between(1, 8); count > 0; --count)
         WorkTogether();
+    outputs.Heal();
     const int before = outputs.OpenDescriptors();
     for (int count = random.Between(1, 10); count > 0; --count)
         Act(0);
+    outputs.Heal();
     CheckEachLevel();
     if (outputs.OpenDescriptors() != before)
         sim.Fail("a descriptor is left");
+    CheckOtherContracts();
     loggers.clear();
-    outputs.Check(!outputs.IsPipe() || TellLosses());
+    outputs.Check(TellLosses());
     EndThreadsValues();
 }
 
@@ -137,8 +168,10 @@ void LogProgram::ApplicationThread(int number) {
 }
 
 void LogProgram::Act(int thread) {
-    if (outputs.IsPipe() && random.OneIn(3))
+    if (outputs.IsRead() && random.OneIn(3))
         outputs.Drain();
+    if (outputs.HasTrouble() && random.OneIn(8))
+        outputs.Trouble(random);
     switch (random.Weighted({8, 3, 2, 3, 3})) {
     case 0: {
         if (loggers.empty())
@@ -167,70 +200,28 @@ void LogProgram::Use() {
         possible = {versions.size() - 1};
 }
 
-LogProgram::Call& LogProgram::Begin() {
-    Use();
-    calls.push_back(new Call{possible});
-    return *calls.back();
-}
-
-void LogProgram::End(Call& call, LogRecordAsked asked, int own, const std::string& source) {
-    areRead = true;
-    const auto wants = [&](std::size_t version) { return IsWanted(version, source, own, asked.level); };
-    LogRecordAsked& record = outputs.Records(asked.thread)[static_cast<std::size_t>(asked.number)];
-    record.mustBeThere = std::all_of(call.levels.begin(), call.levels.end(), wants);
-    record.mayBeThere = std::any_of(call.levels.begin(), call.levels.end(), wants);
-    calls.erase(std::find(calls.begin(), calls.end(), &call));
-    delete &call;
-    if (errno != ANY_ERRNO)
-        sim.Fail("logging changes errno");
-}
-
-void LogProgram::LogBy(CommonUtils::Logger& logger, const std::string& source, int own, int thread) {
-    const int level = random.Between(0, 4);
-    const std::size_t padding = random.OneIn(6) ? random.Below(outputs.IsPipe() ? 3000 : 5000) : random.Below(40);
-    const bool hasTag = random.OneIn(2);
-    const LogRecordAsked asked =
-        outputs.Add({thread, outputs.NextNumber(thread), level, source, padding, false, false, false});
-    Call& call = Begin();
-    errno = ANY_ERRNO;
-    Watch([&] { Opened(logger, level, hasTag ? "tag" : "") << asked.Text(); });
-    End(call, asked, own, source);
-}
-
-void LogProgram::LogByWrapper(int thread, int least) {
-    const std::string source = AnySource();
-    const std::string file = "libs/of/" + source + ".cpp";
-    const int level = random.Between(least, CRITICAL);
-    const bool flush = random.OneIn(3);
-    const LogRecordAsked asked =
-        outputs.Add({thread, outputs.NextNumber(thread), level, source + ":7", random.Below(800), false, false, false});
-    Call& call = Begin();
-    errno = ANY_ERRNO;
-    Watch([&] { quillogger::LogWrapper::Log(level, flush, file.c_str(), 7, "tag", "%s", asked.Text().c_str()); });
-    End(call, asked, 0, source);
-}
-
-void LogProgram::MakeLogger(int thread) {
-    const std::string source = AnySource();
-    const int own = random.OneIn(2) ? 0 : random.Between(0, OFF);
-    Use();
-    auto logger = Watch([&] { return std::make_unique<CommonUtils::Logger>(source, own); });
-    areRead = true;
-    for (int count = random.Between(1, 3); count > 0; --count)
-        LogBy(*logger, source, own, thread);
-    Watch([&] { logger.reset(); });
-}
-
 /// As an editor does: what is read is the one or the other.
 void LogProgram::ReplaceSettings() {
-    const Version version{AnyLevels(), !areRead || !random.OneIn(6)};
+    static const std::string faults[] = {"level = nonsense\n",
+                                         "file_count = 0\n",
+                                         "file_max_bytes = 16383\n",
+                                         "colour = 1\n",
+                                         "[nowhere]\n",
+                                         "nonsense\n",
+                                         "level = info,First=loud\n",
+                                         "sink = stdout\n",
+                                         "sink = stderr\n",
+                                         "[broker]\nport = 65536\n",
+                                         "[broker\n",
+                                         std::string("\0\n", 2)};
+    const bool isFaulty = areRead && random.OneIn(6);
+    const Version version{AnyLevels(), isFaulty ? faults[random.Below(std::size(faults))] : std::string()};
     const std::string fresh = outputs.SettingsFile() + "." + std::to_string(sim.Self().number);
-    std::ofstream(fresh) << SettingsText(version, outputs);
+    std::ofstream(fresh) << SettingsText(version, areRead && random.OneIn(4));
     std::rename(fresh.c_str(), outputs.SettingsFile().c_str());
     versions.push_back(version);
     const std::size_t number = versions.size() - 1;
-    sim.Trace("    version " + std::to_string(number) + ": " + version.levels.Text() +
-              (version.isValid ? "" : " (invalid)"));
+    sim.Trace("    version " + std::to_string(number) + ": " + version.levels.Text() + " " + version.fault);
     for (Reload* reload : reloads)
         MayBeRead(*reload, number);
     if (isUsed && !areRead)
@@ -240,7 +231,7 @@ void LogProgram::ReplaceSettings() {
 /// It is in force as soon as it is read.
 void LogProgram::MayBeRead(Reload& reload, std::size_t version) {
     reload.read.insert(version);
-    if (versions[version].isValid)
+    if (versions[version].IsValid())
         MayBeInForce(version);
 }
 
@@ -252,6 +243,7 @@ void LogProgram::MayBeInForce(std::size_t version) {
 
 void LogProgram::ReadAnew() {
     Use();
+    outputs.ReadSettingsAnew();
     Reload reload;
     reload.isAlone = reloads.empty();
     for (Reload* other : reloads)
@@ -263,13 +255,14 @@ void LogProgram::ReadAnew() {
     areRead = true;
     reloads.erase(std::find(reloads.begin(), reloads.end(), &reload));
     sim.Trace(std::string("    levels are read anew: ") + (done ? "yes" : "no"));
-    const auto isValid = [&](std::size_t version) { return versions[version].isValid; };
+    const auto isValid = [&](std::size_t version) { return versions[version].IsValid(); };
     if (done && std::none_of(reload.read.begin(), reload.read.end(), isValid))
         sim.Fail("levels are read anew from settings that are not valid");
     if (!done && std::all_of(reload.read.begin(), reload.read.end(), isValid))
         sim.Fail("levels are not read anew, though the settings are valid");
     if (!reload.isAlone)
         return;
+    ExpectNews(reload, before, done);
     if (!done) {
         possible = before;
         return;
@@ -278,9 +271,38 @@ void LogProgram::ReadAnew() {
     std::copy_if(reload.read.begin(), reload.read.end(), std::inserter(possible, possible.end()), isValid);
 }
 
+/// As the log tells what is in force: the file's list with the environment's words in it, then what only that one
+/// names.
+std::string LogProgram::InForceText(std::size_t version) const {
+    const LevelList& file = versions[version].levels;
+    const LevelList both = file.Below(environment);
+    std::string text = NAMES[both.base.value_or(INFO)];
+    for (const auto& [source, level] : file.own)
+        text += "," + source + "=" + NAMES[both.own.at(source)];
+    for (const auto& [source, level] : environment.own)
+        if (file.own.count(source) == 0)
+            text += "," + source + "=" + NAMES[level];
+    return text;
+}
+
+/// What the log says of levels that were read anew, where it is certain what was in force and what was read.
+void LogProgram::ExpectNews(const Reload& reload, const Possible& before, bool done) {
+    constexpr const char* self = "GatewayConfig";
+    if (before.size() != 1 || reload.read.size() != 1)
+        return;
+    const std::string was = InForceText(*before.begin());
+    const std::string is = InForceText(*reload.read.begin());
+    const bool saysNews = IsWanted(*before.begin(), self, 0, INFO) || IsWanted(*reload.read.begin(), self, 0, INFO);
+    if (done && was != is && saysNews)
+        outputs.Expect("The levels of the log are now " + is);
+    if (!done && IsWanted(*before.begin(), self, 0, ERROR))
+        outputs.Expect("The levels of the log stay as they were, " + was + ", because of what is wrong with " +
+                       outputs.SettingsFile() + ". Mend it (orv-config-check tells when it is right) and read it anew");
+}
+
 /// Nobody else does anything. What is in force then is what the settings say, for loggers new and old.
 void LogProgram::CheckEachLevel() {
-    while (!versions.back().isValid)
+    while (!versions.back().IsValid())
         ReplaceSettings();
     ReadAnew();
     for (Shared& shared : loggers)
@@ -292,12 +314,29 @@ void LogProgram::CheckEachLevel() {
 
 /// With the next records that there is room for, if the levels let any through.
 bool LogProgram::TellLosses() {
+    outputs.Heal();
     for (int count = 0; count < 4; ++count) {
         outputs.Drain();
-        LogByWrapper(0, CRITICAL);
+        const std::string source = SOURCES[random.Below(std::size(SOURCES))];
+        CallWrapper(AskWrapper(0, source, CRITICAL, true), source, CRITICAL);
     }
     return std::all_of(std::begin(SOURCES), std::end(SOURCES),
                        [&](const char* source) { return IsWanted(versions.size() - 1, source, 0, CRITICAL); });
+}
+
+/// What was read at the start counts for them as long as the process runs.
+void LogProgram::CheckOtherContracts() {
+    const auto interfaceOf = [](const char* role) {
+        return Watch(
+            [role] { return GatewayMainBaseUnits::IpInterfacesMapping::GetInstance().GetInterfaceName(role); });
+    };
+    const auto store = Watch([] { return OrvResources::CreateStaticConfigStore(); });
+    const auto valueOf = [&](int key) { return Watch([&] { return store->GetValue(key); }); };
+    if (interfaceOf("Ethernet") != "up7" || interfaceOf("Cellular") != "mob_7" || !interfaceOf("ethernet").empty() ||
+        !interfaceOf("").empty())
+        sim.Fail("an interface is not the one that the settings have named at the start");
+    if (valueOf(0) != ENDPOINT || !valueOf(1).empty() || !valueOf(-1).empty())
+        sim.Fail("the cloud's endpoint is not the one that the settings have named at the start");
 }
 
 } // namespace OrvLab

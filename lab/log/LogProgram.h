@@ -23,6 +23,8 @@ struct LevelList {
     std::map<std::string, int> own;
 
     std::string Text() const;
+    /// The same as administrators write it: in numbers, other names and letters, with blanks, some items twice.
+    std::string Written(Random& random) const;
     /// With what `above` names in its place.
     LevelList Below(const LevelList& above) const;
     int Of(const std::string& source) const;
@@ -42,7 +44,8 @@ private:
     /// A state of the settings' file.
     struct Version {
         LevelList levels;
-        bool isValid;
+        std::string fault; // none: it is valid
+        bool IsValid() const { return fault.empty(); }
     };
     /// Levels that may be in force: a number of versions, of which one is.
     using Possible = std::set<std::size_t>;
@@ -60,11 +63,18 @@ private:
     void ApplicationThread(int number);
     void Act(int thread);
     void LogBy(CommonUtils::Logger& logger, const std::string& source, int own, int thread);
-    void LogByWrapper(int thread, int least = 0);
+    void LogByWrapper(int thread);
+    LogRecordAsked AskWrapper(int thread, const std::string& source, int level, bool isShort);
+    void CallWrapper(const LogRecordAsked& asked, const std::string& source, int level);
+    ForeignText AnyText(int thread, int number, bool isShort, bool withNul);
+    ForeignText AnyTag();
     bool TellLosses();
+    void CheckOtherContracts();
     void MakeLogger(int thread);
     void ReplaceSettings();
     void ReadAnew();
+    void ExpectNews(const Reload& reload, const Possible& before, bool done);
+    std::string InForceText(std::size_t version) const;
     void MayBeRead(Reload& reload, std::size_t version);
     void MayBeInForce(std::size_t version);
     void CheckEachLevel();
@@ -74,7 +84,7 @@ private:
     bool IsWanted(std::size_t version, const std::string& source, int own, int level) const;
     LevelList AnyLevels();
     std::string AnySource();
-    static std::string SettingsText(const Version& version, const LogOutputs& outputs);
+    std::string SettingsText(const Version& version, bool other);
 
     Simulation& sim;
     Random random;

@@ -70,6 +70,7 @@ public:
         const Message answer(Locked([&] { return dbus_connection_pop_message(connection); }));
         ASSERT_TRUE(answer);
     }
+    void Ask(const char* member) { Send(FakeDbus::bus->Owner().c_str(), member); }
     void Send(const char* destination, const char* member) {
         const Message call(dbus_message_new_method_call(destination, "/", "net.connman.Service", member));
         dbus_uint32_t serial = 0;
@@ -91,14 +92,36 @@ private:
 } // namespace
 
 TEST(AnInvariantOfTheBus, LetsNoOrderGoBeforeAllIsHeard) {
-    Fails([](Simulation& simulation) { Reader(simulation).Send(":1.7", "MoveBefore"); },
+    Fails([](Simulation& simulation) { Reader(simulation).Ask("MoveBefore"); },
           "gives an order before it has heard what it has read");
     RunAll([](Simulation& simulation) {
         Reader reader(simulation);
-        reader.Send(":1.7", "GetServices"); // a question may go
+        reader.Ask("GetServices"); // a question may go
         reader.Hear();
-        reader.Send(":1.7", "MoveBefore");
+        simulation.Sleep(SECOND);
+        reader.Ask("MoveBefore");
     });
+}
+
+TEST(AnInvariantOfTheBus, LetsNobodyAskBeforeTheAnswer) {
+    Fails(
+        [](Simulation& simulation) {
+            Reader reader(simulation);
+            reader.Ask("GetServices");
+            reader.Ask("GetServices");
+            simulation.Sleep(SECOND);
+        },
+        "does not wait for the answer to the call before");
+}
+
+TEST(AnInvariantOfTheBus, LetsNobodySpeakToAStranger) {
+    Fails(
+        [](Simulation& simulation) {
+            Reader reader(simulation);
+            reader.Send(":1.66", "GetServices");
+            simulation.Sleep(SECOND);
+        },
+        "speaks to a stranger");
 }
 
 TEST(AnInvariantOfTheBus, LetsNobodyWaitBeforeAllIsHeard) {
