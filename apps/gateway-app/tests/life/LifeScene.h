@@ -46,6 +46,21 @@ protected:
         application.Run();
     }
 
+    /// What the status file holds at that time, until Run comes back.
+    void InTheStatusFileAt(std::chrono::milliseconds time, const std::string& wanted) {
+        statusFile = ::testing::TempDir() + "status-of-" + std::to_string(getpid()) + ".json";
+        At(time, [&, wanted] {
+            std::stringstream text;
+            text << std::ifstream(statusFile).rdbuf();
+            EXPECT_NE(text.str().find(wanted), std::string::npos) << "no " << wanted << " in " << text.str();
+        });
+    }
+
+    ~TheLifeOfTheApplication() override {
+        if (!statusFile.empty())
+            std::remove(statusFile.c_str());
+    }
+
     Gateway gateway;
     std::string statusFile; // none
     Surroundings around{gateway};

@@ -410,6 +410,21 @@ TEST_F(TheLogOfTheApplication, HasNoWarningOfItsOwnAfterAHealthyStart) {
     EXPECT_GT(Lines("GatewayApp").size(), 5U);
 }
 
+TEST_F(TheLifeOfTheApplication, SaysAtOnceOverWhatTheLibraryTakesTheCloudToBe) {
+    At(1s, [&] { around.cloudAnswers("192.0.2.2"); });
+    InTheStatusFileAt(1500ms, R"("expected":"Ethernet")");
+    RunUntil(2s);
+}
+
+TEST_F(TheLifeOfTheApplicationWithAnOptionsFile, SaysAtOnceThatAReloadHasTakenTheCloudAway) {
+    At(1s, [&] {
+        Write("");
+        raise(SIGHUP);
+    });
+    InTheStatusFileAt(1500ms, R"("state":"disabled")");
+    RunUntil(2s);
+}
+
 TEST_F(TheLifeOfTheApplication, TellsWhatThePlatformHasCounted) {
     statusFile = ::testing::TempDir() + "status-of-" + std::to_string(getpid()) + ".json";
     RunUntil(1s);

@@ -61,6 +61,14 @@ TEST_F(AnEthernetThatFailedAgain, HasTheRouteBackWhenItHasProvedItself) {
     EXPECT_EQ(Ends("it has proved itself"), 1U);
 }
 
+TEST_F(AnEthernetThatFailedAgain, IsOnProbationNoMoreWhenItHasProvedItselfThoughItsPokesFail) {
+    At(46s, [&] { gateway.poke.Fails("eth0", 28); });
+    InTheStatusFileAt(BEGINS + 2s, R"("ethernet_on_probation":true)");
+    InTheStatusFileAt(BEGINS + 63s, R"("ethernet_on_probation":false)");
+    RunUntil(BEGINS + 64s);
+    EXPECT_EQ(Ends("it has proved itself"), 1U);
+}
+
 TEST_F(AnEthernetThatFailedAgain, IsNotTakenWhileItsProofsFail) {
     around.proof->good = false;
     around.proof->connected = true;
