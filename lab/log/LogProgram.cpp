@@ -250,6 +250,7 @@ void LogProgram::ReadAnew() {
         other->isAlone = false;
     reloads.push_back(&reload);
     const Possible before = possible;
+    const bool wereRead = areRead;
     MayBeRead(reload, versions.size() - 1);
     const bool done = Watch([] { return OrvPlatform::ReloadLogLevels(); });
     areRead = true;
@@ -264,7 +265,9 @@ void LogProgram::ReadAnew() {
         return;
     ExpectNews(reload, before, done);
     if (!done) {
-        possible = before;
+        // Until something has been read, what replaces the settings meanwhile may be what is read first.
+        if (wereRead)
+            possible = before;
         return;
     }
     possible.clear();
