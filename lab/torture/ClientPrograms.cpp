@@ -32,7 +32,7 @@ private:
     std::atomic<bool> isConfirming{false};
 
     void OnInitConfirmation(const OrvStackSdk::Confirmation& answer) override {
-        isConfirming = !connected; // Init again: what the first one has subscribed to may arrive meanwhile
+        isConfirming = !connected;        // Init again: what the first one has subscribed to may arrive meanwhile
         std::this_thread::sleep_for(2ms); // an application may take its time
         isConfirming = false;
         connected = answer == OrvStackSdk::Confirmation::ACK;
