@@ -98,6 +98,7 @@ void Story::CompareCreation(Call& call) {
         replay.ExpectRecord("trace", SESSION, "SetHandler", "");
         isCreated = true;
     } else {
+        replay.Expect("stop the delivery of OrvRoute");
         replay.Expect("log 5 libs/OrvStackSdk/src/OrvRoute:37 OrvStackSdk::OrvRoute::OrvRoute(): OrvRoute cannot "
                       "connect to MQTT broker.");
         replay.Expect("stop the delivery of " + session);

@@ -41,7 +41,7 @@ TEST_F(ARouteBeingBuilt, ThrowsWithARecordWhenTheBrokerCannotBeReached) {
         EXPECT_STREQ(error.what(), CANNOT_CONNECT);
     }
     EXPECT_EQ(Journal::Take(),
-              (Entries{TOP_ETHERNET, "connect OrvRoute refused",
+              (Entries{TOP_ETHERNET, "connect OrvRoute refused", "stop-delivery OrvRoute",
                        OrvPlatformFake::Entry::Wrapper(5, false, "libs/OrvStackSdk/src/OrvRoute", 37,
                                                        "OrvStackSdk::OrvRoute::OrvRoute()", CANNOT_CONNECT)}));
     EXPECT_EQ(FakeGateway::OpenConfigStores(), 0);
