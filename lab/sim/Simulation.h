@@ -77,6 +77,8 @@ public:
     void SetEndListener(std::function<void()> listener) { endListener = std::move(listener); }
     /// Told before a fault ends the process.
     void SetFailureListener(std::function<void()> listener) { failureListener = std::move(listener); }
+    /// From now on what a thread has done before its latest step comes before Races::Acquire of it.
+    void LetThreadsTell() { threadsTell = true; }
     void SetSurroundings(Surroundings* what) { surroundings = what; }
 
     /// Runs this as the first thread, and all that it starts, until all have ended.
@@ -153,6 +155,7 @@ private:
     unsigned stallOdds;   // one step in so many holds its thread up; 0: none
     Time pace;            // of the clock, a step at most
     bool spuriousWakeUps;
+    bool threadsTell = false;
 
     Time now = 1000 * SECOND;
     Time stallTime = 0;

@@ -212,8 +212,14 @@ void __wrap__ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_
     }
     if (!simulation->MayStart())
         throw std::system_error(EAGAIN, std::generic_category(), "start a thread");
-    const std::shared_ptr<std::thread::_State> body(std::move(*state));
-    Simulation::Thread& thread = simulation->Start("", [body]() mutable { OrvLab::Watch([&] { body->_M_run(); }); });
+    // What it captures ends in the thread itself, as in the library's.
+    const auto body = std::make_shared<ThreadState>(std::move(*state));
+    Simulation::Thread& thread = simulation->Start("", [body] {
+        OrvLab::Watch([&] {
+            (*body)->_M_run();
+            body->reset();
+        });
+    });
     OrvLab::IdOf(self) = std::thread::id(static_cast<pthread_t>(thread.number));
     simulation->Step("started a thread");
 }
