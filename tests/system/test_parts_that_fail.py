@@ -8,6 +8,7 @@ import pytest
 
 from orv_testbed.scene import Scene
 from orv_testbed.topics import GREEN, INHIBIT_DNS
+from orv_testbed.waiting import SLACK, wait_until
 
 CONNMAN_CRASHED = ("net.connman is not on the message bus", "cannot put eth0 on top now", "cannot set name servers of")
 
@@ -68,6 +69,16 @@ def test_a_crashed_connection_manager_leaves_the_way_over_cellular_open(scene: S
     scene.settles("eth0", 30)
     scene.box("provider", "eth", "dead")
     scene.settles("wwan0", 30)
+
+
+def test_a_connection_manager_that_crashes_without_ethernet_leaves_no_default_route_behind(scene: Scene) -> None:
+    scene.expected_complaints = (*CONNMAN_CRASHED, "poke error 6", "poke error 7")
+    scene.box("cable", "out")
+    scene.application.wait_for_cloud("wwan0", 40)
+    scene.box("connman", "crash")
+    wait_until(lambda: scene.box.order() == ["wwan0"], 20 + SLACK, "Cellular, with the new connection manager")
+    scene.box("cable", "in")
+    scene.settles("eth0", 40, inhibit=lambda: scene.witness.last(INHIBIT_DNS))
 
 
 def test_a_frozen_bus_holds_nothing_up(scene: Scene) -> None:
