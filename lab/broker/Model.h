@@ -42,7 +42,9 @@ public:
     };
     enum class Delivery { ON, OFF, UNCLEAR };
 
-    Model(Simulation& simulation, int which) : sim(simulation), number(which), name("c" + std::to_string(which)) {}
+    /// @param most bytes of a publication, and of all that is announced again
+    Model(Simulation& simulation, int which, std::size_t most)
+        : sim(simulation), number(which), name("c" + std::to_string(which)), limit(most) {}
 
     /// @name What the calls of the application tell, before and after
     /// @{
@@ -93,6 +95,8 @@ public:
     int connects = 0;
 
 private:
+    const std::size_t limit;
+
     [[noreturn]] void Fail(const std::string& what) const { sim.Fail(name + ": " + what); }
     void BeginLifecycle();
     void EndLifecycle(bool isUp);
@@ -102,6 +106,7 @@ private:
     bool IsLatestForSure(const Publication& one) const;
     std::vector<const Publication*> LatestRetained(const std::string& topic) const;
     std::set<std::string> RetainedTopics() const;
+    bool MayHaveForgotten() const;
     bool IsReplaced(const Subscription& one) const;
     void CheckSubscribed(const std::set<std::pair<std::string, int>>& subscribed) const;
     void CheckRetained(const ScriptedBroker& broker, const std::string& topic, const std::string& when) const;

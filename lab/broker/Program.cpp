@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "broker/Program.h"
 
+#include "broker/ClientIdSuffix.h"
 #include "broker/OutstandingPublications.h"
 #include "broker/Wire.h"
 #include "config/GatewayConfig.h"
@@ -34,7 +35,8 @@ Program::Program(Simulation& simulation, std::uint64_t seed)
     slots.resize(1 + random.Below(2));
     Settings() = {};
     Settings().broker.clientIdSuffix.clear();
-    if (random.OneIn(3))
+    hasLittleRoom = random.OneIn(3);
+    if (hasLittleRoom)
         Settings().broker.maxOutstandingBytes = LITTLE_ROOM;
     Wire::Reset();
     Wire::broker = &broker;
@@ -96,9 +98,18 @@ void Program::ApplicationThread() {
     for (int act = 0; act < acts && budget > 0; ++act) {
         if (random.OneIn(4))
             Pause();
+        if (random.OneIn(20))
+            TakeNumber();
         ActAtRandom(nullptr);
     }
     --threadsLeft;
+}
+
+/// As a client does that is made.
+void Program::TakeNumber() {
+    const std::string number = Watch([] { return OrvPlatform::ClientIdSuffix("%n", "twin", "lab"); });
+    if (!numbers.insert(number).second)
+        sim.Fail("two clients of one id have the number " + number);
 }
 
 void Program::BrokerThread() {
@@ -132,7 +143,8 @@ void Program::Pause() {
 }
 
 std::shared_ptr<LabClient> Program::Make() {
-    models.push_back(std::make_unique<Model>(sim, static_cast<int>(models.size()) + 1));
+    models.push_back(
+        std::make_unique<Model>(sim, static_cast<int>(models.size()) + 1, Settings().broker.maxOutstandingBytes));
     Model& model = *models.back();
     auto* made = Watch([&] { return new LabClient(*this, model); });
     Races::Release(made); // as whoever hands it to another thread must
@@ -228,22 +240,31 @@ void Program::PublishAtRandom(LabClient& client) {
     // One after the other: compilers differ in the order in which they evaluate arguments.
     const bool assured = random.OneIn(2);
     const bool retained = random.OneIn(2);
-    const std::string topic = std::to_string(random.Below(2));
-    const bool deletes = random.OneIn(12);
+    const std::string topic = std::to_string(random.Below(hasLittleRoom ? 4 : 2));
+    const bool deletes = random.OneIn(hasLittleRoom ? 4 : 12);
+    const std::string value = "v" + number + Padding();
     switch (random.Weighted({6, 5, 2, 1})) {
     case 0:
-        client.PublishAsked("p/" + number, "v" + number, false, assured);
+        client.PublishAsked("p/" + number, value, false, assured);
         break;
     case 1:
-        client.PublishAsked("r" + whose + "/" + topic, deletes ? std::string() : "v" + number, true, assured);
+        client.PublishAsked("r" + whose + "/" + topic, deletes ? std::string() : value, true, assured);
         break;
     case 2:
-        client.PublishAsked("w" + whose, "v" + number, retained, assured);
+        client.PublishAsked("w" + whose, value, retained, assured);
         break;
     default:
-        client.PublishAsked("+", "v" + number, false, assured);
+        client.PublishAsked("+", value, retained, assured);
         break;
     }
+}
+
+/// Where there is little room: much of it, and now and then more than there is.
+std::string Program::Padding() {
+    if (!hasLittleRoom || !random.OneIn(4))
+        return "";
+    const std::size_t most = LITTLE_ROOM - OrvPlatform::OutstandingPublications::Cost("", "");
+    return std::string(random.OneIn(4) ? most - random.Below(12) : random.Below(static_cast<unsigned>(most)), 'x');
 }
 
 /// For much longer than any pause between two attempts, of which there are neither too many nor too few.
@@ -338,7 +359,7 @@ void Program::CollectFrom(LabClient& client) {
 /// Everything was acknowledged: there is room for as much as ever can be outstanding.
 void Program::CheckRoom() {
     using QUILMQTT::QueueOwner;
-    if (Settings().broker.maxOutstandingBytes != LITTLE_ROOM)
+    if (!hasLittleRoom)
         return;
     for (const auto& slot : slots) {
         if (!slot || !slot->Story().IsKnownUp())

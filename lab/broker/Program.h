@@ -10,6 +10,7 @@
 #include <functional>
 #include <list>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -100,10 +101,12 @@ public:
 
 private:
     void ApplicationThread();
+    void TakeNumber();
     void BrokerThread();
     void Act(LabClient& client, std::shared_ptr<LabClient>& slot, bool inCallback);
     void SubscribeAtRandom(LabClient& client);
     void PublishAtRandom(LabClient& client);
+    std::string Padding();
     void Pause();
     std::shared_ptr<LabClient> Make();
     void StayAway();
@@ -119,6 +122,8 @@ private:
     std::vector<std::shared_ptr<LabClient>> slots;
     int budget; // what is done in all, at most
     int payloads = 0;
+    bool hasLittleRoom = false; // for publications and for what is announced again
+    std::set<std::string> numbers;
     int threadsLeft = 0;
     bool isCollecting = false;
 };

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the explorer demands, broken on purpose.
+#include "QuilMqtt/QueueOwner.h"
 #include "broker/FakeMosquitto.h"
 #include "broker/Model.h"
+#include "broker/OutstandingPublications.h"
 #include "broker/ScriptedBroker.h"
 #include "broker/Wire.h"
 #include "sim/Simulation.h"
@@ -65,7 +67,7 @@ void CallOnConnect(Model& model, int connections) {
 }
 
 void ConnectWithCallbacks(Simulation& simulation, int connections) {
-    Model model(simulation, 1);
+    Model model(simulation, 1, 1000);
     model.BeginConnect("");
     mosquitto* client = Connected(simulation);
     model.EndConnect(true);
@@ -75,7 +77,25 @@ void ConnectWithCallbacks(Simulation& simulation, int connections) {
     mosquitto_destroy(client);
 }
 
+void AnswerAPublication(Simulation& simulation, std::size_t most, int status) {
+    Model model(simulation, 1, most);
+    model.EndPublish(model.BeginPublish("w1", "payload", true, false), status);
+}
+
 } // namespace
+
+TEST(AnInvariant, DemandsThatExactlyWhatCanNeverFitInIsRefusedAsTooLarge) {
+    const std::size_t justFits = OrvPlatform::OutstandingPublications::Cost("w1", "payload");
+    constexpr int TOO_LARGE = QUILMQTT::QueueOwner::PAYLOAD_TOO_LARGE;
+    constexpr int HANDED_OVER = QUILMQTT::QueueOwner::HANDED_OVER;
+    Fails([=](Simulation& simulation) { AnswerAPublication(simulation, justFits, TOO_LARGE); }, "for 7 bytes on w1");
+    Fails([=](Simulation& simulation) { AnswerAPublication(simulation, justFits - 1, HANDED_OVER); },
+          "for 7 bytes on w1");
+    RunAll([=](Simulation& simulation) {
+        AnswerAPublication(simulation, justFits, HANDED_OVER);
+        AnswerAPublication(simulation, justFits - 1, TOO_LARGE);
+    });
+}
 
 TEST(AnInvariant, LetsNoPacketWaitThatTheSocketTakes) {
     Fails([](Simulation& simulation) { PublishAndWait(simulation, false); },
