@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <sanitizer/tsan_interface.h>
+#include <sys/single_threaded.h>
 
 extern "C" {
 // Parts of ThreadSanitizer's runtime that its header leaves out.
@@ -41,6 +42,8 @@ void Races::Watch(bool yes) {
 }
 
 void Races::Begin() {
+    // To the C library there is one thread, and for one alone shared pointers would be counted without atomics.
+    __libc_single_threaded = 0;
     AnnotateBenignRaceSized(__FILE__, __LINE__, &errno, sizeof errno, "each fiber has its own there");
     for (const ThreadLocals::Range& range : ThreadLocals::All())
         AnnotateBenignRaceSized(__FILE__, __LINE__, range.begin, range.size, "each fiber has its own there");

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -138,6 +139,15 @@ TEST(AnExplorerUnderThreadSanitizer, LetsAnotherThreadGoOnBetweenTwoOperationsOn
         lost += count.load() == 1 ? 1 : 0;
     });
     EXPECT_GT(lost, 0);
+}
+
+TEST(ARaceOnMemory, IsNotFoundInTheCountOfASharedPointer) {
+    RunAll([] {
+        const auto shared = std::make_shared<int>(1);
+        std::thread other([copy = shared] { EXPECT_EQ(*std::shared_ptr<int>(copy), 1); });
+        EXPECT_EQ(*std::shared_ptr<int>(shared), 1);
+        other.join();
+    });
 }
 
 TEST(ARaceOnMemory, IsNotLookedForInTheLaboratorysOwnMemory) {
