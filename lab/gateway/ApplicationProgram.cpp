@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <memory>
 
 namespace OrvLab {
 
@@ -146,9 +147,11 @@ void ApplicationProgram::RunApplication() {
     const std::vector<std::string> arguments{"--config",      "/proc/self/fd/" + std::to_string(optionsFile),
                                              "--lock",        FakeFiles::LOCK,
                                              "--status-file", FakeFiles::STATUS};
-    GatewayApp::Application application(GatewayApp::ReadOptions(arguments), arguments);
-    application.Run();
+    auto application =
+        Watch([&] { return std::make_unique<GatewayApp::Application>(GatewayApp::ReadOptions(arguments), arguments); });
+    Watch([&] { application->Run(); });
     model.Returns();
+    Watch([&] { application.reset(); });
 }
 
 void ApplicationProgram::Follow() {

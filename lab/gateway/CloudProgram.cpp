@@ -65,21 +65,26 @@ bool CloudProgram::IsLoopIdle() const {
 
 void CloudProgram::Run() {
     loopThread = sim.Self().number;
-    loop = std::make_unique<EventLoop>();
-    auto box = std::make_shared<Mailbox>();
-    loop->Watch(box->ReadyDescriptor(), EPOLLIN, [&box](std::uint32_t) { box->DoAll(); });
+    std::shared_ptr<Mailbox> box;
+    Watch([&] {
+        loop = std::make_unique<EventLoop>();
+        box = std::make_shared<Mailbox>();
+        loop->Watch(box->ReadyDescriptor(), EPOLLIN, [&box](std::uint32_t) { box->DoAll(); });
+    });
     tasks = std::make_unique<Tasks>(sim, box, loopThread);
     Make();
     for (int number = random.Between(1, 3); number > 0; --number)
         Start("poster " + std::to_string(number), [this, number] { Poster(number); });
     Start("weather", [this] { Weather(); });
     Start("conductor", [this] { Conduct(); });
-    loop->Run();
+    Watch([&] { loop->Run(); });
     tasks->LoopEnds();
     Destroy();
-    loop->Forget(box->ReadyDescriptor());
-    loop.reset();
-    box.reset();
+    Watch([&] {
+        loop->Forget(box->ReadyDescriptor());
+        loop.reset();
+        box.reset();
+    });
     End();
 }
 
@@ -109,15 +114,23 @@ void CloudProgram::Make() {
         InCallback("OnFailed " + reason + ", " + std::to_string(delay.count()) + " ms", [&] { model.Failed(delay); });
     };
     handler.keepAlive = [this] {
+        const Unwatched unwatched;
         model.AskedForKeepAlive(std::chrono::seconds(period));
         return KeepAlive(std::chrono::seconds(period));
     };
-    handler.isDetour = model.isDetour;
-    cloud = std::make_unique<CloudConnection>(*loop, settings, handler,
-                                              [this] { return static_cast<double>(random.Below(1000)) / 1000; });
+    handler.isDetour = [this](const std::string& source) {
+        const Unwatched unwatched;
+        return model.isDetour(source);
+    };
+    const auto jitter = [this] {
+        const Unwatched unwatched;
+        return static_cast<double>(random.Below(1000)) / 1000;
+    };
+    cloud = Watch([&] { return std::make_unique<CloudConnection>(*loop, settings, handler, jitter); });
 }
 
 void CloudProgram::InCallback(const std::string& name, const std::function<void()>& body) {
+    const Unwatched unwatched;
     sim.Trace("  " + name);
     if (sim.Self().number != loopThread)
         sim.Fail(name + " on another thread than the loop's");
@@ -139,7 +152,7 @@ void CloudProgram::InCallback(const std::string& name, const std::function<void(
 void CloudProgram::Call(const std::string& name, const std::function<void()>& call) {
     sim.Trace("  calls " + name);
     ++depth;
-    call();
+    Watch([&] { call(); });
     --depth;
     model.CameBack();
 }
@@ -159,7 +172,7 @@ void CloudProgram::Open(bool withSettings) {
 void CloudProgram::Close() {
     model.Closes();
     Call("Close", [&] { cloud->Close(); });
-    if (cloud->Connected())
+    if (Watch([&] { return cloud->Connected(); }))
         sim.Fail("is connected behind Close");
 }
 
@@ -168,7 +181,8 @@ void CloudProgram::Destroy() {
         return;
     sim.Trace("  destroys it");
     model.Destroyed();
-    const auto doomed = std::move(cloud);
+    auto doomed = std::move(cloud);
+    Watch([&] { doomed.reset(); });
 }
 
 void CloudProgram::ActInCallback() {
@@ -180,7 +194,7 @@ void CloudProgram::Act() {
         Make();
         return;
     }
-    if (cloud->Connected() != model.IsConnected())
+    if (Watch([&] { return cloud->Connected(); }) != model.IsConnected())
         sim.Fail("does not know whether it is connected");
     switch (random.Weighted({5, 2, 1, 2})) {
     case 0:
@@ -236,7 +250,7 @@ void CloudProgram::Conduct() {
             sim.Join(*thread);
     if (!random.OneIn(4))
         Collect();
-    tasks->Post("quit", [this] { loop->Quit(); });
+    tasks->Post("quit", [this] { Watch([&] { loop->Quit(); }); });
 }
 
 /// Everybody is well again.
@@ -288,7 +302,7 @@ void CloudProgram::End() {
     static_cast<void>(asked);
     if (sim.ThreadsAlive() != 1)
         sim.Fail("a thread is left");
-    tasks.reset();
+    Watch([&] { tasks.reset(); });
     if (CloudDialer::Helpers() != 0)
         sim.Fail(std::to_string(CloudDialer::Helpers()) + " look-ups are counted, and none is under way");
     if (world.clients != 0 || !world.tlsContexts.empty())

@@ -100,11 +100,13 @@ ConnmanCommands& ConnmanCommands::GetInstance() {
 }
 
 std::string ConnmanCommands::GetTopPriorityInterface() {
+    const OrvLab::Unwatched unwatched;
     Simulation::Current()->Step("ask the connection manager");
     return ConnectionManager::Present()->Top();
 }
 
 bool ConnmanCommands::SetTopPriorityInterface(const std::string& interfaceName) {
+    const OrvLab::Unwatched unwatched;
     Simulation::Current()->Step("order from the connection manager");
     Simulation::Current()->Trace("  puts " + interfaceName + " on top");
     return ConnectionManager::Present()->Order(interfaceName);

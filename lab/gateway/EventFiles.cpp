@@ -142,12 +142,14 @@ ssize_t __real_read(int number, void* buffer, std::size_t size);
 ssize_t __real_write(int number, const void* buffer, std::size_t size);
 
 int __wrap_epoll_create1(int flags) {
+    const OrvLab::Unwatched unwatched;
     if (Simulation::Current() == nullptr)
         return __real_epoll_create1(flags);
     return Descriptors::Of().Open(std::make_shared<OrvLab::EpollFile>());
 }
 
 int __wrap_epoll_ctl(int epoll, int operation, int number, epoll_event* event) {
+    const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(epoll))
         return __real_epoll_ctl(epoll, operation, number, event);
     Simulation::Current()->Step("epoll_ctl");
@@ -156,6 +158,7 @@ int __wrap_epoll_ctl(int epoll, int operation, int number, epoll_event* event) {
 }
 
 int __wrap_epoll_wait(int epoll, epoll_event* events, int room, int milliseconds) {
+    const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(epoll))
         return __real_epoll_wait(epoll, events, room, milliseconds);
     return OrvLab::Wait(*Simulation::Current(), OrvLab::Existing<OrvLab::EpollFile>(epoll, "epoll_wait"), events,
@@ -163,12 +166,14 @@ int __wrap_epoll_wait(int epoll, epoll_event* events, int room, int milliseconds
 }
 
 int __wrap_timerfd_create(int clock, int flags) {
+    const OrvLab::Unwatched unwatched;
     if (Simulation::Current() == nullptr)
         return __real_timerfd_create(clock, flags);
     return Descriptors::Of().Open(std::make_shared<OrvLab::TimerFile>());
 }
 
 int __wrap_timerfd_settime(int number, int flags, const itimerspec* setting, itimerspec* before) {
+    const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(number))
         return __real_timerfd_settime(number, flags, setting, before);
     Simulation* const simulation = Simulation::Current();
@@ -180,6 +185,7 @@ int __wrap_timerfd_settime(int number, int flags, const itimerspec* setting, iti
 }
 
 ssize_t __wrap_read(int number, void* buffer, std::size_t size) {
+    const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(number))
         return __real_read(number, buffer, size);
     Simulation::Current()->Step("read");
@@ -187,6 +193,7 @@ ssize_t __wrap_read(int number, void* buffer, std::size_t size) {
 }
 
 ssize_t __wrap_write(int number, const void* buffer, std::size_t size) {
+    const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(number))
         return __real_write(number, buffer, size);
     Simulation::Current()->Step("write");

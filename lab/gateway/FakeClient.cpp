@@ -27,6 +27,7 @@ struct TlsCallbacks {
 
 TlsContext::TlsContext(const CloudSettings& settings)
     : owned(true), context(reinterpret_cast<ssl_ctx_st*>(this)), host(settings.host) {
+    const OrvLab::Unwatched unwatched;
     OrvLab::World& world = OrvLab::World::Of("TlsContext");
     world.sim.Step("read the credentials");
     if (world.files.OneIn(world.faultyFiles))
@@ -37,6 +38,7 @@ TlsContext::TlsContext(const CloudSettings& settings)
 /// For libcurl's connections.
 TlsContext::TlsContext(const CloudSettings& settings, ssl_ctx_st* foreign)
     : owned(false), context(foreign), host(settings.host) {
+    const OrvLab::Unwatched unwatched;
     OrvLab::World& world = OrvLab::World::Of("TlsContext");
     if (world.files.OneIn(world.faultyFiles))
         throw std::runtime_error("cannot read the certificate");
@@ -44,16 +46,19 @@ TlsContext::TlsContext(const CloudSettings& settings, ssl_ctx_st* foreign)
 }
 
 TlsContext::~TlsContext() {
+    const OrvLab::Unwatched unwatched;
     OrvLab::World::Of("~TlsContext").tlsContexts.erase(this);
 }
 
 const TlsObservation& TlsContext::Seen(int socket) const {
+    const OrvLab::Unwatched unwatched;
     static const TlsObservation nothing;
     const auto found = seen.find(socket);
     return found == seen.end() ? nothing : found->second;
 }
 
 std::string TlsContext::Reason(int socket) const {
+    const OrvLab::Unwatched unwatched;
     return Seen(socket).alertReceived >= 0 ? "the server refuses the certificate" : "";
 }
 
@@ -134,7 +139,7 @@ int Hear(mosquitto* client, Said said) {
         client->welcome = said == Said::ACCEPTED;
         if (const World* const world = World::Present(); client->welcome && world->onWelcome)
             world->onWelcome(*client->socket);
-        client->onConnect(client, client->user, said == Said::REFUSED ? 5 : 0);
+        OrvLab::Watch([&] { client->onConnect(client, client->user, said == Said::REFUSED ? 5 : 0); });
         return said == Said::REFUSED ? Lose(client, MOSQ_ERR_CONN_REFUSED) : MOSQ_ERR_SUCCESS;
     case Said::PONG:
         client->pinged = OrvLab::NEVER;
@@ -165,6 +170,7 @@ int mosquitto_lib_init() {
 }
 
 mosquitto* mosquitto_new(const char* /*id*/, bool /*clean*/, void* user) {
+    const OrvLab::Unwatched unwatched;
     World& world = World::Of("mosquitto_new");
     world.sim.Step("mosquitto_new");
     ++world.clients;
@@ -175,6 +181,7 @@ mosquitto* mosquitto_new(const char* /*id*/, bool /*clean*/, void* user) {
 }
 
 void mosquitto_destroy(mosquitto* client) {
+    const OrvLab::Unwatched unwatched;
     World& world = Enter(client, "mosquitto_destroy");
     Lose(client, 0);
     --world.clients;
@@ -182,6 +189,7 @@ void mosquitto_destroy(mosquitto* client) {
 }
 
 void mosquitto_connect_callback_set(mosquitto* client, void (*callback)(mosquitto*, void*, int)) {
+    const OrvLab::Unwatched unwatched;
     client->onConnect = callback;
 }
 
@@ -194,12 +202,14 @@ int mosquitto_int_option(mosquitto* /*client*/, mosq_opt_t /*option*/, int /*val
 }
 
 int mosquitto_void_option(mosquitto* client, mosq_opt_t option, void* value) {
+    const OrvLab::Unwatched unwatched;
     if (option == MOSQ_OPT_SSL_CTX)
         client->tls = static_cast<TlsContext*>(value);
     return MOSQ_ERR_SUCCESS;
 }
 
 int mosquitto_connect_async(mosquitto* client, const char* host, int /*port*/, int keepAlive) {
+    const OrvLab::Unwatched unwatched;
     World& world = Enter(client, "mosquitto_connect_async");
     if (client->tls == nullptr)
         world.sim.Fail("connects without TLS");
@@ -220,14 +230,17 @@ int mosquitto_connect_async(mosquitto* client, const char* host, int /*port*/, i
 }
 
 int mosquitto_socket(mosquitto* client) {
+    const OrvLab::Unwatched unwatched;
     return client->number;
 }
 
 bool mosquitto_want_write(mosquitto* client) {
+    const OrvLab::Unwatched unwatched;
     return client->toSend || client->toPing;
 }
 
 int mosquitto_loop_read(mosquitto* client, int /*packets*/) {
+    const OrvLab::Unwatched unwatched;
     World& world = Enter(client, "mosquitto_loop_read");
     if (!client->socket)
         return MOSQ_ERR_NO_CONN;
@@ -244,6 +257,7 @@ int mosquitto_loop_read(mosquitto* client, int /*packets*/) {
 }
 
 int mosquitto_loop_write(mosquitto* client, int /*packets*/) {
+    const OrvLab::Unwatched unwatched;
     World& world = Enter(client, "mosquitto_loop_write");
     if (!client->socket)
         return MOSQ_ERR_NO_CONN;
@@ -266,6 +280,7 @@ int mosquitto_loop_write(mosquitto* client, int /*packets*/) {
 }
 
 int mosquitto_loop_misc(mosquitto* client) {
+    const OrvLab::Unwatched unwatched;
     World& world = Enter(client, "mosquitto_loop_misc");
     if (!client->socket)
         return MOSQ_ERR_NO_CONN;
@@ -282,6 +297,7 @@ int mosquitto_loop_misc(mosquitto* client) {
 }
 
 int mosquitto_disconnect(mosquitto* client) {
+    const OrvLab::Unwatched unwatched;
     const World& world = Enter(client, "mosquitto_disconnect");
     if (client->socket && world.onGoodBye)
         world.onGoodBye();

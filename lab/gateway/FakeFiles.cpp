@@ -223,6 +223,7 @@ ssize_t __real_pwrite64(int number, const void* buffer, std::size_t size, off_t 
 ssize_t __real_pread64(int number, void* buffer, std::size_t size, off_t at);
 
 int __wrap_open64(const char* path, int flags, ...) {
+    const OrvLab::Unwatched unwatched;
     va_list arguments;
     va_start(arguments, flags);
     const int mode = va_arg(arguments, int);
@@ -234,6 +235,7 @@ int __wrap_open64(const char* path, int flags, ...) {
 }
 
 int __wrap_fstat64(int number, struct stat* state) {
+    const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(number))
         return __real_fstat64(number, state);
     *state = {};
@@ -242,6 +244,7 @@ int __wrap_fstat64(int number, struct stat* state) {
 }
 
 int __wrap_rename(const char* from, const char* to) {
+    const OrvLab::Unwatched unwatched;
     if (Simulation::Current() == nullptr || !FakeFiles::Has(from))
         return __real_rename(from, to);
     Simulation::Current()->Step("rename");
@@ -249,6 +252,7 @@ int __wrap_rename(const char* from, const char* to) {
 }
 
 int __wrap_unlink(const char* path) {
+    const OrvLab::Unwatched unwatched;
     if (Simulation::Current() == nullptr || !FakeFiles::Has(path))
         return __real_unlink(path);
     Simulation::Current()->Step("unlink");
@@ -256,30 +260,36 @@ int __wrap_unlink(const char* path) {
 }
 
 int __wrap_mkdir(const char* path, mode_t mode) {
+    const OrvLab::Unwatched unwatched;
     return Simulation::Current() == nullptr || FakeFiles::Present() == nullptr ? __real_mkdir(path, mode) : 0;
 }
 
 int __wrap_inotify_init1(int flags) {
+    const OrvLab::Unwatched unwatched;
     if (Simulation::Current() == nullptr || FakeFiles::Present() == nullptr)
         return __real_inotify_init1(flags);
     return FakeFileCalls::Listen(*FakeFiles::Present());
 }
 
 int __wrap_inotify_add_watch(int number, const char* path, std::uint32_t what) {
+    const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(number))
         return __real_inotify_add_watch(number, path, what);
     return FakeFiles::Present()->Watch(number, path);
 }
 
 int __wrap_inotify_rm_watch(int number, int watched) {
+    const OrvLab::Unwatched unwatched;
     return Descriptors::IsSimulated(number) ? 0 : __real_inotify_rm_watch(number, watched);
 }
 
 int __wrap_flock(int number, int operation) {
+    const OrvLab::Unwatched unwatched;
     return Descriptors::IsSimulated(number) ? FakeFileCalls::Lock(number) : __real_flock(number, operation);
 }
 
 int __wrap_ftruncate64(int number, off_t size) {
+    const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(number))
         return __real_ftruncate64(number, size);
     FakeFileCalls::Of(number, "ftruncate").content->text.resize(static_cast<std::size_t>(size));
@@ -287,6 +297,7 @@ int __wrap_ftruncate64(int number, off_t size) {
 }
 
 ssize_t __wrap_pwrite64(int number, const void* buffer, std::size_t size, off_t at) {
+    const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(number))
         return __real_pwrite64(number, buffer, size, at);
     std::string& text = FakeFileCalls::Of(number, "pwrite").content->text;
@@ -296,6 +307,7 @@ ssize_t __wrap_pwrite64(int number, const void* buffer, std::size_t size, off_t 
 }
 
 ssize_t __wrap_pread64(int number, void* buffer, std::size_t size, off_t at) {
+    const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(number))
         return __real_pread64(number, buffer, size, at);
     const std::string& text = FakeFileCalls::Of(number, "pread").content->text;

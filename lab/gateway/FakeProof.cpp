@@ -40,7 +40,7 @@ bool WaitFor(World& world, Transfer& transfer, Time duration) {
     while (world.sim.Now() < end) {
         world.sim.Wait(
             "curl_easy_perform", [] { return false; }, std::min(end, world.sim.Now() + OrvLab::SECOND));
-        if (transfer.progress(transfer.progressArgument, 0, 0, 0, 0) != 0)
+        if (OrvLab::Watch([&] { return transfer.progress(transfer.progressArgument, 0, 0, 0, 0); }) != 0)
             return false;
     }
     return true;
@@ -51,16 +51,19 @@ bool WaitFor(World& world, Transfer& transfer, Time duration) {
 extern "C" {
 
 CURL* curl_easy_init() {
+    const OrvLab::Unwatched unwatched;
     return new Transfer;
 }
 
 void curl_easy_cleanup(CURL* handle) {
+    const OrvLab::Unwatched unwatched;
     const std::unique_ptr<Transfer> transfer(static_cast<Transfer*>(handle));
     if (transfer->number >= 0)
         close(transfer->number);
 }
 
 CURLcode curl_easy_setopt(CURL* handle, CURLoption option, ...) {
+    const OrvLab::Unwatched unwatched;
     auto& transfer = *static_cast<Transfer*>(handle);
     va_list arguments;
     va_start(arguments, option);
@@ -81,6 +84,7 @@ CURLcode curl_easy_setopt(CURL* handle, CURLoption option, ...) {
 }
 
 CURLcode curl_easy_perform(CURL* handle) {
+    const OrvLab::Unwatched unwatched;
     auto& transfer = *static_cast<Transfer*>(handle);
     World& world = World::Of("curl_easy_perform");
     if (world.sim.Self().locks != 0)
@@ -100,7 +104,7 @@ CURLcode curl_easy_perform(CURL* handle) {
     if (drawn.duration >= transfer.limit)
         return CURLE_OPERATION_TIMEDOUT;
     int native = 0;
-    const CURLcode code = transfer.setUp(handle, &native, transfer.setUpArgument);
+    const CURLcode code = OrvLab::Watch([&] { return transfer.setUp(handle, &native, transfer.setUpArgument); });
     if (code != CURLE_OK)
         return code;
     if (!drawn.good)
@@ -110,6 +114,7 @@ CURLcode curl_easy_perform(CURL* handle) {
 }
 
 CURLcode curl_easy_getinfo(CURL* handle, CURLINFO what, ...) {
+    const OrvLab::Unwatched unwatched;
     const auto& transfer = *static_cast<Transfer*>(handle);
     va_list arguments;
     va_start(arguments, what);

@@ -27,6 +27,7 @@ ssize_t __real_sendto(int number, const void* text, std::size_t size, int flags,
 int __real_clock_gettime(clockid_t clock, timespec* now);
 
 char* __wrap_getenv(const char* name) {
+    const OrvLab::Unwatched unwatched;
     static char socket[] = "/lab/notify";
     static char period[] = "20000000";
     const World* const world = Simulation::Current() == nullptr ? nullptr : World::Present();
@@ -38,6 +39,7 @@ char* __wrap_getenv(const char* name) {
 }
 
 ssize_t __wrap_sendto(int number, const void* text, std::size_t size, int flags, const sockaddr* to, socklen_t length) {
+    const OrvLab::Unwatched unwatched;
     if (!OrvLab::Descriptors::IsSimulated(number))
         return __real_sendto(number, text, size, flags, to, length);
     World::Of("sendto").onNotify(std::string(static_cast<const char*>(text), size));
@@ -45,6 +47,7 @@ ssize_t __wrap_sendto(int number, const void* text, std::size_t size, int flags,
 }
 
 int __wrap_clock_gettime(clockid_t clock, timespec* now) {
+    const OrvLab::Unwatched unwatched;
     const Simulation* const simulation = Simulation::Current();
     if (simulation == nullptr)
         return __real_clock_gettime(clock, now);

@@ -56,13 +56,17 @@ using OrvLab::SignalFile;
 void Block(std::initializer_list<int> /*numbers*/) {}
 
 Signals::Signals(std::initializer_list<int> /*numbers*/)
-    : descriptor(OrvLab::Descriptors::Of().Open(std::make_shared<SignalFile>())) {}
+    : descriptor([] {
+          const OrvLab::Unwatched unwatched;
+          return OrvLab::Descriptors::Of().Open(std::make_shared<SignalFile>());
+      }()) {}
 
 Signals::~Signals() {
     close(descriptor);
 }
 
 int Signals::Take() {
+    const OrvLab::Unwatched unwatched;
     OrvLab::Simulation::Current()->Step("take a signal");
     std::deque<int>& waiting = SignalFile::present->waiting;
     if (waiting.empty())
@@ -96,6 +100,7 @@ LoadedConfig LoadGatewayConfig() {
 }
 
 bool ReloadLogLevels() noexcept {
+    const OrvLab::Unwatched unwatched;
     if (const OrvLab::World& world = OrvLab::World::Of("ReloadLogLevels"); world.onReload)
         world.onReload();
     return true;
@@ -114,6 +119,7 @@ namespace {
 class Store final : public IStaticConfigStore {
 public:
     std::string GetValue(const int& key) override {
+        const OrvLab::Unwatched unwatched;
         return key == 0 ? OrvLab::World::Of("GetValue").endpoint : std::string();
     }
 };

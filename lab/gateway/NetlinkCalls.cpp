@@ -33,6 +33,7 @@ World& Enter(const char* call) {
 extern "C" {
 
 mnl_socket* mnl_socket_open2(int /*bus*/, int /*flags*/) {
+    const OrvLab::Unwatched unwatched;
     World& world = Enter("open a netlink socket");
     auto made = std::make_unique<mnl_socket>();
     made->file = world.kernel.Open();
@@ -41,26 +42,31 @@ mnl_socket* mnl_socket_open2(int /*bus*/, int /*flags*/) {
 }
 
 int mnl_socket_bind(mnl_socket* socket, unsigned groups, pid_t /*pid*/) {
+    const OrvLab::Unwatched unwatched;
     Enter("bind a netlink socket");
     socket->file->groups = groups;
     return 0;
 }
 
 int mnl_socket_get_fd(const mnl_socket* socket) {
+    const OrvLab::Unwatched unwatched;
     return socket->number;
 }
 
 int mnl_socket_close(mnl_socket* socket) {
+    const OrvLab::Unwatched unwatched;
     const std::unique_ptr<mnl_socket> owner(socket);
     return close(socket->number);
 }
 
 ssize_t mnl_socket_sendto(const mnl_socket* socket, const void* request, std::size_t size) {
+    const OrvLab::Unwatched unwatched;
     Enter("ask the kernel");
     return socket->file->Send(request, size);
 }
 
 ssize_t mnl_socket_recvfrom(const mnl_socket* socket, void* buffer, std::size_t size) {
+    const OrvLab::Unwatched unwatched;
     World& world = Enter("hear the kernel");
     if (world.sim.HasSpuriousWakeUps() && world.sim.OneInSchedule(30)) {
         errno = EINTR;

@@ -75,6 +75,7 @@ int __real_getsockopt(int number, int level, int option, void* value, socklen_t*
 int __real_setsockopt(int number, int level, int option, const void* value, socklen_t size);
 
 int __wrap_getaddrinfo(const char* node, const char* service, const addrinfo* hints, addrinfo** found) {
+    const OrvLab::Unwatched unwatched;
     Simulation* const simulation = Simulation::Current();
     if (simulation == nullptr || (hints != nullptr && (hints->ai_flags & AI_NUMERICHOST) != 0))
         return __real_getaddrinfo(node, service, hints, found);
@@ -94,6 +95,7 @@ int __wrap_getaddrinfo(const char* node, const char* service, const addrinfo* hi
 }
 
 int __wrap_socket(int domain, int type, int protocol) {
+    const OrvLab::Unwatched unwatched;
     if (Simulation::Current() == nullptr)
         return __real_socket(domain, type, protocol);
     Simulation::Current()->Step("socket");
@@ -101,6 +103,7 @@ int __wrap_socket(int domain, int type, int protocol) {
 }
 
 int __wrap_connect(int number, const sockaddr* address, socklen_t size) {
+    const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(number))
         return __real_connect(number, address, size);
     auto& probe = dynamic_cast<OrvLab::ProbeSocket&>(*Descriptors::Of().Find(number));
@@ -110,6 +113,7 @@ int __wrap_connect(int number, const sockaddr* address, socklen_t size) {
 }
 
 int __wrap_getsockname(int number, sockaddr* address, socklen_t* size) {
+    const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(number))
         return __real_getsockname(number, address, size);
     if (const auto* const probe = dynamic_cast<OrvLab::ProbeSocket*>(Descriptors::Of().Find(number))) {
@@ -125,6 +129,7 @@ int __wrap_getsockname(int number, sockaddr* address, socklen_t* size) {
 }
 
 int __wrap_getsockopt(int number, int level, int option, void* value, socklen_t* size) {
+    const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(number))
         return __real_getsockopt(number, level, option, value, size);
     OrvLab::CloudSocket* const socket = OrvLab::Cloud(number);
@@ -143,6 +148,7 @@ int __wrap_getsockopt(int number, int level, int option, void* value, socklen_t*
 }
 
 int __wrap_setsockopt(int number, int level, int option, const void* value, socklen_t size) {
+    const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(number))
         return __real_setsockopt(number, level, option, value, size);
     OrvLab::CloudSocket* const socket = OrvLab::Cloud(number);

@@ -63,7 +63,7 @@ void RoutesProgram::Run() {
     Simulation::Thread& other = sim.Start("weather", [this] { Weather(); });
     char name[] = "orv-source-routes";
     char* arguments[] = {name, nullptr};
-    const int status = SourceRoutesMain(1, arguments);
+    const int status = Watch([&] { return SourceRoutesMain(1, arguments); });
     ended = true;
     const std::string left = RoutesModel(world.kernel, sim.Now()).Left();
     if (quiet && status != 0)

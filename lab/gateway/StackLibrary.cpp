@@ -38,16 +38,19 @@ class StackLibrary::Client final : public OrvStackSdk::IOrvStackClient {
 public:
     explicit Client(StackLibrary& its) : library(its) {}
     ~Client() override {
+        const Unwatched unwatched;
         library.listener.Released();
         End();
     }
 
     void SetHandler(std::weak_ptr<IOrvStackClientHandler> receiver) override {
+        const Unwatched unwatched;
         library.listener.HandlerSet();
         library.handler = std::move(receiver);
     }
 
     void Init(const std::string& name) override {
+        const Unwatched unwatched;
         library.listener.Inits(name);
         End();
         library.Wait("Init", library.broker == Broker::MUTE
@@ -57,7 +60,8 @@ public:
         library.listener.Confirmed(library.connected);
         if (const auto receiver = library.handler.lock()) {
             library.inCallback = true;
-            receiver->OnInitConfirmation(library.connected ? Confirmation::ACK : Confirmation::NACK);
+            const Confirmation answer = library.connected ? Confirmation::ACK : Confirmation::NACK;
+            Watch([&] { receiver->OnInitConfirmation(answer); });
             library.inCallback = false;
         }
         if (library.connected)
@@ -65,19 +69,25 @@ public:
     }
 
     void DeInit() override {
+        const Unwatched unwatched;
         library.listener.DeInits();
         library.Wait("DeInit", static_cast<Time>(library.random.Below(1000)) * MILLISECOND);
         End();
     }
 
     void Start() override {
+        const Unwatched unwatched;
         library.listener.Starts();
         library.booting = true;
     }
 
-    void Stop() override { library.listener.Stops(); }
+    void Stop() override {
+        const Unwatched unwatched;
+        library.listener.Stops();
+    }
 
     void Tick(std::chrono::milliseconds /*elapsed*/) override {
+        const Unwatched unwatched;
         library.listener.Ticks();
         library.sim.Step("Tick");
         if (library.inCallback)
@@ -86,6 +96,7 @@ public:
     }
 
     void AppStatusRequest(const AppStatus& status) override {
+        const Unwatched unwatched;
         library.sim.Trace("  library: status " + OrvStackSdk::AppStatusText(status));
         library.listener.Says(status);
         library.booting = status == AppStatus::BOOTING;
@@ -95,6 +106,7 @@ public:
     void AppActionRequest(const std::string& /*app*/, const AppAction& /*action*/) override {}
 
     void EventUpdateRequest(const OrvEvent& event) override {
+        const Unwatched unwatched;
         library.sim.Trace("  library: event " + OrvStackSdk::OrvEventText(event));
         library.listener.Reports(event);
         library.sim.Step("EventUpdateRequest");
@@ -102,6 +114,7 @@ public:
     }
 
     bool CloudReconnectNeeded() override {
+        const Unwatched unwatched;
         const bool now = std::exchange(library.moved, false);
         library.listener.AsksWhetherMoved(now, library.state == State::CELLULAR);
         return now;
@@ -133,6 +146,7 @@ StackLibrary::~StackLibrary() {
 }
 
 std::shared_ptr<OrvStackSdk::IOrvStackClient> StackLibrary::Create() {
+    const Unwatched unwatched;
     StackLibrary& library = *present;
     library.sim.Step("CreateClient");
     library.Wait("CreateClient", library.broker == Broker::MUTE
@@ -321,8 +335,10 @@ void StackLibrary::DeliveryThread() {
             return;
         const auto message = std::move(messages.front());
         messages.pop_front();
-        if (const auto receiver = handler.lock())
-            message(*receiver);
+        Watch([&] {
+            if (const auto receiver = handler.lock())
+                message(*receiver);
+        });
         sim.Step("a message has been delivered");
     }
 }

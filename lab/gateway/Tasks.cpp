@@ -10,12 +10,14 @@ void Tasks::Post(const std::string& name, std::function<void()> work) {
     const std::uint64_t number = ++numbers;
     open.push_back({number, name, ++events});
     sim.Trace("  " + sim.Self().name + " posts: " + name);
-    box->Post([this, number, work = std::move(work)] {
+    const auto done = [this, number, work = std::move(work)] {
+        const Unwatched unwatched;
         Done(number);
         inTask = true;
         work();
         inTask = false;
-    });
+    };
+    Watch([&] { box->Post(done); });
     for (Task& task : open)
         if (task.number == number)
             task.left = ++events;

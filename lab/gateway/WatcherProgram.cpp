@@ -41,25 +41,27 @@ void WatcherProgram::Run() {
     if (!random.OneIn(4))
         weather.Boot();
     Simulation::Thread* const other = &sim.Start("weather", [this] { Weather(); });
-    loop = std::make_unique<EventLoop>();
-    watcher = std::make_unique<NetworkWatcher>(
-        *loop, WanInterfaces(NAMES[0], NAMES[1]),
-        NetworkWatcher::Handler{[this](const WanInterfaces::Events& events) { OnEvents(events); },
-                                [this](const std::string& interface) { OnDefaultRoute(interface); }});
+    loop = Watch([] { return std::make_unique<EventLoop>(); });
+    const NetworkWatcher::Handler handler{[this](const WanInterfaces::Events& events) { OnEvents(events); },
+                                          [this](const std::string& interface) { OnDefaultRoute(interface); }};
+    watcher =
+        Watch([&] { return std::make_unique<NetworkWatcher>(*loop, WanInterfaces(NAMES[0], NAMES[1]), handler); });
     for (std::size_t index = 0; index < 2; ++index)
         told[index] = {watcher->Wan().Running(PATHS[index]), watcher->Wan().HasAddress(PATHS[index])};
     toldDefault = watcher->DefaultInterface();
-    Mailbox box;
-    loop->Watch(box.ReadyDescriptor(), EPOLLIN, [&](std::uint32_t) { box.DoAll(); });
+    auto box = Watch([] { return std::make_unique<Mailbox>(); });
+    Watch([&] { loop->Watch(box->ReadyDescriptor(), EPOLLIN, [&](std::uint32_t) { box->DoAll(); }); });
     sim.Start("conductor", [&] {
         sim.Join(*other);
         sim.Step("the end is near");
-        box.Post([this] { loop->Quit(); });
+        Watch([&] { box->Post([this] { loop->Quit(); }); });
     });
-    loop->Run();
-    watcher.reset();
-    loop->Forget(box.ReadyDescriptor());
-    loop.reset();
+    Watch([&] {
+        loop->Run();
+        watcher.reset();
+        loop->Forget(box->ReadyDescriptor());
+        loop.reset();
+    });
     sim.Join(*other);
     sim.Sleep(SETTLED);
     if (Descriptors::Of().Count() != 1)
@@ -99,6 +101,7 @@ void WatcherProgram::Enter(const char* name) {
 }
 
 void WatcherProgram::OnEvents(const WanInterfaces::Events& events) {
+    const Unwatched unwatched;
     Enter("OnEvents");
     inCallback = true;
     const auto change = [&](bool& state, bool now, const char* what) {
@@ -135,6 +138,7 @@ void WatcherProgram::OnEvents(const WanInterfaces::Events& events) {
 }
 
 void WatcherProgram::OnDefaultRoute(const std::string& interface) {
+    const Unwatched unwatched;
     Enter("OnDefaultRoute");
     sim.Trace("  default route: " + interface);
     if (interface == toldDefault)
@@ -147,7 +151,7 @@ void WatcherProgram::OnDefaultRoute(const std::string& interface) {
 void WatcherProgram::Ask() {
     const char* const name = NAMES[random.Below(2)];
     const std::uint64_t before = world.kernel.Generation();
-    const auto found = watcher->Find(name);
+    const auto found = Watch([&] { return watcher->Find(name); });
     const KernelLink* const link = world.kernel.Link(name);
     if (before != world.kernel.Generation())
         return;

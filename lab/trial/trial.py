@@ -203,6 +203,7 @@ def chosen(options: argparse.Namespace) -> list[Instrument]:
         Explorer(options.explore, "explore connman", "orv-explore-connman", CONNMAN),
         Explorer(options.explore, "races connman", "orv-explore-connman", CONNMAN, preset="tsan"),
         Explorer(options.explore, "explore gateway", "orv-explore-gateway", "apps/"),
+        Explorer(options.explore, "races gateway", "orv-explore-gateway", "apps/", preset="tsan"),
         Explorer(options.explore, "explore client", "orv-explore-client", "libs/OrvStackSdk/"),
         Explorer(options.explore, "races client", "orv-explore-client", "libs/OrvStackSdk/", preset="tsan"),
         Explorer(options.explore, "explore log", "orv-explore-log", *LOG),
