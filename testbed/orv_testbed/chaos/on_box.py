@@ -2,16 +2,18 @@
 """A gateway box as chaos sees it, and everything about it that must agree when the last fault is over."""
 from __future__ import annotations
 
-import collections
+import json
 import os
 import pathlib
-import re
 import subprocess
+import time
+from typing import Any
 
 from orv_testbed import audit
 from orv_testbed.application import Application
 from orv_testbed.box import Box
 from orv_testbed.calls import waits
+from orv_testbed.chaos import demands
 from orv_testbed.chaos.faults import BROKER, Words
 from orv_testbed.chaos.schedule import Schedule
 from orv_testbed.scene import Scene
@@ -23,8 +25,7 @@ SETTLES = 150.0  # seconds after the last remedy; a probation of Ethernet may go
 READER, APPLICATION = "log-reader", "gateway-app"
 # Otherwise any application that is started would put Ethernet on top.
 CONTROLLER = "[gateway]\ncontroller = gateway-app\n"
-MOST = {"descriptors": ("fd", 48), "threads": ("task", 9)}
-LOOK_UPS = 30.0  # seconds
+LOOK_UPS = 30.0  # seconds for which a look-up that nobody waits for any more may go on
 LOST = "records were lost"
 PROBATION, PROBATION_ENDS = "Ethernet is on probation", "Ethernet's probation is over"
 
@@ -86,7 +87,8 @@ class GatewayOnBox:
             self._settle(scene)
         except NotInTime as error:
             faults.append(str(error).partition("\n")[0])
-        faults += self._left_over(scene.application)
+        if not faults and scene.application.process.poll() is None:
+            faults += self._unmet(scene)
         ended = scene.application.process.poll()
         if ended is not None:
             return [*faults, f"the application has ended by itself, status {ended}"]
@@ -99,29 +101,67 @@ class GatewayOnBox:
         if not self._suspended:  # for as long as that, a call has waited
             faults += waits(figures)
         if scene.application.has_logged(LOST):
-            return faults  # the log tells too little
-        return faults + scene.faults()
+            return faults + self._complaints_of_routes()  # the log tells too little
+        faults += self._complaints_of_routes()
+        return faults + scene.faults() + demands.impossible_events(scene.application.transcript())
 
-    @staticmethod
-    def _left_over(application: Application) -> list[str]:
-        """Name look-ups that nobody waits for may go on for a while."""
-        here = pathlib.Path(f"/proc/{application.process.pid}")
-        found: dict[str, int] = {}
+    def _complaints_of_routes(self) -> list[str]:
+        return demands.complaints("orv-source-routes", self._box("log", "routes"), self._explained)
 
-        def few() -> bool:
+    def _unmet(self, scene: Scene) -> list[str]:
+        """What the settled gateway does not hold of its promises; some of them may take a while."""
+        faults: list[str] = []
+
+        def holds() -> bool:
             try:
-                found.update({what: len(list((here / folder).iterdir())) for what, (folder, _) in MOST.items()})
-            except OSError:
-                return True  # it has ended
-            return all(found[what] <= most for what, (_, most) in MOST.items())
+                faults[:] = self._demands(scene)
+            except (OSError, ValueError) as error:
+                faults[:] = [f"cannot be seen: {error!r}"]
+            return not faults
 
-        if comes_within(LOOK_UPS, few, pause=1):
-            return []
-        try:
-            kinds = collections.Counter(re.sub("[0-9]+", "N", os.readlink(one)) for one in (here / "fd").iterdir())
-        except OSError:
-            return []
-        return [f"left over: {found}, which must be at most {MOST}: {dict(kinds)}"]
+        comes_within(LOOK_UPS, holds, pause=1)
+        return faults
+
+    def _demands(self, scene: Scene) -> list[str]:
+        application = scene.application
+        probation = self._on_probation(application)
+        interface = "wwan0" if probation else "eth0"
+        addresses = {name: own for name in audit.INTERFACES if (own := self._address(name))}
+        pid = application.process.pid
+        status = application.status()
+        faults = demands.status_file(status, interface, addresses.get(interface, ""), probation, pid, time.monotonic())
+        if not application.has_logged(LOST):
+            moves = [
+                (match[1], match[2]) for line in application.log().splitlines() if (match := audit.MOVED.search(line))
+            ]
+            faults += demands.counters(status, application.transcript(), moves)
+        rules, rules_6 = self._ip("-4", "rule"), self._ip("-6", "rule")
+        tables = {
+            name: self._ip("-4", "route", "show", "table", str(demands.TABLES[name])) for name in audit.INTERFACES
+        }
+        faults += demands.wrong_source_routes(addresses, rules, tables)
+        faults += demands.wrong_ipv6_source_routes(scene.box.families, rules_6)
+        programs = {pid: "gateway-app", scene.witness.process.pid: "witness"}
+        faults += demands.wrong_connections(self._sockets(), programs)
+        if not probation:  # its proofs take what they take
+            faults += demands.held_beyond("gateway-app", demands.holdings(pid), self._clock)
+        faults += demands.held_beyond("orv-source-routes", demands.holdings(self._box.pid_of("routes")))
+        return faults
+
+    def _ip(self, *words: str) -> list[dict[str, Any]]:
+        command = ["ip", "-n", f"{self._box.name}-gw", "-details", "-json", *words]
+        said = subprocess.run(command, text=True, capture_output=True, check=False).stdout
+        found: list[dict[str, Any]] = json.loads(said or "[]")
+        return found
+
+    def _address(self, interface: str) -> str | None:
+        found = self._ip("-4", "address", "show", "dev", interface, "scope", "global")
+        return next((own["local"] for one in found for own in one.get("addr_info", ()) if own.get("local")), None)
+
+    def _sockets(self) -> str:
+        established = ["state", "established", "dport", "=", f":{demands.BROKER_PORT}"]
+        command = ["ip", "netns", "exec", f"{self._box.name}-gw", "ss", "-tnpH", *established]
+        return subprocess.run(command, text=True, capture_output=True, check=True).stdout
 
     def _settle(self, scene: Scene) -> None:
         faults: list[str] = []
