@@ -22,6 +22,11 @@ namespace {
 
 constexpr int INFO = 2;
 constexpr int ERROR = 4;
+#ifdef ORV_LAB_THREAD_SANITIZER
+constexpr bool MAY_FORK = false; // it takes its own threads for those of the child, too
+#else
+constexpr bool MAY_FORK = true;
+#endif
 constexpr int OFF = 6;
 constexpr int CRITICAL = 5;
 constexpr const char* NAMES[] = {"trace", "debug", "info", "warning", "error", "critical", "off"};
@@ -172,6 +177,9 @@ void LogProgram::Act(int thread) {
         outputs.Drain();
     if (outputs.HasTrouble() && random.OneIn(8))
         outputs.Trouble(random);
+    // It costs much, and finds most while settings and log are being made.
+    if (MAY_FORK && random.OneIn(areRead ? 200 : 4))
+        return Fork();
     switch (random.Weighted({8, 3, 2, 3, 3})) {
     case 0: {
         if (loggers.empty())
@@ -188,6 +196,14 @@ void LogProgram::Act(int thread) {
     default:
         return ReplaceSettings();
     }
+}
+
+/// The child finds everything unlocked and whole, whatever the other threads were about.
+void LogProgram::Fork() {
+    sim.RunInForkedChild([] {
+        const CommonUtils::Logger logger("First", OFF);
+        const CommonUtils::Logger another("Second", OFF);
+    });
 }
 
 bool LogProgram::IsWanted(std::size_t version, const std::string& source, int own, int level) const {

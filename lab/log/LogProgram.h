@@ -72,6 +72,7 @@ private:
     void CheckOtherContracts();
     void MakeLogger(int thread);
     void ReplaceSettings();
+    void Fork();
     void ReadAnew();
     void ExpectNews(const Reload& reload, const Possible& before, bool done);
     std::string InForceText(std::size_t version) const;

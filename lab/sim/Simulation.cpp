@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "sim/Simulation.h"
 
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <exception>
 #include <utility>
@@ -140,6 +142,24 @@ void Simulation::Notify(const void* condition, bool all) {
     }
 }
 
+void Simulation::RunInForkedChild(const std::function<void()>& body) {
+    Wait("fork", [this] { return forking == nullptr; });
+    forking = running;
+    process = getpid();
+    std::fflush(stdout);
+    const pid_t child = fork(); // the handlers that it calls take turns with the other threads
+    if (child == 0) {
+        body();
+        _exit(0);
+    }
+    forking = nullptr;
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (status != 0)
+        Fail("a forked child cannot go on");
+}
+
 Simulation::Thread* Simulation::Find(int number) {
     return number >= 1 && number <= static_cast<int>(threads.size())
                ? threads[static_cast<std::size_t>(number) - 1].get()
@@ -151,10 +171,16 @@ std::size_t Simulation::ThreadsAlive() const {
         std::count_if(threads.begin(), threads.end(), [](const auto& thread) { return !thread->ended; }));
 }
 
+/// Of the threads it has only the one that has forked.
+bool Simulation::IsForkedChild() const {
+    return forking != nullptr && getpid() != process;
+}
+
 void Simulation::GatherReady() {
     candidates.clear();
+    const bool isForkedChild = IsForkedChild();
     for (const auto& thread : threads) {
-        if (thread->ended || thread->stalledUntil > now)
+        if (thread->ended || thread->stalledUntil > now || (isForkedChild && thread.get() != forking))
             continue;
         if (thread->isReady == nullptr || thread->deadline <= now || thread->isReady(thread->readyArgument))
             candidates.push_back(thread.get());
@@ -222,9 +248,10 @@ void Simulation::Pace() {
 }
 
 void Simulation::Jump() {
+    const bool isForkedChild = IsForkedChild();
     Time next = surroundings != nullptr ? surroundings->NextEvent() : NEVER;
     for (const auto& thread : threads) {
-        if (thread->ended)
+        if (thread->ended || (isForkedChild && thread.get() != forking))
             continue;
         if (thread->stalledUntil > now)
             next = std::min(next, thread->stalledUntil);

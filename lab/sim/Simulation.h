@@ -100,6 +100,9 @@ public:
     void Sleep(Time duration);
     void Join(Thread& thread);
     void Notify(const void* condition, bool all);
+    /// As by fork(), in a process of its own that has a copy of everything, and of the threads only this one. One at a
+    /// time.
+    void RunInForkedChild(const std::function<void()>& body);
     Time Now() const { return now; }
     /// @}
 
@@ -138,6 +141,7 @@ private:
     void Reschedule();
     Thread* Choose();
     Thread* ByPriority();
+    bool IsForkedChild() const;
     void GatherReady();
     void Jump();
     void Pace();
@@ -156,6 +160,8 @@ private:
     Time pace;            // of the clock, a step at most
     bool spuriousWakeUps;
     bool threadsTell = false;
+    const Thread* forking = nullptr;
+    int process = 0; // of the one that is forking
 
     Time now = 1000 * SECOND;
     Time stallTime = 0;

@@ -38,7 +38,25 @@ void TakeInOrder(std::mutex& first, std::mutex& second) {
     const std::lock_guard<std::mutex> two(second);
 }
 
+void ForkBesideALock(Simulation& simulation, bool waitsForIt) {
+    std::mutex mutex;
+    std::thread other([&] {
+        const std::lock_guard<std::mutex> lock(mutex);
+        simulation.Step("work");
+    });
+    if (waitsForIt)
+        other.join();
+    simulation.RunInForkedChild([&] { const std::lock_guard<std::mutex> lock(mutex); });
+    if (!waitsForIt)
+        other.join();
+}
+
 } // namespace
+
+TEST(AnExplorer, FindsALockThatAForkedChildInheritsFromAThreadThatItDoesNotHave) {
+    FindsFault([](Simulation& simulation) { ForkBesideALock(simulation, false); }, "a forked child cannot go on");
+    RunAll([](Simulation& simulation) { ForkBesideALock(simulation, true); });
+}
 
 TEST(AnExplorer, FindsTwoLocksThatAreTakenInDifferentOrders) {
     FindsFault(
