@@ -25,6 +25,7 @@ constexpr Time SLACK = 20 * MILLISECOND;
 constexpr Time USUAL_PAUSE = 250 * MILLISECOND;
 constexpr Time RESTLESS = 6 * SECOND; // the settling behind a move, and what is quick about it
 constexpr Time WATCHDOG = 20 * SECOND;
+constexpr Time BEAT = 10 * SECOND;
 constexpr Time REPAIRED = SECOND;
 constexpr Time LONGEST_REPAIR = 60 * SECOND;
 constexpr int FAST_REPAIRS = 50;
@@ -65,9 +66,10 @@ Time ApplicationModel::Allowance() const {
     return SLACK + disk + world.sim.StallTime();
 }
 
-void ApplicationModel::SettingsAre(const std::string& itsHost) {
-    hostChanged = hostChanged || host != itsHost;
-    host = itsHost;
+void ApplicationModel::OptionsAre(const Options& those) {
+    hostChanged = hostChanged || options.host != those.host;
+    options = those;
+    optionsAt = world.sim.Now();
 }
 
 void ApplicationModel::Terminated() {
@@ -79,6 +81,7 @@ void ApplicationModel::Terminated() {
 
 void ApplicationModel::Reloaded() {
     reloadedAt = world.sim.Now();
+    owesBooting = ready;
 }
 
 // What it tells the client library
@@ -132,8 +135,10 @@ void ApplicationModel::Ticks() {
     asked = false;
     NoteKernel();
     const Time now = world.sim.Now();
-    const bool rests =
-        cloud == true && where && where() == StackLibrary::State::ETHERNET && now - restlessAt > RESTLESS;
+    if (options.tick != 0 && now - optionsAt > 2 * SECOND && now - tickedAt < (options.tick - 1) * MILLISECOND)
+        Fail("ticks after " + std::to_string((now - tickedAt) / MILLISECOND) + " ms, sooner than it was told to");
+    const bool rests = options.tick == 0 && now - optionsAt > RESTLESS && cloud == true && where &&
+                       where() == StackLibrary::State::ETHERNET && now - restlessAt > RESTLESS;
     if (rests && now - tickedAt < USUAL_PAUSE - MILLISECOND)
         Fail("ticks after " + std::to_string((now - tickedAt) / MILLISECOND) + " ms, and nothing is under way");
     if (where && where() != StackLibrary::State::ETHERNET)
@@ -178,8 +183,13 @@ void ApplicationModel::Released() {
 
 void ApplicationModel::Says(AppStatus status) {
     Wants(life == Life::STARTED, "AppStatusRequest");
-    if (!initial)
+    if (!initial) {
+        if (status == AppStatus::BOOTING ? !owesBooting : status != AppStatus::READY || !booting)
+            Fail("says what its state is, and it has not changed");
+        owesBooting = false;
+        booting = status == AppStatus::BOOTING;
         return;
+    }
     if (status != AppStatus::READY)
         Fail("is not ready behind its start");
     initial = false;
@@ -220,6 +230,7 @@ void ApplicationModel::TakeCloud(bool connected) {
 void ApplicationModel::Reports(OrvEvent event) {
     Wants(life == Life::STARTED, "EventUpdateRequest");
     restlessAt = world.sim.Now();
+    ++efforts.events;
     switch (event) {
     case OrvEvent::CLOUD_CONNECTED:
     case OrvEvent::CLOUD_DISCONNECTED:
@@ -227,7 +238,7 @@ void ApplicationModel::Reports(OrvEvent event) {
         break;
     case OrvEvent::PANEL_CLOUD_ENABLED:
     case OrvEvent::PANEL_CLOUD_DISABLED:
-        if ((event == OrvEvent::PANEL_CLOUD_ENABLED) == host.empty())
+        if ((event == OrvEvent::PANEL_CLOUD_ENABLED) == options.host.empty())
             Fail("tells the client library the wrong thing about whether there is a cloud");
         if (!initial && !std::exchange(hostChanged, false))
             Fail("tells the client library twice whether there is a cloud");
@@ -306,6 +317,7 @@ void ApplicationModel::Closed(const CloudSocket& socket) {
 }
 
 void ApplicationModel::Logged(const LabLog::Record& record) {
+    efforts.records += std::string(record.level) == "debug" ? 0 : 1;
     const std::string ended = "the cloud connection has ended: ";
     if (record.text.rfind(ended, 0) == 0) {
         const bool loss = std::string(record.level) == "warning";
@@ -320,11 +332,15 @@ void ApplicationModel::Logged(const LabLog::Record& record) {
     if (record.text.rfind("the WAN route has moved from ", 0) == 0)
         NoteMove(record.text);
     const Time now = world.sim.Now();
+    // The end of a router's lifetime is news to it only when the kernel says so.
+    if (record.text.rfind("the default route is now", 0) == 0)
+        routeHeardAt = now;
     if (record.text.rfind("Ethernet is on probation", 0) == 0) {
         const auto begun = [&](Time one) { return now - one < LONG_MEMORY + Allowance(); };
         if (probation || std::count_if(fails.begin(), fails.end(), begun) < 2)
             Fail("puts an Ethernet on probation that has not failed again");
         probation = true;
+        ++probations;
         owesProbation = false;
         probationAt = now;
     }
@@ -353,12 +369,17 @@ void ApplicationModel::Replaced(const std::string& path) {
     if (path == FakeFiles::STATUS) {
         statusWritten = true;
         statusStale = false;
+        statusAt = world.sim.Now();
+        ++efforts.statusWrites;
     }
 }
 
 void ApplicationModel::Notified(const std::string& message) {
-    if (message.rfind("READY=1", 0) == 0 && ++readies > 1)
-        Fail("tells the service manager twice that it is ready");
+    if (message.rfind("READY=1", 0) == 0) {
+        if (++readies > 1)
+            Fail("tells the service manager twice that it is ready");
+        statusAt = world.sim.Now();
+    }
     if (message.rfind("STOPPING=1", 0) == 0 && (++stoppings > 1 || terminatedAt == NEVER))
         Fail("tells the service manager that it stops, and does not");
     if (message.rfind("READY=1", 0) == 0 || message == "WATCHDOG=1")
@@ -375,8 +396,14 @@ void ApplicationModel::Jumps(Time by) {
     if (by < MICROSECOND || life == Life::RELEASED)
         return;
     statusStale = statusStale || files.full;
+    if (files.full)
+        statusAt = world.sim.Now();
+    if (readies > 0 && world.sim.Now() + by - statusAt > BEAT + Allowance())
+        Fail("does not write its status file every ten seconds");
     if (ready && !owed.empty())
         Fail("does not tell the client library what has become of the cloud");
+    if (owesBooting || booting)
+        Fail("does not say that it is booting while it reads its options anew, or not that it is ready again");
     if (ready && hostChanged)
         Fail("does not tell the client library whether there is a cloud");
     if (ready)
@@ -403,6 +430,8 @@ void ApplicationModel::Jumps(Time by) {
 
 Time ApplicationModel::LongestPause() const {
     using State = StackLibrary::State;
+    if (options.tick != 0)
+        return options.tick * MILLISECOND;
     const Time onCellular = world.sim.Now() - movedAt;
     switch (where ? where() : State::POKING_CELLULAR) {
     case State::ETHERNET:
@@ -416,14 +445,14 @@ Time ApplicationModel::LongestPause() const {
 
 /// @param next until then it waits
 void ApplicationModel::CheckTicks(Time next) {
-    if (next - std::max(tickedAt, readyAt) > LongestPause() + Allowance())
+    if (next - std::max({tickedAt, readyAt, optionsAt, restlessAt}) > LongestPause() + Allowance())
         Fail("does not tick");
 }
 
 /// What has been said and done about the route, once it has stood for a while.
 void ApplicationModel::CheckPath() {
     const Time now = world.sim.Now();
-    const Time latest = std::max({routeChangedAt, movedAt, changedAt, probationAt});
+    const Time latest = std::max({routeChangedAt, routeHeardAt, movedAt, changedAt, probationAt, optionsAt});
     if (now - latest < FOLLOWED + Allowance() || Network().HasSilentExpiry())
         return;
     const bool isWan = route == "eth0" || route == "wwan0";
@@ -434,7 +463,7 @@ void ApplicationModel::CheckPath() {
     const std::string interface = Network().OwnerOf(open->source);
     if (fourOnly && route == movedTo && routeChangedAt < movedAt + FOLLOWED && interface != route)
         Fail("stays connected over " + interface + " behind a move of the route");
-    const int period = route == "wwan0" && !probation ? 30 : 1;
+    const int period = route == "wwan0" && !probation ? options.keepAliveCellular : options.keepAliveEthernet;
     if (open->socket->Option(TCP_KEEPIDLE) != period)
         Fail("asks for a sign of life every " + std::to_string(open->socket->Option(TCP_KEEPIDLE)) +
              " s and not every " + std::to_string(period));
@@ -506,14 +535,14 @@ void ApplicationModel::CheckStatus() {
     const NetworkModel network = Network();
     CheckField(text, "", "running", "true");
     CheckField(text, "", "session_ready", ready ? "true" : "false");
-    CheckField(text, "cloud", "state", host.empty() ? "disabled" : open ? "connected" : "disconnected");
+    CheckField(text, "cloud", "state", options.host.empty() ? "disabled" : open ? "connected" : "disconnected");
     const std::string source = open ? open->source : "";
     const std::string interface = open ? network.OwnerOf(source) : "";
     CheckField(text, "cloud", "source", source);
     CheckField(text, "cloud", "interface", interface);
     CheckField(text, "cloud", "path", open ? PathOf(interface) : "none");
     CheckField(text, "cloud", "family", !open ? "" : ScriptedCloud::IsSix(source) ? "IPv6" : "IPv4");
-    CheckField(text, "cloud", "host", host);
+    CheckField(text, "cloud", "host", options.host);
     if (open)
         CheckField(text, "cloud", "last_failure", "");
     if (!open && !reason.empty())
@@ -522,7 +551,7 @@ void ApplicationModel::CheckStatus() {
     const double late = since - static_cast<double>(changedAt) / SECOND;
     if (late < -0.002 || late > static_cast<double>(Allowance()) / SECOND + 0.1)
         Fail("the status file says that the cloud is so since another time than it is, " + std::to_string(late) + " s");
-    CheckField(text, "cloud", "host", host);
+    CheckField(text, "cloud", "host", options.host);
     CheckField(text, "counters", "cloud_losses", std::to_string(losses));
     CheckField(text, "counters", "fail_overs", std::to_string(moves[1]));
     CheckField(text, "counters", "returns", std::to_string(moves[0]));

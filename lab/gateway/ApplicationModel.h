@@ -30,9 +30,23 @@ public:
     ApplicationModel(const ApplicationModel&) = delete;
     ApplicationModel& operator=(const ApplicationModel&) = delete;
 
+    /// What its options say.
+    struct Options {
+        std::string host{};
+        int keepAliveEthernet = 1; // in seconds
+        int keepAliveCellular = 30;
+        int tick = 0; // in milliseconds; 0: by the situation
+    };
+    /// How often it has done what costs something.
+    struct Efforts {
+        int events = 0;
+        int records = 0;
+        int statusWrites = 0;
+    };
+
     /// @name What is done to it
     /// @{
-    void SettingsAre(const std::string& host);
+    void OptionsAre(const Options& those);
     /// It is told to end.
     void Terminated();
     /// It is told to read its options anew.
@@ -77,10 +91,15 @@ public:
     /// @}
 
     bool IsReady() const { return ready; }
-    bool WantsCloud() const { return !host.empty(); }
+    bool WantsCloud() const { return !options.host.empty(); }
     bool IsConnected() const { return open.has_value(); }
-    const std::string& Source() const { return open->source; }
+    /// The interface of the connection; empty: none.
+    std::string Connected() const { return open ? Network().OwnerOf(open->source) : std::string(); }
+    const std::string& Route() const { return route; }
     bool OnProbation() const { return probation; }
+    int Probations() const { return probations; }
+    bool TicksByTheSituation() const { return options.tick == 0; }
+    const Efforts& Done() const { return efforts; }
     /// The status file holds an object of which one value is asked for; nothing when it is not there.
     static std::optional<std::string> Value(const std::string& json, const std::string& section,
                                             const std::string& name);
@@ -119,14 +138,19 @@ private:
     FakeFiles& files;
     const int thread;
 
-    std::string host;
+    Options options;
     bool hostChanged = false; // and the library has not been told that the cloud is enabled or not
     Time terminatedAt = NEVER;
     Time stalledBefore = 0; // that
     Time disk = 0;
     Time reloadedAt = 0;
+    Time optionsAt = 0;
+    bool owesBooting = false;
+    bool booting = false;
+    Efforts efforts;
     std::string route;
     Time routeChangedAt = 0;
+    Time routeHeardAt = 0;
     Time homelessAt = 0; // when the address of the connection was last seen to be gone
     int failuresOwed = 0;
     bool failedBefore = false; // there was a client
@@ -152,7 +176,8 @@ private:
     bool saidGoodBye = false;
     bool probation = false;
     bool owesProbation = false;
-    Time probationAt = 0;    // began or ended
+    Time probationAt = 0; // began or ended
+    int probations = 0;
     bool csvTouched = false; // by others, or not written, since the last event
     Time csvWrongSince = NEVER;
     Time fullSince = NEVER;
@@ -166,6 +191,7 @@ private:
     Time pingedAt = NEVER;
     bool statusWritten = false;
     bool statusStale = false; // there was no room
+    Time statusAt = 0;        // when it was written, or there was last no room
 
     int readies = 0;
     int stoppings = 0;

@@ -3,6 +3,7 @@
 
 #include "Application.h"
 #include "CloudDialer.h"
+#include "InstanceLock.h"
 #include "PathProver.h"
 #include "gateway/EventFiles.h"
 #include "gateway/FakeSignals.h"
@@ -24,6 +25,11 @@ namespace {
 // The longest pause before a start and before an attempt, what both take, and a broker that ended the connection to be
 // noticed.
 constexpr Time WELL_AGAIN = 60 * SECOND;
+// The loss is noticed, ten seconds pass, a poke of four ticks, the move.
+constexpr Time FAILED_OVER = 18 * SECOND;
+constexpr Time RETURNED = 8 * SECOND;
+// A proof that fails, the minute, the proof that ends it, the return.
+constexpr Time PROVED = 110 * SECOND;
 constexpr Time LAST_LOOK_UP = 100 * SECOND;
 
 } // namespace
@@ -51,7 +57,7 @@ ApplicationProgram::ApplicationProgram(Simulation& simulation, std::uint64_t see
     world.onReload = [this] {
         reloading = true;
         if (!wrongFile)
-            model.SettingsAre(host);
+            model.OptionsAre(options);
         model.Reloaded();
     };
     refusals = random.OneIn(4) ? static_cast<unsigned>(random.Between(2, 6)) : 0;
@@ -111,6 +117,8 @@ World::Proof ApplicationProgram::Prove(const std::string& interface) {
     proof.duration = static_cast<Time>(random.Below(random.OneIn(6) ? 6000 : 200)) * MILLISECOND;
     if (proof.source.empty() || IsDead(proof.source))
         proof.duration = 10 * SECOND;
+    if (quiet)
+        proof.duration = std::min(proof.duration, proof.source.empty() || IsDead(proof.source) ? NEVER : SECOND / 10);
     proof.named = quiet || !random.OneIn(10);
     proof.good = quiet || !random.OneIn(10);
     return proof;
@@ -120,10 +128,14 @@ void ApplicationProgram::WriteOptions(bool mayBeWrong) {
     if (reloading)
         return;
     wrongFile = mayBeWrong && random.OneIn(5);
-    host = random.OneIn(6) ? "" : random.OneIn(3) ? "other.example" : "cloud.example";
-    const std::string text = wrongFile      ? "tick-ms=5\n"
-                             : host.empty() ? "cloud-port=8884\n"
-                                            : "cloud-host=" + host + "\n";
+    options.host = random.OneIn(8) ? "" : random.OneIn(3) ? "other.example" : "cloud.example";
+    options.keepAliveEthernet = random.OneIn(4) ? 2 : 1;
+    options.keepAliveCellular = random.OneIn(4) ? 10 : 30;
+    options.tick = random.OneIn(6) ? 250 << random.Below(2) : 0;
+    std::string text = wrongFile ? "tick-ms=5\n" : "tick-ms=" + std::to_string(options.tick) + "\n";
+    text += options.host.empty() ? "" : "cloud-host=" + options.host + "\n";
+    text += "cloud-keepalive-ethernet-s=" + std::to_string(options.keepAliveEthernet) + "\n" +
+            "cloud-keepalive-cellular-s=" + std::to_string(options.keepAliveCellular) + "\n";
     static_cast<void>(!ftruncate(optionsFile, 0));
     static_cast<void>(!pwrite(optionsFile, text.data(), text.size(), 0));
 }
@@ -143,7 +155,7 @@ void ApplicationProgram::Run() {
 
 void ApplicationProgram::RunApplication() {
     WriteOptions(false);
-    model.SettingsAre(host);
+    model.OptionsAre(options);
     const std::vector<std::string> arguments{"--config",      "/proc/self/fd/" + std::to_string(optionsFile),
                                              "--lock",        FakeFiles::LOCK,
                                              "--status-file", FakeFiles::STATUS};
@@ -180,7 +192,7 @@ void ApplicationProgram::Weather() {
 }
 
 void ApplicationProgram::Act() {
-    switch (random.Weighted({4, 3, 2, 2, 3, 1, 2, 2})) {
+    switch (random.Weighted({8, 6, 4, 4, 6, 2, 4, 4, 1})) {
     case 0:
         weather.Act();
         return Follow();
@@ -196,6 +208,8 @@ void ApplicationProgram::Act() {
         return manager.Change();
     case 6:
         return Signal();
+    case 7:
+        return StartSecond();
     default:
         return SendMessage();
     }
@@ -270,10 +284,75 @@ void ApplicationProgram::SendMessage() {
     }
 }
 
+/// As gateway-app does it that is started a second time.
+void ApplicationProgram::StartSecond() {
+    try {
+        const GatewayApp::InstanceLock second(FakeFiles::LOCK);
+    } catch (const GatewayApp::AnotherInstance&) {
+        return;
+    }
+    sim.Fail("lets a second one onto the gateway");
+}
+
+/// Ethernet's provider dies and comes back, and everybody else is well.
+void ApplicationProgram::FailOver() {
+    if (library.Where() != StackLibrary::State::ETHERNET || model.Route() != "eth0" || model.Connected() != "eth0" ||
+        model.OnProbation() || !model.TicksByTheSituation())
+        return;
+    // A link that was renamed has taken the other one's address along.
+    const NetworkModel network{world.kernel, sim.Now()};
+    if (network.OwnerOf(SourceOf("eth0", false)) != "eth0" || network.OwnerOf(SourceOf("wwan0", false)) != "wwan0")
+        return;
+    sim.Trace("Ethernet's provider dies");
+    dead[0] = true;
+    Follow();
+    sim.Sleep(FAILED_OVER);
+    if (model.Connected() != "wwan0" || model.Route() != "wwan0")
+        sim.Fail("is not connected over Cellular though Ethernet is dead");
+    sim.Trace("Ethernet's provider is back");
+    dead[0] = false;
+    Follow();
+    if (model.OnProbation()) {
+        if (model.Probations() > 1)
+            return; // a longer one
+        sim.Sleep(20 * SECOND);
+        if (!model.OnProbation())
+            sim.Fail("takes Ethernet for proved after 20 s");
+        sim.Sleep(PROVED - 20 * SECOND);
+    } else {
+        sim.Sleep(RETURNED);
+    }
+    if (model.Connected() != "eth0" || model.Route() != "eth0")
+        sim.Fail("is not connected over Ethernet again though that is well");
+}
+
+/// Nothing happens any more.
+void ApplicationProgram::Rest() {
+    if (library.Where() != StackLibrary::State::ETHERNET || model.OnProbation() ||
+        model.IsConnected() != model.WantsCloud())
+        return;
+    const std::uint64_t generation = world.kernel.Generation();
+    const ApplicationModel::Efforts before = model.Done();
+    const int asked = world.resolver.Asked();
+    const std::uint64_t rounds = Rounds();
+    sim.Sleep(30 * SECOND);
+    if (world.kernel.Generation() != generation || !model.WantsCloud())
+        return;
+    if (model.Done().events != before.events || model.Done().records != before.records)
+        sim.Fail("tells of something, and nothing has happened");
+    if (world.resolver.Asked() != asked)
+        sim.Fail("looks for the cloud that it is connected to");
+    if (model.Done().statusWrites - before.statusWrites > 4)
+        sim.Fail("writes its status file, and nothing has happened");
+    if (Rounds() - rounds > 30 * 20)
+        sim.Fail("polls busily: " + std::to_string(Rounds() - rounds) + " times in 30 s");
+}
+
 /// Everybody is well again.
 void ApplicationProgram::Collect() {
     sim.DisableStalls();
     quiet = true;
+    library.pokesAreQuick = true;
     world.resolver.Heal();
     world.cloud.Heal();
     world.faultyFiles = 0;
@@ -290,6 +369,10 @@ void ApplicationProgram::Collect() {
     if (model.IsConnected() != wanted)
         sim.Fail(wanted ? "is not connected to the cloud, and nothing is in its way"
                         : "is connected to a cloud that there is none of");
+    for (int count = wanted ? random.Between(0, 2) : 0; count > 0; --count)
+        FailOver();
+    if (random.OneIn(2))
+        Rest();
 }
 
 void ApplicationProgram::End() {
@@ -305,6 +388,11 @@ void ApplicationProgram::End() {
                  std::to_string(world.tlsContexts.size()) + " contexts of TLS");
     if (Descriptors::Of().Count() != 0)
         sim.Fail("a descriptor is left");
+    try {
+        const GatewayApp::InstanceLock next(FakeFiles::LOCK);
+    } catch (const GatewayApp::AnotherInstance&) {
+        sim.Fail("keeps its lock behind its end");
+    }
 }
 
 } // namespace OrvLab

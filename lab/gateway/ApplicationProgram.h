@@ -36,7 +36,10 @@ private:
     void Outage();
     void Signal();
     void SendMessage();
+    void StartSecond();
     void Collect();
+    void FailOver();
+    void Rest();
     void End();
     void Follow();
     void WriteOptions(bool mayBeWrong);
@@ -56,11 +59,11 @@ private:
     StackLibrary library;
 
     int optionsFile;
-    std::string host;              // as the options file has it
-    bool wrongFile = false;        // it cannot be read
-    bool reloading = false;        // it is being read
-    bool dead[2] = {false, false}; // the provider of Ethernet, of Cellular
-    unsigned refusals = 0;         // of threads, one in so many
+    ApplicationModel::Options options; // as the options file has them
+    bool wrongFile = false;            // it cannot be read
+    bool reloading = false;            // it is being read
+    bool dead[2] = {false, false};     // the provider of Ethernet, of Cellular
+    unsigned refusals = 0;             // of threads, one in so many
     bool quiet = false;
     bool over = false; // the application has ended
 };

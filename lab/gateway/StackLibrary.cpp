@@ -235,12 +235,12 @@ int StackLibrary::DrivePoke(const std::string& interface) {
         return 0;
     if (++pokeSteps < 4)
         return 0;
-    if (reaches(interface) && !random.OneIn(8)) {
+    if (reaches(interface) && (pokesAreQuick || !random.OneIn(8))) {
         poking = false;
         sim.Trace("    library: the poke over " + interface + " succeeds");
         return 1;
     }
-    if (sim.Now() < pokeEnds && !random.OneIn(10))
+    if (sim.Now() < pokeEnds && (pokesAreQuick || !random.OneIn(10)))
         return 0;
     BeginPoke();
     return -1;

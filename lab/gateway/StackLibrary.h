@@ -55,6 +55,8 @@ public:
     Broker broker = Broker::THERE;
     /// What an event may wait for the disk, at most.
     Time disk = 0;
+    /// From now on a poke succeeds as soon as its interface reaches the cloud.
+    bool pokesAreQuick = false;
     /// Another message arrives for the application.
     void Deliver(std::function<void(OrvStackSdk::IOrvStackClientHandler& handler)> message);
     /// Whether a poke over the interface that ends now succeeds.

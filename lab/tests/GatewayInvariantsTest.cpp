@@ -66,7 +66,7 @@ struct ApplicationScene {
     explicit ApplicationScene(Simulation& simulation)
         : sim(simulation), world(sim, 1), model(world, files, 1), since(sim.Now()) {
         sim.DisableStalls();
-        model.SettingsAre("cloud.example");
+        model.OptionsAre({"cloud.example"});
         world.kernel.Heal();
         world.kernel.AddLink("eth0", false);
         world.kernel.PutAddress({world.kernel.Link("eth0")->index, "192.0.2.10", 24});
@@ -480,8 +480,104 @@ TEST(AnInvariantOfTheApplication, WantsTicksAndSignsOfLifeInTime) {
     ApplicationFails(
         [](ApplicationScene& scene) { scene.GetReady(), scene.model.Jumps(SECOND), scene.model.Jumps(3 * SECOND); },
         "does not tick");
-    ApplicationFails([](ApplicationScene& scene) { scene.model.Notified("READY=1"), scene.model.Jumps(30 * SECOND); },
-                     "does not tell the service manager that it lives");
+    ApplicationFails(
+        [](ApplicationScene& scene) {
+            scene.model.Notified("READY=1");
+            scene.sim.Sleep(15 * SECOND);
+            scene.files.full = true; // for its own file
+            scene.model.Jumps(8 * SECOND);
+        },
+        "does not tell the service manager that it lives");
+}
+
+TEST(AnInvariantOfTheApplication, WantsTheTicksThatTheOptionsName) {
+    const auto ticking = [](ApplicationScene& scene, Time pause) {
+        scene.GetReady();
+        scene.model.OptionsAre({"cloud.example", 1, 30, 500});
+        scene.sim.Sleep(10 * SECOND);
+        scene.model.Ticks();
+        scene.model.AsksWhetherMoved(false, false);
+        scene.sim.Sleep(pause);
+        scene.model.Ticks();
+    };
+    RunAll<ApplicationScene>([&](ApplicationScene& scene) { ticking(scene, SECOND / 2); });
+    ApplicationFails([&](ApplicationScene& scene) { ticking(scene, SECOND / 4); }, "sooner than it was told to");
+    ApplicationFails(
+        [&](ApplicationScene& scene) {
+            ticking(scene, SECOND / 2), scene.files.full = true, scene.model.Jumps(SECOND);
+        },
+        "does not tick");
+}
+
+TEST(AnInvariantOfTheApplication, WantsAReloadSaidAndCarriedOut) {
+    using OrvStackSdk::AppStatus;
+    const auto reloading = [](ApplicationScene& scene) {
+        scene.GetReady();
+        scene.model.OptionsAre({});
+        scene.model.Reloaded();
+    };
+    RunAll<ApplicationScene>([&](ApplicationScene& scene) {
+        reloading(scene);
+        scene.model.Says(AppStatus::BOOTING);
+        scene.model.Reports(OrvEvent::PANEL_CLOUD_DISABLED);
+        scene.model.Says(AppStatus::READY);
+        scene.model.Jumps(SECOND / 10);
+    });
+    ApplicationFails(
+        [&](ApplicationScene& scene) {
+            reloading(scene), scene.model.Reports(OrvEvent::PANEL_CLOUD_DISABLED);
+            scene.model.Jumps(SECOND / 10);
+        },
+        "does not say that it is booting");
+    ApplicationFails(
+        [&](ApplicationScene& scene) {
+            reloading(scene);
+            scene.model.Says(AppStatus::BOOTING), scene.model.Says(AppStatus::READY);
+            scene.model.Jumps(SECOND / 10);
+        },
+        "does not tell the client library whether there is a cloud");
+    ApplicationFails([](ApplicationScene& scene) { scene.GetReady(), scene.model.Says(AppStatus::READY); },
+                     "and it has not changed");
+}
+
+TEST(AnInvariantOfTheApplication, WantsAStatusFileThatIsNeverOld) {
+    ApplicationFails(
+        [](ApplicationScene& scene) {
+            scene.GetReady(), scene.WriteStatus();
+            scene.model.Ticks(), scene.model.AsksWhetherMoved(false, false);
+            scene.sim.Sleep(9 * SECOND);
+            scene.model.Notified("WATCHDOG=1"), scene.model.Ticks();
+            scene.model.Jumps(2 * SECOND);
+        },
+        "does not write its status file every ten seconds");
+}
+
+TEST(AnInvariantOfTheApplication, PutsAnEthernetOnProbationThatFailsAgainAndNoOther) {
+    const auto failing = [](ApplicationScene& scene, int times) {
+        scene.world.kernel.AddLink("wwan0", false);
+        scene.world.kernel.PutAddress({scene.world.kernel.Link("wwan0")->index, "203.0.113.10", 24});
+        scene.GetReady();
+        scene.model.Reports(OrvEvent::CELLULAR_CONNECTED), scene.model.Reports(OrvEvent::CELLULAR_IP_GAINED);
+        for (int time = 0; time < times; ++time) {
+            scene.model.Ticks(), scene.model.AsksWhetherMoved(true, true);
+            scene.sim.Sleep(SECOND);
+        }
+    };
+    ApplicationFails([&](ApplicationScene& scene) { failing(scene, 2), scene.model.Jumps(SECOND / 10); },
+                     "does not put an Ethernet on probation");
+    ApplicationFails(
+        [&](ApplicationScene& scene) {
+            failing(scene, 1);
+            scene.model.Logged({"GatewayApp", "warning", "", "Ethernet is on probation: again"});
+        },
+        "that has not failed again");
+    ApplicationFails(
+        [&](ApplicationScene& scene) {
+            failing(scene, 2);
+            scene.model.Logged({"GatewayApp", "warning", "", "Ethernet is on probation: again"});
+            scene.model.Logged({"GatewayApp", "info", "", "Ethernet's probation is over: it has proved itself"});
+        },
+        "for proved before its time");
 }
 
 TEST(AnInvariantOfTheApplication, WantsAnEndInTimeThatSaysSo) {

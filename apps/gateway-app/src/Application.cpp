@@ -209,9 +209,11 @@ void Application::OnSignal() {
 }
 
 void Application::OnNetworkEvents(const WanInterfaces::Events& events) {
+    // A probation that ends with this news tells of Ethernet's address itself.
+    const bool onProbation = ethernetGuard.OnProbation();
     ethernetGuard.InterfacesAre(network.Wan());
     for (const OrvEvent event : events) {
-        if (ethernetGuard.Withholds(event))
+        if (onProbation && EthernetGuard::IsAboutAddress(event))
             Withhold(event);
         else
             Report(event);

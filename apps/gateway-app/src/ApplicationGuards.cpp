@@ -71,6 +71,11 @@ void Application::FollowCloudPath() {
     logger.Debug() << "the cloud connection is expected over " << cloudPath;
     Record("path", {});
     statusWriter.Changed();
+    // A return that ConnMan does not carry out within three seconds the library gives up, and tells of no move.
+    if (cloudPath == "Ethernet" && rhythm.IsOnCellular()) {
+        rhythm.RouteHasMoved(false, Now());
+        pokeExplainer.RouteHasMoved(false);
+    }
 }
 
 void Application::CheckDefaultRoute() {

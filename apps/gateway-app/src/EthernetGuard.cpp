@@ -97,8 +97,8 @@ void EthernetGuard::SettingsAre(const CloudSettings& cloudSettings) {
     settings = cloudSettings;
 }
 
-bool EthernetGuard::Withholds(OrvEvent event) const {
-    return probation.Active() && (event == OrvEvent::ETHERNET_IP_GAINED || event == OrvEvent::ETHERNET_IP_LOST);
+bool EthernetGuard::IsAboutAddress(OrvEvent event) {
+    return event == OrvEvent::ETHERNET_IP_GAINED || event == OrvEvent::ETHERNET_IP_LOST;
 }
 
 void EthernetGuard::OnTimer() {

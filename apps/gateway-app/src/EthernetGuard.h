@@ -41,8 +41,9 @@ public:
     void SettingsAre(const CloudSettings& cloudSettings);
     /// @}
 
-    /// The event is about Ethernet's address, which is reported as lost now whatever it is.
-    bool Withholds(OrvStackSdk::OrvEvent event) const;
+    /// Of Ethernet, of which this class tells by itself while there is a probation.
+    static bool IsAboutAddress(OrvStackSdk::OrvEvent event);
+    /// Ethernet's address is reported as lost, whatever it is.
     bool OnProbation() const { return probation.Active(); }
 
 private:

@@ -35,6 +35,8 @@ public:
     void Ticked(Time now);
     /// @}
 
+    /// The library has told of a move to Cellular, and of none back.
+    bool IsOnCellular() const { return onCellularSince.has_value(); }
     /// From now to the next tick.
     std::chrono::milliseconds Next(Time now) const;
 

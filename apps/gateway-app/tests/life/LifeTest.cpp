@@ -410,6 +410,32 @@ TEST_F(TheLogOfTheApplication, HasNoWarningOfItsOwnAfterAHealthyStart) {
     EXPECT_GT(Lines("GatewayApp").size(), 5U);
 }
 
+TEST_F(TheLifeOfTheApplication, FailsOverAsQuicklyAfterAReturnThatConnmanDidNotCarryOut) {
+    arguments = {"--cloud-host", "cloud.example"};
+    At(1s, [&] { around.cloudAnswers("192.0.2.2"); });
+    At(2s, [&] {
+        gateway.poke.Fails("eth0", 28);
+        around.cloudBreaks("timed out");
+    });
+    At(14s, [&] {
+        around.DefaultRouteBecomes("wwan0");
+        around.cloudAnswers("198.51.100.2");
+        gateway.connman.RefuseToMove(true);
+        gateway.poke.Reaches("eth0");
+    });
+    At(30s, [&] {
+        EXPECT_EQ(gateway.connman.Top(), "wwan0");
+        gateway.connman.RefuseToMove(false);
+    });
+    At(5min, [&] {
+        gateway.poke.Fails("eth0", 28);
+        around.cloudBreaks("timed out");
+    });
+    At(5min + 1s, [&] { EXPECT_EQ(gateway.connman.Top(), "eth0"); });
+    At(5min + 11s, [&] { EXPECT_EQ(gateway.connman.Top(), "wwan0"); });
+    RunUntil(5min + 12s);
+}
+
 TEST_F(TheLifeOfTheApplication, SaysAtOnceOverWhatTheLibraryTakesTheCloudToBe) {
     At(1s, [&] { around.cloudAnswers("192.0.2.2"); });
     InTheStatusFileAt(1500ms, R"("expected":"Ethernet")");

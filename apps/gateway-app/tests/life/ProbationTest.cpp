@@ -3,6 +3,9 @@
 // returns.
 #include "LifeScene.h"
 
+#include <algorithm>
+#include <cstddef>
+
 namespace GatewayApp {
 namespace {
 
@@ -47,6 +50,13 @@ protected:
 
     void RouteIs(const std::string& interface, std::chrono::milliseconds time) {
         At(time, [&, interface, time] { EXPECT_EQ(gateway.connman.Top(), interface) << time.count() << " ms"; });
+    }
+
+    /// How often the library has been told since 45 s.
+    std::ptrdiff_t Told(const std::string& event) const {
+        const Payloads lines = Lines("event " + event);
+        return std::count_if(lines.begin(), lines.end(),
+                             [](const std::string& line) { return line.find("not reported") == std::string::npos; });
     }
 
     std::size_t Ends(const std::string& reason) const {
@@ -105,6 +115,23 @@ TEST_F(AnEthernetThatFailedAgain, HasTheRouteBackAtOnceWhenCellularHasNoAddress)
     RouteIs("eth0", 47s);
     RunUntil(48s);
     EXPECT_EQ(Ends("Cellular is lost"), 1U);
+}
+
+TEST_F(AnEthernetThatFailedAgain, IsNotLostTwiceWhenBothAddressesGoTogether) {
+    At(46s, [&] { around.AddressesBecome("", ""); });
+    RunUntil(47s);
+    EXPECT_EQ(Ends("Cellular is lost"), 1U);
+    EXPECT_EQ(Told("ETHERNET_IP_LOST"), 0);
+    EXPECT_EQ(Told("ETHERNET_IP_GAINED"), 0);
+}
+
+TEST_F(AnEthernetThatFailedAgain, IsGainedOnceWhenItsAddressComesAsCellularsGoes) {
+    At(46s, [&] { around.AddressesBecome("", "198.51.100.2"); });
+    At(47s, [&] { around.AddressesBecome("192.0.2.2", ""); });
+    RunUntil(48s);
+    EXPECT_EQ(Ends("Cellular is lost"), 1U);
+    EXPECT_EQ(Told("ETHERNET_IP_LOST"), 0);
+    EXPECT_EQ(Told("ETHERNET_IP_GAINED"), 1);
 }
 
 TEST_F(AnEthernetThatFailedAgain, IsNotPokedThoughItsAddressComesAnew) {
