@@ -29,6 +29,7 @@ constexpr const char* CANNOT_CONNECT = "OrvRoute cannot connect to MQTT broker."
 
 // Keeps the cloud-connected line to one per episode, for all routes of the process.
 std::atomic<bool> cloudConnectionReported{false};
+std::mutex reportMutex; // guards the name of the path, which there is one of for all routes
 
 } // namespace
 
@@ -243,6 +244,9 @@ void OrvRoute::MirrorCellularOnDnsTopic() {
 }
 
 void OrvRoute::ReportCloudConnectedWith(const char* path) {
+    if (cloudConnectionReported)
+        return;
+    const std::lock_guard<std::mutex> lock(reportMutex);
     if (cloudConnectionReported)
         return;
     ConnInterfaceString = path;

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "RouteFixture.h"
 
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <stdexcept>
+#include <thread>
 
 namespace OrvStackSdk {
 namespace {
@@ -186,6 +188,29 @@ TEST_F(ARouteBetweenThreads, GivesEachReconnectToOneAsker) {
         Update(true, false, i % 2 == 0);
     ticks.get();
     EXPECT_EQ(first.get() + second.get(), 1);
+}
+
+// What they would do to the name at the same time, ThreadSanitizer sees.
+TEST_F(ARouteBetweenThreads, NamesThePathBesideAnotherRoute) {
+    OrvRoute second(time.Now());
+    std::atomic<int> arrived{0};
+    const auto loseOften = [&](OrvRoute& one) {
+        for (int round = 1; round <= 2000; ++round) {
+            for (const bool cloud : {false, true}) {
+                one.UpdateRoute(cloud, true, false);
+                one.Tick();
+            }
+            // Orders nothing: both find that the path is not named yet.
+            arrived.fetch_add(1, std::memory_order_relaxed);
+            while (arrived.load(std::memory_order_relaxed) < 2 * round)
+                std::this_thread::yield();
+            one.Tick();
+        }
+    };
+    auto other = std::async(std::launch::async, [&] { loseOften(second); });
+    loseOften(*route);
+    other.get();
+    EXPECT_EQ(ConnInterfaceString, "Ethernet");
 }
 
 } // namespace
