@@ -25,9 +25,10 @@ constexpr Time DEINIT_LIMIT = 1050 * MILLISECOND;
 // The route says good-bye, the session sends what it has.
 constexpr Time RELEASE_LIMIT = 1250 * MILLISECOND;
 
-OrvPlatform::GatewayConfig& Settings() {
-    static OrvPlatform::GatewayConfig settings;
-    return settings;
+// As each client of a process has a number in its broker's client id, so that they do not evict each other.
+OrvPlatform::GatewayConfig& Settings(bool ofTheNeighbour = false) {
+    static OrvPlatform::GatewayConfig settings[2];
+    return settings[ofTheNeighbour ? 1 : 0];
 }
 
 /// What the last pointer ends is the library's.
@@ -49,6 +50,8 @@ void ClientProgram::DrawNames(std::uint64_t seed) {
     Settings().interfaces.ethernet = RouteReference::ethernetName;
     Settings().interfaces.cellular = RouteReference::cellularName;
     Settings().cloud.endpoint = "cloud.example:8443/poke";
+    Settings(true) = Settings();
+    Settings(true).broker.clientIdSuffix = Neighbour::SUFFIX;
 }
 
 ClientProgram::ClientProgram(Simulation& simulation, std::uint64_t seed)
@@ -61,6 +64,9 @@ ClientProgram::ClientProgram(Simulation& simulation, std::uint64_t seed)
       random(seed * 5 + 3),
       budget(random.Between(10, 90)),
       helpersTick(random.OneIn(2)) {
+    if (random.OneIn(4))
+        neighbour = std::make_unique<Neighbour>(witness, seed * 17 + 11);
+    RouteReference::isShared = neighbour != nullptr;
     program = this;
     present = nullptr;
     LabLog::longestStall = random.OneIn(4) ? static_cast<Time>(random.Between(1, 2000)) * MILLISECOND : 0;
@@ -71,19 +77,26 @@ ClientProgram::ClientProgram(Simulation& simulation, std::uint64_t seed)
     Wire::broker = &broker;
     Wire::onPublish = nullptr;
     Wire::isAttended = [](const std::string&) { return false; };
-    Wire::onMessage = [](const std::string& /*client*/, const Packet& message) {
-        if (present != nullptr)
+    Wire::onMessage = [](const std::string& whose, const Packet& message) {
+        if (present != nullptr && whose.find(Neighbour::SUFFIX) == std::string::npos)
             present->Handed(message.topic, message.payload);
     };
     Wire::lastId = 0;
     broker.PassOn();
     witness.onEffect = [this](Call& call, const Effect& effect) {
+        if (Neighbour::IsAtWork(sim))
+            return;
         if (story == nullptr)
             sim.Fail("without a client it does: " + effect.what);
         story->Seen(call, effect);
     };
-    witness.onEnd = [this](const std::shared_ptr<Call>& call) { story->Returned(call); };
+    witness.onEnd = [this](const std::shared_ptr<Call>& call) {
+        if (!Neighbour::IsAtWork(sim))
+            story->Returned(call);
+    };
     witness.onDelivery = [this](const Effect& effect) {
+        if (Neighbour::IsAtWork(sim))
+            return;
         if (story == nullptr)
             sim.Fail("without a client it does: " + effect.what);
         story->Delivered(effect);
@@ -118,6 +131,8 @@ void ClientProgram::Run() {
     for (int number = 1; number <= helpers; ++number)
         all.push_back(&sim.Start("helper " + std::to_string(number), [this] { HelperThread(); }));
     all.push_back(&sim.Start("gateway", [this] { GatewayThread(); }));
+    if (neighbour)
+        all.push_back(&sim.Start("neighbour", [this] { neighbour->Live([this] { return threadsLeft > 0; }); }));
     for (Simulation::Thread* thread : all)
         sim.Join(*thread);
     Collect();
@@ -245,11 +260,7 @@ void ClientProgram::Create() {
 // Not while messages may arrive, whose delivery reads the name: also one that is held up before or behind all that is
 // seen of it.
 void ClientProgram::Init() {
-    const auto isHeldUp = [](const Simulation::Thread* thread) { return !thread->ended && thread->isReady == nullptr; };
-    const auto mayDeliver = [&] {
-        const auto threads = ThreadsOfTheLibrary();
-        return IsInUse() || std::any_of(threads.begin(), threads.end(), isHeldUp);
-    };
+    const auto mayDeliver = [this] { return IsInUse() || Edge::IsAThreadHeldUp(); };
     if (story->isUp)
         DeInit();
     while (mayDeliver())
@@ -259,8 +270,7 @@ void ClientProgram::Init() {
         return;
     constexpr const char* NAMES[] = {"app", "App", "shutdown_readiness", "a+b", "\xff", "eine-andere"};
     const std::string name = NAMES[random.Weighted({12, 2, 1, 1, 1, 2})];
-    for (const Simulation::Thread* thread : ThreadsOfTheLibrary())
-        Races::Acquire(thread);
+    Edge::ComesBehindTheThreads();
     isInInit = true;
     story->Connects(name);
     if (random.OneIn(3)) {
@@ -322,7 +332,7 @@ void ClientProgram::Tick() {
     const std::chrono::milliseconds elapsed(random.Between(-10, 1000));
     Watched(Call::Kind::TICK, "Tick", "", 0, 0, [&](auto& one, Call& call) {
         one.Tick(elapsed);
-        if (!helpersTick)
+        if (!helpersTick && !neighbour) // or another thread may write it
             call.path = ConnInterfaceString;
     });
 }
@@ -370,14 +380,6 @@ void ClientProgram::RequestAtRandom() {
         sim.Fail(call->name + " with " + std::to_string(value) + (isWrong ? " does not throw" : " throws"));
 }
 
-std::vector<Simulation::Thread*> ClientProgram::ThreadsOfTheLibrary() const {
-    std::vector<Simulation::Thread*> found;
-    for (int number = 1; Simulation::Thread* thread = sim.Find(number); ++number)
-        if (thread->name.rfind("thread ", 0) == 0)
-            found.push_back(thread);
-    return found;
-}
-
 bool ClientProgram::IsInUse() const {
     return calls != 0 || callbacks != 0 || (story->IsDelivering() && !story->IsCutShort());
 }
@@ -414,7 +416,8 @@ void ClientProgram::Called(const std::string& what, bool isConfirmation) {
 namespace OrvPlatform {
 
 const GatewayConfig& Config() {
-    return OrvLab::Settings();
+    const OrvLab::Unwatched unwatched;
+    return OrvLab::Settings(OrvLab::Neighbour::IsAtWork(*OrvLab::Simulation::Current()));
 }
 
 } // namespace OrvPlatform

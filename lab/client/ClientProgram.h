@@ -4,6 +4,7 @@
 #include "OrvStackSdk/IOrvStackClient.h"
 #include "OrvStackSdk/IOrvStackClientHandler.h"
 #include "broker/ScriptedBroker.h"
+#include "client/Neighbour.h"
 #include "client/SimulatedConnman.h"
 #include "client/SimulatedFiles.h"
 #include "client/SimulatedTransfers.h"
@@ -81,11 +82,11 @@ private:
                                   Time limit, Body body);
     void AwaitQuiet();
     bool IsInUse() const; // by a call or by a message
-    std::vector<Simulation::Thread*> ThreadsOfTheLibrary() const;
 
     void Collect();
     void Tour();
     void CheckRetained();
+    void CheckTogether();
     void CheckDelivery();
     void ComeAndGo();
     void CheckRoute();
@@ -98,6 +99,7 @@ private:
     SimulatedTransfers transfers;
     SimulatedFiles files;
     Random random;
+    std::unique_ptr<Neighbour> neighbour; // in some courses
 
     std::vector<std::unique_ptr<Story>> stories;
     Story* story = nullptr; // of the present client

@@ -31,6 +31,8 @@ void ClientProgram::Collect() {
         Tour();
     CheckRetained();
     CheckDelivery();
+    if (neighbour)
+        CheckTogether();
     CheckRoute();
     CheckFiles();
     const bool saysGoodBye = random.OneIn(2);
@@ -103,6 +105,18 @@ void ClientProgram::CheckDelivery() {
         sim.Fail("a message has not reached the application after a loss");
 }
 
+/// Another client comes and goes, and this one is told of each message all the same.
+void ClientProgram::CheckTogether() {
+    neighbour->Visit([this] {
+        broker.Publish(Texts::GUID, "to both", false);
+        sim.Sleep(SECOND);
+        if (!story->HasSeenAll())
+            sim.Fail("a message has not reached the application beside another one");
+    });
+    if (Edge::LivingOwnersOfOthers() != 0)
+        sim.Fail("the neighbour is not gone");
+}
+
 /// A tick sees nothing of what comes and goes before it, but for what is remembered.
 void ClientProgram::ComeAndGo() {
     const int flag = static_cast<int>(random.Below(3));
@@ -156,7 +170,7 @@ void ClientProgram::CheckFiles() {
 
 void ClientProgram::CheckEnd(bool /*saidGoodBye*/) {
     sim.Sleep(2 * SECOND);
-    if (!story->isGone || Edge::LivingOwners() != 0)
+    if (!story->isGone || Edge::LivingOwners() + Edge::LivingOwnersOfOthers() != 0)
         sim.Fail("the client is not gone");
     if (sim.ThreadsAlive() != 1)
         sim.Fail("a thread is left");

@@ -3,15 +3,18 @@
 // goes on to whoever does it.
 #include "client/Edge.h"
 
+#include "client/Neighbour.h"
 #include "client/Witness.h"
 #include "quillogger/LogWrapper.h"
 #include "sim/LabLog.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <map>
 #include <string>
+#include <vector>
 
 namespace OrvLab {
 
@@ -19,14 +22,24 @@ Time Edge::wallClockAhead = 0;
 
 namespace {
 
-std::map<const void*, std::string>& Owners() {
-    static std::map<const void*, std::string> owners;
+struct Owner {
+    std::string name;
+    bool isOthers;
+};
+
+std::map<const void*, Owner>& Owners() {
+    static std::map<const void*, Owner> owners;
     return owners;
+}
+
+std::size_t CountOwners(bool others) {
+    return static_cast<std::size_t>(std::count_if(Owners().begin(), Owners().end(),
+                                                  [&](const auto& one) { return one.second.isOthers == others; }));
 }
 
 std::string OwnerAt(const void* owner) {
     const auto found = Owners().find(owner);
-    return found != Owners().end() ? found->second : "nobody";
+    return found != Owners().end() ? found->second.name : "nobody";
 }
 
 bool IsOfTheLibrary(const std::string& logger) {
@@ -87,8 +100,37 @@ void Edge::Begin() {
     LabLog::taker = Take;
 }
 
+namespace {
+
+/// Those that the library has started.
+std::vector<Simulation::Thread*> ThreadsOfTheLibrary() {
+    Simulation& sim = *Simulation::Current();
+    std::vector<Simulation::Thread*> found;
+    for (int number = 1; Simulation::Thread* thread = sim.Find(number); ++number)
+        if (thread->name.rfind("thread ", 0) == 0 && thread->side == sim.Self().side)
+            found.push_back(thread);
+    return found;
+}
+
+} // namespace
+
+bool Edge::IsAThreadHeldUp() {
+    const auto all = ThreadsOfTheLibrary();
+    return std::any_of(all.begin(), all.end(),
+                       [](const Simulation::Thread* thread) { return !thread->ended && thread->isReady == nullptr; });
+}
+
+void Edge::ComesBehindTheThreads() {
+    for (const Simulation::Thread* thread : ThreadsOfTheLibrary())
+        Races::Acquire(thread);
+}
+
 std::size_t Edge::LivingOwners() {
-    return Owners().size();
+    return CountOwners(false);
+}
+
+std::size_t Edge::LivingOwnersOfOthers() {
+    return CountOwners(true);
 }
 
 std::string Edge::Publication(const std::string& owner, bool retained, bool assured, const std::string& topic,
@@ -100,6 +142,7 @@ std::string Edge::Publication(const std::string& owner, bool retained, bool assu
 
 using OrvLab::Asked;
 using OrvLab::Edge;
+using OrvLab::Neighbour;
 using OrvLab::OwnerAt;
 using OrvLab::Owners;
 using OrvLab::Simulation;
@@ -147,7 +190,7 @@ std::int64_t __real__ZNSt6chrono3_V212system_clock3nowEv();
 void __wrap__ZN8QUILMQTT10QueueOwnerC2ERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(void* self,
                                                                                               const std::string& id) {
     const OrvLab::Unwatched unwatched;
-    Owners()[self] = id;
+    Owners()[self] = {id, Neighbour::IsAtWork(*Simulation::Current())};
     OrvLab::Watch(
         [&] { __real__ZN8QUILMQTT10QueueOwnerC2ERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE(self, id); });
 }

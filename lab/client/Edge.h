@@ -11,8 +11,13 @@ namespace OrvLab {
 /// The edge of the client library, where the witness stands.
 struct Edge {
     static void Begin();
-    /// Broker connections that were made and not destroyed.
+    /// Broker connections that were made and not destroyed, of the client that is compared and of its neighbour.
     static std::size_t LivingOwners();
+    static std::size_t LivingOwnersOfOthers();
+    /// Whether a thread of the library, of the side for which the thread works that runs, goes on and does not wait.
+    static bool IsAThreadHeldUp();
+    /// What they have done comes before what this thread does.
+    static void ComesBehindTheThreads();
     /// What the wall clock is off.
     static Time wallClockAhead;
 

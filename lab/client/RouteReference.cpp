@@ -6,6 +6,7 @@
 namespace OrvLab {
 
 bool RouteReference::reported = false;
+bool RouteReference::isShared = false;
 std::string RouteReference::path;
 std::string RouteReference::ethernetName;
 std::string RouteReference::cellularName;
@@ -29,10 +30,15 @@ void RouteReference::Publish(Replay& replay, const char* word) {
 }
 
 void RouteReference::Report(Replay& replay, const char* where) {
+    const std::string text = std::string(" Cloud connected with ") + where + " interface";
+    if (isShared) {
+        replay.Take(Edge::Record("debug", "OrvRoute", "Tick", text));
+        return;
+    }
     if (reported)
         return;
     path = where;
-    Note(replay, std::string(" Cloud connected with ") + where + " interface");
+    Note(replay, text);
     reported = true;
 }
 
@@ -46,7 +52,7 @@ void RouteReference::Update(Replay& replay, bool cloud, bool ethernet, bool cell
 }
 
 bool RouteReference::MayBeSilent() const {
-    return (state == ETHERNET && cloudUp && reported) || (state == CELLULAR && !drives && !ethernetUp);
+    return (state == ETHERNET && cloudUp && (reported || isShared)) || (state == CELLULAR && !drives && !ethernetUp);
 }
 
 bool RouteReference::Release(Replay& replay) {

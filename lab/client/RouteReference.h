@@ -26,6 +26,8 @@ public:
     std::string inhibited; // the last word on the topic; empty for none
     /// Of the process.
     static bool reported;
+    /// Another route reports, too: what has been reported is not known.
+    static bool isShared;
     static std::string path;
 
     static std::string ethernetName;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "client/SimulatedFiles.h"
 
+#include "client/Neighbour.h"
 #include "client/Witness.h"
 #include "sim/Descriptors.h"
 #include "sim/Simulation.h"
@@ -149,6 +150,8 @@ void SimulatedFiles::Meddle() {
 
 void SimulatedFiles::BeforeCall(const char* call) {
     Simulation::Current()->Step(call);
+    if (Neighbour::IsAtWork(*Simulation::Current()))
+        Witness::Current()->FilesAreTroubled();
     if (isRestless && random.OneIn(12))
         Meddle();
 }

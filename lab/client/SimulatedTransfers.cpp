@@ -7,6 +7,7 @@
 #include <net/if.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <string>
@@ -80,17 +81,46 @@ SimulatedTransfers::SimulatedTransfers(Simulation& simulation, std::uint64_t see
 }
 
 SimulatedTransfers::~SimulatedTransfers() {
-    Forget();
-    current = nullptr;
-}
-
-void SimulatedTransfers::Forget() {
     for (Transfer* transfer : transfers)
         delete transfer;
     for (TransferStack* stack : stacks)
         delete stack;
-    transfers.clear();
-    stacks.clear();
+    current = nullptr;
+}
+
+namespace {
+
+template <typename Set>
+std::size_t CountOf(const Set& all, const void* side) {
+    return static_cast<std::size_t>(
+        std::count_if(all.begin(), all.end(), [&](const auto* one) { return one->side == side; }));
+}
+
+template <typename Set>
+void ForgetOf(Set& all, const void* side) {
+    for (auto one = all.begin(); one != all.end();) {
+        if ((*one)->side != side) {
+            ++one;
+            continue;
+        }
+        delete *one;
+        one = all.erase(one);
+    }
+}
+
+} // namespace
+
+std::size_t SimulatedTransfers::Living() const {
+    return CountOf(transfers, sim.Self().side);
+}
+
+std::size_t SimulatedTransfers::LivingStacks() const {
+    return CountOf(stacks, sim.Self().side);
+}
+
+void SimulatedTransfers::Forget() {
+    ForgetOf(transfers, sim.Self().side);
+    ForgetOf(stacks, sim.Self().side);
 }
 
 void SimulatedTransfers::Heal(bool doesReach) {
@@ -108,7 +138,7 @@ void SimulatedTransfers::DrawOutcome(Transfer& transfer) {
     const Time soon = static_cast<Time>(random.Below(random.OneIn(3) ? 20'000 : 800)) * MILLISECOND;
     transfer.endsAt = sim.Now() + soon;
     transfer.result = CURLE_OK;
-    holdError = 0;
+    transfer.holdError = 0;
     if (healed) {
         transfer.endsAt = sim.Now() + (reaches ? 300 * MILLISECOND : limit);
         transfer.result = reaches ? CURLE_OK : CURLE_OPERATION_TIMEDOUT;
@@ -124,13 +154,14 @@ void SimulatedTransfers::DrawOutcome(Transfer& transfer) {
     }
     transfer.isSilent = random.OneIn(20);
     transfer.hasForeword = random.OneIn(10);
-    holdError = random.OneIn(12) ? (random.OneIn(2) ? EPERM : ENODEV) : 0;
+    transfer.holdError = random.OneIn(12) ? (random.OneIn(2) ? EPERM : ENODEV) : 0;
 }
 
 /// As libcurl does with each new socket. A socket that could not be held to its interface must not be used, unless the
 /// interface is gone, which libcurl says itself.
 bool SimulatedTransfers::PrepareSocket(Transfer& transfer) {
     heldTo.clear();
+    holdError = transfer.holdError;
     transfer.hasPrepared = true;
     const std::string asked = transfer.texts[CURLOPT_INTERFACE].substr(3);
     const int answer = Watch([&] { return transfer.prepare(transfer.prepareArgument, A_SOCKET, CURLSOCKTYPE_IPCXN); });
@@ -175,7 +206,9 @@ CURLM* curl_multi_init() {
         Note("a poke cannot begin");
         return nullptr;
     }
-    return *library.stacks.insert(new TransferStack).first;
+    TransferStack* const made = *library.stacks.insert(new TransferStack).first;
+    made->side = library.sim.Self().side;
+    return made;
 }
 
 CURL* curl_easy_init() {
@@ -185,7 +218,9 @@ CURL* curl_easy_init() {
         Note("a poke cannot begin");
         return nullptr;
     }
-    return *library.transfers.insert(new Transfer).first;
+    Transfer* const made = *library.transfers.insert(new Transfer).first;
+    made->side = library.sim.Self().side;
+    return made;
 }
 
 CURLcode curl_easy_setopt(CURL* easy, CURLoption option, ...) {
@@ -248,8 +283,8 @@ CURLMcode curl_multi_perform(CURLM* multi, int* running) {
 
 CURLMsg* curl_multi_info_read(CURLM* multi, int* left) {
     const OrvLab::Unwatched unwatched;
-    static CURLMsg message{};
     auto& stack = Existing(multi, "curl_multi_info_read");
+    CURLMsg& message = stack.message;
     *left = 0;
     Transfer* transfer = stack.transfer;
     const int messages = transfer == nullptr ? 0 : (transfer->isSilent ? 0 : 1) + (transfer->hasForeword ? 1 : 0);

@@ -31,11 +31,15 @@ struct Transfer {
     bool hasForeword = false; // another message comes before its own
     bool hasPrepared = false;
     int told = 0; // messages
+    int holdError = 0;
+    const void* side = nullptr; // whose it is
 };
 
 struct TransferStack {
     Transfer* transfer = nullptr;
     bool hasBegun = false;
+    CURLMsg message{};
+    const void* side = nullptr;
 };
 
 /// libcurl at its edge: what becomes of a transfer follows from the seed.
@@ -50,9 +54,10 @@ public:
 
     /// From now on they succeed, if they reach the cloud at all.
     void Heal(bool reaches);
-    std::size_t Living() const { return transfers.size(); }
-    std::size_t LivingStacks() const { return stacks.size(); }
-    /// What a client that is gone has left, as it may.
+    /// Of the side for which the thread works that runs.
+    std::size_t Living() const;
+    std::size_t LivingStacks() const;
+    /// What a client of that side that is gone has left, as it may.
     void Forget();
 
     void DrawOutcome(Transfer& transfer);
@@ -63,7 +68,7 @@ public:
     std::set<Transfer*> transfers;
     std::set<TransferStack*> stacks;
     std::string heldTo; // the interface to which a socket was bound last
-    int holdError = 0;
+    int holdError = 0;  // the answer to that
 
 private:
     bool healed = false;

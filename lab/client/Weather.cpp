@@ -59,7 +59,7 @@ void ClientProgram::SendAtRandom() {
     const std::string own = Texts::FEATURES + (story != nullptr ? story->feature : std::string("app"));
     const std::string word = random.OneIn(5) ? AnyText() : WORDS[random.Below(12)];
     std::string topic;
-    switch (random.Below(9)) {
+    switch (random.Below(10)) {
     case 0:
     case 1:
     case 2:
@@ -79,6 +79,9 @@ void ClientProgram::SendAtRandom() {
         break;
     case 6:
         topic = random.OneIn(2) ? Texts::GUID : Texts::PANEL_CONNECTION;
+        break;
+    case 7:
+        topic = Texts::OF_THE_GATEWAY[random.Below(9)];
         break;
     default:
         topic = Texts::CELLULAR_TOPICS[random.Below(5)];

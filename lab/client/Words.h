@@ -45,6 +45,16 @@ constexpr const char* GREEN = "/orv/led/connected_services_green";
 constexpr const char* GUID = "/orv/panel/guid";
 constexpr const char* PANEL_CONNECTION = "/orv/panel/connection_status";
 constexpr const char* CONNECTION_STATUS = "/orv/modem/sim/conn_status";
+// On which nobody but the gateway itself should speak.
+constexpr const char* OF_THE_GATEWAY[] = {"/orv/led/connected_services_yellow",
+                                          "/orv/led/connected_services_green",
+                                          "/orv/apps_control/features/Ent/status/EntCon",
+                                          "/orv/apps_control/features/Ent/status/NoExtNet",
+                                          "/orv/network/wan/inhibit_dns",
+                                          "/orv/apps_control/features/prepare_for_shutdown",
+                                          "/orv/modem/sim/conn_status",
+                                          "/orv/panel/event/command/DoReset",
+                                          "/orv/apps_control/features/shutdown_readiness/app/init"};
 constexpr const char* PREPARE = "/orv/apps_control/features/prepare_for_shutdown";
 constexpr const char* NOT_PUBLISHED = "Failed to publish message to MQTT";
 

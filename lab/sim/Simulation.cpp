@@ -58,6 +58,7 @@ Simulation::Thread& Simulation::Start(const std::string& name, std::function<voi
     thread.number = static_cast<int>(threads.size());
     thread.name = name.empty() ? "thread " + std::to_string(thread.number) : name;
     thread.body = std::move(body);
+    thread.side = running != nullptr ? running->side : nullptr;
     thread.priority = static_cast<std::int64_t>(schedule.Below(1U << 20U)) + 1;
     thread.fiber = std::make_unique<Fiber>([this, &thread] {
         const Unwatched unwatched;

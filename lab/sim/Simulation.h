@@ -45,6 +45,7 @@ public:
         std::function<void()> body;
         bool ended = false;
         bool detached = false;
+        const void* side = nullptr; // whom it works for, as whoever has started it
 
         // While it waits.
         const char* doing = "start";
