@@ -367,6 +367,9 @@ void ApplicationModel::NoteMove(const std::string& line) {
 
 void ApplicationModel::Replaced(const std::string& path) {
     if (path == FakeFiles::STATUS) {
+        const std::string text = files.Text(path);
+        if (text.size() < 3 || text.front() != '{' || text.substr(text.size() - 2) != "}\n")
+            Fail("the status file holds a part of a state: \"" + text + "\"");
         statusWritten = true;
         statusStale = false;
         statusAt = world.sim.Now();

@@ -45,8 +45,12 @@ public:
     }
     long Send(const void* buffer, std::size_t size) override {
         if (files.full) {
-            errno = ENOSPC;
-            return -1;
+            // What there still is room for, if any.
+            if (size < 2 || Simulation::Current()->OneInSchedule(2)) {
+                errno = ENOSPC;
+                return -1;
+            }
+            size /= 2;
         }
         content->text.append(static_cast<const char*>(buffer), size);
         return static_cast<long>(size);

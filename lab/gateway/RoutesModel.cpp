@@ -80,7 +80,7 @@ std::string RoutesModel::WrongFour(const std::string& name, std::uint32_t table)
                 router = route.destination;
         }
         KernelRoute way{AF_INET, table, OWN, link->index, false, "", 0, router, own->text};
-        if (router.empty() && !foundRoutes.empty()) {
+        if (router.empty() && !foundRoutes.empty() && kernel.HasNamedRouter(link->index)) {
             way.gateway = name == "eth0" ? "192.0.2.1" : "203.0.113.1"; // there is no other
             if (foundRoutes.count(way.Text()) == 0)
                 way.gateway.clear();

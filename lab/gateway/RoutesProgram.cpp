@@ -156,6 +156,17 @@ void RoutesProgram::CheckAll(const std::string& told) {
         sim.Fail(wrong + ", and the connection manager tells of " + (told.empty() ? "nobody" : told));
 }
 
+/// It has seen that the address is gone, and knows the router no longer.
+void RoutesProgram::ForgetRouterWithoutAddress(const std::string& name) {
+    const KernelLink* const link = world.kernel.Link(name);
+    const auto isOwn = [&](const KernelAddress& own) {
+        return own.link == link->index && !own.IsSix() && own.IsGlobal();
+    };
+    const auto& all = world.kernel.Addresses();
+    if (link != nullptr && std::none_of(all.begin(), all.end(), isOwn))
+        world.kernel.ForgetRouters(link->index);
+}
+
 /// Unless it has something to try again.
 void RoutesProgram::CheckWhileItWaits() {
     const Time now = sim.Now();
@@ -168,6 +179,7 @@ void RoutesProgram::CheckWhileItWaits() {
         const std::string wrong = model.Wrong(NAMES[index], TABLES[index]);
         if (!wrong.empty())
             sim.Fail(wrong + ", and it waits");
+        ForgetRouterWithoutAddress(NAMES[index]);
     }
 }
 

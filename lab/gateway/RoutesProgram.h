@@ -43,6 +43,7 @@ private:
     void ChangeBus();
     void Collect();
     void CheckWhileItWaits();
+    void ForgetRouterWithoutAddress(const std::string& name);
     /// @param told by the connection manager for the default interface
     void CheckAll(const std::string& told);
 

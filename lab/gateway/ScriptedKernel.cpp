@@ -22,6 +22,10 @@ auto FindIn(All& all, Which which) {
     return std::find_if(all.begin(), all.end(), which);
 }
 
+bool NamesRouter(const KernelRoute& route) {
+    return route.family == AF_INET && route.table == RT_TABLE_MAIN && (!route.gateway.empty() || route.length == 32);
+}
+
 } // namespace
 
 short NetlinkSocket::Ready() const {
@@ -239,7 +243,16 @@ void ScriptedKernel::RemoveAddress(const KernelAddress& address) {
     Tell(GroupOf(gone), MessageOf(gone, true));
 }
 
+void ScriptedKernel::ForgetRouters(unsigned link) {
+    namedRouters.erase(link);
+    if (std::any_of(routes.begin(), routes.end(),
+                    [link](const KernelRoute& route) { return route.link == link && NamesRouter(route); }))
+        namedRouters.insert(link);
+}
+
 bool ScriptedKernel::PutRoute(const KernelRoute& route) {
+    if (NamesRouter(route))
+        namedRouters.insert(route.link);
     const auto known = FindIn(routes, [&](const KernelRoute& one) { return one.SamePlace(route); });
     if (known != routes.end() && !(*known == route))
         return false;

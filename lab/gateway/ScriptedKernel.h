@@ -11,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -87,7 +88,12 @@ public:
     int Requests() const { return requests; }
     bool HasSixRules() const { return sixRules; }
     bool Refuses() const { return refusals != 0; }
+    /// A route over this link in IPv4's main table has named a router, or a neighbour that may be one.
+    bool HasNamedRouter(unsigned link) const { return namedRouters.count(link) != 0; }
     /// @}
+
+    /// Only what routes name now, and later ones.
+    void ForgetRouters(unsigned link);
 
     /// From now on requests are carried out, and queues have room.
     void Heal();
@@ -118,6 +124,7 @@ private:
     std::vector<KernelRoute> routes;
     std::vector<KernelRule> rules;
     std::vector<std::weak_ptr<NetlinkSocket>> sockets;
+    std::set<unsigned> namedRouters; // links
 };
 
 } // namespace OrvLab
