@@ -105,14 +105,15 @@ struct ApplicationScene {
     /// With one thing wrong.
     void WriteStatus(const std::string& right = "", const std::string& wrong = "") {
         const bool open = model.IsConnected();
-        std::string text =
-            std::string(R"({"running":true,"session_ready":true,"cloud":{"state":")") +
-            (open ? "connected" : "disconnected") + R"(","path":")" + (open ? "ethernet" : "none") +
-            R"(","interface":")" + (open ? "eth0" : "") + R"(","family":")" + (open ? "IPv4" : "") + R"(","source":")" +
-            (open ? "192.0.2.10" : "") + R"(","host":"cloud.example","since_monotonic":)" +
-            std::to_string(static_cast<double>(since) / SECOND) + R"(,"reason":"gone",)" +
-            R"("last_failure":""},"route":{"path":"ethernet","interface":"eth0","expected":"",)" +
-            R"("ethernet_on_probation":false},"counters":{"fail_overs":0,"returns":0,"cloud_losses":0}})";
+        std::string text = std::string(R"({"running":true,"session_ready":true,"cloud":{"state":")") +
+                           (open ? "connected" : "disconnected") + R"(","path":")" + (open ? "ethernet" : "none") +
+                           R"(","interface":")" + (open ? "eth0" : "") + R"(","family":")" + (open ? "IPv4" : "") +
+                           R"(","source":")" + (open ? "192.0.2.10" : "") +
+                           R"(","host":"cloud.example","since_monotonic":)" +
+                           std::to_string(static_cast<double>(since) / SECOND) + R"(,"reason":"gone",)" +
+                           R"("last_failure":""},"route":{"path":"ethernet","interface":"eth0","expected":"",)" +
+                           R"("ethernet_on_probation":false},"counters":{"fail_overs":0,"returns":0,"cloud_losses":0}})"
+                           "\n";
         if (!right.empty())
             text.replace(text.find(right), right.size(), wrong);
         files.Put(FakeFiles::STATUS, text);
@@ -464,6 +465,7 @@ TEST(AnInvariantOfTheApplication, WantsAStatusFileThatSaysWhatIs) {
     with("192.0.2.10", "192.0.2.11", "cloud.source");
     with("since_monotonic\":1", "since_monotonic\":9", "since another time");
     with("\"cloud_losses\":0", "\"cloud_losses\":1", "counters.cloud_losses");
+    with("\"cloud_losses\":0}}\n", "", "the status file holds a part of a state");
     with("\"expected\":\"\"", "\"expected\":\"Ethernet\"", "route.expected");
     with("probation\":false", "probation\":true", "ethernet_on_probation");
     with("\"running\":true", "\"running\":false", "running");
