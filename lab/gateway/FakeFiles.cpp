@@ -83,6 +83,7 @@ public:
 
     std::deque<std::string> waiting;
     std::string folder;
+    std::uint32_t mask = 0;
 };
 
 bool FakeFiles::Has(const char* path) {
@@ -103,7 +104,7 @@ void FakeFiles::Tell(const std::string& path, std::uint32_t what) {
     const auto [folder, name] = FolderAndName(path);
     for (const auto& one : listeners) {
         const auto listener = one.lock();
-        if (!listener || listener->folder != folder)
+        if (!listener || listener->folder != folder || (listener->mask & what) == 0)
             continue;
         inotify_event event{};
         event.wd = 1;
@@ -172,12 +173,14 @@ int FakeFiles::Unlink(const std::string& path) {
     return 0;
 }
 
-int FakeFiles::Watch(int notifications, const std::string& folder) {
+int FakeFiles::Watch(int notifications, const std::string& folder, std::uint32_t what) {
     if (unwatchable) {
         errno = ENOSPC;
         return -1;
     }
-    dynamic_cast<Notifications&>(*Descriptors::Of().Find(notifications)).folder = folder;
+    auto& listener = dynamic_cast<Notifications&>(*Descriptors::Of().Find(notifications));
+    listener.folder = folder;
+    listener.mask = what;
     return 1;
 }
 
@@ -279,7 +282,7 @@ int __wrap_inotify_add_watch(int number, const char* path, std::uint32_t what) {
     const OrvLab::Unwatched unwatched;
     if (!Descriptors::IsSimulated(number))
         return __real_inotify_add_watch(number, path, what);
-    return FakeFiles::Present()->Watch(number, path);
+    return FakeFiles::Present()->Watch(number, path, what);
 }
 
 int __wrap_inotify_rm_watch(int number, int watched) {

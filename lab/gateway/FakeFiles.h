@@ -48,7 +48,7 @@ public:
     int Open(const std::string& path, int flags);
     int Rename(const std::string& from, const std::string& to);
     int Unlink(const std::string& path);
-    int Watch(int notifications, const std::string& folder);
+    int Watch(int notifications, const std::string& folder, std::uint32_t what);
     /// @}
 
     bool full = false;
