@@ -348,7 +348,7 @@ TEST(AnInvariantOfTheApplication, LetsOneLiveThatIsInOrder) {
         scene.model.Jumps(SECOND / 10);
         scene.socket->Break(ECONNRESET);
         scene.Lose("warning");
-        scene.files.Put(FakeFiles::STATUS, "");
+        scene.files.Put(FakeFiles::STATUS, "{}\n");
         scene.files.full = true;
         scene.model.Jumps(SECOND / 10);
         scene.GetConnected();
