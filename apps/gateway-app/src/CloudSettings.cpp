@@ -60,10 +60,11 @@ std::string ReadPassword(const CloudSettings& settings) {
     errno = 0;
     std::ifstream file(settings.passwordFile);
     std::string password;
-    if (!file)
+    const bool isRead = !std::getline(file, password).fail() && !password.empty();
+    if (!file.is_open() || file.bad())
         throw std::runtime_error(start + std::generic_category().message(errno) +
                                  "; name a file that the application's user may read (cloud-password-file)");
-    if (!std::getline(file, password) || password.empty())
+    if (!isRead)
         throw std::runtime_error(start + "its first line is empty; write the password there");
     if (password.back() == '\r')
         password.pop_back();

@@ -51,14 +51,19 @@ void InstanceLock::Take(const std::string& path) {
         return;
     }
     if (flock(file->Number(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK) {
+            missing = "cannot take the lock " + path + ": " + std::generic_category().message(errno);
+            return;
+        }
         const std::string holder = FirstLine(file->Number());
         throw AnotherInstance("another gateway-app runs on this gateway already" +
                               (holder.empty() ? std::string() : ", process " + holder) + " (it has the lock " + path +
                               "), and " + WHY + ". Stop that one first: systemctl stop gateway-app");
     }
     const std::string self = std::to_string(getpid()) + "\n";
-    if (ftruncate(file->Number(), 0) == 0)
-        static_cast<void>(!pwrite(file->Number(), self.data(), self.size(), 0));
+    // Its first line is right even where what stood there before cannot be removed.
+    static_cast<void>(!ftruncate(file->Number(), 0));
+    static_cast<void>(!pwrite(file->Number(), self.data(), self.size(), 0));
 }
 
 } // namespace GatewayApp

@@ -24,7 +24,8 @@ public:
     explicit InstanceLock(const std::string& path);
 
     /// Why there is no lock although one was wanted; empty when there is one. A folder that cannot be made is none of
-    /// the application's business: it may be run by hand, by somebody without rights in /run.
+    /// the application's business: it may be run by hand, by somebody without rights in /run. Nor is it a second
+    /// application when the kernel has no lock to give.
     const std::string& Missing() const { return missing; }
 
 private:

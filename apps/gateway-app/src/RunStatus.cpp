@@ -102,7 +102,15 @@ std::string ProcessStart() {
     std::string word;
     for (int field = 3; field <= 22 && words >> word;)
         ++field;
-    return words ? word : "null";
+    return words ? word : std::string();
+}
+
+/// It never changes; what could not be read is read again.
+std::string KnownProcessStart() {
+    static std::string known;
+    if (known.empty())
+        known = ProcessStart();
+    return known.empty() ? "null" : known;
 }
 
 } // namespace
@@ -120,7 +128,6 @@ void GrowingCount::Observe(std::uint64_t present) {
 }
 
 std::string RunStatus::Json(const Moment& written) const {
-    static const std::string processStart = ProcessStart();
     const std::string cloud = Object()
                                   .Text("state", cloudState)
                                   .Text("path", cloudPath)
@@ -149,7 +156,7 @@ std::string RunStatus::Json(const Moment& written) const {
                .Text("program", "gateway-app")
                .Text("name", name)
                .Count("pid", getpid())
-               .Raw("process_start", processStart)
+               .Raw("process_start", KnownProcessStart())
                .Bool("running", running)
                .At("started", started)
                .At("written", written)

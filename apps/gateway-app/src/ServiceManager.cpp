@@ -28,8 +28,7 @@ std::int64_t Number(const std::string& text, std::int64_t otherwise) {
 
 } // namespace
 
-ServiceManager::ServiceManager()
-    : path(Environment("NOTIFY_SOCKET")), socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
+ServiceManager::ServiceManager() : path(Environment("NOTIFY_SOCKET")) {
     const bool forUs = Number(Environment("WATCHDOG_PID"), getpid()) == getpid();
     const std::chrono::microseconds allowed(Number(Environment("WATCHDOG_USEC"), 0));
     if (forUs && !path.empty())
@@ -45,7 +44,9 @@ void ServiceManager::Notify(const std::string& message) {
     if (path.front() == '@')
         address.sun_path[0] = '\0'; // a name outside the file system
     const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
-    sendto(socket.Number(), message.data(), message.size(), MSG_NOSIGNAL,
+    if (!socket || socket->Number() < 0)
+        socket = std::make_unique<Descriptor>(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    sendto(socket->Number(), message.data(), message.size(), MSG_NOSIGNAL,
            static_cast<const sockaddr*>(static_cast<const void*>(&address)), size);
 }
 

@@ -4,6 +4,7 @@
 #include "EventLoop.h"
 
 #include <chrono>
+#include <memory>
 #include <string>
 
 namespace GatewayApp {
@@ -23,7 +24,7 @@ public:
 
 private:
     std::string path;
-    Descriptor socket;
+    std::unique_ptr<Descriptor> socket; // made with the first word, or with a later one where there was none to be had
     std::chrono::milliseconds watchdogPeriod{0};
 };
 

@@ -69,6 +69,14 @@ TEST_F(APasswordFile, ThatIsEmptyIsNamed) {
                            "': its first line is empty; write the password there");
 }
 
+TEST_F(APasswordFile, ThatCannotBeReadIsNotCalledEmpty) {
+    settings.passwordFile = "/proc";
+    EXPECT_EQ(Error(),
+              "cannot use the password file '/proc': Is a directory; name a file that the application's user may "
+              "read (cloud-password-file)");
+    settings.passwordFile = testing::TempDir() + "gateway-app-no-password";
+}
+
 TEST_F(APasswordFile, ThatEverybodyMayReadIsWarnedAbout) {
     Write("secret", 0640);
     EXPECT_TRUE(CredentialWarnings(settings).empty());

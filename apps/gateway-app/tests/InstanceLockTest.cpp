@@ -2,13 +2,34 @@
 #include "InstanceLock.h"
 
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+
+namespace {
+
+int lockError = 0;
+int truncateError = 0;
+
+} // namespace
+
+// In the place of the C library's: a kernel that has no lock to give, a disk that fails.
+extern "C" int flock(int file, int operation) noexcept {
+    errno = lockError;
+    return lockError != 0 ? -1 : static_cast<int>(syscall(SYS_flock, file, operation));
+}
+
+extern "C" int ftruncate(int file, off_t size) noexcept {
+    errno = truncateError;
+    return truncateError != 0 ? -1 : truncate(("/proc/self/fd/" + std::to_string(file)).c_str(), size);
+}
 
 namespace GatewayApp {
 namespace {
@@ -98,6 +119,23 @@ TEST_F(TheLock, IsNotLaidToAnotherUserWhereSomethingElseHasItsName) {
     EXPECT_NE(error.find("cannot open the lock " + path + " (Is a directory): a second"), std::string::npos) << error;
     EXPECT_NE(error.find("Remove what is there, or name another lock with --lock"), std::string::npos) << error;
     EXPECT_EQ(error.find("another user"), std::string::npos) << error;
+}
+
+TEST_F(TheLock, IsMissingAndNotAnothersWhereTheKernelHasNone) {
+    lockError = ENOLCK;
+    const InstanceLock lock(path);
+    lockError = 0;
+    EXPECT_EQ(lock.Missing(), "cannot take the lock " + path + ": No locks available");
+    EXPECT_EQ(ErrorOfASecond(), "no error");
+}
+
+TEST_F(TheLock, NamesItsHolderWhereTheFormerOneCannotBeRemoved) {
+    std::filesystem::create_directory(folder + "/run");
+    std::ofstream(path) << "4194304\nand more\n";
+    truncateError = EIO;
+    const InstanceLock first(path);
+    truncateError = 0;
+    EXPECT_NE(ErrorOfASecond().find(", process " + std::to_string(getpid()) + " "), std::string::npos);
 }
 
 TEST_F(TheLock, IsNotWantedWithoutAName) {

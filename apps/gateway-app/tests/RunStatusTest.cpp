@@ -4,6 +4,7 @@
 #include "ChildProcess.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -40,6 +41,19 @@ TEST_F(AStatusToTell, HasAVersionAProcessAndBothClocks) {
     EXPECT_TRUE(Has("\"written\":\"2026-01-02T03:04:06.000Z\",\"written_monotonic\":13.500"));
     EXPECT_TRUE(
         Has("\"since\":\"2026-01-02T03:04:05.000Z\",\"since_monotonic\":12.500,\"reason\":\"connected over wwan0\""));
+}
+
+TEST_F(AStatusToTell, HasItsProcessLaterWhereItCouldNotBeSeenAtFirst) {
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    rlimit none = before;
+    none.rlim_cur = 0;
+    setrlimit(RLIMIT_NOFILE, &none);
+    const std::string first = RunStatus().Json(Moment::Now());
+    setrlimit(RLIMIT_NOFILE, &before);
+    if (first.find("\"process_start\":null") == std::string::npos)
+        GTEST_SKIP() << "it is known already";
+    EXPECT_EQ(RunStatus().Json(Moment::Now()).find("\"process_start\":null"), std::string::npos);
 }
 
 TEST_F(AStatusToTell, SaysWhatItDoesNotKnow) {

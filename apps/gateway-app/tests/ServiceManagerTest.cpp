@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ServiceManager.h"
 
+#include "NoMoreDescriptors.h"
+
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -8,6 +10,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 namespace GatewayApp {
 namespace {
@@ -45,6 +48,16 @@ TEST_F(AServiceManager, IsNotified) {
     ASSERT_TRUE(bound);
     ServiceManager().Notify("READY=1");
     EXPECT_EQ(Received(), "READY=1");
+}
+
+TEST_F(AServiceManager, HearsOfAnApplicationThatHadNoSocketAtFirst) {
+    auto none = std::make_unique<OrvTest::NoMoreDescriptors>();
+    ServiceManager manager;
+    manager.Notify("READY=1");
+    none.reset();
+    EXPECT_EQ(Received(), "nothing");
+    manager.Notify("WATCHDOG=1");
+    EXPECT_EQ(Received(), "WATCHDOG=1");
 }
 
 TEST_F(AServiceManager, IsPingedTwiceInItsWatchdogTime) {
