@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "torture/Attempt.h"
 
-#include "torture/OpenDescriptors.h"
-
 #include <fcntl.h>
 #include <sanitizer/common_interface_defs.h>
 #include <sched.h>
@@ -50,7 +48,7 @@ std::string Point::Text() const {
            (later ? " later" : " once");
 }
 
-long RunPoint(const Point& point, std::atomic<long>* counts, std::atomic<long>* descriptors) {
+long RunPoint(const Point& point, std::atomic<long>* counts, Holdings* left) {
     HaveVarTmpAlone();
     OpenDescriptors::AreNotOurs();
     Gateway gateway(point.program->equipment);
@@ -68,10 +66,14 @@ long RunPoint(const Point& point, std::atomic<long>* counts, std::atomic<long>* 
     program.reset();
     if (TransfersLeft() > 2) // a route each, of which a program has two at most
         Fail("transfers that nobody has released: " + std::to_string(TransfersLeft()));
-    if (descriptors != nullptr)
-        *descriptors = OpenDescriptors::Fewest();
-    if (point.most >= 0 && TransfersLeft() == 0)
-        Demand("no descriptor is left", [&] { return OpenDescriptors::Count() <= point.most; });
+    if (left != nullptr)
+        *left = OpenDescriptors::Fewest();
+    if (point.most.descriptors >= 0 && TransfersLeft() == 0) {
+        Demand("no descriptor is left", [&] { return OpenDescriptors::Count() <= point.most.descriptors; });
+        Demand("no thread is left", [&] { return OpenDescriptors::Held().threads <= point.most.threads; });
+        Demand("nothing is watched any more",
+               [&] { return OpenDescriptors::Held().registrations <= point.most.registrations; });
+    }
     return Failures::Failed();
 }
 
@@ -93,7 +95,7 @@ Attempt::Attempt(const Point& which) : point(which), told(new (SharedMemory(size
     dup2(file, STDOUT_FILENO);
     Failures::NotePlace(&told->place);
     Failures::NoteFailed(&told->failed);
-    RunPoint(point, told->counts, point.number == 0 ? &told->descriptors : nullptr);
+    RunPoint(point, told->counts, point.number == 0 ? &told->left : nullptr);
     std::exit(0);
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "torture/Failures.h"
+#include "torture/OpenDescriptors.h"
 #include "torture/Programs.h"
 
 #include <sys/types.h>
@@ -16,9 +17,9 @@ namespace OrvLab {
 struct Point {
     const ProgramKind* program;
     Call call;
-    long number;    ///< counted from 1; 0: nothing fails
-    bool later;     ///< all that follow fail, too
-    long most = -1; ///< descriptors that may be open at the end; negative: any number
+    long number;               ///< counted from 1; 0: nothing fails
+    bool later;                ///< all that follow fail, too
+    Holdings most{-1, -1, -1}; ///< what may be there at the end; negative: any number
 
     std::string Text() const;
 };
@@ -40,8 +41,8 @@ public:
     bool IsDoubtful() const { return doubtful; }
     bool HasFailed() const { return told->failed != 0; }
     long Count(std::size_t call) const { return told->counts[call]; }
-    /// How many were open at the end.
-    long Descriptors() const { return told->descriptors; }
+    /// What was there at the end.
+    Holdings Left() const { return told->left; }
     /// What the process has written, and where the call has failed.
     void PrintCourse() const;
 
@@ -52,7 +53,7 @@ private:
     struct Told {
         std::atomic<long> counts[CALLS];
         std::atomic<long> failed;
-        std::atomic<long> descriptors;
+        Holdings left;
         Place place;
     };
 
@@ -66,7 +67,7 @@ private:
 
 /// In this process: the program with what fails at that point.
 /// @param counts how often each call was made; null for nobody who wants to know
-/// @param descriptors how many are open at the end, likewise
-long RunPoint(const Point& point, std::atomic<long>* counts = nullptr, std::atomic<long>* descriptors = nullptr);
+/// @param left what is there at the end, likewise
+long RunPoint(const Point& point, std::atomic<long>* counts = nullptr, Holdings* left = nullptr);
 
 } // namespace OrvLab

@@ -7,10 +7,16 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <link.h>
+#include <netdb.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/file.h>
+#include <sys/inotify.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/timerfd.h>
 #include <sys/uio.h>
 #include <unistd.h>
 #include <unwind.h>
@@ -104,6 +110,12 @@ Function* Next(Function*, const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
+/// Of events, which can always be read and written.
+bool IsOfEvents(int file) {
+    struct stat status {};
+    return counted && fstat(file, &status) == 0 && (status.st_mode & S_IFMT) == 0;
+}
+
 struct Start {
     void* (*routine)(void*);
     void* argument;
@@ -112,8 +124,9 @@ struct Start {
 } // namespace
 
 const char* NameOf(Call call) {
-    static const char* const names[] = {"new",  "malloc",  "socket", "connect", "send",   "receive",
-                                        "poll", "eventfd", "open",   "write",   "unlink", "thread"};
+    static const char* const names[] = {"new",   "malloc",  "socket",  "connect", "send",   "receive",
+                                        "poll",  "eventfd", "open",    "write",   "unlink", "thread",
+                                        "epoll", "timer",   "inotify", "lock",    "names"};
     return names[static_cast<std::size_t>(call)];
 }
 
@@ -241,7 +254,7 @@ ORV_REPLACES ssize_t recvmsg(int socket, msghdr* message, int flags) {
 
 ORV_REPLACES ssize_t read(int file, void* bytes, std::size_t size) {
     ORV_REAL(read);
-    return Fails(Call::RECEIVE, EIO) ? -1 : real(file, bytes, size);
+    return !OrvLab::IsOfEvents(file) && Fails(Call::RECEIVE, EIO) ? -1 : real(file, bytes, size);
 }
 
 // In short pieces: time that is skipped is over for whoever waits, too.
@@ -307,7 +320,7 @@ ORV_REPLACES DIR* opendir(const char* path) {
 
 ORV_REPLACES ssize_t write(int file, const void* bytes, std::size_t size) {
     ORV_REAL(write);
-    return Fails(Call::WRITE, ENOSPC) ? -1 : real(file, bytes, size);
+    return !OrvLab::IsOfEvents(file) && Fails(Call::WRITE, ENOSPC) ? -1 : real(file, bytes, size);
 }
 
 ORV_REPLACES ssize_t writev(int file, const iovec* pieces, int count) {
@@ -323,6 +336,56 @@ ORV_REPLACES int fdatasync(int file) {
 ORV_REPLACES int rename(const char* from, const char* to) {
     ORV_REAL(rename);
     return Fails(Call::WRITE, EROFS) ? -1 : real(from, to);
+}
+
+ORV_REPLACES ssize_t pwrite(int file, const void* bytes, std::size_t size, off_t place) {
+    ORV_REAL(pwrite);
+    return Fails(Call::WRITE, EIO) ? -1 : real(file, bytes, size, place);
+}
+
+ORV_REPLACES int ftruncate(int file, off_t size) noexcept {
+    ORV_REAL(ftruncate);
+    return Fails(Call::WRITE, EIO) ? -1 : real(file, size);
+}
+
+ORV_REPLACES int mkdir(const char* path, mode_t mode) noexcept {
+    ORV_REAL(mkdir);
+    return Fails(Call::WRITE, ENOSPC) ? -1 : real(path, mode);
+}
+
+ORV_REPLACES int flock(int file, int operation) noexcept {
+    ORV_REAL(flock);
+    return Fails(Call::LOCK, ENOLCK) ? -1 : real(file, operation);
+}
+
+ORV_REPLACES int epoll_create1(int flags) noexcept {
+    ORV_REAL(epoll_create1);
+    return Fails(Call::EPOLL, EMFILE) ? -1 : real(flags);
+}
+
+ORV_REPLACES int epoll_ctl(int epoll, int operation, int file, epoll_event* event) noexcept {
+    ORV_REAL(epoll_ctl);
+    return operation == EPOLL_CTL_ADD && Fails(Call::EPOLL, ENOSPC) ? -1 : real(epoll, operation, file, event);
+}
+
+ORV_REPLACES int timerfd_create(int clock, int flags) noexcept {
+    ORV_REAL(timerfd_create);
+    return Fails(Call::TIMER, EMFILE) ? -1 : real(clock, flags);
+}
+
+ORV_REPLACES int inotify_init1(int flags) noexcept {
+    ORV_REAL(inotify_init1);
+    return Fails(Call::INOTIFY, EMFILE) ? -1 : real(flags);
+}
+
+ORV_REPLACES int inotify_add_watch(int inotify, const char* path, std::uint32_t events) noexcept {
+    ORV_REAL(inotify_add_watch);
+    return Fails(Call::INOTIFY, ENOSPC) ? -1 : real(inotify, path, events);
+}
+
+ORV_REPLACES int getaddrinfo(const char* host, const char* service, const addrinfo* hints, addrinfo** found) {
+    ORV_REAL(getaddrinfo);
+    return Fails(Call::NAMES, ENOMEM) ? EAI_MEMORY : real(host, service, hints, found);
 }
 
 ORV_REPLACES int unlink(const char* path) {

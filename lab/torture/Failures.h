@@ -9,8 +9,26 @@ namespace OrvLab {
 
 /// Calls of the system that can be made to fail, each with its siblings. What C++ takes with new and what C libraries
 /// take count apart.
-enum class Call { NEW, MALLOC, SOCKET, CONNECT, SEND, RECEIVE, POLL, EVENTFD, OPEN, WRITE, UNLINK, THREAD };
-constexpr std::size_t CALLS = 12;
+enum class Call {
+    NEW,
+    MALLOC,
+    SOCKET,
+    CONNECT,
+    SEND,
+    RECEIVE,
+    POLL,
+    EVENTFD,
+    OPEN,
+    WRITE,
+    UNLINK,
+    THREAD,
+    EPOLL,
+    TIMER,
+    INOTIFY,
+    LOCK,
+    NAMES
+};
+constexpr std::size_t CALLS = 17;
 const char* NameOf(Call call);
 
 struct Place {

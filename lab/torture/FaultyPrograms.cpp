@@ -3,13 +3,19 @@
 #include "torture/Failures.h"
 #include "torture/Programs.h"
 
+#include <fcntl.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <memory>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 namespace OrvLab {
 
@@ -102,6 +108,51 @@ std::atomic<bool>* Hurried::wasInVain = [] {
     return new (shared) std::atomic<bool>[2 * TAKES] {};
 }();
 
+/// It keeps something each time, and still has it in the end.
+class Hoarding final : public Faulty {
+    void Tortured() override { failed = TakesADescriptor(); }
+    void DemandAll() override {
+        DemandNoGrowth([this] {
+            if (failed)
+                kept.push_back(std::make_unique<char[]>(100));
+        });
+    }
+    std::vector<std::unique_ptr<char[]>> kept;
+};
+
+/// A thread is left, which nobody waits for.
+class Threading final : public Faulty {
+    void Tortured() override {
+        if (TakesADescriptor())
+            std::thread([] { std::this_thread::sleep_for(std::chrono::hours(1)); }).detach();
+    }
+};
+
+/// What is watched is not forgotten.
+class Registering final : public Faulty {
+    void Before() override {
+        epoll = epoll_create1(EPOLL_CLOEXEC);
+        watched = eventfd(0, EFD_CLOEXEC);
+    }
+    void Tortured() override {
+        epoll_event event{};
+        if (TakesADescriptor())
+            epoll_ctl(epoll, EPOLL_CTL_ADD, watched, &event);
+    }
+    int epoll = -1;
+    int watched = -1;
+};
+
+/// Says what is not so when a lock cannot be had.
+class Claiming final : public Faulty {
+    void Tortured() override {
+        const int file = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+        if (flock(file, LOCK_SH | LOCK_NB) != 0)
+            Fail("somebody else has the lock");
+        close(file);
+    }
+};
+
 class Hopeless final : public Faulty {
     void Tortured() override { Fail("does not work at all"); }
 };
@@ -115,9 +166,12 @@ std::unique_ptr<Program> Make(Gateway&) {
 
 const std::vector<ProgramKind>& FaultyPrograms() {
     static const std::vector<ProgramKind> all{
-        {"leaking", {}, Make<Leaking>},       {"crashing", {}, Make<Crashing>}, {"throwing", {}, Make<Throwing>},
-        {"forgetting", {}, Make<Forgetting>}, {"ending", {}, Make<Ending>},     {"hopeless", {}, Make<Hopeless>},
-        {"hurried", {}, Make<Hurried>},
+        {"leaking", {}, Make<Leaking>},         {"crashing", {}, Make<Crashing>},
+        {"throwing", {}, Make<Throwing>},       {"forgetting", {}, Make<Forgetting>},
+        {"ending", {}, Make<Ending>},           {"hopeless", {}, Make<Hopeless>},
+        {"hurried", {}, Make<Hurried>},         {"hoarding", {}, Make<Hoarding>},
+        {"threading", {}, Make<Threading>},     {"registering", {}, Make<Registering>},
+        {"claiming", {}, Make<Claiming>, true},
     };
     return all;
 }

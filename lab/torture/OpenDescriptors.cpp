@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <limits>
 #include <set>
 #include <string>
@@ -45,11 +46,29 @@ long OpenDescriptors::Count() {
     return static_cast<long>(Open().size());
 }
 
-long OpenDescriptors::Fewest() {
+Holdings OpenDescriptors::Held() {
+    const Tortured notThis(false);
+    Holdings held;
+    for (const int descriptor : Open()) {
+        ++held.descriptors;
+        std::ifstream watched("/proc/self/fdinfo/" + std::to_string(descriptor));
+        for (std::string line; std::getline(watched, line);)
+            held.registrations += line.rfind("tfd:", 0) == 0 || line.rfind("inotify ", 0) == 0 ? 1 : 0;
+    }
+    for ([[maybe_unused]] const auto& thread : std::filesystem::directory_iterator("/proc/self/task"))
+        ++held.threads;
+    return held;
+}
+
+Holdings OpenDescriptors::Fewest() {
     constexpr std::chrono::milliseconds A_WHILE{100};
-    long fewest = std::numeric_limits<long>::max();
+    constexpr long MANY = std::numeric_limits<long>::max();
+    Holdings fewest{MANY, MANY, MANY};
     Within(A_WHILE, [&] {
-        fewest = std::min(fewest, Count());
+        const Holdings held = Held();
+        fewest.descriptors = std::min(fewest.descriptors, held.descriptors);
+        fewest.threads = std::min(fewest.threads, held.threads);
+        fewest.registrations = std::min(fewest.registrations, held.registrations);
         return false;
     });
     return fewest;

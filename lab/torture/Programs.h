@@ -29,6 +29,8 @@ struct ProgramKind {
     const char* name;
     Equipment equipment;
     std::unique_ptr<Program> (*make)(Gateway& gateway);
+    /// That never fails there: others try it, or an application without any ends and is started anew.
+    bool hasMemory = false;
 };
 const std::vector<ProgramKind>& AllPrograms();
 /// Those with which the torture itself is tested.
@@ -36,6 +38,10 @@ const std::vector<ProgramKind>& FaultyPrograms();
 
 /// The call may be refused for want of memory, but for nothing else; CreateClient for want of a broker, too.
 void Try(const char* name, const std::function<void()>& call);
+
+/// Nothing fails any more: whoever repeats this has in the end no more memory, descriptors, threads and registrations
+/// than before.
+void DemandNoGrowth(const std::function<void()>& life);
 
 /// Before anything fails: settings that cannot be read are reported, and the defaults are in force for good.
 void HaveSettings();
@@ -53,6 +59,15 @@ std::unique_ptr<Program> LookForTheCloud(Gateway& gateway);
 std::unique_ptr<Program> FailOver(Gateway& gateway);
 std::unique_ptr<Program> Leave(Gateway& gateway);
 std::unique_ptr<Program> LiveInC(Gateway& gateway);
+std::unique_ptr<Program> LiveAgain(Gateway& gateway);
+std::unique_ptr<Program> LockTheGateway(Gateway& gateway);
+std::unique_ptr<Program> WatchTheCsv(Gateway& gateway);
+std::unique_ptr<Program> WriteTheStatus(Gateway& gateway);
+std::unique_ptr<Program> CallTheCloud(Gateway& gateway);
+std::unique_ptr<Program> ProveAWay(Gateway& gateway);
+std::unique_ptr<Program> NotifyTheManager(Gateway& gateway);
+std::unique_ptr<Program> AskTheKernel(Gateway& gateway);
+std::unique_ptr<Program> KeepRoutes(Gateway& gateway);
 /// @}
 
 } // namespace OrvLab

@@ -46,7 +46,7 @@ public:
 
 private:
     void Add(const ProgramKind& program);
-    void AddPoints(const ProgramKind& program, Call call, long count, long descriptors);
+    void AddPoints(const ProgramKind& program, Call call, long count, const Holdings& left);
     void TryPoints();
     bool IsOver() const;
     bool Begins() const;
@@ -89,17 +89,19 @@ void Torture::Add(const ProgramKind& program) {
     std::cout << program.name << ":";
     for (std::size_t index = 0; index < CALLS; ++index) {
         std::cout << " " << NameOf(static_cast<Call>(index)) << " " << plain.Count(index);
-        AddPoints(program, static_cast<Call>(index), plain.Count(index), plain.Descriptors());
+        AddPoints(program, static_cast<Call>(index), plain.Count(index), plain.Left());
     }
     std::cout << std::endl;
 }
 
-void Torture::AddPoints(const ProgramKind& program, Call call, long count, long descriptors) {
+void Torture::AddPoints(const ProgramKind& program, Call call, long count, const Holdings& left) {
+    if (program.hasMemory && (call == Call::NEW || call == Call::MALLOC))
+        return;
     all[static_cast<std::size_t>(call)] += 2 * count;
     for (const bool later : {false, true}) {
         std::vector<Ranked> points;
         for (long number = 1; number <= count; ++number)
-            points.push_back({0, random.Next(), {&program, call, number, later, descriptors}});
+            points.push_back({0, random.Next(), {&program, call, number, later, left}});
         std::sort(points.begin(), points.end(), [](const Ranked& a, const Ranked& b) { return a.draw < b.draw; });
         for (Ranked& point : points) {
             point.rank = &point - points.data();
@@ -214,7 +216,7 @@ int RunOne(const std::string& name, const std::string& call, long number, bool l
             if (name == program.name && call == NameOf(static_cast<Call>(index))) {
                 Attempt plain({&program, Call::NEW, 0, false});
                 plain.Wait();
-                Attempt one({&program, static_cast<Call>(index), number, later, plain.Descriptors()});
+                Attempt one({&program, static_cast<Call>(index), number, later, plain.Left()});
                 one.Wait();
                 one.PrintCourse();
                 std::cout << one.point.Text() << ": " << (one.Verdict().empty() ? "nothing found" : one.Verdict())
