@@ -68,7 +68,7 @@ int Open(mosquitto* client) {
     client->isDisconnecting = client->stands = false;
     client->pinged = 0;
     client->lastIn = client->lastOut = Now();
-    client->connection = Wire::broker->Accept();
+    client->connection = Wire::broker->Accept(client->id);
     if (!client->connection) {
         errno = ECONNREFUSED;
         return MOSQ_ERR_ERRNO;

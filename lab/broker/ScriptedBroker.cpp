@@ -183,8 +183,9 @@ void ScriptedBroker::DeliverRetained(Connection& connection, const std::string& 
     }
 }
 
-std::shared_ptr<Connection> ScriptedBroker::Accept() {
+std::shared_ptr<Connection> ScriptedBroker::Accept(const std::string& client) {
     ++attempts;
+    attemptsOf[client].push_back(sim.Now());
     if (behaviour == Behaviour::DOWN)
         return nullptr;
     auto connection = std::make_shared<Connection>();
@@ -352,6 +353,7 @@ void ScriptedBroker::SpeakLastWill(Connection& connection) {
     const Will& will = connection.will;
     if (will.topic.empty())
         return;
+    ++wills[connection.client];
     Packet message = Plain(Packet::Type::PUBLISH);
     message.topic = will.topic;
     message.payload = will.message;

@@ -129,9 +129,13 @@ public:
     /// @}
 
     /// A new connection; null when it is refused by the system.
-    std::shared_ptr<Connection> Accept();
+    std::shared_ptr<Connection> Accept(const std::string& client);
     /// How often that has been tried.
     int Attempts() const { return attempts; }
+    /// When a client has tried it.
+    const std::vector<Time>& AttemptsOf(const std::string& client) { return attemptsOf[client]; }
+    /// How often it has spoken a client's last will.
+    int WillsOf(const std::string& client) { return wills[client]; }
 
     const std::vector<std::shared_ptr<Connection>>& Connections() const { return connections; }
     /// The latest one of this client that was accepted and is open; null for none.
@@ -163,6 +167,8 @@ private:
     bool passesOn = false;
     int accepted = 0;
     int attempts = 0;
+    std::map<std::string, std::vector<Time>> attemptsOf;
+    std::map<std::string, int> wills;
     std::map<std::string, std::string> retained;
     std::set<std::string> received;
 };

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <limits>
 #include <stdexcept>
 #include <utility>
 
@@ -219,7 +220,7 @@ void ClientProgram::ActAtRandom(bool inCallback) {
         RequestAtRandom();
         break;
     case 5:
-        Report(static_cast<int>(random.Below(random.OneIn(9) ? 14 : 12)));
+        Report(AnyNumber(random.OneIn(9) ? 13 : 12));
         break;
     case 6:
         Tick();
@@ -268,8 +269,17 @@ void ClientProgram::Init() {
     sim.Sleep(static_cast<Time>(random.Below(100)) * MILLISECOND);
     if (!client || isReleasing || story->isUp || mayDeliver())
         return;
-    constexpr const char* NAMES[] = {"app", "App", "shutdown_readiness", "a+b", "\xff", "eine-andere"};
-    const std::string name = NAMES[random.Weighted({12, 2, 1, 1, 1, 2})];
+    const std::string NAMES[] = {"app",
+                                 "App",
+                                 "shutdown_readiness",
+                                 "a+b",
+                                 "\xff",
+                                 "eine-andere",
+                                 "",
+                                 "a/b",
+                                 std::string("a\0b", 3),
+                                 std::string(70'000, 'n')};
+    const std::string name = NAMES[random.Weighted({24, 4, 2, 2, 2, 4, 1, 1, 1, 1})];
     Edge::ComesBehindTheThreads();
     isInInit = true;
     story->Connects(name);
@@ -292,7 +302,10 @@ void ClientProgram::Init() {
 
 void ClientProgram::DeInit() {
     story->DeliveryIsInterrupted();
+    const unsigned inits = story->Inits();
     Watched(Call::Kind::OTHER, "DeInit", "", 0, DEINIT_LIMIT, [](auto& one, Call&) { one.DeInit(); });
+    if (!isInInit && inits == story->Inits())
+        story->IsDisconnected();
 }
 
 // While Init is under way, only its own confirmation may let go of the client.
@@ -322,7 +335,7 @@ void ClientProgram::Report(int event) {
     const auto call = Watched(Call::Kind::EVENT, "EventUpdateRequest", "", event, 0, [&](auto& one, Call&) {
         one.EventUpdateRequest(static_cast<OrvStackSdk::OrvEvent>(event));
     });
-    if (call->threw != (event > 12))
+    if (call->threw != (event < 0 || event > 12))
         sim.Fail("the event " + std::to_string(event) + (call->threw ? " throws" : " does not throw"));
 }
 
@@ -346,29 +359,37 @@ void ClientProgram::Ask() {
     isAsking = false;
 }
 
+/// Below the limit; at times one that is no enumerator, and would be one if it were cut to fewer bits.
+int ClientProgram::AnyNumber(unsigned limit) {
+    constexpr int WRONG[] = {-1, std::numeric_limits<int>::min(), std::numeric_limits<int>::max(), 256, 65536 + 1};
+    if (random.OneIn(20))
+        return random.OneIn(3) ? static_cast<int>(limit) : WRONG[random.Below(5)];
+    return static_cast<int>(random.Below(limit));
+}
+
 void ClientProgram::RequestAtRandom() {
     using namespace OrvStackSdk;
-    const int value = static_cast<int>(random.Below(8));
+    const int value = AnyNumber(7);
+    const int action = value >= 0 && value < 7 ? value % 5 : value;
     const std::string text = AnyText();
     std::shared_ptr<Call> call;
     bool isWrong = false;
     switch (random.Below(5)) {
     case 0:
-        isWrong = value > 6;
+        isWrong = value < 0 || value > 6;
         call = Watched(Call::Kind::OTHER, "AppStatusRequest", "", value, 0,
                        [&](auto& one, Call&) { one.AppStatusRequest(static_cast<AppStatus>(value)); });
         break;
     case 1:
-        isWrong = value % 5 > 3;
-        call =
-            Watched(Call::Kind::OTHER, "AppActionRequest", random.OneIn(2) ? story->feature : "other", value % 5, 0,
-                    [&](auto& one, Call& made) { one.AppActionRequest(made.text, static_cast<AppAction>(value % 5)); });
+        isWrong = action < 0 || action > 3;
+        call = Watched(Call::Kind::OTHER, "AppActionRequest", random.OneIn(2) ? story->feature : "other", action, 0,
+                       [&](auto& one, Call& made) { one.AppActionRequest(made.text, static_cast<AppAction>(action)); });
         break;
     case 2:
         call = Watched(Call::Kind::OTHER, "RequestShutdown", "", 0, 0, [](auto& one, Call&) { one.RequestShutdown(); });
         break;
     case 3:
-        call = Watched(Call::Kind::OTHER, "PanelCommandRequest", text, value + (random.OneIn(9) ? 1 : 0), 0,
+        call = Watched(Call::Kind::OTHER, "PanelCommandRequest", text, value == 0 ? AnyNumber(9) : value, 0,
                        [&](auto& one, Call& made) { one.PanelCommandRequest(text, made.value); });
         break;
     default:

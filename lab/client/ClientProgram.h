@@ -76,6 +76,7 @@ private:
     void RequestAtRandom();
     void SendAtRandom();
     std::string AnyText();
+    int AnyNumber(unsigned limit);
     /// A call that is watched. Keeps the client alive, so that another thread may release it meanwhile.
     template <typename Body>
     std::shared_ptr<Call> Watched(Call::Kind kind, const std::string& name, const std::string& text, int value,
@@ -91,7 +92,7 @@ private:
     void ComeAndGo();
     void CheckRoute();
     void CheckFiles();
-    void CheckEnd(bool saidGoodBye);
+    void CheckEnd(int wills);
 
     ScriptedBroker broker;
     Witness witness;

@@ -36,10 +36,12 @@ void ClientProgram::Collect() {
     CheckRoute();
     CheckFiles();
     const bool saysGoodBye = random.OneIn(2);
+    const bool wasUp = story->isUp;
+    const int wills = broker.WillsOf(story->session);
     if (saysGoodBye)
         DeInit();
     Release(false);
-    CheckEnd(saysGoodBye);
+    CheckEnd(wills + (wasUp && !saysGoodBye ? 1 : 0));
 }
 
 /// Ticks and events at random, with nobody else at work: the route goes where it seldom goes otherwise.
@@ -168,8 +170,12 @@ void ClientProgram::CheckFiles() {
         sim.Fail("the error file has: " + files.Content(SimulatedFiles::ERROR));
 }
 
-void ClientProgram::CheckEnd(bool /*saidGoodBye*/) {
+/// Without a good-bye the broker announces that the application is not available.
+void ClientProgram::CheckEnd(int wills) {
     sim.Sleep(2 * SECOND);
+    if (broker.WillsOf(story->session) != wills)
+        sim.Fail("the broker has announced the end " + std::to_string(broker.WillsOf(story->session)) + " times, not " +
+                 std::to_string(wills));
     if (!story->isGone || Edge::LivingOwners() + Edge::LivingOwnersOfOthers() != 0)
         sim.Fail("the client is not gone");
     if (sim.ThreadsAlive() != 1)

@@ -104,6 +104,8 @@ std::vector<std::string> Story::Dispatch(const Message& message, bool& isReload)
 void Story::Delivered(const Effect& effect) {
     if (Destroys(effect))
         return;
+    if (isGone)
+        Fail("after its end it does: " + effect.what);
     WatchStatus(effect, dispatchStoresStatus);
     if (!GoesOn(effect))
         BeginDispatch(effect);
@@ -136,6 +138,9 @@ bool Story::GoesOn(const Effect& effect) {
 void Story::BeginDispatch(const Effect& effect) {
     if (IsDelivering() && !IsCutShort())
         Fail("a message should: " + expected[compared] + "; it does: " + effect.what);
+    // It is under way from the moment in which the broker connection's lock is released for it.
+    if (isQuiet && witness.sim.Self().since >= quietSince)
+        Fail("after DeInit has returned it does: " + effect.what);
     bool isReload = false;
     if (!messages.empty() && Dispatch(messages.front(), isReload).front() == effect.what) {
         TakeMessage(messages, true, effect);

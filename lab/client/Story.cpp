@@ -31,9 +31,19 @@ void Story::HandlerIs(bool there) {
 
 void Story::Connects(const std::string& name) {
     ++epoch;
+    ++inits;
+    isQuiet = false;
     former.insert(former.end(), messages.begin(), messages.end());
     messages.clear();
     feature = name;
+}
+
+void Story::IsDisconnected() {
+#ifndef ORV_LAB_THREAD_SANITIZER // there it takes further steps before it is seen
+    if (!isQuiet)
+        quietSince = witness.sim.Steps();
+    isQuiet = true;
+#endif
 }
 
 // The status is stored between these two.

@@ -39,6 +39,9 @@ public:
     void DeliveryIsInterrupted() { ++epoch; }
     /// Of before only the one may come that was under way already.
     void Connects(const std::string& name);
+    /// DeInit has returned, and no Init came meanwhile.
+    void IsDisconnected();
+    unsigned Inits() const { return inits; }
     /// @}
 
     /// @name At a quiet moment
@@ -160,6 +163,9 @@ private:
     std::deque<Message> messages;
     std::deque<Message> former; // of the sessions before
     unsigned epoch = 0;
+    unsigned inits = 0;
+    bool isQuiet = false; // no message may begin to be delivered
+    std::uint64_t quietSince = 0;
     std::vector<std::string> expected;
     std::size_t compared = 0;
     std::uint64_t dispatchBegan = 0;

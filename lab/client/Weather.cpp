@@ -56,7 +56,8 @@ std::string ClientProgram::AnyText() {
 void ClientProgram::SendAtRandom() {
     constexpr const char* WORDS[] = {"reload", "RELOAD", "Enabled", "disabled", "booting",     "ready",
                                      "true",   "UP",     "up",      "false",    "UNSUPPORTED", ""};
-    const std::string own = Texts::FEATURES + (story != nullptr ? story->feature : std::string("app"));
+    const std::string feature = story != nullptr ? story->feature : std::string("app");
+    const std::string own = Texts::FEATURES + feature.substr(0, feature.find('\0')); // no topic holds one
     const std::string word = random.OneIn(5) ? AnyText() : WORDS[random.Below(12)];
     std::string topic;
     switch (random.Below(10)) {
