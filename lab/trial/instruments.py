@@ -9,6 +9,7 @@ from __future__ import annotations
 import abc
 import dataclasses
 import enum
+import functools
 import json
 import os
 import pathlib
@@ -23,6 +24,7 @@ PATIENCE = 20  # seconds that the torture waits for what has to come
 GRACE = 240  # seconds that an instrument may take beyond its time: a seed that hangs, a point that is tried again
 ALONE = 240  # seconds for one seed or point
 MOST_OF_A_ROUND = 400  # seconds
+MOST_REPEATED = 4  # rounds that are played again
 MOST_KNOWN = 4  # findings that the sound tree has, too
 BRIEF = 10  # seconds in which an explorer finds most of what it finds
 BRIEF_TORTURE = 30  # seconds; the first dozen of them it looks at programs without a failure
@@ -224,10 +226,10 @@ class Chaos(Instrument):
         self.usable = set(range(FIRST_SCHEDULE, FIRST_SCHEDULE + effort))
 
     def prepare(self, scratch: Scratch, log: str, seconds: float) -> Outcome:
+        watch = Stopwatch()
         try:
-            for number in (1, 2):
-                watch = Stopwatch()
-                self.usable -= self._failing(scratch, FIRST_SCHEDULE, self.effort, f"{number}.{log}")
+            plays = [(FIRST_SCHEDULE, self.effort, f"{number}.{log}") for number in (1, 2)]
+            self.usable -= set().union(*self._plays(scratch, plays))
         except Ended as ended:
             return Outcome(Verdict.BROKEN, str(ended))
         except NoRounds as none:
@@ -238,12 +240,17 @@ class Chaos(Instrument):
     def run(self, scratch: Scratch, log: str, search: Search) -> Outcome:
         watch = Stopwatch()
         try:
-            for seed in sorted(self.usable & self._failing(scratch, FIRST_SCHEDULE, self.effort, log)):
-                if self._failing(scratch, seed, 1, f"{seed}.{log}"):
-                    return Outcome(Verdict.FOUND, f"seed {seed}, twice, {watch}")
+            failing = sorted(self.usable & self._failing(scratch, FIRST_SCHEDULE, self.effort, log))[:MOST_REPEATED]
+            again = self._plays(scratch, [(seed, 1, f"{seed}.{log}") for seed in failing])
+            if twice := sorted(set().union(*again)):
+                return Outcome(Verdict.FOUND, f"seed {twice[0]}, twice, {watch}")
         except NoRounds as none:
             return none.outcome
         return Outcome(Verdict.NOTHING, f"{len(self.usable)} rounds, {watch}")
+
+    def _plays(self, scratch: Scratch, plays: list[tuple[int, int, str]]) -> list[set[int]]:
+        """Side by side: boxes mostly wait."""
+        return scratch.side_by_side([functools.partial(self._failing, scratch, *play) for play in plays])
 
     @staticmethod
     def _failing(scratch: Scratch, first: int, rounds: int, log: str) -> set[int]:

@@ -5,6 +5,7 @@ from __future__ import annotations
 import concurrent.futures
 import contextlib
 import dataclasses
+import functools
 import hashlib
 import os
 import pathlib
@@ -13,10 +14,12 @@ import shutil
 import signal
 import subprocess
 import time
-from collections.abc import Iterable, Mapping
+from collections.abc import Callable, Iterable, Mapping
+from typing import TypeVar
 
 MOST_OF_A_BUILD = 1800  # seconds
 MOST_OF_AN_END = 60  # seconds, from SIGTERM on
+T = TypeVar("T")
 ASAN = "asan-ubsan"  # the preset of most instruments
 JOBS = len(os.sched_getaffinity(0))
 
@@ -192,13 +195,21 @@ class Scratch:
 
     def build_several(self, targets: Mapping[str, Iterable[str]], log: str) -> bool:
         """By preset, side by side: a fault is often one source, which one processor compiles."""
+        return all(
+            self.side_by_side(
+                [
+                    functools.partial(self.build, sorted(set(those)), f"{log}.build-{preset}.log", preset)
+                    for preset, those in targets.items()
+                ]
+            )
+        )
+
+    def side_by_side(self, calls: Iterable[Callable[[], T]]) -> list[T]:
+        """What they return. Where one fails or is interrupted, what the others run is ended."""
         with concurrent.futures.ThreadPoolExecutor() as pool:
-            under_way = [
-                pool.submit(self.build, sorted(set(those)), f"{log}.build-{preset}.log", preset)
-                for preset, those in targets.items()
-            ]
+            under_way = [pool.submit(call) for call in calls]
             try:
-                return all([one.result() for one in under_way])
+                return [one.result() for one in under_way]
             except BaseException:
                 self.end_all()
                 raise

@@ -285,7 +285,8 @@ def rounds_that_fail(scratch: Scratch, *each: list[int]) -> None:
         for number, seeds in enumerate(each, 1)
     )
     (scratch.copy / "script" / "chaos").write_text(
-        f"#!/bin/sh\necho >>{runs}\ncase $(wc -l <{runs}) in\n{cases}*) echo '{ROUNDS.format(0, 0)}';;\nesac\n"
+        f"#!/bin/sh\nexec 9>{runs}.lock\nflock 9\necho >>{runs}\n"
+        f"case $(wc -l <{runs}) in\n{cases}*) echo '{ROUNDS.format(0, 0)}';;\nesac\n"
     )
 
 
@@ -294,6 +295,18 @@ def test_chaos_uses_the_rounds_that_the_sound_tree_passes_twice(scratch: Scratch
     rounds_that_fail(scratch, [4200], [4203], [4200, 4203])
     assert timeless(chaos.prepare(scratch, "log", 0)) == "no: 2 of 4 rounds pass twice, 0 s"
     assert timeless(chaos.look(scratch, "log")) == "no: 2 rounds, 0 s"
+
+
+def test_the_control_of_chaos_plays_all_rounds_at_a_time(scratch: Scratch) -> None:
+    """Each waits for the other one."""
+    rounds_that_fail(scratch)
+    waits = (
+        "tries=0\nuntil [ $(wc -l <{0}) -ge 2 ]; do tries=$((tries + 1)); [ $tries -lt 300 ] || exit 3; sleep 0.1; done"
+    )
+    text = (scratch.copy / "script" / "chaos").read_text()
+    runs = scratch.copy / "runs"
+    (scratch.copy / "script" / "chaos").write_text(text.replace("case", f"flock -u 9\n{waits.format(runs)}\ncase", 1))
+    assert timeless(Chaos(4).prepare(scratch, "log", 0)) == "no: 4 of 4 rounds pass twice, 0 s"
 
 
 def test_chaos_does_not_work_where_the_sound_tree_passes_no_round_twice(scratch: Scratch) -> None:
