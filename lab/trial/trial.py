@@ -61,7 +61,8 @@ class Trial:
             self._controlled[one] = known.seconds
             return known
         outcome = one.prepare(self._scratch, f"control-{seconds:.0f}.{log_name(one)}", seconds)
-        self._controlled[one] = max(seconds, self._controlled.get(one, 0))
+        if outcome.verdict is Verdict.NOTHING:
+            self._controlled[one] = max(seconds, self._controlled.get(one, 0))
         if self._memory and outcome.verdict is Verdict.NOTHING and seconds > 0:
             self._memory.keep_control(key, dataclasses.replace(outcome, seconds=seconds))
         return outcome
@@ -121,7 +122,7 @@ class Trial:
 
     def _looks(self, one: Instrument, search: Search, log: str) -> Outcome:
         outcome = one.look(self._scratch, log, search)
-        if outcome.verdict is not Verdict.FOUND or outcome.seconds <= self._controlled[one]:
+        if outcome.verdict is not Verdict.FOUND or outcome.seconds <= self._controlled.get(one, 0):
             return outcome
         # The sound tree must have been looked at for as long.
         control = self._controls(one, outcome.seconds)
