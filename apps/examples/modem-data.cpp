@@ -99,6 +99,7 @@ private:
 class ModemPublisher : public QUILMQTT::QueueOwner {
 public:
     ModemPublisher() : QueueOwner("orv-modem") {}
+    ~ModemPublisher() override { StopDelivery(); }
 
     void Publish(const std::string& topic, const std::string& value) {
         // What is refused for want of a connection is announced by the platform when there is one again.

@@ -44,7 +44,7 @@ OrvRoute::OrvRoute(Now clock)
     poke.SetUrl("https://" + store->GetValue(POKE_ENDPOINT_KEY));
     ConnmanCommands::GetInstance().SetTopPriorityInterface(ethernetInterface);
     if (!Connect()) {
-        // It may have stood for a moment, and the callback for that be under way in an object that ends here.
+        // The broker may have accepted the connection and ended it: OnConnect has to return before this object ends.
         Delivery<>::Stop(*this);
         quillogger::LogWrapper::Log(CRITICAL, false, "libs/OrvStackSdk/src/OrvRoute", 37,
                                     "OrvStackSdk::OrvRoute::OrvRoute()", CANNOT_CONNECT);

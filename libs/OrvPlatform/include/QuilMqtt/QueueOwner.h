@@ -31,7 +31,8 @@ namespace QUILMQTT {
 /// Fork: an object belongs to the process that made it. In a child every operation is refused, and its destruction
 /// leaves the parent's connection alone.
 ///
-/// Destruction: a class that overrides a callback must call StopDelivery() at the beginning of its destructor.
+/// Destruction: a derived class must call StopDelivery() at the beginning of its destructor, and in a constructor that
+/// throws after Connect().
 /// Otherwise a callback may run on an object whose members are already destroyed. Destruction with an open connection
 /// closes it without a DISCONNECT packet, so that the broker publishes the last will. What was published before is sent
 /// first, for at most 0.2 s. Destruction waits for a running callback, unless it happens inside that callback, which is
