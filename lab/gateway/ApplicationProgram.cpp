@@ -141,6 +141,7 @@ void ApplicationProgram::WriteOptions(bool mayBeWrong) {
 }
 
 void ApplicationProgram::Run() {
+    weather.givesNamesBack = true;
     if (!random.OneIn(5))
         weather.Boot();
     manager.Heal();

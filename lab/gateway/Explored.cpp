@@ -6,6 +6,8 @@
 #include "gateway/RoutesProgram.h"
 #include "gateway/WatcherProgram.h"
 
+#include <cstdlib>
+
 namespace {
 
 template <typename Program>
@@ -25,7 +27,10 @@ void OrvLab::RunExplored(Simulation& simulation, std::uint64_t seed) {
         return RunProgram<CloudProgram>(simulation, seed);
     case 2:
         return RunProgram<RoutesProgram>(simulation, seed);
-    default:
-        return RunProgram<ApplicationProgram>(simulation, seed);
+    default: {
+        const char* const wanted = std::getenv("ORV_EXPLORE_APPLICATION");
+        if (wanted == nullptr || *wanted != '\0')
+            RunProgram<ApplicationProgram>(simulation, seed);
+    }
     }
 }

@@ -144,13 +144,25 @@ void KernelWeather::ChangeLink(const std::string& name) {
     case 0:
         return kernel.RemoveLink(name);
     case 1:
-        return random.OneIn(3) ? kernel.RenameLink(name, "old0") : kernel.RenameLink("old0", name);
+        return Rename(name);
     case 2:
     case 3:
         return kernel.SetUp(name, !link->up);
     default:
         return kernel.SetCarrier(name, !link->carrier);
     }
+}
+
+void KernelWeather::Rename(const std::string& name) {
+    ScriptedKernel& kernel = world.kernel;
+    if (!random.OneIn(3)) {
+        if (!givesNamesBack || name == renamed)
+            kernel.RenameLink("old0", name);
+        return;
+    }
+    if (kernel.Link("old0") == nullptr)
+        renamed = name;
+    kernel.RenameLink(name, "old0");
 }
 
 void KernelWeather::ChangeFour(const std::string& name) {

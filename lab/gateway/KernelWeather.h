@@ -22,9 +22,13 @@ public:
     /// What is under way comes to its end.
     void Settle();
 
+    /// An interface that was renamed gets only its own name back, so that no address is on both.
+    bool givesNamesBack = false;
+
 private:
     std::string AnyInterface() { return random.OneIn(2) ? "eth0" : "wwan0"; }
     void ChangeLink(const std::string& name);
+    void Rename(const std::string& name);
     void ChangeFour(const std::string& name);
     void ChangeSix(const std::string& name);
     void ChangeDefault();
@@ -37,6 +41,7 @@ private:
 
     World& world;
     Random random;
+    std::string renamed; // what old0 was
 };
 
 } // namespace OrvLab
