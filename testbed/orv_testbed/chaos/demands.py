@@ -213,7 +213,7 @@ def wrong_ipv6_source_routes(families: Families, rules: Iterable[Mapping[str, An
 # ---- what a process holds
 
 SHADOW = 10**9  # kB of address space: it is watched by a sanitizer, and its memory says nothing
-# Of a settled gateway: the same after each schedule, whatever it was. Memory in kB, with a fifth more than was seen.
+# Of a settled gateway: the same after the four schedules that were compared. Memory in kB, with a fifth more than was seen.
 MOST = {
     "gateway-app": {
         "files": 5,
