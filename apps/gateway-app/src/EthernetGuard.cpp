@@ -36,10 +36,10 @@ const char* Text(EthernetProbation::End end) {
 } // namespace
 
 EthernetGuard::EthernetGuard(EventLoop& eventLoop, std::string ethernetInterface, CloudSettings cloudSettings,
-                             Report reportEvent, Tell probationReceiver, TryCloud tryCloudNow)
+                             Report reportEvent, OnLifted onProbationLifted, TryCloud tryCloudNow)
     : interface(std::move(ethernetInterface)),
       report(std::move(reportEvent)),
-      onLifted(std::move(probationReceiver)),
+      onLifted(std::move(onProbationLifted)),
       tryCloud(std::move(tryCloudNow)),
       logger("GatewayApp", OrvLog::INFO),
       settings(std::move(cloudSettings)),

@@ -20,12 +20,12 @@ public:
     /// Brings an event to the client library; called inside the operations below, and from the loop.
     using Report = std::function<void(OrvStackSdk::OrvEvent event)>;
     /// A probation has ended; called as Report is.
-    using Tell = std::function<void()>;
+    using OnLifted = std::function<void()>;
     /// Has the cloud connection begin an attempt now, over the path that has the route; called from the loop.
     using TryCloud = std::function<void()>;
 
     EthernetGuard(EventLoop& eventLoop, std::string ethernetInterface, CloudSettings cloudSettings, Report reportEvent,
-                  Tell probationReceiver, TryCloud tryCloudNow);
+                  OnLifted onProbationLifted, TryCloud tryCloudNow);
     ~EthernetGuard();
 
     /// @name What has happened
@@ -54,7 +54,7 @@ private:
 
     const std::string interface;
     const Report report;
-    const Tell onLifted;
+    const OnLifted onLifted;
     const TryCloud tryCloud;
     CommonUtils::Logger logger;
     CloudSettings settings;
