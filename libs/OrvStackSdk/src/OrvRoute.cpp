@@ -244,8 +244,6 @@ void OrvRoute::MirrorCellularOnDnsTopic() {
 }
 
 void OrvRoute::ReportCloudConnectedWith(const char* path) {
-    if (cloudConnectionReported)
-        return;
     const std::lock_guard<std::mutex> lock(reportMutex);
     if (cloudConnectionReported)
         return;
