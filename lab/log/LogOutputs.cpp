@@ -57,6 +57,23 @@ long long Milliseconds() {
     return now.tv_sec * 1000LL + now.tv_nsec / 1'000'000;
 }
 
+std::string TimeText(long long milliseconds) {
+    char text[40];
+    const std::time_t seconds = milliseconds / 1000;
+    std::tm parts{};
+    const std::size_t size = std::strftime(text, sizeof(text), "%FT%T", gmtime_r(&seconds, &parts));
+    std::snprintf(text + size, sizeof(text) - size, ".%03dZ", static_cast<int>(milliseconds % 1000));
+    return text;
+}
+
+bool BeginsWith(const std::string& text, const std::string& beginning) {
+    return text.rfind(beginning, 0) == 0;
+}
+
+bool IsDigit(char letter) {
+    return letter >= '0' && letter <= '9';
+}
+
 /// A line of what is said directly on standard error.
 bool IsComplaint(const std::string& line) {
     return line.rfind("The log loses records", 0) == 0;
@@ -270,12 +287,11 @@ void LogOutputs::CheckFiles() {
 }
 
 std::string LogOutputs::TimeOfBeginning() const {
-    char text[40];
-    const std::time_t seconds = begun / 1000;
-    std::tm parts{};
-    const std::size_t size = std::strftime(text, sizeof(text), "%FT%T", gmtime_r(&seconds, &parts));
-    std::snprintf(text + size, sizeof(text) - size, ".%03dZ", static_cast<int>(begun % 1000));
-    return text;
+    return TimeText(begun);
+}
+
+std::string LogOutputs::TimeOfNow() {
+    return TimeText(Milliseconds());
 }
 
 void LogOutputs::CheckTime(const std::string& time) {
@@ -357,7 +373,7 @@ void LogOutputs::CheckRecord(const Line& parts, const std::string& line) {
     }
     if (!record.mayBeThere)
         sim.Fail("a record is there that no level in force allows: " + line);
-    if (std::exchange(record.seen, true))
+    if (std::exchange(record.seen, true) || cutRecords.count({thread, number}) != 0)
         sim.Fail("a record is there twice: " + line);
     if (latest.count(thread) != 0 && latest[thread] > number)
         sim.Fail("a record is behind a later one of its thread: " + line);
@@ -367,15 +383,88 @@ void LogOutputs::CheckRecord(const Line& parts, const std::string& line) {
 
 /// A full disk may cut a line: what there is of it is the beginning of a record that does not count as there.
 bool LogOutputs::IsCut(const std::string& line) {
-    const std::size_t text = line.find("] ");
-    const auto [thread, number] = LogRecordAsked::Marked(line);
-    if (!place.hasTrouble || !IsFile())
+    if (!place.hasTrouble || !IsFile() || !IsBeginning(line))
         return false;
     ++cut;
-    if (text == std::string::npos || records.count(thread) == 0 || number >= NextNumber(thread))
+    const auto [thread, number] = LogRecordAsked::Marked(line);
+    if (thread >= 0)
+        cutRecords.insert({thread, number});
+    return true;
+}
+
+bool LogOutputs::IsBeginning(std::string line) const {
+    if (place.isJournal) {
+        const auto isOne = [&](const std::string& priority) {
+            return BeginsWith("<" + priority + ">", line.substr(0, 3));
+        };
+        if (std::none_of(PRIORITIES.begin(), PRIORITIES.end(), isOne))
+            return false;
+        line.erase(0, 3);
+    }
+    const std::string first = std::max(TimeOfBeginning(), lastTime);
+    const std::size_t size = std::min(line.size(), first.size());
+    for (std::size_t at = 0; at < size; ++at)
+        if (IsDigit(first[at]) ? !IsDigit(line[at]) : line[at] != first[at])
+            return false;
+    const std::string time = line.substr(0, size);
+    if (time < first.substr(0, size) || time > TimeOfNow().substr(0, size))
+        return false;
+    line.erase(0, size);
+    if (line.empty())
         return true;
-    const LogRecordAsked& record = records[thread][static_cast<std::size_t>(number)];
-    return record.Shown().rfind(line.substr(text + 2), 0) == 0;
+    return line.front() == ' ' && (IsBeginningOfRecord(line.substr(1)) || IsBeginningOfLoss(line.substr(1)) ||
+                                   IsBeginningOfNews(time, line.substr(1)));
+}
+
+bool LogOutputs::IsBeginningOfRecord(const std::string& line) const {
+    for (const auto& [thread, all] : records)
+        for (const LogRecordAsked& record : all) {
+            const std::string head = LEVELS[static_cast<std::size_t>(record.level)] + (" [" + record.logger + "] ");
+            if (record.mayBeThere && !record.seen && BeginsWith(head, line.substr(0, head.size())) &&
+                BeginsWith(head + record.Shown(), line))
+                return true;
+        }
+    return false;
+}
+
+bool LogOutputs::IsBeginningOfNews(const std::string& time, const std::string& line) const {
+    return std::any_of(LEVELS.begin(), LEVELS.end(), [&](const char* level) {
+        const std::string head = level + std::string(" [GatewayConfig] ");
+        return BeginsWith(head, line.substr(0, head.size())) &&
+               news.MayBegin(time, level, line.substr(std::min(head.size(), line.size())));
+    });
+}
+
+bool LogOutputs::IsBeginningOfLoss(const std::string& line) const {
+    const std::string head = "warning [Log] ";
+    return line.size() <= head.size() ? BeginsWith(head, line)
+                                      : BeginsWith(line, head) && IsLoss(line.substr(head.size()), false);
+}
+
+/// @param isWhole to its end
+bool LogOutputs::IsLoss(const std::string& text, bool isWhole) const {
+    const std::string count = text.substr(0, text.find_first_not_of("0123456789"));
+    constexpr std::size_t mostDigits = 9;
+    if (count.empty() || count.size() > mostDigits ||
+        (!isWhole && std::stoul(count) > OrvPlatform::ReadCounters().lostLogRecords))
+        return false;
+    const std::string head =
+        count + (count == "1" ? " record was" : " records were") + " lost before the previous one (";
+    std::vector<std::string> places{IsFile()                               ? LogFile(0)
+                                    : place.kind == LogPlace::Kind::SYSLOG ? "/dev/log"
+                                                                           : "standard error"};
+    for (int number = 1; number < place.files && IsFile(); ++number)
+        places.push_back(LogFile(number));
+    std::vector<std::string> reasons{"its reader does not keep up"};
+    for (const int error : {EMFILE, EACCES, EROFS, ENOSPC, ECONNREFUSED, ENOENT, EAGAIN})
+        reasons.emplace_back(std::strerror(error)); // NOLINT(concurrency-mt-unsafe): nobody else is there
+    for (const std::string& where : places)
+        for (const std::string& reason : reasons) {
+            const std::string whole = head + where + ": " + reason + ")";
+            if (isWhole ? text == whole : BeginsWith(whole, text))
+                return true;
+        }
+    return false;
 }
 
 void LogOutputs::CheckLine(const std::string& line) {
@@ -385,8 +474,10 @@ void LogOutputs::CheckLine(const std::string& line) {
         return;
     }
     const std::optional<Line> parts = Parsed(line);
-    if (!parts && isStandardError && line.find("gateway.ini") != std::string::npos)
-        return; // what is wrong with the settings is said there, too
+    if (!parts && isStandardError && line.find("gateway.ini") != std::string::npos) {
+        newsWithoutTime.push_back({"error", line}); // what is wrong with the settings is said there, too
+        return;
+    }
     if (!parts && !IsCut(line))
         sim.Fail("a line of the log is not whole: " + line);
     if (!parts)
@@ -394,10 +485,14 @@ void LogOutputs::CheckLine(const std::string& line) {
     if (!parts->time.empty())
         CheckTime(parts->time);
     if (parts->logger == "GatewayConfig") {
+        if (parts->time.empty())
+            newsWithoutTime.push_back({parts->level, parts->text});
+        else if (!news.Take(parts->time, parts->level, parts->text) && !IsCut(line))
+            FailWithNews(line);
         ++found[parts->text];
         return;
     }
-    if (parts->logger == "Log" && parts->text.find(" lost before the previous one (") != std::string::npos) {
+    if (parts->logger == "Log" && IsLoss(parts->text, true)) {
         ++reports;
         lost += std::stoul(parts->text);
         if (parts->level != "warning")
@@ -408,6 +503,10 @@ void LogOutputs::CheckLine(const std::string& line) {
         return;
     }
     CheckRecord(*parts, line);
+}
+
+void LogOutputs::FailWithNews(const std::string& line) {
+    sim.Fail("the log says of its settings what they have not caused just then: " + line);
 }
 
 /// The oldest file is gone with the oldest records of all threads.
@@ -455,11 +554,14 @@ void LogOutputs::Check(bool lossesAreTold) {
     for (std::string line; std::getline(lines, line);) {
         if (!lines.eof())
             CheckLine(line);
-        else if (IsRead() || IsCut(line))
+        else if (IsRead() ? IsBeginning(line) : IsCut(line))
             isUnfinished = true;
         else
             sim.Fail("the last line of the log is not whole: " + line);
     }
+    for (const auto& [level, text] : newsWithoutTime)
+        if (!news.Take({}, level, text))
+            FailWithNews(text);
     CheckMissing(lossesAreTold);
     if (!IsFile() || place.hasTrouble || isDropped)
         return;

@@ -2,13 +2,16 @@
 #pragma once
 
 #include "log/AskedRecord.h"
+#include "log/SettingsNews.h"
 #include "sim/Random.h"
 #include "sim/Simulation.h"
 
 #include <cstddef>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace OrvLab {
@@ -57,9 +60,14 @@ public:
     std::vector<LogRecordAsked>& Records(int thread) { return records[thread]; }
     /// The log has to say so of its settings; told of a file that loses nothing.
     void Expect(const std::string& text) { ++expected[text]; }
+    /// It may say so of its settings, and nothing else.
+    void MayTell(SettingsNews::Choice choice) { news.May(std::move(choice)); }
     void ReadSettingsAnew() { ++readAnew; }
     /// The earliest that a record may have.
     std::string TimeOfBeginning() const;
+    static std::string TimeOfNow();
+    /// Whether a line may begin so that is written now.
+    bool IsBeginning(std::string line) const;
     /// Everything is there that must be, whole, once and in its thread's order.
     void Check(bool lossesAreTold);
     /// But for one for the log itself, which is opened when there is something to write.
@@ -80,6 +88,11 @@ private:
     void CheckTime(const std::string& time);
     void CheckRecord(const Line& parts, const std::string& line);
     bool IsCut(const std::string& line);
+    bool IsBeginningOfRecord(const std::string& line) const;
+    bool IsBeginningOfNews(const std::string& time, const std::string& line) const;
+    bool IsBeginningOfLoss(const std::string& line) const;
+    bool IsLoss(const std::string& text, bool isWhole) const;
+    [[noreturn]] void FailWithNews(const std::string& line);
     void CheckMissing(bool lossesAreTold);
     bool MayBeDropped(int thread, int number) const;
 
@@ -94,6 +107,9 @@ private:
     std::map<int, int> earliest;
     std::map<std::string, int> expected;
     std::map<std::string, int> found;
+    SettingsNews news;
+    std::vector<std::pair<std::string, std::string>> newsWithoutTime; // level and text
+    std::set<std::pair<int, int>> cutRecords;
     std::string lastTime;
     long long begun;
     std::size_t lost = 0;

@@ -32,7 +32,8 @@ constexpr int CRITICAL = 5;
 constexpr const char* NAMES[] = {"trace", "debug", "info", "warning", "error", "critical", "off"};
 constexpr const char* SOURCES[] = {"First", "Second", "Third", "Fourth"};
 
-constexpr const char* STRANGE = "A\tlogger"; // which no list of levels can name
+constexpr const char* SETTINGS = "GatewayConfig"; // which tells of the settings
+constexpr const char* STRANGE = "A\tlogger";      // which no list of levels can name
 constexpr const char* ENDPOINT = "cloud.example:8443/health";
 
 std::string AnyWord(Random& random, int level) {
@@ -97,9 +98,15 @@ LogProgram::LogProgram(Simulation& simulation, std::uint64_t seed)
     setenv("TZ", "XYZ5", 1); // the log's time is everywhere the same
     setenv("ORV_LOG_LEVEL", environment.Written(random).c_str(), 1);
     setenv("ORV_GATEWAY_CONFIG", outputs.SettingsFile().c_str(), 1);
-    versions.push_back({AnyLevels(), {}});
+    versions.push_back({AnyLevels(), {}, {}});
     std::ofstream(outputs.SettingsFile()) << SettingsText(versions.back(), false);
+    MaySayWhatWasRead();
     sim.SetEndListener(EndThreadsValues);
+}
+
+/// Each process does so that reads the settings.
+void LogProgram::MaySayWhatWasRead() {
+    outputs.MayTell({{}, {}, "debug", {"Settings read from " + outputs.SettingsFile()}});
 }
 
 /// @param other with other settings, too, which nobody reads while the process runs
@@ -108,7 +115,7 @@ std::string LogProgram::SettingsText(const Version& version, bool other) {
     const std::string others =
         other ? "[interfaces]\nethernet = other\ncellular = others\n"
               : "[interfaces]\nethernet = up7\ncellular = mob_7\n[cloud]\nendpoint = " + std::string(ENDPOINT) + "\n";
-    return others + outputs.Settings(other) + (levels.empty() ? "" : "level = " + levels + "\n") + version.fault;
+    return others + outputs.Settings(other) + (levels.empty() ? "" : "level = " + levels + "\n");
 }
 
 LevelList LogProgram::AnyLevels() {
@@ -200,6 +207,7 @@ void LogProgram::Act(int thread) {
 
 /// The child finds everything unlocked and whole, whatever the other threads were about.
 void LogProgram::Fork() {
+    MaySayWhatWasRead();
     sim.RunInForkedChild([] {
         const CommonUtils::Logger logger("First", OFF);
         const CommonUtils::Logger another("Second", OFF);
@@ -231,9 +239,11 @@ void LogProgram::ReplaceSettings() {
                                          "[broker\n",
                                          std::string("\0\n", 2)};
     const bool isFaulty = areRead && random.OneIn(6);
-    const Version version{AnyLevels(), isFaulty ? faults[random.Below(std::size(faults))] : std::string()};
+    Version version{AnyLevels(), isFaulty ? faults[random.Below(std::size(faults))] : std::string(), {}};
+    const std::string text = SettingsText(version, areRead && random.OneIn(4));
+    version.reports = SettingsNews::Faults(outputs.SettingsFile(), text, version.fault);
     const std::string fresh = outputs.SettingsFile() + "." + std::to_string(sim.Self().number);
-    std::ofstream(fresh) << SettingsText(version, areRead && random.OneIn(4));
+    std::ofstream(fresh) << text + version.fault;
     std::rename(fresh.c_str(), outputs.SettingsFile().c_str());
     versions.push_back(version);
     const std::size_t number = versions.size() - 1;
@@ -267,9 +277,14 @@ void LogProgram::ReadAnew() {
     reloads.push_back(&reload);
     const Possible before = possible;
     const bool wereRead = areRead;
+    Call& call = Begin();
     MayBeRead(reload, versions.size() - 1);
+    const std::string from = LogOutputs::TimeOfNow();
     const bool done = Watch([] { return OrvPlatform::ReloadLogLevels(); });
     areRead = true;
+    AllowNews(reload, call.levels, done, from);
+    calls.erase(std::find(calls.begin(), calls.end(), &call));
+    delete &call;
     reloads.erase(std::find(reloads.begin(), reloads.end(), &reload));
     sim.Trace(std::string("    levels are read anew: ") + (done ? "yes" : "no"));
     const auto isValid = [&](std::size_t version) { return versions[version].IsValid(); };
@@ -304,19 +319,43 @@ std::string LogProgram::InForceText(std::size_t version) const {
     return text;
 }
 
+std::string LogProgram::StayText(std::size_t version) const {
+    return "The levels of the log stay as they were, " + InForceText(version) + ", because of what is wrong with " +
+           outputs.SettingsFile() + ". Mend it (orv-config-check tells when it is right) and read it anew";
+}
+
+/// What the log may say of levels that were read anew.
+/// @param before that may have been in force meanwhile
+void LogProgram::AllowNews(const Reload& reload, const Possible& before, bool done, const std::string& from) {
+    const std::string to = LogOutputs::TimeOfNow();
+    SettingsNews::Choice news{from, to, done ? "info" : "error", {}};
+    for (const std::size_t is : reload.read) {
+        for (const std::string& report : versions[is].reports)
+            if (!done)
+                outputs.MayTell({from, to, "error", {report}, false});
+        for (const std::size_t was : before)
+            if (done && versions[is].IsValid() && InForceText(was) != InForceText(is) &&
+                (IsWanted(was, SETTINGS, 0, INFO) || IsWanted(is, SETTINGS, 0, INFO)))
+                news.beginnings.push_back("The levels of the log are now " + InForceText(is));
+    }
+    for (const std::size_t was : before)
+        if (!done)
+            news.beginnings.push_back(StayText(was));
+    outputs.MayTell(news);
+}
+
 /// What the log says of levels that were read anew, where it is certain what was in force and what was read.
 void LogProgram::ExpectNews(const Reload& reload, const Possible& before, bool done) {
-    constexpr const char* self = "GatewayConfig";
     if (before.size() != 1 || reload.read.size() != 1)
         return;
     const std::string was = InForceText(*before.begin());
     const std::string is = InForceText(*reload.read.begin());
-    const bool saysNews = IsWanted(*before.begin(), self, 0, INFO) || IsWanted(*reload.read.begin(), self, 0, INFO);
+    const bool saysNews =
+        IsWanted(*before.begin(), SETTINGS, 0, INFO) || IsWanted(*reload.read.begin(), SETTINGS, 0, INFO);
     if (done && was != is && saysNews)
         outputs.Expect("The levels of the log are now " + is);
-    if (!done && IsWanted(*before.begin(), self, 0, ERROR))
-        outputs.Expect("The levels of the log stay as they were, " + was + ", because of what is wrong with " +
-                       outputs.SettingsFile() + ". Mend it (orv-config-check tells when it is right) and read it anew");
+    if (!done && IsWanted(*before.begin(), SETTINGS, 0, ERROR))
+        outputs.Expect(StayText(*before.begin()));
 }
 
 /// Nobody else does anything. What is in force then is what the settings say, for loggers new and old.

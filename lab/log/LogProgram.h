@@ -44,7 +44,8 @@ private:
     /// A state of the settings' file.
     struct Version {
         LevelList levels;
-        std::string fault; // none: it is valid
+        std::string fault;                // none: it is valid
+        std::vector<std::string> reports; // of the fault, as they begin
         bool IsValid() const { return fault.empty(); }
     };
     /// Levels that may be in force: a number of versions, of which one is.
@@ -74,7 +75,10 @@ private:
     void ReplaceSettings();
     void Fork();
     void ReadAnew();
+    void MaySayWhatWasRead();
+    void AllowNews(const Reload& reload, const Possible& before, bool done, const std::string& from);
     void ExpectNews(const Reload& reload, const Possible& before, bool done);
+    std::string StayText(std::size_t version) const;
     std::string InForceText(std::size_t version) const;
     void MayBeRead(Reload& reload, std::size_t version);
     void MayBeInForce(std::size_t version);

@@ -2,8 +2,11 @@
 // Does the explorer of the log find what it is made for? A log with one fault each, and the same without it.
 #include "log/LogOutputs.h"
 #include "log/LogProgram.h"
+#include "log/SettingsNews.h"
 #include "log/SettingsReference.h"
 #include "sim/Simulation.h"
+
+#include "config/GatewayConfig.h"
 
 #include <sys/stat.h>
 
@@ -20,7 +23,7 @@ namespace {
 /// Two records of one thread, of which the log is to have the first, and has what the test has written.
 class TheCheckOfALog : public testing::Test {
 protected:
-    TheCheckOfALog() {
+    explicit TheCheckOfALog(const LogPlace& place = {}) : outputs(simulation, place) {
         time = outputs.TimeOfBeginning();
         first = outputs.Add({1, 0, 3, "Source", {}, Text(0, "xx"), true, true, false}).Shown();
         second = outputs.Add({1, 1, 4, "Source", ForeignText("tag"), Text(1, ""), false, true, false}).Shown();
@@ -36,6 +39,10 @@ protected:
     }
     std::string First() const { return time + " warning [Source] " + first + "\n"; }
     std::string Second() const { return time + " error [Source] " + second + "\n"; }
+    void MayTell(const std::string& text, bool isWhole = true) {
+        outputs.MayTell({time, LogOutputs::TimeOfNow(), "info", {text}, isWhole});
+    }
+    std::string News(const std::string& text) const { return time + " info [GatewayConfig] " + text + "\n"; }
     void Fails(const char* words) {
         GTEST_FLAG_SET(death_test_style, "threadsafe");
         EXPECT_EXIT(outputs.Check(true), testing::ExitedWithCode(Simulation::FAILED), words);
@@ -43,15 +50,28 @@ protected:
 
     std::string time;
     Simulation simulation{1, false};
-    LogOutputs outputs{simulation, LogPlace()};
+    LogOutputs outputs;
     std::string first;
     std::string second;
+};
+
+/// The same on a disk that is full at times.
+class TheCheckOfALogInTrouble : public TheCheckOfALog {
+protected:
+    TheCheckOfALogInTrouble() : TheCheckOfALog(Troubled()) { outputs.Records(1)[0].mustBeThere = false; }
+
+    static LogPlace Troubled() {
+        LogPlace place;
+        place.hasTrouble = true;
+        return place;
+    }
 };
 
 } // namespace
 
 TEST_F(TheCheckOfALog, PassesWhatIsWholeAndInOrder) {
     outputs.Expect("The levels of the log are now info");
+    MayTell("The levels of the log are now info");
     Write(First() + time + " info [GatewayConfig] The levels of the log are now info\n" + Second());
     outputs.Check(true);
 }
@@ -120,7 +140,8 @@ TEST_F(TheCheckOfALog, FindsAFileThatEverybodyMayRead) {
 }
 
 TEST_F(TheCheckOfALog, FindsALossThatNobodyHasCounted) {
-    Write(Second() + time + " warning [Log] 1 record was lost before the previous one (full)\n");
+    Write(Second() + time + " warning [Log] 1 record was lost before the previous one (" + outputs.Folder() +
+          "/logs/log: No space left on device)\n");
     Fails("1 records are missing, 1 are said to be lost and 0 are counted");
 }
 
@@ -128,6 +149,122 @@ TEST_F(TheCheckOfALog, FindsNewsThatAreNotTold) {
     outputs.Expect("The levels of the log are now off");
     Write(First());
     Fails("0 times and not 1: The levels of the log are now off");
+}
+
+constexpr const char* NOT_CAUSED = "says of its settings what they have not caused";
+
+TEST_F(TheCheckOfALog, FindsNewsOfSettingsThatNothingHasCaused) {
+    Write(First() + News("The levels of the log are now info"));
+    Fails(NOT_CAUSED);
+}
+
+TEST_F(TheCheckOfALog, FindsNewsOfSettingsThatAreToldTwice) {
+    MayTell("The levels of the log are now info");
+    Write(First() + News("The levels of the log are now info") + News("The levels of the log are now info"));
+    Fails(NOT_CAUSED);
+}
+
+TEST_F(TheCheckOfALog, FindsNewsOfSettingsThatAreNotOfThatTime) {
+    outputs.MayTell({"2026-01-02T03:04:05.678Z", "2026-01-02T03:04:05.999Z", "info", {"The levels"}, false});
+    Write(First() + News("The levels of the log are now info"));
+    Fails(NOT_CAUSED);
+}
+
+TEST_F(TheCheckOfALog, FindsNewsOfSettingsThatAreOfAnotherLevel) {
+    MayTell("The levels of the log are now info");
+    Write(First() + time + " error [GatewayConfig] The levels of the log are now info\n");
+    Fails(NOT_CAUSED);
+}
+
+TEST_F(TheCheckOfALog, PassesNewsOfWhichEachIsAnothersAsWell) {
+    const std::string now = LogOutputs::TimeOfNow();
+    outputs.MayTell({time, now, "info", {"one", "other"}});
+    outputs.MayTell({time, now, "info", {"one"}});
+    Write(First() + News("one") + News("other"));
+    outputs.Check(true);
+}
+
+TEST_F(TheCheckOfALog, FindsALossForAReasonThatIsNone) {
+    Write(Second() + time + " warning [Log] 1 record was lost before the previous one (a whim)\n");
+    Fails("nobody has asked for");
+}
+
+TEST_F(TheCheckOfALog, PassesNewsOfWhichTheBeginningIsKnown) {
+    MayTell("x.ini:7: [log] file_count", false);
+    Write(First() + News("x.ini:7: [log] file_count = \"0\" is not valid"));
+    outputs.Check(true);
+}
+
+TEST_F(TheCheckOfALogInTrouble, PassesTheBeginningOfEachLineThatMayBeThere) {
+    MayTell("The levels of the log are now info");
+    const std::string news = News("The levels of the log are now info");
+    for (const std::string& line : {First(), Second(), news}) {
+        for (std::size_t size = 1; size < line.size() - 1; ++size) {
+            EXPECT_TRUE(outputs.IsBeginning(line.substr(0, size))) << line.substr(0, size);
+        }
+    }
+}
+
+TEST_F(TheCheckOfALogInTrouble, FindsALineThatBeginsLikeNone) {
+    Write("garbage\n" + First());
+    Fails("a line of the log is not whole: garbage");
+}
+
+TEST_F(TheCheckOfALogInTrouble, FindsATimeInItsMidstThatIsNone) {
+    Write(time.substr(0, 20) + "x\n" + First());
+    Fails("a line of the log is not whole");
+}
+
+TEST_F(TheCheckOfALogInTrouble, FindsACutTimeThatIsNotNow) {
+    Write("2026-01-02T\n" + First());
+    Fails("a line of the log is not whole");
+}
+
+TEST_F(TheCheckOfALogInTrouble, FindsTheBeginningOfARecordThatNobodyHasAskedFor) {
+    Write(time + " warning [Source] other\n" + First());
+    Fails("nobody has asked for");
+}
+
+TEST_F(TheCheckOfALogInTrouble, FindsTheBeginningOfARecordThatNoLevelAllows) {
+    outputs.Records(1)[0].mayBeThere = false;
+    Write(time + " warning [Sou\n" + Second());
+    Fails("a line of the log is not whole");
+}
+
+TEST_F(TheCheckOfALogInTrouble, FindsTheBeginningOfARecordThatIsThereAsWell) {
+    Write(First().substr(0, First().size() - 4) + "\n" + First());
+    Fails("there twice");
+}
+
+TEST_F(TheCheckOfALogInTrouble, FindsTheBeginningOfNewsThatNothingHasCaused) {
+    MayTell("The levels of the log are now info");
+    Write(First() + News("The levels of the log are now trace").substr(0, 80) + "\n");
+    Fails(NOT_CAUSED);
+}
+
+TEST_F(TheCheckOfALogInTrouble, FindsTheBeginningOfALossThatIsNone) {
+    Write(First() + time + " warning [Log] 1 record was l\n");
+    Fails("nobody has asked for");
+}
+
+TEST_F(TheCheckOfALogInTrouble, FindsALastLineThatBeginsLikeNone) {
+    Write(First() + "garbage");
+    Fails("the last line of the log is not whole: garbage");
+}
+
+TEST(FaultsOfSettings, AreReportedAsTheSettingsReaderReportsThem) {
+    const std::string right = "[log]\nsink = file\nfile = /x\nlevel = info\nfile_count = 7\n";
+    for (const std::string& fault :
+         {std::string("level = nonsense\n"), std::string("file_max_bytes = 16383\n"), std::string("colour = 1\n"),
+          std::string("[nowhere]\n"), std::string("nonsense\n"), std::string("level = info,First=loud\n"),
+          std::string("sink = stdout\n"), std::string("sink = stderr\n"), std::string("[broker]\nport = 65536\n"),
+          std::string("[broker\n"), std::string("\0\n", 2)}) {
+        const auto said = OrvPlatform::ParseGatewayConfig(right + fault, "x.ini").problems;
+        const auto known = SettingsNews::Faults("x.ini", right, fault);
+        ASSERT_EQ(said.size(), known.size()) << fault;
+        for (std::size_t number = 0; number < said.size(); ++number)
+            EXPECT_EQ(said[number].rfind(known[number], 0), 0U) << said[number] << "\nbut: " << known[number];
+    }
 }
 
 TEST(AForeignText, IsShownAsFarAsThereIsRoom) {
