@@ -5,8 +5,6 @@
 #include "OrvStackSdk/OrvStackSdk.h"
 #include "broker/Wire.h"
 #include "client/Edge.h"
-#include "config/GatewayConfig.h"
-#include "sim/LabLog.h"
 
 #include <algorithm>
 #include <chrono>
@@ -18,19 +16,7 @@ namespace OrvLab {
 
 namespace {
 
-ClientProgram* program = nullptr;
 Story* present = nullptr;
-
-constexpr Time INIT_LIMIT = 3100 * MILLISECOND;
-constexpr Time DEINIT_LIMIT = 1050 * MILLISECOND;
-// The route says good-bye, the session sends what it has.
-constexpr Time RELEASE_LIMIT = 1250 * MILLISECOND;
-
-// As each client of a process has a number in its broker's client id, so that they do not evict each other.
-OrvPlatform::GatewayConfig& Settings(bool ofTheNeighbour = false) {
-    static OrvPlatform::GatewayConfig settings[2];
-    return settings[ofTheNeighbour ? 1 : 0];
-}
 
 /// What the last pointer ends is the library's.
 template <typename Object>
@@ -42,48 +28,16 @@ void LetGo(std::shared_ptr<Object>& pointer) {
 
 } // namespace
 
-// Some gateways are not set up well.
-void ClientProgram::DrawNames(std::uint64_t seed) {
-    RouteReference::ethernetName = seed % 31 == 3 ? "" : "eth0";
-    RouteReference::cellularName = seed % 29 == 5 ? "a-name-of-sixteen" : "wwan0";
-    Settings() = {};
-    Settings().broker.clientIdSuffix.clear();
-    Settings().interfaces.ethernet = RouteReference::ethernetName;
-    Settings().interfaces.cellular = RouteReference::cellularName;
-    Settings().cloud.endpoint = "cloud.example:8443/poke";
-    Settings(true) = Settings();
-    Settings(true).broker.clientIdSuffix = Neighbour::SUFFIX;
-}
-
 ClientProgram::ClientProgram(Simulation& simulation, std::uint64_t seed)
-    : sim((DrawNames(seed), simulation)),
-      broker(simulation, seed * 3 + 7),
-      witness(simulation),
-      connman(simulation, seed * 7 + 1),
-      transfers(simulation, seed * 11 + 5),
-      files(seed * 13 + 9),
-      random(seed * 5 + 3),
-      budget(random.Between(10, 90)),
-      helpersTick(random.OneIn(2)) {
+    : Scene(simulation, seed), budget(random.Between(10, 90)), helpersTick(random.OneIn(2)) {
     if (random.OneIn(4))
         neighbour = std::make_unique<Neighbour>(witness, seed * 17 + 11);
     RouteReference::isShared = neighbour != nullptr;
-    program = this;
     present = nullptr;
-    LabLog::longestStall = random.OneIn(4) ? static_cast<Time>(random.Between(1, 2000)) * MILLISECOND : 0;
-    ConnInterfaceString.clear();
-    RouteReference::path.clear();
-    Edge::Begin();
-    Wire::Reset();
-    Wire::broker = &broker;
-    Wire::onPublish = nullptr;
-    Wire::isAttended = [](const std::string&) { return false; };
     Wire::onMessage = [](const std::string& whose, const Packet& message) {
         if (present != nullptr && whose.find(Neighbour::SUFFIX) == std::string::npos)
             present->Handed(message.topic, message.payload);
     };
-    Wire::lastId = 0;
-    broker.PassOn();
     witness.onEffect = [this](Call& call, const Effect& effect) {
         if (Neighbour::IsAtWork(sim))
             return;
@@ -102,19 +56,10 @@ ClientProgram::ClientProgram(Simulation& simulation, std::uint64_t seed)
             sim.Fail("without a client it does: " + effect.what);
         story->Delivered(effect);
     };
-    sim.LetThreadsTell();
-    sim.SetSurroundings(&broker);
-    sim.SetJumpListener([this](Time by) {
-        Wire::Jumped(by);
-        witness.Jumped(by);
-    });
 }
 
 ClientProgram::~ClientProgram() {
-    Wire::broker = nullptr;
     Wire::onMessage = nullptr;
-    LabLog::taker = nullptr;
-    program = nullptr;
     present = nullptr;
 }
 
@@ -433,12 +378,3 @@ void ClientProgram::Called(const std::string& what, bool isConfirmation) {
 }
 
 } // namespace OrvLab
-
-namespace OrvPlatform {
-
-const GatewayConfig& Config() {
-    const OrvLab::Unwatched unwatched;
-    return OrvLab::Settings(OrvLab::Neighbour::IsAtWork(*OrvLab::Simulation::Current()));
-}
-
-} // namespace OrvPlatform

@@ -3,15 +3,9 @@
 
 #include "OrvStackSdk/IOrvStackClient.h"
 #include "OrvStackSdk/IOrvStackClientHandler.h"
-#include "broker/ScriptedBroker.h"
 #include "client/Neighbour.h"
-#include "client/SimulatedConnman.h"
-#include "client/SimulatedFiles.h"
-#include "client/SimulatedTransfers.h"
+#include "client/Scene.h"
 #include "client/Story.h"
-#include "client/Witness.h"
-#include "sim/Random.h"
-#include "sim/Simulation.h"
 
 #include <cstdint>
 #include <functional>
@@ -43,7 +37,7 @@ private:
 /// An application at random, on a gateway with moods: one thread that makes all calls, others that report events and
 /// tick, a broker, a connection manager, a cloud, and somebody else in the folder of the status files. At the end all
 /// is well, and everything that is owed is collected.
-class ClientProgram {
+class ClientProgram : public Scene {
 public:
     ClientProgram(Simulation& simulation, std::uint64_t seed);
     ~ClientProgram();
@@ -53,12 +47,9 @@ public:
     void Run();
     void Called(const std::string& what, bool isConfirmation);
 
-    Simulation& sim;
-
 private:
     using Client = std::shared_ptr<OrvStackSdk::IOrvStackClient>;
 
-    static void DrawNames(std::uint64_t seed);
     void ApplicationThread();
     void HelperThread();
     void GatewayThread();
@@ -94,12 +85,6 @@ private:
     void CheckFiles();
     void CheckEnd(int wills);
 
-    ScriptedBroker broker;
-    Witness witness;
-    SimulatedConnman connman;
-    SimulatedTransfers transfers;
-    SimulatedFiles files;
-    Random random;
     std::unique_ptr<Neighbour> neighbour; // in some courses
 
     std::vector<std::unique_ptr<Story>> stories;

@@ -4,24 +4,12 @@
 #include "client/ClientProgram.h"
 #include "client/Edge.h"
 #include "client/Words.h"
-#include "sim/LabLog.h"
 
 namespace OrvLab {
 
-namespace {
-
-constexpr Time SETTLED = 20 * SECOND;
-
-} // namespace
-
 void ClientProgram::Collect() {
     isCollecting = true;
-    LabLog::longestStall = 0;
-    sim.DisableStalls();
-    broker.Heal();
-    connman.Heal();
-    files.Heal();
-    sim.Sleep(SETTLED);
+    Heal();
     AwaitQuiet();
     if (!client)
         Create();
@@ -176,14 +164,9 @@ void ClientProgram::CheckEnd(int wills) {
     if (broker.WillsOf(story->session) != wills)
         sim.Fail("the broker has announced the end " + std::to_string(broker.WillsOf(story->session)) + " times, not " +
                  std::to_string(wills));
-    if (!story->isGone || Edge::LivingOwners() + Edge::LivingOwnersOfOthers() != 0)
+    if (!story->isGone)
         sim.Fail("the client is not gone");
-    if (sim.ThreadsAlive() != 1)
-        sim.Fail("a thread is left");
-    if (Wire::Clients() != 0)
-        sim.Fail("a client of the broker's library is left");
-    if (Descriptors::Of().Count() != 0)
-        sim.Fail("a descriptor is left");
+    CheckNothingIsLeft();
 }
 
 } // namespace OrvLab

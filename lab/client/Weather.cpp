@@ -7,32 +7,12 @@
 namespace OrvLab {
 
 void ClientProgram::GatewayThread() {
-    using Behaviour = ScriptedBroker::Behaviour;
-    constexpr Behaviour BEHAVIOURS[] = {Behaviour::HEALTHY, Behaviour::FLAKY, Behaviour::REFUSING, Behaviour::FROZEN,
-                                        Behaviour::DOWN};
     while (threadsLeft > 0) {
         sim.Sleep(static_cast<Time>(random.Below(random.OneIn(3) ? 5000 : 400)) * MILLISECOND);
-        switch (random.Weighted({10, 2, 1, 1, 3, 3})) {
-        case 0:
+        if (random.OneIn(2))
             SendAtRandom();
-            break;
-        case 1:
-            broker.SetBehaviour(BEHAVIOURS[random.Weighted({6, 3, 1, 1, 1})]);
-            break;
-        case 2:
-            broker.DropAll();
-            break;
-        case 3:
-            broker.Restart();
-            break;
-        case 4:
-            connman.Change();
-            break;
-        default:
-            files.Meddle();
-            Edge::wallClockAhead += static_cast<Time>(random.Between(-100, 100)) * SECOND;
-            break;
-        }
+        else
+            TroubleAtRandom();
     }
 }
 

@@ -24,24 +24,39 @@ int& Holder(pthread_mutex_t* mutex) {
     return mutex->__data.__owner;
 }
 
+/// Such a lock is made to be held while anything is done. So it does not count as one.
+bool IsRecursive(const pthread_mutex_t* mutex) {
+    return mutex->__data.__kind == PTHREAD_MUTEX_RECURSIVE_NP;
+}
+
 void Lock(Simulation& simulation, pthread_mutex_t* mutex) {
     simulation.Step("lock");
     int& holder = Holder(mutex);
-    if (holder == simulation.Self().number)
-        simulation.Fail("locks what it has locked already");
+    if (holder == simulation.Self().number) {
+        if (!IsRecursive(mutex))
+            simulation.Fail("locks what it has locked already");
+        ++mutex->__data.__count;
+        return;
+    }
     if (holder != 0)
         simulation.Wait("lock", [&] { return holder == 0; });
     holder = simulation.Self().number;
     Races::Acquire(mutex);
-    ++simulation.Self().locks;
+    if (!IsRecursive(mutex))
+        ++simulation.Self().locks;
 }
 
 void Release(Simulation& simulation, pthread_mutex_t* mutex) {
     if (Holder(mutex) != simulation.Self().number)
         simulation.Fail("unlocks what it has not locked");
+    if (IsRecursive(mutex) && mutex->__data.__count > 0) {
+        --mutex->__data.__count;
+        return;
+    }
     Races::Release(mutex);
     Holder(mutex) = 0;
-    --simulation.Self().locks;
+    if (!IsRecursive(mutex))
+        --simulation.Self().locks;
 }
 
 /// @return false when the time was over

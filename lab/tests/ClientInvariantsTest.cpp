@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the explorer of the client library demands, broken on purpose.
 #include "client/Edge.h"
+#include "client/HandleProgram.h"
 #include "client/Story.h"
 #include "client/Witness.h"
 #include "sim/Simulation.h"
 
 #include <functional>
 #include <memory>
+#include <mutex>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -180,6 +183,86 @@ TEST(AnInvariantOfTheClient, LimitsHowLongACallWaits) {
             play.witness.End(call);
         },
         "Stop has waited for ");
+}
+
+/// A callback of a handle in the state that the test gives it.
+void CallBack(const std::function<void(HandleProgram& program, HandleProgram::User& user)>& call) {
+    Simulation simulation(1, false);
+    HandleProgram program(simulation, 3);
+    simulation.Run([&] {
+        HandleProgram::User user;
+        user.program = &program;
+        call(program, user);
+    });
+}
+
+void CallBackFails(const std::function<void(HandleProgram& program, HandleProgram::User& user)>& call,
+                   const char* text) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(CallBack(call), testing::ExitedWithCode(Simulation::FAILED), text);
+}
+
+TEST(AnInvariantOfAHandle, IsMetByACallback) {
+    CallBack([](HandleProgram& program, HandleProgram::User& user) {
+        try {
+            program.Called(user, "probe 1");
+        } catch (const std::runtime_error&) { // as some callbacks do
+        }
+        EXPECT_EQ(user.told, std::vector<std::string>{"probe 1"});
+        EXPECT_EQ(user.callbacks, 0);
+    });
+}
+
+TEST(AnInvariantOfAHandle, LetsNoCallbackBeginBehindTheEnd) {
+    CallBackFails(
+        [](HandleProgram& program, HandleProgram::User& user) {
+            user.isOver = true;
+            program.Called(user, "probe 1");
+        },
+        "a callback begins though orv_client_destroy has returned: probe 1");
+}
+
+TEST(AnInvariantOfAHandle, LetsCallbacksBeginOneAtATime) {
+    CallBackFails(
+        [](HandleProgram& program, HandleProgram::User& user) {
+            user.callbacks = 1;
+            program.Called(user, "probe 1");
+        },
+        "a callback begins while another one runs: probe 1");
+}
+
+TEST(AnInvariantOfAHandle, LetsNoLockBeHeldInACallbackButTheOneThatMayBe) {
+    CallBackFails(
+        [](HandleProgram& program, HandleProgram::User& user) {
+            std::mutex mutex;
+            const std::lock_guard<std::mutex> lock(mutex);
+            program.Called(user, "probe 1");
+        },
+        "a lock is held in a callback: probe 1");
+    CallBack([](HandleProgram& program, HandleProgram::User& user) {
+        std::recursive_mutex mutex;
+        const std::lock_guard<std::recursive_mutex> lock(mutex);
+        try {
+            program.Called(user, "probe 1");
+        } catch (const std::runtime_error&) {
+        }
+    });
+}
+
+TEST(AnInvariantOfAHandle, LetsNoCallbackRunOnBehindTheEnd) {
+    CallBackFails(
+        [](HandleProgram& program, HandleProgram::User& user) {
+            user.callbacks = 1;
+            program.Destroy(user, false);
+        },
+        "a callback runs on though orv_client_destroy has returned");
+}
+
+/// Nothing comes from a broker that nobody has subscribed at.
+TEST(AnInvariantOfAHandle, WantsEachMessageTold) {
+    CallBackFails([](HandleProgram& program,
+                     HandleProgram::User& user) { program.CheckTold(user, "/orv/panel/guid", "4711", "probe 4711"); },
+                  "a message on /orv/panel/guid leads to 0 callbacks, not to probe 4711");
 }
 
 } // namespace OrvLab

@@ -53,6 +53,26 @@ void ForkBesideALock(Simulation& simulation, bool waitsForIt) {
 
 } // namespace
 
+TEST(AnExplorer, LetsARecursiveLockBeTakenAgainByItsThreadAlone) {
+    RunAll([](Simulation& simulation) {
+        std::recursive_mutex mutex;
+        int inside = 0;
+        const auto body = [&] {
+            const std::lock_guard<std::recursive_mutex> outer(mutex);
+            EXPECT_EQ(inside++, 0);
+            {
+                const std::lock_guard<std::recursive_mutex> inner(mutex);
+                simulation.Step("work");
+            }
+            simulation.Step("more work");
+            EXPECT_EQ(--inside, 0);
+        };
+        std::thread other(body);
+        body();
+        other.join();
+    });
+}
+
 TEST(AnExplorer, FindsALockThatAForkedChildInheritsFromAThreadThatItDoesNotHave) {
     FindsFault([](Simulation& simulation) { ForkBesideALock(simulation, false); }, "a forked child cannot go on");
     RunAll([](Simulation& simulation) { ForkBesideALock(simulation, true); });

@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: Apache-2.0
+#pragma once
+
+#include "OrvStackSdk/C.h"
+#include "client/Scene.h"
+#include "sim/Simulation.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace OrvLab {
+
+/// Applications in C: one or two threads, each with one handle after the other, others that report events and tick,
+/// and callbacks that call everything which they may, the handle's end too. What is demanded is what the handle adds to
+/// the client: when callbacks end, what is answered, and that nothing of a handle is left.
+class HandleProgram final : public Scene {
+public:
+    HandleProgram(Simulation& simulation, std::uint64_t seed);
+    ~HandleProgram();
+    HandleProgram(const HandleProgram&) = delete;
+    HandleProgram& operator=(const HandleProgram&) = delete;
+
+    void Run();
+
+    /// One handle, and what its callbacks are given.
+    struct User {
+        HandleProgram* program = nullptr;
+        orv_client* client = nullptr; ///< null before its creation, and once its end has begun in a callback
+        std::string app;
+        bool isEnding = false;
+        bool isOver = false; ///< the function that ends it has returned
+        int inside = 0;      ///< calls that are under way outside its callbacks
+        int callbacks = 0;   ///< that are under way
+        std::vector<std::string> told;
+    };
+    void Called(User& user, const std::string& what);
+    /// As the header wants it: nobody else is inside, but for a callback, and nobody comes.
+    void Destroy(User& user, bool inCallback);
+    /// While all is well: exactly that is told, once.
+    void CheckTold(User& user, const std::string& topic, const std::string& payload, const std::string& what);
+
+private:
+    void ApplicationThread(int number);
+    void AwaitMessages(User& user);
+    void HelperThread(int number);
+    void GatewayThread();
+    void SendAtRandom();
+    User& Create(int number);
+    bool Init(User& user);
+    void ActAtRandom(User& user, bool inCallback);
+    void RequestAtRandom(User& user, bool inCallback);
+    void Supervise(User& user, bool inCallback);
+    void CallWithNothing();
+    int AnyNumber(unsigned limit);
+    int Ask(User& user, bool inCallback, const char* name, Time limit, const std::function<int(orv_client*)>& call);
+    void Do(User& user, bool inCallback, const char* name, Time limit, const std::function<int(orv_client*)>& call);
+    void DoWith(User& user, bool inCallback, const char* name, bool isValid,
+                const std::function<int(orv_client*)>& call);
+    void Collect();
+
+    std::vector<std::unique_ptr<User>> all;
+    User* present[2] = {nullptr, nullptr};
+    int sides[2] = {0, 0}; // where the threads of the second one stand
+    int threadsLeft = 0;
+    bool isCollecting = false;
+    int budget;
+};
+
+} // namespace OrvLab
