@@ -38,6 +38,7 @@ ClientProgram::ClientProgram(Simulation& simulation, std::uint64_t seed)
         if (present != nullptr && whose.find(Neighbour::SUFFIX) == std::string::npos)
             present->Handed(message.topic, message.payload);
     };
+    Edge::onPublished = [this] { return ReactAtRandom(); };
     witness.onEffect = [this](Call& call, const Effect& effect) {
         if (Neighbour::IsAtWork(sim))
             return;

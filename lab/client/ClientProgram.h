@@ -66,7 +66,9 @@ private:
     void Ask();
     void RequestAtRandom();
     void SendAtRandom();
+    Time ReactAtRandom();
     std::string AnyText();
+    std::string OwnName() const;
     int AnyNumber(unsigned limit);
     /// A call that is watched. Keeps the client alive, so that another thread may release it meanwhile.
     template <typename Body>

@@ -19,6 +19,7 @@
 namespace OrvLab {
 
 Time Edge::wallClockAhead = 0;
+std::function<Time()> Edge::onPublished;
 
 namespace {
 
@@ -86,6 +87,16 @@ auto Asked(const std::string& what, Call call) {
     return result;
 }
 
+template <typename Call>
+int Published(const std::string& what, Call call) {
+    const int status = Asked(what, call);
+    const Time duration = Edge::onPublished ? Edge::onPublished() : 0;
+    if (duration != 0)
+        Witness::Current()->sim.Stall(duration);
+    Witness::Current()->sim.Step("published");
+    return status;
+}
+
 } // namespace
 
 std::string Edge::Record(const std::string& level, const std::string& logger, const std::string& tag,
@@ -97,6 +108,7 @@ void Edge::Begin() {
     Owners().clear();
     LocksAtEdge().clear();
     wallClockAhead = 0;
+    onPublished = nullptr;
     LabLog::taker = Take;
 }
 
@@ -145,6 +157,7 @@ using OrvLab::Edge;
 using OrvLab::Neighbour;
 using OrvLab::OwnerAt;
 using OrvLab::Owners;
+using OrvLab::Published;
 using OrvLab::Simulation;
 using OrvLab::Witness;
 
@@ -227,7 +240,7 @@ bool __wrap__ZN8QUILMQTT10QueueOwner9SubscribeERKNSt7__cxx1112basic_stringIcSt11
 int __wrap__ZN8QUILMQTT10QueueOwner14PublishMessageERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEES8_b(
     void* self, const std::string& topic, const std::string& payload, bool assured) {
     const OrvLab::Unwatched unwatched;
-    return Asked(Edge::Publication(OwnerAt(self), false, assured, topic, payload), [&] {
+    return Published(Edge::Publication(OwnerAt(self), false, assured, topic, payload), [&] {
         return __real__ZN8QUILMQTT10QueueOwner14PublishMessageERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEES8_b(
             self, topic, payload, assured);
     });
@@ -236,7 +249,7 @@ int __wrap__ZN8QUILMQTT10QueueOwner14PublishMessageERKNSt7__cxx1112basic_stringI
 int __wrap__ZN8QUILMQTT10QueueOwner22PublishRetainedMessageERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEES8_b(
     void* self, const std::string& topic, const std::string& payload, bool assured) {
     const OrvLab::Unwatched unwatched;
-    return Asked(Edge::Publication(OwnerAt(self), true, assured, topic, payload), [&] {
+    return Published(Edge::Publication(OwnerAt(self), true, assured, topic, payload), [&] {
         return __real__ZN8QUILMQTT10QueueOwner22PublishRetainedMessageERKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEES8_b(
             self, topic, payload, assured);
     });

@@ -4,6 +4,7 @@
 #include "sim/Simulation.h"
 
 #include <cstddef>
+#include <functional>
 #include <string>
 
 namespace OrvLab {
@@ -20,6 +21,8 @@ struct Edge {
     static void ComesBehindTheThreads();
     /// What the wall clock is off.
     static Time wallClockAhead;
+    /// Asked when a message has been published, before the call that has done it goes on. How long that one is held up.
+    static std::function<Time()> onPublished;
 
     /// @name The witness' words
     /// @{

@@ -63,6 +63,7 @@ Scene::Scene(Simulation& simulation, std::uint64_t seed)
 
 Scene::~Scene() {
     Wire::broker = nullptr;
+    Edge::onPublished = nullptr;
     LabLog::taker = nullptr;
 }
 

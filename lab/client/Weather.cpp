@@ -33,11 +33,15 @@ std::string ClientProgram::AnyText() {
     }
 }
 
+std::string ClientProgram::OwnName() const {
+    const std::string feature = story != nullptr ? story->feature : std::string("app");
+    return feature.substr(0, feature.find('\0')); // no topic holds one
+}
+
 void ClientProgram::SendAtRandom() {
     constexpr const char* WORDS[] = {"reload", "RELOAD", "Enabled", "disabled", "booting",     "ready",
                                      "true",   "UP",     "up",      "false",    "UNSUPPORTED", ""};
-    const std::string feature = story != nullptr ? story->feature : std::string("app");
-    const std::string own = Texts::FEATURES + feature.substr(0, feature.find('\0')); // no topic holds one
+    const std::string own = Texts::FEATURES + OwnName();
     const std::string word = random.OneIn(5) ? AnyText() : WORDS[random.Below(12)];
     std::string topic;
     switch (random.Below(10)) {
@@ -73,6 +77,19 @@ void ClientProgram::SendAtRandom() {
         broker.Publish(own + "/init", "reload", false);
     if (random.OneIn(6))
         broker.Publish(topic, word, false);
+}
+
+/// Another program answers to what has been published, at times before the call that has published it comes back.
+/// @return for how long the call is held up
+Time ClientProgram::ReactAtRandom() {
+    if (isCollecting || threadsLeft == 0 || !random.OneIn(4))
+        return 0;
+    constexpr const char* WORDS[] = {"reload", "reload", "enabled", "disabled"};
+    if (random.OneIn(4))
+        SendAtRandom();
+    else
+        broker.Publish(Texts::FEATURES + OwnName() + "/init", WORDS[random.Below(4)], false);
+    return random.OneIn(2) ? static_cast<Time>(random.Below(40)) * MILLISECOND : 0;
 }
 
 } // namespace OrvLab

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the explorer of the client library demands, broken on purpose.
+#include "broker/Wire.h"
+#include "client/ClientProgram.h"
 #include "client/Edge.h"
 #include "client/HandleProgram.h"
 #include "client/Story.h"
@@ -161,6 +163,60 @@ TEST(AnInvariantOfTheClient, LetsNoMessageBeSkipped) {
             seen(play, "2");
         },
         "message=1");
+}
+
+/// The application has said that it is booting, and that call has not returned yet.
+TEST(AnInvariantOfTheClient, LetsTheNewestStatusDecideAboutAReload) {
+    const auto play = [](Play& play, bool isToldAnyway) {
+        const std::string context = "(topic=/orv/apps_control/features/app/init, message=reload)";
+        auto call = play.witness.Begin(Call::Kind::OTHER, "AppStatusRequest", 0);
+        play.witness.Note(Edge::Record("trace", "OrvStackClient", "AppStatusRequest", "(status=booting)"));
+        play.witness.Note(
+            Edge::Record("trace", "OrvSessionMqtt", "FeatureInitRequest", "(App=app, initState=booting)"));
+        auto& delivery = play.witness.sim.Start("delivery", [&] {
+            play.story.Handed("/orv/apps_control/features/app/init", "reload");
+            play.witness.Note(Edge::Record("trace", "OrvSessionMqtt", "OnPublish",
+                                           context + ": Calling OnFeatureInitIndication(RELOAD)..."));
+            play.witness.Note(Edge::Record(
+                "trace", "OrvStackClient", "OnFeatureInitIndication",
+                isToldAnyway ? "(App=app, initState=RELOAD): Calling OnAppActionIndication(RELOAD)..."
+                             : "(App=app, initState=RELOAD): Rejecting RELOAD request. This application is already in "
+                               "state BOOTING"));
+        });
+        play.witness.sim.Join(delivery);
+    };
+    RunPlay([&](Play& one) { play(one, false); });
+    Fails([&](Play& one) { play(one, true); }, "a RELOAD reaches an application that is booting");
+}
+
+struct Answers {
+    Simulation* simulation = nullptr;
+    Time heldUntil = 0;
+    int count = 0;
+    void (*then)(const std::string& client, const Packet& message) = nullptr;
+};
+Answers answers;
+
+TEST(ACourseOfTheClient, HasAnswersThatArriveBeforeTheCallHasReturned) {
+    answers = {};
+    for (std::uint64_t seed = 0; seed < 40; ++seed) {
+        Simulation simulation(seed, false);
+        answers.simulation = &simulation;
+        answers.heldUntil = 0;
+        ClientProgram program(simulation, seed);
+        answers.then = Wire::onMessage;
+        Wire::onMessage = [](const std::string& client, const Packet& message) {
+            answers.count += answers.simulation->Now() < answers.heldUntil && message.payload == "reload" ? 1 : 0;
+            answers.then(client, message);
+        };
+        Edge::onPublished = [published = Edge::onPublished, &simulation] {
+            const Time duration = published();
+            answers.heldUntil = simulation.Now() + duration;
+            return duration;
+        };
+        simulation.Run([&] { program.Run(); });
+    }
+    EXPECT_GT(answers.count, 10);
 }
 
 TEST(AnInvariantOfTheClient, WatchesTheOrderOfItsEnd) {
