@@ -505,3 +505,8 @@ def test_a_trial_that_is_resumed_looks_only_at_what_is_not_done(
     (scratch.copy / "lab").mkdir()
     (scratch.copy / "lab" / "judge.py").write_text("# what judges has changed\n")
     assert trial_of_one(Verdict.NOTHING, resume=True) == (1, False)
+    for script in ("script/judge", "script/lib/judge.sh", "testbed/judge"):
+        (scratch.copy / script).parent.mkdir(parents=True, exist_ok=True)
+        (scratch.copy / script).write_text("# a shell script\n")
+        assert trial_of_one(Verdict.NOTHING, resume=True) == (1, False)
+    assert trial_of_one(Verdict.NOTHING, resume=True) == (0, False)

@@ -19,6 +19,8 @@ UNTRIED = Outcome(Verdict.NOT_RUN)
 BROKER = "libs/OrvPlatform/src/broker/"
 CONNMAN = "libs/OrvPlatform/src/connman/"
 LOG = ("libs/OrvPlatform/src/log/", "libs/OrvPlatform/src/config/", "libs/OrvPlatform/src/ProcessWide")
+# What judges beside the programs. Commands without an ending lie in the upper folders.
+SCRIPTS = ("testbed/**/*.py", "testbed/*", "lab/**/*.py", "script/*", "script/lib/*")
 
 
 class Trial:
@@ -46,7 +48,7 @@ class Trial:
         for one in self._instruments:
             self._scratch.keep_sound(one.kept, one.preset)
             self._sound[one] = self._scratch.content(one.made_of, self._scratch.folder(one.preset))
-        self._sources = self._scratch.content(("testbed/**/*.py", "lab/**/*.py"), self._scratch.copy)
+        self._sources = self._scratch.content(SCRIPTS, self._scratch.copy)
         self._scratch.keep_built({one.preset for one in self._instruments} | ({ASAN} if self._tests else set()))
         said = [self._controls(one, one.control) for one in self._instruments]
         passed = {one.name for one, outcome in zip(self._instruments, said) if outcome.verdict is Verdict.NOTHING}

@@ -210,7 +210,8 @@ class Gateway:
 
     def start_connman(self) -> None:
         # One that was killed while Ethernet had no link has left Cellular's default route, beside which the next one cannot set
-        # Ethernet's. Nobody else has made one: IPv6's are the kernel's.
+        # Ethernet's. Only ConnMan makes an IPv4 default route here, so one that is there is its. IPv6's stay: the
+        # kernel makes them.
         succeeds(*self.namespace.command(*"ip -4 route del default dev wwan0".split()))
         # ConnMan waits for the news of an IPv6 address, and there is none of one that was there before the connection. It
         # switches IPv6 on again when it connects.
