@@ -219,8 +219,14 @@ void Application::OnNetworkEvents(const WanInterfaces::Events& events) {
             Report(event);
     }
     // The connection cannot outlive its own address; the kernel would find out only seconds later.
-    if (!cloudInterface.empty() && network.Wan().OwnerOf(cloud.Source()) != cloudInterface)
-        cloud.Reopen("its address " + cloud.Source() + " is gone");
+    const std::string owner = network.Wan().OwnerOf(cloud.Source());
+    if (owner == cloudInterface)
+        return;
+    if (!cloudInterface.empty())
+        return cloud.Reopen("its address " + cloud.Source() + " is gone");
+    // The address was away while the broker answered, and is back.
+    cloudInterface = owner;
+    ShowStatus();
 }
 
 void Application::OnDefaultRoute(const std::string& interface) {

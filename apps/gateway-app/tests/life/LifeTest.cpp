@@ -442,6 +442,14 @@ TEST_F(TheLifeOfTheApplication, SaysAtOnceOverWhatTheLibraryTakesTheCloudToBe) {
     RunUntil(2s);
 }
 
+TEST_F(TheLifeOfTheApplication, SaysOverWhatTheCloudIsReachedWhenTheAddressWasAwayMeanwhile) {
+    At(1s, [&] { around.AddressesBecome("", "198.51.100.2"); });
+    At(1100ms, [&] { around.cloudAnswers("192.0.2.2"); });
+    At(1200ms, [&] { around.AddressesBecome("192.0.2.2", "198.51.100.2"); });
+    InTheStatusFileAt(1700ms, R"("interface":"eth0","family":"IPv4")");
+    RunUntil(2s);
+}
+
 TEST_F(TheLifeOfTheApplicationWithAnOptionsFile, SaysAtOnceThatAReloadHasTakenTheCloudAway) {
     At(1s, [&] {
         Write("");
