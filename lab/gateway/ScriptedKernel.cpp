@@ -192,6 +192,9 @@ void ScriptedKernel::RenameLink(const std::string& name, const std::string& to) 
     found->name = to;
     sim.Trace("    kernel: " + name + " becomes " + to);
     Tell(Bit(RTNLGRP_LINK), MessageOf(*found, false));
+    for (const KernelAddress& own : addresses)
+        if (own.link == found->index && !own.IsSix()) // IPv4's bear the link's name
+            Tell(GroupOf(own), MessageOf(own, false));
 }
 
 void ScriptedKernel::SetUp(const std::string& name, bool up) {

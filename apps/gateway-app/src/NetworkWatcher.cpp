@@ -71,6 +71,8 @@ void NetworkWatcher::ReadNotifications() {
 WanInterfaces::Events NetworkWatcher::Take(const nlmsghdr& message) {
     const std::optional<Link> link = OrvNetlink::ReadLink(message);
     routersMayDiffer = routersMayDiffer || link; // it may be told to drop routes without a word
+    // A link that is given its name keeps its addresses, and the kernel does not tell of IPv6's again.
+    missedSome = missedSome || (link && message.nlmsg_type == RTM_NEWLINK && wan.IsNew(*link));
     if (link)
         return message.nlmsg_type == RTM_NEWLINK ? wan.LinkSeen(*link) : wan.LinkGone(*link);
     if (const std::optional<Address> address = OrvNetlink::ReadAddress(message)) {

@@ -2,6 +2,7 @@
 #include "WanInterfaces.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace GatewayApp {
@@ -147,6 +148,12 @@ WanInterfaces::Events WanInterfaces::State() const {
         events.push_back(interface.ReachesOut() ? interface.gained : interface.lost);
     }
     return events;
+}
+
+bool WanInterfaces::IsNew(const Link& link) const {
+    return std::any_of(std::begin(interfaces), std::end(interfaces), [&](const Interface& interface) {
+        return interface.name == link.name && interface.index != link.index;
+    });
 }
 
 std::string WanInterfaces::OwnerOf(const std::string& address) const {

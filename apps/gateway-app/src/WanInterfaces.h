@@ -51,6 +51,9 @@ public:
     /// Link and address.
     bool Usable(Path path) const { return Of(path).running && HasAddress(path); }
 
+    /// Another link has the name of one of the interfaces now, or the first one.
+    bool IsNew(const OrvNetlink::Link& link) const;
+
     /// The interface that has the address; empty when none of the two has.
     std::string OwnerOf(const std::string& address) const;
 

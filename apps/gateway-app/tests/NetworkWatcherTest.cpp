@@ -98,6 +98,16 @@ TEST_F(ANetworkWithBothFamilies, FindsWhatWasThereBefore) {
     EXPECT_EQ(watcher.DefaultInterface(), "wwan0");
 }
 
+TEST_F(ANetworkWithBothFamilies, KnowsTheAddressesOfALinkThatIsGivenItsName) {
+    ASSERT_TRUE(Ip("addr add 10.12.0.2/24 dev wwan0") && Ip("-6 addr add 2001:db8:12::2/64 dev wwan0 nodad"));
+    if (!Ip("link set wwan0 name old0"))
+        GTEST_SKIP() << "this kernel renames no link that is up";
+    NetworkWatcher watcher(loop, WanInterfaces("eth0", "wwan0"), {[](const Events&) {}, [](const std::string&) {}});
+    ASSERT_TRUE(Ip("link set old0 name wwan0"));
+    for (const char* address : {"10.12.0.2", "2001:db8:12::2"})
+        EXPECT_TRUE(Until([&] { return watcher.Wan().OwnerOf(address) == "wwan0"; })) << address;
+}
+
 TEST_F(ANetworkWithBothFamilies, TellsOfAnAddressThatGoesAlsoWhereTheOtherFamilyStays) {
     int calls = 0;
     NetworkWatcher watcher(loop, WanInterfaces("eth0", "wwan0"),

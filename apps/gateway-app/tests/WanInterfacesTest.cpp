@@ -93,6 +93,14 @@ TEST_F(AGatewayWithEthernet, LosesAnInterfaceThatIsRenamed) {
     EXPECT_EQ(wan.LinkSeen(renamed), gone);
 }
 
+TEST_F(AGatewayWithEthernet, TellsALinkThatIsGivenItsNameFromTheOneThatHasIt) {
+    EXPECT_FALSE(wan.IsNew({2, "eth0", true, false}));
+    EXPECT_TRUE(wan.IsNew({3, "eth0", true, false}));
+    EXPECT_FALSE(wan.IsNew({3, "lan0", true, false}));
+    wan.LinkSeen({2, "lan0", true, false});
+    EXPECT_TRUE(wan.IsNew({2, "eth0", true, false}));
+}
+
 TEST_F(AGatewayWithEthernet, IgnoresOtherInterfaces) {
     EXPECT_EQ(wan.LinkSeen({9, "docker0", true, false}), Events{});
     EXPECT_EQ(wan.AddressSeen(Ip(9, "172.17.0.1")), Events{});
