@@ -150,6 +150,8 @@ void ApplicationModel::AsksWhetherMoved(bool moved, bool toCellular) {
     Wants(life == Life::STARTED, "CloudReconnectNeeded");
     asked = true;
     const Time now = world.sim.Now();
+    const auto state = where ? where() : StackLibrary::State::POKING_CELLULAR;
+    toldOfCellular = moved ? toCellular : toldOfCellular && state >= StackLibrary::State::CELLULAR;
     if (moved) {
         movedAt = now;
         movedTo = toCellular ? "wwan0" : "eth0";
@@ -277,7 +279,8 @@ void ApplicationModel::Reports(OrvEvent event) {
 void ApplicationModel::Welcomed(CloudSocket& socket) {
     NoteKernel();
     open = Connection{socket.source, &socket};
-    changedAt = world.sim.Now();
+    saidConnected = false;
+    changedBefore = std::exchange(changedAt, world.sim.Now());
     owed.push_back(true);
 }
 
@@ -299,25 +302,44 @@ void ApplicationModel::NoteKernel() {
         homelessAt = now;
 }
 
+void ApplicationModel::NoteRoom() {
+    const Time now = world.sim.Now();
+    if (files.full) {
+        statusStale = true;
+        statusAt = now;
+        fullSince = std::min(fullSince, now);
+    } else if (fullSince != NEVER) {
+        roomSince = now;
+        fullFor = now - std::exchange(fullSince, NEVER);
+    }
+}
+
 void ApplicationModel::Closed(const CloudSocket& socket) {
     NoteKernel();
     const Time now = world.sim.Now();
     const bool bad = socket.broken || socket.brokenAt != NEVER || socket.silentFrom != NEVER || socket.hangs;
     const bool homeless = homelessAt != 0 && now - homelessAt < OWN_REASON + Allowance();
     const bool reasons = terminatedAt != NEVER || now - movedAt < OWN_REASON + Allowance() ||
-                         now - routeChangedAt < OWN_REASON + Allowance() || now - reloadedAt < OWN_REASON;
+                         now - routeChangedAt < OWN_REASON + Allowance() || now - reloadedAt < OWN_REASON + Allowance();
     if (!bad && !homeless && !reasons)
         Fail("gives up a connection that is good");
     if (stoppings > 0 && !bad && !saidGoodBye)
         Fail("ends, and does not say good-bye to the cloud");
-    closing = Closing{reasons, bad || homeless};
     open.reset();
+    // It ended in the same moment in which the application read the broker's answer: to that it was an attempt in vain.
+    if (!saidConnected && !owed.empty()) {
+        changedAt = changedBefore;
+        owed.pop_back();
+        return;
+    }
+    closing = Closing{reasons, bad || homeless};
     changedAt = now;
     owed.push_back(false);
 }
 
 void ApplicationModel::Logged(const LabLog::Record& record) {
     efforts.records += std::string(record.level) == "debug" ? 0 : 1;
+    saidConnected = saidConnected || record.text.rfind("connected to the cloud, from ", 0) == 0;
     const std::string ended = "the cloud connection has ended: ";
     if (record.text.rfind(ended, 0) == 0) {
         const bool loss = std::string(record.level) == "warning";
@@ -333,8 +355,8 @@ void ApplicationModel::Logged(const LabLog::Record& record) {
         NoteMove(record.text);
     const Time now = world.sim.Now();
     // The end of a router's lifetime is news to it only when the kernel says so.
-    if (record.text.rfind("the default route is now", 0) == 0)
-        routeHeardAt = now;
+    if (record.text.rfind("the default route is now", 0) == 0 || record.text == "there is no default route")
+        routeHeardAt = restlessAt = now;
     if (record.text.rfind("Ethernet is on probation", 0) == 0) {
         const auto begun = [&](Time one) { return now - one < LONG_MEMORY + Allowance(); };
         if (probation || std::count_if(fails.begin(), fails.end(), begun) < 2)
@@ -398,9 +420,7 @@ void ApplicationModel::Jumps(Time by) {
     NoteKernel();
     if (by < MICROSECOND || life == Life::RELEASED)
         return;
-    statusStale = statusStale || files.full;
-    if (files.full)
-        statusAt = world.sim.Now();
+    NoteRoom();
     if (readies > 0 && world.sim.Now() + by - statusAt > BEAT + Allowance())
         Fail("does not write its status file every ten seconds");
     if (ready && !owed.empty())
@@ -437,10 +457,12 @@ Time ApplicationModel::LongestPause() const {
         return options.tick * MILLISECOND;
     const Time onCellular = world.sim.Now() - movedAt;
     switch (where ? where() : State::POKING_CELLULAR) {
+    case State::CELLULAR:
+        if (!toldOfCellular)
+            return cloud == true ? USUAL_PAUSE : 2 * SECOND;
+        return onCellular < 180 * SECOND ? USUAL_PAUSE : onCellular < 900 * SECOND ? SECOND : 2 * SECOND;
     case State::ETHERNET:
         return cloud == true ? USUAL_PAUSE : 2 * SECOND;
-    case State::CELLULAR:
-        return onCellular < 180 * SECOND ? USUAL_PAUSE : onCellular < 900 * SECOND ? SECOND : 2 * SECOND;
     default:
         return 2 * SECOND;
     }
@@ -479,12 +501,6 @@ void ApplicationModel::CheckProbation() {
 
 void ApplicationModel::CheckCsv() {
     const Time now = world.sim.Now();
-    if (files.full && fullSince == NEVER)
-        fullSince = now;
-    if (!files.full && fullSince != NEVER) {
-        roomSince = now;
-        fullFor = now - std::exchange(fullSince, NEVER);
-    }
     if (!csv || files.full || repairs >= FAST_REPAIRS || files.Text(FakeFiles::CSV) == csv()) {
         csvWrongSince = NEVER;
         return;

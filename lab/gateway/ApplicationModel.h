@@ -88,6 +88,8 @@ public:
     void Replaced(const std::string& path);
     /// Something may have changed in the kernel.
     void NoteKernel();
+    /// There may be room for files, or none any more; the application may be held up meanwhile.
+    void NoteRoom();
     /// @}
 
     bool IsReady() const { return ready; }
@@ -97,6 +99,7 @@ public:
     std::string Connected() const { return open ? Network().OwnerOf(open->source) : std::string(); }
     const std::string& Route() const { return route; }
     bool OnProbation() const { return probation; }
+    Time MovedAt() const { return movedAt; }
     int Probations() const { return probations; }
     bool TicksByTheSituation() const { return options.tick == 0; }
     const Efforts& Done() const { return efforts; }
@@ -163,13 +166,16 @@ private:
     std::optional<bool> asked; // whether the route has moved, since the last tick
     Time movedAt = 0;
     std::string movedTo;
-    int moves[2] = {0, 0}; // that were said, to Ethernet and to Cellular
-    std::string settled;   // whereto the last one led
+    bool toldOfCellular = false; // the library also gets there when the cloud comes back by itself, and does not say so
+    int moves[2] = {0, 0};       // that were said, to Ethernet and to Cellular
+    std::string settled;         // whereto the last one led
     bool followed = true;
     std::vector<Time> fails; // the moves to Cellular
 
     std::optional<Connection> open;
+    bool saidConnected = false; // of that one
     Time changedAt;
+    Time changedBefore = 0;
     std::optional<Closing> closing;
     int losses = 0;
     std::string reason;

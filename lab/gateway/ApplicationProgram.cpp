@@ -237,12 +237,17 @@ void ApplicationProgram::ActOnFiles() {
     case 0:
         return files.Remove(FakeFiles::CSV);
     case 1:
-        files.full = !files.full;
-        return;
+        return SetFull(!files.full);
     default:
         files.Put(FakeFiles::CSV, "another program's");
         return;
     }
+}
+
+void ApplicationProgram::SetFull(bool full) {
+    model.NoteRoom();
+    files.full = full;
+    model.NoteRoom();
 }
 
 /// Ethernet's provider is dead for longer than it takes to move, or Cellular's.
@@ -357,7 +362,7 @@ void ApplicationProgram::Collect() {
     world.resolver.Heal();
     world.cloud.Heal();
     world.faultyFiles = 0;
-    files.full = false;
+    SetFull(false);
     library.broker = StackLibrary::Broker::THERE;
     dead[0] = dead[1] = false;
     weather.Settle();
@@ -367,6 +372,8 @@ void ApplicationProgram::Collect() {
     if (!model.IsReady())
         sim.Fail("has no session with the gateway's broker, and nothing is in its way");
     const bool wanted = model.WantsCloud();
+    if (sim.Now() - model.MovedAt() < RETURNED)
+        sim.Sleep(RETURNED); // a return from probation, whose connection is on its way
     if (model.IsConnected() != wanted)
         sim.Fail(wanted ? "is not connected to the cloud, and nothing is in its way"
                         : "is connected to a cloud that there is none of");

@@ -33,6 +33,7 @@ private:
     void ActOnCloud();
     void ActOnLibrary();
     void ActOnFiles();
+    void SetFull(bool full);
     void Outage();
     void Signal();
     void SendMessage();

@@ -242,7 +242,8 @@ void KernelWeather::Interfere() {
 void KernelWeather::Settle() {
     world.kernel.Heal();
     for (const char* const name : {"eth0", "wwan0"}) {
-        world.kernel.RenameLink("old0", name);
+        if (!givesNamesBack || name == renamed)
+            world.kernel.RenameLink("old0", name);
         if (world.kernel.Link(name) == nullptr)
             world.kernel.AddLink(name, false);
         world.kernel.SetUp(name, true);

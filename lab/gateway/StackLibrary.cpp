@@ -210,6 +210,7 @@ void StackLibrary::Report(OrvEvent event) {
     case OrvEvent::FAILURE:
         break;
     }
+    cloudLostSinceSwitch = cloudLostSinceSwitch || !cloud;
     WriteCsv();
     Order();
 }
@@ -312,13 +313,14 @@ void StackLibrary::MoveOnCellular() {
     } else if (state == State::TO_ETHERNET) {
         if (manager.Top() == "eth0") {
             moved = true;
+            cloudLostSinceSwitch = false;
             stamp = now;
             Enter(State::SETTLE);
         } else if (passed >= SWITCH) {
             manager.Order("eth0");
             Enter(State::ETHERNET);
         }
-    } else if (!cloud || passed >= SETTLE) {
+    } else if (cloudLostSinceSwitch || passed >= SETTLE) {
         told = false;
         Enter(State::ETHERNET);
     }

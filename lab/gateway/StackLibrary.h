@@ -98,6 +98,7 @@ private:
     int pokeSteps = 0;
     bool enabled = false;
     bool cloud = false;
+    bool cloudLostSinceSwitch = false;
     bool ethernetLink = false;
     bool cellularLink = false;
     bool ethernet = false; // has an address

@@ -9,6 +9,7 @@
 
 #include <OrvNetlink/Socket.h>
 #include <linux/rtnetlink.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <csignal>
@@ -70,7 +71,7 @@ struct ApplicationScene {
         world.kernel.Heal();
         world.kernel.AddLink("eth0", false);
         world.kernel.PutAddress({world.kernel.Link("eth0")->index, "192.0.2.10", 24});
-        world.kernel.PutRoute({AF_INET, RT_TABLE_MAIN, 3, world.kernel.Link("eth0")->index, false, "", 0, "192.0.2.1"});
+        RouteBecomes("eth0");
     }
     void Begin() {
         model.Notified("READY=1");
@@ -92,6 +93,7 @@ struct ApplicationScene {
         socket = world.cloud.Connect("198.51.100.1");
         model.Welcomed(*socket);
         since = sim.Now();
+        Log("connected to the cloud, from " + socket->source);
         model.Reports(OrvEvent::CLOUD_CONNECTED);
         model.Notified("STATUS=cloud over eth0");
     }
@@ -101,6 +103,28 @@ struct ApplicationScene {
         model.Logged({"GatewayApp", level, "", "the cloud connection has ended: gone"});
         model.Reports(OrvEvent::CLOUD_DISCONNECTED);
         model.Notified("STATUS=no cloud connection");
+    }
+    void AddCellular() {
+        world.kernel.AddLink("wwan0", false);
+        world.kernel.PutAddress({world.kernel.Link("wwan0")->index, "203.0.113.10", 24});
+    }
+    void TellOfCellular() { model.Reports(OrvEvent::CELLULAR_CONNECTED), model.Reports(OrvEvent::CELLULAR_IP_GAINED); }
+    void RouteBecomes(const std::string& interface) {
+        const unsigned link = world.kernel.Link(interface)->index;
+        const auto routes = world.kernel.Routes();
+        for (const KernelRoute& old : routes)
+            if (old.IsDefault())
+                world.kernel.RemoveRoute(old);
+        world.kernel.PutRoute({AF_INET, RT_TABLE_MAIN, 3, link, false, "", 0, "192.0.2.1"});
+        model.NoteKernel();
+    }
+    void Tick(bool moved = false, bool toCellular = false) { model.Ticks(), model.AsksWhetherMoved(moved, toCellular); }
+    void Log(const std::string& text) { model.Logged({"GatewayApp", "info", "", text}); }
+    /// Until nothing is under way any more.
+    void Settle() {
+        sim.Sleep(6 * SECOND);
+        Tick();
+        model.Jumps(SECOND / 10);
     }
     /// With one thing wrong.
     void WriteStatus(const std::string& right = "", const std::string& wrong = "") {
@@ -410,6 +434,20 @@ TEST(AnInvariantOfTheApplication, WantsEachConnectionAndLossToldOnceAndInOrder) 
         "in another order than it happened");
 }
 
+TEST(AnInvariantOfTheApplication, WantsNoWordOfAConnectionThatEndedBeforeItWasOne) {
+    RunAll<ApplicationScene>([](ApplicationScene& scene) {
+        scene.GetReady();
+        scene.WriteStatus();
+        scene.sim.Sleep(SECOND);
+        const auto socket = scene.world.cloud.Connect("198.51.100.1");
+        scene.model.Welcomed(*socket);
+        socket->Break(ECONNRESET);
+        scene.model.Closed(*socket);
+        scene.Tick();
+        scene.model.Jumps(SECOND / 10);
+    });
+}
+
 TEST(AnInvariantOfTheApplication, TellsALossFromItsOwnClosing) {
     ApplicationFails(
         [](ApplicationScene& scene) {
@@ -554,12 +592,154 @@ TEST(AnInvariantOfTheApplication, WantsAStatusFileThatIsNeverOld) {
         "does not write its status file every ten seconds");
 }
 
+TEST(AnInvariantOfTheApplication, WantsEachMoveOfTheRouteSaidOnceAndTruly) {
+    const std::string toCellular = "the WAN route has moved from Ethernet (eth0) to Cellular (wwan0): a poke succeeded";
+    const std::string toEthernet = "the WAN route has moved from Cellular (wwan0) to Ethernet (eth0): a poke succeeded";
+    RunAll<ApplicationScene>([&](ApplicationScene& scene) {
+        scene.GetReady();
+        scene.Log(toCellular), scene.Log(toEthernet);
+        scene.Settle();
+    });
+    RunAll<ApplicationScene>([&](ApplicationScene& scene) {
+        scene.GetReady();
+        scene.Log(toCellular + "; the kernel's default route still leads elsewhere");
+        scene.Settle();
+    });
+    const char* const none = "says a move of the route that there was none of";
+    ApplicationFails([&](ApplicationScene& scene) { scene.GetReady(), scene.Log(toCellular), scene.Log(toCellular); },
+                     none);
+    ApplicationFails(
+        [](ApplicationScene& scene) {
+            scene.GetReady(), scene.Log("the WAN route has moved from Cellular (wwan0) to Cellular (wwan0): a poke");
+        },
+        none);
+    ApplicationFails([&](ApplicationScene& scene) { scene.GetReady(), scene.Log(toCellular), scene.Settle(); },
+                     "has not said that the route has moved to eth0");
+    ApplicationFails(
+        [&](ApplicationScene& scene) {
+            scene.GetReady(), scene.Log(toCellular), scene.Log(toEthernet), scene.WriteStatus();
+            scene.model.Jumps(SECOND / 10);
+        },
+        "counters.fail_overs");
+}
+
+TEST(AnInvariantOfTheApplication, WantsTheConnectionToFollowTheRouteWithItsKeepAlive) {
+    const auto connected = [](ApplicationScene& scene, int keepAlive) {
+        scene.AddCellular();
+        scene.GetReady(), scene.TellOfCellular(), scene.GetConnected();
+        scene.model.fourOnly = true;
+        scene.socket->SetOption(TCP_KEEPIDLE, keepAlive);
+    };
+    const auto moving = [](ApplicationScene& scene) {
+        scene.RouteBecomes("wwan0");
+        scene.Tick(true, true);
+    };
+    RunAll<ApplicationScene>([&](ApplicationScene& scene) {
+        connected(scene, 1), moving(scene);
+        scene.Lose("info");
+        scene.world.cloud.sourceOf = [](bool) { return "203.0.113.10"; };
+        scene.GetConnected();
+        scene.model.Notified("STATUS=cloud over wwan0");
+        scene.socket->SetOption(TCP_KEEPIDLE, 30);
+        scene.Settle();
+    });
+    ApplicationFails([&](ApplicationScene& scene) { connected(scene, 30), scene.Settle(); },
+                     "asks for a sign of life every 30 s and not every 1");
+    ApplicationFails(
+        [&](ApplicationScene& scene) {
+            connected(scene, 1), moving(scene);
+            scene.socket->SetOption(TCP_KEEPIDLE, 30);
+            scene.Settle();
+        },
+        "stays connected over eth0 behind a move");
+    ApplicationFails(
+        [&](ApplicationScene& scene) {
+            connected(scene, 1);
+            scene.model.fourOnly = false; // the other family's route may lead elsewhere
+            moving(scene), scene.Settle();
+        },
+        "asks for a sign of life every 1 s and not every 30");
+}
+
+TEST(AnInvariantOfTheApplication, WantsTheTicksOfTheSituation) {
+    using State = StackLibrary::State;
+    const auto on = [](State state, bool told) {
+        return [=](ApplicationScene& scene) {
+            scene.AddCellular();
+            scene.GetReady(), scene.TellOfCellular();
+            scene.model.where = [=] { return state; };
+            scene.Tick(told, told), scene.sim.Sleep(7 * SECOND);
+            scene.Tick(), scene.sim.Sleep(SECOND);
+            scene.model.Jumps(SECOND);
+        };
+    };
+    RunAll<ApplicationScene>(on(State::ETHERNET, false));
+    RunAll<ApplicationScene>(on(State::CELLULAR, false)); // of which nobody has told it
+    ApplicationFails(on(State::CELLULAR, true), "does not tick");
+}
+
+TEST(AnInvariantOfTheApplication, WantsTheLibrarysFilePutRight) {
+    const auto foreign = [](ApplicationScene& scene) {
+        scene.model.csv = [] { return "the library's"; };
+        scene.GetReady();
+        scene.files.Put(FakeFiles::CSV, "another program's");
+        scene.model.CsvIsTouched();
+        scene.model.Jumps(SECOND / 10);
+    };
+    const auto later = [](ApplicationScene& scene, Time time) {
+        scene.sim.Sleep(time), scene.Tick(), scene.model.Jumps(SECOND / 10);
+    };
+    const char* const left = "leaves the client library's status file as another program has written it";
+    RunAll<ApplicationScene>([&](ApplicationScene& scene) {
+        foreign(scene), later(scene, SECOND / 2);
+        scene.files.Put(FakeFiles::CSV, "the library's");
+        later(scene, 2 * SECOND);
+        // What finds no room is tried again as much later as there was none.
+        scene.files.Put(FakeFiles::CSV, "another program's");
+        scene.files.full = true;
+        later(scene, SECOND), later(scene, 3 * SECOND);
+        scene.files.full = false;
+        later(scene, SECOND / 10), later(scene, 2 * SECOND);
+    });
+    ApplicationFails([&](ApplicationScene& scene) { foreign(scene), later(scene, 2 * SECOND); }, left);
+    ApplicationFails(
+        [&](ApplicationScene& scene) {
+            foreign(scene);
+            scene.files.full = true;
+            later(scene, SECOND);
+            scene.files.full = false;
+            later(scene, SECOND / 10), later(scene, 4 * SECOND);
+        },
+        left);
+}
+
+TEST(AnInvariantOfTheApplication, LetsNoProbationOutliveCellular) {
+    const auto onProbation = [](ApplicationScene& scene) {
+        scene.AddCellular();
+        scene.GetReady(), scene.TellOfCellular();
+        scene.Tick(true, true), scene.sim.Sleep(SECOND), scene.Tick(true, true);
+        scene.model.Logged({"GatewayApp", "warning", "", "Ethernet is on probation: again"});
+        scene.model.Reports(OrvEvent::ETHERNET_IP_LOST);
+        scene.model.Notified("STATUS=no cloud connection, Ethernet on probation");
+        scene.model.Jumps(SECOND / 10);
+        scene.world.kernel.RemoveAddress({scene.world.kernel.Link("wwan0")->index, "203.0.113.10", 24});
+        scene.model.Reports(OrvEvent::CELLULAR_IP_LOST);
+    };
+    RunAll<ApplicationScene>([&](ApplicationScene& scene) {
+        onProbation(scene);
+        scene.Log("Ethernet's probation is over: there is no Cellular");
+        scene.model.Reports(OrvEvent::ETHERNET_IP_GAINED);
+        scene.model.Notified("STATUS=no cloud connection");
+        scene.model.Jumps(SECOND / 10);
+    });
+    ApplicationFails([&](ApplicationScene& scene) { onProbation(scene), scene.model.Jumps(SECOND / 10); },
+                     "keeps an Ethernet on probation, and there is no Cellular");
+}
+
 TEST(AnInvariantOfTheApplication, PutsAnEthernetOnProbationThatFailsAgainAndNoOther) {
     const auto failing = [](ApplicationScene& scene, int times) {
-        scene.world.kernel.AddLink("wwan0", false);
-        scene.world.kernel.PutAddress({scene.world.kernel.Link("wwan0")->index, "203.0.113.10", 24});
-        scene.GetReady();
-        scene.model.Reports(OrvEvent::CELLULAR_CONNECTED), scene.model.Reports(OrvEvent::CELLULAR_IP_GAINED);
+        scene.AddCellular();
+        scene.GetReady(), scene.TellOfCellular();
         for (int time = 0; time < times; ++time) {
             scene.model.Ticks(), scene.model.AsksWhetherMoved(true, true);
             scene.sim.Sleep(SECOND);
