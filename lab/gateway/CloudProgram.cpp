@@ -302,6 +302,8 @@ void CloudProgram::End() {
     static_cast<void>(asked);
     if (sim.ThreadsAlive() != 1)
         sim.Fail("a thread is left");
+    for (Simulation::Thread* thread : started)
+        sim.Join(*thread); // they have used the mailbox
     Watch([&] { tasks.reset(); });
     if (CloudDialer::Helpers() != 0)
         sim.Fail(std::to_string(CloudDialer::Helpers()) + " look-ups are counted, and none is under way");
