@@ -35,6 +35,7 @@ void Application::OnRouteMoved() {
     moves.OrderedByLibrary(path, Now());
     FollowMoves();
     rhythm.RouteHasMoved(toCellular, Now());
+    contradiction.LibraryHasMoved(Now());
     pokeExplainer.RouteHasMoved(toCellular);
     // Before the next tick, which would begin a poke over Ethernet.
     ethernetGuard.RouteHasMoved(toCellular);

@@ -49,6 +49,11 @@ RouteContradiction::Step RouteContradiction::Observe(const std::string& kernel, 
     return Step::NONE;
 }
 
+void RouteContradiction::LibraryHasMoved(Time now) {
+    Enter(State::WATCHING, now);
+    contradicts = false;
+}
+
 void RouteContradiction::Enter(State next, Time now) {
     state = next;
     since = now;

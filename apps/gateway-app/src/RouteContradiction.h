@@ -25,6 +25,9 @@ public:
     /// @param top the connection manager's; empty while it is not known
     Step Observe(const std::string& kernel, const std::string& top, Time now);
 
+    /// The client library has moved the route: its order stands, and nothing is restored over it.
+    void LibraryHasMoved(Time now);
+
     /// The interface that the connection manager had on top when the contradiction was found.
     const std::string& WanTop() const { return wanted; }
 

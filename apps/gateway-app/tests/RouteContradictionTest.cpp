@@ -50,6 +50,12 @@ TEST_F(ADefaultRoute, HasTheOrderBackAsSoonAsTheChangeShows) {
     EXPECT_EQ(Within(1h, "eth0", "eth0"), Step::NONE);
 }
 
+TEST_F(ADefaultRoute, KeepsAnOrderThatTheLibraryHasGivenMeanwhile) {
+    BeReplaced();
+    route.LibraryHasMoved(now);
+    EXPECT_EQ(Within(1h, "wwan0", "wwan0"), Step::NONE);
+}
+
 TEST_F(ADefaultRoute, HasTheOrderBackAlsoWhenTheChangeDoesNotShow) {
     BeReplaced();
     EXPECT_EQ(Within(3s, "wwan0", "eth0"), Step::RESTORE_ORDER);
