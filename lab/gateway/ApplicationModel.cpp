@@ -190,6 +190,8 @@ void ApplicationModel::Says(AppStatus status) {
             Fail("says what its state is, and it has not changed");
         owesBooting = false;
         booting = status == AppStatus::BOOTING;
+        if (!booting)
+            optionsAt = world.sim.Now(); // from when on the new ones count
         return;
     }
     if (status != AppStatus::READY)
