@@ -29,6 +29,7 @@ public:
     SimulatedBus bus;
 
 private:
+    friend struct SettledCourse; // of the tests
     class WatchedCall;
     using Servers = std::vector<std::string>;
 
