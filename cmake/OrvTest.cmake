@@ -15,19 +15,33 @@
 find_package(GTest REQUIRED)
 include(GoogleTest)
 
-# Half of the time in which a test is compiled goes into the same few headers. A compiler cache saves more, also between
-# folders, but has its troubles with precompiled ones; and the build for another processor shows whether each source
-# includes what it uses.
+# Half of the time in which a test is compiled goes into the same few headers, so several sources are compiled together, and
+# those headers once for all. A compiler cache saves more, also between folders, and wants each source by itself: that is
+# the build that shows whether each source includes what it uses.
+set(one_by_one OFF)
+if(ORV_CCACHE AND NOT DEFINED ENV{CCACHE_DISABLE})
+  set(one_by_one ON)
+endif()
 set(precompile ON)
-if(CMAKE_CROSSCOMPILING OR (ORV_CCACHE AND NOT DEFINED ENV{CCACHE_DISABLE}))
+if(one_by_one OR CMAKE_CROSSCOMPILING)
   set(precompile OFF)
 endif()
+set(join ON)
+if(one_by_one)
+  set(join OFF)
+endif()
 option(ORV_PRECOMPILE_TEST_HEADERS "Compile what most tests include once for all of them" ${precompile})
+option(ORV_JOIN_TEST_SOURCES "Compile several sources of a test program together" ${join})
+set(CMAKE_UNITY_BUILD_BATCH_SIZE 10)
 
 add_custom_target(covering)
 
 # orv_compile_as_test(TARGET)
 function(orv_compile_as_test target)
+  set_target_properties(${target} PROPERTIES UNITY_BUILD ${ORV_JOIN_TEST_SOURCES})
+  if(ORV_JOIN_TEST_SOURCES AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    target_compile_options(${target} PRIVATE -Wno-subobject-linkage) # which takes sources for headers then
+  endif()
   # gtest's macros are not written for this one.
   target_compile_options(${target} PRIVATE -Wno-sign-conversion)
   if(ORV_SANITIZE)
@@ -38,6 +52,15 @@ function(orv_compile_as_test target)
     # Neither ThreadSanitizer nor qemu's user emulation lets a forked child start threads.
     target_compile_definitions(${target} PRIVATE ORV_NO_THREADS_AFTER_FORK)
   endif()
+endfunction()
+
+# orv_compile_alone(SOURCE...)
+#   For sources of this folder that use a name for something else than another source of the same program does.
+function(orv_compile_alone)
+  if(NOT ARGN)
+    return()
+  endif()
+  set_source_files_properties(${ARGN} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
 endfunction()
 
 if(ORV_PRECOMPILE_TEST_HEADERS)
@@ -92,6 +115,9 @@ function(orv_add_test name)
   if(ARG_WRITES_VAR_TMP)
     list(APPEND ARG_SOURCES ${PROJECT_SOURCE_DIR}/libs/OrvStackSdk/tests/support/PrivateVarTmp.cpp)
   endif()
+  set(tested ${ARG_SOURCES})
+  list(FILTER tested INCLUDE REGEX "/src/[^/]+$")
+  orv_compile_alone(${tested})
   if(NOT ORV_TEST_PROGRAMS)
     add_executable(${name} EXCLUDE_FROM_ALL ${ARG_SOURCES})
   else()
