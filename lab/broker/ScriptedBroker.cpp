@@ -318,7 +318,7 @@ void ScriptedBroker::ApplyFate(Connection& connection) {
         connection.closing = true;
         break;
     case Connection::Fate::NONSENSE:
-        Reply(connection, Plain(Packet::Type::GARBAGE));
+        Reply(connection, Plain(Packet::Type::MALFORMED));
         break;
     case Connection::Fate::MUTE_LATER:
         connection.fate = Connection::Fate::MUTE;

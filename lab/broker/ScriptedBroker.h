@@ -27,7 +27,7 @@ struct Packet {
         PINGRESP,
         DISCONNECT,
         HALF,
-        GARBAGE
+        MALFORMED
     };
 
     Type type = Type::PINGREQ;

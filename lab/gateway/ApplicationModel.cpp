@@ -42,9 +42,9 @@ std::string PathOf(const std::string& interface) {
 
 ApplicationModel::ApplicationModel(World& its, FakeFiles& itsFiles, int applicationThread)
     : world(its), files(itsFiles), thread(applicationThread), changedAt(its.sim.Now()) {
-    world.onWelcome = [this](CloudSocket& socket) { Welcomed(socket); };
+    world.onConnack = [this](CloudSocket& socket) { ConnackRead(socket); };
     world.onClosed = [this](const CloudSocket& socket) { Closed(socket); };
-    world.onGoodBye = [this] { SaysGoodBye(); };
+    world.onDisconnect = [this] { SendsDisconnect(); };
     world.onNotify = [this](const std::string& message) { Notified(message); };
     world.onSignal = [this](int number) { TakesSignal(number); };
     files.onReplaced = [this](const std::string& path) { Replaced(path); };
@@ -93,24 +93,24 @@ void ApplicationModel::OnItsThread(const char* call) {
         Fail(std::string(call) + " under a lock");
 }
 
-void ApplicationModel::Wants(bool right, const char* call) {
+void ApplicationModel::Require(bool right, const char* call) {
     OnItsThread(call);
     if (!right)
         Fail(std::string(call) + " out of its order");
 }
 
 void ApplicationModel::Created(bool made) {
-    Wants(life == Life::NONE, "CreateClient");
+    Require(life == Life::NONE, "CreateClient");
     life = made ? Life::CREATED : Life::NONE;
 }
 
 void ApplicationModel::HandlerSet() {
-    Wants(life == Life::CREATED, "SetHandler");
+    Require(life == Life::CREATED, "SetHandler");
     life = Life::WITH_HANDLER;
 }
 
 void ApplicationModel::Inits(const std::string& name) {
-    Wants(life == Life::WITH_HANDLER, "Init");
+    Require(life == Life::WITH_HANDLER, "Init");
     if (name != "gateway-app")
         Fail("its name is " + name);
 }
@@ -121,7 +121,7 @@ void ApplicationModel::Confirmed(bool accepted) {
 }
 
 void ApplicationModel::Starts() {
-    Wants(life == Life::CONFIRMED, "Start");
+    Require(life == Life::CONFIRMED, "Start");
     life = Life::STARTED;
     initial = true;
     hostChanged = false;
@@ -129,7 +129,7 @@ void ApplicationModel::Starts() {
 }
 
 void ApplicationModel::Ticks() {
-    Wants(life == Life::STARTED && ready, "Tick");
+    Require(life == Life::STARTED && ready, "Tick");
     if (asked.has_value() && !*asked)
         Fail("has not asked after a tick whether the route has moved");
     asked = false;
@@ -147,7 +147,7 @@ void ApplicationModel::Ticks() {
 }
 
 void ApplicationModel::AsksWhetherMoved(bool moved, bool toCellular) {
-    Wants(life == Life::STARTED, "CloudReconnectNeeded");
+    Require(life == Life::STARTED, "CloudReconnectNeeded");
     asked = true;
     const Time now = world.sim.Now();
     const auto state = where ? where() : StackLibrary::State::POKING_CELLULAR;
@@ -163,7 +163,7 @@ void ApplicationModel::AsksWhetherMoved(bool moved, bool toCellular) {
 }
 
 void ApplicationModel::Stops() {
-    Wants(life >= Life::CREATED && life <= Life::STARTED, "Stop");
+    Require(life >= Life::CREATED && life <= Life::STARTED, "Stop");
     if (terminatedAt == NEVER)
         Fail("stops, and nobody has told it to");
     if (life == Life::STARTED && !owed.empty())
@@ -174,17 +174,17 @@ void ApplicationModel::Stops() {
 }
 
 void ApplicationModel::DeInits() {
-    Wants(life == Life::STOPPED, "DeInit");
+    Require(life == Life::STOPPED, "DeInit");
     life = Life::ENDED;
 }
 
 void ApplicationModel::Released() {
-    Wants(life == Life::ENDED, "the release of the client");
+    Require(life == Life::ENDED, "the release of the client");
     life = Life::RELEASED;
 }
 
 void ApplicationModel::Says(AppStatus status) {
-    Wants(life == Life::STARTED, "AppStatusRequest");
+    Require(life == Life::STARTED, "AppStatusRequest");
     if (!initial) {
         if (status == AppStatus::BOOTING ? !owesBooting : status != AppStatus::READY || !booting)
             Fail("says what its state is, and it has not changed");
@@ -232,7 +232,7 @@ void ApplicationModel::TakeCloud(bool connected) {
 }
 
 void ApplicationModel::Reports(OrvEvent event) {
-    Wants(life == Life::STARTED, "EventUpdateRequest");
+    Require(life == Life::STARTED, "EventUpdateRequest");
     restlessAt = world.sim.Now();
     ++efforts.events;
     switch (event) {
@@ -278,7 +278,7 @@ void ApplicationModel::Reports(OrvEvent event) {
 
 // What is seen of it from outside
 
-void ApplicationModel::Welcomed(CloudSocket& socket) {
+void ApplicationModel::ConnackRead(CloudSocket& socket) {
     NoteKernel();
     open = Connection{socket.source, &socket};
     saidConnected = false;
@@ -325,7 +325,7 @@ void ApplicationModel::Closed(const CloudSocket& socket) {
                          now - routeChangedAt < OWN_REASON + Allowance() || now - reloadedAt < OWN_REASON + Allowance();
     if (!bad && !homeless && !reasons)
         Fail("gives up a connection that is good");
-    if (stoppings > 0 && !bad && !saidGoodBye)
+    if (stoppings > 0 && !bad && !sentDisconnect)
         Fail("ends, and does not say good-bye to the cloud");
     open.reset();
     // It ended in the same moment in which the application read the broker's answer: to that it was an attempt in vain.
@@ -418,7 +418,7 @@ void ApplicationModel::Notified(const std::string& message) {
 
 // What follows
 
-void ApplicationModel::Jumps(Time by) {
+void ApplicationModel::TimeHasAdvanced(Time by) {
     NoteKernel();
     if (by < MICROSECOND || life == Life::RELEASED)
         return;

@@ -58,7 +58,7 @@ public:
     /// Its function has come back.
     void Returns();
     /// The clock jumps while the loop waits for events.
-    void Jumps(Time by);
+    void TimeHasAdvanced(Time by);
     /// @}
 
     /// @name What it tells the client library
@@ -79,9 +79,9 @@ public:
 
     /// @name What is seen of it from outside
     /// @{
-    void Welcomed(CloudSocket& socket);
+    void ConnackRead(CloudSocket& socket);
     void Closed(const CloudSocket& socket);
-    void SaysGoodBye() { saidGoodBye = true; }
+    void SendsDisconnect() { sentDisconnect = true; }
     void TakesSignal(int number);
     void Notified(const std::string& message);
     void Logged(const LabLog::Record& record);
@@ -119,7 +119,7 @@ private:
     };
 
     void OnItsThread(const char* call);
-    void Wants(bool right, const char* call);
+    void Require(bool right, const char* call);
     void TakeCloud(bool connected);
     void Take(std::optional<bool>& told, bool now, const char* what);
     void CheckTold();
@@ -179,7 +179,7 @@ private:
     std::optional<Closing> closing;
     int losses = 0;
     std::string reason;
-    bool saidGoodBye = false;
+    bool sentDisconnect = false;
     bool probation = false;
     bool owesProbation = false;
     Time probationAt = 0; // began or ended

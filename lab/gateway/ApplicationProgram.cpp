@@ -48,7 +48,7 @@ ApplicationProgram::ApplicationProgram(Simulation& simulation, std::uint64_t see
     const unsigned set = random.Below(3);
     world.resolver.SetAddresses(sets[set]);
     model.fourOnly = set < 2;
-    world.cloud.SetGloom(random.OneIn(2) ? 0 : random.Below(6));
+    world.cloud.SetShareOfTrouble(random.OneIn(2) ? 0 : random.Below(6));
     world.cloud.sourceOf = [this](bool six) { return DefaultSource(six); };
     world.cloud.isDead = [this](const std::string& source) { return IsDead(source); };
     world.faultyFiles = random.OneIn(6) ? 3 : 0;
@@ -75,7 +75,7 @@ ApplicationProgram::ApplicationProgram(Simulation& simulation, std::uint64_t see
         if (over || !IsIdle(sim, sim.Find(mainThread), "epoll_wait"))
             return;
         reloading = false;
-        model.Jumps(by);
+        model.TimeHasAdvanced(by);
     });
     sim.SetStartListener([this] { return quiet || !random.OneIn(refusals); });
 }

@@ -215,7 +215,7 @@ void CloudModel::Introduces(CloudSocket& socket) {
             standing = open;
 }
 
-void CloudModel::Jumps() {
+void CloudModel::TimeHasAdvanced() {
     NoteLookUps();
     const Time now = world.sim.Now();
     if (phase == Phase::ATTEMPT && now - since > ATTEMPT + Allowance())

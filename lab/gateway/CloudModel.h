@@ -38,7 +38,7 @@ public:
     void Dials(const std::string& address);
     void Greets(CloudSocket& socket);
     void Introduces(CloudSocket& socket);
-    void Jumps();
+    void TimeHasAdvanced();
     /// @}
 
     bool IsConnected() const { return phase == Phase::CONNECTED; }

@@ -33,7 +33,7 @@ CloudProgram::CloudProgram(Simulation& simulation, std::uint64_t seed)
         {"2001:db8::1", "2001:db8::2", "198.51.100.1", "198.51.100.2"},
     };
     world.resolver.SetAddresses(sets[random.Below(4)]);
-    world.cloud.SetGloom(random.Below(9));
+    world.cloud.SetShareOfTrouble(random.Below(9));
     world.faultyFiles = random.OneIn(4) ? 3 : 0;
     refusals = random.OneIn(3) ? static_cast<unsigned>(random.Between(1, 4)) : 0;
     sixIsDetour = random.OneIn(3);
@@ -42,8 +42,8 @@ CloudProgram::CloudProgram(Simulation& simulation, std::uint64_t seed)
     sim.SetJumpListener([this](Time /*by*/) {
         if (!loop || !IsLoopIdle())
             return;
-        model.Jumps();
-        tasks->Jumps();
+        model.TimeHasAdvanced();
+        tasks->TimeHasAdvanced();
     });
     sim.SetStartListener([this] {
         const bool may = quiet || !random.OneIn(refusals);

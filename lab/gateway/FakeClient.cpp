@@ -137,8 +137,8 @@ int Hear(mosquitto* client, Said said) {
     case Said::REFUSED:
         client->answered = true;
         client->welcome = said == Said::ACCEPTED;
-        if (const World* const world = World::Present(); client->welcome && world->onWelcome)
-            world->onWelcome(*client->socket);
+        if (const World* const world = World::Present(); client->welcome && world->onConnack)
+            world->onConnack(*client->socket);
         OrvLab::Watch([&] { client->onConnect(client, client->user, said == Said::REFUSED ? 5 : 0); });
         return said == Said::REFUSED ? Lose(client, MOSQ_ERR_CONN_REFUSED) : MOSQ_ERR_SUCCESS;
     case Said::PONG:
@@ -299,8 +299,8 @@ int mosquitto_loop_misc(mosquitto* client) {
 int mosquitto_disconnect(mosquitto* client) {
     const OrvLab::Unwatched unwatched;
     const World& world = Enter(client, "mosquitto_disconnect");
-    if (client->socket && world.onGoodBye)
-        world.onGoodBye();
+    if (client->socket && world.onDisconnect)
+        world.onDisconnect();
     return client->socket ? MOSQ_ERR_SUCCESS : MOSQ_ERR_NO_CONN;
 }
 

@@ -233,7 +233,7 @@ int __wrap_open64(const char* path, int flags, ...) {
     const OrvLab::Unwatched unwatched;
     va_list arguments;
     va_start(arguments, flags);
-    const int mode = va_arg(arguments, int);
+    const int mode = (flags & O_CREAT) != 0 ? va_arg(arguments, int) : 0;
     va_end(arguments);
     if (Simulation::Current() == nullptr || !FakeFiles::Has(path))
         return __real_open64(path, flags, mode);

@@ -13,7 +13,7 @@ namespace {
 constexpr std::uint8_t CONNMAN = RTPROT_BOOT;
 constexpr std::uint8_t SOURCE_ROUTES = 111;
 constexpr Time TENTATIVE = SECOND;
-constexpr Time GARBAGE = 20 * SECOND;
+constexpr Time GC_INTERVAL = 20 * SECOND;
 
 std::string Net(const std::string& name) {
     return name == "eth0" ? "192.0.2." : "203.0.113.";
@@ -100,7 +100,7 @@ void KernelWeather::Advertise(const std::string& name, Time lifetime) {
         }
     }
     if (lifetime != NEVER)
-        world.agenda.At(route.expires + GARBAGE, [this] { world.kernel.CollectGarbage(); });
+        world.agenda.At(route.expires + GC_INTERVAL, [this] { world.kernel.CollectGarbage(); });
 }
 
 void KernelWeather::Act() {

@@ -141,7 +141,7 @@ std::shared_ptr<CloudSocket> ScriptedCloud::Connect(const std::string& address) 
     }
     CloudSocket::Fate fate;
     fate.pace = well ? 20 * MILLISECOND : static_cast<Time>(random.Below(random.OneIn(4) ? 2500 : 120)) * MILLISECOND;
-    if (!well && random.Below(8) < gloom) {
+    if (!well && random.Below(8) < shareOfTrouble) {
         using Fate = CloudSocket::Fate;
         switch (random.Below(3)) {
         case 0:

@@ -108,7 +108,7 @@ public:
     static bool IsSix(const std::string& address) { return address.find(':') != std::string::npos; }
     int Tried() const { return tried; }
     std::uint64_t Ways() const { return waysChanged; }
-    void SetGloom(unsigned share) { gloom = share; }
+    void SetShareOfTrouble(unsigned share) { shareOfTrouble = share; }
 
     /// @name Where the way depends on the kernel's network
     /// @{
@@ -127,7 +127,7 @@ private:
     Agenda& agenda;
     Random random;
     bool well = false;
-    unsigned gloom = 2; // of 8 connections, how many meet trouble
+    unsigned shareOfTrouble = 2; // of 8 connections, how many meet trouble
     bool way[2] = {true, true};
     std::uint64_t waysChanged = 0;
     int tried = 0;

@@ -42,7 +42,7 @@ void Tasks::Done(std::uint64_t number) {
     open.erase(found);
 }
 
-void Tasks::Jumps() {
+void Tasks::TimeHasAdvanced() {
     if (ended)
         return;
     for (const Task& task : open)

@@ -23,7 +23,7 @@ public:
     /// The loop will not be back.
     void LoopEnds() { ended = true; }
     /// The clock jumps while the loop waits for events: then none may lie there.
-    void Jumps();
+    void TimeHasAdvanced();
     bool AreAllDone() const { return open.empty(); }
 
 private:

@@ -44,11 +44,11 @@ struct World {
     /// A connection has not been made, or has been closed by the client.
     std::function<void()> onUndone;
     /// The client has heard that the broker takes it.
-    std::function<void(CloudSocket& socket)> onWelcome;
+    std::function<void(CloudSocket& socket)> onConnack;
     /// And that connection is closed.
     std::function<void(const CloudSocket& socket)> onClosed;
     /// The client says good-bye.
-    std::function<void()> onGoodBye;
+    std::function<void()> onDisconnect;
 
     /// What a connection that is bound to an interface comes to.
     struct Proof {

@@ -34,7 +34,7 @@ struct Scene {
         world.resolver.SetAddresses({"198.51.100.1", "198.51.100.2"});
         world.cloud.Heal();
         sim.DisableStalls();
-        sim.SetJumpListener([this](Time) { model.Jumps(); });
+        sim.SetJumpListener([this](Time) { model.TimeHasAdvanced(); });
     }
     std::shared_ptr<CloudSocket> Connect(const std::string& address) {
         model.Dials(address);
@@ -91,7 +91,7 @@ struct ApplicationScene {
     }
     void GetConnected() {
         socket = world.cloud.Connect("198.51.100.1");
-        model.Welcomed(*socket);
+        model.ConnackRead(*socket);
         since = sim.Now();
         Log("connected to the cloud, from " + socket->source);
         model.Reports(OrvEvent::CLOUD_CONNECTED);
@@ -124,7 +124,7 @@ struct ApplicationScene {
     void Settle() {
         sim.Sleep(6 * SECOND);
         Tick();
-        model.Jumps(SECOND / 10);
+        model.TimeHasAdvanced(SECOND / 10);
     }
     /// With one thing wrong.
     void WriteStatus(const std::string& right = "", const std::string& wrong = "") {
@@ -146,7 +146,7 @@ struct ApplicationScene {
         model.Terminated();
         model.Notified("STOPPING=1");
         if (model.IsConnected()) {
-            model.SaysGoodBye();
+            model.SendsDisconnect();
             Lose("info");
         }
         model.Stops(), model.DeInits(), model.Released();
@@ -298,9 +298,10 @@ TEST(AnInvariantOfTheMailbox, WantsEveryTaskInItsOrderAndNoneToLieThere) {
         tasks.Post("one", [] {});
         tasks.Post("two", [] {});
         box.DoAll();
-        tasks.Jumps();
+        tasks.TimeHasAdvanced();
     }));
-    Fails(with([](Tasks& tasks, Mailbox& /*box*/) { tasks.Post("one", [] {}), tasks.Jumps(); }), "lies in the mailbox");
+    Fails(with([](Tasks& tasks, Mailbox& /*box*/) { tasks.Post("one", [] {}), tasks.TimeHasAdvanced(); }),
+          "lies in the mailbox");
     Fails(with([](Tasks& tasks, Mailbox& box) { tasks.Post("one", [] {}), tasks.LoopEnds(), box.DoAll(); }),
           "behind the end of the loop");
     Fails(with([](Tasks& tasks, Mailbox& box) {
@@ -366,15 +367,15 @@ TEST(AnInvariantOfTheApplication, LetsOneLiveThatIsInOrder) {
     RunAll<ApplicationScene>([](ApplicationScene& scene) {
         scene.GetReady();
         scene.WriteStatus();
-        scene.model.Jumps(SECOND);
+        scene.model.TimeHasAdvanced(SECOND);
         scene.GetConnected();
         scene.WriteStatus();
-        scene.model.Jumps(SECOND / 10);
+        scene.model.TimeHasAdvanced(SECOND / 10);
         scene.socket->Break(ECONNRESET);
         scene.Lose("warning");
         scene.files.Put(FakeFiles::STATUS, "{}\n");
         scene.files.full = true;
-        scene.model.Jumps(SECOND / 10);
+        scene.model.TimeHasAdvanced(SECOND / 10);
         scene.GetConnected();
         scene.End();
     });
@@ -419,8 +420,8 @@ TEST(AnInvariantOfTheApplication, WantsEachConnectionAndLossToldOnceAndInOrder) 
     ApplicationFails(
         [](ApplicationScene& scene) {
             scene.GetReady();
-            scene.model.Welcomed(*scene.world.cloud.Connect("198.51.100.1"));
-            scene.model.Jumps(SECOND / 10);
+            scene.model.ConnackRead(*scene.world.cloud.Connect("198.51.100.1"));
+            scene.model.TimeHasAdvanced(SECOND / 10);
         },
         "does not tell the client library what has become");
     ApplicationFails(
@@ -428,7 +429,7 @@ TEST(AnInvariantOfTheApplication, WantsEachConnectionAndLossToldOnceAndInOrder) 
             scene.GetReady(), scene.GetConnected();
             scene.socket->Break(ECONNRESET);
             scene.model.Closed(*scene.socket);
-            scene.model.Welcomed(*scene.world.cloud.Connect("198.51.100.1"));
+            scene.model.ConnackRead(*scene.world.cloud.Connect("198.51.100.1"));
             scene.model.Reports(OrvEvent::CLOUD_CONNECTED);
         },
         "in another order than it happened");
@@ -440,11 +441,11 @@ TEST(AnInvariantOfTheApplication, WantsNoWordOfAConnectionThatEndedBeforeItWasOn
         scene.WriteStatus();
         scene.sim.Sleep(SECOND);
         const auto socket = scene.world.cloud.Connect("198.51.100.1");
-        scene.model.Welcomed(*socket);
+        scene.model.ConnackRead(*socket);
         socket->Break(ECONNRESET);
         scene.model.Closed(*socket);
         scene.Tick();
-        scene.model.Jumps(SECOND / 10);
+        scene.model.TimeHasAdvanced(SECOND / 10);
     });
 }
 
@@ -473,7 +474,7 @@ TEST(AnInvariantOfTheApplication, WantsWhatTheKernelHasToBeTold) {
         [](ApplicationScene& scene) {
             scene.GetReady();
             scene.world.kernel.SetCarrier("eth0", false);
-            scene.model.Jumps(SECOND / 10);
+            scene.model.TimeHasAdvanced(SECOND / 10);
         },
         "does not know the link of eth0");
     ApplicationFails(
@@ -483,7 +484,7 @@ TEST(AnInvariantOfTheApplication, WantsWhatTheKernelHasToBeTold) {
         [](ApplicationScene& scene) {
             scene.GetReady();
             scene.model.TakesSignal(SIGUSR1);
-            scene.model.Jumps(SECOND / 10);
+            scene.model.TimeHasAdvanced(SECOND / 10);
         },
         "does not tell of a failure");
 }
@@ -495,7 +496,7 @@ TEST(AnInvariantOfTheApplication, WantsAStatusFileThatSaysWhatIs) {
                 scene.GetReady();
                 scene.GetConnected();
                 scene.WriteStatus(right, wrong);
-                scene.model.Jumps(SECOND / 10);
+                scene.model.TimeHasAdvanced(SECOND / 10);
             },
             text);
     };
@@ -511,21 +512,23 @@ TEST(AnInvariantOfTheApplication, WantsAStatusFileThatSaysWhatIs) {
         [](ApplicationScene& scene) {
             scene.GetReady();
             scene.model.Notified("STATUS=cloud over wwan0");
-            scene.model.Jumps(SECOND / 10);
+            scene.model.TimeHasAdvanced(SECOND / 10);
         },
         "the service manager is shown");
 }
 
 TEST(AnInvariantOfTheApplication, WantsTicksAndSignsOfLifeInTime) {
     ApplicationFails(
-        [](ApplicationScene& scene) { scene.GetReady(), scene.model.Jumps(SECOND), scene.model.Jumps(3 * SECOND); },
+        [](ApplicationScene& scene) {
+            scene.GetReady(), scene.model.TimeHasAdvanced(SECOND), scene.model.TimeHasAdvanced(3 * SECOND);
+        },
         "does not tick");
     ApplicationFails(
         [](ApplicationScene& scene) {
             scene.model.Notified("READY=1");
             scene.sim.Sleep(15 * SECOND);
             scene.files.full = true; // for its own file
-            scene.model.Jumps(8 * SECOND);
+            scene.model.TimeHasAdvanced(8 * SECOND);
         },
         "does not tell the service manager that it lives");
 }
@@ -544,7 +547,7 @@ TEST(AnInvariantOfTheApplication, WantsTheTicksThatTheOptionsName) {
     ApplicationFails([&](ApplicationScene& scene) { ticking(scene, SECOND / 4); }, "sooner than it was told to");
     ApplicationFails(
         [&](ApplicationScene& scene) {
-            ticking(scene, SECOND / 2), scene.files.full = true, scene.model.Jumps(SECOND);
+            ticking(scene, SECOND / 2), scene.files.full = true, scene.model.TimeHasAdvanced(SECOND);
         },
         "does not tick");
 }
@@ -561,19 +564,19 @@ TEST(AnInvariantOfTheApplication, WantsAReloadSaidAndCarriedOut) {
         scene.model.Says(AppStatus::BOOTING);
         scene.model.Reports(OrvEvent::PANEL_CLOUD_DISABLED);
         scene.model.Says(AppStatus::READY);
-        scene.model.Jumps(SECOND / 10);
+        scene.model.TimeHasAdvanced(SECOND / 10);
     });
     ApplicationFails(
         [&](ApplicationScene& scene) {
             reloading(scene), scene.model.Reports(OrvEvent::PANEL_CLOUD_DISABLED);
-            scene.model.Jumps(SECOND / 10);
+            scene.model.TimeHasAdvanced(SECOND / 10);
         },
         "does not say that it is booting");
     ApplicationFails(
         [&](ApplicationScene& scene) {
             reloading(scene);
             scene.model.Says(AppStatus::BOOTING), scene.model.Says(AppStatus::READY);
-            scene.model.Jumps(SECOND / 10);
+            scene.model.TimeHasAdvanced(SECOND / 10);
         },
         "does not tell the client library whether there is a cloud");
     ApplicationFails([](ApplicationScene& scene) { scene.GetReady(), scene.model.Says(AppStatus::READY); },
@@ -587,7 +590,7 @@ TEST(AnInvariantOfTheApplication, WantsAStatusFileThatIsNeverOld) {
             scene.model.Ticks(), scene.model.AsksWhetherMoved(false, false);
             scene.sim.Sleep(9 * SECOND);
             scene.model.Notified("WATCHDOG=1"), scene.model.Ticks();
-            scene.model.Jumps(2 * SECOND);
+            scene.model.TimeHasAdvanced(2 * SECOND);
         },
         "does not write its status file every ten seconds");
 }
@@ -618,7 +621,7 @@ TEST(AnInvariantOfTheApplication, WantsEachMoveOfTheRouteSaidOnceAndTruly) {
     ApplicationFails(
         [&](ApplicationScene& scene) {
             scene.GetReady(), scene.Log(toCellular), scene.Log(toEthernet), scene.WriteStatus();
-            scene.model.Jumps(SECOND / 10);
+            scene.model.TimeHasAdvanced(SECOND / 10);
         },
         "counters.fail_overs");
 }
@@ -670,7 +673,7 @@ TEST(AnInvariantOfTheApplication, WantsTheTicksOfTheSituation) {
             scene.model.where = [=] { return state; };
             scene.Tick(told, told), scene.sim.Sleep(7 * SECOND);
             scene.Tick(), scene.sim.Sleep(SECOND);
-            scene.model.Jumps(SECOND);
+            scene.model.TimeHasAdvanced(SECOND);
         };
     };
     RunAll<ApplicationScene>(on(State::ETHERNET, false));
@@ -684,10 +687,10 @@ TEST(AnInvariantOfTheApplication, WantsTheLibrarysFilePutRight) {
         scene.GetReady();
         scene.files.Put(FakeFiles::CSV, "another program's");
         scene.model.CsvIsTouched();
-        scene.model.Jumps(SECOND / 10);
+        scene.model.TimeHasAdvanced(SECOND / 10);
     };
     const auto later = [](ApplicationScene& scene, Time time) {
-        scene.sim.Sleep(time), scene.Tick(), scene.model.Jumps(SECOND / 10);
+        scene.sim.Sleep(time), scene.Tick(), scene.model.TimeHasAdvanced(SECOND / 10);
     };
     const char* const left = "leaves the client library's status file as another program has written it";
     RunAll<ApplicationScene>([&](ApplicationScene& scene) {
@@ -721,7 +724,7 @@ TEST(AnInvariantOfTheApplication, LetsNoProbationOutliveCellular) {
         scene.model.Logged({"GatewayApp", "warning", "", "Ethernet is on probation: again"});
         scene.model.Reports(OrvEvent::ETHERNET_IP_LOST);
         scene.model.Notified("STATUS=no cloud connection, Ethernet on probation");
-        scene.model.Jumps(SECOND / 10);
+        scene.model.TimeHasAdvanced(SECOND / 10);
         scene.world.kernel.RemoveAddress({scene.world.kernel.Link("wwan0")->index, "203.0.113.10", 24});
         scene.model.Reports(OrvEvent::CELLULAR_IP_LOST);
     };
@@ -730,9 +733,9 @@ TEST(AnInvariantOfTheApplication, LetsNoProbationOutliveCellular) {
         scene.Log("Ethernet's probation is over: there is no Cellular");
         scene.model.Reports(OrvEvent::ETHERNET_IP_GAINED);
         scene.model.Notified("STATUS=no cloud connection");
-        scene.model.Jumps(SECOND / 10);
+        scene.model.TimeHasAdvanced(SECOND / 10);
     });
-    ApplicationFails([&](ApplicationScene& scene) { onProbation(scene), scene.model.Jumps(SECOND / 10); },
+    ApplicationFails([&](ApplicationScene& scene) { onProbation(scene), scene.model.TimeHasAdvanced(SECOND / 10); },
                      "keeps an Ethernet on probation, and there is no Cellular");
 }
 
@@ -745,7 +748,7 @@ TEST(AnInvariantOfTheApplication, PutsAnEthernetOnProbationThatFailsAgainAndNoOt
             scene.sim.Sleep(SECOND);
         }
     };
-    ApplicationFails([&](ApplicationScene& scene) { failing(scene, 2), scene.model.Jumps(SECOND / 10); },
+    ApplicationFails([&](ApplicationScene& scene) { failing(scene, 2), scene.model.TimeHasAdvanced(SECOND / 10); },
                      "does not put an Ethernet on probation");
     ApplicationFails(
         [&](ApplicationScene& scene) {
