@@ -16,8 +16,8 @@ find_package(GTest REQUIRED)
 include(GoogleTest)
 
 # Half of the time in which a test is compiled goes into the same few headers, so several sources are compiled together, and
-# those headers once for all. A compiler cache saves more, also between folders, and wants each source by itself: that is
-# the build that shows whether each source includes what it uses.
+# those headers once for all. A compiler cache saves more, also between folders, and wants each source by itself. Only a
+# build with a cache shows whether each source of a test includes what it uses.
 set(one_by_one OFF)
 if(ORV_CCACHE AND NOT DEFINED ENV{CCACHE_DISABLE})
   set(one_by_one ON)
@@ -36,12 +36,21 @@ set(CMAKE_UNITY_BUILD_BATCH_SIZE 10)
 
 add_custom_target(covering)
 
-# orv_compile_as_test(TARGET)
-function(orv_compile_as_test target)
+# orv_join_sources(TARGET)
+#   What is tested among them is compiled as it is elsewhere.
+function(orv_join_sources target)
   set_target_properties(${target} PROPERTIES UNITY_BUILD ${ORV_JOIN_TEST_SOURCES})
   if(ORV_JOIN_TEST_SOURCES AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     target_compile_options(${target} PRIVATE -Wno-subobject-linkage) # which takes sources for headers then
   endif()
+  get_target_property(tested ${target} SOURCES)
+  list(FILTER tested INCLUDE REGEX "/src/")
+  orv_compile_alone(${tested})
+endfunction()
+
+# orv_compile_as_test(TARGET)
+function(orv_compile_as_test target)
+  orv_join_sources(${target})
   # gtest's macros are not written for this one.
   target_compile_options(${target} PRIVATE -Wno-sign-conversion)
   if(ORV_SANITIZE)
@@ -115,9 +124,6 @@ function(orv_add_test name)
   if(ARG_WRITES_VAR_TMP)
     list(APPEND ARG_SOURCES ${PROJECT_SOURCE_DIR}/libs/OrvStackSdk/tests/support/PrivateVarTmp.cpp)
   endif()
-  set(tested ${ARG_SOURCES})
-  list(FILTER tested INCLUDE REGEX "/src/[^/]+$")
-  orv_compile_alone(${tested})
   if(NOT ORV_TEST_PROGRAMS)
     add_executable(${name} EXCLUDE_FROM_ALL ${ARG_SOURCES})
   else()
