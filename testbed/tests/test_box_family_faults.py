@@ -25,6 +25,7 @@ IDENTIFIER = "0:ff:fe00:a01"  # of eth0's address
 def a_box_with_both_families_on_ethernet() -> Iterator[Box]:
     skip_without_what_a_box_needs("eth=46")
     with Box(f"f{os.getpid():x}", "eth=46") as box:
+        wait_until(lambda: fetches(box, "4") and fetches(box, "6"), SLACK, "the cloud over both families")
         yield box
 
 
