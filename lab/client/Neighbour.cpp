@@ -53,11 +53,11 @@ template <typename Body>
 void Neighbour::Do(const char* name, Time limit, Body body) {
     Client held = client;
     const auto call = witness.Begin(Call::Kind::OTHER, name, limit);
-    Watch([&] {
-        body(*held);
-        held.reset(); // it may be the last
-    });
+    Watch([&] { body(*held); });
     witness.End(call);
+    // Somebody has let go meanwhile.
+    if (held.use_count() == 1)
+        Release(held);
 }
 
 void Neighbour::Called(bool isConfirmation) {
@@ -89,6 +89,10 @@ bool Neighbour::Make() {
 void Neighbour::LetGo() {
     Client last;
     last.swap(client);
+    Release(last);
+}
+
+void Neighbour::Release(Client& last) {
     const auto call = witness.Begin(Call::Kind::OTHER, "the release of the neighbour", RELEASE_LIMIT);
     Watch([&] { last.reset(); });
     witness.End(call);

@@ -40,6 +40,7 @@ private:
     bool Make();
     void Act(bool inCallback);
     void LetGo();
+    void Release(Client& last);
     void Called(bool isConfirmation);
     void InitAnew();
 
