@@ -55,9 +55,9 @@ void Neighbour::Do(const char* name, Time limit, Body body) {
     const auto call = witness.Begin(Call::Kind::OTHER, name, limit);
     Watch([&] { body(*held); });
     witness.End(call);
-    // Somebody has let go meanwhile.
-    if (held.use_count() == 1)
-        Release(held);
+    if (held.use_count() == 1) // somebody has let go meanwhile
+        return Release(held);
+    Watch([&] { held.reset(); });
 }
 
 void Neighbour::Called(bool isConfirmation) {
