@@ -224,8 +224,9 @@ void Application::OnNetworkEvents(const WanInterfaces::Events& events) {
         return;
     if (!cloudInterface.empty())
         return cloud.Reopen("its address " + cloud.Source() + " is gone");
-    // The address was away while the broker answered, and is back.
+    // The address was away while the broker answered, and is back. The connection is as old as it was.
     cloudInterface = owner;
+    runStatus.cloudReason = "connected over " + CloudInterfaceText();
     ShowStatus();
 }
 
@@ -261,6 +262,10 @@ bool Application::IsDetour(const std::string& source) const {
     return !interface.empty() && !network.DefaultInterface().empty() && interface != network.DefaultInterface();
 }
 
+std::string Application::CloudInterfaceText() const {
+    return cloudInterface.empty() ? "another interface" : cloudInterface;
+}
+
 void Application::OnCloudConnected(const std::string& source) {
     lastCloudFailure.clear();
     cloudInterface = network.Wan().OwnerOf(source);
@@ -271,7 +276,7 @@ void Application::OnCloudConnected(const std::string& source) {
                                {"family", JsonText(FamilyOf(source))}});
     ethernetGuard.CloudIs(true);
     Report(OrvEvent::CLOUD_CONNECTED);
-    CloudChanged("connected over " + (cloudInterface.empty() ? "another interface" : cloudInterface));
+    CloudChanged("connected over " + CloudInterfaceText());
 }
 
 void Application::OnCloudLost(const std::string& reason) {
@@ -390,7 +395,7 @@ void Application::SetTickTimer() {
 void Application::ShowStatus() {
     std::string status = "no cloud connection";
     if (cloud.Connected())
-        status = "cloud over " + (cloudInterface.empty() ? "another interface" : cloudInterface);
+        status = "cloud over " + CloudInterfaceText();
     if (cloudChanged)
         status += " since " + runStatus.cloudSince.utc;
     if (ethernetGuard.OnProbation())

@@ -75,6 +75,7 @@ private:
     OrvStackSdk::OrvEvent CloudState() const;
     KeepAlive CloudKeepAlive() const;
     bool IsDetour(const std::string& source) const;
+    std::string CloudInterfaceText() const;
     static const char* FamilyOf(const std::string& address);
     void WarnOfCredentials();
     void SetTickTimer();

@@ -445,9 +445,24 @@ TEST_F(TheLifeOfTheApplication, SaysAtOnceOverWhatTheLibraryTakesTheCloudToBe) {
 TEST_F(TheLifeOfTheApplication, SaysOverWhatTheCloudIsReachedWhenTheAddressWasAwayMeanwhile) {
     At(1s, [&] { around.AddressesBecome("", "198.51.100.2"); });
     At(1100ms, [&] { around.cloudAnswers("192.0.2.2"); });
+    InTheStatusFileAt(1500ms, R"("reason":"connected over another interface")");
+    At(1600ms, [&] { around.AddressesBecome("192.0.2.2", "198.51.100.2"); });
+    InTheStatusFileAt(2100ms, R"("interface":"eth0","family":"IPv4")");
+    InTheStatusFileAt(2100ms, R"("reason":"connected over eth0")");
+    RunUntil(3s);
+}
+
+TEST_F(TheLifeOfTheApplication, NoticesWhenAnAddressGoesAgainThatWasAwayWhileTheCloudAnswered) {
+    At(1s, [&] { around.AddressesBecome("", "198.51.100.2"); });
+    At(1100ms, [&] { around.cloudAnswers("192.0.2.2"); });
     At(1200ms, [&] { around.AddressesBecome("192.0.2.2", "198.51.100.2"); });
-    InTheStatusFileAt(1700ms, R"("interface":"eth0","family":"IPv4")");
-    RunUntil(2s);
+    At(1300ms, [&] {
+        gateway.journal.Clear();
+        around.AddressesBecome("", "198.51.100.2");
+        EXPECT_EQ("cloud connection: its address 192.0.2.2 is gone\n", gateway.journal.Text({"cloud connection"}));
+    });
+    At(2s, [&] { EXPECT_EQ(gateway.broker.Retained(GREEN), "Off"); });
+    RunUntil(3s);
 }
 
 TEST_F(TheLifeOfTheApplicationWithAnOptionsFile, SaysAtOnceThatAReloadHasTakenTheCloudAway) {
