@@ -35,12 +35,14 @@ void Application::OnRouteMoved() {
     moves.OrderedByLibrary(path, Now());
     FollowMoves();
     rhythm.RouteHasMoved(toCellular, Now());
-    contradiction.LibraryHasMoved(Now());
+    const std::string interface = InterfaceName(toCellular ? "Cellular" : "Ethernet");
+    // An order of this application that came later than the library's would take the move back.
+    if (contradiction.LibraryHasMoved(Now()))
+        ConnmanCommands::GetInstance().SetTopPriorityInterface(interface);
     pokeExplainer.RouteHasMoved(toCellular);
     // Before the next tick, which would begin a poke over Ethernet.
     ethernetGuard.RouteHasMoved(toCellular);
     // What began after the default route had moved is on the new path already. Usually the kernel has moved it by now.
-    const std::string interface = InterfaceName(toCellular ? "Cellular" : "Ethernet");
     const bool followed = network.DefaultInterface() == interface;
     awaitedDefault = followed ? std::string() : interface;
     const bool begun = followed && cloud.BegunSince(defaultRouteSince);

@@ -49,9 +49,11 @@ RouteContradiction::Step RouteContradiction::Observe(const std::string& kernel, 
     return Step::NONE;
 }
 
-void RouteContradiction::LibraryHasMoved(Time now) {
+bool RouteContradiction::LibraryHasMoved(Time now) {
+    const bool underWay = state == State::CHANGED || state == State::RESTORED;
     Enter(State::WATCHING, now);
     contradicts = false;
+    return underWay;
 }
 
 void RouteContradiction::Enter(State next, Time now) {

@@ -26,7 +26,9 @@ public:
     Step Observe(const std::string& kernel, const std::string& top, Time now);
 
     /// The client library has moved the route: its order stands, and nothing is restored over it.
-    void LibraryHasMoved(Time now);
+    /// @return whether an order of a step may still be under way. Then the library's has to be given again, so that it
+    ///         is the last one.
+    [[nodiscard]] bool LibraryHasMoved(Time now);
 
     /// The interface that the connection manager had on top when the contradiction was found.
     const std::string& WanTop() const { return wanted; }

@@ -52,8 +52,36 @@ TEST_F(ADefaultRoute, HasTheOrderBackAsSoonAsTheChangeShows) {
 
 TEST_F(ADefaultRoute, KeepsAnOrderThatTheLibraryHasGivenMeanwhile) {
     BeReplaced();
-    route.LibraryHasMoved(now);
+    EXPECT_TRUE(route.LibraryHasMoved(now)) << "the change may come after it";
     EXPECT_EQ(Within(1h, "wwan0", "wwan0"), Step::NONE);
+}
+
+TEST_F(ADefaultRoute, KeepsAnOrderOfTheLibrarysForTheInterfaceThatWasOnTop) {
+    BeReplaced();
+    ASSERT_EQ(Within(500ms, "wwan0", route.WanTop()), Step::NONE);
+    EXPECT_TRUE(route.LibraryHasMoved(now)) << "the change may come after it";
+    EXPECT_EQ(Within(1h, "eth0", "eth0"), Step::NONE);
+}
+
+TEST_F(ADefaultRoute, KeepsAnOrderThatTheLibraryHasGivenBeforeTheChangeWasTakenBack) {
+    BeReplaced();
+    ASSERT_EQ(Within(3s, "wwan0", "wwan0"), Step::RESTORE_ORDER);
+    EXPECT_TRUE(route.LibraryHasMoved(now)) << "the restored order may come after it";
+    EXPECT_EQ(Within(1h, "wwan0", "wwan0"), Step::NONE);
+}
+
+TEST_F(ADefaultRoute, LeavesAnOrderOfTheLibrarysAloneWithoutOneOfItsOwn) {
+    EXPECT_FALSE(route.LibraryHasMoved(now));
+    ASSERT_EQ(Within(4s, "wwan0", "eth0"), Step::NONE);
+    EXPECT_FALSE(route.LibraryHasMoved(now)) << "nothing was ordered yet";
+    BeReplaced();
+    ASSERT_EQ(Within(3s, "wwan0", "wwan0"), Step::RESTORE_ORDER);
+    ASSERT_EQ(Within(1min, "eth0", "eth0"), Step::NONE);
+    EXPECT_FALSE(route.LibraryHasMoved(now)) << "it was put right";
+    BeReplaced();
+    ASSERT_EQ(Within(3s, "wwan0", "eth0"), Step::RESTORE_ORDER);
+    ASSERT_EQ(Within(1min, "wwan0", "eth0"), Step::GIVE_UP);
+    EXPECT_FALSE(route.LibraryHasMoved(now)) << "it was given up";
 }
 
 TEST_F(ADefaultRoute, HasTheOrderBackAlsoWhenTheChangeDoesNotShow) {

@@ -61,6 +61,45 @@ TEST_F(TheLifeOfTheApplication, LeavesACloudConnectionAloneWhenTheDefaultRouteMo
     RunUntil(3s);
 }
 
+/// Another program moves the default route to Cellular, and the library does so on its own account, by an order at
+/// about 12.4 s.
+class AMoveWhileAForeignDefaultRouteIsPutRight : public TheLifeOfTheApplication {
+protected:
+    /// @param replaced when the other program does it; 5 s later the application begins to put it right
+    /// @param delay ConnMan's, with each order
+    std::string OrdersWith(std::chrono::milliseconds replaced, std::chrono::milliseconds delay) {
+        At(1s, [&] { around.cloudAnswers("192.0.2.2"); });
+        At(2s, [&] {
+            gateway.poke.Fails("eth0", 28);
+            around.cloudBreaks("timed out");
+        });
+        At(3s, [&, delay] {
+            gateway.journal.Clear();
+            gateway.connman.SetDelay(delay);
+        });
+        At(replaced, [&] { around.DefaultRouteBecomes("wwan0"); });
+        RunUntil(1min);
+        return gateway.journal.Text({"connman top"});
+    }
+};
+
+TEST_F(AMoveWhileAForeignDefaultRouteIsPutRight, IsNotTakenBackBehindTheChangedOrder) {
+    EXPECT_EQ("", Difference("connman top wwan0\n"  // the library's
+                             "connman top wwan0\n"  // the changed order, at about 13 s
+                             "connman top wwan0\n", // the library's again, at about 14 s
+                             OrdersWith(8s, 1500ms)));
+    EXPECT_EQ(gateway.connman.Top(), "wwan0");
+}
+
+TEST_F(AMoveWhileAForeignDefaultRouteIsPutRight, IsNotTakenBackBehindTheRestoredOrder) {
+    EXPECT_EQ("", Difference("connman top wwan0\n"  // the changed order, at about 11 s
+                             "connman top wwan0\n"  // the library's
+                             "connman top eth0\n"   // the restored order, at about 13 s: the change does not show yet
+                             "connman top wwan0\n", // the library's again, at about 14 s
+                             OrdersWith(6s, 2500ms)));
+    EXPECT_EQ(gateway.connman.Top(), "wwan0");
+}
+
 TEST_F(TheLifeOfTheApplication, AsksForSignsOfLifeSeldomOnCellular) {
     arguments.insert(arguments.end(), {"--cloud-keepalive-ethernet-s", "3", "--cloud-keepalive-cellular-s", "40"});
     At(1s, [&] {
