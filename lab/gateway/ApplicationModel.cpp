@@ -38,6 +38,11 @@ std::string PathOf(const std::string& interface) {
     return interface == "eth0" ? "ethernet" : interface == "wwan0" ? "cellular" : "other";
 }
 
+/// @param interface of the connection; empty: neither of the two
+std::string Shown(const std::string& interface) {
+    return interface.empty() ? "another interface" : interface;
+}
+
 } // namespace
 
 ApplicationModel::ApplicationModel(World& its, FakeFiles& itsFiles, int applicationThread)
@@ -566,8 +571,8 @@ void ApplicationModel::CheckStatus() {
     CheckField(text, "cloud", "host", options.host);
     if (open)
         CheckField(text, "cloud", "last_failure", "");
-    if (!open && !reason.empty())
-        CheckField(text, "cloud", "reason", reason);
+    if (open || !reason.empty())
+        CheckField(text, "cloud", "reason", open ? "connected over " + Shown(interface) : reason);
     const double since = std::atof(Value(text, "cloud", "since_monotonic").value_or("0").c_str());
     const double late = since - static_cast<double>(changedAt) / SECOND;
     if (late < -0.002 || late > static_cast<double>(Allowance()) / SECOND + 0.1)
@@ -586,8 +591,7 @@ void ApplicationModel::CheckStatus() {
 
 void ApplicationModel::CheckShown() {
     const std::string interface = open ? Network().OwnerOf(open->source) : "";
-    const std::string begin =
-        open ? "cloud over " + (interface.empty() ? "another interface" : interface) : "no cloud connection";
+    const std::string begin = open ? "cloud over " + Shown(interface) : "no cloud connection";
     if (shown.rfind(begin, 0) != 0)
         Fail("the service manager is shown \"" + shown + "\", and not \"" + begin + "\"");
     if ((shown.find("on probation") != std::string::npos) != probation)

@@ -134,8 +134,9 @@ struct ApplicationScene {
                            R"(","interface":")" + (open ? "eth0" : "") + R"(","family":")" + (open ? "IPv4" : "") +
                            R"(","source":")" + (open ? "192.0.2.10" : "") +
                            R"(","host":"cloud.example","since_monotonic":)" +
-                           std::to_string(static_cast<double>(since) / SECOND) + R"(,"reason":"gone",)" +
-                           R"("last_failure":""},"route":{"path":"ethernet","interface":"eth0","expected":"",)" +
+                           std::to_string(static_cast<double>(since) / SECOND) + R"(,"reason":")" +
+                           (open ? "connected over eth0" : "gone") + R"(","last_failure":""},)" +
+                           R"("route":{"path":"ethernet","interface":"eth0","expected":"",)" +
                            R"("ethernet_on_probation":false},"counters":{"fail_overs":0,"returns":0,"cloud_losses":0}})"
                            "\n";
         if (!right.empty())
@@ -502,6 +503,7 @@ TEST(AnInvariantOfTheApplication, WantsAStatusFileThatSaysWhatIs) {
     };
     with("\"connected\"", "\"disconnected\"", "cloud.state \"disconnected\", and it is \"connected\"");
     with("192.0.2.10", "192.0.2.11", "cloud.source");
+    with("over eth0", "over another interface", "cloud.reason \"connected over another interface\"");
     with("since_monotonic\":1", "since_monotonic\":9", "since another time");
     with("\"cloud_losses\":0", "\"cloud_losses\":1", "counters.cloud_losses");
     with("\"cloud_losses\":0}}\n", "", "the status file holds a part of a state");
