@@ -74,6 +74,7 @@ Time ApplicationModel::Allowance() const {
 void ApplicationModel::OptionsAre(const Options& those) {
     hostChanged = hostChanged || options.host != those.host;
     options = those;
+    otherOptions = true;
     optionsAt = world.sim.Now();
 }
 
@@ -195,13 +196,13 @@ void ApplicationModel::Says(AppStatus status) {
             Fail("says what its state is, and it has not changed");
         owesBooting = false;
         booting = status == AppStatus::BOOTING;
-        if (!booting)
+        if (!booting && std::exchange(otherOptions, false))
             optionsAt = world.sim.Now(); // from when on the new ones count
         return;
     }
     if (status != AppStatus::READY)
         Fail("is not ready behind its start");
-    initial = false;
+    initial = otherOptions = false;
     ready = true;
     readyAt = world.sim.Now();
     if (!enabled || !cloud || !link[0] || !link[1] || !address[0] || !address[1])

@@ -148,6 +148,7 @@ private:
     Time disk = 0;
     Time reloadedAt = 0;
     Time optionsAt = 0;
+    bool otherOptions = false; // since it was last ready
     bool owesBooting = false;
     bool booting = false;
     Efforts efforts;

@@ -537,8 +537,8 @@ TEST(AnInvariantOfTheApplication, WantsTicksAndSignsOfLifeInTime) {
 
 TEST(AnInvariantOfTheApplication, WantsTheTicksThatTheOptionsName) {
     const auto ticking = [](ApplicationScene& scene, Time pause) {
-        scene.GetReady();
         scene.model.OptionsAre({"cloud.example", 1, 30, 500});
+        scene.GetReady();
         scene.sim.Sleep(10 * SECOND);
         scene.model.Ticks();
         scene.model.AsksWhetherMoved(false, false);
@@ -552,6 +552,23 @@ TEST(AnInvariantOfTheApplication, WantsTheTicksThatTheOptionsName) {
             ticking(scene, SECOND / 2), scene.files.full = true, scene.model.TimeHasAdvanced(SECOND);
         },
         "does not tick");
+    // What a reload has changed counts from its end. One of a wrong file changes nothing.
+    const auto reloading = [&](ApplicationScene& scene, bool readable) {
+        using OrvStackSdk::AppStatus;
+        ticking(scene, SECOND / 2);
+        scene.model.AsksWhetherMoved(false, false);
+        if (readable)
+            scene.model.OptionsAre({"cloud.example", 1, 30, 500});
+        scene.model.Reloaded();
+        scene.model.Says(AppStatus::BOOTING);
+        scene.sim.Sleep(3 * SECOND);
+        scene.Tick();
+        scene.model.Says(AppStatus::READY);
+        scene.sim.Sleep(SECOND / 4);
+        scene.Tick();
+    };
+    RunAll<ApplicationScene>([&](ApplicationScene& scene) { reloading(scene, true); });
+    ApplicationFails([&](ApplicationScene& scene) { reloading(scene, false); }, "sooner than it was told to");
 }
 
 TEST(AnInvariantOfTheApplication, WantsAReloadSaidAndCarriedOut) {
