@@ -71,7 +71,7 @@ void NetworkWatcher::ReadNotifications() {
 WanInterfaces::Events NetworkWatcher::Take(const nlmsghdr& message) {
     const std::optional<Link> link = OrvNetlink::ReadLink(message);
     routersMayDiffer = routersMayDiffer || link; // it may be told to drop routes without a word
-    // A link that is given its name keeps its addresses, and the kernel does not tell of IPv6's again.
+    // A link keeps its addresses when it is given an interface's name. The kernel announces only the IPv4 ones again.
     missedSome = missedSome || (link && message.nlmsg_type == RTM_NEWLINK && wan.IsNew(*link));
     if (link)
         return message.nlmsg_type == RTM_NEWLINK ? wan.LinkSeen(*link) : wan.LinkGone(*link);

@@ -51,7 +51,7 @@ public:
     /// Link and address.
     bool Usable(Path path) const { return Of(path).running && HasAddress(path); }
 
-    /// Another link has the name of one of the interfaces now, or the first one.
+    /// The link bears an interface's name and is not the one known under it.
     bool IsNew(const OrvNetlink::Link& link) const;
 
     /// The interface that has the address; empty when none of the two has.
