@@ -161,6 +161,7 @@ void ApplicationModel::AsksWhetherMoved(bool moved, bool toCellular) {
     if (moved) {
         movedAt = now;
         movedTo = toCellular ? "wwan0" : "eth0";
+        routeHasLeft = false;
     }
     if (!moved || !toCellular)
         return;
@@ -304,8 +305,11 @@ void ApplicationModel::TakesSignal(int number) {
 void ApplicationModel::NoteKernel() {
     const Time now = world.sim.Now();
     const std::string present = Network().DefaultInterface();
-    if (std::exchange(route, present) != present)
+    const std::string former = std::exchange(route, present);
+    if (former != present) {
+        routeHasLeft = routeHasLeft || former == movedTo;
         routeChangedAt = restlessAt = now;
+    }
     if (open && Network().OwnerOf(open->source).empty())
         homelessAt = now;
 }
@@ -494,7 +498,8 @@ void ApplicationModel::CheckPath() {
     if (!open)
         return;
     const std::string interface = Network().OwnerOf(open->source);
-    if (fourOnly && route == movedTo && routeChangedAt < movedAt + FOLLOWED && interface != route)
+    // Where the connection manager has taken the route by itself, a good connection stays.
+    if (fourOnly && route == movedTo && !routeHasLeft && routeChangedAt < movedAt + FOLLOWED && interface != route)
         Fail("stays connected over " + interface + " behind a move of the route");
     const int period = route == "wwan0" && !probation ? options.keepAliveCellular : options.keepAliveEthernet;
     if (open->socket->Option(TCP_KEEPIDLE) != period)

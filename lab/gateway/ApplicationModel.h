@@ -167,6 +167,7 @@ private:
     std::optional<bool> asked; // whether the route has moved, since the last tick
     Time movedAt = 0;
     std::string movedTo;
+    bool routeHasLeft = false;   // where the library has moved it, since then
     bool toldOfCellular = false; // the library also gets there when the cloud comes back by itself, and does not say so
     int moves[2] = {0, 0};       // that were said, to Ethernet and to Cellular
     std::string settled;         // whereto the last one led
