@@ -167,7 +167,7 @@ TEST(AnInvariantOfTheClient, LetsNoMessageBeSkipped) {
 
 /// The application has said that it is booting, and that call has not returned yet.
 TEST(AnInvariantOfTheClient, LetsTheNewestStatusDecideAboutAReload) {
-    const auto play = [](Play& play, bool isToldAnyway) {
+    const auto announce = [](Play& play, bool isToldAnyway) {
         const std::string context = "(topic=/orv/apps_control/features/app/init, message=reload)";
         auto call = play.witness.Begin(Call::Kind::OTHER, "AppStatusRequest", 0);
         play.witness.Note(Edge::Record("trace", "OrvStackClient", "AppStatusRequest", "(status=booting)"));
@@ -185,8 +185,8 @@ TEST(AnInvariantOfTheClient, LetsTheNewestStatusDecideAboutAReload) {
         });
         play.witness.sim.Join(delivery);
     };
-    RunPlay([&](Play& one) { play(one, false); });
-    Fails([&](Play& one) { play(one, true); }, "a RELOAD reaches an application that is booting");
+    RunPlay([&](Play& one) { announce(one, false); });
+    Fails([&](Play& one) { announce(one, true); }, "a RELOAD reaches an application that is booting");
 }
 
 struct Answers {

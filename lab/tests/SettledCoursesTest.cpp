@@ -256,7 +256,7 @@ TEST_P(ASettledCourse, FindsWhatIsBroken) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, ASettledCourse, testing::ValuesIn(ALL),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         [](const auto& test) { return std::string(test.param.name); });
 
 TEST(ASettledCourseOfTheConnectionManager, PassesWhenNobodyBreaksIt) {
     for (const Broken& broken : ALL)
