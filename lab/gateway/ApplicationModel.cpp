@@ -319,11 +319,10 @@ void ApplicationModel::NoteRoom() {
     if (files.full) {
         statusStale = true;
         statusAt = now;
-        fullSince = std::min(fullSince, now);
-    } else if (fullSince != NEVER) {
+    } else if (hadNoRoom) {
         roomSince = now;
-        fullFor = now - std::exchange(fullSince, NEVER);
     }
+    hadNoRoom = files.full;
 }
 
 void ApplicationModel::Closed(const CloudSocket& socket) {
@@ -514,13 +513,17 @@ void ApplicationModel::CheckProbation() {
 
 void ApplicationModel::CheckCsv() {
     const Time now = world.sim.Now();
-    if (!csv || files.full || repairs >= FAST_REPAIRS || files.Text(FakeFiles::CSV) == csv()) {
+    if (!csv || repairs >= FAST_REPAIRS || files.Text(FakeFiles::CSV) == csv()) {
         csvWrongSince = NEVER;
         return;
     }
     csvWrongSince = std::min(csvWrongSince, now);
-    // What found no room is tried again after 1, 2, 4 s and so on, at last once a minute.
-    const Time room = roomSince == 0 ? 0 : roomSince + std::min(fullFor + SECOND, LONGEST_REPAIR);
+    if (files.full)
+        return;
+    // What found no room is tried again after 1, 2, 4 s and so on, at last once a minute. Room for a moment between two
+    // attempts does not begin that anew.
+    const Time wrongFor = roomSince - csvWrongSince;
+    const Time room = wrongFor < 0 ? 0 : roomSince + std::min(wrongFor + SECOND, LONGEST_REPAIR);
     if (now > std::max(csvWrongSince, room) + REPAIRED + Allowance())
         Fail("leaves the client library's status file as another program has written it");
 }

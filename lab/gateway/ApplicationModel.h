@@ -188,9 +188,8 @@ private:
     int probations = 0;
     bool csvTouched = false; // by others, or not written, since the last event
     Time csvWrongSince = NEVER;
-    Time fullSince = NEVER;
+    bool hadNoRoom = false;
     Time roomSince = 0;
-    Time fullFor = 0;
     int repairs = 0;
 
     Time readyAt = 0;

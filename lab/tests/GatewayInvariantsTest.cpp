@@ -723,6 +723,23 @@ TEST(AnInvariantOfTheApplication, WantsTheLibrarysFilePutRight) {
         scene.files.full = false;
         later(scene, SECOND / 10), later(scene, 2 * SECOND);
     });
+    const auto fullButForAMoment = [&](ApplicationScene& scene) {
+        foreign(scene);
+        for (const Time time : {3 * SECOND, SECOND}) {
+            scene.files.full = true;
+            later(scene, time);
+            scene.files.full = false;
+            scene.model.NoteRoom();
+        }
+    };
+    RunAll<ApplicationScene>([&](ApplicationScene& scene) { fullButForAMoment(scene), later(scene, 5 * SECOND); });
+    ApplicationFails(
+        [&](ApplicationScene& scene) {
+            fullButForAMoment(scene), later(scene, 5 * SECOND);
+            scene.WriteStatus();
+            later(scene, 2 * SECOND);
+        },
+        left);
     ApplicationFails([&](ApplicationScene& scene) { foreign(scene), later(scene, 2 * SECOND); }, left);
     ApplicationFails(
         [&](ApplicationScene& scene) {
