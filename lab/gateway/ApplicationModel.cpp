@@ -455,7 +455,7 @@ void ApplicationModel::TimeHasAdvanced(Time by) {
         CheckTicks(world.sim.Now() + by);
     if (ready)
         CheckCsv();
-    if (ready)
+    if (readies > 0)
         CheckPath();
     CheckProbation();
     if (pingedAt != NEVER && world.sim.Now() + by - pingedAt > WATCHDOG + Allowance())
@@ -492,13 +492,16 @@ void ApplicationModel::CheckPath() {
     if (now - latest < FOLLOWED + Allowance() || Network().HasSilentExpiry())
         return;
     const bool isWan = route == "eth0" || route == "wwan0";
-    if (isWan && !settled.empty() && followed && settled != route)
+    if (isWan && settled.empty())
+        settled = route; // it knows of this one by now, so it tells of the next
+    if (isWan && followed && settled != route)
         Fail("has not said that the route has moved to " + route);
     if (!open)
         return;
     const std::string interface = Network().OwnerOf(open->source);
     // Where the connection manager has taken the route by itself, a good connection stays.
-    if (fourOnly && route == movedTo && !routeHasLeft && routeChangedAt < movedAt + FOLLOWED && interface != route)
+    if (fourOnly && isWan && route == movedTo && !routeHasLeft && routeChangedAt < movedAt + FOLLOWED &&
+        interface != route)
         Fail("stays connected over " + interface + " behind a move of the route");
     const int period = route == "wwan0" && !probation ? options.keepAliveCellular : options.keepAliveEthernet;
     if (open->socket->Option(TCP_KEEPIDLE) != period)

@@ -170,7 +170,7 @@ private:
     bool routeHasLeft = false;   // where the library has moved it, since then
     bool toldOfCellular = false; // the library also gets there when the cloud comes back by itself, and does not say so
     int moves[2] = {0, 0};       // that were said, to Ethernet and to Cellular
-    std::string settled;         // whereto the last one led
+    std::string settled;         // whereto the last one led, or where the route has stood before there was one
     bool followed = true;
     std::vector<Time> fails; // the moves to Cellular
 

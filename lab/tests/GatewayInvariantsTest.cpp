@@ -637,6 +637,28 @@ TEST(AnInvariantOfTheApplication, WantsEachMoveOfTheRouteSaidOnceAndTruly) {
         none);
     ApplicationFails([&](ApplicationScene& scene) { scene.GetReady(), scene.Log(toCellular), scene.Settle(); },
                      "has not said that the route has moved to eth0");
+    const auto stood = [](ApplicationScene& scene) {
+        scene.AddCellular();
+        scene.files.full = true; // so that no status is due
+        scene.GetReady(), scene.TellOfCellular(), scene.Settle();
+    };
+    RunAll<ApplicationScene>([&](ApplicationScene& scene) {
+        stood(scene), scene.RouteBecomes("wwan0"), scene.Log(toCellular), scene.Settle();
+    });
+    ApplicationFails([&](ApplicationScene& scene) { stood(scene), scene.RouteBecomes("wwan0"), scene.Settle(); },
+                     "has not said that the route has moved to wwan0");
+    ApplicationFails([&](ApplicationScene& scene) { stood(scene), scene.Log(toEthernet); }, none);
+    ApplicationFails(
+        [&](ApplicationScene& scene) {
+            scene.AddCellular();
+            scene.files.full = true;
+            scene.model.Notified("READY=1"); // and the gateway's broker is not there
+            for (const char* interface : {"eth0", "wwan0"}) {
+                scene.RouteBecomes(interface);
+                scene.sim.Sleep(6 * SECOND), scene.model.TimeHasAdvanced(SECOND / 10);
+            }
+        },
+        "has not said that the route has moved to wwan0");
     ApplicationFails(
         [&](ApplicationScene& scene) {
             scene.GetReady(), scene.Log(toCellular), scene.Log(toEthernet), scene.WriteStatus();

@@ -49,6 +49,7 @@ Application::Application(AppOptions appOptions, std::vector<std::string> command
       startTimer(loop, [this] { TryStart(); }),
       tickTimer(loop, [this] { Tick(); }),
       watchdogTimer(loop, [this] { manager.Notify("WATCHDOG=1"); }),
+      moveTimer(loop, [this] { FollowMoves(); }),
       startBackOff(500ms, 5s, [this] { return std::generate_canonical<double, 32>(randomness); }),
       network(loop, ConfiguredInterfaces(),
               {[this](const WanInterfaces::Events& events) { OnNetworkEvents(events); },
@@ -163,7 +164,6 @@ void Application::Tick() {
     if (client->CloudReconnectNeeded())
         OnRouteMoved();
     CheckDefaultRoute();
-    FollowMoves();
     FollowHindrance();
     SetTickTimer();
 }

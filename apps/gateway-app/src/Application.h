@@ -113,6 +113,7 @@ private:
     Timer startTimer;
     Timer tickTimer;
     Timer watchdogTimer;
+    Timer moveTimer;
     BackOff startBackOff;
     NetworkWatcher network;
     CloudConnection cloud;

@@ -66,6 +66,9 @@ Path Application::PathOf(const std::string& interface) const {
 void Application::FollowMoves() {
     const auto now = Now();
     const std::optional<RouteMoves::Move> move = moves.Take(now);
+    // Not with the ticks, which there are none of before the gateway's broker is there.
+    if (const auto due = moves.Due(); due > now)
+        moveTimer.Once(std::chrono::ceil<std::chrono::milliseconds>(*due - now));
     if (!move)
         return;
     const bool toCellular = move->to == Path::CELLULAR;

@@ -37,6 +37,8 @@ void RouteMoves::DefaultRouteIs(Path path, Time now) {
 }
 
 void RouteMoves::OrderedByLibrary(Path path, Time now) {
+    if (settled == Path::NONE)
+        return;
     if (path == settled) {
         ordered.reset(); // what it had ordered before is taken back
         if (!IsWan(route) || route == settled)
@@ -60,6 +62,10 @@ std::optional<RouteMoves::Move> RouteMoves::Take(Time now) {
     const Move move{settled, target, ordered.has_value(), route == target, *begun, now};
     Settle(target);
     return move;
+}
+
+std::optional<RouteMoves::Time> RouteMoves::Due() const {
+    return begun ? std::optional(*begun + PATIENCE) : std::nullopt;
 }
 
 std::chrono::steady_clock::duration RouteMoves::On(Path path, Time now) const {

@@ -10,7 +10,8 @@ namespace GatewayApp {
 
 /// Tells when a move of the WAN route is complete, exactly once for each. Two say that the route moves, in either order
 /// and a few tenths of a second apart: the kernel, whose default route leads elsewhere, and the client library, which
-/// has ordered it. A move that only one of them knows of counts as complete after three seconds.
+/// has ordered it. A move that only one of them knows of counts as complete after three seconds. The first route over
+/// either interface is none, whatever the library has ordered before: there was nothing to move.
 ///
 /// Observations and time in, moves out. One thread.
 class RouteMoves {
@@ -38,8 +39,10 @@ public:
     /// The client library says that its move is complete.
     void OrderedByLibrary(Path path, Time now);
 
-    /// The move that has become complete; given once. To be asked after each observation and about once a second.
+    /// The move that has become complete; given once. To be asked after each observation, and when it is due.
     std::optional<Move> Take(Time now);
+    /// When a move counts as complete of which only one of them has told; nothing: none has begun.
+    std::optional<Time> Due() const;
 
     /// Where the kernel's default route leads, and for how long it has led over a path in all.
     Path Route() const { return route; }

@@ -54,7 +54,9 @@ TEST_F(ARouteOverEthernet, HasMovedAlsoWhenTheLibraryIsFirst) {
 }
 
 TEST_F(ARouteOverEthernet, IsMovedWithoutTheLibraryAfterThreeSeconds) {
+    EXPECT_FALSE(moves.Due());
     Kernel(Path::CELLULAR);
+    EXPECT_EQ(moves.Due(), now + 3s);
     Pass(2999ms);
     EXPECT_FALSE(Take());
     Pass(1ms);
@@ -62,6 +64,7 @@ TEST_F(ARouteOverEthernet, IsMovedWithoutTheLibraryAfterThreeSeconds) {
     ASSERT_TRUE(move);
     EXPECT_FALSE(move->ordered);
     EXPECT_TRUE(move->followed);
+    EXPECT_FALSE(moves.Due());
 }
 
 TEST_F(ARouteOverEthernet, HasMovedOnceWhenTheLibrarySaysSoLate) {
@@ -160,6 +163,22 @@ TEST(AGatewayWithoutARoute, HasNotMovedWhenItGetsOne) {
     EXPECT_FALSE(moves.Take(now + 1h));
     moves.DefaultRouteIs(Path::ETHERNET, now + 1h);
     EXPECT_TRUE(moves.Take(now + 2h));
+}
+
+TEST(AGatewayWithoutARoute, HasNotMovedWhenTheLibraryOrdersOneThatTheKernelGetsLateOrNever) {
+    for (const Path path : {Path::NONE, Path::OTHER}) {
+        RouteMoves::Time now;
+        RouteMoves moves(path, now);
+        moves.OrderedByLibrary(Path::CELLULAR, now);
+        EXPECT_FALSE(moves.Take(now + 1h));
+        moves.DefaultRouteIs(Path::CELLULAR, now + 1h);
+        EXPECT_FALSE(moves.Take(now + 2h));
+        moves.OrderedByLibrary(Path::ETHERNET, now + 2h);
+        const auto move = moves.Take(now + 3h);
+        ASSERT_TRUE(move);
+        EXPECT_EQ(move->from, Path::CELLULAR);
+        EXPECT_EQ(move->to, Path::ETHERNET);
+    }
 }
 
 } // namespace

@@ -298,6 +298,14 @@ TEST_F(TheLogOfTheApplication, HasOneLineForAMoveOfAnotherProgramsAndOneForTheRe
                   1U);
 }
 
+TEST_F(TheLogOfTheApplication, HasItsLineForAMoveThoughTheBrokerHasNotBeenThereYet) {
+    gateway.broker.RefuseConnections(true);
+    At(2s, [&] { around.DefaultRouteBecomes("wwan0"); });
+    At(6s, [&] { EXPECT_EQ(Lines("another program has set the route; the switch took 3.0 s").size(), 1U); });
+    RunUntil(10s);
+    EXPECT_EQ(Moves(), 1U);
+}
+
 TEST_F(TheLogOfTheApplication, HasOneLineForAMoveThatTheKernelDoesNotFollow) {
     At(2s, [&] {
         gateway.poke.Fails("eth0", 28);
