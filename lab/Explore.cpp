@@ -3,7 +3,7 @@
 // explore --seed SEED [--trace]                  runs that one; with --trace each step of it is printed
 //
 // Each batch of seeds runs in a process of its own, so that a crash, a leak or a hang is laid at the door of its seed.
-// Exit status: 0 when nothing was found, otherwise 1, and the seed is printed.
+// Exit status: 0 when nothing was found, otherwise 1, and the seed is printed. One seed that does not end is ended.
 #include "Explored.h"
 #include "sim/Simulation.h"
 #include "sim/ThreadLocals.h"
@@ -54,7 +54,9 @@ Course RunSeed(std::uint64_t seed, bool trace) {
     return {simulation.Fingerprint(), simulation.Steps()};
 }
 
+/// One that hangs is ended by SIGALRM.
 int RunOne(std::uint64_t seed, bool trace) {
+    alarm(static_cast<unsigned>(HANGS.count()));
     const Course course = RunSeed(seed, trace);
     std::printf("seed %llu: %llu steps, fingerprint %016llx\n", static_cast<unsigned long long>(seed),
                 static_cast<unsigned long long>(course.steps), static_cast<unsigned long long>(course.fingerprint));

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -213,7 +214,9 @@ void LogOutputs::Heal() {
 
 void LogOutputs::Drain() {
     std::array<char, 65536> piece{};
-    for (ssize_t count = 0; (count = ::read(reading, piece.data(), piece.size())) > 0;) {
+    // Not read(): another thread would go on there, and might close the reader or give its number to something else.
+    iovec all{piece.data(), piece.size()};
+    for (ssize_t count = 0; (count = readv(reading, &all, 1)) > 0;) {
         read.append(piece.data(), static_cast<std::size_t>(count));
         if (place.kind == LogPlace::Kind::SYSLOG)
             read += '\n'; // what is sent has no end of a line

@@ -25,6 +25,7 @@ ADOPT = pathlib.Path(__file__).resolve().with_name("adopt.py")
 SKIPPED = 77
 SHOWN_LINES = 60
 TIME_TO_END = 30  # seconds
+LIMIT = 40 * 60  # seconds; more than twice what the longest step takes on a busy machine
 SLOWEST = 20
 # Linux shares the processor among sessions first ("autogroup"), and boxes are sessions of their own: niceness alone counts
 # only within one.
@@ -50,6 +51,7 @@ class Run:
         self.processor_seconds = 0.0
         self.tests: list[reports.Test] = []
         self.second_tries: list[str] = []
+        self.hung = False
         self.verdict = "running"
         with self.log.open("wb") as log:
             self.process = subprocess.Popen(
@@ -68,25 +70,34 @@ class Run:
         if self.process.poll() is not None:
             return
         with contextlib.suppress(ProcessLookupError):
-            os.killpg(self.process.pid, signal.SIGINT)
-            with contextlib.suppress(subprocess.TimeoutExpired):
-                self.process.wait(TIME_TO_END)
-            os.killpg(self.process.pid, signal.SIGTERM)
+            for end in (signal.SIGINT, signal.SIGTERM):
+                os.killpg(self.process.pid, end)
+                with contextlib.suppress(subprocess.TimeoutExpired):
+                    self.process.wait(TIME_TO_END)
+            if self.process.poll() is None:
+                os.killpg(self.process.pid, signal.SIGKILL)
 
     @staticmethod
     def _value(value: str) -> str:
         return str(TREE / value) if value.startswith("build/") else value
 
     def finish(self) -> Run:
-        status = self.process.wait()
+        try:
+            status = self.process.wait(LIMIT)
+        except subprocess.TimeoutExpired:
+            self.hung = True
+            with self.log.open("a") as log:
+                print(f"\ntest: ended, for it took longer than {LIMIT} s", file=log)
+            self.stop()
+            status = self.process.wait()
         self.seconds = time.monotonic() - self.begin
         with contextlib.suppress(OSError):
             self.processor_seconds = float(self.processor_time.read_text(encoding="ascii"))
         self.tests = reports.read(self.reports)
         self.second_tries = reports.second_tries(self.reports)
-        if status == SKIPPED and (self.step.optional or not os.environ.get("ORV_REQUIRE_NAMESPACES")):
+        if status == SKIPPED and not self.hung and (self.step.optional or not os.environ.get("ORV_REQUIRE_NAMESPACES")):
             self.verdict = "skipped"
-        elif status == 0 and reports.count(self.tests, "failed") == 0:
+        elif status == 0 and not self.hung and reports.count(self.tests, "failed") == 0:
             self.verdict = "ok"
         else:
             self.verdict = "FAILED"
@@ -114,9 +125,9 @@ class Run:
             for test in self.tests
             if test.verdict == "failed"
         ]
-        if not parts:
+        if self.hung or not parts:
             lines = self.log.read_text(errors="replace").splitlines()
-            parts = [f"---- {self.step.name}: the end of {self.log.relative_to(TREE)}", *lines[-SHOWN_LINES:]]
+            parts += [f"---- {self.step.name}: the end of {self.log.relative_to(TREE)}", *lines[-SHOWN_LINES:]]
         return "\n".join(parts)
 
 

@@ -162,6 +162,22 @@ def test_a_step_that_exits_with_an_error_fails_the_run(tree: AddStep, capsys: py
     assert "the reason" in capsys.readouterr().out
 
 
+@pytest.mark.parametrize("text", ["sleep 600", "trap '' INT TERM; sleep 600", "trap 'exit 0' INT; sleep 600"])
+def test_a_step_that_does_not_end_fails_and_the_run_goes_on(
+    tree: AddStep, monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str], text: str
+) -> None:
+    monkeypatch.setattr(run, "LIMIT", 0.5)
+    monkeypatch.setattr(run, "TIME_TO_END", 0.5)
+    lane = plan.Lane((tree("hangs", f"echo what it said\n{text}"), tree("next", "true")))
+    begin = time.monotonic()
+    runs = run.Schedule((lane,)).run()
+    assert time.monotonic() - begin < 300
+    assert [one.verdict for one in runs] == ["FAILED", "ok"]
+    said = capsys.readouterr().out
+    assert "what it said" in said
+    assert "ended, for it took longer than 0.5 s" in said
+
+
 def test_a_step_that_gives_way_leaves_the_others_their_time(tree: AddStep) -> None:
     lanes = (plan.Lane((tree("ordinary", "nice"),)), plan.Lane((tree("polite", "nice"),), gives_way=True))
     runs = run.Schedule(lanes).run()
