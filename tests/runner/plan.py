@@ -92,7 +92,7 @@ ALL: Plan = (
             Step("fuzz 10"),
             Step("explore 46"),
             Step("explore --race 14"),
-            Step("torture 75"),
+            Step("torture 45"),
         ),
         gives_way=True,
     ),
