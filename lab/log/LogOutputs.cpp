@@ -180,7 +180,9 @@ std::string LogOutputs::Settings(bool other) const {
 
 void LogOutputs::Trouble(Random& random) {
     Heal();
-    if (!place.hasTrouble || random.OneIn(2))
+    // A forked child has the daemon's socket, too: that would live on, and take what nobody reads.
+    const bool wouldLiveOn = place.kind == LogPlace::Kind::SYSLOG && sim.IsForking();
+    if (!place.hasTrouble || random.OneIn(2) || wouldLiveOn)
         return;
     ++troubles;
     if (place.kind == LogPlace::Kind::SYSLOG) {

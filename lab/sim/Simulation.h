@@ -104,6 +104,8 @@ public:
     /// As by fork(), in a process of its own that has a copy of everything, and of the threads only this one. One at a
     /// time.
     void RunInForkedChild(const std::function<void()>& body);
+    /// Whether such a process may exist.
+    bool IsForking() const { return forking != nullptr; }
     Time Now() const { return now; }
     /// @}
 
