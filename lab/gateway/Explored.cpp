@@ -6,8 +6,6 @@
 #include "gateway/RoutesProgram.h"
 #include "gateway/WatcherProgram.h"
 
-#include <cstdlib>
-
 namespace {
 
 template <typename Program>
@@ -27,10 +25,7 @@ void OrvLab::RunExplored(Simulation& simulation, std::uint64_t seed) {
         return RunProgram<CloudProgram>(simulation, seed);
     case 2:
         return RunProgram<RoutesProgram>(simulation, seed);
-    default: {
-        const char* const wanted = std::getenv("ORV_EXPLORE_APPLICATION");
-        if (wanted == nullptr || *wanted != '\0')
-            RunProgram<ApplicationProgram>(simulation, seed);
-    }
+    default:
+        return RunProgram<ApplicationProgram>(simulation, seed);
     }
 }
