@@ -67,13 +67,13 @@ int RunOne(std::uint64_t seed, bool trace) {
 struct Progress {
     std::atomic<std::uint64_t> seed;
     std::atomic<std::uint64_t> steps;
+    std::atomic<std::uint64_t> end; // behind the last seed
 };
 
 struct Worker {
     pid_t process = 0;
     Progress* progress = nullptr;
     std::uint64_t first = 0;
-    std::uint64_t end = 0;
     std::uint64_t seen = 0;
     Clock::time_point moved;
 };
@@ -87,9 +87,10 @@ Progress* SharedProgress() {
     return new (memory) Progress{};
 }
 
-void Begin(Worker& worker, std::uint64_t first, std::uint64_t end) {
+/// @param until no further seed is begun then
+void Begin(Worker& worker, std::uint64_t first, std::uint64_t end, Clock::time_point until) {
     worker.first = worker.seen = first;
-    worker.end = end;
+    worker.progress->end = end;
     worker.moved = Clock::now();
     worker.progress->seed = first;
     std::fflush(stdout);
@@ -100,11 +101,13 @@ void Begin(Worker& worker, std::uint64_t first, std::uint64_t end) {
     }
     if (worker.process != 0)
         return;
-    for (std::uint64_t seed = first; seed < end; ++seed) {
+    std::uint64_t seed = first;
+    for (; seed < end && (seed == first || Clock::now() < until); ++seed) {
         worker.progress->seed = seed;
         worker.progress->steps += RunSeed(seed, false).steps;
     }
-    worker.progress->seed = end;
+    worker.progress->end = seed;
+    worker.progress->seed = seed;
     std::exit(0);
 }
 
@@ -126,7 +129,7 @@ bool HasEnded(Worker& worker, int& status) {
 
 bool Fails(Worker worker, std::uint64_t seed) {
     int status = 0;
-    for (Begin(worker, seed, seed + 1); !HasEnded(worker, status);)
+    for (Begin(worker, seed, seed + 1, Clock::time_point::max()); !HasEnded(worker, status);)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     return status != 0;
 }
@@ -134,9 +137,10 @@ bool Fails(Worker worker, std::uint64_t seed) {
 /// The seed that ended a batch; of one that ended by itself, as with a leak, the first that does so alone.
 std::uint64_t Culprit(const Worker& worker) {
     const std::uint64_t seed = worker.progress->seed;
-    if (seed < worker.end)
+    const std::uint64_t end = worker.progress->end;
+    if (seed < end)
         return seed;
-    for (std::uint64_t one = worker.first; one < worker.end; ++one)
+    for (std::uint64_t one = worker.first; one < end; ++one)
         if (Fails(worker, one))
             return one;
     return worker.first;
@@ -150,7 +154,7 @@ int Explore(std::chrono::seconds duration, std::uint64_t from, unsigned jobs) {
     std::uint64_t ran = 0;
     for (Worker& worker : workers) {
         worker.progress = SharedProgress();
-        Begin(worker, next, next + OrvLab::SeedsOfAProcess());
+        Begin(worker, next, next + OrvLab::SeedsOfAProcess(), begin + duration);
         next += OrvLab::SeedsOfAProcess();
     }
     std::printf("explore: seeds from %llu\n", static_cast<unsigned long long>(from));
@@ -161,12 +165,12 @@ int Explore(std::chrono::seconds duration, std::uint64_t from, unsigned jobs) {
             if (worker.process == 0 || !HasEnded(worker, status))
                 continue;
             worker.process = 0;
-            ran += std::min(worker.progress->seed.load(), worker.end) - worker.first;
+            ran += worker.progress->seed - worker.first;
             if (status != 0) {
                 ++found;
                 std::printf("explore: seed %llu fails\n", static_cast<unsigned long long>(Culprit(worker)));
             } else if (found == 0 && Clock::now() - begin < duration) {
-                Begin(worker, next, next + OrvLab::SeedsOfAProcess());
+                Begin(worker, next, next + OrvLab::SeedsOfAProcess(), begin + duration);
                 next += OrvLab::SeedsOfAProcess();
             }
         }
