@@ -24,7 +24,6 @@ class Application:
         self.box = box
         self.log_file = folder / "app.log"
         self.transcript_file = folder / "transcript.jsonl"
-        environment = {"ORV_BOX_CLOCK": "1"} if clock else {}  # its own wall clock, see `box clock`
         with open(self.log_file, "w", encoding="utf-8") as log:
             target = log if output is None else output
             # Several gateways share this machine; how long a call lasts is to tell of the call, not of the other gateways.
@@ -42,7 +41,7 @@ class Application:
                 *options,
                 stdout=target,
                 stderr=target,
-                **environment,
+                clock=clock,  # its own wall clock, see `box clock`
             )
 
     def log(self) -> str:

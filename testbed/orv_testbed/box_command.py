@@ -6,7 +6,7 @@ import os
 import signal
 import sys
 from collections.abc import Sequence
-from typing import NoReturn
+from typing import NoReturn, TextIO
 
 from orv_testbed.box_processes import BoxProcesses
 from orv_testbed.gateway import Gateway
@@ -19,7 +19,7 @@ def interrupted(number: int, _: object) -> NoReturn:
     raise SystemExit(128 + number)
 
 
-def do(layout: Layout, word: str, *words: str) -> None:
+def do(layout: Layout, output: TextIO, complaints: TextIO, word: str, *words: str) -> None:
     if word == "exec" and words and not layout.has_machine():
         # Scenarios run many commands on the gateway: nothing that they do not need is loaded for them.
         layout.check_caller()
@@ -28,22 +28,27 @@ def do(layout: Layout, word: str, *words: str) -> None:
     else:
         from orv_testbed.gateway_box import GatewayBox
 
-        GatewayBox(layout).do(word, *words)
+        GatewayBox(layout, output, complaints).do(word, *words)
+
+
+def carry_out(layout: Layout, output: TextIO, complaints: TextIO, words: Sequence[str], usage: str = "") -> int:
+    """Returns the exit status."""
+    try:
+        if not words:
+            raise Usage
+        do(layout, output, complaints, *words)
+    except Usage:
+        print(usage, end="", file=complaints)
+        if words:
+            print(f"\nbox: no such command: {' '.join(words)}", file=complaints)
+        return 2
+    except (BoxError, Missing) as error:
+        print(f"box: {error}", file=complaints)
+        return 1
+    return 0
 
 
 def main(usage: str, arguments: Sequence[str]) -> int:
     for number in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, interrupted)
-    try:
-        if len(arguments) < 2:
-            raise Usage
-        do(Layout(arguments[0], os.environ), *arguments[1:])
-    except Usage:
-        print(usage, end="", file=sys.stderr)
-        if len(arguments) > 1:
-            print(f"\nbox: no such command: {' '.join(arguments[1:])}", file=sys.stderr)
-        return 2
-    except (BoxError, Missing) as error:
-        print(f"box: {error}", file=sys.stderr)
-        return 1
-    return 0
+    return carry_out(Layout(arguments[0], os.environ), sys.stdout, sys.stderr, arguments[1:], usage)

@@ -2,6 +2,7 @@
 """Certificates for the testbed's TLS endpoints, made by openssl."""
 from __future__ import annotations
 
+import functools
 import pathlib
 import subprocess
 
@@ -9,8 +10,8 @@ KEY = ("-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes")
 DAYS = "30"
 
 
-def openssl(*words: str | pathlib.Path) -> str:
-    done = subprocess.run(["openssl", *words], text=True, capture_output=True, check=False)
+def openssl(*words: str | pathlib.Path, told: str | None = None) -> str:
+    done = subprocess.run(["openssl", *words], input=told, text=True, capture_output=True, check=False)
     if done.returncode != 0:
         raise RuntimeError(f"openssl {words[0]}: {done.stderr}")
     return done.stdout
@@ -43,4 +44,9 @@ class Authority:
 
 def hash_of(certificate: pathlib.Path) -> str:
     """By which a folder of certificates names it."""
-    return openssl("x509", "-noout", "-subject_hash", "-in", certificate).strip()
+    return _hash_of(certificate.read_text(encoding="ascii"))
+
+
+@functools.cache
+def _hash_of(certificate: str) -> str:
+    return openssl("x509", "-noout", "-subject_hash", told=certificate).strip()

@@ -2,6 +2,10 @@
 """The cloud: an HTTPS endpoint that notes every TLS handshake, and an MQTT broker over TLS, with a CA of their own."""
 from __future__ import annotations
 
+import functools
+import pathlib
+import tempfile
+
 from orv_testbed.box_processes import PYTHON, BoxProcesses
 from orv_testbed.certificates import Authority
 from orv_testbed.families import Families
@@ -33,6 +37,20 @@ log_timestamp_format %Y-%m-%dT%H:%M:%S
 """
 
 
+@functools.cache
+def certificates() -> dict[str, bytes]:
+    """Files by name. All boxes of a process have the same ones: openssl takes its time for them."""
+    with tempfile.TemporaryDirectory() as name:
+        folder = pathlib.Path(name)
+        right = Authority(folder, "ca", "Gateway box CA")
+        wrong = Authority(folder, "other-ca", "A CA that the gateway does not know")
+        cloud = f"DNS:{CLOUD_NAME},IP:{CLOUD_ADDRESS},IP:{CLOUD_ADDRESS_6}"
+        right.certify("server", CLOUD_NAME, cloud)
+        wrong.certify("wrong", CLOUD_NAME, cloud)
+        wrong.certify("portal", PORTAL_NAME, f"DNS:{PORTAL_NAME},IP:{ETHERNET.net}.1")
+        return {file.name: file.read_bytes() for file in folder.iterdir()}
+
+
 class Cloud:
     def __init__(self, layout: Layout, processes: BoxProcesses, namespace: Namespace) -> None:
         self._layout, self._processes, self._namespace = layout, processes, namespace
@@ -44,13 +62,9 @@ class Cloud:
 
     def start(self) -> None:
         tls = self._layout.certificates
-        tls.mkdir(parents=True)
-        right = Authority(tls, "ca", "Gateway box CA")
-        wrong = Authority(tls, "other-ca", "A CA that the gateway does not know")
-        cloud = f"DNS:{CLOUD_NAME},IP:{CLOUD_ADDRESS},IP:{CLOUD_ADDRESS_6}"
-        right.certify("server", CLOUD_NAME, cloud)
-        wrong.certify("wrong", CLOUD_NAME, cloud)
-        wrong.certify("portal", PORTAL_NAME, f"DNS:{PORTAL_NAME},IP:{ETHERNET.net}.1")
+        tls.mkdir(parents=True, mode=0o700)
+        for name, content in certificates().items():
+            (tls / name).write_bytes(content)
         for side in SIDES.values():
             self.answer(side, "ok")
         listeners = "".join(LISTENER.format(address=address, tls=tls) for address in self._addresses())

@@ -5,7 +5,6 @@ from __future__ import annotations
 import os
 import pathlib
 import shutil
-import subprocess
 from collections.abc import Callable, Iterator
 from typing import Protocol
 
@@ -14,6 +13,7 @@ import pytest
 from orv_testbed.box import Box
 from orv_testbed.calls import Calls, Figures, waits
 from orv_testbed.families import Families
+from orv_testbed.host import can_make_namespaces
 from orv_testbed.scene import Scene
 
 NO_NAMESPACES = (
@@ -26,13 +26,6 @@ JudgeCalls = Callable[[Figures], None]
 class MakeScene(Protocol):
     def __call__(self, *options: str, clock: bool = False) -> Scene:
         ...
-
-
-def can_make_namespaces() -> bool:
-    return (
-        subprocess.run(["unshare", "--net", "--mount", "--uts", "true"], capture_output=True, check=False).returncode
-        == 0
-    )
 
 
 def skip_without_what_a_box_needs(families: str | None = None) -> None:

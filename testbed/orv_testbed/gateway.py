@@ -11,6 +11,7 @@ import shutil
 import subprocess
 import sys
 
+from orv_testbed import services
 from orv_testbed.box_processes import PYTHON, BoxProcesses, python_environment
 from orv_testbed.certificates import hash_of
 from orv_testbed.commands import Word, run, succeeds
@@ -26,6 +27,7 @@ FOLDERS = ("etc/orv", "run/dbus", "run/connman", "var/cache", "var/lib/connman",
 SETTINGS = f"[cloud]\nendpoint = {CLOUD_NAME}\n[log]\nlevel = trace\n"
 SYSTEMS_AUTHORITIES = pathlib.Path("/etc/ssl/certs")
 BUNDLE = "ca-certificates.crt"
+SOON = 0.1  # seconds between two looks at what takes ConnMan about a second
 
 
 class Gateway:
@@ -56,9 +58,13 @@ class Gateway:
         clock = os.environ.get("ORV_BOX_CLOCK") == "1"
         command = self.command(*words, clock=clock)
         if clock:
-            with open(self._faketime_notes, "a", encoding="ascii") as notes:
-                notes.write(f"{os.getpid()}\n")
+            self.note_faketime(os.getpid())
         os.execvp(command[0], command)
+
+    def note_faketime(self, pid: int) -> None:
+        """Of a program with a wall clock of its own: see `remove_faketime_traces`."""
+        with open(self._faketime_notes, "a", encoding="ascii") as notes:
+            notes.write(f"{pid}\n")
 
     def _faketime_library(self) -> pathlib.Path:
         for root in (TOOLS, pathlib.Path("/")):
@@ -87,18 +93,18 @@ class Gateway:
         self.start_modem()
         self._start_routes()
         self.start_connman()
-        self._await(self._connect_cellular, 20, "ConnMan shows no cellular service", "connman", "modem")
+        self._await(self._connect_cellular, 20, "ConnMan shows no cellular service", "connman", "modem", pause=SOON)
         # With IPv6 there are detection of duplicates, advertisements and DHCPv6 to wait for, too.
         patience = 45 if Families.of(self._layout.state).has_ipv6() else 20
-        if not comes_within(patience, self._both_connected):
+        if not comes_within(patience, self._both_connected, SOON):
             raise BoxError(
                 f"ConnMan does not connect both interfaces, see {self._layout.log('connman')}; its services:\n{self.services()}"
             )
         self._let_services_be_moved()
 
-    def _await(self, condition: object, seconds: float, fault: str, *logs: str) -> None:
+    def _await(self, condition: object, seconds: float, fault: str, *logs: str, pause: float = 0.02) -> None:
         assert callable(condition)
-        if not comes_within(seconds, condition):
+        if not comes_within(seconds, condition, pause):
             raise BoxError(f"{fault}, see {' and '.join(str(self._layout.log(log)) for log in logs)}")
 
     def _make_files(self) -> None:
@@ -216,7 +222,7 @@ class Gateway:
         # ConnMan waits for the news of an IPv6 address, and there is none of one that was there before the connection. It
         # switches IPv6 on again when it connects.
         if "6" in Families.of(self._layout.state).cell and self.namespace.has("wwan0"):
-            run(*self.namespace.command("sysctl", "-qw", "net.ipv6.conf.wwan0.disable_ipv6=1"))
+            self.namespace.set(ipv6__conf__wwan0__disable_ipv6=1)
         options = ("--nodaemon", "--config=/etc/orv/connman.conf", "--nodnsproxy")
         self._processes.start("connman", self.command(daemon("connmand"), *options))
         come = "ConnMan does not come onto the bus"
@@ -257,7 +263,8 @@ class Gateway:
 
     def services(self) -> str | None:
         """One line a service; see services.py. None when ConnMan does not answer."""
-        return self._ask_bus(*PYTHON, "orv_testbed.services")
+        printed = self._ask_bus(*services.ASK)
+        return None if printed is None else services.lines(printed)
 
     def _connect_cellular(self) -> bool:
         """A cellular service connects by itself only after a first connection."""

@@ -5,8 +5,8 @@ from __future__ import annotations
 import re
 import shutil
 import signal
-import sys
 from collections.abc import Callable
+from typing import TextIO
 
 from orv_testbed import watch
 from orv_testbed.box_processes import BoxProcesses
@@ -51,8 +51,9 @@ def read_options(*words: str) -> tuple[bool, Families]:
 class GatewayBox:
     """All parts of the box that the environment names, whether it is up or not."""
 
-    def __init__(self, layout: Layout) -> None:
+    def __init__(self, layout: Layout, output: TextIO, complaints: TextIO) -> None:
         self.layout = layout
+        self.complaints = complaints
         self.processes = BoxProcesses(self.layout)
         self.networks = Networks(self.layout, self.processes)
         self.cloud = Cloud(self.layout, self.processes, self.networks.cloud)
@@ -62,7 +63,7 @@ class GatewayBox:
         self.family_faults = FamilyFaults(self.layout, self.networks)
         self.programs = ProgramFaults(self.layout, self.processes, self.gateway)
         self.record = FaultRecord(self.layout.state)
-        self.report = Report(self.layout, self.processes, self.gateway, self.record)
+        self.report = Report(self.layout, self.processes, self.gateway, self.record, output)
 
     def up(self, machine: bool, families: Families) -> None:
         self.layout.check_place()
@@ -88,9 +89,9 @@ class GatewayBox:
                 self.gateway.start()
         except BaseException as error:
             if isinstance(error, (BoxError, Missing)):
-                print(f"box: {error}", file=sys.stderr)
-            print("box: coming up failed, taking the rest down; the ends of its logs:", file=sys.stderr)
-            self.report.show_logs()
+                print(f"box: {error}", file=self.complaints)
+            print("box: coming up failed, taking the rest down; the ends of its logs:", file=self.complaints)
+            self.report.show_logs(self.complaints)
             self.down()
             raise SystemExit(1) from error
 

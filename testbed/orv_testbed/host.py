@@ -2,6 +2,7 @@
 """What the computer that a box runs on must have."""
 from __future__ import annotations
 
+import functools
 import importlib.util
 import shutil
 
@@ -24,8 +25,13 @@ PACKAGES = {
 BOOTSTRAP = f"run {TREE}/script/bootstrap box"
 
 
+@functools.cache
+def can_make_namespaces() -> bool:
+    return succeeds("unshare", "--net", "--mount", "--uts", "true")
+
+
 def check_host() -> None:
-    if not succeeds("unshare", "--net", "--mount", "--uts", "true"):
+    if not can_make_namespaces():
         raise BoxError(
             "this machine does not let us make namespaces (a container? start it with --privileged; a chroot? first mount "
             "its root on itself)"

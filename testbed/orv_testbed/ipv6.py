@@ -84,7 +84,7 @@ class Ipv6:
     def make(self) -> None:
         side, here = self._side, self._here
         self._folder.mkdir()
-        run(*here.command("sysctl", "-qw", "net.ipv6.conf.all.forwarding=1"))
+        here.set(ipv6__conf__all__forwarding=1)
         here.ip(f"addr add {side.name_server_6}/128 dev lo")
         here.ip(f"addr add {side.uplink_6}::1/64 dev up nodad")
         self._cloud.ip(f"addr add {side.uplink_6}::2/64 dev {side.name} nodad")

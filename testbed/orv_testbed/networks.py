@@ -8,13 +8,16 @@ import os
 import pathlib
 import subprocess
 import sys
-from collections.abc import Iterator
+import threading
+from collections.abc import Callable, Iterable, Iterator
+from typing import TypeVar
 
 from orv_testbed.box_processes import PYTHON, BoxProcesses
 from orv_testbed.commands import is_mount_point, run, succeeds
 from orv_testbed.families import Families
 from orv_testbed.ipv6 import NAMES_BEHIND_DNS64, Ipv6
 from orv_testbed.layout import CLOUD_ADDRESS, CLOUD_ADDRESS_6, CLOUD_NAME, SIDES, BoxError, Layout, Side
+from orv_testbed.namespaces import enter, listening_ports
 from orv_testbed.waiting import comes_within
 
 RUN = pathlib.Path("/run")
@@ -25,6 +28,19 @@ LOCK_PATIENCE = 30  # seconds
 NETMASKS = {24: "255.255.255.0", 25: "255.255.255.128"}
 
 
+Result = TypeVar("Result")
+
+
+def batch(*options: str, lines: Iterable[str]) -> None:
+    run("ip", *options, "-batch", "-", told="".join(f"{line}\n" for line in lines))
+
+
+def cable(one: Namespace, interface: str, other: Namespace, far: str, mac: str | None = None) -> str:
+    """The line that makes it."""
+    address = f"address {mac} " if mac else ""
+    return f"link add name {interface} netns {one.name} {address}type veth peer name {far} netns {other.name}"
+
+
 class Namespace:
     def __init__(self, name: str) -> None:
         self.name = name
@@ -32,11 +48,43 @@ class Namespace:
     def ip(self, line: str) -> str:
         return run("ip", "-n", self.name, *line.split())
 
+    def ip_each(self, lines: Iterable[str]) -> None:
+        """Many lines in one process."""
+        batch("-n", self.name, lines=lines)
+
     def command(self, *words: str | pathlib.Path) -> list[str | pathlib.Path]:
         return ["ip", "netns", "exec", self.name, *words]
 
+    def within(self, do: Callable[[], Result]) -> Result:
+        """Does something in it, in a thread that enters it: the network is a thread's own affair."""
+        done: list[Result] = []
+        failed: list[BaseException] = []
+
+        def enter_and_do() -> None:
+            try:
+                enter(NETNS / self.name)
+                done.append(do())
+            except BaseException as error:
+                failed.append(error)
+
+        thread = threading.Thread(target=enter_and_do)
+        thread.start()
+        thread.join()
+        if failed:
+            raise failed[0]
+        return done[0]
+
     def listens(self, port: int) -> bool:
-        return bool(run(*self.command("ss", "-Hltn", f"sport = :{port}")))
+        return port in self.within(listening_ports)
+
+    def set(self, **values: int) -> None:
+        """Settings of the kernel's below net, "." in a name written "__"."""
+
+        def write() -> None:
+            for name, value in values.items():
+                pathlib.Path("/proc/sys/net", *name.split("__")).write_text(f"{value}\n", encoding="ascii")
+
+        self.within(write)
 
     def has(self, interface: str) -> bool:
         return succeeds("ip", "-n", self.name, "link", "show", "dev", interface)
@@ -104,26 +152,25 @@ class Networks:
     def make(self, taps: bool) -> None:
         """`taps`: the gateway is a machine, whose network cards are plugged in at the providers."""
         self._add()
-        for namespace in self.all:
-            namespace.ip("link set lo up")
-            if self.families.has_ipv6() and namespace is not self.gateway:
+        if self.families.has_ipv6():
+            for namespace in (*self.providers.values(), self.cloud):
                 # Duplicate address detection keeps nobody waiting but the gateway.
-                run(*namespace.command("sysctl", "-qw", "net.ipv6.conf.default.accept_dad=0"))
+                namespace.set(ipv6__conf__default__accept_dad=0)
+        cables = []
         for side in SIDES.values():
             if taps:
                 run(*self.provider(side).command("ip", "tuntap", "add", "dev", "lan", "mode", "tap"))
             else:
-                self._make_cable(self.gateway, side.interface, self.provider(side), "lan", side.gateways_mac)
+                cables.append(cable(self.gateway, side.interface, self.provider(side), "lan", side.gateways_mac))
+            cables.append(cable(self.provider(side), "up", self.cloud, side.name))
+        batch(lines=cables)
+        if not taps:
+            for side in SIDES.values():
                 # Without this the kernel leaves UDP checksums to the "hardware", and ConnMan's DHCP client drops the answers.
                 run(*self.provider(side).command("ethtool", "-K", "lan", "tx", "off"))
-        self.cloud.ip(f"addr add {CLOUD_ADDRESS}/32 dev lo")
-        if self.families.has_ipv6():
-            self.cloud.ip(f"addr add {CLOUD_ADDRESS_6}/128 dev lo")
+        self.gateway.ip("link set lo up")
+        self._make_cloud()
         for side in SIDES.values():
-            self._make_cable(self.provider(side), "up", self.cloud, side.name)
-            self.cloud.ip(f"addr add {side.uplink}.2/30 dev {side.name}")
-            self.cloud.ip(f"link set dev {side.name} up")
-            self.cloud.ip(f"route add {side.net}.0/24 via {side.uplink}.1")
             self._make_provider(side)
         watched = (f"{side.name}={self.provider(side).name}" for side in SIDES.values())
         self._processes.start("passages", [*PYTHON, "orv_testbed.passages", *watched])
@@ -134,15 +181,15 @@ class Networks:
                 raise BoxError(f"another box is coming up or going down for {LOCK_PATIENCE} s")
             if not is_mount_point(NETNS):
                 NOTE.write_text("found\n" if NETNS.is_dir() else "made\n", encoding="ascii")
-            for namespace in self.all:
-                run("ip", "netns", "add", namespace.name)
+            batch(lines=(f"netns add {namespace.name}" for namespace in self.all))
 
     def remove(self) -> None:
         with boxes_locked() as locked:
             if not locked:
                 print(f"box: another box is coming up or going down for {LOCK_PATIENCE} s", file=sys.stderr)
-            for namespace in self.all:
-                succeeds("ip", "netns", "del", namespace.name)
+            with contextlib.suppress(BoxError):
+                there = [namespace.name for namespace in self.all if (NETNS / namespace.name).exists()]
+                batch("-force", lines=(f"netns del {name}" for name in there))
             if not NOTE.exists() or (NETNS.is_dir() and any(NETNS.iterdir())):
                 return
             while is_mount_point(NETNS):
@@ -152,25 +199,28 @@ class Networks:
                 NETNS.rmdir()
             NOTE.unlink()
 
-    @staticmethod
-    def _make_cable(one: Namespace, interface: str, other: Namespace, far: str, mac: str | None = None) -> None:
-        run("ip", *f"link add name {interface} netns {one.name} type veth peer name {far} netns {other.name}".split())
-        if mac:
-            one.ip(f"link set {interface} address {mac}")
+    def _make_cloud(self) -> None:
+        lines = ["link set lo up", f"addr add {CLOUD_ADDRESS}/32 dev lo"]
+        if self.families.has_ipv6():
+            lines.append(f"addr add {CLOUD_ADDRESS_6}/128 dev lo")
+        for side in SIDES.values():
+            lines.append(f"addr add {side.uplink}.2/30 dev {side.name}")
+            lines.append(f"link set dev {side.name} up")
+            lines.append(f"route add {side.net}.0/24 via {side.uplink}.1")
+        self.cloud.ip_each(lines)
 
     def _make_provider(self, side: Side) -> None:
         """A router with DHCP and a name server of its own, which only its own customers reach."""
         namespace = self.provider(side)
-        namespace.ip(f"addr add {side.name_server}/32 dev lo")
         families = self.families.at(side)
+        lines = ["link set lo up", f"addr add {side.name_server}/32 dev lo"]
         if "4" in families:
-            namespace.ip(f"addr add {side.net}.1/24 dev lan")
-        namespace.ip(f"addr add {side.uplink}.1/30 dev up")
-        namespace.ip("link set dev lan up")
-        namespace.ip("link set dev up up")
-        namespace.ip(f"route add {CLOUD_ADDRESS}/32 via {side.uplink}.2")
+            lines.append(f"addr add {side.net}.1/24 dev lan")
+        lines.append(f"addr add {side.uplink}.1/30 dev up")
+        lines += ["link set dev lan up", "link set dev up up", f"route add {CLOUD_ADDRESS}/32 via {side.uplink}.2"]
+        namespace.ip_each(lines)
         # A provider forwards only its own customers' addresses.
-        run(*namespace.command("sysctl", "-qw", "net.ipv4.ip_forward=1", "net.ipv4.conf.lan.rp_filter=1"))
+        namespace.set(ipv4__ip_forward=1, ipv4__conf__lan__rp_filter=1)
         if "6" in families:
             self.ipv6(side).make()
         self.start_names(side)

@@ -9,7 +9,6 @@ from __future__ import annotations
 import ctypes
 import datetime
 import ipaddress
-import os
 import pathlib
 import select
 import socket
@@ -17,11 +16,11 @@ import struct
 import sys
 from typing import NamedTuple
 
+from orv_testbed.namespaces import enter
 from orv_testbed.timestamps import stamp
 
 LINK = "lan"
 EVERYTHING, OUTGOING = 0x0003, 4  # ETH_P_ALL, PACKET_OUTGOING
-CLONE_NEWNET = 0x40000000
 ATTACH_FILTER = 26  # SO_ATTACH_FILTER
 # The first packet of a TCP connection (SYN without ACK) behind an IPv4 or an IPv6 header, as a program of the kernel's
 # packet filter: what to do, where to go on if true and if false (so many further), with which number.
@@ -81,10 +80,7 @@ def parse(packet: bytes) -> tuple[str, str, int, str, int]:
 
 def listen(namespace: str) -> socket.socket:
     """At the provider's end of the link. We are in that namespace afterwards."""
-    handle = os.open(pathlib.Path("/run/netns", namespace), os.O_RDONLY)
-    if ctypes.CDLL(None, use_errno=True).setns(handle, CLONE_NEWNET) != 0:
-        raise OSError(ctypes.get_errno(), "setns")
-    os.close(handle)
+    enter(pathlib.Path("/run/netns", namespace))
     link = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, 0)
     program = ctypes.create_string_buffer(b"".join(struct.pack("HBBI", *step) for step in FIRST_PACKETS))
     link.setsockopt(socket.SOL_SOCKET, ATTACH_FILTER, struct.pack("HP", len(FIRST_PACKETS), ctypes.addressof(program)))

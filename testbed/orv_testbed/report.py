@@ -2,8 +2,8 @@
 """What is going on in a box."""
 from __future__ import annotations
 
-import sys
 from collections.abc import Iterable
+from typing import TextIO
 
 from orv_testbed.box_processes import BoxProcesses
 from orv_testbed.fault_record import FaultRecord
@@ -19,32 +19,35 @@ CLOUDS_PORTS = {443: "https", 8883: "mqtts"}
 
 
 class Report:
-    def __init__(self, layout: Layout, processes: BoxProcesses, gateway: Gateway, record: FaultRecord) -> None:
+    def __init__(
+        self, layout: Layout, processes: BoxProcesses, gateway: Gateway, record: FaultRecord, output: TextIO
+    ) -> None:
         self._layout, self._processes, self._gateway, self._record = layout, processes, gateway, record
+        self._output = output
         self._namespace: Namespace = gateway.namespace
 
     def services(self) -> None:
         services = self._gateway.services()
         if services is None:
             raise BoxError("ConnMan does not answer")
-        print(services, end="")
+        self._output.write(services)
 
     def status(self) -> None:
         for process in self._processes.names():
             pid = self._processes.pid_of(process)
-            print(f"{process}: " + ("not running" if pid is None else f"pid {pid}"))
-        print("faults in force:")
+            self._say(f"{process}: " + ("not running" if pid is None else f"pid {pid}"))
+        self._say("faults in force:")
         self._indented(self._record.in_force() or ["none"])
-        print("services, in ConnMan's order:")
+        self._say("services, in ConnMan's order:")
         self._indented((self._gateway.services() or "ConnMan does not answer").splitlines())
-        print("the latest connections to the cloud:")
+        self._say("the latest connections to the cloud:")
         self._indented(self._latest_connections() or ["none"])
-        print("routes:")
+        self._say("routes:")
         self._indented(self._namespace.ip("route").splitlines())
         self._indented(self._namespace.ip("-6 route show default").splitlines())
         rules = self._namespace.ip("rule").splitlines()
         self._indented(f"rule {rule}" for rule in rules if not any(word in rule for word in ORDINARY))
-        print("name servers:")
+        self._say("name servers:")
         known = (self._layout.gateway_root / "run/connman/resolv.conf").read_text(encoding="utf-8").splitlines()
         self._indented(line.removeprefix("nameserver").strip() for line in known if line.startswith("nameserver"))
 
@@ -57,27 +60,29 @@ class Report:
             for port, one in sorted(latest.items())
         ]
 
-    @staticmethod
-    def _indented(lines: Iterable[str]) -> None:
+    def _say(self, line: str) -> None:
+        print(line, file=self._output)
+
+    def _indented(self, lines: Iterable[str]) -> None:
         for line in lines:
-            print(f"  {line}")
+            self._say(f"  {line}")
 
     def log(self, *names: str) -> None:
         folder = self._layout.log("")
         there = sorted(log.name for log in folder.iterdir())
         if not names:
-            print("\n".join(there))
+            self._say("\n".join(there))
         elif names[0] not in there:
             raise BoxError(f"there is no log of {names[0]}; there are: {' '.join(there)}")
         else:
-            sys.stdout.write((folder / names[0]).read_text(encoding="utf-8", errors="replace"))
+            self._output.write((folder / names[0]).read_text(encoding="utf-8", errors="replace"))
 
-    def show_logs(self) -> None:
+    def show_logs(self, where: TextIO) -> None:
         """The end of each log that says something: the folder goes away with the box."""
         folder = self._layout.log("")
         for log in sorted(folder.iterdir()) if folder.is_dir() else ():
             for line in log.read_text(encoding="utf-8", errors="replace").splitlines()[-SHOWN_LINES:]:
-                print(f"box: {log.name}: {line}", file=sys.stderr)
+                print(f"box: {log.name}: {line}", file=where)
 
     def wait_route(self, interface: str, seconds: str = "10") -> None:
         def routes() -> str:

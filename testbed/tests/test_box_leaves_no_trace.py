@@ -15,7 +15,8 @@ from collections.abc import Iterator
 
 import pytest
 
-from orv_testbed.fixtures import NO_NAMESPACES, can_make_namespaces
+from orv_testbed.fixtures import NO_NAMESPACES
+from orv_testbed.host import can_make_namespaces
 from orv_testbed.programs import TREE, program
 from orv_testbed.waiting import wait_until
 

@@ -29,7 +29,7 @@ class Status:
         self.box = box
 
     def run(self, *options: str) -> subprocess.CompletedProcess[bytes]:
-        words = self.box.command("exec", program("orv-status"), *options)
+        words = self.box.on_gateway(program("orv-status"), *options)
         return subprocess.run(words, env=self.box.environment, capture_output=True, timeout=SLACK, check=False)
 
     def text(self, *options: str) -> str:
@@ -72,7 +72,7 @@ def application(box: Box, tmp_path: pathlib.Path) -> subprocess.Popen[str]:
 
 
 def publish(box: Box, topic: str, payload: bytes) -> None:
-    words = box.command("exec", "mosquitto_pub", "-t", topic, "-r", "-s")
+    words = box.on_gateway("mosquitto_pub", "-t", topic, "-r", "-s")
     subprocess.run(words, env=box.environment, input=payload, check=True)
 
 

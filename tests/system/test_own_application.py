@@ -10,7 +10,8 @@ import sys
 
 import pytest
 
-from orv_testbed.fixtures import NO_NAMESPACES, can_make_namespaces
+from orv_testbed.fixtures import NO_NAMESPACES
+from orv_testbed.host import can_make_namespaces
 from orv_testbed.programs import TREE, program
 
 LONGEST = 240  # seconds

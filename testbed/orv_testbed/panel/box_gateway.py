@@ -47,7 +47,7 @@ class BoxGateway:
                 *("env", "RES_OPTIONS=timeout:1 attempts:2", "ORV_LOG_LEVEL=info,OrvRoute=debug", *command),
                 stdout=log,
                 stderr=log,
-                ORV_BOX_CLOCK="1",
+                clock=True,
             )
 
     def stop(self) -> None:
