@@ -13,7 +13,7 @@ import pathlib
 import signal
 import subprocess
 import tempfile
-from typing import Any, Self
+from typing import IO, Any, Self
 
 from orv_testbed import passages
 from orv_testbed.box_command import carry_out
@@ -22,7 +22,7 @@ from orv_testbed.families import Families
 from orv_testbed.gateway import Gateway
 from orv_testbed.layout import SIDES, BoxError, Layout
 from orv_testbed.networks import Networks
-from orv_testbed.programs import TESTBED, program
+from orv_testbed.programs import PYTHON, TESTBED, Program, program
 from orv_testbed.status_files import ERRORS, STATUSES, read_statuses
 
 LONGEST_COMMAND: float = 90  # seconds
@@ -148,6 +148,23 @@ class Box:
             self._gateway().note_faketime(process.pid)
         self.processes.append(process)
         return process
+
+    def start_own(self, module: str, *arguments: str, output: IO[str] | IO[bytes]) -> int:
+        """Starts one of this package's programs on the gateway, which ends with the box; returns its pid."""
+        if not BoxProcesses.forks:
+            return self.start(*PYTHON, module, *arguments, stdout=output, stderr=output).pid
+        program = Program(self._gateway(), module, arguments)
+        with open(os.devnull, "rb") as nothing:
+            files = (nothing.fileno(), output.fileno(), output.fileno())
+            return BoxProcesses.forks.start(program, files, self.environment, new_session=False)
+
+    def said_by_own(self, module: str, *arguments: str) -> str:
+        """What one of this package's programs says until it ends."""
+        reading, writing = os.pipe()
+        with open(reading, encoding="utf-8", errors="replace") as said:
+            with open(writing, "wb") as output:
+                self.start_own(module, *arguments, output=output)
+            return said.read()
 
     def services(self) -> list[tuple[str, str]]:
         """ConnMan's order: (interface, name servers) of the connected services; empty while it does not answer."""

@@ -7,17 +7,14 @@ import pathlib
 import signal
 import subprocess
 from collections.abc import Sequence
+from typing import TYPE_CHECKING
 
 from orv_testbed.layout import Layout
-from orv_testbed.programs import TESTBED
+from orv_testbed.programs import Program, python_environment
 from orv_testbed.waiting import comes_within
 
-PYTHON = ("/usr/bin/python3", "-Bu", "-m")
-
-
-def python_environment() -> dict[str, str]:
-    """In which Python finds this package."""
-    return {**os.environ, "PYTHONPATH": str(TESTBED)}
+if TYPE_CHECKING:
+    from orv_testbed.preloaded import Preloaded
 
 
 def started_at(pid: int) -> str | None:
@@ -33,6 +30,8 @@ def started_at(pid: int) -> str | None:
 
 class BoxProcesses:
     """Each is noted as "pid start-time": one that has ended, or whose pid went to another process, is none of ours."""
+
+    forks: Preloaded | None = None  # what starts the package's programs, if whoever makes boxes wants that
 
     def __init__(self, layout: Layout) -> None:
         self._layout = layout
@@ -51,18 +50,24 @@ class BoxProcesses:
     def alive(self, name: str) -> bool:
         return self.pid_of(name) is not None
 
-    def start(self, name: str, command: Sequence[str | pathlib.Path]) -> None:
+    def start(self, name: str, command: Sequence[str | pathlib.Path] | Program) -> None:
         """In a session of its own; what it says goes to log/NAME."""
         with open(self._layout.log(name), "ab") as log:
-            process = subprocess.Popen(
-                [str(word) for word in command],
-                env=python_environment(),
-                stdin=subprocess.DEVNULL,
-                stdout=log,
-                stderr=log,
-                start_new_session=True,
-            )
-        (self._notes / name).write_text(f"{process.pid} {started_at(process.pid) or ''}\n", encoding="ascii")
+            if isinstance(command, Program) and self.forks:
+                with open(os.devnull, "rb") as nothing:
+                    files = (nothing.fileno(), log.fileno(), log.fileno())
+                    pid = self.forks.start(command, files, python_environment(), new_session=True)
+            else:
+                words = command.command() if isinstance(command, Program) else [str(word) for word in command]
+                pid = subprocess.Popen(
+                    words,
+                    env=python_environment(),
+                    stdin=subprocess.DEVNULL,
+                    stdout=log,
+                    stderr=log,
+                    start_new_session=True,
+                ).pid
+        (self._notes / name).write_text(f"{pid} {started_at(pid) or ''}\n", encoding="ascii")
 
     def send(self, name: str, number: signal.Signals) -> bool:
         """Whether it was there to take it."""

@@ -6,7 +6,7 @@ import functools
 import pathlib
 import tempfile
 
-from orv_testbed.box_processes import PYTHON, BoxProcesses
+from orv_testbed.box_processes import BoxProcesses
 from orv_testbed.certificates import Authority
 from orv_testbed.families import Families
 from orv_testbed.layout import (
@@ -21,7 +21,7 @@ from orv_testbed.layout import (
     Side,
 )
 from orv_testbed.networks import Namespace
-from orv_testbed.programs import daemon
+from orv_testbed.programs import Program, daemon
 from orv_testbed.waiting import comes_within
 
 LISTENER = """listener 8883 {address}
@@ -82,8 +82,8 @@ class Cloud:
     def open(self) -> None:
         here = self._namespace
         if not self._processes.alive("cloud-https"):
-            command = here.command(*PYTHON, "orv_testbed.cloud_https", self._folder, *self._addresses())
-            self._processes.start("cloud-https", command)
+            program = Program(here, "orv_testbed.cloud_https", (self._folder, *self._addresses()))
+            self._processes.start("cloud-https", program)
         if not self._processes.alive("cloud-mqtt"):
             command = here.command(daemon("mosquitto"), "-c", self._folder / "mosquitto.conf")
             self._processes.start("cloud-mqtt", command)

@@ -6,13 +6,13 @@ import pathlib
 import re
 import signal
 
-from orv_testbed.box_processes import PYTHON, BoxProcesses
+from orv_testbed.box_processes import BoxProcesses
 from orv_testbed.cloud import Cloud
 from orv_testbed.commands import run, succeeds
 from orv_testbed.gateway import Gateway
 from orv_testbed.layout import CELLULAR, ETHERNET, PORTAL_NAME, SIDES, BoxError, Layout, misused, side_named
 from orv_testbed.networks import Networks
-from orv_testbed.programs import TESTBED
+from orv_testbed.programs import TESTBED, Program
 from orv_testbed.waiting import comes_within
 
 MUTE_NAMES = "chain input { type filter hook input priority 0; udp dport 53 drop; tcp dport 53 drop; }"
@@ -133,8 +133,7 @@ class Faults:
             return
         log = self._layout.log(process)
         log.unlink(missing_ok=True)
-        program = (*PYTHON, "orv_testbed.slow_line", "slow", milliseconds)
-        self._processes.start(process, namespace.command(*program))
+        self._processes.start(process, Program(namespace, "orv_testbed.slow_line", ("slow", milliseconds)))
         if not comes_within(20, lambda: "at work" in log.read_text(encoding="utf-8")):
             raise BoxError(f"nothing delays packets (is there /dev/net/tun?), see {log}")
         for family in families:
@@ -148,8 +147,8 @@ class Faults:
         process = f"portal-{side}"
         if state == "on":
             if not self._processes.alive(process):
-                program = (*PYTHON, "orv_testbed.portal", self._layout.certificates, PORTAL_NAME)
-                self._processes.start(process, namespace.command(*program))
+                program = Program(namespace, "orv_testbed.portal", (self._layout.certificates, PORTAL_NAME))
+                self._processes.start(process, program)
             if not comes_within(20, lambda: namespace.listens(8883)):
                 raise BoxError(f"the portal does not start, see {self._layout.log(process)}")
             redirect = f"iifname lan tcp dport {PORTAL_PORTS} redirect;"

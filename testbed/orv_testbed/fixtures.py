@@ -11,9 +11,11 @@ from typing import Protocol
 import pytest
 
 from orv_testbed.box import Box
+from orv_testbed.box_processes import BoxProcesses
 from orv_testbed.calls import Calls, Figures, waits
 from orv_testbed.families import Families
 from orv_testbed.host import can_make_namespaces
+from orv_testbed.preloaded import Preloaded
 from orv_testbed.scene import Scene
 
 NO_NAMESPACES = (
@@ -46,6 +48,8 @@ def box(request: pytest.FixtureRequest, tmp_path: pathlib.Path) -> Iterator[Box]
     fixture's parameter, if it has one, is what `box up --families` is told."""
     families = getattr(request, "param", None)
     skip_without_what_a_box_needs(families)
+    if BoxProcesses.forks is None:
+        BoxProcesses.forks = Preloaded()  # this process makes box after box
     with Box(f"t{os.getpid():x}", families) as made:
         yield made
         shutil.copytree(made.folder / "log", tmp_path / "box-log")

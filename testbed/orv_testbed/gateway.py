@@ -10,19 +10,21 @@ import pathlib
 import shutil
 import subprocess
 import sys
+from typing import Any
 
 from orv_testbed import services
-from orv_testbed.box_processes import PYTHON, BoxProcesses, python_environment
+from orv_testbed.box_processes import BoxProcesses
 from orv_testbed.certificates import hash_of
 from orv_testbed.commands import Word, run, succeeds
 from orv_testbed.families import Families
 from orv_testbed.layout import CELLULAR, CLOUD_NAME, SIDES, BoxError, Layout, Side
 from orv_testbed.networks import Namespace
-from orv_testbed.programs import TESTBED, TOOLS, TREE, Missing, daemon, program
+from orv_testbed.programs import PYTHON, TESTBED, TOOLS, TREE, Missing, Program, daemon, program, python_environment
 from orv_testbed.waiting import comes_within
 
 BUS_ADDRESS = "unix:path=/run/dbus/system_bus_socket"
-FORBIDDEN = "-sys_time,-sys_module,-sys_boot"
+ENVIRONMENT = {"DBUS_SYSTEM_BUS_ADDRESS": BUS_ADDRESS, "ORV_GATEWAY_CONFIG": "/etc/orv/gateway.ini"}
+FORBIDDEN = {"sys_time": 25, "sys_module": 16, "sys_boot": 22}  # with the kernel's numbers
 FOLDERS = ("etc/orv", "run/dbus", "run/connman", "var/cache", "var/lib/connman", "var/log", "var/spool", "var/tmp")
 SETTINGS = f"[cloud]\nendpoint = {CLOUD_NAME}\n[log]\nlevel = trace\n"
 SYSTEMS_AUTHORITIES = pathlib.Path("/etc/ssl/certs")
@@ -41,17 +43,25 @@ class Gateway:
 
     def command(self, *words: Word, clock: bool = False) -> list[str]:
         """What runs `words` on the gateway. `clock`: with a wall clock of its own, see `box clock`."""
+        entry = self.entry()
+        enter = ["nsenter", "--target", str(entry["holder"]), "--root", "--net", "--mount", "--uts"]
+        enter += [f"--wdns={entry['directory']}", "--"]
+        environment = [f"{name}={value}" for name, value in ENVIRONMENT.items()]
+        if clock:
+            environment += [f"LD_PRELOAD={self._faketime_library()}", "FAKETIME_TIMESTAMP_FILE=/run/clock-offset"]
+            environment += ["FAKETIME_NO_CACHE=1", "FAKETIME_DONT_FAKE_MONOTONIC=1"]
+        forbidden = ",".join(f"-{name}" for name in FORBIDDEN)
+        return [*enter, "setpriv", f"--bounding-set={forbidden}", "--", "env", *environment, *map(str, words)]
+
+    def entry(self) -> dict[str, Any]:
+        """What `command` does, for a process that goes there by itself."""
         holder = self._processes.pid_of("gateway")
         if holder is None:
             raise self._layout.not_up()
         here = os.getcwd()
         place = here if os.path.isdir(f"/proc/{holder}/root{here}") else "/"
-        enter = ["nsenter", "--target", str(holder), "--root", "--net", "--mount", "--uts", f"--wdns={place}", "--"]
-        environment = [f"DBUS_SYSTEM_BUS_ADDRESS={BUS_ADDRESS}", "ORV_GATEWAY_CONFIG=/etc/orv/gateway.ini"]
-        if clock:
-            environment += [f"LD_PRELOAD={self._faketime_library()}", "FAKETIME_TIMESTAMP_FILE=/run/clock-offset"]
-            environment += ["FAKETIME_NO_CACHE=1", "FAKETIME_DONT_FAKE_MONOTONIC=1"]
-        return [*enter, "setpriv", f"--bounding-set={FORBIDDEN}", "--", "env", *environment, *map(str, words)]
+        without = list(FORBIDDEN.values())
+        return {"holder": holder, "directory": place, "without": without, "environment": ENVIRONMENT}
 
     def become(self, *words: str) -> None:
         """Replaces this process by a command on the gateway."""
@@ -86,7 +96,7 @@ class Gateway:
         hold = (TESTBED / "lib/hold-gateway", self._root)
         unshare = ("unshare", "--mount", "--uts", "--propagation", "private", "--")
         self._processes.start("gateway", self.namespace.command(*unshare, *hold))
-        self._await((self._root / "ready").exists, 5, "the gateway's namespaces do not come up", "gateway")
+        self._await((self._root / "ready").exists, 20, "the gateway's namespaces do not come up", "gateway")
         self._start_bus()
         self._start_resolver()
         self.start_broker()
@@ -205,7 +215,7 @@ class Gateway:
         if not self._address.exists():
             self._address.write_text(f"{CELLULAR.net}.50\n", encoding="ascii")
         network = Families.of(self._layout.state).of_modem(self.cellular_address())
-        self._processes.start("modem", self.command(*PYTHON, "orv_testbed.modem", "wwan0", *network))
+        self._processes.start("modem", Program(self, "orv_testbed.modem", ("wwan0", *network)))
         if not comes_within(10, lambda: self._on_bus_or_ended("modem", "org.ofono")) or not self._processes.alive(
             "modem"
         ):

@@ -8,9 +8,12 @@ import os
 import pathlib
 import socket
 import struct
+from typing import Any
 
 NETLINK_SOCK_DIAG, SOCK_DIAG_BY_FAMILY, ASK_FOR_ALL, DONE, ERROR = 4, 20, 0x301, 3, 2
 LISTENING = 1 << 10  # of TCP's states
+DROP_FROM_BOUNDING_SET = 24
+CAPABILITY_VERSION = 0x20080522
 HEAD = struct.Struct("=IHHII")  # length, type, flags, sequence, port
 
 
@@ -27,6 +30,40 @@ def enter(namespace: pathlib.Path) -> None:
             raise OSError(ctypes.get_errno(), f"setns {namespace}")
     finally:
         os.close(handle)
+
+
+def enter_all(entry: dict[str, Any]) -> None:
+    """`network`: a network's file. `holder`: a process whose network, host name, mounts and root they are, `directory` a folder
+    there, `without` the numbers of the capabilities that nobody may have there."""
+    if "network" in entry:
+        enter(pathlib.Path(entry["network"]))
+    if "holder" not in entry:
+        return
+    holder = pathlib.Path("/proc", str(entry["holder"]))
+    root = os.open(holder / "root", os.O_RDONLY)
+    handles = [os.open(holder / "ns" / kind, os.O_RDONLY) for kind in ("net", "uts", "mnt")]
+    for handle in handles:
+        if libc().setns(handle, 0) != 0:
+            raise OSError(ctypes.get_errno(), f"setns {holder}")
+        os.close(handle)
+    os.fchdir(root)
+    os.close(root)
+    os.chroot(".")
+    os.chdir(entry["directory"])
+    give_up(entry["without"])
+
+
+def give_up(capabilities: list[int]) -> None:
+    """The process has them no more, nor may it get them again."""
+    header, sets = struct.pack("=Ii", CAPABILITY_VERSION, 0), ctypes.create_string_buffer(24)
+    failed = libc().capget(header, sets) != 0
+    words = list(struct.unpack("=6I", sets.raw))  # effective, permitted, inheritable, twice 32 of each
+    for capability in capabilities:
+        failed = failed or libc().prctl(DROP_FROM_BOUNDING_SET, capability, 0, 0, 0) != 0
+        for kind in range(3):
+            words[3 * (capability // 32) + kind] &= ~(1 << capability % 32)
+    if failed or libc().capset(header, struct.pack("=6I", *words)) != 0:
+        raise OSError(ctypes.get_errno(), "the capabilities cannot be given up")
 
 
 def listening_ports() -> set[int]:

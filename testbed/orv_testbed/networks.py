@@ -10,14 +10,15 @@ import subprocess
 import sys
 import threading
 from collections.abc import Callable, Iterable, Iterator
-from typing import TypeVar
+from typing import Any, TypeVar
 
-from orv_testbed.box_processes import PYTHON, BoxProcesses
+from orv_testbed.box_processes import BoxProcesses
 from orv_testbed.commands import is_mount_point, run, succeeds
 from orv_testbed.families import Families
 from orv_testbed.ipv6 import NAMES_BEHIND_DNS64, Ipv6
 from orv_testbed.layout import CLOUD_ADDRESS, CLOUD_ADDRESS_6, CLOUD_NAME, SIDES, BoxError, Layout, Side
 from orv_testbed.namespaces import enter, listening_ports
+from orv_testbed.programs import HERE, Program
 from orv_testbed.waiting import comes_within
 
 RUN = pathlib.Path("/run")
@@ -54,6 +55,9 @@ class Namespace:
 
     def command(self, *words: str | pathlib.Path) -> list[str | pathlib.Path]:
         return ["ip", "netns", "exec", self.name, *words]
+
+    def entry(self) -> dict[str, Any]:
+        return {"network": str(NETNS / self.name)}
 
     def within(self, do: Callable[[], Result]) -> Result:
         """Does something in it, in a thread that enters it: the network is a thread's own affair."""
@@ -172,8 +176,8 @@ class Networks:
         self._make_cloud()
         for side in SIDES.values():
             self._make_provider(side)
-        watched = (f"{side.name}={self.provider(side).name}" for side in SIDES.values())
-        self._processes.start("passages", [*PYTHON, "orv_testbed.passages", *watched])
+        watched = tuple(f"{side.name}={self.provider(side).name}" for side in SIDES.values())
+        self._processes.start("passages", Program(HERE, "orv_testbed.passages", watched))
 
     def _add(self) -> None:
         with boxes_locked() as locked:

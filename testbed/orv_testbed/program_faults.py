@@ -6,11 +6,11 @@ import os
 import pathlib
 import signal
 
-from orv_testbed.box_processes import PYTHON, BoxProcesses
+from orv_testbed.box_processes import BoxProcesses
 from orv_testbed.commands import run
 from orv_testbed.gateway import Gateway
 from orv_testbed.layout import BoxError, Layout, misused
-from orv_testbed.programs import TESTBED, program
+from orv_testbed.programs import TESTBED, Program, program
 from orv_testbed.waiting import comes_within
 
 HOSTILE = ("forges", "floods", "litters")
@@ -41,10 +41,10 @@ class ProgramFaults:
         log = self._layout.log(NEIGHBOUR)
         log.unlink(missing_ok=True)
         if what == "crashes":
-            command: tuple[str | pathlib.Path, ...] = (TESTBED / "lib/crash-all-the-time", program("orv-shell"))
+            crashing = (TESTBED / "lib/crash-all-the-time", program("orv-shell"))
+            self._processes.start(NEIGHBOUR, self._gateway.command(*crashing))
         else:
-            command = (*PYTHON, "orv_testbed.hostile_neighbour", what)
-        self._processes.start(NEIGHBOUR, self._gateway.command(*command))
+            self._processes.start(NEIGHBOUR, Program(self._gateway, "orv_testbed.hostile_neighbour", (what,)))
         if not comes_within(20, lambda: "at work" in log.read_text(encoding="utf-8", errors="replace")):
             raise BoxError(f"the neighbour does not get to work, see {log}")
 

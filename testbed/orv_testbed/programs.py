@@ -4,10 +4,56 @@ from __future__ import annotations
 
 import os
 import pathlib
+from collections.abc import Sequence
+from typing import Any, NamedTuple, Protocol
 
 TREE = pathlib.Path(__file__).resolve().parents[2]
 TESTBED = TREE / "testbed"
 TOOLS = pathlib.Path(os.environ.get("ORV_TOOLS", TREE / "build/tools"))
+
+
+PYTHON = ("/usr/bin/python3", "-Bu", "-m")
+
+
+class Place(Protocol):
+    """Where a program of a box runs."""
+
+    def command(self, *words: str | pathlib.Path) -> Sequence[str | pathlib.Path]:
+        """What runs `words` there."""
+
+    def entry(self) -> dict[str, Any]:
+        """How a process gets there by itself: see `namespaces.enter_all`."""
+
+
+class Program(NamedTuple):
+    """One of this package's."""
+
+    place: Place
+    module: str
+    arguments: tuple[str | pathlib.Path, ...] = ()
+
+    def command(self) -> list[str]:
+        return [str(word) for word in self.place.command(*PYTHON, self.module, *self.arguments)]
+
+
+class Here:
+    """Where the caller is."""
+
+    @staticmethod
+    def command(*words: str | pathlib.Path) -> list[str | pathlib.Path]:
+        return list(words)
+
+    @staticmethod
+    def entry() -> dict[str, Any]:
+        return {}
+
+
+HERE = Here()
+
+
+def python_environment() -> dict[str, str]:
+    """In which Python finds this package."""
+    return {**os.environ, "PYTHONPATH": str(TESTBED)}
 
 
 class Missing(RuntimeError):

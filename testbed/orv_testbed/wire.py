@@ -6,13 +6,13 @@ import json
 import pathlib
 from typing import NamedTuple
 
-from orv_testbed.box import Box
+from orv_testbed.box import Box, Failed
 from orv_testbed.topics import CLOUD, GREEN, INHIBIT_DNS, NO_NETWORK, YELLOW, of_feature
 from orv_testbed.waiting import SLACK, wait_until
 
 RETAINED = {INHIBIT_DNS, GREEN, YELLOW, CLOUD, NO_NETWORK}
 AVAILABLE = of_feature("gateway-app", "available")
-COMMAND = ("/usr/bin/python3", "-u", "-m", "orv_testbed.witness")
+PROGRAM = "orv_testbed.witness"
 
 
 class Message(NamedTuple):
@@ -28,7 +28,7 @@ class Witness:
         self.box = box
         self.file = folder / "witness.jsonl"
         with open(self.file, "w", encoding="utf-8") as output:
-            self.process = box.start(*COMMAND, stdout=output, stderr=output)
+            self.pid = box.start_own(PROGRAM, output=output)
         wait_until(
             lambda: "listening" in self.file.read_text(encoding="utf-8"), 10 + SLACK, "the witness's subscription"
         )
@@ -65,7 +65,11 @@ class Witness:
 
     def kept(self) -> dict[str, str]:
         """What the broker hands to someone who subscribes now."""
-        kept: dict[str, str] = json.loads(self.box("exec", *COMMAND, "--kept"))
+        said = self.box.said_by_own(PROGRAM, "--kept")
+        try:
+            kept: dict[str, str] = json.loads(said)
+        except ValueError as error:
+            raise Failed(f"what the broker keeps: {said}") from error
         return kept
 
     def wrongly_retained(self) -> list[Message]:

@@ -141,7 +141,7 @@ class GatewayOnBox:
         }
         faults += demands.wrong_source_routes(addresses, rules, tables)
         faults += demands.wrong_ipv6_source_routes(scene.box.families, rules_6)
-        programs = {pid: "gateway-app", scene.witness.process.pid: "witness"}
+        programs = {pid: "gateway-app", scene.witness.pid: "witness"}
         faults += demands.wrong_connections(self._sockets(), programs)
         if not probation:  # its proofs take what they take
             faults += demands.held_beyond("gateway-app", demands.holdings(pid), self._clock)

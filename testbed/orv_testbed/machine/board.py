@@ -9,14 +9,14 @@ import subprocess
 import time
 
 from orv_testbed import watch
-from orv_testbed.box_processes import PYTHON, BoxProcesses
+from orv_testbed.box_processes import BoxProcesses
 from orv_testbed.certificates import hash_of
 from orv_testbed.commands import Word, run
 from orv_testbed.families import Families
 from orv_testbed.layout import CELLULAR, ETHERNET, SIDES, BoxError, Layout, Side, misused
 from orv_testbed.machine import agent
 from orv_testbed.networks import Networks
-from orv_testbed.programs import TREE
+from orv_testbed.programs import TREE, Program
 from orv_testbed.waiting import comes_by, comes_within
 
 CERTIFICATES = "/etc/ssl/certs"
@@ -98,8 +98,8 @@ class Board:
 
     def start(self, *clock: str) -> None:
         sides = (self._networks.provider(side).name for side in (ETHERNET, CELLULAR))
-        command = self._networks.gateway.command(*PYTHON, "orv_testbed.machine.power", self.folder, *sides, *clock)
-        self._processes.start("gateway", command)
+        power = Program(self._networks.gateway, "orv_testbed.machine.power", (self.folder, *sides, *clock))
+        self._processes.start("gateway", power)
         if not comes_within(60, (self.folder / "agent").is_socket):
             raise BoxError(f"qemu does not start, see {self._layout.log('gateway')}")
 
