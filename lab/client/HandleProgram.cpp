@@ -97,7 +97,7 @@ void HandleProgram::ApplicationThread(int number) {
                 ActAtRandom(user, false);
         }
         if (!user.isEnding && random.OneIn(3))
-            Do(user, false, "orv_client_deinit", DEINIT_LIMIT, orv_client_deinit);
+            Do(user, false, "orv_client_deinit", DEINIT_LIMIT, functions.deinit);
         if (!user.isEnding && random.OneIn(2))
             AwaitMessages(user);
         if (!user.isEnding)
@@ -159,12 +159,11 @@ HandleProgram::User& HandleProgram::Create(int number) {
     present[number] = &user;
     const orv_callbacks callbacks = AllCallbacks();
     const bool hasCallbacks = isCollecting || !random.OneIn(12);
-    const auto call = witness.Begin(Call::Kind::OTHER, "orv_client_create", INIT_LIMIT);
     orv_client* made = nullptr;
-    const int result = Watch([&] { return orv_client_create(hasCallbacks ? &callbacks : nullptr, &user, &made); });
+    const int result = Answer("orv_client_create", INIT_LIMIT, true,
+                              [&] { return functions.create(hasCallbacks ? &callbacks : nullptr, &user, &made); });
     Races::Release(&user);
     user.client = made;
-    witness.End(call);
     if (result != ORV_OK && result != ORV_NO_BROKER)
         sim.Fail("orv_client_create answers " + std::to_string(result));
     if ((result == ORV_OK) != (made != nullptr))
@@ -174,16 +173,24 @@ HandleProgram::User& HandleProgram::Create(int number) {
     return user;
 }
 
+/// @param mayAct false: it is given what is not allowed, and may not even write a record
+int HandleProgram::Answer(const char* name, Time limit, bool mayAct, const std::function<int()>& call) {
+    const auto seen = witness.Begin(Call::Kind::OTHER, name, limit);
+    const int result = Watch(call);
+    witness.End(seen);
+    if (!mayAct && !seen->effects.empty())
+        sim.Fail(std::string(name) + " is given what is not allowed and does: " + seen->effects.front().what);
+    return result;
+}
+
 /// @param inCallback of this handle, of which its end may be waiting
 int HandleProgram::Ask(User& user, bool inCallback, const char* name, Time limit,
-                       const std::function<int(orv_client*)>& call) {
+                       const std::function<int(orv_client*)>& call, bool mayAct) {
     orv_client* const client = user.client;
     Races::Acquire(&user);
-    const auto seen = witness.Begin(Call::Kind::OTHER, name, limit);
     user.inside += inCallback ? 0 : 1;
-    const int result = Watch([&] { return call(client); });
+    const int result = Answer(name, limit, mayAct, [&] { return call(client); });
     user.inside -= inCallback ? 0 : 1;
-    witness.End(seen);
     Races::Release(&user);
     return result;
 }
@@ -197,7 +204,7 @@ void HandleProgram::Do(User& user, bool inCallback, const char* name, Time limit
 
 void HandleProgram::DoWith(User& user, bool inCallback, const char* name, bool isValid,
                            const std::function<int(orv_client*)>& call) {
-    const int result = Ask(user, inCallback, name, 0, call);
+    const int result = Ask(user, inCallback, name, 0, call, isValid);
     if (result != (isValid ? ORV_OK : ORV_INVALID_ARGUMENT))
         sim.Fail(std::string(name) + " answers " + std::to_string(result) + " to a value that is " +
                  (isValid ? "valid" : "none"));
@@ -205,7 +212,11 @@ void HandleProgram::DoWith(User& user, bool inCallback, const char* name, bool i
 
 /// Not while messages may arrive, whose delivery reads the name.
 bool HandleProgram::Init(User& user) {
-    Do(user, false, "orv_client_deinit", DEINIT_LIMIT, orv_client_deinit);
+    if (random.OneIn(6))
+        DoWith(user, false, "orv_client_init", false,
+               [this](orv_client* client) { return functions.init(client, nullptr); });
+    if (!user.isEnding)
+        Do(user, false, "orv_client_deinit", DEINIT_LIMIT, functions.deinit);
     while (!user.isEnding && (user.callbacks != 0 || Edge::IsAThreadHeldUp()))
         sim.Sleep(10 * MILLISECOND);
     if (user.isEnding)
@@ -214,7 +225,7 @@ bool HandleProgram::Init(User& user) {
     const bool isValid = !random.OneIn(10) || isCollecting;
     const char* name = isValid ? user.app.c_str() : "a+b";
     const int result = Ask(user, false, "orv_client_init", INIT_LIMIT,
-                           [name](orv_client* client) { return orv_client_init(client, name); });
+                           [this, name](orv_client* client) { return functions.init(client, name); });
     if (result != ORV_NO_BROKER && (result != ORV_OK || !isValid))
         sim.Fail("orv_client_init answers " + std::to_string(result));
     return result == ORV_OK;
@@ -229,7 +240,7 @@ void HandleProgram::ActAtRandom(User& user, bool inCallback) {
             Init(user);
         break;
     case 1:
-        Do(user, inCallback, "orv_client_deinit", DEINIT_LIMIT, orv_client_deinit);
+        Do(user, inCallback, "orv_client_deinit", DEINIT_LIMIT, functions.deinit);
         break;
     case 2:
         if (user.inside == 0 && !user.isEnding && (inCallback || random.OneIn(3)))
@@ -262,22 +273,22 @@ void HandleProgram::RequestAtRandom(User& user, bool inCallback) {
     switch (random.Below(7)) {
     case 0:
         return DoWith(user, inCallback, "orv_client_app_status", status >= 0 && status < 7,
-                      [&](orv_client* client) { return orv_client_app_status(client, status); });
+                      [&](orv_client* client) { return functions.appStatus(client, status); });
     case 1:
         return DoWith(user, inCallback, "orv_client_app_action", text != nullptr && action >= 0 && action < 4,
-                      [&](orv_client* client) { return orv_client_app_action(client, text, action); });
+                      [&](orv_client* client) { return functions.appAction(client, text, action); });
     case 2:
         return DoWith(user, inCallback, "orv_client_panel_command", text != nullptr,
-                      [&](orv_client* client) { return orv_client_panel_command(client, text, action); });
+                      [&](orv_client* client) { return functions.panelCommand(client, text, action); });
     case 3:
         return DoWith(user, inCallback, "orv_client_connection_status", text != nullptr,
-                      [&](orv_client* client) { return orv_client_connection_status(client, text); });
+                      [&](orv_client* client) { return functions.connectionStatus(client, text); });
     case 4:
-        return Do(user, inCallback, "orv_client_request_shutdown", 0, orv_client_request_shutdown);
+        return Do(user, inCallback, "orv_client_request_shutdown", 0, functions.requestShutdown);
     case 5:
-        return Do(user, inCallback, "orv_client_start", 0, orv_client_start);
+        return Do(user, inCallback, "orv_client_start", 0, functions.start);
     default:
-        return Do(user, inCallback, "orv_client_stop", 0, orv_client_stop);
+        return Do(user, inCallback, "orv_client_stop", 0, functions.stop);
     }
 }
 
@@ -285,27 +296,44 @@ void HandleProgram::Supervise(User& user, bool inCallback) {
     if (random.OneIn(2)) {
         const int event = AnyNumber(13);
         DoWith(user, inCallback, "orv_client_event", event >= 0 && event < 13,
-               [event](orv_client* client) { return orv_client_event(client, event); });
+               [this, event](orv_client* client) { return functions.event(client, event); });
     }
     if (user.isEnding && !inCallback)
         return;
-    Do(user, inCallback, "orv_client_tick", 0, [](orv_client* client) { return orv_client_tick(client, 100); });
+    Do(user, inCallback, "orv_client_tick", 0, [this](orv_client* client) { return functions.tick(client, 100); });
     if (user.isEnding && !inCallback)
         return;
-    const int moved = Ask(user, inCallback, "orv_client_cloud_reconnect_needed", 0, orv_client_cloud_reconnect_needed);
+    const int moved = Ask(user, inCallback, "orv_client_cloud_reconnect_needed", 0, functions.cloudReconnectNeeded);
     if (moved != 0 && moved != 1)
         sim.Fail("orv_client_cloud_reconnect_needed answers " + std::to_string(moved));
 }
 
+/// Each function, without a handle or a place for one.
 void HandleProgram::CallWithNothing() {
-    const int results[] = {Watch([] { return orv_client_create(nullptr, nullptr, nullptr); }),
-                           Watch([] { return orv_client_init(nullptr, "app"); }),
-                           Watch([] { return orv_client_tick(nullptr, 1); }),
-                           Watch([] { return orv_client_cloud_reconnect_needed(nullptr); })};
-    for (const int result : results)
-        if (result != ORV_INVALID_ARGUMENT)
-            sim.Fail("a call without a handle answers " + std::to_string(result));
-    Watch([] { orv_client_destroy(nullptr); });
+    orv_client* const none = nullptr;
+    Refuses("orv_client_create", [&] { return functions.create(nullptr, nullptr, nullptr); });
+    Refuses("orv_client_init", [&] { return functions.init(none, "app"); });
+    Refuses("orv_client_deinit", [&] { return functions.deinit(none); });
+    Refuses("orv_client_start", [&] { return functions.start(none); });
+    Refuses("orv_client_stop", [&] { return functions.stop(none); });
+    Refuses("orv_client_tick", [&] { return functions.tick(none, 1); });
+    Refuses("orv_client_app_status", [&] { return functions.appStatus(none, ORV_APP_STATUS_READY); });
+    Refuses("orv_client_app_action", [&] { return functions.appAction(none, "app", ORV_APP_ACTION_RELOAD); });
+    Refuses("orv_client_event", [&] { return functions.event(none, ORV_EVENT_CLOUD_CONNECTED); });
+    Refuses("orv_client_cloud_reconnect_needed", [&] { return functions.cloudReconnectNeeded(none); });
+    Refuses("orv_client_request_shutdown", [&] { return functions.requestShutdown(none); });
+    Refuses("orv_client_panel_command", [&] { return functions.panelCommand(none, "text", 1); });
+    Refuses("orv_client_connection_status", [&] { return functions.connectionStatus(none, "text"); });
+    Answer("orv_client_destroy", 0, false, [&] {
+        functions.destroy(none);
+        return 0;
+    });
+}
+
+void HandleProgram::Refuses(const char* name, const std::function<int()>& call) {
+    const int result = Answer(name, 0, false, call);
+    if (result != ORV_INVALID_ARGUMENT)
+        sim.Fail(std::string(name) + " answers " + std::to_string(result) + " to a NULL");
 }
 
 void HandleProgram::Destroy(User& user, bool inCallback) {
@@ -318,9 +346,10 @@ void HandleProgram::Destroy(User& user, bool inCallback) {
         user.client = nullptr;
     // A callback that runs on another thread is waited for.
     const Time limit = RELEASE_LIMIT + (inCallback ? 0 : LONGEST_CALLBACK + DEINIT_LIMIT);
-    const auto call = witness.Begin(Call::Kind::OTHER, "orv_client_destroy", limit);
-    Watch([&] { orv_client_destroy(client); });
-    witness.End(call);
+    Answer("orv_client_destroy", limit, true, [&] {
+        functions.destroy(client);
+        return 0;
+    });
     if (user.callbacks != (inCallback ? 1 : 0))
         sim.Fail("a callback runs on though orv_client_destroy has returned");
     user.isOver = true;
@@ -365,7 +394,7 @@ void HandleProgram::Collect() {
     CheckTold(user, Texts::CELLULAR_TOPICS[3], std::string("a\0b", 3), std::string("cellular 3 a\0b", 14));
     CheckTold(user, Texts::READINESS + std::string("alarm"), "ready", "readiness alarm 1");
     if (random.OneIn(2))
-        Do(user, false, "orv_client_deinit", DEINIT_LIMIT, orv_client_deinit);
+        Do(user, false, "orv_client_deinit", DEINIT_LIMIT, functions.deinit);
     Destroy(user, false);
     broker.Publish(Texts::GUID, "behind the end", false);
     sim.Sleep(2 * SECOND);

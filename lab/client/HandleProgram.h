@@ -25,6 +25,25 @@ public:
 
     void Run();
 
+    /// What is explored. A test puts something else into the place of one.
+    struct Functions {
+        decltype(&orv_client_create) create = orv_client_create;
+        decltype(&orv_client_destroy) destroy = orv_client_destroy;
+        decltype(&orv_client_init) init = orv_client_init;
+        decltype(&orv_client_deinit) deinit = orv_client_deinit;
+        decltype(&orv_client_start) start = orv_client_start;
+        decltype(&orv_client_stop) stop = orv_client_stop;
+        decltype(&orv_client_tick) tick = orv_client_tick;
+        decltype(&orv_client_app_status) appStatus = orv_client_app_status;
+        decltype(&orv_client_app_action) appAction = orv_client_app_action;
+        decltype(&orv_client_event) event = orv_client_event;
+        decltype(&orv_client_cloud_reconnect_needed) cloudReconnectNeeded = orv_client_cloud_reconnect_needed;
+        decltype(&orv_client_request_shutdown) requestShutdown = orv_client_request_shutdown;
+        decltype(&orv_client_panel_command) panelCommand = orv_client_panel_command;
+        decltype(&orv_client_connection_status) connectionStatus = orv_client_connection_status;
+    };
+    Functions functions;
+
     /// One handle, and what its callbacks are given.
     struct User {
         HandleProgram* program = nullptr;
@@ -55,7 +74,10 @@ private:
     void Supervise(User& user, bool inCallback);
     void CallWithNothing();
     int AnyNumber(unsigned limit);
-    int Ask(User& user, bool inCallback, const char* name, Time limit, const std::function<int(orv_client*)>& call);
+    void Refuses(const char* name, const std::function<int()>& call);
+    int Answer(const char* name, Time limit, bool mayAct, const std::function<int()>& call);
+    int Ask(User& user, bool inCallback, const char* name, Time limit, const std::function<int(orv_client*)>& call,
+            bool mayAct = true);
     void Do(User& user, bool inCallback, const char* name, Time limit, const std::function<int(orv_client*)>& call);
     void DoWith(User& user, bool inCallback, const char* name, bool isValid,
                 const std::function<int(orv_client*)>& call);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the explorer of the client library demands, broken on purpose.
+#include "ForkedCourse.h"
 #include "broker/Wire.h"
 #include "client/ClientProgram.h"
 #include "client/Edge.h"
@@ -11,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -319,6 +321,139 @@ TEST(AnInvariantOfAHandle, WantsEachMessageTold) {
     CallBackFails([](HandleProgram& program,
                      HandleProgram::User& user) { program.CheckTold(user, "/orv/panel/guid", "4711", "probe 4711"); },
                   "a message on /orv/panel/guid leads to 0 callbacks, not to probe 4711");
+}
+
+namespace {
+
+using Functions = HandleProgram::Functions;
+
+/// A whole course, in which one of the functions in C does what it should not.
+struct BrokenFunction {
+    const char* name;
+    void (*breakOne)(Functions& functions);
+    const char* words;
+};
+
+std::ostream& operator<<(std::ostream& stream, const BrokenFunction& broken) {
+    return stream << broken.words;
+}
+
+void RunHandles(std::uint64_t seed, void (*breakOne)(Functions& functions)) {
+    Simulation simulation(seed, false);
+    HandleProgram program(simulation, seed);
+    if (breakOne != nullptr)
+        breakOne(program.functions);
+    simulation.Run([&] { program.Run(); });
+}
+
+/// A function that takes a NULL for a handle.
+template <auto>
+struct Lenient;
+template <typename... Arguments, int (*FUNCTION)(orv_client*, Arguments...)>
+struct Lenient<FUNCTION> {
+    static int Call(orv_client* client, Arguments... arguments) {
+        return client != nullptr ? FUNCTION(client, arguments...) : int{ORV_OK};
+    }
+};
+
+/// One that publishes what it is to refuse.
+template <auto>
+struct Hasty;
+template <typename... Arguments, int (*FUNCTION)(orv_client*, Arguments...)>
+struct Hasty<FUNCTION> {
+    static int Call(orv_client* client, Arguments... arguments) {
+        const int result = FUNCTION(client, arguments...);
+        if (client != nullptr && result == ORV_INVALID_ARGUMENT)
+            orv_client_request_shutdown(client);
+        return result;
+    }
+};
+
+const BrokenFunction BROKEN[] = {
+    {"ANullForCreate",
+     [](Functions& functions) {
+         functions.create = [](const orv_callbacks* callbacks, void* user, orv_client** client) {
+             return client != nullptr ? orv_client_create(callbacks, user, client) : int{ORV_OK};
+         };
+     },
+     "orv_client_create answers 0 to a NULL"},
+    {"ANullForDestroy",
+     [](Functions& functions) {
+         functions.destroy = [](orv_client* client) {
+             if (client == nullptr)
+                 Witness::Current()->Note("disconnect OrvSession");
+             orv_client_destroy(client);
+         };
+     },
+     "orv_client_destroy is given what is not allowed and does: disconnect OrvSession"},
+    {"ANullForInit", [](Functions& functions) { functions.init = Lenient<orv_client_init>::Call; },
+     "orv_client_init answers 0 to a NULL"},
+    {"ANullForDeinit", [](Functions& functions) { functions.deinit = Lenient<orv_client_deinit>::Call; },
+     "orv_client_deinit answers 0 to a NULL"},
+    {"ANullForStart", [](Functions& functions) { functions.start = Lenient<orv_client_start>::Call; },
+     "orv_client_start answers 0 to a NULL"},
+    {"ANullForStop", [](Functions& functions) { functions.stop = Lenient<orv_client_stop>::Call; },
+     "orv_client_stop answers 0 to a NULL"},
+    {"ANullForTick", [](Functions& functions) { functions.tick = Lenient<orv_client_tick>::Call; },
+     "orv_client_tick answers 0 to a NULL"},
+    {"ANullForAppStatus", [](Functions& functions) { functions.appStatus = Lenient<orv_client_app_status>::Call; },
+     "orv_client_app_status answers 0 to a NULL"},
+    {"ANullForAppAction", [](Functions& functions) { functions.appAction = Lenient<orv_client_app_action>::Call; },
+     "orv_client_app_action answers 0 to a NULL"},
+    {"ANullForEvent", [](Functions& functions) { functions.event = Lenient<orv_client_event>::Call; },
+     "orv_client_event answers 0 to a NULL"},
+    {"ANullForCloudReconnectNeeded",
+     [](Functions& functions) { functions.cloudReconnectNeeded = Lenient<orv_client_cloud_reconnect_needed>::Call; },
+     "orv_client_cloud_reconnect_needed answers 0 to a NULL"},
+    {"ANullForRequestShutdown",
+     [](Functions& functions) { functions.requestShutdown = Lenient<orv_client_request_shutdown>::Call; },
+     "orv_client_request_shutdown answers 0 to a NULL"},
+    {"ANullForPanelCommand",
+     [](Functions& functions) { functions.panelCommand = Lenient<orv_client_panel_command>::Call; },
+     "orv_client_panel_command answers 0 to a NULL"},
+    {"ANullForConnectionStatus",
+     [](Functions& functions) { functions.connectionStatus = Lenient<orv_client_connection_status>::Call; },
+     "orv_client_connection_status answers 0 to a NULL"},
+    {"APublicationWithoutAName", [](Functions& functions) { functions.init = Hasty<orv_client_init>::Call; },
+     "orv_client_init is given what is not allowed and does: "},
+    {"APublicationOfNoStatus", [](Functions& functions) { functions.appStatus = Hasty<orv_client_app_status>::Call; },
+     "orv_client_app_status is given what is not allowed and does: "},
+    {"APublicationOfNoAction", [](Functions& functions) { functions.appAction = Hasty<orv_client_app_action>::Call; },
+     "orv_client_app_action is given what is not allowed and does: "},
+    {"APublicationOfNoCommand",
+     [](Functions& functions) { functions.panelCommand = Hasty<orv_client_panel_command>::Call; },
+     "orv_client_panel_command is given what is not allowed and does: "},
+    {"APublicationOfNoConnectionStatus",
+     [](Functions& functions) { functions.connectionStatus = Hasty<orv_client_connection_status>::Call; },
+     "orv_client_connection_status is given what is not allowed and does: "},
+    {"APublicationOfNoEvent", [](Functions& functions) { functions.event = Hasty<orv_client_event>::Call; },
+     "orv_client_event is given what is not allowed and does: "},
+    {"AnOrderWithoutAHandle",
+     [](Functions& functions) {
+         functions.tick = [](orv_client* client, int milliseconds) {
+             if (client == nullptr)
+                 Witness::Current()->Note("put on top eth0");
+             return orv_client_tick(client, milliseconds);
+         };
+     },
+     "orv_client_tick is given what is not allowed and does: put on top eth0"},
+};
+
+class AHandle : public testing::TestWithParam<BrokenFunction> {};
+
+} // namespace
+
+TEST_P(AHandle, FindsWhatIsBroken) {
+    const BrokenFunction& broken = GetParam();
+    EXPECT_TRUE(OneOfManySays(broken.words, [&](std::uint64_t seed) { RunHandles(seed, broken.breakOne); }));
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, AHandle, testing::ValuesIn(BROKEN),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+TEST(AnInvariantOfAHandle, IsMetByACourse) {
+    for (std::uint64_t seed = 0; seed < 12; ++seed)
+        RunHandles(seed, nullptr);
 }
 
 } // namespace OrvLab
