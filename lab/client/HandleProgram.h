@@ -58,8 +58,6 @@ public:
     void Called(User& user, const std::string& what);
     /// As the header wants it: nobody else is inside, but for a callback, and nobody comes.
     void Destroy(User& user, bool inCallback);
-    /// While all is well: exactly that is told, once.
-    void CheckTold(User& user, const std::string& topic, const std::string& payload, const std::string& what);
 
 private:
     void ApplicationThread(int number);
@@ -82,6 +80,8 @@ private:
     void DoWith(User& user, bool inCallback, const char* name, bool isValid,
                 const std::function<int(orv_client*)>& call);
     void Collect();
+    /// While all is well: exactly that is told, once.
+    void CheckTold(User& user, const std::string& topic, const std::string& payload, const std::string& what);
 
     std::vector<std::unique_ptr<User>> all;
     User* present[2] = {nullptr, nullptr};

@@ -316,13 +316,6 @@ TEST(AnInvariantOfAHandle, LetsNoCallbackRunOnBehindTheEnd) {
         "a callback runs on though orv_client_destroy has returned");
 }
 
-/// Nothing comes from a broker that nobody has subscribed at.
-TEST(AnInvariantOfAHandle, WantsEachMessageTold) {
-    CallBackFails([](HandleProgram& program,
-                     HandleProgram::User& user) { program.CheckTold(user, "/orv/panel/guid", "4711", "probe 4711"); },
-                  "a message on /orv/panel/guid leads to 0 callbacks, not to probe 4711");
-}
-
 namespace {
 
 using Functions = HandleProgram::Functions;
@@ -368,6 +361,57 @@ struct Hasty<FUNCTION> {
         return result;
     }
 };
+
+/// One that answers this in the place of success.
+template <auto, int ANSWER>
+struct Answering;
+template <typename... Arguments, int (*FUNCTION)(orv_client*, Arguments...), int ANSWER>
+struct Answering<FUNCTION, ANSWER> {
+    static int Call(orv_client* client, Arguments... arguments) {
+        const int result = FUNCTION(client, arguments...);
+        return result == ORV_OK ? ANSWER : result;
+    }
+};
+
+/// Makes no handle, and answers this.
+template <int ANSWER>
+int CreateNothing(const orv_callbacks* callbacks, void* user, orv_client** client) {
+    const int result = orv_client_create(callbacks, user, client);
+    if (result != ORV_OK)
+        return result;
+    orv_client_destroy(*client);
+    *client = nullptr;
+    return ANSWER;
+}
+
+orv_callbacks given; // by the program
+
+using Probe = decltype(orv_callbacks::on_device_probe);
+
+/// Has the panel's identifier told by another function, which calls the program's.
+template <Probe TELL>
+int CreateTelling(const orv_callbacks* callbacks, void* user, orv_client** client) {
+    if (callbacks == nullptr)
+        return orv_client_create(callbacks, user, client);
+    given = *callbacks;
+    orv_callbacks others = given;
+    others.on_device_probe = TELL;
+    return orv_client_create(&others, user, client);
+}
+
+void TellWithoutAnEnd(void* user, const char* guid, std::size_t length) {
+    given.on_device_probe(user, guid, length != 0 ? length - 1 : 0);
+}
+void TellSomethingElse(void* user, const char* guid, std::size_t length) {
+    const std::string text = "x" + std::string(guid, length);
+    given.on_device_probe(user, text.c_str(), text.size());
+}
+void TellTwice(void* user, const char* guid, std::size_t length) {
+    given.on_device_probe(user, guid, length);
+    if (guid == std::string("4711")) // when all is well
+        given.on_device_probe(user, guid, length);
+}
+void TellNobody(void* /*user*/, const char* /*guid*/, std::size_t /*length*/) {}
 
 const BrokenFunction BROKEN[] = {
     {"ANullForCreate",
@@ -437,6 +481,80 @@ const BrokenFunction BROKEN[] = {
          };
      },
      "orv_client_tick is given what is not allowed and does: put on top eth0"},
+    {"AHandleThatIsNone", [](Functions& functions) { functions.create = CreateNothing<ORV_OK>; },
+     "orv_client_create answers 0 and makes nothing"},
+    {"AHandleThoughThereIsNoBroker",
+     [](Functions& functions) {
+         functions.create = [](const orv_callbacks* callbacks, void* user, orv_client** client) {
+             const int result = orv_client_create(callbacks, user, client);
+             return result == ORV_OK ? int{ORV_NO_BROKER} : result;
+         };
+     },
+     "orv_client_create answers -3 and makes a handle"},
+    {"AFailureOfCreate", [](Functions& functions) { functions.create = CreateNothing<ORV_FAILED>; },
+     "orv_client_create answers -4\n"},
+    {"NoHandleAtAll", [](Functions& functions) { functions.create = CreateNothing<ORV_NO_BROKER>; },
+     "no handle though all is well"},
+    {"AFailureOfInit", [](Functions& functions) { functions.init = Answering<orv_client_init, ORV_FAILED>::Call; },
+     "orv_client_init answers -4\n"},
+    {"ANameThatCannotBePartOfATopic",
+     [](Functions& functions) {
+         functions.init = [](orv_client* client, const char* name) {
+             const int result = orv_client_init(client, name);
+             return name != nullptr && name == std::string("a+b") ? int{ORV_OK} : result;
+         };
+     },
+     "orv_client_init answers 0\n"},
+    {"NoBrokerForInit", [](Functions& functions) { functions.init = Answering<orv_client_init, ORV_NO_BROKER>::Call; },
+     "no handle though all is well"},
+    {"ANullThatIsAName",
+     [](Functions& functions) {
+         functions.init = [](orv_client* client, const char* name) {
+             return client == nullptr || name != nullptr ? orv_client_init(client, name) : int{ORV_OK};
+         };
+     },
+     "orv_client_init answers 0 to a value that is none"},
+    {"AFailureOfDeinit",
+     [](Functions& functions) { functions.deinit = Answering<orv_client_deinit, ORV_FAILED>::Call; },
+     "orv_client_deinit answers -4"},
+    {"AFailureOfStart",
+     [](Functions& functions) { functions.start = Answering<orv_client_start, ORV_NO_BROKER>::Call; },
+     "orv_client_start answers -3"},
+    {"ARefusedCommand",
+     [](Functions& functions) {
+         functions.panelCommand = Answering<orv_client_panel_command, ORV_INVALID_ARGUMENT>::Call;
+     },
+     "orv_client_panel_command answers -1 to a value that is valid"},
+    {"AStatusThatIsNone",
+     [](Functions& functions) {
+         functions.appStatus = [](orv_client* client, int status) {
+             const int result = orv_client_app_status(client, status);
+             return client != nullptr && result == ORV_INVALID_ARGUMENT ? int{ORV_OK} : result;
+         };
+     },
+     "orv_client_app_status answers 0 to a value that is none"},
+    {"AnAnswerThatIsNeitherYesNorNo",
+     [](Functions& functions) {
+         functions.cloudReconnectNeeded = Answering<orv_client_cloud_reconnect_needed, 2>::Call;
+     },
+     "orv_client_cloud_reconnect_needed answers 2"},
+    {"ATickThatWaits",
+     [](Functions& functions) {
+         functions.tick = [](orv_client* client, int milliseconds) {
+             if (client != nullptr)
+                 Simulation::Current()->Sleep(SECOND);
+             return orv_client_tick(client, milliseconds);
+         };
+     },
+     "orv_client_tick has waited for "},
+    {"ATextWithoutAnEnd", [](Functions& functions) { functions.create = CreateTelling<TellWithoutAnEnd>; },
+     "a text that a callback is given does not end"},
+    {"AWrongText", [](Functions& functions) { functions.create = CreateTelling<TellSomethingElse>; },
+     "a message on /orv/panel/guid leads to 1 callbacks, one of them probe x4711, not to probe 4711"},
+    {"ATextThatIsToldTwice", [](Functions& functions) { functions.create = CreateTelling<TellTwice>; },
+     "a message on /orv/panel/guid leads to 2 callbacks, one of them probe 4711, not to probe 4711"},
+    {"ATextThatIsNotTold", [](Functions& functions) { functions.create = CreateTelling<TellNobody>; },
+     "a message on /orv/panel/guid leads to 0 callbacks, not to probe 4711"},
 };
 
 class AHandle : public testing::TestWithParam<BrokenFunction> {};
