@@ -360,6 +360,10 @@ void HandleProgram::Called(User& user, const std::string& what) {
         sim.Fail("a callback begins though orv_client_destroy has returned: " + what);
     if (user.callbacks++ != 0)
         sim.Fail("a callback begins while another one runs: " + what);
+    // The handle's own lock, which its end takes again. No other one is held in a callback, nor while it waits.
+    Simulation::Thread& self = sim.Self();
+    const int own = self.recursiveLocks > 0 ? 1 : 0;
+    self.locks -= own;
     witness.BeginCallback(what);
     Races::Acquire(&user);
     user.told.push_back(what);
@@ -371,6 +375,7 @@ void HandleProgram::Called(User& user, const std::string& what) {
         ActAtRandom(user, true);
     sim.Step("return from the callback");
     witness.EndCallback();
+    self.locks += own;
     --user.callbacks;
     if (hasTime && random.OneIn(20))
         throw std::runtime_error("of a callback");

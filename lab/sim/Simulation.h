@@ -55,7 +55,8 @@ public:
         Time deadline = NEVER;
 
         const void* condition = nullptr; // a condition variable that it waits for
-        int locks = 0;                   // mutexes that it holds
+        int locks = 0;                   // mutexes that it holds, each counted once
+        int recursiveLocks = 0;          // of these
         std::int64_t priority = 0;
         Time stalledUntil = 0; // as by a machine that does something else
     };

@@ -24,7 +24,6 @@ int& Holder(pthread_mutex_t* mutex) {
     return mutex->__data.__owner;
 }
 
-/// Such a lock is made to be held while anything is done. So it does not count as one.
 bool IsRecursive(const pthread_mutex_t* mutex) {
     return mutex->__data.__kind == PTHREAD_MUTEX_RECURSIVE_NP;
 }
@@ -42,8 +41,8 @@ void Lock(Simulation& simulation, pthread_mutex_t* mutex) {
         simulation.Wait("lock", [&] { return holder == 0; });
     holder = simulation.Self().number;
     Races::Acquire(mutex);
-    if (!IsRecursive(mutex))
-        ++simulation.Self().locks;
+    ++simulation.Self().locks;
+    simulation.Self().recursiveLocks += IsRecursive(mutex) ? 1 : 0;
 }
 
 void Release(Simulation& simulation, pthread_mutex_t* mutex) {
@@ -55,8 +54,8 @@ void Release(Simulation& simulation, pthread_mutex_t* mutex) {
     }
     Races::Release(mutex);
     Holder(mutex) = 0;
-    if (!IsRecursive(mutex))
-        --simulation.Self().locks;
+    --simulation.Self().locks;
+    simulation.Self().recursiveLocks -= IsRecursive(mutex) ? 1 : 0;
 }
 
 /// @return false when the time was over

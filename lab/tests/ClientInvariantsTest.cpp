@@ -243,6 +243,16 @@ TEST(AnInvariantOfTheClient, LimitsHowLongACallWaits) {
         "Stop has waited for ");
 }
 
+TEST(AnInvariantOfTheClient, LetsNoLockBeHeldInACallback) {
+    Fails(
+        [](Play& play) {
+            std::recursive_mutex mutex;
+            const std::lock_guard<std::recursive_mutex> lock(mutex);
+            play.witness.BeginCallback("OnDeviceProbeIndication 1");
+        },
+        "a lock is held in a callback: OnDeviceProbeIndication 1");
+}
+
 /// A callback of a handle in the state that the test gives it.
 void CallBack(const std::function<void(HandleProgram& program, HandleProgram::User& user)>& call) {
     Simulation simulation(1, false);
@@ -297,13 +307,23 @@ TEST(AnInvariantOfAHandle, LetsNoLockBeHeldInACallbackButTheOneThatMayBe) {
             program.Called(user, "probe 1");
         },
         "a lock is held in a callback: probe 1");
+    CallBackFails(
+        [](HandleProgram& program, HandleProgram::User& user) {
+            std::recursive_mutex own;
+            std::recursive_mutex another;
+            const std::lock_guard<std::recursive_mutex> lock(own);
+            const std::lock_guard<std::recursive_mutex> second(another);
+            program.Called(user, "probe 1");
+        },
+        "a lock is held in a callback: probe 1");
     CallBack([](HandleProgram& program, HandleProgram::User& user) {
-        std::recursive_mutex mutex;
-        const std::lock_guard<std::recursive_mutex> lock(mutex);
+        std::recursive_mutex own;
+        const std::lock_guard<std::recursive_mutex> lock(own);
         try {
             program.Called(user, "probe 1");
         } catch (const std::runtime_error&) {
         }
+        EXPECT_EQ(program.sim.Self().locks, 1);
     });
 }
 

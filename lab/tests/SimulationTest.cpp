@@ -62,8 +62,10 @@ TEST(AnExplorer, LetsARecursiveLockBeTakenAgainByItsThreadAlone) {
             EXPECT_EQ(inside++, 0);
             {
                 const std::lock_guard<std::recursive_mutex> inner(mutex);
+                EXPECT_EQ(simulation.Self().locks, 1);
                 simulation.Step("work");
             }
+            EXPECT_EQ(simulation.Self().locks, 1);
             simulation.Step("more work");
             EXPECT_EQ(--inside, 0);
         };
@@ -151,6 +153,19 @@ TEST(AnExplorer, FindsALockThatIsHeldWhileItsHolderWaits) {
             poll(nullptr, 0, 10);
         },
         "holds a lock");
+}
+
+TEST(AnExplorer, FindsARecursiveLockThatIsHeldWhileItsHolderWaits) {
+    const auto program = [](bool letsGo) {
+        std::recursive_mutex mutex;
+        std::unique_lock<std::recursive_mutex> outer(mutex);
+        std::lock_guard<std::recursive_mutex>{mutex};
+        if (letsGo)
+            outer.unlock();
+        poll(nullptr, 0, 10);
+    };
+    FindsFault([&](Simulation&) { program(false); }, "waits in poll and holds a lock");
+    RunAll([&](Simulation&) { program(true); });
 }
 
 TEST(AnExplorer, FindsADescriptorThatIsClosedTwice) {
