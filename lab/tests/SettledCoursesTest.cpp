@@ -183,6 +183,14 @@ const Broken ALL[] = {
      "an order follows from what strangers say"},
     {"AnotherWordOfStrangers", Settled::STRANGERS, 20 * MILLISECOND,
      [](Settled& course) { course.Say("a signal of somebody"); }, "tells more or less than once of strangers"},
+    {"ManyQuestionsBecauseOfStrangers", Settled::STRANGERS, 5 * MILLISECOND,
+     [](Settled& course) {
+         for (int count = 0; count < 7; ++count) {
+             course.Bus().SayNonsense(); // which leads to a question each time
+             course.sim.Sleep(15 * MILLISECOND);
+         }
+     },
+     "strangers have it ask "},
     {"AStrangersAnswer", Settled::STRANGERS, 50 * MILLISECOND, Refuse, "takes a stranger's answer for the true one"},
     {"AnOrderAmongManyServices", Settled::MANY, SECOND + 500 * MILLISECOND, OrderForTheTop,
      "the last of many services: "},
