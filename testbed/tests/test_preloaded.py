@@ -43,9 +43,10 @@ def test_on_the_gateway_it_is_where_and_may_what_each_command_there_may(box: Box
     with open(tmp_path / "said", "wb") as output:
         pid = box.start_own("orv_testbed.witness", output=output)
     wait_until(lambda: b"listening" in (tmp_path / "said").read_bytes(), SLACK, "the program on the gateway")
-    asked = "readlink /proc/self/ns/net /proc/self/ns/mnt /proc/self/ns/uts; pwd; grep -E 'Cap(Prm|Eff|Bnd)' /proc/self/status"
-    there = box("exec", "sh", "-c", asked).splitlines()
-    links = [os.readlink(f"/proc/{pid}/{name}") for name in ("ns/net", "ns/mnt", "ns/uts", "cwd")]
+    asked = "readlink /proc/self/ns/net /proc/self/ns/mnt /proc/self/ns/uts; grep -E 'Cap(Prm|Eff|Bnd)' /proc/self/status; pwd"
+    *there, directory = box("exec", "sh", "-c", asked).splitlines()
+    links = [os.readlink(f"/proc/{pid}/ns/{name}") for name in ("net", "mnt", "uts")]
     status = pathlib.Path(f"/proc/{pid}/status").read_text(encoding="ascii").splitlines()
     may = [line for line in status if line.startswith(("CapPrm", "CapEff", "CapBnd"))]
     assert [*links, *may] == there
+    assert os.path.samefile(f"/proc/{pid}/cwd", directory)  # in a chroot its name is another one
