@@ -155,9 +155,12 @@ void CloudDialer::Dial(const CloudSettings& settings, Callback callback) {
     ++helpers;
     try {
         // The call itself has no share in the mailbox, which may keep it for ever when the loop has gone.
-        std::thread([call = current, box = mailbox, answer] {
+        std::thread([call = current, box = mailbox, answer = answer]() mutable {
             call->dialled = Begin(call->settings);
-            box->Post(answer);
+            box->Post(std::move(answer));
+            // Whoever sees that no helper is left may end the process, and with it the libraries that these need to go.
+            call.reset();
+            box.reset();
             --helpers;
         }).detach();
     } catch (const std::system_error& error) {

@@ -178,9 +178,12 @@ void PathProver::Begin(const CloudSettings& settings, const std::string& interfa
     };
     ++helpers;
     try {
-        std::thread([attempt = current, box = mailbox, answer] {
+        std::thread([attempt = current, box = mailbox, answer = answer]() mutable {
             attempt->result = attempt->Run();
-            box->Post(answer);
+            box->Post(std::move(answer));
+            // Whoever sees that no helper is left may end the process, and with it the libraries that these need to go.
+            attempt.reset();
+            box.reset();
             --helpers;
         }).detach();
     } catch (const std::system_error& error) {

@@ -4,10 +4,13 @@
 #include "AGatewayWithACloud.h"
 
 #include <arpa/inet.h>
+#include <atomic>
 #include <cerrno>
+#include <memory>
 #include <netinet/in.h>
 #include <optional>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 
 namespace GatewayApp {
@@ -135,15 +138,22 @@ TEST_F(AProof, FailsWithAStranger) {
 
 TEST_F(AProof, IsForgottenWhenItIsNotWantedAnyMore) {
     ASSERT_TRUE(CloudIsThere());
-    EventLoop loop;
     bool called = false;
+    // How many helpers there were when the last one to hold the callback let go of it; that may be we.
+    const auto left = std::make_shared<std::atomic<int>>(-1);
+    const auto self = std::this_thread::get_id();
+    const auto look = [left, self](void*) { *left = std::this_thread::get_id() == self ? 1 : PathProver::Helpers(); };
     {
+        EventLoop loop;
         PathProver prover(loop);
         CloudSettings settings;
         settings.host = "10.11.0.1";
         settings.caFile = trusted;
-        prover.Begin(settings, "eth0", 60s, [&](const PathProver::Result&) { called = true; });
+        prover.Begin(settings, "eth0", 60s,
+                     [&, end = std::shared_ptr<void>(left.get(), look)](const PathProver::Result&) { called = true; });
     }
+    EXPECT_TRUE(Eventually([&] { return *left != -1; }));
+    EXPECT_EQ(*left, 1);
     EXPECT_TRUE(Eventually([] { return PathProver::Helpers() == 0; }));
     EXPECT_FALSE(called);
 }
