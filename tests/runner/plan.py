@@ -43,10 +43,9 @@ BUILD_RELEASE = "preset-test --build release"
 BUILD_TSAN = "preset-test --build tsan"
 BUILD_MIPSEL = "cross-test --build"
 BUILD_MACHINE = "machine-test --build"
-
 BUILD_SHORT = "preset-test --build --no-lab asan-ubsan"
 
-# What a developer runs before a commit: one build, under sanitizers, and everything on it.
+# What a developer runs before a commit: one build, under sanitizers, and everything on it but the lab.
 SHORT: Plan = (
     Lane((Step(BUILD_SHORT), Step("preset-test --no-lab asan-ubsan", CROWDED))),
     Lane((Step("lint"), Step("python-test"), Step("demo --loopback --no-color", SANITIZED, after=(BUILD_SHORT,)))),

@@ -38,6 +38,8 @@ MISUSED = [
     "package arm",
     "package-test nonsense",
     "preset-test",
+    "preset-test --build --no-lab",
+    "preset-test --no-lab nonsense",
     "preset-test nonsense",
     "size nonsense",
     "test nonsense",

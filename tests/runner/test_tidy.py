@@ -20,14 +20,14 @@ CheckOptions:
 pytestmark = pytest.mark.skipif(shutil.which("clang-tidy-14") is None, reason="no clang-tidy here")
 
 
-def said_of(folder: pathlib.Path, sources: dict[str, str]) -> subprocess.CompletedProcess[str]:
+def said_of(folder: pathlib.Path, sources: dict[str, str], flags: str = "-Wall") -> subprocess.CompletedProcess[str]:
     (folder / ".clang-tidy").write_text(SETTINGS)
     database = []
     for name, text in sources.items():
         (folder / name).parent.mkdir(exist_ok=True)
         (folder / name).write_text(text)
         file = str(folder / name)
-        database.append({"directory": str(folder), "file": file, "command": f"/usr/bin/c++ -Wall -o x.o -c {file}"})
+        database.append({"directory": str(folder), "file": file, "command": f"/usr/bin/c++ {flags} -o x.o -c {file}"})
     (folder / "compile_commands.json").write_text(json.dumps(database))
     command = [str(TREE / "script/lib/tidy"), "compile_commands.json", *sources]
     return subprocess.run(command, cwd=folder, capture_output=True, text=True, check=False, timeout=300)
@@ -62,6 +62,19 @@ def test_a_folder_has_settings_of_its_own(tmp_path: pathlib.Path) -> None:
     (tmp_path / "c").mkdir()
     (tmp_path / "c/.clang-tidy").write_text("InheritParentConfig: true\nChecks: '-readability-identifier-naming'\n")
     said = said_of(tmp_path, {"c/One.cpp": "int one() { return 1; }\n", "src/Two.cpp": "int Two() { return 2; }\n"})
+    assert (said.returncode, said.stdout) == (0, "")
+
+
+@pytest.mark.parametrize(
+    "flags",
+    [
+        "-Wall -Winvalid-pch -include /nowhere/cmake_pch.hxx",
+        "-Wall -Xclang -include-pch -Xclang /nowhere/cmake_pch.hxx.pch -Xclang -include -Xclang /nowhere/cmake_pch.hxx",
+    ],
+    ids=["gcc", "clang"],
+)
+def test_what_a_compiler_has_precompiled_is_not_asked_for(tmp_path: pathlib.Path, flags: str) -> None:
+    said = said_of(tmp_path, {"src/One.cpp": "int One() { return 1; }\n"}, flags)
     assert (said.returncode, said.stdout) == (0, "")
 
 

@@ -158,7 +158,7 @@ void CloudDialer::Dial(const CloudSettings& settings, Callback callback) {
         std::thread([call = current, box = mailbox, answer = answer]() mutable {
             call->dialled = Begin(call->settings);
             box->Post(std::move(answer));
-            // Whoever sees that no helper is left may end the process, and with it the libraries that these need to go.
+            // Once no helper is counted the process may end, and with it the libraries that free what these hold.
             call.reset();
             box.reset();
             --helpers;

@@ -181,7 +181,7 @@ void PathProver::Begin(const CloudSettings& settings, const std::string& interfa
         std::thread([attempt = current, box = mailbox, answer = answer]() mutable {
             attempt->result = attempt->Run();
             box->Post(std::move(answer));
-            // Whoever sees that no helper is left may end the process, and with it the libraries that these need to go.
+            // Once no helper is counted the process may end, and with it the libraries that free what these hold.
             attempt.reset();
             box.reset();
             --helpers;
