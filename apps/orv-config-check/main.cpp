@@ -2,7 +2,7 @@
 // Tells before a restart what the gateway's applications would say about their configuration file.
 #include "config/GatewayConfig.h"
 
-#include <CLI/CLI.hpp>
+#include <getopt.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -31,26 +31,55 @@ int Check(const std::string& path, bool mayBeMissing, bool quiet) {
     return loaded.problems.empty() ? 0 : FAULTS_FOUND;
 }
 
+constexpr const char* HELP =
+    R"(Usage: orv-config-check [OPTION]... [FILE]
+Checks a configuration file of the gateway's applications and shows the settings that it puts in force, defaults included. What
+is wrong goes to standard error, and a warning where users of the machine may read or change the file and should not.
+
+  FILE           the file to check (/etc/orv/gateway.ini, which may be missing)
+
+  -q, --quiet    only say what is wrong
+  -h, --help     this text
+      --version  the version
+
+Exit status: 0 all is well, 1 something is wrong with the file, 2 wrong use.
+)";
+
+int Misused() {
+    std::cerr << "orv-config-check --help shows what can be said\n";
+    return WRONG_USE;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
-    CLI::App app("Checks a configuration file of the gateway's applications and shows the settings that it puts in "
-                 "force, defaults included. What is wrong goes to standard error, and a warning where users of the "
-                 "machine may read or change the file and should not.",
-                 "orv-config-check");
-    app.footer("Exit status: 0 all is well, 1 something is wrong with the file, 2 wrong use.");
-    std::string path = "/etc/orv/gateway.ini";
+    static const option known[] = {{"quiet", no_argument, nullptr, 'q'},
+                                   {"help", no_argument, nullptr, 'h'},
+                                   {"version", no_argument, nullptr, 'V'},
+                                   {nullptr, 0, nullptr, 0}};
     bool quiet = false;
-    const auto* file =
-        app.add_option("FILE", path, "the file to check; the default one may be missing")->capture_default_str();
-    app.add_flag("-q,--quiet", quiet, "only say what is wrong");
-    app.set_version_flag("--version", ORV_VERSION);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : WRONG_USE;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread
+    for (int letter = 0; (letter = getopt_long(argc, argv, "qh", known, nullptr)) != -1;) {
+        switch (letter) {
+        case 'q':
+            quiet = true;
+            break;
+        case 'h':
+            std::cout << HELP;
+            return 0;
+        case 'V':
+            std::cout << ORV_VERSION "\n";
+            return 0;
+        default:
+            return Misused();
+        }
     }
-    const bool isNamed = file->count() != 0;
+    if (argc - optind > 1) {
+        std::cerr << "orv-config-check: one file at a time, and not " << argv[optind + 1] << " besides\n";
+        return Misused();
+    }
+    const bool isNamed = optind < argc;
+    const std::string path = isNamed ? argv[optind] : "/etc/orv/gateway.ini";
     // The advice of an application, to name another file in the environment, is none for who has named one here.
     if (isNamed && access(path.c_str(), R_OK) != 0) {
         std::cerr << "orv-config-check: " << path << ": cannot be read (" << std::generic_category().message(errno)

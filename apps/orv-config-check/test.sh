@@ -82,7 +82,10 @@ never_says err ORV_GATEWAY_CONFIG
 is_silent out
 
 expect 2 --nonsense
+says err "unrecognized option '--nonsense'"
+says err "orv-config-check --help shows what can be said"
 expect 2 one two
+says err "one file at a time, and not two besides"
 expect 0 --help
 says out "Exit status"
 expect 0 --version

@@ -38,7 +38,7 @@ int main(int argc, char** argv) {
     try {
         status = Run(std::vector<std::string>(argv + 1, argv + argc));
     } catch (const GatewayApp::OptionsError& error) {
-        std::fputs(error.text.c_str(), error.exitStatus == 0 ? stdout : stderr);
+        std::fprintf(error.exitStatus == 0 ? stdout : stderr, "%s\n", error.text.c_str());
         status = error.exitStatus;
     } catch (const GatewayApp::AnotherInstance& error) {
         CommonUtils::Logger("GatewayApp", OrvLog::INFO).Error() << "ends: " << error.what();

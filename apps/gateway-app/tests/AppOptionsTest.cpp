@@ -56,12 +56,10 @@ TEST(TheShippedFile, ShowsEachDefaultAsALineToTakeTheMarkAwayFrom) {
     std::ofstream out(uncommented);
     int options = 0;
     for (std::string line; std::getline(file, line);) {
-        // "cloud-host=" is the way to say none.
         if (line.rfind("# ", 0) != 0 || line.find('=') == std::string::npos || line.find(' ', 2) != std::string::npos)
             continue;
         ++options;
-        if (line.back() != '=')
-            out << line.substr(2) << '\n';
+        out << line.substr(2) << '\n';
     }
     out.close();
     EXPECT_EQ(options, 15);
@@ -110,6 +108,24 @@ TEST(WrongOptions, AreRefusedByName) {
     EXPECT_NE(ErrorOf({"--name", "a/b"}).find("one level of a topic"), std::string::npos);
     EXPECT_NE(ErrorOf({"--config", "/does/not/exist.ini"}).find("/does/not/exist.ini"), std::string::npos);
     EXPECT_NE(ErrorOf({"--no-such-option"}).find("no-such-option"), std::string::npos);
+}
+
+TEST(WrongOptions, AreToldWithWhatTheyMustBe) {
+    EXPECT_EQ(ErrorOf({"--cloud-port", "65536"}),
+              "gateway-app: --cloud-port: must be a number from 1 to 65535, not \"65536\"");
+    EXPECT_EQ(ErrorOf({"--cloud-port=80x"}),
+              "gateway-app: --cloud-port: must be a number from 1 to 65535, not \"80x\"");
+    EXPECT_EQ(ErrorOf({"--tick-ms", "9"}), "gateway-app: --tick-ms: must be 0 or a number from 10 to 1000, not \"9\"");
+    EXPECT_EQ(ErrorOf({"--cloud-alpn", std::string(256, 'a')}).rfind("gateway-app: --cloud-alpn: must be shorter", 0),
+              0U);
+}
+
+TEST(ACommandLine, ThatCannotBeUnderstoodIsRefusedWithTheWord) {
+    const std::string help = "; gateway-app --help shows what can be said";
+    EXPECT_EQ(ErrorOf({"--name", "heating", "--nmae=x"}), "gateway-app: no such option: --nmae=x" + help);
+    EXPECT_EQ(ErrorOf({"-x"}), "gateway-app: no such option: -x" + help);
+    EXPECT_EQ(ErrorOf({"--cloud-host"}), "gateway-app: --cloud-host: a value is missing" + help);
+    EXPECT_EQ(ErrorOf({"heating"}), "gateway-app: no such option: heating" + help);
 }
 
 TEST(Help, IsNoFault) {
@@ -171,12 +187,53 @@ TEST_F(OptionsInAFile, AreRefusedWhenUnknown) {
 }
 
 TEST_F(OptionsInAFile, AreRefusedWithTheFilesName) {
-    const std::string place = "gateway-app: " + path + ": ";
+    const std::string place = "gateway-app: " + path + ":1: ";
     for (const char* line : {"cloud-port=0\n", "no-such-option=1\n", "cloud-cert=/c.pem\n"}) {
         Write(line);
         EXPECT_EQ(ErrorOf({"--config", path}).rfind(place, 0), 0U) << ErrorOf({"--config", path});
         EXPECT_EQ(ErrorOf({"--config=" + path}).rfind(place, 0), 0U) << line;
     }
+}
+
+TEST_F(OptionsInAFile, MayStandBetweenBlanksAndCommentsAndInQuotes) {
+    Write("# a comment\n; another\n\n  cloud-host = cloud.example \r\ncloud-user=\"a b\"\ncloud-alpn='mqtt'\n"
+          "cloud-ca=/a=b.pem\nlock=");
+    const AppOptions options = ReadOptions({"--config", path});
+    EXPECT_EQ(options.cloud.host, "cloud.example");
+    EXPECT_EQ(options.cloud.user, "a b");
+    EXPECT_EQ(options.cloud.alpn, "mqtt");
+    EXPECT_EQ(options.cloud.caFile, "/a=b.pem");
+    EXPECT_EQ(options.lock, "");
+}
+
+TEST_F(OptionsInAFile, AreRefusedWithTheLine) {
+    Write("# a comment\ncloud-port=0\n");
+    EXPECT_EQ(ErrorOf({"--config", path}),
+              "gateway-app: " + path + ":2: cloud-port: must be a number from 1 to 65535, not \"0\"");
+    Write("cloud-host\n");
+    EXPECT_EQ(ErrorOf({"--config", path}), "gateway-app: " + path + ":1: a line is NAME=VALUE, or begins with #");
+    Write("config=/another.ini\n");
+    EXPECT_EQ(ErrorOf({"--config", path}), "gateway-app: " + path +
+                                               ":1: no such option: config; gateway-app --help "
+                                               "shows those that there are");
+}
+
+TEST_F(OptionsInAFile, AreRefusedWhenOneStandsThereTwice) {
+    Write("tick-ms=10\n\ntick-ms=20\n");
+    EXPECT_EQ(ErrorOf({"--config", path}),
+              "gateway-app: " + path + ":3: tick-ms: it has a value already, in " + path + ":1");
+}
+
+TEST_F(OptionsInAFile, AreACredentialsOtherHalf) {
+    Write("cloud-cert=/c.pem\n");
+    EXPECT_EQ(ReadOptions({"--config", path, "--cloud-key", "/k.pem"}).cloud.certificateFile, "/c.pem");
+    EXPECT_EQ(ErrorOf({"--config", path}), "gateway-app: " + path + ":1: cloud-cert needs cloud-key");
+}
+
+TEST_F(OptionsInAFile, AreNotLookedForInAFolder) {
+    EXPECT_EQ(
+        ErrorOf({"--config", testing::TempDir()}).rfind("gateway-app: " + testing::TempDir() + ": cannot be read (", 0),
+        0U);
 }
 
 TEST_F(OptionsInAFile, AreNotBlamedForTheCommandLine) {

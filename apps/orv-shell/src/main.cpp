@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
+#include "Command.h"
 #include "CommandError.h"
-#include "Duration.h"
 #include "Loop.h"
+#include "Options.h"
 
 #include <OrvStackSdk/OrvStackSdk.h>
 
-#include <CLI/CLI.hpp>
 #include <curl/curl.h>
 
 #include <algorithm>
@@ -23,41 +23,30 @@ namespace {
 
 constexpr const char* SIMULATION = "orv-simulate";
 
-struct Options {
-    std::string scenario;
-    std::chrono::milliseconds tick{100};
-    bool checkOnly = false;
-};
-
-// The exit status when there is nothing more to do.
-std::optional<int> ParseArguments(int argc, char** argv, Options& options) {
-    CLI::App app("Makes every call of the connected-services library by hand or from a scenario file, "
-                 "and prints every callback.",
-                 "orv-shell");
-    std::string tick = "100ms";
-    app.add_option("SCENARIO", options.scenario, "File with one command a line; without it, stdin is read");
-    app.add_option("--tick", tick, "How often to tick, e.g. 100ms; 0: only with the command tick")
-        ->capture_default_str();
-    app.add_flag("--simulate", "On a simulated gateway and in virtual time: no broker, no waiting; it needs the test "
-                               "kit's orv-simulate");
-    app.add_flag("--check", options.checkOnly, "Only check that the scenario can be understood");
-    app.set_version_flag("--version", "orv-shell " ORV_VERSION);
-    app.footer(
-        "\nCommands:\n" + HelpText() +
-        "\nExit status: 0 all is well, 1 a command failed, 2 the arguments or the scenario cannot be understood.\n"
-        "The broker's address stands in /etc/orv/gateway.ini or in the file that ORV_GATEWAY_CONFIG names.");
-    try {
-        app.parse(argc, argv);
-        options.tick = ParseDuration(tick);
-        if (options.checkOnly && options.scenario.empty())
-            throw CommandError("--check needs a scenario");
-    } catch (const CLI::ParseError& end) {
-        return app.exit(end) == 0 ? Loop::SUCCESS : Loop::USAGE;
-    } catch (const CommandError& error) {
-        std::cerr << "orv-shell: " << error.what() << std::endl;
-        return Loop::USAGE;
-    }
-    return std::nullopt;
+ProgramTexts Texts() {
+    return {
+        "orv-shell",
+        "Usage: orv-shell [OPTION]... [SCENARIO]\n"
+        "Makes every call of the connected-services library by hand or from a scenario file, and prints every "
+        "callback.\n"
+        "\n"
+        "  SCENARIO         file with one command a line; without it, standard input is read\n"
+        "\n"
+        "Options:\n"
+        "      --tick TIME  how often to tick (100ms); 0: only with the command tick\n"
+        "      --simulate   on a simulated gateway and in virtual time: no broker, no waiting; it needs the test "
+        "kit's\n"
+        "                   orv-simulate\n"
+        "      --check      only check that the scenario can be understood\n"
+        "  -h, --help       this text\n"
+        "      --version    the version\n"
+        "\n"
+        "Commands:\n" +
+            HelpText() +
+            "\n"
+            "Exit status: 0 all is well, 1 a command failed, 2 the arguments or the scenario cannot be understood.\n"
+            "The broker's address stands in /etc/orv/gateway.ini or in the file that ORV_GATEWAY_CONFIG names.\n",
+        "orv-shell " ORV_VERSION};
 }
 
 /// Replaces this program by the simulation, with the same arguments; it stands beside this one, or in the PATH.
@@ -94,7 +83,7 @@ int Run(int argc, char** argv) {
     if (std::any_of(argv + 1, argv + argc, [](const char* word) { return std::strcmp(word, "--simulate") == 0; }))
         return Simulate(argc, argv);
     Options options;
-    if (const std::optional<int> status = ParseArguments(argc, argv, options))
+    if (const std::optional<int> status = ReadOptions(argc, argv, Texts(), true, options))
         return *status;
     std::unique_ptr<Input> input;
     try {
@@ -103,7 +92,7 @@ int Run(int argc, char** argv) {
         std::cerr << error.what() << std::endl;
         return Loop::USAGE;
     }
-    if (options.checkOnly)
+    if (options.isCheckOnly)
         return Loop::SUCCESS;
     BlockEndingSignals();
     curl_global_init(CURL_GLOBAL_DEFAULT);

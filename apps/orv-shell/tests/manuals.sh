@@ -17,7 +17,7 @@ manual() { sed 's/\\-/-/g' "$folder/$1.1"; }
 . "$folder/orv-shell.completion"
 for program in "$1" "$2"; do
     name=$(basename "$program")
-    known=$("$program" --help | sed -n '/^Options:/,/^Commands:/p' | grep -E '^  -' | options)
+    known=$("$program" --help | sed -n '/^Options:/,/^Commands:/p' | grep -E '^ +-' | options)
     diff <(echo "$known") <(manual "$name" | sed -n '/^.SH OPTIONS/,/^.SH [C-Z]/p' | grep '^\.B' | options) ||
         fail "$name.1 has other options than $name --help (<: in the help)"
     # shellcheck disable=SC2034  # the completion reads them
