@@ -139,13 +139,16 @@ private:
     const bool isMade;
 };
 
+// Made at load time: a static local may be half made when another thread forks, and the child would wait for it for
+// ever. A record before that has no spares.
+const SparesKey sparesKey;
+
 /// Null where there is no memory for them, too.
 SpareRecords* ThisThreadsSpares() noexcept {
-    static const SparesKey key;
     if (threadsSpares != nullptr || sparesAreGone)
         return threadsSpares;
     auto spares = std::unique_ptr<SpareRecords>(new (std::nothrow) SpareRecords);
-    if (spares && key.Keep(spares.get()))
+    if (spares && sparesKey.Keep(spares.get()))
         threadsSpares = spares.release();
     return threadsSpares;
 }

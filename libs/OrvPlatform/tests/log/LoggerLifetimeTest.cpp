@@ -6,15 +6,45 @@
 #include "support/Pattern.h"
 
 #include <atomic>
+#include <dlfcn.h>
+#include <pthread.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+
+// A sanitizer's own locks may be held by a thread that the child does not have: AddressSanitizer's allocator, and the
+// record that ThreadSanitizer keeps of each lock and of each function that is called once.
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define ORV_ALLOCATOR_IS_LOST_IN_A_FORK 1
+#endif
+#if __has_feature(thread_sanitizer)
+#define ORV_LOCKS_ARE_LOST_IN_A_FORK 1
+#endif
+#endif
 
 // A forked child ends without the threads that it does not have.
 extern "C" const char* __tsan_default_options();
 extern "C" const char* __tsan_default_options() { // NOLINT(bugprone-reserved-identifier): ThreadSanitizer's name
     return "report_thread_leaks=0";
 }
+
+namespace {
+
+std::atomic<bool> keysTakeTime{false};
+std::atomic<bool> someoneWaitsForAKey{false};
+
+} // namespace
+
+#ifndef ORV_LOCKS_ARE_LOST_IN_A_FORK // ThreadSanitizer makes a key before it can stand any code of ours
+extern "C" int pthread_key_create(pthread_key_t* key, void (*release)(void*)) noexcept {
+    someoneWaitsForAKey = keysTakeTime.load();
+    while (keysTakeTime)
+        std::this_thread::yield();
+    return reinterpret_cast<int (*)(pthread_key_t*, void (*)(void*))>(dlsym(RTLD_NEXT, "pthread_key_create"))(key,
+                                                                                                              release);
+}
+#endif
 
 namespace {
 
@@ -85,17 +115,6 @@ TEST_F(ALogger, MayBeUsedByAllThreadsAtOnce) {
         ASSERT_TRUE(whole.Matches(line)) << line;
 }
 
-// A sanitizer's own locks may be held by a thread that the child does not have: AddressSanitizer's allocator, and the
-// record that ThreadSanitizer keeps of each lock and of each function that is called once.
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define ORV_ALLOCATOR_IS_LOST_IN_A_FORK 1
-#endif
-#if __has_feature(thread_sanitizer)
-#define ORV_LOCKS_ARE_LOST_IN_A_FORK 1
-#endif
-#endif
-
 TEST_F(ALogger, WorksInAChildThatIsForkedDuringAnotherThreadsFirstRecord) {
 #if defined(ORV_ALLOCATOR_IS_LOST_IN_A_FORK) || defined(ORV_LOCKS_ARE_LOST_IN_A_FORK)
     GTEST_SKIP() << "the sanitizer does not survive such a fork";
@@ -118,6 +137,35 @@ TEST_F(ALogger, WorksInAChildThatIsForkedDuringAnotherThreadsFirstRecord) {
         for (const std::string& line : lines)
             ASSERT_NE(line.rfind("error", 0), 0U) << line;
     }
+}
+
+TEST_F(ALogger, WorksInAChildThatIsForkedWhileAnotherThreadsFirstRecordWaitsForAKey) {
+#ifdef ORV_LOCKS_ARE_LOST_IN_A_FORK
+    GTEST_SKIP() << "the sanitizer does not survive such a fork";
+#endif
+    EXPECT_EQ(Logged([] {
+                  keysTakeTime = true;
+                  std::atomic<bool> isWritten{false};
+                  std::thread other([&isWritten] {
+                      Logger("L", 0).Debug() << "first";
+                      isWritten = true;
+                  });
+                  while (!someoneWaitsForAKey && !isWritten)
+                      std::this_thread::yield();
+                  const pid_t child = ::fork();
+                  if (child == 0) {
+                      keysTakeTime = false;
+                      ::alarm(5);
+                      Logger("L", 0).Info() << "from the child";
+                      ::_exit(0);
+                  }
+                  int status = 0;
+                  ::waitpid(child, &status, 0);
+                  keysTakeTime = false;
+                  other.join();
+                  Logger("L", 0).Info() << "child ended with " << status;
+              }),
+              (Lines{"debug [L] first", "info [L] from the child", "info [L] child ended with 0"}));
 }
 
 TEST_F(ALogger, WorksInAChildThatIsForkedWhileAnotherThreadReadsTheSettings) {
