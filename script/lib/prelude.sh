@@ -101,12 +101,12 @@ have_programs() {
     done
 }
 
-# run_ctest PRESET [ARGUMENT...]: the emulator is slow to start a program, so it runs tests in few processes. Elsewhere
-# each has one of its own, and a test that needs another one before it fails.
+# run_ctest PRESET [ARGUMENT...]: the emulator and ThreadSanitizer are slow to start a program, so they run tests in few
+# processes. Elsewhere each has one of its own, and a test that needs another one before it fails.
 run_ctest() {
     local preset=$1
     shift
-    case $preset$* in mipsel-release-j*) export ORV_TESTS_TOGETHER=1 ;; esac
+    case $preset$* in mipsel-release-j* | tsan) export ORV_TESTS_TOGETHER=1 ;; esac
     [ -z "${ORV_REPORTS-}" ] || set -- --output-junit "$ORV_REPORTS/ctest.xml" "$@"
     # Most tests wait: for a broker, a time limit, a process.
     ctest --preset "$preset" -j"${ORV_TEST_JOBS:-$((2 * $(nproc)))}" "$@"
