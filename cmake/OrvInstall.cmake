@@ -91,6 +91,7 @@ function(orv_add_all_but_tests directory)
 endfunction()
 orv_add_all_but_tests(${PROJECT_SOURCE_DIR})
 
+# The label "packaged": script/package-test does the same with the installed packages.
 if(ORV_BUILD_TESTS AND ORV_BUILD_APPS AND ORV_PLATFORM STREQUAL "linux" AND NOT ORV_SANITIZE AND NOT CMAKE_CROSSCOMPILING)
   add_test(NAME InstalledElsewhere
     COMMAND ${PROJECT_SOURCE_DIR}/tests/consumer/elsewhere.sh ${PROJECT_BINARY_DIR} ${CMAKE_CXX_COMPILER})
@@ -100,11 +101,12 @@ if(ORV_BUILD_TESTS AND ORV_BUILD_APPS AND ORV_PLATFORM STREQUAL "linux" AND NOT 
       COMMAND ${PROJECT_SOURCE_DIR}/tests/consumer/gateway-app.sh ${PROJECT_BINARY_DIR} ${CMAKE_CXX_COMPILER})
     add_test(NAME ExamplesCopied
       COMMAND ${PROJECT_SOURCE_DIR}/tests/consumer/examples.sh ${PROJECT_BINARY_DIR} ${CMAKE_CXX_COMPILER})
-    set_tests_properties(GatewayAppCopied ExamplesCopied PROPERTIES LABELS binary TIMEOUT 600)
+    set_tests_properties(GatewayAppCopied PROPERTIES LABELS "binary;packaged" TIMEOUT 600)
+    set_tests_properties(ExamplesCopied PROPERTIES LABELS binary TIMEOUT 600)
   endif()
   if(ORV_BUILD_TEST_KIT AND NOT ORV_COVERAGE)
     add_test(NAME InstalledTestKit
       COMMAND ${PROJECT_SOURCE_DIR}/tests/consumer/test-kit.sh ${PROJECT_BINARY_DIR} ${CMAKE_CXX_COMPILER})
-    set_tests_properties(InstalledTestKit PROPERTIES LABELS binary TIMEOUT 600)
+    set_tests_properties(InstalledTestKit PROPERTIES LABELS "binary;packaged" TIMEOUT 600)
   endif()
 endif()
