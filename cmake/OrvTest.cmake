@@ -36,6 +36,19 @@ set(CMAKE_UNITY_BUILD_BATCH_SIZE 10)
 
 add_custom_target(covering)
 
+# orv_tested_sources(VARIABLE TARGET): those of a program's sources that are no code of tests.
+function(orv_tested_sources variable target)
+  set(tested "")
+  get_target_property(sources ${target} SOURCES)
+  foreach(source IN LISTS sources)
+    string(REPLACE "${PROJECT_SOURCE_DIR}/" "" path "${source}") # in whose own path there may be a folder of that name
+    if(path MATCHES "/src/")
+      list(APPEND tested ${source})
+    endif()
+  endforeach()
+  set(${variable} "${tested}" PARENT_SCOPE)
+endfunction()
+
 # orv_join_sources(TARGET)
 #   For code of tests. What is tested among the sources is compiled as it is elsewhere.
 function(orv_join_sources target)
@@ -43,8 +56,7 @@ function(orv_join_sources target)
   if(ORV_JOIN_TEST_SOURCES AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     target_compile_options(${target} PRIVATE -Wno-subobject-linkage) # which takes sources for headers then
   endif()
-  get_target_property(tested ${target} SOURCES)
-  list(FILTER tested INCLUDE REGEX "/src/")
+  orv_tested_sources(tested ${target})
   orv_compile_alone(${tested})
   # A fifth of the time in which code of tests is compiled goes into UndefinedBehaviorSanitizer's checks. The check of types
   # stays: so tests still see by the compiler's word that there is a sanitizer, which some of them would not survive.
@@ -68,8 +80,7 @@ function(orv_compile_as_test target)
   if(CMAKE_CROSSCOMPILING AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     # Code of tests compiles in three quarters of the time; without any optimisation the emulator would lose more than that.
     target_compile_options(${target} PRIVATE -Og)
-    get_target_property(tested ${target} SOURCES)
-    list(FILTER tested INCLUDE REGEX "/src/")
+    orv_tested_sources(tested ${target})
     if(tested)
       set_property(SOURCE ${tested} APPEND PROPERTY COMPILE_OPTIONS -Os)
       set_property(SOURCE ${tested} PROPERTY SKIP_PRECOMPILE_HEADERS ON)
