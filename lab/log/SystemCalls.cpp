@@ -46,6 +46,13 @@ std::map<std::pair<int, pthread_key_t>, const void*>& Values() {
     return values;
 }
 
+// A sanitizer makes keys of its own while it begins, and can stand no other code then; objects make theirs after this.
+bool keysAreNoted = false;
+
+__attribute__((constructor(101))) void NoteKeys() {
+    keysAreNoted = true;
+}
+
 void Step(const char* doing) {
     if (Simulation* simulation = Simulation::Current())
         simulation->Step(doing);
@@ -159,7 +166,7 @@ int __wrap_rename(const char* from, const char* to) {
 int __wrap_pthread_key_create(pthread_key_t* key, void (*destroy)(void*)) {
     const Unwatched unwatched;
     const int error = __real_pthread_key_create(key, destroy);
-    if (error == 0 && destroy != nullptr && Simulation::Current() != nullptr)
+    if (error == 0 && destroy != nullptr && OrvLab::keysAreNoted)
         OrvLab::Destructors().emplace(*key, destroy);
     return error;
 }
