@@ -69,7 +69,7 @@ ALL: Plan = (
     ),
     Lane(
         (
-            Step("preset-test release --label-exclude packaged", after=(BUILD_RELEASE,)),
+            Step("preset-test release -LE packaged", after=(BUILD_RELEASE,)),
             Step("external-platform-test"),
             Step("docs"),
             Step("abi check"),

@@ -119,10 +119,10 @@ const std::array OPTIONS{
 };
 
 void AddToHelp(std::string& help, std::string option, std::string summary) {
-    constexpr std::size_t WIDTH = 44;
-    option.resize(std::max(WIDTH, option.size() + 1), ' ');
+    constexpr std::size_t width = 44;
+    option.resize(std::max(width, option.size() + 1), ' ');
     for (auto end = summary.find('\n'); end != std::string::npos; end = summary.find('\n', end + 1))
-        summary.insert(end + 1, WIDTH, ' ');
+        summary.insert(end + 1, width, ' ');
     help += option + summary + "\n";
 }
 
@@ -154,9 +154,9 @@ void Take(Given& given, const Option& option, const std::string& place, const st
 }
 
 std::string Trimmed(const std::string& text) {
-    constexpr const char* BLANKS = " \t\r";
-    const auto first = text.find_first_not_of(BLANKS);
-    return first == std::string::npos ? "" : text.substr(first, text.find_last_not_of(BLANKS) - first + 1);
+    constexpr const char* blanks = " \t\r";
+    const auto first = text.find_first_not_of(blanks);
+    return first == std::string::npos ? "" : text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
 std::string WithoutQuotes(const std::string& text) {

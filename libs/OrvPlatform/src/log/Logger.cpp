@@ -141,14 +141,14 @@ private:
 
 // Made at load time: a static local may be half made when another thread forks, and the child would wait for it for
 // ever. A record before that has no spares.
-const SparesKey sparesKey;
+const SparesKey SPARES_KEY;
 
 /// Null where there is no memory for them, too.
 SpareRecords* ThisThreadsSpares() noexcept {
     if (threadsSpares != nullptr || sparesAreGone)
         return threadsSpares;
     auto spares = std::unique_ptr<SpareRecords>(new (std::nothrow) SpareRecords);
-    if (spares && sparesKey.Keep(spares.get()))
+    if (spares && SPARES_KEY.Keep(spares.get()))
         threadsSpares = spares.release();
     return threadsSpares;
 }
