@@ -27,12 +27,12 @@ struct Refusal : std::invalid_argument {
     using std::invalid_argument::invalid_argument;
 };
 
-int NumberWithin(int least, int most, const std::string& text) {
+int NumberWithin(int least, int most, const std::string& text, const std::string& besides = "") {
     int number = 0;
     const char* const end = text.data() + text.size();
     const auto read = std::from_chars(text.data(), end, number);
     if (read.ec != std::errc() || read.ptr != end || number < least || number > most)
-        throw Refusal("must be a number from " + std::to_string(least) + " to " + std::to_string(most));
+        throw Refusal("must be " + besides + "a number from " + std::to_string(least) + " to " + std::to_string(most));
     return number;
 }
 
@@ -49,9 +49,7 @@ void SetAlpn(AppOptions& options, const std::string& protocol) {
 }
 
 void SetTick(AppOptions& options, const std::string& text) {
-    if (text != "0" && NumberWithin(0, 1000, text) < 10)
-        throw Refusal("must be 0 or a number from 10 to 1000");
-    options.tick = std::chrono::milliseconds(NumberWithin(0, 1000, text));
+    options.tick = std::chrono::milliseconds(text == "0" ? 0 : NumberWithin(10, 1000, text, "0 or "));
 }
 
 template <std::string AppOptions::*MEMBER>

@@ -116,6 +116,8 @@ TEST(WrongOptions, AreToldWithWhatTheyMustBe) {
     EXPECT_EQ(ErrorOf({"--cloud-port=80x"}),
               "gateway-app: --cloud-port: must be a number from 1 to 65535, not \"80x\"");
     EXPECT_EQ(ErrorOf({"--tick-ms", "9"}), "gateway-app: --tick-ms: must be 0 or a number from 10 to 1000, not \"9\"");
+    EXPECT_EQ(ErrorOf({"--tick-ms", "1001"}),
+              "gateway-app: --tick-ms: must be 0 or a number from 10 to 1000, not \"1001\"");
     EXPECT_EQ(ErrorOf({"--cloud-alpn", std::string(256, 'a')}).rfind("gateway-app: --cloud-alpn: must be shorter", 0),
               0U);
 }
