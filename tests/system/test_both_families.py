@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import pytest
 
+from orv_testbed.passages import Passage
 from orv_testbed.scene import Scene
 
 BOTH_ON_ETHERNET = pytest.mark.parametrize("box", ["eth=46,cell=4"], indirect=True)
@@ -11,9 +12,14 @@ HTTPS, MQTTS = 443, 8883
 ROUTER_GONE = 45  # seconds, of one that falls silent: its lifetime, and until the kernel looks
 
 
+def latest_cloud_connection(scene: Scene) -> Passage:
+    """As it left the gateway. Of two that were begun at once, one of each family, the application tells which it has kept."""
+    source = scene.application.transcript("cloud_connected")[-1]["source"]
+    return [one for one in scene.passages() if (one.port, one.source) == (MQTTS, source)][-1]
+
+
 def family_in_use(scene: Scene) -> str:
-    """Of the latest connection to the cloud, as it left the gateway."""
-    return [one for one in scene.passages() if one.port == MQTTS][-1].family
+    return latest_cloud_connection(scene).family
 
 
 def connect_anew(scene: Scene) -> None:
@@ -56,6 +62,16 @@ def test_a_family_that_breaks_on_ethernet_costs_no_switch(scene: Scene, fault: s
     assert events.count("ETHERNET_IP_GAINED") == 1 and "ETHERNET_IP_LOST" not in events
 
 
+@BOTH_ON_ETHERNET
+def test_over_a_slow_ethernet_the_second_family_is_begun_and_the_first_kept(scene: Scene) -> None:
+    scene.settles("eth0", 5)
+    scene.box("delay", "eth", "200")
+    before = len(scene.passages())
+    connect_anew(scene)
+    assert [one.family for one in scene.passages()[before:] if one.port == MQTTS][-2:] == ["6", "4"]
+    assert family_in_use(scene) == "6"
+
+
 # Between IPv4 alone and IPv6 alone ConnMan moves services only as the box has set it. An IPv4 cloud is behind NAT64.
 @pytest.mark.parametrize(
     "box",
@@ -80,7 +96,7 @@ def test_the_cloud_is_reached_over_the_interface_that_has_the_route(scene: Scene
     scene.box("provider", "eth", "back")
     scene.application.wait_for("cell to eth delay done", 30, moved)
     scene.settles("eth0", 10)
-    assert [one for one in scene.passages() if one.port == MQTTS][-1].side == "eth"
+    assert latest_cloud_connection(scene).side == "eth"
 
 
 def begun_over_cellular(scene: Scene, port: int) -> str:
@@ -115,7 +131,7 @@ def test_a_family_that_is_broken_on_cellular_does_not_hold_up_the_other(scene: S
 
 def source_of_the_cloud_connection(scene: Scene) -> str:
     """The first 64 bits of the gateway's address on the latest connection to the cloud."""
-    return ":".join([one for one in scene.passages() if one.port == MQTTS][-1].source.split(":")[:4])
+    return ":".join(latest_cloud_connection(scene).source.split(":")[:4])
 
 
 @pytest.mark.parametrize("box", ["eth=6,cell=6"], indirect=True)
