@@ -51,12 +51,17 @@ void FilesAreTroubledForThis() {
         Witness::Current()->Innermost()->filesTroubled = true;
 }
 
+void FilesAreTroubled() {
+    if (Witness::Current() != nullptr)
+        Witness::Current()->FilesAreTroubled();
+}
+
 // Closed: another process would read this now.
 void OpenedFile::NoteWhatCanBeRead() const {
     if (current == nullptr || Simulation::Current() == nullptr || node->isVictim || node->isOthers)
         return;
     const auto found = current->named.find(path);
-    if (found == current->named.end() || found->second != node)
+    if (found == current->named.end() || found->second != node || node->names == 0)
         FilesAreTroubledForThis();
     else if (Witness::Current() != nullptr)
         Witness::Current()->Note("wrote " + path + "=" + node->content);
@@ -101,17 +106,26 @@ int SimulatedFiles::Refuse(int error) const {
 }
 
 void SimulatedFiles::Place(const std::string& path, std::shared_ptr<FileNode> node) {
+    Finish();
     const auto before = named.find(path);
     if (before != named.end())
         --before->second->names;
-    named.erase(path);
-    if (node)
-        named.emplace(path, std::move(node));
+    // The kernel counts first, and forgets the name a moment later.
+    removal = Removal{path, std::move(node)};
+}
+
+void SimulatedFiles::Finish() {
+    if (!removal)
+        return;
+    FilesAreTroubled();
+    named.erase(removal->path);
+    if (removal->next)
+        named.emplace(removal->path, std::move(removal->next));
+    removal.reset();
 }
 
 void SimulatedFiles::Meddle() {
-    if (Witness::Current() != nullptr)
-        Witness::Current()->FilesAreTroubled();
+    FilesAreTroubled();
     const std::string path = random.OneIn(2) ? STATUS : ERROR;
     auto node = std::make_shared<FileNode>();
     switch (random.Below(9)) {
@@ -146,12 +160,16 @@ void SimulatedFiles::Meddle() {
     }
     Simulation::Current()->Trace("    somebody puts something into the place of " + path);
     Place(path, std::move(node));
+    if (random.OneIn(2))
+        Finish();
 }
 
 void SimulatedFiles::BeforeCall(const char* call) {
     Simulation::Current()->Step(call);
     if (Neighbour::IsAtWork(*Simulation::Current()))
         Witness::Current()->FilesAreTroubled();
+    if (random.OneIn(2))
+        Finish();
     if (isRestless && random.OneIn(12))
         Meddle();
 }
@@ -160,6 +178,7 @@ void SimulatedFiles::Heal() {
     mood = Mood::WELL;
     isRestless = false;
     mayRemoveOthers = true;
+    Finish();
     for (const char* path : {STATUS, ERROR}) {
         const auto found = named.find(path);
         if (found != named.end() && (found->second->kind == FileNode::Kind::FOLDER || found->second->isLeased))
@@ -174,6 +193,8 @@ int SimulatedFiles::Open(const char* path, int flags) {
         return Refuse(EMFILE);
     if (mood == Mood::MISSING)
         return Refuse(ENOENT);
+    if ((flags & O_EXCL) != 0) // waits for the folder; what opens a file that is there need not
+        Finish();
     auto found = named.find(path);
     if (mood == Mood::READ_ONLY)
         return Refuse(EROFS);
@@ -227,6 +248,7 @@ int SimulatedFiles::LookAt(const char* path, void* info) const {
 }
 
 int SimulatedFiles::Remove(const char* path) {
+    Finish();
     const auto found = named.find(path);
     if (mood == Mood::MISSING || found == named.end())
         return Refuse(ENOENT);
@@ -236,7 +258,8 @@ int SimulatedFiles::Remove(const char* path) {
         return Refuse(EISDIR);
     if (found->second->isOthers && !mayRemoveOthers)
         return Refuse(EPERM);
-    Place(path, nullptr);
+    --found->second->names;
+    named.erase(found);
     return 0;
 }
 

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace OrvLab {
@@ -62,10 +63,18 @@ public:
     std::map<std::string, std::shared_ptr<FileNode>> named;
 
 private:
+    /// A name whose removal is under way: it does not count any more, and still leads to the file. The folder is held.
+    struct Removal {
+        std::string path;
+        std::shared_ptr<FileNode> next; // what somebody puts there then
+    };
+
     void Place(const std::string& path, std::shared_ptr<FileNode> node);
+    void Finish();
     int Refuse(int error) const;
 
     std::map<std::string, std::shared_ptr<FileNode>> victims;
+    std::optional<Removal> removal;
 };
 
 } // namespace OrvLab

@@ -30,13 +30,20 @@ bool HasLostItsName(int opened) {
     return length > 0 && name[length - 1] == ')'; // "... (deleted)"
 }
 
+/// Whether nothing has the name any more. Waits until no name is being removed in the folder: the kernel counts a
+/// file's names down a moment before it forgets the name, and until then HasLostItsName would not see it.
+bool IsFree(const char* path) {
+    const int made = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
+    return made != -1 && close(made) == 0;
+}
+
 int OpenOurs(const char* path) {
     for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
         // Without O_NONBLOCK, open would wait for the other end of a FIFO or for the holder of a lease.
         const int opened = open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
         struct stat file;
         const bool known = (opened != -1 ? fstat(opened, &file) : lstat(path, &file)) == 0;
-        if (known && IsOurs(file) && (opened == -1 || !HasLostItsName(opened)))
+        if (known && IsOurs(file) && (opened == -1 || (!IsFree(path) && !HasLostItsName(opened))))
             return opened; // -1 when it is ours and cannot be opened for another reason
         if (opened != -1)
             close(opened);
