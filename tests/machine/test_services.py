@@ -2,10 +2,12 @@
 """Services that are killed or frozen, and what systemd makes of it; a gateway that runs out of disk or memory."""
 from __future__ import annotations
 
+import re
 from collections.abc import Iterator
 
 import pytest
 
+from orv_testbed.machine import agent
 from orv_testbed.machine.gateway import SERVICES, Gateway
 from orv_testbed.status_files import STATUSES
 from orv_testbed.topics import GREEN, INHIBIT_DNS
@@ -30,6 +32,15 @@ def test_a_boot_ends_connected_with_every_service_up(gateway: Gateway) -> None:
     gateway.wait(gateway.says_up, 10, "the status file")
     assert gateway.sh(f"stat -c %U {STATUSES}") == "orv"
     assert "Operation not permitted" not in gateway.journal("gateway-app")
+
+
+def test_no_interrupt_of_a_card_is_lost_to_one_that_shares_its_line(gateway: Gateway) -> None:
+    lines = [int(line.split(":")[0]) for line in gateway.sh("grep virtio /proc/interrupts").splitlines()]
+    controllers = agent.monitor(gateway.machine, "human-monitor-command", **{"command-line": "info pic"})
+    known_by_level = sum(
+        int(half, 16) << 8 * int(of) for of, half in re.findall(r"pic([01]): .* elcr=(\w+)", controllers)
+    )
+    assert lines and all(known_by_level >> line & 1 for line in lines)
 
 
 def test_a_killed_broker_comes_back_with_the_right_topics(gateway: Gateway) -> None:

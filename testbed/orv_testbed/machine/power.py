@@ -2,9 +2,10 @@
 """python3 -m orv_testbed.machine.power FOLDER ETHERNET-NAMESPACE CELLULAR-NAMESPACE [CLOCK]
 
 Becomes the machine: qemu, with a network card at each provider. FOLDER holds kernel, initrd.gz and disk.img, and gets the
-serial console's log and the sockets of guest agent and monitor. To end this process is to cut the machine's power. CLOCK
-is the time of its real-time clock at the start, such as 2000-01-01; without it, now. ORV_MACHINE_SHIFT=N: by its own clock the
-machine executes an instruction in 2^N ns, however fast the host is; without it, as fast as the host can.
+serial console's log and the sockets of guest agent and monitor. The processor starts at the monitor's word "cont". To end
+this process is to cut the machine's power. CLOCK is the time of its real-time clock at the start, such as 2000-01-01; without
+it, now. ORV_MACHINE_SHIFT=N: by its own clock the machine executes an instruction in 2^N ns, however fast the host is; without
+it, as fast as the host can.
 """
 import contextlib
 import ctypes
@@ -45,6 +46,7 @@ def command(folder: pathlib.Path, taps: list[int], clock: str) -> list[str]:
         "-vga",
         "none",
         "-no-reboot",
+        "-S",
     ]
     words += ["-kernel", str(folder / "kernel"), "-initrd", str(folder / "initrd.gz")]
     words += ["-append", "console=ttyS0 net.ifnames=0 systemd.show_status=1"]
