@@ -58,9 +58,11 @@ void Report(const LoadedConfig& loaded, LogChannel& log) {
 
 ProcessWide process;
 
-// At load time, so that no thread can be making anything already.
-[[maybe_unused]] const int FORK_HANDLERS =
+// At load time, so that no thread can be making anything already, and before the other rooms' handlers: who holds a
+// lock of theirs may log. Before a fork the handlers run in the opposite order.
+__attribute__((constructor(101))) void SetForkHandlers() {
     pthread_atfork([] { process.BeforeFork(); }, [] { process.AfterFork(); }, [] { process.AfterFork(); });
+}
 
 } // namespace
 

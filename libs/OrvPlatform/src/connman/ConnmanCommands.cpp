@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "CommonUtils/Networking/ConnmanCommands.h"
 
+#include "base/OncePerProcess.h"
 #include "config/GatewayConfig.h"
 #include "connman/ConnmanClient.h"
 
@@ -32,28 +33,51 @@ public:
 
 namespace {
 
-OrvPlatform::ConnmanClient* forkedClient = nullptr;
+OrvPlatform::OncePerProcess<ConnmanCommands> commandsOfTheProcess;
+OrvPlatform::ConnmanClient* clientOfTheProcess = nullptr; // under its lock
 
 struct StopAtExit {
     OrvPlatform::ConnmanClient& client;
     ~StopAtExit() { client.Stop(); }
 };
 
+void BeforeFork() {
+    commandsOfTheProcess.BeforeFork();
+    if (clientOfTheProcess != nullptr)
+        clientOfTheProcess->BeforeFork();
+}
+
+void AfterForkInParent() {
+    if (clientOfTheProcess != nullptr)
+        clientOfTheProcess->AfterForkInParent();
+    commandsOfTheProcess.AfterFork();
+}
+
+void AfterForkInChild() {
+    if (clientOfTheProcess != nullptr)
+        clientOfTheProcess->AfterForkInChild();
+    commandsOfTheProcess.AfterFork();
+}
+
+// At load time, so that no thread can be making anything already; after those of settings and log, which are then
+// locked after this lock, as they are by who makes the commands.
+[[maybe_unused]] const int FORK_HANDLERS = pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
+
 } // namespace
 
 ConnmanCommands::ConnmanCommands() : worker(std::make_unique<Worker>()) {
-    forkedClient = &worker->client;
-    pthread_atfork([] { forkedClient->BeforeFork(); }, [] { forkedClient->AfterForkInParent(); },
-                   [] { forkedClient->AfterForkInChild(); });
+    clientOfTheProcess = &worker->client;
 }
 
 ConnmanCommands::~ConnmanCommands() = default;
 
 ConnmanCommands& ConnmanCommands::GetInstance() {
     // Never destroyed: other objects with static storage may still ask it while the process ends. Only its thread goes.
-    static ConnmanCommands* instance = new ConnmanCommands;
-    static StopAtExit stop{instance->worker->client};
-    return *instance;
+    return commandsOfTheProcess.Get([] {
+        auto* made = new ConnmanCommands;
+        static const StopAtExit stop{made->worker->client};
+        return made;
+    });
 }
 
 std::string ConnmanCommands::GetTopPriorityInterface() {
