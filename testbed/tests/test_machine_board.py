@@ -27,6 +27,16 @@ class Clock:
         self.now += max(seconds, 1)
 
 
+def played_machine(folder: pathlib.Path, families: Families) -> board.Board:
+    (folder / "console").touch()
+    layout = SimpleNamespace(machine=folder, command="box")
+    return board.Board(
+        layout,  # type: ignore[arg-type]
+        SimpleNamespace(alive=lambda _: True),  # type: ignore[arg-type]
+        SimpleNamespace(families=families),  # type: ignore[arg-type]
+    )
+
+
 @pytest.mark.parametrize("answers_after, connects_after", [(1e9, 1e9), (1700, 1e9), (1000, 1700)])
 def test_a_machine_that_does_not_come_up_is_given_up_before_the_word_is(
     tmp_path: pathlib.Path, monkeypatch: pytest.MonkeyPatch, answers_after: float, connects_after: float
@@ -40,13 +50,29 @@ def test_a_machine_that_does_not_come_up_is_given_up_before_the_word_is(
         return agent.Outcome(0 if clock.now >= after else 1, "", "")
 
     monkeypatch.setattr(agent, "run", played)
-    (tmp_path / "console").touch()
-    layout = SimpleNamespace(machine=tmp_path, command="box")
-    machine = board.Board(
-        layout,  # type: ignore[arg-type]
-        SimpleNamespace(alive=lambda _: True),  # type: ignore[arg-type]
-        SimpleNamespace(families=Families(eth="46")),  # type: ignore[arg-type]
-    )
+    machine = played_machine(tmp_path, Families(eth="46"))
     with pytest.raises(BoxError):
         machine.wait()
     assert clock.now < Gateway.longest_command
+
+
+@pytest.mark.parametrize("is_missed", [False, True])
+def test_an_ipv6_address_that_the_connection_manager_has_missed_is_taken_away_for_the_next_and_no_other(
+    tmp_path: pathlib.Path, monkeypatch: pytest.MonkeyPatch, is_missed: bool
+) -> None:
+    clock = Clock()
+    monkeypatch.setattr(time, "monotonic", clock.read)
+    monkeypatch.setattr(time, "sleep", clock.go)
+    flushes = 0
+
+    def played(_: object, *command: str, **__: object) -> agent.Outcome:
+        nonlocal flushes
+        if command[:4] == ("ip", "-6", "addr", "flush"):
+            flushes += 1
+        servers = "10.22.0.53" if is_missed and flushes < 2 else "10.22.0.53,2001:db8:22::53"
+        told = f"wwan0 ready cellular 10.12.0.50 {servers} - /path" if command == board.SERVICES else "an address"
+        return agent.Outcome(0, told, "")
+
+    monkeypatch.setattr(agent, "run", played)
+    played_machine(tmp_path, Families(cell="46")).wait()
+    assert flushes == (2 if is_missed else 0)

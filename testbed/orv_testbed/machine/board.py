@@ -30,6 +30,7 @@ STATUS = ("orv-status", "--user", "orv-diagnostics", "--password-file", "/dev/st
 # not here, says so to the controller; without that it looks for edges, and now and then misses the last one for ever.
 LEVEL_TRIGGERED = "o /b 0x4d1 0x0c"  # interrupts 10 and 11, to which the kernel leads all cards
 BOOT = 1800  # seconds that it may take on a busy host until both services are there; less than a box's word may take
+IPV6 = 60  # seconds until an interface with addresses of both families has them all, but for an accident
 DIAGNOSTICS_PASSWORD = "for-diagnostics"
 SET_BEARER = ("dbus-send", "--system", "--print-reply=literal", "--dest=org.ofono", "/modem", "box.Control.Bearer")
 # Those that a machine carries out in its own way; what it cannot, it says.
@@ -124,9 +125,15 @@ class Board:
         # As on the box, the cellular service is connected once; from then on ConnMan does it by itself.
         if not comes_by(deadline, lambda: self._does(*CONNECT_CELLULAR)):
             raise BoxError("the machine's ConnMan does not connect its cellular service")
-        with_ipv6 = [side for side in SIDES.values() if "6" in self._networks.families.at(side)]
-        if not comes_by(deadline, lambda: all(map(self._has_ipv6, with_ipv6)), pause=1):
-            raise BoxError(f"the machine gets no IPv6, see {self._layout.command} services")
+        while not comes_within(IPV6, self._has_all_ipv6, pause=1):
+            if time.monotonic() >= deadline:
+                raise BoxError(f"the machine gets no IPv6, see {self._layout.command} services")
+            # ConnMan takes no notice of an address that came too soon; the next one it sees.
+            self._does("ip", "-6", "addr", "flush", "dev", CELLULAR.interface, "scope", "global")
+
+    def _has_all_ipv6(self) -> bool:
+        with_ipv6 = (side for side in SIDES.values() if "6" in self._networks.families.at(side))
+        return all(map(self._has_ipv6, with_ipv6))
 
     def _has_ipv6(self, side: Side) -> bool:
         """An address that may be used, and a name server that ConnMan has heard of."""
