@@ -59,8 +59,8 @@ void AfterForkInChild() {
     commandsOfTheProcess.AfterFork();
 }
 
-// At load time, so that no thread can be making anything already; after those of settings and log, which are then
-// locked after this lock, as they are by who makes the commands.
+// At load time, so that no thread can be making anything already. Settings and log have theirs before, so a fork takes
+// this lock first and their locks second, as a thread does that makes the commands.
 [[maybe_unused]] const int FORK_HANDLERS = pthread_atfork(BeforeFork, AfterForkInParent, AfterForkInChild);
 
 } // namespace
