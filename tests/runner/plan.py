@@ -78,6 +78,7 @@ ALL: Plan = (
             Step("cross-test", after=(BUILD_MIPSEL,)),
             Step("preset-test tsan", after=(BUILD_TSAN,)),
             Step("preset-test coverage", after=(BUILD_COVERAGE,)),
+            Step("torture 45"),
         ),
     ),
     Lane(
@@ -91,7 +92,6 @@ ALL: Plan = (
             Step("fuzz 10"),
             Step("explore 46"),
             Step("explore --race 14"),
-            Step("torture 45"),
         ),
         gives_way=True,
     ),
