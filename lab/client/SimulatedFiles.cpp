@@ -106,7 +106,7 @@ int SimulatedFiles::Refuse(int error) const {
 }
 
 void SimulatedFiles::Place(const std::string& path, std::shared_ptr<FileNode> node) {
-    Finish();
+    FinishRemoval();
     const auto before = named.find(path);
     if (before != named.end())
         --before->second->names;
@@ -114,7 +114,7 @@ void SimulatedFiles::Place(const std::string& path, std::shared_ptr<FileNode> no
     removal = Removal{path, std::move(node)};
 }
 
-void SimulatedFiles::Finish() {
+void SimulatedFiles::FinishRemoval() {
     if (!removal)
         return;
     FilesAreTroubled();
@@ -161,7 +161,7 @@ void SimulatedFiles::Meddle() {
     Simulation::Current()->Trace("    somebody puts something into the place of " + path);
     Place(path, std::move(node));
     if (random.OneIn(2))
-        Finish();
+        FinishRemoval();
 }
 
 void SimulatedFiles::BeforeCall(const char* call) {
@@ -169,7 +169,7 @@ void SimulatedFiles::BeforeCall(const char* call) {
     if (Neighbour::IsAtWork(*Simulation::Current()))
         Witness::Current()->FilesAreTroubled();
     if (random.OneIn(2))
-        Finish();
+        FinishRemoval();
     if (isRestless && random.OneIn(12))
         Meddle();
 }
@@ -178,7 +178,7 @@ void SimulatedFiles::Heal() {
     mood = Mood::WELL;
     isRestless = false;
     mayRemoveOthers = true;
-    Finish();
+    FinishRemoval();
     for (const char* path : {STATUS, ERROR}) {
         const auto found = named.find(path);
         if (found != named.end() && (found->second->kind == FileNode::Kind::FOLDER || found->second->isLeased))
@@ -194,7 +194,7 @@ int SimulatedFiles::Open(const char* path, int flags) {
     if (mood == Mood::MISSING)
         return Refuse(ENOENT);
     if ((flags & O_EXCL) != 0) // waits for the folder; what opens a file that is there need not
-        Finish();
+        FinishRemoval();
     auto found = named.find(path);
     if (mood == Mood::READ_ONLY)
         return Refuse(EROFS);
@@ -248,7 +248,7 @@ int SimulatedFiles::LookAt(const char* path, void* info) const {
 }
 
 int SimulatedFiles::Remove(const char* path) {
-    Finish();
+    FinishRemoval();
     const auto found = named.find(path);
     if (mood == Mood::MISSING || found == named.end())
         return Refuse(ENOENT);

@@ -70,10 +70,9 @@ private:
     };
 
     void Place(const std::string& path, std::shared_ptr<FileNode> node);
-    void Finish();
+    void FinishRemoval();
     int Refuse(int error) const;
 
-    std::map<std::string, std::shared_ptr<FileNode>> victims;
     std::optional<Removal> removal;
 };
 
