@@ -57,7 +57,7 @@ def test_a_machine_that_does_not_come_up_is_given_up_before_the_word_is(
 
 
 @pytest.mark.parametrize("is_missed", [False, True])
-def test_an_ipv6_address_that_the_connection_manager_has_missed_is_taken_away_for_the_next_and_no_other(
+def test_an_ipv6_address_is_taken_away_only_when_the_connection_manager_has_missed_it(
     tmp_path: pathlib.Path, monkeypatch: pytest.MonkeyPatch, is_missed: bool
 ) -> None:
     clock = Clock()

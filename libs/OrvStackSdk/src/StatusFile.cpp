@@ -30,8 +30,9 @@ bool HasLostItsName(int opened) {
     return length > 0 && name[length - 1] == ')'; // "... (deleted)"
 }
 
-/// Whether nothing has the name any more. Waits until no name is being removed in the folder: the kernel counts a
-/// file's names down a moment before it forgets the name, and until then HasLostItsName would not see it.
+/// Whether nothing had the name any more; then an empty file has it now, which the next attempt removes. Waits until no
+/// name is being removed in the folder: the kernel counts a file's names down a moment before it forgets the name, and
+/// until then HasLostItsName would not see it.
 bool IsFree(const char* path) {
     const int made = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666);
     return made != -1 && close(made) == 0;

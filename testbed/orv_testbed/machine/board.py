@@ -30,7 +30,7 @@ STATUS = ("orv-status", "--user", "orv-diagnostics", "--password-file", "/dev/st
 # not here, says so to the controller; without that it looks for edges, and now and then misses the last one for ever.
 LEVEL_TRIGGERED = "o /b 0x4d1 0x0c"  # interrupts 10 and 11, to which the kernel leads all cards
 BOOT = 1800  # seconds that it may take on a busy host until both services are there; less than a box's word may take
-IPV6 = 60  # seconds until an interface with addresses of both families has them all, but for an accident
+IPV6 = 60  # seconds after which ConnMan is taken to have missed an IPv6 address
 DIAGNOSTICS_PASSWORD = "for-diagnostics"
 SET_BEARER = ("dbus-send", "--system", "--print-reply=literal", "--dest=org.ofono", "/modem", "box.Control.Bearer")
 # Those that a machine carries out in its own way; what it cannot, it says.

@@ -17,7 +17,7 @@ using CommonUtils::Networking::ConnmanCommands;
 
 TEST(AForkedChild, IsAnsweredThoughAnotherThreadWasMakingTheCommandsOfTheProcess) {
 #ifdef ORV_NO_THREADS_AFTER_FORK
-    GTEST_SKIP() << "here a thread that is gone in the child keeps the sanitizer's own locks";
+    GTEST_SKIP() << "here a forked child may not start threads";
 #endif
     const TemporaryFolder folder;
     std::string settings = "[connman]\nbus_address = unix:path=/nowhere\n";
