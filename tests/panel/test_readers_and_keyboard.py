@@ -63,15 +63,19 @@ return [...document.querySelectorAll("body *")]
     : [getComputedStyle(one).color, behind(one), one.textContent.slice(0, 60)]);
 """
 
+DRAWN_TO_ITS_WIDTH = """
+const width = (name) => document.querySelector(`${name} svg`).viewBox.baseVal.width;
+return innerWidth === arguments[0] && width("#timeline") === document.getElementById("timeline").clientWidth
+  && (width("#drawing") < 500) === (innerWidth <= 760);
+"""
+
 
 @pytest.mark.parametrize("width", [360, 768, 1440, 2200])
 @pytest.mark.parametrize("scheme", ["light", "dark"])
 def test_it_can_be_read_in_both_schemes_at_each_width(page: Page, browser: Browser, scheme: str, width: int) -> None:
     browser.prefer(scheme)
     browser.size(width, 900)
-    page.wait(
-        lambda: browser.run("return document.querySelector('#timeline svg')?.clientWidth <= innerWidth"), "a timeline"
-    )
+    page.wait(lambda: browser.run(DRAWN_TO_ITS_WIDTH, width), "the timeline and the drawing for this width")
     assert browser.run("return document.documentElement.scrollWidth") <= width
     dark = sum(map(int, page.style("html", "background-color")[4:-1].split(", "))) < 3 * 128
     assert dark == (scheme == "dark")
@@ -81,6 +85,19 @@ def test_it_can_be_read_in_both_schemes_at_each_width(page: Page, browser: Brows
     cut = "return [...document.querySelectorAll('button')].filter((one) => one.scrollWidth > one.clientWidth).length"
     assert browser.run(cut) == 0
     page.keep_picture(f"{scheme}-{width}", whole=True)
+
+
+def test_a_timeline_that_stands_still_takes_on_the_colours_of_the_other_scheme(page: Page, browser: Browser) -> None:
+    page.browser.run("document.getElementById('pause').click()")
+    colours = """
+        window.times ??= [...document.querySelectorAll("#timeline svg > text")];
+        return window.times.map((one) => getComputedStyle(one).fill);
+    """
+    light = set(browser.run(colours))
+    browser.prefer("dark")
+    dark = set(browser.run(colours))
+    assert len(light) == len(dark) == 1 and light != dark
+    assert dark == {page.style(".note", "color")}
 
 
 def test_nothing_moves_for_those_who_do_not_want_it_and_the_text_says_what_blinks(page: Page, browser: Browser) -> None:

@@ -5,8 +5,10 @@ import { html, svg } from "./svg.js";
 
 export const LANES = ["route state", "green LED", "yellow LED", "DNS topic", "default route", "cloud connection"];
 const SPANS = [15, 30, 60, 120, 300, 900, 3600];
-const LIGHT = { paper: "#ffffff", grid: "#e3e7eb", text: "#1c2630", soft: "#55626f", mark: "#1c2630", on: "#10202b" };
-const DARK = { paper: "#1a2128", grid: "#323d47", text: "#e6ebf0", soft: "#a5b1bd", mark: "#e6ebf0", on: "#10202b" };
+const ON = "#10202b"; // what is written on a bar
+// By name, so that the picture changes with the page's colours, and not when it is next drawn.
+const PAGE = { paper: "var(--card)", grid: "var(--edge)", text: "var(--text)", soft: "var(--soft)", font: "var(--sans)" };
+const SAVED = { paper: "#ffffff", grid: "#e3e7eb", text: "#1c2630", soft: "#55626f", font: "DejaVu Sans, sans-serif" };
 // Those that follow each other, or mean the opposite, differ for the colour-blind, too.
 export const COLOURS = {
   ETHERNET_ACTIVE: "#61b68f", ETHERNET_LOST_DELAY: "#edbd54", POKING_CELLULAR: "#dd6225", SWITCHING_TO_CELLULAR: "#cc7452",
@@ -68,11 +70,9 @@ export class Timeline {
     this.events = [];
     this.zoom = 2;
     this.pausedAt = null;
-    this.dark = matchMedia("(prefers-color-scheme: dark)");
     this.buttons();
     const redraw = () => this.draw();
     new ResizeObserver(redraw).observe(parent);
-    this.dark.addEventListener("change", redraw);
     document.addEventListener("visibilitychange", redraw);
     setInterval(() => { if (this.pausedAt === null && !document.hidden) this.draw(); }, 250);
     this.draw();
@@ -127,10 +127,10 @@ export class Timeline {
     const label = document.getElementById("span");
     if (label.textContent !== words) label.textContent = words;
     const width = Math.max(this.parent.clientWidth, 260);
-    this.parent.replaceChildren(this.picture(width, this.dark.matches ? DARK : LIGHT, "var(--sans)"));
+    this.parent.replaceChildren(this.picture(width, PAGE));
   }
 
-  picture(width, ink, font) {
+  picture(width, ink) {
     const now = this.now();
     const end = this.pausedAt === null ? now : this.pausedAt;
     const narrow = width < NARROW;
@@ -141,7 +141,7 @@ export class Timeline {
     const bottom = top + pitch * LANES.length;
     const height = bottom + 24;
     const root = svg("svg", { width, height, viewBox: `0 0 ${width} ${height}`, role: "img",
-      "aria-label": this.inWords(end), "font-family": font, "font-size": 12 });
+      "aria-label": this.inWords(end), "font-family": ink.font, "font-size": 12 });
     root.append(svg("rect", { width, height, fill: ink.paper }));
     if (end === null) return root;
     const begin = end - this.span;
@@ -171,7 +171,7 @@ export class Timeline {
       for (const [from, to, value] of shown) {
         drawn.append(this.bar(lane, value, from, to, y + offset, ink));
         const fits = to - from > 6.9 * value.length + 10;
-        const [fill, paper] = EMPTY.includes(value) ? [ink.soft, ink.paper] : [ink.on, colour(lane, value)];
+        const [fill, paper] = EMPTY.includes(value) ? [ink.soft, ink.paper] : [ON, colour(lane, value)];
         if (fits) labels.append(write([from + 6, y + offset + 17], fill, value, { "font-size": 11, ...halo(paper) }));
       }
     });
@@ -191,11 +191,11 @@ export class Timeline {
       const row = taken.findIndex((used) => used <= from);
       const title = svg("title");
       title.textContent = event.mark;
-      lines.append(svg("line", { x1: at, y1: row === 1 ? 34 : 18, x2: at, y2: bottom, stroke: ink.mark,
+      lines.append(svg("line", { x1: at, y1: row === 1 ? 34 : 18, x2: at, y2: bottom, stroke: ink.text,
         "stroke-dasharray": "3 3" }, title));
       if (row < 0) continue; // the line alone, where there is no room
       taken[row] = from + room;
-      labels.append(write([from === at ? at + 5 : at - 5, 14 + 16 * row], ink.mark, event.mark,
+      labels.append(write([from === at ? at + 5 : at - 5, 14 + 16 * row], ink.text, event.mark,
         { "text-anchor": from === at ? "start" : "end", ...halo(ink.paper) }));
     }
   }
@@ -224,7 +224,7 @@ export class Timeline {
   }
 
   save() {
-    const picture = this.picture(1280, LIGHT, "DejaVu Sans, sans-serif");
+    const picture = this.picture(1280, SAVED);
     const file = new Blob([new XMLSerializer().serializeToString(picture)], { type: "image/svg+xml" });
     const url = URL.createObjectURL(file);
     const link = html("a", { href: url, download: "timeline.svg" });
