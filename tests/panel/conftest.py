@@ -120,6 +120,7 @@ def page(panel: Panel, browser: Browser) -> Iterator[Page]:
     """The page, on a gateway that reaches the cloud over Ethernet; in the end each fault is taken back."""
     with opened(browser, panel) as made:
         made.wait_for_cloud("Ethernet")
+        made.wait(lambda: made.led("green") == "on" and made.bars("green LED")[-1:] == ["On"], "the green LED")
         browser.complaints()
         yield made
         made.undo_all()

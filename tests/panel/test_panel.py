@@ -241,7 +241,8 @@ def test_a_timeline_that_is_paused_stands_still_and_is_saved_as_it_is(page: Page
     assert page.browser.run(picture) != still
     page.browser.run("document.getElementById('save').click()")
     file = downloads / "timeline.svg"
-    wait_until(file.exists, SLACK, "the file")
+    # The browser makes an empty file of this name first.
+    wait_until(lambda: file.exists() and file.stat().st_size, SLACK, "the file")
     saved = xml.parse(file).getroot()
     texts = [text.text for text in saved.iter(f"{SVG}text")]
     assert saved.tag == f"{SVG}svg" and {"route state", "green LED", "cloud connection"} <= set(texts)
