@@ -8,6 +8,7 @@ import sys
 from collections.abc import Sequence
 from typing import NoReturn, TextIO
 
+from orv_testbed import broken_pipe
 from orv_testbed.box_processes import BoxProcesses
 from orv_testbed.gateway import Gateway
 from orv_testbed.layout import BoxError, Layout, Usage
@@ -51,4 +52,5 @@ def carry_out(layout: Layout, output: TextIO, complaints: TextIO, words: Sequenc
 def main(usage: str, arguments: Sequence[str]) -> int:
     for number in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, interrupted)
-    return carry_out(Layout(arguments[0], os.environ), sys.stdout, sys.stderr, arguments[1:], usage)
+    layout = Layout(arguments[0], os.environ)
+    return broken_pipe.status_of(lambda: carry_out(layout, sys.stdout, sys.stderr, arguments[1:], usage))

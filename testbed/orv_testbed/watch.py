@@ -9,6 +9,7 @@ import sys
 import time
 from collections.abc import Callable, Sequence
 
+from orv_testbed import broken_pipe
 from orv_testbed.fault_record import FaultRecord
 from orv_testbed.layout import BoxError
 
@@ -43,7 +44,7 @@ class Screen:
             sys.stdout.buffer.write(text[: len(text) - torn])
             sys.stdout.buffer.flush()
         except BrokenPipeError:
-            os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # what is left is written there at the end
+            broken_pipe.discard_output()
             return False
         return True
 

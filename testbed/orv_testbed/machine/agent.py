@@ -6,7 +6,6 @@ import base64
 import contextlib
 import dataclasses
 import json
-import os
 import pathlib
 import random
 import secrets
@@ -16,6 +15,8 @@ import sys
 import time
 from collections.abc import Iterator
 from typing import IO, Any
+
+from orv_testbed import broken_pipe
 
 ENVIRONMENT = ["PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C.UTF-8", "DEBIAN_FRONTEND=noninteractive"]
 INTO_FILES = 'mkdir -m 700 "$1" && exec >"$1/out" 2>"$1/err" && shift && exec "$@"'
@@ -208,5 +209,5 @@ def print_outcome(folder: pathlib.Path, *command: str) -> int:
     except KeyboardInterrupt:
         return 128 + signal.SIGINT
     except BrokenPipeError:
-        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())  # what is left is written there at the end
-        return 128 + signal.SIGPIPE
+        broken_pipe.discard_output()
+        return broken_pipe.STATUS

@@ -9,7 +9,7 @@ import sys
 import tempfile
 from collections.abc import Sequence
 
-from orv_testbed import topics
+from orv_testbed import broken_pipe, topics
 from orv_testbed.programs import program
 from orv_testbed.scenarios import recording
 from orv_testbed.scenarios.journal import Failed, Journal, Published, difference, quoted, simulate
@@ -343,4 +343,4 @@ def main(arguments: Sequence[str]) -> int:
 
 
 if __name__ == "__main__":
-    sys.exit(main(sys.argv[1:]))
+    sys.exit(broken_pipe.status_of(lambda: main(sys.argv[1:])))
