@@ -43,7 +43,7 @@ def change(word: str, *words: str) -> tuple[str, list[str]]:
             return "cellular out", []
         case (("broker" | "connman"), "stop"):
             return f"{word} .*", [said]  # one that is frozen ends, too
-        case ("connman", "crash"):
+        case ("connman", "restart" | "crash"):
             return "connman .*", []  # it is started again at once
         case (("broker" | "connman"), "start"):
             return f"{word} stop", []

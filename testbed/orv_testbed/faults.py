@@ -328,11 +328,15 @@ class Faults:
                 self._processes.end("modem")  # it comes back as after a boot, when ConnMan does
                 self._gateway.start_modem()
                 self._gateway.start_connman()
+        elif state == "restart":
+            self._processes.end("connman")
+            self._gateway.let_modem_switch_off()
+            self._gateway.start_connman()
         elif state == "crash":
             self._processes.end("connman", signal.SIGKILL)
             self._gateway.start_connman()
         else:
-            self._freeze_or_thaw("connman", state, "connman stop|start|crash|freeze|thaw")
+            self._freeze_or_thaw("connman", state, "connman stop|start|restart|crash|freeze|thaw")
 
     def bus(self, state: str = "") -> None:
         self._freeze_or_thaw("bus", state, "bus freeze|thaw")

@@ -240,6 +240,18 @@ class Gateway:
         if not self._processes.alive("connman"):
             raise BoxError(f"ConnMan has ended at once, see {self._layout.log('connman')}")
 
+    def let_modem_switch_off(self) -> None:
+        """Behind the end of ConnMan, which orders it: one that starts before it has come about leaves Cellular off."""
+        ask = (
+            "dbus-send",
+            "--system",
+            "--print-reply=literal",
+            "--dest=org.ofono",
+            "/modem",
+            "org.ofono.Modem.GetProperties",
+        )
+        comes_within(5, lambda: "Powered variant boolean false" in " ".join((self._ask_bus(*ask) or "").split()))
+
     def _ask_bus(self, *command: Word) -> str | None:
         """What a program says that is given the gateway's bus; None when it fails or takes too long."""
         environment = {**python_environment(), "DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={self._layout.bus_socket}"}
@@ -277,10 +289,12 @@ class Gateway:
         return None if printed is None else services.lines(printed)
 
     def _connect_cellular(self) -> bool:
-        """A cellular service connects by itself only after a first connection."""
+        """A cellular service connects by itself only after a first connection, and while its technology is enabled."""
+        paths = [line.split()[-1] for line in (self.services() or "").splitlines() if line.split()[2] == "cellular"]
+        # Also where it is enabled already, as with a modem that was online before: otherwise ConnMan does not store it. A
+        # service shows that the technology is there to be told.
         technology, powered = "/net/connman/technology/cellular", ("string:Powered", "variant:boolean:true")
         self.call("net.connman", technology, "net.connman.Technology.SetProperty", *powered)
-        paths = [line.split()[-1] for line in (self.services() or "").splitlines() if line.split()[2] == "cellular"]
         return bool(paths) and self.call("net.connman", paths[0], "net.connman.Service.Connect")
 
     def _both_connected(self) -> bool:

@@ -176,12 +176,19 @@ class Modem(dbus.service.Object):
         if not state["Online"]:
             self.context.set_active(False)
         offered = (SIM, REGISTRATION, CONNECTIONS) if state["Online"] else (SIM,) if state["Powered"] else ()
+        had_sim = SIM in state["Interfaces"]
         self.emit_change(MODEM, "Interfaces", texts(*offered))
+        if SIM in offered and not had_sim:
+            # The card is read after power-up, and ConnMan, which has switched the power on, waits to be told.
+            for one, content in self.properties[SIM].items():
+                self.emit(SIM, one, content)
 
     def emit_change(self, interface: str, name: str, value: Any) -> None:
-        if self.properties[interface].get(name) == value:
-            return
-        self.properties[interface][name] = value
+        if self.properties[interface].get(name) != value:
+            self.properties[interface][name] = value
+            self.emit(interface, name, value)
+
+    def emit(self, interface: str, name: str, value: Any) -> None:
         signal = dbus.lowlevel.SignalMessage(MODEM_PATH, interface, "PropertyChanged")
         signal.append(name, value, signature="sv")
         self.bus.send_message(signal)

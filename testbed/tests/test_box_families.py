@@ -87,10 +87,11 @@ def test_each_provider_has_the_families_that_it_was_given(eth: str, cell: str, c
         assert box.order() == ["eth0", "wwan0"]
 
 
-def test_a_connection_manager_that_was_killed_finds_a_modem_with_ipv6_alone_again() -> None:
+@pytest.mark.parametrize("how", ["restart", "crash"])
+def test_a_connection_manager_that_begins_again_finds_a_modem_with_ipv6_alone_again(how: str) -> None:
     with made("cell=6") as box:
         wait_until(lambda: box.order() == ["eth0", "wwan0"], SLACK, "both services")
-        box("connman", "crash")
+        box("connman", how)
         wait_until(lambda: sorted(box.order()) == ["eth0", "wwan0"], 15 + SLACK, "both services again")
 
 

@@ -59,6 +59,8 @@ def test_no_kind_of_fault_is_left_out() -> None:
         (("connman freeze", "broker thaw"), ["connman freeze"]),
         (("cellular out", "connman start"), ["cellular out"]),
         (("cellular out", "connman stop", "connman start"), []),
+        (("connman restart",), []),
+        (("connman freeze", "connman restart"), []),
         (("connman crash",), []),
         (("connman freeze", "connman crash"), []),
         (("clock 60",), ["clock +60"]),

@@ -71,6 +71,15 @@ def test_a_crashed_connection_manager_leaves_the_way_over_cellular_open(scene: S
     scene.settles("wwan0", 30)
 
 
+def test_a_connection_manager_that_is_restarted_in_good_order_switches_the_modem_on_again(scene: Scene) -> None:
+    scene.expected_complaints = (*CONNMAN_CRASHED, "poke error 6", "poke error 7")
+    scene.box("connman", "restart")
+    scene.settles("eth0", 40)
+    wait_until(lambda: scene.box.order() == ["eth0", "wwan0"], 20 + SLACK, "both services")
+    scene.box("provider", "eth", "dead")
+    scene.settles("wwan0", 30)
+
+
 def test_a_connection_manager_that_crashes_without_ethernet_leaves_no_default_route_behind(scene: Scene) -> None:
     scene.expected_complaints = (*CONNMAN_CRASHED, "poke error 6", "poke error 7")
     scene.box("cable", "out")

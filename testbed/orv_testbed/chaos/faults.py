@@ -78,6 +78,7 @@ FAULTS = (
     _fault("broker freeze", "broker thaw", "broker", BROKER),
     _fault("connman stop", "connman start", MANAGED, (*PATH, *MANAGER)),
     _fault("connman freeze", "connman thaw", MANAGED, (*PATH, *MANAGER)),
+    _fault("connman restart", "connman start", MANAGED, (*PATH, *MANAGER)),
     _fault("connman crash", "connman start", MANAGED, (*PATH, *MANAGER)),
     _fault("bus freeze", "bus thaw", MANAGED, (*PATH, *MANAGER, *NO_NEWS)),
     _fault("var-tmp full", "var-tmp ok", "var-tmp", FILES),
