@@ -25,12 +25,12 @@ FAIL_OVER = (
     ("detection", "eth cloud lost, start delay"),
     ("delay", "Started Poke to cell"),
     ("poke", "poke success, route to Cell"),
-    ("connection manager", "the default route is now over wwan0"),
+    ("connection manager", "wwan0 is put on top"),
     ("reconnect", "connected to the cloud, from"),
 )
 RETURN = (
     ("poke", "poke success, route to ETH"),
-    ("connection manager", "the default route is now over eth0"),
+    ("connection manager", "eth0 is put on top"),
     ("reconnect", "connected to the cloud, from"),
 )
 
