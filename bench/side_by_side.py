@@ -7,8 +7,8 @@ For each contestant and fault a line: seconds from the fault to the first new TL
 moves of the default route; how many of them were unproven, that is without a handshake or check over the new path that
 the cloud has seen in the 30 s before; the part of the time, and the longest time without, in which that client reached
 the cloud; bytes of the contestant's own checks on Cellular (IP bytes on TCP ports 80 and 443; look-ups not counted), and
-what that makes an hour; the machine's load. Asserts nothing. Needs root, `script/bootstrap bench box`, and gateway-app and
-orv-source-routes (built; ORV_BUILD names the folder).
+what that makes an hour; the machine's load. Asserts nothing; the exit status is 1 when one could not be measured. Needs
+root. ORV_BUILD names the build.
 """
 from __future__ import annotations
 
@@ -19,6 +19,7 @@ import os
 import pathlib
 import queue
 import subprocess
+import sys
 import tempfile
 import threading
 import time
@@ -240,7 +241,8 @@ def line(result: Result) -> str:
 BOXES: queue.Queue[str] = queue.Queue()
 
 
-def main() -> None:
+def main() -> int:
+    """Returns the exit status: 1 when a contestant could not be measured."""
     parser = argparse.ArgumentParser(
         "side-by-side", description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter
     )
@@ -261,6 +263,7 @@ def main() -> None:
     for number in range(options.boxes):
         BOXES.put(f"{os.getpid() % 0xfffff:x}x{number:x}")
     print(HEAD, flush=True)
+    failed = 0
     with concurrent.futures.ThreadPoolExecutor(options.boxes) as pool:
         jobs = [(name, fault) for _ in range(options.runs) for fault in faults for name in names]
         jobs.sort(key=lambda job: -CONTESTANTS[job[0]]().settling)  # the longest first
@@ -269,8 +272,10 @@ def main() -> None:
             try:
                 print(line(done.result()), flush=True)
             except Exception:  # pylint: disable=broad-except
+                failed = 1
                 print(f"{' '.join(pending[done])}: failed", flush=True)
                 traceback.print_exc()
+    return failed
 
 
-main()
+sys.exit(main())
