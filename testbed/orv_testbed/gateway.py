@@ -241,7 +241,7 @@ class Gateway:
             raise BoxError(f"ConnMan has ended at once, see {self._layout.log('connman')}")
 
     def let_modem_switch_off(self) -> None:
-        """Behind the end of ConnMan, which orders it: one that starts before it has come about leaves Cellular off."""
+        """Waits until it is off, as ConnMan has ordered at its end. A ConnMan that starts before that leaves Cellular off."""
         ask = (
             "dbus-send",
             "--system",
@@ -291,8 +291,8 @@ class Gateway:
     def _connect_cellular(self) -> bool:
         """A cellular service connects by itself only after a first connection, and while its technology is enabled."""
         paths = [line.split()[-1] for line in (self.services() or "").splitlines() if line.split()[2] == "cellular"]
-        # Also where it is enabled already, as with a modem that was online before: otherwise ConnMan does not store it. A
-        # service shows that the technology is there to be told.
+        # A modem that was online before ConnMan has enabled the technology, but ConnMan stores only what it is told. The
+        # services are looked at first: when there is one, there is a technology that can be told.
         technology, powered = "/net/connman/technology/cellular", ("string:Powered", "variant:boolean:true")
         self.call("net.connman", technology, "net.connman.Technology.SetProperty", *powered)
         return bool(paths) and self.call("net.connman", paths[0], "net.connman.Service.Connect")
