@@ -301,8 +301,16 @@ class Gateway:
         services = {words[0]: words for words in map(str.split, (self.services() or "").splitlines())}
         connected = [name for name, words in services.items() if words[1] in ("ready", "online")]
         families = Families.of(self._layout.state)
+        with_ipv4 = [side for side in SIDES.values() if "4" in families.at(side)]
         with_ipv6 = [side for side in SIDES.values() if "6" in families.at(side)]
-        return len(connected) >= 2 and all(self._has_ipv6(side, services[side.interface]) for side in with_ipv6)
+        return (
+            len(connected) >= 2  # with one family each, whichever came first
+            and all(map(self._has_ipv4, with_ipv4))
+            and all(self._has_ipv6(side, services[side.interface]) for side in with_ipv6)
+        )
+
+    def _has_ipv4(self, side: Side) -> bool:
+        return bool(self.namespace.ip(f"-4 -o addr show dev {side.interface} scope global"))
 
     def _has_ipv6(self, side: Side, service: list[str]) -> bool:
         """An address that may be used, and a name server that ConnMan has heard of and has not lost again."""
