@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import pathlib
-import signal
 from typing import TYPE_CHECKING
 
 from orv_testbed.box_processes import BoxProcesses
@@ -115,7 +114,8 @@ class Ipv6:
         if self.lifetime() == LAST:
             if not comes_within(5, lambda: self._advertisements(name) > spoken):
                 raise BoxError(f"the router of {self._side.name} does not advertise, see {self._layout.log(name)}")
-            self._processes.end(name, signal.SIGKILL)
+            # Not killed: it tells its log first and sends then. Ended, it sends what it has begun, and nothing more.
+            self._processes.end(name)
 
     def _advertisements(self, name: str) -> int:
         log = self._layout.log(name)
